@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "Platform/Dispatch/Queue.h"
+
+namespace skelda::platform {
+
+/// What happened to a watched folder, as bits.
+enum FolderEvent : unsigned {
+  kFolderWritten = 1,  ///< an entry came, went or was renamed; an overflow counts as this
+  kFolderGone = 2,     ///< the folder itself was removed, renamed or unmounted
+};
+
+/// Watches one open folder (inotify, on the layer's one event thread). Made suspended; the handlers
+/// run on `queue`, the cancel handler exactly once, after the last event. Any thread.
+class FolderSource {
+ public:
+  /// Watches what `descriptor` (of a folder, O_PATH will do) stands for. A bad descriptor makes a
+  /// source that never fires. The descriptor stays the caller's and may be closed in the cancel
+  /// handler.
+  static std::shared_ptr<FolderSource> make(int descriptor, QueueRef queue);
+  virtual ~FolderSource() = default;
+  virtual void setEventHandler(std::function<void(unsigned events)> handler) = 0;
+  virtual void setCancelHandler(Block handler) = 0;
+  virtual void resume() = 0;
+  virtual void cancel() = 0;
+};
+
+}  // namespace skelda::platform

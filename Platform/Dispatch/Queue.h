@@ -1,0 +1,62 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Platform/Dispatch/Block.h"
+#include "Platform/Dispatch/Group.h"
+#include "Platform/Dispatch/Time.h"
+
+namespace skelda::platform {
+
+class Queue;
+using QueueRef = std::shared_ptr<Queue>;
+
+/// A dispatch queue. Cheap: no queue owns a thread. A serial queue runs its blocks one at a time in
+/// the order submitted, whatever mix of calls submitted them; a concurrent queue runs them side by
+/// side and a barrier block alone. A queue with a target runs its blocks on the target (a
+/// concurrent queue whose target is serial is serial). A queue keeps itself alive while it has
+/// blocks. Every operation is safe from any thread.
+///
+/// What an asynchronous block throws ends the process; what a synchronous one throws passes through
+/// to the caller and leaves the queue usable.
+class Queue : public std::enable_shared_from_this<Queue> {
+ public:
+  enum class Priority { high, normal, low, background };
+
+  static QueueRef serial(std::string_view label, QueueRef target = nullptr);
+  static QueueRef concurrent(std::string_view label, QueueRef target = nullptr);
+  /// Served by the layer's own thread, or by the host's in MainQueue::run().
+  static const QueueRef& main();
+  static const QueueRef& global(Priority priority = Priority::normal);
+
+  virtual ~Queue() = default;
+  virtual const std::string& label() const noexcept = 0;
+  /// Whether the calling thread is running a block of this queue, itself or through a queue that
+  /// targets it.
+  virtual bool isCurrent() const noexcept = 0;
+
+  virtual void async(Block block) = 0;
+  virtual void barrierAsync(Block block) = 0;
+  /// Enters `group` now, leaves it when the block has run.
+  virtual void groupAsync(const GroupRef& group, Block block) = 0;
+  /// Runs the block on the calling thread: at once when the queue is idle, else when its turn
+  /// comes. Waiting on a queue from inside a block of it dead-locks, as with any serial lock.
+  virtual void sync(BlockRef block) = 0;
+  virtual void barrierSync(BlockRef block) = 0;
+  /// Submits the block at `when`.
+  virtual void after(DispatchTime when, Block block) = 0;
+
+  /// Suspensions count; a suspended queue keeps its blocks in order and runs none (one that is
+  /// running goes on).
+  virtual void suspend() = 0;
+  virtual void resume() = 0;
+  /// Only before the first block is submitted.
+  virtual void setTarget(QueueRef target) = 0;
+};
+
+}  // namespace skelda::platform

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/Error.h"
+
+namespace skelda::platform {
+
+/// Sizes in bytes.
+struct FileSystemAttributes {
+  std::uint64_t size = 0;
+  std::uint64_t freeSize = 0;
+};
+
+/// Whole-file operations on paths (UTF-8). Folders are made with mode 0700, files with 0600.
+/// Failures come back as false or nothing with a POSIX error. Safe from any thread. Every method is
+/// virtual, so that a test can override the one it wants to break and forward the rest.
+class FileManager {
+ public:
+  virtual ~FileManager() = default;
+  /// The process-wide manager.
+  static const std::shared_ptr<FileManager>& defaultManager();
+
+  virtual bool fileExistsAtPath(const std::string& path) const;
+  virtual bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
+                                     ErrorRef* error = nullptr);
+  /// Publishes a copy: whoever watches the destination's folder sees the whole file or none.
+  /// Synchronised, folder included, when it returns. An existing destination is an error (EEXIST).
+  virtual bool copyItemAtPath(const std::string& source, const std::string& destination,
+                              ErrorRef* error = nullptr);
+  /// A file, or a folder with all that is in it; links are not followed.
+  virtual bool removeItemAtPath(const std::string& path, ErrorRef* error = nullptr);
+  virtual bool createFileAtPath(const std::string& path, const Data& contents = {},
+                                ErrorRef* error = nullptr);
+  /// Names, not paths, without "." and ".."; unordered.
+  virtual std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(
+      const std::string& path, ErrorRef* error = nullptr) const;
+  virtual std::optional<Data> contentsAtPath(const std::string& path,
+                                             ErrorRef* error = nullptr) const;
+  /// Atomically: temporary file, synchronise, rename over `path`, synchronise the folder. Otherwise
+  /// in place.
+  virtual bool writeData(const Data& data, const std::string& path, bool atomically,
+                         ErrorRef* error = nullptr);
+  virtual std::optional<FileSystemAttributes> attributesOfFileSystemForPath(
+      const std::string& path, ErrorRef* error = nullptr) const;
+  /// Sets the extended attribute user.xdg.robots.backup to "false"; true as well where the file
+  /// system has no attributes.
+  virtual bool excludeFromBackup(const std::string& path, ErrorRef* error = nullptr);
+
+  /// ${XDG_DATA_HOME:-~/.local/share}/<bundle identifier>, without the last component where the
+  /// main bundle has no identifier. Not created here.
+  static std::string applicationSupportDirectory();
+  /// ${XDG_DOCUMENTS_DIR:-~}
+  static std::string documentsDirectory();
+};
+
+}  // namespace skelda::platform

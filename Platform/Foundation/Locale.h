@@ -1,0 +1,16 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace skelda::platform {
+
+/// The user's locale as the environment has it (LC_ALL, LC_MESSAGES, LANG, in that order, then
+/// /etc/locale.conf and /etc/default/locale). Nothing for "C", "POSIX" and what does not parse.
+struct Locale {
+  std::optional<std::string> languageCode;  ///< ISO 639, lower case: "en"
+  std::optional<std::string> countryCode;   ///< ISO 3166, upper case: "GB"
+  static Locale current();
+};
+
+}  // namespace skelda::platform
