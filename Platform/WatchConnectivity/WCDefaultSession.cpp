@@ -1,0 +1,193 @@
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/LogFormat.h"
+
+namespace skelda::platform {
+namespace {
+
+const ErrorDomain& sessionErrorDomain() {
+  static const ErrorDomain domain = makeErrorDomain("WCErrorDomain");
+  return domain;
+}
+constexpr std::int64_t kPayloadTooLarge = 7009;
+
+}  // namespace
+
+std::shared_ptr<WCDefaultSession> WCDefaultSession::make(std::shared_ptr<WCTransport> transport) {
+  return std::shared_ptr<WCDefaultSession>(new WCDefaultSession(std::move(transport)));
+}
+
+WCDefaultSession::WCDefaultSession(std::shared_ptr<WCTransport> transport)
+    : transport_(std::move(transport)), queue_(Queue::serial("watchconnectivity.session")) {}
+
+void WCDefaultSession::activateSession() {
+  queue_->async([self = shared_from_this()] { self->onqueue_activate(); });
+}
+
+void WCDefaultSession::onqueue_activate() {
+  ErrorRef error;
+  if (!opened_) {
+    // The transport outlives no session: the callbacks must not keep this one alive.
+    std::weak_ptr<WCDefaultSession> weak = weak_from_this();
+    opened_ = transport_->open(
+        {.peerDidChange =
+             [weak](bool there) {
+               if (auto self = weak.lock())
+                 self->queue_->async([self, there] { self->onqueue_peerDidChange(there); });
+             },
+         .didReceivePacket =
+             [weak](Data packet) {
+               if (auto self = weak.lock())
+                 self->queue_->async([self, packet = std::move(packet)] {
+                   self->onqueue_didReceive(packet);
+                 });
+             }},
+        &error);
+  }
+  onqueue_tell(kWCActivationDidComplete, [&](WCSessionDelegate& delegate) {
+    delegate.sessionActivationDidComplete(*this, opened_, error);
+  });
+}
+
+void WCDefaultSession::setDelegate(const DelegateRef& delegate) {
+  DelegateRef old;
+  std::vector<DelegateObserver> observers;
+  {
+    std::lock_guard lock(mutex_);
+    old = delegate_.lock();
+    delegate_ = delegate;
+    for (const auto& [token, observer] : observers_) observers.push_back(observer);
+  }
+  for (const auto& observer : observers) observer(old, delegate);
+}
+
+WCSession::DelegateRef WCDefaultSession::delegate() const {
+  std::lock_guard lock(mutex_);
+  return delegate_.lock();
+}
+
+WCSession::Token WCDefaultSession::addDelegateObserver(DelegateObserver observer) {
+  std::lock_guard lock(mutex_);
+  observers_.emplace(++lastToken_, std::move(observer));
+  return lastToken_;
+}
+
+void WCDefaultSession::removeDelegateObserver(Token token) {
+  std::lock_guard lock(mutex_);
+  observers_.erase(token);
+}
+
+void WCDefaultSession::transferUserInfo(const Dictionary& userInfo) {
+  queue_->async([self = shared_from_this(), userInfo] { self->onqueue_transferUserInfo(userInfo); });
+}
+
+void WCDefaultSession::onqueue_transferUserInfo(const Dictionary& userInfo) {
+  outgoing_.push_back({++lastIdentifier_, {userInfo}, false});
+  onqueue_handOver();
+}
+
+bool WCDefaultSession::sendMessage(const Dictionary& message) {
+  if (!reachable_) return false;
+  return transport_->send(WCPacket{WCPacket::Kind::message, 0, message}.encoded());
+}
+
+void WCDefaultSession::onqueue_handOver() {
+  for (std::size_t i = 0; reachable_ && i < outgoing_.size();) {
+    if (outgoing_[i].handedOver) {
+      ++i;
+      continue;
+    }
+    const Data packet =
+        WCPacket{WCPacket::Kind::userInfo, outgoing_[i].identifier, outgoing_[i].transfer.userInfo}
+            .encoded();
+    if (packet.length() > WCPacketFraming::kMaximumLength) {
+      const Outgoing refused = std::move(outgoing_[i]);
+      outgoing_.erase(outgoing_.begin() + static_cast<std::ptrdiff_t>(i));
+      onqueue_finish(refused, std::make_shared<Error>(sessionErrorDomain(), kPayloadTooLarge));
+      continue;
+    }
+    if (!transport_->send(packet)) return;
+    outgoing_[i++].handedOver = true;
+  }
+}
+
+void WCDefaultSession::onqueue_peerDidChange(bool there) {
+  if (reachable_.exchange(there) == there) return;
+  onqueue_tell(kWCReachabilityDidChange, [&](WCSessionDelegate& delegate) {
+    delegate.sessionReachabilityDidChange(*this);
+  });
+  // What a peer took with it unacknowledged is offered to the next one.
+  for (auto& outgoing : outgoing_) outgoing.handedOver = false;
+  onqueue_handOver();
+}
+
+void WCDefaultSession::onqueue_didReceive(const Data& bytes) {
+  const auto packet = WCPacket::decoded(bytes.view());
+  if (!packet) {
+    SKELDA_PLATFORM_LOG("WCSession: refused {} bytes that are no packet", bytes.length());
+    transport_->dropPeer();
+    return;
+  }
+  switch (packet->kind) {
+    case WCPacket::Kind::received:
+      onqueue_didAcknowledge(packet->identifier);
+      break;
+    case WCPacket::Kind::message:
+      onqueue_tell(kWCDidReceiveMessage, [&](WCSessionDelegate& delegate) {
+        delegate.sessionDidReceiveMessage(*this, packet->content);
+      });
+      break;
+    case WCPacket::Kind::userInfo:
+      onqueue_tell(kWCDidReceiveUserInfo, [&](WCSessionDelegate& delegate) {
+        delegate.sessionDidReceiveUserInfo(*this, packet->content);
+      });
+      // After the delegate: what fails here is sent to us again.
+      transport_->send(WCPacket{WCPacket::Kind::received, packet->identifier, {}}.encoded());
+      break;
+  }
+}
+
+void WCDefaultSession::onqueue_didAcknowledge(std::uint64_t identifier) {
+  const auto found = std::find_if(outgoing_.begin(), outgoing_.end(), [&](const Outgoing& o) {
+    return o.identifier == identifier && o.handedOver;
+  });
+  if (found == outgoing_.end()) return;
+  const Outgoing done = std::move(*found);
+  outgoing_.erase(found);
+  onqueue_finish(done, nullptr);
+}
+
+void WCDefaultSession::onqueue_finish(const Outgoing& outgoing, const ErrorRef& error) {
+  onqueue_tell(kWCDidFinishUserInfoTransfer, [&](WCSessionDelegate& delegate) {
+    delegate.sessionDidFinishUserInfoTransfer(*this, outgoing.transfer, error);
+  });
+}
+
+template <class F>
+void WCDefaultSession::onqueue_tell(WCSessionDelegateCall call, F&& make) {
+  const DelegateRef delegate = this->delegate();
+  if (delegate == nullptr) return;
+  try {
+    if ((delegate->answeredCalls() & call) != 0) make(*delegate);
+  } catch (const std::exception& exception) {
+    SKELDA_PLATFORM_LOG("WCSession: the delegate threw {}", exception.what());
+  } catch (...) {
+    SKELDA_PLATFORM_LOG("WCSession: the delegate threw");
+  }
+}
+
+void installWatchConnectivity(std::shared_ptr<WCTransport> transport) {
+  ClassRegistry::shared().registerClass(
+      {.name = "WCSession",
+       .superclass = {},
+       .protocols = {},
+       .factory = [session = WCDefaultSession::make(std::move(transport))] { return session; }});
+}
+
+}  // namespace skelda::platform
