@@ -1,0 +1,15 @@
+#pragma once
+
+#include "Platform/Foundation/Export.h"
+
+/// The two requests that a user can make under the CCPA. Any thread, not from inside a log sink;
+/// nothing throws and nothing waits. What is said before the first event waits in memory until that
+/// event has started the agent.
+class SKELDA_EXPORT SkeldaCCPA {
+ public:
+  SkeldaCCPA() = delete;
+  /// Whether the user opts out of the sale of their data.
+  static void setDataSaleOptOut(bool optOut) noexcept;
+  /// The user wants their data deleted.
+  static void setDelete() noexcept;
+};

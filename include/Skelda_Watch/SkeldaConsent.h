@@ -1,0 +1,32 @@
+#pragma once
+
+#include "Platform/Foundation/Export.h"
+#include "SkeldaValue.h"
+
+/// What the user has consented to: whether they are in scope of the GDPR, and consent strings by
+/// the name of the framework they belong to. A value.
+///
+/// The agent keeps consent in memory and tells its own observers; it writes it to no log and sends
+/// it nowhere.
+class SKELDA_EXPORT SkeldaConsent {
+ public:
+  SkeldaConsent() = default;
+  SkeldaConsent(bool isGDPRScope, SkeldaDictionary consentStrings, bool isLICNEnabled = false);
+
+  bool isGDPRScope() const noexcept { return isGDPRScope_; }
+  const SkeldaDictionary& consentStrings() const noexcept { return consentStrings_; }
+  /// Legitimate contract interest necessity.
+  bool isLICNEnabled() const noexcept { return isLICNEnabled_; }
+
+  /// Replaces the current consent. False when the user is in scope and there are no strings (the
+  /// consent counts all the same), and false, with a log line, when it was refused: from inside a
+  /// log sink, or for a string that is not UTF-8 text. Any thread, never throws.
+  static bool updateConsentInformation(const SkeldaConsent& consent) noexcept;
+  /// The current consent; out of scope and empty at first. Any thread, never throws.
+  static SkeldaConsent getConsent() noexcept;
+
+ private:
+  bool isGDPRScope_ = false;
+  SkeldaDictionary consentStrings_;
+  bool isLICNEnabled_ = false;
+};
