@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "Analytics/Streaming/Core/ISkeldaStreamDropRule.h"
+#include "Platform/Foundation/Date.h"
+#include "Platform/Platform.h"
+
+class SkeldaStreamEvent;
+
+/// Caps the events of a watch session, by number and by time since the session's earliest event,
+/// and drops events that repeat an id. At the end of a session it supplies the event summary.
+/// No lock: used on one queue. Nothing of it outlives the process.
+class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
+ public:
+  /// `maxDuration` in minutes.
+  static std::shared_ptr<SkeldaWatchStreamEventDropRule> eventDropRuleWithMaxEventThreshold(
+      std::int32_t maxEventThreshold, std::int32_t maxDuration);
+
+  std::vector<ISkeldaStreamMessage::Ref> prependMessagesBefore(
+      const ISkeldaStreamMessage::Ref& message) override;
+  bool shouldDropMessage(const ISkeldaStreamMessage::Ref& message) override;
+  void reset() override;
+
+  /// Kept and dropped events of the session.
+  std::uint32_t getEventCount() const noexcept;
+  bool doesNotExceedSessionMaxDuration(const SkeldaStreamEvent& event) const;
+
+  const std::set<std::string>& eventsSet() const noexcept { return eventsSet_; }
+  const std::unordered_set<std::uint32_t>& sentEventsSet() const noexcept { return sentEventsSet_; }
+  const std::unordered_set<std::uint32_t>& droppedEventsSet() const noexcept {
+    return droppedEventsSet_;
+  }
+  std::int32_t maxEventThreshold() const noexcept { return maxEventThreshold_; }
+  std::int32_t maxSessionDuration() const noexcept { return maxSessionDuration_; }
+  platform::Date initialTimeStamp() const noexcept { return initialTimeStamp_; }
+
+ private:
+  SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold, std::int32_t maxDuration);
+
+  std::set<std::string> eventsSet_;  // Names let through: kept, never consulted.
+  std::unordered_set<std::uint32_t> sentEventsSet_;
+  std::unordered_set<std::uint32_t> droppedEventsSet_;
+  const std::int32_t maxEventThreshold_;
+  const std::int32_t maxSessionDuration_;
+  platform::Date initialTimeStamp_ = platform::Date::distantFuture();
+};

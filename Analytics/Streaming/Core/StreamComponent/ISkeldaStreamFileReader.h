@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
+#include "Platform/Foundation/Error.h"
+
+/// Who hears what became of a file that a reader was given: exactly one call per file.
+class ISkeldaStreamFileReaderDelegate {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaStreamFileReaderDelegate";
+  virtual ~ISkeldaStreamFileReaderDelegate() = default;
+  virtual void processingCompleteForFile(const std::string& fileName) = 0;
+  /// `error` is null when the file was merely empty.
+  virtual void processingFailedForFile(const std::string& fileName, platform::ErrorRef error) = 0;
+};
+
+/// A stage of the transfer side that reads committed frame logs.
+class ISkeldaStreamFileReader : public virtual ISkeldaStreamComponent {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaStreamFileReader";
+
+  /// Reads the file `fileName` of the folder `path`. Any thread; returns at once.
+  virtual void processFile(const std::string& fileName, const std::string& path) = 0;
+  /// Held weakly.
+  virtual void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate) = 0;
+};
