@@ -5,13 +5,18 @@
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
 
-/// Receives the user-info dictionaries that come from the phone.
+// Keys of the user infos that the agent and the phone's agent exchange.
+inline constexpr std::string_view kIOSVendorIDKey = "skelda://id1";
+inline constexpr std::string_view kIOSInstallationIDKey = "skelda://id2";
+inline constexpr std::string_view kWatchOSResponseKey = "skelda://id3";
+
+/// The agent's own receiver of what comes over the phone session. Called on the connectivity queue.
 class ISkeldaWatchConnectivityReceiver {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaWatchConnectivityReceiver";
   virtual ~ISkeldaWatchConnectivityReceiver() = default;
-  /// Whether the dictionary held something for the receiver. Any thread.
+  /// Every user info, the host's as well. Returns whether it held an identifier.
   virtual bool didReceiveUserInfo(const platform::Dictionary& userInfo) = 0;
-  /// Whether the dictionary is one that the receiver sent. Any thread.
+  /// Whether a finished transfer was the agent's own.
   virtual bool isSkeldaUserInfo(const platform::Dictionary& userInfo) = 0;
 };

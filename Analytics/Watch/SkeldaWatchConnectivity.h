@@ -1,27 +1,56 @@
 #pragma once
 
 #include <memory>
-#include <string_view>
 
 #include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
+#include "Analytics/Watch/SkeldaWatchConnectivityProxy.h"
+#include "Platform/Dispatch/Queue.h"
+#include "Platform/Platform.h"
+#include "Platform/WatchConnectivity/WCSession.h"
 
-// The marker keys of the agent's own messages between watch and phone.
-inline constexpr std::string_view kIOSVendorIDKey = "skelda://id1";
-inline constexpr std::string_view kIOSInstallationIDKey = "skelda://id2";
-inline constexpr std::string_view kWatchOSResponseKey = "skelda://id3";
-
-/// The agent's share in the host's session with the phone. Where no session class is linked it says
-/// so once and stays inert. Any thread: every call is posted to its queue.
-class SkeldaWatchConnectivity {
+/// Shares the phone session with the host: keeps a proxy in the place of the host's delegate,
+/// whichever the host sets and whenever. Without the session component it is inert. Every public
+/// call but defaultConnectivty() returns at once and works on the connectivity queue; nothing
+/// throws.
+class SkeldaWatchConnectivity : public std::enable_shared_from_this<SkeldaWatchConnectivity> {
  public:
-  static std::shared_ptr<SkeldaWatchConnectivity> defaultConnectivty();
+  /// The one of the process ("Connectivty" is how the name goes).
+  static const std::shared_ptr<SkeldaWatchConnectivity>& defaultConnectivty();
+  /// One of its own, over the session that the class registry makes at this moment.
+  static std::shared_ptr<SkeldaWatchConnectivity> connectivity();
+
+  /// Installs the proxy, watches for other delegates, and activates the session.
   void setup();
+  /// Gives the session back the host's delegate.
   void teardown();
   void transferUserInfo(platform::Dictionary userInfo);
-  void setDelegate(std::weak_ptr<ISkeldaWatchConnectivityReceiver> receiver);
+  /// The agent's receiver, held weakly.
+  void setDelegate(std::weak_ptr<ISkeldaWatchConnectivityReceiver> delegate);
+  /// One-way: no set-up and no tracking of delegates any more. An installed proxy stays.
   void disableWatchConnectivity();
   void disableTransferSkeldaInfo();
 
+  const platform::QueueRef& queue() const { return queue_; }
+
  private:
   SkeldaWatchConnectivity();
+  void onqueue_setup();
+  void onqueue_cacheAndReplaceSessionDelegate();
+  void onqueue_restoreCachedSessionDelegate();
+  void onqueue_setSessionDelegate(const platform::WCSession::DelegateRef& delegate,
+                                  bool withKVOSetUp);
+  void onqueue_setupKVO();
+  void onqueue_removeKVO();
+  void onqueue_checkNewDelegate(const platform::WCSession::DelegateRef& delegate);
+  /// Posts to the connectivity queue; what the block throws is reported and dropped.
+  template <class F>
+  void post(F&& block);
+
+  const platform::QueueRef queue_;
+  const std::shared_ptr<platform::WCSession> session_;
+  const std::shared_ptr<SkeldaWatchConnectivityProxy> proxy_;
+  platform::WCSession::Token observation_ = 0;
+  bool disabled_ = false;
+  bool disableTransferInfo_ = false;
+  bool kvoSetup_ = false;
 };

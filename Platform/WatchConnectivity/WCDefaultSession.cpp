@@ -44,9 +44,8 @@ void WCDefaultSession::onqueue_activate() {
          .didReceivePacket =
              [weak](Data packet) {
                if (auto self = weak.lock())
-                 self->queue_->async([self, packet = std::move(packet)] {
-                   self->onqueue_didReceive(packet);
-                 });
+                 self->queue_->async(
+                     [self, packet = std::move(packet)] { self->onqueue_didReceive(packet); });
              }},
         &error);
   }
@@ -84,7 +83,8 @@ void WCDefaultSession::removeDelegateObserver(Token token) {
 }
 
 void WCDefaultSession::transferUserInfo(const Dictionary& userInfo) {
-  queue_->async([self = shared_from_this(), userInfo] { self->onqueue_transferUserInfo(userInfo); });
+  queue_->async(
+      [self = shared_from_this(), userInfo] { self->onqueue_transferUserInfo(userInfo); });
 }
 
 void WCDefaultSession::onqueue_transferUserInfo(const Dictionary& userInfo) {
@@ -119,9 +119,8 @@ void WCDefaultSession::onqueue_handOver() {
 
 void WCDefaultSession::onqueue_peerDidChange(bool there) {
   if (reachable_.exchange(there) == there) return;
-  onqueue_tell(kWCReachabilityDidChange, [&](WCSessionDelegate& delegate) {
-    delegate.sessionReachabilityDidChange(*this);
-  });
+  onqueue_tell(kWCReachabilityDidChange,
+               [&](WCSessionDelegate& delegate) { delegate.sessionReachabilityDidChange(*this); });
   // What a peer took with it unacknowledged is offered to the next one.
   for (auto& outgoing : outgoing_) outgoing.handedOver = false;
   onqueue_handOver();

@@ -19,6 +19,7 @@ class WCDefaultSession : public WCSession, public std::enable_shared_from_this<W
  public:
   static std::shared_ptr<WCDefaultSession> make(std::shared_ptr<WCTransport> transport);
 
+  std::shared_ptr<WCSession> retainedSelf() override { return shared_from_this(); }
   void activateSession() override;
   bool isReachable() const override { return reachable_; }
   void setDelegate(const DelegateRef& delegate) override;

@@ -32,8 +32,9 @@ std::optional<WCPacket::Kind> kindNamed(const Value* value) {
 }
 
 bool isIdentifier(const Value* value) {
-  return value != nullptr && (value->kind() == Value::Kind::unsignedInteger ||
-                              (value->kind() == Value::Kind::integer && value->integerValue() >= 0));
+  return value != nullptr &&
+         (value->kind() == Value::Kind::unsignedInteger ||
+          (value->kind() == Value::Kind::integer && value->integerValue() >= 0));
 }
 
 }  // namespace

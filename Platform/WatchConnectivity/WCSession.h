@@ -60,6 +60,8 @@ class WCSession : public Object {
 
   std::string_view className() const noexcept override { return "WCSession"; }
 
+  /// The session itself, for a call that is dealt with after the delegate has returned.
+  virtual std::shared_ptr<WCSession> retainedSelf() = 0;
   /// Opens the link; the delegate hears how it went. Activating again only tells it once more.
   virtual void activateSession() = 0;
   virtual bool isReachable() const = 0;

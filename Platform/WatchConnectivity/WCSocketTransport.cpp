@@ -28,7 +28,9 @@ bool addressOf(const std::string& path, sockaddr_un* address) {
   return true;
 }
 
-int newSocket() { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
+int newSocket() {
+  return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
 
 /// Whether a socket stands at the path that nobody listens to any more.
 bool isStale(const sockaddr_un& address) {
