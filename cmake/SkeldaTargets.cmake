@@ -3,6 +3,11 @@
 find_package(Threads REQUIRED)
 find_package(fmt REQUIRED)
 find_package(PkgConfig REQUIRED)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+find_package(nlohmann_json REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(CURL REQUIRED)
 
 add_library(skelda_flags INTERFACE)
 target_compile_options(skelda_flags INTERFACE
@@ -10,6 +15,11 @@ target_compile_options(skelda_flags INTERFACE
 target_include_directories(skelda_flags INTERFACE
   ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(skelda_flags INTERFACE Threads::Threads fmt::fmt)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  # What no one calls does not reach the installed library.
+  target_compile_options(skelda_flags INTERFACE -ffunction-sections -fdata-sections)
+  target_link_options(skelda_flags INTERFACE -Wl,--gc-sections)
+endif()
 if(SKELDA_SANITIZE)
   target_compile_options(skelda_flags INTERFACE
     -fsanitize=${SKELDA_SANITIZE} -fno-sanitize-recover=all)
@@ -32,6 +42,20 @@ function(skelda_component name folder)
   set_property(GLOBAL APPEND PROPERTY SKELDA_COMPONENTS ${name})
 endfunction()
 
+# skelda_optional_component(NAME FOLDER [DEPENDS target ...])
+# A folder that is not part of the library: a static library of its own, which a program links when
+# it wants what is in it. It is installed beside the library as libSkelda_Watch_NAME.a.
+function(skelda_optional_component name folder)
+  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
+  if(NOT sources)
+    return()
+  endif()
+  add_library(${name} STATIC ${sources})
+  target_link_libraries(${name} PUBLIC skelda_flags ${arg_DEPENDS})
+  set_property(GLOBAL APPEND PROPERTY SKELDA_OPTIONAL_COMPONENTS ${name})
+endfunction()
+
 # skelda_test(NAME FOLDER [DEPENDS target ...])
 # One GoogleTest program from every source file of a folder below Tests/, registered case by case.
 function(skelda_test name folder)
@@ -45,4 +69,25 @@ function(skelda_test name folder)
     GTest::gtest GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+endfunction()
+
+# skelda_fuzz(NAME SOURCE [DEPENDS target ...])
+# One libFuzzer program. Its kept inputs are in Fuzz/corpus/NAME.
+function(skelda_fuzz name source)
+  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  set_target_properties(${name} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/fuzzers)
+endfunction()
+
+# skelda_benchmark(NAME SOURCE [DEPENDS target ...])
+# One Google Benchmark program; scripts/bench runs every program of its output folder.
+function(skelda_benchmark name source)
+  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS} benchmark::benchmark_main)
+  set_target_properties(${name} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/benchmarks)
 endfunction()
