@@ -151,8 +151,7 @@ class Phone {
           break;
       }
     }
-    std::printf("%llu user infos taken by the watch\n",
-                static_cast<unsigned long long>(confirmed));
+    std::printf("%llu user infos taken by the watch\n", static_cast<unsigned long long>(confirmed));
     return true;
   }
 
@@ -168,11 +167,13 @@ class Phone {
 int main(int argc, char** argv) {
   Options options;
   CLI::App app(
-      "Stands in for the paired phone: hands the watch its vendor and installation identifiers and\n"
+      "Stands in for the paired phone: hands the watch its vendor and installation identifiers "
+      "and\n"
       "waits for the acknowledgement.\n"
       "Exit status: 0 acknowledged, 1 not acknowledged in time, 2 no watch at the socket.");
   app.add_option("socket", options.socket, "The watch host's Unix-domain socket")->required();
-  app.add_option("--vendor-id", options.vendorIdentifier, "Vendor identifier (default: a new UUID)");
+  app.add_option("--vendor-id", options.vendorIdentifier,
+                 "Vendor identifier (default: a new UUID)");
   app.add_option("--installation-id", options.installationIdentifier,
                  "Installation identifier, hexadecimal (default: 16 random bytes)");
   app.add_flag("--no-identifiers", options.noIdentifiers, "Send no identifiers");
