@@ -1,0 +1,83 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Analytics/Networking/DataSender/SkeldaDataSenderBase.h"
+#include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
+#include "Platform/Foundation/Data.h"
+#include "Platform/Platform.h"
+
+inline constexpr std::string_view kSkeldaSenderIndexFileName = "SkeldaSenderIndex.info";
+
+/// What the frame log sender needs of a data sender.
+class ISkeldaFrameLogDataSender {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaFrameLogDataSender";
+  virtual ~ISkeldaFrameLogDataSender() = default;
+  /// Returns once the bytes are a stored block that the index names, both synchronised. False where
+  /// they could not be stored: then they are still the caller's to keep.
+  virtual bool sendFrameLogData(platform::Data data) = 0;
+};
+
+/// Stores payloads as blocks, posts them to the ingestion server, and drops a block when the server
+/// has accepted it or calls it malformed. Everything else is sent again after the next success or
+/// network change. Public calls are safe from any thread but the main one and run on `queue`.
+class SkeldaDataSender : public SkeldaDataSenderBase,
+                         public SkeldaURLSessionTaskDelegate,
+                         public ISkeldaFrameLogDataSender {
+ public:
+  using TaskRef = SkeldaDataSenderBase::TaskRef;
+  using ApiKeySource = std::function<std::optional<std::string>()>;
+
+  /// Makes the process-wide instance; once it is there, further calls change nothing.
+  static void setupInstanceWithQueue(
+      platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker =
+                                    SkeldaBackgroundTaskTracker::defaultTracker());
+  /// Null before set-up.
+  static std::shared_ptr<SkeldaDataSender> sharedInstance();
+  /// An instance of one's own, with a key of one's own. Two must not use one storage folder.
+  static std::shared_ptr<SkeldaDataSender> senderWithQueue(
+      platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
+      ApiKeySource apiKey);
+
+  std::string_view className() const noexcept override { return "SkeldaDataSender"; }
+  bool sendFrameLogData(platform::Data data) override;
+  bool sendFrameLogData(platform::Data data, CompletionHandler completionHandler);
+  bool sendSessionsData(platform::Data data, CompletionHandler completionHandler = nullptr);
+
+  /// The new block's identifier; nothing where it could not be stored.
+  std::optional<std::string> storeData(const platform::Data& data);
+  void removeStoredDataWithIdentifier(const std::string& identifier);
+  bool everSentReportSuccessfully() const noexcept;
+  void sendData(std::shared_ptr<const platform::Data> data, const std::string& identifier);
+  /// Sends the stored blocks that are not in flight, as far as the window goes. Posted.
+  void retransmitNotSentBlocks();
+
+  void skeldaUrlRequestDidSucceed(const TaskRef& task, const ResponseRef& response) override;
+  void skeldaUrlRequestDidFail(const TaskRef& task, const ResponseRef& response) override;
+  void skeldaUrlRequestDidCancel(const TaskRef& task, const ResponseRef& response) override;
+
+  const std::shared_ptr<SkeldaDataSenderIndex>& dataIndex() const noexcept { return dataIndex_; }
+  /// "Data_" + hash of the API key + "_261"; the first use prepares the index for it.
+  std::string dataKey();
+
+ private:
+  SkeldaDataSender(platform::QueueRef queue,
+                   std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
+                   ApiKeySource apiKey);
+
+  bool storeAndSend(platform::Data data, CompletionHandler completionHandler);
+  void requestSuccessComplete(const TaskRef& task, const ResponseRef& response);
+  void requestFailedComplete(const TaskRef& task, const ResponseRef& response);
+  void onqueue_retransmitNotSentBlocks();
+  void performRetransmitNotSentBlocks() override;
+  void didCompleteAllTasks() override;
+
+  ApiKeySource apiKey_;
+  std::shared_ptr<SkeldaDataSenderIndex> dataIndex_;
+  bool indexPrepared_ = false;
+};

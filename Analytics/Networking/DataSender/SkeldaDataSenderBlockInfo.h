@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/Date.h"
+#include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/Value.h"
+#include "Platform/Platform.h"
+
+/// One stored payload: what the index says of it, and a file in the storage folder, named by the
+/// identifier, that holds its bytes. Disk work is done on the calling thread, never the main one.
+class SkeldaDataSenderBlockInfo : public platform::Object {
+ public:
+  using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
+  /// What reading the file came to: `gone` is for good (no file, or not the bytes that were
+  /// stored), `unreadable` may pass (no descriptors, an input error).
+  enum class ReadStatus { whole, gone, unreadable };
+
+  /// Stores `data` under a new identifier, synchronised; null where that fails (logged).
+  static BlockRef blockWithData(const platform::Data& data);
+  /// From an archive; null for what is no block, or names a file that no block can have.
+  static BlockRef blockWithCoder(const platform::Value& archived);
+  platform::Value encoded() const;
+  /// Whether a file of that name can be a block's.
+  static bool isBlockFileName(std::string_view name) noexcept;
+
+  std::string_view className() const noexcept override { return "SkeldaDataSenderBlockInfo"; }
+  const std::string& identifier() const noexcept { return identifier_; }
+  /// Set while the block is being sent again; empty before. Not archived.
+  std::string groupIdentifier() const;
+  void setGroupIdentifier(std::string groupIdentifier);
+  std::uint64_t dataSize() const noexcept { return dataSize_; }
+  platform::Date creationDate() const noexcept { return creationDate_; }
+
+  /// The stored bytes; nothing where the file is missing or holds something else.
+  std::optional<platform::Data> data(ReadStatus* status = nullptr) const;
+  bool setData(const platform::Data& data);
+  void deletePersistentData() const;
+  std::string description() const;
+
+ private:
+  explicit SkeldaDataSenderBlockInfo(std::string identifier);
+  std::string filePath() const;
+
+  const std::string identifier_;
+  mutable std::mutex mutex_;
+  std::string groupIdentifier_;  // guarded by mutex_: the index compares it on a queue of its own
+  std::uint64_t dataSize_ = 0;
+  platform::Date creationDate_{};
+};

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
+#include "Platform/Dispatch/Queue.h"
+#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/Object.h"
+#include "Platform/Platform.h"
+
+/// Blocks that one data key may hold.
+inline constexpr std::size_t kSkeldaMaxReportedNotSentSessions = 50;
+
+/// The stored blocks per data key, oldest first, kept in one archive in the storage folder. The
+/// file is replaced atomically after every change; a block's bytes are on disk before the index
+/// names it. Any thread but the main one; the map is touched on `indexMapQueue` only.
+///
+/// A file that cannot be read just now leaves the index unread: it is tried again at each use, and
+/// until it has been read nothing is added, saved or swept.
+class SkeldaDataSenderIndex : public platform::Object,
+                              public std::enable_shared_from_this<SkeldaDataSenderIndex> {
+ public:
+  using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
+  using Blocks = std::vector<BlockRef>;
+
+  /// Reads the file of that name; absent or malformed is empty. Block files that a kill left
+  /// without an entry are removed once the index has been read.
+  static std::shared_ptr<SkeldaDataSenderIndex> instantiatedIndexWithIndexFile(
+      const std::string& fileName);
+
+  std::string_view className() const noexcept override { return "SkeldaDataSenderIndex"; }
+  /// Whether the file has been read; tries again if not.
+  bool isReadable();
+
+  /// Returns once the index that names the block is on disk. False where it could not be put there;
+  /// then the block is not in the index.
+  bool addBlockInfo(const BlockRef& block, const std::string& forDataKey);
+  /// Every block whose identifier or group identifier it is, with its file. Posted.
+  void removeBlockInfoWithIdentifier(const std::string& identifier, const std::string& forDataKey);
+  /// Drops the blocks of every other key.
+  void setupForCurrentDataKey(const std::string& dataKey);
+  /// Drops the oldest blocks beyond the limit. Posted.
+  void discardOutdatedBlocksForDataKey(const std::string& dataKey);
+  /// The same by creation date. Posted.
+  void discardOldBlocksForDataKey(const std::string& dataKey);
+  /// A copy, oldest first.
+  Blocks notSentBlocksForDataKey(const std::string& dataKey);
+  /// Writes the whole index; false where that failed or the index is unread.
+  bool saveState();
+
+  bool sentReportSuccessfully() const noexcept { return sentReportSuccessfully_; }
+  void setSentReportSuccessfully(bool sent) noexcept { sentReportSuccessfully_ = sent; }
+  const std::string& fileName() const noexcept { return fileName_; }
+
+  /// The archive's form, and what is made of one: entries that are no blocks are left out.
+  platform::Data archived() const;
+  static std::map<std::string, Blocks> blocksFromArchive(const platform::Data& archive,
+                                                         bool* sentReportSuccessfully);
+
+ private:
+  explicit SkeldaDataSenderIndex(std::string fileName);
+  std::string filePath() const;
+
+  bool onqueue_read();
+  void onqueue_sweepOrphanedBlocks();
+  bool onqueue_saveState();
+  void onqueue_saveSoon();
+  void onqueue_discardOldest(const std::string& dataKey);
+
+  std::string fileName_;
+  platform::QueueRef indexMapQueue_;
+  std::map<std::string, Blocks> indexMap_;
+  std::atomic<bool> sentReportSuccessfully_ = false;
+  bool read_ = false;
+  bool savePending_ = false;
+};

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
+#include "Analytics/Utils/ISkeldaStreamFileManager.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+#include "Platform/Dispatch/FolderSource.h"
+#include "Platform/Platform.h"
+
+/// Watches the folder of committed logs and tells its observers when it was written. A watch that
+/// is lost, because the folder was removed or replaced, is made again together with the folder.
+class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvider {
+ public:
+  static std::shared_ptr<SkeldaNodeDataProvider> nodeDataProviderWithFilePath(
+      std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager);
+  ~SkeldaNodeDataProvider() override;
+  /// Does nothing.
+  static void wipe() {}
+
+  std::string_view className() const noexcept override { return "SkeldaNodeDataProvider"; }
+  const std::string& filePath() const noexcept { return filePath_; }
+  void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> observer) override;
+  void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>& observer) override;
+  void forceRefresh(Completion completion) override;
+  /// Cancels the watch and begins it afresh.
+  void recreateDispatchSource();
+
+ protected:
+  void onqueue_alertDelegateOfEvents(unsigned events);
+
+ private:
+  friend class SkeldaActor;
+  SkeldaNodeDataProvider(std::string filePath,
+                         std::shared_ptr<ISkeldaStreamFileManager> fileManager);
+
+  void onqueue_beginMonitoringFile();
+  void onqueue_watchAgainLater();
+  void onqueue_recreateDispatchSource();
+  void onqueue_sourceWasCancelled(int descriptor);
+  void onqueue_alertDelegateOfWrite();
+  void onqueue_notifyObserver();
+
+  const std::string filePath_;
+  const std::shared_ptr<ISkeldaStreamFileManager> fileManager_;
+  std::vector<std::shared_ptr<SkeldaNodeDataProviderObserver>> observerArray_;
+  std::shared_ptr<platform::FolderSource> source_;
+  int fileDescriptor_ = 0;
+  bool keepMonitoringFile_ = false;
+  bool alertWhenWatching_ = false;
+  std::chrono::nanoseconds retryDelay_{0};
+  std::shared_ptr<const SkeldaNodeData> nodeData_;
+};

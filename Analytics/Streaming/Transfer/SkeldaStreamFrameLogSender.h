@@ -1,0 +1,56 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
+#include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamComponentBase.h"
+#include "Analytics/Utils/ISkeldaStreamFileHandle.h"
+#include "Platform/Platform.h"
+
+/// What a test application may define under the class name "SkeldaStreamingObserver" to see every
+/// frame log that is sent.
+class ISkeldaStreamingDataObserver {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaStreamingDataObserver";
+  virtual ~ISkeldaStreamingDataObserver() = default;
+  virtual void frameLogFileDidUpdate(const std::string& fullPath) = 0;
+};
+
+/// Reads a frame log whole and gives its bytes to the data sender. A log counts as processed once
+/// the data sender has stored it; where it cannot store, the log stays and the failure is reported
+/// as a lost connection, each time after a longer wait.
+class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
+                                   public ISkeldaStreamFileReader {
+ public:
+  static std::shared_ptr<SkeldaStreamFrameLogSender> frameLogSenderWithFileHandle(
+      std::shared_ptr<ISkeldaStreamFileHandle> fileHandle);
+  /// With a data sender of one's own instead of the process-wide one.
+  static std::shared_ptr<SkeldaStreamFrameLogSender> frameLogSenderWithFileHandle(
+      std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
+      std::shared_ptr<ISkeldaFrameLogDataSender> dataSender);
+
+  std::string_view className() const noexcept override { return "SkeldaStreamFrameLogSender"; }
+  void startup() override;
+  void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate) override;
+  void processFile(const std::string& fileName, const std::string& atPath) override;
+
+ private:
+  friend class SkeldaActor;
+  SkeldaStreamFrameLogSender(std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
+                             std::shared_ptr<ISkeldaFrameLogDataSender> dataSender);
+  void didInit() override;
+
+  void setupDataSender();
+  void onqueue_enableTestAppObserver();
+  void onqueue_processFile(const std::string& fileName, const std::string& folder);
+  void onqueue_reportNotStored(const std::string& fileName);
+
+  const std::shared_ptr<ISkeldaStreamFileHandle> fileHandle_;
+  std::shared_ptr<ISkeldaFrameLogDataSender> dataSender_;
+  std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate_;
+  std::shared_ptr<ISkeldaStreamingDataObserver> dataObserver_;
+  std::chrono::nanoseconds storeRetryDelay_{0};
+};

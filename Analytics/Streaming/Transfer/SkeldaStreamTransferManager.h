@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
+#include "Analytics/Streaming/Transfer/ISkeldaStreamTransferManager.h"
+#include "Analytics/Streaming/Transfer/SkeldaFileState.h"
+#include "Analytics/Utils/ISkeldaStreamFileManager.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+#include "Platform/Foundation/Value.h"
+#include "Platform/Platform.h"
+
+/// Keeps one record per file of the committed folder, runs each through its states, and holds to
+/// the limits on files kept and on transfers at a time. All state lives on the actor's queue;
+/// records live in memory only, so after a restart every file waits again.
+class SkeldaStreamTransferManager : public SkeldaActor,
+                                    public ISkeldaStreamTransferManager,
+                                    public ISkeldaFileTransferAgentDelegate,
+                                    public SkeldaNodeDataProviderObserver {
+ public:
+  /// `config` holds numbers under the kSkeldaStreamConfigOption... names: MaxFileTransferCount
+  /// (files the folder may hold, 4) and MaxFileUploadCount (transfers at a time, 5); what is absent
+  /// or below 1 takes the default. Becomes the agent's delegate.
+  static std::shared_ptr<SkeldaStreamTransferManager> transferManagerWithConfig(
+      platform::Dictionary config, std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider,
+      std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager,
+      std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent);
+
+  std::string_view className() const noexcept override { return "SkeldaStreamTransferManager"; }
+  void startup(Completion completion) override;
+  void didCompleteTransfer(const std::string& fileName, platform::ErrorRef withError) override;
+  void didAbandonTransfer() override;
+  void fileMonitor(ISkeldaNodeDataProvider& monitor, std::uint32_t didSeeChange) override;
+
+  /// A copy of the records by name, for those who look.
+  std::map<std::string, SkeldaFileStateRef> fileUploadStatusDictionary();
+  std::int32_t currentUploadCount();
+  std::int32_t maxUploadCount() const noexcept { return maxUploadCount_; }
+  std::int32_t maxFileCount() const noexcept { return maxFileCount_; }
+
+  /// Ascending, runs of digits by their number: "log9" comes before "log10".
+  static bool isOrderedBefore(std::string_view left, std::string_view right) noexcept;
+
+ private:
+  friend class SkeldaActor;
+  SkeldaStreamTransferManager(const platform::Dictionary& config,
+                              std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider,
+                              std::string filePath,
+                              std::shared_ptr<ISkeldaStreamFileManager> fileManager,
+                              std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent);
+  void didInit() override;
+
+  void onqueue_startup(const Completion& completion);
+  void onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType);
+  void onqueue_addToStatusDictionaryNewFilesFromFolder(const std::vector<std::string>& names);
+  void onqueue_removeFromDictionaryFilesNotInFolder(const std::vector<std::string>& names);
+  void onqueue_didCompleteTransfer(const std::string& fileName, const platform::ErrorRef& error);
+  void onqueue_transferFailed(SkeldaFileState& file, const platform::ErrorRef& error);
+  void onqueue_processFiles();
+  /// Whether the count of transfers was too high.
+  bool onqueue_processFilesOnce();
+  bool onqueue_reconcileUploadCount();
+  void onqueue_processFile(const SkeldaFileStateRef& file);
+  void onqueue_processWaitingFile(const SkeldaFileStateRef& file);
+  void onqueue_processInProgressFile(const SkeldaFileStateRef& file);
+  void onqueue_processSuspendedFile(const SkeldaFileStateRef& file);
+  void onqueue_processDoneFile(const SkeldaFileStateRef& file);
+  void onqueue_processRemoveFile(const SkeldaFileStateRef& file);
+  void onqueue_processErrorFile(const SkeldaFileStateRef& file);
+  bool onqueue_deleteFile(const SkeldaFileStateRef& file);
+  bool onqueue_isOverLimit() const noexcept;
+
+  const std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider_;
+  const std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;
+  const std::string filePath_;
+  const std::shared_ptr<ISkeldaStreamFileManager> fileManager_;
+  std::map<std::string, SkeldaFileStateRef> fileUploadStatusDictionary_;
+  std::int32_t currentUploadCount_ = 0;
+  std::int32_t maxUploadCount_;
+  std::int32_t maxFileCount_;
+  std::int32_t maxDeleteFileCount_ = 0;
+  std::int32_t deletedFileCount_ = 0;
+  std::int32_t localUploadCounter_ = 0;
+};

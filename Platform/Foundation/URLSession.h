@@ -1,0 +1,153 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Dispatch/Queue.h"
+#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/URLError.h"
+#include "Platform/Foundation/Value.h"
+
+namespace skelda::platform {
+
+class URLSession;
+class URLSessionTask;
+
+enum class URLRequestCachePolicy {
+  useProtocolCachePolicy = 0,
+  reloadIgnoringLocalCacheData = 1,
+  reloadIgnoringLocalAndRemoteCacheData = 4,
+};
+
+/// What is asked of a server. A value.
+///
+/// On the wire stand the header fields given here and what HTTP itself needs (the host, the length
+/// of a body), nothing else: no user agent, no "Accept", no cookies, no "Expect". There is no
+/// cache, so the policies do not differ; no proxy is used, whatever the environment says.
+struct URLRequest {
+  std::string url;
+  std::string method = "GET";
+  /// Text to text; a name stands once, whatever its case.
+  Dictionary headerFields;
+  /// Shared, never copied and never changed while the request runs; null for none.
+  std::shared_ptr<const Data> body;
+  /// How long a request may make no progress (nothing sent, nothing received).
+  std::chrono::milliseconds timeoutInterval{60'000};
+  URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy;
+  bool handlesCookies = true;   ///< kept for the caller: cookies are neither kept nor sent
+  bool usesPipelining = false;  ///< share a connection with others where the server offers it
+};
+
+/// What a server answered: status, header fields (names as they came; fields of one name joined by
+/// ", ") and the URL that was asked in the end. Immutable.
+struct HTTPURLResponse {
+  std::string url;
+  std::int64_t statusCode = 0;
+  Dictionary headerFields;
+};
+using HTTPURLResponseRef = std::shared_ptr<const HTTPURLResponse>;
+
+/// Hears of a session's tasks, on the session's delegate queue, one call at a time.
+class URLSessionDelegate {
+ public:
+  using RedirectDecision = std::function<void(std::optional<URLRequest>)>;
+
+  virtual ~URLSessionDelegate() = default;
+  virtual void didReceiveData(URLSession& session, URLSessionTask& task, Data data);
+  /// The server sent the task elsewhere; `proposed` is what the platform would do: the same method
+  /// and body, for a 303 a GET. `decide` is called once, from any thread, with the request to go on
+  /// with, or with nothing: then the redirecting answer is the task's answer. Left alone, the
+  /// proposal is followed. Redirects from https to http, or to anything that is neither, are not
+  /// proposed: there the redirecting answer stands.
+  virtual void willPerformHTTPRedirection(URLSession& session, URLSessionTask& task,
+                                          const HTTPURLResponse& response, URLRequest proposed,
+                                          RedirectDecision decide);
+  /// The task has ended, with an error of urlErrorDomain() or without. Exactly once for a task that
+  /// was resumed or cancelled, and the last call about it.
+  virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                                    const ErrorRef& error) = 0;
+};
+
+struct URLSessionConfiguration {
+  /// Bytes of an answer's body that are delivered; what is over is dropped.
+  std::size_t responseBodyLimit = 64 * 1024;
+  /// How long a task may take in all, redirects included.
+  std::chrono::milliseconds resourceTimeout = std::chrono::minutes(10);
+};
+
+/// One request on its way. Every operation is safe from any thread.
+class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
+ public:
+  ~URLSessionTask();
+  /// Starts the task, once.
+  void resume();
+  /// Ends it with kURLErrorCancelled unless it has ended already.
+  void cancel();
+
+  const URLRequest& originalRequest() const noexcept { return originalRequest_; }
+  /// The answer, once the task is complete; null where none came.
+  HTTPURLResponseRef response() const;
+
+ private:
+  friend class URLSession;
+  friend class URLSessionEngine;
+  friend class URLSessionTransfer;
+  enum class State { suspended, running, completed };
+  URLSessionTask(std::shared_ptr<URLSession> session, URLRequest request);
+  /// The one end of a task, from whichever thread: posts the delegate's last call.
+  void complete(HTTPURLResponseRef response, ErrorRef error);
+
+  const URLRequest originalRequest_;
+  mutable std::mutex mutex_;
+  State state_ = State::suspended;
+  std::shared_ptr<URLSession> session_;  // until the task is complete
+  HTTPURLResponseRef response_;
+};
+using URLSessionTaskRef = std::shared_ptr<URLSessionTask>;
+
+/// Tasks that share a delegate. All sessions share one network thread, which is there while a
+/// transfer runs and for a short while after it, and one set of connections, so a new session for
+/// each request costs nothing. Certificates and host names are always verified; TLS 1.2 is the
+/// least; SSL_CERT_FILE and SSL_CERT_DIR name other authorities.
+class URLSession : public std::enable_shared_from_this<URLSession> {
+ public:
+  /// Without a queue the session makes a serial one of its own. The delegate is held until the
+  /// session is invalidated.
+  static std::shared_ptr<URLSession> session(URLSessionConfiguration configuration,
+                                             std::shared_ptr<URLSessionDelegate> delegate,
+                                             QueueRef delegateQueue = nullptr);
+  /// A suspended task. After invalidation one that ends at once with kURLErrorCancelled and tells
+  /// nobody.
+  URLSessionTaskRef dataTask(URLRequest request);
+  /// Lets the delegate go once the running tasks have ended.
+  void finishTasksAndInvalidate();
+
+  const QueueRef& delegateQueue() const noexcept { return queue_; }
+  const URLSessionConfiguration& configuration() const noexcept { return configuration_; }
+
+ private:
+  friend class URLSessionTask;
+  friend class URLSessionEngine;
+  friend class URLSessionTransfer;
+  URLSession(URLSessionConfiguration configuration, std::shared_ptr<URLSessionDelegate> delegate,
+             QueueRef delegateQueue);
+  std::shared_ptr<URLSessionDelegate> delegate() const;
+  void taskDidEnd();
+
+  const URLSessionConfiguration configuration_;
+  const QueueRef queue_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<URLSessionDelegate> delegate_;
+  std::size_t openTasks_ = 0;
+  bool invalidated_ = false;
+};
+using URLSessionRef = std::shared_ptr<URLSession>;
+
+}  // namespace skelda::platform
