@@ -1,0 +1,220 @@
+#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+#include "Platform/WatchConnectivity/WCPairTransport.h"
+#include "Tests/Platform/WatchConnectivity/SessionFixture.h"
+
+using platform::Dictionary;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+namespace {
+
+class Receiver : public ISkeldaWatchConnectivityReceiver {
+ public:
+  bool didReceiveUserInfo(const Dictionary& userInfo) override {
+    received.push_back(platform::jsonText(userInfo));
+    return userInfo.contains(kIOSVendorIDKey);
+  }
+  bool isSkeldaUserInfo(const Dictionary& userInfo) override {
+    return userInfo.contains(kWatchOSResponseKey);
+  }
+  std::vector<std::string> received;  // on the connectivity queue
+};
+
+class SkeldaWatchConnectivityTest : public testing::Test {
+ protected:
+  SkeldaWatchConnectivityTest() {
+    std::tie(watchEnd_, phoneEnd_) = platform::WCPairTransport::make();
+    platform::installWatchConnectivity(watchEnd_);
+    session_ = std::dynamic_pointer_cast<platform::WCSession>(
+        platform::ClassRegistry::shared().make("WCSession"));
+    connectivity_ = SkeldaWatchConnectivity::connectivity();
+    phone_ = platform::WCDefaultSession::make(phoneEnd_);
+    phone_->setDelegate(atPhone_);
+    phone_->activateSession();
+    watchEnd_->setJoined(true);
+    atPhone_->wait(2);
+  }
+  ~SkeldaWatchConnectivityTest() override { EXPECT_EQ(skelda::guardedExceptions(), 0u); }
+
+  /// Everything that was posted to the connectivity queue so far, and what that posted, has run.
+  void drain() {
+    for (int i = 0; i < 4; ++i) connectivity_->queue()->sync([] {});
+  }
+  void setup() {
+    connectivity_->setDelegate(receiver_);
+    connectivity_->setup();
+    drain();
+  }
+  bool isProxyInstalled() const {
+    const auto delegate = session_->delegate();
+    return delegate != nullptr && delegate->className() == "SkeldaWatchConnectivityProxy";
+  }
+  void fromPhone(const Dictionary& userInfo) {
+    const std::size_t before = atPhone_->heard().size();
+    phone_->transferUserInfo(userInfo);
+    atPhone_->wait(before + 1);  // acknowledged: the watch's proxy has it
+    drain();
+  }
+
+  platform::WCPairTransport::Ref watchEnd_, phoneEnd_;
+  std::shared_ptr<platform::WCSession> session_;
+  std::shared_ptr<platform::WCDefaultSession> phone_;
+  std::shared_ptr<RecordingDelegate> atPhone_ = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<Receiver> receiver_ = std::make_shared<Receiver>();
+  std::shared_ptr<SkeldaWatchConnectivity> connectivity_;
+};
+
+TEST_F(SkeldaWatchConnectivityTest, TheHostKeepsHearingWhateverDelegateItSetsAndWhenever) {
+  const auto before = std::make_shared<RecordingDelegate>();
+  session_->setDelegate(before);
+  setup();
+  EXPECT_TRUE(isProxyInstalled());
+  fromPhone({{"host", 1}});
+  EXPECT_THAT(before->heard(), Contains(R"(info {"host":1})"));
+
+  const auto after = std::make_shared<RecordingDelegate>();
+  for (int i = 0; i < 2; ++i) {  // set twice, taken over twice
+    session_->setDelegate(after);
+    drain();
+    EXPECT_TRUE(isProxyInstalled());
+  }
+  fromPhone({{"host", 2}});
+  EXPECT_THAT(after->heard(), ElementsAre(R"(info {"host":2})"));
+
+  session_->setDelegate(nullptr);
+  drain();
+  EXPECT_TRUE(isProxyInstalled());
+  fromPhone({{"host", 3}});
+  EXPECT_THAT(after->heard(), ElementsAre(R"(info {"host":2})"));
+  EXPECT_THAT(receiver_->received, ElementsAre(R"({"host":1})", R"({"host":2})", R"({"host":3})"));
+}
+
+TEST_F(SkeldaWatchConnectivityTest, TheAgentsOwnMessagesDoNotReachTheHostOthersReachBoth) {
+  const auto host = std::make_shared<RecordingDelegate>();
+  session_->setDelegate(host);
+  setup();
+  fromPhone({{"skelda://id1", "vendor"}, {"hosts", "too"}});
+  fromPhone({{"skelda://id3", "YES"}});
+  fromPhone({{"plain", true}});
+  EXPECT_THAT(receiver_->received, ElementsAre(R"({"skelda://id1":"vendor","hosts":"too"})",
+                                               R"({"skelda://id3":"YES"})", R"({"plain":true})"));
+  EXPECT_THAT(host->heard(), Contains(R"(info {"plain":true})"));
+  EXPECT_THAT(host->heard(), Not(Contains(testing::HasSubstr("skelda://"))));
+
+  connectivity_->transferUserInfo({{"skelda://id3", "YES"}});
+  session_->transferUserInfo({{"own", 1}});
+  atPhone_->wait(7);
+  host->wait(4);
+  drain();
+  EXPECT_THAT(host->heard(), Contains(R"(finished {"own":1})"));
+  EXPECT_THAT(host->heard(), Not(Contains(R"(finished {"skelda://id3":"YES"})")));
+}
+
+TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersIt) {
+  const auto deaf = std::make_shared<RecordingDelegate>(platform::kWCDidReceiveMessage);
+  session_->setDelegate(deaf);
+  setup();
+  EXPECT_EQ(session_->delegate()->answeredCalls(), platform::kWCDidReceiveMessage |
+                                                       platform::kWCDidReceiveUserInfo |
+                                                       platform::kWCDidFinishUserInfoTransfer);
+  fromPhone({{"a", 1}});
+  phone_->sendMessage({{"m", 1}});
+  watchEnd_->setJoined(false);
+  EXPECT_THAT(deaf->wait(1), ElementsAre(R"(message {"m":1})"));
+
+  const auto host = std::make_shared<RecordingDelegate>();
+  session_->setDelegate(host);
+  drain();
+  watchEnd_->setJoined(true);
+  session_->activateSession();
+  EXPECT_THAT(host->wait(2), ElementsAre("peer came", "activated"));
+}
+
+TEST_F(SkeldaWatchConnectivityTest, ADelegateThatIsGoneIsNotCalledAndItsClassIsRemembered) {
+  auto host = std::make_shared<RecordingDelegate>(platform::kWCDidReceiveMessage);
+  session_->setDelegate(host);
+  setup();
+  host.reset();
+  phone_->sendMessage({{"m", 1}});
+  fromPhone({{"a", 1}});
+  EXPECT_EQ(receiver_->received.size(), 1u);
+  EXPECT_TRUE(session_->delegate()->answeredCalls() & platform::kWCDidReceiveMessage);
+}
+
+TEST_F(SkeldaWatchConnectivityTest, DisablingStopsSetUpAndTrackingButLeavesAnInstalledProxy) {
+  setup();
+  connectivity_->disableWatchConnectivity();
+  drain();
+  EXPECT_TRUE(isProxyInstalled());
+  const auto host = std::make_shared<RecordingDelegate>();
+  session_->setDelegate(host);
+  drain();
+  EXPECT_EQ(session_->delegate(), host);
+
+  const auto other = SkeldaWatchConnectivity::connectivity();
+  other->disableWatchConnectivity();
+  other->setup();
+  other->queue()->sync([] {});
+  EXPECT_EQ(session_->delegate(), host);
+}
+
+TEST_F(SkeldaWatchConnectivityTest, TearingDownGivesTheHostItsSessionBack) {
+  const auto host = std::make_shared<RecordingDelegate>();
+  session_->setDelegate(host);
+  setup();
+  connectivity_->teardown();
+  drain();
+  EXPECT_EQ(session_->delegate(), host);
+  session_->setDelegate(atPhone_);
+  drain();
+  EXPECT_EQ(session_->delegate(), atPhone_) << "nobody observes any more";
+}
+
+TEST_F(SkeldaWatchConnectivityTest, ADisabledTransferSendsNothingAndTheProxyItselfIsNoHost) {
+  setup();
+  connectivity_->disableTransferSkeldaInfo();
+  connectivity_->transferUserInfo({{"skelda://id3", "YES"}});
+  session_->setDelegate(session_->delegate());  // the proxy, set by somebody else
+  drain();
+  EXPECT_TRUE(isProxyInstalled());
+  fromPhone({{"last", 1}});
+  EXPECT_THAT(atPhone_->heard(), Not(Contains(testing::HasSubstr("skelda://id3"))));
+  EXPECT_THAT(receiver_->received, ElementsAre(R"({"last":1})"));
+}
+
+TEST_F(SkeldaWatchConnectivityTest, DelegatesSetFromManyThreadsEndWithTheProxyInPlace) {
+  setup();
+  std::vector<std::shared_ptr<RecordingDelegate>> hosts;
+  for (int i = 0; i < 4; ++i) hosts.push_back(std::make_shared<RecordingDelegate>());
+  std::vector<std::thread> threads;
+  for (const auto& host : hosts)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) session_->setDelegate(host);
+    });
+  for (auto& thread : threads) thread.join();
+  for (int i = 0; i < 1000 && !isProxyInstalled(); ++i) drain();
+  EXPECT_TRUE(isProxyInstalled());
+}
+
+TEST(SkeldaWatchConnectivityWithoutAPhone, IsInert) {
+  platform::ClassRegistry::shared().registerClass(
+      {.name = "WCSession", .superclass = {}, .protocols = {}, .factory = {}});
+  const auto connectivity = SkeldaWatchConnectivity::connectivity();
+  connectivity->setup();
+  connectivity->transferUserInfo({{"a", 1}});
+  connectivity->teardown();
+  connectivity->queue()->sync([] {});
+  EXPECT_EQ(skelda::guardedExceptions(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Platform/Foundation/JSONWriter.h"
+#include "Platform/Platform.h"
+#include "Platform/WatchConnectivity/WCSession.h"
+
+/// A delegate that writes down what it hears, to be waited for.
+class RecordingDelegate : public platform::WCSessionDelegate {
+ public:
+  explicit RecordingDelegate(unsigned calls = platform::kWCAllDelegateCalls) : calls_(calls) {}
+  unsigned answeredCalls() const override { return calls_; }
+
+  void sessionActivationDidComplete(platform::WCSession&, bool activated,
+                                    const platform::ErrorRef&) override {
+    add(activated ? "activated" : "not activated");
+  }
+  void sessionReachabilityDidChange(platform::WCSession& session) override {
+    add(session.isReachable() ? "peer came" : "peer went");
+  }
+  void sessionDidReceiveMessage(platform::WCSession&,
+                                const platform::Dictionary& message) override {
+    add("message " + platform::jsonText(message));
+  }
+  void sessionDidReceiveUserInfo(platform::WCSession&, const platform::Dictionary& info) override {
+    add("info " + platform::jsonText(info));
+  }
+  void sessionDidFinishUserInfoTransfer(platform::WCSession&,
+                                        const platform::WCSessionUserInfoTransfer& transfer,
+                                        const platform::ErrorRef& error) override {
+    add((error ? "failed " : "finished ") + platform::jsonText(transfer.userInfo));
+  }
+
+  /// Waits until so many calls have come; what has come by the deadline is returned.
+  std::vector<std::string> wait(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return heard_.size() >= count; });
+    return heard_;
+  }
+  std::vector<std::string> heard() { return wait(0); }
+
+ private:
+  void add(std::string text) {
+    std::lock_guard lock(mutex_);
+    heard_.push_back(std::move(text));
+    changed_.notify_all();
+  }
+  const unsigned calls_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> heard_;
+};

@@ -1,0 +1,71 @@
+#include "Platform/WatchConnectivity/WCPacket.h"
+
+#include <gtest/gtest.h>
+
+#include "Platform/Platform.h"
+
+using platform::Data;
+using platform::Dictionary;
+using platform::WCPacket;
+using platform::WCPacketFraming;
+
+TEST(WCPacket, EveryKindComesBackAsItWent) {
+  const Dictionary content{{"skelda://id1", "ÆØÅ"}, {"n", 3}, {"inner", {{"a", true}}}};
+  for (auto kind : {WCPacket::Kind::userInfo, WCPacket::Kind::received, WCPacket::Kind::message}) {
+    const WCPacket packet{kind, kind == WCPacket::Kind::message ? 0u : 7u,
+                          kind == WCPacket::Kind::received ? Dictionary{} : content};
+    const auto back = WCPacket::decoded(packet.encoded().view());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->kind, packet.kind);
+    EXPECT_EQ(back->identifier, packet.identifier);
+    EXPECT_EQ(back->content, packet.content);
+  }
+}
+
+TEST(WCPacket, WhatIsNoPacketIsRefused) {
+  for (const char* text :
+       {"", "{}", "[]", "null", R"({"kind":"else","id":1})", R"({"kind":7})",
+        R"({"kind":"userInfo","content":{}})", R"({"kind":"userInfo","id":-1,"content":{}})",
+        R"({"kind":"userInfo","id":1})", R"({"kind":"userInfo","id":1,"content":[]})",
+        R"({"kind":"received"})", R"({"kind":"message","content":"text"})",
+        R"({"kind":"message","content":{}} tail)", "\xff\xfe"})
+    EXPECT_FALSE(WCPacket::decoded(text)) << text;
+  const std::string deep(100, '[');
+  EXPECT_FALSE(WCPacket::decoded(R"({"kind":"message","content":{"a":)" + deep));
+}
+
+TEST(WCPacketFraming, PacketsComeOffTheStreamWhereverItIsCut) {
+  std::string stream;
+  for (const char* text : {"one", "x", "three is longer"})
+    stream += WCPacketFraming::framed(Data(std::string(text)))->string();
+  for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+    WCPacketFraming framing;
+    std::string taken;
+    const auto take = [&] {
+      while (auto packet = framing.next()) taken += packet->string() + "|";
+    };
+    framing.append(stream.data(), cut);
+    take();
+    framing.append(stream.data() + cut, stream.size() - cut);
+    take();
+    EXPECT_EQ(taken, "one|x|three is longer|") << "cut at " << cut;
+    EXPECT_FALSE(framing.isBroken());
+  }
+}
+
+TEST(WCPacketFraming, ALengthThatCannotBeBreaksTheStreamForGood) {
+  // 0, one more than the maximum, 1 GiB, and all bits.
+  for (const auto& length : {std::string(4, '\0'), std::string("\x01\x00\x10\x00", 4),
+                             std::string("\x00\x00\x00\x40", 4), std::string(4, '\xff')}) {
+    WCPacketFraming framing;
+    framing.append(length.data(), length.size());
+    EXPECT_FALSE(framing.next());
+    EXPECT_TRUE(framing.isBroken());
+    const auto whole = WCPacketFraming::framed(Data(std::string("late")));
+    framing.append(whole->bytes(), whole->length());
+    EXPECT_FALSE(framing.next());
+  }
+  EXPECT_FALSE(WCPacketFraming::framed(Data()));
+  EXPECT_FALSE(
+      WCPacketFraming::framed(Data(std::string(WCPacketFraming::kMaximumLength + 1, 'x'))));
+}

@@ -1,0 +1,119 @@
+#include "Platform/WatchConnectivity/WCSocketTransport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+#include "Tests/Platform/WatchConnectivity/SessionFixture.h"
+#include "Tools/skelda-phone/PhoneLink.h"
+
+using namespace std::chrono_literals;
+using platform::WCPacket;
+using testing::Contains;
+
+namespace {
+
+class WCSocketTransportTest : public testing::Test {
+ protected:
+  WCSocketTransportTest() {
+    char folder[] = "/tmp/skelda-socket-XXXXXX";
+    folder_ = ::mkdtemp(folder);
+    session_ = open(path());
+    session_->setDelegate(delegate_);
+    session_->activateSession();
+    delegate_->wait(1);
+  }
+  ~WCSocketTransportTest() override { std::filesystem::remove_all(folder_); }
+
+  static std::shared_ptr<platform::WCDefaultSession> open(const std::string& path) {
+    return platform::WCDefaultSession::make(platform::WCSocketTransport::make(path));
+  }
+  std::string path() const { return folder_ + "/watch.sock"; }
+  static PhoneLink::Clock::time_point soon() { return PhoneLink::Clock::now() + 10s; }
+
+  std::string folder_;
+  std::shared_ptr<platform::WCDefaultSession> session_;
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+};
+
+TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
+  struct stat status {};
+  ASSERT_EQ(::stat(path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  PhoneLink phone(path());
+  ASSERT_TRUE(phone.connect(soon()));
+  ASSERT_TRUE(phone.send({WCPacket::Kind::userInfo, 5, {{"skelda://id1", "v"}}}, 1ms));
+  const auto answer = phone.receive(soon());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->kind, WCPacket::Kind::received);
+  EXPECT_EQ(answer->identifier, 5u);
+  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"skelda://id1":"v"})"));
+  session_->transferUserInfo({{"skelda://id3", "YES"}});
+  EXPECT_EQ(phone.receive(soon())->content, (platform::Dictionary{{"skelda://id3", "YES"}}));
+}
+
+TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
+  const auto whole = platform::WCPacketFraming::framed(
+      WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
+  std::vector<std::string> attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced",
+                                   std::string(4, '\0'), std::string(4, '\xff'),
+                                   std::string("\x05\x00\x00\x00", 4) + "trash"};
+  for (std::size_t cut = 0; cut < whole->length(); ++cut)
+    attacks.push_back(whole->string().substr(0, cut));
+  for (const auto& attack : attacks) {
+    PhoneLink hostile(path());
+    ASSERT_TRUE(hostile.connect(soon()));
+    hostile.sendBytes(attack);
+    const bool understood =
+        attack.size() < 4 || attack.substr(4) == whole->string().substr(4, attack.size() - 4);
+    EXPECT_TRUE(understood || !hostile.receive(soon())) << "the watch hangs up";
+  }
+  // The watch takes one peer at a time: it has to have noticed that the last one went.
+  for (;;) {
+    PhoneLink phone(path());
+    ASSERT_TRUE(phone.connect(soon()));
+    phone.send({WCPacket::Kind::userInfo, 9, {{"after", "all"}}});
+    const auto answer = phone.receive(soon());
+    if (!answer) continue;
+    EXPECT_EQ(answer->identifier, 9u);
+    break;
+  }
+  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"after":"all"})"));
+  EXPECT_THAT(delegate_->heard(), testing::Not(Contains(R"(info {"k":"v"})")));
+}
+
+TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
+  const auto second = open(path());
+  const auto delegate = std::make_shared<RecordingDelegate>();
+  second->setDelegate(delegate);
+  second->activateSession();
+  EXPECT_THAT(delegate->wait(1), testing::ElementsAre("not activated"));
+
+  // A process that was killed leaves its socket behind.
+  const std::string stale = folder_ + "/stale.sock";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    stale.copy(address.sun_path, sizeof address.sun_path - 1);
+    ::_exit(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  }
+  int exitStatus = -1;
+  ASSERT_EQ(::waitpid(child, &exitStatus, 0), child);
+  ASSERT_EQ(exitStatus, 0);
+  const auto third = open(stale);
+  const auto heard = std::make_shared<RecordingDelegate>();
+  third->setDelegate(heard);
+  third->activateSession();
+  EXPECT_THAT(heard->wait(1), testing::ElementsAre("activated"));
+}
+
+}  // namespace
