@@ -1,0 +1,233 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+#include "Platform/Dispatch/Block.h"
+#include "Platform/Dispatch/Group.h"
+#include "Platform/Dispatch/Queue.h"
+#include "Platform/Dispatch/Time.h"
+#include "Platform/Foundation/Date.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/Object.h"
+#include "Platform/Platform.h"
+
+class SkeldaActorDeferredQueue;
+class SkeldaActorOperationQueue;
+
+/// Guards every actor's active thread, the making of its operation queue and the suspend counts of
+/// deferred queues. Held for a few instructions; no code of a block ever runs under it.
+extern pthread_mutex_t SkeldaActor_Lock;
+
+/// The key of the calling thread's slot that holds the actor it runs.
+inline constexpr std::string_view kSkeldaActorCurrentActor = "kSkeldaActorCurrentActor";
+
+/// As a callback queue: call back at once, on the calling thread. Stands for one real queue on
+/// which nothing is ever run; that queue is made on first use, so a static initialiser may name it.
+struct SkeldaActorNoQueue {
+  operator const platform::QueueRef&() const;  // NOLINT: it is a queue
+  friend bool operator==(const platform::QueueRef& a, SkeldaActorNoQueue b) {
+    return a == static_cast<const platform::QueueRef&>(b);
+  }
+};
+inline constexpr SkeldaActorNoQueue kSkeldaActorNoQueue{};
+
+/// A callable, or null where a block may be left out.
+template <class F>
+concept SkeldaActorBlock =
+    std::is_null_pointer_v<std::remove_cvref_t<F>> || std::is_invocable_v < std::decay_t<F>
+& > ;
+
+/// An object with a serial queue of its own, on which all of its state is touched. Public methods
+/// post to the queue, `onqueue_` methods run there. The actor knows which thread runs inside it, so
+/// a synchronous call from within runs inline instead of dead-locking. Every operation is safe from
+/// any thread.
+///
+///     void Counter::add(int n) {
+///       asyncBlock([self = selfOf(this), n] { self->onqueue_add(n); });
+///     }
+///
+/// An actor lives in a shared pointer: make it with made(), which then calls didInit(). No
+/// constructor uses selfOf(this).
+class SkeldaActor : public platform::Object, public std::enable_shared_from_this<SkeldaActor> {
+ public:
+  /// What the platform waits for a group with.
+  using WaitResult = long;
+  using ExceptionHandOff = std::function<void(const platform::Exception&)>;
+
+  /// Not to be used: raises "Description is required".
+  SkeldaActor();
+  /// The description labels the queue; a missing one raises. With a target the actor's blocks run
+  /// on that queue, so that several actors can be funnelled through one.
+  explicit SkeldaActor(std::optional<std::string> description, platform::QueueRef target = nullptr);
+  ~SkeldaActor() override;
+  SkeldaActor(const SkeldaActor&) = delete;
+  SkeldaActor& operator=(const SkeldaActor&) = delete;
+
+  /// Takes over a fresh actor and tells it so: the first moment at which it may post work and hand
+  /// out references to itself.
+  template <class T>
+  static std::shared_ptr<T> made(T* fresh) {
+    std::shared_ptr<T> actor(fresh);
+    static_cast<SkeldaActor&>(*actor).didInit();
+    return actor;
+  }
+  template <class T>
+  static std::shared_ptr<T> selfOf(T* self) {
+    return std::shared_ptr<T>(self->shared_from_this(), self);
+  }
+  /// The actor whose block the calling thread is running, or null.
+  static std::shared_ptr<SkeldaActor> currentActor();
+
+  virtual void didInit() {}
+  std::string_view className() const noexcept override { return "SkeldaActor"; }
+  const platform::QueueRef& queue() const noexcept { return queue_; }
+  /// The thread that is running a block of this actor; no thread's id when none is.
+  std::thread::id activeThread() const;
+
+  /// Runs the block on the actor and returns when it has finished; inline when the calling thread
+  /// is inside the actor already. What the block throws reaches the caller. Null does nothing.
+  template <SkeldaActorBlock F>
+  void syncBlock(F&& block) {
+    if (isNull(block)) return;
+    if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<F>>) {
+      runSync(platform::BlockRef(block), *queue_, true);
+    }
+  }
+
+  /// Posts the block and returns at once. What it throws is dropped (and counted, see
+  /// swallowedExceptions). The block holds the actor until it has run. Null raises.
+  template <SkeldaActorBlock F>
+  void asyncBlock(F&& block) {
+    queue_->barrierAsync(wrapped(std::forward<F>(block)));
+  }
+  /// The group is entered now and left when the block has run. Without a group like asyncBlock.
+  template <SkeldaActorBlock F>
+  void asyncBlock(F&& block, const platform::GroupRef& group) {
+    if (group == nullptr) return asyncBlock(std::forward<F>(block));
+    queue_->groupAsync(group, wrapped(std::forward<F>(block)));
+  }
+  template <SkeldaActorBlock F>
+  void asyncBlock(F&& block, std::int64_t delayInNanoseconds) {
+    queue_->after(platform::dispatchTimeAfter(std::chrono::nanoseconds(delayInNanoseconds)),
+                  wrapped(std::forward<F>(block)));
+  }
+  /// At that time of the wall clock, whose changes are followed.
+  template <SkeldaActorBlock F>
+  void asyncBlock(F&& block, const platform::Date& date) {
+    queue_->after(dispatchTimeOf(date), wrapped(std::forward<F>(block)));
+  }
+
+  void groupEnter(const platform::GroupRef& group) { group->enter(); }
+  void groupLeave(const platform::GroupRef& group) { group->leave(); }
+  template <SkeldaActorBlock F>
+  void groupNotify(F&& block, const platform::GroupRef& group) {
+    group->notify(queue_, wrapped(std::forward<F>(block)));
+  }
+  /// 0 when the group emptied in time; runs nothing on the actor.
+  WaitResult syncGroup(const platform::GroupRef& group, platform::DispatchTime timeout) {
+    return group->wait(timeout);
+  }
+
+  /// Delivers a callback outside the actor: inline for kSkeldaActorNoQueue, else on the queue given
+  /// or on the global one. The block has neither the actor's context nor its guard. Null raises.
+  void asyncCallback(platform::Block callback, const platform::QueueRef& queue = nullptr);
+
+  /// Runs the block on the main thread and waits, inline when this is the main thread. Null does
+  /// nothing.
+  template <SkeldaActorBlock F>
+  void syncMainThreadBlock(F&& block) {
+    if (isNull(block)) return;
+    if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<F>>) {
+      runOnMainThread(platform::BlockRef(block));
+    }
+  }
+
+  /// The block in the context of this actor, with `thread` as its active thread. A platform
+  /// exception is given to `handOff` (which runs while it is being handled); anything else that is
+  /// thrown passes.
+  platform::Block wrapSyncBlock(platform::Block block, ExceptionHandOff handOff,
+                                std::thread::id thread);
+  /// The block in the context of this actor, on whichever thread runs it. Whatever it throws is
+  /// dropped. Null raises.
+  platform::Block wrapAsyncBlock(platform::Block block);
+
+  /// Ends the process unless the calling thread runs a block of this actor.
+  void assertRunningInActor() const;
+
+  std::shared_ptr<SkeldaActorDeferredQueue> createDeferredQueueWithDescription(
+      std::optional<std::string> description);
+  /// Made on first use. It holds its actor, so an actor that made one lives on until it is unset.
+  std::shared_ptr<SkeldaActorOperationQueue> operationQueue();
+  void setOperationQueue(std::shared_ptr<SkeldaActorOperationQueue> queue);
+
+  /// How many thrown objects asynchronous blocks have dropped since the process began.
+  static std::uint64_t swallowedExceptions() noexcept;
+
+ private:
+  friend class SkeldaActorDeferredQueue;
+
+  /// While it lives the calling thread runs inside the actor. Entries nest; leaving restores what
+  /// was before.
+  class Context {
+   public:
+    Context(SkeldaActor& actor, std::thread::id owner) noexcept;
+    ~Context();
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+   private:
+    SkeldaActor& actor_;
+    SkeldaActor* previousActor_;
+    std::thread::id previousThread_;
+  };
+
+  template <class F>
+  static bool isNull(const F& block) noexcept {
+    if constexpr (std::is_null_pointer_v<F>) {
+      return true;
+    } else if constexpr (std::is_constructible_v<bool, const F&>) {
+      return !static_cast<bool>(block);
+    } else {
+      return false;
+    }
+  }
+
+  /// wrapAsyncBlock for any callable, in one piece with it.
+  template <class F>
+  platform::Block wrapped(F&& block) {
+    if (isNull(block)) raiseInvalidParameter("block");
+    if constexpr (std::is_null_pointer_v<std::remove_cvref_t<F>>) {
+      return {};
+    } else {
+      return [self = shared_from_this(), body = std::decay_t<F>(std::forward<F>(block))]() mutable {
+        Context context(*self, std::this_thread::get_id());
+        try {
+          body();
+        } catch (...) {
+          countSwallowedException();
+        }
+      };
+    }
+  }
+
+  [[noreturn]] static void raiseInvalidParameter(std::string_view parameter);
+  static void countSwallowedException() noexcept;
+  static platform::DispatchTime dispatchTimeOf(const platform::Date& date) noexcept;
+  void runSync(platform::BlockRef block, platform::Queue& on, bool barrier);
+  static void runOnMainThread(platform::BlockRef block);
+
+  std::shared_ptr<SkeldaActorOperationQueue> operationQueue_;
+  platform::QueueRef queue_;
+  std::thread::id activeThread_;
+};
