@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -30,12 +31,16 @@ class FileManager {
   virtual bool fileExistsAtPath(const std::string& path) const;
   virtual bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                      ErrorRef* error = nullptr);
-  /// Publishes a copy: whoever watches the destination's folder sees the whole file or none.
-  /// Synchronised, folder included, when it returns. An existing destination is an error (EEXIST).
+  /// Publishes a copy of a regular file: whoever watches the destination's folder sees the whole
+  /// file or none. The copy grows under a temporary name in the parent of the destination's folder,
+  /// which must be on the same file system. Synchronised, folder included, when it returns. An
+  /// existing destination is an error (EEXIST) and stays as it is. Where the last step, the
+  /// folder's synchronisation, fails, the copy is there all the same.
   virtual bool copyItemAtPath(const std::string& source, const std::string& destination,
                               ErrorRef* error = nullptr);
   /// A file, or a folder with all that is in it; links are not followed.
   virtual bool removeItemAtPath(const std::string& path, ErrorRef* error = nullptr);
+  /// An existing file is overwritten in place.
   virtual bool createFileAtPath(const std::string& path, const Data& contents = {},
                                 ErrorRef* error = nullptr);
   /// Names, not paths, without "." and ".."; unordered.
@@ -43,8 +48,8 @@ class FileManager {
       const std::string& path, ErrorRef* error = nullptr) const;
   virtual std::optional<Data> contentsAtPath(const std::string& path,
                                              ErrorRef* error = nullptr) const;
-  /// Atomically: temporary file, synchronise, rename over `path`, synchronise the folder. Otherwise
-  /// in place.
+  /// Atomically: temporary file in the same folder, synchronise, rename over `path`, synchronise
+  /// the folder. Otherwise in place.
   virtual bool writeData(const Data& data, const std::string& path, bool atomically,
                          ErrorRef* error = nullptr);
   virtual std::optional<FileSystemAttributes> attributesOfFileSystemForPath(
@@ -53,11 +58,19 @@ class FileManager {
   /// system has no attributes.
   virtual bool excludeFromBackup(const std::string& path, ErrorRef* error = nullptr);
 
+  /// Removes what copies and atomic writes that were cut short left directly in `folder`: the files
+  /// named kTemporaryPrefix and something, but for those that this process is making. The caller
+  /// sees to it that no other process is at work there. How many were removed.
+  virtual std::size_t sweepTemporaryFiles(const std::string& folder, ErrorRef* error = nullptr);
+  static constexpr std::string_view kTemporaryPrefix = ".skelda-tmp-";
+
   /// ${XDG_DATA_HOME:-~/.local/share}/<bundle identifier>, without the last component where the
   /// main bundle has no identifier. Not created here.
   static std::string applicationSupportDirectory();
   /// ${XDG_DOCUMENTS_DIR:-~}
   static std::string documentsDirectory();
+  /// ${XDG_STATE_HOME:-~/.local/state}
+  static std::string stateDirectory();
 };
 
 }  // namespace skelda::platform

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "Platform/Platform.h"
+
+namespace skelda::testing {
+
+/// A folder of the test's own, removed with its owner.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    path_ = (std::filesystem::temp_directory_path() / "skelda-test-XXXXXX").string();
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp " + path_);
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+ private:
+  std::string path_;
+};
+
+/// Sets environment variables and puts the old ones back. While it lives no other thread may read
+/// the environment for the first time.
+class ScopedEnvironment {
+ public:
+  ~ScopedEnvironment() {
+    for (const auto& [name, value] : saved_) apply(name, value);
+  }
+  /// Without a value the variable is taken away.
+  void set(const std::string& name, const std::optional<std::string>& value) {
+    const char* old = ::getenv(name.c_str());
+    saved_.emplace(name, old == nullptr ? std::nullopt : std::optional<std::string>(old));
+    apply(name, value);
+  }
+
+ private:
+  static void apply(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+      ::setenv(name.c_str(), value->c_str(), 1);
+    } else {
+      ::unsetenv(name.c_str());
+    }
+  }
+  std::map<std::string, std::optional<std::string>> saved_;
+};
+
+/// A home folder of the test's own: HOME and the XDG folders point into it.
+class TemporaryHome : public TemporaryDirectory {
+ public:
+  TemporaryHome() {
+    environment_.set("HOME", path());
+    environment_.set("XDG_DATA_HOME", *this / "data");
+    environment_.set("XDG_STATE_HOME", *this / "state");
+    environment_.set("XDG_DOCUMENTS_DIR", path());
+  }
+  ScopedEnvironment& environment() { return environment_; }
+
+ private:
+  ScopedEnvironment environment_;
+};
+
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+inline void writeFile(const std::string& path, std::string_view text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+  ASSERT_TRUE(out.good()) << path;
+}
+
+}  // namespace skelda::testing
