@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
+
+/// The facts of the agent's start. Valid with an API key.
+class SkeldaSessionInitInfo final : public SkeldaStreamRecordOf<SkeldaSessionInitInfo> {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaSessionInitInfo";
+
+  SkeldaSessionInitInfo() = default;
+  SkeldaSessionInitInfo(std::uint16_t agentPlatform, std::uint16_t agentVersion,
+                        std::optional<std::string> apiKey, std::uint8_t agentReportType,
+                        bool includeBackgroundSessionsInMetrics);
+  static std::shared_ptr<SkeldaSessionInitInfo> sessionInitInfoWithAgentPlatform(
+      std::uint16_t agentPlatform, std::uint16_t agentVersion, std::optional<std::string> apiKey,
+      std::uint8_t agentReportType, bool includeBackgroundSessionsInMetrics);
+  static std::span<const SkeldaRecordField> recordFields() noexcept;
+
+  std::uint16_t agentPlatform() const noexcept { return agentPlatform_; }
+  std::uint16_t agentVersion() const noexcept { return agentVersion_; }
+  const std::optional<std::string>& apiKey() const noexcept { return apiKey_; }
+  std::uint8_t agentReportType() const noexcept { return agentReportType_; }
+  bool includeBackgroundSessionsInMetrics() const noexcept {
+    return includeBackgroundSessionsInMetrics_;
+  }
+
+ protected:
+  std::string_view invalidModelText() const noexcept override;
+  std::string_view invalidDictText() const noexcept override;
+
+ private:
+  friend class SkeldaStreamRecordOf<SkeldaSessionInitInfo>;
+  void copyFieldsTo(SkeldaSessionInitInfo& copied) const;
+  platform::Value playServiceAvailability() const;
+
+  std::uint16_t agentPlatform_ = 0;
+  std::uint16_t agentVersion_ = 0;
+  std::optional<std::string> apiKey_;
+  std::uint8_t agentReportType_ = 0;
+  bool includeBackgroundSessionsInMetrics_ = false;
+};

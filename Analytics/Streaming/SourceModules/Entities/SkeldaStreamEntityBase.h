@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Analytics/Streaming/SourceModules/Entities/ISkeldaStreamEntity.h"
+#include "Platform/Foundation/JSONWriter.h"
+#include "Platform/Foundation/Object.h"
+
+/// What every entity has in common: the stamps of its making, and a payload that is its JSON text.
+///
+/// The payload is computed whenever it is asked for; nothing is cached, so that an entity that has
+/// been handed on can be read from any queue.
+class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaStreamEntity {
+ public:
+  std::int8_t frameVersion() const noexcept override { return frameVersion_; }
+  std::int32_t frameType() const noexcept override { return frameType_; }
+  std::int64_t epochTimeStamp() const noexcept override { return epochTimeStamp_; }
+  std::int64_t relativeTimeStamp() const noexcept override { return relativeTimeStamp_; }
+  void setFrameVersion(std::int8_t version) noexcept override { frameVersion_ = version; }
+  void setFrameType(std::int32_t type) noexcept override { frameType_ = type; }
+  void setEpochTimeStamp(std::int64_t ms) noexcept override { epochTimeStamp_ = ms; }
+  void setRelativeTimeStamp(std::int64_t ms) noexcept override { relativeTimeStamp_ = ms; }
+
+  std::optional<platform::Data> payload() const override;
+  /// Without effect: the next reading computes the payload from the record all the same.
+  void setPayload(std::optional<platform::Data>) override {}
+  bool appendPayload(std::string& out) const override;
+
+  /// Abstract: aborts the process where a class does not say.
+  std::optional<platform::Dictionary> dictionaryRepresentation() const override;
+  std::optional<std::string> jsonRepresentation() const override;
+  /// Indented JSON with its line feeds turned into blanks, so that it fits on one line of the log.
+  std::optional<std::string> jsonRepresentationForDebug() const;
+  std::string description() const override;
+
+ protected:
+  /// Stamps both times, version 1, and the frame type of the class of that name.
+  explicit SkeldaStreamEntityBase(std::string_view className);
+  SkeldaStreamEntityBase(const SkeldaStreamEntityBase&) = default;
+  SkeldaStreamEntityBase& operator=(const SkeldaStreamEntityBase&) = default;
+
+  /// Writes the record as one JSON object; false, with nothing written, where it is not valid. By
+  /// default goes through dictionaryRepresentation().
+  virtual bool writeJSON(platform::JSONWriter& writer) const;
+  /// Takes over version, type and both times: a copy keeps the times of its source.
+  void copyStamps(const SkeldaStreamEntityBase& source) noexcept;
+
+ private:
+  std::int8_t frameVersion_;
+  std::int32_t frameType_;
+  std::int64_t epochTimeStamp_;
+  std::int64_t relativeTimeStamp_;
+};

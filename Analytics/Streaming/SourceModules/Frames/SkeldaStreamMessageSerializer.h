@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+
+#include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamMessageSerializer.h"
+#include "Platform/Foundation/Object.h"
+
+/// The writer of the frame format. It never looks inside a payload.
+class SkeldaStreamMessageSerializer : public platform::Object,
+                                      public virtual ISkeldaStreamMessageSerializer {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaStreamMessageSerializer";
+
+  static std::shared_ptr<SkeldaStreamMessageSerializer> streamMessageSerializer();
+  /// Whether the message has a payload that is not empty and a type that the table holds. Computes
+  /// the payload; frameFromStreamMessage() needs no such call before it.
+  static bool isValidStreamMessage(const ISkeldaStreamMessage& message);
+
+  std::string_view className() const noexcept override { return kClassName; }
+  /// Computes the payload once and writes it straight into the frame.
+  std::optional<platform::Data> frameFromStreamMessage(
+      const ISkeldaStreamMessage& message) const override;
+};
