@@ -48,6 +48,9 @@ std::string description(const ErrorRef& error);
 const ErrorDomain& posixErrorDomain();
 ErrorRef posixError(int code, std::string_view path = {});
 
+/// Failures of texts and archives that cannot be read.
+const ErrorDomain& cocoaErrorDomain();
+
 /// Stores `value` where the caller asked for errors.
 inline void setError(ErrorRef* error, ErrorRef value) {
   if (error != nullptr) *error = std::move(value);

@@ -13,6 +13,8 @@ namespace skelda::platform {
 struct JSONLimits {
   std::size_t maximumDepth = 64;
   std::size_t maximumBytes = std::size_t{64} << 20;
+  /// Containers and what they hold: a value takes many times the memory of its text.
+  std::size_t maximumValues = std::size_t{1} << 20;
 };
 
 /// Reads one JSON text into a value: whole numbers become integers (unsigned where they must),

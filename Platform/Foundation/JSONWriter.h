@@ -31,8 +31,11 @@ class JSONWriter {
   void value(const Value& value);
 
  private:
+  void begin(char bracket);
+  void end(char bracket);
   void separate();
   void newline();
+
   std::string& out_;
   bool pretty_;
   bool needsComma_ = false;

@@ -10,7 +10,10 @@ namespace skelda::platform {
 struct Locale {
   std::optional<std::string> languageCode;  ///< ISO 639, lower case: "en"
   std::optional<std::string> countryCode;   ///< ISO 3166, upper case: "GB"
-  static Locale current();
+  /// `root` stands before the paths of the files, for tests.
+  static Locale current(const std::string& root = {});
+
+  friend bool operator==(const Locale&, const Locale&) = default;
 };
 
 }  // namespace skelda::platform

@@ -1,0 +1,114 @@
+#include "Platform/Foundation/Bundle.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <mutex>
+
+#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Foundation/PropertyList.h"
+#include "Platform/Foundation/PropertyListScreen.h"
+#include "Platform/Foundation/SmallFile.h"
+
+namespace skelda::platform {
+namespace {
+
+struct MainBundle {
+  std::mutex lock;
+  std::shared_ptr<const Bundle> found;
+  std::shared_ptr<const Bundle> set;
+};
+
+MainBundle& mainBundle() {
+  // Never destroyed: the bundle is asked for until the last instant of the process.
+  static auto* const instance = new MainBundle;
+  return *instance;
+}
+
+std::string runningExecutable() {
+  std::array<char, 4096> path{};
+  const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
+  return length > 0 ? std::string(path.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+std::string folderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string informationPath(const std::string& folder) {
+  return folder + "/Info.plist";
+}
+
+bool isBundleFolder(const std::string& folder) {
+  return (folder.ends_with(".appex") || folder.ends_with(".app")) &&
+         ::access(informationPath(folder).c_str(), F_OK) == 0;
+}
+
+/// The dictionary in `path`; an empty one, and a line that says why, where there is none.
+Dictionary readInformation(const std::string& path) {
+  std::optional<std::string> content = readSmallFile(path, PropertyListLimits::kMaximumBytes);
+  if (!content) {
+    SKELDA_PLATFORM_LOG("Bundle: {} cannot be read, or is too long", path);
+    return {};
+  }
+  ErrorRef error;
+  std::optional<Value> value = readPropertyList(Data(std::move(*content)), &error);
+  if (value && value->dictionary() != nullptr) return std::move(*value->dictionary());
+  SKELDA_PLATFORM_LOG("Bundle: {} is not an information dictionary: {}", path,
+                      value ? "its root is not a dictionary" : error->localizedDescription());
+  return {};
+}
+
+}  // namespace
+
+Bundle::Bundle(std::string path, std::string executablePath, Dictionary information)
+    : path_(std::move(path)),
+      executablePath_(std::move(executablePath)),
+      information_(std::move(information)) {}
+
+std::shared_ptr<const Bundle> Bundle::above(const std::string& executablePath) {
+  const std::string own = folderOf(executablePath);
+  for (std::string folder = own; folder != "/" && folder != "."; folder = folderOf(folder)) {
+    if (isBundleFolder(folder))
+      return std::make_shared<const Bundle>(folder, executablePath,
+                                            readInformation(informationPath(folder)));
+  }
+  SKELDA_PLATFORM_LOG("Bundle: no bundle with an Info.plist above {}", executablePath);
+  return std::make_shared<const Bundle>(own, executablePath, Dictionary());
+}
+
+std::shared_ptr<const Bundle> Bundle::main() {
+  MainBundle& main = mainBundle();
+  {
+    const std::lock_guard guard(main.lock);
+    if (main.set != nullptr) return main.set;
+    if (main.found != nullptr) return main.found;
+  }
+  // Outside the lock, since a log sink is called on the way. Two threads that come here at once
+  // find the same bundle; the first one stays.
+  std::shared_ptr<const Bundle> found = above(runningExecutable());
+  const std::lock_guard guard(main.lock);
+  if (main.found == nullptr) main.found = std::move(found);
+  return main.set != nullptr ? main.set : main.found;
+}
+
+void Bundle::setMain(std::shared_ptr<const Bundle> bundle) {
+  MainBundle& main = mainBundle();
+  const std::lock_guard guard(main.lock);
+  main.set.swap(bundle);
+}
+
+Value Bundle::objectForInfoDictionaryKey(std::string_view key) const {
+  const Value* const value = information_.find(key);
+  return value != nullptr ? *value : Value();
+}
+
+std::optional<std::string> Bundle::bundleIdentifier() const {
+  const Value* const value = information_.find("CFBundleIdentifier");
+  if (value == nullptr || value->text() == nullptr || value->text()->empty()) return std::nullopt;
+  return *value->text();
+}
+
+}  // namespace skelda::platform

@@ -1,0 +1,61 @@
+#include "Platform/Foundation/Error.h"
+
+#include <fmt/format.h>
+
+#include <system_error>
+
+namespace skelda::platform {
+namespace {
+
+constexpr std::string_view kDescriptionKey = "NSLocalizedDescription";
+
+}  // namespace
+
+ErrorDomain makeErrorDomain(std::string_view text) {
+  return std::make_shared<const std::string>(text);
+}
+
+Error::Error(ErrorDomain domain, std::int64_t code, Value userInfo)
+    : domain_(domain != nullptr ? std::move(domain) : makeErrorDomain({})),
+      code_(code),
+      userInfo_(std::move(userInfo)) {}
+
+std::string Error::localizedDescription() const {
+  if (const Dictionary* const info = userInfo_.dictionary()) {
+    const Value* const text = info->find(kDescriptionKey);
+    if (text != nullptr && text->text() != nullptr) return *text->text();
+  }
+  return fmt::format("The operation could not be completed. ({} error {}.)", domain(), code_);
+}
+
+std::string Error::description() const {
+  return fmt::format("Error Domain={} Code={} \"{}\"", domain(), code_, localizedDescription());
+}
+
+std::string description(const ErrorRef& error) {
+  return error != nullptr ? error->description() : "(null)";
+}
+
+const ErrorDomain& posixErrorDomain() {
+  // Never destroyed: an error may outlive every other static.
+  static const auto* const domain = new ErrorDomain(makeErrorDomain("NSPOSIXErrorDomain"));
+  return *domain;
+}
+
+const ErrorDomain& cocoaErrorDomain() {
+  static const auto* const domain = new ErrorDomain(makeErrorDomain("NSCocoaErrorDomain"));
+  return *domain;
+}
+
+ErrorRef posixError(int code, std::string_view path) {
+  std::string text = std::generic_category().message(code);
+  Dictionary info;
+  if (!path.empty()) {
+    text = fmt::format("{}: {}", path, text);
+    info.append("NSFilePath", path);
+  }
+  info.append(std::string(kDescriptionKey), std::move(text));
+  return std::make_shared<const Error>(posixErrorDomain(), code, Value(std::move(info)));
+}
+
+}  // namespace skelda::platform

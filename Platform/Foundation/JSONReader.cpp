@@ -1,0 +1,153 @@
+#include "Platform/Foundation/JSONReader.h"
+
+#include <algorithm>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace skelda::platform {
+namespace {
+
+/// The code of property-list and JSON texts that cannot be read.
+constexpr std::int64_t kReadCorrupt = 3840;
+
+ErrorRef readError(std::string text) {
+  return std::make_shared<const Error>(cocoaErrorDomain(), kReadCorrupt,
+                                       Value{{"NSLocalizedDescription", std::move(text)}});
+}
+
+/// A container that is still open, and in an object the key that waits for its value.
+struct Open {
+  bool isObject = false;
+  std::string key;
+  Array elements;
+  std::vector<Dictionary::Entry> entries;
+};
+
+/// The entries as a dictionary in which the last value of a key stands in the place of the first.
+/// Sorts instead of looking every key up, so that a hostile object costs no square of its size.
+Dictionary dictionaryOf(std::vector<Dictionary::Entry> entries) {
+  constexpr std::size_t kFewEntries = 16;
+  Dictionary result;
+  result.reserve(entries.size());
+  if (entries.size() <= kFewEntries) {
+    for (auto& [key, value] : entries) result.set(std::move(key), std::move(value));
+    return result;
+  }
+  std::vector<std::size_t> order(entries.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&entries](std::size_t a, std::size_t b) {
+    const int compared = entries[a].first.compare(entries[b].first);
+    return compared != 0 ? compared < 0 : a < b;
+  });
+  std::vector<bool> repeats(entries.size(), false);
+  for (std::size_t i = 1, first = order[0]; i < order.size(); ++i) {
+    const std::size_t current = order[i];
+    if (entries[current].first != entries[first].first) {
+      first = current;
+      continue;
+    }
+    entries[first].second = std::move(entries[current].second);
+    repeats[current] = true;
+  }
+  for (std::size_t i = 0; i < entries.size(); ++i)
+    if (!repeats[i]) result.append(std::move(entries[i].first), std::move(entries[i].second));
+  return result;
+}
+
+/// Takes the tokens of one text and builds the value.
+class Builder final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  explicit Builder(const JSONLimits& limits) : limits_(limits) {}
+
+  Value takeRoot() { return std::move(root_); }
+  std::string takeProblem() { return std::move(problem_); }
+
+  bool null() override { return add(Value()); }
+  bool boolean(bool value) override { return add(Value(value)); }
+  bool number_integer(number_integer_t value) override { return add(Value(value)); }
+  bool number_unsigned(number_unsigned_t value) override {
+    constexpr auto kMaximum = std::uint64_t{std::numeric_limits<std::int64_t>::max()};
+    return add(value <= kMaximum ? Value(static_cast<std::int64_t>(value)) : Value(value));
+  }
+  bool number_float(number_float_t value, const string_t&) override { return add(Value(value)); }
+  bool string(string_t& value) override { return add(Value(std::move(value))); }
+  bool binary(binary_t&) override { return refuse("binary data"); }
+
+  bool start_object(std::size_t) override { return open(true); }
+  bool start_array(std::size_t) override { return open(false); }
+  bool key(string_t& name) override {
+    open_.back().key = std::move(name);
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+
+  bool parse_error(std::size_t position, const std::string&,
+                   const nlohmann::json::exception&) override {
+    // Not the library's own words: they quote the input.
+    return refuse("invalid text near byte " + std::to_string(position));
+  }
+
+ private:
+  bool refuse(std::string problem) {
+    problem_ = std::move(problem);
+    return false;
+  }
+
+  bool open(bool isObject) {
+    if (open_.size() >= limits_.maximumDepth) return refuse("nested too deeply");
+    if (!count()) return false;
+    open_.emplace_back().isObject = isObject;
+    return true;
+  }
+
+  bool close() {
+    Open done = std::move(open_.back());
+    open_.pop_back();
+    place(done.isObject ? Value(dictionaryOf(std::move(done.entries)))
+                        : Value(std::move(done.elements)));
+    return true;
+  }
+
+  bool add(Value value) {
+    if (!count()) return false;
+    place(std::move(value));
+    return true;
+  }
+
+  bool count() { return ++values_ <= limits_.maximumValues || refuse("too many values"); }
+
+  void place(Value value) {
+    if (open_.empty()) {
+      root_ = std::move(value);
+    } else if (open_.back().isObject) {
+      open_.back().entries.emplace_back(std::move(open_.back().key), std::move(value));
+    } else {
+      open_.back().elements.push_back(std::move(value));
+    }
+  }
+
+  JSONLimits limits_;
+  std::vector<Open> open_;
+  std::size_t values_ = 0;
+  Value root_;
+  std::string problem_;
+};
+
+}  // namespace
+
+std::optional<Value> readJSON(std::string_view text, ErrorRef* error, const JSONLimits& limits) {
+  if (text.size() > limits.maximumBytes) {
+    setError(error, readError("The JSON text is too long."));
+    return std::nullopt;
+  }
+  Builder builder(limits);
+  if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) return builder.takeRoot();
+  setError(error, readError("The JSON text cannot be read: " + builder.takeProblem() + "."));
+  return std::nullopt;
+}
+
+}  // namespace skelda::platform

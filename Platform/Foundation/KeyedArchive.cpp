@@ -1,0 +1,268 @@
+#include "Platform/Foundation/KeyedArchive.h"
+
+#include <cmath>
+#include <limits>
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/JSONReader.h"
+#include "Platform/Foundation/JSONWriter.h"
+#include "Platform/Foundation/TextCoding.h"
+
+namespace skelda::platform {
+namespace {
+
+constexpr std::string_view kFormat = "skelda";
+constexpr std::int64_t kVersion = 1;
+/// How deep an archive may be nested, in containers of the text. Both sides hold to it, so that
+/// what was written is always read.
+constexpr std::size_t kMaximumDepth = 256;
+
+[[noreturn]] void refuseWriting(std::string_view reason) {
+  throw Exception("NSInvalidArchiveOperationException", reason);
+}
+
+[[noreturn]] void refuseReading(std::string_view reason) {
+  throw Exception("NSInvalidUnarchiveOperationException", reason);
+}
+
+class Archiver {
+ public:
+  explicit Archiver(std::string& out) : writer_(out) {}
+
+  void archive(const KeyedArchive& archive) {
+    if (!isValidUTF8(archive.className)) refuseWriting("The class name is not UTF-8.");
+    open();
+    writer_.key("archive");
+    writer_.text(kFormat);
+    writer_.key("version");
+    writer_.integer(kVersion);
+    writer_.key("class");
+    writer_.text(archive.className);
+    writer_.key("root");
+    write(archive.root);
+    close();
+  }
+
+ private:
+  void open() {
+    if (++depth_ > kMaximumDepth) refuseWriting("The object is nested too deeply.");
+    writer_.beginObject();
+  }
+  void close() {
+    --depth_;
+    writer_.endObject();
+  }
+
+  /// An object of one "$" key, whose value `content` writes.
+  template <class Content>
+  void tagged(std::string_view tag, Content content) {
+    open();
+    writer_.key(tag);
+    content();
+    close();
+  }
+
+  void write(const Value& value) {
+    switch (value.kind()) {
+      case Value::Kind::unsignedInteger:
+        return tagged("$uint", [&] { writer_.unsignedInteger(value.unsignedValue()); });
+      case Value::Kind::real:
+        return writeReal(value.doubleValue());
+      case Value::Kind::real32:
+        return writeReal32(static_cast<float>(value.doubleValue()));
+      case Value::Kind::text:
+        return writeText(*value.text());
+      case Value::Kind::data:
+        return tagged("$data", [&] { writer_.text(base64Encoded(value.data()->view())); });
+      case Value::Kind::date:
+        return tagged("$date",
+                      [&] { writer_.integer(value.date()->microsecondsSince1970().count()); });
+      case Value::Kind::array:
+        return writeArray(*value.array());
+      case Value::Kind::dictionary:
+        return writeDictionary(*value.dictionary());
+      default:
+        return writer_.value(value);
+    }
+  }
+
+  /// JSON has no word for numbers that are not finite.
+  void writeNotFinite(double value) {
+    writer_.text(std::isnan(value) ? "nan" : value < 0 ? "-inf" : "inf");
+  }
+
+  void writeReal(double value) {
+    if (std::isfinite(value)) return writer_.real(value);
+    tagged("$real", [&] { writeNotFinite(value); });
+  }
+
+  void writeReal32(float value) {
+    tagged("$float", [&] {
+      if (std::isfinite(value))
+        writer_.real32(value);
+      else
+        writeNotFinite(static_cast<double>(value));
+    });
+  }
+
+  /// Text that is not UTF-8 cannot stand in JSON as it is.
+  void writeText(const std::string& text) {
+    if (isValidUTF8(text)) return writer_.text(text);
+    tagged("$text", [&] { writer_.text(base64Encoded(text)); });
+  }
+
+  void writeArray(const Array& array) {
+    if (++depth_ > kMaximumDepth) refuseWriting("The object is nested too deeply.");
+    writer_.beginArray();
+    for (const Value& element : array) write(element);
+    writer_.endArray();
+    --depth_;
+  }
+
+  void writeDictionary(const Dictionary& dictionary) {
+    for (const auto& [key, value] : dictionary)
+      if (!isValidUTF8(key)) return tagged("$pairs", [&] { writePairs(dictionary); });
+    if (dictionary.size() == 1 && dictionary.begin()->first.starts_with('$'))
+      return tagged("$dict", [&] { writeEntries(dictionary); });
+    writeEntries(dictionary);
+  }
+
+  void writeEntries(const Dictionary& dictionary) {
+    open();
+    for (const auto& [key, value] : dictionary) {
+      writer_.key(key);
+      write(value);
+    }
+    close();
+  }
+
+  /// Keys that JSON cannot spell: a flat list of keys and values.
+  void writePairs(const Dictionary& dictionary) {
+    Array flat;
+    flat.reserve(dictionary.size() * 2);
+    for (const auto& [key, value] : dictionary) {
+      flat.emplace_back(key);
+      flat.push_back(value);
+    }
+    writeArray(flat);
+  }
+
+  JSONWriter writer_;
+  std::size_t depth_ = 0;
+};
+
+Value restored(Value value);
+
+const std::string& textOf(const Value& value) {
+  if (value.text() == nullptr) refuseReading("A tagged value does not hold a text.");
+  return *value.text();
+}
+
+std::string bytesOf(const Value& value) {
+  std::optional<Data> bytes = base64Decoded(textOf(value));
+  if (!bytes) refuseReading("A tagged value is not base64.");
+  return std::move(*bytes).string();
+}
+
+bool isInteger(const Value& value) {
+  return value.kind() == Value::Kind::integer || value.kind() == Value::Kind::unsignedInteger;
+}
+
+double realOf(const Value& value) {
+  if (value.kind() == Value::Kind::real || isInteger(value)) return value.doubleValue();
+  const std::string& text = textOf(value);
+  if (text == "nan") return std::numeric_limits<double>::quiet_NaN();
+  if (text == "inf") return std::numeric_limits<double>::infinity();
+  if (text == "-inf") return -std::numeric_limits<double>::infinity();
+  refuseReading("A tagged value is not a number.");
+}
+
+float real32Of(const Value& value) {
+  const double wide = realOf(value);
+  if (std::isfinite(wide) && std::abs(wide) > double{std::numeric_limits<float>::max()})
+    refuseReading("A 32-bit number is too great.");
+  return static_cast<float>(wide);
+}
+
+Dictionary restoredEntries(const Dictionary& entries) {
+  Dictionary result;
+  result.reserve(entries.size());
+  for (const auto& [key, value] : entries) result.append(key, restored(value));
+  return result;
+}
+
+Dictionary dictionaryOfPairs(const Value& value) {
+  const Array* const flat = value.array();
+  if (flat == nullptr || flat->size() % 2 != 0) refuseReading("A list of pairs is malformed.");
+  Dictionary result;
+  result.reserve(flat->size() / 2);
+  for (std::size_t i = 0; i < flat->size(); i += 2)
+    result.append(textOf(restored((*flat)[i])), restored((*flat)[i + 1]));
+  return result;
+}
+
+Value restoredTag(std::string_view tag, const Value& content) {
+  if (tag == "$data") return Data(bytesOf(content));
+  if (tag == "$text") return bytesOf(content);
+  if (tag == "$real") return realOf(content);
+  if (tag == "$float") return real32Of(content);
+  if (tag == "$pairs") return dictionaryOfPairs(content);
+  if (tag == "$date") {
+    if (content.kind() != Value::Kind::integer) refuseReading("A date is not a whole number.");
+    return Date(Date::Microseconds(content.integerValue()));
+  }
+  if (tag == "$uint") {
+    if (!isInteger(content) ||
+        (content.kind() == Value::Kind::integer && content.integerValue() < 0))
+      refuseReading("An unsigned number is malformed.");
+    return content.unsignedValue();
+  }
+  if (tag == "$dict") {
+    if (content.dictionary() == nullptr) refuseReading("A wrapped dictionary is none.");
+    return restoredEntries(*content.dictionary());
+  }
+  refuseReading("An unknown tag.");
+}
+
+Value restored(Value value) {
+  if (Array* const array = value.array()) {
+    for (Value& element : *array) element = restored(std::move(element));
+    return value;
+  }
+  const Dictionary* const dictionary = value.dictionary();
+  if (dictionary == nullptr) return value;
+  if (dictionary->size() == 1 && dictionary->begin()->first.starts_with('$'))
+    return restoredTag(dictionary->begin()->first, dictionary->begin()->second);
+  return restoredEntries(*dictionary);
+}
+
+}  // namespace
+
+Data archivedData(const KeyedArchive& archive) {
+  std::string text;
+  Archiver(text).archive(archive);
+  return Data(std::move(text));
+}
+
+KeyedArchive unarchivedObject(const Data& data) {
+  ErrorRef error;
+  JSONLimits limits;
+  limits.maximumDepth = kMaximumDepth;
+  const std::optional<Value> text = readJSON(data.view(), &error, limits);
+  if (!text) refuseReading(error->localizedDescription());
+  const Dictionary* const archive = text->dictionary();
+  if (archive == nullptr) refuseReading("The text is not an archive.");
+  const Value* const format = archive->find("archive");
+  const Value* const version = archive->find("version");
+  const Value* const className = archive->find("class");
+  const Value* const root = archive->find("root");
+  if (format == nullptr || *format != Value(kFormat) || className == nullptr ||
+      className->text() == nullptr || root == nullptr)
+    refuseReading("The text is not an archive.");
+  if (version == nullptr || version->kind() != Value::Kind::integer ||
+      version->integerValue() != kVersion)
+    refuseReading("The archive is of another version.");
+  return {*className->text(), restored(*root)};
+}
+
+}  // namespace skelda::platform
