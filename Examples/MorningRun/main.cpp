@@ -58,8 +58,9 @@ void describe(CLI::App& app, Options& options) {
 }
 
 int run(const Options& options) {
-  const auto recording = Recording::read(
-      options.recording.empty() ? besideThisProgram("morning-run.csv") : options.recording);
+  const auto recording =
+      Recording::read(options.recording.empty() ? besideThisProgram("morning-run.csv").string()
+                                                : options.recording);
   if (!options.phone.empty())
     skelda::platform::installWatchConnectivity(
         skelda::platform::WCSocketTransport::make(options.phone));
