@@ -15,7 +15,6 @@
 
 class SkeldaStreamEvent;
 class SkeldaStreamSessionId;
-class SkeldaSessionDevicePropertiesDataProvider;
 
 /// Opens and closes watch sessions: a session ends after a number of events or minutes, and is
 /// flushed only once every mandatory sticky message has been seen.
@@ -26,7 +25,8 @@ class SkeldaWatchStreamSessionRule : public ISkeldaStreamFlushRule {
   /// Frame type to the flush status that such a message brings; only numbers count.
   using TriggerMap = std::map<std::int32_t, platform::Value>;
   /// Finds a module by its registry key, a class or protocol name; null for what is not there.
-  /// Must not throw: a message is never lost over it.
+  /// Called on the core policy's queue; the rule asks for the device properties' provider and
+  /// source. What it throws is reported and counts as null: no message is lost over it.
   using ModuleLookup = std::function<platform::ObjectRef(std::string_view key)>;
 
   /// `durationThreshold` in minutes. An empty `lookup` finds nothing.
@@ -76,7 +76,8 @@ class SkeldaWatchStreamSessionRule : public ISkeldaStreamFlushRule {
   void openSession(const SkeldaStreamEvent& event, Messages& prependingMessages);
   void endSessionAt(std::int64_t elapsedEndTime, Messages& prependingMessages);
   std::int32_t triggeredStatus(std::int32_t frameType) const;
-  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> devicePropertiesProvider() const;
+  template <class Module>
+  std::shared_ptr<Module> moduleNamed(std::string_view key) const;
 
   bool stickySetCompleteSentFlag_ = false;
   bool oldSessionIdSent_ = true;

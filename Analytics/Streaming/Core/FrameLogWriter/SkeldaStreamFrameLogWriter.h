@@ -1,13 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/Value.h"
@@ -27,7 +31,9 @@ class SkeldaStreamSessionId;
 ///   <current folder>/<current name>                  the log that is being written
 ///   <committed folder>/<committed name>_<seconds>    whole logs, waiting to be uploaded
 /// A log that was committed but not yet emptied when the process died is committed again: delivery
-/// is at least once.
+/// is at least once. A leftover log that cannot be read stays as it is and is tried again while the
+/// stages before hold their messages; after some ten seconds it is renamed to
+/// <log>.unread_<seconds> and left there.
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                                    public virtual ISkeldaStreamFrameLogWriter {
  public:
@@ -88,9 +94,13 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void setPlatformFileManager(std::shared_ptr<platform::FileManager> manager) noexcept {
     platformFileManager_ = std::move(manager);
   }
+  /// How long to wait before a leftover log that cannot be read is tried again; doubles from try to
+  /// try, up to a minute. Before the first call only.
+  void setFirstRetryDelay(std::chrono::nanoseconds delay) noexcept { firstRetryDelay_ = delay; }
 
  protected:
   void onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) override;
+  void onqueue_transferUserInfo(const platform::Value& userInfo);
 
  private:
   SkeldaStreamFrameLogWriter(std::string currentFrameLogFilePath,
@@ -104,23 +114,35 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                              std::vector<std::int32_t> frameTypesForRoll,
                              std::vector<std::int32_t> frameTypesToDrop);
 
-  void onqueue_transferUserInfo(const platform::Value& userInfo);
+  // Writing (SkeldaStreamFrameLogWriter.cpp)
   void onqueue_rollLogFile();
   void onqueue_moveCurrentLogFileToCommitedLogFilesPath();
   std::string onqueue_freshCommitedPath() const;
   bool onqueue_openFileHandleIfNeeded();
-  void onqueue_writeData(const platform::Data& data, bool seekToEOF);
+  void onqueue_writeData(const std::optional<platform::Data>& data, bool seekToEOF);
   void onqueue_writeCounterFrame();
   void onqueue_setCrashFlag(bool crashed);
 
+  /// The longest run of whole frames at the head of a log, as the serializer writes them, and the
+  /// bytes that it takes up in the file.
+  struct ReadableLog {
+    platform::Data frames;
+    std::size_t lengthInFile = 0;
+  };
+  // Start-up (SkeldaStreamFrameLogWriterRepair.cpp). Those that answer false met a log, or an
+  // archive, that cannot be read or cut just now; it is as it was.
   void onqueue_writePendingFiles(int attempt);
+  void onqueue_tryAgain(int attempt);
+  bool onqueue_setLogAside();
   bool onqueue_validatePendingLogFile();
-  bool onqueue_readPendingFrames(platform::Data* readable);
-  bool onqueue_appendReadableFrames(platform::Data* readable);
-  bool onqueue_replaceLog(const platform::Data& readable);
+  bool onqueue_readPendingLog(ReadableLog& readable);
+  bool onqueue_readOn(ReadableLog& readable);
+  bool onqueue_keepFrame(const SkeldaStreamFrame::Ref& frame, ReadableLog& readable);
+  bool onqueue_cutPendingLog(const ReadableLog& readable);
   void onqueue_closeCrashedLog();
-  void onqueue_setUnreadableLogAside();
-  void onqueue_loadSessionIdFromDisk();
+  bool onqueue_crashFlag() const;
+  bool onqueue_loadSessionIdIfCrashed();
+  bool onqueue_loadSessionIdFromDisk();
 
   std::atomic<bool> watchHasReportedIDsSuccess_{false};
   const std::string currentFrameLogFilePath_;
@@ -134,5 +156,7 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   const std::vector<std::int32_t> frameTypesForRoll_;
   const std::vector<std::int32_t> frameTypesToDrop_;
   std::shared_ptr<SkeldaStreamSessionId> sessionIdFromDisk_;
+  const std::optional<std::string> logPath_;  // Folder and name; the protocols take it so.
   std::shared_ptr<platform::FileManager> platformFileManager_;
+  std::chrono::nanoseconds firstRetryDelay_ = std::chrono::milliseconds(50);
 };

@@ -1,0 +1,51 @@
+#include "Analytics/Streaming/Core/SkeldaStreamDropHandler.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
+#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Utils/SkeldaLog.h"
+
+std::shared_ptr<SkeldaStreamDropHandler> SkeldaStreamDropHandler::dropHandlerWithRules(
+    DropRules dropRules) {
+  return made(new SkeldaStreamDropHandler(std::move(dropRules)));
+}
+
+SkeldaStreamDropHandler::SkeldaStreamDropHandler(DropRules dropRules)
+    : SkeldaActorStreamCoreComponent("SkeldaStreamDropHandler"), dropRules_(std::move(dropRules)) {}
+
+void SkeldaStreamDropHandler::nextStageDidChangeState(std::int32_t state) {
+  becomeReadyWithNextStage(state);
+}
+
+void SkeldaStreamDropHandler::onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_LOG(0, "{}: message = {}", "-[SkeldaStreamDropHandler onqueue_streamMessage:]",
+             SkeldaMessageTrace::description(message));
+  onqueue_preProcessMessage(message);
+}
+
+void SkeldaStreamDropHandler::onqueue_preProcessMessage(const ISkeldaStreamMessage::Ref& message) {
+  for (const auto& rule : dropRules_) {
+    for (const auto& before : rule->prependMessagesBefore(message)) onqueue_processMessage(before);
+  }
+  onqueue_processMessage(message);
+}
+
+void SkeldaStreamDropHandler::onqueue_processMessage(const ISkeldaStreamMessage::Ref& message) {
+  if (shouldDropMessage(message)) return;
+  SkeldaActorStreamCoreComponent::onqueue_streamMessage(message);
+  if (skelda::flushStatusOf(message) == SkeldaStreamFlush::kSessionFinalized) {
+    resetAllDropRuleCounters();
+  }
+}
+
+bool SkeldaStreamDropHandler::shouldDropMessage(const ISkeldaStreamMessage::Ref& message) {
+  return std::any_of(dropRules_.begin(), dropRules_.end(),
+                     [&](const auto& rule) { return rule->shouldDropMessage(message); });
+}
+
+void SkeldaStreamDropHandler::resetAllDropRuleCounters() {
+  for (const auto& rule : dropRules_) rule->reset();
+}

@@ -1,0 +1,64 @@
+#include "Analytics/Streaming/Core/SkeldaWatchStreamEventDropRule.h"
+
+#include <algorithm>
+
+#include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
+#include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Utils/SkeldaDateUtil.h"
+
+std::shared_ptr<SkeldaWatchStreamEventDropRule>
+SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(std::int32_t maxEventThreshold,
+                                                                   std::int32_t maxDuration) {
+  return std::shared_ptr<SkeldaWatchStreamEventDropRule>(
+      new SkeldaWatchStreamEventDropRule(maxEventThreshold, maxDuration));
+}
+
+SkeldaWatchStreamEventDropRule::SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold,
+                                                               std::int32_t maxDuration)
+    : maxEventThreshold_(maxEventThreshold), maxSessionDuration_(maxDuration) {}
+
+std::vector<ISkeldaStreamMessage::Ref> SkeldaWatchStreamEventDropRule::prependMessagesBefore(
+    const ISkeldaStreamMessage::Ref& message) {
+  if (skelda::flushStatusOf(message) != SkeldaStreamFlush::kSessionFinalized) return {};
+  return {
+      SkeldaStreamEventSummary::streamWithEventCount(getEventCount(), droppedEventsSet_.empty())};
+}
+
+bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessage::Ref& message) {
+  const SkeldaStreamEvent* event = skelda::eventOf(message);
+  if (event == nullptr) return false;
+  // Before any test, so that even an event that is dropped can move the session's start back.
+  initialTimeStamp_ = std::min(initialTimeStamp_, event->timestamp().value_or(initialTimeStamp_));
+
+  const bool repeated = sentEventsSet_.contains(event->eventId());
+  // Dropped events count as well: once the cap is reached, all that follow are dropped.
+  const bool full = static_cast<std::int64_t>(getEventCount()) >= maxEventThreshold_;
+  if (repeated || full || !doesNotExceedSessionMaxDuration(*event)) {
+    droppedEventsSet_.insert(event->eventId());
+    return true;
+  }
+  if (event->eventName()) eventsSet_.insert(*event->eventName());
+  sentEventsSet_.insert(event->eventId());
+  return false;
+}
+
+void SkeldaWatchStreamEventDropRule::reset() {
+  sentEventsSet_.clear();
+  droppedEventsSet_.clear();
+  eventsSet_.clear();
+  initialTimeStamp_ = platform::Date::distantFuture();
+}
+
+std::uint32_t SkeldaWatchStreamEventDropRule::getEventCount() const noexcept {
+  return static_cast<std::uint32_t>(sentEventsSet_.size() + droppedEventsSet_.size());
+}
+
+bool SkeldaWatchStreamEventDropRule::doesNotExceedSessionMaxDuration(
+    const SkeldaStreamEvent& event) const {
+  const std::int64_t elapsed = SkeldaDateUtil::timeIntervalSinceDateInMilliseconds(
+      event.timestamp().value_or(initialTimeStamp_), initialTimeStamp_);
+  return elapsed == 0 || skelda::sessionLimitInMilliseconds(maxSessionDuration_) >= elapsed;
+}
