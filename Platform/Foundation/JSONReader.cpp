@@ -1,6 +1,5 @@
 #include "Platform/Foundation/JSONReader.h"
 
-#include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -25,37 +24,6 @@ struct Open {
   Array elements;
   std::vector<Dictionary::Entry> entries;
 };
-
-/// The entries as a dictionary in which the last value of a key stands in the place of the first.
-/// Sorts instead of looking every key up, so that a hostile object costs no square of its size.
-Dictionary dictionaryOf(std::vector<Dictionary::Entry> entries) {
-  constexpr std::size_t kFewEntries = 16;
-  Dictionary result;
-  result.reserve(entries.size());
-  if (entries.size() <= kFewEntries) {
-    for (auto& [key, value] : entries) result.set(std::move(key), std::move(value));
-    return result;
-  }
-  std::vector<std::size_t> order(entries.size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::sort(order.begin(), order.end(), [&entries](std::size_t a, std::size_t b) {
-    const int compared = entries[a].first.compare(entries[b].first);
-    return compared != 0 ? compared < 0 : a < b;
-  });
-  std::vector<bool> repeats(entries.size(), false);
-  for (std::size_t i = 1, first = order[0]; i < order.size(); ++i) {
-    const std::size_t current = order[i];
-    if (entries[current].first != entries[first].first) {
-      first = current;
-      continue;
-    }
-    entries[first].second = std::move(entries[current].second);
-    repeats[current] = true;
-  }
-  for (std::size_t i = 0; i < entries.size(); ++i)
-    if (!repeats[i]) result.append(std::move(entries[i].first), std::move(entries[i].second));
-  return result;
-}
 
 /// Takes the tokens of one text and builds the value.
 class Builder final : public nlohmann::json_sax<nlohmann::json> {
@@ -107,7 +75,7 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
   bool close() {
     Open done = std::move(open_.back());
     open_.pop_back();
-    place(done.isObject ? Value(dictionaryOf(std::move(done.entries)))
+    place(done.isObject ? Value(Dictionary::withEntries(std::move(done.entries)))
                         : Value(std::move(done.elements)));
     return true;
   }

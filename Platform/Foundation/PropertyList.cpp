@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Foundation/PropertyListScreen.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -62,11 +63,18 @@ Value integerOf(plist_t node) {
   return value;
 }
 
-Value dateOf(plist_t node) {
+std::optional<Value> dateOf(plist_t node) {
   std::int32_t seconds = 0;
   std::int32_t microseconds = 0;
   plist_get_date_val(node, &seconds, &microseconds);
-  return Date(Date::Microseconds((seconds + kSecondsFrom1970To2001) * 1000000 + microseconds));
+  // What a date outside the range of the library's 32-bit seconds comes out as.
+  if (seconds == std::numeric_limits<std::int32_t>::min() ||
+      seconds == std::numeric_limits<std::int32_t>::max())
+    return std::nullopt;
+  // The fraction comes without the sign of the seconds.
+  if (seconds < 0) microseconds = -microseconds;
+  return Value(
+      Date(Date::Microseconds((seconds + kSecondsFrom1970To2001) * 1000000 + microseconds)));
 }
 
 std::optional<Value> textOf(plist_t node) {
@@ -86,19 +94,23 @@ Value dataOf(plist_t node) {
 
 std::optional<Value> arrayOf(plist_t node) {
   Array array;
-  const std::uint32_t count = plist_array_get_size(node);
-  array.reserve(count);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    std::optional<Value> element = valueOf(plist_array_get_item(node, i));
+  array.reserve(plist_array_get_size(node));
+  plist_array_iter iterator = nullptr;
+  plist_array_new_iter(node, &iterator);
+  const MemoryRef iteratorOwner(iterator);
+  while (true) {
+    plist_t item = nullptr;
+    plist_array_next_item(node, iterator, &item);
+    if (item == nullptr) return Value(std::move(array));
+    std::optional<Value> element = valueOf(item);
     if (!element) return std::nullopt;
     array.push_back(std::move(*element));
   }
-  return Value(std::move(array));
 }
 
 std::optional<Value> dictionaryOf(plist_t node) {
-  Dictionary dictionary;
-  dictionary.reserve(plist_dict_get_size(node));
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(plist_dict_get_size(node));
   plist_dict_iter iterator = nullptr;
   plist_dict_new_iter(node, &iterator);
   const MemoryRef iteratorOwner(iterator);
@@ -107,11 +119,11 @@ std::optional<Value> dictionaryOf(plist_t node) {
     plist_t item = nullptr;
     plist_dict_next_item(node, iterator, &key, &item);
     const MemoryRef keyOwner(key);
-    if (item == nullptr) return Value(std::move(dictionary));
+    // A binary list may repeat a key.
+    if (item == nullptr) return Value(Dictionary::withEntries(std::move(entries)));
     std::optional<Value> value = valueOf(item);
     if (key == nullptr || !isValidUTF8(key) || !value) return std::nullopt;
-    // The library keeps a key once.
-    dictionary.append(key, std::move(*value));
+    entries.emplace_back(key, std::move(*value));
   }
 }
 

@@ -1,6 +1,6 @@
 #include "Platform/Foundation/UUID.h"
 
-#include <uuid.h>
+#include <uuid/uuid.h>
 
 namespace skelda::platform {
 

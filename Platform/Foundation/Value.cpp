@@ -26,6 +26,40 @@ Dictionary::Dictionary(std::initializer_list<DictionaryEntry> entries) {
   for (const DictionaryEntry& entry : entries) set(std::move(entry.key), std::move(entry.value));
 }
 
+Dictionary Dictionary::withEntries(std::vector<Entry> entries) {
+  constexpr std::size_t kFewEntries = 16;
+  Dictionary result;
+  if (entries.size() <= kFewEntries) {
+    result.reserve(entries.size());
+    for (auto& [key, value] : entries) result.set(std::move(key), std::move(value));
+    return result;
+  }
+  std::vector<std::size_t> order(entries.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&entries](std::size_t a, std::size_t b) {
+    const int compared = entries[a].first.compare(entries[b].first);
+    return compared != 0 ? compared < 0 : a < b;
+  });
+  std::vector<bool> repeats(entries.size(), false);
+  for (std::size_t i = 1, first = order[0]; i < order.size(); ++i) {
+    const std::size_t current = order[i];
+    repeats[current] = entries[current].first == entries[first].first;
+    if (repeats[current])
+      entries[first].second = std::move(entries[current].second);
+    else
+      first = current;
+  }
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (repeats[i]) continue;
+    if (kept != i) entries[kept] = std::move(entries[i]);
+    ++kept;
+  }
+  entries.resize(kept);
+  result.entries_ = std::move(entries);
+  return result;
+}
+
 std::size_t Dictionary::size() const noexcept {
   return entries_.size();
 }

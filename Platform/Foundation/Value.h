@@ -31,6 +31,9 @@ class SKELDA_EXPORT Dictionary {
 
   Dictionary();
   Dictionary(std::initializer_list<DictionaryEntry> entries);
+  /// Of many entries, with keys that may repeat: the last value of a key stands in the place of the
+  /// first. Costs no square of their number, so that what was read may be hostile.
+  static Dictionary withEntries(std::vector<Entry> entries);
   Dictionary(const Dictionary&);
   Dictionary(Dictionary&&) noexcept;
   Dictionary& operator=(const Dictionary&);
