@@ -1,0 +1,41 @@
+#include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
+
+#include "Platform/Dispatch/Queue.h"
+#include "Platform/WatchKit/WKExtension.h"
+
+SkeldaAppStateDataProvider::SkeldaAppStateDataProvider()
+    : SkeldaDataProvider(std::string(kClassName)) {}
+
+std::shared_ptr<SkeldaAppStateDataProvider> SkeldaAppStateDataProvider::getInstance() {
+  return made(new SkeldaAppStateDataProvider());
+}
+
+void SkeldaAppStateDataProvider::startup() {
+  asyncBlock([self = selfOf(this)] { self->onqueue_start(); });
+}
+
+void SkeldaAppStateDataProvider::sendWatchState(std::int32_t state) {
+  asyncBlock([self = selfOf(this), state] { self->onqueue_sendWatchState(state); });
+}
+
+SkeldaAppStateDataProvider::DataRef SkeldaAppStateDataProvider::appStateData() {
+  DataRef data;
+  syncBlock([&] { data = appStateData_; });
+  return data;
+}
+
+void SkeldaAppStateDataProvider::onqueue_start() {
+  platform::Queue::main()->async([self = selfOf(this)] {
+    self->mainQueue_subscribeNotifications();
+    const auto state = platform::WKExtension::sharedExtension().applicationState();
+    self->sendWatchState(static_cast<std::int32_t>(state));
+  });
+}
+
+void SkeldaAppStateDataProvider::onqueue_sendWatchState(std::int32_t state) {
+  const std::int32_t previous =
+      appStateData_ ? appStateData_->currentState() : SkeldaAppStateData::kNoState;
+  if (appStateData_ && state == previous) return;
+  appStateData_ = SkeldaAppStateData::dataWithPreviousState(previous, state);
+  notifyObservers();
+}

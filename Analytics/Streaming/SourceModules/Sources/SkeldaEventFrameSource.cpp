@@ -1,0 +1,100 @@
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaEventFrameSource.h"
+
+#include <utility>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaTransaction.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaHostText.h"
+#include "Analytics/Utils/SkeldaLog.h"
+
+namespace {
+
+constexpr std::string_view kValidateMethod =
+    "+[SkeldaEventFrameSource isValidInputEvent:withParameters:timed:transaction:timestamp:]";
+constexpr std::string_view kRecordMethod =
+    "-[SkeldaEventFrameSource "
+    "onqueue_recordEvent:withParameters:timed:transaction:timestamp:]";
+constexpr std::string_view kEndMethod =
+    "-[SkeldaEventFrameSource onqueue_endTimedEvent:withParameters:timestamp:]";
+
+}  // namespace
+
+void SkeldaEventFrameSource::recordEvent(platform::Value name, platform::Value parameters,
+                                         bool timed, std::shared_ptr<SkeldaTransaction> transaction,
+                                         platform::Date timestamp) {
+  asyncBlock([self = selfOf(this), name = std::move(name), parameters = std::move(parameters),
+              timed, transaction = std::move(transaction), timestamp]() mutable {
+    self->onqueue_recordEvent(std::move(name), std::move(parameters), timed, std::move(transaction),
+                              timestamp);
+  });
+}
+
+void SkeldaEventFrameSource::recordEvent(platform::Value name, platform::Value parameters,
+                                         bool timed, platform::Date timestamp) {
+  recordEvent(std::move(name), std::move(parameters), timed, nullptr, timestamp);
+}
+
+void SkeldaEventFrameSource::endTimedEvent(platform::Value name, platform::Value parameters,
+                                           platform::Date timestamp) {
+  asyncBlock([self = selfOf(this), name = std::move(name), parameters = std::move(parameters),
+              timestamp]() mutable {
+    self->onqueue_endTimedEvent(std::move(name), std::move(parameters), timestamp);
+  });
+}
+
+bool SkeldaEventFrameSource::isValidInputEvent(const platform::Value& name,
+                                               const platform::Value& parameters, bool,
+                                               const std::shared_ptr<SkeldaTransaction>&,
+                                               platform::Date) {
+  if (name.text() == nullptr || name.text()->empty()) {
+    SKELDA_LOG(1, "{}: Not logging Event eventName[{}] due to invalid eventName", kValidateMethod,
+               name.description());
+    return false;
+  }
+  if (!skelda::isWellFormedText(name)) {
+    SKELDA_LOG(1, "{}: Not logging Event because its eventName is not UTF-8 text", kValidateMethod);
+    return false;
+  }
+  if (!parameters.isNull() && parameters.dictionary() == nullptr) {
+    SKELDA_LOG(1,
+               "{}: Not logging Event eventName[{}] because parameters input is not of "
+               "NSDictionary type",
+               kValidateMethod, name.description());
+    return false;
+  }
+  if (!skelda::isWellFormedText(parameters)) {
+    SKELDA_LOG(1, "{}: Not logging Event eventName[{}] because its parameters are not UTF-8 text",
+               kValidateMethod, name.description());
+    return false;
+  }
+  return true;
+}
+
+void SkeldaEventFrameSource::onqueue_recordEvent(platform::Value name, platform::Value parameters,
+                                                 bool timed,
+                                                 std::shared_ptr<SkeldaTransaction> transaction,
+                                                 platform::Date timestamp) {
+  if (!isValidInputEvent(name, parameters, timed, transaction, timestamp)) return;
+  const auto type = transaction ? kPurchaseEvent : kCustomEvent;
+  // A timed event's record is its start.
+  const bool starting = timed;
+  auto event = SkeldaStreamEvent::streamEventWithEventName(
+      *name.text(), std::string(type), timed, starting, parameters,
+      std::move(transaction), timestamp);
+  SKELDA_LOG(0, "{}: Recording Event eventName[{}] with parameters[{}]", kRecordMethod,
+             skelda::textOrNull(event->eventName()),
+             platform::Value(event->parameters()).description());
+  onqueue_streamMessage(std::move(event));
+}
+
+void SkeldaEventFrameSource::onqueue_endTimedEvent(platform::Value name, platform::Value parameters,
+                                                   platform::Date timestamp) {
+  if (!isValidInputEvent(name, parameters, /*timed=*/true, nullptr, timestamp)) return;
+  SKELDA_LOG(0, "{}: ending timed event eventName[{}] with parameters[{}]", kEndMethod,
+             *name.text(), parameters.description());
+  // Whether an event of that name was ever started is not known here, and not asked. Its end is a
+  // custom event even where its start was a purchase.
+  onqueue_streamMessage(SkeldaStreamEvent::streamEventWithEventName(
+      *name.text(), std::string(kCustomEvent), /*timed=*/true, /*starting=*/false,
+      parameters, nullptr, timestamp));
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaNotifiedSource.h"
+
+/// Reports the user's locale.
+class ISkeldaLocaleInfoSource : public virtual ISkeldaFrameSource {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaLocaleInfoSource";
+};
+
+class SkeldaLocaleInfoSource
+    : public SkeldaNotifiedSource<SkeldaLocaleInfoSource, ISkeldaLocaleInfoSource> {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaLocaleInfoSource";
+
+ private:
+  friend SkeldaSource;
+  SkeldaLocaleInfoSource() : SkeldaNotifiedSource(platform::kCurrentLocaleDidChangeNotification) {}
+  void onqueue_fetchAndSend() override { onqueue_fetchAndSendLocale(); }
+  void onqueue_fetchAndSendLocale();
+};

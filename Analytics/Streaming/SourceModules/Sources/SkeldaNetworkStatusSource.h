@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+
+/// Reports the network status.
+class ISkeldaNetworkStatusSource : public virtual ISkeldaFrameSource {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaNetworkStatusSource";
+};
+
+class SkeldaNetworkStatusSource
+    : public SkeldaProviderFedSource<SkeldaNetworkStatusSource, ISkeldaNetworkStatusSource,
+                                     SkeldaNetworkReachabilityDataProvider> {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaNetworkStatusSource";
+
+ private:
+  friend SkeldaSource;
+  SkeldaNetworkStatusSource() = default;
+  void onqueue_reportFactsOf(SkeldaNetworkReachabilityDataProvider& provider) override;
+
+  std::int32_t networkStatus_ = 0;
+};

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+#include "Platform/Foundation/EnvironmentMonitor.h"
+#include "Platform/Foundation/NotificationCenter.h"
+
+/// A source that reports something of the environment at start-up and again each time the platform
+/// says that it has changed.
+template <class Self, class Protocol>
+class SkeldaNotifiedSource : public SkeldaSource<Self, Protocol> {
+ public:
+  ~SkeldaNotifiedSource() override {
+    platform::NotificationCenter::defaultCenter().removeObserver(observation_);
+  }
+
+ protected:
+  explicit SkeldaNotifiedSource(std::string_view notification) : notification_(notification) {}
+  virtual void onqueue_fetchAndSend() = 0;
+
+  void onqueue_startup() override {
+    onqueue_observe();
+    onqueue_fetchAndSend();
+  }
+
+ private:
+  // Before the first message, so that no change is missed in between.
+  void onqueue_observe() {
+    if (observation_ != 0) return;
+    std::weak_ptr<SkeldaNotifiedSource> weakSelf = SkeldaActor::selfOf(this);
+    observation_ = platform::NotificationCenter::defaultCenter().addObserver(
+        notification_, [weakSelf](const platform::Notification&) {
+          auto self = weakSelf.lock();
+          if (!self) return;
+          auto* actor = self.get();
+          actor->asyncBlock([self = std::move(self)] { self->onqueue_fetchAndSend(); });
+        });
+    platform::EnvironmentMonitor::startShared();
+  }
+
+  const std::string_view notification_;
+  platform::NotificationCenter::Token observation_ = 0;
+};

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamReportedIdentifers.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaReportedIdentifiersSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+#include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
+#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/Timer.h"
+#include "Platform/Foundation/Value.h"
+
+class SkeldaKeychainWrapper;
+
+/// Reports the identifiers under which the watch's data is counted. A watch has none that can be
+/// tied to its phone, so it takes the phone's: they come over watch connectivity once, are kept in
+/// the keychain, acknowledged, and reported at every start from then on. Until they have come no
+/// watch session is flushed.
+class SkeldaReportedIdentifiersSource
+    : public SkeldaSource<SkeldaReportedIdentifiersSource, ISkeldaReportedIdentifiersSource>,
+      public virtual ISkeldaWatchConnectivityReceiver {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaReportedIdentifiersSource";
+  static constexpr std::string_view kWatchVendorIDItem = "SkeldaWatchSessionVendorIDKey";
+  static constexpr std::string_view kWatchInstallationIDItem = "SkeldaWatchSessionInstallIDKey";
+  static constexpr std::string_view kInstallationIDItem = "SkeldaSessionInstallIDKey";
+
+  /// Whether the dictionary holds an identifier. It is taken in on the source's queue: kept,
+  /// reported, acknowledged. Any thread, returns at once.
+  bool didReceiveUserInfo(const platform::Dictionary& userInfo) override;
+  /// Whether the dictionary is the acknowledgement.
+  bool isSkeldaUserInfo(const platform::Dictionary& userInfo) override;
+
+  // Read from the keychain. Any thread.
+  /// This device's own installation identifier, made on first use.
+  static std::string installationIDForSessionReport();
+  static std::optional<platform::Data> installationIDAsBytes();
+  /// The phone's identifiers, where they have come.
+  static std::optional<std::string> watchInstallationIDForSessionReport();
+  static std::optional<std::string> watchVendorIDForSessionReport();
+  std::string skeldaGuid() { return installationIDForSessionReport(); }
+
+  /// Reports this device's own identifiers; what is not known yet is asked for again, three times
+  /// at most, every ten seconds. Nothing in the agent asks for it. Any thread, returns at once.
+  void queryAndSendIDs();
+
+ private:
+  friend SkeldaSource;
+  using Identifier = SkeldaStreamReportedIdentifer;
+
+  SkeldaReportedIdentifiersSource() = default;
+  static std::shared_ptr<SkeldaKeychainWrapper> keychain();
+  /// The identifier as it is reported; nothing for text that is not hexadecimal.
+  static std::optional<Identifier> installationIdentifier(const std::string& hexadecimal);
+
+  void onqueue_startup() override;
+  bool onqueue_loadWatchIDsFromDisk();
+  void onqueue_collectIdentifiers(const platform::Dictionary& userInfo, bool keep);
+  void onqueue_receiveUserInfo(const platform::Dictionary& userInfo);
+  void onqueue_sendReportedIDs();
+  void onqueue_queryAndSendIDs();
+  void onqueue_queryIDFAWithTimer(platform::Timer& timer);
+  void onqueue_queryIDFVWithTimer(platform::Timer& timer);
+  void onqueue_answerTick(platform::Timer& timer, std::uint32_t type,
+                          std::optional<std::string> value, std::atomic<int>& attempts);
+  std::shared_ptr<platform::Timer> onqueue_polling(
+      void (SkeldaReportedIdentifiersSource::*tick)(platform::Timer&));
+
+  std::optional<platform::Dictionary> watchIDsDictWatchOS_;
+  SkeldaStreamReportedIdentifers::Set reportedIDsSet_;
+  std::shared_ptr<platform::Timer> skeldaIdTimer_;
+  std::shared_ptr<platform::Timer> vendorIdTimer_;
+  // Of the process, whichever source asks.
+  static inline constinit std::atomic<int> skeldaIdAttempts_{0};
+  static inline constinit std::atomic<int> vendorIdAttempts_{0};
+};

@@ -1,0 +1,14 @@
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaTimeZoneInfoSource.h"
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Foundation/TimeZone.h"
+
+void SkeldaTimeZoneInfoSource::onqueue_fetchAndSendTimeZone() {
+  const auto zone = platform::TimeZone::local();
+  // The blank at the end is part of the line.
+  SKELDA_LOG(2, "{}: Got New TimeZone Info [{}] ",
+             "-[SkeldaTimeZoneInfoSource onqueue_fetchAndSendTimeZone]",
+             skelda::textOrNull(zone.name));
+  onqueue_streamMessage(SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(zone.name));
+}

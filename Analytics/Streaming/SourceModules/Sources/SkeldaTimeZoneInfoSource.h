@@ -1,0 +1,22 @@
+#pragma once
+
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaNotifiedSource.h"
+
+/// Reports the local time zone.
+class ISkeldaTimeZoneInfoSource : public virtual ISkeldaFrameSource {
+ public:
+  static constexpr std::string_view kProtocolName = "ISkeldaTimeZoneInfoSource";
+};
+
+class SkeldaTimeZoneInfoSource
+    : public SkeldaNotifiedSource<SkeldaTimeZoneInfoSource, ISkeldaTimeZoneInfoSource> {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaTimeZoneInfoSource";
+
+ private:
+  friend SkeldaSource;
+  SkeldaTimeZoneInfoSource()
+      : SkeldaNotifiedSource(platform::kSystemTimeZoneDidChangeNotification) {}
+  void onqueue_fetchAndSend() override { onqueue_fetchAndSendTimeZone(); }
+  void onqueue_fetchAndSendTimeZone();
+};

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserPropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+
+/// Makes a user properties message of each call.
+class SkeldaUserPropertiesSource
+    : public SkeldaSource<SkeldaUserPropertiesSource, ISkeldaUserPropertiesSource> {
+ public:
+  static constexpr std::string_view kClassName = "SkeldaUserPropertiesSource";
+
+  void setUserProperties(platform::Value name, platform::Value values) override;
+  void setUserPropertiesValue(platform::Value name, platform::Value value) override;
+  void addUserProperties(platform::Value name, platform::Value values) override;
+  void removeUserProperties(platform::Value name, platform::Value values) override;
+  void removeUserProperties(platform::Value name) override;
+  void flagUserProperties(platform::Value name) override;
+
+  /// Whether the name is a text that is not empty, the values are an array of texts, and all of it
+  /// is UTF-8. Says in the log what is wrong.
+  static bool isValidInputUserProperties(const platform::Value& name,
+                                         const platform::Value& values);
+
+ private:
+  friend SkeldaSource;
+  /// What the message asks of the far end.
+  enum CallType : std::uint32_t { kSet = 1, kAdd, kRemove, kClear, kAssign, kFlag };
+
+  using Operation = void (SkeldaUserPropertiesSource::*)(platform::Value, platform::Value);
+
+  SkeldaUserPropertiesSource() = default;
+  void post(Operation operation, platform::Value name, platform::Value values);
+
+  void onqueue_setUserProperties(platform::Value name, platform::Value values) {
+    onqueue_send(std::move(name), std::move(values), kSet);
+  }
+  void onqueue_addUserProperties(platform::Value name, platform::Value values) {
+    if (!isValidInputUserProperties(name, values)) return;
+    onqueue_send(std::move(name), std::move(values), kAdd);
+  }
+  void onqueue_removeUserProperties(platform::Value name, platform::Value values) {
+    onqueue_send(std::move(name), std::move(values), kRemove);
+  }
+  void onqueue_clearUserProperties(platform::Value name, platform::Value values) {
+    if (!isValidInputUserProperties(name, values)) return;
+    onqueue_send(std::move(name), std::move(values), kClear);
+  }
+  /// Nothing public leads here.
+  [[maybe_unused]] void onqueue_assignUserProperties(platform::Value name, platform::Value values) {
+    onqueue_send(std::move(name), std::move(values), kAssign);
+  }
+  void onqueue_flagUserProperties(platform::Value name, platform::Value values) {
+    onqueue_send(std::move(name), std::move(values), kFlag);
+  }
+  void onqueue_send(platform::Value name, platform::Value values, CallType callType);
+};
