@@ -7,6 +7,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionTrackedProperties.h"
 
+class SkeldaSessionDevicePropertiesData;
+
 /// The resource figures of a session: totals, a snapshot of its start, and one of its end when it
 /// has ended. Valid with a start snapshot. Filled by its setters before it is handed on.
 class SkeldaStreamSessionDeviceProperties final
@@ -17,6 +19,11 @@ class SkeldaStreamSessionDeviceProperties final
 
   SkeldaStreamSessionDeviceProperties() = default;
   static std::shared_ptr<SkeldaStreamSessionDeviceProperties> sessionDeviceProperties();
+  /// The record of a session that starts with that snapshot of the device.
+  static std::shared_ptr<SkeldaStreamSessionDeviceProperties> dataWithSessionDevicePropertiesData(
+      const SkeldaSessionDevicePropertiesData& start);
+  /// Takes over the totals, and the figures as those of the session's end.
+  void updateWithData(const SkeldaSessionDevicePropertiesData& end);
   static std::span<const SkeldaRecordField> recordFields() noexcept;
 
   bool isValidModel() const override { return startProperties_.has_value(); }
@@ -50,6 +57,7 @@ class SkeldaStreamSessionDeviceProperties final
   bool didRead(const platform::Dictionary& dictionary) override;
 
  private:
+  void takeTotals(const SkeldaSessionDevicePropertiesData& data);
   platform::Value sessionProperty() const;
 
   std::uint64_t totalDiskSize_ = 0;

@@ -1,0 +1,35 @@
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
+
+#include <utility>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
+
+void SkeldaSessionDevicePropertiesSource::setSessionDevicePropertiesData(DataRef data) {
+  asyncBlock([self = selfOf(this), data = std::move(data)] {
+    self->sessionDevicePropertiesData_ = data;
+  });
+}
+
+SkeldaSessionDevicePropertiesSource::DataRef
+SkeldaSessionDevicePropertiesSource::sessionDevicePropertiesData() {
+  DataRef data;
+  syncBlock([&] { data = sessionDevicePropertiesData_; });
+  return data;
+}
+
+void SkeldaSessionDevicePropertiesSource::onqueue_reportFactsOf(
+    SkeldaSessionDevicePropertiesDataProvider& provider) {
+  const auto data = provider.devicePropertiesData();
+  if (!data) return;
+  if (!sessionDevicePropertiesData_ || data->isStartFlag()) {
+    // Without a start, whatever comes first counts as one.
+    sessionDevicePropertiesData_ = data;
+    onqueue_streamMessage(
+        SkeldaStreamSessionDeviceProperties::dataWithSessionDevicePropertiesData(*data));
+    return;
+  }
+  auto message = SkeldaStreamSessionDeviceProperties::dataWithSessionDevicePropertiesData(
+      *sessionDevicePropertiesData_);
+  message->updateWithData(*data);
+  onqueue_streamMessage(std::move(message));
+}
