@@ -23,7 +23,7 @@ inline constexpr std::int64_t kURLErrorBadServerResponse = -1011;
 inline constexpr std::int64_t kURLErrorSecureConnectionFailed = -1200;
 inline constexpr std::int64_t kURLErrorServerCertificateUntrusted = -1202;
 
-/// An error of that domain with a text for people.
-ErrorRef urlError(std::int64_t code, std::string_view description = {});
+/// An error of that domain with a text for people; `detail` says more where there is more to say.
+ErrorRef urlError(std::int64_t code, std::string_view detail = {});
 
 }  // namespace skelda::platform

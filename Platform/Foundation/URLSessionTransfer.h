@@ -1,0 +1,81 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Foundation/URLSession.h"
+
+struct curl_slist;
+
+namespace skelda::platform {
+
+/// One task on the wire: a handle of the transfer library, what has come in so far, and how long it
+/// may still take. Used on the network thread only.
+class URLSessionTransfer {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  URLSessionTransfer(URLSessionTaskRef task, URLSessionConfiguration configuration);
+  ~URLSessionTransfer();
+  URLSessionTransfer(const URLSessionTransfer&) = delete;
+  URLSessionTransfer& operator=(const URLSessionTransfer&) = delete;
+
+  /// Makes the handle ready for `request`, with what has come in forgotten. An error where the
+  /// request cannot be sent at all.
+  ErrorRef prepare(URLRequest request, void* share);
+
+  void* handle() const noexcept { return handle_; }
+  const URLSessionTaskRef& task() const noexcept { return task_; }
+  /// Whether the transfer library has it; otherwise it waits for the delegate.
+  bool isOnWire() const noexcept { return onWire_; }
+  void setOnWire(bool onWire) noexcept;
+  Clock::time_point deadline() const noexcept;
+
+  /// What the transfer library's result means for the task: null where the answer counts.
+  ErrorRef errorFor(int result) const;
+  /// What the answer redirects to, where it may be followed.
+  std::optional<URLRequest> proposedRedirect() const;
+  HTTPURLResponseRef response() const;
+  Data takeBody() noexcept { return std::move(body_); }
+
+ private:
+  static std::size_t headerCallback(char* bytes, std::size_t size, std::size_t count, void* self);
+  static std::size_t bodyCallback(char* bytes, std::size_t size, std::size_t count, void* self);
+  static int progressCallback(void* self, std::int64_t, std::int64_t received, std::int64_t,
+                              std::int64_t sent);
+  static int connectedCallback(void* self, char*, char*, int, int);
+
+  void setMethod();
+  bool setHeaderFields();
+  void setSecurity();
+  void didReceiveHeaderLine(std::string_view line);
+  bool didReceiveBody(std::string_view bytes);
+  bool requestIsSent() const;
+  void didProgress() noexcept { lastProgress_ = Clock::now(); }
+  std::int64_t statusCode() const;
+
+  const URLSessionTaskRef task_;
+  const URLSessionConfiguration configuration_;
+  URLRequest request_;
+  void* handle_ = nullptr;
+  curl_slist* fields_ = nullptr;
+  bool onWire_ = false;
+
+  const Clock::time_point end_;
+  Clock::time_point lastProgress_;
+  std::int64_t sent_ = 0;
+  std::int64_t received_ = 0;
+
+  Dictionary responseFields_;
+  std::size_t headerBytes_ = 0;
+  Data body_;
+  std::size_t bodyBytes_ = 0;
+  bool cutOff_ = false;
+};
+
+}  // namespace skelda::platform
