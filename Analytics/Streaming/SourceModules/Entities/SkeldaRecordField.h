@@ -26,6 +26,7 @@ struct SkeldaRecordField {
     uint32,
     int32,
     int64,
+    uint64,
     text,               ///< std::optional<std::string>; nil leaves the key out
     date,               ///< std::optional<Date>, as milliseconds since 1970; nil leaves the key out
     dictionary,         ///< Dictionary
@@ -65,6 +66,7 @@ struct SkeldaRecordField {
   static constexpr Kind kindOf(const std::uint32_t*) { return Kind::uint32; }
   static constexpr Kind kindOf(const std::int32_t*) { return Kind::int32; }
   static constexpr Kind kindOf(const std::int64_t*) { return Kind::int64; }
+  static constexpr Kind kindOf(const std::uint64_t*) { return Kind::uint64; }
   static constexpr Kind kindOf(const std::optional<std::string>*) { return Kind::text; }
   static constexpr Kind kindOf(const std::optional<platform::Date>*) { return Kind::date; }
   static constexpr Kind kindOf(const platform::Dictionary*) { return Kind::dictionary; }

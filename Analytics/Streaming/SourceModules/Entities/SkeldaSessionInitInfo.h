@@ -29,8 +29,10 @@ class SkeldaSessionInitInfo final : public SkeldaStreamRecordOf<SkeldaSessionIni
   }
 
  protected:
-  std::string_view invalidModelText() const noexcept override;
-  std::string_view invalidDictText() const noexcept override;
+  std::string invalidModelText() const override;
+  std::string_view inconsistentDictText() const noexcept override {
+    return "inconsistent json object";
+  }
 
  private:
   friend class SkeldaStreamRecordOf<SkeldaSessionInitInfo>;

@@ -19,7 +19,7 @@ class SkeldaStreamAppState final : public SkeldaStreamRecordOf<SkeldaStreamAppSt
   std::int32_t previousState() const noexcept { return previousState_; }
 
  protected:
-  std::string_view invalidModelText() const noexcept override { return "invalid model object"; }
+  std::string invalidModelText() const override { return "invalid model object"; }
 
  private:
   std::int32_t state_ = 0;

@@ -39,6 +39,7 @@ class SkeldaStreamDeviceProperties final
   bool didRead(const platform::Dictionary& dictionary) override;
 
  private:
+  static std::span<const SkeldaRecordField> memberFields() noexcept;
   platform::Value deviceProperties() const;
 
   std::optional<std::string> deviceModel_;

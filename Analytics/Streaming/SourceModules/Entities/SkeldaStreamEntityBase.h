@@ -16,6 +16,7 @@
 /// been handed on can be read from any queue.
 class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaStreamEntity {
  public:
+  std::string_view className() const noexcept override = 0;
   std::int8_t frameVersion() const noexcept override { return frameVersion_; }
   std::int32_t frameType() const noexcept override { return frameType_; }
   std::int64_t epochTimeStamp() const noexcept override { return epochTimeStamp_; }

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaRecordField.h"
@@ -20,13 +21,19 @@ class SkeldaStreamRecord : public SkeldaStreamEntityBase {
  protected:
   using SkeldaStreamEntityBase::SkeldaStreamEntityBase;
 
-  /// The text that is logged for a record that is not valid, without the method's name.
-  virtual std::string_view invalidModelText() const noexcept { return "invalid data object"; }
+  /// What is logged of a record that is not valid, behind the method's name.
+  virtual std::string invalidModelText() const { return "invalid data object"; }
+  /// What is logged of a payload in which keys are missing, behind the method's name. A class with
+  /// a text of its own takes such a payload for a fault of the program, and asserts softly.
+  virtual std::string_view inconsistentDictText() const noexcept { return {}; }
   /// Takes over what the list of fields cannot: called after the members have been read. False
   /// where the content makes no record of this class.
   virtual bool didRead(const platform::Dictionary&) { return true; }
-  /// Called when keys are missing, before that is logged; answers the text of the log line.
-  virtual std::string_view invalidDictText() const noexcept { return "invalid json object"; }
+
+  /// What a field holds; null where it is nil.
+  platform::Value valueOf(const SkeldaRecordField& field) const;
+  /// Fills a member. False for a value that the member cannot hold, which then stays as it was.
+  bool setMember(const SkeldaRecordField& field, const platform::Value& value);
 
   bool writeJSON(platform::JSONWriter& writer) const override;
   /// Fills the record from a payload; false, after a log line, where the payload makes no record.
@@ -37,6 +44,7 @@ class SkeldaStreamRecord : public SkeldaStreamEntityBase {
 
  private:
   bool validOrReported() const;
+  void writeField(const SkeldaRecordField& field, platform::JSONWriter& writer) const;
 };
 
 /// What differs from class to class in name only. `Self` has kClassName, a default constructor, and

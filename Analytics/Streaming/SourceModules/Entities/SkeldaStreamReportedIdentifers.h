@@ -24,7 +24,9 @@ class SkeldaStreamReportedIdentifers final
   bool adTrackingEnabled() const noexcept { return adTrackingEnabled_; }
 
  protected:
-  std::string_view invalidDictText() const noexcept override;
+  std::string_view inconsistentDictText() const noexcept override {
+    return "inconsistent reported ids json object";
+  }
   bool didRead(const platform::Dictionary& dictionary) override;
 
  private:

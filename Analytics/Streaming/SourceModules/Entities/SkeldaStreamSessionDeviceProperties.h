@@ -53,11 +53,12 @@ class SkeldaStreamSessionDeviceProperties final
   void setEndProperties(Snapshot snapshot) noexcept { endProperties_ = snapshot; }
 
  protected:
-  std::string_view invalidModelText() const noexcept override { return "invalid model object"; }
+  std::string invalidModelText() const override { return "invalid model object"; }
   bool didRead(const platform::Dictionary& dictionary) override;
 
  private:
   void takeTotals(const SkeldaSessionDevicePropertiesData& data);
+  static std::span<const SkeldaRecordField> totalFields() noexcept;
   platform::Value sessionProperty() const;
 
   std::uint64_t totalDiskSize_ = 0;

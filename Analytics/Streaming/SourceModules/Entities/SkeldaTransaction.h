@@ -68,8 +68,14 @@ class SkeldaTransaction : public platform::Object {
   void setCountryCode(Text text) { countryCode_ = std::move(text); }
 
  private:
-  struct TextField;
-  static const TextField kTextFields[];
+  struct Field;
+  static const Field kFields[];
+
+  static std::shared_ptr<SkeldaTransaction> fromDictionary(const platform::Dictionary& dictionary,
+                                                           bool Field::*isRead);
+  platform::Value valueOf(const Field& field) const;
+  /// False for a value that is not of the field's kind.
+  bool set(const Field& field, const platform::Value& value);
 
   Text transactionId_;
   Text originalTransactionId_;

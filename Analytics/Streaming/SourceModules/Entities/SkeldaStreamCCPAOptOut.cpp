@@ -1,0 +1,16 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPAOptOut.h"
+
+#include <array>
+
+SkeldaStreamCCPAOptOut::SkeldaStreamCCPAOptOut(bool optOut) : CCPAOptOut_(optOut) {}
+
+std::shared_ptr<SkeldaStreamCCPAOptOut> SkeldaStreamCCPAOptOut::updateCCPAOptOut(bool optOut) {
+  return std::make_shared<SkeldaStreamCCPAOptOut>(optOut);
+}
+
+std::span<const SkeldaRecordField> SkeldaStreamCCPAOptOut::recordFields() noexcept {
+  static constexpr std::array kFields{
+      SkeldaRecordField::of<&SkeldaStreamCCPAOptOut::CCPAOptOut_>("sk.ccpa.optout").required(),
+  };
+  return kFields;
+}

@@ -1,0 +1,17 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
+
+#include <array>
+
+SkeldaStreamCounter::SkeldaStreamCounter(std::int32_t counter) : frameCounter_(counter) {}
+
+std::shared_ptr<SkeldaStreamCounter> SkeldaStreamCounter::counterFrameWithCounter(
+    std::int32_t counter) {
+  return std::make_shared<SkeldaStreamCounter>(counter);
+}
+
+std::span<const SkeldaRecordField> SkeldaStreamCounter::recordFields() noexcept {
+  static constexpr std::array kFields{
+      SkeldaRecordField::of<&SkeldaStreamCounter::frameCounter_>("sk.frame.log.counter"),
+  };
+  return kFields;
+}

@@ -1,0 +1,20 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
+
+#include <array>
+
+SkeldaStreamEventSummary::SkeldaStreamEventSummary(std::uint32_t eventCount, bool setComplete)
+    : eventCount_(eventCount), setComplete_(setComplete) {}
+
+std::shared_ptr<SkeldaStreamEventSummary> SkeldaStreamEventSummary::streamWithEventCount(
+    std::uint32_t eventCount, bool setComplete) {
+  return std::make_shared<SkeldaStreamEventSummary>(eventCount, setComplete);
+}
+
+std::span<const SkeldaRecordField> SkeldaStreamEventSummary::recordFields() noexcept {
+  using Self = SkeldaStreamEventSummary;
+  static constexpr std::array kFields{
+      SkeldaRecordField::of<&Self::eventCount_>("sk.event.count").required(),
+      SkeldaRecordField::of<&Self::setComplete_>("sk.event.set.complete").required(),
+  };
+  return kFields;
+}

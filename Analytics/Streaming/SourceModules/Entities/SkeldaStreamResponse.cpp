@@ -1,0 +1,18 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamResponse.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+SkeldaStreamResponse::SkeldaStreamResponse(std::int32_t type, platform::ErrorRef error)
+    : SkeldaStreamEntityBase(kClassName), responseType_(type), error_(std::move(error)) {}
+
+std::shared_ptr<SkeldaStreamResponse> SkeldaStreamResponse::responseWithType(
+    std::int32_t type, platform::ErrorRef error) {
+  return std::make_shared<SkeldaStreamResponse>(type, std::move(error));
+}
+
+std::string SkeldaStreamResponse::description() const {
+  return fmt::format("<{}: {}, type = {}, error = {}>", className(), static_cast<const void*>(this),
+                     responseType_, platform::description(error_));
+}

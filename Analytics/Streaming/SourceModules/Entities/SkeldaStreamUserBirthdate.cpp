@@ -1,0 +1,18 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
+
+#include <array>
+
+SkeldaStreamUserBirthdate::SkeldaStreamUserBirthdate(std::optional<platform::Date> date)
+    : birthdate_(date) {}
+
+std::shared_ptr<SkeldaStreamUserBirthdate> SkeldaStreamUserBirthdate::userBirthdateWithDate(
+    std::optional<platform::Date> date) {
+  return std::make_shared<SkeldaStreamUserBirthdate>(date);
+}
+
+std::span<const SkeldaRecordField> SkeldaStreamUserBirthdate::recordFields() noexcept {
+  static constexpr std::array kFields{
+      SkeldaRecordField::of<&SkeldaStreamUserBirthdate::birthdate_>("sk.demo.birthdate").required(),
+  };
+  return kFields;
+}

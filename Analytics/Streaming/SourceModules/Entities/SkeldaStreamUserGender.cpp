@@ -1,0 +1,21 @@
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserGender.h"
+
+#include <array>
+
+SkeldaStreamUserGender::SkeldaStreamUserGender(std::int32_t gender) : gender_(gender) {}
+
+std::shared_ptr<SkeldaStreamUserGender> SkeldaStreamUserGender::userGenderWithGender(
+    std::int32_t gender) {
+  return std::make_shared<SkeldaStreamUserGender>(gender);
+}
+
+std::span<const SkeldaRecordField> SkeldaStreamUserGender::recordFields() noexcept {
+  static constexpr std::array kFields{
+      SkeldaRecordField::of<&SkeldaStreamUserGender::gender_>("sk.demo.gender").required(),
+  };
+  return kFields;
+}
+
+bool SkeldaStreamUserGender::isValidModel() const {
+  return gender_ >= -1 && gender_ <= 1;
+}

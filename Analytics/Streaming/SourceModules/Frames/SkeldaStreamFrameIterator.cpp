@@ -1,0 +1,183 @@
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "Analytics/Utils/ISkeldaStreamFileHandle.h"
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "include/Skelda_Watch/SkeldaConstants.h"
+
+namespace {
+
+constexpr std::string_view kOpenMethod = "-[SkeldaStreamFrameIterator open:error:]";
+constexpr std::string_view kFillupMethod =
+    "-[SkeldaStreamFrameIterator fillupDataBufferWithLength:error:]";
+constexpr std::string_view kHasNextMethod = "-[SkeldaStreamFrameIterator hasNext]";
+constexpr std::string_view kNextMethod = "-[SkeldaStreamFrameIterator nextWithError:]";
+constexpr std::string_view kCloseMethod = "-[SkeldaStreamFrameIterator close]";
+
+/// The numbers in the log lines: each names the place that changed the state, and stays with it
+/// however the code moves.
+enum CallSite {
+  kOpenFailed = 1,
+  kFirstFillFailed,
+  kOpened,
+  kReadFailed,
+  kEndOfFile,
+  kRefillFailed,
+  kTornFrame,
+  kDecodeFailed,
+  kDrained,
+  kClosed,
+};
+
+}  // namespace
+
+std::shared_ptr<SkeldaStreamFrameIterator> SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
+    std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
+    std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
+    const platform::Dictionary& config) {
+  return std::make_shared<SkeldaStreamFrameIterator>(std::move(fileHandle), std::move(deserializer),
+                                                     config);
+}
+
+SkeldaStreamFrameIterator::SkeldaStreamFrameIterator(
+    std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
+    std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
+    const platform::Dictionary& config)
+    : deserializer_(std::move(deserializer)), fileHandle_(std::move(fileHandle)) {
+  const platform::Value* limit =
+      config.find(kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile);
+  if (limit != nullptr && !limit->isNull()) {
+    maxBytesToRead_ = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(limit->unsignedValue(), std::numeric_limits<std::uint32_t>::max()));
+  }
+}
+
+std::int32_t SkeldaStreamFrameIterator::open(const std::string& path, platform::ErrorRef* error) {
+  state_ = kIdle;
+  clearBuffer();
+
+  platform::ErrorRef failure;
+  fileHandle_->openForReadingFile(path, &failure);
+  if (failure != nullptr) {
+    SKELDA_LOG(1, "{}: unable to open file for reading", kOpenMethod);
+    platform::setError(error, std::move(failure));
+    state_ = kError;
+    SKELDA_LOG(2, "{}:{}: setting state to error", kOpenMethod, +kOpenFailed);
+    return state_;
+  }
+
+  fillupDataBufferWithLength(maxBytesToRead_, &failure);
+  if (failure != nullptr) {
+    SKELDA_LOG(2, "{}: unable to fill up data buffer, error={}", kOpenMethod,
+               platform::description(failure));
+    platform::setError(error, std::move(failure));
+    state_ = kError;
+    SKELDA_LOG(2, "{}:{}: setting state to error", kOpenMethod, +kFirstFillFailed);
+    return state_;
+  }
+
+  // An empty file has completed the iteration already.
+  if (state_ == kIdle) state_ = kOpen;
+  SKELDA_LOG(2, "{}:{}: setting state to {}", kOpenMethod, +kOpened, state_);
+  return state_;
+}
+
+bool SkeldaStreamFrameIterator::hasNext() {
+  if (state_ != kOpen) return false;
+
+  std::uint32_t frameLength = 0;
+  if (!buffer().empty() && deserializer_->isAtLeastOneFrameInData(buffer(), &frameLength)) {
+    return true;
+  }
+  const auto buffered = static_cast<std::uint32_t>(buffer().size());
+  // A frame longer than the target makes the difference wrap around to a huge count: the read then
+  // takes all that the file still has, which is how such frames come in whole. The handle asks the
+  // system for no more than is there.
+  const std::uint32_t request =
+      frameLength > maxBytesToRead_ ? buffered - frameLength : maxBytesToRead_ - buffered;
+  platform::ErrorRef failure;
+  fillupDataBufferWithLength(request, &failure);
+  if (failure != nullptr) {
+    state_ = kError;
+    SKELDA_LOG(2, "{}:{}: setting state to error", kHasNextMethod, +kRefillFailed);
+    return false;
+  }
+  if (state_ == kComplete) return false;
+  if (deserializer_->isAtLeastOneFrameInData(buffer(), &frameLength)) return true;
+
+  // The file ends inside a frame. That is what a torn last write leaves: no error object.
+  state_ = kError;
+  SKELDA_LOG(2, "{}:{}: setting state to error", kHasNextMethod, +kTornFrame);
+  return false;
+}
+
+SkeldaStreamFrame::Ref SkeldaStreamFrameIterator::nextWithError(platform::ErrorRef* error) {
+  std::size_t consumed = 0;
+  platform::ErrorRef failure;
+  SkeldaStreamFrame::Ref frame = deserializer_->streamFrameFromData(buffer(), &consumed, &failure);
+  if (failure != nullptr) {
+    platform::setError(error, std::move(failure));
+    state_ = kError;
+    SKELDA_LOG(2, "{}:{}: setting state to error", kNextMethod, +kDecodeFailed);
+    return nullptr;
+  }
+  consumed_ = std::min(consumed_ + consumed, buffer_.size());
+  if (consumed_ == buffer_.size()) {
+    // Whatever the file still holds: an iteration ends where the buffer drains.
+    clearBuffer();
+    state_ = kComplete;
+    SKELDA_LOG(2, "{}:{}: setting state to complete", kNextMethod, +kDrained);
+  }
+  return frame;
+}
+
+void SkeldaStreamFrameIterator::close() {
+  fileHandle_->closeFile();
+  state_ = kComplete;
+  SKELDA_LOG(2, "{}:{}: setting state to {}", kCloseMethod, +kClosed, state_);
+  clearBuffer();
+}
+
+void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
+                                                           platform::ErrorRef* error) {
+  if (!SkeldaUtil::assert_(buffer().size() <= maxBytesToRead_, kFillupMethod)) {
+    platform::setError(error, SkeldaStreamErrorConstants::errorFor(
+                                  SkeldaStreamErrorConstants::kFunctionGuardFailure));
+    return;
+  }
+  platform::ErrorRef failure;
+  std::optional<platform::Data> data = fileHandle_->readDataOfLength(length, &failure);
+  if (failure != nullptr) {
+    platform::setError(error, std::move(failure));
+    state_ = kError;
+    SKELDA_LOG(2, "{}:{}: setting state to error", kFillupMethod, +kReadFailed);
+    return;
+  }
+  if (data && !data->empty()) {
+    appendToBuffer(std::move(*data));
+    return;
+  }
+  if (buffer().empty()) state_ = kComplete;
+  // Also when bytes are left over and the state stays: the line says that the file is at its end.
+  SKELDA_LOG(2, "{}:{}: setting state to complete", kFillupMethod, +kEndOfFile);
+}
+
+void SkeldaStreamFrameIterator::appendToBuffer(platform::Data data) {
+  if (buffer().empty()) {
+    buffer_ = std::move(data).string();
+  } else {
+    buffer_.erase(0, consumed_);
+    buffer_.append(data.view());
+  }
+  consumed_ = 0;
+}
+
+void SkeldaStreamFrameIterator::clearBuffer() noexcept {
+  buffer_.clear();
+  consumed_ = 0;
+}
