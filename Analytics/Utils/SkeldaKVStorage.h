@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
@@ -75,8 +76,8 @@ class SkeldaKVStorage : public SkeldaActor {
 
   void set(platform::Value object, const std::optional<std::string>& key, std::string_view method);
   void onqueue_load();
-  void onqueue_set(std::string key, platform::Value object);
-  void onqueue_remove(const std::string& key);
+  /// A null value removes.
+  void onqueue_change(std::string key, platform::Value value);
   void onqueue_removeAll();
   void onqueue_save();
 
@@ -84,7 +85,6 @@ class SkeldaKVStorage : public SkeldaActor {
   platform::Dictionary dictionary_;
   bool loaded_ = false;
   bool saved_ = false;
-  /// Changes made while the file could not be read, in their order: a null value removes, an empty
-  /// key removes all.
+  /// Changes made while the file could not be read, in their order.
   std::vector<std::pair<std::string, platform::Value>> pending_;
 };

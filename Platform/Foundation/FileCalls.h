@@ -19,6 +19,7 @@ class FileCalls {
   /// Null takes the plain calls back. What is installed must outlive its use.
   static void install(FileCalls* calls) noexcept;
 
+  /// Always with O_CLOEXEC.
   virtual int open(const char* path, int flags, ::mode_t mode);
   virtual int close(int fd);
   virtual ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t offset);
@@ -27,8 +28,8 @@ class FileCalls {
   virtual int truncate(int fd, ::off_t length);
   virtual int syncData(int fd);
   virtual int sync(int fd);
-  /// From and to the descriptors' own offsets.
-  virtual ::ssize_t copyRange(int from, int to, std::size_t length);
+  virtual ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,
+                              std::size_t length);
   virtual int rename(const char* from, const char* to);
   virtual int renameNoReplace(const char* from, const char* to);
   virtual int link(const char* from, const char* to);

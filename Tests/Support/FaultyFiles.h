@@ -50,9 +50,11 @@ class FaultyFileCalls : public platform::FileCalls {
   }
   int syncData(int fd) override { return fails("syncData") ? -1 : FileCalls::syncData(fd); }
   int sync(int fd) override { return fails("sync") ? -1 : FileCalls::sync(fd); }
-  ::ssize_t copyRange(int from, int to, std::size_t length) override {
-    return limited("copyRange", length,
-                   [&](std::size_t n) { return FileCalls::copyRange(from, to, n); });
+  ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,
+                      std::size_t length) override {
+    return limited("copyRange", length, [&](std::size_t n) {
+      return FileCalls::copyRange(from, fromOffset, to, toOffset, n);
+    });
   }
   int rename(const char* from, const char* to) override {
     return fails("rename") ? -1 : FileCalls::rename(from, to);

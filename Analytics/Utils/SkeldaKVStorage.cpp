@@ -1,0 +1,235 @@
+#include "Analytics/Utils/SkeldaKVStorage.h"
+
+#include <algorithm>
+#include <mutex>
+#include <utility>
+
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/TextCoding.h"
+
+namespace {
+
+struct Shared {
+  std::mutex mutex;
+  std::shared_ptr<SkeldaKVStorage> instance;
+};
+
+Shared& shared() {
+  static Shared& state = *new Shared;
+  return state;
+}
+
+/// Whether a property list can hold the value, all the way down.
+bool isPropertyList(const platform::Value& value) {
+  if (const auto* text = value.text()) return platform::isValidUTF8(*text);
+  if (const auto* array = value.array()) {
+    return std::all_of(array->begin(), array->end(), isPropertyList);
+  }
+  if (const auto* dictionary = value.dictionary()) {
+    return std::all_of(dictionary->begin(), dictionary->end(), [](const auto& entry) {
+      return platform::isValidUTF8(entry.first) && isPropertyList(entry.second);
+    });
+  }
+  return !value.isNull();
+}
+
+void apply(platform::Dictionary& dictionary, const std::string& key, const platform::Value& value) {
+  if (value.isNull()) {
+    dictionary.erase(key);
+  } else {
+    dictionary.set(key, value);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<SkeldaKVStorage> SkeldaKVStorage::sharedInstance() {
+  Shared& state = shared();
+  std::lock_guard lock(state.mutex);
+  if (state.instance == nullptr) state.instance = storageWithFile(defaultFilePath());
+  return state.instance;
+}
+
+void SkeldaKVStorage::resetSharedInstance() {
+  Shared& state = shared();
+  std::unique_lock lock(state.mutex);
+  const auto old = std::exchange(state.instance, nullptr);
+  lock.unlock();
+  // What was posted to the old one is on disk before a new one reads.
+  if (old != nullptr) old->syncBlock([] {});
+}
+
+std::shared_ptr<SkeldaKVStorage> SkeldaKVStorage::storageWithFile(std::string path) {
+  return made(new SkeldaKVStorage(std::move(path)));
+}
+
+std::string SkeldaKVStorage::defaultFilePath() {
+  // No separator: the file stands beside the folder, where every earlier version put it.
+  return SkeldaUtil::filePathDirectory() + "Skelda.KV.storage";
+}
+
+SkeldaKVStorage::SkeldaKVStorage(std::string path)
+    : SkeldaActor("SkeldaKVStorage"), path_(std::move(path)) {}
+
+void SkeldaKVStorage::didInit() {
+  asyncBlock([self = selfOf(this)] { self->onqueue_load(); });
+}
+
+void SkeldaKVStorage::onqueue_load() {
+  if (loaded_) return;
+  platform::ErrorRef error;
+  auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(path_, &error);
+  // Not readable at the moment: what the file holds must not be overwritten by what is known here.
+  if (error != nullptr) return;
+  loaded_ = true;
+  if (!archive) {
+    onqueue_save();
+    return;
+  }
+  dictionary_ = {};
+  if (auto* stored = archive->root.dictionary()) dictionary_ = std::move(*stored);
+  saved_ = pending_.empty();
+  for (auto& [key, value] : std::exchange(pending_, {})) apply(dictionary_, key, value);
+  if (!saved_) onqueue_save();
+}
+
+void SkeldaKVStorage::onqueue_save() {
+  saved_ = SkeldaUtil::archiveDictionary(dictionary_, path_);
+}
+
+void SkeldaKVStorage::onqueue_change(std::string key, platform::Value value) {
+  onqueue_load();
+  apply(dictionary_, key, value);
+  if (loaded_) {
+    onqueue_save();
+  } else {
+    pending_.emplace_back(std::move(key), std::move(value));
+  }
+}
+
+void SkeldaKVStorage::onqueue_removeAll() {
+  // Whatever the file holds is to go, so that it need not be read any more.
+  loaded_ = true;
+  pending_.clear();
+  dictionary_ = {};
+  onqueue_save();
+}
+
+void SkeldaKVStorage::set(platform::Value object, const std::optional<std::string>& key,
+                          std::string_view method) {
+  if (!SkeldaUtil::assertNotNil(object, method) || !SkeldaUtil::assertNotNil(key, method) ||
+      !SkeldaUtil::assert_(isPropertyList(object), method) ||
+      !SkeldaUtil::assert_(platform::isValidUTF8(*key), method)) {
+    return;
+  }
+  asyncBlock([self = selfOf(this), key = *key, object = std::move(object)]() mutable {
+    self->onqueue_change(std::move(key), std::move(object));
+  });
+}
+
+void SkeldaKVStorage::setObject(const platform::Value& object,
+                                const std::optional<std::string>& key) {
+  set(object, key, "-[SkeldaKVStorage setObject:forKey:]");
+}
+
+void SkeldaKVStorage::setString(const std::optional<std::string>& text,
+                                const std::optional<std::string>& key) {
+  set(text ? platform::Value(*text) : platform::Value(), key,
+      "-[SkeldaKVStorage setString:forKey:]");
+}
+
+void SkeldaKVStorage::setData(const std::optional<platform::Data>& data,
+                              const std::optional<std::string>& key) {
+  set(data ? platform::Value(*data) : platform::Value(), key, "-[SkeldaKVStorage setData:forKey:]");
+}
+
+void SkeldaKVStorage::setInteger(std::int64_t value, const std::optional<std::string>& key) {
+  set(value, key, "-[SkeldaKVStorage setInteger:forKey:]");
+}
+
+void SkeldaKVStorage::setFloat(float value, const std::optional<std::string>& key) {
+  set(value, key, "-[SkeldaKVStorage setFloat:forKey:]");
+}
+
+void SkeldaKVStorage::setDouble(double value, const std::optional<std::string>& key) {
+  set(value, key, "-[SkeldaKVStorage setDouble:forKey:]");
+}
+
+void SkeldaKVStorage::setBoolean(bool value, const std::optional<std::string>& key) {
+  set(value, key, "-[SkeldaKVStorage setBoolean:forKey:]");
+}
+
+void SkeldaKVStorage::removeObjectForKey(const std::optional<std::string>& key) {
+  if (!SkeldaUtil::assertNotNil(key, "-[SkeldaKVStorage removeObjectForKey:]")) return;
+  asyncBlock([self = selfOf(this), key = *key]() mutable {
+    self->onqueue_change(std::move(key), platform::Value());
+  });
+}
+
+void SkeldaKVStorage::removeAllObjects() {
+  asyncBlock([self = selfOf(this)] { self->onqueue_removeAll(); });
+}
+
+platform::Value SkeldaKVStorage::objectForKey(const std::optional<std::string>& key) {
+  if (!SkeldaUtil::assertNotNil(key, "-[SkeldaKVStorage objectForKey:]")) return {};
+  platform::Value found;
+  syncBlock([&] {
+    onqueue_load();
+    if (const platform::Value* stored = dictionary_.find(*key)) found = *stored;
+  });
+  return found;
+}
+
+std::optional<std::string> SkeldaKVStorage::stringForKey(const std::optional<std::string>& key) {
+  platform::Value object = objectForKey(key);
+  std::string* text = object.text();
+  return text != nullptr ? std::optional(std::move(*text)) : std::nullopt;
+}
+
+std::optional<platform::Data> SkeldaKVStorage::dataForKey(const std::optional<std::string>& key) {
+  const platform::Value object = objectForKey(key);
+  return object.data() != nullptr ? std::optional(*object.data()) : std::nullopt;
+}
+
+std::int64_t SkeldaKVStorage::integerForKey(const std::optional<std::string>& key,
+                                            std::int64_t defaultValue) {
+  const platform::Value object = objectForKey(key);
+  return object.isNumber() ? object.integerValue() : defaultValue;
+}
+
+float SkeldaKVStorage::floatForKey(const std::optional<std::string>& key, float defaultValue) {
+  const platform::Value object = objectForKey(key);
+  return object.isNumber() ? static_cast<float>(object.doubleValue()) : defaultValue;
+}
+
+double SkeldaKVStorage::doubleForKey(const std::optional<std::string>& key, double defaultValue) {
+  const platform::Value object = objectForKey(key);
+  return object.isNumber() ? object.doubleValue() : defaultValue;
+}
+
+bool SkeldaKVStorage::booleanForKey(const std::optional<std::string>& key, bool defaultValue) {
+  const platform::Value object = objectForKey(key);
+  return object.isNumber() ? object.boolValue() : defaultValue;
+}
+
+std::vector<std::string> SkeldaKVStorage::allKeys() {
+  std::vector<std::string> keys;
+  syncBlock([&] {
+    onqueue_load();
+    for (const auto& entry : dictionary_) keys.push_back(entry.first);
+  });
+  return keys;
+}
+
+void SkeldaKVStorage::forEachKey(const std::function<void(const std::string& key)>& visit) {
+  for (const std::string& key : allKeys()) visit(key);
+}
+
+bool SkeldaKVStorage::isPersisted() {
+  bool persisted = false;
+  syncBlock([&] {
+    onqueue_load();
+    persisted = loaded_ && saved_;
+  });
+  return persisted;
+}

@@ -1,0 +1,197 @@
+#include "Analytics/Utils/SkeldaStreamFileHandle.h"
+
+#include <mutex>
+#include <utility>
+
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Analytics/Utils/skelda_defer_cleanup_block.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/TextCoding.h"
+
+namespace {
+
+using Errors = SkeldaStreamErrorConstants;
+
+/// One lock for all handles of the process. Never destroyed: frames are written while it exits.
+std::recursive_mutex& fileHandleLock() {
+  static auto& lock = *new std::recursive_mutex;
+  return lock;
+}
+
+/// Takes the lock for the rest of the scope, whichever way it is left.
+auto lockUntilScopeExit() {
+  fileHandleLock().lock();
+  return skelda_defer_cleanup_block([] { fileHandleLock().unlock(); });
+}
+
+void fail(platform::ErrorRef* error, Errors::Code code) {
+  platform::setError(error, Errors::errorFor(code));
+}
+
+/// Runs `operation`; whatever it throws is reported and given to `caught` as text.
+template <class Operation, class Caught>
+bool succeeds(Operation operation, Caught caught) {
+  try {
+    operation();
+    return true;
+  } catch (const platform::Exception& exception) {
+    SkeldaUtil::handleException(exception);
+    caught(exception.reason());
+  } catch (const std::exception& exception) {
+    SkeldaUtil::handleException(exception);
+    caught(std::string(exception.what()));
+  } catch (...) {
+    SkeldaUtil::handleException(std::current_exception());
+    caught(std::string("(unknown)"));
+  }
+  return false;
+}
+
+constexpr auto kSilently = [](const std::string&) {};
+
+/// Whether a path has a file URL.
+bool hasURL(const std::string& path) {
+  return !path.empty() && path.find('\0') == std::string::npos && platform::isValidUTF8(path);
+}
+
+}  // namespace
+
+std::shared_ptr<SkeldaStreamFileHandle> SkeldaStreamFileHandle::fileHandle() {
+  return std::make_shared<SkeldaStreamFileHandle>();
+}
+
+std::shared_ptr<platform::FileHandle> SkeldaStreamFileHandle::fileHandleForWritingAtPath(
+    const std::string& path) const {
+  return platform::FileHandle::forWritingAtPath(path);
+}
+
+std::shared_ptr<platform::FileHandle> SkeldaStreamFileHandle::fileHandleForReadingAtPath(
+    const std::string& path) const {
+  return platform::FileHandle::forReadingAtPath(path);
+}
+
+bool SkeldaStreamFileHandle::isOpenFile(const Path& path) {
+  const auto unlock = lockUntilScopeExit();
+  return SkeldaUtil::assertNotNil(path) && fileHandle_ != nullptr && openFilePath_ == path;
+}
+
+void SkeldaStreamFileHandle::openForWritingFile(const Path& path, platform::ErrorRef* error) {
+  openFile(path, Mode::writing, "-[SkeldaStreamFileHandle openForWritingFile:error:]", error);
+}
+
+void SkeldaStreamFileHandle::openForReadingFile(const Path& path, platform::ErrorRef* error) {
+  openFile(path, Mode::reading, "-[SkeldaStreamFileHandle openForReadingFile:error:]", error);
+}
+
+void SkeldaStreamFileHandle::openFile(const Path& path, Mode mode, std::string_view method,
+                                      platform::ErrorRef* error) {
+  const auto unlock = lockUntilScopeExit();
+  platform::setError(error, nullptr);
+  if (!SkeldaUtil::assertNotNil(path, method)) return fail(error, Errors::kFunctionGuardFailure);
+  if (!hasURL(*path)) {
+    SKELDA_LOG(1, "{}: unable to convert {} to URL", method, *path);
+    return fail(error, Errors::kURLCreationFailure);
+  }
+  // A handle that is still held is let go, not closed: another owner may be using it.
+  fileHandle_ = nullptr;
+  succeeds(
+      [&] {
+        fileHandle_ = mode == Mode::writing ? fileHandleForWritingAtPath(*path)
+                                            : fileHandleForReadingAtPath(*path);
+      },
+      kSilently);
+  if (fileHandle_ == nullptr) {
+    SKELDA_LOG(1, "{}: No file at path {}", method, *path);
+    return fail(error, Errors::kFileOpenFailure);
+  }
+  openFilePath_ = path;
+  if (mode == Mode::writing) SkeldaUtil::addSkipBackupAttributeToItemAtURL(*path);
+}
+
+std::optional<platform::Data> SkeldaStreamFileHandle::readDataOfLength(std::size_t length,
+                                                                       platform::ErrorRef* error) {
+  constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle readDataOfLength:error:]";
+  const auto unlock = lockUntilScopeExit();
+  platform::setError(error, nullptr);
+  if (!SkeldaUtil::assertNotNil(fileHandle_, kMethod) ||
+      !SkeldaUtil::assert_(length != 0, kMethod)) {
+    fail(error, Errors::kFunctionGuardFailure);
+    return std::nullopt;
+  }
+  std::optional<platform::Data> data;
+  succeeds([&] { data = fileHandle_->readDataOfLength(length); },
+           [&](const std::string& exception) {
+             SKELDA_LOG(1, "{}, exception while reading {}", kMethod, exception);
+             SkeldaUtil::assert_(false, kMethod);
+             fail(error, Errors::kFileReadFailure);
+           });
+  return data;
+}
+
+std::optional<platform::Data> SkeldaStreamFileHandle::availableDataWithError(
+    platform::ErrorRef* error) {
+  constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle availableDataWithError:]";
+  const auto unlock = lockUntilScopeExit();
+  platform::setError(error, nullptr);
+  if (!SkeldaUtil::assertNotNil(fileHandle_, kMethod)) {
+    fail(error, Errors::kFunctionGuardFailure);
+    return std::nullopt;
+  }
+  std::optional<platform::Data> data;
+  succeeds([&] { data = fileHandle_->readDataToEndOfFile(); },
+           [&](const std::string&) { fail(error, Errors::kFileReadFailure); });
+  return data;
+}
+
+bool SkeldaStreamFileHandle::seekToEndOfFile() {
+  const auto unlock = lockUntilScopeExit();
+  if (!SkeldaUtil::assertNotNil(fileHandle_)) return false;
+  return succeeds([&] { fileHandle_->seekToEndOfFile(); },
+                  [](const std::string& exception) {
+                    SKELDA_LOG(1, "{}: Exception while seeking to end of file {}",
+                               "-[SkeldaStreamFileHandle seekToEndOfFile]", exception);
+                  });
+}
+
+void SkeldaStreamFileHandle::writeData(const std::optional<platform::Data>& data,
+                                       platform::ErrorRef* error) {
+  constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle writeData:error:]";
+  const auto unlock = lockUntilScopeExit();
+  platform::setError(error, nullptr);
+  if (!SkeldaUtil::assertNotNil(data, kMethod) || !SkeldaUtil::assertNotNil(fileHandle_, kMethod)) {
+    return fail(error, Errors::kFunctionGuardFailure);
+  }
+  succeeds([&] { fileHandle_->writeData(*data); },
+           [&](const std::string& exception) {
+             SKELDA_LOG(1, "{}, exception while writing {}", kMethod, exception);
+             SkeldaUtil::assert_(false, kMethod);
+             fail(error, Errors::kFileWriteFailure);
+           });
+}
+
+void SkeldaStreamFileHandle::closeFile() {
+  const auto unlock = lockUntilScopeExit();
+  if (fileHandle_ != nullptr) succeeds([&] { fileHandle_->closeFile(); }, kSilently);
+  // The path stays; isOpenFile asks for the handle first.
+  fileHandle_ = nullptr;
+}
+
+bool SkeldaStreamFileHandle::truncateFileToZeroBytes() {
+  const auto unlock = lockUntilScopeExit();
+  return SkeldaUtil::assertNotNil(fileHandle_,
+                                  "-[SkeldaStreamFileHandle truncateFileToZeroBytes]") &&
+         succeeds([&] { fileHandle_->truncateFileAtOffset(0); }, kSilently);
+}
+
+bool SkeldaStreamFileHandle::synchronizeFile() {
+  const auto unlock = lockUntilScopeExit();
+  return SkeldaUtil::assertNotNil(fileHandle_, "-[SkeldaStreamFileHandle synchronizeFile]") &&
+         succeeds([&] { fileHandle_->synchronizeFile(); }, kSilently);
+}
+
+SkeldaStreamFileHandle::Path SkeldaStreamFileHandle::openFilePath() const {
+  const auto unlock = lockUntilScopeExit();
+  return openFilePath_;
+}

@@ -1,0 +1,164 @@
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileManager.h"
+
+namespace {
+
+using platform::FileManager;
+
+/// The storage folder as it was found. Readers take no lock: it is on the path of every frame.
+struct StorageFolder {
+  std::atomic<const std::string*> found{nullptr};
+  std::mutex mutex;
+  /// Every folder that was ever found, so that a reader's is never freed under it.
+  std::vector<std::unique_ptr<const std::string>> kept;
+};
+
+StorageFolder& storageFolder() {
+  static StorageFolder& shared = *new StorageFolder;
+  return shared;
+}
+
+std::string_view classNameOf(const platform::Value& object) {
+  using Kind = platform::Value::Kind;
+  switch (object.kind()) {
+    case Kind::null:
+      return "NSNull";
+    case Kind::text:
+      return "NSString";
+    case Kind::data:
+      return "NSData";
+    case Kind::date:
+      return "NSDate";
+    case Kind::array:
+      return "NSArray";
+    case Kind::dictionary:
+      return "NSDictionary";
+    default:
+      return "NSNumber";
+  }
+}
+
+/// Runs one operation; what is thrown goes to the sink and becomes `failure`.
+template <class Result, class Operation>
+Result guarded(Result failure, Operation operation) noexcept {
+  try {
+    return operation();
+  } catch (...) {
+    SkeldaUtil::handleException(std::current_exception());
+    return failure;
+  }
+}
+
+}  // namespace
+
+std::string SkeldaUtil::filePathDirectory() {
+  StorageFolder& folder = storageFolder();
+  if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
+  std::lock_guard lock(folder.mutex);
+  if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
+  std::string path = FileManager::applicationSupportDirectory() + "/SkeldaFiles";
+  if (!FileManager::defaultManager()->createDirectoryAtPath(path, true)) return path;
+  addSkipBackupAttributeToItemAtURL(path);
+  SKELDA_LOG(2, "Skelda: SkeldaSession directory path [{}]", path);
+  folder.kept.push_back(std::make_unique<const std::string>(path));
+  folder.found.store(folder.kept.back().get(), std::memory_order_release);
+  return path;
+}
+
+void SkeldaUtil::resetFilePathDirectory() {
+  storageFolder().found.store(nullptr, std::memory_order_release);
+}
+
+bool SkeldaUtil::addSkipBackupAttributeToItemAtURL(const std::string& path) noexcept {
+  return guarded(false, [&] { return FileManager::defaultManager()->excludeFromBackup(path); });
+}
+
+bool SkeldaUtil::archiveObject(const platform::Value& object, const std::string& path) noexcept {
+  if (object.dictionary() != nullptr) return archiveDictionary(object, path);
+  return guarded(false, [&] {
+    return _archiveObject({std::string(classNameOf(object)), object}, path);
+  });
+}
+
+bool SkeldaUtil::archiveObject(const platform::KeyedArchive& object,
+                               const std::string& path) noexcept {
+  return _archiveObject(object, path);
+}
+
+bool SkeldaUtil::archiveDictionary(const platform::Value& dictionary,
+                                   const std::string& path) noexcept {
+  return guarded(false, [&] {
+    if (dictionary.dictionary() == nullptr) {
+      SKELDA_LOG(2, "{}: Bad object. Attempted to save map to disk at path[{}]",
+                 "+[SkeldaUtil archiveDictionary:toFile:]", path);
+      return false;
+    }
+    return _archiveObject({std::string(classNameOf(dictionary)), dictionary}, path);
+  });
+}
+
+bool SkeldaUtil::_archiveObject(const platform::KeyedArchive& object,
+                                const std::string& path) noexcept {
+  constexpr std::string_view kMethod = "+[SkeldaUtil _archiveObject:toPath:]";
+  return guarded(false, [&] {
+    const bool saved =
+        FileManager::defaultManager()->writeData(platform::archivedData(object), path, true);
+    if (saved) {
+      SKELDA_LOG(2, "{}: map saved to disk at path[{}]", kMethod, path);
+    } else {
+      SKELDA_LOG(2, "{}: map not saved to disk at path[{}]", kMethod, path);
+    }
+    return saved;
+  });
+}
+
+std::optional<platform::KeyedArchive> SkeldaUtil::safeUnarchiveObjectWithFile(
+    const std::optional<std::string>& path, platform::ErrorRef* error) noexcept {
+  platform::setError(error, nullptr);
+  if (!path || path->empty()) return std::nullopt;
+  try {
+    platform::ErrorRef failure;
+    const auto data = FileManager::defaultManager()->contentsAtPath(*path, &failure);
+    if (!data) {
+      const bool absent = failure->code() == ENOENT || failure->code() == ENOTDIR;
+      if (!absent) platform::setError(error, std::move(failure));
+      return std::nullopt;
+    }
+    return platform::unarchivedObject(*data);
+  } catch (const platform::Exception& malformed) {
+    handleException(malformed);
+    _removeObjectAtPath(*path);
+  } catch (...) {
+    // Want of memory says nothing about the file.
+    handleException(std::current_exception());
+    guarded(0, [&] {
+      platform::setError(error, platform::posixError(ENOMEM, *path));
+      return 0;
+    });
+  }
+  return std::nullopt;
+}
+
+bool SkeldaUtil::removeObjectAtPath(const std::string& path) noexcept {
+  return _removeObjectAtPath(path);
+}
+
+bool SkeldaUtil::_removeObjectAtPath(const std::string& path) noexcept {
+  return guarded(false, [&] {
+    platform::ErrorRef error;
+    if (FileManager::defaultManager()->removeItemAtPath(path, &error)) return true;
+    SKELDA_LOG(2, "Skelda: failed to remove object: {}", platform::description(error));
+    return false;
+  });
+}
+
+bool SkeldaUtil::dataExistsAtPath(const std::string& path) noexcept {
+  return guarded(false, [&] { return FileManager::defaultManager()->fileExistsAtPath(path); });
+}

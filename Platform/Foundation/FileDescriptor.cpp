@@ -1,0 +1,196 @@
+#include "Platform/Foundation/FileDescriptor.h"
+
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "Platform/Foundation/FileCalls.h"
+
+namespace skelda::platform {
+
+namespace {
+
+/// Files that do not tell their size are read in steps of this, and copies move so much at a time.
+constexpr std::size_t kReadStep = std::size_t{16} << 10;
+constexpr std::size_t kCopyStep = std::size_t{1} << 30;
+
+/// Makes the call until it is not interrupted; errno or 0.
+template <class Call>
+int retried(Call call) {
+  while (call() < 0) {
+    if (errno != EINTR) return errno;
+  }
+  return 0;
+}
+
+/// Whether the kernel says that it cannot copy between these two files, not that a copy failed.
+bool cannotCopyRange(int error) {
+  return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP ||
+         error == EPERM || error == ETXTBSY;
+}
+
+}  // namespace
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+  if (this != &other) {
+    close();
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+FileDescriptor FileDescriptor::open(const std::string& path, int flags, int& error, ::mode_t mode) {
+  // The kernel would take what stands before a zero byte for the whole path.
+  if (path.find('\0') != std::string::npos) {
+    error = EINVAL;
+    return {};
+  }
+  int fd = -1;
+  error = retried([&] { return fd = FileCalls::current().open(path.c_str(), flags, mode); });
+  return FileDescriptor(fd);
+}
+
+int FileDescriptor::close() noexcept {
+  if (fd_ < 0) return 0;
+  // Never again after EINTR: the number is free already and may be another file's.
+  const int result = FileCalls::current().close(std::exchange(fd_, -1));
+  return result < 0 && errno != EINTR ? errno : 0;
+}
+
+int FileDescriptor::write(std::string_view bytes, ::off_t offset) const {
+  while (!bytes.empty()) {
+    const ::ssize_t written = FileCalls::current().write(fd_, bytes.data(), bytes.size(), offset);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (written == 0) return EIO;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+    offset += written;
+  }
+  return 0;
+}
+
+int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) const {
+  while (length > 0) {
+    struct ::stat now;
+    if (const int error = status(now)) return error;
+    const ::off_t rest = std::max<::off_t>(now.st_size - offset, 0);
+    // One byte more than the file says it has finds its end without another round.
+    const std::size_t step = rest == 0 ? std::min(length, kReadStep)
+                                       : std::min(length, static_cast<std::size_t>(rest) + 1);
+    const std::size_t begin = out.size();
+    out.resize(begin + step);
+    std::size_t got = 0;
+    while (got < step) {
+      const ::ssize_t n = FileCalls::current().read(fd_, out.data() + begin + got, step - got,
+                                                    offset + static_cast<::off_t>(got));
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        const int error = errno;
+        out.resize(begin);
+        return error;
+      }
+      if (n == 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    out.resize(begin + got);
+    if (got < step) return 0;
+    length -= got;
+    offset += static_cast<::off_t>(got);
+  }
+  return 0;
+}
+
+int FileDescriptor::copyFrom(const FileDescriptor& from) const {
+  ::off_t fromOffset = 0;
+  ::off_t toOffset = 0;
+  while (true) {
+    const ::ssize_t copied =
+        FileCalls::current().copyRange(from.fd_, &fromOffset, fd_, &toOffset, kCopyStep);
+    if (copied > 0) continue;
+    if (copied == 0) break;
+    if (errno == EINTR) continue;
+    if (!cannotCopyRange(errno)) return errno;
+    break;
+  }
+  // What is left: everything where the kernel cannot copy, and nothing at the end of the file,
+  // which some file systems only claim.
+  std::string step;
+  while (true) {
+    step.clear();
+    if (const int error = from.read(step, std::size_t{1} << 20, fromOffset)) return error;
+    if (step.empty()) return 0;
+    if (const int error = write(step, toOffset)) return error;
+    fromOffset += static_cast<::off_t>(step.size());
+    toOffset += static_cast<::off_t>(step.size());
+  }
+}
+
+int FileDescriptor::status(struct ::stat& status) const {
+  return retried([&] { return FileCalls::current().status(fd_, &status); });
+}
+
+int FileDescriptor::truncate(::off_t length) const {
+  return retried([&] { return FileCalls::current().truncate(fd_, length); });
+}
+
+int FileDescriptor::syncData() const {
+  return retried([&] { return FileCalls::current().syncData(fd_); });
+}
+
+int FileDescriptor::lock(int operation) const {
+  return retried([&] { return FileCalls::current().lock(fd_, operation); });
+}
+
+int synchronizeFolder(const std::string& folder) {
+  int error = 0;
+  const FileDescriptor fd = FileDescriptor::open(folder, O_RDONLY | O_DIRECTORY, error);
+  if (!fd) return error;
+  error = retried([&] { return FileCalls::current().sync(fd.get()); });
+  // File systems that keep folders safe by themselves say EINVAL.
+  return error == EINVAL ? 0 : error;
+}
+
+std::string parentFolder(std::string_view path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string_view::npos) return path.empty() ? "." : "/";
+  const std::size_t slash = path.find_last_of('/', last);
+  if (slash == std::string_view::npos) return ".";
+  const std::size_t end = path.find_last_not_of('/', slash);
+  return end == std::string_view::npos ? "/" : std::string(path.substr(0, end + 1));
+}
+
+std::optional<std::string> readWholeFile(const std::string& path, int& error) {
+  const FileDescriptor fd = FileDescriptor::open(path, O_RDONLY, error);
+  if (!fd) return std::nullopt;
+  std::string bytes;
+  error = fd.read(bytes, std::numeric_limits<std::size_t>::max(), 0);
+  if (error != 0) return std::nullopt;
+  return bytes;
+}
+
+int replaceFile(const std::string& path, const std::string& temporary, std::string_view bytes) {
+  if (path.find('\0') != std::string::npos) return EINVAL;
+  int error = 0;
+  FileDescriptor fd =
+      FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, error);
+  if (!fd) return error;
+  error = fd.write(bytes, 0);
+  if (error == 0) error = fd.syncData();
+  if (const int closed = fd.close(); error == 0) error = closed;
+  if (error == 0) {
+    error = retried([&] { return FileCalls::current().rename(temporary.c_str(), path.c_str()); });
+  }
+  if (error != 0) {
+    // What cannot be removed now is swept later; the first failure is the one to report.
+    FileCalls::current().unlink(temporary.c_str());
+    return error;
+  }
+  return synchronizeFolder(parentFolder(path));
+}
+
+}  // namespace skelda::platform

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace skelda::platform {
+
+/// A descriptor that is closed with its owner, and what files need of one: calls that were
+/// interrupted are made again, short ones are gone on with. Failures come back as errno, 0 being
+/// success. One thread at a time.
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() { close(); }
+
+  /// Not open, and errno in `error`, on failure.
+  static FileDescriptor open(const std::string& path, int flags, int& error, ::mode_t mode = 0600);
+
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  int get() const noexcept { return fd_; }
+  /// Hands the descriptor over to the caller.
+  int release() noexcept { return std::exchange(fd_, -1); }
+  /// The descriptor is gone whatever comes back.
+  int close() noexcept;
+
+  /// All of the bytes.
+  int write(std::string_view bytes, ::off_t offset) const;
+  /// Appends at most `length` bytes to `out`, fewer only where the file ends.
+  int read(std::string& out, std::size_t length, ::off_t offset) const;
+  /// Everything that `from` holds, from its begin, to this file's begin: shared extents or a copy
+  /// inside the kernel where there is one.
+  int copyFrom(const FileDescriptor& from) const;
+  int status(struct ::stat& status) const;
+  int truncate(::off_t length) const;
+  int syncData() const;
+  /// LOCK_SH, LOCK_EX and the like of flock.
+  int lock(int operation) const;
+
+ private:
+  int fd_ = -1;
+};
+
+/// Synchronises a folder: what was created, renamed or removed in it lasts. Errno or 0; 0 as well
+/// where the file system cannot synchronise folders.
+int synchronizeFolder(const std::string& folder);
+
+/// The folder that holds `path`: "." for a bare name, "/" at the root. Slashes at the end do not
+/// count.
+std::string parentFolder(std::string_view path);
+
+/// The whole file at `path`; nothing, and errno in `error`, on failure.
+std::optional<std::string> readWholeFile(const std::string& path, int& error);
+
+/// Replaces the file at `path` by one with those bytes: writes them to `temporary` (made anew,
+/// removed again on failure), synchronises, renames over `path` and synchronises the folder. Errno
+/// or 0.
+int replaceFile(const std::string& path, const std::string& temporary, std::string_view bytes);
+
+}  // namespace skelda::platform

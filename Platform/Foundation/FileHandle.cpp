@@ -1,0 +1,100 @@
+#include "Platform/Foundation/FileHandle.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileDescriptor.h"
+
+namespace skelda::platform {
+
+namespace {
+
+[[noreturn]] void raise(std::string_view operation, const std::string& path, int error) {
+  throw Exception("NSFileHandleOperationException",
+                  std::string(operation) + ": " + posixError(error, path)->localizedDescription());
+}
+
+/// A file that this process has open. Keeps the offset itself, so that an operation is one system
+/// call.
+class PosixFileHandle : public FileHandle {
+ public:
+  PosixFileHandle(FileDescriptor file, std::string path)
+      : file_(std::move(file)), path_(std::move(path)) {}
+
+  Data readDataOfLength(std::size_t length) override {
+    Data data;
+    check("read", file_.read(data.string(), length, static_cast<::off_t>(offset_)));
+    offset_ += data.length();
+    return data;
+  }
+
+  Data readDataToEndOfFile() override {
+    return readDataOfLength(std::numeric_limits<std::size_t>::max());
+  }
+
+  std::uint64_t seekToEndOfFile() override {
+    offset_ = length("seek");
+    return offset_;
+  }
+
+  void writeData(const Data& data) override {
+    const std::uint64_t before = length("write");
+    int error = file_.write(data.view(), static_cast<::off_t>(offset_));
+    if (error != 0) {
+      // Half a record would hide everything that is appended after it.
+      if (const int left = file_.truncate(static_cast<::off_t>(before))) {
+        raise("write, and cut back to its old length", path_, left);
+      }
+      raise("write", path_, error);
+    }
+    offset_ += data.length();
+  }
+
+  void truncateFileAtOffset(std::uint64_t offset) override {
+    check("truncate", file_.truncate(static_cast<::off_t>(offset)));
+    offset_ = offset;
+  }
+
+  void synchronizeFile() override { check("synchronize", file_.syncData()); }
+
+  void closeFile() override { check("close", file_.close()); }
+
+ private:
+  void check(std::string_view operation, int error) const {
+    if (error != 0) raise(operation, path_, error);
+  }
+  std::uint64_t length(std::string_view operation) const {
+    struct ::stat now;
+    check(operation, file_.status(now));
+    return static_cast<std::uint64_t>(now.st_size);
+  }
+
+  FileDescriptor file_;
+  std::string path_;
+  std::uint64_t offset_ = 0;
+};
+
+std::shared_ptr<FileHandle> opened(const std::string& path, int flags) {
+  int error = 0;
+  FileDescriptor file = FileDescriptor::open(path, flags, error);
+  if (!file) return nullptr;
+  return std::make_shared<PosixFileHandle>(std::move(file), path);
+}
+
+}  // namespace
+
+std::shared_ptr<FileHandle> FileHandle::forReadingAtPath(const std::string& path) {
+  return opened(path, O_RDONLY);
+}
+
+std::shared_ptr<FileHandle> FileHandle::forWritingAtPath(const std::string& path) {
+  return opened(path, O_WRONLY);
+}
+
+}  // namespace skelda::platform

@@ -1,0 +1,280 @@
+#include "Platform/Foundation/FileManager.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+
+#include <fmt/format.h>
+
+#include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/FileCalls.h"
+#include "Platform/Foundation/FileDescriptor.h"
+
+namespace skelda::platform {
+
+namespace {
+
+/// True for 0, else false with a POSIX error for the caller.
+bool succeeded(int code, const std::string& path, ErrorRef* error) {
+  if (code != 0) setError(error, posixError(code, path));
+  return code == 0;
+}
+
+/// What the temporary names of this process begin with: a sweep passes over them.
+const std::string& ownTemporaryPrefix() {
+  static const std::string& prefix = *new std::string([] {
+    std::random_device random;
+    return fmt::format("{}{:08x}{:08x}-", FileManager::kTemporaryPrefix, random(), random());
+  }());
+  return prefix;
+}
+
+std::string temporaryPath(const std::string& folder) {
+  static constinit std::atomic<std::uint64_t> count{0};
+  // The process id keeps a forked child, which has the same prefix and count, apart.
+  return fmt::format("{}/{}{}-{}", folder, ownTemporaryPrefix(), ::getpid(), ++count);
+}
+
+bool sameFileSystem(const std::string& a, const std::string& b) {
+  struct ::stat first;
+  struct ::stat second;
+  return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev;
+}
+
+/// Moves `from` to `to`, which must not exist. File systems that have no such rename still have
+/// links, which never replace anything.
+int publish(const std::string& from, const std::string& to) {
+  FileCalls& calls = FileCalls::current();
+  if (calls.renameNoReplace(from.c_str(), to.c_str()) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+  if (calls.link(from.c_str(), to.c_str()) != 0) return errno;
+  // A name that cannot be removed now is swept at the next start.
+  calls.unlink(from.c_str());
+  return 0;
+}
+
+int copyRegularFile(const std::string& source, const std::string& destination) {
+  int error = 0;
+  const FileDescriptor from = FileDescriptor::open(source, O_RDONLY, error);
+  if (!from) return error;
+  struct ::stat kind;
+  if ((error = from.status(kind)) != 0) return error;
+  if (S_ISDIR(kind.st_mode)) return EISDIR;
+  if (!S_ISREG(kind.st_mode) || destination.find('\0') != std::string::npos) return EINVAL;
+
+  const std::string folder = parentFolder(destination);
+  const std::string staging = folder + "/..";
+  struct ::stat existing;
+  if (::lstat(destination.c_str(), &existing) == 0) return EEXIST;
+  if (errno != ENOENT) return errno;
+  if (!sameFileSystem(folder, staging)) return EXDEV;
+
+  const std::string temporary = temporaryPath(staging);
+  FileDescriptor to =
+      FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, error);
+  if (!to) return error;
+  error = to.copyFrom(from);
+  if (error == 0) error = to.syncData();
+  if (const int closed = to.close(); error == 0) error = closed;
+  if (error == 0) error = publish(temporary, destination);
+  if (error != 0) {
+    FileCalls::current().unlink(temporary.c_str());
+    return error;
+  }
+  return synchronizeFolder(folder);
+}
+
+int makeFolder(const std::string& path) {
+  if (FileCalls::current().makeDirectory(path.c_str(), 0700) != 0) return errno;
+  return synchronizeFolder(parentFolder(path));
+}
+
+int makeFolders(const std::string& path) {
+  int error = makeFolder(path);
+  if (error == ENOENT) {
+    const std::string parent = parentFolder(path);
+    if (parent == path) return error;
+    if ((error = makeFolders(parent)) != 0) return error;
+    error = makeFolder(path);
+  }
+  std::error_code ignored;
+  return error == EEXIST && std::filesystem::is_directory(path, ignored) ? 0 : error;
+}
+
+/// An absolute path from the environment; what is relative there means nothing.
+std::optional<std::string> environmentPath(const char* name) {
+  const char* value = std::getenv(name);
+  if (value == nullptr || value[0] != '/') return std::nullopt;
+  return std::string(value);
+}
+
+std::string homeDirectory() {
+  if (auto home = environmentPath("HOME")) return *home;
+  struct ::passwd entry;
+  struct ::passwd* found = nullptr;
+  std::vector<char> buffer(16384);
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+      found != nullptr && found->pw_dir != nullptr && found->pw_dir[0] == '/') {
+    return found->pw_dir;
+  }
+  return "/";
+}
+
+/// A bundle identifier as one component of a path, whatever stands in it.
+std::string pathComponent(std::string name) {
+  std::replace(name.begin(), name.end(), '/', '_');
+  std::replace(name.begin(), name.end(), '\0', '_');
+  if (name == "." || name == "..") name.front() = '_';
+  return name;
+}
+
+}  // namespace
+
+const std::shared_ptr<FileManager>& FileManager::defaultManager() {
+  static const auto& manager = *new std::shared_ptr<FileManager>(std::make_shared<FileManager>());
+  return manager;
+}
+
+bool FileManager::fileExistsAtPath(const std::string& path) const {
+  struct ::stat ignored;
+  return path.find('\0') == std::string::npos && ::stat(path.c_str(), &ignored) == 0;
+}
+
+bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
+                                        ErrorRef* error) {
+  if (path.find('\0') != std::string::npos) return succeeded(EINVAL, path, error);
+  return succeeded(withIntermediateDirectories ? makeFolders(path) : makeFolder(path), path, error);
+}
+
+bool FileManager::copyItemAtPath(const std::string& source, const std::string& destination,
+                                 ErrorRef* error) {
+  return succeeded(copyRegularFile(source, destination), destination, error);
+}
+
+bool FileManager::removeItemAtPath(const std::string& path, ErrorRef* error) {
+  if (path.find('\0') != std::string::npos) return succeeded(EINVAL, path, error);
+  if (FileCalls::current().unlink(path.c_str()) == 0) return true;
+  if (errno != EISDIR) return succeeded(errno, path, error);
+  std::error_code failure;
+  std::filesystem::remove_all(path, failure);
+  return succeeded(failure.value(), path, error);
+}
+
+bool FileManager::createFileAtPath(const std::string& path, const Data& contents, ErrorRef* error) {
+  int code = 0;
+  FileDescriptor file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL, code);
+  const bool isNew = static_cast<bool>(file);
+  if (code == EEXIST) file = FileDescriptor::open(path, O_WRONLY | O_TRUNC, code);
+  if (!file) return succeeded(code, path, error);
+  code = file.write(contents.view(), 0);
+  if (const int closed = file.close(); code == 0) code = closed;
+  // A log that is appended to and synchronised later must still have its name after a loss of
+  // power.
+  if (code == 0 && isNew) code = synchronizeFolder(parentFolder(path));
+  if (code != 0 && isNew) FileCalls::current().unlink(path.c_str());
+  return succeeded(code, path, error);
+}
+
+std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
+    const std::string& path, ErrorRef* error) const {
+  int code = 0;
+  FileDescriptor folder = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY, code);
+  ::DIR* stream = folder ? ::fdopendir(folder.get()) : nullptr;
+  if (stream == nullptr) {
+    succeeded(folder ? errno : code, path, error);
+    return std::nullopt;
+  }
+  // The stream owns the descriptor from here on.
+  static_cast<void>(folder.release());
+  std::vector<std::string> names;
+  while (true) {
+    errno = 0;
+    const ::dirent* entry = ::readdir(stream);
+    if (entry == nullptr) break;
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  code = errno;
+  ::closedir(stream);
+  if (!succeeded(code, path, error)) return std::nullopt;
+  return names;
+}
+
+std::optional<Data> FileManager::contentsAtPath(const std::string& path, ErrorRef* error) const {
+  int code = 0;
+  auto bytes = readWholeFile(path, code);
+  if (!succeeded(code, path, error)) return std::nullopt;
+  return Data(std::move(*bytes));
+}
+
+bool FileManager::writeData(const Data& data, const std::string& path, bool atomically,
+                            ErrorRef* error) {
+  if (atomically) {
+    return succeeded(replaceFile(path, temporaryPath(parentFolder(path)), data.view()), path,
+                     error);
+  }
+  return createFileAtPath(path, data, error);
+}
+
+std::optional<FileSystemAttributes> FileManager::attributesOfFileSystemForPath(
+    const std::string& path, ErrorRef* error) const {
+  struct ::statvfs status;
+  while (::statvfs(path.c_str(), &status) != 0) {
+    if (errno == EINTR) continue;
+    succeeded(errno, path, error);
+    return std::nullopt;
+  }
+  const std::uint64_t block = status.f_frsize;
+  return FileSystemAttributes{block * status.f_blocks, block * status.f_bavail};
+}
+
+bool FileManager::excludeFromBackup(const std::string& path, ErrorRef* error) {
+  static constexpr std::string_view kValue = "false";
+  if (FileCalls::current().setAttribute(path.c_str(), "user.xdg.robots.backup", kValue.data(),
+                                        kValue.size()) == 0 ||
+      errno == ENOTSUP) {
+    return true;
+  }
+  return succeeded(errno, path, error);
+}
+
+std::size_t FileManager::sweepTemporaryFiles(const std::string& folder, ErrorRef* error) {
+  const auto names = contentsOfDirectoryAtPath(folder, error);
+  if (!names) return 0;
+  std::size_t removed = 0;
+  for (const std::string& name : *names) {
+    if (!name.starts_with(kTemporaryPrefix) || name.starts_with(ownTemporaryPrefix())) continue;
+    if (removeItemAtPath(folder + "/" + name, error)) ++removed;
+  }
+  return removed;
+}
+
+std::string FileManager::applicationSupportDirectory() {
+  const auto data = environmentPath("XDG_DATA_HOME");
+  const std::string base = data ? *data : homeDirectory() + "/.local/share";
+  const auto identifier = Bundle::main()->bundleIdentifier();
+  return identifier ? base + "/" + pathComponent(*identifier) : base;
+}
+
+std::string FileManager::documentsDirectory() {
+  const auto documents = environmentPath("XDG_DOCUMENTS_DIR");
+  return documents ? *documents : homeDirectory();
+}
+
+std::string FileManager::stateDirectory() {
+  const auto state = environmentPath("XDG_STATE_HOME");
+  return state ? *state : homeDirectory() + "/.local/state";
+}
+
+}  // namespace skelda::platform

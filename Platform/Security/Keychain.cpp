@@ -1,0 +1,177 @@
+#include "Platform/Security/Keychain.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/SystemFiles.h"
+#include "Platform/Foundation/TextCoding.h"
+#include "Platform/Security/KeychainFile.h"
+#include "Platform/Security/Sealing.h"
+
+namespace skelda::platform {
+
+namespace {
+
+constinit std::atomic<bool> deviceLocked{false};
+
+std::string keychainFolder() {
+  return FileManager::stateDirectory() + "/skelda-keychain";
+}
+std::string keyPath() {
+  return keychainFolder() + "/sealing.key";
+}
+
+/// What the items of one accessibility are sealed under; empty where there is none to be had.
+std::string keyFor(KeychainAccessibility accessibility, const std::string& sealingKey) {
+  if (accessibility == KeychainAccessibility::whenUnlocked) return sealingKey;
+  return derivedKey(sealingKey, "this device only\n" + machineID().value_or(""));
+}
+
+/// What is authenticated with an item: sealed bytes that were moved to another service, account or
+/// accessibility do not open.
+std::string contextOf(const std::string& service, const KeychainItem& item) {
+  std::string context = "skelda-keychain 1\n";
+  for (const std::string_view part : {std::string_view(service), item.account.view(),
+                                      item.generic.view(), nameOf(item.accessibility)}) {
+    context += std::to_string(part.size());
+    context += ':';
+    context += part;
+  }
+  return context;
+}
+
+OSStatus readKey(std::string& key) {
+  int error = 0;
+  auto bytes = readWholeFile(keyPath(), error);
+  if (!bytes) return error == ENOENT ? errSecItemNotFound : errSecIO;
+  if (bytes->size() != kSealingKeyLength) return errSecDecode;
+  key = *std::move(bytes);
+  return errSecSuccess;
+}
+
+/// The key, made now where there is none. Under the lock of the folder, so that there is only one.
+OSStatus readOrMakeKey(std::string& key) {
+  const OSStatus status = readKey(key);
+  if (status != errSecItemNotFound) return status;
+  key = randomBytes(kSealingKeyLength);
+  if (key.empty() || replaceFile(keyPath(), keyPath() + ".new", key) != 0) return errSecIO;
+  return errSecSuccess;
+}
+
+bool isClosedByDeviceLock(const KeychainItem& item) {
+  return item.accessibility == KeychainAccessibility::whenUnlocked && DeviceLock::isLocked();
+}
+
+OSStatus sealInto(KeychainItem& item, const std::string& service, const Data& value) {
+  std::string key;
+  if (const OSStatus status = readOrMakeKey(key)) return status;
+  auto sealed = seal(keyFor(item.accessibility, key), value.view(), contextOf(service, item));
+  if (!sealed) return errSecIO;
+  item.sealed = *std::move(sealed);
+  return errSecSuccess;
+}
+
+/// A change of one service's file: read under the lock, changed by `change` and, where that
+/// succeeds, replaced.
+template <class Change>
+OSStatus changed(const std::string& service, Change change) {
+  const std::string folder = keychainFolder();
+  if (!FileManager::defaultManager()->createDirectoryAtPath(folder, true)) return errSecIO;
+  int error = 0;
+  const FileDescriptor lock = FileDescriptor::open(folder + "/lock", O_RDWR | O_CREAT, error);
+  if (!lock || lock.lock(LOCK_EX) != 0) return errSecIO;
+  KeychainFile file(folder, service);
+  if (const OSStatus status = file.read()) return status;
+  if (const OSStatus status = change(file)) return status;
+  return file.write();
+}
+
+/// Nothing that is thrown on the way leaves the keychain.
+template <class Work>
+OSStatus contained(Work work) noexcept {
+  try {
+    return work();
+  } catch (...) {
+    return errSecIO;
+  }
+}
+
+}  // namespace
+
+OSStatus SecItemAdd(const KeychainQuery& query, const Data& value,
+                    KeychainAccessibility accessibility) {
+  if (query.service.empty() || query.account.empty() || !isValidUTF8(query.service)) {
+    return errSecParam;
+  }
+  return contained([&] {
+    return changed(query.service, [&](KeychainFile& file) -> OSStatus {
+      // Damage that nobody can repair must not keep new values out for ever.
+      if (file.isDamaged() && !file.setAside()) return errSecIO;
+      KeychainItem item{query.account, query.generic, accessibility, {}};
+      if (isClosedByDeviceLock(item)) return errSecInteractionNotAllowed;
+      if (file.find(query) != nullptr) return errSecDuplicateItem;
+      if (const OSStatus status = sealInto(item, query.service, value)) return status;
+      file.items().push_back(std::move(item));
+      return errSecSuccess;
+    });
+  });
+}
+
+OSStatus SecItemCopyMatching(const KeychainQuery& query, Data* value) {
+  return contained([&]() -> OSStatus {
+    // The file is replaced whole, so that reading needs no lock.
+    KeychainFile file(keychainFolder(), query.service);
+    if (const OSStatus status = file.read()) return status;
+    if (file.isDamaged()) return errSecDecode;
+    const KeychainItem* item = file.find(query);
+    if (item == nullptr) return errSecItemNotFound;
+    if (isClosedByDeviceLock(*item)) return errSecInteractionNotAllowed;
+    std::string key;
+    const OSStatus status = readKey(key);
+    if (status == errSecIO) return status;
+    auto plain = unseal(status == errSecSuccess ? keyFor(item->accessibility, key) : std::string(),
+                        item->sealed, contextOf(query.service, *item));
+    if (!plain) return errSecDecode;
+    if (value != nullptr) *value = Data(*std::move(plain));
+    return errSecSuccess;
+  });
+}
+
+OSStatus SecItemUpdate(const KeychainQuery& query, const Data& value) {
+  return contained([&] {
+    return changed(query.service, [&](KeychainFile& file) -> OSStatus {
+      if (file.isDamaged()) return errSecDecode;
+      KeychainItem* item = file.find(query);
+      if (item == nullptr) return errSecItemNotFound;
+      if (isClosedByDeviceLock(*item)) return errSecInteractionNotAllowed;
+      return sealInto(*item, query.service, value);
+    });
+  });
+}
+
+OSStatus SecItemDelete(const KeychainQuery& query) {
+  return contained([&] {
+    return changed(query.service, [&](KeychainFile& file) -> OSStatus {
+      if (file.isDamaged()) return errSecDecode;
+      KeychainItem* item = file.find(query);
+      if (item == nullptr) return errSecItemNotFound;
+      if (isClosedByDeviceLock(*item)) return errSecInteractionNotAllowed;
+      file.items().erase(file.items().begin() + (item - file.items().data()));
+      return errSecSuccess;
+    });
+  });
+}
+
+bool DeviceLock::isLocked() noexcept {
+  return deviceLocked.load(std::memory_order_relaxed);
+}
+void DeviceLock::setLocked(bool locked) noexcept {
+  deviceLocked.store(locked, std::memory_order_relaxed);
+}
+
+}  // namespace skelda::platform
