@@ -1,8 +1,6 @@
 // The start of the writer: what the last run left is repaired, marked as crashed and committed.
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
@@ -17,6 +15,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileHandle.h"
 
 namespace {
@@ -68,9 +67,9 @@ void SkeldaStreamFrameLogWriter::onqueue_tryAgain(int attempt) {
 bool SkeldaStreamFrameLogWriter::onqueue_setLogAside() {
   const std::string aside =
       fmt::format("{}.unread_{:.6f}", *logPath_, platform::Date::now().timeIntervalSince1970());
-  std::error_code error;
-  std::filesystem::rename(*logPath_, aside, error);
-  if (error) return false;
+  if (platform::FileCalls::current().renameNoReplace(logPath_->c_str(), aside.c_str()) != 0) {
+    return false;
+  }
   SKELDA_LOG(0, "{}: unable to read frame log file at path {}, kept as {}", kWritePendingFiles,
              *logPath_, aside);
   return true;
