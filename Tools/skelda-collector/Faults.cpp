@@ -1,0 +1,101 @@
+#include "Tools/skelda-collector/Faults.h"
+
+#include <charconv>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+
+namespace {
+
+[[noreturn]] void refuse(const std::string& part) {
+  throw std::invalid_argument("not understood: " + part);
+}
+
+/// The number at the head of `text`; `unit` becomes what stands behind it.
+template <class Number>
+Number numberOf(const std::string& text, std::string_view& unit) {
+  Number number{};
+  const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || number < Number{}) refuse(text);
+  unit = {stop, static_cast<std::size_t>(text.data() + text.size() - stop)};
+  return number;
+}
+
+std::uint64_t countOf(const std::string& text, std::string_view optionalUnit) {
+  std::string_view unit;
+  const auto count = numberOf<std::uint64_t>(text, unit);
+  if (!unit.empty() && unit != optionalUnit) refuse(text);
+  return count;
+}
+
+std::chrono::milliseconds durationOf(const std::string& text) {
+  std::string_view unit;
+  const auto number = numberOf<double>(text, unit);
+  const double scale = unit == "ms"                  ? 1
+                       : unit == "s" || unit.empty() ? 1000
+                       : unit == "m"                 ? 60'000
+                       : unit == "h"                 ? 3'600'000
+                                                     : 0;
+  if (scale == 0 || number * scale > 1e12) refuse(text);
+  return std::chrono::milliseconds(static_cast<std::int64_t>(number * scale));
+}
+
+int statusOf(const std::string& text) {
+  const auto status = countOf(text, "");
+  if (status < 200 || status > 599) refuse(text);
+  return static_cast<int>(status);
+}
+
+std::pair<int, std::string> redirectOf(const std::string& text) {
+  const auto colon = text.find(':');
+  if (colon == std::string::npos) refuse(text);
+  const int status = statusOf(text.substr(0, colon));
+  if (status < 300 || status > 399) refuse(text);
+  return {status, text.substr(colon + 1)};
+}
+
+}  // namespace
+
+Fault Fault::parse(const std::string& text) {
+  Fault fault;
+  std::istringstream parts(text);
+  for (std::string part; std::getline(parts, part, ',');) {
+    const auto equals = part.find('=');
+    const auto name = part.substr(0, equals);
+    const auto value = equals == std::string::npos ? "" : part.substr(equals + 1);
+    if (name == "status") {
+      fault.status = statusOf(value);
+    } else if (name == "delay") {
+      fault.delay = durationOf(value);
+    } else if (name == "reset-after") {
+      fault.resetAfter = countOf(value, "bytes");
+    } else if (name == "reset-answer") {
+      fault.resetAnswer = countOf(value, "bytes");
+    } else if (name == "redirect") {
+      fault.redirect = redirectOf(value);
+    } else if (part == "drop-answer") {
+      fault.dropAnswer = true;
+    } else if (name == "for") {
+      fault.lasts = durationOf(value);
+    } else if (name == "times") {
+      fault.times = countOf(value, "");
+    } else {
+      refuse(part);
+    }
+  }
+  return fault;
+}
+
+std::optional<Fault> FaultSequence::next(Clock::time_point now) {
+  const std::lock_guard lock(mutex_);
+  for (; current_ < faults_.size(); ++current_, began_.reset(), met_ = 0) {
+    const Fault& fault = faults_[current_];
+    if (!began_) began_ = now;
+    const bool over =
+        (fault.lasts && now - *began_ >= *fault.lasts) || (fault.times && met_ >= *fault.times);
+    if (over) continue;
+    ++met_;
+    return fault;
+  }
+  return std::nullopt;
+}
