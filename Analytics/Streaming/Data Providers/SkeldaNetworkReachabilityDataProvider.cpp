@@ -53,8 +53,9 @@ void SkeldaNetworkReachabilityDataProvider::setNetworkLikelyNotReachable() {
 bool SkeldaNetworkReachabilityDataProvider::isNetworkLikelyNotReachable() {
   bool likelyNot = false;
   syncBlock([&] {
-    likelyNot = !connectedToNetwork_ || (lastNetworkOperationError_ != nullptr &&
-                                         lastNetworkOperationError_->hasDomain(networkErrorDomain()));
+    likelyNot =
+        !connectedToNetwork_ || (lastNetworkOperationError_ != nullptr &&
+                                 lastNetworkOperationError_->hasDomain(networkErrorDomain()));
   });
   return likelyNot;
 }

@@ -4,6 +4,6 @@
 
 void SkeldaAppOrientationSource::onqueue_startup() {
   initialOrientation_ = currentOrientation_ = kPortrait;
-  onqueue_streamMessage(SkeldaStreamAppOrientation::appOrientationWithOrientation(
-      currentOrientation_));
+  onqueue_streamMessage(
+      SkeldaStreamAppOrientation::appOrientationWithOrientation(currentOrientation_));
 }

@@ -9,8 +9,9 @@ class ISkeldaAppStateSource : public virtual ISkeldaFrameSource {
   static constexpr std::string_view kProtocolName = "ISkeldaAppStateSource";
 };
 
-class SkeldaAppStateSource : public SkeldaProviderFedSource<SkeldaAppStateSource, ISkeldaAppStateSource,
-                                                            SkeldaAppStateDataProvider> {
+class SkeldaAppStateSource
+    : public SkeldaProviderFedSource<SkeldaAppStateSource, ISkeldaAppStateSource,
+                                     SkeldaAppStateDataProvider> {
  public:
   static constexpr std::string_view kClassName = "SkeldaAppStateSource";
 

@@ -16,9 +16,8 @@ void SkeldaConsentSource::consentUpdated() {
 }
 
 void SkeldaConsentSource::setConsent(SkeldaConsent consent) {
-  asyncBlock([self = selfOf(this), consent = std::move(consent)] {
-    self->onqueue_setConsent(consent);
-  });
+  asyncBlock(
+      [self = selfOf(this), consent = std::move(consent)] { self->onqueue_setConsent(consent); });
 }
 
 void SkeldaConsentSource::onqueue_setConsent(const SkeldaConsent& consent) {

@@ -24,7 +24,6 @@ void SkeldaDevicePropertiesSource::onqueue_startup() {
   onqueue_streamMessage(SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel(
       SkeldaUtil::devicePlatform(), platform::WKInterfaceDevice::currentDevice()->systemVersion(),
       systemArch(),
-      skelda::textOf(
-          platform::Bundle::main()->objectForInfoDictionaryKey("CFBundleVersion")),
+      skelda::textOf(platform::Bundle::main()->objectForInfoDictionaryKey("CFBundleVersion")),
       wholePoints(screen.width), wholePoints(screen.height)));
 }

@@ -78,9 +78,9 @@ void SkeldaEventFrameSource::onqueue_recordEvent(platform::Value name, platform:
   const auto type = transaction ? kPurchaseEvent : kCustomEvent;
   // A timed event's record is its start.
   const bool starting = timed;
-  auto event = SkeldaStreamEvent::streamEventWithEventName(
-      *name.text(), std::string(type), timed, starting, parameters,
-      std::move(transaction), timestamp);
+  auto event =
+      SkeldaStreamEvent::streamEventWithEventName(*name.text(), std::string(type), timed, starting,
+                                                  parameters, std::move(transaction), timestamp);
   SKELDA_LOG(0, "{}: Recording Event eventName[{}] with parameters[{}]", kRecordMethod,
              skelda::textOrNull(event->eventName()),
              platform::Value(event->parameters()).description());
@@ -95,6 +95,6 @@ void SkeldaEventFrameSource::onqueue_endTimedEvent(platform::Value name, platfor
   // Whether an event of that name was ever started is not known here, and not asked. Its end is a
   // custom event even where its start was a purchase.
   onqueue_streamMessage(SkeldaStreamEvent::streamEventWithEventName(
-      *name.text(), std::string(kCustomEvent), /*timed=*/true, /*starting=*/false,
-      parameters, nullptr, timestamp));
+      *name.text(), std::string(kCustomEvent), /*timed=*/true, /*starting=*/false, parameters,
+      nullptr, timestamp));
 }

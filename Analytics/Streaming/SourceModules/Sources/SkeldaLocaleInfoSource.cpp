@@ -9,6 +9,6 @@ void SkeldaLocaleInfoSource::onqueue_fetchAndSendLocale() {
   SKELDA_LOG(2, "{}: Got New Locale language [{}] country [{}]",
              "-[SkeldaLocaleInfoSource onqueue_fetchAndSendLocale]",
              skelda::textOrNull(locale.languageCode), skelda::textOrNull(locale.countryCode));
-  onqueue_streamMessage(SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry(locale.countryCode,
-                                                                            locale.languageCode));
+  onqueue_streamMessage(
+      SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry(locale.countryCode, locale.languageCode));
 }

@@ -96,11 +96,13 @@ void SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers(
                               : installationIdentifier(*text);
     }
     if (!identifier) {
-      SKELDA_LOG(1, "{}: no identifier under {}", "-[SkeldaReportedIdentifiersSource collect]", key);
+      SKELDA_LOG(1, "{}: no identifier under {}", "-[SkeldaReportedIdentifiersSource collect]",
+                 key);
       continue;
     }
     // Kept or not, it is reported now; the phone sends it again where it was not kept.
-    if (keep) keychain()->setString(*text, isVendorId ? kWatchVendorIDItem : kWatchInstallationIDItem);
+    if (keep)
+      keychain()->setString(*text, isVendorId ? kWatchVendorIDItem : kWatchInstallationIDItem);
     reportedIDsSet_.insert(*std::move(identifier));
   }
 }

@@ -5,9 +5,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 
 void SkeldaSessionDevicePropertiesSource::setSessionDevicePropertiesData(DataRef data) {
-  asyncBlock([self = selfOf(this), data = std::move(data)] {
-    self->sessionDevicePropertiesData_ = data;
-  });
+  asyncBlock(
+      [self = selfOf(this), data = std::move(data)] { self->sessionDevicePropertiesData_ = data; });
 }
 
 SkeldaSessionDevicePropertiesSource::DataRef

@@ -50,7 +50,8 @@ std::optional<std::string> SkeldaUserDemographicsSource::getUserId() {
 }
 
 void SkeldaUserDemographicsSource::setGenderAsString(std::string gender) {
-  asyncBlock([self = selfOf(this), gender = std::move(gender)] { self->onqueue_setGender(gender); });
+  asyncBlock(
+      [self = selfOf(this), gender = std::move(gender)] { self->onqueue_setGender(gender); });
 }
 
 std::int32_t SkeldaUserDemographicsSource::genderAsInt() {

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// What a module is registered under: a class or a protocol, both of which are text in the end. A
+/// key made of nothing is neither, and finds nothing.
+class SkeldaModuleKey {
+ public:
+  SkeldaModuleKey() = default;
+  static SkeldaModuleKey forClass(std::string_view name) { return SkeldaModuleKey(name); }
+  static SkeldaModuleKey forProtocol(std::string_view name) { return SkeldaModuleKey(name); }
+  /// Of a type that has kProtocolName or kClassName.
+  template <class T>
+  static SkeldaModuleKey of() {
+    if constexpr (requires { T::kClassName; }) {
+      return forClass(T::kClassName);
+    } else {
+      return forProtocol(T::kProtocolName);
+    }
+  }
+  const std::string& text() const noexcept { return text_; }
+
+ private:
+  explicit SkeldaModuleKey(std::string_view text) : text_(text) {}
+  std::string text_;
+};

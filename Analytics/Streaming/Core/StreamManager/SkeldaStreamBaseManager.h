@@ -1,0 +1,98 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "Analytics/Streaming/Core/StreamManager/ISkeldaStreamManager.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaModuleKey.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+
+/// Makes what every pipeline needs, keeps the modules by name, and wires and starts them. A
+/// concrete manager chooses sources, providers and core stages and calls the operations below in
+/// its didInit(). Modules of the class registry are found by text; one that is not linked in is
+/// left out, with whatever depends on it.
+///
+/// Checks that a list or a call is right come in two kinds: soft ones (SkeldaUtil::assert_), after
+/// which the call goes on as well as it can, and assertion failures, which raise.
+class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStreamManager {
+ public:
+  // Where the logs are: the agent's folder for the current one, a folder in it for the committed.
+  static std::string currentFrameLogFilePath();
+  static std::string currentFrameLogFileName();
+  static std::string currentFrameLogFilePathWithName();
+  static std::string commitedFrameLogsFilePath();
+  static std::string commitedFrameLogFileName();
+  static std::string crashedFrameLogFileName();
+
+  // The registry. Any thread; reads wait for the manager's queue.
+  void setModule(platform::ObjectRef object, const SkeldaModuleKey& key);
+  /// Null for a key that is neither class nor protocol; raises for one that nothing is under.
+  platform::ObjectRef getModule(const SkeldaModuleKey& key);
+  platform::ObjectRef getObjectForSourceModule(std::string_view protocol);
+  platform::ObjectRef getObjectForProviderModule(std::string_view className);
+  /// The module under T's name, as T; null where there is none. Never raises.
+  template <class T>
+  std::shared_ptr<T> module() noexcept {
+    return std::dynamic_pointer_cast<T>(moduleIfPresent(SkeldaModuleKey::of<T>().text()));
+  }
+  platform::ObjectRef moduleIfPresent(std::string_view key) noexcept;
+
+  /// Abstract: raises. The concrete manager starts its modules here.
+  virtual void startup();
+  void startup(const Keys& keys) override;
+
+  void chainSourceModules(const Modules& modules) override;
+  void chainProviderClassObservers(const Modules& modules) override;
+  void addModule(platform::ObjectRef object, const std::string& moduleString) override;
+  void helperSetupCoreStreamingModules() override;
+  void helperSetupDataProcessingModules() override;
+  void helperSetupTransferModule() override;
+  void setupPipelineWithCorePolicy(const StageRef& policy, const StageRef& dropHandler,
+                                   const StageRef& stickyHandler) override;
+
+  const std::shared_ptr<ISkeldaStreamCoreBuffer>& streamBuffer() const override {
+    return streamBuffer_;
+  }
+  const std::shared_ptr<ISkeldaStreamMessageSerializer>& serializer() const override {
+    return serializer_;
+  }
+  const std::shared_ptr<ISkeldaStreamFrameDeserializer>& deserializer() const override {
+    return deserializer_;
+  }
+  const std::shared_ptr<ISkeldaStreamFrameLogWriter>& logwriter() const override {
+    return logwriter_;
+  }
+  const std::shared_ptr<ISkeldaFileTransferAgent>& fileTransferAgent() const override {
+    return fileTransferAgent_;
+  }
+  const std::shared_ptr<ISkeldaNodeDataProvider>& nodeDataProvider() const override {
+    return nodeDataProvider_;
+  }
+  const std::shared_ptr<ISkeldaStreamTransferManager>& transferManager() const override {
+    return transferManager_;
+  }
+
+ protected:
+  explicit SkeldaStreamBaseManager(std::string_view className);
+
+  /// The provider under its class name, made on first mention.
+  platform::ObjectRef createOrGetProviderModule(const std::string& className);
+  platform::ObjectRef onqueue_getIntanceForProtocolOrClass(std::string_view key);
+
+ private:
+  /// Whether the class is linked in; where it is not, `key` and the class count as left out.
+  bool isPresentOrLeftOut(const std::string& className, const std::string& key);
+
+  std::map<std::string, platform::ObjectRef, std::less<>> map_;
+  std::set<std::string, std::less<>> leftOut_;
+  std::shared_ptr<ISkeldaStreamCoreBuffer> streamBuffer_;
+  std::shared_ptr<ISkeldaStreamMessageSerializer> serializer_;
+  std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer_;
+  std::shared_ptr<ISkeldaStreamFrameLogWriter> logwriter_;
+  std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;
+  std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider_;
+  std::shared_ptr<ISkeldaStreamTransferManager> transferManager_;
+};
