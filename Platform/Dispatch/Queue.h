@@ -10,6 +10,7 @@
 #include "Platform/Dispatch/Block.h"
 #include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Time.h"
+#include "Platform/Dispatch/Work.h"
 
 namespace skelda::platform {
 
@@ -40,6 +41,16 @@ class Queue : public std::enable_shared_from_this<Queue> {
   /// targets it.
   virtual bool isCurrent() const noexcept = 0;
 
+  /// Like async() and barrierAsync(), for a callable of any size, in one allocation.
+  template <class F>
+  void post(F&& callable) {
+    submit(makeWork(std::forward<F>(callable)), false);
+  }
+  template <class F>
+  void barrierPost(F&& callable) {
+    submit(makeWork(std::forward<F>(callable)), true);
+  }
+
   virtual void async(Block block) = 0;
   virtual void barrierAsync(Block block) = 0;
   /// Enters `group` now, leaves it when the block has run.
@@ -52,11 +63,16 @@ class Queue : public std::enable_shared_from_this<Queue> {
   virtual void after(DispatchTime when, Block block) = 0;
 
   /// Suspensions count; a suspended queue keeps its blocks in order and runs none (one that is
-  /// running goes on).
+  /// running goes on). A resume() too many is a debt that the next suspend() pays. A suspended
+  /// queue that nobody holds any more goes, and its blocks with it: nobody could resume it.
   virtual void suspend() = 0;
   virtual void resume() = 0;
   /// Only before the first block is submitted.
   virtual void setTarget(QueueRef target) = 0;
+
+ protected:
+  /// Takes the work over.
+  virtual void submit(Work* work, bool barrier) = 0;
 };
 
 }  // namespace skelda::platform

@@ -34,7 +34,7 @@ class OperationQueue {
   OperationQueue();
   virtual ~OperationQueue() = default;
   /// Whether operation queues can be given a dispatch queue to run on: they can.
-  static bool supportsUnderlyingQueue() noexcept { return true; }
+  static constexpr bool supportsUnderlyingQueue() noexcept { return true; }
   /// Takes effect for operations added afterwards.
   void setUnderlyingQueue(QueueRef queue);
   QueueRef underlyingQueue() const;

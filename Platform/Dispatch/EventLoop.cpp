@@ -1,0 +1,84 @@
+#include "Platform/Dispatch/EventLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <new>
+
+#include "Platform/Dispatch/Thread.h"
+#include "Platform/Dispatch/WorkerPool.h"
+
+namespace skelda::platform {
+
+namespace {
+constexpr long kTickNanoseconds = 1'000'000;
+}
+
+EventLoop& EventLoop::shared() {
+  static auto* const loop = new EventLoop;
+  return *loop;
+}
+
+EventLoop::EventLoop()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      tick_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  watch(tick_, &EventLoop::tickPool, this);
+}
+
+bool EventLoop::ensureThread() noexcept {
+  if (started_.load(std::memory_order_acquire)) return true;
+  const std::lock_guard lock(mutex_);
+  if (!started_.load(std::memory_order_relaxed)) {
+    started_.store(startThread("skelda-events", &EventLoop::run, this), std::memory_order_release);
+  }
+  return started_.load(std::memory_order_relaxed);
+}
+
+bool EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
+  auto* const entry = new (std::nothrow) Watch{handler, context};
+  if (entry == nullptr) return false;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = entry;
+  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    delete entry;
+    return false;
+  }
+  return ensureThread();
+}
+
+void EventLoop::armPoolTick() noexcept {
+  setTick();
+  ensureThread();
+}
+
+void EventLoop::setTick() noexcept {
+  itimerspec when{};
+  when.it_value.tv_nsec = kTickNanoseconds;
+  timerfd_settime(tick_, 0, &when, nullptr);
+}
+
+void EventLoop::tickPool(void* raw) {
+  auto* const self = static_cast<EventLoop*>(raw);
+  std::uint64_t expirations = 0;
+  if (read(self->tick_, &expirations, sizeof expirations) < 0) return;
+  if (WorkerPool::shared().tick()) self->setTick();
+}
+
+void EventLoop::run(void* raw) {
+  auto* const self = static_cast<EventLoop*>(raw);
+  std::array<epoll_event, 8> events;
+  for (;;) {
+    const int count = epoll_wait(self->epoll_, events.data(), static_cast<int>(events.size()), -1);
+    for (int i = 0; i < count; ++i) {
+      const auto* const entry = static_cast<Watch*>(events[static_cast<std::size_t>(i)].data.ptr);
+      entry->handler(entry->context);
+    }
+  }
+}
+
+}  // namespace skelda::platform

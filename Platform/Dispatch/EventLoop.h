@@ -1,0 +1,40 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+namespace skelda::platform {
+
+/// The one thread that waits for descriptors: timers, folder events and the tick of the pool.
+/// It comes with the first of them and sleeps while none has anything to say.
+class EventLoop {
+ public:
+  using Handler = void (*)(void* context);
+
+  static EventLoop& shared();
+
+  /// Calls the handler, on the thread, whenever the descriptor can be read. For good. False when
+  /// the system refuses.
+  bool watch(int descriptor, Handler handler, void* context) noexcept;
+  /// Calls WorkerPool::tick() in a millisecond, and again as long as it asks for that.
+  void armPoolTick() noexcept;
+
+ private:
+  struct Watch {
+    Handler handler;
+    void* context;
+  };
+
+  EventLoop();
+  static void run(void* self);
+  static void tickPool(void* self);
+  bool ensureThread() noexcept;
+  void setTick() noexcept;
+
+  int epoll_;
+  int tick_;
+  std::mutex mutex_;
+  std::atomic<bool> started_{false};
+};
+
+}  // namespace skelda::platform

@@ -1,0 +1,136 @@
+#include "Platform/Dispatch/FolderWatcher.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "Platform/Dispatch/EventLoop.h"
+#include "Platform/Dispatch/FolderSource.h"
+
+namespace skelda::platform {
+
+namespace {
+
+constexpr std::uint32_t kEntryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB;
+constexpr std::uint32_t kGoneEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+// Masks are added to: a folder may be watched for itself and as the parent of another one.
+constexpr std::uint32_t kHow = IN_ONLYDIR | IN_MASK_ADD | IN_EXCL_UNLINK;
+
+std::string linkOf(int descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
+bool isUnlinked(int descriptor) noexcept {
+  struct stat status {};
+  return fstat(descriptor, &status) == 0 && status.st_nlink == 0;
+}
+
+}  // namespace
+
+FolderWatcher& FolderWatcher::shared() {
+  static auto* const watcher = new FolderWatcher;
+  return *watcher;
+}
+
+FolderWatcher::FolderWatcher() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  EventLoop::shared().watch(inotify_, &FolderWatcher::readEvents, this);
+}
+
+bool FolderWatcher::add(int descriptor, const std::shared_ptr<FolderListener>& listener) {
+  const int own = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (own < 0) return false;
+  const std::lock_guard lock(mutex_);
+  const WatchId watch =
+      inotify_add_watch(inotify_, linkOf(own).c_str(), kEntryEvents | kSelfEvents | kHow);
+  if (watch < 0) {
+    close(own);
+    return false;
+  }
+  ++users_[watch];
+  folders_.push_back({listener.get(), listener, own, watch, watchParentOf(own)});
+  return true;
+}
+
+/// A folder that is removed while a descriptor keeps it says nothing itself, but its parent does.
+FolderWatcher::WatchId FolderWatcher::watchParentOf(int descriptor) noexcept {
+  std::array<char, PATH_MAX> path;
+  const ssize_t length = readlink(linkOf(descriptor).c_str(), path.data(), path.size());
+  if (length <= 0 || static_cast<std::size_t>(length) >= path.size()) return -1;
+  const std::string_view whole(path.data(), static_cast<std::size_t>(length));
+  const std::size_t slash = whole.rfind('/');
+  if (slash == std::string_view::npos || whole.size() == 1) return -1;
+  const std::string parent(whole.substr(0, std::max<std::size_t>(slash, 1)));
+  const WatchId watch = inotify_add_watch(inotify_, parent.c_str(), IN_DELETE | kHow);
+  if (watch >= 0) ++users_[watch];
+  return watch;
+}
+
+void FolderWatcher::remove(const FolderListener& listener) noexcept {
+  const std::lock_guard lock(mutex_);
+  const auto at = std::find_if(folders_.begin(), folders_.end(), [&listener](const Folder& folder) {
+    return folder.identity == &listener;
+  });
+  if (at == folders_.end()) return;
+  const Folder folder = std::move(*at);
+  folders_.erase(at);
+  dropWatch(folder.folder);
+  dropWatch(folder.parent);
+  close(folder.descriptor);
+}
+
+void FolderWatcher::dropWatch(WatchId watch) noexcept {
+  const auto users = users_.find(watch);
+  if (users == users_.end() || --users->second > 0) return;
+  users_.erase(users);
+  inotify_rm_watch(inotify_, watch);
+}
+
+void FolderWatcher::readEvents(void* raw) {
+  auto* const self = static_cast<FolderWatcher*>(raw);
+  alignas(inotify_event) std::array<std::byte, 4096> buffer;
+  for (;;) {
+    const ssize_t length = read(self->inotify_, buffer.data(), buffer.size());
+    if (length <= 0) return;
+    Told told;
+    {
+      const std::lock_guard lock(self->mutex_);
+      for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+        inotify_event event;
+        std::memcpy(&event, buffer.data() + at, sizeof event);
+        at += sizeof event + event.len;
+        self->take(event.wd, event.mask, told);
+      }
+    }
+    for (auto& [listener, events] : told) listener->folderChanged(events);
+  }
+}
+
+void FolderWatcher::take(WatchId watch, std::uint32_t mask, Told& told) {
+  for (Folder& folder : folders_) {
+    unsigned events = 0;
+    // What was lost may have been anybody's.
+    if ((mask & IN_Q_OVERFLOW) != 0) events |= kFolderWritten;
+    if (watch == folder.folder) {
+      if ((mask & kEntryEvents) != 0) events |= kFolderWritten;
+      if ((mask & kGoneEvents) != 0) events |= kFolderGone;
+    }
+    const bool mayBeUnlinked =
+        watch == folder.parent || watch == folder.folder || (mask & IN_Q_OVERFLOW) != 0;
+    if (mayBeUnlinked && isUnlinked(folder.descriptor)) events |= kFolderGone;
+    if ((events & kFolderGone) != 0 && std::exchange(folder.gone, true)) events &= ~kFolderGone;
+    if (events == 0) continue;
+    if (auto listener = folder.listener.lock()) told.emplace_back(std::move(listener), events);
+  }
+}
+
+}  // namespace skelda::platform

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+namespace skelda::platform {
+
+class QueueCore;
+
+/// A piece of work as queues keep it: linked in place, so that a submission allocates once.
+struct Work {
+  enum class Kind : std::uint8_t {
+    block,   ///< a block to run
+    waiter,  ///< a thread that waits for its turn; the queue is handed to it
+    queue,   ///< a queue that runs its own blocks here
+  };
+  /// Runs the block, or does not, and then destroys the work. What a block throws ends the process.
+  using Finish = void (*)(Work* work, bool run) noexcept;
+
+  Work(Kind kindOfWork, Finish finishWork) noexcept : finish(finishWork), kind(kindOfWork) {}
+
+  Work* next = nullptr;
+  QueueCore* origin = nullptr;  ///< the queue it was submitted to
+  Finish finish;
+  Kind kind;
+  bool barrier = false;
+};
+
+/// A callable as work.
+template <class F>
+struct BlockWork final : Work {
+  template <class G>
+  explicit BlockWork(G&& callable)
+      : Work(Kind::block, &runAndDelete), body(std::forward<G>(callable)) {}
+
+  static void runAndDelete(Work* work, bool run) noexcept {
+    auto* self = static_cast<BlockWork*>(work);
+    if (run) self->body();
+    delete self;
+  }
+
+  F body;
+};
+
+template <class F>
+Work* makeWork(F&& callable) {
+  return new BlockWork<std::decay_t<F>>(std::forward<F>(callable));
+}
+
+}  // namespace skelda::platform

@@ -1,0 +1,379 @@
+#include "Platform/Dispatch/WorkerPool.h"
+
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "Platform/Dispatch/BlockingRegion.h"
+#include "Platform/Dispatch/EventLoop.h"
+#include "Platform/Dispatch/Futex.h"
+#include "Platform/Dispatch/QueueCore.h"
+#include "Platform/Dispatch/Thread.h"
+
+namespace skelda::platform {
+
+namespace {
+
+constexpr std::uint32_t kMostRunning = 8;    // an agent does not take a big machine over
+constexpr std::uint32_t kKeptIdle = 1;       // workers that sleep for ever instead of going
+constexpr std::uint32_t kBackedUp = 2;       // work in a ring above which others are called
+constexpr std::uint32_t kInjectedEvery = 8;  // turns between looks at the shared lists
+constexpr std::uint32_t kLowestEvery = 64;   // takings between those of the lowest priority
+constexpr std::uint32_t kStuckTicks = 5;     // without progress, before a worker is added
+constexpr std::uint32_t kMostExtra = 64;
+constexpr int kPollsBeforeSleep = 24;
+constexpr int kPausesPerPoll = 8;
+constexpr std::chrono::seconds kLinger{2};
+
+thread_local void* thisWorker __attribute__((tls_model("initial-exec"))) = nullptr;
+
+}  // namespace
+
+struct WorkerPool::Worker {
+  RunRing ring;
+  std::atomic<std::uint32_t> woken{0};
+  std::atomic<std::uint32_t> progress{0};  // blocks run so far
+  std::atomic<bool> yield{false};          // the tick asks for the end of this turn
+  std::uint32_t turns = 0;
+  std::uint32_t blockingDepth = 0;
+  bool mayBeOneTooMany = false;
+
+  const Worker* watched = nullptr;  // whose ring held a single piece at the last poll
+  std::uint32_t watchedTaken = 0;
+
+  std::uint32_t takenBefore = 0;  // the tick's own
+
+  // Under the pool's lock.
+  bool hasThread = false;
+  bool isIdle = false;
+  Worker* nextIdle = nullptr;  // or retired
+
+  Worker* nextOfAll = nullptr;  // never changes once it is in the list
+};
+
+WorkerPool::WorkerPool()
+    : limit_(std::clamp(std::thread::hardware_concurrency(), 2U, kMostRunning)) {}
+
+WorkerPool& WorkerPool::shared() {
+  static auto* const pool = new WorkerPool;
+  return *pool;
+}
+
+BlockingRegion::BlockingRegion() noexcept {
+  if (thisWorker != nullptr) WorkerPool::shared().beginBlocking();
+}
+BlockingRegion::~BlockingRegion() {
+  if (thisWorker != nullptr) WorkerPool::shared().endBlocking();
+}
+
+// ---- Submitting
+
+void WorkerPool::submit(Work* work, Queue::Priority priority) {
+  auto* const me = static_cast<Worker*>(thisWorker);
+  if (me == nullptr || priority != Queue::Priority::normal || !me->ring.push(work)) {
+    return inject(work, priority);
+  }
+  armTick();
+  if (me->ring.size() > kBackedUp && searching_.load(std::memory_order_relaxed) == 0) {
+    Lock lock(mutex_);
+    if (idle_ > 0) recruitAndRelease(lock);
+  }
+}
+
+void WorkerPool::inject(Work* work, Queue::Priority priority) noexcept {
+  Lock lock(mutex_);
+  appendInjected(work, static_cast<std::size_t>(priority));
+  recruitAndRelease(lock);
+}
+
+void WorkerPool::appendInjected(Work* work, std::size_t priority) noexcept {
+  List& list = lists_[priority];
+  work->next = nullptr;
+  (list.first == nullptr ? list.first : list.last->next) = work;
+  list.last = work;
+  injected_.fetch_add(1, std::memory_order_seq_cst);
+}
+
+Work* WorkerPool::popInjected() noexcept {
+  // The highest first, but now and then the lowest, so that nobody waits for ever.
+  const bool lowestFirst = ++takings_ % kLowestEvery == 0;
+  for (std::size_t i = 0; i < kPriorities; ++i) {
+    List& list = lists_[lowestFirst ? kPriorities - 1 - i : i];
+    if (list.first == nullptr) continue;
+    Work* const work = list.first;
+    list.first = work->next;
+    injected_.fetch_sub(1, std::memory_order_seq_cst);
+    return work;
+  }
+  return nullptr;
+}
+
+Work* WorkerPool::takeInjected() noexcept {
+  if (injected_.load(std::memory_order_relaxed) == 0) return nullptr;
+  const Lock lock(mutex_);
+  return popInjected();
+}
+
+void WorkerPool::armTick() noexcept {
+  if (!tickArmed_.load(std::memory_order_seq_cst) && !tickArmed_.exchange(true)) {
+    EventLoop::shared().armPoolTick();
+  }
+}
+
+// ---- Workers come and go
+
+std::uint32_t WorkerPool::running() const noexcept {
+  return total_ - idle_ - blocked_.load(std::memory_order_seq_cst);
+}
+
+/// Under the lock: somebody to look for work, unless one is looking already or enough are running.
+/// Counted as searching from here on, so that nobody calls a second one meanwhile.
+WorkerPool::Worker* WorkerPool::recruit() noexcept {
+  if (searching_.load(std::memory_order_seq_cst) > 0) return nullptr;
+  if (running() >= limit_ + extra_) {
+    armTick();  // which sees when they are stuck
+    return nullptr;
+  }
+  Worker* worker = idleWorkers_;
+  if (worker != nullptr) {
+    idleWorkers_ = worker->nextIdle;
+    worker->isIdle = false;
+    --idle_;
+  } else {
+    worker = workerWithoutThread();
+    if (worker == nullptr) return nullptr;
+    ++total_;
+  }
+  searching_.fetch_add(1, std::memory_order_seq_cst);
+  return worker;
+}
+
+void WorkerPool::recruitAndRelease(Lock& lock) noexcept {
+  Worker* const worker = recruit();
+  const bool sleeps = worker != nullptr && std::exchange(worker->hasThread, true);
+  lock.unlock();
+  if (worker == nullptr) return;
+  if (sleeps) {
+    worker->woken.store(1, std::memory_order_release);
+    futexWake(worker->woken, 1);
+  } else if (!startThread("skelda-worker", &WorkerPool::runWorker, worker)) {
+    lock.lock();
+    searching_.fetch_sub(1, std::memory_order_seq_cst);
+    retire(*worker);
+    armTick();  // which tries again
+    lock.unlock();
+  }
+}
+
+/// Under the lock. The memory of workers is used again but never given back, so that whoever looks
+/// for work may walk along their list at any time.
+WorkerPool::Worker* WorkerPool::workerWithoutThread() noexcept {
+  if (retired_ != nullptr) return std::exchange(retired_, retired_->nextIdle);
+  auto* const worker = new (std::nothrow) Worker;
+  if (worker == nullptr) return nullptr;
+  worker->nextOfAll = all_.load(std::memory_order_relaxed);
+  all_.store(worker, std::memory_order_release);
+  return worker;
+}
+
+void WorkerPool::retire(Worker& worker) noexcept {
+  --total_;
+  worker.hasThread = false;
+  worker.nextIdle = std::exchange(retired_, &worker);
+}
+
+// ---- What a worker does
+
+void WorkerPool::runWorker(void* raw) {
+  auto* const me = static_cast<Worker*>(raw);
+  thisWorker = me;
+  shared().run(*me);
+}
+
+void WorkerPool::run(Worker& me) {
+  for (Work* work = search(me); work != nullptr; work = next(me)) {
+    me.yield.store(false, std::memory_order_relaxed);
+    Turn turn(&me.yield, &me.progress);
+    execute(work, nullptr, turn);
+  }
+}
+
+/// What to do next; sleeps while there is nothing. Null when the thread is to go.
+Work* WorkerPool::next(Worker& me) {
+  if (std::exchange(me.mayBeOneTooMany, false)) {
+    if (!makeRoom(me)) return nullptr;
+    if (me.woken.exchange(0, std::memory_order_acquire) != 0) return search(me);
+  }
+  if (++me.turns % kInjectedEvery == 0) {
+    if (Work* const work = takeInjected()) return work;
+  }
+  if (Work* const work = me.ring.pop()) return work;
+  searching_.fetch_add(1, std::memory_order_seq_cst);
+  return search(me);
+}
+
+/// Called counted as searching, returns no longer counted.
+Work* WorkerPool::search(Worker& me) {
+  for (;;) {
+    me.watched = nullptr;
+    // One who waits awake saves the next submission a wake-up; a second one saves nothing more.
+    const bool alone = searching_.load(std::memory_order_relaxed) == 1;
+    for (int poll = 0; poll < (alone ? kPollsBeforeSleep : 1); ++poll) {
+      Work* work = takeInjected();
+      if (work == nullptr) work = steal(me);
+      if (work != nullptr) {
+        stopSearching();
+        return work;
+      }
+      for (int i = 0; i < kPausesPerPoll; ++i) relaxProcessor();
+    }
+    Lock lock(mutex_);
+    if (Work* const work = popInjected()) {
+      lock.unlock();
+      stopSearching();
+      return work;
+    }
+    searching_.fetch_sub(1, std::memory_order_seq_cst);
+    extra_ = 0;  // whoever was stuck, it goes on without more help
+    if (!sleep(me, lock)) return nullptr;
+    me.woken.store(0, std::memory_order_relaxed);
+  }
+}
+
+/// From the ring of another. A single piece is left alone at first: mostly its owner is on the way
+/// to it, and a pipeline is quickest when it stays on one processor.
+Work* WorkerPool::steal(Worker& me) noexcept {
+  const Worker* watched = nullptr;
+  std::uint32_t watchedTaken = 0;
+  for (Worker* other = all_.load(std::memory_order_acquire); other != nullptr;
+       other = other->nextOfAll) {
+    const std::uint32_t size = other == &me ? 0 : other->ring.size();
+    if (size == 0) continue;
+    const std::uint32_t taken = other->ring.taken();
+    if (size > 1 || (me.watched == other && me.watchedTaken == taken)) {
+      if (Work* const work = other->ring.pop()) return work;
+    }
+    watched = other;
+    watchedTaken = taken;
+  }
+  me.watched = watched;
+  me.watchedTaken = watchedTaken;
+  return nullptr;
+}
+
+void WorkerPool::stopSearching() noexcept {
+  if (searching_.fetch_sub(1, std::memory_order_seq_cst) != 1) return;
+  // What came while this one was searching has called nobody.
+  if (injected_.load(std::memory_order_seq_cst) == 0) return;
+  Lock lock(mutex_);
+  if (injected_.load(std::memory_order_relaxed) > 0) recruitAndRelease(lock);
+}
+
+/// After a wait: sleeps if others have taken this worker's place. False when the thread is to go.
+bool WorkerPool::makeRoom(Worker& me) {
+  Lock lock(mutex_);
+  if (running() <= limit_ + extra_) return true;
+  emptyRing(me);
+  return sleep(me, lock);
+}
+
+/// Called under the lock, returns without. False when the thread is to go; else somebody has
+/// counted it as searching.
+bool WorkerPool::sleep(Worker& me, Lock& lock) noexcept {
+  me.nextIdle = std::exchange(idleWorkers_, &me);
+  me.isIdle = true;
+  DispatchTime deadline = ++idle_ > kKeptIdle ? dispatchTimeAfter(kLinger) : DispatchTime::forever;
+  lock.unlock();
+  while (me.woken.load(std::memory_order_acquire) == 0) {
+    if (futexWait(me.woken, 0, deadline)) continue;
+    lock.lock();
+    if (me.isIdle && idle_ > kKeptIdle) {
+      Worker** link = &idleWorkers_;
+      while (*link != &me) link = &(*link)->nextIdle;
+      *link = me.nextIdle;
+      me.isIdle = false;
+      --idle_;
+      thisWorker = nullptr;  // what the thread does on its way out is not this worker's
+      retire(me);
+      return false;
+    }
+    deadline = DispatchTime::forever;
+    lock.unlock();
+  }
+  return true;
+}
+
+void WorkerPool::emptyRing(Worker& me) noexcept {
+  while (Work* const work = me.ring.pop()) {
+    appendInjected(work, static_cast<std::size_t>(Queue::Priority::normal));
+  }
+}
+
+void WorkerPool::beginBlocking() noexcept {
+  auto& me = *static_cast<Worker*>(thisWorker);
+  if (me.blockingDepth++ > 0) return;
+  blocked_.fetch_add(1, std::memory_order_seq_cst);
+  if (me.ring.size() == 0 && injected_.load(std::memory_order_seq_cst) == 0) return;
+  Lock lock(mutex_);
+  emptyRing(me);
+  if (injected_.load(std::memory_order_relaxed) > 0) recruitAndRelease(lock);
+}
+
+void WorkerPool::endBlocking() noexcept {
+  auto& me = *static_cast<Worker*>(thisWorker);
+  if (--me.blockingDepth > 0) return;
+  blocked_.fetch_sub(1, std::memory_order_seq_cst);
+  me.mayBeOneTooMany = true;
+}
+
+// ---- The tick
+
+bool WorkerPool::tick() noexcept {
+  bool lyingStill = false;
+  if (lookAround(lyingStill)) {
+    relieve(lyingStill);
+    return true;
+  }
+  tickArmed_.store(false, std::memory_order_seq_cst);
+  // A piece that came since then has armed the tick, or is seen here.
+  return lookAround(lyingStill) && !tickArmed_.exchange(true);
+}
+
+/// Whether any work waits, and whether some has waited since the last tick.
+bool WorkerPool::lookAround(bool& lyingStill) noexcept {
+  bool waiting = injected_.load(std::memory_order_seq_cst) > 0;
+  lyingStill = waiting;
+  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
+       worker = worker->nextOfAll) {
+    const std::uint32_t taken = worker->ring.taken();
+    if (worker->ring.size() > 0) {
+      waiting = true;
+      if (taken == worker->takenBefore) lyingStill = true;
+    }
+    worker->takenBefore = taken;
+  }
+  return waiting;
+}
+
+void WorkerPool::relieve(bool lyingStill) noexcept {
+  std::uint64_t progress = 0;
+  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
+       worker = worker->nextOfAll) {
+    worker->yield.store(true, std::memory_order_relaxed);
+    progress += worker->progress.load(std::memory_order_relaxed);
+  }
+  const bool stuck = std::exchange(progressBefore_, progress) == progress;
+  stuckTicks_ = stuck ? stuckTicks_ + 1 : 0;
+  if (!lyingStill) return;
+
+  Lock lock(mutex_);
+  if (stuckTicks_ >= kStuckTicks && running() >= limit_ + extra_ && extra_ < kMostExtra) {
+    ++extra_;
+    stuckTicks_ = 0;
+  }
+  recruitAndRelease(lock);
+}
+
+}  // namespace skelda::platform
