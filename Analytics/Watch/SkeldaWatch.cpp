@@ -1,0 +1,197 @@
+#include "Skelda_Watch/SkeldaWatch.h"
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <utility>
+
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaAppInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
+#include "Analytics/Watch/SkeldaPublicEntry.h"
+#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Platform/Dispatch/Once.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/TextCoding.h"
+
+namespace {
+
+constexpr std::string_view kAPIKeyKey = "Skelda Watch API Key";
+constexpr std::string_view kAppVersionKey = "Skelda Watch App Version";
+constexpr std::string_view kDisableConnectivityKey = "Skelda Disable WatchConnectivity";
+constexpr std::string_view kDebugKey = "Skelda Watch Debug";
+constexpr std::string_view kUserIDKey = "Skelda Watch User ID";
+constexpr unsigned kDebugLogLevel = 2;
+
+constinit platform::Once startOnce;
+/// Where events go once the agent runs; null until then, and for good where it could not be built.
+/// Never destroyed, so that an event during exit finds it.
+using EventSource = std::shared_ptr<ISkeldaEventFrameSource>;
+constinit std::atomic<const EventSource*> eventSource{nullptr};
+
+SkeldaValue settingOf(std::string_view key) {
+  return platform::Bundle::main()->objectForInfoDictionaryKey(key);
+}
+
+/// A number that is not 0, or the text YES in any case.
+bool isSwitchedOn(std::string_view key) {
+  const auto value = settingOf(key);
+  if (value.isNumber()) return value.boolValue();
+  const auto* text = value.text();
+  return text != nullptr && std::equal(text->begin(), text->end(), std::string_view("YES").begin(),
+                                       std::string_view("YES").end(), [](char a, char b) {
+                                         return (a >= 'a' && a <= 'z' ? a - ' ' : a) == b;
+                                       });
+}
+
+/// Read once for the process; empty where there is none.
+const std::optional<std::string>& keptAPIKey() {
+  static const auto& key = *new std::optional<std::string>([]() -> std::optional<std::string> {
+    const auto value = settingOf(kAPIKeyKey);
+    if (value.text() != nullptr && !value.text()->empty()) return *value.text();
+    SKELDA_LOG(1, "API Key not provided in plist with key {}, unable to create watch session",
+               kAPIKeyKey);
+    return std::nullopt;
+  }());
+  return key;
+}
+
+/// Builds and starts the agent, once per process. The order is part of the contract: the manager's
+/// own log level comes after, and so replaces, the one that the debug switch sets.
+void startAgent() {
+  SkeldaWatch::loadWatchDebug();
+  SkeldaWatch::loadWatchDisableWatchConnectivity();
+  const auto manager = SkeldaWatchStreamManager::manager();
+  if (manager == nullptr) return;
+  if (const auto user = manager->module<ISkeldaUserDemographicsSource>()) {
+    user->setUserId(SkeldaWatch::loadWatchUserID());
+  }
+  if (const auto appInfo = manager->module<ISkeldaAppInfoSource>()) {
+    appInfo->setAppVersion(SkeldaWatch::loadAppVersionOverride());
+  }
+  manager->startup();
+  if (const auto sessionInfo = manager->module<SkeldaSessionInfoDataProvider>()) {
+    sessionInfo->startUpWithApiKey(*keptAPIKey());
+  }
+  if (auto events = manager->module<ISkeldaEventFrameSource>()) {
+    eventSource.store(new EventSource(std::move(events)), std::memory_order_release);
+  }
+}
+
+/// The event source of the running agent; null where it could not be started, which counts as done
+/// and was said in the log.
+const EventSource* startedEventSource() {
+  startOnce([] {
+    try {
+      startAgent();
+    } catch (...) {
+      SKELDA_LOG(0, "Skelda: the agent could not be started, events are not logged");
+      SkeldaUtil::handleException(std::current_exception());
+    }
+  });
+  return eventSource.load(std::memory_order_acquire);
+}
+
+/// What must hold before anything starts. It holds for good, so a running agent is not asked again.
+bool mayStart() {
+  if (!keptAPIKey()) {
+    SKELDA_LOG(2, "No API key provided in plist, unable to log event");
+    return false;
+  }
+  if (!SkeldaUtil::isInWatchExtension()) {
+    SKELDA_LOG(2, "Skelda: Event not logged -- this method can only be used in watch extension.");
+    return false;
+  }
+  return true;
+}
+
+bool isEventName(const SkeldaValue& name) {
+  if (name.text() != nullptr && !name.text()->empty()) return true;
+  if (name.text() == nullptr && !name.isNull()) {
+    SKELDA_LOG(2, "Skelda: Event not logged -- eventName must be of NSString type.");
+  } else {
+    SKELDA_LOG(2, "Skelda: Event not logged -- eventName may not be empty.");
+  }
+  return false;
+}
+
+bool isMarkerKey(std::string_view text) {
+  return text == kIOSVendorIDKey || text == kIOSInstallationIDKey || text == kWatchOSResponseKey;
+}
+
+}  // namespace
+
+unsigned SkeldaWatch::logWatchEvent(SkeldaValue name, SkeldaValue parameters) noexcept {
+  return skelda::publicEntry(0U, [&] {
+    const auto* source = eventSource.load(std::memory_order_acquire);
+    if (source == nullptr && !mayStart()) return 0U;
+    if (!isEventName(name)) return 0U;
+    if (source == nullptr) source = startedEventSource();
+    if (source == nullptr) return 0U;
+    (*source)->recordEvent(std::move(name), std::move(parameters), /*timed=*/false,
+                           platform::Date::now());
+    return 1U;
+  });
+}
+
+std::optional<std::string> SkeldaWatch::apiKey() noexcept {
+  return skelda::publicEntry(std::optional<std::string>(), [] { return keptAPIKey(); });
+}
+
+bool SkeldaWatch::checkIsSkeldaUserInfo(const SkeldaValue& collection) noexcept {
+  return skelda::publicEntry(false, [&] {
+    if (const auto* array = collection.array()) {
+      return std::any_of(array->begin(), array->end(), [](const auto& element) {
+        return element.text() != nullptr && isMarkerKey(*element.text());
+      });
+    }
+    if (const auto* dictionary = collection.dictionary()) {
+      return std::any_of(dictionary->begin(), dictionary->end(),
+                         [](const auto& entry) { return isMarkerKey(entry.first); });
+    }
+    return false;
+  });
+}
+
+bool SkeldaWatch::isSkeldaUserInfo(const SkeldaValue& collection) noexcept {
+  return checkIsSkeldaUserInfo(collection);
+}
+
+bool SkeldaWatch::skeldaUserInfo(const SkeldaValue& collection) noexcept {
+  return checkIsSkeldaUserInfo(collection);
+}
+
+void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
+  skelda::publicEntry([&] {
+    auto* text = url.text();
+    if (text == nullptr || !platform::isValidUTF8(*text)) {
+      SKELDA_LOG(0, "Skelda: Server URL not set -- it must be UTF-8 text.");
+      return;
+    }
+    SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(std::move(*text));
+  });
+}
+
+void SkeldaWatch::loadWatchDebug() noexcept {
+  skelda::publicEntry([] {
+    if (isSwitchedOn(kDebugKey)) SkeldaUtil::setLogLevel(kDebugLogLevel);
+  });
+}
+
+void SkeldaWatch::loadWatchDisableWatchConnectivity() noexcept {
+  skelda::publicEntry([] {
+    if (isSwitchedOn(kDisableConnectivityKey)) {
+      SkeldaWatchConnectivity::defaultConnectivty()->disableWatchConnectivity();
+    }
+  });
+}
+
+SkeldaValue SkeldaWatch::loadWatchUserID() noexcept {
+  return skelda::publicEntry(SkeldaValue(), [] { return settingOf(kUserIDKey); });
+}
+
+SkeldaValue SkeldaWatch::loadAppVersionOverride() noexcept {
+  return skelda::publicEntry(SkeldaValue(), [] { return settingOf(kAppVersionKey); });
+}
