@@ -112,6 +112,11 @@ std::optional<Value> readJSON(std::string_view text, ErrorRef* error, const JSON
     setError(error, readError("The JSON text is too long."));
     return std::nullopt;
   }
+  // The library takes a zero byte for the end of the text.
+  if (text.find('\0') != std::string_view::npos) {
+    setError(error, readError("The JSON text holds a zero byte."));
+    return std::nullopt;
+  }
   Builder builder(limits);
   if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) return builder.takeRoot();
   setError(error, readError("The JSON text cannot be read: " + builder.takeProblem() + "."));

@@ -178,9 +178,10 @@ double realOf(const Value& value) {
 }
 
 float real32Of(const Value& value) {
+  // From here on, half a step past the greatest, the nearest number of 32 bits would be infinite.
+  constexpr double kEnd = 0x1.ffffffp127;
   const double wide = realOf(value);
-  if (std::isfinite(wide) && std::abs(wide) > double{std::numeric_limits<float>::max()})
-    refuseReading("A 32-bit number is too great.");
+  if (std::isfinite(wide) && std::abs(wide) >= kEnd) refuseReading("A 32-bit number is too great.");
   return static_cast<float>(wide);
 }
 

@@ -1,0 +1,87 @@
+#include "Platform/Foundation/Bundle.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "Platform/Foundation/Log.h"
+#include "Platform/Platform.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace {
+
+using platform::Bundle;
+using skelda::testing::writeFile;
+
+constexpr std::string_view kInformation =
+    "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.example.run</string>"
+    "<key>Number</key><integer>7</integer></dict></plist>";
+
+class BundleTest : public testing::Test {
+ protected:
+  BundleTest() {
+    platform::Log::setSink([this](std::string_view) { ++lines_; });
+  }
+  ~BundleTest() override { platform::Log::resetSink(); }
+
+  /// The bundle above a program in `folder`, below the test's own folder.
+  std::shared_ptr<const Bundle> above(const std::string& folder) {
+    std::filesystem::create_directories(root_ / folder);
+    return Bundle::above(root_ / folder + "/program");
+  }
+
+  skelda::testing::TemporaryDirectory root_;
+  int lines_ = 0;
+};
+
+TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary) {
+  std::filesystem::create_directories(root_ / "Run.app/PlugIns/Watch.appex/bin/Inner.app");
+  writeFile(root_ / "Run.app/Info.plist", "<plist><dict/></plist>");
+  writeFile(root_ / "Run.app/PlugIns/Info.plist", kInformation);
+  writeFile(root_ / "Run.app/PlugIns/Watch.appex/Info.plist", kInformation);
+  const auto bundle = above("Run.app/PlugIns/Watch.appex/bin/Inner.app");
+  EXPECT_EQ(bundle->bundlePath(), root_ / "Run.app/PlugIns/Watch.appex");
+  EXPECT_EQ(bundle->executablePath(), root_ / "Run.app/PlugIns/Watch.appex/bin/Inner.app/program");
+  EXPECT_EQ(bundle->bundleIdentifier(), "com.example.run");
+  EXPECT_EQ(bundle->objectForInfoDictionaryKey("Number"), platform::Value(7));
+  EXPECT_TRUE(bundle->objectForInfoDictionaryKey("Absent").isNull());
+  EXPECT_EQ(above("Run.app/bin")->bundlePath(), root_ / "Run.app");
+  EXPECT_EQ(lines_, 0);
+}
+
+TEST_F(BundleTest, IsTheProgramsOwnFolderWhereThereIsNone) {
+  const auto bundle = above("plain.apple/bin");
+  EXPECT_EQ(bundle->bundlePath(), root_ / "plain.apple/bin");
+  EXPECT_TRUE(bundle->infoDictionary().empty());
+  EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
+  EXPECT_EQ(lines_, 1);
+}
+
+TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
+  const std::string information = root_ / "Run.app/Info.plist";
+  std::filesystem::create_directories(root_ / "Run.app");
+  for (const std::string& text : {std::string(), std::string("<plist><array/></plist>"),
+                                  std::string("bplist00"), std::string(2 << 20, 'a')}) {
+    writeFile(information, text);
+    lines_ = 0;
+    EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
+    EXPECT_EQ(lines_, 1) << text.substr(0, 40);
+  }
+  // A pipe without a writer would hold a plain read for ever.
+  std::filesystem::remove(information);
+  ASSERT_EQ(::mkfifo(information.c_str(), 0600), 0);
+  EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
+}
+
+TEST_F(BundleTest, TakesAnotherMainBundleForAWhile) {
+  const auto own = Bundle::main();
+  EXPECT_TRUE(std::filesystem::equivalent(own->executablePath(), "/proc/self/exe"));
+  const auto other = std::make_shared<const Bundle>("/b", "/b/p", platform::Dictionary());
+  Bundle::setMain(other);
+  EXPECT_EQ(Bundle::main(), other);
+  Bundle::setMain(nullptr);
+  EXPECT_EQ(Bundle::main(), own);
+}
+
+}  // namespace

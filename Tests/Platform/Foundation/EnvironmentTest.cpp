@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "Platform/Foundation/EnvironmentMonitor.h"
+#include "Platform/Foundation/Locale.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/TimeZone.h"
+#include "Platform/Platform.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace {
+
+using platform::Locale;
+using platform::NotificationCenter;
+using platform::TimeZone;
+using skelda::testing::writeFile;
+
+/// A system of the test's own: no variables, and a folder for its files.
+class EnvironmentTest : public testing::Test {
+ protected:
+  EnvironmentTest() {
+    for (const char* const name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"})
+      environment_.set(name, std::nullopt);
+    std::filesystem::create_directories(root_ / "etc/default");
+  }
+
+  void link(const std::string& target) {
+    const std::string fresh = root_ / "etc/localtime.new";
+    std::filesystem::create_symlink(target, fresh);
+    std::filesystem::rename(fresh, root_ / "etc/localtime");
+  }
+
+  void replace(const std::string& name, std::string_view text) {
+    writeFile(root_ / "new", text);
+    std::filesystem::rename(root_ / "new", root_ / name);
+  }
+
+  skelda::testing::ScopedEnvironment environment_;
+  skelda::testing::TemporaryDirectory root_;
+};
+
+TEST_F(EnvironmentTest, ReadsLanguageAndCountryOfALocaleName) {
+  const struct {
+    std::string name;
+    Locale expected;
+  } cases[] = {
+      {"en_GB.UTF-8", {"en", "GB"}},
+      {"nb_NO", {"nb", "NO"}},
+      {"ast_ES.utf8@euro", {"ast", "ES"}},
+      {"EN_gb", {"en", "GB"}},
+      {"eo", {"eo", {}}},
+      {"de@phonebook", {"de", {}}},
+      {"C", {}},
+      {"C.UTF-8", {}},
+      {"POSIX", {}},
+      {"e_GB", {}},
+      {"en_", {}},
+      {"en_GBR", {}},
+      {"en-GB", {}},
+      {"en_G\n", {}},
+      {"../../etc/passwd", {}},
+      {std::string(100000, 'a'), {}},
+  };
+  for (const auto& [name, expected] : cases) {
+    environment_.set("LANG", name);
+    EXPECT_EQ(Locale::current(root_.path()), expected) << name.substr(0, 40);
+  }
+}
+
+TEST_F(EnvironmentTest, TakesTheFirstSourceThatNamesALocale) {
+  EXPECT_EQ(Locale::current(root_.path()), Locale());
+  writeFile(root_ / "etc/default/locale", "# comment\nexport LANG='nb_NO.UTF-8'\nLANGUAGE=x\n");
+  EXPECT_EQ(Locale::current(root_.path()), (Locale{"nb", "NO"}));
+  writeFile(root_ / "etc/locale.conf", "LANG=\"fr_FR.UTF-8\"\r\n LC_MESSAGES=fr_CA\n");
+  EXPECT_EQ(Locale::current(root_.path()), (Locale{"fr", "CA"}));
+  environment_.set("LANG", "en_US");
+  environment_.set("LC_MESSAGES", "");
+  EXPECT_EQ(Locale::current(root_.path()), (Locale{"en", "US"}));
+  // Set, it decides, even to say that there is no locale.
+  environment_.set("LC_ALL", "C");
+  EXPECT_EQ(Locale::current(root_.path()), Locale());
+}
+
+TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheVariable) {
+  std::filesystem::create_directories(root_ / "usr/share/zoneinfo");
+  writeFile(root_ / "usr/share/zoneinfo/EST5EDT", "");
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {"Europe/Oslo", "Europe/Oslo"},
+      {":America/Argentina/Buenos_Aires", "America/Argentina/Buenos_Aires"},
+      {"/usr/share/zoneinfo/posix/Asia/Tokyo", "Asia/Tokyo"},
+      {"Etc/GMT+5", "Etc/GMT+5"},
+      {"UTC", "UTC"},
+      {"", "UTC"},
+      {"EST5EDT", "EST5EDT"},
+      {"CET-1CEST", {}},
+      {"CET-1CEST,M3.5.0,M10.5.0/3", {}},
+      {"<+03>-3", {}},
+      {"/etc/localtime", {}},
+      {"../../secret", {}},
+      {"Europe//Oslo", {}},
+      {"Europe/Oslo/", {}},
+      {"Europe/Os lo", {}},
+      {std::string(100000, 'a'), {}},
+  };
+  for (const auto& [value, name] : cases) {
+    environment_.set("TZ", value);
+    EXPECT_EQ(TimeZone::local(root_.path()).name, name) << value.substr(0, 40);
+  }
+}
+
+TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheSystemsFiles) {
+  EXPECT_EQ(TimeZone::local(root_.path()).name, std::nullopt);
+  writeFile(root_ / "etc/timezone", "\n Europe/Paris \n");
+  EXPECT_EQ(TimeZone::local(root_.path()).name, "Europe/Paris");
+  link("../usr/share/zoneinfo/right/Asia/Kolkata");
+  EXPECT_EQ(TimeZone::local(root_.path()).name, "Asia/Kolkata");
+  link("/somewhere/else");
+  EXPECT_EQ(TimeZone::local(root_.path()).name, "Europe/Paris");
+  writeFile(root_ / "etc/timezone", std::string(1 << 20, 'a'));
+  EXPECT_EQ(TimeZone::local(root_.path()).name, std::nullopt);
+}
+
+/// Counts what is posted, so that a test can wait for it.
+class Posts {
+ public:
+  explicit Posts(std::string_view name)
+      : token_(NotificationCenter::defaultCenter().addObserver(
+            name, [this](const platform::Notification&) {
+              const std::lock_guard guard(lock_);
+              ++count_;
+              changed_.notify_all();
+            })) {}
+  ~Posts() { NotificationCenter::defaultCenter().removeObserver(token_); }
+
+  bool reaches(int count) {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, std::chrono::seconds(20), [&] { return count_ >= count; });
+  }
+  int count() {
+    const std::lock_guard guard(lock_);
+    return count_;
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  int count_ = 0;
+  NotificationCenter::Token token_;
+};
+
+TEST_F(EnvironmentTest, PostsWhenWhatTheFilesSayHasChanged) {
+  Posts locale(platform::kCurrentLocaleDidChangeNotification);
+  Posts zone(platform::kSystemTimeZoneDidChangeNotification);
+  std::filesystem::remove(root_ / "etc/default");
+  replace("etc/locale.conf", "LANG=en_GB\n");
+  link("/usr/share/zoneinfo/Europe/Oslo");
+  const platform::EnvironmentMonitor monitor(root_.path());
+
+  link("/usr/share/zoneinfo/Europe/Paris");
+  ASSERT_TRUE(zone.reaches(1));
+  // The same said in other words is no change; the zone's change behind it tells when it was seen.
+  replace("etc/locale.conf", "LANG=\"en_GB.UTF-8\"\n");
+  link("/usr/share/zoneinfo/Europe/Rome");
+  ASSERT_TRUE(zone.reaches(2));
+  EXPECT_EQ(locale.count(), 0);
+  std::filesystem::remove(root_ / "etc/locale.conf");
+  ASSERT_TRUE(locale.reaches(1));
+  // A folder that comes later is watched too.
+  std::filesystem::create_directory(root_ / "etc/default");
+  replace("etc/default/locale", "LANG=nb_NO\n");
+  ASSERT_TRUE(locale.reaches(2));
+  replace("etc/default/locale", "LANG=sv_SE\n");
+  ASSERT_TRUE(locale.reaches(3));
+  EXPECT_EQ(zone.count(), 2);
+}
+
+}  // namespace

@@ -1,0 +1,119 @@
+#include "Platform/Foundation/KeyedArchive.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Platform.h"
+
+namespace {
+
+using platform::Array;
+using platform::Dictionary;
+using platform::KeyedArchive;
+using platform::Value;
+
+std::string archived(const Value& root) {
+  return platform::archivedData({"NSDictionary", root}).string();
+}
+
+TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  const Value cases[] = {
+      nullptr,
+      true,
+      -5,
+      std::numeric_limits<std::int64_t>::min(),
+      5U,
+      std::numeric_limits<std::uint64_t>::max(),
+      3.0,
+      -0.0,
+      0.1,
+      5e-324,
+      std::numeric_limits<double>::max(),
+      std::numeric_limits<double>::quiet_NaN(),
+      -infinity,
+      0.1F,
+      std::numeric_limits<float>::max(),
+      std::numeric_limits<float>::infinity(),
+      "text \"\n\xC3\xA5",
+      "not UTF-8: \xFF",
+      std::string("nul \0 inside", 12),
+      platform::Data("\0\xFF", 2),
+      platform::Data(),
+      platform::Date(platform::Date::Microseconds(-1)),
+      platform::Date::distantFuture(),
+      Array{1, Array(), Dictionary(), "x"},
+      {{"b", 1}, {"a", {{"c", 2.5F}}}},
+      {{"$data", "looks like a tag"}},
+      {{"$dict", {{"$dict", 1}}}},
+      {{"$data", 1}, {"and", 2}},
+      {{"\xFF", {{"\xFE", 1U}}}, {"$x", "\xFD"}},
+  };
+  for (const Value& value : cases) {
+    const KeyedArchive again = platform::unarchivedObject(platform::archivedData({"Class", value}));
+    EXPECT_EQ(again.className, "Class");
+    EXPECT_EQ(again.root.kind(), value.kind()) << value.description();
+    // The text tells kinds apart at every depth, where equality does not.
+    EXPECT_EQ(archived(again.root), archived(value));
+    EXPECT_EQ(again.root, value) << value.description();
+  }
+}
+
+TEST(KeyedArchiveTest, IsAReadableText) {
+  EXPECT_EQ(archived({{"at", platform::Date(platform::Date::Microseconds(12))},
+                      {"bytes", platform::Data("lap", 3)},
+                      {"n", 1}}),
+            R"({"archive":"skelda","version":1,"class":"NSDictionary","root":)"
+            R"({"at":{"$date":12},"bytes":{"$data":"bGFw"},"n":1}})");
+}
+
+TEST(KeyedArchiveTest, RefusesWhatIsNotAnArchive) {
+  const auto with = [](std::string_view root) {
+    return R"({"archive":"skelda","version":1,"class":"C","root":)" + std::string(root) + "}";
+  };
+  ASSERT_NO_THROW(platform::unarchivedObject(platform::Data(with("{}"))));
+  const std::string cases[] = {
+      "",
+      "{}",
+      "[]",
+      with("{}").substr(0, 50),
+      with("{}") + "x",
+      R"({"archive":"other","version":1,"class":"C","root":{}})",
+      R"({"archive":"skelda","version":2,"class":"C","root":{}})",
+      R"({"archive":"skelda","version":1,"class":1,"root":{}})",
+      R"({"archive":"skelda","version":1,"class":"C"})",
+      with(R"({"$unknown":1})"),
+      with(R"({"$data":"not base64"})"),
+      with(R"({"$data":1})"),
+      with(R"({"$date":1.5})"),
+      with(R"({"$uint":-1})"),
+      with(R"({"$float":1e300})"),
+      with(R"({"$float":"one"})"),
+      with(R"({"$real":{}})"),
+      with(R"({"$dict":[]})"),
+      with(R"({"$pairs":["odd"]})"),
+      with(R"({"$pairs":[1,2]})"),
+      with(std::string(1000, '[') + std::string(1000, ']')),
+  };
+  for (const std::string& text : cases) {
+    try {
+      platform::unarchivedObject(platform::Data(text));
+      ADD_FAILURE() << "was taken: " << text;
+    } catch (const platform::Exception& exception) {
+      EXPECT_EQ(exception.name(), "NSInvalidUnarchiveOperationException");
+    }
+  }
+}
+
+TEST(KeyedArchiveTest, WritesNothingThatItWouldNotRead) {
+  Value deep = 1;
+  for (int i = 0; i < 250; ++i) deep = Array{std::move(deep)};
+  EXPECT_EQ(platform::unarchivedObject(platform::archivedData({"C", deep})).root, deep);
+  for (int i = 0; i < 10; ++i) deep = Array{std::move(deep)};
+  EXPECT_THROW(platform::archivedData({"C", deep}), platform::Exception);
+  EXPECT_THROW(platform::archivedData({"\xFF", 1}), platform::Exception);
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+#include "Platform/Foundation/NotificationCenter.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Platform/Foundation/Log.h"
+#include "Platform/Platform.h"
+
+namespace {
+
+using platform::Notification;
+using platform::NotificationCenter;
+
+NotificationCenter& center() {
+  return NotificationCenter::defaultCenter();
+}
+
+TEST(NotificationCenterTest, TellsObserversOfTheNameInTheOrderOfRegistration) {
+  std::string told;
+  const auto add = [&told](std::string_view name, const char* text) {
+    return center().addObserver(name, [&told, text](const Notification& notification) {
+      told += text + notification.name + notification.userInfo.description() + ' ';
+    });
+  };
+  const NotificationCenter::Token tokens[] = {add("A", "1"), add("B", "2"), add("A", "3")};
+  center().post("A", 7);
+  EXPECT_EQ(told, "1A7 3A7 ");
+  center().removeObserver(tokens[0]);
+  center().post("A");
+  EXPECT_EQ(told, "1A7 3A7 3A(null) ");
+  for (const auto token : tokens) center().removeObserver(token);
+  center().removeObserver(0);
+  EXPECT_EQ(center().addObserver("A", nullptr), 0U);
+}
+
+TEST(NotificationCenterTest, LetsAnObserverAddRemoveAndPost) {
+  int later = 0;
+  int removed = 0;
+  int depth = 0;
+  std::vector<NotificationCenter::Token> tokens(3);
+  tokens[0] = center().addObserver("R", [&](const Notification&) {
+    center().removeObserver(tokens[0]);
+    center().removeObserver(tokens[1]);
+    tokens[2] = center().addObserver("R", [&](const Notification&) {
+      ++later;
+      if (++depth < 3) center().post("R");
+    });
+  });
+  tokens[1] = center().addObserver("R", [&](const Notification&) { ++removed; });
+  center().post("R");
+  EXPECT_EQ(removed, 0);
+  EXPECT_EQ(later, 0);  // it came while the post was under way
+  center().post("R");
+  EXPECT_EQ(later, 3);
+  center().removeObserver(tokens[2]);
+}
+
+TEST(NotificationCenterTest, TellsTheOthersWhenOneThrows) {
+  platform::Log::setSink(nullptr);
+  int told = 0;
+  const auto first =
+      center().addObserver("T", [](const Notification&) { throw std::runtime_error("x"); });
+  const auto second = center().addObserver("T", [&told](const Notification&) { ++told; });
+  EXPECT_NO_THROW(center().post("T"));
+  EXPECT_EQ(told, 1);
+  center().removeObserver(first);
+  center().removeObserver(second);
+  platform::Log::resetSink();
+}
+
+TEST(NotificationCenterTest, CallsNobodyWhoseRemovalOnTheSameThreadIsDoneWhileOthersPost) {
+  std::vector<std::thread> posters;
+  std::atomic<bool> done{false};
+  for (int i = 0; i < 2; ++i)
+    posters.emplace_back([&done] {
+      while (!done) center().post("C");
+    });
+  std::atomic<int> told{0};
+  for (int i = 0; i < 300 || told == 0; ++i) {
+    // Shared, since a call may still be running on another thread.
+    const auto calls = std::make_shared<std::atomic<int>>(0);
+    const auto token = center().addObserver("C", [calls, &told](const Notification&) {
+      ++*calls;
+      ++told;
+    });
+    center().removeObserver(token);
+  }
+  done = true;
+  for (std::thread& poster : posters) poster.join();
+  EXPECT_GT(told, 0);
+}
+
+}  // namespace

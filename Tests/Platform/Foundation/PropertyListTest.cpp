@@ -1,0 +1,202 @@
+#include "Platform/Foundation/PropertyList.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+
+#include "Platform/Platform.h"
+
+namespace {
+
+using platform::Array;
+using platform::Data;
+using platform::Dictionary;
+using platform::readPropertyList;
+using platform::Value;
+
+std::string xml(std::string_view content) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//X//EN\" "
+         "\"http://x.example/P.dtd\">\n<plist version=\"1.0\">" +
+         std::string(content) + "</plist>\n";
+}
+
+std::optional<Value> readXML(std::string_view content) {
+  return readPropertyList(Data(xml(content)));
+}
+
+std::string repeated(std::string_view text, int count) {
+  std::string result;
+  for (int i = 0; i < count; ++i) result += text;
+  return result;
+}
+
+/// Lays encoded objects out as a binary property list; the first is the root.
+class BinaryList {
+ public:
+  std::vector<std::string> objects = {};
+  std::uint64_t root = 0;
+  std::optional<std::uint64_t> tableOffset = {};
+  std::optional<std::uint64_t> count = {};
+  unsigned offsetSize = 2;
+  unsigned referenceSize = 1;
+
+  std::string bytes() const {
+    std::string list = "bplist00";
+    std::string table;
+    for (const std::string& object : objects) {
+      table += bigEndian(list.size(), offsetSize);
+      list += object;
+    }
+    const std::uint64_t end = list.size();
+    list += table + std::string(6, '\0');
+    list += static_cast<char>(offsetSize);
+    list += static_cast<char>(referenceSize);
+    list += bigEndian(count.value_or(objects.size()), 8) + bigEndian(root, 8);
+    return list + bigEndian(tableOffset.value_or(end), 8);
+  }
+
+  static std::string bigEndian(std::uint64_t value, unsigned width) {
+    std::string text;
+    for (unsigned shift = width; shift-- > 0;)
+      text += static_cast<char>(value >> (shift * 8) & 0xFF);
+    return text;
+  }
+};
+
+std::optional<Value> readBinary(const BinaryList& list) {
+  return readPropertyList(Data(list.bytes()));
+}
+
+TEST(PropertyListTest, ReadsEveryKindOfAnXMLList) {
+  const auto value = readXML(R"(<!-- a <dict> in a comment --><dict>
+    <key>text &amp; more</key><string>a&lt;b<![CDATA[<c>]]>&#x263a;</string>
+    <key>empty</key><string/>
+    <key>count</key><integer>-12</integer>
+    <key>greatest</key><integer>18446744073709551615</integer>
+    <key>share</key><real>1.5</real>
+    <key>on</key><true/>
+    <key>off</key><false/>
+    <key>bytes</key><data>AAH/</data>
+    <key>when</key><date>2024-05-01T12:30:00Z</date>
+    <key>list</key><array><integer>1</integer><dict/><array/></array></dict>)");
+  ASSERT_TRUE(value);
+  const Value expected{{"text & more", "a<b<c>\xE2\x98\xBA"},
+                       {"empty", ""},
+                       {"count", -12},
+                       {"greatest", std::numeric_limits<std::uint64_t>::max()},
+                       {"share", 1.5},
+                       {"on", true},
+                       {"off", false},
+                       {"bytes", Data("\0\1\xFF", 3)},
+                       {"when", platform::Date(platform::Date::Microseconds(1714566600000000))},
+                       {"list", Array{1, Dictionary(), Array()}}};
+  EXPECT_EQ(*value, expected) << value->description();
+  EXPECT_EQ(value->description(), expected.description());
+}
+
+TEST(PropertyListTest, ReadsEveryKindOfABinaryList) {
+  const std::string half("\x23\x3F\xF8\0\0\0\0\0\0", 9);
+  const std::string date("\x33\xBF\xF8\0\0\0\0\0\0", 9);
+  const BinaryList list{{"\xA9\x1\x2\x3\x4\x5\x6\x7\x8\x9", "\x09",
+                         "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFB", half, date, "\x53lap",
+                         std::string("\x62\0G\0\xE5", 5), "\x42\1\2", "\xD1\x5\x9", "\x10\xC8"}};
+  const auto value = readBinary(list);
+  ASSERT_TRUE(value);
+  EXPECT_EQ(*value, Value(Array{true, -5, 1.5,
+                                platform::Date(platform::Date::Microseconds(978307198500000)),
+                                "lap", "G\xC3\xA5", Data("\1\2", 2), Value{{"lap", 200}}, 200}))
+      << value->description();
+}
+
+TEST(PropertyListTest, ReadsNumbersWhateverTheLocale) {
+  const char* const before = std::setlocale(LC_NUMERIC, nullptr);
+  const std::string saved = before;
+  for (const char* const name : {"de_DE.UTF-8", "fr_FR.UTF-8"}) std::setlocale(LC_NUMERIC, name);
+  EXPECT_EQ(readXML("<real>2.25</real>"), Value(2.25));
+  std::setlocale(LC_NUMERIC, saved.c_str());
+}
+
+TEST(PropertyListTest, RefusesXMLThatIsMalformedOrHostile) {
+  const std::string cases[] = {
+      "",
+      "plain text",
+      "<plist version=\"1.0\"></plist>",
+      "<plist version=\"1.0\"><dict>",
+      xml("<dict><string>no key</string></dict>"),
+      xml("<array></dict>"),
+      xml("<unknown/>"),
+      xml("<string>\xFF</string>"),
+      xml("<string>&#xD800;</string>"),
+      xml("<string>&entity;</string>"),
+      xml(std::string("<string>a\0b</string>", 20)),
+      xml("<date>9999-01-01T00:00:00Z</date>"),
+      xml("<!-- never ends <string>a</string>"),
+      "<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>",
+      xml(repeated("<array>", 64) + repeated("</array>", 64)),
+      xml(repeated("<array>", 100000) + repeated("</array>", 100000)),
+      // What only seems to close, in a comment and in character data.
+      xml(repeated("<array><!--</array>-->", 20000)),
+      xml(repeated("<array><string><![CDATA[</string></array>]]></string>", 15000)),
+      xml("<string>" + std::string(1 << 20, 'a') + "</string>"),
+  };
+  for (const std::string& text : cases) {
+    platform::ErrorRef error;
+    EXPECT_FALSE(readPropertyList(Data(text), &error)) << text.substr(0, 200);
+    EXPECT_NE(error, nullptr);
+  }
+  EXPECT_TRUE(readXML(repeated("<array>", 63) + repeated("</array>", 63)));
+}
+
+TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
+  ASSERT_EQ(readBinary({{"\x51x"}}), Value("x"));
+  std::vector<BinaryList> cases = {
+      {{}},
+      {{std::string(1, '\0')}},  // the null object
+      {{"\x80\x01"}},            // a reference of another kind of archive
+      {{"\xC1\x01", "\x51x"}},   // a set
+      {{"\x55x"}},               // text past the end
+      {{"\x5F\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFFx"}},
+      {{"\x5F\x51x"}},                               // a length that is no integer
+      {{"\x14" + std::string(16, '\1')}, 0, {}, 9},  // more objects than the table holds
+      {{"\xA1\x07"}},                                // a reference past the table
+      {{std::string("\xA1\0", 2)}},                  // an array that holds itself
+      {{"\xA1\x01", std::string("\xA1\0", 2)}},
+      {{"\xD1\x01\x02", "\x08", "\x09"}},                         // a key that is no text
+      {{"\xD1\x01\x02", std::string("\x62\0a\0\0", 5), "\x09"}},  // a key with a NUL in UTF-16
+      {{"\xD1\x01\x02",
+        std::string("\x52"
+                    "a\0",
+                    3),
+        "\x09"}},
+      {{"\x51\xE5"}},                              // text that is not UTF-8
+      {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},  // a date past every calendar
+      {{"\x51x"}, 1},
+      {{"\x51x"}, 0, 7},
+      {{"\x51x"}, 0, 1 << 20},
+      {{"\x51x"}, 0, {}, std::uint64_t{1} << 62},
+      {{"\x51x"}, 0, {}, {}, 0},
+      {{"\x51x"}, 0, {}, {}, 9},
+      {{"\x51x"}, 0, {}, {}, 2, 0},
+  };
+  // Nested too deeply; and small, but unfolding to two to the 40th objects.
+  for (const auto& [levels, fanOut] : {std::pair(100, 1), std::pair(40, 2)}) {
+    BinaryList list;
+    for (int i = 1; i <= levels; ++i)
+      list.objects.push_back(std::string(1, static_cast<char>(0xA0 + fanOut)) +
+                             std::string(static_cast<std::size_t>(fanOut), static_cast<char>(i)));
+    list.objects.push_back("\x09");
+    cases.push_back(list);
+  }
+  // One long text that is referred to very often.
+  BinaryList longText{{"\xAF\x12" + BinaryList::bigEndian(60000, 4) + std::string(60000, '\1'),
+                       "\x5F\x12" + BinaryList::bigEndian(60000, 4) + std::string(60000, 'a')}};
+  longText.offsetSize = 4;
+  cases.push_back(longText);
+  for (std::size_t i = 0; i < cases.size(); ++i) EXPECT_FALSE(readBinary(cases[i])) << "case " << i;
+}
+
+TEST(PropertyListTest, KeepsTheLastOfARepeatedKeyInABinaryList) {
+  EXPECT_EQ(readBinary({{"\xD2\x1\x1\x2\x3", "\x51k", "\x10\x01", "\x10\x02"}}), (Value{{"k", 2}}));
+}
+
+}  // namespace

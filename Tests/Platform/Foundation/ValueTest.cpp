@@ -1,0 +1,184 @@
+#include "Platform/Foundation/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "Platform/Platform.h"
+
+namespace {
+
+using platform::Array;
+using platform::Dictionary;
+using platform::Value;
+
+constexpr auto kSignedMax = std::numeric_limits<std::int64_t>::max();
+constexpr auto kSignedMin = std::numeric_limits<std::int64_t>::min();
+constexpr auto kUnsignedMax = std::numeric_limits<std::uint64_t>::max();
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+TEST(ValueTest, TakesTheKindOfWhatItIsMadeFrom) {
+  const std::pair<Value, Value::Kind> cases[] = {
+      {nullptr, Value::Kind::null},
+      {static_cast<const char*>(nullptr), Value::Kind::null},
+      {true, Value::Kind::boolean},
+      {'a', Value::Kind::integer},
+      {7L, Value::Kind::integer},
+      {std::uint8_t{7}, Value::Kind::unsignedInteger},
+      {0.5, Value::Kind::real},
+      {0.5F, Value::Kind::real32},
+      {"text", Value::Kind::text},
+      {std::string_view("text"), Value::Kind::text},
+      {platform::Data("ab", 2), Value::Kind::data},
+      {platform::Date(), Value::Kind::date},
+      {Array{1, "two"}, Value::Kind::array},
+      {{{"lap", 3}, {"in", {{"pace", "5:10"}}}}, Value::Kind::dictionary},
+  };
+  for (const auto& [value, kind] : cases) EXPECT_EQ(value.kind(), kind) << value.description();
+}
+
+TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
+  const struct {
+    Value a, b;
+    bool equal;
+  } cases[] = {
+      {1, 1U, true},
+      {1, 1.0, true},
+      {true, 1, true},
+      {false, 0.0F, true},
+      {-1, kUnsignedMax, false},
+      // Neither fits a double, which rounds both to 2 to the 63rd and 64th.
+      {kSignedMax, 9223372036854775808.0, false},
+      {kSignedMin, -9223372036854775808.0, true},
+      {kUnsignedMax, 18446744073709551616.0, false},
+      {(std::int64_t{1} << 53) + 1, 9007199254740992.0, false},
+      {std::uint64_t{1} << 63, 9223372036854775808.0, true},
+      {0.1F, 0.1, false},
+      {0.5F, 0.5, true},
+      {1, 1.5, false},
+      {kNaN, kNaN, true},
+      {kNaN, 0, false},
+      {"1", 1, false},
+      {nullptr, 0, false},
+  };
+  for (const auto& [a, b, equal] : cases) {
+    EXPECT_EQ(a == b, equal) << a.description() << " and " << b.description();
+    EXPECT_EQ(b == a, equal) << b.description() << " and " << a.description();
+  }
+}
+
+TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
+  const struct {
+    Value value;
+    std::int64_t integer;
+    std::uint64_t unsignedInteger;
+    double real;
+  } cases[] = {
+      {true, 1, 1, 1},
+      {-7, -7, 0, -7},
+      {kUnsignedMax, kSignedMax, kUnsignedMax, 18446744073709551616.0},
+      {-2.9, -2, 0, -2.9},
+      {1e300, kSignedMax, kUnsignedMax, 1e300},
+      {-1e300, kSignedMin, 0, -1e300},
+      {kInfinity, kSignedMax, kUnsignedMax, kInfinity},
+      {"  42 laps", 42, 42, 42},
+      {"-17", -17, 0, -17},
+      {"+5.75", 5, 5, 5.75},
+      {"1e3", 1, 1, 1000},
+      {"99999999999999999999", kSignedMax, kUnsignedMax, 1e20},
+      {"-9223372036854775808", kSignedMin, 0, -9223372036854775808.0},
+      {"1e999", 1, 1, std::numeric_limits<double>::max()},
+      {"1e-999", 1, 1, 0},
+      {"--5", 0, 0, 0},
+      {"inf", 0, 0, 0},
+      {"", 0, 0, 0},
+      {"lap 3", 0, 0, 0},
+      {nullptr, 0, 0, 0},
+      {Array{1}, 0, 0, 0},
+  };
+  for (const auto& [value, integer, unsignedInteger, real] : cases) {
+    EXPECT_EQ(value.integerValue(), integer) << value.description();
+    EXPECT_EQ(value.unsignedValue(), unsignedInteger) << value.description();
+    EXPECT_EQ(value.doubleValue(), real) << value.description();
+  }
+  EXPECT_EQ(Value(kNaN).integerValue(), 0);
+  EXPECT_EQ(Value(kNaN).unsignedValue(), 0U);
+}
+
+TEST(ValueTest, IsTrueOnlyForNumbersThatAreNotZero) {
+  for (const Value& value : {Value(true), Value(-1), Value(1U), Value(0.1), Value(kNaN)})
+    EXPECT_TRUE(value.boolValue()) << value.description();
+  for (const Value& value : {Value(false), Value(0), Value(0.0F), Value("1"), Value()})
+    EXPECT_FALSE(value.boolValue()) << value.description();
+}
+
+TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {
+  const std::pair<Value, std::string> cases[] = {
+      {nullptr, "(null)"},
+      {true, "1"},
+      {kSignedMin, "-9223372036854775808"},
+      {kUnsignedMax, "18446744073709551615"},
+      {3.0, "3"},
+      {-0.0, "-0"},
+      {100000.0, "100000"},
+      {1e20, "1e+20"},
+      {0.1, "0.1"},
+      {0.1F, "0.1"},
+      {16777216.0F, "16777216"},
+      {1.0 / 3, "0.3333333333333333"},
+      {1.0F / 3, "0.33333334"},
+      {5e-324, "5e-324"},
+      {kNaN, "nan"},
+      {-kInfinity, "-inf"},
+      {"as it is\n", "as it is\n"},
+      {platform::Data("\0\1", 2), "AAE="},
+      {platform::Date(platform::Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
+      {platform::Date(platform::Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
+      {Array{1, 2.0, "x"}, R"([1,2.0,"x"])"},
+      {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"},
+  };
+  for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
+}
+
+TEST(DictionaryTest, KeepsTheOrderOfInsertionAndOneValueForAKey) {
+  Dictionary dictionary{{"b", 1}, {"a", 2}, {"b", 3}};
+  dictionary.set("c", 4);
+  dictionary.set("a", 5);
+  EXPECT_EQ(Value(dictionary).description(), R"({"b":3,"a":5,"c":4})");
+  EXPECT_TRUE(dictionary.erase("b"));
+  EXPECT_FALSE(dictionary.erase("b"));
+  EXPECT_EQ(dictionary.find("b"), nullptr);
+  EXPECT_EQ(dictionary, (Dictionary{{"c", 4.0}, {"a", 5U}}));
+  EXPECT_NE(dictionary, (Dictionary{{"c", 4}, {"d", 5}}));
+  EXPECT_NE(dictionary, (Dictionary{{"c", 4}}));
+}
+
+TEST(DictionaryTest, KeepsTheLastValueOfManyRepeatedKeysInTheFirstPlace) {
+  for (const int distinct : {5, 40}) {
+    std::vector<Dictionary::Entry> entries;
+    Dictionary expected;
+    for (int i = 0; i < 2 * distinct + 1; ++i) {
+      const std::string key = "key " + std::to_string(i * 7 % distinct);
+      entries.emplace_back(key, i);
+      expected.set(key, i);
+    }
+    EXPECT_EQ(Value(Dictionary::withEntries(entries)).description(), Value(expected).description());
+  }
+}
+
+TEST(DateTest, RoundsSecondsToTheNearestMicrosecondAndSaturates) {
+  const std::pair<double, std::int64_t> cases[] = {
+      {1714566600.123456, 1714566600123456},
+      {-0.0000015, -2},
+      {0.0000004, 0},
+      {1e300, kSignedMax},
+      {-1e300, kSignedMin},
+      {kNaN, 0},
+  };
+  for (const auto& [seconds, microseconds] : cases)
+    EXPECT_EQ(platform::Date::withTimeIntervalSince1970(seconds).microsecondsSince1970().count(),
+              microseconds);
+}
+
+}  // namespace
