@@ -53,6 +53,7 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   std::optional<std::string> storeData(const platform::Data& data);
   void removeStoredDataWithIdentifier(const std::string& identifier);
   bool everSentReportSuccessfully() const noexcept;
+  /// Builds and starts one request; on `queue`.
   void sendData(std::shared_ptr<const platform::Data> data, const std::string& identifier);
   /// Sends the stored blocks that are not in flight, as far as the window goes. Posted.
   void retransmitNotSentBlocks();
@@ -70,9 +71,11 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
                    std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
                    ApiKeySource apiKey);
 
-  bool storeAndSend(platform::Data data, CompletionHandler completionHandler);
+  enum class Outcome { notStored, stored, sent };
+  Outcome storeAndSend(platform::Data data, CompletionHandler completionHandler);
   void requestSuccessComplete(const TaskRef& task, const ResponseRef& response);
   void requestFailedComplete(const TaskRef& task, const ResponseRef& response);
+  void taskDidEnd(const TaskRef& task, bool completedSuccessfuly);
   void onqueue_retransmitNotSentBlocks();
   void performRetransmitNotSentBlocks() override;
   void didCompleteAllTasks() override;

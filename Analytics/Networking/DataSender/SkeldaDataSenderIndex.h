@@ -9,7 +9,7 @@
 
 #include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Data.h"
+#include "Platform/Foundation/KeyedArchive.h"
 #include "Platform/Foundation/Object.h"
 #include "Platform/Platform.h"
 
@@ -18,7 +18,9 @@ inline constexpr std::size_t kSkeldaMaxReportedNotSentSessions = 50;
 
 /// The stored blocks per data key, oldest first, kept in one archive in the storage folder. The
 /// file is replaced atomically after every change; a block's bytes are on disk before the index
-/// names it. Any thread but the main one; the map is touched on `indexMapQueue` only.
+/// names it. Any thread but the main one. The map is touched on `indexMapQueue` only; the file is
+/// written on a queue of its own, from the map as it is then, so that who looks into the map never
+/// waits for the disk and removals that come in meanwhile share one write.
 ///
 /// A file that cannot be read just now leaves the index unread: it is tried again at each use, and
 /// until it has been read nothing is added, saved or swept.
@@ -27,6 +29,7 @@ class SkeldaDataSenderIndex : public platform::Object,
  public:
   using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
   using Blocks = std::vector<BlockRef>;
+  using Map = std::map<std::string, Blocks>;
 
   /// Reads the file of that name; absent or malformed is empty. Block files that a kill left
   /// without an entry are removed once the index has been read.
@@ -46,7 +49,7 @@ class SkeldaDataSenderIndex : public platform::Object,
   void setupForCurrentDataKey(const std::string& dataKey);
   /// Drops the oldest blocks beyond the limit. Posted.
   void discardOutdatedBlocksForDataKey(const std::string& dataKey);
-  /// The same by creation date. Posted.
+  /// The same, the oldest by creation date. Posted.
   void discardOldBlocksForDataKey(const std::string& dataKey);
   /// A copy, oldest first.
   Blocks notSentBlocksForDataKey(const std::string& dataKey);
@@ -57,24 +60,25 @@ class SkeldaDataSenderIndex : public platform::Object,
   void setSentReportSuccessfully(bool sent) noexcept { sentReportSuccessfully_ = sent; }
   const std::string& fileName() const noexcept { return fileName_; }
 
-  /// The archive's form, and what is made of one: entries that are no blocks are left out.
-  platform::Data archived() const;
-  static std::map<std::string, Blocks> blocksFromArchive(const platform::Data& archive,
-                                                         bool* sentReportSuccessfully);
+  /// What an archive of the index holds; entries that are no blocks, or say the same twice, are
+  /// left out.
+  static Map blocksFromArchive(const platform::KeyedArchive& archive);
+  static platform::KeyedArchive archiveOf(const Map& map, bool sentReportSuccessfully);
 
  private:
   explicit SkeldaDataSenderIndex(std::string fileName);
   std::string filePath() const;
 
   bool onqueue_read();
-  void onqueue_sweepOrphanedBlocks();
-  bool onqueue_saveState();
+  void onqueue_sweepOrphanedBlocks() const;
   void onqueue_saveSoon();
   void onqueue_discardOldest(const std::string& dataKey);
+  bool onsavequeue_write();
 
-  std::string fileName_;
-  platform::QueueRef indexMapQueue_;
-  std::map<std::string, Blocks> indexMap_;
+  const std::string fileName_;
+  const platform::QueueRef indexMapQueue_;
+  const platform::QueueRef saveQueue_;
+  Map indexMap_;
   std::atomic<bool> sentReportSuccessfully_ = false;
   bool read_ = false;
   bool savePending_ = false;

@@ -15,6 +15,7 @@
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
 
+class SkeldaURLSessionDelegate;
 class SkeldaURLSessionTask;
 
 inline constexpr double kSkeldaURLSessionTaskDefaultTimeoutInterval = 20.0;  // seconds
@@ -33,8 +34,9 @@ class SkeldaURLSessionTaskDelegate {
 };
 
 /// One HTTP request on a platform session of its own. Made by a class function, started at once or
-/// by resumeTask(). Keeps itself alive while it runs; holds the delegate weakly.
-/// The scalars may be read from any thread; tag and parameters belong to the caller.
+/// by resumeTask(); once started or cancelled it stays alive until its end has been reported, which
+/// a cancelled one reports as a failure. Holds the delegate weakly. The scalars may be read from
+/// any thread; tag and parameters belong to the caller.
 class SkeldaURLSessionTask : public platform::Object,
                              public std::enable_shared_from_this<SkeldaURLSessionTask> {
  public:
@@ -81,5 +83,6 @@ class SkeldaURLSessionTask : public platform::Object,
   platform::Dictionary taskParameters_;
   std::atomic<std::int32_t> redirectsCount_ = 0;
   std::atomic<std::int32_t> redirectsLimit_ = 0;
+  std::shared_ptr<SkeldaURLSessionDelegate> sessionDelegate_;
   platform::URLSessionTaskRef task_;
 };

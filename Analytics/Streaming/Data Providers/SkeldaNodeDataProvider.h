@@ -52,7 +52,6 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   std::shared_ptr<platform::FolderSource> source_;
   int fileDescriptor_ = 0;
   bool keepMonitoringFile_ = false;
-  bool alertWhenWatching_ = false;
   std::chrono::nanoseconds retryDelay_{0};
   std::shared_ptr<const SkeldaNodeData> nodeData_;
 };

@@ -43,7 +43,7 @@ class SkeldaLocalTransferAgent : public SkeldaActorStreamComponentBase,
   void onqueue_cancelTransfer(const SkeldaFileStateRef& file);
   void onqueue_resumeTransfer(const SkeldaFileStateRef& file);
   void onqueue_finishTransferWithFileName(const std::string& fileName);
-  void onqueue_processingComplete(const std::string& fileName, const platform::ErrorRef& error);
+  void onqueue_processingDidEnd(const std::string& fileName, const platform::ErrorRef& error);
   void onqueue_refuseTransfer(const SkeldaFileStateRef& file, std::string_view reason);
 
   std::weak_ptr<ISkeldaFileTransferAgentDelegate> delegate_;

@@ -35,7 +35,7 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
   std::string_view className() const noexcept override { return "SkeldaStreamFrameLogSender"; }
   void startup() override;
   void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate) override;
-  void processFile(const std::string& fileName, const std::string& atPath) override;
+  void processFile(const std::string& fileName, const std::string& path) override;
 
  private:
   friend class SkeldaActor;
@@ -46,6 +46,7 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
   void setupDataSender();
   void onqueue_enableTestAppObserver();
   void onqueue_processFile(const std::string& fileName, const std::string& folder);
+  void onqueue_reportFailure(const std::string& fileName, const platform::ErrorRef& error);
   void onqueue_reportNotStored(const std::string& fileName);
 
   const std::shared_ptr<ISkeldaStreamFileHandle> fileHandle_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -58,12 +59,13 @@ class SkeldaStreamTransferManager : public SkeldaActor,
 
   void onqueue_startup(const Completion& completion);
   void onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType);
+  void onqueue_lookAgainLater();
   void onqueue_addToStatusDictionaryNewFilesFromFolder(const std::vector<std::string>& names);
   void onqueue_removeFromDictionaryFilesNotInFolder(const std::vector<std::string>& names);
   void onqueue_didCompleteTransfer(const std::string& fileName, const platform::ErrorRef& error);
-  void onqueue_transferFailed(SkeldaFileState& file, const platform::ErrorRef& error);
+  void onqueue_transferFailed(SkeldaFileState& file, const platform::Error& error);
   void onqueue_processFiles();
-  /// Whether the count of transfers was too high.
+  /// Both: whether the count of transfers was too high.
   bool onqueue_processFilesOnce();
   bool onqueue_reconcileUploadCount();
   void onqueue_processFile(const SkeldaFileStateRef& file);
@@ -74,7 +76,7 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   void onqueue_processRemoveFile(const SkeldaFileStateRef& file);
   void onqueue_processErrorFile(const SkeldaFileStateRef& file);
   bool onqueue_deleteFile(const SkeldaFileStateRef& file);
-  bool onqueue_isOverLimit() const noexcept;
+  bool onqueue_mayDelete() const noexcept;
 
   const std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider_;
   const std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;
@@ -87,4 +89,6 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   std::int32_t maxDeleteFileCount_ = 0;
   std::int32_t deletedFileCount_ = 0;
   std::int32_t localUploadCounter_ = 0;
+  std::chrono::nanoseconds listRetryDelay_{0};
+  bool lookAgainPending_ = false;
 };

@@ -1,0 +1,249 @@
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
+
+#include <algorithm>
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/TextCoding.h"
+#include "Skelda_Watch/SkeldaWatch.h"
+
+namespace {
+
+constexpr std::int32_t kPost = 2;
+constexpr std::int64_t kMalformed = 400;
+constexpr int kDataKeyVersion = 261;
+
+struct SharedSender {
+  std::mutex mutex;
+  std::shared_ptr<SkeldaDataSender> sender;
+};
+
+SharedSender& shared() {
+  static auto& one = *new SharedSender();
+  return one;
+}
+
+}  // namespace
+
+SkeldaDataSender::SkeldaDataSender(platform::QueueRef queue,
+                                   std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
+                                   ApiKeySource apiKey)
+    : SkeldaDataSenderBase(std::move(queue), std::move(backgroundTracker)),
+      apiKey_(std::move(apiKey)),
+      dataIndex_(SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(
+          std::string(kSkeldaSenderIndexFileName))) {}
+
+std::shared_ptr<SkeldaDataSender> SkeldaDataSender::senderWithQueue(
+    platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
+    ApiKeySource apiKey) {
+  std::shared_ptr<SkeldaDataSender> sender(
+      new SkeldaDataSender(std::move(queue), std::move(backgroundTracker), std::move(apiKey)));
+  sender->didInit();
+  return sender;
+}
+
+void SkeldaDataSender::setupInstanceWithQueue(
+    platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker) {
+  std::lock_guard lock(shared().mutex);
+  if (shared().sender != nullptr) return;
+  shared().sender = senderWithQueue(std::move(queue), std::move(backgroundTracker),
+                                    [] { return SkeldaWatch::apiKey(); });
+}
+
+std::shared_ptr<SkeldaDataSender> SkeldaDataSender::sharedInstance() {
+  std::lock_guard lock(shared().mutex);
+  return shared().sender;
+}
+
+std::string SkeldaDataSender::dataKey() {
+  const auto apiKey = apiKey_();
+  const std::string key =
+      fmt::format("Data_{}_{}", apiKey ? platform::stableHash(*apiKey) : 0, kDataKeyVersion);
+  runOnQueue([&] {
+    if (indexPrepared_ || !dataIndex_->isReadable()) return;
+    dataIndex_->setupForCurrentDataKey(key);
+    indexPrepared_ = true;
+  });
+  return key;
+}
+
+// -- Storing
+
+std::optional<std::string> SkeldaDataSender::storeData(const platform::Data& data) {
+  std::optional<std::string> identifier;
+  runOnQueue([&] {
+    const std::string key = dataKey();
+    // Before the block's file is there: reading the index sweeps files that it does not name.
+    if (!dataIndex_->isReadable()) return;
+    const auto block = SkeldaDataSenderBlockInfo::blockWithData(data);
+    if (block == nullptr) return;
+    if (dataIndex_->addBlockInfo(block, key)) {
+      identifier = block->identifier();
+    } else {
+      block->deletePersistentData();
+    }
+  });
+  return identifier;
+}
+
+void SkeldaDataSender::removeStoredDataWithIdentifier(const std::string& identifier) {
+  dataIndex_->removeBlockInfoWithIdentifier(identifier, dataKey());
+}
+
+bool SkeldaDataSender::everSentReportSuccessfully() const noexcept {
+  return dataIndex_->sentReportSuccessfully();
+}
+
+// -- Sending
+
+bool SkeldaDataSender::sendFrameLogData(platform::Data data) {
+  return sendFrameLogData(std::move(data), nullptr);
+}
+
+bool SkeldaDataSender::sendFrameLogData(platform::Data data, CompletionHandler completionHandler) {
+  return storeAndSend(std::move(data), std::move(completionHandler)) != Outcome::notStored;
+}
+
+bool SkeldaDataSender::sendSessionsData(platform::Data data, CompletionHandler completionHandler) {
+  const Outcome outcome = storeAndSend(std::move(data), std::move(completionHandler));
+  if (outcome != Outcome::sent) {
+    SKELDA_LOG(1, "{}: Unable to send session data",
+               "-[SkeldaDataSender sendSessionsData:withCompletionHandler:]");
+  }
+  return outcome != Outcome::notStored;
+}
+
+SkeldaDataSender::Outcome SkeldaDataSender::storeAndSend(platform::Data data,
+                                                         CompletionHandler completionHandler) {
+  if (!SkeldaUtil::assert_(!data.empty(), "0 != data.length")) return Outcome::notStored;
+  SkeldaUtil::assertThreadIsNotMain();
+  Outcome outcome = Outcome::notStored;
+  runOnQueue([&] {
+    if (completionHandler) setCompletionHandler(std::move(completionHandler));
+    const auto identifier = storeData(data);
+    if (!identifier) return;
+    outcome = Outcome::stored;
+    if (!hasOngoingTasksWindow()) return;
+    outcome = Outcome::sent;
+    // Stored is stored, whatever becomes of this attempt.
+    skelda::guarded(
+        [&] { sendData(std::make_shared<const platform::Data>(std::move(data)), *identifier); })();
+  });
+  return outcome;
+}
+
+void SkeldaDataSender::sendData(std::shared_ptr<const platform::Data> data,
+                                const std::string& identifier) {
+  constexpr std::string_view kModule = "SkeldaDataSender";
+  constexpr std::string_view kMethod = "-[SkeldaDataSender sendData:withIdentifier:]";
+  SKELDA_LOG(2, "{}: start upload data with id [{}]", kModule, identifier);
+  if (data == nullptr) {
+    SKELDA_LOG(2, "{}: attempt to send zero size data", kMethod);
+    return;
+  }
+  platform::Dictionary headerFields{{"content-type", "application/octet-stream"},
+                                    {"X-Skelda-Api-Key", apiKey_().value_or("")}};
+  SKELDA_LOG(2, "{}: posting session via SkeldaURLSessionTask!", kMethod);
+  const auto self = std::static_pointer_cast<SkeldaDataSender>(shared_from_this());
+  const auto task = SkeldaURLSessionTask::sendMethod(
+      kPost, SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL(), std::move(data),
+      std::move(headerFields), self, false);
+  if (task == nullptr) return;
+  task->setTag(identifier);
+  if (!SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length")) return;
+  registerNewTask(task);
+  platform::Queue::main()->async(skelda::guarded([task] { task->resumeTask(); }));
+}
+
+void SkeldaDataSender::retransmitNotSentBlocks() {
+  post([this] { onqueue_retransmitNotSentBlocks(); });
+}
+
+void SkeldaDataSender::performRetransmitNotSentBlocks() {
+  onqueue_retransmitNotSentBlocks();
+}
+
+void SkeldaDataSender::onqueue_retransmitNotSentBlocks() {
+  SkeldaUtil::assertThreadIsNotMain();
+  if (!hasOngoingTasksWindow()) return;
+  std::set<std::string> runningTags;
+  for (const auto& task : runningTasks()) {
+    SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length");
+    runningTags.insert(task->tag());
+  }
+  const auto blocks = dataIndex_->notSentBlocksForDataKey(dataKey());
+  SKELDA_LOG(2, "{}: Not sent blocks count [{}]", "-[SkeldaDataSender retransmitNotSentBlocks]",
+             blocks.size());
+  for (const auto& block : blocks) {
+    if (runningTags.contains(block->identifier()) ||
+        runningTags.contains(block->groupIdentifier())) {
+      continue;
+    }
+    if (!hasOngoingTasksWindow()) break;
+    block->setGroupIdentifier(SkeldaUtil::generateCFUUID());
+    auto status = SkeldaDataSenderBlockInfo::ReadStatus::whole;
+    auto data = block->data(&status);
+    if (data) {
+      sendData(std::make_shared<const platform::Data>(std::move(*data)), block->identifier());
+    } else if (status == SkeldaDataSenderBlockInfo::ReadStatus::gone) {
+      removeStoredDataWithIdentifier(block->identifier());
+    }
+  }
+}
+
+void SkeldaDataSender::didCompleteAllTasks() {
+  dataIndex_->discardOutdatedBlocksForDataKey(dataKey());
+}
+
+// -- How requests end
+
+void SkeldaDataSender::skeldaUrlRequestDidSucceed(const TaskRef& task,
+                                                  const ResponseRef& response) {
+  post([this, task, response] { requestSuccessComplete(task, response); });
+}
+
+void SkeldaDataSender::skeldaUrlRequestDidFail(const TaskRef& task, const ResponseRef& response) {
+  post([this, task, response] {
+    SKELDA_LOG(2, "{}: Could not connect to server: {}",
+               "-[SkeldaDataSender skeldaUrlRequestDidFail:withResponse:]",
+               platform::description(response->error()));
+    requestFailedComplete(task, response);
+  });
+}
+
+void SkeldaDataSender::skeldaUrlRequestDidCancel(const TaskRef& task, const ResponseRef&) {
+  post([this, task] { taskDidEnd(task, false); });
+}
+
+void SkeldaDataSender::requestSuccessComplete(const TaskRef& task, const ResponseRef& response) {
+  constexpr std::string_view kMethod = "-[SkeldaDataSender requestSuccessComplete:withResponse:]";
+  SKELDA_LOG(2, "{}: session task response code: {}, id [{}]", kMethod, response->statusCode(),
+             task->tag());
+  if (!response->isSuccess()) {
+    SKELDA_LOG(2, "{}: Could not connect to server.", kMethod);
+    return requestFailedComplete(task, response);
+  }
+  dataIndex_->setSentReportSuccessfully(true);
+  removeStoredDataWithIdentifier(task->tag());
+  taskDidEnd(task, true);
+}
+
+void SkeldaDataSender::requestFailedComplete(const TaskRef& task, const ResponseRef& response) {
+  SKELDA_LOG(2, "{}: session task response code: {}, id [{}]",
+             "-[SkeldaDataSender requestFailedComplete:withResponse:]", response->statusCode(),
+             task->tag());
+  // The server will never take it.
+  if (response->statusCode() == kMalformed) removeStoredDataWithIdentifier(task->tag());
+  dataIndex_->setSentReportSuccessfully(false);
+  taskDidEnd(task, false);
+}
+
+void SkeldaDataSender::taskDidEnd(const TaskRef& task, bool completedSuccessfuly) {
+  // A task that cancelTasks() took off the list reports its end as well.
+  if (isRunning(task)) unregisterTask(task, completedSuccessfuly);
+}

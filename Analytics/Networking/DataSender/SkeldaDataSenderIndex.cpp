@@ -1,0 +1,241 @@
+#include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/FileManager.h"
+
+namespace {
+
+constexpr std::string_view kIndex = "index";
+constexpr std::string_view kSentReportSuccessfully = "SkeldaSentReportSuccessfulKey";
+
+bool sentReportSuccessfullyIn(const platform::KeyedArchive& archive) {
+  const auto* root = archive.root.dictionary();
+  const auto* flag = root != nullptr ? root->find(kSentReportSuccessfully) : nullptr;
+  return flag != nullptr && flag->boolValue();
+}
+
+void remove(SkeldaDataSenderIndex::Blocks& blocks, SkeldaDataSenderIndex::Blocks::iterator first) {
+  std::for_each(first, blocks.end(), [](const auto& block) { block->deletePersistentData(); });
+  blocks.erase(first, blocks.end());
+}
+
+}  // namespace
+
+SkeldaDataSenderIndex::SkeldaDataSenderIndex(std::string fileName)
+    : fileName_(std::move(fileName)),
+      indexMapQueue_(platform::Queue::serial("com.skelda.analytics.indexMapQueue")),
+      saveQueue_(platform::Queue::serial("com.skelda.analytics.indexSaveQueue")) {}
+
+std::shared_ptr<SkeldaDataSenderIndex> SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(
+    const std::string& fileName) {
+  SkeldaUtil::assertThreadIsNotMain();
+  std::shared_ptr<SkeldaDataSenderIndex> index(new SkeldaDataSenderIndex(fileName));
+  index->isReadable();
+  return index;
+}
+
+// -- The archive
+
+SkeldaDataSenderIndex::Map SkeldaDataSenderIndex::blocksFromArchive(
+    const platform::KeyedArchive& archive) {
+  Map map;
+  const auto* root = archive.root.dictionary();
+  const auto* index = root != nullptr ? root->find(kIndex) : nullptr;
+  if (index == nullptr || index->dictionary() == nullptr) return map;
+  std::set<std::string> seen;
+  for (const auto& [key, entries] : *index->dictionary()) {
+    if (key.empty() || entries.array() == nullptr) continue;
+    auto& blocks = map[key];
+    for (const auto& entry : *entries.array()) {
+      auto block = SkeldaDataSenderBlockInfo::blockWithCoder(entry);
+      if (block == nullptr || !seen.insert(block->identifier()).second) continue;
+      blocks.push_back(std::move(block));
+    }
+  }
+  return map;
+}
+
+platform::KeyedArchive SkeldaDataSenderIndex::archiveOf(const Map& map,
+                                                        bool sentReportSuccessfully) {
+  platform::Dictionary index;
+  for (const auto& [key, blocks] : map) {
+    platform::Array entries;
+    entries.reserve(blocks.size());
+    for (const auto& block : blocks) entries.push_back(block->encoded());
+    index.append(key, std::move(entries));
+  }
+  return {"SkeldaDataSenderIndex",
+          {{std::string(kIndex), std::move(index)},
+           {std::string(kSentReportSuccessfully), sentReportSuccessfully}}};
+}
+
+// -- Reading and writing the file
+
+std::string SkeldaDataSenderIndex::filePath() const {
+  return SkeldaUtil::filePathDirectory() + "/" + fileName_;
+}
+
+bool SkeldaDataSenderIndex::isReadable() {
+  bool readable = false;
+  indexMapQueue_->sync([&] { readable = onqueue_read(); });
+  return readable;
+}
+
+bool SkeldaDataSenderIndex::onqueue_read() {
+  if (read_) return true;
+  platform::ErrorRef error;
+  const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(filePath(), &error);
+  if (error != nullptr) {
+    SKELDA_LOG(1, "SkeldaSender: unable to read the index just now, error = {}",
+               platform::description(error));
+    return false;
+  }
+  read_ = true;
+  if (archive) {
+    indexMap_ = blocksFromArchive(*archive);
+    sentReportSuccessfully_ = sentReportSuccessfullyIn(*archive);
+    SKELDA_LOG(2, "SkeldaSender restored from index: {}", archive->root.description());
+  }
+  onqueue_sweepOrphanedBlocks();
+  return true;
+}
+
+void SkeldaDataSenderIndex::onqueue_sweepOrphanedBlocks() const {
+  std::set<std::string_view> known;
+  for (const auto& [key, blocks] : indexMap_) {
+    for (const auto& block : blocks) known.insert(block->identifier());
+  }
+  auto& files = *platform::FileManager::defaultManager();
+  const std::string folder = SkeldaUtil::filePathDirectory();
+  const auto names = files.contentsOfDirectoryAtPath(folder);
+  if (!names) return;
+  for (const auto& name : *names) {
+    if (!SkeldaDataSenderBlockInfo::isBlockFileName(name) || known.contains(name)) continue;
+    const bool removed = files.removeItemAtPath(folder + "/" + name);
+    SKELDA_LOG(1, "Skelda: delete orphaned data block with id [{}], success: {:d}", name, removed);
+  }
+}
+
+bool SkeldaDataSenderIndex::saveState() {
+  SkeldaUtil::assertThreadIsNotMain();
+  bool saved = false;
+  saveQueue_->sync([&] { saved = onsavequeue_write(); });
+  return saved;
+}
+
+void SkeldaDataSenderIndex::onqueue_saveSoon() {
+  if (std::exchange(savePending_, true)) return;
+  saveQueue_->async(skelda::guarded([self = shared_from_this()] { self->onsavequeue_write(); }));
+}
+
+bool SkeldaDataSenderIndex::onsavequeue_write() {
+  const std::string path = filePath();
+  if (!SkeldaUtil::assert_(!path.empty(), "0 != thePath.length")) return false;
+  platform::KeyedArchive archive;
+  indexMapQueue_->sync([&] {
+    savePending_ = false;
+    if (onqueue_read()) archive = archiveOf(indexMap_, sentReportSuccessfully_);
+  });
+  return !archive.className.empty() && SkeldaUtil::archiveObject(archive, path);
+}
+
+// -- Changes
+
+bool SkeldaDataSenderIndex::addBlockInfo(const BlockRef& block, const std::string& forDataKey) {
+  if (!SkeldaUtil::assert_(!forDataKey.empty(), "0 != aDataKey.length")) return false;
+  bool added = false;
+  indexMapQueue_->sync([&] {
+    added = onqueue_read();
+    if (added) indexMap_[forDataKey].push_back(block);
+  });
+  if (!added || saveState()) return added;
+  indexMapQueue_->sync([&] { std::erase(indexMap_[forDataKey], block); });
+  return false;
+}
+
+void SkeldaDataSenderIndex::removeBlockInfoWithIdentifier(const std::string& identifier,
+                                                          const std::string& forDataKey) {
+  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), identifier, forDataKey] {
+    const auto found = self->indexMap_.find(forDataKey);
+    if (found == self->indexMap_.end()) return;
+    auto& blocks = found->second;
+    const auto first = std::stable_partition(blocks.begin(), blocks.end(), [&](const auto& block) {
+      return block->identifier() != identifier && block->groupIdentifier() != identifier;
+    });
+    if (first == blocks.end()) return;
+    // The files go first: what a kill leaves is an entry without a file, which is dropped when its
+    // turn comes.
+    remove(blocks, first);
+    self->onqueue_saveSoon();
+  }));
+}
+
+void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
+  SkeldaUtil::assertThreadIsNotMain();
+  if (!SkeldaUtil::assert_(!dataKey.empty(), "0 != aDataKey.length")) return;
+  indexMapQueue_->sync([&] {
+    bool dropped = false;
+    for (auto entry = indexMap_.begin(); entry != indexMap_.end();) {
+      if (entry->first == dataKey) {
+        ++entry;
+        continue;
+      }
+      remove(entry->second, entry->second.begin());
+      entry = indexMap_.erase(entry);
+      dropped = true;
+    }
+    if (!dropped) return;
+    onqueue_discardOldest(dataKey);
+    onqueue_saveSoon();
+  });
+}
+
+void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey) {
+  const auto found = indexMap_.find(dataKey);
+  if (found == indexMap_.end() || found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
+  auto& blocks = found->second;
+  const auto kept = blocks.end() - static_cast<std::ptrdiff_t>(kSkeldaMaxReportedNotSentSessions);
+  std::for_each(blocks.begin(), kept, [](const auto& block) {
+    SKELDA_LOG(1, "Skelda: discard outdated block id [{}]", block->identifier());
+    block->deletePersistentData();
+  });
+  blocks.erase(blocks.begin(), kept);
+  onqueue_saveSoon();
+}
+
+void SkeldaDataSenderIndex::discardOutdatedBlocksForDataKey(const std::string& dataKey) {
+  indexMapQueue_->async(skelda::guarded(
+      [self = shared_from_this(), dataKey] { self->onqueue_discardOldest(dataKey); }));
+}
+
+void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKey) {
+  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
+    const auto found = self->indexMap_.find(dataKey);
+    if (found == self->indexMap_.end()) return;
+    if (found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
+    std::stable_sort(found->second.begin(), found->second.end(), [](const auto& a, const auto& b) {
+      return a->creationDate() < b->creationDate();
+    });
+    self->onqueue_discardOldest(dataKey);
+  }));
+}
+
+SkeldaDataSenderIndex::Blocks SkeldaDataSenderIndex::notSentBlocksForDataKey(
+    const std::string& dataKey) {
+  Blocks blocks;
+  indexMapQueue_->sync([&] {
+    onqueue_read();
+    const auto found = indexMap_.find(dataKey);
+    if (found != indexMap_.end()) blocks = found->second;
+  });
+  // One more may stand here until the running tasks are done; then the oldest goes.
+  SkeldaUtil::assert_(blocks.size() <= kSkeldaMaxReportedNotSentSessions,
+                      "theBlocks.count <= kSkeldaMaxReportedNotSentSessions");
+  return blocks;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Platform/Foundation/Object.h"
+#include "Platform/Platform.h"
+#include "Platform/Reachability/NetworkMonitor.h"
+
+/// Tells the agent whether the machine is connected. Not part of the library: a program that wants
+/// it links this component and calls SkeldaReachabilityLink() from anywhere (a linker drops what
+/// nothing names); the reachability provider then finds the class by name when it starts.
+///
+/// Each change sets the provider's values, tells its observers and posts
+/// kSkeldaNetworkStatusChangedNotification, upon which waiting uploads go out.
+class SkeldaReachability : public platform::Object, public ISkeldaReachability {
+ public:
+  /// The network status that the agent reports.
+  enum NetworkStatus : std::int32_t {
+    kNotReachable = 0,
+    kReachableOverLocalNetwork = 1,
+    kReachableOverMobileNetwork = 2,
+  };
+
+  SkeldaReachability();
+  ~SkeldaReachability() override;
+  std::string_view className() const noexcept override { return kClassName; }
+  void startup() override;
+
+ private:
+  static void linkDidChange(platform::NetworkLink link);
+
+  std::shared_ptr<platform::NetworkMonitor> monitor_;
+};
+
+/// Makes the class known. True.
+bool SkeldaReachabilityLink();

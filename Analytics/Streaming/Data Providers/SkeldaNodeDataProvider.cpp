@@ -1,0 +1,132 @@
+#include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::nanoseconds kFirstRetry = std::chrono::seconds(1);
+constexpr std::chrono::nanoseconds kLongestRetry = std::chrono::minutes(1);
+
+/// Whether the descriptor still stands for what lies at the path.
+bool isAtPath(int descriptor, const std::string& path) noexcept {
+  struct ::stat opened, there;
+  return ::fstat(descriptor, &opened) == 0 && ::stat(path.c_str(), &there) == 0 &&
+         opened.st_dev == there.st_dev && opened.st_ino == there.st_ino;
+}
+
+}  // namespace
+
+SkeldaNodeDataProvider::SkeldaNodeDataProvider(
+    std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager)
+    : SkeldaActor("SkeldaNodeDataProvider"),
+      filePath_(std::move(filePath)),
+      fileManager_(std::move(fileManager)) {}
+
+std::shared_ptr<SkeldaNodeDataProvider> SkeldaNodeDataProvider::nodeDataProviderWithFilePath(
+    std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager) {
+  return made(new SkeldaNodeDataProvider(std::move(filePath), std::move(fileManager)));
+}
+
+SkeldaNodeDataProvider::~SkeldaNodeDataProvider() {
+  if (source_ != nullptr) source_->cancel();
+}
+
+void SkeldaNodeDataProvider::addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> observer) {
+  if (observer == nullptr) return;
+  syncBlock([&] {
+    observerArray_.push_back(std::move(observer));
+    if (nodeData_ != nullptr) onqueue_notifyObserver();
+  });
+}
+
+void SkeldaNodeDataProvider::removeObserver(
+    const std::shared_ptr<SkeldaNodeDataProviderObserver>& observer) {
+  syncBlock([&] { std::erase(observerArray_, observer); });
+}
+
+void SkeldaNodeDataProvider::forceRefresh(Completion completion) {
+  asyncBlock([self = selfOf(this), completion = std::move(completion)] {
+    self->keepMonitoringFile_ = false;
+    self->onqueue_beginMonitoringFile();
+    if (completion) completion(nullptr);
+  });
+}
+
+void SkeldaNodeDataProvider::recreateDispatchSource() {
+  asyncBlock([self = selfOf(this)] { self->onqueue_recreateDispatchSource(); });
+}
+
+// -- The watch
+
+void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
+  if (source_ != nullptr) source_->cancel();
+  fileManager_->createIfNotPresentDirectoryAtPath(filePath_);
+  const int descriptor = ::open(filePath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  fileDescriptor_ = descriptor;
+  source_ = platform::FolderSource::make(
+      descriptor, platform::Queue::global(platform::Queue::Priority::normal));
+  const std::weak_ptr<SkeldaNodeDataProvider> weak = selfOf(this);
+  source_->setEventHandler([weak, descriptor](unsigned events) {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    self->asyncBlock([self, descriptor, events] {
+      if (self->fileDescriptor_ == descriptor) self->onqueue_alertDelegateOfEvents(events);
+    });
+  });
+  source_->setCancelHandler([weak, descriptor] {
+    if (const auto self = weak.lock()) {
+      self->asyncBlock([self, descriptor] { self->onqueue_sourceWasCancelled(descriptor); });
+    } else if (descriptor >= 0) {
+      ::close(descriptor);
+    }
+  });
+  source_->resume();
+  if (descriptor < 0 || !isAtPath(descriptor, filePath_)) return onqueue_watchAgainLater();
+  retryDelay_ = {};
+  // What came before the watch stood is seen by looking once now.
+  onqueue_alertDelegateOfEvents(platform::kFolderWritten);
+}
+
+void SkeldaNodeDataProvider::onqueue_watchAgainLater() {
+  retryDelay_ = std::clamp(retryDelay_ * 2, kFirstRetry, kLongestRetry);
+  asyncBlock(
+      [self = selfOf(this), descriptor = fileDescriptor_] {
+        if (self->fileDescriptor_ == descriptor) self->onqueue_recreateDispatchSource();
+      },
+      std::int64_t{retryDelay_.count()});
+}
+
+void SkeldaNodeDataProvider::onqueue_recreateDispatchSource() {
+  keepMonitoringFile_ = true;
+  if (source_ != nullptr) source_->cancel();
+}
+
+void SkeldaNodeDataProvider::onqueue_sourceWasCancelled(int descriptor) {
+  if (descriptor >= 0) ::close(descriptor);
+  if (descriptor != fileDescriptor_) return;  // another watch has taken its place
+  fileDescriptor_ = 0;
+  source_ = nullptr;
+  if (!std::exchange(keepMonitoringFile_, false)) return;
+  onqueue_beginMonitoringFile();
+}
+
+// -- Changes
+
+void SkeldaNodeDataProvider::onqueue_alertDelegateOfEvents(unsigned events) {
+  if ((events & platform::kFolderWritten) != 0) {
+    nodeData_ = std::make_shared<const SkeldaNodeData>(kSkeldaNodeChangeWritten);
+    onqueue_notifyObserver();
+  }
+  // The folder went: with it everything in it, which the watch made anew will tell.
+  if ((events & platform::kFolderGone) != 0) onqueue_recreateDispatchSource();
+}
+
+void SkeldaNodeDataProvider::onqueue_notifyObserver() {
+  const auto observers = observerArray_;
+  for (const auto& observer : observers) observer->fileMonitor(*this, nodeData_->changeType());
+}

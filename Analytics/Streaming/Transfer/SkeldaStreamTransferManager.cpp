@@ -1,0 +1,375 @@
+#include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/URLError.h"
+#include "Skelda_Watch/SkeldaConstants.h"
+
+namespace {
+
+constexpr std::int32_t kDefaultMaxFileCount = 4;
+constexpr std::int32_t kDefaultMaxUploadCount = 5;
+constexpr std::int32_t kMaxUploadAttempts = 3;
+constexpr std::int32_t kMaxRemoveAttempts = 3;
+constexpr std::chrono::nanoseconds kFirstListRetry = std::chrono::seconds(1);
+constexpr std::chrono::nanoseconds kLongestListRetry = std::chrono::minutes(1);
+
+std::int32_t limitIn(const platform::Dictionary& config, std::string_view key,
+                     std::int32_t fallback) {
+  const auto* option = config.find(key);
+  const std::int64_t value = option != nullptr ? option->integerValue() : 0;
+  return value < 1 ? fallback : static_cast<std::int32_t>(std::min<std::int64_t>(value, INT32_MAX));
+}
+
+bool isDigit(char c) noexcept {
+  return c >= '0' && c <= '9';
+}
+
+/// Takes the run of digits off the front of `text`, without its leading zeros.
+std::string_view takeNumber(std::string_view& text) noexcept {
+  std::size_t length = 0;
+  while (length < text.size() && isDigit(text[length])) ++length;
+  std::string_view number = text.substr(0, length);
+  text.remove_prefix(length);
+  number.remove_prefix(std::min(number.find_first_not_of('0'), number.size()));
+  return number;
+}
+
+/// Being off line costs a file nothing. Domains are told apart by identity.
+bool isOffline(const platform::Error& error) noexcept {
+  return error.hasDomain(platform::urlErrorDomain()) &&
+         (error.code() == platform::kURLErrorNotConnectedToInternet ||
+          error.code() == platform::kURLErrorNetworkConnectionLost);
+}
+
+}  // namespace
+
+bool SkeldaStreamTransferManager::isOrderedBefore(std::string_view left,
+                                                  std::string_view right) noexcept {
+  std::string_view a = left;
+  std::string_view b = right;
+  while (!a.empty() && !b.empty()) {
+    if (isDigit(a.front()) && isDigit(b.front())) {
+      const std::string_view x = takeNumber(a);
+      const std::string_view y = takeNumber(b);
+      if (x.size() != y.size()) return x.size() < y.size();
+      if (x != y) return x < y;
+      continue;
+    }
+    if (a.front() != b.front()) {
+      return static_cast<unsigned char>(a.front()) < static_cast<unsigned char>(b.front());
+    }
+    a.remove_prefix(1);
+    b.remove_prefix(1);
+  }
+  if (a.empty() != b.empty()) return a.empty();
+  return left < right;  // "1" and "01": any fixed order will do
+}
+
+SkeldaStreamTransferManager::SkeldaStreamTransferManager(
+    const platform::Dictionary& config, std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider,
+    std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager,
+    std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent)
+    : SkeldaActor("SkeldaStreamTransferManager"),
+      nodeDataProvider_(std::move(nodeDataProvider)),
+      fileTransferAgent_(std::move(fileTransferAgent)),
+      filePath_(std::move(filePath)),
+      fileManager_(std::move(fileManager)),
+      maxUploadCount_(
+          limitIn(config, kSkeldaStreamConfigOptionMaxFileUploadCount, kDefaultMaxUploadCount)),
+      maxFileCount_(
+          limitIn(config, kSkeldaStreamConfigOptionMaxFileTransferCount, kDefaultMaxFileCount)) {}
+
+std::shared_ptr<SkeldaStreamTransferManager> SkeldaStreamTransferManager::transferManagerWithConfig(
+    platform::Dictionary config, std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider,
+    std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager,
+    std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent) {
+  return made(new SkeldaStreamTransferManager(config, std::move(nodeDataProvider),
+                                              std::move(filePath), std::move(fileManager),
+                                              std::move(fileTransferAgent)));
+}
+
+void SkeldaStreamTransferManager::didInit() {
+  fileTransferAgent_->setDelegate(selfOf(this));
+}
+
+void SkeldaStreamTransferManager::startup(Completion completion) {
+  asyncBlock([self = selfOf(this), completion = std::move(completion)] {
+    self->onqueue_startup(completion);
+  });
+}
+
+void SkeldaStreamTransferManager::didCompleteTransfer(const std::string& fileName,
+                                                      platform::ErrorRef withError) {
+  asyncBlock([self = selfOf(this), fileName, error = std::move(withError)] {
+    self->onqueue_didCompleteTransfer(fileName, error);
+  });
+}
+
+void SkeldaStreamTransferManager::didAbandonTransfer() {
+  asyncBlock([self = selfOf(this)] { self->onqueue_processFiles(); });
+}
+
+void SkeldaStreamTransferManager::fileMonitor(ISkeldaNodeDataProvider&,
+                                              std::uint32_t didSeeChange) {
+  asyncBlock([self = selfOf(this), didSeeChange] {
+    self->onqueue_nodeDataProviderDidSeeChange(didSeeChange);
+  });
+}
+
+std::map<std::string, SkeldaFileStateRef>
+SkeldaStreamTransferManager::fileUploadStatusDictionary() {
+  std::map<std::string, SkeldaFileStateRef> records;
+  syncBlock([&] { records = fileUploadStatusDictionary_; });
+  return records;
+}
+
+std::int32_t SkeldaStreamTransferManager::currentUploadCount() {
+  std::int32_t count = 0;
+  syncBlock([&] { count = currentUploadCount_; });
+  return count;
+}
+
+// -- Start and changes of the folder
+
+void SkeldaStreamTransferManager::onqueue_startup(const Completion& completion) {
+  nodeDataProvider_->addObserver(selfOf(this));
+  nodeDataProvider_->forceRefresh([completion](platform::ErrorRef error) {
+    constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_startup:]";
+    if (error != nullptr) {
+      SKELDA_LOG(1, "{}: error starting up node data provider, error = {}", kMethod,
+                 platform::description(error));
+    } else {
+      SKELDA_LOG(2, "{}: #streaming: Node data provider start successful", kMethod);
+    }
+    if (completion) completion(error);
+  });
+}
+
+void SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType) {
+  constexpr std::string_view kMethod =
+      "-[SkeldaStreamTransferManager onqueue_nodeDataProviderDidSeeChange:]";
+  assertRunningInActor();
+  if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return;
+  if (changeType != kSkeldaNodeChangeWritten) return;
+  platform::ErrorRef error;
+  const auto names = fileManager_->fileNamesAtPath(filePath_, &error);
+  if (!names || error != nullptr) {
+    SKELDA_LOG(1, "{}: unable to retrieve contents at file path = {}, error = {}", kMethod,
+               filePath_, platform::description(error));
+    SkeldaUtil::assert_(false, kMethod);
+    return onqueue_lookAgainLater();
+  }
+  listRetryDelay_ = {};
+  onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
+  onqueue_removeFromDictionaryFilesNotInFolder(*names);
+  onqueue_processFiles();
+}
+
+void SkeldaStreamTransferManager::onqueue_lookAgainLater() {
+  // The change has been told and will not be told again. One look at a time.
+  if (lookAgainPending_) return;
+  lookAgainPending_ = true;
+  listRetryDelay_ = std::clamp(listRetryDelay_ * 2, kFirstListRetry, kLongestListRetry);
+  asyncBlock(
+      [self = selfOf(this)] {
+        self->lookAgainPending_ = false;
+        self->onqueue_nodeDataProviderDidSeeChange(kSkeldaNodeChangeWritten);
+      },
+      std::int64_t{listRetryDelay_.count()});
+}
+
+void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolder(
+    const std::vector<std::string>& names) {
+  for (const auto& name : names) {
+    auto& record = fileUploadStatusDictionary_[name];
+    if (record != nullptr) continue;
+    record =
+        std::make_shared<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0, nullptr);
+  }
+}
+
+void SkeldaStreamTransferManager::onqueue_removeFromDictionaryFilesNotInFolder(
+    const std::vector<std::string>& names) {
+  const std::set<std::string_view> listed(names.begin(), names.end());
+  std::erase_if(fileUploadStatusDictionary_, [&](const auto& entry) {
+    if (listed.contains(entry.first)) return false;
+    fileTransferAgent_->cancelTransfer(entry.second);
+    return true;
+  });
+}
+
+// -- The pass over all files
+
+void SkeldaStreamTransferManager::onqueue_processFiles() {
+  assertRunningInActor();
+  // Where the count of transfers turned out too high, a file that waited may go now.
+  if (onqueue_processFilesOnce()) onqueue_processFilesOnce();
+}
+
+bool SkeldaStreamTransferManager::onqueue_processFilesOnce() {
+  std::vector<std::string> names;
+  names.reserve(fileUploadStatusDictionary_.size());
+  for (const auto& entry : fileUploadStatusDictionary_) names.push_back(entry.first);
+  std::sort(names.begin(), names.end(), &isOrderedBefore);
+
+  // A folder over its limit is cut back below it by a quarter of the limit more, so that not every
+  // new file deletes an old one.
+  const auto count = static_cast<std::int32_t>(std::min<std::size_t>(names.size(), INT32_MAX / 2));
+  maxDeleteFileCount_ = count > maxFileCount_ ? (count - maxFileCount_) + maxFileCount_ / 4 : 0;
+  deletedFileCount_ = 0;
+  localUploadCounter_ = 0;
+  for (const auto& name : names) {
+    const auto found = fileUploadStatusDictionary_.find(name);
+    if (found != fileUploadStatusDictionary_.end())
+      onqueue_processFile(SkeldaFileStateRef(found->second));
+  }
+  return onqueue_reconcileUploadCount();
+}
+
+bool SkeldaStreamTransferManager::onqueue_reconcileUploadCount() {
+  constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processFiles]";
+  if (currentUploadCount_ == localUploadCounter_) return false;
+  SKELDA_LOG(2,
+             "{}: something wrong with in progress files, current upload count=[{}], local upload "
+             "count = [{}]",
+             kMethod, currentUploadCount_, localUploadCounter_);
+  SkeldaUtil::assert_(false, kMethod);
+  const bool lowered = localUploadCounter_ < currentUploadCount_;
+  currentUploadCount_ = localUploadCounter_;
+  return lowered;
+}
+
+void SkeldaStreamTransferManager::onqueue_processFile(const SkeldaFileStateRef& file) {
+  switch (file->fileState()) {
+    case kSkeldaFileStateWaiting:
+      return onqueue_processWaitingFile(file);
+    case kSkeldaFileStateInProgress:
+    case kSkeldaFileStateReading:
+      return onqueue_processInProgressFile(file);
+    case kSkeldaFileStateSuspended:
+      return onqueue_processSuspendedFile(file);
+    case kSkeldaFileStateDone:
+      return onqueue_processDoneFile(file);
+    case kSkeldaFileStateRemove:
+      return onqueue_processRemoveFile(file);
+    case kSkeldaFileStateError:
+      return onqueue_processErrorFile(file);
+    default:
+      return;
+  }
+}
+
+/// Whether the folder held too much when the pass began and some of it may still go.
+bool SkeldaStreamTransferManager::onqueue_mayDelete() const noexcept {
+  return deletedFileCount_ < maxDeleteFileCount_;
+}
+
+bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& file) {
+  if (!fileManager_->removeItemAtPath(file->fullPath())) {
+    file->setFileRemoveRetryCounter(file->fileRemoveRetryCounter() + 1);
+    return false;
+  }
+  ++deletedFileCount_;
+  fileUploadStatusDictionary_.erase(file->fileName());
+  return true;
+}
+
+void SkeldaStreamTransferManager::onqueue_processWaitingFile(const SkeldaFileStateRef& file) {
+  constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processWaitingFile:]";
+  if (onqueue_mayDelete()) {
+    SKELDA_LOG(1,
+               "{}: Error - Reached max storage capacity on disk. Hence removing file.File Name:{}",
+               kMethod, file->fileName());
+    if (onqueue_deleteFile(file)) {
+      SKELDA_LOG(2,
+                 "{}: Removed File :{} as we have reached to our max capacity to store files on "
+                 "disk",
+                 kMethod, file->fileName());
+    }
+    return;
+  }
+  if (currentUploadCount_ >= maxUploadCount_) return;
+  ++currentUploadCount_;
+  ++localUploadCounter_;
+  file->setFileState(kSkeldaFileStateInProgress);
+  fileTransferAgent_->startTransfer(file);
+}
+
+void SkeldaStreamTransferManager::onqueue_processInProgressFile(const SkeldaFileStateRef&) {
+  ++localUploadCounter_;
+}
+
+void SkeldaStreamTransferManager::onqueue_processSuspendedFile(const SkeldaFileStateRef& file) {
+  SKELDA_LOG(1, "{}: file {} is in suspended state",
+             "-[SkeldaStreamTransferManager onqueue_processSuspendedFile:]", file->fileName());
+  onqueue_processErrorFile(file);
+}
+
+void SkeldaStreamTransferManager::onqueue_processDoneFile(const SkeldaFileStateRef& file) {
+  --currentUploadCount_;
+  file->setFileState(kSkeldaFileStateRemove);
+  onqueue_processRemoveFile(file);
+}
+
+void SkeldaStreamTransferManager::onqueue_processRemoveFile(const SkeldaFileStateRef& file) {
+  constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processRemoveFile:]";
+  if (file->fileRemoveRetryCounter() >= kMaxRemoveAttempts) {
+    file->setFileState(kSkeldaFileStateError);
+    SKELDA_LOG(1,
+               "{}: Error - 3 tries failed to remove the file. Hence added error state for File "
+               "Name: {}",
+               kMethod, file->fileName());
+  } else if (onqueue_deleteFile(file)) {
+    SKELDA_LOG(2, "{}: #streaming File Removed : {}", kMethod, file->fileName());
+  }
+}
+
+void SkeldaStreamTransferManager::onqueue_processErrorFile(const SkeldaFileStateRef& file) {
+  if (onqueue_mayDelete()) onqueue_deleteFile(file);
+}
+
+// -- How transfers end
+
+void SkeldaStreamTransferManager::onqueue_didCompleteTransfer(const std::string& fileName,
+                                                              const platform::ErrorRef& error) {
+  const auto found = fileUploadStatusDictionary_.find(fileName);
+  if (found != fileUploadStatusDictionary_.end()) {
+    auto& file = *found->second;
+    if (error == nullptr) {
+      file.setFileState(kSkeldaFileStateDone);
+    } else {
+      onqueue_transferFailed(file, *error);
+    }
+  }
+  // For a name that is not known as well: its place is free.
+  onqueue_processFiles();
+}
+
+void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
+                                                         const platform::Error& error) {
+  constexpr std::string_view kMethod =
+      "-[SkeldaStreamTransferManager onqueue_didCompleteTransfer:withError:]";
+  SKELDA_LOG(2, "{}: Skelda Error in network request to send the data from file :{} Error:{}",
+             kMethod, file.fileName(), error.description());
+  if (isOffline(error)) {
+    // Neither the attempts nor the count of transfers are touched: the pass that follows finds the
+    // count too high and corrects it.
+    file.setFileState(kSkeldaFileStateWaiting);
+    return;
+  }
+  file.setFileUploadRetryCounter(file.fileUploadRetryCounter() + 1);
+  if (file.fileUploadRetryCounter() >= kMaxUploadAttempts) {
+    SKELDA_LOG(1, "{}: Error - 3 tries failed to upload the file.File Name:{} Error:{}", kMethod,
+               file.fileName(), error.description());
+    file.setFileState(kSkeldaFileStateDone);
+    return;
+  }
+  file.setFileState(kSkeldaFileStateWaiting);
+  --currentUploadCount_;
+}
