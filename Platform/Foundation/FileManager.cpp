@@ -45,11 +45,12 @@ std::string temporaryPath(const std::string& folder) {
   return fmt::format("{}/{}{}-{}", folder, ownTemporaryPrefix(), ::getpid(), ++count);
 }
 
-bool sameFileSystem(const std::string& a, const std::string& b) {
+/// 0 where both are on one file system, EXDEV where they are not.
+int compareFileSystems(const std::string& a, const std::string& b) {
   struct ::stat first;
   struct ::stat second;
-  return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
-         first.st_dev == second.st_dev;
+  if (::stat(a.c_str(), &first) != 0 || ::stat(b.c_str(), &second) != 0) return errno;
+  return first.st_dev == second.st_dev ? 0 : EXDEV;
 }
 
 /// Moves `from` to `to`, which must not exist. File systems that have no such rename still have
@@ -78,7 +79,7 @@ int copyRegularFile(const std::string& source, const std::string& destination) {
   struct ::stat existing;
   if (::lstat(destination.c_str(), &existing) == 0) return EEXIST;
   if (errno != ENOENT) return errno;
-  if (!sameFileSystem(folder, staging)) return EXDEV;
+  if ((error = compareFileSystems(folder, staging)) != 0) return error;
 
   const std::string temporary = temporaryPath(staging);
   FileDescriptor to =

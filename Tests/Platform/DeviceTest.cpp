@@ -1,0 +1,149 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/SystemFiles.h"
+#include "Platform/Kernel/Kernel.h"
+#include "Platform/WatchKit/WKExtension.h"
+#include "Platform/WatchKit/WKInterfaceDevice.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+/// A machine of which the test says what it has.
+class DeviceTest : public ::testing::Test {
+ protected:
+  DeviceTest() {
+    platform::setSystemRoot(root_.path());
+    environment_.set("SKELDA_SCREEN", std::nullopt);
+  }
+  ~DeviceTest() override { platform::setSystemRoot(""); }
+  void have(const std::string& path, std::string_view text) {
+    std::filesystem::create_directories(std::filesystem::path(root_.path() + path).parent_path());
+    writeFile(root_.path() + path, text);
+  }
+
+  TemporaryDirectory root_;
+  ScopedEnvironment environment_;
+  platform::WKInterfaceDevice& device_ = *platform::WKInterfaceDevice::currentDevice();
+};
+
+TEST_F(DeviceTest, WhatTheMachineDoesNotHaveIsNothing) {
+  EXPECT_EQ(platform::hostVirtualMemoryStatistics().has_value(), false);
+  EXPECT_EQ(platform::taskThreadsCPUUsage(), std::nullopt);
+  EXPECT_EQ(platform::machineID(), std::nullopt);
+  EXPECT_EQ(device_.identifierForVendor(), "");
+  EXPECT_EQ(device_.screenBounds().width, 0);
+  EXPECT_NE(device_.systemVersion(), "") << "the kernel's release at least";
+  EXPECT_NE(device_.model(), "") << "the architecture at least";
+  have("/proc/meminfo", "MemTotal: many kB\nMemFree:");
+  EXPECT_EQ(platform::hostVirtualMemoryStatistics().has_value(), false);
+  for (const auto text : {"", "\n", "uninitialized\n", "0123456789abcdef0123456789abcdeg"}) {
+    have("/etc/machine-id", text);
+    EXPECT_EQ(platform::machineID(), std::nullopt) << text;
+  }
+}
+
+TEST_F(DeviceTest, MemoryIsReadFromTheKernelsTable) {
+  have("/proc/meminfo",
+       "MemTotal:       1000 kB\nMemFree:         200 kB\nMemAvailable:    500 kB\n"
+       "Active:          300 kB\nInactive:        150 kB\nActive(anon):     10 kB\n"
+       "Unevictable:       7 kB\nKernelStack:     11 kB\nPageTables:      13 kB\n"
+       "SUnreclaim:       17 kB");
+  const auto memory = platform::hostVirtualMemoryStatistics();
+  ASSERT_TRUE(memory);
+  EXPECT_EQ(memory->total, 1000u * 1024);
+  EXPECT_EQ(memory->free, 200u * 1024);
+  EXPECT_EQ(memory->active, 300u * 1024);
+  EXPECT_EQ(memory->inactive, 150u * 1024);
+  EXPECT_EQ(memory->wired, 48u * 1024);
+}
+
+TEST_F(DeviceTest, CPUUsageIsTheSumOverTheThreadsThatAreStillThere) {
+  // A name with blanks and parentheses, then fields 3 to 22: half of its life on the processor.
+  const double ticks =
+      std::chrono::duration<double>(*platform::uptime()).count() * 100.0;  // 100 a second
+  const auto life = static_cast<std::uint64_t>(ticks / 2);
+  const auto half = std::to_string(life / 4);
+  const std::string line = "7 (a) b (c)) R 1 2 3 4 5 6 7 8 9 10 " + half + " " + half +
+                           " 0 0 20 0 1 0 " + std::to_string(life) + " 0 0\n";
+  have("/proc/self/task/7/stat", line);
+  have("/proc/self/task/8/stat", line);
+  have("/proc/self/task/9/gone", "");
+  have("/proc/self/task/10/stat", "10 (torn) R 1 2");
+  ASSERT_TRUE(platform::taskThreadsCPUUsage());
+  EXPECT_NEAR(*platform::taskThreadsCPUUsage(), 100.0F, 3.0F);
+  platform::setSystemRoot("");
+  EXPECT_GE(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
+}
+
+TEST_F(DeviceTest, TimeSinceBootGoesOnAndAgreesWithTheClock) {
+  const auto before = *platform::uptime();
+  EXPECT_GT(before.count(), 0);
+  const auto gap = platform::Date::now() - *platform::bootTime();
+  EXPECT_GE(gap + platform::Date::Microseconds(1),
+            std::chrono::duration_cast<platform::Date::Microseconds>(before));
+  EXPECT_LT(std::chrono::abs(gap - std::chrono::duration_cast<platform::Date::Microseconds>(
+                                       *platform::uptime())),
+            std::chrono::seconds(5));
+}
+
+TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {
+  have("/usr/lib/os-release", "VERSION_ID=9\n");
+  EXPECT_EQ(device_.systemVersion(), "9");
+  have("/etc/os-release", "NAME=x\nMY_VERSION_ID=1\nVERSION_ID=\"12.5\"\n");
+  EXPECT_EQ(device_.systemVersion(), "12.5");
+  have("/sys/class/dmi/id/product_name", "Watch Board \n");
+  EXPECT_EQ(device_.model(), "Watch Board");
+  have("/proc/device-tree/model", std::string_view("Acme Watch\0", 11));
+  EXPECT_EQ(device_.model(), "Acme Watch");
+
+  have("/sys/class/drm/card0-A/status", "disconnected\n");
+  have("/sys/class/drm/card0-A/modes", "1x1\n");
+  have("/sys/class/drm/card0-B/status", "connected\n");
+  have("/sys/class/drm/card0-B/modes", "");
+  have("/sys/class/drm/card1-A/status", "connected\n");
+  have("/sys/class/drm/card1-A/modes", "454x400i\n640x480\n");
+  EXPECT_EQ(device_.screenBounds().width, 454);
+  EXPECT_EQ(device_.screenBounds().height, 400);
+  for (const auto& [text, width] :
+       {std::pair{"396x484", 396.0}, {"396", 454.0}, {"x", 454.0}, {"-3x4", 454.0}, {"", 454.0}}) {
+    environment_.set("SKELDA_SCREEN", text);
+    EXPECT_EQ(device_.screenBounds().width, width) << text;
+  }
+}
+
+TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
+  const auto identifier = [&](char machine, const char* bundle) {
+    have("/etc/machine-id", std::string(32, machine) + "\n");
+    platform::Bundle::setMain(std::make_shared<const platform::Bundle>(
+        "/x.appex", "/x.appex/x", platform::Dictionary{{"CFBundleIdentifier", bundle}}));
+    return device_.identifierForVendor();
+  };
+  const std::string first = identifier('a', "com.example.a");
+  EXPECT_EQ(first.size(), 36u);
+  EXPECT_EQ(first.find("aaaa"), std::string::npos);
+  EXPECT_EQ(first, identifier('a', "com.example.a"));
+  EXPECT_NE(first, identifier('b', "com.example.a"));
+  EXPECT_NE(first, identifier('a', "com.example.b"));
+  platform::Bundle::setMain(nullptr);
+}
+
+TEST(WatchKitTest, TheDeviceIsFoundByNameAndTheExtensionKeepsItsState) {
+  EXPECT_EQ(platform::ClassRegistry::shared().make("WKInterfaceDevice"),
+            platform::WKInterfaceDevice::currentDevice());
+  using State = platform::WKExtension::ApplicationState;
+  auto& extension = platform::WKExtension::sharedExtension();
+  EXPECT_EQ(extension.applicationState(), State::active);
+  std::thread host([&] { extension.setApplicationState(State::background); });
+  host.join();
+  EXPECT_EQ(extension.applicationState(), State::background);
+  extension.setApplicationState(State::active);
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,103 @@
+#include "Platform/Foundation/FileHandle.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using platform::Data;
+using platform::Exception;
+using platform::FileHandle;
+
+class FileHandleTest : public ::testing::Test {
+ protected:
+  FileHandleTest() { writeFile(path_, "0123456789"); }
+  TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "file";
+};
+
+TEST_F(FileHandleTest, ReadsWhatTheFileStillGivesWhateverIsAskedFor) {
+  const auto handle = FileHandle::forReadingAtPath(path_);
+  EXPECT_EQ(handle->readDataOfLength(4).view(), "0123");
+  // Far more than there is memory for.
+  EXPECT_EQ(handle->readDataOfLength(~std::size_t{0} - 7).view(), "456789");
+  EXPECT_TRUE(handle->readDataOfLength(100).empty());
+  writeFile(path_, "0123456789 and more");
+  EXPECT_EQ(handle->readDataToEndOfFile().view(), " and more");
+  // A file that does not tell its size.
+  EXPECT_GT(FileHandle::forReadingAtPath("/proc/self/status")->readDataToEndOfFile().length(), 99u);
+}
+
+TEST_F(FileHandleTest, WritesWhereItStandsAndNeverMakesAFile) {
+  EXPECT_EQ(FileHandle::forWritingAtPath(directory_ / "absent"), nullptr);
+  EXPECT_EQ(FileHandle::forReadingAtPath(directory_ / "absent"), nullptr);
+  EXPECT_EQ(FileHandle::forWritingAtPath(directory_.path()), nullptr);
+  const auto handle = FileHandle::forWritingAtPath(path_);
+  handle->writeData(Data("AB"));
+  EXPECT_EQ(handle->seekToEndOfFile(), 10u);
+  handle->writeData(Data("CD"));
+  EXPECT_EQ(readFile(path_), "AB23456789CD");
+  handle->truncateFileAtOffset(3);
+  handle->writeData(Data("E"));
+  handle->synchronizeFile();
+  EXPECT_EQ(readFile(path_), "AB2E");
+  handle->closeFile();
+  EXPECT_THROW(handle->writeData(Data("F")), Exception);
+  EXPECT_THROW(handle->seekToEndOfFile(), Exception);
+  EXPECT_NO_THROW(handle->closeFile());
+}
+
+TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  const auto handle = FileHandle::forWritingAtPath(path_);
+  handle->seekToEndOfFile();
+  // Three bytes go in, then the disk is full.
+  plan->failKind("write", 1, {.shortLength = 3});
+  plan->failCall(3, {.error = ENOSPC});
+  EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+  EXPECT_EQ(plan->faults(), 2u);
+  EXPECT_EQ(readFile(path_), "0123456789");
+  handle->writeData(Data("kept"));
+  EXPECT_EQ(readFile(path_), "0123456789kept");
+
+  for (const auto kind : {"status", "write", "truncate", "syncData", "close"}) {
+    plan->failKind(kind, 1, {.error = EIO});
+    EXPECT_THROW(
+        {
+          handle->writeData(Data("+"));
+          handle->truncateFileAtOffset(14);
+          handle->synchronizeFile();
+          handle->closeFile();
+        },
+        Exception)
+        << kind;
+    plan->clear();
+  }
+}
+
+TEST_F(FileHandleTest, AWriteThatMeetsTheEndOfTheDiskIsTakenBack) {
+  ChildProcess child([&] {
+    const struct ::rlimit limit { 12, 12 };
+    ::signal(SIGXFSZ, SIG_IGN);
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+    const auto handle = FileHandle::forWritingAtPath(path_);
+    handle->seekToEndOfFile();
+    try {
+      handle->writeData(Data("too long"));
+      return 3;
+    } catch (const Exception&) {
+      return 0;
+    }
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(readFile(path_), "0123456789");
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,327 @@
+#include "Platform/Foundation/FileManager.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "Platform/Foundation/Bundle.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using platform::Data;
+using platform::ErrorRef;
+using platform::FileManager;
+
+const std::string kOld = "old content";
+const std::string kNew(300'000, 'n');
+
+/// A storage folder with a folder of committed files in it, as the agent has them.
+class FileManagerTest : public ::testing::Test {
+ protected:
+  FileManagerTest() {
+    EXPECT_TRUE(manager_.createDirectoryAtPath(committed_, true));
+    writeFile(source_, kNew);
+  }
+  std::vector<std::string> names(const std::string& folder) const {
+    auto found = manager_.contentsOfDirectoryAtPath(folder).value();
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+  bool hasTemporaries() const {
+    const auto all = names(storage_);
+    return std::any_of(all.begin(), all.end(), [](const std::string& name) {
+      return name.starts_with(FileManager::kTemporaryPrefix);
+    });
+  }
+  static ::mode_t modeOf(const std::string& path) {
+    struct ::stat status;
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 0777;
+  }
+
+  FileManager manager_;
+  TemporaryDirectory directory_;
+  const std::string storage_ = directory_ / "storage";
+  const std::string committed_ = storage_ + "/committed";
+  const std::string source_ = storage_ + "/log";
+  const std::string destination_ = committed_ + "/log_1";
+};
+
+TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
+  ErrorRef error;
+  ASSERT_TRUE(manager_.copyItemAtPath(source_, destination_, &error));
+  EXPECT_EQ(readFile(destination_), kNew);
+  EXPECT_EQ(modeOf(destination_), 0600u);
+
+  writeFile(destination_, kOld);
+  const struct {
+    std::string source;
+    std::string destination;
+    int code;
+  } refused[] = {
+      {source_, destination_, EEXIST},
+      {storage_ + "/absent", committed_ + "/x", ENOENT},
+      {committed_, committed_ + "/x", EISDIR},
+      {source_, storage_ + "/absent/x", ENOENT},
+      {source_, std::string("nul\0", 4), EINVAL},
+  };
+  for (const auto& row : refused) {
+    EXPECT_FALSE(manager_.copyItemAtPath(row.source, row.destination, &error)) << row.destination;
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), row.code) << row.destination;
+  }
+  EXPECT_EQ(readFile(destination_), kOld);
+  EXPECT_EQ(names(committed_), std::vector<std::string>{"log_1"});
+  EXPECT_FALSE(hasTemporaries());
+}
+
+TEST_F(FileManagerTest, AWatcherNeverSeesAPartialFile) {
+  std::atomic<bool> done{false};
+  std::size_t seen = 0;
+  std::size_t partial = 0;
+  std::thread watcher([&] {
+    while (!done) {
+      for (const auto& entry : std::filesystem::directory_iterator(committed_)) {
+        ++seen;
+        if (std::filesystem::file_size(entry) != kNew.size()) ++partial;
+      }
+    }
+  });
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_TRUE(manager_.copyItemAtPath(source_, committed_ + "/" + std::to_string(i)));
+  }
+  done = true;
+  watcher.join();
+  EXPECT_GT(seen, 0u);
+  EXPECT_EQ(partial, 0u);
+}
+
+TEST_F(FileManagerTest, AKillInTheMiddleLeavesWholeFilesAndSweepableRests) {
+  const std::string kept = storage_ + "/archive";
+  writeFile(kept, kOld);
+  writeFile(storage_ + "/.skelda-other", "not a rest");
+  for (int round = 0; round < 8; ++round) {
+    const std::string prefix = committed_ + "/" + std::to_string(round) + "_";
+    ChildProcess child([&] {
+      for (int i = 0; true; ++i) {
+        manager_.copyItemAtPath(source_, prefix + std::to_string(i));
+        manager_.writeData(Data(i % 2 == 0 ? kNew : kOld), kept, true);
+      }
+      return 0;
+    });
+    while (!manager_.fileExistsAtPath(prefix + std::to_string(round))) std::this_thread::yield();
+    child.kill();
+    const std::string archive = readFile(kept);
+    EXPECT_TRUE(archive == kOld || archive == kNew) << archive.size();
+  }
+  for (const std::string& name : names(committed_)) {
+    EXPECT_EQ(std::filesystem::file_size(committed_ + "/" + name), kNew.size()) << name;
+  }
+  // One more rest, whatever the kills left.
+  writeFile(storage_ + "/.skelda-tmp-0123-1-1", "rest");
+  EXPECT_GE(manager_.sweepTemporaryFiles(storage_), 1u);
+  EXPECT_EQ(names(storage_),
+            (std::vector<std::string>{".skelda-other", "archive", "committed", "log"}));
+}
+
+TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBehind) {
+  const std::string archive = storage_ + "/archive";
+  for (std::size_t call = 1; true; ++call) {
+    writeFile(archive, kOld);
+    std::filesystem::remove(destination_);
+    const auto plan = std::make_shared<FaultPlan>();
+    bool copied = false;
+    bool replaced = false;
+    {
+      FaultyFileCalls calls(plan);
+      plan->failCall(call, {.error = EIO});
+      copied = manager_.copyItemAtPath(source_, destination_);
+      plan->failCall(call, {.error = EIO});
+      replaced = manager_.writeData(Data(kNew), archive, true);
+    }
+    // A failed close or synchronisation comes too late to take the file back.
+    const bool published = manager_.fileExistsAtPath(destination_);
+    EXPECT_TRUE(published || !copied) << call;
+    if (published) {
+      EXPECT_EQ(readFile(destination_), kNew) << call;
+    }
+    const std::string now = readFile(archive);
+    EXPECT_TRUE(now == kNew || (now == kOld && !replaced)) << call;
+    EXPECT_FALSE(hasTemporaries()) << call;
+    if (plan->faults() == 0) {
+      EXPECT_TRUE(copied && replaced);
+      EXPECT_GT(call, 10u);
+      break;
+    }
+  }
+}
+
+TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
+  const struct {
+    const char* kind;
+    Fault fault;
+    const char* inUse;  ///< a kind that must be called because of it
+  } cases[] = {
+      {"open", {.error = EINTR, .times = 3}, "open"},
+      {"status", {.error = EINTR}, "status"},
+      {"copyRange", {.error = EINTR, .times = 3}, "copyRange"},
+      {"copyRange", {.shortLength = 7, .times = 5}, "copyRange"},
+      {"copyRange", {.error = EXDEV}, "write"},
+      {"copyRange", {.error = ENOSYS}, "read"},
+      {"syncData", {.error = EINTR}, "syncData"},
+      {"sync", {.error = EINVAL}, "sync"},
+      {"renameNoReplace", {.error = EINVAL}, "link"},
+      {"renameNoReplace", {.error = ENOSYS}, "unlink"},
+      {"setAttribute", {.error = ENOTSUP}, "setAttribute"},
+  };
+  for (const auto& row : cases) {
+    std::filesystem::remove(destination_);
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind(row.kind, 1, row.fault);
+    ErrorRef error;
+    EXPECT_TRUE(manager_.copyItemAtPath(source_, destination_, &error))
+        << row.kind << platform::description(error);
+    EXPECT_EQ(readFile(destination_), kNew) << row.kind;
+    EXPECT_TRUE(manager_.excludeFromBackup(destination_));
+    EXPECT_GT(plan->faults(), 0u) << row.kind;
+    EXPECT_GT(plan->calls(row.inUse), 0u) << row.kind;
+    EXPECT_FALSE(hasTemporaries()) << row.kind;
+    // Without a rename that refuses, the link does.
+    plan->failKind(row.kind, 1, row.fault);
+    EXPECT_FALSE(manager_.copyItemAtPath(source_, destination_));
+  }
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  plan->failKind("write", 1, {.shortLength = 1, .times = 4});
+  plan->failKind("read", 1, {.error = EINTR, .times = 2});
+  EXPECT_TRUE(manager_.writeData(Data(kNew), source_, true));
+  EXPECT_EQ(manager_.contentsAtPath(source_), Data(kNew));
+  plan->failKind("read", 1, {.error = EIO});
+  ErrorRef error;
+  EXPECT_EQ(manager_.contentsAtPath(source_, &error), std::nullopt);
+  EXPECT_EQ(error->code(), EIO);
+}
+
+TEST_F(FileManagerTest, AFullDiskLeavesTheOldFileAndNoCopy) {
+  // The limit on a file's size stands in for the disk's end, in a child so that nothing else
+  // meets it.
+  const auto writes = [this](const std::string& folder) {
+    const bool copied = manager_.copyItemAtPath(source_, folder + "/committed/copy");
+    const bool written = manager_.writeData(Data(kNew), folder + "/archive", true);
+    const bool whole = readFile(folder + "/archive") == kOld &&
+                       !manager_.fileExistsAtPath(folder + "/committed/copy") &&
+                       manager_.contentsOfDirectoryAtPath(folder)->size() == 3;
+    return !copied && !written && whole ? 0 : 1;
+  };
+  writeFile(storage_ + "/archive", kOld);
+  ChildProcess limited([&] {
+    const struct ::rlimit limit { 100'000, 100'000 };
+    ::signal(SIGXFSZ, SIG_IGN);
+    return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? writes(storage_) : 2;
+  });
+  EXPECT_EQ(limited.wait(), 0);
+
+  const std::string small = directory_ / "small";
+  ASSERT_TRUE(manager_.createDirectoryAtPath(small, false));
+  constexpr int kNotPermitted = 77;
+  ChildProcess full([&] {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("none", small.c_str(), "tmpfs", 0, "size=128k") != 0) {
+      return kNotPermitted;
+    }
+    manager_.createDirectoryAtPath(small + "/committed", false);
+    writeFile(small + "/archive", kOld);
+    writeFile(small + "/third", "");
+    return writes(small);
+  });
+  const int result = full.wait();
+  if (result == kNotPermitted) GTEST_SKIP() << "no permission to mount a small file system";
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(FileManagerTest, FoldersAndFilesAreThePrivateOnesOfTheirOwner) {
+  const std::string deep = directory_ / "a/b//c/";
+  ErrorRef error;
+  EXPECT_FALSE(manager_.createDirectoryAtPath(deep, false, &error));
+  EXPECT_EQ(error->code(), ENOENT);
+  ASSERT_TRUE(manager_.createDirectoryAtPath(deep, true));
+  EXPECT_TRUE(manager_.createDirectoryAtPath(deep, true));
+  EXPECT_EQ(modeOf(directory_ / "a"), 0700u);
+  EXPECT_EQ(modeOf(deep), 0700u);
+  EXPECT_FALSE(manager_.createDirectoryAtPath(source_, true, &error));
+  EXPECT_FALSE(manager_.createDirectoryAtPath(source_ + "/under-a-file", true, &error));
+  EXPECT_EQ(error->code(), ENOTDIR);
+
+  ASSERT_TRUE(manager_.createFileAtPath(deep + "new", Data(kOld)));
+  EXPECT_EQ(modeOf(deep + "new"), 0600u);
+  ASSERT_TRUE(manager_.createFileAtPath(deep + "new"));
+  EXPECT_EQ(readFile(deep + "new"), "");
+  ASSERT_TRUE(manager_.writeData(Data(kOld), deep + "new", false));
+  EXPECT_EQ(manager_.contentsAtPath(deep + "new"), Data(kOld));
+}
+
+TEST_F(FileManagerTest, RemovingAFolderLeavesWhatItsLinksPointTo) {
+  std::filesystem::create_symlink(committed_, storage_ + "/link");
+  writeFile(committed_ + "/inside", kOld);
+  EXPECT_TRUE(manager_.removeItemAtPath(storage_ + "/link"));
+  EXPECT_EQ(readFile(committed_ + "/inside"), kOld);
+  std::filesystem::create_directory(directory_ / "tree");
+  std::filesystem::create_symlink(committed_, directory_ / "tree/link");
+  EXPECT_TRUE(manager_.removeItemAtPath(directory_ / "tree"));
+  EXPECT_EQ(readFile(committed_ + "/inside"), kOld);
+  ErrorRef error;
+  EXPECT_FALSE(manager_.removeItemAtPath(directory_ / "tree", &error));
+  EXPECT_EQ(error->code(), ENOENT);
+  EXPECT_EQ(manager_.contentsOfDirectoryAtPath(directory_ / "tree", &error), std::nullopt);
+  EXPECT_EQ(error->code(), ENOENT);
+}
+
+TEST_F(FileManagerTest, BackupExclusionIsAnAttributeOfTheFile) {
+  ASSERT_TRUE(manager_.excludeFromBackup(source_));
+  char value[8] = {};
+  const auto length = ::getxattr(source_.c_str(), "user.xdg.robots.backup", value, sizeof value);
+  if (length < 0 && errno == ENOTSUP) GTEST_SKIP() << "no attributes on this file system";
+  EXPECT_EQ(std::string(value, static_cast<std::size_t>(std::max<::ssize_t>(length, 0))), "false");
+  EXPECT_FALSE(manager_.excludeFromBackup(storage_ + "/absent"));
+  EXPECT_GT(manager_.attributesOfFileSystemForPath(storage_)->size, 0u);
+  EXPECT_EQ(manager_.attributesOfFileSystemForPath(storage_ + "/absent"), std::nullopt);
+}
+
+TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
+  TemporaryHome home;
+  const auto withIdentifier = [](const char* identifier) {
+    platform::Dictionary information;
+    if (identifier != nullptr) information.set("CFBundleIdentifier", identifier);
+    platform::Bundle::setMain(
+        std::make_shared<const platform::Bundle>("/x.appex", "/x.appex/x", information));
+    return FileManager::applicationSupportDirectory();
+  };
+  EXPECT_EQ(withIdentifier("com.example.run"), home / "data/com.example.run");
+  EXPECT_EQ(withIdentifier(nullptr), home / "data");
+  EXPECT_EQ(withIdentifier("../evil"), home / "data/.._evil");
+  EXPECT_EQ(withIdentifier(".."), home / "data/_.");
+  home.environment().set("XDG_DATA_HOME", "relative");
+  home.environment().set("XDG_STATE_HOME", std::nullopt);
+  home.environment().set("XDG_DOCUMENTS_DIR", "");
+  EXPECT_EQ(withIdentifier("b"), home / ".local/share/b");
+  EXPECT_EQ(FileManager::stateDirectory(), home / ".local/state");
+  EXPECT_EQ(FileManager::documentsDirectory(), home.path());
+  platform::Bundle::setMain(nullptr);
+}
+
+}  // namespace
+}  // namespace skelda::testing

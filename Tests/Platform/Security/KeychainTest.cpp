@@ -1,0 +1,223 @@
+#include "Platform/Security/Keychain.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "Platform/Foundation/SystemFiles.h"
+#include "Platform/Security/Digest.h"
+#include "Platform/Security/Sealing.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using namespace platform;  // NOLINT: the status codes and calls under test
+constexpr auto kUnlocked = KeychainAccessibility::whenUnlocked;
+constexpr auto kThisDevice = KeychainAccessibility::afterFirstUnlockThisDeviceOnly;
+
+/// A keychain, and a machine with an id, of the test's own. Nothing is kept between calls, so that
+/// every look-up is one after a restart.
+class KeychainTest : public ::testing::Test {
+ protected:
+  KeychainTest() {
+    setSystemRoot(home_.path());
+    becomeMachine('a');
+  }
+  ~KeychainTest() override {
+    setSystemRoot("");
+    DeviceLock::setLocked(false);
+  }
+  void becomeMachine(char digit) {
+    std::filesystem::create_directories(home_ / "etc");
+    writeFile(home_ / "etc/machine-id", std::string(32, digit) + "\n");
+  }
+  static KeychainQuery query(std::string account, std::string service = "service") {
+    return {std::move(service), Data(account), Data(account)};
+  }
+  static std::string valueOf(const KeychainQuery& query) {
+    Data value;
+    const OSStatus status = SecItemCopyMatching(query, &value);
+    return status == errSecSuccess ? value.string() : std::to_string(status);
+  }
+  std::string folder() const { return home_ / "state/skelda-keychain"; }
+  /// The only service's file.
+  std::string file() const {
+    for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+      if (entry.path().extension() == ".json") return entry.path().string();
+    }
+    return {};
+  }
+  void replaceInFile(const std::string& from, const std::string& to) {
+    std::string text = readFile(file());
+    ASSERT_NE(text.find(from), std::string::npos);
+    writeFile(file(), text.replace(text.find(from), from.size(), to));
+  }
+
+  TemporaryHome home_;
+};
+
+TEST_F(KeychainTest, ItemsAreAddedReadReplacedAndRemoved) {
+  EXPECT_EQ(valueOf(query("id")), std::to_string(errSecItemNotFound));
+  EXPECT_FALSE(std::filesystem::exists(folder())) << "reading makes nothing";
+  ASSERT_EQ(SecItemAdd(query("id"), Data("one"), kUnlocked), errSecSuccess);
+  EXPECT_EQ(SecItemAdd(query("id"), Data("two"), kThisDevice), errSecDuplicateItem);
+  EXPECT_EQ(SecItemAdd(query("id", "other"), Data(""), kUnlocked), errSecSuccess);
+  EXPECT_EQ(valueOf(query("id")), "one");
+  EXPECT_EQ(valueOf(query("id", "other")), "");
+  EXPECT_EQ(SecItemUpdate(query("id"), Data("three")), errSecSuccess);
+  EXPECT_EQ(valueOf(query("id")), "three");
+  EXPECT_EQ(SecItemDelete(query("id")), errSecSuccess);
+  EXPECT_EQ(valueOf(query("id")), std::to_string(errSecItemNotFound));
+  EXPECT_EQ(SecItemDelete(query("id")), errSecItemNotFound);
+  EXPECT_EQ(SecItemUpdate(query("id"), Data("four")), errSecItemNotFound);
+  EXPECT_EQ(SecItemAdd(query(""), Data("x"), kUnlocked), errSecParam);
+  EXPECT_EQ(SecItemAdd(query("id", "\xff"), Data("x"), kUnlocked), errSecParam);
+
+  for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+    struct ::stat status;
+    ASSERT_EQ(::stat(entry.path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u) << entry.path();
+    EXPECT_EQ(readFile(entry.path().string()).find("three"), std::string::npos);
+  }
+}
+
+TEST_F(KeychainTest, ALockedDeviceKeepsItsUnlockedItemsClosed) {
+  ASSERT_EQ(SecItemAdd(query("open"), Data("1"), kUnlocked), errSecSuccess);
+  ASSERT_EQ(SecItemAdd(query("device"), Data("2"), kThisDevice), errSecSuccess);
+  DeviceLock::setLocked(true);
+  EXPECT_EQ(SecItemCopyMatching(query("open"), nullptr), errSecInteractionNotAllowed);
+  EXPECT_EQ(SecItemUpdate(query("open"), Data("x")), errSecInteractionNotAllowed);
+  EXPECT_EQ(SecItemDelete(query("open")), errSecInteractionNotAllowed);
+  EXPECT_EQ(SecItemAdd(query("more"), Data("x"), kUnlocked), errSecInteractionNotAllowed);
+  EXPECT_EQ(valueOf(query("device")), "2");
+  DeviceLock::setLocked(false);
+  EXPECT_EQ(valueOf(query("open")), "1");
+}
+
+TEST_F(KeychainTest, ThisDeviceItemsDoNotOpenOnAnotherMachine) {
+  ASSERT_EQ(SecItemAdd(query("device"), Data("2"), kThisDevice), errSecSuccess);
+  ASSERT_EQ(SecItemAdd(query("any"), Data("1"), kUnlocked), errSecSuccess);
+  becomeMachine('b');
+  EXPECT_EQ(SecItemCopyMatching(query("device"), nullptr), errSecDecode);
+  EXPECT_EQ(valueOf(query("any")), "1");
+  EXPECT_EQ(SecItemUpdate(query("device"), Data("3")), errSecSuccess) << "a new value heals it";
+  EXPECT_EQ(valueOf(query("device")), "3");
+}
+
+TEST_F(KeychainTest, TamperedItemsDoNotOpen) {
+  const struct {
+    const char* from;
+    const char* to;
+  } changes[] = {
+      {"\"sealed\": \"", "\"sealed\": \"AAAA"},
+      {"\"nonce\": \"", "\"nonce\": \"AAAA"},
+      {"afterFirstUnlockThisDeviceOnly", "whenUnlocked"},
+      {"afterFirstUnlockThisDeviceOnly", "always"},
+      {"\"service\": \"service\"", "\"service\": \"another\""},
+      {"\"version\": 1", "\"version\": 2"},
+      {"{", "["},
+  };
+  for (const auto& change : changes) {
+    ASSERT_EQ(SecItemAdd(query("id"), Data("secret"), kThisDevice), errSecSuccess);
+    replaceInFile(change.from, change.to);
+    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), errSecDecode) << change.to;
+    std::filesystem::remove(file());
+  }
+  // Sealed bytes moved to another account of the same service.
+  ASSERT_EQ(SecItemAdd(query("id"), Data("secret"), kUnlocked), errSecSuccess);
+  replaceInFile("aWQ=", "aWE=");
+  replaceInFile("aWQ=", "aWE=");
+  EXPECT_EQ(SecItemCopyMatching(query("ia"), nullptr), errSecDecode);
+  std::filesystem::remove(folder() + "/sealing.key");
+  EXPECT_EQ(SecItemCopyMatching(query("ia"), nullptr), errSecDecode);
+}
+
+TEST_F(KeychainTest, ADamagedFileIsSetAsideByTheNextItem) {
+  ASSERT_EQ(SecItemAdd(query("id"), Data("old"), kUnlocked), errSecSuccess);
+  const std::string path = file();
+  writeFile(path, "garbage");
+  EXPECT_EQ(SecItemUpdate(query("id"), Data("new")), errSecDecode);
+  EXPECT_EQ(SecItemDelete(query("id")), errSecDecode);
+  EXPECT_EQ(SecItemAdd(query("id"), Data("new"), kUnlocked), errSecSuccess);
+  EXPECT_EQ(valueOf(query("id")), "new");
+  EXPECT_EQ(readFile(path + ".damaged"), "garbage");
+}
+
+TEST_F(KeychainTest, WhicheverCallFailsTheOldItemsStay) {
+  ASSERT_EQ(SecItemAdd(query("id"), Data("old"), kThisDevice), errSecSuccess);
+  for (std::size_t call = 1; true; ++call) {
+    const auto plan = std::make_shared<FaultPlan>();
+    OSStatus status = errSecSuccess;
+    {
+      FaultyFileCalls calls(plan);
+      plan->failCall(call, {.error = EMFILE});
+      status = SecItemUpdate(query("id"), Data("new"));
+    }
+    const std::string now = valueOf(query("id"));
+    if (plan->faults() == 0) {
+      EXPECT_EQ(status, errSecSuccess);
+      EXPECT_EQ(now, "new");
+      EXPECT_GT(call, 8u);
+      return;
+    }
+    EXPECT_TRUE(now == "old" || now == "new") << call << " " << now;
+    EXPECT_TRUE(status == errSecSuccess || status == errSecIO) << call << " " << status;
+    ASSERT_EQ(SecItemUpdate(query("id"), Data("old")), errSecSuccess);
+  }
+}
+
+TEST_F(KeychainTest, ThreadsAndProcessesLoseNothingOfEachOther) {
+  const auto addTen = [](char owner) {
+    for (char c = '0'; c <= '9'; ++c) {
+      const std::string account{owner, c};
+      if (SecItemAdd(query(account), Data(account), kThisDevice) != errSecSuccess) return 1;
+    }
+    return 0;
+  };
+  ChildProcess first([&] { return addTen('x'); });
+  ChildProcess second([&] { return addTen('y'); });
+  std::thread third([&] { EXPECT_EQ(addTen('t'), 0); });
+  EXPECT_EQ(addTen('u'), 0);
+  third.join();
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+  for (const char owner : {'x', 'y', 't', 'u'}) {
+    for (char c = '0'; c <= '9'; ++c) {
+      const std::string account{owner, c};
+      EXPECT_EQ(valueOf(query(account)), account);
+    }
+  }
+}
+
+TEST(SealingTest, OpensOnlyWithItsKeyContextAndBytes) {
+  const std::string key(kSealingKeyLength, 'k');
+  for (const std::string& plain : {std::string(), std::string("secret"), std::string(9000, '\0')}) {
+    const auto sealed = seal(key, plain, "context");
+    ASSERT_TRUE(sealed);
+    EXPECT_EQ(unseal(key, *sealed, "context"), plain);
+    EXPECT_NE(sealed->nonce, seal(key, plain, "context")->nonce);
+    EXPECT_EQ(unseal(derivedKey(key, "other"), *sealed, "context"), std::nullopt);
+    EXPECT_EQ(unseal(key, *sealed, "other"), std::nullopt);
+    EXPECT_EQ(unseal(key.substr(1), *sealed, "context"), std::nullopt);
+    for (std::size_t i = 0; i < sealed->bytes.size(); i += 1000) {
+      Sealed changed = *sealed;
+      changed.bytes[i] = static_cast<char>(changed.bytes[i] ^ 1);
+      EXPECT_EQ(unseal(key, changed, "context"), std::nullopt);
+    }
+  }
+  EXPECT_EQ(unseal(key, {std::string(12, 'n'), "short"}, "context"), std::nullopt);
+  EXPECT_EQ(derivedKey(key, "a"), derivedKey(key, "a"));
+  EXPECT_NE(derivedKey(key, "a"), derivedKey(key, "b"));
+  EXPECT_EQ(derivedKey(key, "a").size(), kSealingKeyLength);
+  EXPECT_EQ(hmacSHA256("key", "The quick brown fox jumps over the lazy dog").substr(0, 4),
+            "\xf7\xbc\x83\xf4");
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Platform/Foundation/Log.h"
+#include "Platform/Platform.h"
+
+namespace skelda::testing {
+
+/// Takes the lines of the platform log for as long as it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    platform::Log::setSink([this](std::string_view line) {
+      std::lock_guard lock(mutex_);
+      lines_.emplace_back(line);
+    });
+  }
+  ~LogCapture() { platform::Log::setSink({}); }
+
+  /// What came since the last call.
+  std::vector<std::string> take() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(lines_, {});
+  }
+  std::size_t count(std::string_view part) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(
+        lines_.begin(), lines_.end(),
+        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace skelda::testing
