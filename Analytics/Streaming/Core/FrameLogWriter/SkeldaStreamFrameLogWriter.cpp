@@ -208,7 +208,7 @@ void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame() {
   const auto last = static_cast<std::uint32_t>(storage->integerForKey(key));
   const auto counter = static_cast<std::int32_t>(last + 1U);
   storage->setInteger(counter, key);
-  // The store is on disk when it answers: no log is begun with a number that could be given twice.
+  // The store is on disk when it answers, so that no log begins with a number that is given again.
   storage->integerForKey(key);
   const auto message = SkeldaStreamCounter::counterFrameWithCounter(counter);
   onqueue_writeData(serializer_->frameFromStreamMessage(*message), true);

@@ -1,6 +1,7 @@
 // The start of the writer: what the last run left is repaired, marked as crashed and committed.
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
@@ -14,7 +15,6 @@
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/Date.h"
-#include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileHandle.h"
 
@@ -76,8 +76,15 @@ bool SkeldaStreamFrameLogWriter::onqueue_setLogAside() {
 }
 
 bool SkeldaStreamFrameLogWriter::onqueue_validatePendingLogFile() {
-  ReadableLog readable;
-  return onqueue_readPendingLog(readable) && onqueue_cutPendingLog(readable);
+  try {
+    ReadableLog readable;
+    return onqueue_readPendingLog(readable) && onqueue_cutPendingLog(readable);
+  } catch (const std::exception& exception) {
+    // No memory for what was left, for one: the pipeline must become ready all the same.
+    SkeldaUtil::handleException(exception);
+    fileHandle_->closeFile();
+    return false;
+  }
 }
 
 bool SkeldaStreamFrameLogWriter::onqueue_readPendingLog(ReadableLog& readable) {
@@ -134,16 +141,11 @@ bool SkeldaStreamFrameLogWriter::onqueue_cutPendingLog(const ReadableLog& readab
   SKELDA_LOG(1, "{}: unable to write frame log file at path {}, error = {}",
              kValidatePendingLogFile, *logPath_, platform::description(error));
   // No room for a second copy, perhaps: then the log is cut where it stands.
-  try {
-    const auto handle = platform::FileHandle::forWritingAtPath(*logPath_);
-    if (!handle) return false;
-    handle->truncateFileAtOffset(readable.lengthInFile);
-    handle->synchronizeFile();
-    return true;
-  } catch (const platform::Exception& exception) {
-    SkeldaUtil::handleException(exception);
-    return false;
-  }
+  const auto handle = platform::FileHandle::forWritingAtPath(*logPath_);
+  if (!handle) return false;
+  handle->truncateFileAtOffset(readable.lengthInFile);
+  handle->synchronizeFile();
+  return true;
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_closeCrashedLog() {

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
+
+namespace skelda::testing {
+
+using Message = ISkeldaStreamMessage::Ref;
+
+/// An event that happened `ms` after 1970, at an uptime of `ms` + 7; its id is `ms`.
+inline std::shared_ptr<SkeldaStreamEvent> eventAt(std::int64_t ms) {
+  auto event = SkeldaStreamEvent::streamEventWithEventName(
+      "Lap", "CUSTOM_EVENT", false, false, {}, nullptr,
+      platform::Date(platform::Date::Microseconds(ms * 1000)));
+  event->setEventId(static_cast<std::uint32_t>(ms));
+  event->setEpochTimeStamp(0);
+  event->setRelativeTimeStamp(7);
+  return event;
+}
+inline std::shared_ptr<SkeldaStreamMessage> plainMessage(std::int32_t frameType,
+                                                         std::string payload = "{}") {
+  auto message = std::make_shared<SkeldaStreamMessage>();
+  message->setFrameVersion(1);
+  message->setFrameType(frameType);
+  message->setPayload(platform::Data(std::move(payload)));
+  return message;
+}
+
+/// A message in a word: "e5" an event, "flush3", "session@0" and, ended, "session@0..12",
+/// "propsStart", "propsEnd", "counter1", else its frame type.
+inline std::string wordFor(const ISkeldaStreamMessage& message) {
+  if (const auto* e = dynamic_cast<const SkeldaStreamEvent*>(&message))
+    return "e" + std::to_string(e->eventId());
+  if (const auto* f = dynamic_cast<const SkeldaStreamFlush*>(&message))
+    return "flush" + std::to_string(f->status());
+  if (const auto* c = dynamic_cast<const SkeldaStreamCounter*>(&message))
+    return "counter" + std::to_string(c->frameCounter());
+  if (const auto* p = dynamic_cast<const SkeldaStreamSessionDeviceProperties*>(&message))
+    return p->endProperties() ? "propsEnd" : "propsStart";
+  if (const auto* s = dynamic_cast<const SkeldaStreamSessionId*>(&message)) {
+    const auto start = s->startupTime().value().microsecondsSince1970().count() / 1000;
+    const auto end = s->elapsedEndTime();
+    return "session@" + std::to_string(start) + (end ? ".." + std::to_string(end) : "");
+  }
+  return std::to_string(message.frameType());
+}
+inline void addWord(std::string& words, const std::string& word) {
+  words += (words.empty() ? "" : " ") + word;
+}
+
+/// A neighbour that writes down what it is told. Any thread.
+class RecordingStage : public platform::Object,
+                       public virtual ISkeldaStreamComponent,
+                       public ISkeldaStreamCoreComponent {
+ public:
+  std::string_view className() const noexcept override { return "RecordingStage"; }
+  void streamMessage(Message message) override {
+    std::lock_guard lock(mutex_);
+    messages_.push_back(std::move(message));
+    changed_.notify_all();
+  }
+  std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return types; }
+  void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void asyncStreamResponse(platform::ObjectRef) override { note("async"); }
+  void syncStreamResponse(platform::ObjectRef) override { note("sync"); }
+  void nextStageDidChangeState(std::int32_t state) override { note(std::to_string(state)); }
+  void startup() override {}
+
+  /// The messages, once there are `count` of them or five seconds have passed.
+  std::vector<Message> messages(std::size_t count = 0) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return messages_.size() >= count; });
+    return messages_;
+  }
+  std::string words(std::size_t count = 0) {
+    std::string all;
+    for (const auto& message : messages(count)) addWord(all, wordFor(*message));
+    return all;
+  }
+  /// Responses and states; waits for the first one where asked to.
+  std::string notes(bool wait = false) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return !wait || !notes_.empty(); });
+    return notes_;
+  }
+
+  std::optional<std::set<std::int32_t>> types = SkeldaStreamFrameTypeUtil::allFrameTypes();
+
+ private:
+  void note(const std::string& word) {
+    std::lock_guard lock(mutex_);
+    addWord(notes_, word);
+    changed_.notify_all();
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Message> messages_;
+  std::string notes_;
+};
+
+/// Waits until what was posted to the stage has run, with the hop that a message takes behind it.
+inline void settle(SkeldaActorStreamComponentBase& stage) {
+  for (int hops = 0; hops < 3; ++hops) stage.syncBlock([] {});
+}
+
+/// A stage between two recorders, ready to forward.
+template <class Stage>
+std::shared_ptr<RecordingStage> readyBeforeRecorder(Stage& stage) {
+  auto recorder = std::make_shared<RecordingStage>();
+  stage.registerNextStageComponent(recorder);
+  stage.updateState(ISkeldaStreamCoreComponent::kStateReady);
+  return recorder;
+}
+
+}  // namespace skelda::testing

@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "Analytics/Streaming/Core/SkeldaStreamCoreBuffer.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+
+namespace skelda::testing {
+namespace {
+
+class PlainStage : public SkeldaActorStreamComponentBase {
+ public:
+  PlainStage() : SkeldaActorStreamComponentBase("PlainStage") {}
+};
+class CoreStage : public SkeldaActorStreamCoreComponent {
+ public:
+  CoreStage() : SkeldaActorStreamCoreComponent("CoreStage") {}
+  void nextStageDidChangeState(std::int32_t state) override { becomeReadyWithNextStage(state); }
+};
+
+TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
+  const auto stage = SkeldaActor::made(new PlainStage());
+  const auto events = std::make_shared<RecordingStage>();
+  const auto all = std::make_shared<RecordingStage>();
+  const auto none = std::make_shared<RecordingStage>();
+  events->types = {SkeldaStreamFrameTypeUtil::kEvent};
+  none->types = std::nullopt;
+  stage->registerNextStageComponent(events);
+  stage->registerNextStageComponent(all);
+  stage->registerNextStageComponent(events);
+  stage->registerNextStageComponent(none);
+  stage->registerNextStageComponent(nullptr);
+  for (const int type : {134, 148, 9999, 134}) stage->streamMessage(plainMessage(type));
+  stage->streamMessage(nullptr);
+  settle(*stage);
+  EXPECT_EQ(events->words(), "134 134 134 134") << "registered twice, delivered twice";
+  EXPECT_EQ(all->words(), "134 148 134");
+  EXPECT_EQ(none->words(), "");
+  const auto map = stage->frameTypeToNextStageComponentsMap();
+  EXPECT_EQ(map.size(), SkeldaStreamFrameTypeUtil::kTable.size());
+  EXPECT_EQ(*map.find(134), (SkeldaNextStageMap::Stages{events, all, events}));
+  EXPECT_EQ(map.find(9999), nullptr);
+}
+
+TEST(StreamComponent, HandsResponsesBackToLivePreviousStagesOnce) {
+  const auto last = SkeldaActor::made(new PlainStage());
+  const auto middle = SkeldaActor::made(new PlainStage());
+  const auto first = std::make_shared<RecordingStage>();
+  auto gone = std::make_shared<RecordingStage>();
+  last->registerPreviousStageComponent(middle);
+  middle->registerPreviousStageComponent(first);
+  middle->registerPreviousStageComponent(first);
+  middle->registerPreviousStageComponent(gone);
+  settle(*middle);
+  gone.reset();
+  EXPECT_EQ(middle->previousStageComponents().size(), 1U);
+
+  last->syncStreamResponse(plainMessage(0));
+  EXPECT_EQ(first->notes(), "sync") << "before the call returned";
+  last->asyncStreamResponse(plainMessage(0));
+  last->syncStreamResponse(nullptr);
+  settle(*last);
+  EXPECT_EQ(first->notes(), "sync sync") << "passed on synchronously however it arrived";
+}
+
+TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrder) {
+  for (const bool started : {false, true}) {
+    const auto stage = SkeldaActor::made(new CoreStage());
+    const auto next = std::make_shared<RecordingStage>();
+    const auto previous = std::make_shared<RecordingStage>();
+    stage->registerNextStageComponent(next);
+    stage->registerPreviousStageComponent(previous);
+    EXPECT_EQ(stage->moduleState(), 1);
+    if (started) stage->startup();
+    EXPECT_EQ(stage->moduleState(), started ? 2 : 1);
+
+    for (const int ms : {1, 2, 3}) stage->streamMessage(eventAt(ms));
+    settle(*stage);
+    stage->nextStageDidChangeState(2);
+    settle(*stage);
+    EXPECT_EQ(next->words(), "");
+    EXPECT_EQ(stage->deferredMessageQueue().size(), 3U);
+
+    stage->nextStageDidChangeState(3);
+    stage->streamMessage(eventAt(4));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4");
+    stage->updateState(3);
+    stage->updateState(1);
+    stage->streamMessage(eventAt(5));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4 e1 e2 e3") << "what was held goes out again";
+    EXPECT_EQ(previous->notes(), "3 3 1");
+  }
+}
+
+TEST(StreamComponentDeathTest, AbortsWhereAStageMustSayMore) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(SkeldaActorStreamComponentBase(), "0");
+  EXPECT_DEATH(SkeldaActorStreamCoreComponent(), "0");
+  struct Abstract : SkeldaActorStreamCoreComponent {
+    Abstract() : SkeldaActorStreamCoreComponent("Abstract") {}
+  };
+  EXPECT_DEATH(Abstract().nextStageDidChangeState(3), "0");
+}
+
+TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPauses) {
+  constexpr int kSources = 4;
+  constexpr int kMessages = 200;
+  const auto buffer = SkeldaStreamCoreBuffer::streamBuffer();
+  const auto next = readyBeforeRecorder(*buffer);
+  std::vector<std::thread> sources;
+  for (int source = 0; source < kSources; ++source) {
+    sources.emplace_back([&buffer, source] {
+      for (int i = 0; i < kMessages; ++i) buffer->streamMessage(eventAt(source * kMessages + i));
+    });
+  }
+  for (int i = 0; i < 20; ++i) {
+    buffer->pause();
+    buffer->resume();
+  }
+  for (auto& source : sources) source.join();
+
+  const auto received = next->messages(kSources * kMessages);
+  ASSERT_EQ(received.size(), std::size_t{kSources * kMessages});
+  std::vector<int> expected(kSources, 0);
+  for (const auto& message : received) {
+    const auto id =
+        static_cast<int>(std::dynamic_pointer_cast<SkeldaStreamEvent>(message)->eventId());
+    EXPECT_EQ(id % kMessages, expected[static_cast<std::size_t>(id / kMessages)]++);
+  }
+}
+
+TEST(StreamCoreBuffer, HoldsWhilePausedAndUntilTheNextStageIsReady) {
+  const auto buffer = SkeldaStreamCoreBuffer::streamBuffer();
+  const auto next = std::make_shared<RecordingStage>();
+  buffer->registerNextStageComponent(next);
+  buffer->streamMessage(eventAt(1));
+  settle(*buffer);
+  EXPECT_EQ(next->words(), "") << "not ready";
+  buffer->pause();
+  buffer->streamMessage(eventAt(2));
+  buffer->nextStageDidChangeState(3);
+  settle(*buffer);
+  EXPECT_EQ(next->words(), "e1") << "paused";
+  buffer->resume();
+  EXPECT_EQ(next->words(2), "e1 e2");
+}
+
+}  // namespace
+}  // namespace skelda::testing

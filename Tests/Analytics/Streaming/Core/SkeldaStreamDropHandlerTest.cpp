@@ -1,0 +1,80 @@
+#include "Analytics/Streaming/Core/SkeldaStreamDropHandler.h"
+
+#include <gtest/gtest.h>
+
+#include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
+#include "Analytics/Streaming/Core/SkeldaWatchStreamEventDropRule.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+
+namespace skelda::testing {
+namespace {
+
+static_assert(sessionLimitInMilliseconds(10) == 600000);
+static_assert(sessionLimitInMilliseconds(35791) == 2147460000);
+static_assert(sessionLimitInMilliseconds(35792) == -2147447296, "wraps around");
+
+struct DropCase {
+  const char* name;
+  std::int32_t threshold;
+  std::int32_t minutes;
+  std::vector<std::int64_t> events;  // By time; the time is the id.
+  const char* kept;
+  std::uint32_t count;
+};
+
+class EventDropRule : public ::testing::TestWithParam<DropCase> {};
+
+TEST_P(EventDropRule, KeepsAndCounts) {
+  const auto& [name, threshold, minutes, events, kept, count] = GetParam();
+  const auto rule =
+      SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(threshold, minutes);
+  std::string words;
+  for (const auto ms : events) {
+    const auto event = eventAt(ms);
+    if (!rule->shouldDropMessage(event)) addWord(words, wordFor(*event));
+  }
+  EXPECT_EQ(words, kept);
+  EXPECT_EQ(rule->getEventCount(), count);
+  EXPECT_FALSE(rule->shouldDropMessage(plainMessage(148)));
+
+  EXPECT_TRUE(rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(1)).empty());
+  const auto before = rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(3));
+  ASSERT_EQ(before.size(), 1U);
+  const auto summary = std::dynamic_pointer_cast<SkeldaStreamEventSummary>(before[0]);
+  ASSERT_NE(summary, nullptr);
+  EXPECT_EQ(summary->eventCount(), count);
+  EXPECT_EQ(summary->setComplete(), rule->droppedEventsSet().empty());
+
+  rule->reset();
+  EXPECT_EQ(rule->getEventCount(), 0U);
+  EXPECT_EQ(rule->initialTimeStamp(), platform::Date::distantFuture());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sessions, EventDropRule,
+    ::testing::Values(
+        DropCase{"None", 3, 10, {}, "", 0},
+        DropCase{"CapCountsDroppedOnes", 3, 10, {1, 2, 3, 4, 5}, "e1 e2 e3", 5},
+        DropCase{"RepeatIsDroppedAndCounted", 3, 10, {1, 1, 2, 3}, "e1 e2", 4},
+        DropCase{"AtTheLimitIsKept", 9, 10, {1, 600001, 600002, 3}, "e1 e600001 e3", 4},
+        DropCase{"EarlierEventMovesTheStart", 9, 10, {600001, 1, 600002}, "e600001 e1", 3},
+        DropCase{"DroppedEventMovesTheStart", 1, 10, {600001, 1, 600002}, "e600001", 3},
+        DropCase{"LimitThatWrappedAround", 9, 35792, {5, 6, 5}, "e5", 3}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST(StreamDropHandler, ResetsItsRulesBehindTheFinalizingFlushAndLosesTheSummaryOnItsWay) {
+  const auto rule = SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(2, 10);
+  const auto handler = SkeldaStreamDropHandler::dropHandlerWithRules({rule});
+  const auto next = readyBeforeRecorder(*handler);
+  for (const int ms : {1, 2, 3}) handler->streamMessage(eventAt(ms));
+  for (const int status : {1, 3}) {
+    handler->streamMessage(SkeldaStreamFlush::streamFlushWithStatus(status));
+    handler->streamMessage(eventAt(4));
+  }
+  settle(*handler);
+  EXPECT_EQ(next->words(), "e1 e2 flush1 flush3 e4");
+}
+
+}  // namespace
+}  // namespace skelda::testing
