@@ -28,8 +28,21 @@ bool isPlain(std::uint8_t byte) {
   return byte >= 0x20 && byte < 0x80 && byte != '"' && byte != '\\';
 }
 
+/// Whether the whole text may be written as it stands. May say so wrongly for no.
+bool isPlain(std::string_view text) {
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  if (text.size() < 8) {
+    while (at != end && isPlain(static_cast<std::uint8_t>(*at))) ++at;
+    return at == end;
+  }
+  for (; end - at > 8; at += 8)
+    if (hasSpecialByte(loadWord(at))) return false;
+  // The last word overlaps the one before.
+  return !hasSpecialByte(loadWord(end - 8));
+}
+
 const std::uint8_t* skipPlain(const std::uint8_t* at, const std::uint8_t* end) {
-  while (end - at >= 8 && !hasSpecialByte(loadWord(at))) at += 8;
   while (at != end && isPlain(*at)) ++at;
   return at;
 }
@@ -65,15 +78,14 @@ void appendEscaped(std::string& out, std::uint8_t byte) {
   }
 }
 
-void appendQuoted(std::string& out, std::string_view text) {
+void appendEscapedText(std::string& out, std::string_view text) {
   const auto* at = reinterpret_cast<const std::uint8_t*>(text.data());
   const std::uint8_t* const end = at + text.size();
-  out += '"';
   while (true) {
     const std::uint8_t* const stop = skipPlain(at, end);
     out.append(reinterpret_cast<const char*>(at), static_cast<std::size_t>(stop - at));
     at = stop;
-    if (at == end) break;
+    if (at == end) return;
     if (*at < 0x80) {
       appendEscaped(out, *at++);
       continue;
@@ -85,6 +97,18 @@ void appendQuoted(std::string& out, std::string_view text) {
       out += kReplacement;
     at += step.length;
   }
+}
+
+void appendQuoted(std::string& out, std::string_view text) {
+  if (isPlain(text)) {
+    // Nearly all texts: room is made once, and the quotes come with it.
+    const std::size_t start = out.size();
+    out.append(text.size() + 2, '"');
+    text.copy(out.data() + start + 1, text.size());
+    return;
+  }
+  out += '"';
+  appendEscapedText(out, text);
   out += '"';
 }
 
@@ -231,6 +255,7 @@ void JSONWriter::value(const Value& value) {
 
 std::string jsonText(const Value& value, bool pretty) {
   std::string text;
+  text.reserve(256);
   JSONWriter(text, pretty).value(value);
   return text;
 }
