@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FileManager.h"
@@ -26,18 +27,20 @@ std::string systemPath(std::string_view path) {
   return root() + std::string(path);
 }
 
-std::optional<std::string> readSystemFile(std::string_view path) {
+std::optional<std::string> readSystemFile(std::string_view path, int* error) {
   constexpr std::size_t kMaximum = std::size_t{1} << 20;
-  int error = 0;
-  const FileDescriptor file = FileDescriptor::open(systemPath(path), O_RDONLY, error);
+  int failure = 0;
+  const FileDescriptor file = FileDescriptor::open(systemPath(path), O_RDONLY, failure);
   std::string text;
-  if (!file || file.read(text, kMaximum, 0) != 0) return std::nullopt;
+  if (file) failure = file.read(text, kMaximum, 0);
+  if (error != nullptr) *error = failure;
+  if (failure != 0) return std::nullopt;
   return text;
 }
 
-std::optional<std::string> readSystemLine(std::string_view path) {
+std::optional<std::string> readSystemLine(std::string_view path, int* error) {
   constexpr std::string_view kBlank(" \t\r\n\0", 5);
-  auto text = readSystemFile(path);
+  auto text = readSystemFile(path, error);
   if (!text) return std::nullopt;
   const std::size_t first = text->find_first_not_of(kBlank);
   if (first == std::string::npos) return std::nullopt;
@@ -51,8 +54,10 @@ std::vector<std::string> systemFolderEntries(std::string_view path) {
   return *std::move(names);
 }
 
-std::optional<std::string> machineID() {
-  auto line = readSystemLine("/etc/machine-id");
+std::optional<std::string> machineID(int* error) {
+  int failure = 0;
+  auto line = readSystemLine("/etc/machine-id", &failure);
+  if (error != nullptr) *error = failure == ENOENT || failure == ENOTDIR ? 0 : failure;
   // A machine that is being set up has the word "uninitialized" there.
   if (!line || line->size() != 32 ||
       line->find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {

@@ -26,10 +26,14 @@ std::string keyPath() {
   return keychainFolder() + "/sealing.key";
 }
 
-/// What the items of one accessibility are sealed under; empty where there is none to be had.
-std::string keyFor(KeychainAccessibility accessibility, const std::string& sealingKey) {
-  if (accessibility == KeychainAccessibility::whenUnlocked) return sealingKey;
-  return derivedKey(sealingKey, "this device only\n" + machineID().value_or(""));
+/// What the items of one accessibility are sealed under, made of the sealing key.
+OSStatus bindKey(std::string& key, KeychainAccessibility accessibility) {
+  if (accessibility == KeychainAccessibility::whenUnlocked) return errSecSuccess;
+  int error = 0;
+  const auto machine = machineID(&error);
+  if (error != 0) return errSecIO;
+  key = derivedKey(key, "this device only\n" + machine.value_or(""));
+  return key.empty() ? errSecIO : errSecSuccess;
 }
 
 /// What is authenticated with an item: sealed bytes that were moved to another service, account or
@@ -70,7 +74,8 @@ bool isClosedByDeviceLock(const KeychainItem& item) {
 OSStatus sealInto(KeychainItem& item, const std::string& service, const Data& value) {
   std::string key;
   if (const OSStatus status = readOrMakeKey(key)) return status;
-  auto sealed = seal(keyFor(item.accessibility, key), value.view(), contextOf(service, item));
+  if (const OSStatus status = bindKey(key, item.accessibility)) return status;
+  auto sealed = seal(key, value.view(), contextOf(service, item));
   if (!sealed) return errSecIO;
   item.sealed = *std::move(sealed);
   return errSecSuccess;
@@ -133,9 +138,10 @@ OSStatus SecItemCopyMatching(const KeychainQuery& query, Data* value) {
     if (isClosedByDeviceLock(*item)) return errSecInteractionNotAllowed;
     std::string key;
     const OSStatus status = readKey(key);
-    if (status == errSecIO) return status;
-    auto plain = unseal(status == errSecSuccess ? keyFor(item->accessibility, key) : std::string(),
-                        item->sealed, contextOf(query.service, *item));
+    // Items without their key are damaged, not missing.
+    if (status != errSecSuccess) return status == errSecItemNotFound ? errSecDecode : status;
+    if (const OSStatus bound = bindKey(key, item->accessibility)) return bound;
+    auto plain = unseal(key, item->sealed, contextOf(query.service, *item));
     if (!plain) return errSecDecode;
     if (value != nullptr) *value = Data(*std::move(plain));
     return errSecSuccess;
