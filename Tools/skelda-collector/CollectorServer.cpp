@@ -52,26 +52,39 @@ CollectorServer::CollectorServer(Options options, LogStore& store, FaultSequence
 
 int CollectorServer::bind(const std::string& address, int port) {
   if (!server_->is_valid()) return -1;
-  if (port == 0) return server_->bind_to_any_port(address);
-  return server_->bind_to_port(address, port) ? port : -1;
+  if (port == 0) {
+    port_ = server_->bind_to_any_port(address);
+  } else {
+    port_ = server_->bind_to_port(address, port) ? port : -1;
+  }
+  return port_;
 }
 
 bool CollectorServer::serve() {
-  return server_->listen_after_bind();
+  const bool well = server_->listen_after_bind();
+  {
+    const std::lock_guard lock(mutex_);
+    served_ = true;
+  }
+  changed_.notify_all();
+  return well;
 }
 
 void CollectorServer::stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  stopped_.notify_all();
+  std::unique_lock lock(mutex_);
+  stopping_ = true;
+  changed_.notify_all();
   server_->stop();
+  // The library would wait for the next request of every connection that is kept open.
+  while (!served_) {
+    Connection::stopReadingOn(port_);
+    changed_.wait_for(lock, std::chrono::milliseconds(50), [this] { return served_; });
+  }
 }
 
 void CollectorServer::wait(std::chrono::milliseconds duration) {
   std::unique_lock lock(mutex_);
-  stopped_.wait_for(lock, duration, [this] { return stopping_; });
+  changed_.wait_for(lock, duration, [this] { return stopping_; });
 }
 
 void CollectorServer::route() {
@@ -151,21 +164,17 @@ void CollectorServer::receive(const httplib::Request& request, httplib::Response
       cut = true;
       return false;
     }
-    tooLarge = body.size() + length > options_.maxBytes;
-    if (tooLarge) return false;
-    body.append(bytes, length);
+    // What is too much is read all the same, so that the client reads the answer.
+    tooLarge = tooLarge || body.size() + length > options_.maxBytes;
+    if (!tooLarge) body.append(bytes, length);
     return true;
   });
-  if (cut) return;
-  if (tooLarge) {
-    // The rest of the body is not read, so that nothing more can come over this connection.
-    response.set_header("Connection", "close");
+  if (cut || !whole) {
+    if (!cut) print("broken off after " + std::to_string(body.size()) + " bytes");
+    return answer(response, 400, {{"error", "nobody is there to read this"}});
+  }
+  if (tooLarge)
     return refuse(request, response, 413, {{"error", "too large"}, {"limit", options_.maxBytes}});
-  }
-  if (!whole) {
-    print("broken off after " + std::to_string(body.size()) + " bytes");
-    return;
-  }
   if (fault && !meet(*fault, request, response, body)) return;
   if (!fault || response.status < 200) accept(request, response, body, 200);
 }

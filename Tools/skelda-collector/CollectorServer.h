@@ -33,8 +33,8 @@ class CollectorServer {
   int bind(const std::string& address, int port);
   /// Serves until stop(). False when that failed.
   bool serve();
-  /// From any thread. Requests that are being served end first, without the waiting that a fault
-  /// asked of them.
+  /// From another thread than serve(), and returns when that does. Requests that are here get their
+  /// answer, without the waiting that a fault asked of them; those still arriving are broken off.
   void stop();
 
  private:
@@ -56,7 +56,10 @@ class CollectorServer {
   FaultSequence& faults_;
   std::unique_ptr<httplib::Server> server_;
 
-  std::mutex mutex_;
-  std::condition_variable stopped_;
+  int port_ = -1;
+
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
   bool stopping_ = false;
+  bool served_ = false;
 };

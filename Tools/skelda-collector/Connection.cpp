@@ -11,33 +11,49 @@
 
 namespace {
 
-/// Whether `fd` is the connection to that peer.
-bool isConnectionTo(int fd, const std::string& address, int port) {
-  sockaddr_storage peer{};
-  socklen_t length = sizeof(peer);
-  if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return false;
+struct Address {
+  std::string host;
+  int port = -1;
+};
+
+Address textOf(const sockaddr_storage& address) {
   char text[INET6_ADDRSTRLEN] = "";
-  std::uint16_t its = 0;
-  if (peer.ss_family == AF_INET) {
-    const auto& v4 = reinterpret_cast<const sockaddr_in&>(peer);
+  if (address.ss_family == AF_INET) {
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
     ::inet_ntop(AF_INET, &v4.sin_addr, text, sizeof(text));
-    its = ntohs(v4.sin_port);
-  } else if (peer.ss_family == AF_INET6) {
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(peer);
-    ::inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof(text));
-    its = ntohs(v6.sin6_port);
+    return {text, ntohs(v4.sin_port)};
   }
-  return its == port && address == text;
+  if (address.ss_family == AF_INET6) {
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+    ::inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof(text));
+    return {text, ntohs(v6.sin6_port)};
+  }
+  return {};
 }
 
-/// The HTTP library keeps a plain connection's descriptor to itself: it is the one with that peer.
-int descriptorTo(const std::string& address, int port) {
+/// Calls `visit(descriptor, local, peer)` for every connected internet socket of this process.
+template <class F>
+void forEachConnection(F visit) {
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
     const int fd = std::atoi(entry.path().filename().c_str());
-    if (isConnectionTo(fd, address, port)) return fd;
+    sockaddr_storage local{};
+    sockaddr_storage peer{};
+    socklen_t localLength = sizeof(local);
+    socklen_t peerLength = sizeof(peer);
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) == 0 &&
+        ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0)
+      visit(fd, textOf(local), textOf(peer));
   }
-  return -1;
+}
+
+/// The HTTP library keeps a plain connection's descriptor to itself: it is the one with that peer.
+int descriptorTo(const std::string& host, int port) {
+  int found = -1;
+  forEachConnection([&](int fd, const Address&, const Address& peer) {
+    if (peer.host == host && peer.port == port) found = fd;
+  });
+  return found;
 }
 
 }  // namespace
@@ -45,6 +61,12 @@ int descriptorTo(const std::string& address, int port) {
 Connection::Connection(const httplib::Request& request)
     : ssl_(const_cast<::SSL*>(request.ssl)),
       fd_(ssl_ ? SSL_get_fd(ssl_) : descriptorTo(request.remote_addr, request.remote_port)) {}
+
+void Connection::stopReadingOn(int port) {
+  forEachConnection([port](int fd, const Address& local, const Address&) {
+    if (local.port == port) ::shutdown(fd, SHUT_RD);
+  });
+}
 
 void Connection::write(std::string_view bytes) {
   if (ssl_) {

@@ -10,6 +10,10 @@ class Connection {
  public:
   explicit Connection(const httplib::Request& request);
 
+  /// Makes every connection to that port of this process look ended by its client, so that whoever
+  /// waits for a request there stops waiting. Any thread.
+  static void stopReadingOn(int port);
+
   /// Writes bytes that are no proper answer.
   void write(std::string_view bytes);
   /// Closes the connection at once: the client sees its end, and nothing more arrives there,

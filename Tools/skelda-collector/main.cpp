@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "Platform/Foundation/Log.h"
 #include "Tools/skelda-collector/Certificates.h"
 #include "Tools/skelda-collector/CollectorServer.h"
 #include "Tools/skelda-collector/Faults.h"
@@ -73,6 +74,7 @@ int run(const Options& options) {
   sigaddset(&ends, SIGINT);
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  skelda::platform::Log::setSink({});  // the reader of frames would tell what it does
 
   const auto [address, wantedPort] = addressAndPort(options.listen);
   std::vector<Fault> faults;

@@ -1,0 +1,321 @@
+"""What the end-to-end tests have in common: homes, hosts, the phone and the collector.
+
+Every process runs in a home of its own, is bounded in time, and is ended by the test that started
+it, and by no other.
+"""
+
+import contextlib
+import json
+import os
+import pathlib
+import plistlib
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+import frame_log
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("SKELDA_BUILD", ROOT / "build" / "release"))
+EXAMPLE = BUILD / "Examples/MorningRun/MorningRun.app/PlugIns/MorningRunExtension.appex"
+HOSTS = BUILD / "Tests/EndToEnd/hosts"
+FRAMES_TOOL = BUILD / "Tools/skelda-frames/skelda-frames"
+COLLECTOR = BUILD / "Tools/skelda-collector/skelda-collector"
+PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
+
+# In the example's recording: its events, and the one of them that has no name.
+RECORDED = 228
+NAMELESS = 1
+
+
+def scratch_root():
+    """Memory when there is room: what is tested is the files, not the disk's speed."""
+    memory = pathlib.Path("/dev/shm")
+    if memory.is_dir() and os.access(memory, os.W_OK) and shutil.disk_usage(memory).free > 1 << 30:
+        return str(memory)
+    return None
+
+
+def eventually(what, within=20.0, every=0.02):
+    """Waits until `what()` is true and returns its value; its last value when time is up."""
+    deadline = time.monotonic() + within
+    while True:
+        value = what()
+        if value or time.monotonic() > deadline:
+            return value
+        time.sleep(every)
+
+
+class Home:
+    """The directories of one installation: what the agent keeps across starts."""
+
+    def __init__(self, on_disk=False, bundle=EXAMPLE):
+        self.path = pathlib.Path(tempfile.mkdtemp(prefix="skelda-", dir=None if on_disk else scratch_root()))
+        self.bundle = bundle
+        self.log = self.path / "agent.log"
+        for name in ("data", "state", "documents", "tmp"):
+            (self.path / name).mkdir()
+
+    def close(self):
+        for folder, _, _ in os.walk(self.path):
+            with contextlib.suppress(OSError):
+                os.chmod(folder, 0o700)
+        shutil.rmtree(self.path, ignore_errors=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    # Where things are
+
+    @property
+    def identifier(self):
+        return plistlib.loads((self.bundle / "Info.plist").read_bytes())["CFBundleIdentifier"]
+
+    @property
+    def support(self):
+        return self.path / "data" / self.identifier
+
+    @property
+    def storage(self):
+        return self.support / "SkeldaFiles"
+
+    @property
+    def key_values(self):
+        return self.support / "SkeldaFilesSkelda.KV.storage"
+
+    @property
+    def current_log(self):
+        return self.storage / ".skeldaFrameLog_261.archive"
+
+    @property
+    def committed(self):
+        return self.storage / "CommitedFrameLogs"
+
+    @property
+    def index(self):
+        return self.storage / "SkeldaSenderIndex.info"
+
+    def committed_logs(self):
+        with contextlib.suppress(FileNotFoundError):
+            return sorted(self.committed.iterdir(), key=lambda p: float(p.name.rsplit("_", 1)[1]))
+        return []
+
+    def blocks(self):
+        """Files of the storage folder that are data blocks."""
+        with contextlib.suppress(FileNotFoundError):
+            return [p for p in self.storage.iterdir() if len(p.name) == 36 and p.name.count("-") == 4]
+        return []
+
+    def log_lines(self):
+        with contextlib.suppress(FileNotFoundError):
+            return self.log.read_text(errors="replace").splitlines()
+        return []
+
+    # Running in it
+
+    def own_bundle(self, change=None, text=None):
+        """A copy of the bundle whose information dictionary `change` may alter, or which is `text`."""
+        copy = self.path / f"{self.bundle.parent.parent.name}/PlugIns/{self.bundle.name}"
+        if not copy.exists():
+            shutil.copytree(self.bundle, copy)
+        plist = copy / "Info.plist"
+        if text is not None:
+            plist.write_bytes(text)
+        elif change is not None:
+            information = plistlib.loads(plist.read_bytes())
+            change(information)
+            plist.write_bytes(plistlib.dumps(information))
+        return copy
+
+    def environment(self, **more):
+        environment = {
+            "PATH": os.environ["PATH"],
+            "HOME": str(self.path),
+            "XDG_DATA_HOME": str(self.path / "data"),
+            "XDG_STATE_HOME": str(self.path / "state"),
+            "XDG_DOCUMENTS_DIR": str(self.path / "documents"),
+            "TMPDIR": str(self.path / "tmp"),
+            "LANG": "C.UTF-8",
+            "SKELDA_LOG": str(self.log),
+        }
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            if name in os.environ:
+                environment[name] = os.environ[name]
+        environment.update({k: str(v) for k, v in more.items()})
+        return environment
+
+    def start(self, *arguments, bundle=None, environment=None, **popen):
+        bundle = bundle or self.bundle
+        program = bundle / plistlib.loads((EXAMPLE / "Info.plist").read_bytes())["CFBundleExecutable"]
+        if not program.exists():
+            program = bundle / bundle.stem
+        return Process([program, *arguments], env=environment or self.environment(), **popen)
+
+    def run(self, *arguments, within=60.0, **more):
+        """Runs the bundle's program to its end; the process, which must not have been killed."""
+        with self.start(*arguments, **more) as process:
+            process.wait(within)
+            return process
+
+
+class Process:
+    """A child with its output collected. Leaving the block ends it, whatever its state."""
+
+    def __init__(self, command, **popen):
+        self.command = [str(part) for part in command]
+        self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                      stderr=subprocess.STDOUT, **popen)
+        self.lines = []
+        self._new = threading.Condition()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.child.stdout:
+            with self._new:
+                self.lines.append(line.decode(errors="replace").rstrip("\n"))
+                self._new.notify_all()
+        with self._new:
+            self.lines.append(None)
+            self._new.notify_all()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.child.poll() is None:
+            self.child.kill()
+        self.child.wait()
+        self._reader.join(5)
+        self.child.stdout.close()
+
+    @property
+    def pid(self):
+        return self.child.pid
+
+    @property
+    def status(self):
+        return self.child.returncode
+
+    @property
+    def output(self):
+        return "\n".join(line for line in self.lines if line is not None)
+
+    def wait(self, within):
+        try:
+            self.child.wait(within)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.command} still runs after {within} s:\n{self.output}") from None
+        self._reader.join(5)
+        return self.child.returncode
+
+    def kill(self):
+        self.child.send_signal(signal.SIGKILL)
+        return self.wait(10)
+
+    def terminate(self, within=10.0):
+        self.child.terminate()
+        return self.wait(within)
+
+    def line_with(self, text, within=20.0):
+        """The first line that contains `text`, waited for."""
+        deadline = time.monotonic() + within
+        with self._new:
+            while True:
+                for line in self.lines:
+                    if line is not None and text in line:
+                        return line
+                left = deadline - time.monotonic()
+                if left <= 0 or (self.lines and self.lines[-1] is None):
+                    raise AssertionError(f"no line with {text!r} from {self.command}:\n{self.output}")
+                self._new.wait(left)
+
+    def number(self, name):
+        """What stands behind "name: " in the output."""
+        return int(self.line_with(f"{name}: ", 0.1).split(": ", 1)[1])
+
+
+class Collector:
+    """skelda-collector on a loopback port of its own. Restarting keeps the port and the store."""
+
+    def __init__(self, folder, *arguments, plain=False):
+        self.folder = pathlib.Path(folder)
+        self.store = self.folder / "received"
+        self.tls = self.folder / "tls"
+        self.plain = plain
+        self.port = 0
+        self.process = None
+        self.start(*arguments)
+
+    def start(self, *arguments):
+        listen = f"127.0.0.1:{self.port}"
+        scheme = ["--http"] if self.plain else []
+        self.process = Process([COLLECTOR, "--listen", listen, "--store", self.store, "--tls-dir", self.tls,
+                                *scheme, *arguments])
+        try:
+            line = self.process.line_with("listening on ")
+        except AssertionError:
+            self.process.__exit__()
+            raise
+        self.url = line.split(" ")[-1]
+        self.port = int(self.url.split(":")[2].split("/")[0])
+
+    def stop(self):
+        """Ends it as a service manager would; it must obey, cleanly."""
+        status = self.process.terminate()
+        self.process.__exit__()
+        if status != 0:
+            raise AssertionError(f"the collector ended with {status}:\n{self.process.output}")
+
+    def kill(self):
+        self.process.kill()
+        self.process.__exit__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.__exit__()
+
+    @property
+    def authority(self):
+        return self.tls / "authority.pem"
+
+    def entries(self):
+        with contextlib.suppress(FileNotFoundError):
+            return [json.loads(line) for line in (self.store / "received.jsonl").read_text().splitlines()]
+        return []
+
+    def logs(self):
+        """The bytes of every stored log, in the order of arrival."""
+        return [(self.store / entry["file"]).read_bytes() for entry in self.entries()]
+
+
+def give_identifiers(home, bundle=None):
+    """Lets a phone hand its identifiers to an installation, so that its sessions can complete."""
+    path = home.path / "tmp" / "phone"
+    with home.start("--events", "1", "--speed", "0", "--phone", path, "--linger", "20", bundle=bundle,
+                    environment=home.environment(SKELDA_LOG="off")) as host:
+        with Process([PHONE, path, "--vendor-id", "8C1D5B5E-6D1E-4C0E-9F55-0A4D3B6C7D10",
+                      "--installation-id", "9a7d3c5e1f2b4d6880aabbccddeeff01"]) as phone:
+            if phone.wait(30) != 0:
+                raise AssertionError(f"the phone was not acknowledged:\n{phone.output}\n{host.output}")
+        host.wait(60)
+
+
+def events_of(logs):
+    """The events of some logs (bytes each), in order."""
+    return [frame for log in logs for frame in frame_log.frames_of(log) if frame.type == frame_log.EVENT]
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
