@@ -1,0 +1,91 @@
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
+
+#include <gmock/gmock.h>
+
+#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+#include "Platform/WatchConnectivity/WCPairTransport.h"
+#include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Platform/WatchConnectivity/SessionFixture.h"
+#include "Tests/Support/AgentHome.h"
+
+namespace skelda::testing {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Rig = SourceRig<SkeldaReportedIdentifiersSource>;
+
+TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverAfter) {
+  const AgentHome home;
+  const auto [watchEnd, phoneEnd] = platform::WCPairTransport::make();
+  platform::installWatchConnectivity(watchEnd);
+  const auto atPhone = std::make_shared<RecordingDelegate>();
+  const auto phone = platform::WCDefaultSession::make(phoneEnd);
+  phone->setDelegate(atPhone);
+  phone->activateSession();
+  const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
+
+  // A first start has nothing to report and asks the phone.
+  Rig first;
+  first.source->startup();
+  EXPECT_THAT(first.sentTexts(), IsEmpty());
+  connectivity->queue()->sync([] {});
+
+  // What holds no identifier changes nothing, and what cannot be one is not kept.
+  EXPECT_FALSE(first.source->didReceiveUserInfo({{"host", "x"}}));
+  EXPECT_TRUE(first.source->didReceiveUserInfo({{"skelda://id1", 7}, {"skelda://id2", "no hex"}}));
+  EXPECT_THAT(first.sentTexts(), IsEmpty());
+  EXPECT_EQ(first.source->watchVendorIDForSessionReport(), std::nullopt);
+  EXPECT_EQ(first.source->watchInstallationIDForSessionReport(), std::nullopt);
+
+  // The phone sends both; they are reported and acknowledged.
+  watchEnd->setJoined(true);
+  phone->transferUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
+  const std::string message =
+      "140 {\"sk.reported.id\":{\"VendorId\":\"VENDOR\",\"iOSInstallationId\":\"AP8Q\"},"
+      "\"sk.ad.tracking\":false}";
+  ASSERT_EQ(first.recorder->messages(1).size(), 1U);
+  EXPECT_THAT(first.sentTexts(), ElementsAre(message));
+  // The phone hears: activated, peer came, its own transfer finished, the acknowledgement.
+  EXPECT_THAT(atPhone->wait(4), Contains("info {\"skelda://id3\":\"YES\"}"));
+
+  // From then on they come from the keychain.
+  Rig second;
+  second.source->startup();
+  EXPECT_THAT(second.sentTexts(), ElementsAre(message));
+
+  // One alone is reported alone.
+  EXPECT_TRUE(second.source->didReceiveUserInfo({{"skelda://id2", "0A"}}));
+  EXPECT_EQ(second.sentTexts().back(),
+            "140 {\"sk.reported.id\":{\"iOSInstallationId\":\"Cg==\"},\"sk.ad.tracking\":false}");
+  EXPECT_EQ(second.source->watchInstallationIDForSessionReport(), "0A");
+}
+
+TEST(ReportedIdentifiersSource, KnowsItsAcknowledgement) {
+  Rig rig;
+  EXPECT_TRUE(rig.source->isSkeldaUserInfo({{"skelda://id3", "YES"}}));
+  EXPECT_FALSE(rig.source->isSkeldaUserInfo({{"skelda://id1", "x"}, {"host", 1}}));
+}
+
+TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
+  const AgentHome home;
+  const auto own = SkeldaReportedIdentifiersSource::installationIDForSessionReport();
+  EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
+  EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDAsBytes()->length(), 16U);
+  Rig rig;
+  EXPECT_EQ(rig.source->skeldaGuid(), own);
+  rig.source->queryAndSendIDs();
+  const auto identifiers = rig.last<SkeldaStreamReportedIdentifers>();
+  std::set<std::uint32_t> types, expected{15};
+  for (const auto& identifier : identifiers->reportedIDs())
+    types.insert(identifier.reportedIDType());
+  if (SkeldaUtil::getSkeldaId()) expected.insert(7);
+  if (SkeldaUtil::getIdentifierForVendor()) expected.insert(6);
+  EXPECT_EQ(types, expected);
+}
+
+}  // namespace
+}  // namespace skelda::testing
