@@ -19,18 +19,21 @@ Shared& shared() {
   return state;
 }
 
+/// Deeper values could not be archived, and would keep every later change off the disk.
+constexpr int kMaximumDepth = 32;
+
 /// Whether a property list can hold the value, all the way down.
-bool isPropertyList(const platform::Value& value) {
+bool isPropertyList(const platform::Value& value, int depth = 0) {
+  if (value.isNull() || depth > kMaximumDepth) return false;
+  const auto inner = [depth](const platform::Value& v) { return isPropertyList(v, depth + 1); };
   if (const auto* text = value.text()) return platform::isValidUTF8(*text);
-  if (const auto* array = value.array()) {
-    return std::all_of(array->begin(), array->end(), isPropertyList);
-  }
+  if (const auto* array = value.array()) return std::all_of(array->begin(), array->end(), inner);
   if (const auto* dictionary = value.dictionary()) {
-    return std::all_of(dictionary->begin(), dictionary->end(), [](const auto& entry) {
-      return platform::isValidUTF8(entry.first) && isPropertyList(entry.second);
+    return std::all_of(dictionary->begin(), dictionary->end(), [&](const auto& entry) {
+      return platform::isValidUTF8(entry.first) && inner(entry.second);
     });
   }
-  return !value.isNull();
+  return true;
 }
 
 void apply(platform::Dictionary& dictionary, const std::string& key, const platform::Value& value) {
