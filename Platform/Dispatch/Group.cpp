@@ -22,6 +22,8 @@ class CountingGroup final : public Group {
   }
 
   void leave() override {
+    // Whoever waits may let the group go before this is over.
+    const GroupRef self = shared_from_this();
     std::vector<Notification> notifications;
     {
       const std::lock_guard lock(mutex_);

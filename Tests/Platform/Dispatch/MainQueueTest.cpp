@@ -1,0 +1,72 @@
+#include "Platform/Dispatch/MainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <thread>
+
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace skelda::platform {
+namespace {
+
+std::thread::id threadOfMainQueue() {
+  std::thread::id id;
+  Queue::main()->sync([&] {
+    EXPECT_TRUE(MainQueue::isMainThread());
+    EXPECT_TRUE(Queue::main()->isCurrent());
+    id = std::this_thread::get_id();
+  });
+  return id;
+}
+
+TEST(MainQueueTest, AThreadOfTheLayerServesItAndNobodyElseIsTheMainThread) {
+  EXPECT_NE(threadOfMainQueue(), std::this_thread::get_id());
+  EXPECT_FALSE(MainQueue::isMainThread());
+  Queue::global()->sync([] { EXPECT_FALSE(MainQueue::isMainThread()); });
+}
+
+TEST(MainQueueTest, QueuesAboveItRunOnTheMainThreadTooEvenSynchronously) {
+  const QueueRef above = Queue::serial("above main", Queue::main());
+  const QueueRef gate = Queue::concurrent("gate on main", above);
+  bool isMain = false;
+  gate->sync([&] { isMain = MainQueue::isMainThread(); });
+  EXPECT_TRUE(isMain);
+  EXPECT_THROW(above->sync([] { throw std::runtime_error("thrown"); }), std::runtime_error);
+}
+
+TEST(MainQueueTest, AHostThreadTakesItOverAndGivesItBack) {
+  for (int round = 0; round < 3; ++round) {
+    Happening serving;
+    Happening over;
+    std::thread host([&] {
+      Queue::main()->async([&] {
+        // The layer's thread may have been quicker, then it is too early to look.
+        serving.happen();
+      });
+      EXPECT_TRUE(MainQueue::run());
+      EXPECT_FALSE(MainQueue::isMainThread());
+      over.happen();
+    });
+    ASSERT_TRUE(serving.cameInTime());
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (threadOfMainQueue() != host.get_id() && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(threadOfMainQueue(), host.get_id());
+    EXPECT_FALSE(MainQueue::run()) << "one host at a time";
+    Queue::main()->sync([] { EXPECT_FALSE(MainQueue::run()); });
+    Queue::main()->async([] { MainQueue::stop(); });
+    EXPECT_TRUE(over.cameInTime());
+    EXPECT_NE(threadOfMainQueue(), host.get_id());
+    host.join();
+  }
+}
+
+TEST(MainQueueTest, AStopThatComesBeforeTheHostServesIsNotLost) {
+  MainQueue::stop();
+  EXPECT_TRUE(MainQueue::run());
+}
+
+}  // namespace
+}  // namespace skelda::platform

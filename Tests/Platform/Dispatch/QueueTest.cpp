@@ -1,0 +1,234 @@
+#include "Platform/Dispatch/Queue.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace skelda::platform {
+namespace {
+
+TEST(QueueTest, ASerialQueueKeepsTheOrderOfAnyMixOfSubmissions) {
+  const QueueRef queue = Queue::serial("mixed");
+  const GroupRef group = Group::make();
+  std::vector<int> ran;
+  for (int i = 0; i < 1000; i += 5) {
+    queue->async([&ran, i] { ran.push_back(i); });
+    queue->barrierAsync([&ran, i] { ran.push_back(i + 1); });
+    queue->groupAsync(group, [&ran, i] { ran.push_back(i + 2); });
+    queue->post([&ran, i] { ran.push_back(i + 3); });
+    queue->sync([&ran, i] { ran.push_back(i + 4); });
+    ASSERT_EQ(ran.size(), static_cast<std::size_t>(i) + 5) << "sync comes after what was there";
+  }
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(ran[static_cast<std::size_t>(i)], i);
+}
+
+TEST(QueueTest, ASynchronousBlockRunsOnTheCallerWhetherTheQueueIsIdleOrBusy) {
+  const QueueRef target = Queue::serial("target");
+  for (const QueueRef& queue :
+       {Queue::serial("serial"), Queue::concurrent("concurrent"), Queue::serial("above", target),
+        Queue::concurrent("gate", target), Queue::global()}) {
+    for (const bool busy : {false, true}) {
+      Happening started;
+      std::atomic<bool> release{false};
+      if (busy) {
+        queue->barrierAsync([&] {
+          started.happen();
+          while (!release) std::this_thread::yield();
+        });
+        ASSERT_TRUE(started.cameInTime());
+        queue->async([] {});
+      }
+      std::thread releaser([&] { release = true; });
+      std::thread::id ranOn;
+      queue->barrierSync([&] {
+        ranOn = std::this_thread::get_id();
+        EXPECT_TRUE(queue->isCurrent());
+      });
+      releaser.join();
+      EXPECT_EQ(ranOn, std::this_thread::get_id()) << queue->label() << busy;
+      EXPECT_FALSE(queue->isCurrent());
+    }
+    expectDrained(queue);
+  }
+}
+
+TEST(QueueTest, WhatASynchronousBlockThrowsReachesTheCallerAndLeavesTheQueueUsable) {
+  const QueueRef target = Queue::serial("target");
+  for (const QueueRef& queue : {Queue::serial("serial", target), Queue::concurrent("c", target),
+                                Queue::concurrent("free"), Queue::main()}) {
+    queue->async([] {});
+    EXPECT_THROW(queue->barrierSync([] { throw std::runtime_error("thrown"); }),
+                 std::runtime_error);
+    EXPECT_THROW(queue->sync([] { throw 7; }), int);
+    expectDrained(queue);
+  }
+}
+
+TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
+  const QueueRef bottom = Queue::serial("bottom");
+  const QueueRef middle = Queue::concurrent("middle", bottom);
+  const QueueRef top = Queue::serial("top", middle);
+  const QueueRef other = Queue::serial("other", bottom);
+  const auto look = [&] {
+    EXPECT_TRUE(top->isCurrent());
+    EXPECT_TRUE(middle->isCurrent());
+    EXPECT_TRUE(bottom->isCurrent());
+    EXPECT_FALSE(other->isCurrent());
+  };
+  top->async(look);
+  top->sync(look);
+  middle->sync([&] {
+    EXPECT_FALSE(top->isCurrent());
+    EXPECT_TRUE(bottom->isCurrent());
+  });
+}
+
+TEST(QueueTest, ChainsOfSynchronousCallsStayOnOneThread) {
+  std::array<QueueRef, 3> queues{Queue::serial("a"), Queue::serial("b"), Queue::concurrent("c")};
+  std::thread::id innermost;
+  queues[0]->sync([&] {
+    queues[1]->sync([&] {
+      queues[2]->barrierSync([&] { innermost = std::this_thread::get_id(); });
+      EXPECT_TRUE(queues[0]->isCurrent());
+    });
+  });
+  EXPECT_EQ(innermost, std::this_thread::get_id());
+}
+
+TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
+  const QueueRef queue = Queue::concurrent("concurrent");
+  // Each of the pair waits for the other: one at a time they would wait for ever.
+  Happening bothRun(2);
+  Happening bothMet(2);
+  for (int i = 0; i < 2; ++i) {
+    queue->async([&] {
+      bothRun.happen();
+      EXPECT_TRUE(bothRun.cameInTime());
+      bothMet.happen();
+    });
+  }
+  ASSERT_TRUE(bothMet.cameInTime());
+
+  std::atomic<int> inside{0};
+  std::atomic<int> barriers{0};
+  for (int i = 0; i < 2000; ++i) {
+    if (i % 7 == 0) {
+      queue->barrierAsync([&] {
+        EXPECT_EQ(inside.fetch_add(1), 0);
+        ++barriers;
+        inside.fetch_sub(1);
+      });
+    } else {
+      queue->async([&, before = i / 7 + 1] {
+        inside.fetch_add(1);
+        EXPECT_GE(barriers.load(), before) << "a block does not overtake the barrier before it";
+        inside.fetch_sub(1);
+      });
+    }
+  }
+  queue->barrierSync([&] { EXPECT_EQ(barriers.load(), 286); });
+}
+
+class SuspensionTest : public testing::TestWithParam<bool> {
+ protected:
+  QueueRef make() {
+    return GetParam() ? Queue::concurrent("gate", Queue::serial("target")) : Queue::serial("q");
+  }
+};
+INSTANTIATE_TEST_SUITE_P(SerialAndConcurrent, SuspensionTest, testing::Bool());
+
+TEST_P(SuspensionTest, SuspensionsCountAndHoldTheOrder) {
+  const QueueRef queue = make();
+  std::vector<int> ran;
+  queue->suspend();
+  queue->suspend();
+  for (int i = 0; i < 100; ++i) queue->async([&ran, i] { ran.push_back(i); });
+  std::atomic<bool> synchronousRan{false};
+  std::thread caller([&] { queue->sync([&] { synchronousRan = true; }); });
+  queue->resume();
+  const Happening later;
+  EXPECT_FALSE(later.cameInTime(std::chrono::milliseconds(20)));
+  EXPECT_TRUE(ran.empty());
+  EXPECT_FALSE(synchronousRan);
+  queue->resume();
+  caller.join();
+  expectDrained(queue);
+  ASSERT_EQ(ran.size(), 100U);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(ran[static_cast<std::size_t>(i)], i);
+}
+
+TEST_P(SuspensionTest, ABlockThatSuspendsItsQueueIsTheLastOne) {
+  const QueueRef queue = make();
+  const Happening suspended;
+  std::atomic<bool> overran{false};
+  queue->async([&, raw = queue.get()] {
+    raw->suspend();
+    suspended.happen();
+  });
+  ASSERT_TRUE(suspended.cameInTime());
+  queue->async([&] { overran = true; });
+  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(20)));
+  EXPECT_FALSE(overran);
+  queue->resume();
+  expectDrained(queue);
+  EXPECT_TRUE(overran);
+}
+
+TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocks) {
+  QueueRef queue = make();
+  const auto held = std::make_shared<int>();
+  const GroupRef group = Group::make();
+  queue->suspend();
+  queue->groupAsync(group, [held] {});
+  queue.reset();
+  // A drain that was under way may still hold it for a moment.
+  EXPECT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(20))), 0);
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {
+  const Happening ran;
+  std::weak_ptr<Queue> watched;
+  {
+    const QueueRef queue = Queue::serial("short-lived", Queue::concurrent("as short"));
+    watched = queue;
+    for (int i = 0; i < 300; ++i) queue->async([] { std::this_thread::yield(); });
+    queue->async([ran] { ran.happen(); });
+  }
+  EXPECT_TRUE(ran.cameInTime());
+}
+
+TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
+  std::atomic<bool> stop{false};
+  struct Greedy {
+    QueueRef queue = Queue::serial("greedy");
+    std::atomic<bool>& stop;
+    void again() {
+      if (!stop) queue->async([this] { again(); });
+    }
+  };
+  std::vector<std::unique_ptr<Greedy>> greedy;
+  for (int i = 0; i < 16; ++i) {
+    greedy.push_back(std::make_unique<Greedy>(Queue::serial("greedy"), stop));
+    greedy.back()->again();
+    greedy.back()->again();
+  }
+  for (const auto priority : {Queue::Priority::normal, Queue::Priority::background}) {
+    const QueueRef modest = Queue::serial("modest", Queue::global(priority));
+    for (int i = 0; i < 20; ++i) expectDrained(modest);
+  }
+  stop = true;
+  for (const auto& one : greedy) {
+    expectDrained(one->queue);
+    expectDrained(one->queue);  // what was posted just before it was to stop
+  }
+}
+
+}  // namespace
+}  // namespace skelda::platform

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <utility>
+
+#include "Platform/Dispatch/Group.h"
+#include "Platform/Dispatch/Queue.h"
+
+namespace skelda::platform {
+
+/// Something that happens once, or `times` times, and is waited for with a deadline.
+class Happening {
+ public:
+  explicit Happening(int times = 1) {
+    for (int i = 0; i < times; ++i) group_->enter();
+  }
+  void happen() const { group_->leave(); }
+  [[nodiscard]] bool cameInTime(std::chrono::nanoseconds limit = std::chrono::seconds(20)) const {
+    return group_->wait(dispatchTimeAfter(limit)) == 0;
+  }
+  const GroupRef& group() const { return group_; }
+
+ private:
+  GroupRef group_ = Group::make();
+};
+
+/// Waits until the queue has run what was submitted so far.
+inline void expectDrained(const QueueRef& queue) {
+  const Happening drained;
+  queue->barrierAsync([drained] { drained.happen(); });
+  EXPECT_TRUE(drained.cameInTime());
+}
+
+}  // namespace skelda::platform

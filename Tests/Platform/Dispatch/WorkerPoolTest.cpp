@@ -1,0 +1,156 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Platform/Dispatch/MainQueue.h"
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace skelda::platform {
+namespace {
+
+/// Threads of the layer, and how often each has gone to sleep by itself.
+std::map<std::string, long> layerThreads() {
+  std::map<std::string, long> threads;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string line;
+    std::string name;
+    while (std::getline(status, line)) {
+      if (line.starts_with("Name:")) name = line.substr(6);
+      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with("skelda-")) {
+        threads[task.path().filename().string()] = std::stol(line.substr(24));
+      }
+    }
+  }
+  return threads;
+}
+
+/// A wait that the pool cannot see.
+class Pipe {
+ public:
+  Pipe() { EXPECT_EQ(pipe2(ends_.data(), O_CLOEXEC), 0); }
+  ~Pipe() {
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  void open() { EXPECT_EQ(write(ends_[1], "o", 1), 1); }
+  void wait() {
+    char letter = 0;
+    EXPECT_EQ(read(ends_[0], &letter, 1), 1);
+  }
+
+ private:
+  std::array<int, 2> ends_{};
+};
+
+TEST(WorkerPoolTest, SixtyFourChainedSynchronousWaitsDoNotDeadlock) {
+  constexpr std::size_t kQueues = 64;
+  std::vector<QueueRef> queues;
+  for (std::size_t i = 0; i < kQueues; ++i) queues.push_back(Queue::serial("link"));
+  Happening allInside(kQueues);
+  Happening end(kQueues);
+  for (std::size_t i = 0; i < kQueues; ++i) {
+    queues[i]->async([&, i] {
+      allInside.happen();
+      EXPECT_TRUE(allInside.cameInTime());
+      // Its queue is busy: it waits for a turn there.
+      if (i + 1 < kQueues) queues[i + 1]->sync([&] { end.happen(); });
+    });
+  }
+  queues[0]->async([&] { end.happen(); });
+  EXPECT_TRUE(end.cameInTime());
+  for (const auto& queue : queues) expectDrained(queue);
+}
+
+TEST(WorkerPoolTest, WorkOfAWorkerThatIsStuckInASystemCallIsTakenOver) {
+  Pipe pipe;
+  Happening done;
+  const QueueRef first = Queue::serial("stuck");
+  const QueueRef second = Queue::serial("waits in the list of the first's worker");
+  first->async([&] {
+    second->async([&] { pipe.open(); });
+    pipe.wait();
+    done.happen();
+  });
+  EXPECT_TRUE(done.cameInTime());
+}
+
+TEST(WorkerPoolTest, WhenEveryWorkerIsStuckAnotherOneIsAdded) {
+  constexpr int kStuck = 24;
+  Pipe pipe;
+  Happening done(kStuck);
+  for (int i = 0; i < kStuck; ++i) {
+    Queue::global()->async([&] {
+      pipe.wait();
+      done.happen();
+    });
+  }
+  Queue::serial("opener")->async([&] {
+    for (int i = 0; i < kStuck; ++i) pipe.open();
+  });
+  EXPECT_TRUE(done.cameInTime());
+}
+
+TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
+  Happening blocked(40);
+  Happening gone(40);
+  for (int i = 0; i < 40; ++i) {
+    Queue::global()->async([&] {
+      blocked.happen();
+      EXPECT_TRUE(blocked.cameInTime());
+      gone.happen();
+    });
+  }
+  Queue::main()->sync([] {});
+  ASSERT_TRUE(gone.cameInTime());
+  EXPECT_GE(layerThreads().size(), 40U);
+
+  // The one for events and one worker stay.
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (layerThreads().size() > 2 && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_LE(layerThreads().size(), 2U);
+  // The last one may still be on its way to sleep; after that the counts stand.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto before = layerThreads();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(layerThreads(), before);
+}
+
+TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const auto exitWhileWorking = [] {
+    // Reached by nothing but the work itself: as leaky as it gets.
+    struct Restless {
+      QueueRef queue = Queue::serial("restless");
+      static void again(const std::shared_ptr<Restless>& self) {
+        self->queue->async([self, data = std::vector<int>(100)] { again(self); });
+      }
+    };
+    for (int i = 0; i < 8; ++i) Restless::again(std::make_shared<Restless>());
+    Queue::global()->after(dispatchTimeAfter(std::chrono::hours(1)), [] {});
+    Queue::main()->async([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
+    Queue::global()->async([] { Queue::main()->sync([] {}); });
+    Happening underWay(1000);
+    const QueueRef queue = Queue::serial("counted");
+    for (int i = 0; i < 1000; ++i) queue->async([&] { underWay.happen(); });
+    if (!underWay.cameInTime()) std::abort();
+    std::exit(0);
+  };
+  EXPECT_EXIT(exitWhileWorking(), testing::ExitedWithCode(0), "^$");
+}
+
+}  // namespace
+}  // namespace skelda::platform
