@@ -1,0 +1,268 @@
+#include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Platform/Dispatch/MainQueue.h"
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace {
+
+using platform::Happening;
+
+class Counter : public SkeldaActor {
+ public:
+  explicit Counter(platform::QueueRef target = nullptr)
+      : SkeldaActor("Counter", std::move(target)) {}
+  static std::shared_ptr<Counter> counter() { return made(new Counter); }
+
+  void add(int n) {
+    asyncBlock([self = selfOf(this), n] { self->onqueue_add(n); });
+  }
+  int total() {
+    int result = 0;
+    syncBlock([&] { result = total_; });
+    return result;
+  }
+  bool initialised = false;
+
+ private:
+  void didInit() override { initialised = selfOf(this) != nullptr; }
+  void onqueue_add(int n) {
+    assertRunningInActor();
+    total_ += n;
+  }
+  int total_ = 0;
+};
+
+/// Neither a current actor nor an active thread is left behind.
+void expectLeft(const std::shared_ptr<Counter>& actor) {
+  EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
+  EXPECT_EQ(actor->activeThread(), std::thread::id());
+}
+
+template <class F>
+std::string reasonOf(F&& body) {
+  try {
+    body();
+  } catch (const platform::Exception& exception) {
+    EXPECT_EQ(exception.name(), platform::kInternalInconsistencyException);
+    return exception.reason();
+  }
+  return "nothing raised";
+}
+
+class SkeldaActorTest : public testing::Test {
+ protected:
+  ~SkeldaActorTest() override { EXPECT_EQ(SkeldaActor::swallowedExceptions(), swallowed_); }
+  void expectSwallowed(std::uint64_t count) { swallowed_ += count; }
+
+  std::shared_ptr<Counter> actor_ = Counter::counter();
+  std::shared_ptr<Counter> other_ = Counter::counter();
+
+ private:
+  std::uint64_t swallowed_ = SkeldaActor::swallowedExceptions();
+};
+
+TEST_F(SkeldaActorTest, RunsWhatIsPostedInOrderInsideTheActor) {
+  EXPECT_TRUE(actor_->initialised);
+  EXPECT_EQ(actor_->queue()->label(), "Counter");
+  for (int i = 0; i < 100; ++i) actor_->add(i);
+  EXPECT_EQ(actor_->total(), 4950);
+  expectLeft(actor_);
+}
+
+TEST_F(SkeldaActorTest, SynchronousCallsFromWithinRunInlineThroughOtherActorsToo) {
+  const auto nest = [&] {
+    EXPECT_EQ(SkeldaActor::currentActor(), actor_);
+    EXPECT_EQ(actor_->activeThread(), std::this_thread::get_id());
+    int depth = 0;
+    actor_->syncBlock([&] { depth += 1; });
+    other_->syncBlock([&] {
+      EXPECT_EQ(SkeldaActor::currentActor(), other_);
+      actor_->syncBlock([&] {
+        EXPECT_EQ(SkeldaActor::currentActor(), actor_);
+        depth += 1;
+      });
+      EXPECT_EQ(SkeldaActor::currentActor(), other_);
+    });
+    EXPECT_EQ(SkeldaActor::currentActor(), actor_);
+    EXPECT_EQ(depth, 2);
+  };
+  actor_->syncBlock(nest);
+  expectLeft(actor_);
+  actor_->asyncBlock(nest);
+  actor_->syncBlock([] {});
+  expectLeft(actor_);
+  expectLeft(other_);
+}
+
+TEST_F(SkeldaActorTest, WhatASynchronousBlockThrowsReachesTheCaller) {
+  struct Special : platform::Exception {
+    Special() : Exception("Special", "of its own class") {}
+  };
+  for (const bool fromWithin : {false, true}) {
+    const auto tryAll = [&] {
+      EXPECT_THROW(actor_->syncBlock([] { throw Special(); }), Special);
+      EXPECT_THROW(actor_->syncBlock([] { throw std::runtime_error("any"); }), std::runtime_error);
+      EXPECT_THROW(actor_->syncBlock([] { throw 7; }), int);
+    };
+    if (fromWithin) {
+      actor_->syncBlock(tryAll);
+    } else {
+      tryAll();
+    }
+    expectLeft(actor_);
+  }
+  actor_->add(1);
+  EXPECT_EQ(actor_->total(), 1);
+}
+
+TEST_F(SkeldaActorTest, WhatAnAsynchronousBlockThrowsIsDroppedAndCounted) {
+  const platform::GroupRef group = platform::Group::make();
+  actor_->asyncBlock([] { throw platform::Exception("Name", "reason"); });
+  actor_->asyncBlock([] { throw 7; }, group);
+  actor_->add(1);
+  EXPECT_EQ(actor_->total(), 1);
+  EXPECT_EQ(actor_->syncGroup(group, platform::DispatchTime::now), 0);
+  expectLeft(actor_);
+  expectSwallowed(2);
+}
+
+TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
+  const std::thread::id owner = std::this_thread::get_id();
+  std::string handedOff;
+  const auto handOff = [&](const platform::Exception& e) { handedOff = e.reason(); };
+  const auto wrap = [&](platform::Block block) {
+    return actor_->wrapSyncBlock(std::move(block), handOff, owner);
+  };
+  // Elsewhere than on the owner's thread.
+  std::thread([&] {
+    wrap([&] {
+      EXPECT_EQ(SkeldaActor::currentActor(), actor_);
+      EXPECT_EQ(actor_->activeThread(), owner);
+      throw platform::Exception("Name", "handed off");
+    })();
+    EXPECT_THROW(wrap([] { throw 7; })(), int);
+    expectLeft(actor_);
+    actor_->wrapAsyncBlock([&] {
+      EXPECT_EQ(actor_->activeThread(), std::this_thread::get_id());
+      throw 7;
+    })();
+    expectLeft(actor_);
+  }).join();
+  EXPECT_EQ(handedOff, "handed off");
+  expectSwallowed(1);
+}
+
+TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
+  const std::function<void()> none;
+  EXPECT_EQ(reasonOf([] { SkeldaActor(); }), "Description is required");
+  EXPECT_EQ(reasonOf([] { SkeldaActor(std::nullopt); }),
+            "Invalid parameter not satisfying: description");
+  for (const auto& raising : std::vector<std::function<void()>>{
+           [&] { actor_->asyncBlock(nullptr); }, [&] { actor_->asyncBlock(none); },
+           [&] { actor_->asyncBlock(none, platform::Group::make()); },
+           [&] { actor_->asyncBlock(none, platform::Date::now()); },
+           [&] { actor_->wrapAsyncBlock(nullptr); }}) {
+    EXPECT_EQ(reasonOf(raising), "Invalid parameter not satisfying: block");
+  }
+  EXPECT_EQ(reasonOf([&] { actor_->asyncCallback(nullptr, kSkeldaActorNoQueue); }),
+            "Invalid parameter not satisfying: callback");
+  actor_->syncBlock(nullptr);
+  actor_->syncBlock(none);
+  actor_->syncMainThreadBlock(none);
+}
+
+TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {
+  const platform::GroupRef group = platform::Group::make();
+  std::atomic<int> ran{0};
+  Happening all(5);
+  const auto inside = [&] {
+    actor_->assertRunningInActor();
+    ++ran;
+    all.happen();
+  };
+  actor_->groupEnter(group);
+  actor_->groupNotify(inside, group);
+  actor_->asyncBlock(inside, group);
+  actor_->syncBlock([] {});
+  EXPECT_EQ(ran, 1);
+  EXPECT_NE(actor_->syncGroup(group, platform::DispatchTime::now), 0);
+  actor_->groupLeave(group);
+  EXPECT_EQ(actor_->syncGroup(group, platform::DispatchTime::forever), 0);
+  actor_->asyncBlock(inside, std::int64_t{1'000'000});
+  actor_->asyncBlock(inside, platform::Date::now() + platform::Date::Microseconds(1000));
+  actor_->asyncBlock(inside, platform::Date::withTimeIntervalSince1970(-1.5));
+  EXPECT_TRUE(all.cameInTime());
+}
+
+TEST_F(SkeldaActorTest, CallbacksComeOutsideTheActorOnTheQueueAskedFor) {
+  const platform::QueueRef queue = platform::Queue::serial("callbacks");
+  EXPECT_TRUE(platform::QueueRef(kSkeldaActorNoQueue)->label().ends_with("ActorNoDispatchQueue"));
+  Happening called(3);
+  actor_->syncBlock([&] {
+    bool inlineCalled = false;
+    actor_->asyncCallback([&] { inlineCalled = true; }, kSkeldaActorNoQueue);
+    EXPECT_TRUE(inlineCalled);
+    for (const auto& on : {queue, platform::QueueRef()}) {
+      actor_->asyncCallback(
+          [&, on] {
+            EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
+            EXPECT_TRUE((on != nullptr ? on : platform::Queue::global())->isCurrent());
+            called.happen();
+          },
+          on);
+    }
+    actor_->syncMainThreadBlock([&] {
+      EXPECT_TRUE(platform::MainQueue::isMainThread());
+      actor_->syncMainThreadBlock([&] { called.happen(); });
+    });
+  });
+  EXPECT_TRUE(called.cameInTime());
+}
+
+TEST_F(SkeldaActorTest, ActorsWithOneTargetTakeTurns) {
+  const platform::QueueRef funnel = platform::Queue::serial("funnel");
+  const auto a = SkeldaActor::made(new Counter(funnel));
+  const auto b = SkeldaActor::made(new Counter(funnel));
+  int unguarded = 0;
+  for (int i = 0; i < 500; ++i) {
+    for (const auto& actor : {a, b}) actor->asyncBlock([&] { ++unguarded; });
+    a->syncBlock([&] { ++unguarded; });
+  }
+  funnel->sync([&] { ++unguarded; });
+  a->syncBlock([] {});
+  b->syncBlock([] {});
+  EXPECT_EQ(unguarded, 1501);
+}
+
+TEST_F(SkeldaActorTest, APostedBlockHoldsItsActor) {
+  const std::weak_ptr<Counter> watched = other_;
+  const platform::QueueRef queue = other_->queue();
+  queue->suspend();
+  other_->asyncBlock([] {});
+  other_.reset();
+  EXPECT_FALSE(watched.expired());
+  queue->resume();
+  expectDrained(queue);
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(SkeldaActorDeathTest, ACheckOutsideTheActorEndsTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(Counter::counter()->assertRunningInActor(), "currentActor\\] == self");
+  EXPECT_DEATH(
+      {
+        const auto outer = Counter::counter();
+        outer->syncBlock(
+            [&] { Counter::counter()->syncBlock([&] { outer->assertRunningInActor(); }); });
+      },
+      "currentActor\\] == self");
+}
+
+}  // namespace

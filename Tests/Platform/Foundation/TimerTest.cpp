@@ -1,0 +1,62 @@
+#include "Platform/Foundation/Timer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace skelda::platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(TimerTest, ARepeatingTimerKeepsItsRasterUntilItsTickInvalidatesIt) {
+  const QueueRef queue = Queue::serial("ticks");
+  const auto begun = std::chrono::steady_clock::now();
+  int ticks = 0;
+  Happening over;
+  const auto timer = Timer::scheduled(milliseconds(3), true, queue, [&](Timer& self) {
+    EXPECT_TRUE(queue->isCurrent());
+    EXPECT_TRUE(self.isValid());
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(3) * ++ticks);
+    if (ticks < 5) return;
+    self.invalidate();
+    over.happen();
+  });
+  ASSERT_TRUE(over.cameInTime());
+  EXPECT_FALSE(timer->isValid());
+  EXPECT_FALSE(Happening().cameInTime(milliseconds(15)));
+  queue->sync([&] { EXPECT_EQ(ticks, 5); });
+}
+
+TEST(TimerTest, ATimerThatFiresOnceIsInvalidAfterwards) {
+  Happening fired;
+  const auto timer =
+      Timer::scheduled(milliseconds(1), false, Queue::global(), [&](Timer&) { fired.happen(); });
+  ASSERT_TRUE(fired.cameInTime());
+  EXPECT_FALSE(timer->isValid());
+}
+
+TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
+  const QueueRef queue = Queue::serial("ticks");
+  const auto held = std::make_shared<int>();
+  std::atomic<int> ticks{0};
+  const auto make = [&] {
+    return Timer::scheduled(milliseconds(1), true, queue, [&ticks, held](Timer&) { ++ticks; });
+  };
+  queue->suspend();
+  auto invalidated = make();
+  auto letGo = make();
+  EXPECT_FALSE(Happening().cameInTime(milliseconds(10)));  // both are due and wait in the queue
+  invalidated->invalidate();
+  invalidated.reset();
+  letGo.reset();
+  queue->resume();
+  expectDrained(queue);
+  EXPECT_EQ(ticks, 0);
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace skelda::platform
