@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <string>
 
+#include "Examples/MorningRun/Choices.h"
 #include "Examples/MorningRun/QuietFolder.h"
 #include "Examples/MorningRun/Recording.h"
 #include "Examples/MorningRun/Replay.h"
+#include "Examples/MorningRun/SentLogKeeper.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCSocketTransport.h"
 #include "Skelda_Watch/SkeldaWatch.h"
@@ -23,6 +25,8 @@ struct Options {
   std::string recording;
   std::string server;
   std::string phone;
+  std::string keepSent;
+  bool choices = false;
   double linger = 10;
 };
 
@@ -52,6 +56,11 @@ void describe(CLI::App& app, Options& options) {
   app.add_option("--recording", options.recording, "Another recording than the bundle's own");
   app.add_option("--server", options.server, "The address that logs are uploaded to");
   app.add_option("--phone", options.phone, "Socket on which to wait for the paired phone");
+  app.add_flag(
+      "--choices", options.choices,
+      "Tell the agent the runner's properties and consent, and at the end an opt-out and a "
+      "request to delete");
+  app.add_option("--keep-sent", options.keepSent, "Folder for a copy of every log that is sent");
   app.add_option("--linger", options.linger,
                  "Seconds to wait at most, at the end, for the files on disk to come to rest")
       ->capture_default_str();
@@ -64,9 +73,12 @@ int run(const Options& options) {
   if (!options.phone.empty())
     skelda::platform::installWatchConnectivity(
         skelda::platform::WCSocketTransport::make(options.phone));
+  if (!options.keepSent.empty()) SentLogKeeper::install(options.keepSent);
   if (!options.server.empty()) SkeldaWatch::setServerURL(options.server);
 
+  if (options.choices) Choices::atTheStart();
   const auto counts = Replay(recording, options.replay).run();
+  if (options.choices) Choices::atTheEnd();
   std::printf("logged in %.1f s\n", counts.took.count());
   std::fflush(stdout);
 

@@ -53,12 +53,14 @@ def eventually(what, within=20.0, every=0.02):
 class Home:
     """The directories of one installation: what the agent keeps across starts."""
 
-    def __init__(self, on_disk=False, bundle=EXAMPLE):
-        self.path = pathlib.Path(tempfile.mkdtemp(prefix="skelda-", dir=None if on_disk else scratch_root()))
+    def __init__(self, on_disk=False, bundle=EXAMPLE, path=None):
+        if path is None:
+            path = tempfile.mkdtemp(prefix="skelda-", dir=None if on_disk else scratch_root())
+        self.path = pathlib.Path(path)
         self.bundle = bundle
         self.log = self.path / "agent.log"
         for name in ("data", "state", "documents", "tmp"):
-            (self.path / name).mkdir()
+            (self.path / name).mkdir(parents=True, exist_ok=True)
 
     def close(self):
         for folder, _, _ in os.walk(self.path):
