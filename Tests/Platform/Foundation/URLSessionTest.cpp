@@ -1,0 +1,347 @@
+#include "Platform/Foundation/URLSession.h"
+
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "Tests/Support/LoopbackServer.h"
+#include "Tests/Support/SessionProbe.h"
+#include "Tests/Support/TestAuthority.h"
+
+namespace skelda::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::shared_ptr<SessionProbe> perform(platform::URLRequest request,
+                                      SessionProbe::RedirectRule rule = nullptr,
+                                      platform::URLSessionConfiguration configuration = {}) {
+  auto probe = std::make_shared<SessionProbe>(std::move(rule));
+  startRequest(probe, std::move(request), configuration);
+  EXPECT_TRUE(probe->wait());
+  return probe;
+}
+
+platform::URLRequest getRequest(const std::string& url) {
+  platform::URLRequest request;
+  request.url = url;
+  return request;
+}
+
+TEST(URLSession, EveryAnswerOfAServerCompletesWithoutAnError) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+    const int status = std::stoi(request.target.substr(1));
+    connection.send("HTTP/1.1 103 Early\r\nlink: interim\r\n\r\n");
+    connection.answer(status, status == 204 ? "" : "as told", "X-One: 1\r\nx-one: 2\r\n");
+  });
+  for (const int status : {200, 204, 299, 300, 304, 400, 404, 429, 500, 503, 599}) {
+    const auto probe = perform(getRequest(server.url("/" + std::to_string(status))));
+    EXPECT_EQ(probe->status(), status);
+    EXPECT_EQ(probe->code, 0);
+    EXPECT_EQ(probe->body.view(), status == 204 || status == 304 ? "" : "as told");
+    EXPECT_TRUE(probe->wasOnQueue);
+    // The interim answer's fields are not the answer's.
+    EXPECT_EQ(probe->response->headerFields.find("link"), nullptr);
+    EXPECT_EQ(probe->response->headerFields.find("X-One")->description(), "1, 2");
+  }
+}
+
+TEST(URLSession, OnTheWireStandsWhatWasAskedAndWhatHTTPNeeds) {
+  LoopbackServer server(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  const std::string body(3 * 1024 * 1024, 'b');  // large enough to be asked for leave first
+  for (const std::string_view method : {"POST", "PUT", "GET", "HEAD", "DELETE", "OPTIONS"}) {
+    auto request = postRequest(server.url(), body);
+    request.method = method;
+    if (method != "POST" && method != "PUT") request.body = nullptr;
+    EXPECT_EQ(perform(std::move(request))->status(), 200) << method;
+    const auto received = server.requests().back();
+    EXPECT_EQ(received.method, method);
+    std::set<std::string> names;
+    for (const auto& [name, value] : received.fields) names.insert(name);
+    std::set<std::string> expected{"host", "content-type", "x-key"};
+    if (method == "POST" || method == "PUT") {
+      expected.insert("content-length");
+      EXPECT_TRUE(received.body == body) << method;
+    }
+    EXPECT_EQ(names, expected) << method;
+  }
+}
+
+TEST(URLSession, ProposesAndFollowsRedirects) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+    if (request.target == "/end") return connection.answer(200, "here"), void();
+    connection.answer(std::stoi(request.target.substr(1)), "elsewhere", "Location: end\r\n");
+  });
+  for (const int status : {301, 302, 303, 307, 308}) {
+    const auto followed = perform(postRequest(server.url("/" + std::to_string(status)), "bytes"));
+    EXPECT_EQ(followed->status(), 200);
+    EXPECT_EQ(followed->body.view(), "here");
+    EXPECT_EQ(followed->redirects, std::vector<std::int64_t>{status});
+    const auto last = server.requests().back();
+    EXPECT_EQ(last.method, status == 303 ? "GET" : "POST") << status;
+    EXPECT_EQ(last.body, status == 303 ? "" : "bytes") << status;
+    EXPECT_EQ(last.field("x-key"), "secret");
+    EXPECT_EQ(last.field("content-type").empty(), status == 303);
+
+    const auto refused = perform(postRequest(server.url("/" + std::to_string(status)), "bytes"),
+                                 [](auto) { return std::nullopt; });
+    EXPECT_EQ(refused->status(), status);
+    EXPECT_EQ(refused->code, 0);
+    EXPECT_EQ(refused->body.view(), "elsewhere");
+  }
+}
+
+TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
+  TestAuthority authority;
+  LoopbackServer plain(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  std::string location;
+  LoopbackServer secure(
+      [&](ServerConnection& connection, const ReceivedRequest&) {
+        connection.answer(302, "", "Location: " + location + "\r\n");
+      },
+      {authority.issue()});
+  for (const auto& target : {plain.url(), std::string("ftp://127.0.0.1/"), std::string("//")}) {
+    location = target;
+    const auto probe = perform(postRequest(secure.url(), "bytes"));
+    EXPECT_EQ(probe->status(), 302) << target;
+    EXPECT_TRUE(probe->redirects.empty()) << "not even proposed: " << target;
+  }
+  // Nor when the delegate asks for it.
+  location = secure.url("/again");
+  const auto probe = perform(postRequest(secure.url(), "bytes"), [&](auto proposed) {
+    proposed.url = plain.url();
+    return proposed;
+  });
+  EXPECT_EQ(probe->code, platform::kURLErrorUnsupportedURL);
+  EXPECT_EQ(plain.connections(), 0u);
+}
+
+TEST(URLSession, FailuresCarryTheirCodes) {
+  TestAuthority authority;
+  const auto afterRequest = [](auto act) {
+    return LoopbackServer::raw([act](ServerConnection& connection) {
+      ReceivedRequest request;
+      if (connection.readRequest(request)) act(connection);
+    });
+  };
+  const auto answering = [&](std::string bytes) {
+    return afterRequest([bytes](ServerConnection& connection) { connection.send(bytes); });
+  };
+  const auto secure = [&](TestCertificate certificate, int newestTLS = 0) {
+    return std::make_unique<LoopbackServer>(
+        [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
+        LoopbackServer::Options{certificate, newestTLS});
+  };
+  struct Case {
+    const char* what;
+    std::unique_ptr<LoopbackServer> server;
+    std::int64_t code;
+  };
+  std::vector<Case> cases;
+  cases.push_back({"reset in the request", LoopbackServer::raw([](ServerConnection& connection) {
+                     ReceivedRequest request;
+                     if (connection.readHead(request)) connection.reset();
+                   }),
+                   platform::kURLErrorNetworkConnectionLost});
+  cases.push_back({"reset instead of an answer",
+                   afterRequest([](ServerConnection& connection) { connection.reset(); }),
+                   platform::kURLErrorNetworkConnectionLost});
+  cases.push_back({"no answer", answering(""), platform::kURLErrorNetworkConnectionLost});
+  cases.push_back({"half an answer", answering("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
+                   platform::kURLErrorNetworkConnectionLost});
+  cases.push_back({"an answer that is none", answering("SSH-2.0-server\r\n\r\n"),
+                   platform::kURLErrorBadServerResponse});
+  cases.push_back({"another authority", secure(authority.issueUntrusted()),
+                   platform::kURLErrorServerCertificateUntrusted});
+  cases.push_back({"an expired certificate", secure(authority.issue("IP:127.0.0.1", -1h)),
+                   platform::kURLErrorServerCertificateUntrusted});
+  cases.push_back({"another name", secure(authority.issue("DNS:other.example")),
+                   platform::kURLErrorServerCertificateUntrusted});
+  cases.push_back({"an old TLS", secure(authority.issue(), TLS1_1_VERSION),
+                   platform::kURLErrorSecureConnectionFailed});
+  for (const auto& one : cases) {
+    const auto probe = perform(postRequest(one.server->url(), std::string(200'000, 'x')));
+    EXPECT_EQ(probe->code, one.code) << one.what;
+    EXPECT_TRUE(probe->isURLError) << one.what;
+    EXPECT_EQ(probe->completions, 1) << one.what;
+  }
+  for (const auto& one : cases) {
+    if (one.code == platform::kURLErrorServerCertificateUntrusted) {
+      EXPECT_TRUE(one.server->requests().empty()) << one.what;
+    }
+  }
+
+  auto plain = LoopbackServer::raw([](ServerConnection& connection) { connection.send("plain"); });
+  const std::string port = std::to_string(plain->port());
+  EXPECT_EQ(perform(getRequest("https://127.0.0.1:" + port))->code,
+            platform::kURLErrorSecureConnectionFailed);
+  plain.reset();
+  EXPECT_EQ(perform(getRequest("http://127.0.0.1:" + port))->code,
+            platform::kURLErrorCannotConnectToHost);
+  EXPECT_EQ(perform(getRequest("http:// no url"))->code, platform::kURLErrorBadURL);
+  EXPECT_EQ(perform(getRequest("file:///etc/hostname"))->code, platform::kURLErrorUnsupportedURL);
+  auto injected = getRequest("http://127.0.0.1:" + port);
+  injected.headerFields = {{"X-Key", "a\r\nX-Other: b"}};
+  EXPECT_EQ(perform(std::move(injected))->code, platform::kURLErrorBadURL);
+}
+
+TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
+  const auto server = LoopbackServer::raw([](ServerConnection& connection) {
+    ReceivedRequest request;
+    if (!connection.readRequest(request)) return;
+    if (request.target == "/hang") return connection.server().hold();
+    // Slowly, but never still for long.
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n");
+    for (int i = 0; i < 20 && connection.send("."); ++i) std::this_thread::sleep_for(50ms);
+  });
+  auto hanging = getRequest(server->url("/hang"));
+  hanging.timeoutInterval = 300ms;
+  EXPECT_EQ(perform(hanging)->code, platform::kURLErrorTimedOut);
+
+  auto slow = getRequest(server->url("/slow"));
+  slow.timeoutInterval = 600ms;
+  const auto done = perform(slow);
+  EXPECT_EQ(done->code, 0);
+  EXPECT_EQ(done->body.length(), 20u);
+
+  platform::URLSessionConfiguration brief;
+  brief.resourceTimeout = 400ms;
+  EXPECT_EQ(perform(slow, nullptr, brief)->code, platform::kURLErrorTimedOut);
+  // Nor does a delegate that never decides hold a task for ever.
+  LoopbackServer redirecting([](ServerConnection& connection, const ReceivedRequest&) {
+    connection.answer(302, "", "Location: /there\r\n");
+  });
+  struct Undecided : SessionProbe {
+    void willPerformHTTPRedirection(platform::URLSession&, platform::URLSessionTask&,
+                                    const platform::HTTPURLResponse&, platform::URLRequest,
+                                    RedirectDecision) override {}
+  };
+  const auto undecided = std::make_shared<Undecided>();
+  startRequest(undecided, getRequest(redirecting.url()), brief);
+  ASSERT_TRUE(undecided->wait());
+  EXPECT_EQ(undecided->code, platform::kURLErrorTimedOut);
+}
+
+std::size_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  std::size_t total = 0, resident = 0;
+  statm >> total >> resident;
+  return resident * 4096;
+}
+
+TEST(URLSession, AnAnswerWithoutEndIsCutOffAndCountsByItsStatus) {
+  const std::string block(256 * 1024, 'z');
+  std::atomic<std::size_t> sent = 0;
+  LoopbackServer server([&](ServerConnection& connection, const ReceivedRequest&) {
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
+    while (sent < 1073741824 && connection.send(block)) sent += block.size();
+  });
+  perform(getRequest("http://127.0.0.1:1/"));  // what the library takes for itself is there now
+  const std::size_t before = residentBytes();
+  const auto probe = perform(postRequest(server.url(), "bytes"));
+  EXPECT_EQ(probe->status(), 200);
+  EXPECT_EQ(probe->code, 0);
+  EXPECT_EQ(probe->body.length(), 64u * 1024);
+  EXPECT_LT(sent, 64u * 1024 * 1024);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(residentBytes(), before + 1024 * 1024);
+#else
+  static_cast<void>(before);
+#endif
+}
+
+TEST(URLSession, ACancelledTaskEndsOnceWhateverItWasDoing) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+    if (request.target == "/hold") connection.server().hold();
+    connection.answer(200);
+  });
+  const auto probe = std::make_shared<SessionProbe>();
+  const auto session = platform::URLSession::session({}, probe);
+  const auto unstarted = session->dataTask(getRequest(server.url("/never")));
+  unstarted->cancel();
+  unstarted->resume();
+  ASSERT_TRUE(probe->wait());
+  EXPECT_EQ(probe->code, platform::kURLErrorCancelled);
+
+  const auto running = std::make_shared<SessionProbe>();
+  const auto task = startRequest(running, postRequest(server.url("/hold"), "bytes"));
+  ASSERT_TRUE(server.waitForRequests(1));
+  task->cancel();
+  task->cancel();
+  ASSERT_TRUE(running->wait());
+  EXPECT_EQ(running->code, platform::kURLErrorCancelled);
+
+  // Cancelled from another thread while it is starting or ending.
+  std::vector<std::shared_ptr<SessionProbe>> probes;
+  for (int i = 0; i < 50; ++i) {
+    probes.push_back(std::make_shared<SessionProbe>());
+    const auto raced = startRequest(probes.back(), getRequest(server.url()));
+    if (i % 2 == 0) std::this_thread::yield();
+    raced->cancel();
+  }
+  for (const auto& each : probes) ASSERT_TRUE(each->wait());
+  perform(getRequest(server.url()));  // whatever came late has come
+  for (const auto& each : probes) EXPECT_EQ(each->completions, 1);
+  EXPECT_EQ(probe->completions, 1);
+  EXPECT_EQ(running->completions, 1);
+}
+
+bool networkThreadRuns() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream file(task.path() / "comm");
+    std::string name;
+    if (std::getline(file, name) && name == "skelda.network") return true;
+  }
+  return false;
+}
+
+TEST(URLSession, SessionsShareConnectionsAndLeaveNothingBehindWhenIdle) {
+  TestAuthority authority;
+  LoopbackServer server(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200, "ok"); },
+      {authority.issue()});
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(perform(postRequest(server.url(), "b"))->status(), 200);
+  EXPECT_EQ(server.connections(), 1u);
+  EXPECT_TRUE(networkThreadRuns());
+  EXPECT_TRUE(server.waitUntil([&] { return server.openConnections() == 0; }));
+  EXPECT_TRUE(server.waitUntil([] { return !networkThreadRuns(); }));
+  EXPECT_EQ(perform(postRequest(server.url(), "b"))->status(), 200) << "and it starts again";
+  EXPECT_EQ(server.connections(), 2u);
+}
+
+TEST(URLSession, ADeadConnectionIsReplacedAndTheBodySentAgain) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+    connection.answer(200, "ok");
+    if (request.connection == 1) connection.close();  // without saying so
+  });
+  EXPECT_EQ(perform(postRequest(server.url(), "first"))->status(), 200);
+  const std::string body(500'000, 'y');
+  EXPECT_EQ(perform(postRequest(server.url(), body))->status(), 200);
+  EXPECT_TRUE(server.requests().back().body == body);
+}
+
+TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        TestAuthority authority;
+        LoopbackServer server(
+            [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
+            {authority.issue()});
+        for (int i = 0; i < 20; ++i) {
+          startRequest(std::make_shared<SessionProbe>(), postRequest(server.url(), "bytes"));
+        }
+        server.waitForRequests(3);
+        std::exit(7);
+      },
+      ::testing::ExitedWithCode(7), "");
+}
+
+}  // namespace
+}  // namespace skelda::testing

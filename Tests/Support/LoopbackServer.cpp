@@ -1,0 +1,283 @@
+#include "Tests/Support/LoopbackServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace skelda::testing {
+
+std::string ReceivedRequest::field(std::string_view lowerCaseName) const {
+  for (const auto& [name, value] : fields) {
+    if (name == lowerCaseName) return value;
+  }
+  return {};
+}
+
+// -- ServerConnection
+
+ServerConnection::~ServerConnection() {
+  close();
+  SSL_free(tls_);
+}
+
+bool ServerConnection::startTLS(ssl_ctx_st* context) {
+  tls_ = SSL_new(context);
+  SSL_set_fd(tls_, socket_);
+  const bool shaken = SSL_accept(tls_) == 1;
+  ERR_clear_error();
+  return shaken;
+}
+
+bool ServerConnection::fill() {
+  std::array<char, 65536> bytes;
+  ssize_t length = 0;
+  if (tls_ != nullptr) {
+    length = SSL_read(tls_, bytes.data(), static_cast<int>(bytes.size()));
+    ERR_clear_error();
+  } else {
+    length = ::recv(socket_, bytes.data(), bytes.size(), 0);
+  }
+  if (length > 0) buffer_.append(bytes.data(), static_cast<std::size_t>(length));
+  return length > 0;
+}
+
+bool ServerConnection::readHead(ReceivedRequest& request) {
+  std::size_t end = 0;
+  while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
+    if (!fill()) return false;
+  }
+  std::string head = buffer_.substr(0, end + 2);
+  buffer_.erase(0, end + 4);
+  request = {};
+  request.connection = number_;
+  request.method = head.substr(0, head.find(' '));
+  const std::size_t target = request.method.size() + 1;
+  request.target = head.substr(target, head.find(' ', target) - target);
+  for (std::size_t at = head.find("\r\n") + 2; at < head.size();) {
+    const std::size_t line = head.find("\r\n", at);
+    const std::size_t colon = head.find(':', at);
+    std::string name = head.substr(at, colon - at);
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(c)); });
+    const std::size_t value = head.find_first_not_of(' ', colon + 1);
+    request.fields.emplace_back(name, head.substr(value, line - value));
+    at = line + 2;
+  }
+  return true;
+}
+
+bool ServerConnection::readBody(ReceivedRequest& request) {
+  const std::size_t length = std::strtoul(request.field("content-length").c_str(), nullptr, 10);
+  while (buffer_.size() < length) {
+    if (!fill()) return false;
+  }
+  request.body = buffer_.substr(0, length);
+  buffer_.erase(0, length);
+  server_.record(request);
+  return true;
+}
+
+bool ServerConnection::readRequest(ReceivedRequest& request) {
+  return readHead(request) && readBody(request);
+}
+
+bool ServerConnection::send(std::string_view bytes) {
+  while (!bytes.empty() && socket_ >= 0) {
+    ssize_t sent = 0;
+    if (tls_ != nullptr) {
+      sent = SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size()));
+      ERR_clear_error();
+    } else {
+      sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    if (sent <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return socket_ >= 0;
+}
+
+bool ServerConnection::answer(int status, std::string_view body, std::string_view extraFields) {
+  std::string bytes = "HTTP/1.1 " + std::to_string(status) + " As told\r\n";
+  if (status != 204) bytes += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  bytes.append(extraFields).append("\r\n").append(body);
+  return send(bytes);
+}
+
+void ServerConnection::reset() {
+  const linger now{1, 0};
+  ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  close();
+}
+
+void ServerConnection::close() {
+  if (socket_ < 0) return;
+  {
+    std::lock_guard lock(server_.mutex_);
+    server_.sockets_.erase(socket_);
+    ::close(std::exchange(socket_, -1));
+  }
+  server_.changed_.notify_all();
+}
+
+// -- LoopbackServer
+
+LoopbackServer::LoopbackServer(ConnectionHandler handler, Options options, int)
+    : handler_(std::move(handler)), options_(std::move(options)) {
+  std::signal(SIGPIPE, SIG_IGN);  // the TLS library's writes
+  listen();
+}
+
+LoopbackServer::LoopbackServer(RequestHandler handler, Options options)
+    : LoopbackServer(
+          [handler = std::move(handler)](ServerConnection& connection) {
+            ReceivedRequest request;
+            while (connection.readRequest(request)) handler(connection, request);
+          },
+          std::move(options), 0) {}
+
+std::unique_ptr<LoopbackServer> LoopbackServer::raw(ConnectionHandler handler, Options options) {
+  return std::unique_ptr<LoopbackServer>(
+      new LoopbackServer(std::move(handler), std::move(options), 0));
+}
+
+void LoopbackServer::listen() {
+  if (options_.certificate) {
+    context_ = SSL_CTX_new(TLS_server_method());
+    if (SSL_CTX_use_certificate_file(context_, options_.certificate->certificateFile.c_str(),
+                                     SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context_, options_.certificate->keyFile.c_str(),
+                                    SSL_FILETYPE_PEM) != 1) {
+      throw std::runtime_error("unable to read the server's certificate");
+    }
+    if (options_.newestTLS != 0) {
+      SSL_CTX_set_min_proto_version(context_, options_.newestTLS);
+      SSL_CTX_set_max_proto_version(context_, options_.newestTLS);
+      SSL_CTX_set_security_level(context_, 0);
+    }
+  }
+  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener_, 64) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw std::runtime_error("unable to listen on the loopback");
+  }
+  port_ = ntohs(address.sin_port);
+  acceptor_ = std::thread([this] { acceptAll(); });
+}
+
+LoopbackServer::~LoopbackServer() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+    ::shutdown(listener_, SHUT_RDWR);
+    for (const int socket : sockets_) ::shutdown(socket, SHUT_RDWR);
+  }
+  changed_.notify_all();
+  acceptor_.join();
+  for (auto& thread : threads_) thread.join();
+  ::close(listener_);
+  SSL_CTX_free(context_);
+}
+
+void LoopbackServer::acceptAll() {
+  for (;;) {
+    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    std::lock_guard lock(mutex_);
+    if (stopping_ || socket < 0) {
+      if (socket >= 0) ::close(socket);
+      return;
+    }
+    const int yes = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    sockets_.insert(socket);
+    threads_.emplace_back([this, socket, number = ++connections_] { serve(socket, number); });
+  }
+}
+
+void LoopbackServer::serve(int socket, std::size_t number) {
+  changed_.notify_all();
+  ServerConnection connection(*this, socket, number);
+  if (context_ == nullptr || connection.startTLS(context_)) handler_(connection);
+}
+
+void LoopbackServer::record(const ReceivedRequest& request) {
+  {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(request);
+  }
+  changed_.notify_all();
+}
+
+std::string LoopbackServer::url(const std::string& path) const {
+  return (context_ != nullptr ? "https://127.0.0.1:" : "http://127.0.0.1:") +
+         std::to_string(port_) + path;
+}
+
+std::vector<ReceivedRequest> LoopbackServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::size_t LoopbackServer::connections() const {
+  std::lock_guard lock(mutex_);
+  return connections_;
+}
+
+std::size_t LoopbackServer::openConnections() const {
+  std::lock_guard lock(mutex_);
+  return sockets_.size();
+}
+
+bool LoopbackServer::waitUntil(const std::function<bool()>& condition) const {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    std::unique_lock lock(mutex_);
+    // What is waited for may also happen elsewhere.
+    changed_.wait_for(lock, std::chrono::milliseconds(5));
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  }
+  return true;
+}
+
+bool LoopbackServer::waitForRequests(std::size_t count) const {
+  return waitUntil([&] { return requests().size() >= count; });
+}
+
+void LoopbackServer::hold() {
+  std::unique_lock lock(mutex_);
+  const std::size_t before = releases_;
+  ++held_;
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return stopping_ || releases_ != before; });
+  --held_;
+}
+
+void LoopbackServer::release() {
+  {
+    std::lock_guard lock(mutex_);
+    ++releases_;
+  }
+  changed_.notify_all();
+}
+
+std::size_t LoopbackServer::held() const {
+  std::lock_guard lock(mutex_);
+  return held_;
+}
+
+}  // namespace skelda::testing

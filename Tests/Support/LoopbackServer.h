@@ -1,0 +1,130 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Tests/Support/TestAuthority.h"
+
+struct ssl_ctx_st;
+struct ssl_st;
+
+namespace skelda::testing {
+
+/// What every wait of these tests is bounded by.
+inline constexpr std::chrono::seconds kPatience{20};
+
+struct ReceivedRequest {
+  std::string method;
+  std::string target;
+  std::vector<std::pair<std::string, std::string>> fields;  // names in lower case, as they came
+  std::string body;
+  std::size_t connection = 0;  // counted from 1
+  /// Empty where it is absent.
+  std::string field(std::string_view lowerCaseName) const;
+};
+
+class LoopbackServer;
+
+struct LoopbackServerOptions {
+  std::optional<TestCertificate> certificate = std::nullopt;  ///< https
+  int newestTLS = 0;                                          ///< 0: whatever there is
+};
+
+/// One connection that the server accepted, in the hands of a handler. Used on its own thread.
+class ServerConnection {
+ public:
+  /// Reads a request head, then as much of its body as was announced.
+  bool readRequest(ReceivedRequest& request);
+  bool readHead(ReceivedRequest& request);
+  bool readBody(ReceivedRequest& request);
+  bool send(std::string_view bytes);
+  /// A whole answer, after which the connection is kept.
+  bool answer(int status, std::string_view body = {}, std::string_view extraFields = {});
+  /// The client sees a reset, not an end.
+  void reset();
+  void close();
+  LoopbackServer& server() const { return server_; }
+
+ private:
+  friend class LoopbackServer;
+  ServerConnection(LoopbackServer& server, int socket, std::size_t number)
+      : server_(server), socket_(socket), number_(number) {}
+  ~ServerConnection();
+  bool fill();
+  bool startTLS(ssl_ctx_st* context);
+
+  LoopbackServer& server_;
+  int socket_;
+  const std::size_t number_;
+  ssl_st* tls_ = nullptr;
+  std::string buffer_;
+};
+
+/// An HTTP server on 127.0.0.1, a thread for each connection, that does what a test says, lawful or
+/// not: with a handler for requests, or for whole connections.
+class LoopbackServer {
+ public:
+  using RequestHandler = std::function<void(ServerConnection&, const ReceivedRequest&)>;
+  using ConnectionHandler = std::function<void(ServerConnection&)>;
+  using Options = LoopbackServerOptions;
+
+  explicit LoopbackServer(RequestHandler handler, Options options = {});
+  static std::unique_ptr<LoopbackServer> raw(ConnectionHandler handler, Options options = {});
+  /// Lets held answers go, cuts the connections and waits for its threads.
+  ~LoopbackServer();
+
+  std::string url(const std::string& path = "/v1/skd.do") const;
+  std::uint16_t port() const { return port_; }
+  std::vector<ReceivedRequest> requests() const;
+  std::size_t connections() const;
+  std::size_t openConnections() const;
+
+  /// Until `condition`, looked at whenever something happens at the server, holds.
+  bool waitUntil(const std::function<bool()>& condition) const;
+  bool waitForRequests(std::size_t count) const;
+
+  /// A handler's way of not answering: returns when release() is called, or the server goes.
+  void hold();
+  void release();
+  std::size_t held() const;
+
+ private:
+  friend class ServerConnection;
+  LoopbackServer(ConnectionHandler handler, Options options, int);
+  void listen();
+  void acceptAll();
+  void serve(int socket, std::size_t number);
+  void record(const ReceivedRequest& request);
+
+  ConnectionHandler handler_;
+  const Options options_;
+  ssl_ctx_st* context_ = nullptr;
+  int listener_ = -1;
+  std::uint16_t port_ = 0;
+  std::thread acceptor_;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<std::thread> threads_;
+  std::set<int> sockets_;
+  std::vector<ReceivedRequest> requests_;
+  std::size_t connections_ = 0;
+  std::size_t held_ = 0;
+  std::size_t releases_ = 0;
+  bool stopping_ = false;
+};
+
+}  // namespace skelda::testing
