@@ -5,12 +5,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <new>
 
 #include "Platform/Dispatch/Thread.h"
 #include "Platform/Dispatch/WorkerPool.h"
+#include "Platform/Foundation/Log.h"
 
 namespace skelda::platform {
 
@@ -38,17 +37,21 @@ bool EventLoop::ensureThread() noexcept {
   return started_.load(std::memory_order_relaxed);
 }
 
-bool EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
-  auto* const entry = new (std::nothrow) Watch{handler, context};
-  if (entry == nullptr) return false;
+void EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
   epoll_event event{};
   event.events = EPOLLIN;
-  event.data.ptr = entry;
-  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-    delete entry;
-    return false;
+  {
+    const std::lock_guard lock(mutex_);
+    Watch& entry = watches_.at(watchCount_);
+    entry = {handler, context};
+    event.data.ptr = &entry;
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+      Log::write("platform::EventLoop: no descriptor to wait for events with");
+      return;
+    }
+    ++watchCount_;
   }
-  return ensureThread();
+  ensureThread();
 }
 
 void EventLoop::armPoolTick() noexcept {

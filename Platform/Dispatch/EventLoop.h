@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 
 namespace skelda::platform {
@@ -13,9 +15,9 @@ class EventLoop {
 
   static EventLoop& shared();
 
-  /// Calls the handler, on the thread, whenever the descriptor can be read. For good. False when
-  /// the system refuses.
-  bool watch(int descriptor, Handler handler, void* context) noexcept;
+  /// Calls the handler, on the thread, whenever the descriptor can be read. For good; there is room
+  /// for the few that the layer has. Says so in the log when the system refuses.
+  void watch(int descriptor, Handler handler, void* context) noexcept;
   /// Calls WorkerPool::tick() in a millisecond, and again as long as it asks for that.
   void armPoolTick() noexcept;
 
@@ -34,6 +36,8 @@ class EventLoop {
   int epoll_;
   int tick_;
   std::mutex mutex_;
+  std::array<Watch, 4> watches_{};
+  std::size_t watchCount_ = 0;
   std::atomic<bool> started_{false};
 };
 
