@@ -50,8 +50,8 @@ configure() {
 build() {
   local preset="$1" log="build/$1/build.log"
   shift
-  ninja -C "build/$preset" -j "$jobs" "$@" >"$log" 2>&1 || {
-    grep -A 12 -E 'FAILED|error|Error' "$log" | head -n 80 >&2
+  ninja --quiet -C "build/$preset" -j "$jobs" "$@" >"$log" 2>&1 || {
+    grep -vE '^ +inlined from|^In file included|^ +from ' "$log" | cut -c 1-300 | head -n 60 >&2
     return 1
   }
 }

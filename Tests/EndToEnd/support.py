@@ -155,10 +155,7 @@ class Home:
 
     def start(self, *arguments, bundle=None, environment=None, **popen):
         bundle = bundle or self.bundle
-        program = bundle / plistlib.loads((EXAMPLE / "Info.plist").read_bytes())["CFBundleExecutable"]
-        if not program.exists():
-            program = bundle / bundle.stem
-        return Process([program, *arguments], env=environment or self.environment(), **popen)
+        return Process([bundle / bundle.stem, *arguments], env=environment or self.environment(), **popen)
 
     def run(self, *arguments, within=60.0, **more):
         """Runs the bundle's program to its end; the process, which must not have been killed."""

@@ -57,10 +57,10 @@ struct Identity {
 
 /// Written beside its place first: a start that was cut short leaves no half a file.
 template <class Write>
-void writeFile(const std::string& path, Write write) {
+void writeFile(const std::string& path, mode_t forbidden, Write write) {
   const std::string temporary = path + ".new";
   {
-    const mode_t others = ::umask(0077);
+    const mode_t others = ::umask(forbidden);
     const File file(std::fopen(temporary.c_str(), "we"));
     ::umask(others);
     if (!file || !write(file.get()) || std::fflush(file.get()) != 0 || ::fsync(fileno(file.get())))
@@ -71,10 +71,10 @@ void writeFile(const std::string& path, Write write) {
 
 void save(const Identity& identity, const std::string& certificatePath,
           const std::string& keyPath) {
-  writeFile(keyPath, [&](std::FILE* file) {
+  writeFile(keyPath, 0077, [&](std::FILE* file) {
     return PEM_write_PrivateKey(file, identity.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
   });
-  writeFile(certificatePath,
+  writeFile(certificatePath, 0022,
             [&](std::FILE* file) { return PEM_write_X509(file, identity.certificate.get()); });
 }
 

@@ -189,7 +189,8 @@ bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
     return true;
   }
   if (fault.status && *fault.status / 100 != 2) {
-    print("fault: status " + std::to_string(*fault.status));
+    print("fault: status " + std::to_string(*fault.status) + " for " +
+          LogStore::sha256(body).substr(0, 16));
     answer(response, *fault.status, {{"error", "as asked for"}});
     return true;
   }

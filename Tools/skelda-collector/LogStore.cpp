@@ -48,12 +48,6 @@ class Descriptor {
   const int fd_;
 };
 
-std::string sha256(std::string_view bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  return fmt::format("{:02x}", fmt::join(digest, ""));
-}
-
 std::string nowAsText(const char* format) {
   const auto now = std::chrono::system_clock::now();
   const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch());
@@ -62,6 +56,12 @@ std::string nowAsText(const char* format) {
 }
 
 }  // namespace
+
+std::string LogStore::sha256(std::string_view bytes) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
+  return fmt::format("{:02x}", fmt::join(digest, ""));
+}
 
 LogStore::LogStore(std::string folder) : folder_(std::move(folder)) {
   std::filesystem::create_directories(folder_);

@@ -15,6 +15,9 @@ class LogStore {
   /// Makes the folder. Throws std::system_error when that cannot be done.
   explicit LogStore(std::string folder);
 
+  /// In hexadecimal digits.
+  static std::string sha256(std::string_view bytes);
+
   /// Keeps a log that a client sent with that API key; the result is its line in received.jsonl.
   /// Throws std::system_error when it could not be kept; then there is no line.
   nlohmann::ordered_json add(std::string_view log, const FrameLogReport& report,

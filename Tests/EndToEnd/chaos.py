@@ -1,0 +1,420 @@
+"""Everything at once: a host that logs at a steady rate while its server misbehaves, its disk fills,
+its files are damaged behind its back, and it is killed. In the end, with all well again, every log
+that was committed is either at the server or accounted for.
+
+    python3 Tests/EndToEnd/chaos.py MINUTES [--seed N]
+"""
+
+import argparse
+import contextlib
+import ctypes
+import dataclasses
+import hashlib
+import os
+import pathlib
+import random
+import re
+import select
+import shutil
+import struct
+import subprocess
+import sys
+import threading
+import time
+
+import frame_log
+from support import Collector, Home, Process, eventually, give_identifiers
+
+NOBODY = 65534
+ROOT_USER = os.geteuid() == 0
+RATE = 15
+
+
+def digest(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+class Tap(threading.Thread):
+    """Sees every file that appears in a folder, and keeps what is in it when it can still be read."""
+
+    CREATE, MOVED_TO, CLOSE_WRITE = 0x100, 0x80, 0x8
+
+    def __init__(self, folder, wanted):
+        super().__init__(daemon=True)
+        self.folder, self.wanted = folder, wanted
+        self.contents = {}  # name to bytes, or None where it was gone at once
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.fd = self.libc.inotify_init1(os.O_CLOEXEC)
+        watch = self.libc.inotify_add_watch(self.fd, os.fsencode(folder), self.CREATE | self.MOVED_TO | self.CLOSE_WRITE)
+        if self.fd < 0 or watch < 0:
+            raise OSError(ctypes.get_errno(), "inotify")
+        self.ending = False
+        for path in folder.iterdir():
+            self.see(path.name)
+        self.start()
+
+    def see(self, name):
+        if not self.wanted(name):
+            return
+        with contextlib.suppress(OSError):
+            data = (self.folder / name).read_bytes()
+            if data:
+                self.contents.setdefault(name, None)
+                self.contents[name] = self.contents[name] or data
+        self.contents.setdefault(name, None)
+
+    def run(self):
+        while not self.ending:
+            if not select.select([self.fd], [], [], 0.2)[0]:
+                continue
+            events = os.read(self.fd, 1 << 16)
+            while events:
+                length, = struct.unpack_from("I", events, 12)
+                self.see(os.fsdecode(events[16:16 + length].rstrip(b"\0")))
+                events = events[16 + length:]
+
+    def stop(self):
+        self.ending = True
+        self.join()
+        os.close(self.fd)
+
+
+class Addresses(threading.Thread):
+    """Samples which addresses a process is connected to."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.pid = None
+        self.seen = set()
+        self.ending = False
+        self.start()
+
+    def run(self):
+        while not self.ending:
+            with contextlib.suppress(OSError):
+                if self.pid:
+                    self.sample(self.pid)
+            time.sleep(0.05)
+
+    def sample(self, pid):
+        inodes = set()
+        for entry in os.listdir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(OSError):
+                inodes.update(re.findall(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{entry}")))
+        for table in ("tcp", "tcp6", "udp", "udp6"):
+            for line in pathlib.Path(f"/proc/{pid}/net/{table}").read_text().splitlines()[1:]:
+                fields = line.split()
+                if fields[9] in inodes and fields[3] != "0A":
+                    self.seen.add(fields[2])
+
+    def elsewhere(self, ports):
+        """The addresses that are not loopback on one of the ports."""
+        loopback = {f"0100007F:{port:04X}" for port in ports}
+        return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
+
+
+@dataclasses.dataclass
+class Usage:
+    memory: int
+    threads: int
+    descriptors: int
+
+    @staticmethod
+    def of(pid):
+        status = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines())
+        return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(os.listdir(f"/proc/{pid}/fd")))
+
+
+class Chaos:
+    def __init__(self, minutes, seed, say=print):
+        self.length = minutes * 60
+        self.chance = random.Random(seed)
+        self.say = say
+        self.home = Home()
+        self.sent = self.home.path / "sent"
+        self.sent.mkdir()
+        self.tampered = {}  # digest or name of what was damaged, to how
+        self.lost_to_tampering = set()  # digests of the logs in damaged blocks
+        self.counts = {"kills": 0, "server restarts": 0, "tamperings": 0, "full disks": 0}
+        self.problems = []
+        self.refused_early = []
+        self.untrusted = 0
+        self.collector_output = []
+        self.host = None
+        self.mounted = False
+        self.host_lines = []
+
+    # The pieces
+
+    def prepare(self):
+        if ROOT_USER:
+            self.mount_small_disk()
+        give_identifiers(self.home)
+        self.home.log.unlink(missing_ok=True)
+        self.collector = Collector(self.home.path / "collector")
+        self.port = self.collector.port
+        authority = self.home.path / "authority.pem"
+        shutil.copyfile(self.collector.authority, authority)
+        self.environment = self.home.environment(SSL_CERT_FILE=authority)
+        if ROOT_USER:
+            for folder, names, files in os.walk(self.home.path):
+                for name in [".", *files]:
+                    os.chown(os.path.join(folder, name), NOBODY, NOBODY)
+        self.committed = Tap(self.home.committed, lambda name: "CommitedFrameLog" in name)
+        self.blocks = Tap(self.home.storage, lambda name: len(name) == 36 and name.count("-") == 4)
+        self.addresses = Addresses()
+
+    def mount_small_disk(self):
+        small = self.home.path / "small"
+        small.mkdir()
+        done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", small], capture_output=True)
+        if done.returncode != 0:
+            return
+        self.mounted = True
+        (self.home.path / "data").rmdir()
+        (small / "data").mkdir()
+        (self.home.path / "data").symlink_to(small / "data")
+
+    def start_host(self):
+        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
+        self.host = self.home.start("--rate", str(RATE), "--events", "100000000", "--threads", "2", "--server",
+                                    self.collector.url, "--keep-sent", self.sent, environment=self.environment,
+                                    **as_nobody)
+        self.addresses.pid = self.host.pid
+
+    def end_host(self):
+        if self.host.child.poll() is not None:
+            self.problems.append(f"the host ended by itself with {self.host.status}: {self.host.output[-2000:]}")
+        self.host.kill()
+        self.host.__exit__()
+        self.host_lines += self.host.lines
+
+    def restart_collector(self, *arguments, away=0.0):
+        self.collector.stop()
+        self.collector_output += self.collector.process.lines
+        time.sleep(away)
+        self.collector.start(*arguments)
+        self.counts["server restarts"] += 1
+
+    # What goes wrong
+
+    def serve_badly(self, seconds):
+        """One spell of a server that does not do as it should."""
+        elsewhere = self.collector.url
+        status = self.chance.choice([500, 503, 429, 400, 401, 404])
+        faults = [f"status={status}", "reset-after=100bytes", "reset-answer=20bytes", "drop-answer",
+                  "delay=1500ms", f"delay=300ms,status={status}"]
+        faults += [f"redirect={code}:{elsewhere},times=3" for code in (301, 302, 303, 307, 308)]
+        if self.length > 150:
+            faults.append("delay=25s,times=2")
+        chosen = [part for fault in self.chance.sample(faults, 3)
+                  for part in ("--fault", fault if "times" in fault else f"{fault},for={seconds / 3:.0f}s")]
+        self.restart_collector(*chosen, away=self.chance.choice([0, 0, 0.5, 2]))
+        time.sleep(seconds)
+
+    def serve_untrusted(self, seconds):
+        before = len(self.collector.entries())
+        kind = self.chance.choice(["expired", "self-signed", "wrong-name"])
+        self.restart_collector("--certificate", kind)
+        time.sleep(seconds)
+        requests = [line for line in self.collector.process.lines if line and line.startswith(("log ", "refused", "fault"))]
+        if requests or len(self.collector.entries()) != before:
+            self.problems.append(f"something was sent over a connection with a certificate that is {kind}: {requests}")
+        self.untrusted += 1
+
+    def fill_disk(self, seconds):
+        if not self.mounted:
+            return
+        ballast = self.home.path / "small" / "ballast"
+        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(1024))
+        self.counts["full disks"] += 1
+        time.sleep(seconds)
+        ballast.unlink()
+
+    def tamper(self):
+        """Damages one file behind the agent's back, and remembers what that excuses."""
+        candidates = [*self.home.committed_logs()[:2], *self.home.blocks()[:2], self.home.index, self.home.key_values,
+                      *self.home.storage.glob(".skeldaCurrentWatchSessionId*")]
+        path = self.chance.choice([c for c in candidates if c.exists()] or [self.home.index])
+        how = self.chance.choice(["deleted", "truncated", "garbage", "unreadable"])
+        with contextlib.suppress(OSError):
+            data = path.read_bytes()
+            if path == self.home.index:
+                # With the list of blocks damaged, what they hold is no longer known to be unsent.
+                for block in self.home.blocks():
+                    with contextlib.suppress(OSError):
+                        self.lost_to_tampering.add(digest(block.read_bytes()))
+            self.tampered[path.name] = how
+            self.tampered[digest(data)] = how
+            if how == "deleted":
+                path.unlink()
+            elif how == "truncated":
+                os.truncate(path, self.chance.randint(0, len(data)))
+            elif how == "garbage":
+                path.write_bytes(self.chance.randbytes(len(data) or 10))
+            else:
+                path.chmod(0)
+                time.sleep(1)
+                path.chmod(0o600)
+            self.counts["tamperings"] += 1
+
+    def kill(self):
+        self.end_host()
+        self.counts["kills"] += 1
+        self.start_host()
+
+    # The run
+
+    def run(self):
+        self.prepare()
+        self.start_host()
+        began = time.monotonic()
+        calm_from = self.length * 0.5  # from here on one process lives to the end
+        usage = None
+        spell = max(3.0, min(8.0, self.length / 12))
+        while (now := time.monotonic() - began) < self.length:
+            if now < calm_from:
+                time.sleep(self.chance.uniform(0.1, 1.5))
+                self.kill()
+            elif usage is None:
+                time.sleep(min(10.0, self.length / 12))
+                usage = Usage.of(self.host.pid)
+            what = self.chance.choice([self.serve_badly, self.serve_badly, self.serve_untrusted, self.fill_disk,
+                                       lambda seconds: [(self.tamper(), time.sleep(0.5)) for _ in range(4)]])
+            what(spell)
+            self.restart_collector()
+            time.sleep(self.chance.uniform(1, 3))
+        self.settle(usage)
+        return self
+
+    def settle(self, usage):
+        """All is well again: the host goes on for a while, then what it left open is sent."""
+        self.restart_collector()
+        time.sleep(8)
+        after = Usage.of(self.host.pid)
+        if after.memory > usage.memory * 1.25 + 2048 or after.threads > usage.threads + 3 \
+                or after.descriptors > usage.descriptors + 3:
+            self.problems.append(f"grown: from {usage} to {after}")
+        self.usage = (usage, after)
+        self.end_host()
+        for _ in range(2):
+            as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
+            with self.home.start("--rate", "20", "--events", "40", "--server", self.collector.url, "--keep-sent",
+                                 self.sent, "--linger", "60", environment=self.environment, **as_nobody) as last:
+                self.addresses.pid = last.pid
+                last.wait(120)
+        waiting = eventually(lambda: not self.home.blocks() and not self.home.committed_logs(), within=5)
+        if not waiting:
+            self.problems.append(f"{len(self.home.blocks())} blocks and {len(self.home.committed_logs())} committed "
+                                 "logs are left when all is well")
+        strange = [p.name for p in [*self.home.storage.iterdir(), *self.home.support.iterdir()]
+                   if "tmp" in p.name.lower() or p.suffix == ".new"]
+        if strange:
+            self.problems.append(f"left behind: {strange}")
+        self.committed.stop()
+        self.blocks.stop()
+        self.addresses.ending = True
+        elsewhere = self.addresses.elsewhere({self.port})
+        if elsewhere:
+            self.problems.append(f"connected to {elsewhere}")
+        self.collector.stop()
+        self.collector_output += self.collector.process.lines
+
+    # The account
+
+    def account(self):
+        """Where every committed log went: a word for each name."""
+        log = "\n".join(self.home.log_lines())
+        received = {entry["sha256"] for entry in self.collector.entries()}
+        capacity = set(re.findall(r"Removed File :(\S+) as we have reached", log))
+        capacity |= set(re.findall(r"Hence removing file\.File Name:(\S+)", log))
+        third = set(re.findall(r"3 tries failed to upload the file\.File Name:(\S+)", log))
+        discarded = {digest(self.blocks.contents[name]) for name in re.findall(r"discard outdated block id \[([^\]]+)\]", log)
+                     if self.blocks.contents.get(name)}
+        output = "\n".join(line for line in self.collector_output if line)
+        rejected = set(re.findall(r"fault: status 400 for ([0-9a-f]+)", output))
+
+        contents = dict(self.committed.contents)
+        for path in self.sent.iterdir():
+            contents[path.name] = contents.get(path.name) or path.read_bytes()
+        fates = {}
+        for name, data in contents.items():
+            key = digest(data) if data else None
+            fates[name] = ("received" if key in received else
+                           "damaged by this test" if name in self.tampered or key in self.tampered
+                           or key in self.lost_to_tampering else
+                           "removed: folder full" if name in capacity else
+                           "removed: third failed upload" if name in third else
+                           "removed: 51st block" if key in discarded else
+                           "removed: answered 400" if key and key[:16] in rejected else
+                           "LOST")
+        known = {digest(data) for data in contents.values() if data}
+        for entry in self.collector.entries():
+            if entry["sha256"] in known:
+                continue
+            data = (self.collector.store / entry["file"]).read_bytes()
+            if not any(original and original.startswith(data) for original in contents.values()):
+                fates[entry["file"]] = "RECEIVED, NEVER COMMITTED"
+        return fates
+
+    def report(self):
+        fates = self.account()
+        by_fate = {}
+        for name, fate in fates.items():
+            by_fate.setdefault(fate, []).append(name)
+        lines = [f"{self.length / 60:g} minutes: " + ", ".join(f"{n} {what}" for what, n in self.counts.items())
+                 + f", {self.untrusted} untrusted certificates",
+                 f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:"]
+        lines += [f"  {len(names):5} {fate}" for fate, names in sorted(by_fate.items(), key=lambda i: -len(i[1]))]
+        lines.append("usage of the last host, early and late: {} KiB, {} threads, {} descriptors; {} KiB, {} threads, "
+                     "{} descriptors".format(*(value for usage in self.usage for value in dataclasses.astuple(usage))))
+        for fate in ("LOST", "RECEIVED, NEVER COMMITTED"):
+            self.problems += [f"{fate}: {name}" for name in by_fate.get(fate, [])]
+        for entry in self.collector.entries():
+            try:
+                frame_log.frames_in(self.collector.store / entry["file"])
+            except frame_log.Torn as torn:
+                self.problems.append(f"the server holds {entry['file']}, {torn}")
+        return "\n".join(lines)
+
+    def close(self):
+        for process in (self.host, getattr(self, "collector", None) and self.collector.process):
+            if isinstance(process, Process):
+                process.__exit__()
+        if self.mounted:
+            subprocess.run(["umount", "-l", self.home.path / "small"], check=False)
+        self.home.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("minutes", type=float, nargs="?", default=10)
+    parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
+    parser.add_argument("--keep", action="store_true", help="keep the directories to look at")
+    options = parser.parse_args()
+    print(f"seed {options.seed}", flush=True)
+    chaos = Chaos(options.minutes, options.seed)
+    try:
+        chaos.run()
+        print(chaos.report())
+        for problem in chaos.problems:
+            print(problem)
+        print(f"{len(chaos.problems)} problems")
+        return 1 if chaos.problems else 0
+    finally:
+        if options.keep:
+            print(f"kept: {chaos.home.path}")
+        else:
+            chaos.close()
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,92 @@
+// Logs every kind of name and of parameters that a careless or malicious caller could, and prints
+// for each what the call answered: "case result".
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "Examples/MorningRun/QuietFolder.h"
+#include "Skelda_Watch/SkeldaWatch.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kNotUTF8 = "broken \xff\xc3(";
+const std::string kHuge(64 * 1024, 'h');
+
+void log(const char* what, const SkeldaValue& name, const SkeldaValue& parameters = {}) {
+  std::printf("%s %u\n", what, SkeldaWatch::logWatchEvent(name, parameters));
+  std::fflush(stdout);
+}
+
+void badNames() {
+  log("name-number", 42);
+  log("name-null", SkeldaValue());
+  log("name-array", SkeldaArray{"a"});
+  log("name-dictionary", SkeldaDictionary{{"a", 1}});
+  log("name-date", skelda::platform::Date::now());
+  log("name-empty", "");
+  log("name-not-utf8", kNotUTF8);
+}
+
+void oddNames() {
+  log("name-quotes", "quotes \" ' \\ /");
+  log("name-controls", std::string("controls \x01\n\t\r\x7f"));
+  log("name-nul", std::string("nul\0inside", 10));
+  log("name-huge", kHuge);
+  log("name-scripts", "名前 שם नाम 🏃");
+}
+
+SkeldaDictionary numbered(int count) {
+  SkeldaDictionary parameters;
+  for (int i = 0; i < count; ++i) parameters.set("p" + std::to_string(i), i);
+  return parameters;
+}
+
+SkeldaValue nested(int depth) {
+  SkeldaValue value = "bottom";
+  for (int i = 0; i < depth; ++i)
+    value = i % 2 ? SkeldaValue(SkeldaArray{value}) : SkeldaValue({{"k", value}});
+  return value;
+}
+
+void parameters() {
+  log("parameters-number", "parameters-number", 7);
+  log("parameters-text", "parameters-text", "k=v");
+  log("parameters-array", "parameters-array", SkeldaArray{"k", "v"});
+  log("parameters-0", "parameters-0", SkeldaDictionary{});
+  log("parameters-10", "parameters-10", numbered(10));
+  log("parameters-11", "parameters-11", numbered(11));
+  log("value-kinds", "value-kinds",
+      {{"true", true},
+       {"minus", -5},
+       {"most", UINT64_MAX},
+       {"least", INT64_MIN},
+       {"tenth", 0.1},
+       {"float", 0.1f},
+       {"whole", 3.0},
+       {"null", SkeldaValue()},
+       {"bytes", skelda::platform::Data(std::string("\0\xff", 2))},
+       {"date", skelda::platform::Date()}});
+  log("value-containers", "value-containers",
+      {{"array", SkeldaArray{1, "two", SkeldaArray{}}}, {"dictionary", {{"a", {{"b", 1}}}}}});
+  log("value-deep", "value-deep", {{"deep", nested(200)}});
+  log("value-huge", "value-huge", {{"huge", kHuge}});
+  log("value-odd", "value-odd",
+      {{"quotes", "\"\\"}, {"nul", std::string("a\0b", 3)}, {"lines", "a\r\nb"}});
+  log("entries-left-out", "entries-left-out",
+      {{"", "no key"}, {"no value", ""}, {kNotUTF8, "x"}, {"broken", kNotUTF8}, {"kept", 1}});
+}
+
+}  // namespace
+
+int main() {
+  badNames();
+  oddNames();
+  parameters();
+  log("last", "last");
+  const auto storage =
+      std::filesystem::path(std::getenv("XDG_DATA_HOME")) / BUNDLE_IDENTIFIER / "SkeldaFiles";
+  return QuietFolder(storage).wait(1s, 20s) ? 0 : 1;
+}

@@ -1,0 +1,100 @@
+"""Hosts that call at the wrong time, with the wrong things, or twice."""
+
+import base64
+import json
+import unittest
+
+import frame_log
+from support import HOSTS, Home, eventually
+
+
+def bundle(name):
+    return HOSTS / f"{name}.app/PlugIns/{name}.appex"
+
+
+def events_in(home):
+    return [f for f in frame_log.frames_in(home.current_log) if f.type == frame_log.EVENT]
+
+
+class HostileHost(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.home = Home(bundle=bundle("HostileHost"))
+        cls.addClassCleanup(cls.home.close)
+        run = cls.home.run()
+        cls.status, cls.output = run.status, run.output
+        cls.answers = dict(line.rsplit(" ", 1) for line in run.output.splitlines())
+        cls.events = {frame.event_name: frame for frame in events_in(cls.home)}
+
+    def parameters(self, name):
+        return self.events[name].event_parameters
+
+    def test_it_ends_well_and_what_comes_last_is_still_logged(self):
+        self.assertEqual(0, self.status, self.output)
+        self.assertIn("last", self.events)
+
+    def test_names_that_are_no_text_or_empty_are_refused(self):
+        for case in ("number", "null", "array", "dictionary", "date", "empty"):
+            self.assertEqual("0", self.answers[f"name-{case}"], case)
+
+    def test_odd_names_arrive_as_they_are(self):
+        for name in ("quotes \" ' \\ /", "controls \x01\n\t\r\x7f", "nul\0inside", "h" * 65536, "名前 שם नाम 🏃"):
+            self.assertIn(name, self.events)
+
+    def test_text_that_is_not_utf8_reaches_no_log(self):
+        self.assertFalse([name for name in self.events if name.startswith("broken")])
+        self.assertEqual({"kept": "1"}, self.parameters("entries-left-out"))
+
+    def test_parameters_that_are_no_dictionary_lose_the_event_and_say_so(self):
+        for case in ("number", "text", "array"):
+            self.assertNotIn(f"parameters-{case}", self.events)
+            said = [line for line in self.home.log_lines()
+                    if f"eventName[parameters-{case}]" in line and "not of NSDictionary type" in line]
+            self.assertTrue(said, case)
+
+    def test_ten_parameters_are_kept_and_eleven_are_replaced_by_their_number(self):
+        self.assertEqual({}, self.parameters("parameters-0"))
+        self.assertEqual({f"p{i}": str(i) for i in range(10)}, self.parameters("parameters-10"))
+        self.assertEqual({}, self.parameters("parameters-11"))
+        marker = self.events["parameters-11"].payload["sk.event.skelda.parameters"]
+        self.assertEqual({"sk.parameter.limit.exceeded": "11"},
+                         {base64.b64decode(k).decode(): base64.b64decode(v).decode() for k, v in marker.items()})
+
+    def test_values_of_every_kind_become_their_text(self):
+        kinds = self.parameters("value-kinds")
+        for key, text in {"true": "1", "minus": "-5", "most": "18446744073709551615", "least": "-9223372036854775808",
+                          "tenth": "0.1", "float": "0.1", "whole": "3", "bytes": "AP8="}.items():
+            self.assertEqual(text, kinds[key], key)
+        containers = self.parameters("value-containers")
+        self.assertEqual([1, "two", []], json.loads(containers["array"]))
+        self.assertEqual({"a": {"b": 1}}, json.loads(containers["dictionary"]))
+        self.assertTrue(self.parameters("value-deep")["deep"].startswith('[{"k":'))
+        self.assertEqual({"huge": "h" * 65536}, self.parameters("value-huge"))
+        self.assertEqual({"quotes": '"\\', "nul": "a\0b", "lines": "a\r\nb"}, self.parameters("value-odd"))
+
+
+class Lifetimes(unittest.TestCase):
+    def test_events_before_main_and_during_exit_do_no_harm(self):
+        for _ in range(5):
+            with Home(bundle=bundle("EarlyAndLateHost")) as home:
+                run = home.run()
+                self.assertEqual(0, run.status, run.output)
+                self.assertIn("early: 1", run.output)
+                frames, _ = frame_log.readable(home.current_log.read_bytes())
+                names = [f.event_name for f in frames if f.type == frame_log.EVENT]
+                self.assertEqual(["early", "main"], names[:2])
+
+    def test_a_second_process_is_refused_and_told_by_whom(self):
+        with Home() as home:
+            with home.start("--rate", "20", "--events", "400") as first:
+                self.assertTrue(eventually(home.current_log.exists))
+                second_log = home.path / "second.log"
+                second = home.run("--events", "20", "--speed", "0", "--linger", "1",
+                                  environment=home.environment(SKELDA_LOG=second_log))
+                self.assertEqual((0, 0), (second.status, second.number("accepted")), second.output)
+                naming = [line for line in second_log.read_text().splitlines() if str(first.pid) in line]
+                self.assertEqual(1, len(naming), second_log.read_text())
+                first.kill()
+            # What was held by the one that is gone is free again.
+            third = home.run("--events", "20", "--speed", "0", "--linger", "5")
+            self.assertGreater(third.number("accepted"), 0)

@@ -1,0 +1,97 @@
+"""The example, from its calls to the frames on disk."""
+
+import csv
+import unittest
+
+import account
+import frame_log
+from support import (EXAMPLE, NAMELESS, RECORDED, Collector, Home, eventually, events_of, give_identifiers)
+import subprocess
+from support import FRAMES_TOOL
+
+THRESHOLD = 25
+
+
+def recorded():
+    """The recording, read on its own: (name, parameters as text) of each row, in order."""
+    with open(EXAMPLE / "morning-run.csv", encoding="utf-8", newline="") as file:
+        rows = list(csv.reader(file))[1:]
+    return [(row[1], dict(zip(row[2::2], row[3::2]))) for row in rows]
+
+
+def as_text(value):
+    """A number as the agent writes it: whole ones without a decimal point."""
+    try:
+        number = float(value)
+    except ValueError:
+        return value
+    return str(int(number)) if number == int(number) and value.endswith(".0") else value
+
+
+class MorningRun(unittest.TestCase):
+    def test_without_a_phone_the_next_start_commits_the_log_and_the_cap_holds(self):
+        with Home() as home:
+            first = home.run("--speed", "0", "--server", "https://127.0.0.1:9/")
+            self.assertEqual(0, first.status, first.output)
+            self.assertEqual(RECORDED - NAMELESS, first.number("accepted"))
+            self.assertEqual(NAMELESS, first.number("refused"))
+            left = frame_log.frames_in(home.current_log)
+            sent = home.path / "sent"
+            home.run("--events", "1", "--speed", "0", "--keep-sent", sent, "--server", "https://127.0.0.1:9/")
+            logs = [frame_log.frames_in(path) for path in sent.iterdir()]
+            self.assertEqual(1, len(logs))
+            self.assertEqual([f.raw for f in left], [f.raw for f in logs[0][:-1]])
+            self.assertEqual(4, account.flush_of(logs[0]))
+            settled = account.settle(RECORDED - NAMELESS, logs, [], THRESHOLD)
+            self.assertEqual([], settled.wrong)
+            self.assertEqual((THRESHOLD, RECORDED - NAMELESS - THRESHOLD), (settled.in_logs, settled.dropped))
+
+    def test_every_event_arrives_as_it_was_recorded_and_every_byte_as_it_was_written(self):
+        with Home() as home, Collector(home.path / "collector") as collector:
+            give_identifiers(home)
+            sent = home.path / "sent"
+            run = home.run("--rate", "200", "--server", collector.url, "--keep-sent", sent, "--linger", "30",
+                           environment=home.environment(SSL_CERT_FILE=collector.authority))
+            self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
+            received = collector.logs()
+            self.assertEqual(sorted(path.read_bytes() for path in sent.iterdir()), sorted(set(received)))
+            self.check_events(home, received)
+            self.check_reader_of_the_tree(collector)
+
+    def check_events(self, home, received):
+        events = events_of(received) + events_of([home.current_log.read_bytes()])
+        # The first is that of the start in which the phone came.
+        arrived = [(frame.event_name, frame.event_parameters) for frame in events[1:]]
+        expected = [(name, {k: as_text(v) for k, v in parameters.items() if v})
+                    for name, parameters in recorded() if name]
+        crowded = [i for i, (_, parameters) in enumerate(expected) if len(parameters) > 10]
+        self.assertEqual(1, len(crowded))
+        expected[crowded[0]] = (expected[crowded[0]][0], {})
+        self.assertEqual(expected, arrived)
+
+    def check_reader_of_the_tree(self, collector):
+        """skelda-frames and the reading of these tests see the same."""
+        verified = subprocess.run([FRAMES_TOOL, "--verify", collector.store], capture_output=True, timeout=60)
+        self.assertEqual(0, verified.returncode, verified.stdout + verified.stderr)
+        lines = subprocess.run([FRAMES_TOOL, "--json", collector.store], capture_output=True, timeout=60)
+        total = sum(len(frame_log.frames_of(log)) for log in collector.logs())
+        self.assertEqual(total, len(lines.stdout.splitlines()))
+
+    def test_a_hundred_thousand_events_by_eight_threads_all_pass_through(self):
+        with Home() as home:
+            give_identifiers(home)
+            count = 100_000
+            run = home.run("--speed", "0", "--events", str(count), "--threads", "8", "--linger", "240",
+                           "--server", "https://127.0.0.1:9/", within=300,
+                           environment=home.environment(SKELDA_LOG="off"))
+            self.assertEqual(0, run.status, run.output)
+            self.assertIn("at rest", run.output)
+            refused = run.number("refused")
+            self.assertIn(refused, (count // RECORDED, count // RECORDED + 1))
+            self.assertEqual(count - refused, run.number("accepted"))
+            logs = [path.read_bytes() for path in [*home.committed_logs(), *home.blocks(), home.current_log]]
+            numbers = [frame.payload["sk.event.id"] for frame in events_of(logs)]
+            # The stages keep the order, so the last event on disk says that all have passed.
+            self.assertEqual(count - refused, max(numbers))
+            self.assertLessEqual(len(home.committed_logs()), 5)
+            self.assertLessEqual(len(home.blocks()), 51)

@@ -1,0 +1,222 @@
+"""A storage folder that is damaged, in the way, read-only, full, or gone; and no descriptors left.
+
+Never a crash, never an exception in the host; what was on disk before is still there; work goes on
+when the fault ends.
+"""
+
+import contextlib
+import os
+import random
+import resource
+import shutil
+import signal
+import subprocess
+import unittest
+
+import frame_log
+from support import NAMELESS, RECORDED, Home, eventually, give_identifiers
+
+NOWHERE = "https://127.0.0.1:9/"
+
+
+def quick(home, *arguments, **more):
+    """A short start with as many events as one session keeps."""
+    return home.run("--events", "20", "--speed", "0", "--server", NOWHERE, "--linger", "15", *arguments, **more)
+
+
+def names_in(home):
+    frames, _ = frame_log.readable(home.current_log.read_bytes())
+    return [frame.event_name for frame in frames if frame.type == frame_log.EVENT]
+
+
+class DamagedStorage(unittest.TestCase):
+    def assertWorks(self, home):
+        run = quick(home)
+        self.assertEqual(0, run.status, run.output)
+        self.assertEqual(20 - NAMELESS, run.number("accepted"))
+        self.assertIn("RunStarted", names_in(home))
+
+    def used_home(self):
+        """An installation with something of everything on disk."""
+        home = Home()
+        give_identifiers(home)
+        home.run("--rate", "300", "--server", NOWHERE)
+        return home
+
+    def test_garbage_in_every_file_of_an_older_run(self):
+        chance = random.Random(7)
+        with contextlib.closing(self.used_home()) as home:
+            (home.committed / "strange.file").write_bytes(b"x")
+            files = [p for root in ("data", "state") for p in (home.path / root).rglob("*") if p.is_file()]
+            self.assertGreater(len(files), 8)
+            for length in (0, 1, 23, 5000):
+                for path in files:
+                    path.parent.mkdir(parents=True, exist_ok=True)
+                    path.write_bytes(chance.randbytes(length))
+                with self.subTest(length=length):
+                    self.assertWorks(home)
+
+    def test_files_cut_short_and_with_a_byte_changed(self):
+        chance = random.Random(8)
+        with contextlib.closing(self.used_home()) as home:
+            for round_ in range(6):
+                for path in [p for root in ("data", "state") for p in (home.path / root).rglob("*") if p.is_file()]:
+                    data = bytearray(path.read_bytes())
+                    if data and round_ % 2:
+                        data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
+                    path.write_bytes(data if round_ % 2 else data[:chance.randint(0, len(data))])
+                with self.subTest(round_):
+                    self.assertWorks(home)
+
+    def test_the_same_start_works_again_when_a_file_stood_where_a_folder_belongs(self):
+        for place in ("support", "storage", "committed"):
+            with self.subTest(place), Home() as home:
+                path = getattr(home, place)
+                path.parent.mkdir(parents=True, exist_ok=True)
+                path.write_bytes(b"in the way")
+                run = quick(home, "--linger", "3")
+                self.assertEqual(0, run.status, run.output)
+                self.assertEqual(b"in the way", path.read_bytes() if path.is_file() else b"in the way")
+                if path.is_file():
+                    path.unlink()
+                self.assertWorks(home)
+
+    def test_a_folder_where_a_file_belongs(self):
+        for place in ("current_log", "key_values", "index"):
+            with self.subTest(place), Home() as home:
+                folder = getattr(home, place)
+                (folder / "inside").mkdir(parents=True)
+                run = quick(home, "--linger", "3")
+                self.assertEqual(0, run.status, run.output)
+                self.assertEqual(20 - NAMELESS, run.number("accepted"))
+                shutil.rmtree(folder)
+                self.assertWorks(home)
+
+    def test_a_storage_folder_that_is_removed_under_a_running_host(self):
+        with Home() as home:
+            with home.start("--rate", "200", "--events", "300", "--server", NOWHERE) as host:
+                self.assertTrue(eventually(home.current_log.exists))
+                for _ in range(3):
+                    shutil.rmtree(home.support, ignore_errors=True)
+                self.assertEqual(0, host.wait(60), host.output)
+                self.assertEqual(0, [n for n in host.lines if n and n.startswith("refused")] == [])
+            self.assertWorks(home)
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, to run the host as somebody else")
+    def test_folders_that_may_not_be_written(self):
+        with Home() as home:
+            nobody = 65534
+            for folder, _, _ in os.walk(home.path):
+                os.chown(folder, nobody, nobody)
+            self.assertEqual(0, quick(home, user=nobody, group=nobody).status)
+            before = home.current_log.read_bytes()
+            for folder in (home.path / "data", home.support, home.storage):
+                os.chmod(folder, 0o500)
+            os.chmod(home.current_log, 0o400)
+            run = quick(home, "--linger", "3", user=nobody, group=nobody)
+            self.assertEqual(0, run.status, run.output)
+            self.assertEqual(before, home.current_log.read_bytes())
+            for folder in (home.path / "data", home.support, home.storage):
+                os.chmod(folder, 0o700)
+            os.chmod(home.current_log, 0o600)
+            self.assertEqual(0, quick(home, user=nobody, group=nobody).status)
+            self.assertIn("RunStarted", names_in(home))
+
+
+class NoRoom(unittest.TestCase):
+    def steady(self, home):
+        return home.start("--rate", "100", "--events", "1000", "--threads", "2", "--server", NOWHERE, "--linger", "20")
+
+    def numbers_on_disk(self, home):
+        logs = [*home.committed_logs(), *home.blocks(), home.current_log]
+        frames = [f for path in logs for f in frame_log.readable(path.read_bytes())[0]]
+        return {f.payload["sk.event.id"] for f in frames if f.type == frame_log.EVENT}
+
+    def check_recovery(self, home, host, squeeze, ease):
+        """Events that are logged during the fault may be lost; those before and behind it are not."""
+        self.assertTrue(eventually(lambda: home.current_log.exists() and self.numbers_on_disk(home)))
+        squeeze()
+        lines = len(home.log_lines())
+        eventually(lambda: len(home.log_lines()) > lines + 500, within=2)
+        before = frame_log.readable(home.current_log.read_bytes())[0]
+        ease()
+        self.assertEqual(0, host.wait(120), host.output)
+        self.assertIn("at rest", host.output)
+        last = host.number("accepted")
+        numbers = self.numbers_on_disk(home)
+        self.assertIn(last, numbers)
+        # Whole behind the fault: no frame was written behind half of another.
+        for path in [*home.committed_logs(), *home.blocks(), home.current_log]:
+            self.assertEqual(None, frame_log.readable(path.read_bytes())[1], path)
+        self.assertTrue(before)
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, to mount a small file system")
+    def test_a_disk_that_fills_and_empties(self):
+        with Home() as home:
+            give_identifiers(home)
+            small = home.path / "small"
+            small.mkdir()
+            mount = ["mount", "-t", "tmpfs", "-o", "size=4m", "tmpfs", small]
+            if subprocess.run(mount, capture_output=True).returncode != 0:
+                self.skipTest("mounting is not allowed here")
+            try:
+                shutil.copytree(home.path / "data", small / "data")
+                shutil.rmtree(home.path / "data")
+                (home.path / "data").symlink_to(small / "data")
+                ballast = small / "ballast"
+
+                def fill():
+                    with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
+                        while True:
+                            file.write(bytes(4096))
+
+                with self.steady(home) as host:
+                    self.check_recovery(home, host, fill, ballast.unlink)
+            finally:
+                subprocess.run(["umount", "-l", small], check=True)
+
+    def test_a_limit_on_the_size_of_files(self):
+        with Home() as home:
+            give_identifiers(home)
+            with self.steady_ignoring_signal(home) as host:
+                def limit(size):
+                    resource.prlimit(host.pid, resource.RLIMIT_FSIZE, (size, resource.RLIM_INFINITY))
+
+                self.check_recovery(home, host, lambda: limit(600), lambda: limit(resource.RLIM_INFINITY))
+
+    def steady_ignoring_signal(self, home):
+        # Past the limit a process is killed by a signal, unless it was started with that ignored.
+        old = signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        try:
+            return home.start("--rate", "100", "--events", "1000", "--server", NOWHERE, "--linger", "20",
+                              environment=home.environment(SKELDA_LOG="syslog"), restore_signals=False)
+        finally:
+            signal.signal(signal.SIGXFSZ, old)
+
+    def test_no_more_descriptors(self):
+        with Home() as home:
+            give_identifiers(home)
+            with self.steady(home) as host:
+                def limit(count):
+                    resource.prlimit(host.pid, resource.RLIMIT_NOFILE, (count, 1024))
+
+                self.check_recovery(home, host, lambda: limit(4), lambda: limit(1024))
+
+    def test_a_start_without_descriptors_loses_nothing_of_the_run_before(self):
+        with Home() as home:
+            quick(home)
+            before = [frame.raw for frame in frame_log.frames_in(home.current_log)]
+
+            def few():
+                resource.setrlimit(resource.RLIMIT_NOFILE, (8, 8))
+
+            run = quick(home, "--linger", "3", preexec_fn=few)
+            self.assertEqual(0, run.status, run.output)
+            sent = home.path / "sent"
+            quick(home, "--keep-sent", sent)
+            kept = {frame.raw for path in [*sent.iterdir(), *home.committed_logs(), *home.blocks(), home.current_log]
+                    for frame in frame_log.readable(path.read_bytes())[0]}
+            self.assertEqual([], [raw for raw in before if raw not in kept])
+
+
+assert RECORDED > 20
