@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/JSONReader.h"
@@ -185,24 +186,26 @@ float real32Of(const Value& value) {
   return static_cast<float>(wide);
 }
 
-Dictionary restoredEntries(const Dictionary& entries) {
+Dictionary restoredEntries(Dictionary dictionary) {
+  std::vector<Dictionary::Entry> entries = dictionary.takeEntries();
   Dictionary result;
   result.reserve(entries.size());
-  for (const auto& [key, value] : entries) result.append(key, restored(value));
+  for (auto& [key, value] : entries) result.append(std::move(key), restored(std::move(value)));
   return result;
 }
 
-Dictionary dictionaryOfPairs(const Value& value) {
-  const Array* const flat = value.array();
+Dictionary dictionaryOfPairs(Value& value) {
+  Array* const flat = value.array();
   if (flat == nullptr || flat->size() % 2 != 0) refuseReading("A list of pairs is malformed.");
-  Dictionary result;
-  result.reserve(flat->size() / 2);
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(flat->size() / 2);
   for (std::size_t i = 0; i < flat->size(); i += 2)
-    result.append(textOf(restored((*flat)[i])), restored((*flat)[i + 1]));
-  return result;
+    entries.emplace_back(textOf(restored(std::move((*flat)[i]))),
+                         restored(std::move((*flat)[i + 1])));
+  return Dictionary::withEntries(std::move(entries));
 }
 
-Value restoredTag(std::string_view tag, const Value& content) {
+Value restoredTag(std::string_view tag, Value content) {
   if (tag == "$data") return Data(bytesOf(content));
   if (tag == "$text") return bytesOf(content);
   if (tag == "$real") return realOf(content);
@@ -213,14 +216,13 @@ Value restoredTag(std::string_view tag, const Value& content) {
     return Date(Date::Microseconds(content.integerValue()));
   }
   if (tag == "$uint") {
-    if (!isInteger(content) ||
-        (content.kind() == Value::Kind::integer && content.integerValue() < 0))
-      refuseReading("An unsigned number is malformed.");
+    const bool negative = content.kind() == Value::Kind::integer && content.integerValue() < 0;
+    if (!isInteger(content) || negative) refuseReading("An unsigned number is malformed.");
     return content.unsignedValue();
   }
   if (tag == "$dict") {
     if (content.dictionary() == nullptr) refuseReading("A wrapped dictionary is none.");
-    return restoredEntries(*content.dictionary());
+    return restoredEntries(std::move(*content.dictionary()));
   }
   refuseReading("An unknown tag.");
 }
@@ -230,11 +232,12 @@ Value restored(Value value) {
     for (Value& element : *array) element = restored(std::move(element));
     return value;
   }
-  const Dictionary* const dictionary = value.dictionary();
+  Dictionary* const dictionary = value.dictionary();
   if (dictionary == nullptr) return value;
-  if (dictionary->size() == 1 && dictionary->begin()->first.starts_with('$'))
-    return restoredTag(dictionary->begin()->first, dictionary->begin()->second);
-  return restoredEntries(*dictionary);
+  if (dictionary->size() != 1 || !dictionary->begin()->first.starts_with('$'))
+    return restoredEntries(std::move(*dictionary));
+  Dictionary::Entry tagged = std::move(dictionary->takeEntries().front());
+  return restoredTag(tagged.first, std::move(tagged.second));
 }
 
 }  // namespace
@@ -249,9 +252,9 @@ KeyedArchive unarchivedObject(const Data& data) {
   ErrorRef error;
   JSONLimits limits;
   limits.maximumDepth = kMaximumDepth;
-  const std::optional<Value> text = readJSON(data.view(), &error, limits);
+  std::optional<Value> text = readJSON(data.view(), &error, limits);
   if (!text) refuseReading(error->localizedDescription());
-  const Dictionary* const archive = text->dictionary();
+  Dictionary* const archive = text->dictionary();
   if (archive == nullptr) refuseReading("The text is not an archive.");
   const Value* const format = archive->find("archive");
   const Value* const version = archive->find("version");

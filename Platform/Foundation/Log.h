@@ -12,13 +12,15 @@ namespace skelda::platform {
 /// Every operation is safe from any thread and never throws.
 class SKELDA_EXPORT Log {
  public:
-  /// Receives one line without its line feed and without the prefix. Calls of the agent made from
-  /// inside a sink are refused.
+  /// Receives one line without its line feed and without the prefix, on whichever thread wrote it,
+  /// several at once included. What it throws is dropped, as are lines written from inside it.
+  /// Calls of the agent made from inside a sink are refused.
   using Sink = std::function<void(std::string_view line)>;
 
   /// Whether anybody reads: ask before formatting. One relaxed load.
   static bool enabled() noexcept;
-  /// Replaces the sink; an empty one turns the log off.
+  /// Replaces the sink; an empty one turns the log off. Returns when nobody is inside the sink
+  /// before any more, unless the caller itself is.
   static void setSink(Sink sink) noexcept;
   /// Back to what SKELDA_LOG says.
   static void resetSink() noexcept;

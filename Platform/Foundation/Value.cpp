@@ -104,6 +104,10 @@ Dictionary::const_iterator Dictionary::end() const noexcept {
   return entries_.end();
 }
 
+std::vector<Dictionary::Entry> Dictionary::takeEntries() {
+  return std::exchange(entries_, {});
+}
+
 bool operator==(const Dictionary& a, const Dictionary& b) {
   if (a.size() != b.size()) return false;
   std::size_t index = 0;

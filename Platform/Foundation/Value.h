@@ -54,6 +54,8 @@ class SKELDA_EXPORT Dictionary {
 
   const_iterator begin() const noexcept;
   const_iterator end() const noexcept;
+  /// The entries, moved away: what follows is an empty dictionary.
+  std::vector<Entry> takeEntries();
 
   /// Same keys with equal values, in any order.
   friend SKELDA_EXPORT bool operator==(const Dictionary&, const Dictionary&);

@@ -51,12 +51,4 @@ TEST(ClassRegistryTest, MakesObjectsThatKnowTheirProtocols) {
   EXPECT_EQ(registry.make("TestAbsent"), nullptr);
 }
 
-TEST(ClassRegistryTest, ReplacesARegistrationOfTheSameName) {
-  auto& registry = ClassRegistry::shared();
-  registry.registerClass({"TestTwice", "", {"IOld"}, nullptr});
-  registry.registerClass({"TestTwice", "", {"INew"}, nullptr});
-  EXPECT_FALSE(registry.classConforms("TestTwice", "IOld"));
-  EXPECT_TRUE(registry.classConforms("TestTwice", "INew"));
-}
-
 }  // namespace

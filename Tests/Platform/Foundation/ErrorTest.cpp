@@ -1,9 +1,9 @@
 #include "Platform/Foundation/Error.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <regex>
 #include <set>
 
 #include "Platform/Foundation/Exception.h"
@@ -49,11 +49,11 @@ TEST(ExceptionDeathTest, WritesTheConditionOfAnAssertionAndAborts) {
 }
 
 TEST(UUIDTest, IsUpperCaseOfTheRandomKindAndNeverTheSame) {
-  const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  const char form[] = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {
     const std::string uuid = platform::newUUIDString();
-    EXPECT_TRUE(std::regex_match(uuid, form)) << uuid;
+    EXPECT_THAT(uuid, testing::MatchesRegex(form));
     EXPECT_TRUE(seen.insert(uuid).second);
   }
 }

@@ -1,13 +1,14 @@
 #include "Platform/Foundation/Log.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <mutex>
-#include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -53,9 +54,9 @@ TEST_F(LogTest, AppendsOnePrefixedLineForEveryRecordToAFileOfItsOwn) {
   std::string line;
   for (const std::string& text : texts) {
     ASSERT_TRUE(std::getline(lines, line));
-    EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z \[)" +
-                                                  std::to_string(::getpid()) + R"(\] )" + text)))
-        << line;
+    EXPECT_THAT(line, testing::MatchesRegex(
+                          "[0-9]{4}-[0-9]{2}-[0-9]{2}T([0-9]{2}:){2}[0-9]{2}\\.[0-9]{3}Z \\[" +
+                          std::to_string(::getpid()) + "\\] " + text));
   }
   EXPECT_FALSE(std::getline(lines, line));
   struct stat status {};

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
+#include <limits>
 
 #include "Platform/Platform.h"
 
@@ -58,7 +58,7 @@ class BinaryList {
   static std::string bigEndian(std::uint64_t value, unsigned width) {
     std::string text;
     for (unsigned shift = width; shift-- > 0;)
-      text += static_cast<char>(value >> (shift * 8) & 0xFF);
+      text += static_cast<char>(shift < 8 ? value >> (shift * 8) & 0xFF : 0);
     return text;
   }
 };
@@ -108,14 +108,6 @@ TEST(PropertyListTest, ReadsEveryKindOfABinaryList) {
       << value->description();
 }
 
-TEST(PropertyListTest, ReadsNumbersWhateverTheLocale) {
-  const char* const before = std::setlocale(LC_NUMERIC, nullptr);
-  const std::string saved = before;
-  for (const char* const name : {"de_DE.UTF-8", "fr_FR.UTF-8"}) std::setlocale(LC_NUMERIC, name);
-  EXPECT_EQ(readXML("<real>2.25</real>"), Value(2.25));
-  std::setlocale(LC_NUMERIC, saved.c_str());
-}
-
 TEST(PropertyListTest, RefusesXMLThatIsMalformedOrHostile) {
   const std::string cases[] = {
       "",
@@ -163,13 +155,9 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
       {{"\xA1\x01", std::string("\xA1\0", 2)}},
       {{"\xD1\x01\x02", "\x08", "\x09"}},                         // a key that is no text
       {{"\xD1\x01\x02", std::string("\x62\0a\0\0", 5), "\x09"}},  // a key with a NUL in UTF-16
-      {{"\xD1\x01\x02",
-        std::string("\x52"
-                    "a\0",
-                    3),
-        "\x09"}},
-      {{"\x51\xE5"}},                              // text that is not UTF-8
-      {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},  // a date past every calendar
+      {{"\xD1\x01\x02", std::string("\x52k\0", 3), "\x09"}},      // and in ASCII
+      {{"\x51\xE5"}},                                             // text that is not UTF-8
+      {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},                 // a date past every calendar
       {{"\x51x"}, 1},
       {{"\x51x"}, 0, 7},
       {{"\x51x"}, 0, 1 << 20},
