@@ -99,8 +99,10 @@ class Archiver {
 
   void writeReal32(float value) {
     tagged("$float", [&] {
+      // As the double that it is: the shortest 32-bit text of 0x1.5c87fap-84, read as a double and
+      // rounded again, is its neighbour.
       if (std::isfinite(value))
-        writer_.real32(value);
+        writer_.real(static_cast<double>(value));
       else
         writeNotFinite(static_cast<double>(value));
     });
@@ -179,10 +181,10 @@ double realOf(const Value& value) {
 }
 
 float real32Of(const Value& value) {
-  // From here on, half a step past the greatest, the nearest number of 32 bits would be infinite.
-  constexpr double kEnd = 0x1.ffffffp127;
+  constexpr double kGreatest = std::numeric_limits<float>::max();
   const double wide = realOf(value);
-  if (std::isfinite(wide) && std::abs(wide) >= kEnd) refuseReading("A 32-bit number is too great.");
+  if (std::isfinite(wide) && std::abs(wide) > kGreatest)
+    refuseReading("A 32-bit number is too great.");
   return static_cast<float>(wide);
 }
 

@@ -35,6 +35,7 @@ TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
       std::numeric_limits<double>::quiet_NaN(),
       -infinity,
       0.1F,
+      0x1.5c87fap-84F,
       std::numeric_limits<float>::max(),
       std::numeric_limits<float>::infinity(),
       "text \"\n\xC3\xA5",
