@@ -1,0 +1,77 @@
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "Benchmarks/AgentBenchmark/Measurements.h"
+#include "Examples/MorningRun/SentLogKeeper.h"
+
+namespace measure {
+
+namespace {
+
+double wallClock() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+double userSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec) / 1e6;
+}
+
+/// When the open log was last written to: the moment the pipeline had caught up.
+double lastWritten() {
+  struct stat status {};
+  const auto log = storageFolder() / ".skeldaFrameLog_261.archive";
+  if (::stat(log.c_str(), &status) != 0) return 0;
+  return static_cast<double>(status.st_mtim.tv_sec) +
+         static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+}
+
+void burst(std::uint64_t events) {
+  for (std::uint64_t i = 0; i < events; ++i) logEvent(i);
+}
+
+}  // namespace
+
+Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent) {
+  if (!keepSent.empty()) SentLogKeeper::install(keepSent);
+  logEvent(0);
+  rest();
+  const double userBefore = userSeconds();
+  const double began = wallClock();
+  burst(events);
+  const double called = wallClock();
+  const bool rested = rest();
+  return {{"events", events},
+          {"seconds", lastWritten() - began},
+          {"calling_seconds", called - began},
+          {"user_us_per_event", (userSeconds() - userBefore) * 1e6 / static_cast<double>(events)},
+          {"rested", rested}};
+}
+
+Json burstAndRest(std::uint64_t events) {
+  logEvent(0);
+  rest();
+  burst(events);
+  const double called = wallClock();
+  const bool rested = rest();
+  return {{"events", events}, {"ms_behind", (lastWritten() - called) * 1000}, {"rested", rested}};
+}
+
+void burstAndKill(std::uint64_t events, unsigned millisecondsLater) {
+  logEvent(0);
+  rest();
+  burst(events);
+  if (millisecondsLater != 0)
+    std::this_thread::sleep_for(std::chrono::milliseconds(millisecondsLater));
+  ::kill(::getpid(), SIGKILL);
+  std::abort();
+}
+
+}  // namespace measure

@@ -1,0 +1,66 @@
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "Benchmarks/AgentBenchmark/Measurements.h"
+
+namespace measure {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The number behind `key` in one of the status files of /proc.
+std::uint64_t statusOf(const fs::path& path, const std::string& key) {
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);)
+    if (line.starts_with(key)) return std::stoull(line.substr(key.size()));
+  return 0;
+}
+
+struct Threads {
+  std::uint64_t count = 0;
+  std::uint64_t wakeUps = 0;  // of all but the calling one
+};
+
+Threads threads() {
+  Threads result;
+  const auto own = std::to_string(::gettid());
+  for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+    ++result.count;
+    if (task.path().filename() != own)
+      result.wakeUps += statusOf(task.path() / "status", "voluntary_ctxt_switches:");
+  }
+  return result;
+}
+
+std::uint64_t residentKiB() {
+  return statusOf("/proc/self/status", "VmRSS:");
+}
+
+}  // namespace
+
+Json resources(std::uint64_t events) {
+  const auto memoryBefore = residentKiB();
+  const auto threadsBefore = threads().count;
+  for (std::uint64_t i = 0; i < events; ++i) {
+    logEvent(i);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  rest();
+  // Threads that have nothing to do are given the time to go.
+  std::this_thread::sleep_for(std::chrono::seconds(12));
+  const auto idle = threads();
+  const auto memory = residentKiB();
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  const auto later = threads();
+  return {{"memory_kib", memory - memoryBefore},
+          {"threads", idle.count - threadsBefore},
+          {"wake_ups", later.wakeUps - idle.wakeUps},
+          {"seconds", 5}};
+}
+
+}  // namespace measure
