@@ -33,19 +33,24 @@ void publicEntry(Body&& body) noexcept {
   });
 }
 
-/// The source that takes what a host says beside its events; null without a manager. Makes the
-/// manager where this is the first thing the host says: the message then waits in the core.
-template <class Source>
-std::shared_ptr<Source> publicSource() {
-  const auto manager = SkeldaWatchStreamManager::manager();
-  if (manager == nullptr) return nullptr;
+/// The manager, for what a host says beside its events; null where there is none. Makes it where
+/// this is the first thing the host says: the message then waits in the core, which is said once.
+inline std::shared_ptr<SkeldaWatchStreamManager> publicManager() {
   static constinit platform::Once once;
-  if (!manager->isStarted()) {
+  const auto manager = SkeldaWatchStreamManager::manager();
+  if (manager != nullptr && !manager->isStarted()) {
     once([] {
       SKELDA_LOG(2, "Skelda: what is said before the first event waits in memory until then");
     });
   }
-  return manager->module<Source>();
+  return manager;
+}
+
+/// The source that takes what a host says beside its events; null without a manager.
+template <class Source>
+std::shared_ptr<Source> publicSource() {
+  const auto manager = publicManager();
+  return manager ? manager->module<Source>() : nullptr;
 }
 
 }  // namespace skelda

@@ -15,6 +15,7 @@
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"
+#include "Platform/Security/CryptographyLifetime.h"
 
 namespace {
 
@@ -81,6 +82,8 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::managerOfLoc
     return nullptr;
   }
   platform::FileManager::defaultManager()->sweepTemporaryFiles(folder);
+  // The agent's queues work on while the process exits.
+  platform::keepCryptographyUntilTheEnd();
   return streamManager();
 }
 
