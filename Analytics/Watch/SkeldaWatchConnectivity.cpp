@@ -41,7 +41,7 @@ std::shared_ptr<SkeldaWatchConnectivity> SkeldaWatchConnectivity::connectivity()
 SkeldaWatchConnectivity::SkeldaWatchConnectivity()
     : queue_(platform::Queue::serial("com.skelda.watchconnectivity")),
       session_(defaultSession()),
-      proxy_(std::make_shared<SkeldaWatchConnectivityProxy>(nullptr, queue_)) {}
+      connectivityProxy_(std::make_shared<SkeldaWatchConnectivityProxy>(nullptr, queue_)) {}
 
 template <class F>
 void SkeldaWatchConnectivity::post(F&& block) {
@@ -59,15 +59,15 @@ void SkeldaWatchConnectivity::onqueue_setup() {
     return;
   }
   if (session_ == nullptr) return;
-  onqueue_cacheAndReplaceSessionDelegate();
-  onqueue_setupKVO();
+  cacheAndReplaceSessionDelegate();
+  setupKVO();
   session_->activateSession();
 }
 
 void SkeldaWatchConnectivity::teardown() {
   post([](SkeldaWatchConnectivity& self) {
-    self.onqueue_removeKVO();
-    self.onqueue_restoreCachedSessionDelegate();
+    self.removeKVO();
+    self.restoreCachedSessionDelegate();
   });
 }
 
@@ -81,7 +81,7 @@ void SkeldaWatchConnectivity::transferUserInfo(platform::Dictionary userInfo) {
 void SkeldaWatchConnectivity::setDelegate(
     std::weak_ptr<ISkeldaWatchConnectivityReceiver> delegate) {
   post([delegate = std::move(delegate)](SkeldaWatchConnectivity& self) {
-    self.proxy_->setSdkDelegate(delegate);
+    self.connectivityProxy_->setSdkDelegate(delegate);
   });
 }
 
@@ -93,68 +93,67 @@ void SkeldaWatchConnectivity::disableTransferSkeldaInfo() {
   post([](SkeldaWatchConnectivity& self) { self.disableTransferInfo_ = true; });
 }
 
-void SkeldaWatchConnectivity::onqueue_cacheAndReplaceSessionDelegate() {
+void SkeldaWatchConnectivity::cacheAndReplaceSessionDelegate() {
   SkeldaUtil::assertThreadIsNotMain();
   if (disabled_) {
     SKELDA_LOG(2, "{} disabled", kCacheAndReplace);
     return;
   }
   const auto current = session_->delegate();
-  if (current == proxy_) return;
-  proxy_->setRealObject(current);
-  onqueue_setSessionDelegate(proxy_, true);
+  if (current == connectivityProxy_) return;
+  connectivityProxy_->setRealObject(current);
+  setSessionDelegate(connectivityProxy_, true);
 }
 
-void SkeldaWatchConnectivity::onqueue_restoreCachedSessionDelegate() {
+void SkeldaWatchConnectivity::restoreCachedSessionDelegate() {
   if (session_ == nullptr) return;
-  session_->setDelegate(proxy_->realObject());
-  proxy_->setRealObject(nullptr);
+  session_->setDelegate(connectivityProxy_->realObject());
+  connectivityProxy_->setRealObject(nullptr);
 }
 
-void SkeldaWatchConnectivity::onqueue_setSessionDelegate(
-    const platform::WCSession::DelegateRef& delegate, bool withKVOSetUp) {
+void SkeldaWatchConnectivity::setSessionDelegate(const platform::WCSession::DelegateRef& delegate,
+                                                 bool withKVOSetUp) {
   // The agent's own change is not to be observed.
-  onqueue_removeKVO();
+  removeKVO();
   session_->setDelegate(delegate);
   if (!withKVOSetUp) return;
-  onqueue_setupKVO();
+  setupKVO();
   // The host may have set a delegate while nobody was looking.
   const auto current = session_->delegate();
   if (current != delegate)
-    post([current](SkeldaWatchConnectivity& self) { self.onqueue_checkNewDelegate(current); });
+    post([current](SkeldaWatchConnectivity& self) { self.checkNewDelegate(current); });
 }
 
-void SkeldaWatchConnectivity::onqueue_setupKVO() {
+void SkeldaWatchConnectivity::setupKVO() {
   SkeldaUtil::assertThreadIsNotMain();
   if (kvoSetup_) return;
   observation_ = session_->addDelegateObserver(
       [weak = weak_from_this()](const auto& /*old*/, const auto& delegate) {
         if (const auto self = weak.lock())
           self->post([delegate](SkeldaWatchConnectivity& connectivity) {
-            connectivity.onqueue_checkNewDelegate(delegate);
+            connectivity.checkNewDelegate(delegate);
           });
       });
   kvoSetup_ = true;
 }
 
-void SkeldaWatchConnectivity::onqueue_removeKVO() {
+void SkeldaWatchConnectivity::removeKVO() {
   SkeldaUtil::assertThreadIsNotMain();
   if (!kvoSetup_) return;
   session_->removeDelegateObserver(observation_);
   kvoSetup_ = false;
 }
 
-void SkeldaWatchConnectivity::onqueue_checkNewDelegate(
-    const platform::WCSession::DelegateRef& delegate) {
+void SkeldaWatchConnectivity::checkNewDelegate(const platform::WCSession::DelegateRef& delegate) {
   if (disabled_) return;
-  if (delegate == proxy_) {
+  if (delegate == connectivityProxy_) {
     // The agent never sets its proxy while it observes; somebody else did.
     SkeldaUtil::assert_(false, kCheckNewDelegate);
     return;
   }
-  if (delegate == proxy_->realObject()) {
-    onqueue_setSessionDelegate(proxy_, true);
+  if (delegate == connectivityProxy_->realObject()) {
+    setSessionDelegate(connectivityProxy_, true);
   } else {
-    onqueue_cacheAndReplaceSessionDelegate();
+    cacheAndReplaceSessionDelegate();
   }
 }

@@ -34,21 +34,23 @@ class SkeldaWatchConnectivity : public std::enable_shared_from_this<SkeldaWatchC
 
  private:
   SkeldaWatchConnectivity();
+
+  // On the connectivity queue, all of them.
   void onqueue_setup();
-  void onqueue_cacheAndReplaceSessionDelegate();
-  void onqueue_restoreCachedSessionDelegate();
-  void onqueue_setSessionDelegate(const platform::WCSession::DelegateRef& delegate,
-                                  bool withKVOSetUp);
-  void onqueue_setupKVO();
-  void onqueue_removeKVO();
-  void onqueue_checkNewDelegate(const platform::WCSession::DelegateRef& delegate);
+  void cacheAndReplaceSessionDelegate();
+  void restoreCachedSessionDelegate();
+  void setSessionDelegate(const platform::WCSession::DelegateRef& delegate, bool withKVOSetUp);
+  void setupKVO();
+  void removeKVO();
+  void checkNewDelegate(const platform::WCSession::DelegateRef& delegate);
+
   /// Posts to the connectivity queue; what the block throws is reported and dropped.
   template <class F>
   void post(F&& block);
 
   const platform::QueueRef queue_;
   const std::shared_ptr<platform::WCSession> session_;
-  const std::shared_ptr<SkeldaWatchConnectivityProxy> proxy_;
+  const std::shared_ptr<SkeldaWatchConnectivityProxy> connectivityProxy_;
   platform::WCSession::Token observation_ = 0;
   bool disabled_ = false;
   bool disableTransferInfo_ = false;

@@ -1,6 +1,5 @@
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 
-#include <algorithm>
 #include <exception>
 #include <utility>
 #include <vector>
@@ -88,7 +87,7 @@ void WCDefaultSession::transferUserInfo(const Dictionary& userInfo) {
 }
 
 void WCDefaultSession::onqueue_transferUserInfo(const Dictionary& userInfo) {
-  outgoing_.push_back({++lastIdentifier_, {userInfo}, false});
+  outgoing_.push_back({++lastIdentifier_, {userInfo}});
   onqueue_handOver();
 }
 
@@ -98,22 +97,17 @@ bool WCDefaultSession::sendMessage(const Dictionary& message) {
 }
 
 void WCDefaultSession::onqueue_handOver() {
-  for (std::size_t i = 0; reachable_ && i < outgoing_.size();) {
-    if (outgoing_[i].handedOver) {
-      ++i;
-      continue;
-    }
+  while (reachable_ && handedOver_ < outgoing_.size()) {
+    const Outgoing& next = outgoing_[handedOver_];
     const Data packet =
-        WCPacket{WCPacket::Kind::userInfo, outgoing_[i].identifier, outgoing_[i].transfer.userInfo}
-            .encoded();
+        WCPacket{WCPacket::Kind::userInfo, next.identifier, next.transfer.userInfo}.encoded();
     if (packet.length() > WCPacketFraming::kMaximumLength) {
-      const Outgoing refused = std::move(outgoing_[i]);
-      outgoing_.erase(outgoing_.begin() + static_cast<std::ptrdiff_t>(i));
-      onqueue_finish(refused, std::make_shared<Error>(sessionErrorDomain(), kPayloadTooLarge));
-      continue;
+      onqueue_finish(handedOver_, std::make_shared<Error>(sessionErrorDomain(), kPayloadTooLarge));
+    } else if (transport_->send(packet)) {
+      ++handedOver_;
+    } else {
+      return;
     }
-    if (!transport_->send(packet)) return;
-    outgoing_[i++].handedOver = true;
   }
 }
 
@@ -122,7 +116,7 @@ void WCDefaultSession::onqueue_peerDidChange(bool there) {
   onqueue_tell(kWCReachabilityDidChange,
                [&](WCSessionDelegate& delegate) { delegate.sessionReachabilityDidChange(*this); });
   // What a peer took with it unacknowledged is offered to the next one.
-  for (auto& outgoing : outgoing_) outgoing.handedOver = false;
+  handedOver_ = 0;
   onqueue_handOver();
 }
 
@@ -153,18 +147,21 @@ void WCDefaultSession::onqueue_didReceive(const Data& bytes) {
 }
 
 void WCDefaultSession::onqueue_didAcknowledge(std::uint64_t identifier) {
-  const auto found = std::find_if(outgoing_.begin(), outgoing_.end(), [&](const Outgoing& o) {
-    return o.identifier == identifier && o.handedOver;
-  });
-  if (found == outgoing_.end()) return;
-  const Outgoing done = std::move(*found);
-  outgoing_.erase(found);
-  onqueue_finish(done, nullptr);
+  // The peer answers in order: nearly always it is the first.
+  for (std::size_t i = 0; i < handedOver_; ++i) {
+    if (outgoing_[i].identifier != identifier) continue;
+    --handedOver_;
+    onqueue_finish(i, nullptr);
+    return;
+  }
 }
 
-void WCDefaultSession::onqueue_finish(const Outgoing& outgoing, const ErrorRef& error) {
+void WCDefaultSession::onqueue_finish(std::size_t index, const ErrorRef& error) {
+  const auto place = outgoing_.begin() + static_cast<std::ptrdiff_t>(index);
+  const WCSessionUserInfoTransfer transfer = std::move(place->transfer);
+  outgoing_.erase(place);
   onqueue_tell(kWCDidFinishUserInfoTransfer, [&](WCSessionDelegate& delegate) {
-    delegate.sessionDidFinishUserInfoTransfer(*this, outgoing.transfer, error);
+    delegate.sessionDidFinishUserInfoTransfer(*this, transfer, error);
   });
 }
 

@@ -33,7 +33,6 @@ class WCDefaultSession : public WCSession, public std::enable_shared_from_this<W
   struct Outgoing {
     std::uint64_t identifier;
     WCSessionUserInfoTransfer transfer;
-    bool handedOver;
   };
 
   explicit WCDefaultSession(std::shared_ptr<WCTransport> transport);
@@ -44,7 +43,8 @@ class WCDefaultSession : public WCSession, public std::enable_shared_from_this<W
   void onqueue_transferUserInfo(const Dictionary& userInfo);
   void onqueue_didAcknowledge(std::uint64_t identifier);
   void onqueue_handOver();
-  void onqueue_finish(const Outgoing& outgoing, const ErrorRef& error);
+  /// Takes a transfer off the list and tells how it ended.
+  void onqueue_finish(std::size_t index, const ErrorRef& error);
   /// Makes one delegate call, if the delegate answers it; what it throws ends here.
   template <class F>
   void onqueue_tell(WCSessionDelegateCall call, F&& make);
@@ -54,6 +54,7 @@ class WCDefaultSession : public WCSession, public std::enable_shared_from_this<W
   bool opened_ = false;
   std::uint64_t lastIdentifier_ = 0;
   std::deque<Outgoing> outgoing_;
+  std::size_t handedOver_ = 0;  // so many at the front wait for their acknowledgement
   std::atomic<bool> reachable_{false};
 
   mutable std::mutex mutex_;  // guards what follows

@@ -8,11 +8,15 @@ namespace skelda::platform {
 struct WCPairTransport::Link {
   std::recursive_mutex mutex;  // a receiver may answer from inside its call
   bool joined = false;
+  bool there = false;  // joined, and both ends open
   std::array<Receiver, 2> receivers;
 
-  void tell(int side) const {
-    if (receivers[static_cast<std::size_t>(side)].peerDidChange)
-      receivers[static_cast<std::size_t>(side)].peerDidChange(joined);
+  void update() {
+    const bool now = joined && receivers[0].peerDidChange && receivers[1].peerDidChange;
+    if (now == there) return;
+    there = now;
+    for (const auto& receiver : receivers)
+      if (receiver.peerDidChange) receiver.peerDidChange(there);
   }
 };
 
@@ -23,24 +27,21 @@ std::pair<WCPairTransport::Ref, WCPairTransport::Ref> WCPairTransport::make() {
 
 void WCPairTransport::setJoined(bool joined) {
   std::lock_guard lock(link_->mutex);
-  if (link_->joined == joined) return;
   link_->joined = joined;
-  link_->tell(0);
-  link_->tell(1);
+  link_->update();
 }
 
 bool WCPairTransport::open(Receiver receiver, ErrorRef* /*error*/) {
   std::lock_guard lock(link_->mutex);
   link_->receivers[static_cast<std::size_t>(side_)] = std::move(receiver);
-  if (link_->joined) link_->tell(side_);
+  link_->update();
   return true;
 }
 
 bool WCPairTransport::send(const Data& packet) {
   std::lock_guard lock(link_->mutex);
-  const Receiver& peer = link_->receivers[static_cast<std::size_t>(1 - side_)];
-  if (!link_->joined || !peer.didReceivePacket) return false;
-  peer.didReceivePacket(packet);
+  if (!link_->there) return false;
+  link_->receivers[static_cast<std::size_t>(1 - side_)].didReceivePacket(packet);
   return true;
 }
 

@@ -42,7 +42,6 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     phone_->setDelegate(atPhone_);
     phone_->activateSession();
     watchEnd_->setJoined(true);
-    atPhone_->wait(2);
   }
   ~SkeldaWatchConnectivityTest() override { EXPECT_EQ(skelda::guardedExceptions(), 0u); }
 
@@ -53,6 +52,7 @@ class SkeldaWatchConnectivityTest : public testing::Test {
   void setup() {
     connectivity_->setDelegate(receiver_);
     connectivity_->setup();
+    atPhone_->wait(2);  // activated, and the watch has come
     drain();
   }
   bool isProxyInstalled() const {
@@ -129,15 +129,15 @@ TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersI
                                                        platform::kWCDidFinishUserInfoTransfer);
   fromPhone({{"a", 1}});
   phone_->sendMessage({{"m", 1}});
-  watchEnd_->setJoined(false);
   EXPECT_THAT(deaf->wait(1), ElementsAre(R"(message {"m":1})"));
 
   const auto host = std::make_shared<RecordingDelegate>();
   session_->setDelegate(host);
   drain();
+  watchEnd_->setJoined(false);
   watchEnd_->setJoined(true);
   session_->activateSession();
-  EXPECT_THAT(host->wait(2), ElementsAre("peer came", "activated"));
+  EXPECT_THAT(host->wait(3), ElementsAre("peer went", "peer came", "activated"));
 }
 
 TEST_F(SkeldaWatchConnectivityTest, ADelegateThatIsGoneIsNotCalledAndItsClassIsRemembered) {
