@@ -17,8 +17,7 @@
 
 namespace skelda::testing {
 
-/// A home with a writer in it, and its logs in words (see wordFor). A frame whose payload does not
-/// read back is "?" and its type; a torn tail is "torn".
+/// A home with a writer in it, and its logs in words (see wordFor). A torn tail is "torn".
 class FrameLogWriterFixture : public ::testing::Test {
  protected:
   using Writer = SkeldaStreamFrameLogWriter;
@@ -102,24 +101,20 @@ class FrameLogWriterFixture : public ::testing::Test {
     if (present) environment_.set("TMPDIR", "/dev/shm");
     return present;
   }
-  template <class Entity>
-  static std::string wordOfEntity(const SkeldaStreamFrame& frame) {
-    const auto entity = Entity::streamEntityFromJSONData(frame.payload());
-    return entity ? wordFor(*entity) : "?" + std::to_string(frame.frameType());
-  }
   static std::string wordOf(const SkeldaStreamFrame& frame) {
-    switch (frame.frameType()) {
-      case SkeldaStreamFrameTypeUtil::kFlush:
-        return wordOfEntity<SkeldaStreamFlush>(frame);
-      case SkeldaStreamFrameTypeUtil::kCounter:
-        return wordOfEntity<SkeldaStreamCounter>(frame);
-      case SkeldaStreamFrameTypeUtil::kSessionId:
-        return wordOfEntity<SkeldaStreamSessionId>(frame);
-      case SkeldaStreamFrameTypeUtil::kEvent:
-        return wordOfEntity<SkeldaStreamEvent>(frame);
-      default:
-        return std::to_string(frame.frameType());
+    using Type = SkeldaStreamFrameTypeUtil;
+    std::shared_ptr<ISkeldaStreamMessage> entity;
+    const auto& json = frame.payload();
+    if (frame.frameType() == Type::kFlush) {
+      entity = SkeldaStreamFlush::streamEntityFromJSONData(json);
+    } else if (frame.frameType() == Type::kCounter) {
+      entity = SkeldaStreamCounter::streamEntityFromJSONData(json);
+    } else if (frame.frameType() == Type::kSessionId) {
+      entity = SkeldaStreamSessionId::streamEntityFromJSONData(json);
+    } else if (frame.frameType() == Type::kEvent) {
+      entity = SkeldaStreamEvent::streamEntityFromJSONData(json);
     }
+    return entity ? wordFor(*entity) : std::to_string(frame.frameType());
   }
 };
 

@@ -85,40 +85,32 @@ TEST_F(FrameLogRepair, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {
   EXPECT_EQ(commited(), Logs{"counter1 e1 flush4"});
 }
 
-TEST_F(FrameLogRepair, TriesALogThatCannotBeReadAgainAndHoldsMessagesMeanwhile) {
+TEST_F(FrameLogRepair, TriesALogThatCannotBeReadAgainAndThenSetsItAsideAsItIs) {
   for (const char* kind : {"openForReadingFile", "readDataOfLength", "availableDataWithError"}) {
-    SCOPED_TRACE(kind);
-    std::filesystem::remove_all(commitedFolder());
-    const auto plan = std::make_shared<FaultPlan>();
-    leave(first_);
-    makeWriter(nullptr, std::make_shared<FaultyStreamFileHandle>(plan));
-    const auto previous = std::make_shared<RecordingStage>();
-    writer_->registerPreviousStageComponent(previous);
-    plan->failKind(kind, 1, {.times = 2});
-    writer_->writePendingFiles();
-    EXPECT_EQ(previous->notes(true), "3");
-    EXPECT_EQ(plan->faults(), 2U);
-    EXPECT_EQ(commited(), Logs{"counter1 e1 flush4"});
+    for (const bool forEver : {false, true}) {
+      SCOPED_TRACE(kind);
+      std::filesystem::remove_all(commitedFolder());
+      const auto plan = std::make_shared<FaultPlan>();
+      leave(first_ + "torn");
+      makeWriter(nullptr, std::make_shared<FaultyStreamFileHandle>(plan));
+      const auto previous = std::make_shared<RecordingStage>();
+      writer_->registerPreviousStageComponent(previous);
+      plan->failKind(kind, 1, {.times = forEver ? Fault::kForEver : 2});
+      writer_->writePendingFiles();
+      EXPECT_EQ(previous->notes(true), "3");
+      EXPECT_EQ(plan->faults(), forEver ? 9U : 2U);
+      EXPECT_EQ(log(), "counter" + std::to_string(counter()));
+      EXPECT_EQ(commited(), forEver ? Logs{} : Logs{"counter1 e1 flush4"});
+      int aside = 0;
+      for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
+        if (!entry.path().string().starts_with(logPath() + ".unread_")) continue;
+        EXPECT_EQ(readFile(entry.path().string()), first_ + "torn");
+        std::filesystem::remove(entry.path());
+        ++aside;
+      }
+      EXPECT_EQ(aside, forEver ? 1 : 0);
+    }
   }
-}
-
-TEST_F(FrameLogRepair, SetsALogThatStaysUnreadableAsideAsItIs) {
-  const auto plan = std::make_shared<FaultPlan>();
-  leave(first_ + "torn");
-  makeWriter(nullptr, std::make_shared<FaultyStreamFileHandle>(plan));
-  const auto previous = std::make_shared<RecordingStage>();
-  writer_->registerPreviousStageComponent(previous);
-  plan->failKind("openForReadingFile", 1, {.times = Fault::kForEver});
-  writer_->writePendingFiles();
-  EXPECT_EQ(previous->notes(true), "3");
-  send(eventAt(7));
-  EXPECT_EQ(log(), "counter1 e7");
-  EXPECT_EQ(commited(), Logs{});
-  std::string aside;
-  for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
-    if (entry.path().string().starts_with(logPath() + ".unread_")) aside = entry.path().string();
-  }
-  EXPECT_EQ(readFile(aside), first_ + "torn");
 }
 
 }  // namespace

