@@ -1,0 +1,190 @@
+#include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
+
+#include <gmock/gmock.h>
+
+#include "Analytics/Streaming/Core/SkeldaStreamCoreBuffer.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionInitInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Analytics/Streaming/Data Providers/RecordingObserver.h"
+#include "Tests/Support/AgentHome.h"
+
+namespace skelda::testing {
+namespace {
+
+using ::testing::ElementsAre;
+
+class ISampleSource : public virtual ISkeldaFrameSource {
+ public:
+  static constexpr std::string_view kProtocolName = "ISampleSource";
+};
+
+/// Writes down the start-ups of all samples, in order.
+class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
+ public:
+  static constexpr std::string_view kClassName = "SampleSource";
+  void startup() override { ++starts; }
+  void send() {
+    asyncBlock([self = selfOf(this)] { self->onqueue_streamMessage(eventAt(1)); });
+  }
+  int starts = 0;
+
+ private:
+  friend SkeldaSource;
+  SampleSource() = default;
+};
+
+class Unregistered : public platform::Object {
+ public:
+  std::string_view className() const noexcept override { return "Unregistered"; }
+};
+
+/// Opens to the test what a concrete manager uses while it is made.
+class Manager : public SkeldaStreamBaseManager {
+ public:
+  static std::shared_ptr<Manager> make() { return made(new Manager()); }
+  std::string_view className() const noexcept override { return "Manager"; }
+  using SkeldaStreamBaseManager::createOrGetProviderModule;
+  using SkeldaStreamBaseManager::startup;
+
+ private:
+  Manager() : SkeldaStreamBaseManager("Manager") {}
+};
+
+/// The reason of the assertion failure that the call raises; empty where it raises none.
+template <class Call>
+std::string raisedBy(Call&& call) {
+  try {
+    call();
+  } catch (const platform::Exception& exception) {
+    EXPECT_EQ(exception.name(), platform::kInternalInconsistencyException);
+    return exception.reason();
+  }
+  return {};
+}
+
+class SkeldaStreamBaseManagerTest : public ::testing::Test {
+ protected:
+  SkeldaStreamBaseManagerTest() {
+    platform::ClassRegistry::shared().registerClass(
+        {"SampleSource",
+         "SkeldaActorStreamComponentBase",
+         {"ISampleSource", "ISkeldaFrameSource"},
+         [] { return SampleSource::getSourceInstance(); }});
+  }
+  ~SkeldaStreamBaseManagerTest() override { SkeldaUtil::setLogLevel(0); }
+
+  /// A pipeline whose policy and handlers are recorders; the writer is the real one.
+  void buildPipeline() {
+    manager_->helperSetupCoreStreamingModules();
+    manager_->setupPipelineWithCorePolicy(policy_, dropHandler_, stickyHandler_);
+  }
+
+  AgentHome home_;
+  std::shared_ptr<Manager> manager_ = Manager::make();
+  std::shared_ptr<RecordingStage> policy_ = std::make_shared<RecordingStage>(),
+                                  dropHandler_ = std::make_shared<RecordingStage>(),
+                                  stickyHandler_ = std::make_shared<RecordingStage>();
+};
+
+TEST_F(SkeldaStreamBaseManagerTest, NamesItsFilesByTheAgentsVersion) {
+  const auto folder = home_.storageFolder();
+  EXPECT_EQ(Manager::currentFrameLogFilePath(), folder);
+  EXPECT_EQ(Manager::currentFrameLogFilePathWithName(), folder + "/.skeldaFrameLog_261.archive");
+  EXPECT_EQ(Manager::commitedFrameLogsFilePath(), folder + "/CommitedFrameLogs");
+  EXPECT_EQ(Manager::commitedFrameLogFileName(), ".skeldaCommitedFrameLog_261.archive");
+  EXPECT_EQ(Manager::crashedFrameLogFileName(), ".skeldaCrashedFrameLog_261.archive");
+  EXPECT_EQ(SkeldaUtil::logLevel(), 3U);
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, FindsModulesByClassOrProtocolAndRaisesForWhatIsNotRight) {
+  const auto source = SampleSource::getSourceInstance();
+  const auto provider = SkeldaSessionInfoDataProvider::getInstance();
+  manager_->setModule(source, SkeldaModuleKey::of<ISampleSource>());
+  manager_->setModule(provider, SkeldaModuleKey::of<SkeldaSessionInfoDataProvider>());
+  EXPECT_EQ(manager_->getModule(SkeldaModuleKey::of<ISampleSource>()), source);
+  EXPECT_EQ(manager_->getObjectForSourceModule("ISampleSource"), source);
+  EXPECT_EQ(manager_->getObjectForProviderModule("SkeldaSessionInfoDataProvider"), provider);
+  EXPECT_EQ(manager_->module<ISampleSource>(), source);
+
+  // A second one takes the place of the first; nothing does not.
+  const auto other = SampleSource::getSourceInstance();
+  manager_->setModule(other, SkeldaModuleKey::of<ISampleSource>());
+  manager_->setModule(nullptr, SkeldaModuleKey::of<ISampleSource>());
+  EXPECT_EQ(manager_->getObjectForSourceModule("ISampleSource"), other);
+
+  EXPECT_EQ(manager_->getModule(SkeldaModuleKey()), nullptr);
+  EXPECT_EQ(manager_->moduleIfPresent("absent"), nullptr);
+  EXPECT_EQ(raisedBy([&] { manager_->getObjectForSourceModule("absent"); }), "id is missing!");
+  manager_->setModule(source, SkeldaModuleKey::forProtocol("ISkeldaEventFrameSource"));
+  EXPECT_EQ(raisedBy([&] { manager_->getObjectForSourceModule("ISkeldaEventFrameSource"); }),
+            "wrong id added to the dictionary");
+  manager_->addModule(std::make_shared<Unregistered>(), "Unregistered");
+  EXPECT_EQ(raisedBy([&] { manager_->getObjectForProviderModule("Unregistered"); }),
+            "wrong id added to the dictionary");
+  EXPECT_EQ(raisedBy([&] { manager_->addModule(source, "Unregistered"); }),
+            "Module already exists");
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, MakesAProviderOnFirstMentionOnly) {
+  const auto provider = manager_->createOrGetProviderModule("SkeldaSessionInfoDataProvider");
+  ASSERT_NE(provider, nullptr);
+  EXPECT_EQ(manager_->createOrGetProviderModule("SkeldaSessionInfoDataProvider"), provider);
+  for (const char* wrong : {"SampleSource", "NoSuchClass"}) {
+    EXPECT_EQ(raisedBy([&] { manager_->createOrGetProviderModule(wrong); }),
+              "wrong class being sent");
+  }
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, ChainsSourcesToTheBufferAndProvidersToTheirObservers) {
+  buildPipeline();
+  manager_->chainSourceModules({{"SampleSource", "ISampleSource"},
+                                {"only one element"},
+                                {"SkeldaSessionInitInfoSource", "ISkeldaSessionInitInfoSource"}});
+  manager_->chainProviderClassObservers(
+      {{"SkeldaSessionInfoDataProvider", "ISkeldaSessionInitInfoSource"},
+       {"SkeldaSessionDevicePropertiesDataProvider", ""},
+       {"SkeldaAppStateDataProvider", "ISampleSource"}});  // which observes nothing: left alone
+  EXPECT_EQ(raisedBy([&] { manager_->chainProviderClassObservers({{"one"}}); }),
+            "incorrect array format");
+
+  std::dynamic_pointer_cast<SkeldaStreamCoreBuffer>(manager_->streamBuffer())
+      ->updateState(ISkeldaStreamCoreComponent::kStateReady);
+  const auto source = manager_->module<ISampleSource>();
+  std::dynamic_pointer_cast<SampleSource>(source)->send();
+  EXPECT_EQ(policy_->words(1), "e1");
+  const auto provider = manager_->module<SkeldaSessionInfoDataProvider>();
+  provider->startUpWithApiKey("KEY");
+  EXPECT_EQ(policy_->words(2), "e1 141");
+  EXPECT_NE(manager_->module<SkeldaSessionDevicePropertiesDataProvider>(), nullptr);
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDependsOnThem) {
+  buildPipeline();
+  manager_->chainSourceModules(
+      {{"NoSuchSource", "INoSuchSource"}, {"SampleSource", "ISampleSource"}});
+  manager_->chainProviderClassObservers(
+      {{"NoSuchProvider", "ISampleSource"}, {"SkeldaSessionInfoDataProvider", "INoSuchSource"}});
+  EXPECT_EQ(manager_->moduleIfPresent("INoSuchSource"), nullptr);
+  EXPECT_NE(manager_->module<SkeldaSessionInfoDataProvider>(), nullptr);
+  manager_->startup({"INoSuchSource", "NoSuchProvider", "ISampleSource"});
+  EXPECT_EQ(std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
+  EXPECT_EQ(raisedBy([&] { manager_->startup({"never mentioned"}); }), "id is missing!");
+  EXPECT_EQ(raisedBy([&] { manager_->startup(); }), "need to be implemented from derived classes");
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, ReadinessComesBackFromTheWriterWhenItsPendingFilesAreWritten) {
+  buildPipeline();
+  EXPECT_EQ(stickyHandler_->notes(), "");
+  manager_->logwriter()->writePendingFiles();
+  EXPECT_EQ(stickyHandler_->notes(/*wait=*/true), "3");
+  EXPECT_EQ(policy_->notes(), "");
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,184 @@
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+
+#include <gmock/gmock.h>
+
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
+#include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/LogCapture.h"
+
+namespace skelda::testing {
+namespace {
+
+using Manager = SkeldaWatchStreamManager;
+using ::testing::UnorderedElementsAre;
+
+/// Sees every log that is committed, before it is sent and removed.
+class CommitedLogs : public platform::Object, public ISkeldaStreamingDataObserver {
+ public:
+  std::string_view className() const noexcept override { return "SkeldaStreamingObserver"; }
+  void frameLogFileDidUpdate(const std::string& fullPath) override {
+    std::lock_guard lock(mutex_);
+    logs_.emplace(fullPath, readFile(fullPath));
+    changed_.notify_all();
+  }
+  /// Content by path, once there are so many or twenty seconds have passed.
+  std::map<std::string, std::string> logs(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(20), [&] { return logs_.size() >= count; });
+    return logs_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<std::string, std::string> logs_;
+};
+
+class SkeldaWatchStreamManagerTest : public ::testing::Test {
+ protected:
+  SkeldaWatchStreamManagerTest() {
+    platform::ClassRegistry::shared().registerClass(
+        {"SkeldaStreamingObserver", {}, {}, [logs = logs_] { return logs; }});
+  }
+  ~SkeldaWatchStreamManagerTest() override {
+    platform::Bundle::setMain(nullptr);
+    SkeldaUtil::setLogLevel(0);
+  }
+  static std::shared_ptr<Manager> managerWith(platform::Dictionary information) {
+    information.set("CFBundleIdentifier", "com.example.run");
+    information.set("CFBundleShortVersionString", "1.0");
+    information.set("CFBundleVersion", "1");
+    platform::Bundle::setMain(std::make_shared<platform::Bundle>(
+        "/Run.app/Watch.appex", "/Run.app/Watch.appex/run", std::move(information)));
+    return Manager::streamManager();
+  }
+  AgentHome home_;
+  const std::shared_ptr<CommitedLogs> logs_ = std::make_shared<CommitedLogs>();
+};
+
+TEST_F(SkeldaWatchStreamManagerTest, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
+  const std::string event = "Skelda Watch Event Threshold",
+                    lowEvent = "Watch event threshold may not be below 5",
+                    highEvent = "Watch event threshold may not be above 50";
+  const std::string duration = "Skelda Watch Duration Threshold",
+                    lowDuration = "Watch duration threshold may not be below 5",
+                    highDuration = "Watch duration threshold may not be above 60";
+  const struct {
+    std::string key;
+    platform::Value value;
+    std::int32_t events, minutes;
+    std::string line;
+  } cases[] = {
+      {event, nullptr, 10, 10, ""},
+      {event, 4, 5, 10, lowEvent},
+      {event, 5, 5, 10, ""},
+      {event, 50, 50, 10, ""},
+      {event, 51, 50, 10, highEvent},
+      {event, "20", 20, 10, ""},
+      {event, "many", 5, 10, lowEvent},
+      {event, 12.9, 12, 10, ""},
+      {event, 1e30, 50, 10, highEvent},
+      {event, platform::Array{9}, 5, 10, lowEvent},
+      {duration, 4, 10, 5, lowDuration},
+      {duration, 60, 10, 60, ""},
+      {duration, 61, 10, 60, highDuration},
+  };
+  for (const auto& given : cases) {
+    LogCapture log;
+    const auto manager = managerWith({{given.key, given.value}});
+    EXPECT_EQ(manager->watchSessionEventThreshold(), given.events) << given.line;
+    EXPECT_EQ(manager->watchSessionDurationThreshold(), given.minutes) << given.line;
+    EXPECT_EQ(log.count("threshold may not be"), given.line.empty() ? 0U : 1U);
+    if (!given.line.empty()) {
+      EXPECT_EQ(log.count(given.line), 1U) << given.line;
+    }
+  }
+}
+
+TEST_F(SkeldaWatchStreamManagerTest, HasEverySourceAndProviderUnderItsKey) {
+  const auto manager = managerWith({});
+  EXPECT_THAT(manager->mandatoryStickySet(), UnorderedElementsAre(128, 132, 133, 139, 140, 141));
+  for (const char* protocol :
+       {"ISkeldaEventFrameSource", "ISkeldaSessionInitInfoSource", "ISkeldaStreamFlushSource",
+        "ISkeldaReportedIdentifiersSource", "ISkeldaAppInfoSource", "ISkeldaAppStateSource",
+        "ISkeldaDevicePropertiesSource", "ISkeldaUserDemographicsSource", "ISkeldaLocaleInfoSource",
+        "ISkeldaTimeZoneInfoSource", "ISkeldaAppOrientationSource", "ISkeldaNetworkStatusSource",
+        "ISkeldaSessionDevicePropertiesSource", "ISkeldaConsentSource",
+        "ISkeldaUserPropertiesSource", "ISkeldaCCPASource"}) {
+    const auto source = manager->getObjectForSourceModule(protocol);
+    EXPECT_EQ("I" + std::string(source->className()), protocol);
+    EXPECT_TRUE(source->conformsToProtocol("ISkeldaFrameSource")) << protocol;
+  }
+  EXPECT_EQ(manager->getObjectForProviderModule("SkeldaNetworkReachabilityDataProvider"),
+            SkeldaNetworkReachabilityDataProvider::sharedInstance());
+  for (const char* provider : {"SkeldaAppStateDataProvider", "SkeldaSessionInfoDataProvider",
+                               "SkeldaSessionDevicePropertiesDataProvider"}) {
+    EXPECT_EQ(manager->getObjectForProviderModule(provider)->className(), provider);
+  }
+}
+
+/// The frame types in a log, in order; what is not a frame ends the list with -1.
+std::vector<std::int32_t> frameTypesIn(const std::string& log) {
+  std::vector<std::int32_t> types;
+  const auto deserializer = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
+  std::size_t read = 0;
+  for (const auto& frame : deserializer->allStreamFramesFromData(log, &read)) {
+    types.push_back(frame->frameType());
+  }
+  if (read != log.size()) types.push_back(-1);
+  return types;
+}
+
+TEST_F(SkeldaWatchStreamManagerTest, CarriesASessionFromTheSourcesToACommitedLog) {
+  home_.environment().set("LC_ALL", "en_GB.UTF-8");
+  home_.environment().set("TZ", "Europe/London");
+  const auto manager = managerWith({{"Skelda Watch Event Threshold", 5}});
+  // A second recorder behind the buffer says when all sources have spoken.
+  const auto recorder = std::make_shared<RecordingStage>();
+  manager->streamBuffer()->registerNextStageComponent(recorder);
+  const auto events = manager->module<ISkeldaEventFrameSource>();
+  events->recordEvent("early", {}, false, platform::Date::now());
+  EXPECT_FALSE(manager->isStarted());
+  EXPECT_EQ(recorder->words(), "");
+  manager->startup();
+  EXPECT_TRUE(manager->isStarted());
+  manager->module<SkeldaSessionInfoDataProvider>()->startUpWithApiKey("KEY");
+  recorder->messages(10);  // the nine of start-up and the event
+  const auto identifiers = manager->module<ISkeldaReportedIdentifiersSource>();
+  std::dynamic_pointer_cast<SkeldaReportedIdentifiersSource>(identifiers)
+      ->didReceiveUserInfo({{"skelda://id1", "VENDOR"}});
+  recorder->messages(11);
+  // The session that "early" opened is full with the fifth event, and its log is committed.
+  for (int i = 0; i < 4; ++i) events->recordEvent("Lap", {}, false, platform::Date::now());
+
+  const auto logs = logs_->logs(2);
+  ASSERT_EQ(logs.size(), 2U);
+  const auto first = frameTypesIn(logs.begin()->second);
+  const auto second = frameTypesIn(logs.rbegin()->second);
+  // The first ends with the flush that the complete set of stickies brings; the second begins with
+  // all of them and ends with the session's last event and the flush that finalizes it.
+  EXPECT_EQ(first.front(), 2);
+  EXPECT_EQ(first.back(), 1);
+  EXPECT_EQ(std::count(first.begin(), first.end(), 134), 1);
+  EXPECT_EQ(second.front(), 2);
+  for (const std::int32_t sticky : {132, 133, 139, 140, 141, 148, 149, 156, 162}) {
+    EXPECT_EQ(std::count(second.begin(), second.end(), sticky), 1) << sticky;
+  }
+  EXPECT_EQ(std::count(second.begin(), second.end(), 134), 4);
+  ASSERT_GE(second.size(), 2U);
+  EXPECT_EQ(second[second.size() - 2], 134);
+  EXPECT_EQ(second.back(), 1);
+}
+
+}  // namespace
+}  // namespace skelda::testing
