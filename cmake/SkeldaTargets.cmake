@@ -8,6 +8,7 @@ pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 find_package(nlohmann_json REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(CURL REQUIRED)
+find_package(CLI11 REQUIRED)
 
 add_library(skelda_flags INTERFACE)
 target_compile_options(skelda_flags INTERFACE

@@ -12,8 +12,7 @@
 #include "Examples/MorningRun/Recording.h"
 #include "Examples/MorningRun/Replay.h"
 #include "Examples/MorningRun/SentLogKeeper.h"
-#include "Platform/WatchConnectivity/WCDefaultSession.h"
-#include "Platform/WatchConnectivity/WCSocketTransport.h"
+#include "Skelda_Watch/SkeldaOptional.h"
 #include "Skelda_Watch/SkeldaWatch.h"
 
 namespace fs = std::filesystem;
@@ -26,6 +25,7 @@ struct Options {
   std::string server;
   std::string phone;
   std::string keepSent;
+  bool followNetwork = false;
   bool choices = false;
   double linger = 10;
 };
@@ -70,9 +70,8 @@ int run(const Options& options) {
   const auto recording =
       Recording::read(options.recording.empty() ? besideThisProgram("morning-run.csv").string()
                                                 : options.recording);
-  if (!options.phone.empty())
-    skelda::platform::installWatchConnectivity(
-        skelda::platform::WCSocketTransport::make(options.phone));
+  if (options.followNetwork) SkeldaReachabilityLink();
+  if (!options.phone.empty()) SkeldaListenForPhone(options.phone);
   if (!options.keepSent.empty()) SentLogKeeper::install(options.keepSent);
   if (!options.server.empty()) SkeldaWatch::setServerURL(options.server);
 

@@ -1,0 +1,12 @@
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+#include "Platform/WatchConnectivity/WCSocketTransport.h"
+#include "Skelda_Watch/SkeldaOptional.h"
+
+void SkeldaListenForPhone(const std::string& socketPath) noexcept {
+  try {
+    skelda::platform::installWatchConnectivity(
+        skelda::platform::WCSocketTransport::make(socketPath));
+  } catch (...) {
+    // Out of memory at start-up: the process goes on without a phone, as if it were out of reach.
+  }
+}
