@@ -79,7 +79,7 @@ std::shared_ptr<SkeldaTransaction> SkeldaTransaction::transactionUsingDictionary
 std::shared_ptr<SkeldaTransaction> SkeldaTransaction::transactionUsingUserDictionary(
     const platform::Dictionary& dictionary) {
   auto transaction = fromDictionary(dictionary, &Field::isReadFromUser);
-  transaction->storeId_ = kUserStoreId;
+  transaction->storeId_.emplace(kUserStoreId);
   return transaction;
 }
 

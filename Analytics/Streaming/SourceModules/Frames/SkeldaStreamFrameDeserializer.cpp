@@ -29,6 +29,15 @@ std::uint8_t versionOf(std::string_view data) {
   return static_cast<std::uint8_t>(data[0]) & format::kVersionMask;
 }
 
+std::uint32_t typeOf(std::string_view data) {
+  std::uint32_t type = 0;
+  for (unsigned byte = 0; byte < 3; ++byte) {
+    type |= std::uint32_t{static_cast<std::uint8_t>(data[format::kFrameTypeOffset + byte])}
+            << (8 * byte);
+  }
+  return type;
+}
+
 }  // namespace
 
 std::shared_ptr<SkeldaStreamFrameDeserializer>
@@ -58,7 +67,7 @@ SkeldaStreamFrame::Ref SkeldaStreamFrameDeserializer::streamFrameFromData(
   const std::uint8_t version = versionOf(data);
   const auto payloadLength = numberAt<std::uint32_t>(data, format::kPayloadLengthOffset);
   frame->setFrameVersion(static_cast<std::int8_t>(version));
-  frame->setFrameType(static_cast<std::int32_t>(frameTypeFromData(data)));
+  frame->setFrameType(static_cast<std::int32_t>(typeOf(data)));
   frame->setEpochTimeStamp(numberAt<std::int64_t>(data, format::kEpochTimeStampOffset));
   frame->setRelativeTimeStamp(numberAt<std::int64_t>(data, format::kRelativeTimeStampOffset));
   frame->setPayload(platform::Data(data.data() + format::kHeaderLength, payloadLength));
@@ -79,12 +88,7 @@ SkeldaStreamFrame::Ref SkeldaStreamFrameDeserializer::streamFrameFromData(
 
 std::uint32_t SkeldaStreamFrameDeserializer::frameTypeFromData(std::string_view data,
                                                                platform::ErrorRef*) const {
-  std::uint32_t type = 0;
-  for (unsigned byte = 0; byte < 3; ++byte) {
-    type |= std::uint32_t{static_cast<std::uint8_t>(data[format::kFrameTypeOffset + byte])}
-            << (8 * byte);
-  }
-  return type;
+  return typeOf(data);
 }
 
 std::vector<SkeldaStreamFrame::Ref> SkeldaStreamFrameDeserializer::allStreamFramesFromData(

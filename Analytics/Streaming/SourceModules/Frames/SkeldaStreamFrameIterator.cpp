@@ -91,10 +91,10 @@ bool SkeldaStreamFrameIterator::hasNext() {
   if (state_ != kOpen) return false;
 
   std::uint32_t frameLength = 0;
-  if (!buffer().empty() && deserializer_->isAtLeastOneFrameInData(buffer(), &frameLength)) {
+  if (bufferedLength() > 0 && deserializer_->isAtLeastOneFrameInData(front(), &frameLength)) {
     return true;
   }
-  const auto buffered = static_cast<std::uint32_t>(buffer().size());
+  const auto buffered = static_cast<std::uint32_t>(bufferedLength());
   // A frame longer than the target makes the difference wrap around to a huge count: the read then
   // takes all that the file still has, which is how such frames come in whole. The handle asks the
   // system for no more than is there.
@@ -108,7 +108,7 @@ bool SkeldaStreamFrameIterator::hasNext() {
     return false;
   }
   if (state_ == kComplete) return false;
-  if (deserializer_->isAtLeastOneFrameInData(buffer(), &frameLength)) return true;
+  if (deserializer_->isAtLeastOneFrameInData(front(), &frameLength)) return true;
 
   // The file ends inside a frame. That is what a torn last write leaves: no error object.
   state_ = kError;
@@ -119,15 +119,15 @@ bool SkeldaStreamFrameIterator::hasNext() {
 SkeldaStreamFrame::Ref SkeldaStreamFrameIterator::nextWithError(platform::ErrorRef* error) {
   std::size_t consumed = 0;
   platform::ErrorRef failure;
-  SkeldaStreamFrame::Ref frame = deserializer_->streamFrameFromData(buffer(), &consumed, &failure);
+  SkeldaStreamFrame::Ref frame = deserializer_->streamFrameFromData(front(), &consumed, &failure);
   if (failure != nullptr) {
     platform::setError(error, std::move(failure));
     state_ = kError;
     SKELDA_LOG(2, "{}:{}: setting state to error", kNextMethod, +kDecodeFailed);
     return nullptr;
   }
-  consumed_ = std::min(consumed_ + consumed, buffer_.size());
-  if (consumed_ == buffer_.size()) {
+  consume(consumed);
+  if (bufferedLength() == 0) {
     // Whatever the file still holds: an iteration ends where the buffer drains.
     clearBuffer();
     state_ = kComplete;
@@ -145,7 +145,7 @@ void SkeldaStreamFrameIterator::close() {
 
 void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
                                                            platform::ErrorRef* error) {
-  if (!SkeldaUtil::assert_(buffer().size() <= maxBytesToRead_, kFillupMethod)) {
+  if (!SkeldaUtil::assert_(bufferedLength() <= maxBytesToRead_, kFillupMethod)) {
     platform::setError(error, SkeldaStreamErrorConstants::errorFor(
                                   SkeldaStreamErrorConstants::kFunctionGuardFailure));
     return;
@@ -159,25 +159,56 @@ void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
     return;
   }
   if (data && !data->empty()) {
-    appendToBuffer(std::move(*data));
+    appendToBuffer(std::move(*data).string());
     return;
   }
-  if (buffer().empty()) state_ = kComplete;
+  if (bufferedLength() == 0) state_ = kComplete;
   // Also when bytes are left over and the state stays: the line says that the file is at its end.
   SKELDA_LOG(2, "{}:{}: setting state to complete", kFillupMethod, +kEndOfFile);
 }
 
-void SkeldaStreamFrameIterator::appendToBuffer(platform::Data data) {
-  if (buffer().empty()) {
-    buffer_ = std::move(data).string();
-  } else {
-    buffer_.erase(0, consumed_);
-    buffer_.append(data.view());
+std::string SkeldaStreamFrameIterator::buffer() const {
+  return std::string(front()).append(next());
+}
+
+void SkeldaStreamFrameIterator::appendToBuffer(std::string bytes) {
+  if (front().empty()) {
+    front_ = std::move(bytes);
+    frontBegin_ = 0;
+    return;
   }
-  consumed_ = 0;
+  // `next_` is used up: a refill is asked for only when the first frame is not whole, and then all
+  // that is buffered has been drawn to the front.
+  next_ = std::move(bytes);
+  nextBegin_ = 0;
+  front_.erase(0, std::exchange(frontBegin_, 0));
+  completeFirstFrame();
+}
+
+/// Draws bytes to the front until it holds a whole frame or everything.
+void SkeldaStreamFrameIterator::completeFirstFrame() {
+  std::uint32_t frameLength = 0;
+  while (!next().empty() && !deserializer_->isAtLeastOneFrameInData(front(), &frameLength)) {
+    // First the header, which tells how long the frame is, then the frame.
+    const std::size_t wanted =
+        std::max<std::size_t>(frameLength, deserializer_->lengthOfFrameHeader());
+    const std::size_t missing = wanted > front().size() ? wanted - front().size() : next().size();
+    const std::string_view piece = next().substr(0, missing);
+    front_.append(piece);
+    nextBegin_ += piece.size();
+  }
+}
+
+void SkeldaStreamFrameIterator::consume(std::size_t length) {
+  frontBegin_ += std::min(length, front().size());
+  if (!front().empty() || next().empty()) return;
+  front_ = std::exchange(next_, {});
+  frontBegin_ = std::exchange(nextBegin_, 0);
 }
 
 void SkeldaStreamFrameIterator::clearBuffer() noexcept {
-  buffer_.clear();
-  consumed_ = 0;
+  front_.clear();
+  frontBegin_ = 0;
+  next_.clear();
+  nextBegin_ = 0;
 }

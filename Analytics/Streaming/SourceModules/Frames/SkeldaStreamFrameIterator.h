@@ -49,20 +49,30 @@ class SkeldaStreamFrameIterator : public platform::Object {
 
   std::int32_t state() const noexcept { return state_; }
   std::uint32_t maxBytesToRead() const noexcept { return maxBytesToRead_; }
-  /// The bytes read and not yet handed out; valid until the next call.
-  std::string_view buffer() const noexcept { return std::string_view(buffer_).substr(consumed_); }
+  /// A copy of the bytes read and not yet handed out.
+  std::string buffer() const;
 
  private:
   void fillupDataBufferWithLength(std::uint32_t length, platform::ErrorRef* error);
-  void appendToBuffer(platform::Data data);
+  void appendToBuffer(std::string bytes);
+  void completeFirstFrame();
+  void consume(std::size_t length);
   void clearBuffer() noexcept;
+  std::size_t bufferedLength() const noexcept { return front().size() + next().size(); }
+  std::string_view front() const noexcept { return std::string_view(front_).substr(frontBegin_); }
+  std::string_view next() const noexcept { return std::string_view(next_).substr(nextBegin_); }
 
   std::int32_t state_ = kIdle;
   std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer_;
   std::shared_ptr<ISkeldaStreamFileHandle> fileHandle_;
   std::uint32_t maxBytesToRead_ = kDefaultMaxBytesToRead;
-  /// Bytes as they came from the file; the first `consumed_` of them have been handed out and are
-  /// cut off at the next refill, so that taking a frame moves nothing.
-  std::string buffer_;
-  std::size_t consumed_ = 0;
+
+  // The buffer, in two pieces, so that neither a refill nor the taking of a frame moves the bytes
+  // that stay: what the last refill brought waits in `next_`, while `front_` is completed to the
+  // one frame that lies across both. The first frame is thus whole in `front_` whenever the buffer
+  // holds it. The first bytes of each piece, as counted, have been handed out.
+  std::string front_;
+  std::size_t frontBegin_ = 0;
+  std::string next_;
+  std::size_t nextBegin_ = 0;
 };

@@ -1,0 +1,55 @@
+// Whatever the file and the size of the buffer, the iterator ends, and hands out the frames of the
+// file in order, up to where its rules let it go.
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
+#include "Platform/Foundation/Log.h"
+#include "Tests/Support/MemoryStreamFileHandle.h"
+#include "include/Skelda_Watch/SkeldaConstants.h"
+
+namespace {
+
+void require(bool condition) {
+  if (!condition) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  platform::Log::setSink({});
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t length) {
+  if (length < 2) return 0;
+  const unsigned limit = input[0] + 256U * (input[1] & 15U);
+  const std::string_view file(reinterpret_cast<const char*>(input) + 2, length - 2);
+  const auto deserializer = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
+  SkeldaStreamFrameIterator iterator(
+      std::make_shared<skelda::testing::MemoryStreamFileHandle>(file), deserializer,
+      {{kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile, limit}});
+
+  std::size_t total = 0;
+  const auto frames = deserializer->allStreamFramesFromData(file, &total);
+  std::size_t seen = 0;
+  std::size_t offset = 0;
+  iterator.open("log");
+  while (iterator.hasNext()) {
+    const auto frame = iterator.nextWithError();
+    require(frame != nullptr && seen < frames.size());
+    require(frame->payload() == frames[seen]->payload());
+    require(frame->epochTimeStamp() == frames[seen]->epochTimeStamp());
+    offset += frame->totalLength();
+    ++seen;
+    require(file.substr(offset).starts_with(iterator.buffer()));
+  }
+  require(iterator.state() == SkeldaStreamFrameIterator::kError ||
+          iterator.state() == SkeldaStreamFrameIterator::kComplete);
+  // An end inside the frames has one reason: the buffer drained, and nothing was left in it.
+  if (iterator.state() == SkeldaStreamFrameIterator::kComplete) require(iterator.buffer().empty());
+  iterator.close();
+  return 0;
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "Analytics/Utils/ISkeldaStreamFileHandle.h"
+
+namespace skelda::testing {
+
+/// A file that is read from memory, whatever its path. The bytes must outlive it.
+class MemoryStreamFileHandle final : public virtual ISkeldaStreamFileHandle {
+ public:
+  explicit MemoryStreamFileHandle(std::string_view bytes) : bytes_(bytes) {}
+
+  bool isOpenFile(const Path&) override { return true; }
+  void openForWritingFile(const Path&, platform::ErrorRef*) override {}
+  void openForReadingFile(const Path&, platform::ErrorRef*) override { offset_ = 0; }
+  std::optional<platform::Data> readDataOfLength(std::size_t length, platform::ErrorRef*) override {
+    const std::string_view piece = bytes_.substr(offset_, length);
+    offset_ += piece.size();
+    return platform::Data(piece.data(), piece.size());
+  }
+  std::optional<platform::Data> availableDataWithError(platform::ErrorRef* error) override {
+    return readDataOfLength(bytes_.size(), error);
+  }
+  bool seekToEndOfFile() override { return false; }
+  void writeData(const std::optional<platform::Data>&, platform::ErrorRef*) override {}
+  void closeFile() override {}
+  bool truncateFileToZeroBytes() override { return false; }
+  bool synchronizeFile() override { return false; }
+
+ private:
+  std::string_view bytes_;
+  std::size_t offset_ = 0;
+};
+
+}  // namespace skelda::testing
