@@ -4,11 +4,7 @@ namespace skelda::platform {
 
 ConcurrentQueue::~ConcurrentQueue() {
   // Only a suspended queue that nobody can resume any more goes with blocks in it.
-  while (first_ != nullptr) {
-    Work* const work = first_;
-    first_ = work->next;
-    work->finish(work, false);
-  }
+  while (Work* const work = heldBack_.pop()) work->finish(work, false);
 }
 
 bool ConcurrentQueue::mayStart(bool barrier) const noexcept {
@@ -27,24 +23,21 @@ void ConcurrentQueue::start(Work* work) {
 }
 
 void ConcurrentQueue::startWhatMay() {
-  while (first_ != nullptr && mayStart(first_->barrier)) {
-    Work* const work = first_;
-    first_ = work->next;
-    start(work);
-  }
+  while (!heldBack_.empty() && mayStart(heldBack_.first().barrier)) start(heldBack_.pop());
 }
 
 void ConcurrentQueue::push(Work* work) {
   const std::lock_guard lock(mutex_);
-  if (first_ == nullptr && mayStart(work->barrier)) return start(work);
-  work->next = nullptr;
-  (first_ == nullptr ? first_ : last_->next) = work;
-  last_ = work;
+  if (heldBack_.empty() && mayStart(work->barrier)) {
+    start(work);
+  } else {
+    heldBack_.append(work);
+  }
 }
 
 bool ConcurrentQueue::tryEnter(bool barrier) {
   const std::lock_guard lock(mutex_);
-  if (first_ != nullptr || !mayStart(barrier)) return false;
+  if (!heldBack_.empty() || !mayStart(barrier)) return false;
   ++active_;
   barrier_ = barrier;
   return true;

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "Platform/Dispatch/QueueCore.h"
+#include "Platform/Dispatch/WorkList.h"
 
 namespace skelda::platform {
 
@@ -27,8 +28,7 @@ class ConcurrentQueue final : public QueueCore {
   void startWhatMay();
 
   std::mutex mutex_;
-  Work* first_ = nullptr;  // held back
-  Work* last_ = nullptr;
+  WorkList heldBack_;
   std::uint32_t active_ = 0;  // let through and not yet left
   bool barrier_ = false;      // what is active is a barrier
   std::int32_t suspensions_ = 0;

@@ -32,9 +32,7 @@ bool MainThread::isCurrentThread() noexcept {
 
 void MainThread::push(Work* work) {
   Lock lock(mutex_);
-  work->next = nullptr;
-  (first_ == nullptr ? first_ : last_->next) = work;
-  last_ = work;
+  waiting_.append(work);
   changed_.notify_all();
   if (!host_) startLayerThread(lock);
 }
@@ -45,8 +43,7 @@ void MainThread::startLayerThread(Lock&) {
 }
 
 void MainThread::runFirst(Lock& lock) {
-  Work* const work = first_;
-  first_ = work->next;
+  Work* const work = waiting_.pop();
   working_ = true;
   lock.unlock();
   Turn turn;
@@ -64,7 +61,7 @@ void MainThread::serveForLayer() {
   servesMainQueue = true;
   Lock lock(mutex_);
   for (;;) {
-    const auto mayWork = [this] { return !host_ && !working_ && first_ != nullptr; };
+    const auto mayWork = [this] { return !host_ && !working_ && !waiting_.empty(); };
     if (changed_.wait_for(lock, kLinger, mayWork)) {
       runFirst(lock);
     } else {
@@ -83,14 +80,14 @@ bool MainThread::serveForHost() {
   changed_.wait(lock, [this] { return !working_; });
   servesMainQueue = true;
   for (;;) {
-    changed_.wait(lock, [this] { return stop_ || first_ != nullptr; });
+    changed_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
     if (stop_) break;
     runFirst(lock);
   }
   stop_ = false;
   servesMainQueue = false;
   host_ = false;
-  if (first_ != nullptr) startLayerThread(lock);
+  if (!waiting_.empty()) startLayerThread(lock);
   changed_.notify_all();
   return true;
 }

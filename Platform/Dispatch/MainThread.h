@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "Platform/Dispatch/QueueCore.h"
+#include "Platform/Dispatch/WorkList.h"
 
 namespace skelda::platform {
 
@@ -38,8 +39,7 @@ class MainThread final : public QueueCore {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  Work* first_ = nullptr;
-  Work* last_ = nullptr;
+  WorkList waiting_;
   bool layerThread_ = false;  // one exists
   bool working_ = false;      // somebody runs a block
   bool host_ = false;         // the host serves, or waits to

@@ -9,10 +9,12 @@ namespace skelda::platform {
 
 /// A queue that runs one block at a time.
 ///
-/// New work is pushed on a stack by anybody, without a lock. Whoever finds the stack marked idle
-/// becomes the owner; the owner takes the whole stack, turns it round and runs it. Owners are, one
-/// after the other: the one who found it idle, the target's list, the thread that drains it there,
-/// and threads in a synchronous call. Only the owner touches what has no atomic type.
+/// Work is a list from the first, which the owner knows, to the last. Whoever submits exchanges the
+/// last one for its own work, without a lock, and then links the two. Who finds no last one finds
+/// the queue idle, and becomes its owner. Owners are, one after the other: that one, the target's
+/// list, the thread that drains the queue there, and threads in a synchronous call. Only the owner
+/// touches what has no atomic type. While an owner has nothing to run a placeholder stands for the
+/// last one, so the list is never empty while there is an owner.
 class SerialQueue final : public QueueCore {
  public:
   SerialQueue(std::string_view label, QueueRef target)
@@ -27,19 +29,21 @@ class SerialQueue final : public QueueCore {
   void resume() override;
 
  private:
-  Work* ownedMark() noexcept { return &token_; }
   void schedule();
+  /// The first piece of work, or null. It stays in the list.
+  Work* first() noexcept;
+  void popFirst() noexcept;
   /// Gives the queue up unless there is new work. The reference given back may be the last.
   bool goIdle(QueueRef& last);
-  void takeNewWork() noexcept;
   /// Gives a suspended queue up to the resume() that will come; false when it has come.
   bool park(QueueRef& last);
   bool isSuspended() const noexcept { return suspensions_.load(std::memory_order_acquire) > 0; }
   Outcome runBlocks(Turn& turn, QueueRef& last);
 
-  std::atomic<Work*> arrived_{nullptr};  // null: idle; else newest first, down to the owned mark
-  Work* ready_ = nullptr;                // oldest first
-  QueueRef self_;                        // set while work is scheduled
+  std::atomic<Work*> last_{nullptr};
+  Work* first_ = nullptr;  // null: what follows the placeholder
+  Work placeholder_{Work::Kind::queue, nullptr};
+  QueueRef self_;  // set while work is scheduled
   QueueToken token_{*this};
   std::atomic<std::int32_t> suspensions_{0};
   std::mutex parking_;

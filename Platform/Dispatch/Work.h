@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <type_traits>
 #include <utility>
@@ -20,8 +21,8 @@ struct Work {
 
   Work(Kind kindOfWork, Finish finishWork) noexcept : finish(finishWork), kind(kindOfWork) {}
 
-  Work* next = nullptr;
-  QueueCore* origin = nullptr;  ///< the queue it was submitted to
+  std::atomic<Work*> next{nullptr};  ///< set by whoever holds the list, or links this into it
+  QueueCore* origin = nullptr;       ///< the queue it was submitted to
   Finish finish;
   Kind kind;
   bool barrier = false;

@@ -89,10 +89,7 @@ void WorkerPool::inject(Work* work, Queue::Priority priority) noexcept {
 }
 
 void WorkerPool::appendInjected(Work* work, std::size_t priority) noexcept {
-  List& list = lists_[priority];
-  work->next = nullptr;
-  (list.first == nullptr ? list.first : list.last->next) = work;
-  list.last = work;
+  lists_[priority].append(work);
   injected_.fetch_add(1, std::memory_order_seq_cst);
 }
 
@@ -100,10 +97,8 @@ Work* WorkerPool::popInjected() noexcept {
   // The highest first, but now and then the lowest, so that nobody waits for ever.
   const bool lowestFirst = ++takings_ % kLowestEvery == 0;
   for (std::size_t i = 0; i < kPriorities; ++i) {
-    List& list = lists_[lowestFirst ? kPriorities - 1 - i : i];
-    if (list.first == nullptr) continue;
-    Work* const work = list.first;
-    list.first = work->next;
+    Work* const work = lists_[lowestFirst ? kPriorities - 1 - i : i].pop();
+    if (work == nullptr) continue;
     injected_.fetch_sub(1, std::memory_order_seq_cst);
     return work;
   }

@@ -6,7 +6,7 @@
 
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Dispatch/RunRing.h"
-#include "Platform/Dispatch/Work.h"
+#include "Platform/Dispatch/WorkList.h"
 
 namespace skelda::platform {
 
@@ -74,10 +74,7 @@ class WorkerPool {
   std::atomic<Worker*> all_{nullptr};  // ever made; never freed, used again
 
   std::mutex mutex_;  // for what follows
-  struct List {
-    Work* first = nullptr;
-    Work* last = nullptr;
-  } lists_[kPriorities];
+  WorkList lists_[kPriorities];
   std::uint32_t takings_ = 0;
   std::uint32_t total_ = 0;
   std::uint32_t idle_ = 0;

@@ -109,7 +109,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// swallowedExceptions). The block holds the actor until it has run. Null raises.
   template <SkeldaActorBlock F>
   void asyncBlock(F&& block) {
-    queue_->barrierAsync(wrapped(std::forward<F>(block)));
+    queue_->barrierPost(wrapped(std::forward<F>(block)));
   }
   /// The group is entered now and left when the block has run. Without a group like asyncBlock.
   template <SkeldaActorBlock F>
@@ -204,11 +204,11 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   }
 
   /// wrapAsyncBlock for any callable, in one piece with it.
-  template <class F>
-  platform::Block wrapped(F&& block) {
+  template <SkeldaActorBlock F>
+  auto wrapped(F&& block) {
     if (isNull(block)) raiseInvalidParameter("block");
     if constexpr (std::is_null_pointer_v<std::remove_cvref_t<F>>) {
-      return {};
+      return [] {};
     } else {
       return [self = shared_from_this(), body = std::decay_t<F>(std::forward<F>(block))]() mutable {
         Context context(*self, std::this_thread::get_id());

@@ -28,7 +28,7 @@ class SkeldaActorDeferredQueue {
   /// As the actor's, once the gate is open. When the actor is gone the block is dropped.
   template <SkeldaActorBlock F>
   void asyncBlock(F&& block) {
-    if (const auto owner = actor_.lock()) queue_->async(owner->wrapped(std::forward<F>(block)));
+    if (const auto owner = actor_.lock()) queue_->post(owner->wrapped(std::forward<F>(block)));
   }
   /// Waits until the gate is open and the block has run, except from inside the actor: there it
   /// runs at once, so that the actor never waits for its own gate.
