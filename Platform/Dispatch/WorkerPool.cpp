@@ -23,7 +23,7 @@ constexpr std::uint32_t kInjectedEvery = 8;  // turns between looks at the share
 constexpr std::uint32_t kLowestEvery = 64;   // takings between those of the lowest priority
 constexpr std::uint32_t kStuckTicks = 5;     // without progress, before a worker is added
 constexpr std::uint32_t kMostExtra = 64;
-constexpr int kPollsBeforeSleep = 24;
+constexpr int kPollsBeforeSleep = 12;
 constexpr int kPausesPerPoll = 8;
 constexpr std::chrono::seconds kLinger{2};
 
@@ -107,8 +107,9 @@ Work* WorkerPool::popInjected() noexcept {
 
 Work* WorkerPool::takeInjected() noexcept {
   if (injected_.load(std::memory_order_relaxed) == 0) return nullptr;
-  const Lock lock(mutex_);
-  return popInjected();
+  // Not by waiting: whoever submits would then have to wake the one who waits.
+  const Lock lock(mutex_, std::try_to_lock);
+  return lock.owns_lock() ? popInjected() : nullptr;
 }
 
 void WorkerPool::armTick() noexcept {
