@@ -4,6 +4,7 @@
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
@@ -47,6 +48,8 @@ class CommitedLogs : public platform::Object, public ISkeldaStreamingDataObserve
 class SkeldaWatchStreamManagerTest : public ::testing::Test {
  protected:
   SkeldaWatchStreamManagerTest() {
+    // Nobody listens there, and no name has to be looked up to find that out.
+    SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL("http://127.0.0.1:9/v1/skd.do");
     platform::ClassRegistry::shared().registerClass(
         {"SkeldaStreamingObserver", {}, {}, [logs = logs_] { return logs; }});
   }
