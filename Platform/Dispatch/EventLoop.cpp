@@ -42,11 +42,12 @@ void EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
   event.events = EPOLLIN;
   {
     const std::lock_guard lock(mutex_);
-    Watch& entry = watches_.at(watchCount_);
-    entry = {handler, context};
-    event.data.ptr = &entry;
-    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-      Log::write("platform::EventLoop: no descriptor to wait for events with");
+    if (watchCount_ < watches_.size()) {
+      watches_[watchCount_] = {handler, context};
+      event.data.ptr = &watches_[watchCount_];
+    }
+    if (event.data.ptr == nullptr || epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+      Log::write("platform::EventLoop: no room or no descriptor to wait for events with");
       return;
     }
     ++watchCount_;

@@ -36,7 +36,7 @@ class EventLoop {
   int epoll_;
   int tick_;
   std::mutex mutex_;
-  std::array<Watch, 4> watches_{};
+  std::array<Watch, 8> watches_{};
   std::size_t watchCount_ = 0;
   std::atomic<bool> started_{false};
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Platform/Dispatch/FolderWatcher.h"
+#include "Platform/Foundation/Log.h"
 
 namespace skelda::platform {
 
@@ -89,7 +90,9 @@ class WatchedFolder final : public FolderSource, public FolderListener {
 
 std::shared_ptr<FolderSource> FolderSource::make(int descriptor, QueueRef queue) {
   auto source = std::make_shared<WatchedFolder>(std::move(queue));
-  FolderWatcher::shared().add(descriptor, source);
+  if (!FolderWatcher::shared().add(descriptor, source)) {
+    Log::write("platform::FolderSource: the folder cannot be watched");
+  }
   return source;
 }
 

@@ -34,6 +34,7 @@ class WatchedDescriptor final : public ReadSource,
 
   void resume() override {
     const std::lock_guard lock(mutex_);
+    resumed_ = true;
     if (!cancelled_) ReadWatcher::shared().arm(watch_, descriptor_);
   }
 
@@ -59,7 +60,8 @@ class WatchedDescriptor final : public ReadSource,
     std::function<void()> handler;
     {
       const std::lock_guard lock(mutex_);
-      if (!cancelled_) handler = handler_;
+      // A hang-up is told even of a descriptor that is not armed; arming tells it again.
+      if (!cancelled_ && resumed_) handler = handler_;
     }
     if (!handler) return;
     handler();
@@ -72,6 +74,7 @@ class WatchedDescriptor final : public ReadSource,
   std::mutex mutex_;
   std::function<void()> handler_;
   Block cancelHandler_;
+  bool resumed_ = false;
   bool cancelled_ = false;
 };
 

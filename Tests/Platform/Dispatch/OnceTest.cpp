@@ -40,7 +40,7 @@ TEST(OnceTest, ABodyThatThrowsCountsAsDone) {
 TEST(OnceTest, ABodyThatCallsItsOwnGuardGoesOnWithALogLine) {
   std::atomic<int> lines{0};
   Log::setSink([&](std::string_view) { ++lines; });
-  static constinit Once once;
+  Once once;
   bool inner = true;
   EXPECT_TRUE(once([&] { inner = once([] { FAIL(); }); }));
   Log::resetSink();
