@@ -94,6 +94,10 @@ std::string frameJSON(const FrameRecord& frame, const std::string& file, bool pl
     // What cannot be shown as JSON is shown as text, as far as it was kept.
     writer.key("payloadText");
     writer.text(frame.payload);
+    if (!frame.hasWholePayload()) {
+      writer.key("cutOffAt");
+      writer.unsignedInteger(frame.payload.size());
+    }
   }
   writer.endObject();
   std::string visible;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -61,24 +60,29 @@ struct Entry {
   std::string example;
 };
 
+/// The first text between backticks.
+std::string betweenBackticks(const std::string& line) {
+  const std::size_t begin = line.find('`') + 1;
+  return line.substr(begin, line.find('`', begin) - begin);
+}
+
+/// By the name of the class. An entry is headed "## <type or "no type"> `<class>`", its keys head
+/// the rows of a table, and its example is fenced.
 std::map<std::string, Entry> catalogue() {
-  static const std::regex kHeading("^## (\\d+|no type) `(\\w+)`$");
-  static const std::regex kRow("^\\| `([^`]+)` \\|.*");
   std::map<std::string, Entry> entries;
   std::istringstream text(document("frame-catalogue.md"));
   Entry* entry = nullptr;
   bool inExample = false;
   for (std::string line; std::getline(text, line);) {
-    std::smatch match;
-    if (std::regex_match(line, match, kHeading)) {
-      entry = &entries[match[2]];
-      entry->frameType = match[1] == "no type" ? 0 : std::stoi(match[1]);
+    if (line.starts_with("## ")) {
+      entry = &entries[betweenBackticks(line)];
+      entry->frameType = line.starts_with("## no type") ? 0 : std::stoi(line.substr(3));
     } else if (entry != nullptr && line.starts_with("```")) {
       inExample = line == "```json";
     } else if (inExample) {
       entry->example += line + "\n";
-    } else if (std::regex_match(line, match, kRow)) {
-      EXPECT_TRUE(entry->keys.insert(match[1]).second) << line;
+    } else if (line.starts_with("| `")) {
+      EXPECT_TRUE(entry->keys.insert(betweenBackticks(line)).second) << line;
     }
   }
   return entries;

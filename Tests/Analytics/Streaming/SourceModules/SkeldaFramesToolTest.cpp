@@ -154,6 +154,11 @@ TEST_F(SkeldaFramesTool, WritesOneJSONObjectAFrame) {
   EXPECT_EQ(*second->dictionary()->find("class"), nullptr);
   EXPECT_EQ(*second->dictionary()->find("crcRight"), true);
   EXPECT_EQ(*second->dictionary()->find("payloadText"), "no JSON \xEF\xBF\xBD");
+
+  const auto cut = platform::readJSON(runOn(kCounter, {"--json", "--max-payload", "3"}).out);
+  EXPECT_EQ(*cut->dictionary()->find("payloadText"), "{\"s");
+  EXPECT_EQ(*cut->dictionary()->find("cutOffAt"), 3);
+  EXPECT_TRUE(runOn(kCounter, {"--max-payload", "3"}).out.ends_with("{\"s... (23 bytes more)\n"));
 }
 
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
