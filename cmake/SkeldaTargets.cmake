@@ -44,6 +44,8 @@ function(skelda_component name folder)
   endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC skelda_flags ${arg_DEPENDS})
+  # Components name each other in circles: a linker goes round them until nothing is missing.
+  set_property(TARGET ${name} PROPERTY LINK_INTERFACE_MULTIPLICITY 4)
   set_property(GLOBAL APPEND PROPERTY SKELDA_COMPONENTS ${name})
 endfunction()
 

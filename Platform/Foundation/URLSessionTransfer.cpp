@@ -184,7 +184,10 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(handle_, CURLOPT_PROXY, "");
-  curl_easy_setopt(handle_, CURLOPT_PIPEWAIT, request_.usesPipelining ? 1L : 0L);
+  // Without TLS whether a connection can be shared is known from its first answer only: too late to
+  // wait for.
+  const bool waitToShare = request_.usesPipelining && scheme == "https";
+  curl_easy_setopt(handle_, CURLOPT_PIPEWAIT, waitToShare ? 1L : 0L);
   curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT_MS, 0x7fffffffL);  // deadline() holds for all
   setMethod();
   if (!setHeaderFields()) return urlError(kURLErrorBadURL, "a header field is malformed");

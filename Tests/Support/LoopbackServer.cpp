@@ -233,6 +233,11 @@ std::vector<ReceivedRequest> LoopbackServer::requests() const {
   return requests_;
 }
 
+std::size_t LoopbackServer::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
 std::size_t LoopbackServer::connections() const {
   std::lock_guard lock(mutex_);
   return connections_;
@@ -255,7 +260,7 @@ bool LoopbackServer::waitUntil(const std::function<bool()>& condition) const {
 }
 
 bool LoopbackServer::waitForRequests(std::size_t count) const {
-  return waitUntil([&] { return requests().size() >= count; });
+  return waitUntil([&] { return requestCount() >= count; });
 }
 
 void LoopbackServer::hold() {

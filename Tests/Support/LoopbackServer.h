@@ -89,6 +89,7 @@ class LoopbackServer {
   std::string url(const std::string& path = "/v1/skd.do") const;
   std::uint16_t port() const { return port_; }
   std::vector<ReceivedRequest> requests() const;
+  std::size_t requestCount() const;
   std::size_t connections() const;
   std::size_t openConnections() const;
 

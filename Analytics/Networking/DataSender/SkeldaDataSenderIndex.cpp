@@ -1,6 +1,7 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <utility>
 
@@ -91,7 +92,10 @@ bool SkeldaDataSenderIndex::onqueue_read() {
   if (read_) return true;
   platform::ErrorRef error;
   const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(filePath(), &error);
-  if (error != nullptr) {
+  if (error != nullptr && error->code() == EISDIR) {
+    // No archive, and in the way of the next one.
+    SkeldaUtil::removeObjectAtPath(filePath());
+  } else if (error != nullptr) {
     SKELDA_LOG(1, "SkeldaSender: unable to read the index just now, error = {}",
                platform::description(error));
     return false;
@@ -100,10 +104,18 @@ bool SkeldaDataSenderIndex::onqueue_read() {
   if (archive) {
     indexMap_ = blocksFromArchive(*archive);
     sentReportSuccessfully_ = sentReportSuccessfullyIn(*archive);
-    SKELDA_LOG(2, "SkeldaSender restored from index: {}", archive->root.description());
+    SKELDA_LOG(2, "SkeldaSender restored from index: {}", onqueue_description());
   }
   onqueue_sweepOrphanedBlocks();
   return true;
+}
+
+std::string SkeldaDataSenderIndex::onqueue_description() const {
+  std::string text = "SkeldaDataSenderIndex";
+  for (const auto& [key, blocks] : indexMap_) {
+    text += fmt::format(" [{}: {} blocks]", key, blocks.size());
+  }
+  return text;
 }
 
 void SkeldaDataSenderIndex::onqueue_sweepOrphanedBlocks() const {

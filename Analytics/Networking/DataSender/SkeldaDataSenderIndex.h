@@ -70,6 +70,7 @@ class SkeldaDataSenderIndex : public platform::Object,
   std::string filePath() const;
 
   bool onqueue_read();
+  std::string onqueue_description() const;
   void onqueue_sweepOrphanedBlocks() const;
   void onqueue_saveSoon();
   void onqueue_discardOldest(const std::string& dataKey);

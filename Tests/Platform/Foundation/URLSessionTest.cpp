@@ -328,17 +328,26 @@ TEST(URLSession, ADeadConnectionIsReplacedAndTheBodySentAgain) {
 
 TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  constexpr const char* kServer = "SKELDA_TEST_SERVER";
+  std::unique_ptr<TestAuthority> authority;
+  std::unique_ptr<LoopbackServer> server;
+  ScopedEnvironment environment;
+  if (std::getenv(kServer) ==
+      nullptr) {  // in the parent: the child exits, its server would as well
+    authority = std::make_unique<TestAuthority>();
+    server = std::make_unique<LoopbackServer>(
+        [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
+        LoopbackServer::Options{authority->issue()});
+    environment.set(kServer, server->url());
+  }
   EXPECT_EXIT(
       {
-        TestAuthority authority;
-        LoopbackServer server(
-            [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
-            {authority.issue()});
+        std::vector<std::shared_ptr<SessionProbe>> probes;
         for (int i = 0; i < 20; ++i) {
-          startRequest(std::make_shared<SessionProbe>(), postRequest(server.url(), "bytes"));
+          probes.push_back(std::make_shared<SessionProbe>());
+          startRequest(probes.back(), postRequest(std::getenv(kServer), "bytes"));
         }
-        server.waitForRequests(3);
-        std::exit(7);
+        std::exit(probes.front()->wait() ? 7 : 1);
       },
       ::testing::ExitedWithCode(7), "");
 }

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/LogCapture.h"
+#include "Tests/Support/LoopbackServer.h"
+
+namespace skelda::testing {
+
+/// A data sender with a storage folder of its own, and the looks into that folder that tests need.
+class SenderTest : public ::testing::Test {
+ protected:
+  SenderTest() { SkeldaUtil::setLogLevel(2); }
+  ~SenderTest() override {
+    SkeldaUtil::setLogLevel(0);
+    SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(false);
+    EXPECT_EQ(guardedExceptions().load(), 0u);
+  }
+
+  /// As after a start of the process: with what the folder holds.
+  std::shared_ptr<SkeldaDataSender> makeSender(const std::string& apiKey = "key") {
+    return SkeldaDataSender::senderWithQueue(platform::Queue::serial("test.Analytics.LogSender"),
+                                             std::make_shared<SkeldaBackgroundTaskTracker>(),
+                                             [apiKey] { return apiKey; });
+  }
+  static void sendTo(const LoopbackServer& server) {
+    SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(server.url());
+  }
+  static platform::Data bytes(const std::string& text) { return platform::Data(text); }
+
+  std::vector<std::string> blockFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
+      const std::string name = entry.path().filename();
+      if (SkeldaDataSenderBlockInfo::isBlockFileName(name)) names.push_back(name);
+    }
+    return names;
+  }
+  /// What the index names, whatever is pending there done.
+  static SkeldaDataSenderIndex::Blocks blocks(const std::shared_ptr<SkeldaDataSender>& sender) {
+    return sender->dataIndex()->notSentBlocksForDataKey(sender->dataKey());
+  }
+  /// Until nothing is pending at the index and its file is written.
+  static bool drain(const std::shared_ptr<SkeldaDataSenderIndex>& index) {
+    index->notSentBlocksForDataKey("");
+    return index->saveState();
+  }
+  static bool isIdle(const std::shared_ptr<SkeldaDataSender>& sender) {
+    bool idle = false;
+    sender->queue()->sync([&] { idle = sender->runningTasks().empty(); });
+    return idle;
+  }
+  std::string indexFile() const {
+    return home_.storageFolder() + "/" + std::string(kSkeldaSenderIndexFileName);
+  }
+
+  AgentHome home_;
+  LogCapture log_;
+};
+
+}  // namespace skelda::testing

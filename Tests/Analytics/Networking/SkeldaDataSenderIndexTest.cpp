@@ -1,0 +1,209 @@
+#include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
+
+#include <cerrno>
+#include <thread>
+
+#include "Tests/Analytics/Networking/SenderFixture.h"
+
+namespace skelda::testing {
+namespace {
+
+class SkeldaDataSenderIndexTest : public SenderTest {
+ protected:
+  using Index = std::shared_ptr<SkeldaDataSenderIndex>;
+  static Index load() {
+    return SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(
+        std::string(kSkeldaSenderIndexFileName));
+  }
+  static SkeldaDataSenderIndex::BlockRef add(const Index& index, const std::string& text,
+                                             const std::string& key = "Data_1_261") {
+    auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text));
+    EXPECT_TRUE(index->addBlockInfo(block, key));
+    return block;
+  }
+  static std::vector<std::string> texts(const Index& index, const std::string& key = "Data_1_261") {
+    std::vector<std::string> found;
+    for (const auto& block : index->notSentBlocksForDataKey(key)) {
+      found.push_back(block->data().value_or(bytes("(gone)")).string());
+    }
+    return found;
+  }
+};
+
+TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
+  {
+    const auto index = load();
+    for (const char* text : {"one", "two", "three"}) add(index, text);
+    index->setSentReportSuccessfully(true);
+    const auto second = index->notSentBlocksForDataKey("Data_1_261")[1];
+    second->setGroupIdentifier("group");
+    index->removeBlockInfoWithIdentifier("group", "Data_1_261");
+    EXPECT_TRUE(index->saveState());
+  }
+  const auto index = load();
+  EXPECT_EQ(texts(index), (std::vector<std::string>{"one", "three"}));
+  EXPECT_EQ(blockFiles().size(), 2u);
+  EXPECT_TRUE(index->sentReportSuccessfully());
+  const auto first = index->notSentBlocksForDataKey("Data_1_261").front();
+  EXPECT_EQ(first->dataSize(), 3u);
+  EXPECT_TRUE(first->groupIdentifier().empty());
+  EXPECT_LT(platform::Date::now() - first->creationDate(), std::chrono::minutes(5));
+
+  index->setupForCurrentDataKey("Data_2_261");
+  EXPECT_TRUE(index->saveState());
+  EXPECT_TRUE(texts(load()).empty());
+  EXPECT_TRUE(blockFiles().empty()) << "another key's bytes are gone";
+}
+
+TEST_F(SkeldaDataSenderIndexTest, TheFiftyFirstBlockStaysUntilOutdatedOnesAreDiscarded) {
+  const auto index = load();
+  for (int i = 0; i < 52; ++i) add(index, std::to_string(i));
+  EXPECT_EQ(texts(index).size(), 52u);
+  index->discardOutdatedBlocksForDataKey("Data_1_261");
+  const auto kept = texts(index);
+  ASSERT_EQ(kept.size(), 50u);
+  EXPECT_EQ(kept.front(), "2");
+  EXPECT_EQ(kept.back(), "51");
+  EXPECT_EQ(blockFiles().size(), 50u);
+  EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 2u);
+}
+
+TEST_F(SkeldaDataSenderIndexTest, OldestByDateGoFirstWhenDiscardedByDate) {
+  const auto index = load();
+  const auto rewritten = add(index, "first to come");
+  for (int i = 0; i < 50; ++i) add(index, std::to_string(i));
+  EXPECT_TRUE(rewritten->setData(bytes("and the latest to be written")));
+  index->discardOldBlocksForDataKey("Data_1_261");
+  const auto kept = texts(index);
+  ASSERT_EQ(kept.size(), 50u);
+  EXPECT_EQ(kept.front(), "1");
+  EXPECT_EQ(kept.back(), "and the latest to be written");
+}
+
+TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile) {
+  const std::string stranger = home_.storageFolder() + "/../stranger";
+  writeFile(stranger, "not ours");
+  const auto entry = [](const std::string& identifier) {
+    return R"({"identifier":")" + identifier + R"(","dataSize":8,"creationDate":{"$date":1}})";
+  };
+  const auto archive = [](const std::string& root) {
+    return R"({"archive":"skelda","version":1,"class":"SkeldaDataSenderIndex","root":)" + root +
+           "}";
+  };
+  const std::string uuid = "01234567-89AB-CDEF-0123-456789ABCDEF";
+  const struct {
+    std::string bytes;
+    std::size_t blocks;
+  } cases[] = {
+      {"", 0},
+      {"garbage", 0},
+      {archive("[]"), 0},
+      {archive(R"({"index":7})"), 0},
+      {archive(R"({"index":{"k":{}}})"), 0},
+      {archive(R"({"index":{"k":[1,null,{}]}})"), 0},
+      {archive(R"({"index":{"k":[)" + entry("../stranger") + "]}}"), 0},
+      {archive(R"({"index":{"k":[)" + entry("") + "]}}"), 0},
+      {archive(R"({"index":{"k":[)" + entry(uuid) + "," + entry(uuid) + "]}}"), 1},
+  };
+  for (const auto& one : cases) {
+    writeFile(indexFile(), one.bytes);
+    const auto index = load();
+    EXPECT_TRUE(index->isReadable()) << one.bytes;
+    EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), one.blocks) << one.bytes;
+    index->setupForCurrentDataKey("other");
+    EXPECT_TRUE(index->saveState());
+  }
+  EXPECT_EQ(readFile(stranger), "not ours");
+
+  std::filesystem::remove(indexFile());
+  std::filesystem::create_directory(indexFile());
+  EXPECT_TRUE(load()->saveState()) << "not even a folder is in the way";
+}
+
+TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
+  add(load(), "stored");
+  const std::string before = readFile(indexFile());
+  const auto plan = std::make_shared<FaultPlan>();
+  Index index;
+  {
+    FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {EMFILE, false, {}, Fault::kForEver});
+    index = load();
+    EXPECT_FALSE(index->isReadable());
+    EXPECT_FALSE(index->saveState());
+    plan->clear();
+    plan->failKind("read", 1, {EIO, false, {}, Fault::kForEver});
+    const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"));
+    EXPECT_FALSE(index->addBlockInfo(block, "Data_1_261"));
+    block->deletePersistentData();
+  }
+  EXPECT_EQ(readFile(indexFile()), before);
+  EXPECT_EQ(blockFiles().size(), 1u) << "nothing is swept";
+  EXPECT_EQ(texts(index), std::vector<std::string>{"stored"}) << "and it is tried again";
+}
+
+TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
+  const auto index = load();
+  add(index, "kept");
+  // Whichever system call fails: afterwards either both are there or neither is.
+  for (std::size_t call = 1; call < 30; ++call) {
+    const auto plan = std::make_shared<FaultPlan>();
+    bool added = false;
+    {
+      FaultyFileCalls calls(plan);
+      plan->failCall(call, {ENOSPC});
+      const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"));
+      added = block != nullptr && index->addBlockInfo(block, "Data_1_261");
+      if (block != nullptr && !added) block->deletePersistentData();
+    }
+    const auto expected =
+        added ? std::vector<std::string>{"kept", "new"} : std::vector<std::string>{"kept"};
+    EXPECT_EQ(texts(index), expected) << "call " << call;
+    if (added) {
+      EXPECT_EQ(texts(load()), expected) << "call " << call;
+      index->removeBlockInfoWithIdentifier(
+          index->notSentBlocksForDataKey("Data_1_261").back()->identifier(), "Data_1_261");
+      EXPECT_TRUE(drain(index));
+    }
+  }
+}
+
+TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIsRead) {
+  add(load(), "named");
+  SkeldaDataSenderBlockInfo::blockWithData(bytes("left by a kill"));
+  writeFile(home_.storageFolder() + "/other.file", "not a block");
+  EXPECT_EQ(blockFiles().size(), 2u);
+  EXPECT_EQ(texts(load()), std::vector<std::string>{"named"});
+  EXPECT_EQ(blockFiles().size(), 1u);
+  EXPECT_TRUE(std::filesystem::exists(home_.storageFolder() + "/other.file"));
+  EXPECT_EQ(log_.count("delete orphaned data block"), 1u);
+}
+
+TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {
+  using Status = SkeldaDataSenderBlockInfo::ReadStatus;
+  const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("eight by"));
+  const std::string path = home_.storageFolder() + "/" + block->identifier();
+  Status status = Status::whole;
+  EXPECT_EQ(block->data(&status), bytes("eight by"));
+  EXPECT_EQ(status, Status::whole);
+  for (const char* text : {"eight", "eight bytes"}) {
+    writeFile(path, text);
+    EXPECT_EQ(block->data(&status), std::nullopt) << text;
+    EXPECT_EQ(status, Status::gone);
+  }
+  writeFile(path, "eight by");
+  {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {EMFILE});
+    EXPECT_EQ(block->data(&status), std::nullopt);
+    EXPECT_EQ(status, Status::unreadable);
+  }
+  block->deletePersistentData();
+  EXPECT_EQ(block->data(&status), std::nullopt);
+  EXPECT_EQ(status, Status::gone);
+  EXPECT_EQ(SkeldaDataSenderBlockInfo::blockWithData({}), nullptr);
+}
+
+}  // namespace
+}  // namespace skelda::testing

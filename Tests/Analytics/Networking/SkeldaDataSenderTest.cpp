@@ -1,0 +1,214 @@
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
+
+#include <set>
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/TextCoding.h"
+#include "Skelda_Watch/SkeldaConstants.h"
+#include "Tests/Analytics/Networking/SenderFixture.h"
+
+namespace skelda::testing {
+namespace {
+
+class SkeldaDataSenderTest : public SenderTest {
+ protected:
+  static void setNetworkReachable(bool reachable) {
+    SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(reachable);
+    platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
+  }
+};
+
+TEST_F(SkeldaDataSenderTest, PostsTheBytesAsTheyAreAndForgetsThemWhenTheyAreAccepted) {
+  TestAuthority authority;
+  LoopbackServer server(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(202); },
+      {authority.issue()});
+  sendTo(server);
+  const auto sender = makeSender("the key");
+  std::string body(5000, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 7);
+  std::atomic<int> completions = 0;
+  EXPECT_FALSE(sender->everSentReportSuccessfully());
+  EXPECT_TRUE(sender->sendFrameLogData(bytes(body), [&] { ++completions; }));
+  ASSERT_TRUE(server.waitUntil([&] { return completions == 1; }));
+  EXPECT_TRUE(blocks(sender).empty());
+  EXPECT_TRUE(blockFiles().empty());
+  EXPECT_TRUE(sender->everSentReportSuccessfully());
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "POST");
+  EXPECT_EQ(requests[0].target, "/v1/skd.do");
+  EXPECT_TRUE(requests[0].body == body);
+  EXPECT_EQ(requests[0].field("content-type"), "application/octet-stream");
+  EXPECT_EQ(requests[0].field("x-skelda-api-key"), "the key");
+  EXPECT_EQ(requests[0].fields.size(), 4u) << "host, length and these two";
+  EXPECT_EQ(sender->dataKey(), "Data_" + std::to_string(platform::stableHash("the key")) + "_261");
+  EXPECT_FALSE(sender->sendFrameLogData(bytes("")));
+  EXPECT_TRUE(blockFiles().empty());
+}
+
+TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
+  const struct {
+    int status;  // 0: the connection is reset
+    bool kept;
+  } cases[] = {{200, false}, {299, false}, {400, false}, {300, true}, {401, true}, {404, true},
+               {413, true},  {429, true},  {500, true},  {503, true}, {0, true}};
+  for (const auto& one : cases) {
+    AgentHome home;
+    LoopbackServer server([&](ServerConnection& connection, const ReceivedRequest&) {
+      one.status != 0 ? static_cast<void>(connection.answer(one.status)) : connection.reset();
+    });
+    sendTo(server);
+    const auto sender = makeSender();
+    EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
+    ASSERT_TRUE(server.waitForRequests(1));
+    ASSERT_TRUE(server.waitUntil([&] { return isIdle(sender); }));
+    EXPECT_EQ(blocks(sender).size(), one.kept ? 1u : 0u) << one.status;
+    EXPECT_EQ(sender->everSentReportSuccessfully(), one.status / 100 == 2) << one.status;
+    EXPECT_EQ(server.requests().size(), 1u) << one.status;
+  }
+}
+
+TEST_F(SkeldaDataSenderTest, NineAreUnderWayAtMostAndTheRestFollowTheFirstSuccess) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
+    connection.server().hold();
+    connection.answer(200);
+  });
+  sendTo(server);
+  const auto sender = makeSender();
+  std::set<std::string> sent, received;
+  for (int i = 0; i < 20; ++i) {
+    sent.insert(std::to_string(i));
+    EXPECT_TRUE(sender->sendFrameLogData(bytes(std::to_string(i))));
+  }
+  ASSERT_TRUE(server.waitUntil([&] { return server.held() == 9; }));
+  EXPECT_EQ(blocks(sender).size(), 20u);
+  EXPECT_FALSE(isIdle(sender));
+  ASSERT_TRUE(server.waitUntil([&] {
+    EXPECT_LE(server.held(), 9u);
+    server.release();
+    return blocks(sender).empty();
+  }));
+  for (const auto& request : server.requests()) received.insert(request.body);
+  EXPECT_EQ(received, sent);
+  EXPECT_EQ(server.requests().size(), 20u) << "none twice";
+}
+
+TEST_F(SkeldaDataSenderTest, WaitingBlocksGoOutAgainAfterASuccessOrWhenTheNetworkIsBack) {
+  std::atomic<int> status = 500;
+  LoopbackServer server(
+      [&](ServerConnection& connection, const ReceivedRequest&) { connection.answer(status); });
+  sendTo(server);
+  const auto sender = makeSender();
+  for (const char* text : {"a", "b", "c"}) EXPECT_TRUE(sender->sendFrameLogData(bytes(text)));
+  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 3 && isIdle(sender); }));
+
+  setNetworkReachable(false);
+  EXPECT_TRUE(isIdle(sender)) << "nothing is tried while there is no network";
+  setNetworkReachable(true);
+  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 6 && isIdle(sender); }));
+  EXPECT_EQ(blocks(sender).size(), 3u);
+
+  status = 200;
+  EXPECT_TRUE(sender->sendFrameLogData(bytes("d")));
+  ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty(); }));
+  EXPECT_EQ(server.requests().size(), 10u);
+}
+
+TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+    connection.answer(request.field("x-skelda-api-key") == "down" ? 503 : 200);
+  });
+  sendTo(server);
+  for (const bool sameKey : {true, false}) {
+    AgentHome home;
+    {
+      const auto sender = makeSender("down");
+      EXPECT_TRUE(sender->sendFrameLogData(bytes("stored")));
+      const std::size_t sent = server.requests().size();
+      ASSERT_TRUE(server.waitUntil([&] { return isIdle(sender); }));
+      EXPECT_GE(server.requests().size(), sent);
+    }
+    const std::size_t before = server.requests().size();
+    const auto sender = makeSender(sameKey ? "down" : "other");
+    if (!sameKey) {
+      EXPECT_TRUE(sender->sendFrameLogData(bytes("new")));
+    }
+    setNetworkReachable(true);
+    ASSERT_TRUE(
+        server.waitUntil([&] { return server.requests().size() > before && isIdle(sender); }));
+    EXPECT_EQ(server.requests().back().body, sameKey ? "stored" : "new");
+    EXPECT_EQ(blocks(sender).size(), sameKey ? 1u : 0u);
+  }
+}
+
+TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreGone) {
+  LoopbackServer server(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL("http://127.0.0.1:1/");
+  const auto sender = makeSender();
+  std::vector<std::string> identifiers;
+  for (const char* text : {"whole", "missing", "truncated"}) {
+    identifiers.push_back(sender->storeData(bytes(text)).value_or(""));
+  }
+  std::filesystem::remove(home_.storageFolder() + "/" + identifiers[1]);
+  writeFile(home_.storageFolder() + "/" + identifiers[2], "trunc");
+  {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {EMFILE, false, {}, Fault::kForEver});
+    sender->retransmitNotSentBlocks();
+    EXPECT_TRUE(isIdle(sender));
+    drain(sender->dataIndex());
+  }
+  EXPECT_GE(blocks(sender).size(), 1u);
+  sendTo(server);
+  sender->retransmitNotSentBlocks();
+  ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty() && isIdle(sender); }));
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_EQ(server.requests()[0].body, "whole");
+}
+
+TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
+  LoopbackServer server(
+      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  sendTo(server);
+  const auto sender = makeSender();
+  for (const char* kind : {"write", "syncData", "rename"}) {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind(kind, kind == std::string("rename") ? 2 : 1, {ENOSPC});
+    EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind;
+  }
+  EXPECT_TRUE(blockFiles().empty());
+  EXPECT_TRUE(blocks(sender).empty());
+  EXPECT_EQ(server.connections(), 0u) << "what is not stored is not sent";
+  EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
+  EXPECT_TRUE(server.waitForRequests(1));
+}
+
+TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
+    connection.server().hold();
+    connection.answer(200);
+  });
+  sendTo(server);
+  const auto sender = makeSender();
+  for (const char* text : {"a", "b"}) EXPECT_TRUE(sender->sendFrameLogData(bytes(text)));
+  ASSERT_TRUE(server.waitUntil([&] { return server.held() == 2; }));
+  sender->queue()->sync([&] { sender->cancelTasks(); });
+  EXPECT_TRUE(isIdle(sender));
+  ASSERT_TRUE(server.waitUntil([&] { return log_.count("Could not connect to server: ") == 2; }));
+  EXPECT_TRUE(isIdle(sender)) << "the late ends find nothing to do";
+  EXPECT_EQ(blocks(sender).size(), 2u);
+  server.release();
+}
+
+TEST_F(SkeldaDataSenderTest, UnregisteringATaskThatDoesNotRunRaises) {
+  const auto sender = makeSender();
+  EXPECT_THROW(sender->unregisterTask(nullptr, true), platform::Exception);
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,99 @@
+#include "Analytics/Reachability/SkeldaReachability.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+
+#include "Analytics/Streaming/Data Providers/ISkeldaDataProviderObserver.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Skelda_Watch/SkeldaConstants.h"
+
+namespace skelda::testing {
+namespace {
+
+constexpr const char* kInside = "SKELDA_TEST_IN_NETWORK_NAMESPACE";
+
+bool run(const std::string& command) {
+  return std::system(command.c_str()) == 0;
+}
+
+class Updates : public ISkeldaDataProviderObserver {
+ public:
+  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { ++count; }
+  std::atomic<int> count = 0;
+};
+
+/// The values at each notification, in order.
+class Notices {
+ public:
+  Notices()
+      : token_(platform::NotificationCenter::defaultCenter().addObserver(
+            kSkeldaNetworkStatusChangedNotification, [this](const auto&) {
+              const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
+              EXPECT_EQ(provider->isNetworkReachable(), provider->networkStatus() != 0);
+              std::lock_guard lock(mutex_);
+              ++count_;
+              reachable_ = provider->isNetworkReachable();
+              changed_.notify_all();
+            })) {}
+  ~Notices() { platform::NotificationCenter::defaultCenter().removeObserver(token_); }
+  bool wait(bool reachable) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20),
+                             [&] { return count_ > 0 && reachable_ == reachable; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+  bool reachable_ = false;
+  platform::NotificationCenter::Token token_;
+};
+
+TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {
+  if (std::getenv(kInside) == nullptr) {
+    if (!run("unshare -rn ip link add v0 type veth peer name v1 2>/dev/null")) {
+      GTEST_SKIP() << "no network namespace with a link in it may be made here";
+    }
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    EXPECT_TRUE(run(std::string(kInside) + "=1 unshare -rn '" + self +
+                    "' --gtest_filter='SkeldaReachability.Follows*' >&2"));
+    return;
+  }
+  Notices notices;
+  const auto updates = std::make_shared<Updates>();
+  const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
+  provider->registerObserver(updates);
+  ASSERT_TRUE(SkeldaReachabilityLink());
+  provider->startup();  // finds the monitor by name
+  ASSERT_TRUE(notices.wait(false));
+  EXPECT_TRUE(provider->reachabilitySetup());
+  EXPECT_NE(provider->reachability(), nullptr);
+
+  ASSERT_TRUE(run("ip link set lo up && ip link add v0 type veth peer name v1"));
+  ASSERT_TRUE(run("ip addr add 192.0.2.1/24 dev v0 && ip link set v0 up && ip link set v1 up"));
+  ASSERT_TRUE(notices.wait(true));
+  EXPECT_EQ(provider->networkStatus(), SkeldaReachability::kReachableOverLocalNetwork);
+  ASSERT_TRUE(run("ip link set v1 down"));  // the other end: no carrier
+  ASSERT_TRUE(notices.wait(false));
+  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
+  ASSERT_TRUE(run("ip link set v1 up"));
+  ASSERT_TRUE(notices.wait(true));
+  ASSERT_TRUE(run("ip addr del 192.0.2.1/24 dev v0"));  // and with it the route
+  ASSERT_TRUE(notices.wait(false));
+  ASSERT_TRUE(run("ip route add 198.51.100.0/24 nexthop dev v0 nexthop dev v1"));
+  ASSERT_TRUE(notices.wait(true));
+  EXPECT_GE(updates->count, 6);
+  EXPECT_EQ(guardedExceptions().load(), 0u);
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,155 @@
+#include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+class Changes : public SkeldaNodeDataProviderObserver {
+ public:
+  void fileMonitor(ISkeldaNodeDataProvider&, std::uint32_t didSeeChange) override {
+    std::lock_guard lock(mutex_);
+    EXPECT_EQ(didSeeChange, 0u);
+    ++count_;
+    changed_.notify_all();
+  }
+  int count() {
+    std::lock_guard lock(mutex_);
+    return count_;
+  }
+  /// Until one more than `before` was seen.
+  bool waitPast(int before) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return count_ > before; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+};
+
+class SkeldaNodeDataProviderTest : public ::testing::Test {
+ protected:
+  SkeldaNodeDataProviderTest() { provider_->addObserver(changes_); }
+  ~SkeldaNodeDataProviderTest() override { provider_->removeObserver(changes_); }
+  void start() {
+    provider_->forceRefresh(nullptr);
+    ASSERT_TRUE(changes_->waitPast(0));
+  }
+  /// What is written now must be told.
+  void expectTold(const std::string& name) {
+    settle();
+    const int before = changes_->count();
+    writeFile(watched_ + "/" + name, "x");
+    EXPECT_TRUE(changes_->waitPast(before)) << name;
+  }
+  void settle() {
+    provider_->syncBlock([] {});
+  }
+  static std::size_t openDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+  }
+
+  TemporaryDirectory home_;
+  const std::string watched_ = home_ / "a/logs";
+  std::shared_ptr<Changes> changes_ = std::make_shared<Changes>();
+  std::shared_ptr<SkeldaNodeDataProvider> provider_ =
+      SkeldaNodeDataProvider::nodeDataProviderWithFilePath(watched_,
+                                                           SkeldaStreamFileManager::fileManager());
+};
+
+TEST_F(SkeldaNodeDataProviderTest, MakesTheFolderAndTellsOfWhatIsThereAndOfWhatComes) {
+  std::atomic<bool> completed = false;
+  provider_->forceRefresh([&](platform::ErrorRef error) { completed = error == nullptr; });
+  ASSERT_TRUE(changes_->waitPast(0));
+  settle();
+  EXPECT_TRUE(completed);
+  EXPECT_TRUE(std::filesystem::is_directory(watched_));
+  expectTold("one");
+  settle();
+  const int before = changes_->count();
+  std::filesystem::remove(watched_ + "/one");
+  EXPECT_TRUE(changes_->waitPast(before));
+
+  provider_->addObserver(nullptr);
+  const auto late = std::make_shared<Changes>();
+  provider_->addObserver(late);
+  EXPECT_EQ(late->count(), 1) << "told at once of the change that was seen";
+  provider_->removeObserver(late);
+  expectTold("two");
+  EXPECT_EQ(late->count(), 1);
+}
+
+TEST_F(SkeldaNodeDataProviderTest, AFolderThatIsRemovedOrReplacedIsWatchedAgain) {
+  start();
+  for (int i = 0; i < 3; ++i) {
+    settle();
+    const int before = changes_->count();
+    std::error_code ignored;  // the folder may be made again while it is being removed
+    if (i == 0) {
+      std::filesystem::remove_all(watched_, ignored);
+    } else if (i == 1) {
+      std::filesystem::remove_all(home_ / "a", ignored);
+    } else {
+      std::filesystem::rename(watched_, home_ / "moved");
+      std::filesystem::create_directory(watched_, ignored);
+    }
+    // The watch that stands again tells of it itself.
+    ASSERT_TRUE(changes_->waitPast(before)) << i;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!std::filesystem::is_directory(watched_) &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    // Of what is written from now on it may take two to tell, while the old watch goes.
+    bool told = false;
+    for (int n = 0; n < 100 && !told; ++n) {
+      settle();
+      const int seen = changes_->count();
+      std::filesystem::create_directories(watched_ + "/" + std::to_string(n), ignored);
+      told = changes_->waitPast(seen);
+    }
+    EXPECT_TRUE(told) << i;
+  }
+}
+
+TEST_F(SkeldaNodeDataProviderTest, AWatchMadeAgainLeavesNoDescriptor) {
+  start();
+  expectTold("before");
+  settle();
+  const std::size_t before = openDescriptors();
+  for (int i = 0; i < 10; ++i) {
+    const int seen = changes_->count();
+    provider_->recreateDispatchSource();
+    ASSERT_TRUE(changes_->waitPast(seen));
+  }
+  provider_->forceRefresh(nullptr);
+  expectTold("after");
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (openDescriptors() > before && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_LE(openDescriptors(), before);
+}
+
+TEST_F(SkeldaNodeDataProviderTest, WhereNoFolderCanBeMadeItIsTriedAgain) {
+  writeFile(home_ / "a", "a file in the way");
+  provider_->forceRefresh(nullptr);
+  settle();
+  EXPECT_EQ(changes_->count(), 0);
+  std::filesystem::remove(home_ / "a");
+  EXPECT_TRUE(changes_->waitPast(0));
+  expectTold("one");
+}
+
+}  // namespace
+}  // namespace skelda::testing

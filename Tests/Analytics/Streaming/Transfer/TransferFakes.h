@@ -1,0 +1,108 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
+#include "Analytics/Utils/SkeldaStreamFileManager.h"
+
+namespace skelda::testing {
+
+/// A folder in memory.
+class FakeFolder : public SkeldaStreamFileManager {
+ public:
+  bool removeItemAtPath(const Path& path) override {
+    std::lock_guard lock(mutex_);
+    const std::string name = path->substr(path->rfind('/') + 1);
+    if (undeletable.contains(name)) return false;
+    removed.push_back(name);
+    names.erase(name);
+    return true;
+  }
+  bool isFilePresentAtPath(const Path& path) override {
+    std::lock_guard lock(mutex_);
+    return names.contains(path->substr(path->rfind('/') + 1));
+  }
+  std::optional<std::vector<std::string>> fileNamesAtPath(const Path&,
+                                                          platform::ErrorRef* error) override {
+    std::lock_guard lock(mutex_);
+    platform::setError(error, nullptr);
+    if (unlistable > 0) {
+      --unlistable;
+      return std::nullopt;
+    }
+    return std::vector<std::string>(names.begin(), names.end());
+  }
+
+  std::set<std::string> names;
+  std::set<std::string> undeletable;
+  std::vector<std::string> removed;
+  int unlistable = 0;
+
+ private:
+  std::mutex mutex_;
+};
+
+class FakeMonitor : public ISkeldaNodeDataProvider {
+ public:
+  void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> added) override {
+    observer = added;
+  }
+  void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>&) override {}
+  void forceRefresh(Completion completion) override {
+    if (startupError == nullptr) tell(0);
+    completion(startupError);
+  }
+  void tell(std::uint32_t change) {
+    if (const auto strong = observer.lock()) strong->fileMonitor(*this, change);
+  }
+
+  std::weak_ptr<SkeldaNodeDataProviderObserver> observer;
+  platform::ErrorRef startupError;
+};
+
+/// Keeps what it is given; called on the manager's queue.
+class FakeAgent : public ISkeldaFileTransferAgent {
+ public:
+  void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate>) override {}
+  void startTransfer(SkeldaFileStateRef file) override { started.push_back(file->fileName()); }
+  void cancelTransfer(SkeldaFileStateRef file) override { cancelled.push_back(file->fileName()); }
+  void resumeTransfer(SkeldaFileStateRef) override {}
+  std::vector<SkeldaFileStateRef> listTransfers() override { return {}; }
+
+  std::vector<std::string> started;
+  std::vector<std::string> cancelled;
+};
+
+/// The stage half of a file reader, which the transfer side does not use.
+class FakeReader : public ISkeldaStreamFileReader {
+ public:
+  void streamMessage(ISkeldaStreamMessage::Ref) override {}
+  std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return {}; }
+  void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void asyncStreamResponse(platform::ObjectRef) override {}
+  void syncStreamResponse(platform::ObjectRef) override {}
+  void startup() override {}
+  void processFile(const std::string& fileName, const std::string& path) override {
+    processed.push_back(path + "/" + fileName);
+  }
+  void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> given) override {
+    delegate = given;
+  }
+
+  std::vector<std::string> processed;
+  std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate;
+};
+
+}  // namespace skelda::testing
