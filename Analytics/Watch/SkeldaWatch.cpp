@@ -65,19 +65,17 @@ void startAgent() {
   SkeldaWatch::loadWatchDisableWatchConnectivity();
   const auto manager = SkeldaWatchStreamManager::manager();
   if (manager == nullptr) return;
-  if (const auto user = manager->module<ISkeldaUserDemographicsSource>()) {
-    user->setUserId(SkeldaWatch::loadWatchUserID());
-  }
-  if (const auto appInfo = manager->module<ISkeldaAppInfoSource>()) {
-    appInfo->setAppVersion(SkeldaWatch::loadAppVersionOverride());
-  }
+  // All look-ups before the start: they wait for the manager's queue, which then is busy starting.
+  const auto user = manager->module<ISkeldaUserDemographicsSource>();
+  const auto appInfo = manager->module<ISkeldaAppInfoSource>();
+  const auto sessionInfo = manager->module<SkeldaSessionInfoDataProvider>();
+  auto events = manager->module<ISkeldaEventFrameSource>();
+
+  if (user) user->setUserId(SkeldaWatch::loadWatchUserID());
+  if (appInfo) appInfo->setAppVersion(SkeldaWatch::loadAppVersionOverride());
   manager->startup();
-  if (const auto sessionInfo = manager->module<SkeldaSessionInfoDataProvider>()) {
-    sessionInfo->startUpWithApiKey(*keptAPIKey());
-  }
-  if (auto events = manager->module<ISkeldaEventFrameSource>()) {
-    eventSource.store(new EventSource(std::move(events)), std::memory_order_release);
-  }
+  if (sessionInfo) sessionInfo->startUpWithApiKey(*keptAPIKey());
+  if (events) eventSource.store(new EventSource(std::move(events)), std::memory_order_release);
 }
 
 /// The event source of the running agent; null where it could not be started, which counts as done

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace skelda::platform {
@@ -12,10 +13,12 @@ namespace {
 std::optional<std::string> readAll(int descriptor, std::size_t maximumBytes) {
   struct stat status {};
   if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-  // One byte more than allowed, to see a file that is longer than it said.
-  std::string content(maximumBytes + 1, '\0');
+  // One byte more than it says, and at most one more than allowed, to see that it is longer.
+  const auto most = maximumBytes + 1;
+  std::string content(std::min(most, static_cast<std::size_t>(status.st_size) + 1), '\0');
   std::size_t length = 0;
-  while (length < content.size()) {
+  while (length < most) {
+    if (length == content.size()) content.resize(std::min(most, 2 * length + 4096));
     const ssize_t count = ::read(descriptor, content.data() + length, content.size() - length);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return std::nullopt;
