@@ -161,8 +161,9 @@ TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
 
 TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
   const std::function<void()> none;
+  const std::optional<std::string> nothing;
   EXPECT_EQ(reasonOf([] { SkeldaActor(); }), "Description is required");
-  EXPECT_EQ(reasonOf([] { SkeldaActor(std::nullopt); }),
+  EXPECT_EQ(reasonOf([&] { SkeldaActor actor(nothing); }),
             "Invalid parameter not satisfying: description");
   for (const auto& raising : std::vector<std::function<void()>>{
            [&] { actor_->asyncBlock(nullptr); }, [&] { actor_->asyncBlock(none); },

@@ -88,7 +88,7 @@ void submitAtRandom(std::vector<std::unique_ptr<WatchedQueue>>& queues, std::siz
         group->enter();
         queue.async([=, &queues] {
           on->run(false, thread, number);
-          WatchedQueue* const next = queues[(number + 1) % queues.size()].get();
+          WatchedQueue* const next = queues[static_cast<std::size_t>(number) % queues.size()].get();
           next->ran.fetch_sub(1);  // only the ones submitted from outside are counted
           next->queue->async([=] {
             next->run(false, thread, 0);

@@ -207,15 +207,15 @@ TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {
 TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
   std::atomic<bool> stop{false};
   struct Greedy {
-    QueueRef queue = Queue::serial("greedy");
     std::atomic<bool>& stop;
+    QueueRef queue = Queue::serial("greedy");
     void again() {
       if (!stop) queue->async([this] { again(); });
     }
   };
   std::vector<std::unique_ptr<Greedy>> greedy;
   for (int i = 0; i < 16; ++i) {
-    greedy.push_back(std::make_unique<Greedy>(Queue::serial("greedy"), stop));
+    greedy.emplace_back(new Greedy{stop});
     greedy.back()->again();
     greedy.back()->again();
   }
