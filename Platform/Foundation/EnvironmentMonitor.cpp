@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <mutex>
 #include <string_view>
 
 #include "Platform/Dispatch/FolderSource.h"
@@ -96,8 +98,11 @@ EnvironmentMonitor::~EnvironmentMonitor() {
 }
 
 void EnvironmentMonitor::startShared() {
-  static auto* const monitor = new EnvironmentMonitor;
-  static_cast<void>(monitor);
+  // Stored where it stays to be seen: a pointer that nothing reads is optimised away, and what it
+  // points to then counts as lost.
+  static std::atomic<EnvironmentMonitor*> shared{nullptr};
+  static std::once_flag once;
+  std::call_once(once, [] { shared.store(new EnvironmentMonitor); });
 }
 
 }  // namespace skelda::platform
