@@ -23,6 +23,7 @@ class SenderTest : public ::testing::Test {
  protected:
   SenderTest() { SkeldaUtil::setLogLevel(2); }
   ~SenderTest() override {
+    finish();
     SkeldaUtil::setLogLevel(0);
     SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(false);
     EXPECT_EQ(guardedExceptions().load(), 0u);
@@ -30,9 +31,20 @@ class SenderTest : public ::testing::Test {
 
   /// As after a start of the process: with what the folder holds.
   std::shared_ptr<SkeldaDataSender> makeSender(const std::string& apiKey = "key") {
-    return SkeldaDataSender::senderWithQueue(platform::Queue::serial("test.Analytics.LogSender"),
-                                             std::make_shared<SkeldaBackgroundTaskTracker>(),
-                                             [apiKey] { return apiKey; });
+    senders_.push_back(SkeldaDataSender::senderWithQueue(
+        platform::Queue::serial("test.Analytics.LogSender"),
+        std::make_shared<SkeldaBackgroundTaskTracker>(), [apiKey] { return apiKey; }));
+    return senders_.back();
+  }
+  /// Until nothing is under way any more: what came later would find another folder.
+  void finish() {
+    for (const auto& sender : std::exchange(senders_, {})) {
+      const auto deadline = std::chrono::steady_clock::now() + kPatience;
+      while (!isIdle(sender) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+      }
+      drain(sender->dataIndex());
+    }
   }
   static void sendTo(const LoopbackServer& server) {
     SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(server.url());
@@ -67,6 +79,9 @@ class SenderTest : public ::testing::Test {
 
   AgentHome home_;
   LogCapture log_;
+
+ private:
+  std::vector<std::shared_ptr<SkeldaDataSender>> senders_;
 };
 
 }  // namespace skelda::testing

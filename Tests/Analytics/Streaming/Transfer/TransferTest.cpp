@@ -90,6 +90,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStored) {
   ASSERT_TRUE(server.waitUntil([&] { return committed() == 0 && blocks(sender_).empty(); }));
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].body, log);
+  finish();
 }
 
 }  // namespace
