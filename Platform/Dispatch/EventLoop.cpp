@@ -55,22 +55,18 @@ void EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
   ensureThread();
 }
 
-void EventLoop::armPoolTick() noexcept {
-  setTick();
-  ensureThread();
-}
-
-void EventLoop::setTick() noexcept {
+void EventLoop::setPoolTick(bool on) noexcept {
   itimerspec when{};
-  when.it_value.tv_nsec = kTickNanoseconds;
+  when.it_value.tv_nsec = on ? kTickNanoseconds : 0;
   timerfd_settime(tick_, 0, &when, nullptr);
+  if (on) ensureThread();
 }
 
 void EventLoop::tickPool(void* raw) {
   auto* const self = static_cast<EventLoop*>(raw);
   std::uint64_t expirations = 0;
   if (read(self->tick_, &expirations, sizeof expirations) < 0) return;
-  if (WorkerPool::shared().tick()) self->setTick();
+  WorkerPool::shared().tick();
 }
 
 void EventLoop::run(void* raw) {

@@ -18,8 +18,8 @@ class EventLoop {
   /// Calls the handler, on the thread, whenever the descriptor can be read. For good; there is room
   /// for the few that the layer has. Says so in the log when the system refuses.
   void watch(int descriptor, Handler handler, void* context) noexcept;
-  /// Calls WorkerPool::tick() in a millisecond, and again as long as it asks for that.
-  void armPoolTick() noexcept;
+  /// Calls WorkerPool::tick() once, in a millisecond; or does not, after all.
+  void setPoolTick(bool on) noexcept;
 
  private:
   struct Watch {
@@ -31,7 +31,6 @@ class EventLoop {
   static void run(void* self);
   static void tickPool(void* self);
   bool ensureThread() noexcept;
-  void setTick() noexcept;
 
   int epoll_;
   int tick_;

@@ -113,9 +113,20 @@ Work* WorkerPool::takeInjected() noexcept {
 }
 
 void WorkerPool::armTick() noexcept {
-  if (!tickArmed_.load(std::memory_order_seq_cst) && !tickArmed_.exchange(true)) {
-    EventLoop::shared().armPoolTick();
+  if (tickArmed_.load(std::memory_order_seq_cst)) return;
+  const std::lock_guard lock(tickMutex_);
+  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(true);
+}
+
+/// Called when the last one goes to sleep: a tick would wake the event thread for nothing.
+void WorkerPool::disarmTick() noexcept {
+  if (!tickArmed_.load(std::memory_order_relaxed)) return;
+  {
+    const std::lock_guard lock(tickMutex_);
+    if (tickArmed_.exchange(false)) EventLoop::shared().setPoolTick(false);
   }
+  // One who was waiting and is back may have submitted something just before.
+  if (anythingWaits()) armTick();
 }
 
 // ---- Workers come and go
@@ -281,7 +292,9 @@ bool WorkerPool::sleep(Worker& me, Lock& lock) noexcept {
   me.nextIdle = std::exchange(idleWorkers_, &me);
   me.isIdle = true;
   DispatchTime deadline = ++idle_ > kKeptIdle ? dispatchTimeAfter(kLinger) : DispatchTime::forever;
+  const bool last = running() == 0;
   lock.unlock();
+  if (last) disarmTick();
   while (me.woken.load(std::memory_order_acquire) == 0) {
     if (futexWait(me.woken, 0, deadline)) continue;
     lock.lock();
@@ -326,15 +339,29 @@ void WorkerPool::endBlocking() noexcept {
 
 // ---- The tick
 
-bool WorkerPool::tick() noexcept {
+void WorkerPool::tick() noexcept {
   bool lyingStill = false;
   if (lookAround(lyingStill)) {
     relieve(lyingStill);
-    return true;
+    const std::lock_guard lock(tickMutex_);
+    if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(true);
+    return;
   }
-  tickArmed_.store(false, std::memory_order_seq_cst);
+  {
+    const std::lock_guard lock(tickMutex_);
+    tickArmed_.store(false, std::memory_order_seq_cst);
+  }
   // A piece that came since then has armed the tick, or is seen here.
-  return lookAround(lyingStill) && !tickArmed_.exchange(true);
+  if (anythingWaits()) armTick();
+}
+
+bool WorkerPool::anythingWaits() const noexcept {
+  if (injected_.load(std::memory_order_seq_cst) > 0) return true;
+  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
+       worker = worker->nextOfAll) {
+    if (worker->ring.size() > 0) return true;
+  }
+  return false;
 }
 
 /// Whether any work waits, and whether some has waited since the last tick.

@@ -31,8 +31,8 @@ class WorkerPool {
   /// The calling thread, if it is a worker, waits (and no longer does). Calls nest.
   void beginBlocking() noexcept;
   void endBlocking() noexcept;
-  /// For the event thread: true when it should come again.
-  bool tick() noexcept;
+  /// For the event thread, when the time that was set has come.
+  void tick() noexcept;
 
  private:
   struct Worker;
@@ -46,6 +46,7 @@ class WorkerPool {
   Work* popInjected() noexcept;
   Work* takeInjected() noexcept;
   void armTick() noexcept;
+  void disarmTick() noexcept;
 
   Worker* recruit() noexcept;
   void recruitAndRelease(Lock& lock) noexcept;
@@ -63,6 +64,7 @@ class WorkerPool {
   bool sleep(Worker& me, Lock& lock) noexcept;
   void emptyRing(Worker& me) noexcept;
 
+  bool anythingWaits() const noexcept;
   bool lookAround(bool& lyingStill) noexcept;
   void relieve(bool lyingStill) noexcept;
 
@@ -81,6 +83,8 @@ class WorkerPool {
   std::uint32_t extra_ = 0;  // above the limit, since the others are stuck
   Worker* idleWorkers_ = nullptr;
   Worker* retired_ = nullptr;
+
+  std::mutex tickMutex_;  // for arming and disarming; taken after the other
 
   // The tick's own.
   std::uint64_t progressBefore_ = 0;
