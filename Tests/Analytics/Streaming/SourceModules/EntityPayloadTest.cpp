@@ -252,8 +252,7 @@ TEST(EntityLog, SaysWhatIsWrongWithARecordAndWithAPayload) {
       "+[SkeldaStreamUserId streamEntityFromJSONData:]: invalid json object = {}",
       "+[SkeldaStreamUserId streamEntityFromJSONData:]: error [Error Domain=",
       "+[SkeldaSessionInitInfo streamEntityFromJSONData:]: inconsistent json object = {}",
-      "+[SkeldaStreamReportedIdentifers streamEntityFromJSONData:]: "
-      "inconsistent reported ids json object = {}",
+      "+[SkeldaStreamReportedIdentifers streamEntityFromJSONData:]: inconsistent reported ids",
   };
   ASSERT_EQ(lines.size(), std::size(starts));
   for (std::size_t i = 0; i < lines.size(); ++i) {
