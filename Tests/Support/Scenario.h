@@ -1,24 +1,20 @@
 #pragma once
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
-extern char** environ;
-
 namespace skelda::testing {
 
 /// A part of a test that needs a process of its own: the test program runs itself again with the
 /// scenario's name in the environment, and its main() then does nothing else. What it prints and
-/// logs comes back, with the status that it ended with.
+/// logs comes back, with the status that it ended with; a status other than 0 is a failure.
 class Scenario {
  public:
   static constexpr const char* kVariable = "SKELDA_SCENARIO";
@@ -33,18 +29,15 @@ class Scenario {
   }
   static int runRequested() {
     const auto found = all().find(requested());
-    if (found == all().end()) return 127;
-    const int failures = found->second();
-    std::fflush(stdout);
-    return failures;
+    return found == all().end() ? 127 : found->second();
   }
 
   struct Outcome {
-    int status = -1;  // -1 where a signal ended it
+    int status = -1;
     std::string output;
 
-    std::size_t count(std::string_view part) const {
-      std::size_t found = 0;
+    int count(std::string_view part) const {
+      int found = 0;
       for (auto at = output.find(part); at != std::string::npos; at = output.find(part, at + 1)) {
         ++found;
       }
@@ -53,34 +46,18 @@ class Scenario {
   };
 
   /// Runs it to its end in the environment of this moment.
-  static Outcome run(const char* name) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-    ::posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-    ::setenv(kVariable, name, 1);
-    ::setenv("SKELDA_LOG", "stderr", 1);
-    std::string self = "/proc/self/exe";
-    char* arguments[] = {self.data(), nullptr};
-    ::pid_t child = 0;
-    const int failed = ::posix_spawn(&child, self.c_str(), &actions, nullptr, arguments, environ);
-    ::unsetenv(kVariable);
-    ::unsetenv("SKELDA_LOG");
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(ends[1]);
-    if (failed != 0) throw std::runtime_error("posix_spawn");
-
+  static Outcome run(const std::string& name) {
+    const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
+    const auto command =
+        std::string(kVariable) + "='" + name + "' SKELDA_LOG=stderr '" + self + "' 2>&1";
+    FILE* child = ::popen(command.c_str(), "re");
+    if (child == nullptr) throw std::runtime_error("popen");
     Outcome outcome;
     char buffer[4096];
-    for (ssize_t got = 0; (got = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
-      outcome.output.append(buffer, static_cast<std::size_t>(got));
+    for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;) {
+      outcome.output.append(buffer, got);
     }
-    ::close(ends[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
+    outcome.status = ::pclose(child);
     return outcome;
   }
 

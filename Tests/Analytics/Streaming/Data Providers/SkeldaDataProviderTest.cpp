@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Platform/WatchKit/WKExtension.h"
 #include "Tests/Analytics/Streaming/Data Providers/RecordingObserver.h"
 
 namespace skelda::testing {
@@ -11,7 +15,6 @@ namespace {
 class Provider : public SkeldaDataProvider {
  public:
   static std::shared_ptr<Provider> make() { return made(new Provider()); }
-  std::string_view className() const noexcept override { return "Provider"; }
   bool canSendData() const override { return hasFacts; }
   std::atomic<bool> hasFacts{false};
 
@@ -19,42 +22,37 @@ class Provider : public SkeldaDataProvider {
   Provider() : SkeldaDataProvider("Provider") {}
 };
 
+/// An observer of the provider, and how often it was told once all is quiet.
+struct Observed {
+  explicit Observed(std::shared_ptr<SkeldaDataProvider> watched) : provider(std::move(watched)) {
+    provider->registerObserver(observer);
+  }
+  int updates() const {
+    settle(*provider);
+    return observer->updates();
+  }
+  std::shared_ptr<SkeldaDataProvider> provider;
+  std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
+};
+
 TEST(SkeldaDataProvider, TellsEachObserverOncePerChangeUntilItIsRemoved) {
   const auto provider = Provider::make();
-  const auto observer = std::make_shared<RecordingObserver>();
-  const auto stranger = std::make_shared<RecordingObserver>();
-  provider->registerObserver(observer);
-  provider->registerObserver(observer);
+  const Observed observed(provider);
+  provider->registerObserver(observed.observer);
   provider->registerObserver(nullptr);
-  provider->removeObserver(stranger);
+  provider->removeObserver(std::make_shared<RecordingObserver>());
   provider->notifyObservers();
-  settle(*provider);
-  EXPECT_EQ(observer->updates(), 1U);
-  EXPECT_EQ(observer->last(), provider);
-
-  provider->removeObserver(observer);
+  EXPECT_EQ(observed.updates(), 1);
+  EXPECT_GT(observed.observer.use_count(), 1) << "a provider holds its observers";
+  provider->removeObserver(observed.observer);
   provider->notifyObservers();
-  settle(*provider);
-  EXPECT_EQ(observer->updates(), 1U);
-}
+  EXPECT_EQ(observed.updates(), 1);
 
-TEST(SkeldaDataProvider, TellsALateObserverAtOnceWhenThereAreFactsAndAgainWhenItComesAgain) {
-  const auto provider = Provider::make();
+  // Where there are facts, whoever comes is told at once, and again when it comes again.
   provider->hasFacts = true;
-  const auto observer = std::make_shared<RecordingObserver>();
-  provider->registerObserver(observer);
-  provider->registerObserver(observer);
-  settle(*provider);
-  EXPECT_EQ(observer->updates(), 2U);
-}
-
-TEST(SkeldaDataProvider, HoldsItsObservers) {
-  const auto provider = Provider::make();
-  auto observer = std::make_shared<RecordingObserver>();
-  const std::weak_ptr<RecordingObserver> weak = observer;
-  provider->registerObserver(std::move(observer));
-  settle(*provider);
-  EXPECT_FALSE(weak.expired());
+  const Observed late(provider);
+  provider->registerObserver(late.observer);
+  EXPECT_EQ(late.updates(), 2);
 }
 
 TEST(SkeldaDataProviderDeathTest, IsNotAProviderItself) {
@@ -64,11 +62,85 @@ TEST(SkeldaDataProviderDeathTest, IsNotAProviderItself) {
 TEST(SkeldaNetworkURLsDataProvider, AnswersWithTheAddressThatItsCallerSetLast) {
   const auto urls = SkeldaNetworkURLsDataProvider::sharedInstance();
   EXPECT_EQ(urls->serverURL(), "https://data.skelda.example/v1/skd.do");
-  for (const std::string url : {"https://localhost:1/v1/skd.do", "not an address", ""}) {
+  for (const std::string url : {"not an address", "https://data.skelda.example/v1/skd.do"}) {
     urls->setServerURL(url);
     EXPECT_EQ(SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL(), url);
   }
-  urls->setServerURL(std::string(SkeldaNetworkURLsDataProvider::kDefaultServerURL));
+}
+
+TEST(SkeldaSessionInfoDataProvider, HasFactsFromStartUpOnAndTellsOfEachChange) {
+  const auto provider = SkeldaSessionInfoDataProvider::getInstance();
+  EXPECT_NE(provider, SkeldaSessionInfoDataProvider::getInstance());
+  const Observed observed(provider);
+  // Before start-up the flag waits for the facts that carry it.
+  provider->setIncludeBackgroundSessionsInMetrics(true);
+  EXPECT_FALSE(provider->hasStartSessionBeenCalled());
+  EXPECT_EQ(provider->sessionInfoData(), nullptr);
+  EXPECT_EQ(observed.updates(), 0);
+
+  provider->startUpWithApiKey("KEY");
+  EXPECT_TRUE(provider->hasStartSessionBeenCalled());
+  const auto facts = provider->sessionInfoData();
+  EXPECT_EQ(facts->apiKey(), "KEY");
+  EXPECT_EQ(facts->agentPlatform(), 2);
+  EXPECT_EQ(facts->agentVersion(), 261);
+  EXPECT_EQ(facts->agentReportType(), 2);
+  EXPECT_TRUE(facts->includeBackgroundSessionsInMetrics());
+  EXPECT_EQ(observed.updates(), 1);
+  EXPECT_EQ(Observed(provider).updates(), 1);
+
+  // A change makes new facts: those handed out stay what they were.
+  provider->setIncludeBackgroundSessionsInMetrics(false);
+  EXPECT_FALSE(provider->sessionInfoData()->includeBackgroundSessionsInMetrics());
+  EXPECT_TRUE(facts->includeBackgroundSessionsInMetrics());
+  EXPECT_EQ(observed.updates(), 2);
+}
+
+TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffersFromTheLast) {
+  auto& extension = platform::WKExtension::sharedExtension();
+  extension.setApplicationState(platform::WKExtension::ApplicationState::background);
+  const auto provider = SkeldaAppStateDataProvider::getInstance();
+  const Observed observed(provider);
+  provider->startup();
+  ASSERT_EQ(observed.observer->updates(1), 1);
+  extension.setApplicationState(platform::WKExtension::ApplicationState::active);
+  struct Step {
+    std::int32_t state, previous;
+    int updates;
+  };
+  for (const auto& step : {Step{2, -1, 1}, Step{0, 2, 2}, Step{0, 2, 2}, Step{2, 0, 3}}) {
+    provider->sendWatchState(step.state);
+    EXPECT_EQ(observed.updates(), step.updates);
+    EXPECT_EQ(provider->appStateData()->currentState(), step.state);
+    EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
+  }
+}
+
+TEST(SkeldaSessionDevicePropertiesDataProvider, OffersTheLastSnapshotAndTellsOfEach) {
+  const auto provider = SkeldaSessionDevicePropertiesDataProvider::getInstance();
+  const Observed observed(provider);
+  EXPECT_EQ(observed.updates(), 0);
+  EXPECT_EQ(provider->devicePropertiesData(), nullptr);
+  provider->startup();
+  const auto first = provider->devicePropertiesData();
+  EXPECT_TRUE(first->isStartFlag());
+  provider->sendSessionDevicePropertiesForStart(false);
+  EXPECT_FALSE(provider->devicePropertiesData()->isStartFlag());
+  EXPECT_EQ(observed.updates(), 2);
+  // What the session rule puts in its place is not announced.
+  provider->setDevicePropertiesData(first);
+  provider->dataProviderDidUpdate(provider);
+  EXPECT_EQ(provider->devicePropertiesData(), first);
+  EXPECT_EQ(observed.updates(), 2);
+
+  EXPECT_GT(first->freeMemory() + first->activeMemory() + first->inactiveMemory(), 0U);
+  EXPECT_GT(first->totalDiskSize(), 0U);
+  EXPECT_LE(first->availableDiskSize(), first->totalDiskSize());
+  EXPECT_GT(first->lastBootTime(), 0);
+  EXPECT_EQ(first->batteryLevel(), -1.0F);
+  EXPECT_FALSE(first->batteryCharging());
+  EXPECT_EQ(first->carrierName() + first->carrierMNC() + first->carrierMCC(),
+            "unavailableunavailableunavailable");
 }
 
 }  // namespace

@@ -22,21 +22,17 @@ class Monitor : public platform::Object, public ISkeldaReachability {
   int starts = 0;
 };
 
-TEST(SkeldaNetworkReachabilityDataProvider, IsOneForTheProcess) {
-  EXPECT_EQ(Provider::sharedInstance(), Provider::getInstance());
-}
-
 TEST(SkeldaNetworkReachabilityDataProvider, WithoutAMonitorTheDeviceCountsAsNotConnected) {
+  EXPECT_EQ(Provider::sharedInstance(), Provider::getInstance());
   const auto provider = Provider::make();
   const auto observer = std::make_shared<RecordingObserver>();
   provider->registerObserver(observer);
   provider->startup();
   settle(*provider);
-  EXPECT_EQ(observer->updates(), 1U);
-  EXPECT_FALSE(provider->isNetworkReachable());
+  EXPECT_EQ(observer->updates(), 1);
+  EXPECT_FALSE(provider->isNetworkReachable() || provider->reachabilitySetup());
   EXPECT_EQ(provider->networkStatus(), 0);
   EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
-  EXPECT_FALSE(provider->reachabilitySetup());
   EXPECT_EQ(provider->reachability(), nullptr);
 }
 
@@ -45,36 +41,27 @@ TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnec
   provider->setConnectedToNetwork(true);
   EXPECT_TRUE(provider->isNetworkReachable());
   EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
-
   provider->setNetworkLikelyNotReachable();
   EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
-  ASSERT_NE(provider->lastNetworkOperationError(), nullptr);
   EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
   EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
-
   // The same text is another domain all the same.
   const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
   provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
-  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
-  provider->setLastNetworkOperationError(nullptr);
   EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
 }
 
 TEST(SkeldaNetworkReachabilityDataProvider, StartsTheMonitorThatIsLinkedOnce) {
   const auto monitor = std::make_shared<Monitor>();
   auto& registry = platform::ClassRegistry::shared();
-  const auto before = registry.find(ISkeldaReachability::kClassName);
-  registry.registerClass({std::string(ISkeldaReachability::kClassName),
-                          {},
-                          {std::string(ISkeldaReachability::kProtocolName)},
-                          [monitor] { return monitor; }});
+  registry.registerClass({"SkeldaReachability", {}, {}, [monitor] { return monitor; }});
   const auto provider = Provider::make();
   provider->startup();
   provider->startup();
   settle(*provider);
   EXPECT_EQ(monitor->starts, 1);
   EXPECT_EQ(provider->reachability(), monitor);
-  registry.registerClass({std::string(ISkeldaReachability::kClassName), {}, {}, before.factory});
+  registry.registerClass({"SkeldaReachability", {}, {}, nullptr});
 }
 
 }  // namespace

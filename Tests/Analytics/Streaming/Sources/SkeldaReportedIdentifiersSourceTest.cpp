@@ -32,16 +32,16 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 
   // A first start has nothing to report and asks the phone.
   Rig first;
-  first.source->startup();
-  EXPECT_THAT(first.sentTexts(), IsEmpty());
+  first->startup();
+  EXPECT_THAT(first.texts(), IsEmpty());
   connectivity->queue()->sync([] {});
 
   // What holds no identifier changes nothing, and what cannot be one is not kept.
-  EXPECT_FALSE(first.source->didReceiveUserInfo({{"host", "x"}}));
-  EXPECT_TRUE(first.source->didReceiveUserInfo({{"skelda://id1", 7}, {"skelda://id2", "no hex"}}));
-  EXPECT_THAT(first.sentTexts(), IsEmpty());
-  EXPECT_EQ(first.source->watchVendorIDForSessionReport(), std::nullopt);
-  EXPECT_EQ(first.source->watchInstallationIDForSessionReport(), std::nullopt);
+  EXPECT_FALSE(first->didReceiveUserInfo({{"host", "x"}}));
+  EXPECT_TRUE(first->didReceiveUserInfo({{"skelda://id1", 7}, {"skelda://id2", "no hex"}}));
+  EXPECT_THAT(first.texts(), IsEmpty());
+  EXPECT_EQ(first->watchVendorIDForSessionReport(), std::nullopt);
+  EXPECT_EQ(first->watchInstallationIDForSessionReport(), std::nullopt);
 
   // The phone sends both; they are reported and acknowledged.
   watchEnd->setJoined(true);
@@ -50,26 +50,20 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
       "140 {\"sk.reported.id\":{\"VendorId\":\"VENDOR\",\"iOSInstallationId\":\"AP8Q\"},"
       "\"sk.ad.tracking\":false}";
   ASSERT_EQ(first.recorder->messages(1).size(), 1U);
-  EXPECT_THAT(first.sentTexts(), ElementsAre(message));
+  EXPECT_THAT(first.texts(), ElementsAre(message));
   // The phone hears: activated, peer came, its own transfer finished, the acknowledgement.
   EXPECT_THAT(atPhone->wait(4), Contains("info {\"skelda://id3\":\"YES\"}"));
 
   // From then on they come from the keychain.
   Rig second;
-  second.source->startup();
-  EXPECT_THAT(second.sentTexts(), ElementsAre(message));
+  second->startup();
+  EXPECT_THAT(second.texts(), ElementsAre(message));
 
   // One alone is reported alone.
-  EXPECT_TRUE(second.source->didReceiveUserInfo({{"skelda://id2", "0A"}}));
-  EXPECT_EQ(second.sentTexts().back(),
+  EXPECT_TRUE(second->didReceiveUserInfo({{"skelda://id2", "0A"}}));
+  EXPECT_EQ(second.texts().back(),
             "140 {\"sk.reported.id\":{\"iOSInstallationId\":\"Cg==\"},\"sk.ad.tracking\":false}");
-  EXPECT_EQ(second.source->watchInstallationIDForSessionReport(), "0A");
-}
-
-TEST(ReportedIdentifiersSource, KnowsItsAcknowledgement) {
-  Rig rig;
-  EXPECT_TRUE(rig.source->isSkeldaUserInfo({{"skelda://id3", "YES"}}));
-  EXPECT_FALSE(rig.source->isSkeldaUserInfo({{"skelda://id1", "x"}, {"host", 1}}));
+  EXPECT_EQ(second->watchInstallationIDForSessionReport(), "0A");
 }
 
 TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
@@ -78,8 +72,10 @@ TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
   EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
   EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDAsBytes()->length(), 16U);
   Rig rig;
-  EXPECT_EQ(rig.source->skeldaGuid(), own);
-  rig.source->queryAndSendIDs();
+  EXPECT_EQ(rig->skeldaGuid(), own);
+  EXPECT_TRUE(rig->isSkeldaUserInfo({{"skelda://id3", "YES"}}));
+  EXPECT_FALSE(rig->isSkeldaUserInfo({{"skelda://id1", "x"}, {"host", 1}}));
+  rig->queryAndSendIDs();
   const auto identifiers = rig.last<SkeldaStreamReportedIdentifers>();
   std::set<std::uint32_t> types, expected{15};
   for (const auto& identifier : identifiers->reportedIDs())

@@ -20,21 +20,18 @@ struct SourceRig {
     recorder->types->insert(0);
     source->registerNextStageComponent(recorder);
   }
+  Source* operator->() const { return source.get(); }
   /// What the source has sent by the time all that was posted to it has run.
   std::vector<Message> sent() {
     settle(*source);
     return recorder->messages();
   }
-  /// The last message as the T that it has to be.
   template <class T>
   std::shared_ptr<T> last() {
-    const auto all = sent();
-    const auto message = all.empty() ? nullptr : std::dynamic_pointer_cast<T>(all.back());
-    if (message == nullptr) ADD_FAILURE() << "the last message is missing or of another class";
-    return message;
+    return std::dynamic_pointer_cast<T>(sent().at(sent().size() - 1));
   }
   /// Type and payload of every message, as "type payload".
-  std::vector<std::string> sentTexts() {
+  std::vector<std::string> texts() {
     std::vector<std::string> texts;
     for (const auto& message : sent()) {
       const auto payload = message->payload();
