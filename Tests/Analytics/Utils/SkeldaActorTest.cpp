@@ -16,8 +16,7 @@ using platform::Happening;
 
 class Counter : public SkeldaActor {
  public:
-  explicit Counter(platform::QueueRef target = nullptr)
-      : SkeldaActor("Counter", std::move(target)) {}
+  Counter() : SkeldaActor("Counter") {}
   static std::shared_ptr<Counter> counter() { return made(new Counter); }
 
   void add(int n) {
@@ -225,21 +224,6 @@ TEST_F(SkeldaActorTest, CallbacksComeOutsideTheActorOnTheQueueAskedFor) {
     });
   });
   EXPECT_TRUE(called.cameInTime());
-}
-
-TEST_F(SkeldaActorTest, ActorsWithOneTargetTakeTurns) {
-  const platform::QueueRef funnel = platform::Queue::serial("funnel");
-  const auto a = SkeldaActor::made(new Counter(funnel));
-  const auto b = SkeldaActor::made(new Counter(funnel));
-  int unguarded = 0;
-  for (int i = 0; i < 500; ++i) {
-    for (const auto& actor : {a, b}) actor->asyncBlock([&] { ++unguarded; });
-    a->syncBlock([&] { ++unguarded; });
-  }
-  funnel->sync([&] { ++unguarded; });
-  a->syncBlock([] {});
-  b->syncBlock([] {});
-  EXPECT_EQ(unguarded, 1501);
 }
 
 TEST_F(SkeldaActorTest, APostedBlockHoldsItsActor) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <stdexcept>
 #include <thread>
@@ -87,18 +86,6 @@ TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
     EXPECT_FALSE(top->isCurrent());
     EXPECT_TRUE(bottom->isCurrent());
   });
-}
-
-TEST(QueueTest, ChainsOfSynchronousCallsStayOnOneThread) {
-  std::array<QueueRef, 3> queues{Queue::serial("a"), Queue::serial("b"), Queue::concurrent("c")};
-  std::thread::id innermost;
-  queues[0]->sync([&] {
-    queues[1]->sync([&] {
-      queues[2]->barrierSync([&] { innermost = std::this_thread::get_id(); });
-      EXPECT_TRUE(queues[0]->isCurrent());
-    });
-  });
-  EXPECT_EQ(innermost, std::this_thread::get_id());
 }
 
 TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
