@@ -15,7 +15,8 @@ enum FolderEvent : unsigned {
 };
 
 /// Watches one open folder (inotify, on the layer's one event thread). Made suspended; the handlers
-/// run on `queue`, the cancel handler exactly once, after the last event. Any thread.
+/// run on `queue`, which is serial, the cancel handler exactly once, after the last event. Letting
+/// go of the last reference cancels as well. Any thread.
 class FolderSource {
  public:
   /// Watches what `descriptor` (of a folder, O_PATH will do) stands for. A bad descriptor makes a
