@@ -29,7 +29,7 @@ class Killer:
         self.archive = home.path / "archive"  # every committed log that was ever seen, by name
         self.archive.mkdir()
         self.problems = []
-        self.kills = self.durable = self.torn = self.repeats = 0
+        self.kills = self.durable = self.torn = self.committed = self.repeats = 0
         self.previous = []  # the frames of the log that the last kill left open
 
     def once(self):
@@ -59,6 +59,7 @@ class Killer:
             self.problems.append(f"kill {self.kills}: {len(lost)} of {len(self.previous)} durable frames are gone, "
                                  f"first at offset {lost[0].offset}")
         self.durable += len(self.previous)
+        self.committed = len(self.logs())
         self.previous = frames
 
     def logs(self):
@@ -89,6 +90,7 @@ class Killer:
             self.problems.append(f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
         self.check_repeats()
         self.check_leftovers()
+        self.committed = len(self.logs())
 
     def check_repeats(self):
         """An event stands twice only where a log was committed again with crash frames behind it."""
@@ -118,7 +120,7 @@ class Killer:
 
     def __str__(self):
         return (f"{self.kills} kills, {self.torn} torn logs repaired, {self.durable} durable frames found again, "
-                f"{len(self.logs())} logs committed, {self.repeats} committed twice, {len(self.problems)} problems")
+                f"{self.committed} logs committed, {self.repeats} committed twice, {len(self.problems)} problems")
 
 
 def kill_often(count, seed, on_disk=True, progress=lambda killer: None):

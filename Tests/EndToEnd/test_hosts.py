@@ -42,8 +42,8 @@ class HostileHost(unittest.TestCase):
             self.assertIn(name, self.events)
 
     def test_text_that_is_not_utf8_reaches_no_log(self):
-        self.assertFalse([name for name in self.events if name.startswith("broken")])
-        self.assertEqual({"kept": "1"}, self.parameters("entries-left-out"))
+        self.assertFalse([name for name in self.events if name.startswith("broken") or name.endswith("not-utf8")])
+        self.assertTrue([line for line in self.home.log_lines() if "not UTF-8 text" in line])
 
     def test_parameters_that_are_no_dictionary_lose_the_event_and_say_so(self):
         for case in ("number", "text", "array"):
@@ -51,6 +51,9 @@ class HostileHost(unittest.TestCase):
             said = [line for line in self.home.log_lines()
                     if f"eventName[parameters-{case}]" in line and "not of NSDictionary type" in line]
             self.assertTrue(said, case)
+
+    def test_entries_without_key_or_value_are_left_out_and_the_event_stays(self):
+        self.assertEqual({"kept": "1"}, self.parameters("entries-left-out"))
 
     def test_ten_parameters_are_kept_and_eleven_are_replaced_by_their_number(self):
         self.assertEqual({}, self.parameters("parameters-0"))

@@ -75,8 +75,9 @@ void parameters() {
   log("value-huge", "value-huge", {{"huge", kHuge}});
   log("value-odd", "value-odd",
       {{"quotes", "\"\\"}, {"nul", std::string("a\0b", 3)}, {"lines", "a\r\nb"}});
-  log("entries-left-out", "entries-left-out",
-      {{"", "no key"}, {"no value", ""}, {kNotUTF8, "x"}, {"broken", kNotUTF8}, {"kept", 1}});
+  log("entries-left-out", "entries-left-out", {{"", "no key"}, {"no value", ""}, {"kept", 1}});
+  log("key-not-utf8", "key-not-utf8", {{kNotUTF8, "x"}});
+  log("value-not-utf8", "value-not-utf8", {{"k", SkeldaArray{{{"deep", kNotUTF8}}}}});
 }
 
 }  // namespace

@@ -81,7 +81,9 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::managerOfLoc
                platform::description(lock.error));
     return nullptr;
   }
-  platform::FileManager::defaultManager()->sweepTemporaryFiles(folder);
+  // The settings lie beside the folder, and so does what a kill leaves of their replacement.
+  for (const auto& place : {folder, platform::FileManager::applicationSupportDirectory()})
+    platform::FileManager::defaultManager()->sweepTemporaryFiles(place);
   // The agent's queues work on while the process exits.
   platform::keepCryptographyUntilTheEnd();
   return streamManager();
