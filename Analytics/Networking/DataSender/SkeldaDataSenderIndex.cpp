@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <set>
 #include <utility>
 
@@ -21,10 +22,9 @@ bool sentReportSuccessfullyIn(const platform::KeyedArchive& archive) {
   return flag != nullptr && flag->boolValue();
 }
 
-void remove(SkeldaDataSenderIndex::Blocks& blocks, SkeldaDataSenderIndex::Blocks::iterator first) {
-  std::for_each(first, blocks.end(), [](const auto& block) { block->deletePersistentData(); });
-  blocks.erase(first, blocks.end());
-}
+/// In a burst of changes, how long the file may be behind: what a kill leaves is an entry without a
+/// file, which is dropped when its turn comes.
+constexpr std::chrono::milliseconds kSaveDelay{20};
 
 }  // namespace
 
@@ -141,9 +141,21 @@ bool SkeldaDataSenderIndex::saveState() {
   return saved;
 }
 
-void SkeldaDataSenderIndex::onqueue_saveSoon() {
+void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
+  if (blocks.empty()) return;
+  saveQueue_->async(skelda::guarded([blocks = std::move(blocks)] {
+    for (const auto& block : blocks) block->deletePersistentData();
+  }));
   if (std::exchange(savePending_, true)) return;
-  saveQueue_->async(skelda::guarded([self = shared_from_this()] { self->onsavequeue_write(); }));
+  saveQueue_->after(
+      platform::dispatchTimeAfter(kSaveDelay),
+      skelda::guarded([self = shared_from_this()] { self->onsavequeue_writeChanges(); }));
+}
+
+void SkeldaDataSenderIndex::onsavequeue_writeChanges() {
+  bool pending = false;
+  indexMapQueue_->sync([&] { pending = savePending_; });
+  if (pending) onsavequeue_write();
 }
 
 bool SkeldaDataSenderIndex::onsavequeue_write() {
@@ -180,11 +192,9 @@ void SkeldaDataSenderIndex::removeBlockInfoWithIdentifier(const std::string& ide
     const auto first = std::stable_partition(blocks.begin(), blocks.end(), [&](const auto& block) {
       return block->identifier() != identifier && block->groupIdentifier() != identifier;
     });
-    if (first == blocks.end()) return;
-    // The files go first: what a kill leaves is an entry without a file, which is dropped when its
-    // turn comes.
-    remove(blocks, first);
-    self->onqueue_saveSoon();
+    Blocks removed(first, blocks.end());
+    blocks.erase(first, blocks.end());
+    self->onqueue_didRemove(std::move(removed));
   }));
 }
 
@@ -192,19 +202,18 @@ void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
   SkeldaUtil::assertThreadIsNotMain();
   if (!SkeldaUtil::assert_(!dataKey.empty(), "0 != aDataKey.length")) return;
   indexMapQueue_->sync([&] {
-    bool dropped = false;
+    Blocks dropped;
     for (auto entry = indexMap_.begin(); entry != indexMap_.end();) {
       if (entry->first == dataKey) {
         ++entry;
         continue;
       }
-      remove(entry->second, entry->second.begin());
+      dropped.insert(dropped.end(), entry->second.begin(), entry->second.end());
       entry = indexMap_.erase(entry);
-      dropped = true;
     }
-    if (!dropped) return;
+    if (dropped.empty()) return;
     onqueue_discardOldest(dataKey);
-    onqueue_saveSoon();
+    onqueue_didRemove(std::move(dropped));
   });
 }
 
@@ -213,17 +222,20 @@ void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey) {
   if (found == indexMap_.end() || found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
   auto& blocks = found->second;
   const auto kept = blocks.end() - static_cast<std::ptrdiff_t>(kSkeldaMaxReportedNotSentSessions);
-  std::for_each(blocks.begin(), kept, [](const auto& block) {
-    SKELDA_LOG(1, "Skelda: discard outdated block id [{}]", block->identifier());
-    block->deletePersistentData();
-  });
+  Blocks outdated(blocks.begin(), kept);
   blocks.erase(blocks.begin(), kept);
-  onqueue_saveSoon();
+  for (const auto& block : outdated) {
+    SKELDA_LOG(1, "Skelda: discard outdated block id [{}]", block->identifier());
+  }
+  onqueue_didRemove(std::move(outdated));
 }
 
 void SkeldaDataSenderIndex::discardOutdatedBlocksForDataKey(const std::string& dataKey) {
-  indexMapQueue_->async(skelda::guarded(
-      [self = shared_from_this(), dataKey] { self->onqueue_discardOldest(dataKey); }));
+  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
+    self->onqueue_discardOldest(dataKey);
+    // The burst is over.
+    self->saveQueue_->async(skelda::guarded([self] { self->onsavequeue_writeChanges(); }));
+  }));
 }
 
 void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKey) {

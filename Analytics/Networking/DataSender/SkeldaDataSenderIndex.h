@@ -72,8 +72,10 @@ class SkeldaDataSenderIndex : public platform::Object,
   bool onqueue_read();
   std::string onqueue_description() const;
   void onqueue_sweepOrphanedBlocks() const;
-  void onqueue_saveSoon();
+  /// The files go now, off the map's queue; the index is written soon.
+  void onqueue_didRemove(Blocks blocks);
   void onqueue_discardOldest(const std::string& dataKey);
+  void onsavequeue_writeChanges();
   bool onsavequeue_write();
 
   const std::string fileName_;

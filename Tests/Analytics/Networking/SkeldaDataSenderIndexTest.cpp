@@ -64,6 +64,7 @@ TEST_F(SkeldaDataSenderIndexTest, TheFiftyFirstBlockStaysUntilOutdatedOnesAreDis
   ASSERT_EQ(kept.size(), 50u);
   EXPECT_EQ(kept.front(), "2");
   EXPECT_EQ(kept.back(), "51");
+  EXPECT_TRUE(drain(index));
   EXPECT_EQ(blockFiles().size(), 50u);
   EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 2u);
 }

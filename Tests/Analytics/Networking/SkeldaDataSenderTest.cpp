@@ -33,6 +33,7 @@ TEST_F(SkeldaDataSenderTest, PostsTheBytesAsTheyAreAndForgetsThemWhenTheyAreAcce
   EXPECT_TRUE(sender->sendFrameLogData(bytes(body), [&] { ++completions; }));
   ASSERT_TRUE(server.waitUntil([&] { return completions == 1; }));
   EXPECT_TRUE(blocks(sender).empty());
+  EXPECT_TRUE(drain(sender->dataIndex()));
   EXPECT_TRUE(blockFiles().empty());
   EXPECT_TRUE(sender->everSentReportSuccessfully());
   const auto requests = server.requests();

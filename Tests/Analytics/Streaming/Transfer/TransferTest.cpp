@@ -71,6 +71,7 @@ TEST_F(TransferTest, LogsOfAnEarlierRunAndOfThisOneReachTheServerByteForByte) {
   std::set<std::string> received;
   for (const auto& request : server.requests()) received.insert(request.body);
   EXPECT_EQ(received, logs);
+  finish();
   EXPECT_TRUE(blockFiles().empty());
 }
 
