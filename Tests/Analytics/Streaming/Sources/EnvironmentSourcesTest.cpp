@@ -123,6 +123,7 @@ TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
   EXPECT_THAT(appState.texts(),
               ElementsAre(R"(132 {"sk.app.current.state":0,"sk.app.previous.state":-1})"));
   // The session's facts are reported once, as they are at first.
+  EXPECT_EQ(initInfo.sent().size(), 1U);
   sessions->setIncludeBackgroundSessionsInMetrics(false);
   tellAll();
   EXPECT_THAT(initInfo.texts(),
