@@ -297,16 +297,18 @@ class Collector:
         return [(self.store / entry["file"]).read_bytes() for entry in self.entries()]
 
 
-def give_identifiers(home, bundle=None):
-    """Lets a phone hand its identifiers to an installation, so that its sessions can complete."""
-    path = home.path / "tmp" / "phone"
-    with home.start("--events", "1", "--speed", "0", "--phone", path, "--linger", "20", bundle=bundle,
-                    environment=home.environment(SKELDA_LOG="off")) as host:
-        with Process([PHONE, path, "--vendor-id", "8C1D5B5E-6D1E-4C0E-9F55-0A4D3B6C7D10",
-                      "--installation-id", "9a7d3c5e1f2b4d6880aabbccddeeff01"]) as phone:
-            if phone.wait(30) != 0:
-                raise AssertionError(f"the phone was not acknowledged:\n{phone.output}\n{host.output}")
-        host.wait(60)
+def give_identifiers(home):
+    """Gives an installation the identifiers of a phone, so that its sessions can complete: those that
+    a phone has handed to another one, which is thrown away."""
+    with Home() as donor:
+        path = donor.path / "phone.socket"
+        with donor.start("--events", "1", "--speed", "0", "--phone", path, "--linger", "20",
+                         environment=donor.environment(SKELDA_LOG="off")) as host:
+            with Process([PHONE, path]) as phone:
+                if phone.wait(30) != 0:
+                    raise AssertionError(f"the phone was not acknowledged:\n{phone.output}\n{host.output}")
+            host.wait(60)
+        shutil.copytree(donor.path / "state", home.path / "state", dirs_exist_ok=True)
 
 
 def events_of(logs):

@@ -1,13 +1,13 @@
 """The example, from its calls to the frames on disk."""
 
 import csv
+import subprocess
 import unittest
 
 import account
 import frame_log
-from support import (EXAMPLE, NAMELESS, RECORDED, Collector, Home, eventually, events_of, give_identifiers)
-import subprocess
-from support import FRAMES_TOOL
+from support import (EXAMPLE, FRAMES_TOOL, NAMELESS, RECORDED, Collector, Home, eventually, events_of,
+                     give_identifiers)
 
 THRESHOLD = 25
 
@@ -60,8 +60,7 @@ class MorningRun(unittest.TestCase):
 
     def check_events(self, home, received):
         events = events_of(received) + events_of([home.current_log.read_bytes()])
-        # The first is that of the start in which the phone came.
-        arrived = [(frame.event_name, frame.event_parameters) for frame in events[1:]]
+        arrived = [(frame.event_name, frame.event_parameters) for frame in events]
         expected = [(name, {k: as_text(v) for k, v in parameters.items() if v})
                     for name, parameters in recorded() if name]
         crowded = [i for i, (_, parameters) in enumerate(expected) if len(parameters) > 10]

@@ -51,15 +51,13 @@ class Agent:
 
     def __init__(self, scratch):
         self.scratch = scratch
-        with Home(path=scratch / "identifiers") as donor:
-            give_identifiers(donor)
-            shutil.copytree(donor.path / "state", scratch / "state")
+        self.identified = Home(path=scratch / "identified")
+        give_identifiers(self.identified)
 
     @contextlib.contextmanager
     def home(self):
         home = Home(path=tempfile.mkdtemp(dir=self.scratch), bundle=AGENT)
-        shutil.rmtree(home.path / "state")
-        shutil.copytree(self.scratch / "state", home.path / "state")
+        shutil.copytree(self.identified.path / "state", home.path / "state", dirs_exist_ok=True)
         try:
             yield home
         finally:
