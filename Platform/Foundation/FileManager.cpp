@@ -30,19 +30,19 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
   return code == 0;
 }
 
-/// What the temporary names of this process begin with: a sweep passes over them.
-const std::string& ownTemporaryPrefix() {
-  static const std::string& prefix = *new std::string([] {
-    std::random_device random;
-    return fmt::format("{}{:08x}{:08x}-", FileManager::kTemporaryPrefix, random(), random());
+/// What the temporary names of this process begin with: a sweep passes over them. The process id
+/// tells a forked child, and the random number a later process with the same id.
+std::string ownTemporaryPrefix() {
+  static const std::string& random = *new std::string([] {
+    std::random_device device;
+    return fmt::format("{:08x}{:08x}", device(), device());
   }());
-  return prefix;
+  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, random, ::getpid());
 }
 
 std::string temporaryPath(const std::string& folder) {
   static constinit std::atomic<std::uint64_t> count{0};
-  // The process id keeps a forked child, which has the same prefix and count, apart.
-  return fmt::format("{}/{}{}-{}", folder, ownTemporaryPrefix(), ::getpid(), ++count);
+  return fmt::format("{}/{}{}", folder, ownTemporaryPrefix(), ++count);
 }
 
 /// 0 where both are on one file system, EXDEV where they are not.
@@ -253,9 +253,10 @@ bool FileManager::excludeFromBackup(const std::string& path, ErrorRef* error) {
 std::size_t FileManager::sweepTemporaryFiles(const std::string& folder, ErrorRef* error) {
   const auto names = contentsOfDirectoryAtPath(folder, error);
   if (!names) return 0;
+  const std::string own = ownTemporaryPrefix();
   std::size_t removed = 0;
   for (const std::string& name : *names) {
-    if (!name.starts_with(kTemporaryPrefix) || name.starts_with(ownTemporaryPrefix())) continue;
+    if (!name.starts_with(kTemporaryPrefix) || name.starts_with(own)) continue;
     if (removeItemAtPath(folder + "/" + name, error)) ++removed;
   }
   return removed;

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Kernel/Kernel.h"
-#include "Platform/WatchKit/WKExtension.h"
 #include "Platform/WatchKit/WKInterfaceDevice.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -133,16 +131,9 @@ TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   platform::Bundle::setMain(nullptr);
 }
 
-TEST(WatchKitTest, TheDeviceIsFoundByNameAndTheExtensionKeepsItsState) {
+TEST(WatchKitTest, TheDeviceIsFoundByName) {
   EXPECT_EQ(platform::ClassRegistry::shared().make("WKInterfaceDevice"),
             platform::WKInterfaceDevice::currentDevice());
-  using State = platform::WKExtension::ApplicationState;
-  auto& extension = platform::WKExtension::sharedExtension();
-  EXPECT_EQ(extension.applicationState(), State::active);
-  std::thread host([&] { extension.setApplicationState(State::background); });
-  host.join();
-  EXPECT_EQ(extension.applicationState(), State::background);
-  extension.setApplicationState(State::active);
 }
 
 }  // namespace

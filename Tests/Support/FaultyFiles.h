@@ -95,60 +95,46 @@ class FaultyFileCalls : public platform::FileCalls {
   FaultPlanRef plan_;
 };
 
-/// A platform file manager that forwards, and fails as planned.
+/// The platform's file manager, failing as planned.
 class FaultyFileManager : public platform::FileManager {
  public:
-  explicit FaultyFileManager(FaultPlanRef plan,
-                             std::shared_ptr<platform::FileManager> target = defaultManager())
-      : plan_(std::move(plan)), target_(std::move(target)) {}
+  explicit FaultyFileManager(FaultPlanRef plan) : plan_(std::move(plan)) {}
 
   bool fileExistsAtPath(const std::string& path) const override {
-    return !fails("fileExistsAtPath", path, nullptr) && target_->fileExistsAtPath(path);
+    return !fails("fileExistsAtPath", path, nullptr) && FileManager::fileExistsAtPath(path);
   }
   bool createDirectoryAtPath(const std::string& path, bool intermediates,
                              platform::ErrorRef* error) override {
     return !fails("createDirectoryAtPath", path, error) &&
-           target_->createDirectoryAtPath(path, intermediates, error);
+           FileManager::createDirectoryAtPath(path, intermediates, error);
   }
   bool copyItemAtPath(const std::string& source, const std::string& destination,
                       platform::ErrorRef* error) override {
     return !fails("copyItemAtPath", destination, error) &&
-           target_->copyItemAtPath(source, destination, error);
+           FileManager::copyItemAtPath(source, destination, error);
   }
   bool removeItemAtPath(const std::string& path, platform::ErrorRef* error) override {
-    return !fails("removeItemAtPath", path, error) && target_->removeItemAtPath(path, error);
+    return !fails("removeItemAtPath", path, error) && FileManager::removeItemAtPath(path, error);
   }
   bool createFileAtPath(const std::string& path, const platform::Data& contents,
                         platform::ErrorRef* error) override {
     return !fails("createFileAtPath", path, error) &&
-           target_->createFileAtPath(path, contents, error);
+           FileManager::createFileAtPath(path, contents, error);
   }
   std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(
       const std::string& path, platform::ErrorRef* error) const override {
     if (fails("contentsOfDirectoryAtPath", path, error)) return std::nullopt;
-    return target_->contentsOfDirectoryAtPath(path, error);
+    return FileManager::contentsOfDirectoryAtPath(path, error);
   }
   std::optional<platform::Data> contentsAtPath(const std::string& path,
                                                platform::ErrorRef* error) const override {
     if (fails("contentsAtPath", path, error)) return std::nullopt;
-    return target_->contentsAtPath(path, error);
+    return FileManager::contentsAtPath(path, error);
   }
   bool writeData(const platform::Data& data, const std::string& path, bool atomically,
                  platform::ErrorRef* error) override {
-    return !fails("writeData", path, error) && target_->writeData(data, path, atomically, error);
-  }
-  std::optional<platform::FileSystemAttributes> attributesOfFileSystemForPath(
-      const std::string& path, platform::ErrorRef* error) const override {
-    if (fails("attributesOfFileSystemForPath", path, error)) return std::nullopt;
-    return target_->attributesOfFileSystemForPath(path, error);
-  }
-  bool excludeFromBackup(const std::string& path, platform::ErrorRef* error) override {
-    return !fails("excludeFromBackup", path, error) && target_->excludeFromBackup(path, error);
-  }
-  std::size_t sweepTemporaryFiles(const std::string& folder, platform::ErrorRef* error) override {
-    return fails("sweepTemporaryFiles", folder, error)
-               ? 0
-               : target_->sweepTemporaryFiles(folder, error);
+    return !fails("writeData", path, error) &&
+           FileManager::writeData(data, path, atomically, error);
   }
 
  private:
@@ -161,7 +147,6 @@ class FaultyFileManager : public platform::FileManager {
   }
 
   FaultPlanRef plan_;
-  std::shared_ptr<platform::FileManager> target_;
 };
 
 /// A platform file handle that forwards, and raises as planned. A write with a short length leaves

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <functional>
 
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Support/FaultyStreamFiles.h"
@@ -218,27 +218,6 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   plan_->failKind("closeFile");
   handle_.closeFile();
   EXPECT_FALSE(handle_.isOpenFile(path_));
-}
-
-TEST_F(StreamFilesTest, HandlesOfAllThreadsTakeTurnsAndLeaveTheLockFree) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([this, t] {
-      const std::string path = directory_ / std::to_string(t);
-      EXPECT_TRUE(SkeldaStreamFileManager::fileManager()->createFileAtPath(path));
-      const auto handle = SkeldaStreamFileHandle::fileHandle();
-      ErrorRef error;
-      handle->openForWritingFile(path, &error);
-      for (int i = 0; i < 50; ++i) {
-        handle->seekToEndOfFile();
-        handle->writeData(Data("x"), &error);
-        handle_.isOpenFile(path_);
-      }
-      EXPECT_EQ(error, nullptr);
-      EXPECT_EQ(readFile(path).size(), 50u);
-    });
-  }
-  for (auto& thread : threads) thread.join();
 }
 
 TEST(SkeldaStreamErrorConstantsTest, CodesHaveTheirMessagesAndDomains) {

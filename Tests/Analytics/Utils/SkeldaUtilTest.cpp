@@ -14,7 +14,6 @@
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
-#include "Platform/WatchKit/WKExtension.h"
 #include "Skelda_Watch/SkeldaResourceUsage.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
@@ -304,9 +303,7 @@ TEST_F(SkeldaUtilTest, TheHostIsToldByItsBundleAndEnvironment) {
     bool extension;
   } hosts[] = {
       {"/a/Run.app/Plug.appex", "/a/Run.app/Plug.appex/Plug", true, true},
-      {"/a/Plug.appex", "/a/Plug.appex/Plug", true, true},
       {"/a/Run.app", "/a/Run.app/Run", false, false},
-      {"/usr/bin", "/usr/bin/run", false, false},
       {"/a/Plug.appex", "/a/Plug.appex", false, true},
   };
   for (const auto& host : hosts) {
@@ -317,35 +314,19 @@ TEST_F(SkeldaUtilTest, TheHostIsToldByItsBundleAndEnvironment) {
   ScopedEnvironment environment;
   environment.set("SKELDA_SCREEN", "396x484");
   EXPECT_EQ(SkeldaUtil::deviceScreenBounds().height, 484);
-  for (const auto& [text, code] :
-       {std::pair{"3", 3}, {"255", 255}, {"256", 0}, {"3x", 0}, {"", 0}}) {
-    environment.set("SKELDA_BUILD_ENVIRONMENT", text);
-    EXPECT_EQ(SkeldaUtil::buildEnvironment(), code) << text;
-  }
   EXPECT_FALSE(SkeldaUtil::isAdTrackingEnabled());
   environment.set("SKELDA_AD_TRACKING", "1");
   EXPECT_TRUE(SkeldaUtil::isAdTrackingEnabled());
-  EXPECT_FALSE(SkeldaUtil::isInBackground());
-  platform::WKExtension::sharedExtension().setApplicationState(
-      platform::WKExtension::ApplicationState::background);
-  EXPECT_TRUE(SkeldaUtil::isInBackground());
-  platform::WKExtension::sharedExtension().setApplicationState(
-      platform::WKExtension::ApplicationState::active);
   EXPECT_EQ(SkeldaUtil::getValueForKey("k", nullptr, "unavailable"), Value("unavailable"));
   EXPECT_EQ(SkeldaUtil::getValueForKey("k", {{"k", 1}}, "unavailable"), Value(1));
   EXPECT_NE(SkeldaUtil::devicePlatform(), "");
 }
 
-TEST_F(SkeldaUtilTest, FiguresAreThereOrNoughtWithALine) {
-  EXPECT_GT(SkeldaUtil::uptime(), 0);
-  EXPECT_NEAR(static_cast<double>(SkeldaUtil::uptimeInMilliseconds()) / 1000.0,
-              SkeldaUtil::uptime(), 1.0);
-  EXPECT_GT(SkeldaUtil::lastBootTime(), 0);
+TEST_F(SkeldaUtilTest, FiguresThatTheSystemDoesNotSayAreNoughtWithALine) {
   EXPECT_GT(SkeldaUtil::getDiskSize(), SkeldaUtil::getFreeDiskspace());
-  EXPECT_GT(freeMemoryUsage() + activeMemoryUsage() + inActiveMemoryUsage(), 0u);
-  EXPECT_GE(total_cpu_usage(), 0.0F);
+  EXPECT_GT(SkeldaUtil::lastBootTime(), 0);
+  EXPECT_GT(freeMemoryUsage(), 0u);
   SkeldaUtil::setLogLevel(2);
-  log_.take();
   platform::setSystemRoot(home_.path());
   EXPECT_EQ(wiredMemoryUsage(), 0u);
   EXPECT_EQ(log_.take(), Lines{"Failed to fetch vm statistics"});
