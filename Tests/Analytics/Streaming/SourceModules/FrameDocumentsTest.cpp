@@ -132,3 +132,22 @@ TEST(FrameCatalogue, HasOneEntryForEveryEntityWithTheKeysThatItCanWrite) {
   }
   for (const auto& [name, entry] : entries) ADD_FAILURE() << "no such entity: " << name;
 }
+
+TEST(PrivacyPage, NamesEveryKeyThatARecordCanWriteAndNoOther) {
+  // The tables whose first column is "Key"; another table on the page names calls.
+  std::set<std::string> documented;
+  std::istringstream text(document("privacy.md"));
+  bool inKeys = false;
+  for (std::string line; std::getline(text, line);) {
+    if (!line.starts_with("|")) inKeys = false;
+    if (line.starts_with("| Key |")) inKeys = true;
+    if (inKeys && line.starts_with("| `")) {
+      EXPECT_TRUE(documented.insert(betweenBackticks(line)).second) << line;
+    }
+  }
+  std::set<std::string> written;
+  for (const EntitySample& sample : entitySamples()) {
+    addKeys(*sample.entity->dictionaryRepresentation(), written);
+  }
+  EXPECT_EQ(documented, written);
+}
