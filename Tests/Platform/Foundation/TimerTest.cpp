@@ -50,11 +50,11 @@ TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
   auto letGo = make();
   EXPECT_FALSE(Happening().cameInTime(milliseconds(10)));  // both are due and wait in the queue
   invalidated->invalidate();
-  invalidated.reset();
   letGo.reset();
   queue->resume();
   expectDrained(queue);
   EXPECT_EQ(ticks, 0);
+  invalidated.reset();
   EXPECT_EQ(held.use_count(), 1);
 }
 
