@@ -84,6 +84,9 @@ class SkeldaUtil {
   /// logged once, then remembered. Where it cannot be made the path comes back all the same and the
   /// next call tries again.
   static std::string filePathDirectory();
+  /// Puts the folder itself on disk for good: where it had to be made, a loss of power before that
+  /// takes it with all that is in it. Waits for the disk.
+  static bool synchronizeFilePathDirectory() noexcept;
   /// Forgets the folder, so that the next call follows the environment of that moment. For tests.
   static void resetFilePathDirectory();
   /// Takes a path; true as well where the file system has no attributes.

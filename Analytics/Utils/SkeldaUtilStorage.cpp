@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -7,6 +8,7 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/FolderMaking.h"
 
 namespace {
 
@@ -16,6 +18,8 @@ using platform::FileManager;
 struct StorageFolder {
   std::atomic<const std::string*> found{nullptr};
   std::mutex mutex;
+  /// Those above it in which something new stands that is not on disk for good yet.
+  std::vector<std::string> unsynchronized;
   /// Every folder that was ever found, so that a reader's is never freed under it.
   std::vector<std::unique_ptr<const std::string>> kept;
 };
@@ -64,12 +68,34 @@ std::string SkeldaUtil::filePathDirectory() {
   std::lock_guard lock(folder.mutex);
   if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
   std::string path = FileManager::applicationSupportDirectory() + "/SkeldaFiles";
-  if (!FileManager::defaultManager()->createDirectoryAtPath(path, true)) return path;
+  // Without waiting for the disk: the first call comes from a host's own thread.
+  if (!platform::makeFolders(path, folder.unsynchronized)) return path;
   addSkipBackupAttributeToItemAtURL(path);
   SKELDA_LOG(2, "Skelda: SkeldaSession directory path [{}]", path);
   folder.kept.push_back(std::make_unique<const std::string>(path));
   folder.found.store(folder.kept.back().get(), std::memory_order_release);
   return path;
+}
+
+bool SkeldaUtil::synchronizeFilePathDirectory() noexcept {
+  return guarded(false, [] {
+    StorageFolder& folder = storageFolder();
+    std::vector<std::string> folders;
+    {
+      const std::lock_guard lock(folder.mutex);
+      folders.swap(folder.unsynchronized);
+    }
+    if (folders.empty()) {
+      // A run before may have made them and have been killed before it came to this.
+      const auto above = std::filesystem::path(filePathDirectory()).parent_path();
+      folders = {above.parent_path().string(), above.string()};
+    }
+    platform::ErrorRef error;
+    if (platform::synchronizeFolders(folders, &error)) return true;
+    SKELDA_LOG(1, "{}: {}", "+[SkeldaUtil synchronizeFilePathDirectory]",
+               platform::description(error));
+    return false;
+  });
 }
 
 void SkeldaUtil::resetFilePathDirectory() {

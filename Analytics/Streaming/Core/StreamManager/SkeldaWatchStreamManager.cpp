@@ -180,6 +180,10 @@ void SkeldaWatchStreamManager::helperSetupDataProviderModules() {
 void SkeldaWatchStreamManager::startup() {
   started_.store(true, std::memory_order_release);
   asyncBlock([self = selfOf(this)] {
+    // On the writer's queue, so that no frame is written into a folder that may not last.
+    if (const auto writer = std::dynamic_pointer_cast<SkeldaActor>(self->logwriter())) {
+      writer->asyncBlock([] { SkeldaUtil::synchronizeFilePathDirectory(); });
+    }
     self->logwriter()->writePendingFiles();
     self->startup({
         "ISkeldaReportedIdentifiersSource",

@@ -1,0 +1,44 @@
+#include "Platform/Foundation/FolderMaking.h"
+
+#include <cerrno>
+#include <filesystem>
+
+#include "Platform/Foundation/FileCalls.h"
+#include "Platform/Foundation/FileDescriptor.h"
+
+namespace skelda::platform {
+namespace {
+
+int make(const std::string& path, std::vector<std::string>& changed) {
+  const std::string parent = parentFolder(path);
+  int error = FileCalls::current().makeDirectory(path.c_str(), 0700) == 0 ? 0 : errno;
+  if (error == ENOENT && parent != path) {
+    if ((error = make(parent, changed)) != 0) return error;
+    error = FileCalls::current().makeDirectory(path.c_str(), 0700) == 0 ? 0 : errno;
+  }
+  if (error == 0) changed.push_back(parent);
+  std::error_code ignored;
+  return error == EEXIST && std::filesystem::is_directory(path, ignored) ? 0 : error;
+}
+
+}  // namespace
+
+bool makeFolders(const std::string& path, std::vector<std::string>& changed, ErrorRef* error) {
+  const int failure = path.find('\0') == std::string::npos ? make(path, changed) : EINVAL;
+  setError(error, failure == 0 ? nullptr : posixError(failure, path));
+  return failure == 0;
+}
+
+bool synchronizeFolders(const std::vector<std::string>& folders, ErrorRef* error) {
+  setError(error, nullptr);
+  bool all = true;
+  for (const std::string& folder : folders) {
+    const int failure = synchronizeFolder(folder);
+    if (failure == 0) continue;
+    all = false;
+    setError(error, posixError(failure, folder));
+  }
+  return all;
+}
+
+}  // namespace skelda::platform
