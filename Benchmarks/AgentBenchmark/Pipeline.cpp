@@ -27,7 +27,7 @@ double userSeconds() {
 /// When the open log was last written to: the moment the pipeline had caught up.
 double lastWritten() {
   struct stat status {};
-  const auto log = storageFolder() / ".skeldaFrameLog_261.archive";
+  const auto log = storageFolder() / "SkeldaFiles" / ".skeldaFrameLog_261.archive";
   if (::stat(log.c_str(), &status) != 0) return 0;
   return static_cast<double>(status.st_mtim.tv_sec) +
          static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
