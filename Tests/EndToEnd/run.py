@@ -3,12 +3,16 @@
     python3 Tests/EndToEnd/run.py --build build/release [--results FILE] [--jobs N] [name ...]
 
 A name picks test files, classes or cases by a part of their name. Every outcome is printed, and
-with --results appended as "passed|failed|skipped<TAB>name<TAB>why", a line each.
+with --results appended as "passed|failed|skipped<TAB>name<TAB>why", a line each. With --jobs, as
+many test files run side by side.
 """
 
 import argparse
+import collections
+import concurrent.futures
 import os
 import pathlib
+import subprocess
 import sys
 import time
 import unittest
@@ -17,14 +21,18 @@ HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 sys.dont_write_bytecode = True
 
+# Those that take longest begin first.
+LONG = ("test_chaos", "test_storage_faults", "test_information_dictionary")
+
 
 class Report(unittest.TestResult):
-    """Prints each case as it ends and keeps its outcome."""
+    """Prints each outcome as it comes. A case whose parts fail counts once for each of these."""
 
     def __init__(self, results):
         super().__init__()
-        self.lines = []
         self.results = results
+        self.count = collections.Counter()
+        self.began = time.monotonic()
 
     def startTest(self, test):
         super().startTest(test)
@@ -32,9 +40,10 @@ class Report(unittest.TestResult):
 
     def note(self, outcome, test, why=""):
         name = test.id().removeprefix("test_")
-        took = time.monotonic() - getattr(self, "began", time.monotonic())
-        print(f"{outcome:8}{took:7.1f} s  {name}" + (f"\n{why}" if outcome == "failed" else ""), flush=True)
-        short = " ".join((why.strip().split("\n") or [""])[-1].split())
+        self.count[outcome] += 1
+        print(f"{outcome:8}{time.monotonic() - self.began:7.1f} s  {name}"
+              + (f"\n{why}" if outcome == "failed" else ""), flush=True)
+        short = " ".join((why.strip().split("\n") or [""])[-1].split())[:300]
         if self.results:
             with open(self.results, "a", encoding="utf-8") as out:
                 out.write(f"{outcome}\tend to end: {name}\t{short}\n")
@@ -68,21 +77,42 @@ def flatten(suite):
             yield item
 
 
+def run_here(names, results):
+    found = unittest.defaultTestLoader.discover(str(HERE), pattern="test_*.py")
+    cases = [case for case in flatten(found) if not names or any(name in case.id() for name in names)]
+    report = Report(results)
+    unittest.TestSuite(cases).run(report)
+    return report.count["failed"] == 0 and bool(cases)
+
+
+def run_beside(jobs, results):
+    """Each test file in a process of its own."""
+    files = sorted((path.stem for path in HERE.glob("test_*.py")), key=lambda name: (name not in LONG, name))
+
+    def run(name):
+        command = [sys.executable, __file__, "--build", os.environ["SKELDA_BUILD"], f"{name}."]
+        done = subprocess.run(command + (["--results", results] if results else []), stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True)
+        print(done.stdout, end="", flush=True)
+        return done.returncode == 0
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        return all(list(pool.map(run, files)))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", default="build/release")
     parser.add_argument("--results")
+    parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("names", nargs="*")
     arguments = parser.parse_args()
     os.environ["SKELDA_BUILD"] = str(pathlib.Path(arguments.build).resolve())
-
-    found = unittest.defaultTestLoader.discover(str(HERE), pattern="test_*.py")
-    cases = [c for c in flatten(found) if not arguments.names or any(n in c.id() for n in arguments.names)]
-    report = Report(arguments.results)
-    unittest.TestSuite(cases).run(report)
-    bad = len(report.failures) + len(report.errors)
-    print(f"end to end: {report.testsRun - bad - len(report.skipped)} passed, {bad} failed")
-    return 1 if bad or not report.testsRun else 0
+    if arguments.jobs > 1 and not arguments.names:
+        good = run_beside(arguments.jobs, arguments.results)
+    else:
+        good = run_here(arguments.names, arguments.results)
+    return 0 if good else 1
 
 
 if __name__ == "__main__":

@@ -56,6 +56,10 @@ def main():
         count[outcome] += 1
         if outcome != "passed":
             print(f"{outcome}: {name}" + (f" ({why})" if why else ""))
+    if (results / "endtoend.failed").exists() and not count["failed"]:
+        # A run that broke off, or found no test, wrote no outcome that says so.
+        count["failed"] += 1
+        print("failed: end to end (it did not run to its end)")
     if count["skipped"]:
         print(f"{count['skipped']} skipped")
     print(f"{count['passed']} passed, {count['failed']} failed")
