@@ -61,7 +61,7 @@ bool isRedirect(std::int64_t status) noexcept {
 }
 
 bool isSameName(std::string_view a, std::string_view b) noexcept {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+  return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
 }
 
 std::string_view trimmed(std::string_view text) noexcept {
@@ -321,6 +321,7 @@ void URLSessionTransfer::didReceiveHeaderLine(std::string_view line) {
   const auto colon = line.find(':');
   if (isStatusLine || colon == std::string_view::npos || headerBytes_ > kHeaderLimit) return;
   const std::string_view name = trimmed(line.substr(0, colon));
+  if (name.empty()) return;
   std::string value(trimmed(line.substr(colon + 1)));
   for (const auto& [known, before] : responseFields_) {
     if (!isSameName(known, name)) continue;
@@ -353,7 +354,10 @@ std::int64_t URLSessionTransfer::statusCode() const {
 }
 
 ErrorRef URLSessionTransfer::errorFor(int result) const {
-  if (result == CURLE_OK || cutOff_) return nullptr;
+  if (result == CURLE_OK || cutOff_) {
+    // The library takes a status line such as "HTTP/200 OK", and reads no status in it.
+    return statusCode() < 200 ? urlError(kURLErrorBadServerResponse) : nullptr;
+  }
   long systemError = 0;
   curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &systemError);
   const auto code = static_cast<CURLcode>(result);

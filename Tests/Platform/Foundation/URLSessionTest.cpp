@@ -36,7 +36,8 @@ TEST(URLSession, EveryAnswerOfAServerCompletesWithoutAnError) {
   LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
     const int status = std::stoi(request.target.substr(1));
     connection.send("HTTP/1.1 103 Early\r\nlink: interim\r\n\r\n");
-    connection.answer(status, status == 204 ? "" : "as told", "X-One: 1\r\nx-one: 2\r\n");
+    connection.answer(status, status == 204 ? "" : "as told",
+                      "X-One: 1\r\nx-one: 2\r\n: nameless\r\n");
   });
   for (const int status : {200, 204, 299, 300, 304, 400, 404, 429, 500, 503, 599}) {
     const auto probe = perform(getRequest(server.url("/" + std::to_string(status))));
@@ -156,6 +157,8 @@ TEST(URLSession, FailuresCarryTheirCodes) {
   cases.push_back({"half an answer", answering("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
                    platform::kURLErrorNetworkConnectionLost});
   cases.push_back({"an answer that is none", answering("SSH-2.0-server\r\n\r\n"),
+                   platform::kURLErrorBadServerResponse});
+  cases.push_back({"a status line without a status", answering("HTTP/200 OK\r\n\r\n"),
                    platform::kURLErrorBadServerResponse});
   cases.push_back({"another authority", secure(authority.issueUntrusted()),
                    platform::kURLErrorServerCertificateUntrusted});
