@@ -7,6 +7,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileManager.h"
 
 namespace {
@@ -113,6 +114,7 @@ bool SkeldaDataSenderBlockInfo::setData(const platform::Data& data) {
       !SkeldaUtil::assert_(!data.empty(), "0 != data.length")) {
     return false;
   }
+  const platform::BlockingRegion disk;
   if (!platform::FileManager::defaultManager()->writeData(data, path, true)) {
     SKELDA_LOG(1, "Skelda: Failed store block with id [{}]", identifier_);
     return false;

@@ -9,6 +9,7 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileManager.h"
 
 namespace {
@@ -159,6 +160,7 @@ void SkeldaDataSenderIndex::onsavequeue_writeChanges() {
 }
 
 bool SkeldaDataSenderIndex::onsavequeue_write() {
+  const platform::BlockingRegion disk;
   const std::string path = filePath();
   if (!SkeldaUtil::assert_(!path.empty(), "0 != thePath.length")) return false;
   platform::KeyedArchive archive;

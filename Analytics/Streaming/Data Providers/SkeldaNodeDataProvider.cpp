@@ -69,7 +69,8 @@ void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
   const int descriptor = ::open(filePath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   fileDescriptor_ = descriptor;
   source_ = platform::FolderSource::make(
-      descriptor, platform::Queue::global(platform::Queue::Priority::normal));
+      descriptor,
+      platform::Queue::serial("SkeldaNodeDataProvider.events", platform::Queue::global()));
   const std::weak_ptr<SkeldaNodeDataProvider> weak = selfOf(this);
   source_->setEventHandler([weak, descriptor](unsigned events) {
     const auto self = weak.lock();
