@@ -28,9 +28,9 @@ LONG = ("test_chaos", "test_storage_faults", "test_information_dictionary")
 class Report(unittest.TestResult):
     """Prints each outcome as it comes. A case whose parts fail counts once for each of these."""
 
-    def __init__(self, results):
+    def __init__(self, results, label):
         super().__init__()
-        self.results = results
+        self.results, self.label = results, label
         self.count = collections.Counter()
         self.began = time.monotonic()
 
@@ -46,7 +46,7 @@ class Report(unittest.TestResult):
         short = " ".join((why.strip().split("\n") or [""])[-1].split())[:300]
         if self.results:
             with open(self.results, "a", encoding="utf-8") as out:
-                out.write(f"{outcome}\tend to end: {name}\t{short}\n")
+                out.write(f"{outcome}\t{self.label}: {name}\t{short}\n")
 
     def addSuccess(self, test):
         self.note("passed", test)
@@ -77,10 +77,10 @@ def flatten(suite):
             yield item
 
 
-def run_here(names, results):
+def run_here(names, results, label):
     found = unittest.defaultTestLoader.discover(str(HERE), pattern="test_*.py")
     cases = [case for case in flatten(found) if not names or any(name in case.id() for name in names)]
-    report = Report(results)
+    report = Report(results, label)
     unittest.TestSuite(cases).run(report)
     return report.count["failed"] == 0 and bool(cases)
 
@@ -104,6 +104,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", default="build/release")
     parser.add_argument("--results")
+    parser.add_argument("--label", default="end to end", help="what the outcomes are listed under")
     parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("names", nargs="*")
     arguments = parser.parse_args()
@@ -111,7 +112,7 @@ def main():
     if arguments.jobs > 1 and not arguments.names:
         good = run_beside(arguments.jobs, arguments.results)
     else:
-        good = run_here(arguments.names, arguments.results)
+        good = run_here(arguments.names, arguments.results, arguments.label)
     return 0 if good else 1
 
 

@@ -79,6 +79,17 @@ TEST_F(FrameLogWriter, FindsAFreeNameWhereTheTimeIsTaken) {
   EXPECT_GT(commitedPaths()[0], manager->taken);
 }
 
+TEST_F(FrameLogWriter, GivesUpALogThatCannotBeCopied) {
+  const auto plan = std::make_shared<FaultPlan>();
+  makeWriter(std::make_shared<FaultyStreamFileManager>(plan));
+  start();
+  send(eventAt(1));
+  plan->failKind("copyFileFrom");
+  flush(3);
+  EXPECT_EQ(log(), "counter2");
+  EXPECT_EQ(commited(), Logs{});
+}
+
 TEST_F(FrameLogWriter, GoesOnWithANewLogWhereTheOldOneWasRemoved) {
   startNew();
   std::filesystem::remove(logPath());
@@ -150,21 +161,22 @@ TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
   }
 }
 
-using FrameLogWriterDeathTest = FrameLogWriter;
-
-TEST_F(FrameLogWriterDeathTest, AbortsOnAStageBehindItAndOnAFrameThatDiffersFromItsMessage) {
+// Without a home: a process that aborts would leave it behind.
+TEST(FrameLogWriterDeathTest, AbortsOnAStageBehindItAndOnAFrameThatDiffersFromItsMessage) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  makeWriter();
-  EXPECT_DEATH(writer_->registerNextStageComponent(nullptr), "0");
-  EXPECT_DEATH(writer_->nextStageDidChangeState(3), "0");
+  const auto writer = SkeldaStreamFrameLogWriter::fileWriterWithCurrentFrameLogFilePath(
+      "", "", "", "", nullptr, nullptr, nullptr,
+      SkeldaStreamFrameDeserializer::streamFrameDeserializer(), {1}, {});
+  EXPECT_DEATH(writer->registerNextStageComponent(nullptr), "0");
+  EXPECT_DEATH(writer->nextStageDidChangeState(3), "0");
   const auto message = plainMessage(134, "{\"a\":1}");
-  const auto bytes = frame(*message);
-  writer_->debugFrameData(platform::Data(bytes), message);
-  EXPECT_DEATH(writer_->debugFrameData(platform::Data(bytes + "x"), message),
+  const auto bytes = SkeldaStreamMessageSerializer().frameFromStreamMessage(*message)->string();
+  writer->debugFrameData(platform::Data(bytes), message);
+  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes + "x"), message),
                "frameData.length == bytesRead");
-  EXPECT_DEATH(writer_->debugFrameData(platform::Data(bytes), plainMessage(134)),
+  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes), plainMessage(134)),
                "message.payload.length == frame.payload.length");
-  EXPECT_DEATH(writer_->debugFrameData(platform::Data(bytes), plainMessage(134, "{\"a\":2}")),
+  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes), plainMessage(134, "{\"a\":2}")),
                "isEqualToData:message.payload");
 }
 
