@@ -2,22 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
-#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Analytics/Streaming/Core/LogWords.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyStreamFiles.h"
 
 namespace skelda::testing {
 
-/// A home with a writer in it, and its logs in words (see wordFor). A torn tail is "torn".
+/// A home with a writer in it, and its logs in words (see logWords).
 class FrameLogWriterFixture : public ::testing::Test {
  protected:
   using Writer = SkeldaStreamFrameLogWriter;
@@ -50,20 +48,12 @@ class FrameLogWriterFixture : public ::testing::Test {
 
   std::string logPath() const { return home_.storageFolder() + "/log"; }
   std::string commitedFolder() const { return home_.storageFolder() + "/CommitedFrameLogs"; }
-  std::vector<std::string> commitedPaths() const {
-    std::vector<std::string> paths;
-    std::error_code absent;
-    for (const auto& entry : std::filesystem::directory_iterator(commitedFolder(), absent)) {
-      paths.push_back(entry.path().string());
-    }
-    std::sort(paths.begin(), paths.end());
-    return paths;
-  }
-  std::string log() const { return wordsOf(readFile(logPath())); }
+  std::vector<std::string> commitedPaths() const { return logPaths(commitedFolder()); }
+  std::string log() const { return logWords(readFile(logPath())); }
   /// The committed logs, oldest first, one text for each.
   std::vector<std::string> commited() const {
     std::vector<std::string> logs;
-    for (const auto& path : commitedPaths()) logs.push_back(wordsOf(readFile(path)));
+    for (const auto& path : commitedPaths()) logs.push_back(logWords(readFile(path)));
     return logs;
   }
   std::int64_t counter() const {
@@ -79,16 +69,6 @@ class FrameLogWriterFixture : public ::testing::Test {
     return SkeldaStreamMessageSerializer().frameFromStreamMessage(message)->string();
   }
 
-  static std::string wordsOf(std::string_view bytes) {
-    std::string words;
-    std::size_t read = 0;
-    for (const auto& f : SkeldaStreamFrameDeserializer().allStreamFramesFromData(bytes, &read)) {
-      addWord(words, wordOf(*f));
-    }
-    if (read != bytes.size()) addWord(words, "torn");
-    return words;
-  }
-
   ScopedEnvironment environment_;
   const bool inMemory_ = useMemoryFileSystem();  // Before the home is made.
   AgentHome home_;
@@ -100,21 +80,6 @@ class FrameLogWriterFixture : public ::testing::Test {
     const bool present = std::filesystem::exists("/dev/shm");
     if (present) environment_.set("TMPDIR", "/dev/shm");
     return present;
-  }
-  static std::string wordOf(const SkeldaStreamFrame& frame) {
-    using Type = SkeldaStreamFrameTypeUtil;
-    std::shared_ptr<ISkeldaStreamMessage> entity;
-    const auto& json = frame.payload();
-    if (frame.frameType() == Type::kFlush) {
-      entity = SkeldaStreamFlush::streamEntityFromJSONData(json);
-    } else if (frame.frameType() == Type::kCounter) {
-      entity = SkeldaStreamCounter::streamEntityFromJSONData(json);
-    } else if (frame.frameType() == Type::kSessionId) {
-      entity = SkeldaStreamSessionId::streamEntityFromJSONData(json);
-    } else if (frame.frameType() == Type::kEvent) {
-      entity = SkeldaStreamEvent::streamEntityFromJSONData(json);
-    }
-    return entity ? wordFor(*entity) : std::to_string(frame.frameType());
   }
 };
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
 #include "Tests/Analytics/Streaming/Core/FrameLogWriterFixture.h"
 
 namespace skelda::testing {
@@ -58,20 +57,6 @@ TEST_F(FrameLogRepair, KeepsTheLongestReadablePrefix) {
   };
   for (const auto& [leftover, expected] : cases) {
     EXPECT_EQ(commitedAtStart(leftover), Logs{expected}) << leftover.size();
-  }
-}
-
-TEST_F(FrameLogRepair, ClosesTheLogOfACrashBetweenSessionsWithTheLastSessionId) {
-  const auto rule = SkeldaWatchStreamSessionRule::sessionRuleWithFlushTriggerMap({}, {}, 5, 10, {});
-  for (const bool archived : {false, true}) {
-    if (archived) rule->saveNewSessionIdArchiveFile(*eventAt(5));
-    for (const bool flag : {false, true}) {
-      setCrashFlag(flag);
-      const bool closes = archived && flag;
-      EXPECT_EQ(commitedAtStart(first_),
-                Logs{closes ? "counter1 e1 session@5 flush4" : "counter1 e1 flush4"});
-      EXPECT_EQ(writer_->sessionIdFromDisk() != nullptr, closes);
-    }
   }
 }
 

@@ -1,0 +1,229 @@
+// What reaches the logs, frame by frame, whatever ends a session or a log.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Tests/Analytics/Streaming/Core/LogWords.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/LogCapture.h"
+
+namespace skelda::testing {
+namespace {
+
+// The messages of start-up that a session needs; "S-" is all of them but the identifiers, 140.
+const std::vector<std::string> kStickies{"132", "133", "139", "140", "141"};
+
+/// The agent's own pipeline, sources and providers, with nobody who takes the logs away.
+class Pipeline : public SkeldaWatchStreamManager {
+ public:
+  static std::shared_ptr<Pipeline> make() { return made(new Pipeline()); }
+  void helperSetupTransferModule() override {}
+  void setupPipelineWithCorePolicy(const StageRef& policy, const StageRef& dropHandler,
+                                   const StageRef& stickyHandler) override {
+    SkeldaWatchStreamManager::setupPipelineWithCorePolicy(policy, dropHandler, stickyHandler);
+    stages_ = {streamBuffer(), policy, dropHandler, stickyHandler, logwriter()};
+  }
+  void sendWord(const std::string& word) {
+    if (word == "S" || word == "S-") {
+      for (const auto& type : kStickies)
+        if (word == "S" || type != "140") sendWord(type);
+    } else if (word == "start") {
+      logwriter()->writePendingFiles();
+    } else if (word.starts_with("flush")) {
+      module<ISkeldaStreamFlushSource>()->flushWithStatus(word.back() - '0');
+    } else if (word == "consent") {
+      streamBuffer()->streamMessage(SkeldaStreamConsent::gdprScope(true, {}));
+    } else if (word[0] == 'e') {
+      streamBuffer()->streamMessage(eventAt(std::stoll(word.substr(1))));
+    } else {
+      streamBuffer()->streamMessage(plainMessage(std::stoi(word)));
+    }
+    settleAll();
+  }
+  void haveStartSnapshot() {
+    provider()->setDevicePropertiesData(SkeldaSessionDevicePropertiesData::currentSnapshot(true));
+  }
+
+ private:
+  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
+    return module<SkeldaSessionDevicePropertiesDataProvider>();
+  }
+  /// Twice round: the provider's snapshot sets out when the policy has finalized a session.
+  void settleAll() {
+    for (int round = 0; round < 2; ++round) {
+      settleActor(provider());
+      settleActor(module<ISkeldaSessionDevicePropertiesSource>());
+      settleActor(module<ISkeldaStreamFlushSource>());
+      for (const auto& stage : stages_) settleActor(stage);
+    }
+  }
+  template <class T>
+  static void settleActor(const std::shared_ptr<T>& module) {
+    const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module);
+    ASSERT_NE(actor, nullptr);
+    for (int hops = 0; hops < 3; ++hops) actor->syncBlock([] {});
+  }
+  std::vector<StageRef> stages_;
+};
+
+/// The words with "S" or "S-" for what they name, wherever stickies stand side by side: their
+/// replay has no order of its own.
+std::string withoutOrderOfStickies(const std::string& words) {
+  std::istringstream in(words);
+  std::multiset<std::string> run;
+  std::string out;
+  const auto endRun = [&] {
+    const auto count = [&](const auto& type) { return run.contains(type); };
+    const auto missing = 5 - std::count_if(kStickies.begin(), kStickies.end(), count);
+    if (missing == 0 || (missing == 1 && !run.contains("140"))) {
+      addWord(out, missing == 0 ? "S" : "S-");
+      for (const auto& type : kStickies)
+        if (run.contains(type)) run.extract(type);
+    }
+    for (const auto& type : run) addWord(out, type);
+    run.clear();
+  };
+  for (std::string word; in >> word;) {
+    if (word == "146" || std::count(kStickies.begin(), kStickies.end(), word) > 0) {
+      run.insert(word);
+      continue;
+    }
+    endRun();
+    addWord(out, word);
+  }
+  endRun();
+  return out;
+}
+
+/// Sends the words through processes of one installation; "restart" kills one and starts the next.
+/// Answers all its logs, oldest first, the open one behind the last bar.
+std::string logsAfter(const std::string& words) {
+  ScopedEnvironment environment;
+  if (std::filesystem::exists("/dev/shm")) environment.set("TMPDIR", "/dev/shm");
+  const AgentHome home;
+  std::istringstream in(words);
+  std::shared_ptr<Pipeline> pipeline;
+  const auto begin = [&] {
+    AgentHome::forget();
+    pipeline = Pipeline::make();
+    pipeline->haveStartSnapshot();
+  };
+  begin();
+  for (std::string word; in >> word;) {
+    if (word == "restart") {
+      begin();
+      word = "start";
+    }
+    pipeline->sendWord(word);
+  }
+  std::string logs;
+  for (const auto& path : logPaths(Pipeline::commitedFrameLogsFilePath())) {
+    logs += withoutOrderOfStickies(logWords(readFile(path))) + " | ";
+  }
+  const auto open = readFile(Pipeline::currentFrameLogFilePathWithName());
+  return logs + withoutOrderOfStickies(logWords(open));
+}
+
+// Sessions of at most 5 events or 10 minutes. Numbers are frame types: 146 a user id, 174 an
+// opt-out, 175 a request to delete. A "propsStart" behind a counter is the provider's own.
+const std::pair<const char*, const char*> kOrder[] = {
+    // The first log after a start; what came before the start waits for it.
+    {"start", "counter1"},
+    {"S e0 start e1", "counter1 S session@0 flush1 | counter2 S e0 session@0 e1"},
+    // The set is completed by the first event, or by another message.
+    {"start S e0", "counter1 S session@0 flush1 | counter2 S e0 session@0"},
+    {"start S- e0 140 e1", "counter1 S- session@0 e0 140 flush1 | counter2 S session@0 e1"},
+    // Full by count: the event that fills it is in it. Complete; never complete; complete too late,
+    // when what did not fit any more is gone.
+    {"start S e0 e1 e2 e3 e4 e5",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 e1 e2 e3 session@0..11 propsEnd e4 flush3 | "
+     "counter3 S propsStart session@5 flush1 | counter4 S e5 session@5"},
+    {"start S- e0 e1 e2 e3 e4 e5", "counter1 S- session@0 e0 e1 e2 e3 session@0..11 propsEnd e4"},
+    {"start S- e0 e1 e2 e3 e4 e5 140 e6",
+     "counter1 S- session@0 e0 e1 e2 e3 session@0..11 propsEnd e4 140 flush3 | "
+     "counter2 S propsStart session@6 flush1 | counter3 S e6 session@6"},
+    // Over by time: the event that finds it over is in the next one, be it the last that would have
+    // fitted; with an incomplete set there is no next one yet.
+    {"start S e0 e600000 e600001",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 e600000 session@0..600007 propsEnd flush3 | "
+     "counter3 S session@600001 propsStart flush1 | counter4 S e600001 session@600001"},
+    {"start S e0 e1 e2 e3 e600001",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 e1 e2 e3 session@0..600007 propsEnd flush3 | "
+     "counter3 S session@600001 propsStart flush1 | counter4 S e600001 session@600001"},
+    {"start S e0 e600001 e600002 e600003 e600004 e600005",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 session@0..600007 propsEnd flush3 | "
+     "counter3 S session@600001 propsStart flush1 | "
+     "counter4 S e600001 session@600001 e600002 e600003 e600004 session@600001..600012 propsEnd "
+     "e600005 flush3 | counter5 S propsStart"},
+    {"start S- e0 e600001 e600002 140 e600003",
+     "counter1 S- session@0 e0 session@0..600007 propsEnd 140 flush3 | "
+     "counter2 S propsStart session@600003 flush1 | counter3 S e600003 session@600003"},
+    // A flush that is asked for ends a log and no session, whatever its status.
+    {"start S flush5", "counter1 S flush5 | counter2 S"},
+    {"start S- e0 flush5 e1 140",
+     "counter1 S- session@0 e0 flush5 | counter2 S- e1 140 flush1 | counter3 S session@0"},
+    {"start S e0 flush5 flush6 e1",
+     "counter1 S session@0 flush1 | counter2 S e0 session@0 flush5 | counter3 S flush6 | "
+     "counter4 S e1"},
+    {"start S e0 flush3 e1 e2 e3 e4",
+     "counter1 S session@0 flush1 | counter2 S e0 session@0 flush3 | "
+     "counter3 S e1 e2 e3 session@0..11 propsEnd e4 flush3 | counter4 S propsStart"},
+    // A request to delete ends the log: in a session, before one, before the set is complete, and
+    // in a session that ended and waits for the set.
+    {"start S e0 175 e1",
+     "counter1 S session@0 flush1 | counter2 S e0 session@0 175 flush6 | counter3 S session@0 e1"},
+    {"start S 175 e0",
+     "counter1 S 175 flush6 | counter2 S session@0 flush1 | counter3 S e0 session@0"},
+    {"start S- e0 175 e1", "counter1 S- session@0 e0 175 flush6 | counter2 S- session@0 e1"},
+    {"start S- e0 e1 e2 e3 e4 175 140",
+     "counter1 S- session@0 e0 e1 e2 e3 session@0..11 propsEnd e4 175 flush6 | "
+     "counter2 S- session@0..11 140 flush3 | counter3 S propsStart"},
+    // The user and the user's choices end nothing; consent reaches no log, the user id every one.
+    {"start S e0 consent 174 146 e1 flush5",
+     "counter1 S session@0 flush1 | counter2 S e0 session@0 174 146 e1 flush5 | counter3 S 146"},
+    // A kill: in the first log, in a session, between sessions with their archive, after a session
+    // that was over by time and so left none, and in the session after one that left an archive.
+    {"start restart", "counter1 flush4 | counter2"},
+    {"start S e0 restart S e5",
+     "counter1 S session@0 flush1 | counter2 S e0 session@0 flush4 | "
+     "counter3 S session@5 flush1 | counter4 S e5 session@5"},
+    {"start S e0 e1 e2 e3 e4 restart restart",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 e1 e2 e3 session@0..11 propsEnd e4 flush3 | "
+     "counter3 S propsStart session@4 flush4 | counter4 session@4 flush4 | counter5"},
+    {"start S- e0 e600001 140 restart",
+     "counter1 S- session@0 e0 session@0..600007 propsEnd 140 flush3 | "
+     "counter2 S propsStart flush4 | counter3"},
+    {"start S e0 e1 e2 e3 e4 e5 restart",
+     "counter1 S session@0 flush1 | "
+     "counter2 S e0 session@0 e1 e2 e3 session@0..11 propsEnd e4 flush3 | "
+     "counter3 S propsStart session@5 flush1 | counter4 S e5 session@5 flush4 | counter5"},
+};
+
+TEST(MessageOrder, IsFixedForEveryEndOfASessionAndOfALog) {
+  const LogCapture quiet;
+  platform::Bundle::setMain(std::make_shared<platform::Bundle>(
+      "/Run.app/Watch.appex", "/Run.app/Watch.appex/run",
+      platform::Dictionary{{"CFBundleIdentifier", "com.example.run"},
+                           {"Skelda Watch Event Threshold", 5}}));
+  for (const auto& [words, logs] : kOrder) EXPECT_EQ(logsAfter(words), logs) << words;
+  platform::Bundle::setMain(nullptr);
+  SkeldaUtil::setLogLevel(0);
+}
+
+}  // namespace
+}  // namespace skelda::testing
