@@ -1,8 +1,11 @@
 #include "Platform/Foundation/Bundle.h"
 
+#include <limits.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 #include <mutex>
 
 #include "Platform/Foundation/LogFormat.h"
@@ -26,9 +29,15 @@ MainBundle& mainBundle() {
 }
 
 std::string runningExecutable() {
-  std::array<char, 4096> path{};
+  std::array<char, PATH_MAX> path{};
   const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
-  return length > 0 ? std::string(path.data(), static_cast<std::size_t>(length)) : std::string();
+  if (length > 0) return std::string(path.data(), static_cast<std::size_t>(length));
+  // A jail may have no /proc: then the name that the program was started by has to do.
+  const auto name = ::getauxval(AT_EXECFN);
+  if (name == 0 || ::realpath(reinterpret_cast<const char*>(name), path.data()) == nullptr) {
+    return {};
+  }
+  return path.data();
 }
 
 std::string folderOf(const std::string& path) {
