@@ -2,10 +2,15 @@
 
 import base64
 import json
+import shutil
+import subprocess
 import unittest
 
 import frame_log
-from support import HOSTS, Home, eventually
+from support import HOSTS, Home, Process, eventually
+
+# Runs what follows where /proc is empty.
+WITHOUT_PROC = ["unshare", "--map-root-user", "--mount", "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
 
 
 def bundle(name):
@@ -74,6 +79,28 @@ class HostileHost(unittest.TestCase):
         self.assertTrue(self.parameters("value-deep")["deep"].startswith('[{"k":'))
         self.assertEqual({"huge": "h" * 65536}, self.parameters("value-huge"))
         self.assertEqual({"quotes": '"\\', "nul": "a\0b", "lines": "a\r\nb"}, self.parameters("value-odd"))
+
+
+class BareMachine(unittest.TestCase):
+    def test_what_cannot_be_found_out_is_left_out_and_the_rest_is_logged(self):
+        if not shutil.which("unshare") or subprocess.run([*WITHOUT_PROC, "true"], capture_output=True).returncode:
+            self.skipTest("mount namespaces are not allowed here")
+        with Home(bundle=bundle("HostileHost")) as home:
+            environment = home.environment(LANG="C", TZ="CET-1CEST", XDG_DOCUMENTS_DIR=home.path / "absent")
+            with Process([*WITHOUT_PROC, home.bundle / "HostileHost"], env=environment) as host:
+                status = host.wait(60)
+            # The address sanitizer cannot look for leaks there, and ends the process for that alone.
+            if "LeakSanitizer has encountered a fatal error" not in host.output:
+                self.assertEqual(0, status, host.output)
+            self.assertEqual("last", events_in(home)[-1].event_name)
+            frames = {f.type: f for f in frame_log.frames_in(home.current_log)}
+            self.assertEqual({2, 128, 132, 133, 134, 139, 141, 149, 153, 156}, set(frames))
+            figures = frames[153].payload["sk.session.property"]
+            for name in ("memory.total", "disk.size.total", "disk.size.available"):
+                self.assertEqual({"value": "0"}, figures[name])
+            for entity in ("SkeldaStreamLocaleInfo", "SkeldaStreamTimeZoneInfo"):
+                line = f"-[{entity} dictionaryRepresentation]: invalid data object"
+                self.assertTrue([said for said in home.log_lines() if line in said], entity)
 
 
 class Lifetimes(unittest.TestCase):
