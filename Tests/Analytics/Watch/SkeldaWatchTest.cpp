@@ -8,11 +8,21 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaAppInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Watch/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/StorageLock.h"
+#include "Platform/Foundation/SystemFiles.h"
 #include "Skelda_Watch/Skelda_Watch.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
@@ -149,8 +159,44 @@ TEST(SkeldaWatch, TheFirstEventStartsTheAgentOnceAndLetsThroughWhatWasSaidBefore
   EXPECT_EQ(outcome.count("its parameters are not UTF-8 text"), 1);
 }
 
+/// One round of what a host, its phone and the system can say beside events.
+void sayEverything(const std::string& text) {
+  const auto number = static_cast<std::int32_t>(text.size());
+  SkeldaUtil::setLogLevel(text.size() % 4);
+  SkeldaWatch::setServerURL("http://127.0.0.1:9/" + text);  // where nobody listens
+  SkeldaWatch::loadWatchDebug();
+  SkeldaWatch::loadWatchDisableWatchConnectivity();
+  SkeldaUserProperties::setValues(text, SkeldaArray{text});
+  SkeldaUserProperties::addValue(text, text);
+  SkeldaUserProperties::removeValue(text, text);
+  SkeldaUserProperties::remove(text);
+  SkeldaConsent::updateConsentInformation({true, {{text, text}}});
+  SkeldaConsent::updateConsentInformation(SkeldaConsent::getConsent());
+  SkeldaCCPA::setDataSaleOptOut(true);
+  SkeldaCCPA::setDelete();
+  const auto manager = SkeldaWatchStreamManager::manager();
+  const auto user = manager->module<ISkeldaUserDemographicsSource>();
+  user->setUserId(text);
+  user->setGenderAsString(text);
+  user->setAgeInYears(number);
+  manager->module<ISkeldaAppInfoSource>()->setAppVersion(text);
+  manager->module<ISkeldaStreamFlushSource>()->flushWithStatus(5);
+  manager->module<SkeldaSessionInfoDataProvider>()->setIncludeBackgroundSessionsInMetrics(true);
+  std::dynamic_pointer_cast<SkeldaReportedIdentifiersSource>(
+      manager->module<ISkeldaReportedIdentifiersSource>())
+      ->didReceiveUserInfo({{"skelda://id1", text}, {"skelda://id2", "00" + text}});
+  SkeldaWatchConnectivity::defaultConnectivty()->setup();
+  SkeldaWatchConnectivity::defaultConnectivty()->transferUserInfo({{text, text}});
+  const auto network = SkeldaNetworkReachabilityDataProvider::sharedInstance();
+  network->setInternalNetworkStatus(number);
+  network->notifyObservers();
+  auto& center = platform::NotificationCenter::defaultCenter();
+  center.post(platform::kCurrentLocaleDidChangeNotification);
+  center.post(platform::kSystemTimeZoneDidChangeNotification);
+}
+
 const Scenario manyThreads("eight threads", [] {
-  platform::Log::setSink({});
+  platform::Log::setSink([](std::string_view) {});  // lines are made, and read by nobody
   becomeHost(kWatch);
   constexpr unsigned kThreads = 8, kEvents = 250, kAll = kThreads * kEvents + 1;
   std::atomic<unsigned> accepted{0};
@@ -159,7 +205,7 @@ const Scenario manyThreads("eight threads", [] {
     threads.emplace_back([&] {
       for (unsigned i = 0; i < kEvents; ++i) {
         accepted += SkeldaWatch::logWatchEvent("Lap", {{"i", i}});
-        if (i % 50 == 0) SkeldaUserProperties::flag("x");
+        if (i % 50 == 0) sayEverything(std::string(1 + i / 50, 'a'));
       }
     });
   }
@@ -176,8 +222,42 @@ const Scenario manyThreads("eight threads", [] {
   }
   expect(ids.back() == kAll, "the last event");
   for (std::size_t i = 1; i < ids.size(); ++i) expect(ids[i] == ids[i - 1] + 1, "no gap");
+  expect(SkeldaActor::swallowedExceptions() + guardedExceptions() == 0, "nothing swallowed");
   return failures;
 });
+
+const Scenario onABareMachine("on a bare machine", [] {
+  becomeHost(kWatch);  // of which the versions are not known either
+  platform::setSystemRoot("/absent");
+  const auto recorder = recordSources();
+  expect(SkeldaWatch::logWatchEvent("Lap") == 1, "accepted");
+  std::set<std::int32_t> made, leftOut;
+  for (const auto& message : recorder->messages(10)) {
+    const bool isMade =
+        SkeldaStreamMessageSerializer().frameFromStreamMessage(*message).has_value();
+    (isMade ? made : leftOut).insert(message->frameType());
+  }
+  expect(made == std::set<std::int32_t>{132, 134, 141, 149, 153, 156}, "made");
+  expect(leftOut == std::set<std::int32_t>{133, 139, 148, 162}, "left out");
+  return failures;
+});
+
+TEST(SkeldaWatch, LeavesOutWhatTheMachineDoesNotSayWithALineAndLogsTheRest) {
+  AgentHome home;
+  home.environment().set("LC_ALL", "not a locale");
+  home.environment().set("TZ", "CET-1CEST");
+  home.environment().set("XDG_DOCUMENTS_DIR", home / "absent");
+  const auto outcome = Scenario::run("on a bare machine");
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  for (const char* line :
+       {"-[SkeldaStreamAppInfo dictionaryRepresentation]: invalid data object",
+        "-[SkeldaStreamDeviceProperties dictionaryRepresentation]: invalid data object",
+        "-[SkeldaStreamLocaleInfo dictionaryRepresentation]: invalid data object",
+        "-[SkeldaStreamTimeZoneInfo dictionaryRepresentation]: invalid data object",
+        "Failed to fetch vm statistics", "Error Obtaining System Memory Info: Domain = "}) {
+    EXPECT_THAT(outcome.output, HasSubstr(line));
+  }
+}
 
 int everythingIsRefused() {
   SkeldaUserProperties::flag("x");
@@ -323,6 +403,10 @@ TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
   const auto urls = SkeldaNetworkURLsDataProvider::sharedInstance();
   SkeldaWatch::setServerURL("https://localhost/v1/skd.do");
   EXPECT_FALSE(SkeldaConsent::updateConsentInformation({true, {}}));
+  const std::string huge(1 << 20, 'h');
+  EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, {{"", ""}, {huge, huge}}, false}));
+  EXPECT_EQ(SkeldaConsent::getConsent().consentStrings(),
+            (SkeldaDictionary{{"", ""}, {huge, huge}}));
   EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, {{"iab", "x"}}, true}));
   LogCapture log;
   SkeldaWatch::setServerURL(7);

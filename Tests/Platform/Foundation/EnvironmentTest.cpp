@@ -158,4 +158,36 @@ TEST_F(EnvironmentTest, PostsWhenWhatTheFilesSayHasChanged) {
   EXPECT_EQ(zone.count(), 2);
 }
 
+TEST_F(EnvironmentTest, NoticesTheLastOfAThousandQuickChanges) {
+  const std::string locales[] = {"LANG=en_GB\n", "LANG=C\n", "LANG=", "\xff\n", "LANG=sv_SE\n"};
+  const char* const zones[] = {"/usr/share/zoneinfo/Europe/Rome", "/nowhere", "localtime",
+                               "/usr/share/zoneinfo/../../secret",
+                               "/usr/share/zoneinfo/Europe/Oslo"};
+  std::mutex lock;
+  std::condition_variable changed;
+  Locale locale;
+  TimeZone zone;
+  const auto look = [&](const platform::Notification&) {
+    const std::lock_guard guard(lock);
+    locale = Locale::current(root_.path());
+    zone = TimeZone::local(root_.path());
+    changed.notify_all();
+  };
+  auto& center = NotificationCenter::defaultCenter();
+  const auto tokens = {center.addObserver(platform::kCurrentLocaleDidChangeNotification, look),
+                       center.addObserver(platform::kSystemTimeZoneDidChangeNotification, look)};
+  {
+    const platform::EnvironmentMonitor monitor(root_.path());
+    for (std::size_t i = 0; i < 1000; ++i) {
+      replace("etc/locale.conf", locales[i % 5]);
+      link(zones[i % 5]);
+    }
+    std::unique_lock guard(lock);
+    EXPECT_TRUE(changed.wait_for(guard, std::chrono::seconds(20), [&] {
+      return locale == Locale{"sv", "SE"} && zone.name == "Europe/Oslo";
+    }));
+  }
+  for (const auto token : tokens) center.removeObserver(token);
+}
+
 }  // namespace

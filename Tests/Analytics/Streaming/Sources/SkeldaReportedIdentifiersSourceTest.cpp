@@ -38,7 +38,17 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 
   // What holds no identifier changes nothing, and what cannot be one is not kept.
   EXPECT_FALSE(first->didReceiveUserInfo({{"host", "x"}}));
-  EXPECT_TRUE(first->didReceiveUserInfo({{"skelda://id1", 7}, {"skelda://id2", "no hex"}}));
+  const std::pair<platform::Value, platform::Value> bad[] = {
+      {7, "no hex"},
+      {"", ""},
+      {nullptr, nullptr},
+      {"\xff", std::string((1 << 20) + 1, 'a')},
+      {platform::Array{"VENDOR"}, "00f\xff"},
+      {platform::Dictionary(), std::string("00\0", 4)}};
+  for (const auto& [vendor, installation] : bad) {
+    EXPECT_TRUE(
+        first->didReceiveUserInfo({{"skelda://id1", vendor}, {"skelda://id2", installation}}));
+  }
   EXPECT_THAT(first.texts(), IsEmpty());
   EXPECT_EQ(first->watchVendorIDForSessionReport(), std::nullopt);
   EXPECT_EQ(first->watchInstallationIDForSessionReport(), std::nullopt);

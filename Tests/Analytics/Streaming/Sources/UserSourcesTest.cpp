@@ -88,6 +88,31 @@ TEST(UserDemographicsSource, SendsTheUserIdAndTakesItBack) {
                                        R"(146 {"sk.demo.userid":"42"})", "146 nothing"));
 }
 
+TEST(UserSources, CarryTextsOfAnySizeAndUserIdsOfAnyKind) {
+  const std::string huge(1 << 20, 'h');
+  SourceRig<SkeldaUserDemographicsSource> user;
+  const std::pair<Value, std::string> ids[] = {
+      {"", ""}, {huge, huge}, {Array{1, "a"}, "[1,\"a\"]"}, {{{"a", 1}}, "{\"a\":1}"}, {true, "1"}};
+  for (const auto& [given, text] : ids) {
+    user->setUserId(given);
+    EXPECT_EQ(user->getUserId(), text);
+  }
+  user->setUserId(Array{"bad \xff"});
+  EXPECT_EQ(user->getUserId(), "1");
+  EXPECT_EQ(user.texts().at(1), "146 {\"sk.demo.userid\":\"" + huge + "\"}");
+
+  SourceRig<SkeldaUserPropertiesSource> properties;
+  Array values;
+  for (int i = 0; i < 10000; ++i) values.push_back("");
+  properties->setUserProperties(huge, values);
+  properties->addUserProperties("p", Array{huge});
+  EXPECT_EQ(properties.last<SkeldaStreamUserProperties>()->propertyValues(), Array{huge});
+  const auto& first = dynamic_cast<const SkeldaStreamUserProperties&>(*properties.sent().at(0));
+  EXPECT_EQ(first.propertyName(), huge);
+  EXPECT_EQ(first.propertyValues(), values);
+  EXPECT_TRUE(first.payload());
+}
+
 TEST(UserDemographicsSource, KnowsTwoGendersAndTurnsAnAgeIntoTheStartOfTheYearOfBirth) {
   SourceRig<SkeldaUserDemographicsSource> rig;
   EXPECT_EQ(rig->genderAsInt(), -1);
