@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 
 #include "Platform/Foundation/EnvironmentMonitor.h"
@@ -163,15 +164,20 @@ TEST_F(EnvironmentTest, NoticesTheLastOfAThousandQuickChanges) {
   const char* const zones[] = {"/usr/share/zoneinfo/Europe/Rome", "/nowhere", "localtime",
                                "/usr/share/zoneinfo/../../secret",
                                "/usr/share/zoneinfo/Europe/Oslo"};
-  std::mutex lock;
-  std::condition_variable changed;
-  Locale locale;
-  TimeZone zone;
-  const auto look = [&](const platform::Notification&) {
-    const std::lock_guard guard(lock);
-    locale = Locale::current(root_.path());
-    zone = TimeZone::local(root_.path());
-    changed.notify_all();
+  struct Seen {
+    const std::string root;
+    std::mutex lock;
+    std::condition_variable changed;
+    Locale locale;
+    TimeZone zone;
+  };
+  // Held by the observers: one may still run when it has been removed.
+  const std::shared_ptr<Seen> seen(new Seen{root_.path(), {}, {}, {}, {}});
+  const auto look = [seen](const platform::Notification&) {
+    const std::lock_guard guard(seen->lock);
+    seen->locale = Locale::current(seen->root);
+    seen->zone = TimeZone::local(seen->root);
+    seen->changed.notify_all();
   };
   auto& center = NotificationCenter::defaultCenter();
   const auto tokens = {center.addObserver(platform::kCurrentLocaleDidChangeNotification, look),
@@ -182,9 +188,9 @@ TEST_F(EnvironmentTest, NoticesTheLastOfAThousandQuickChanges) {
       replace("etc/locale.conf", locales[i % 5]);
       link(zones[i % 5]);
     }
-    std::unique_lock guard(lock);
-    EXPECT_TRUE(changed.wait_for(guard, std::chrono::seconds(20), [&] {
-      return locale == Locale{"sv", "SE"} && zone.name == "Europe/Oslo";
+    std::unique_lock guard(seen->lock);
+    EXPECT_TRUE(seen->changed.wait_for(guard, std::chrono::seconds(20), [&] {
+      return seen->locale == Locale{"sv", "SE"} && seen->zone.name == "Europe/Oslo";
     }));
   }
   for (const auto token : tokens) center.removeObserver(token);
