@@ -22,6 +22,11 @@ namespace {
 
 // The messages of start-up that a session needs; "S-" is all of them but the identifiers, 140.
 const std::vector<std::string> kStickies{"132", "133", "139", "140", "141"};
+const std::vector<std::string> kOtherStickies{"146", "148", "149", "156", "162"};
+
+bool isSticky(const std::string& word) {
+  return std::ranges::count(kStickies, word) + std::ranges::count(kOtherStickies, word) > 0;
+}
 
 /// The agent's own pipeline, sources and providers, with nobody who takes the logs away.
 class Pipeline : public SkeldaWatchStreamManager {
@@ -94,7 +99,7 @@ std::string withoutOrderOfStickies(const std::string& words) {
     run.clear();
   };
   for (std::string word; in >> word;) {
-    if (word == "146" || std::count(kStickies.begin(), kStickies.end(), word) > 0) {
+    if (isSticky(word)) {
       run.insert(word);
       continue;
     }
@@ -195,6 +200,10 @@ const std::pair<const char*, const char*> kOrder[] = {
     // The user and the user's choices end nothing; consent reaches no log, the user id every one.
     {"start S e0 consent 174 146 e1 flush5",
      "counter1 S session@0 flush1 | counter2 S e0 session@0 174 146 e1 flush5 | counter3 S 146"},
+    // What each log begins with, the latest of each kind; figures of the device are not repeated.
+    {"start S 148 149 156 162 153 148 flush5 flush5",
+     "counter1 S 148 149 156 162 153 148 flush5 | counter2 S 148 149 156 162 flush5 | "
+     "counter3 S 148 149 156 162"},
     // A kill: in the first log, in a session, between sessions with their archive, after a session
     // that was over by time and so left none, and in the session after one that left an archive.
     {"start restart", "counter1 flush4 | counter2"},
