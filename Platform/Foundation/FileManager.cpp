@@ -187,6 +187,17 @@ bool FileManager::createFileAtPath(const std::string& path, const Data& contents
   return succeeded(code, path, error);
 }
 
+bool FileManager::storeNewFile(const Data& data, const std::string& path, ErrorRef* error) {
+  int code = 0;
+  FileDescriptor file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, code);
+  if (!file) return succeeded(code, path, error);
+  code = file.write(data.view(), 0);
+  if (code == 0) code = file.syncData();
+  if (const int closed = file.close(); code == 0) code = closed;
+  if (code != 0) FileCalls::current().unlink(path.c_str());
+  return succeeded(code, path, error);
+}
+
 std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
     const std::string& path, ErrorRef* error) const {
   int code = 0;

@@ -52,6 +52,9 @@ class FileManager {
   /// the folder. Otherwise in place.
   virtual bool writeData(const Data& data, const std::string& path, bool atomically,
                          ErrorRef* error = nullptr);
+  /// A file of a name that was free, its bytes synchronised. Its name is on disk once something
+  /// synchronises the folder.
+  virtual bool storeNewFile(const Data& data, const std::string& path, ErrorRef* error = nullptr);
   virtual std::optional<FileSystemAttributes> attributesOfFileSystemForPath(
       const std::string& path, ErrorRef* error = nullptr) const;
   /// Sets the extended attribute user.xdg.robots.backup to "false"; true as well where the file

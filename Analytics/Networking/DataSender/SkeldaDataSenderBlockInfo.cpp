@@ -115,7 +115,11 @@ bool SkeldaDataSenderBlockInfo::setData(const platform::Data& data) {
     return false;
   }
   const platform::BlockingRegion disk;
-  if (!platform::FileManager::defaultManager()->writeData(data, path, true)) {
+  auto& files = *platform::FileManager::defaultManager();
+  // A new file's name reaches the disk with the index that names it, in the same folder.
+  const bool stored =
+      dataSize_ == 0 ? files.storeNewFile(data, path) : files.writeData(data, path, true);
+  if (!stored) {
     SKELDA_LOG(1, "Skelda: Failed store block with id [{}]", identifier_);
     return false;
   }

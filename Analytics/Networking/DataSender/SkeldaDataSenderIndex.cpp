@@ -147,7 +147,9 @@ void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
   saveQueue_->async(skelda::guarded([blocks = std::move(blocks)] {
     for (const auto& block : blocks) block->deletePersistentData();
   }));
-  if (std::exchange(savePending_, true)) return;
+  savePending_ = true;
+  // One timer at a time: a burst is written as often as the delay allows, not once a change.
+  if (std::exchange(saveTimed_, true)) return;
   saveQueue_->after(
       platform::dispatchTimeAfter(kSaveDelay),
       skelda::guarded([self = shared_from_this()] { self->onsavequeue_writeChanges(); }));
@@ -155,7 +157,10 @@ void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
 
 void SkeldaDataSenderIndex::onsavequeue_writeChanges() {
   bool pending = false;
-  indexMapQueue_->sync([&] { pending = savePending_; });
+  indexMapQueue_->sync([&] {
+    saveTimed_ = false;
+    pending = savePending_;
+  });
   if (pending) onsavequeue_write();
 }
 
@@ -233,11 +238,8 @@ void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey) {
 }
 
 void SkeldaDataSenderIndex::discardOutdatedBlocksForDataKey(const std::string& dataKey) {
-  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
-    self->onqueue_discardOldest(dataKey);
-    // The burst is over.
-    self->saveQueue_->async(skelda::guarded([self] { self->onsavequeue_writeChanges(); }));
-  }));
+  indexMapQueue_->async(skelda::guarded(
+      [self = shared_from_this(), dataKey] { self->onqueue_discardOldest(dataKey); }));
 }
 
 void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKey) {

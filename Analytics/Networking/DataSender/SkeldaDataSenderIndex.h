@@ -85,4 +85,5 @@ class SkeldaDataSenderIndex : public platform::Object,
   std::atomic<bool> sentReportSuccessfully_ = false;
   bool read_ = false;
   bool savePending_ = false;
+  bool saveTimed_ = false;
 };

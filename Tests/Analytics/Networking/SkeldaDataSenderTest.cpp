@@ -177,11 +177,14 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
       [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
   sendTo(server);
   const auto sender = makeSender();
-  for (const char* kind : {"write", "syncData", "rename"}) {
+  // The block's own calls come first, then those of the index.
+  const std::pair<const char*, int> failing[] = {
+      {"write", 1}, {"write", 2}, {"syncData", 1}, {"syncData", 2}, {"rename", 1}};
+  for (const auto& [kind, call] : failing) {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind(kind, kind == std::string("rename") ? 2 : 1, {ENOSPC});
-    EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind;
+    plan->failKind(kind, call, {ENOSPC});
+    EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind << " " << call;
   }
   EXPECT_TRUE(blockFiles().empty());
   EXPECT_TRUE(blocks(sender).empty());
