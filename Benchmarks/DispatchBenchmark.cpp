@@ -112,7 +112,10 @@ void conditionVariableHops(benchmark::State& state) {
   ConditionVariableHandOver worker;
   hops(state, [&](auto block) { worker.post(block); });
 }
-BENCHMARK(conditionVariableHops)->Name("hop/condition_variable")->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(conditionVariableHops)
+    ->Name("hop/condition_variable")
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void actorHops(benchmark::State& state) {
   const auto actor = makeActor();

@@ -103,12 +103,13 @@ std::vector<std::string> logsIn(const fs::path& folder) {
 
 }  // namespace
 
-Json bareLoop(const fs::path& folder, const fs::path& scratch) {
+Json bareLoop(const fs::path& folder, const fs::path& scratch, bool withTransfer) {
   const auto logs = logsIn(folder);
   const fs::path committed = scratch / "committed";
   fs::create_directories(committed);
   // As large as the agent's own store of settings.
   const std::string settings(200, 's');
+  const std::string index(4500, 'i');
 
   const auto began = std::chrono::steady_clock::now();
   const File log(scratch / "log", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
@@ -123,6 +124,12 @@ Json bareLoop(const fs::path& folder, const fs::path& scratch) {
     publish(scratch / "log", committed, "log_" + std::to_string(i));
     check(::ftruncate(log.descriptor(), 0) == 0, "ftruncate");
     replace(scratch / "settings", settings);  // the counter
+    if (!withTransfer) continue;
+    const File block(scratch / ("block_" + std::to_string(i)), O_WRONLY | O_CREAT | O_EXCL);
+    block.write(logs[i]);
+    block.synchronise();
+    replace(scratch / "index", index);
+    fs::remove(committed / ("log_" + std::to_string(i)));
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
   fs::remove_all(scratch);

@@ -30,8 +30,10 @@ Json firstCall();
 /// `keepSent`, so that bareLoop() can write the same.
 Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent);
 /// Writes the logs of that folder by itself, as the pipeline has to: each frame synchronised, each
-/// log rolled (copied and published, counter and flag replaced). In `scratch`.
-Json bareLoop(const std::filesystem::path& logs, const std::filesystem::path& scratch);
+/// log rolled (copied and published, counter and flag replaced). In `scratch`. With the transfer
+/// each log is stored as a block too, and an index replaced.
+Json bareLoop(const std::filesystem::path& logs, const std::filesystem::path& scratch,
+              bool withTransfer);
 /// Memory that the agent adds, its threads, and how often they wake when idle.
 Json resources(std::uint64_t events);
 /// Logs a burst as fast as it can and kills the process so many milliseconds behind it.

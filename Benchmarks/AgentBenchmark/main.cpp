@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
   std::uint64_t events = 1000;
   std::string folder;
   std::string scratch;
+  bool withTransfer = false;
   std::function<measure::Json()> measurement;
   const auto add = [&](const char* name, std::function<measure::Json()> run) {
     auto* command = app.add_subcommand(name);
@@ -55,9 +56,10 @@ int main(int argc, char** argv) {
   auto* pipeline = add("pipeline", [&] { return measure::pipeline(events, folder); });
   pipeline->add_option("--events", events);
   pipeline->add_option("--keep-sent", folder);
-  auto* bare = add("bare", [&] { return measure::bareLoop(folder, scratch); });
+  auto* bare = add("bare", [&] { return measure::bareLoop(folder, scratch, withTransfer); });
   bare->add_option("--logs", folder)->required();
   bare->add_option("--scratch", scratch)->required();
+  bare->add_flag("--with-transfer", withTransfer);
   add("resources", [&] { return measure::resources(events); })->add_option("--events", events);
   auto* kill = add("kill", [&]() -> measure::Json { measure::burstAndKill(events, later); });
   kill->add_option("--events", events);

@@ -106,21 +106,26 @@ def first_call(table, agent, rounds):
 
 
 def durable(table, agent, rounds):
-    ratios, rates, limits, cpu = [], [], [], []
+    ratios, rates, limits, whole, cpu = [], [], [], [], []
     for _ in range(rounds):
         with agent.home() as home:
             kept = home.path / "kept"
             agent.run("pipeline", "--events", EVENTS, "--keep-sent", kept, home=home)
             frames = sum(len(frame_log.frames_in(path)) for path in kept.iterdir())
             bare = agent.run("bare", "--logs", kept, "--scratch", home.path / "bare", home=home)
+            stored = agent.run("bare", "--with-transfer", "--logs", kept, "--scratch", home.path / "bare", home=home)
         measured = agent.run("pipeline", "--events", EVENTS)
         rates.append(frames / measured["seconds"])
         limits.append(bare["frames"] / bare["seconds"])
+        whole.append(stored["frames"] / stored["seconds"])
         ratios.append(rates[-1] / limits[-1])
         cpu.append(measured["user_us_per_event"])
     ratio = statistics.median(ratios)
     table.add("frames made durable, whole pipeline", f"{statistics.median(rates):,.0f} /s",
               f"{statistics.median(limits):,.0f} /s (bare loop)", f"{ratio:.2f}", "at least 0.90", ratio >= 0.9)
+    table.add("the same, its blocks and index counted", f"{statistics.median(rates):,.0f} /s",
+              f"{statistics.median(whole):,.0f} /s (bare loop that stores blocks too)",
+              f"{statistics.median(rate / limit for rate, limit in zip(rates, whole)):.2f}")
     used = statistics.median(cpu)
     table.add("user CPU per event, ten events a session", f"{used:.1f} us", budget="at most 20 us", met=used <= 20)
 
