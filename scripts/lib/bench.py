@@ -201,6 +201,30 @@ def frames(table):
                           f"{copy / 1e9:.2f} GB/s (memcpy)", f"{ours / copy:.2f}", "at least 0.30", ours / copy >= 0.3)
 
 
+def uploads(table):
+    run = google("UploadBenchmark")
+
+    def entry(name):
+        return next((entry for key, entry in run.items() if key.startswith(name)), None)
+
+    for size in ("1 KB", "10 KB", "100 KB"):
+        row = entry(f"BacklogOf50AgainstABareLoop/{size.split()[0]}000/")
+        if row:
+            table.add(f"upload of 50 blocks of {size} over TLS, store empty", f"{row['agent_ms']:.1f} ms",
+                      f"{row['bare_ms']:.1f} ms (one kept connection)", f"{row['of_bare']:.2f}", "at least 0.50",
+                      row["of_bare"] >= 0.5)
+    if row := entry("CommitToAnswer"):
+        for quantile in ("p50", "p99"):
+            ours, parts = row[f"{quantile}_ms"], row[f"parts_{quantile}_ms"]
+            table.add(f"from the commit of a log to the answer, {quantile}", f"{ours:.2f} ms",
+                      f"{parts:.2f} ms (copy, block, index, request)", f"{ours / parts:.2f}")
+    if row := entry("MemoryOf50WaitingMebibytes"):
+        table.add("memory added by 50 waiting blocks of 1 MiB", f"{row['added_MiB']:.1f} MiB")
+    if row := entry("StartWith1000CommittedLogs"):
+        table.add("start with 1,000 committed logs, until none is left", f"{row['agent_ms']:.0f} ms",
+                  f"{row['bare_ms']:.0f} ms (list, read, remove)", f"{row['agent_ms'] / row['bare_ms']:.2f}")
+
+
 def json_writer(table):
     run = google("JSONBenchmark", "--benchmark_repetitions=5")
     if "BM_StreamedEvent" in run:
@@ -227,6 +251,7 @@ def main():
     dispatch(table)
     frames(table)
     json_writer(table)
+    uploads(table)
     print(table)
 
 

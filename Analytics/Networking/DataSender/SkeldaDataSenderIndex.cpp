@@ -150,17 +150,16 @@ void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
   savePending_ = true;
   // One timer at a time: a burst is written as often as the delay allows, not once a change.
   if (std::exchange(saveTimed_, true)) return;
-  saveQueue_->after(
-      platform::dispatchTimeAfter(kSaveDelay),
-      skelda::guarded([self = shared_from_this()] { self->onsavequeue_writeChanges(); }));
+  saveQueue_->after(platform::dispatchTimeAfter(kSaveDelay),
+                    skelda::guarded([self = shared_from_this()] {
+                      self->indexMapQueue_->sync([&] { self->saveTimed_ = false; });
+                      self->onsavequeue_writePending();
+                    }));
 }
 
-void SkeldaDataSenderIndex::onsavequeue_writeChanges() {
+void SkeldaDataSenderIndex::onsavequeue_writePending() {
   bool pending = false;
-  indexMapQueue_->sync([&] {
-    saveTimed_ = false;
-    pending = savePending_;
-  });
+  indexMapQueue_->sync([&] { pending = savePending_; });
   if (pending) onsavequeue_write();
 }
 

@@ -75,7 +75,7 @@ class SkeldaDataSenderIndex : public platform::Object,
   /// The files go now, off the map's queue; the index is written soon.
   void onqueue_didRemove(Blocks blocks);
   void onqueue_discardOldest(const std::string& dataKey);
-  void onsavequeue_writeChanges();
+  void onsavequeue_writePending();
   bool onsavequeue_write();
 
   const std::string fileName_;
