@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
 
 #include "Benchmarks/AgentBenchmark/Measurements.h"
 #include "Examples/MorningRun/SentLogKeeper.h"
@@ -68,12 +67,11 @@ Json burstAndRest(std::uint64_t events) {
   return {{"events", events}, {"ms_behind", (lastWritten() - called) * 1000}, {"rested", rested}};
 }
 
-void burstAndKill(std::uint64_t events, unsigned millisecondsLater) {
+void burstAndKill(std::uint64_t events, bool settled) {
   logEvent(0);
   rest();
   burst(events);
-  if (millisecondsLater != 0)
-    std::this_thread::sleep_for(std::chrono::milliseconds(millisecondsLater));
+  if (settled) rest();
   ::kill(::getpid(), SIGKILL);
   std::abort();
 }

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
   CLI::App app{"Measures the whole agent, one measurement a process.", "AgentBenchmark"};
   app.require_subcommand(1);
   unsigned threads = 1;
-  unsigned later = 0;
+  bool settled = false;
   std::uint64_t events = 1000;
   std::string folder;
   std::string scratch;
@@ -61,9 +61,9 @@ int main(int argc, char** argv) {
   bare->add_option("--scratch", scratch)->required();
   bare->add_flag("--with-transfer", withTransfer);
   add("resources", [&] { return measure::resources(events); })->add_option("--events", events);
-  auto* kill = add("kill", [&]() -> measure::Json { measure::burstAndKill(events, later); });
+  auto* kill = add("kill", [&]() -> measure::Json { measure::burstAndKill(events, settled); });
   kill->add_option("--events", events);
-  kill->add_option("--later", later);
+  kill->add_flag("--settled", settled);
   add("burst", [&] { return measure::burstAndRest(events); })->add_option("--events", events);
   CLI11_PARSE(app, argc, argv);
   // Nobody listens there: what is measured is the agent, not a network.
