@@ -118,13 +118,16 @@ void SkeldaKVStorage::onqueue_removeAll() {
   onqueue_save();
 }
 
+bool SkeldaKVStorage::isStorable(const platform::Value& object,
+                                 const std::optional<std::string>& key, std::string_view method) {
+  return SkeldaUtil::assertNotNil(object, method) && SkeldaUtil::assertNotNil(key, method) &&
+         SkeldaUtil::assert_(isPropertyList(object), method) &&
+         SkeldaUtil::assert_(platform::isValidUTF8(*key), method);
+}
+
 void SkeldaKVStorage::set(platform::Value object, const std::optional<std::string>& key,
                           std::string_view method) {
-  if (!SkeldaUtil::assertNotNil(object, method) || !SkeldaUtil::assertNotNil(key, method) ||
-      !SkeldaUtil::assert_(isPropertyList(object), method) ||
-      !SkeldaUtil::assert_(platform::isValidUTF8(*key), method)) {
-    return;
-  }
+  if (!isStorable(object, key, method)) return;
   asyncBlock([self = selfOf(this), key = *key, object = std::move(object)]() mutable {
     self->onqueue_change(std::move(key), std::move(object));
   });
@@ -133,6 +136,12 @@ void SkeldaKVStorage::set(platform::Value object, const std::optional<std::strin
 void SkeldaKVStorage::setObject(const platform::Value& object,
                                 const std::optional<std::string>& key) {
   set(object, key, "-[SkeldaKVStorage setObject:forKey:]");
+}
+
+void SkeldaKVStorage::storeObject(const platform::Value& object,
+                                  const std::optional<std::string>& key) {
+  if (!isStorable(object, key, "-[SkeldaKVStorage storeObject:forKey:]")) return;
+  syncBlock([&] { onqueue_change(*key, object); });
 }
 
 void SkeldaKVStorage::setString(const std::optional<std::string>& text,

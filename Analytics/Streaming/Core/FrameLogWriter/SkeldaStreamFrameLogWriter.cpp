@@ -207,19 +207,15 @@ void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame() {
   const std::string key(kFrameCounterKey);
   const auto last = static_cast<std::uint32_t>(storage->integerForKey(key));
   const auto counter = static_cast<std::int32_t>(last + 1U);
-  storage->setInteger(counter, key);
-  // The store is on disk when it answers, so that no log begins with a number that is given again.
-  storage->integerForKey(key);
+  // On disk before the frame is, so that no log begins with a number that is given again.
+  storage->storeObject(counter, key);
   const auto message = SkeldaStreamCounter::counterFrameWithCounter(counter);
   onqueue_writeData(serializer_->frameFromStreamMessage(*message), true);
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_setCrashFlag(bool crashed) {
-  const auto storage = SkeldaKVStorage::sharedInstance();
-  const std::string key(kCrashFlagKey);
-  storage->setBoolean(crashed, key);
-  // The store is on disk when it answers: the flag never lags behind the log.
-  storage->booleanForKey(key);
+  // On disk before the log is rolled: the flag never lags behind it.
+  SkeldaKVStorage::sharedInstance()->storeObject(crashed, std::string(kCrashFlagKey));
 }
 
 void SkeldaStreamFrameLogWriter::debugFrameData(const platform::Data& frameData,
