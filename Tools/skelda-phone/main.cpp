@@ -106,7 +106,8 @@ class Phone {
 
   /// Breaks off in the middle of the identifiers, stays away, and connects again.
   bool leaveAndComeBack() {
-    link_.send({WCPacket::Kind::userInfo, ++lastIdentifier_, identifiers()},
+    // The number is used again: what was not taken has not been sent.
+    link_.send({WCPacket::Kind::userInfo, lastIdentifier_ + 1, identifiers()},
                std::chrono::milliseconds(options_.slow),
                static_cast<std::size_t>(options_.leaveAfter));
     link_.hangUp();
@@ -170,7 +171,8 @@ int main(int argc, char** argv) {
       "Stands in for the paired phone: hands the watch its vendor and installation identifiers "
       "and\n"
       "waits for the acknowledgement.\n"
-      "Exit status: 0 acknowledged, 1 not acknowledged in time, 2 no watch at the socket.");
+      "Exit status: 0 acknowledged, or garbage refused, or silent to the end; 1 not so in time;\n"
+      "2 no watch at the socket.");
   app.add_option("socket", options.socket, "The watch host's Unix-domain socket")->required();
   app.add_option("--vendor-id", options.vendorIdentifier,
                  "Vendor identifier (default: a new UUID)");
