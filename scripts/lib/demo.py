@@ -4,6 +4,7 @@
 """
 
 import argparse
+import collections
 import hashlib
 import pathlib
 import plistlib
@@ -25,8 +26,7 @@ WIDTH = max(80, min(shutil.get_terminal_size((120, 24)).columns, 160))
 HUES = sys.stdout.isatty()
 STICKY = {132: "app state", 133: "app info", 139: "device", 140: "identifiers", 141: "session init", 146: "user",
           148: "locale", 149: "network", 156: "orientation", 162: "time zone"}
-CLOSED = {1: "the sticky set was complete", 3: "the session was finalized", 4: "found by the next start",
-          5: "forced", 6: "deletion asked for"}
+CLOSED = {1: "sticky set complete", 3: "session finalized", 4: "found by next start", 5: "forced", 6: "deletion asked for"}
 
 
 def hue(code, text):
@@ -53,7 +53,7 @@ def show_frames(log, heading):
 def run_host(home, collector, sent, *arguments, phone_after=None):
     """One start of the watch application, to its end; how many events it says were accepted."""
     socket = home.path / "phone.socket"
-    environment = home.environment(SSL_CERT_FILE=collector.authority)
+    environment = home.environment(SSL_CERT_FILE=collector.authority, LANG="de_CH.UTF-8", TZ="Europe/Zurich")
     arguments = ["--server", collector.url.replace("127.0.0.1", "localhost"), "--keep-sent", sent,
                  "--linger", "30", *arguments]
     if phone_after is not None:
@@ -72,26 +72,51 @@ def run_host(home, collector, sent, *arguments, phone_after=None):
         return host.number("accepted")
 
 
-def describe_log(number, frames, size):
-    kinds = {frame.type for frame in frames}
+def clock(milliseconds):
+    return time.strftime("%H:%M:%S", time.localtime(milliseconds / 1000)) + f".{milliseconds % 1000:03}"
+
+
+def sessions_of(frames):
+    """Each session that the log tells of, its id being the time at which it began."""
+    spans = {}
+    for frame in (frame for frame in frames if frame.type == frame_log.SESSION_ID):
+        start, end = (frame.payload[f"sk.session.elapsed.{which}.time"] for which in ("start", "end"))
+        spans[frame.payload["sk.session.id"]] = end - start if end else None
+    return ", ".join(f"{key} {clock(key)} to {'-' if took is None else clock(key + took)}"
+                     for key, took in spans.items()) or "-"
+
+
+def sticky_head(frames):
+    """The sticky types behind the counter, by which a log explains itself."""
     head = []
     for frame in frames[1:]:
         if frame.type not in STICKY:
             break
         head.append(frame.type)
-    events = sum(frame.type == frame_log.EVENT for frame in frames)
-    sessions = {}
-    for frame in frames:
-        if frame.type == frame_log.SESSION_ID:
-            end = frame.payload["sk.session.elapsed.end.time"]
-            start = frame.payload["sk.session.elapsed.start.time"]
-            sessions[frame.payload["sk.session.id"] % 100_000_000] = (
-                f"{(end - start) / 1000:.1f} s" if end else "open")
-    session = ", ".join(f"..{key:08} {state}" for key, state in sessions.items()) or "-"
-    extra = [name for kind, name in ((171, "properties"), (174, "opt-out"), (175, "delete")) if kind in kinds]
-    why = CLOSED.get(account.flush_of(frames), "not closed")
-    return (f"{number:>3} {account.counter_of(frames):>7} {size:>6} {len(frames):>6} {events:>6}  {len(head):>2} sticky"
-            f"  {session:<36} {why}{' (' + ', '.join(extra) + ')' if extra else ''}")
+    return sorted(head)
+
+
+def show_logs(logs, sizes):
+    print("  log counter  bytes frames events  head       session: id, start, end                    closed because")
+    before = None
+    for number, (frames, size) in enumerate(zip(logs, sizes), 1):
+        kinds = {frame.type for frame in frames}
+        head = sticky_head(frames)
+        if head and head != before:
+            print(textwrap.fill("head: " + ", ".join(f"{kind} {STICKY[kind]}" for kind in head), WIDTH - 2,
+                                initial_indent=" " * 6, subsequent_indent=" " * 12))
+            before = head
+        extra = [name for kind, name in ((171, "properties"), (174, "opt-out"), (175, "delete")) if kind in kinds]
+        show(f"{number:>3} {account.counter_of(frames):>7} {size:>6} {len(frames):>6}"
+             f" {sum(frame.type == frame_log.EVENT for frame in frames):>6}  {len(head):>2} sticky"
+             f"  {sessions_of(frames):<42} {CLOSED.get(account.flush_of(frames), 'not closed')}"
+             f"{' (' + ', '.join(extra) + ')' if extra else ''}", " ")
+
+
+def show_kinds(logs):
+    counts = collections.Counter((frame.type, frame_log.NAMES.get(frame.type, "")) for frames in logs for frame in frames)
+    print(textwrap.fill(", ".join(f"{kind} {name} x{count}" for (kind, name), count in sorted(counts.items())), WIDTH - 2,
+                        initial_indent="  frames by type: ", subsequent_indent=" " * 4, break_on_hyphens=False))
 
 
 def summary(home, collector, sent, accepted, threshold):
@@ -99,9 +124,9 @@ def summary(home, collector, sent, accepted, threshold):
     entries, received = collector.entries(), collector.logs()
     logs = [frame_log.frames_of(log) for log in received]
     title("What the collector received, log by log")
-    print("  log counter  bytes frames events  head       session, by the end of its id        closed because")
-    for number, (frames, log) in enumerate(zip(logs, received), 1):
-        show(describe_log(number, frames, len(log)), " ")
+    show_logs(logs, [len(log) for log in received])
+    print()
+    show_kinds(logs)
 
     open_log = frame_log.frames_in(home.current_log)
     starts = account.starts_of(logs)
