@@ -1,24 +1,10 @@
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/FileHandle.h"
-
-namespace {
-
-/// Runs one operation; what the platform throws is reported and becomes `failure`.
-template <class Result, class Operation>
-Result guarded(Result failure, Operation operation) {
-  try {
-    return operation();
-  } catch (...) {
-    SkeldaUtil::handleException(std::current_exception());
-    return failure;
-  }
-}
-
-}  // namespace
 
 std::shared_ptr<SkeldaStreamFileManager> SkeldaStreamFileManager::fileManager() {
   return std::make_shared<SkeldaStreamFileManager>();
@@ -32,7 +18,7 @@ bool SkeldaStreamFileManager::createIfNotPresentDirectoryAtPath(const Path& path
   constexpr std::string_view kMethod =
       "-[SkeldaStreamFileManager createIfNotPresentDirectoryAtPath:]";
   if (!SkeldaUtil::assertNotNil(path)) return false;
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     const auto manager = defaultFileManager();
     if (manager->fileExistsAtPath(*path)) return true;
     platform::ErrorRef error;
@@ -56,7 +42,7 @@ bool SkeldaStreamFileManager::copyFileFrom(const Path& source, const Path& desti
       !SkeldaUtil::assertNotNil(destination, kMethod)) {
     return false;
   }
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     const auto manager = defaultFileManager();
     platform::ErrorRef error;
     const auto log = [&](unsigned level) {
@@ -79,7 +65,7 @@ bool SkeldaStreamFileManager::copyFileFrom(const Path& source, const Path& desti
 bool SkeldaStreamFileManager::removeItemAtPath(const Path& path) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileManager removeItemAtPath:]";
   if (!SkeldaUtil::assertNotNil(path, kMethod)) return false;
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     const auto manager = defaultFileManager();
     if (!manager->fileExistsAtPath(*path)) return false;
     platform::ErrorRef error;
@@ -102,7 +88,7 @@ bool SkeldaStreamFileManager::removeItemAtPath(const Path& path) {
 bool SkeldaStreamFileManager::truncateFileAtPath(const Path& path) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileManager truncateFileAtPath:]";
   if (!SkeldaUtil::assertNotNil(path, kMethod)) return false;
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     if (!defaultFileManager()->fileExistsAtPath(*path)) {
       // Said whatever the log level: a log that should be there is gone.
       SKELDA_LOG(0, "{}: No file at path {}", kMethod, *path);
@@ -119,7 +105,7 @@ bool SkeldaStreamFileManager::truncateFileAtPath(const Path& path) {
 bool SkeldaStreamFileManager::createFileAtPath(const Path& path) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileManager createFileAtPath:]";
   if (!SkeldaUtil::assertNotNil(path, kMethod)) return false;
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     const auto manager = defaultFileManager();
     return manager->fileExistsAtPath(*path) || manager->createFileAtPath(*path);
   });
@@ -127,13 +113,14 @@ bool SkeldaStreamFileManager::createFileAtPath(const Path& path) {
 
 bool SkeldaStreamFileManager::isFilePresentAtPath(const Path& path) {
   if (!path) return false;
-  return guarded(false, [&] { return defaultFileManager()->fileExistsAtPath(*path); });
+  return skelda::guardedResult(false,
+                               [&] { return defaultFileManager()->fileExistsAtPath(*path); });
 }
 
 std::optional<std::vector<std::string>> SkeldaStreamFileManager::fileNamesAtPath(
     const Path& path, platform::ErrorRef* error) {
   platform::ErrorRef failure;
-  auto names = guarded(std::optional<std::vector<std::string>>(), [&] {
+  auto names = skelda::guardedResult(std::optional<std::vector<std::string>>(), [&] {
     return path ? defaultFileManager()->contentsOfDirectoryAtPath(*path, &failure) : std::nullopt;
   });
   if (!names && failure == nullptr) {

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <vector>
 
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Exception.h"
@@ -49,17 +50,6 @@ std::string_view classNameOf(const platform::Value& object) {
   }
 }
 
-/// Runs one operation; what is thrown goes to the sink and becomes `failure`.
-template <class Result, class Operation>
-Result guarded(Result failure, Operation operation) noexcept {
-  try {
-    return operation();
-  } catch (...) {
-    SkeldaUtil::handleException(std::current_exception());
-    return failure;
-  }
-}
-
 }  // namespace
 
 std::string SkeldaUtil::filePathDirectory() {
@@ -78,7 +68,7 @@ std::string SkeldaUtil::filePathDirectory() {
 }
 
 bool SkeldaUtil::synchronizeFilePathDirectory() noexcept {
-  return guarded(false, [] {
+  return skelda::guardedResult(false, [] {
     StorageFolder& folder = storageFolder();
     std::vector<std::string> folders;
     {
@@ -103,12 +93,13 @@ void SkeldaUtil::resetFilePathDirectory() {
 }
 
 bool SkeldaUtil::addSkipBackupAttributeToItemAtURL(const std::string& path) noexcept {
-  return guarded(false, [&] { return FileManager::defaultManager()->excludeFromBackup(path); });
+  return skelda::guardedResult(
+      false, [&] { return FileManager::defaultManager()->excludeFromBackup(path); });
 }
 
 bool SkeldaUtil::archiveObject(const platform::Value& object, const std::string& path) noexcept {
   if (object.dictionary() != nullptr) return archiveDictionary(object, path);
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     return _archiveObject({std::string(classNameOf(object)), object}, path);
   });
 }
@@ -120,7 +111,7 @@ bool SkeldaUtil::archiveObject(const platform::KeyedArchive& object,
 
 bool SkeldaUtil::archiveDictionary(const platform::Value& dictionary,
                                    const std::string& path) noexcept {
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     if (dictionary.dictionary() == nullptr) {
       SKELDA_LOG(2, "{}: Bad object. Attempted to save map to disk at path[{}]",
                  "+[SkeldaUtil archiveDictionary:toFile:]", path);
@@ -133,7 +124,7 @@ bool SkeldaUtil::archiveDictionary(const platform::Value& dictionary,
 bool SkeldaUtil::_archiveObject(const platform::KeyedArchive& object,
                                 const std::string& path) noexcept {
   constexpr std::string_view kMethod = "+[SkeldaUtil _archiveObject:toPath:]";
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     const bool saved =
         FileManager::defaultManager()->writeData(platform::archivedData(object), path, true);
     if (saved) {
@@ -164,7 +155,7 @@ std::optional<platform::KeyedArchive> SkeldaUtil::safeUnarchiveObjectWithFile(
   } catch (...) {
     // Want of memory says nothing about the file.
     handleException(std::current_exception());
-    guarded(0, [&] {
+    skelda::guardedResult(0, [&] {
       platform::setError(error, platform::posixError(ENOMEM, *path));
       return 0;
     });
@@ -177,7 +168,7 @@ bool SkeldaUtil::removeObjectAtPath(const std::string& path) noexcept {
 }
 
 bool SkeldaUtil::_removeObjectAtPath(const std::string& path) noexcept {
-  return guarded(false, [&] {
+  return skelda::guardedResult(false, [&] {
     platform::ErrorRef error;
     if (FileManager::defaultManager()->removeItemAtPath(path, &error)) return true;
     SKELDA_LOG(2, "Skelda: failed to remove object: {}", platform::description(error));
@@ -186,5 +177,6 @@ bool SkeldaUtil::_removeObjectAtPath(const std::string& path) noexcept {
 }
 
 bool SkeldaUtil::dataExistsAtPath(const std::string& path) noexcept {
-  return guarded(false, [&] { return FileManager::defaultManager()->fileExistsAtPath(path); });
+  return skelda::guardedResult(
+      false, [&] { return FileManager::defaultManager()->fileExistsAtPath(path); });
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/Once.h"
@@ -17,12 +18,7 @@ namespace skelda {
 template <class Result, class Body>
 Result publicEntry(Result refused, Body&& body) noexcept {
   if (platform::Log::insideSink()) return refused;
-  try {
-    return std::forward<Body>(body)();
-  } catch (...) {
-    SkeldaUtil::handleException(std::current_exception());
-    return refused;
-  }
+  return guardedResult(std::move(refused), std::forward<Body>(body));
 }
 
 template <class Body>

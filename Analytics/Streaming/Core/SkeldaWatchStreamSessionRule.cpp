@@ -15,6 +15,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -242,11 +243,7 @@ std::string SkeldaWatchStreamSessionRule::currentWatchSessionIdFilePath() {
 template <class Module>
 std::shared_ptr<Module> SkeldaWatchStreamSessionRule::moduleNamed(std::string_view key) const {
   if (!lookup_) return nullptr;
-  try {
-    return std::dynamic_pointer_cast<Module>(lookup_(key));
-  } catch (...) {
-    // The message that is being worked on matters more than the module.
-    SkeldaUtil::handleException(std::current_exception());
-    return nullptr;
-  }
+  // The message that is being worked on matters more than the module.
+  return skelda::guardedResult(std::shared_ptr<Module>(),
+                               [&] { return std::dynamic_pointer_cast<Module>(lookup_(key)); });
 }

@@ -15,6 +15,7 @@
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -93,16 +94,14 @@ platform::ObjectRef SkeldaStreamBaseManager::getObjectForProviderModule(
 }
 
 platform::ObjectRef SkeldaStreamBaseManager::moduleIfPresent(std::string_view key) noexcept {
-  platform::ObjectRef module;
-  try {
+  return skelda::guardedResult(platform::ObjectRef(), [&] {
+    platform::ObjectRef module;
     syncBlock([&] {
       const auto found = map_.find(key);
       if (found != map_.end()) module = found->second;
     });
-  } catch (...) {
-    SkeldaUtil::handleException(std::current_exception());
-  }
-  return module;
+    return module;
+  });
 }
 
 platform::ObjectRef SkeldaStreamBaseManager::onqueue_getIntanceForProtocolOrClass(
