@@ -197,11 +197,10 @@ void appendEscaped(std::string& out, std::string_view line) {
     } else if (c == '\t') {
       out += "\\t";
     } else {
-      fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<unsigned char>(c));
+      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
       // The second byte of a two-byte control character goes with the first.
       if (static_cast<unsigned char>(c) == 0xC2)
-        fmt::format_to(std::back_inserter(out), "\\x{:02x}",
-                       static_cast<unsigned char>(line[++at]));
+        out += fmt::format("\\x{:02x}", static_cast<unsigned char>(line[++at]));
     }
   }
 }
@@ -218,9 +217,10 @@ void appendPrefix(std::string& out) {
   clock_gettime(CLOCK_REALTIME, &now);
   std::tm parts{};
   gmtime_r(&now.tv_sec, &parts);
-  fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z [{}] ",
-                 parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
-                 parts.tm_sec, now.tv_nsec / 1000000, ::getpid());
+  // Not format_to(), which would bring the formatting of every kind of number into the library.
+  out += fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z [{}] ", parts.tm_year + 1900,
+                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+                     now.tv_nsec / 1000000, ::getpid());
 }
 
 void deliver(const Destination& destination, std::string_view line) {
