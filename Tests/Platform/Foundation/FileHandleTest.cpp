@@ -1,9 +1,7 @@
 #include "Platform/Foundation/FileHandle.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -79,24 +77,6 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
         << kind;
     plan->clear();
   }
-}
-
-TEST_F(FileHandleTest, AWriteThatMeetsTheEndOfTheDiskIsTakenBack) {
-  ChildProcess child([&] {
-    const struct ::rlimit limit { 12, 12 };
-    ::signal(SIGXFSZ, SIG_IGN);
-    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
-    const auto handle = FileHandle::forWritingAtPath(path_);
-    handle->seekToEndOfFile();
-    try {
-      handle->writeData(Data("too long"));
-      return 3;
-    } catch (const Exception&) {
-      return 0;
-    }
-  });
-  EXPECT_EQ(child.wait(), 0);
-  EXPECT_EQ(readFile(path_), "0123456789");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -97,23 +98,26 @@ class RandomPairs {
   std::mt19937_64 random_{20240501};
 };
 
-TEST(JSONWriterTest, WritesRandomValuesAsTheLibraryDoesByteForByte) {
+TEST(JSONTest, WritesRandomValuesAsTheLibraryDoesByteForByteAndReadsThemBack) {
   RandomPairs pairs;
   for (int i = 0; i < 4000; ++i) {
     const Pair pair = pairs.next();
-    for (const bool pretty : {false, true})
-      ASSERT_EQ(jsonText(pair.value, pretty), dumped(pair.json, pretty)) << "pair " << i;
+    for (const bool pretty : {false, true}) {
+      const std::string text = jsonText(pair.value, pretty);
+      ASSERT_EQ(text, dumped(pair.json, pretty)) << "pair " << i;
+      const auto again = readJSON(text);
+      ASSERT_TRUE(again);
+      // Texts that were not UTF-8 have become so on the way.
+      ASSERT_EQ(jsonText(*again, pretty), text);
+    }
   }
 }
 
 TEST(JSONWriterTest, WritesRandomBytesAsTheLibraryReplacesThem) {
   RandomPairs pairs;
   for (int i = 0; i < 4000; ++i) {
-    std::string bytes;
-    for (int word = 0; word < 3; ++word) {
-      const std::uint64_t bits = pairs.bits();
-      bytes.append(reinterpret_cast<const char*>(&bits), sizeof bits);
-    }
+    const std::array<std::uint64_t, 3> words{pairs.bits(), pairs.bits(), pairs.bits()};
+    const std::string bytes(reinterpret_cast<const char*>(words.data()), sizeof words);
     ASSERT_EQ(jsonText(bytes), dumped(bytes));
   }
 }
@@ -162,17 +166,6 @@ TEST(JSONWriterTest, WritesBytesAsBase64AndDatesAsMilliseconds) {
   EXPECT_EQ(jsonText(value), R"(["bGFw",1714566600123,-1])");
 }
 
-TEST(JSONReaderTest, ReadsBackWhatTheWriterWrites) {
-  RandomPairs pairs;
-  for (int i = 0; i < 2000; ++i) {
-    const Pair pair = pairs.next();
-    const auto once = readJSON(jsonText(pair.value, i % 2 == 0));
-    ASSERT_TRUE(once);
-    // Texts that were not UTF-8 have become so on the way.
-    ASSERT_EQ(jsonText(*once), jsonText(pair.value));
-  }
-}
-
 TEST(JSONReaderTest, TakesTheKindFromTheText) {
   const std::pair<const char*, Value> cases[] = {
       {" 1 ", 1},
@@ -192,34 +185,20 @@ TEST(JSONReaderTest, TakesTheKindFromTheText) {
 }
 
 TEST(JSONReaderTest, RefusesWhatIsNotOneValidText) {
-  const std::string_view cases[] = {"",
-                                    " ",
-                                    "{",
-                                    "[1,]",
-                                    "{\"a\"}",
-                                    "{1:2}",
-                                    "nul",
-                                    "1 2",
-                                    "[1]]",
-                                    "01",
-                                    "1e999",
-                                    "'a'",
-                                    "\"\n\"",
-                                    "// c\n1",
-                                    "+1",
-                                    "NaN",
-                                    "\"a",
-                                    "\"\xFF\"",
-                                    "\"\xED\xA0\x80\"",
-                                    "\"\\ud800\"",
-                                    {"1\0", 2},
-                                    "[\"\\x\"]"};
-  for (const std::string_view text : cases) {
+  const auto expectRefused = [](std::string_view text) {
     platform::ErrorRef error;
     EXPECT_FALSE(readJSON(text, &error)) << text;
     ASSERT_NE(error, nullptr) << text;
     EXPECT_EQ(error->code(), 3840);
-  }
+  };
+  for (const char* text :
+       {"", " ", "{", "[1,]", "{\"a\"}", "{1:2}", "nul", "1 2", "[1]]", "'a'", "// c\n1"})
+    expectRefused(text);
+  for (const char* text : {"01", "+1", "1e999", "NaN"}) expectRefused(text);
+  for (const char* text :
+       {"\"\n\"", "\"a", "\"\xFF\"", "\"\xED\xA0\x80\"", "\"\\ud800\"", "\"\\x\""})
+    expectRefused(text);
+  expectRefused({"1\0", 2});
 }
 
 TEST(JSONReaderTest, HoldsToItsLimits) {

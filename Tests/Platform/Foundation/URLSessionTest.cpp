@@ -26,6 +26,10 @@ std::shared_ptr<SessionProbe> perform(platform::URLRequest request,
   return probe;
 }
 
+void answerWell(ServerConnection& connection, const ReceivedRequest&) {
+  connection.answer(200, "ok");
+}
+
 platform::URLRequest getRequest(const std::string& url) {
   platform::URLRequest request;
   request.url = url;
@@ -52,8 +56,7 @@ TEST(URLSession, EveryAnswerOfAServerCompletesWithoutAnError) {
 }
 
 TEST(URLSession, OnTheWireStandsWhatWasAskedAndWhatHTTPNeeds) {
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  LoopbackServer server(answerWell);
   const std::string body(3 * 1024 * 1024, 'b');  // large enough to be asked for leave first
   for (const std::string_view method : {"POST", "PUT", "GET", "HEAD", "DELETE", "OPTIONS"}) {
     auto request = postRequest(server.url(), body);
@@ -99,8 +102,7 @@ TEST(URLSession, ProposesAndFollowsRedirects) {
 
 TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
   TestAuthority authority;
-  LoopbackServer plain(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  LoopbackServer plain(answerWell);
   std::string location;
   LoopbackServer secure(
       [&](ServerConnection& connection, const ReceivedRequest&) {
@@ -124,6 +126,7 @@ TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
 }
 
 TEST(URLSession, FailuresCarryTheirCodes) {
+  using namespace platform;  // NOLINT: the codes
   TestAuthority authority;
   const auto afterRequest = [](auto act) {
     return LoopbackServer::raw([act](ServerConnection& connection) {
@@ -134,64 +137,50 @@ TEST(URLSession, FailuresCarryTheirCodes) {
   const auto answering = [&](std::string bytes) {
     return afterRequest([bytes](ServerConnection& connection) { connection.send(bytes); });
   };
-  const auto secure = [&](TestCertificate certificate, int newestTLS = 0) {
-    return std::make_unique<LoopbackServer>(
-        [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
-        LoopbackServer::Options{certificate, newestTLS});
+  const auto secure = [](TestCertificate certificate, int newestTLS = 0) {
+    return std::make_unique<LoopbackServer>(answerWell,
+                                            LoopbackServer::Options{certificate, newestTLS});
   };
-  struct Case {
-    const char* what;
-    std::unique_ptr<LoopbackServer> server;
-    std::int64_t code;
+  const auto check = [](const char* what, std::unique_ptr<LoopbackServer> server,
+                        std::int64_t code) {
+    const auto probe = perform(postRequest(server->url(), std::string(200'000, 'x')));
+    EXPECT_EQ(probe->code, code) << what;
+    EXPECT_TRUE(probe->isURLError) << what;
+    EXPECT_EQ(probe->completions, 1) << what;
+    EXPECT_TRUE(code != kURLErrorServerCertificateUntrusted || server->requests().empty()) << what;
   };
-  std::vector<Case> cases;
-  cases.push_back({"reset in the request", LoopbackServer::raw([](ServerConnection& connection) {
-                     ReceivedRequest request;
-                     if (connection.readHead(request)) connection.reset();
-                   }),
-                   platform::kURLErrorNetworkConnectionLost});
-  cases.push_back({"reset instead of an answer",
-                   afterRequest([](ServerConnection& connection) { connection.reset(); }),
-                   platform::kURLErrorNetworkConnectionLost});
-  cases.push_back({"no answer", answering(""), platform::kURLErrorNetworkConnectionLost});
-  cases.push_back({"half an answer", answering("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
-                   platform::kURLErrorNetworkConnectionLost});
-  cases.push_back({"an answer that is none", answering("SSH-2.0-server\r\n\r\n"),
-                   platform::kURLErrorBadServerResponse});
-  cases.push_back({"a status line without a status", answering("HTTP/200 OK\r\n\r\n"),
-                   platform::kURLErrorBadServerResponse});
-  cases.push_back({"another authority", secure(authority.issueUntrusted()),
-                   platform::kURLErrorServerCertificateUntrusted});
-  cases.push_back({"an expired certificate", secure(authority.issue("IP:127.0.0.1", -1h)),
-                   platform::kURLErrorServerCertificateUntrusted});
-  cases.push_back({"another name", secure(authority.issue("DNS:other.example")),
-                   platform::kURLErrorServerCertificateUntrusted});
-  cases.push_back({"an old TLS", secure(authority.issue(), TLS1_1_VERSION),
-                   platform::kURLErrorSecureConnectionFailed});
-  for (const auto& one : cases) {
-    const auto probe = perform(postRequest(one.server->url(), std::string(200'000, 'x')));
-    EXPECT_EQ(probe->code, one.code) << one.what;
-    EXPECT_TRUE(probe->isURLError) << one.what;
-    EXPECT_EQ(probe->completions, 1) << one.what;
-  }
-  for (const auto& one : cases) {
-    if (one.code == platform::kURLErrorServerCertificateUntrusted) {
-      EXPECT_TRUE(one.server->requests().empty()) << one.what;
-    }
-  }
+  check("reset in the request", LoopbackServer::raw([](ServerConnection& connection) {
+          ReceivedRequest request;
+          if (connection.readHead(request)) connection.reset();
+        }),
+        kURLErrorNetworkConnectionLost);
+  check("reset instead of an answer",
+        afterRequest([](ServerConnection& connection) { connection.reset(); }),
+        kURLErrorNetworkConnectionLost);
+  check("no answer", answering(""), kURLErrorNetworkConnectionLost);
+  check("half an answer", answering("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
+        kURLErrorNetworkConnectionLost);
+  check("an answer that is none", answering("SSH-2.0-server\r\n\r\n"), kURLErrorBadServerResponse);
+  check("a status line without a status", answering("HTTP/200 OK\r\n\r\n"),
+        kURLErrorBadServerResponse);
+  check("another authority", secure(authority.issueUntrusted()),
+        kURLErrorServerCertificateUntrusted);
+  check("an expired certificate", secure(authority.issue("IP:127.0.0.1", -1h)),
+        kURLErrorServerCertificateUntrusted);
+  check("another name", secure(authority.issue("DNS:other.example")),
+        kURLErrorServerCertificateUntrusted);
+  check("an old TLS", secure(authority.issue(), TLS1_1_VERSION), kURLErrorSecureConnectionFailed);
 
   auto plain = LoopbackServer::raw([](ServerConnection& connection) { connection.send("plain"); });
-  const std::string port = std::to_string(plain->port());
-  EXPECT_EQ(perform(getRequest("https://127.0.0.1:" + port))->code,
-            platform::kURLErrorSecureConnectionFailed);
+  const std::string address = "127.0.0.1:" + std::to_string(plain->port());
+  EXPECT_EQ(perform(getRequest("https://" + address))->code, kURLErrorSecureConnectionFailed);
   plain.reset();
-  EXPECT_EQ(perform(getRequest("http://127.0.0.1:" + port))->code,
-            platform::kURLErrorCannotConnectToHost);
-  EXPECT_EQ(perform(getRequest("http:// no url"))->code, platform::kURLErrorBadURL);
-  EXPECT_EQ(perform(getRequest("file:///etc/hostname"))->code, platform::kURLErrorUnsupportedURL);
-  auto injected = getRequest("http://127.0.0.1:" + port);
+  EXPECT_EQ(perform(getRequest("http://" + address))->code, kURLErrorCannotConnectToHost);
+  EXPECT_EQ(perform(getRequest("http:// no url"))->code, kURLErrorBadURL);
+  EXPECT_EQ(perform(getRequest("file:///etc/hostname"))->code, kURLErrorUnsupportedURL);
+  auto injected = getRequest("http://" + address);
   injected.headerFields = {{"X-Key", "a\r\nX-Other: b"}};
-  EXPECT_EQ(perform(std::move(injected))->code, platform::kURLErrorBadURL);
+  EXPECT_EQ(perform(std::move(injected))->code, kURLErrorBadURL);
 }
 
 TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
@@ -231,13 +220,6 @@ TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
   EXPECT_EQ(undecided->code, platform::kURLErrorTimedOut);
 }
 
-std::size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t total = 0, resident = 0;
-  statm >> total >> resident;
-  return resident * 4096;
-}
-
 TEST(URLSession, AnAnswerWithoutEndIsCutOffAndCountsByItsStatus) {
   const std::string block(256 * 1024, 'z');
   std::atomic<std::size_t> sent = 0;
@@ -245,18 +227,11 @@ TEST(URLSession, AnAnswerWithoutEndIsCutOffAndCountsByItsStatus) {
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
     while (sent < 1073741824 && connection.send(block)) sent += block.size();
   });
-  perform(getRequest("http://127.0.0.1:1/"));  // what the library takes for itself is there now
-  const std::size_t before = residentBytes();
   const auto probe = perform(postRequest(server.url(), "bytes"));
   EXPECT_EQ(probe->status(), 200);
   EXPECT_EQ(probe->code, 0);
   EXPECT_EQ(probe->body.length(), 64u * 1024);
   EXPECT_LT(sent, 64u * 1024 * 1024);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LT(residentBytes(), before + 1024 * 1024);
-#else
-  static_cast<void>(before);
-#endif
 }
 
 TEST(URLSession, ACancelledTaskEndsOnceWhateverItWasDoing) {
@@ -264,35 +239,30 @@ TEST(URLSession, ACancelledTaskEndsOnceWhateverItWasDoing) {
     if (request.target == "/hold") connection.server().hold();
     connection.answer(200);
   });
-  const auto probe = std::make_shared<SessionProbe>();
-  const auto session = platform::URLSession::session({}, probe);
+  std::vector<std::shared_ptr<SessionProbe>> probes;
+  const auto newProbe = [&] { return probes.emplace_back(std::make_shared<SessionProbe>()); };
+  const auto session = platform::URLSession::session({}, newProbe());
   const auto unstarted = session->dataTask(getRequest(server.url("/never")));
   unstarted->cancel();
   unstarted->resume();
-  ASSERT_TRUE(probe->wait());
-  EXPECT_EQ(probe->code, platform::kURLErrorCancelled);
 
-  const auto running = std::make_shared<SessionProbe>();
-  const auto task = startRequest(running, postRequest(server.url("/hold"), "bytes"));
+  const auto running = startRequest(newProbe(), postRequest(server.url("/hold"), "bytes"));
   ASSERT_TRUE(server.waitForRequests(1));
-  task->cancel();
-  task->cancel();
-  ASSERT_TRUE(running->wait());
-  EXPECT_EQ(running->code, platform::kURLErrorCancelled);
-
+  running->cancel();
+  running->cancel();
+  for (const auto& each : probes) {
+    ASSERT_TRUE(each->wait());
+    EXPECT_EQ(each->code, platform::kURLErrorCancelled);
+  }
   // Cancelled from another thread while it is starting or ending.
-  std::vector<std::shared_ptr<SessionProbe>> probes;
   for (int i = 0; i < 50; ++i) {
-    probes.push_back(std::make_shared<SessionProbe>());
-    const auto raced = startRequest(probes.back(), getRequest(server.url()));
+    const auto raced = startRequest(newProbe(), getRequest(server.url()));
     if (i % 2 == 0) std::this_thread::yield();
     raced->cancel();
   }
   for (const auto& each : probes) ASSERT_TRUE(each->wait());
   perform(getRequest(server.url()));  // whatever came late has come
   for (const auto& each : probes) EXPECT_EQ(each->completions, 1);
-  EXPECT_EQ(probe->completions, 1);
-  EXPECT_EQ(running->completions, 1);
 }
 
 bool networkThreadRuns() {
@@ -306,9 +276,7 @@ bool networkThreadRuns() {
 
 TEST(URLSession, SessionsShareConnectionsAndLeaveNothingBehindWhenIdle) {
   TestAuthority authority;
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200, "ok"); },
-      {authority.issue()});
+  LoopbackServer server(answerWell, {authority.issue()});
   for (int i = 0; i < 20; ++i) EXPECT_EQ(perform(postRequest(server.url(), "b"))->status(), 200);
   EXPECT_EQ(server.connections(), 1u);
   EXPECT_TRUE(networkThreadRuns());
@@ -335,12 +303,11 @@ TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
   std::unique_ptr<TestAuthority> authority;
   std::unique_ptr<LoopbackServer> server;
   ScopedEnvironment environment;
-  if (std::getenv(kServer) ==
-      nullptr) {  // in the parent: the child exits, its server would as well
+  // In the parent: the child exits, its server would as well.
+  if (std::getenv(kServer) == nullptr) {
     authority = std::make_unique<TestAuthority>();
-    server = std::make_unique<LoopbackServer>(
-        [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
-        LoopbackServer::Options{authority->issue()});
+    server =
+        std::make_unique<LoopbackServer>(answerWell, LoopbackServer::Options{authority->issue()});
     environment.set(kServer, server->url());
   }
   EXPECT_EXIT(
