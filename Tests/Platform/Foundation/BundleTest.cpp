@@ -74,14 +74,4 @@ TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
   EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
 }
 
-TEST_F(BundleTest, TakesAnotherMainBundleForAWhile) {
-  const auto own = Bundle::main();
-  EXPECT_TRUE(std::filesystem::equivalent(own->executablePath(), "/proc/self/exe"));
-  const auto other = std::make_shared<const Bundle>("/b", "/b/p", platform::Dictionary());
-  Bundle::setMain(other);
-  EXPECT_EQ(Bundle::main(), other);
-  Bundle::setMain(nullptr);
-  EXPECT_EQ(Bundle::main(), own);
-}
-
 }  // namespace

@@ -30,14 +30,6 @@ TEST(TimerTest, ARepeatingTimerKeepsItsRasterUntilItsTickInvalidatesIt) {
   queue->sync([&] { EXPECT_EQ(ticks, 5); });
 }
 
-TEST(TimerTest, ATimerThatFiresOnceIsInvalidAfterwards) {
-  Happening fired;
-  const auto timer =
-      Timer::scheduled(milliseconds(1), false, Queue::global(), [&](Timer&) { fired.happen(); });
-  ASSERT_TRUE(fired.cameInTime());
-  EXPECT_FALSE(timer->isValid());
-}
-
 TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
   const QueueRef queue = Queue::serial("ticks");
   const auto held = std::make_shared<int>();

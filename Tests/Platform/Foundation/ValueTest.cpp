@@ -23,8 +23,6 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
     Value a, b;
     bool equal;
   } cases[] = {
-      {1, 1U, true},
-      {true, 1, true},
       {false, 0.0F, true},
       {-1, kUnsignedMax, false},
       // Neither fits a double, which rounds both to 2 to the 63rd and 64th.
@@ -33,8 +31,6 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
       {kUnsignedMax, 18446744073709551616.0, false},
       {(std::int64_t{1} << 53) + 1, 9007199254740992.0, false},
       {std::uint64_t{1} << 63, 9223372036854775808.0, true},
-      {0.1F, 0.1, false},
-      {1, 1.5, false},
       {kNaN, kNaN, true},
       {"1", 1, false},
       {nullptr, 0, false},
@@ -52,21 +48,16 @@ TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
     std::uint64_t unsignedInteger;
     double real;
   } cases[] = {
-      {true, 1, 1, 1},
       {kUnsignedMax, kSignedMax, kUnsignedMax, 18446744073709551616.0},
       {-2.9, -2, 0, -2.9},
       {1e300, kSignedMax, kUnsignedMax, 1e300},
-      {-1e300, kSignedMin, 0, -1e300},
       {kInfinity, kSignedMax, kUnsignedMax, kInfinity},
       {"  42 laps", 42, 42, 42},
-      {"+5.75", 5, 5, 5.75},
       {"1e3", 1, 1, 1000},
       {"99999999999999999999", kSignedMax, kUnsignedMax, 1e20},
       {"-9223372036854775808", kSignedMin, 0, -9223372036854775808.0},
       {"1e999", 1, 1, std::numeric_limits<double>::max()},
-      {"1e-999", 1, 1, 0},
       {"--5", 0, 0, 0},
-      {"inf", 0, 0, 0},
       {"lap 3", 0, 0, 0},
       {nullptr, 0, 0, 0},
   };
@@ -94,19 +85,14 @@ TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {
       {kUnsignedMax, "18446744073709551615"},
       {3.0, "3"},
       {-0.0, "-0"},
-      {1e20, "1e+20"},
-      {0.1, "0.1"},
       {0.1F, "0.1"},
-      {16777216.0F, "16777216"},
       {1.0F / 3, "0.33333334"},
-      {5e-324, "5e-324"},
       {kNaN, "nan"},
       {-kInfinity, "-inf"},
       {"as it is\n", "as it is\n"},
       {platform::Data("\0\1", 2), "AAE="},
       {platform::Date(platform::Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
       {platform::Date(platform::Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
-      {Array{1, 2.0, "x"}, R"([1,2.0,"x"])"},
       {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"},
   };
   for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
@@ -142,9 +128,7 @@ TEST(DateTest, RoundsSecondsToTheNearestMicrosecondAndSaturates) {
   const std::pair<double, std::int64_t> cases[] = {
       {1714566600.123456, 1714566600123456},
       {-0.0000015, -2},
-      {0.0000004, 0},
       {1e300, kSignedMax},
-      {-1e300, kSignedMin},
       {kNaN, 0},
   };
   for (const auto& [seconds, microseconds] : cases)
