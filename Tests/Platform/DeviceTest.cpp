@@ -3,7 +3,6 @@
 #include <filesystem>
 
 #include "Platform/Foundation/Bundle.h"
-#include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Kernel/Kernel.h"
 #include "Platform/WatchKit/WKInterfaceDevice.h"
@@ -31,15 +30,14 @@ class DeviceTest : public ::testing::Test {
 };
 
 TEST_F(DeviceTest, WhatTheMachineDoesNotHaveIsNothing) {
-  EXPECT_EQ(platform::hostVirtualMemoryStatistics().has_value(), false);
-  EXPECT_EQ(platform::taskThreadsCPUUsage(), std::nullopt);
-  EXPECT_EQ(platform::machineID(), std::nullopt);
+  EXPECT_FALSE(platform::hostVirtualMemoryStatistics());
+  EXPECT_FALSE(platform::taskThreadsCPUUsage());
   EXPECT_EQ(device_.identifierForVendor(), "");
   EXPECT_EQ(device_.screenBounds().width, 0);
   EXPECT_NE(device_.systemVersion(), "") << "the kernel's release at least";
   EXPECT_NE(device_.model(), "") << "the architecture at least";
   have("/proc/meminfo", "MemTotal: many kB\nMemFree:");
-  EXPECT_EQ(platform::hostVirtualMemoryStatistics().has_value(), false);
+  EXPECT_FALSE(platform::hostVirtualMemoryStatistics());
   for (const auto text : {"", "\n", "uninitialized\n", "0123456789abcdef0123456789abcdeg"}) {
     have("/etc/machine-id", text);
     EXPECT_EQ(platform::machineID(), std::nullopt) << text;
@@ -79,15 +77,10 @@ TEST_F(DeviceTest, CPUUsageIsTheSumOverTheThreadsThatAreStillThere) {
   EXPECT_GE(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
 }
 
-TEST_F(DeviceTest, TimeSinceBootGoesOnAndAgreesWithTheClock) {
-  const auto before = *platform::uptime();
-  EXPECT_GT(before.count(), 0);
+TEST_F(DeviceTest, TheBootTimeAgreesWithTheUptime) {
   const auto gap = platform::Date::now() - *platform::bootTime();
-  EXPECT_GE(gap + platform::Date::Microseconds(1),
-            std::chrono::duration_cast<platform::Date::Microseconds>(before));
-  EXPECT_LT(std::chrono::abs(gap - std::chrono::duration_cast<platform::Date::Microseconds>(
-                                       *platform::uptime())),
-            std::chrono::seconds(5));
+  EXPECT_GT(platform::uptime()->count(), 0);
+  EXPECT_LT(std::chrono::abs(gap - *platform::uptime()), std::chrono::seconds(5));
 }
 
 TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {
@@ -129,11 +122,6 @@ TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   EXPECT_NE(first, identifier('b', "com.example.a"));
   EXPECT_NE(first, identifier('a', "com.example.b"));
   platform::Bundle::setMain(nullptr);
-}
-
-TEST(WatchKitTest, TheDeviceIsFoundByName) {
-  EXPECT_EQ(platform::ClassRegistry::shared().make("WKInterfaceDevice"),
-            platform::WKInterfaceDevice::currentDevice());
 }
 
 }  // namespace

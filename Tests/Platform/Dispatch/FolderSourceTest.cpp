@@ -10,18 +10,16 @@
 #include <functional>
 
 #include "Tests/Platform/Dispatch/Waiting.h"
+#include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-class FolderSourceTest : public testing::Test {
+class FolderSourceTest : public ::testing::Test {
  protected:
   FolderSourceTest() {
-    std::string name = (fs::temp_directory_path() / "folder-source-XXXXXX").string();
-    outer_ = mkdtemp(name.data());
-    folder_ = outer_ / "watched";
     fs::create_directory(folder_);
     descriptor_ = open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     source_ = watch();
@@ -30,7 +28,6 @@ class FolderSourceTest : public testing::Test {
     source_->cancel();
     expectDrained(queue_);
     close(descriptor_);
-    fs::remove_all(outer_);
   }
   std::shared_ptr<FolderSource> watch() {
     auto source = FolderSource::make(descriptor_, queue_);
@@ -47,8 +44,9 @@ class FolderSourceTest : public testing::Test {
                              [&] { return (seen_ & events) == events; });
   }
 
-  fs::path outer_;
-  fs::path folder_;
+  const skelda::testing::TemporaryDirectory temporary_;
+  const fs::path outer_ = temporary_.path();
+  const fs::path folder_ = outer_ / "watched";
   int descriptor_ = -1;
   QueueRef queue_ = Queue::serial("events");
   std::atomic<unsigned> seen_{0};

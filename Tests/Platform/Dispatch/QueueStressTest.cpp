@@ -138,23 +138,5 @@ TEST(QueueStressTest, QueuesOverQueuesKeepTheirPromisesUnderAnyMix) {
   EXPECT_EQ(total, static_cast<int>(kThreads) * kSubmissions);
 }
 
-TEST(QueueStressTest, ThreadsThatTakeAQueueInTurnsLoseNothing) {
-  const QueueRef target = Queue::serial("target");
-  for (const QueueRef& queue : {Queue::serial("plain"), Queue::serial("above", target)}) {
-    int count = 0;
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&] {
-        for (int j = 0; j < kSubmissions; ++j) {
-          if (j % 3 == 0) queue->async([&count] { ++count; });
-          if (j % 3 != 0) queue->sync([&count] { ++count; });
-        }
-      });
-    }
-    for (auto& thread : threads) thread.join();
-    queue->sync([&] { EXPECT_EQ(count, static_cast<int>(kThreads) * kSubmissions); });
-  }
-}
-
 }  // namespace
 }  // namespace skelda::platform

@@ -77,17 +77,12 @@ TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
   const QueueRef top = Queue::serial("top", middle);
   const QueueRef other = Queue::serial("other", bottom);
   const auto look = [&] {
-    EXPECT_TRUE(top->isCurrent());
-    EXPECT_TRUE(middle->isCurrent());
-    EXPECT_TRUE(bottom->isCurrent());
+    for (const QueueRef& queue : {top, middle, bottom}) EXPECT_TRUE(queue->isCurrent());
     EXPECT_FALSE(other->isCurrent());
   };
   top->async(look);
   top->sync(look);
-  middle->sync([&] {
-    EXPECT_FALSE(top->isCurrent());
-    EXPECT_TRUE(bottom->isCurrent());
-  });
+  middle->sync([&] { EXPECT_TRUE(bottom->isCurrent() && !top->isCurrent()); });
 }
 
 TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
@@ -185,10 +180,8 @@ TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocks) {
 
 TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {
   const Happening ran;
-  std::weak_ptr<Queue> watched;
   {
     const QueueRef queue = Queue::serial("short-lived", Queue::concurrent("as short"));
-    watched = queue;
     for (int i = 0; i < 300; ++i) queue->async([] { std::this_thread::yield(); });
     queue->async([ran] { ran.happen(); });
   }

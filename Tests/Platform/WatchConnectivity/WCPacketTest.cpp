@@ -5,22 +5,8 @@
 #include "Platform/Platform.h"
 
 using platform::Data;
-using platform::Dictionary;
 using platform::WCPacket;
 using platform::WCPacketFraming;
-
-TEST(WCPacket, EveryKindComesBackAsItWent) {
-  const Dictionary content{{"skelda://id1", "ÆØÅ"}, {"n", 3}, {"inner", {{"a", true}}}};
-  for (auto kind : {WCPacket::Kind::userInfo, WCPacket::Kind::received, WCPacket::Kind::message}) {
-    const WCPacket packet{kind, kind == WCPacket::Kind::message ? 0u : 7u,
-                          kind == WCPacket::Kind::received ? Dictionary{} : content};
-    const auto back = WCPacket::decoded(packet.encoded().view());
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back->kind, packet.kind);
-    EXPECT_EQ(back->identifier, packet.identifier);
-    EXPECT_EQ(back->content, packet.content);
-  }
-}
 
 TEST(WCPacket, WhatIsNoPacketIsRefused) {
   for (const char* text :

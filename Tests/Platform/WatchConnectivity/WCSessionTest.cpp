@@ -103,16 +103,4 @@ TEST_F(WCSessionTest, BytesThatAreNoPacketCostThePeerItsLink) {
   EXPECT_FALSE(watch_->sendMessage({{"a", 1}}));
 }
 
-TEST_F(WCSessionTest, ObserversHearOfEveryDelegateWithOldAndNew) {
-  std::vector<std::pair<const void*, const void*>> seen;
-  const auto token = watch_->addDelegateObserver(
-      [&](const auto& old, const auto& fresh) { seen.emplace_back(old.get(), fresh.get()); });
-  watch_->setDelegate(nullptr);
-  watch_->setDelegate(atPhone_);
-  watch_->removeDelegateObserver(token);
-  watch_->setDelegate(atWatch_);
-  EXPECT_THAT(seen, ElementsAre(std::pair<const void*, const void*>(atWatch_.get(), nullptr),
-                                std::pair<const void*, const void*>(nullptr, atPhone_.get())));
-}
-
 }  // namespace

@@ -5,13 +5,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TemporaryDirectory.h"
 #include "Tools/skelda-phone/PhoneLink.h"
 
 using namespace std::chrono_literals;
@@ -23,22 +21,19 @@ namespace {
 class WCSocketTransportTest : public testing::Test {
  protected:
   WCSocketTransportTest() {
-    char folder[] = "/tmp/skelda-socket-XXXXXX";
-    folder_ = ::mkdtemp(folder);
     session_ = open(path());
     session_->setDelegate(delegate_);
     session_->activateSession();
     delegate_->wait(1);
   }
-  ~WCSocketTransportTest() override { std::filesystem::remove_all(folder_); }
 
   static std::shared_ptr<platform::WCDefaultSession> open(const std::string& path) {
     return platform::WCDefaultSession::make(platform::WCSocketTransport::make(path));
   }
-  std::string path() const { return folder_ + "/watch.sock"; }
+  std::string path() const { return folder_ / "watch.sock"; }
   static PhoneLink::Clock::time_point soon() { return PhoneLink::Clock::now() + 10s; }
 
-  std::string folder_;
+  skelda::testing::TemporaryDirectory folder_;
   std::shared_ptr<platform::WCDefaultSession> session_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 };
@@ -89,30 +84,26 @@ TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
 }
 
 TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
-  const auto second = open(path());
-  const auto delegate = std::make_shared<RecordingDelegate>();
-  second->setDelegate(delegate);
-  second->activateSession();
-  EXPECT_THAT(delegate->wait(1), testing::ElementsAre("not activated"));
+  const auto outcomeOf = [](const std::string& socket) {
+    const auto session = open(socket);
+    const auto delegate = std::make_shared<RecordingDelegate>();
+    session->setDelegate(delegate);
+    session->activateSession();
+    return delegate->wait(1);
+  };
+  EXPECT_THAT(outcomeOf(path()), testing::ElementsAre("not activated"));
 
   // A process that was killed leaves its socket behind.
-  const std::string stale = folder_ + "/stale.sock";
-  const pid_t child = ::fork();
-  if (child == 0) {
+  const std::string stale = folder_ / "stale.sock";
+  skelda::testing::ChildProcess child([&] {
     const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     stale.copy(address.sun_path, sizeof address.sun_path - 1);
-    ::_exit(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
-  }
-  int exitStatus = -1;
-  ASSERT_EQ(::waitpid(child, &exitStatus, 0), child);
-  ASSERT_EQ(exitStatus, 0);
-  const auto third = open(stale);
-  const auto heard = std::make_shared<RecordingDelegate>();
-  third->setDelegate(heard);
-  third->activateSession();
-  EXPECT_THAT(heard->wait(1), testing::ElementsAre("activated"));
+    return ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  });
+  ASSERT_EQ(child.wait(), 0);
+  EXPECT_THAT(outcomeOf(stale), testing::ElementsAre("activated"));
 }
 
 }  // namespace
