@@ -23,7 +23,7 @@ import threading
 import time
 
 import frame_log
-from support import Collector, Home, Process, eventually, give_identifiers
+from support import Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -126,10 +126,9 @@ class Usage:
 
 
 class Chaos:
-    def __init__(self, minutes, seed, say=print):
+    def __init__(self, minutes, seed):
         self.length = minutes * 60
         self.chance = random.Random(seed)
-        self.say = say
         self.home = Home()
         self.sent = self.home.path / "sent"
         self.sent.mkdir()
@@ -141,14 +140,14 @@ class Chaos:
         self.untrusted = 0
         self.collector_output = []
         self.host = None
-        self.mounted = False
+        self.small = None  # where a disk that fills may be mounted
         self.host_lines = []
 
     # The pieces
 
     def prepare(self):
         if ROOT_USER:
-            self.mount_small_disk()
+            self.small = move_to_small_disk(self.home, 16)
         give_identifiers(self.home)
         self.home.committed.mkdir(parents=True)
         self.collector = Collector(self.home.path / "collector")
@@ -164,23 +163,15 @@ class Chaos:
         self.blocks = Tap(self.home.storage, lambda name: len(name) == 36 and name.count("-") == 4)
         self.addresses = Addresses()
 
-    def mount_small_disk(self):
-        small = self.home.path / "small"
-        small.mkdir()
-        done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", small], capture_output=True)
-        if done.returncode != 0:
-            return
-        self.mounted = True
-        (self.home.path / "data").rmdir()
-        (small / "data").mkdir()
-        (self.home.path / "data").symlink_to(small / "data")
+    def start(self, *arguments):
+        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
+        host = self.home.start(*arguments, "--server", self.collector.url, "--keep-sent", self.sent,
+                               environment=self.environment, **as_nobody)
+        self.addresses.pid = host.pid
+        return host
 
     def start_host(self):
-        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
-        self.host = self.home.start("--rate", str(RATE), "--events", "100000000", "--threads", "2", "--server",
-                                    self.collector.url, "--keep-sent", self.sent, environment=self.environment,
-                                    **as_nobody)
-        self.addresses.pid = self.host.pid
+        self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", "2")
 
     def end_host(self):
         if self.host.child.poll() is not None:
@@ -223,12 +214,10 @@ class Chaos:
         self.untrusted += 1
 
     def fill_disk(self, seconds):
-        if not self.mounted:
+        if not self.small:
             return
-        ballast = self.home.path / "small" / "ballast"
-        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
-            while True:
-                file.write(bytes(1024))
+        ballast = self.small / "ballast"
+        fill(ballast)
         self.counts["full disks"] += 1
         time.sleep(seconds)
         ballast.unlink()
@@ -312,19 +301,14 @@ class Chaos:
         self.usage = (usage, Usage.of(self.host.pid))
         self.end_host()
         for _ in range(2):
-            as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
-            with self.home.start("--rate", "20", "--events", "40", "--server", self.collector.url, "--keep-sent",
-                                 self.sent, "--linger", "60", environment=self.environment, **as_nobody) as last:
-                self.addresses.pid = last.pid
+            with self.start("--rate", "20", "--events", "40", "--linger", "60") as last:
                 last.wait(120)
         waiting = eventually(lambda: not self.home.blocks() and not self.home.committed_logs(), within=5)
         if not waiting:
             self.problems.append(f"{len(self.home.blocks())} blocks and {len(self.home.committed_logs())} committed "
                                  "logs are left when all is well")
-        strange = [p.name for p in [*self.home.storage.iterdir(), *self.home.support.iterdir()]
-                   if "tmp" in p.name.lower() or p.suffix == ".new"]
-        if strange:
-            self.problems.append(f"left behind: {strange}")
+        if self.home.leftovers():
+            self.problems.append(f"left behind: {self.home.leftovers()}")
         self.committed.stop()
         self.blocks.stop()
         self.addresses.ending = True
@@ -395,8 +379,8 @@ class Chaos:
         for process in (self.host, getattr(self, "collector", None) and self.collector.process):
             if isinstance(process, Process):
                 process.__exit__()
-        if self.mounted:
-            subprocess.run(["umount", "-l", self.home.path / "small"], check=False)
+        if self.small:
+            subprocess.run(["umount", "-l", self.small], check=False)
         self.home.close()
 
     def __enter__(self):

@@ -3,8 +3,6 @@
 A frame log is frames back to back. A frame: one byte of version (low four bits) and byte order (bit
 7), three bytes of type, two signed 64-bit times in milliseconds (since 1970, since boot), the
 payload's length in 32 bits, the payload, and for version 0 a CRC-32 of all that. Little-endian.
-
-    python3 Tests/EndToEnd/frame_log.py FILE...     prints the frames; exits 1 where a log is torn
 """
 
 import base64
@@ -12,18 +10,11 @@ import dataclasses
 import json
 import pathlib
 import struct
-import sys
 import zlib
 
 HEADER = 24
 
 FLUSH, COUNTER, SESSION_ID, EVENT = 1, 2, 128, 134
-NAMES = {
-    1: "flush", 2: "counter", 128: "session id", 132: "app state", 133: "app info", 134: "event",
-    139: "device properties", 140: "reported identifiers", 141: "session init info", 146: "user id",
-    148: "locale", 149: "network status", 153: "session device properties", 156: "app orientation",
-    162: "time zone", 171: "user properties", 174: "CCPA opt-out", 175: "CCPA delete",
-}
 
 
 class Torn(Exception):
@@ -108,19 +99,3 @@ def frames_of(data):
 def frames_in(path):
     return frames_of(pathlib.Path(path).read_bytes())
 
-
-def main(paths):
-    status = 0
-    for path in paths:
-        frames, torn = readable(pathlib.Path(path).read_bytes())
-        for frame in frames:
-            print(f"{frame.offset:8} v{frame.version} {frame.type:4} {NAMES.get(frame.type, '?'):26}"
-                  f" {json.dumps(frame.payload, ensure_ascii=False)}")
-        if torn:
-            print(f"{path}: {torn}", file=sys.stderr)
-            status = 1
-    return status
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))

@@ -5,7 +5,6 @@
 
 import argparse
 import os
-import pathlib
 import random
 import shutil
 import subprocess
@@ -14,10 +13,8 @@ import time
 
 import account
 import frame_log
-from support import FRAMES_TOOL, Home, give_identifiers
+from support import FRAMES_TOOL, NOWHERE, Home, give_identifiers
 
-# A port on which nobody listens: what is committed ends as blocks, as it does off line.
-NOWHERE = "https://127.0.0.1:9/v1/skd.do"
 
 
 class Killer:
@@ -111,10 +108,8 @@ class Killer:
             self.problems.append(f"{self.repeats} repeated logs by {self.kills} kills")
 
     def check_leftovers(self):
-        strange = [p.name for p in [*self.home.storage.iterdir(), *self.home.support.iterdir()]
-                   if "tmp" in p.name.lower() or p.suffix in (".part", ".new")]
-        if strange:
-            self.problems.append(f"left behind: {strange}")
+        if self.home.leftovers():
+            self.problems.append(f"left behind: {self.home.leftovers()}")
         if len(self.home.blocks()) > 51:
             self.problems.append(f"{len(self.home.blocks())} blocks")
 

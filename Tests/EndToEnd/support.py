@@ -11,7 +11,6 @@ import pathlib
 import plistlib
 import shutil
 import signal
-import socket
 import subprocess
 import tempfile
 import threading
@@ -26,6 +25,9 @@ HOSTS = BUILD / "Tests/EndToEnd/hosts"
 FRAMES_TOOL = BUILD / "Tools/skelda-frames/skelda-frames"
 COLLECTOR = BUILD / "Tools/skelda-collector/skelda-collector"
 PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
+
+# A port on which nobody listens: what is committed ends as blocks, as it does off line.
+NOWHERE = "https://127.0.0.1:9/v1/skd.do"
 
 # In the example's recording: its events, and the one of them that has no name.
 RECORDED = 228
@@ -114,6 +116,16 @@ class Home:
         with contextlib.suppress(FileNotFoundError):
             return [p for p in self.storage.iterdir() if len(p.name) == 36 and p.name.count("-") == 4]
         return []
+
+    def leftovers(self):
+        """Files that are there only while another one is written."""
+        return [p.name for p in [*self.storage.iterdir(), *self.support.iterdir()]
+                if "tmp" in p.name.lower() or p.suffix in (".part", ".new")]
+
+    def current_events(self):
+        """The events of the open log, up to where it may be torn."""
+        frames, _ = frame_log.readable(self.current_log.read_bytes())
+        return [frame for frame in frames if frame.type == frame_log.EVENT]
 
     def log_lines(self):
         with contextlib.suppress(FileNotFoundError):
@@ -273,10 +285,6 @@ class Collector:
         if status != 0:
             raise AssertionError(f"the collector ended with {status}:\n{self.process.output}")
 
-    def kill(self):
-        self.process.kill()
-        self.process.__exit__()
-
     def __enter__(self):
         return self
 
@@ -297,6 +305,27 @@ class Collector:
         return [(self.store / entry["file"]).read_bytes() for entry in self.entries()]
 
 
+def move_to_small_disk(home, megabytes):
+    """Puts the home's data on a disk of that size; tells whether that is allowed here. The one who
+    asks unmounts the folder that is returned."""
+    small = home.path / "small"
+    small.mkdir()
+    mount = ["mount", "-t", "tmpfs", "-o", f"size={megabytes}m", "tmpfs", small]
+    if subprocess.run(mount, capture_output=True).returncode != 0:
+        return None
+    shutil.copytree(home.path / "data", small / "data")
+    shutil.rmtree(home.path / "data")
+    (home.path / "data").symlink_to(small / "data")
+    return small
+
+
+def fill(ballast):
+    """Writes to that file until its disk is full."""
+    with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
+        while True:
+            file.write(bytes(1024))
+
+
 def give_identifiers(home):
     """Gives an installation the identifiers of a phone, so that its sessions can complete: those that
     a phone has handed to another one, which is thrown away."""
@@ -315,8 +344,3 @@ def events_of(logs):
     """The events of some logs (bytes each), in order."""
     return [frame for log in logs for frame in frame_log.frames_of(log) if frame.type == frame_log.EVENT]
 
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]

@@ -110,9 +110,7 @@ class Lifetimes(unittest.TestCase):
                 run = home.run()
                 self.assertEqual(0, run.status, run.output)
                 self.assertIn("early: 1", run.output)
-                frames, _ = frame_log.readable(home.current_log.read_bytes())
-                names = [f.event_name for f in frames if f.type == frame_log.EVENT]
-                self.assertEqual(["early", "main"], names[:2])
+                self.assertEqual(["early", "main"], [event.event_name for event in home.current_events()[:2]])
 
     def test_a_second_process_is_refused_and_told_by_whom(self):
         with Home() as home:

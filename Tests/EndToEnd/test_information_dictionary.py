@@ -4,7 +4,7 @@ what it can use."""
 import unittest
 
 import frame_log
-from support import NAMELESS, Home, Process
+from support import NAMELESS, NOWHERE, Home, Process, events_of
 
 EVENTS = 100
 KEY, THRESHOLD, MINUTES = "Skelda Watch API Key", "Skelda Watch Event Threshold", "Skelda Watch Duration Threshold"
@@ -20,7 +20,7 @@ def with_value(key, value):
 
 class InformationDictionary(unittest.TestCase):
     def start(self, home, bundle):
-        run = home.run("--events", str(EVENTS), "--speed", "0", "--server", "https://127.0.0.1:9/", bundle=bundle)
+        run = home.run("--events", str(EVENTS), "--speed", "0", "--server", NOWHERE, bundle=bundle)
         self.assertEqual(0, run.status, run.output)
         return run
 
@@ -61,15 +61,12 @@ class InformationDictionary(unittest.TestCase):
                 bundle = home.own_bundle(change=change)
                 with self.subTest(expected=expected, bundle=(bundle / "Info.plist").read_text()[-200:]):
                     self.start(home, bundle)
-                    events = [f for f in frame_log.frames_in(home.current_log) if f.type == frame_log.EVENT]
-                    self.assertEqual(expected, len(events))
+                    self.assertEqual(expected, len(events_of([home.current_log.read_bytes()])))
 
     def test_thresholds_out_of_range_are_said_in_the_log(self):
-        def change(information):
-            information.update({THRESHOLD: 4, MINUTES: 61})
-
+        outside = {THRESHOLD: 4, MINUTES: 61}
         with Home() as home:
-            self.start(home, home.own_bundle(change=change))
+            self.start(home, home.own_bundle(change=lambda information: information.update(outside)))
             log = "\n".join(home.log_lines())
             self.assertIn("Watch event threshold may not be below 5", log)
             self.assertIn("Watch duration threshold may not be above 60", log)

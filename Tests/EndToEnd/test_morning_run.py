@@ -6,7 +6,7 @@ import unittest
 
 import account
 import frame_log
-from support import (EXAMPLE, FRAMES_TOOL, NAMELESS, RECORDED, Collector, Home, eventually, events_of,
+from support import (EXAMPLE, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
                      give_identifiers)
 
 THRESHOLD = 25
@@ -31,13 +31,13 @@ def as_text(value):
 class MorningRun(unittest.TestCase):
     def test_without_a_phone_the_next_start_commits_the_log_and_the_cap_holds(self):
         with Home() as home:
-            first = home.run("--speed", "0", "--server", "https://127.0.0.1:9/")
+            first = home.run("--speed", "0", "--server", NOWHERE)
             self.assertEqual(0, first.status, first.output)
             self.assertEqual(RECORDED - NAMELESS, first.number("accepted"))
             self.assertEqual(NAMELESS, first.number("refused"))
             left = frame_log.frames_in(home.current_log)
             sent = home.path / "sent"
-            home.run("--events", "1", "--speed", "0", "--keep-sent", sent, "--server", "https://127.0.0.1:9/")
+            home.run("--events", "1", "--speed", "0", "--keep-sent", sent, "--server", NOWHERE)
             logs = [frame_log.frames_in(path) for path in sent.iterdir()]
             self.assertEqual(1, len(logs))
             self.assertEqual([f.raw for f in left], [f.raw for f in logs[0][:-1]])
@@ -80,9 +80,8 @@ class MorningRun(unittest.TestCase):
         with Home() as home:
             give_identifiers(home)
             count = 100_000
-            run = home.run("--speed", "0", "--events", str(count), "--threads", "8", "--linger", "240",
-                           "--server", "https://127.0.0.1:9/", within=300,
-                           environment=home.environment(SKELDA_LOG="off"))
+            run = home.run("--speed", "0", "--events", str(count), "--threads", "8", "--linger", "240", "--server",
+                           NOWHERE, within=300, environment=home.environment(SKELDA_LOG="off"))
             self.assertEqual(0, run.status, run.output)
             self.assertIn("at rest", run.output)
             refused = run.number("refused")

@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace skelda::testing {
 
@@ -31,7 +30,7 @@ class FaultPlan {
   /// The `number`th call of any kind from now on, counted from 1.
   void failCall(std::size_t number, Fault fault = {}) {
     std::lock_guard lock(mutex_);
-    byNumber_ = Armed{history_.size() + number, fault};
+    byNumber_ = Armed{calls_ + number, fault};
   }
   /// The `nth` call of that kind from now on, counted from 1.
   void failKind(const std::string& kind, std::size_t nth = 1, Fault fault = {}) {
@@ -47,17 +46,18 @@ class FaultPlan {
   /// Counts one call and says whether it is to fail. For the fakes.
   std::optional<Fault> next(std::string_view kind) {
     std::lock_guard lock(mutex_);
-    history_.emplace_back(kind);
-    const std::size_t count = ++counts_[history_.back()];
-    if (byNumber_ && byNumber_->covers(history_.size())) return struck(byNumber_->fault);
-    const auto armed = byKind_.find(history_.back());
+    const std::string name(kind);
+    const std::size_t count = ++counts_[name];
+    ++calls_;
+    if (byNumber_ && byNumber_->covers(calls_)) return struck(byNumber_->fault);
+    const auto armed = byKind_.find(name);
     if (armed != byKind_.end() && armed->second.covers(count)) return struck(armed->second.fault);
     return std::nullopt;
   }
 
   std::size_t calls() const {
     std::lock_guard lock(mutex_);
-    return history_.size();
+    return calls_;
   }
   std::size_t calls(const std::string& kind) const {
     std::lock_guard lock(mutex_);
@@ -68,10 +68,6 @@ class FaultPlan {
   std::size_t faults() const {
     std::lock_guard lock(mutex_);
     return faults_;
-  }
-  std::vector<std::string> history() const {
-    std::lock_guard lock(mutex_);
-    return history_;
   }
 
  private:
@@ -89,7 +85,7 @@ class FaultPlan {
   std::optional<Armed> byNumber_;
   std::map<std::string, Armed> byKind_;
   std::map<std::string, std::size_t> counts_;
-  std::vector<std::string> history_;
+  std::size_t calls_ = 0;
   std::size_t faults_ = 0;
 };
 

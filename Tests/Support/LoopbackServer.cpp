@@ -84,7 +84,7 @@ bool ServerConnection::readBody(ReceivedRequest& request) {
   }
   request.body = buffer_.substr(0, length);
   buffer_.erase(0, length);
-  server_.record(request);
+  server_.change([&] { server_.requests_.push_back(request); });
   return true;
 }
 
@@ -122,12 +122,10 @@ void ServerConnection::reset() {
 
 void ServerConnection::close() {
   if (socket_ < 0) return;
-  {
-    std::lock_guard lock(server_.mutex_);
+  server_.change([this] {
     server_.sockets_.erase(socket_);
     ::close(std::exchange(socket_, -1));
-  }
-  server_.changed_.notify_all();
+  });
 }
 
 // -- LoopbackServer
@@ -181,13 +179,11 @@ void LoopbackServer::listen() {
 }
 
 LoopbackServer::~LoopbackServer() {
-  {
-    std::lock_guard lock(mutex_);
+  change([this] {
     stopping_ = true;
     ::shutdown(listener_, SHUT_RDWR);
     for (const int socket : sockets_) ::shutdown(socket, SHUT_RDWR);
-  }
-  changed_.notify_all();
+  });
   acceptor_.join();
   for (auto& thread : threads_) thread.join();
   ::close(listener_);
@@ -215,37 +211,9 @@ void LoopbackServer::serve(int socket, std::size_t number) {
   if (context_ == nullptr || connection.startTLS(context_)) handler_(connection);
 }
 
-void LoopbackServer::record(const ReceivedRequest& request) {
-  {
-    std::lock_guard lock(mutex_);
-    requests_.push_back(request);
-  }
-  changed_.notify_all();
-}
-
 std::string LoopbackServer::url(const std::string& path) const {
   return (context_ != nullptr ? "https://127.0.0.1:" : "http://127.0.0.1:") +
          std::to_string(port_) + path;
-}
-
-std::vector<ReceivedRequest> LoopbackServer::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
-}
-
-std::size_t LoopbackServer::requestCount() const {
-  std::lock_guard lock(mutex_);
-  return requests_.size();
-}
-
-std::size_t LoopbackServer::connections() const {
-  std::lock_guard lock(mutex_);
-  return connections_;
-}
-
-std::size_t LoopbackServer::openConnections() const {
-  std::lock_guard lock(mutex_);
-  return sockets_.size();
 }
 
 bool LoopbackServer::waitUntil(const std::function<bool()>& condition) const {
@@ -270,19 +238,6 @@ void LoopbackServer::hold() {
   changed_.notify_all();
   changed_.wait(lock, [&] { return stopping_ || releases_ != before; });
   --held_;
-}
-
-void LoopbackServer::release() {
-  {
-    std::lock_guard lock(mutex_);
-    ++releases_;
-  }
-  changed_.notify_all();
-}
-
-std::size_t LoopbackServer::held() const {
-  std::lock_guard lock(mutex_);
-  return held_;
 }
 
 }  // namespace skelda::testing

@@ -88,10 +88,13 @@ class LoopbackServer {
 
   std::string url(const std::string& path = "/v1/skd.do") const;
   std::uint16_t port() const { return port_; }
-  std::vector<ReceivedRequest> requests() const;
-  std::size_t requestCount() const;
-  std::size_t connections() const;
-  std::size_t openConnections() const;
+  std::vector<ReceivedRequest> requests() const { return locked(requests_); }
+  std::size_t requestCount() const {
+    std::lock_guard lock(mutex_);
+    return requests_.size();
+  }
+  std::size_t connections() const { return locked(connections_); }
+  std::size_t openConnections() const { return locked(sockets_).size(); }
 
   /// Until `condition`, looked at whenever something happens at the server, holds.
   bool waitUntil(const std::function<bool()>& condition) const;
@@ -99,8 +102,10 @@ class LoopbackServer {
 
   /// A handler's way of not answering: returns when release() is called, or the server goes.
   void hold();
-  void release();
-  std::size_t held() const;
+  void release() {
+    change([this] { ++releases_; });
+  }
+  std::size_t held() const { return locked(held_); }
 
  private:
   friend class ServerConnection;
@@ -108,7 +113,19 @@ class LoopbackServer {
   void listen();
   void acceptAll();
   void serve(int socket, std::size_t number);
-  void record(const ReceivedRequest& request);
+  template <class T>
+  T locked(const T& member) const {
+    std::lock_guard lock(mutex_);
+    return member;
+  }
+  template <class F>
+  void change(F what) {
+    {
+      std::lock_guard lock(mutex_);
+      what();
+    }
+    changed_.notify_all();
+  }
 
   ConnectionHandler handler_;
   const Options options_;
