@@ -115,20 +115,5 @@ TEST_F(FolderSourceTest, TheCancelHandlerComesOnceAndNothingAfterIt) {
   EXPECT_EQ(cancelled, 2);
 }
 
-TEST_F(FolderSourceTest, ABadDescriptorMakesASourceThatOnlyEverCancels) {
-  std::ofstream(outer_ / "file") << "";
-  const int file = open((outer_ / "file").c_str(), O_RDONLY | O_CLOEXEC);
-  for (const int bad : {-1, file}) {
-    const auto source = FolderSource::make(bad, queue_);
-    Happening cancelled;
-    source->setEventHandler([](unsigned) { FAIL(); });
-    source->setCancelHandler([&] { cancelled.happen(); });
-    source->resume();
-    source->cancel();
-    EXPECT_TRUE(cancelled.cameInTime());
-  }
-  close(file);
-}
-
 }  // namespace
 }  // namespace skelda::platform

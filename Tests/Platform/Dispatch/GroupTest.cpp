@@ -56,18 +56,6 @@ TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
   EXPECT_TRUE(all.cameInTime());
 }
 
-TEST(GroupTest, AGroupSubmissionLeavesOnlyWhenItsBlockHasRunAndIsGone) {
-  const QueueRef queue = Queue::serial("grouped");
-  const GroupRef group = Group::make();
-  const auto held = std::make_shared<int>();
-  queue->suspend();
-  for (int i = 0; i < 10; ++i) queue->groupAsync(group, [held] {});
-  EXPECT_NE(group->wait(DispatchTime::now), 0);
-  queue->resume();
-  EXPECT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(20))), 0);
-  EXPECT_EQ(held.use_count(), 1);
-}
-
 TEST(GroupDeathTest, LeavingMoreOftenThanEnteringEndsTheProcess) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_DEATH(Group::make()->leave(), "as often as it is entered");

@@ -29,17 +29,6 @@ class ReadSourceTest : public testing::Test {
   std::shared_ptr<ReadSource> source_;
 };
 
-TEST_F(ReadSourceTest, TellsAgainAsLongAsThereIsSomethingToRead) {
-  Happening all(3);
-  source_->setEventHandler([&] {
-    char letter = 0;
-    if (read(ends_[0], &letter, 1) == 1) all.happen();
-  });
-  EXPECT_EQ(write(ends_[1], "abc", 3), 3);
-  source_->resume();
-  EXPECT_TRUE(all.cameInTime());
-}
-
 TEST_F(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
   std::atomic<int> told{0};
   std::atomic<int> cancelled{0};

@@ -65,17 +65,6 @@ TEST_F(WCSessionTest, WhatAPeerTookWithItUnacknowledgedIsOfferedAgain) {
   EXPECT_EQ(packets, 3) << "the first again, and the second";
 }
 
-TEST_F(WCSessionTest, ABurstOfTenThousandArrivesWhole) {
-  activate();
-  watchEnd_->setJoined(true);
-  constexpr int kCount = 10000;
-  for (int i = 0; i < kCount; ++i) phone_->transferUserInfo({{"n", i}});
-  const auto heard = atWatch_->wait(2 + kCount);
-  ASSERT_EQ(heard.size(), 2u + kCount);
-  for (int i = 0; i < kCount; ++i)
-    ASSERT_EQ(heard[static_cast<std::size_t>(i) + 2], "info {\"n\":" + std::to_string(i) + "}");
-}
-
 TEST_F(WCSessionTest, OnlyAnsweredCallsAreMadeAndADelegateThatThrowsIsContained) {
   struct Throwing : platform::WCSessionDelegate {
     void sessionDidReceiveUserInfo(platform::WCSession&, const Dictionary&) override { throw 1; }
