@@ -55,9 +55,7 @@ class Report(unittest.TestResult):
         super().addError(test, err)
         self.note("failed", test, self._exc_info_to_string(err, test))
 
-    def addFailure(self, test, err):
-        super().addFailure(test, err)
-        self.note("failed", test, self._exc_info_to_string(err, test))
+    addFailure = addError
 
     def addSubTest(self, test, subtest, err):
         super().addSubTest(test, subtest, err)

@@ -63,6 +63,13 @@ class Home:
         self.log = self.path / "agent.log"
         for name in ("data", "state", "documents", "tmp"):
             (self.path / name).mkdir(parents=True, exist_ok=True)
+        identifier = plistlib.loads((bundle / "Info.plist").read_bytes())["CFBundleIdentifier"]
+        self.support = self.path / "data" / identifier
+        self.key_values = self.support / "SkeldaFilesSkelda.KV.storage"
+        self.storage = self.support / "SkeldaFiles"
+        self.current_log = self.storage / ".skeldaFrameLog_261.archive"
+        self.committed = self.storage / "CommitedFrameLogs"
+        self.index = self.storage / "SkeldaSenderIndex.info"
 
     def close(self):
         for folder, _, _ in os.walk(self.path):
@@ -76,35 +83,7 @@ class Home:
     def __exit__(self, *_):
         self.close()
 
-    # Where things are
-
-    @property
-    def identifier(self):
-        return plistlib.loads((self.bundle / "Info.plist").read_bytes())["CFBundleIdentifier"]
-
-    @property
-    def support(self):
-        return self.path / "data" / self.identifier
-
-    @property
-    def storage(self):
-        return self.support / "SkeldaFiles"
-
-    @property
-    def key_values(self):
-        return self.support / "SkeldaFilesSkelda.KV.storage"
-
-    @property
-    def current_log(self):
-        return self.storage / ".skeldaFrameLog_261.archive"
-
-    @property
-    def committed(self):
-        return self.storage / "CommitedFrameLogs"
-
-    @property
-    def index(self):
-        return self.storage / "SkeldaSenderIndex.info"
+    # What is there
 
     def committed_logs(self):
         with contextlib.suppress(FileNotFoundError):

@@ -12,43 +12,30 @@
 namespace skelda::platform {
 namespace {
 
-class ReadSourceTest : public testing::Test {
- protected:
-  ReadSourceTest() {
-    EXPECT_EQ(pipe2(ends_.data(), O_CLOEXEC | O_NONBLOCK), 0);
-    source_ = ReadSource::make(ends_[0], queue_);
-  }
-  ~ReadSourceTest() override {
-    source_->cancel();
-    expectDrained(queue_);
-    for (const int end : ends_) close(end);
-  }
-
-  std::array<int, 2> ends_{};
-  QueueRef queue_ = Queue::serial("reads");
-  std::shared_ptr<ReadSource> source_;
-};
-
-TEST_F(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
+TEST(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+  const QueueRef queue = Queue::serial("reads");
+  const auto source = ReadSource::make(ends[0], queue);
   std::atomic<int> told{0};
   std::atomic<int> cancelled{0};
   Happening hungUp;
-  source_->setEventHandler([&] {
+  source->setEventHandler([&] {
     if (++told == 1) hungUp.happen();
-    source_->cancel();
+    source->cancel();
   });
-  source_->setCancelHandler([&] { ++cancelled; });
-  close(ends_[1]);
-  ends_[1] = -1;
+  source->setCancelHandler([&] { ++cancelled; });
+  close(ends[1]);
   EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(10)));
-  expectDrained(queue_);
+  expectDrained(queue);
   EXPECT_EQ(told, 0);
-  source_->resume();
+  source->resume();
   EXPECT_TRUE(hungUp.cameInTime());
-  source_->cancel();
-  expectDrained(queue_);
+  source->cancel();
+  expectDrained(queue);
   EXPECT_EQ(told, 1);
   EXPECT_EQ(cancelled, 1);
+  close(ends[0]);
 }
 
 }  // namespace
