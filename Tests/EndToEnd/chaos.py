@@ -56,12 +56,10 @@ class Tap(threading.Thread):
     def see(self, name):
         if not self.wanted(name):
             return
+        data = None
         with contextlib.suppress(OSError):
             data = (self.folder / name).read_bytes()
-            if data:
-                self.contents.setdefault(name, None)
-                self.contents[name] = self.contents[name] or data
-        self.contents.setdefault(name, None)
+        self.contents[name] = self.contents.get(name) or data or None
 
     def run(self):
         while not self.ending:

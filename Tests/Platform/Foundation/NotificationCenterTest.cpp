@@ -17,24 +17,6 @@ NotificationCenter& center() {
   return NotificationCenter::defaultCenter();
 }
 
-TEST(NotificationCenterTest, TellsObserversOfTheNameInTheOrderOfRegistration) {
-  std::string told;
-  const auto add = [&told](std::string_view name, const char* text) {
-    return center().addObserver(name, [&told, text](const Notification& notification) {
-      told += text + notification.name + notification.userInfo.description() + ' ';
-    });
-  };
-  const NotificationCenter::Token tokens[] = {add("A", "1"), add("B", "2"), add("A", "3")};
-  center().post("A", 7);
-  EXPECT_EQ(told, "1A7 3A7 ");
-  center().removeObserver(tokens[0]);
-  center().post("A");
-  EXPECT_EQ(told, "1A7 3A7 3A(null) ");
-  for (const auto token : tokens) center().removeObserver(token);
-  center().removeObserver(0);
-  EXPECT_EQ(center().addObserver("A", nullptr), 0U);
-}
-
 TEST(NotificationCenterTest, LetsAnObserverAddRemoveAndPost) {
   int later = 0;
   std::vector<NotificationCenter::Token> tokens(3);
