@@ -32,6 +32,7 @@ class DeviceTest : public ::testing::Test {
 TEST_F(DeviceTest, WhatTheMachineDoesNotHaveIsNothing) {
   EXPECT_FALSE(platform::hostVirtualMemoryStatistics());
   EXPECT_FALSE(platform::taskThreadsCPUUsage());
+  EXPECT_FALSE(platform::machineID());
   EXPECT_EQ(device_.identifierForVendor(), "");
   EXPECT_EQ(device_.screenBounds().width, 0);
   EXPECT_NE(device_.systemVersion(), "") << "the kernel's release at least";
@@ -77,10 +78,15 @@ TEST_F(DeviceTest, CPUUsageIsTheSumOverTheThreadsThatAreStillThere) {
   EXPECT_GE(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
 }
 
-TEST_F(DeviceTest, TheBootTimeAgreesWithTheUptime) {
+TEST_F(DeviceTest, TimeSinceBootGoesOnAndAgreesWithTheClock) {
+  const auto before = *platform::uptime();
+  EXPECT_GT(before.count(), 0);
   const auto gap = platform::Date::now() - *platform::bootTime();
-  EXPECT_GT(platform::uptime()->count(), 0);
-  EXPECT_LT(std::chrono::abs(gap - *platform::uptime()), std::chrono::seconds(5));
+  EXPECT_GE(gap + platform::Date::Microseconds(1),
+            std::chrono::duration_cast<platform::Date::Microseconds>(before));
+  EXPECT_LT(std::chrono::abs(gap - std::chrono::duration_cast<platform::Date::Microseconds>(
+                                       *platform::uptime())),
+            std::chrono::seconds(5));
 }
 
 TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {

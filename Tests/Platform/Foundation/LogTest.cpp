@@ -64,6 +64,18 @@ TEST_F(LogTest, AppendsOnePrefixedLineForEveryRecordToAFileOfItsOwn) {
   EXPECT_EQ(status.st_mode & 0777, 0600U);
 }
 
+TEST_F(LogTest, EvaluatesNothingWhileItIsOff) {
+  select("off");
+  int evaluated = 0;
+  SKELDA_PLATFORM_LOG("{}", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  EXPECT_FALSE(Log::enabled());
+  Log::setSink([](std::string_view) {});
+  EXPECT_TRUE(Log::enabled());
+  Log::setSink(nullptr);
+  EXPECT_FALSE(Log::enabled());
+}
+
 TEST_F(LogTest, ASinkMayWriteThrowAndReplaceItself) {
   std::vector<std::string> lines;
   Log::setSink([&lines](std::string_view line) {

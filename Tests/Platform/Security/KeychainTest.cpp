@@ -179,12 +179,14 @@ TEST_F(KeychainTest, ThreadsAndProcessesLoseNothingOfEachOther) {
     }
     return 0;
   };
-  ChildProcess process([&] { return addTen('p'); });
-  std::thread thread([&] { EXPECT_EQ(addTen('t'), 0); });
+  ChildProcess first([&] { return addTen('x'); });
+  ChildProcess second([&] { return addTen('y'); });
+  std::thread third([&] { EXPECT_EQ(addTen('t'), 0); });
   EXPECT_EQ(addTen('u'), 0);
-  thread.join();
-  EXPECT_EQ(process.wait(), 0);
-  for (const char owner : {'p', 't', 'u'}) {
+  third.join();
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+  for (const char owner : {'x', 'y', 't', 'u'}) {
     for (char c = '0'; c <= '9'; ++c) {
       const std::string account{owner, c};
       EXPECT_EQ(valueOf(query(account)), account);
