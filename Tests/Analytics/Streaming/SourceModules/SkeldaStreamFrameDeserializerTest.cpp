@@ -2,11 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
-#include "Tests/Support/LogCapture.h"
 
 using namespace skelda::testing;
 
@@ -123,25 +120,4 @@ TEST(SkeldaStreamFrameDeserializer, ReportsAFrameThatCannotBeParsedAndKeepsThose
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->code(), given ? 7 : 3);
   }
-}
-
-TEST(SkeldaStreamFrameDeserializer, LogsAFrameForDebuggingAtLevelTwo) {
-  LogCapture log;
-  const std::string bytes = frameBytes(1, 174, R"({"sk.ccpa.optout":true})");
-  SkeldaUtil::setLogLevel(1);
-  kReader->debugLogFrameData(bytes, "tag");
-  EXPECT_TRUE(log.take().empty());
-  SkeldaUtil::setLogLevel(2);
-  kReader->debugLogFrameData(bytes, "tag");
-  kReader->debugLogFrameData(bytes.substr(0, 30), "tag");
-  SkeldaUtil::setLogLevel(0);
-  const auto lines = log.take();
-  ASSERT_EQ(lines.size(), 2U);
-  EXPECT_TRUE(lines[0].starts_with("tag: [SkeldaStreamFrame(0x")) << lines[0];
-  EXPECT_TRUE(lines[0].ends_with(
-      "): type = [174], typeClass = [SkeldaStreamCCPAOptOut], epoch timestamp = [1600000000000], "
-      "relative timestamp = [5000], crc = [0], payload len = [23], "
-      "payload = {\"sk.ccpa.optout\":true}, total len = [47]]"))
-      << lines[0];
-  EXPECT_EQ(lines[1], "tag, conversion failed, frame = [(null)], error = (null)");
 }

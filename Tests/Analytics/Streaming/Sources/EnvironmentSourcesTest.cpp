@@ -10,7 +10,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaNetworkStatusSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionInitInfoSource.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaStreamFlushSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaTimeZoneInfoSource.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -57,12 +56,6 @@ TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
   SourceRig<SkeldaAppOrientationSource> orientation;
   orientation->startup();
   EXPECT_THAT(orientation.texts(), ElementsAre(R"(156 {"sk.app.orientation":1})"));
-
-  SourceRig<SkeldaStreamFlushSource> flush;
-  flush->startup();
-  EXPECT_THAT(flush.texts(), IsEmpty());
-  flush->flushWithStatus(5);
-  EXPECT_THAT(flush.texts(), ElementsAre(HasSubstr(R"(1 {"sk.flush.frame.code":5)")));
 }
 
 TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
@@ -115,7 +108,6 @@ TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
   EXPECT_TRUE(appState.sent().empty() && initInfo.sent().empty() && device.sent().empty());
   network->setInternalNetworkStatus(0);
 
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionNumber(), "0");
   states->sendWatchState(0);
   sessions->setIncludeBackgroundSessionsInMetrics(true);
   sessions->startUpWithApiKey("KEY");
@@ -130,10 +122,6 @@ TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
               ElementsAre(R"(141 {"sk.apikey":"KEY","sk.agent.platform":2,"sk.agent.report.key":2,)"
                           R"("sk.agent.version":261,"sk.background.session.metrics":true,)"
                           R"("sk.play.service.availability":-1})"));
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionNumber(), "261");
-  EXPECT_TRUE(initInfo->includeBackgroundSessionsInMetrics());
-  EXPECT_EQ(initInfo->getSkeldaVersion(), "1.0");
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionWithBuild(), "261");
 }
 
 TEST(SessionDevicePropertiesSource, KeepsTheStartAndSendsAnEndTogetherWithIt) {

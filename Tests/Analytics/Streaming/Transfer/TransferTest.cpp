@@ -55,9 +55,7 @@ class TransferTest : public SenderTest {
 
 TEST_F(TransferTest, LogsOfAnEarlierRunAndOfThisOneReachTheServerByteForByte) {
   TestAuthority authority;
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); },
-      {authority.issue()});
+  LoopbackServer server(answering(200), {authority.issue()});
   sendTo(server);
   std::set<std::string> logs;
   for (int i = 0; i < 4; ++i) logs.insert(commit(i));
@@ -76,8 +74,7 @@ TEST_F(TransferTest, LogsOfAnEarlierRunAndOfThisOneReachTheServerByteForByte) {
 }
 
 TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStored) {
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  LoopbackServer server(answering(200));
   sendTo(server);
   const auto plan = std::make_shared<FaultPlan>();
   FaultyFileCalls calls(plan);
