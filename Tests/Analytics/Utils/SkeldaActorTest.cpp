@@ -5,7 +5,6 @@
 #include <atomic>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"

@@ -1,6 +1,6 @@
-#include "Skelda_Watch/SkeldaWatch.h"
+#include "Skelda_Watch/Skelda_Watch.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <thread>
@@ -20,7 +20,6 @@
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Skelda_Watch/Skelda_Watch.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
@@ -29,11 +28,9 @@
 namespace skelda::testing {
 namespace {
 
-using ::testing::HasSubstr;
-
-/// Makes this process the watch extension of an application with that Info.plist, or no extension.
-void becomeHost(platform::Dictionary information, bool isExtension = true) {
-  const std::string bundle = isExtension ? "/Run.app/PlugIns/Watch.appex" : "/Run.app";
+/// Makes this process the watch extension of an application with that Info.plist.
+void becomeHost(platform::Dictionary information) {
+  const std::string bundle = "/Run.app/PlugIns/Watch.appex";
   platform::Bundle::setMain(
       std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
 }
@@ -65,38 +62,6 @@ void expect(bool isSo, const char* what) {
   if (isSo) return;
   ++failures;
   std::puts(what);
-}
-
-// -- Refusals
-
-const Scenario withoutKey("without a key", [] {
-  becomeHost({});
-  SkeldaUtil::setLogLevel(2);
-  expect(!SkeldaWatch::apiKey(), "no key");
-  becomeHost(kWatch);  // too late: the key is read once
-  expect(SkeldaWatch::logWatchEvent("Lap") == 0, "refused");
-  return failures;
-});
-
-const Scenario outsideAnExtension("outside an extension", [] {
-  becomeHost(kWatch, /*isExtension=*/false);
-  SkeldaUtil::setLogLevel(2);
-  expect(SkeldaWatch::apiKey() == "KEY", "key");
-  expect(SkeldaWatch::logWatchEvent("Lap") == 0, "refused");
-  return failures;
-});
-
-TEST(SkeldaWatch, RefusesEventsThatCannotBeLoggedSaysWhyAndStartsNothing) {
-  for (const auto& [scenario, line] :
-       {std::pair{"without a key", "No API key provided in plist, unable to log event"},
-        {"outside an extension",
-         "Skelda: Event not logged -- this method can only be used in watch extension."}}) {
-    AgentHome home;
-    const auto outcome = Scenario::run(scenario);
-    EXPECT_EQ(outcome.status, 0) << outcome.output;
-    EXPECT_THAT(outcome.output, HasSubstr(line));
-    EXPECT_FALSE(std::filesystem::exists(home / "data")) << scenario;
-  }
 }
 
 // -- Starting
@@ -275,12 +240,9 @@ TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
 TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
   const auto urls = SkeldaNetworkURLsDataProvider::sharedInstance();
   SkeldaWatch::setServerURL("https://localhost/v1/skd.do");
-  EXPECT_FALSE(SkeldaConsent::updateConsentInformation({true, {}}));
   const std::string huge(1 << 20, 'h');
-  EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, {{"", ""}, {huge, huge}}, false}));
-  EXPECT_EQ(SkeldaConsent::getConsent().consentStrings(),
-            (SkeldaDictionary{{"", ""}, {huge, huge}}));
-  EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, {{"iab", "x"}}, true}));
+  const SkeldaDictionary odd{{"", ""}, {huge, huge}};
+  EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, odd, true}));
   LogCapture log;
   SkeldaWatch::setServerURL(7);
   SkeldaWatch::setServerURL("\xff");
@@ -291,7 +253,7 @@ TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
   EXPECT_EQ(log.count("Consent not updated"), 3U);
   EXPECT_EQ(urls->serverURL(), "https://localhost/v1/skd.do");
   EXPECT_TRUE(SkeldaConsent::getConsent().isGDPRScope());
-  EXPECT_TRUE(SkeldaConsent::getConsent().isLICNEnabled());
+  EXPECT_EQ(SkeldaConsent::getConsent().consentStrings(), odd);
   urls->setServerURL(std::string(SkeldaNetworkURLsDataProvider::kDefaultServerURL));
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
@@ -13,58 +11,38 @@ namespace {
 
 using Rule = SkeldaWatchStreamSessionRule;
 
-/// Sessions of at most 5 events or 10 minutes; mandatory are the session id and the app info (133).
-class SessionRule : public ::testing::Test {
- protected:
-  void useRule(Rule::ModuleLookup lookup) {
-    rule_ = Rule::sessionRuleWithFlushTriggerMap({{148, 5}, {149, "5"}}, {128, 133}, 5, 10,
-                                                 std::move(lookup));
-  }
-  /// Sends what the words say ("e5": an event at 5 ms, else a frame type) through a policy with the
-  /// rule and answers what comes out.
-  std::string send(const std::string& words) {
-    const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules({rule_});
-    const auto next = readyBeforeRecorder(*policy);
-    std::istringstream in(words);
-    for (std::string word; in >> word;) {
-      policy->streamMessage(word[0] == 'e' ? Message(eventAt(std::stoll(word.substr(1))))
-                                           : Message(plainMessage(std::stoi(word))));
-    }
-    settle(*policy);
-    return next->words();
-  }
-
-  AgentHome home_;
-  std::shared_ptr<Rule> rule_;
-};
-
-TEST_F(SessionRule, FlushesForATriggerThatIsANumberOnceTheSetIsComplete) {
-  useRule({});
-  EXPECT_EQ(send("148 133 e0 148 149"), "148 133 session@0 flush1 e0 session@0 148 flush5 149");
+/// What comes out of a policy whose sessions have at most 5 events or 10 minutes, for the mandatory
+/// app info (133) and events at these times.
+std::string sent(Rule::ModuleLookup lookup, std::initializer_list<std::int64_t> events) {
+  const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
+      {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, std::move(lookup))});
+  const auto next = readyBeforeRecorder(*policy);
+  policy->streamMessage(plainMessage(133));
+  for (const auto ms : events) policy->streamMessage(eventAt(ms));
+  settle(*policy);
+  return next->words();
 }
 
-TEST_F(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+  const AgentHome home;
   const auto throwing = [](std::string_view) -> platform::ObjectRef {
     platform::assertionFailure("id is missing!");
   };
   for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
-    useRule(lookup);
-    EXPECT_EQ(send("133 e0 e600001 e600002 e600003 e600004 e600005"),
+    EXPECT_EQ(sent(lookup, {0, 600001, 600002, 600003, 600004, 600005}),
               "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "
               "propsStart flush1 e600001 session@600001 e600002 e600003 e600004 "
               "session@600001..600012 e600005 flush3");
   }
 }
 
-TEST_F(SessionRule, ArchivesTheEventThatFilledTheSession) {
-  useRule({});
-  send("133 e0 e1 e2 e3 e4");
-  const auto archive =
-      SkeldaUtil::safeUnarchiveObjectWithFile(Rule::currentWatchSessionIdFilePath());
+TEST(SessionRule, ArchivesTheEventThatFilledTheSession) {
+  const AgentHome home;
+  sent({}, {0, 1, 2, 3, 4});
+  const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(
+      home.storageFolder() + "/.skeldaCurrentWatchSessionId0_261.archive");
   ASSERT_TRUE(archive);
   EXPECT_EQ(wordFor(*SkeldaStreamSessionId::fromArchive(*archive)), "session@4");
-  EXPECT_EQ(Rule::currentWatchSessionIdFilePath(),
-            home_.storageFolder() + "/.skeldaCurrentWatchSessionId0_261.archive");
 }
 
 }  // namespace

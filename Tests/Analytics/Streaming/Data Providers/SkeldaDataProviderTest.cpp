@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Platform/WatchKit/WKExtension.h"
 #include "Tests/Analytics/Streaming/Data Providers/RecordingObserver.h"
@@ -95,24 +94,6 @@ TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffers
     EXPECT_EQ(provider->appStateData()->currentState(), step.state);
     EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
   }
-}
-
-TEST(SkeldaSessionDevicePropertiesDataProvider, OffersTheLastSnapshotAndTellsOfEach) {
-  const auto provider = SkeldaSessionDevicePropertiesDataProvider::getInstance();
-  const Observed observed(provider);
-  EXPECT_EQ(observed.updates(), 0);
-  EXPECT_EQ(provider->devicePropertiesData(), nullptr);
-  provider->startup();
-  const auto first = provider->devicePropertiesData();
-  EXPECT_TRUE(first->isStartFlag());
-  provider->sendSessionDevicePropertiesForStart(false);
-  EXPECT_FALSE(provider->devicePropertiesData()->isStartFlag());
-  EXPECT_EQ(observed.updates(), 2);
-  // What the session rule puts in its place is not announced.
-  provider->setDevicePropertiesData(first);
-  provider->dataProviderDidUpdate(provider);
-  EXPECT_EQ(provider->devicePropertiesData(), first);
-  EXPECT_EQ(observed.updates(), 2);
 }
 
 }  // namespace

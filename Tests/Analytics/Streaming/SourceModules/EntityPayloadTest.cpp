@@ -9,7 +9,6 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamLocaleInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamReportedIdentifers.h"
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamResponse.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
@@ -185,9 +184,4 @@ TEST(SkeldaStreamFlush, KnowsTheReasonOfEachStatus) {
   for (const auto& [status, reason] : reasons) {
     EXPECT_EQ(SkeldaStreamFlush(status).statusString(), reason);
   }
-}
-
-TEST(SkeldaStreamEntityBaseDeathTest, StopsTheProcessWhereARecordHasNoForm) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(SkeldaStreamResponse(1, nullptr).payload(), "Assertion failed: 0");
 }

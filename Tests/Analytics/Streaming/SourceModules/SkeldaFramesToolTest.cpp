@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <vector>
@@ -132,31 +131,6 @@ TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
   ASSERT_TRUE(platform::readJSON(json.out));
 }
 
-TEST_F(SkeldaFramesTool, DecodesWhatTravelsAsBase64WhenAsked) {
-  const std::string log = event("Lap \"1\"", R"({"bGFw":"Mw==","notbase64":"/w==","n":4})");
-  EXPECT_TRUE(runOn(log, {"--plain"})
-                  .out.ends_with(R"({"sk.event.name":"Lap \"1\"","sk.event.user.parameters":)"
-                                 R"({"lap":"3","notbase64":"/w==","n":4}})"
-                                 "\n"));
-}
-
-TEST_F(SkeldaFramesTool, WritesOneJSONObjectAFrame) {
-  const auto shown = runOn(kCounter + withCrc(frameBytes(0, 9, "no JSON \xff")), {"--json"});
-  const std::size_t end = shown.out.find('\n');
-  const auto first = platform::readJSON(shown.out.substr(0, end));
-  const auto second = platform::readJSON(shown.out.substr(end + 1));
-  ASSERT_TRUE(first && second) << shown.out;
-  EXPECT_EQ(*first->dictionary()->find("payload"), (platform::Value{{"sk.frame.log.counter", 1}}));
-  EXPECT_EQ(*second->dictionary()->find("offset"), 50);
-  EXPECT_EQ(*second->dictionary()->find("class"), nullptr);
-  EXPECT_EQ(*second->dictionary()->find("crcRight"), true);
-  EXPECT_EQ(*second->dictionary()->find("payloadText"), "no JSON \xEF\xBF\xBD");
-
-  const auto cut = platform::readJSON(runOn(kCounter, {"--json", "--max-payload", "3"}).out);
-  EXPECT_EQ(*cut->dictionary()->find("payloadText"), "{\"s");
-  EXPECT_EQ(*cut->dictionary()->find("cutOffAt"), 3);
-}
-
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
   const std::string torn = event("name").substr(0, 40);
   struct Case {
@@ -205,25 +179,6 @@ TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
             "type 128 SkeldaStreamSessionId 3\n"
             "type 134 SkeldaStreamEvent 4\n"
             "events 4\nevent 2 Lap\nevent 1 Run\nevent 1 (other names)\n");
-}
-
-TEST_F(SkeldaFramesTool, FindsTheLogsOfAFolderAndTellsThemApart) {
-  std::filesystem::create_directory(folder_ / "in");
-  std::filesystem::create_directory(folder_ / "in/CommitedFrameLogs");
-  writeFile(folder_ / "in/.skeldaFrameLog_261.archive", "torn");
-  writeFile(folder_ / "in/CommitedFrameLogs/.skeldaCommitedFrameLog_261.archive_2.0", kCounter);
-  writeFile(folder_ / "in/block", event("a"));
-  writeFile(folder_ / "in/Index.info", "{\"archive\": \"skelda\"}");
-  const auto checked = run({"--verify", folder_ / "in"});
-  EXPECT_EQ(checked.exit, 1);
-  const std::string in = folder_ / "in/";
-  EXPECT_EQ(checked.out, in + ".skeldaFrameLog_261.archive: offset 0: torn frame: 4 of 24 bytes\n" +
-                             in +
-                             "CommitedFrameLogs/.skeldaCommitedFrameLog_261.archive_2.0: "
-                             "whole, 1 frames, 50 bytes\n" +
-                             in + "block: whole, 1 frames, 78 bytes\n");
-  const auto shown = run({folder_ / "in"});
-  EXPECT_NE(shown.out.find("== " + in + "block =="), std::string::npos) << shown.out;
 }
 
 TEST_F(SkeldaFramesTool, SaysByItsExitStatusWhatWentWrong) {

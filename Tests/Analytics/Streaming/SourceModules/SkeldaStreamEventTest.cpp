@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <thread>
-#include <vector>
-
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -68,28 +64,11 @@ TEST(SkeldaStreamEvent, IsNotValidWithoutANameOrATime) {
   EXPECT_EQ(json->find("sk.event.type"), std::string::npos);
 }
 
-TEST(SkeldaStreamEvent, IsNumberedOnceHoweverManyThreadsMakeEvents) {
-  std::vector<std::uint32_t> ids(4000);
-  std::vector<std::thread> threads;
-  for (std::size_t t = 0; t < 4; ++t) {
-    threads.emplace_back([&ids, t] {
-      for (std::size_t i = 0; i < 1000; ++i) ids[t * 1000 + i] = event(nullptr)->eventId();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  std::sort(ids.begin(), ids.end());
-  EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
-  EXPECT_EQ(ids.back() - ids.front(), 3999U);
-  EXPECT_GT(ids.front(), 0U);
-}
-
 TEST(SkeldaStreamEvent, EndsWithTheIdOfItsStartAndTheTimeBetween) {
   const auto start = event({{"k", "start"}}, true);
   const auto end = start->counterpartEndTimedEventWithTimestamp(dateAt(kNoon + 1500));
   ASSERT_NE(end, nullptr);
   EXPECT_EQ(end->uptime(), start->uptime() + 1500);
-  EXPECT_EQ(end->duration(), 0);
-  EXPECT_EQ(end->parameters(), start->parameters());
   end->populateEndEventFields(*start);
   EXPECT_EQ(end->duration(), 1500);
   const auto json = *end->dictionaryRepresentation();
@@ -123,20 +102,6 @@ TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
   const auto purchase = event(atEnd, true, std::make_shared<SkeldaTransaction>());
   purchase->populateEndEventFields(*start);
   EXPECT_EQ(purchase->parameters().size(), 11U) << "a purchase is not held to it";
-}
-
-TEST(SkeldaStreamEvent, TellsPushEventsByTheirEncodedNamesAndTheirKindsByPlainOnes) {
-  for (const char* name : {"Skelda.PushReceived", "Skelda.PushOpened", "Skelda.PushCanceled"}) {
-    auto push = SkeldaStreamEvent::streamEventWithEventName(name, "CUSTOM_EVENT", false, false,
-                                                            nullptr, nullptr, dateAt(kNoon));
-    EXPECT_TRUE(push->isPushNotificationEvent()) << name;
-    EXPECT_FALSE(push->isPushReceived() || push->isPushOpened()) << name;
-    push->setEventName(name);
-    EXPECT_FALSE(push->isPushNotificationEvent()) << name;
-    EXPECT_EQ(push->isPushReceived(), std::string_view(name) == "Skelda.PushReceived");
-    EXPECT_EQ(push->isPushOpened(), std::string_view(name) == "Skelda.PushOpened");
-  }
-  EXPECT_FALSE(event(nullptr)->isPushNotificationEvent());
 }
 
 TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {

@@ -6,7 +6,6 @@
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
 #include "Tests/Support/FaultyStreamFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
-#include "include/Skelda_Watch/SkeldaConstants.h"
 
 using namespace skelda::testing;
 
@@ -111,22 +110,6 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
   }
 }
 
-TEST_F(SkeldaStreamFrameIteratorTest, TakesItsLimitFromTheConfiguration) {
-  writeFile(path_, frames(3, 100));
-  struct Case {
-    platform::Value option;
-    std::uint32_t limit;
-  };
-  for (const Case& tried :
-       {Case{150, 150U}, Case{"64", 64U}, Case{nullptr, 1000U}, Case{1e12, 0xFFFFFFFFU}}) {
-    const auto reading =
-        iterator({{kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile, tried.option}});
-    EXPECT_EQ(reading->maxBytesToRead(), tried.limit);
-    reading->open(path_);
-    EXPECT_EQ(drain(*reading), "abc") << tried.limit;
-  }
-}
-
 TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
   platform::ErrorRef error;
   const auto reading = iterator();
@@ -145,23 +128,4 @@ TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
   EXPECT_EQ(drain(*reading), "abcdef");
   EXPECT_EQ(reading->state(), 2);
   EXPECT_EQ(plan_->faults(), 2U);
-}
-
-TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhatItsDeserializerReports) {
-  class Failing : public SkeldaStreamFrameDeserializer {
-    SkeldaStreamFrame::Ref streamFrameFromData(std::string_view, std::size_t*,
-                                               platform::ErrorRef* error) const override {
-      platform::setError(error, SkeldaStreamErrorConstants::errorFor(7));
-      return nullptr;
-    }
-  };
-  writeFile(path_, frames(2, 100));
-  SkeldaStreamFrameIterator reading(handle_, std::make_shared<Failing>(), {});
-  reading.open(path_);
-  ASSERT_TRUE(reading.hasNext());
-  platform::ErrorRef error;
-  EXPECT_EQ(reading.nextWithError(&error), nullptr);
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), 7);
-  EXPECT_EQ(reading.state(), 2);
 }

@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <ctime>
-
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
@@ -14,6 +11,7 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Recorded.h"
 #include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Threads.h"
 #include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
@@ -42,17 +40,17 @@ TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
       {"p", Array{nullptr}, "invalid user property value = (null)", true},
       {"p", Array{"\xff"}, "a value is not UTF-8 text", true},
   };
-  for (const auto& refused : cases) {
+  for (const auto& [name, values, reason, nameIsGood] : cases) {
     log.take();
-    rig->setUserProperties(refused.name, refused.values);
-    rig->addUserProperties(refused.name, refused.values);
-    rig->removeUserProperties(refused.name, refused.values);
-    if (!refused.nameIsGood) {
-      rig->removeUserProperties(refused.name);
-      rig->flagUserProperties(refused.name);
+    rig->setUserProperties(name, values);
+    rig->addUserProperties(name, values);
+    rig->removeUserProperties(name, values);
+    if (!nameIsGood) {
+      rig->removeUserProperties(name);
+      rig->flagUserProperties(name);
     }
-    EXPECT_TRUE(rig.sent().empty()) << refused.reason;
-    EXPECT_EQ(log.count(refused.reason), refused.nameIsGood ? 3U : 5U) << refused.reason;
+    EXPECT_TRUE(rig.sent().empty()) << reason;
+    EXPECT_EQ(log.count(reason), nameIsGood ? 3U : 5U) << reason;
   }
   SkeldaUtil::setLogLevel(0);
 }
@@ -78,30 +76,6 @@ TEST(UserDemographicsSource, CarriesUserIdsOfAnyKindAndSizeAndTakesThemBack) {
                                        R"(146 {"sk.demo.userid":")" + huge + R"("})",
                                        R"(146 {"sk.demo.userid":"[1,\"a\"]"})",
                                        R"(146 {"sk.demo.userid":"1"})", "146 nothing"));
-}
-
-TEST(UserDemographicsSource, KnowsTwoGendersAndTurnsAnAgeIntoTheStartOfTheYearOfBirth) {
-  SourceRig<SkeldaUserDemographicsSource> rig;
-  EXPECT_EQ(rig->genderAsInt(), -1);
-  for (const auto& [letter, number] : {std::pair{"m", 1}, {"f", 0}, {"M", -1}, {"", -1}}) {
-    rig->setGenderAsString(letter);
-    EXPECT_EQ(rig->genderAsInt(), number) << letter;
-    EXPECT_EQ(rig.texts().back(), "0 {\"sk.demo.gender\":" + std::to_string(number) + "}");
-  }
-  for (const std::int32_t age : {0, -1, 151}) rig->setAgeInYears(age);
-  EXPECT_EQ(rig->age(), 0);
-  EXPECT_EQ(rig.sent().size(), 4U);
-  for (const std::int32_t age : {1, 40, 150}) {
-    rig->setAgeInYears(age);
-    EXPECT_EQ(rig->age(), age);
-    const auto birthdate = rig.last<SkeldaStreamUserBirthdate>()->birthdate().value();
-    const auto seconds = static_cast<std::time_t>(birthdate.timeIntervalSince1970());
-    std::tm calendar{};
-    ::localtime_r(&seconds, &calendar);
-    EXPECT_EQ(calendar.tm_yday + calendar.tm_hour, 0);
-  }
-  rig->setBirthdate(platform::Date(std::chrono::hours(24)));
-  EXPECT_EQ(rig.texts().back(), R"(0 {"sk.demo.birthdate":86400000})");
 }
 
 class Observer : public ISkeldaConsentObserver {
@@ -137,13 +111,9 @@ TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough)
   EXPECT_NE(late->threads.wait(1).front(), std::this_thread::get_id());
 
   // Updates may come from many threads, and none is lost.
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  inThreads(4, [&](unsigned) {
+    for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
+  });
   EXPECT_EQ(late->threads.wait(201).size(), 201U);
 }
 

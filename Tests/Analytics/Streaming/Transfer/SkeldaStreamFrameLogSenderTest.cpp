@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
-#include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/URLError.h"
 #include "Tests/Analytics/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -41,12 +40,7 @@ class Outcomes : public ISkeldaStreamFileReaderDelegate, public Recorded<Outcome
 
 class SkeldaStreamFrameLogSenderTest : public ::testing::Test {
  protected:
-  SkeldaStreamFrameLogSenderTest() { make(); }
-  void make() {
-    sender_ = SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-        SkeldaStreamFileHandle::fileHandle(), dataSender_);
-    sender_->setDelegate(outcomes_);
-  }
+  SkeldaStreamFrameLogSenderTest() { sender_->setDelegate(outcomes_); }
   Outcome process(const std::string& name) {
     const std::size_t before = outcomes_->size();
     sender_->processFile(name, folder_.path());
@@ -59,15 +53,10 @@ class SkeldaStreamFrameLogSenderTest : public ::testing::Test {
   TemporaryDirectory folder_;
   std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
   std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
-  std::shared_ptr<SkeldaStreamFrameLogSender> sender_;
+  std::shared_ptr<SkeldaStreamFrameLogSender> sender_ =
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
+                                                               dataSender_);
 };
-
-TEST_F(SkeldaStreamFrameLogSenderTest, GivesAWholeFileToTheDataSender) {
-  const std::string bytes(300'000, '\x81');
-  writeFile(folder_ / "log", bytes);
-  EXPECT_TRUE(process("log").succeeded);
-  EXPECT_EQ(dataSender_->sent, std::vector{bytes});
-}
 
 TEST_F(SkeldaStreamFrameLogSenderTest, ReportsWhatItCannotRead) {
   const auto missing = process("missing");
@@ -98,22 +87,6 @@ TEST_F(SkeldaStreamFrameLogSenderTest,
     EXPECT_EQ(outcome.error->code(), platform::kURLErrorNetworkConnectionLost);
   }
   EXPECT_TRUE(process("log").succeeded);
-}
-
-TEST_F(SkeldaStreamFrameLogSenderTest, ATestApplicationSeesEveryLogThatIsSent) {
-  class Observer : public platform::Object, public ISkeldaStreamingDataObserver {
-   public:
-    std::string_view className() const noexcept override { return "SkeldaStreamingObserver"; }
-    void frameLogFileDidUpdate(const std::string& path) override { seen.push_back(path); }
-    std::vector<std::string> seen;
-  };
-  const auto observer = std::make_shared<Observer>();
-  platform::ClassRegistry::shared().registerClass(
-      {"SkeldaStreamingObserver", {}, {}, [observer] { return observer; }});
-  make();
-  process("log");
-  EXPECT_EQ(observer->seen, std::vector<std::string>{folder_ / "log"});
-  platform::ClassRegistry::shared().registerClass({"SkeldaStreamingObserver", {}, {}, nullptr});
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
