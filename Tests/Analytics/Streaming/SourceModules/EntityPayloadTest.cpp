@@ -128,8 +128,11 @@ TEST(EntityPayload, LeavesOutWhatIsNil) {
 }
 
 TEST(Entity, IsStampedWhenMadeAndItsCopyKeepsTheStampsAndTheSessionsOwnFields) {
+  const auto now = platform::Date::now();
   const auto uptime = SkeldaUtil::uptimeInMilliseconds();
   SkeldaStreamSessionId session(platform::Date(), 5, 2);
+  const auto epoch = std::chrono::milliseconds(session.epochTimeStamp());
+  EXPECT_LT(std::chrono::abs(platform::Date(epoch) - now), std::chrono::seconds(10));
   EXPECT_NEAR(static_cast<double>(session.relativeTimeStamp()), static_cast<double>(uptime), 1e4);
   session.setFrameVersion(0);
   session.setEpochTimeStamp(1);
