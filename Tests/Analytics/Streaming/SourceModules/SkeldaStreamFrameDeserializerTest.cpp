@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
 
 using namespace skelda::testing;
@@ -74,50 +73,4 @@ TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
   EXPECT_EQ(flagged->frameClass(), "SkeldaStreamEvent");
   EXPECT_EQ(flagged->payloadString(), std::nullopt);
   EXPECT_EQ(kReader->frameTypeFromData(frameBytes(0x81, 134, "")), 134U);
-}
-
-TEST(SkeldaStreamFrameDeserializer, SplitsWholeFramesAndLeavesWhatIsBehindThem) {
-  const std::string first = frameBytes(1, 134, "{\"a\":1}");
-  const std::string second = frameBytes(0, 2, "{}") + "crc!";
-  std::size_t total = 99;
-  platform::ErrorRef error;
-  const auto frames =
-      kReader->allStreamFramesFromData(first + second + first.substr(0, 10), &total, &error);
-  ASSERT_EQ(frames.size(), 2U);
-  EXPECT_EQ(frames[0]->payload().string(), "{\"a\":1}");
-  EXPECT_EQ(frames[1]->frameType(), 2);
-  EXPECT_EQ(total, first.size() + second.size());
-  EXPECT_EQ(error, nullptr);
-
-  EXPECT_TRUE(kReader->allStreamFramesFromData("", &total).empty());
-  EXPECT_EQ(total, 0U);
-  EXPECT_TRUE(kReader->allStreamFramesFromData(headerAnnouncing(0xFFFFFFFF, 0), &total).empty());
-  EXPECT_EQ(total, 0U);
-}
-
-TEST(SkeldaStreamFrameDeserializer, ReportsAFrameThatCannotBeParsedAndKeepsThoseBeforeIt) {
-  class FailsOnSecond : public SkeldaStreamFrameDeserializer {
-   public:
-    explicit FailsOnSecond(platform::ErrorRef error) : error_(std::move(error)) {}
-    SkeldaStreamFrame::Ref streamFrameFromData(std::string_view data, std::size_t* consumed,
-                                               platform::ErrorRef* error) const override {
-      if (calls_++ == 0) return SkeldaStreamFrameDeserializer::streamFrameFromData(data, consumed);
-      platform::setError(error, error_);
-      return nullptr;
-    }
-
-   private:
-    platform::ErrorRef error_;
-    mutable int calls_ = 0;
-  };
-  const std::string bytes = frameBytes(1, 134, "{}") + frameBytes(1, 134, "{}");
-  const auto own = SkeldaStreamErrorConstants::errorFor(7);
-  for (const platform::ErrorRef& given : {platform::ErrorRef(), own}) {
-    std::size_t total = 0;
-    platform::ErrorRef error;
-    EXPECT_EQ(FailsOnSecond(given).allStreamFramesFromData(bytes, &total, &error).size(), 1U);
-    EXPECT_EQ(total, 26U);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), given ? 7 : 3);
-  }
 }
