@@ -46,6 +46,16 @@ class SenderTest : public ::testing::Test {
       drain(sender->dataIndex());
     }
   }
+  static LoopbackServer::RequestHandler answering(int status) {
+    return [status](ServerConnection& connection, const auto&) { connection.answer(status); };
+  }
+  /// With 200, when the server is told to release what it holds.
+  static LoopbackServer::RequestHandler answeringWhenReleased() {
+    return [](ServerConnection& connection, const auto&) {
+      connection.server().hold();
+      connection.answer(200);
+    };
+  }
   static void sendTo(const LoopbackServer& server) {
     SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(server.url());
   }

@@ -1,7 +1,6 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 
 #include <cerrno>
-#include <thread>
 
 #include "Tests/Analytics/Networking/SenderFixture.h"
 
@@ -67,18 +66,6 @@ TEST_F(SkeldaDataSenderIndexTest, TheFiftyFirstBlockStaysUntilOutdatedOnesAreDis
   EXPECT_TRUE(drain(index));
   EXPECT_EQ(blockFiles().size(), 50u);
   EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 2u);
-}
-
-TEST_F(SkeldaDataSenderIndexTest, OldestByDateGoFirstWhenDiscardedByDate) {
-  const auto index = load();
-  const auto rewritten = add(index, "first to come");
-  for (int i = 0; i < 50; ++i) add(index, std::to_string(i));
-  EXPECT_TRUE(rewritten->setData(bytes("and the latest to be written")));
-  index->discardOldBlocksForDataKey("Data_1_261");
-  const auto kept = texts(index);
-  ASSERT_EQ(kept.size(), 50u);
-  EXPECT_EQ(kept.front(), "1");
-  EXPECT_EQ(kept.back(), "and the latest to be written");
 }
 
 TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile) {

@@ -2,7 +2,6 @@
 
 #include <set>
 
-#include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Skelda_Watch/SkeldaConstants.h"
@@ -21,9 +20,7 @@ class SkeldaDataSenderTest : public SenderTest {
 
 TEST_F(SkeldaDataSenderTest, PostsTheBytesAsTheyAreAndForgetsThemWhenTheyAreAccepted) {
   TestAuthority authority;
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(202); },
-      {authority.issue()});
+  LoopbackServer server(answering(202), {authority.issue()});
   sendTo(server);
   const auto sender = makeSender("the key");
   std::string body(5000, '\0');
@@ -73,10 +70,7 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
 }
 
 TEST_F(SkeldaDataSenderTest, NineAreUnderWayAtMostAndTheRestFollowTheFirstSuccess) {
-  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
-    connection.server().hold();
-    connection.answer(200);
-  });
+  LoopbackServer server(answeringWhenReleased());
   sendTo(server);
   const auto sender = makeSender();
   std::set<std::string> sent, received;
@@ -146,8 +140,7 @@ TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
 }
 
 TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreGone) {
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  LoopbackServer server(answering(200));
   SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL("http://127.0.0.1:1/");
   const auto sender = makeSender();
   std::vector<std::string> identifiers;
@@ -173,8 +166,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
 }
 
 TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
-  LoopbackServer server(
-      [](ServerConnection& connection, const ReceivedRequest&) { connection.answer(200); });
+  LoopbackServer server(answering(200));
   sendTo(server);
   const auto sender = makeSender();
   // The block's own calls come first, then those of the index.
@@ -194,10 +186,7 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
 }
 
 TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {
-  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
-    connection.server().hold();
-    connection.answer(200);
-  });
+  LoopbackServer server(answeringWhenReleased());
   sendTo(server);
   const auto sender = makeSender();
   for (const char* text : {"a", "b"}) EXPECT_TRUE(sender->sendFrameLogData(bytes(text)));
@@ -208,11 +197,6 @@ TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {
   EXPECT_TRUE(isIdle(sender)) << "the late ends find nothing to do";
   EXPECT_EQ(blocks(sender).size(), 2u);
   server.release();
-}
-
-TEST_F(SkeldaDataSenderTest, UnregisteringATaskThatDoesNotRunRaises) {
-  const auto sender = makeSender();
-  EXPECT_THROW(sender->unregisterTask(nullptr, true), platform::Exception);
 }
 
 }  // namespace

@@ -3,12 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
+#include "Tests/Analytics/Threads.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 
 using platform::Dictionary;
@@ -196,12 +195,9 @@ TEST_F(SkeldaWatchConnectivityTest, DelegatesSetFromManyThreadsEndWithTheProxyIn
   setup();
   std::vector<std::shared_ptr<RecordingDelegate>> hosts;
   for (int i = 0; i < 4; ++i) hosts.push_back(std::make_shared<RecordingDelegate>());
-  std::vector<std::thread> threads;
-  for (const auto& host : hosts)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 200; ++i) session_->setDelegate(host);
-    });
-  for (auto& thread : threads) thread.join();
+  skelda::testing::inThreads(4, [&](unsigned thread) {
+    for (int i = 0; i < 200; ++i) session_->setDelegate(hosts[thread]);
+  });
   for (int i = 0; i < 1000 && !isProxyInstalled(); ++i) drain();
   EXPECT_TRUE(isProxyInstalled());
 }

@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
@@ -18,6 +14,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
+#include "Tests/Analytics/Recorded.h"
 
 namespace skelda::testing {
 
@@ -70,49 +67,30 @@ class RecordingStage : public platform::Object,
                        public ISkeldaStreamCoreComponent {
  public:
   std::string_view className() const noexcept override { return "RecordingStage"; }
-  void streamMessage(Message message) override {
-    std::lock_guard lock(mutex_);
-    messages_.push_back(std::move(message));
-    changed_.notify_all();
-  }
+  void streamMessage(Message message) override { messages_.add(std::move(message)); }
   std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return types; }
   void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
   void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void asyncStreamResponse(platform::ObjectRef) override { note("async"); }
-  void syncStreamResponse(platform::ObjectRef) override { note("sync"); }
-  void nextStageDidChangeState(std::int32_t state) override { note(std::to_string(state)); }
+  void asyncStreamResponse(platform::ObjectRef) override {}
+  void syncStreamResponse(platform::ObjectRef) override {}
+  void nextStageDidChangeState(std::int32_t state) override { states_.add(state); }
   void startup() override {}
 
-  /// The messages, once there are `count` of them or five seconds have passed.
-  std::vector<Message> messages(std::size_t count = 0) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return messages_.size() >= count; });
-    return messages_;
-  }
+  /// The messages, once there are `count` of them.
+  std::vector<Message> messages(std::size_t count = 0) { return messages_.wait(count); }
   std::string words(std::size_t count = 0) {
     std::string all;
     for (const auto& message : messages(count)) addWord(all, wordFor(*message));
     return all;
   }
-  /// Responses and states; waits for the first one where asked to.
-  std::string notes(bool wait = false) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return !wait || !notes_.empty(); });
-    return notes_;
-  }
+  /// The states of the stage behind, once there are `count` of them.
+  std::vector<std::int32_t> states(std::size_t count = 0) { return states_.wait(count); }
 
   std::optional<std::set<std::int32_t>> types = SkeldaStreamFrameTypeUtil::allFrameTypes();
 
  private:
-  void note(const std::string& word) {
-    std::lock_guard lock(mutex_);
-    addWord(notes_, word);
-    changed_.notify_all();
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Message> messages_;
-  std::string notes_;
+  Recorded<Message> messages_;
+  Recorded<std::int32_t> states_;
 };
 
 /// Waits until what was posted to the stage has run, with the hop that a message takes behind it.

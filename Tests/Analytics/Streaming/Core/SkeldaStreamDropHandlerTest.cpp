@@ -1,4 +1,3 @@
-#include "Analytics/Streaming/Core/SkeldaStreamDropHandler.h"
 
 #include <gtest/gtest.h>
 
@@ -53,19 +52,6 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
     EXPECT_EQ(rule->getEventCount(), 0U);
     EXPECT_EQ(rule->initialTimeStamp(), platform::Date::distantFuture());
   }
-}
-
-TEST(StreamDropHandler, ResetsItsRulesBehindTheFinalizingFlushAndLosesTheSummaryOnItsWay) {
-  const auto rule = SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(2, 10);
-  const auto handler = SkeldaStreamDropHandler::dropHandlerWithRules({rule});
-  const auto next = readyBeforeRecorder(*handler);
-  for (const int ms : {1, 2, 3}) handler->streamMessage(eventAt(ms));
-  for (const int status : {1, 3}) {
-    handler->streamMessage(SkeldaStreamFlush::streamFlushWithStatus(status));
-    handler->streamMessage(eventAt(4));
-  }
-  settle(*handler);
-  EXPECT_EQ(next->words(), "e1 e2 flush1 flush3 e4");
 }
 
 }  // namespace

@@ -82,7 +82,7 @@ TEST_F(FrameLogRepair, TriesALogThatCannotBeReadAgainAndThenSetsItAsideAsItIs) {
       writer_->registerPreviousStageComponent(previous);
       plan->failKind(kind, 1, {.times = forEver ? Fault::kForEver : 2});
       writer_->writePendingFiles();
-      EXPECT_EQ(previous->notes(true), "3");
+      EXPECT_EQ(previous->states(1), std::vector<std::int32_t>{3});
       EXPECT_EQ(plan->faults(), forEver ? 9U : 2U);
       EXPECT_EQ(log(), "counter" + std::to_string(counter()));
       EXPECT_EQ(commited(), forEver ? Logs{} : Logs{"counter1 e1 flush4"});

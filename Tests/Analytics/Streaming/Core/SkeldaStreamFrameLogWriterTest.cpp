@@ -17,18 +17,6 @@ class FrameLogWriter : public FrameLogWriterFixture {
   }
 };
 
-TEST_F(FrameLogWriter, BeginsAFirstLogWithItsCounterAndIsReady) {
-  const auto previous = std::make_shared<RecordingStage>();
-  makeWriter().registerPreviousStageComponent(previous);
-  writer_->startup();
-  start();
-  EXPECT_EQ(log(), "counter1");
-  EXPECT_EQ(commited(), Logs{});
-  EXPECT_EQ(counter(), 1);
-  EXPECT_EQ(writer_->moduleState(), 3);
-  EXPECT_EQ(previous->notes(), "3");
-}
-
 TEST_F(FrameLogWriter, RollsOnEveryFlushAndKeepsTheCrashFlagOfItsStatus) {
   startNew();
   std::size_t logs = 0;
@@ -159,25 +147,6 @@ TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
     EXPECT_EQ(all.find("torn"), std::string::npos);
     if (!died) break;
   }
-}
-
-// Without a home: a process that aborts would leave it behind.
-TEST(FrameLogWriterDeathTest, AbortsOnAStageBehindItAndOnAFrameThatDiffersFromItsMessage) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto writer = SkeldaStreamFrameLogWriter::fileWriterWithCurrentFrameLogFilePath(
-      "", "", "", "", nullptr, nullptr, nullptr,
-      SkeldaStreamFrameDeserializer::streamFrameDeserializer(), {1}, {});
-  EXPECT_DEATH(writer->registerNextStageComponent(nullptr), "0");
-  EXPECT_DEATH(writer->nextStageDidChangeState(3), "0");
-  const auto message = plainMessage(134, "{\"a\":1}");
-  const auto bytes = SkeldaStreamMessageSerializer().frameFromStreamMessage(*message)->string();
-  writer->debugFrameData(platform::Data(bytes), message);
-  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes + "x"), message),
-               "frameData.length == bytesRead");
-  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes), plainMessage(134)),
-               "message.payload.length == frame.payload.length");
-  EXPECT_DEATH(writer->debugFrameData(platform::Data(bytes), plainMessage(134, "{\"a\":2}")),
-               "isEqualToData:message.payload");
 }
 
 }  // namespace

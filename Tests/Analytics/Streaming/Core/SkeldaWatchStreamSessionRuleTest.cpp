@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
 
@@ -14,91 +10,39 @@ namespace skelda::testing {
 namespace {
 
 using Rule = SkeldaWatchStreamSessionRule;
-using Provider = SkeldaSessionDevicePropertiesDataProvider;
 
-class FakeSource : public RecordingStage, public virtual ISkeldaSessionDevicePropertiesSource {
- public:
-  void setSessionDevicePropertiesData(DataRef data) override { data_ = std::move(data); }
-  DataRef sessionDevicePropertiesData() override { return data_; }
-
- private:
-  DataRef data_;
-};
-
-/// Sessions of at most 5 events or 10 minutes; mandatory are the session id and the app info (133).
-class SessionRule : public ::testing::Test {
- protected:
-  void useRule(Rule::ModuleLookup lookup) {
-    rule_ = Rule::sessionRuleWithFlushTriggerMap({{148, 5}, {149, "5"}}, {128, 133}, 5, 10,
-                                                 std::move(lookup));
-  }
-  Rule::ModuleLookup modules() {
-    return [this](std::string_view key) -> platform::ObjectRef {
-      if (key == "SkeldaSessionDevicePropertiesDataProvider") return provider_;
-      if (key == "ISkeldaSessionDevicePropertiesSource") return source_;
-      return nullptr;
-    };
-  }
-  /// Sends what the words say ("e5": an event at 5 ms, else a frame type) through a policy with the
-  /// rule and answers what comes out.
-  std::string send(const std::string& words) {
-    const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules({rule_});
-    const auto next = readyBeforeRecorder(*policy);
-    std::istringstream in(words);
-    for (std::string word; in >> word;) {
-      policy->streamMessage(word[0] == 'e' ? Message(eventAt(std::stoll(word.substr(1))))
-                                           : Message(plainMessage(std::stoi(word))));
-    }
-    settle(*policy);
-    return next->words();
-  }
-
-  AgentHome home_;
-  std::shared_ptr<Provider> provider_ = Provider::getInstance();
-  std::shared_ptr<FakeSource> source_ = std::make_shared<FakeSource>();
-  std::shared_ptr<Rule> rule_;
-};
-
-TEST_F(SessionRule, FlushesForATriggerThatIsANumberOnceTheSetIsComplete) {
-  useRule(modules());
-  EXPECT_EQ(send("148 133 e0 148 149"), "148 133 session@0 flush1 e0 session@0 148 flush5 149");
+/// What comes out of a policy whose sessions have at most 5 events or 10 minutes, for the mandatory
+/// app info (133) and events at these times.
+std::string sent(Rule::ModuleLookup lookup, std::initializer_list<std::int64_t> events) {
+  const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
+      {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, std::move(lookup))});
+  const auto next = readyBeforeRecorder(*policy);
+  policy->streamMessage(plainMessage(133));
+  for (const auto ms : events) policy->streamMessage(eventAt(ms));
+  settle(*policy);
+  return next->words();
 }
 
-TEST_F(SessionRule, AsksForAStartSnapshotWhenASessionIsFinalizedAndKeepsItsOwn) {
-  useRule(modules());
-  EXPECT_EQ(send("133 e0 e1 e2 e3 e4").find("propsEnd"), std::string::npos) << "no start is kept";
-  const auto start = provider_->devicePropertiesData();
-  ASSERT_NE(start, nullptr);
-  EXPECT_TRUE(start->isStartFlag());
-  EXPECT_EQ(rule_->currentSessionId(), nullptr);
-  EXPECT_EQ(rule_->stickyMessagesSeen(), Rule::FrameTypes{133});
-  EXPECT_NE(send("e5 e600006").find("session@5..600012 propsEnd flush3"), std::string::npos);
-  ASSERT_NE(source_->sessionDevicePropertiesData(), nullptr);
-  EXPECT_EQ(source_->sessionDevicePropertiesData(), provider_->devicePropertiesData());
-}
-
-TEST_F(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+  const AgentHome home;
   const auto throwing = [](std::string_view) -> platform::ObjectRef {
     platform::assertionFailure("id is missing!");
   };
   for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
-    useRule(lookup);
-    EXPECT_EQ(send("133 e0 e600001 e600002 e600003 e600004 e600005"),
+    EXPECT_EQ(sent(lookup, {0, 600001, 600002, 600003, 600004, 600005}),
               "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "
               "propsStart flush1 e600001 session@600001 e600002 e600003 e600004 "
               "session@600001..600012 e600005 flush3");
   }
 }
 
-TEST_F(SessionRule, ArchivesTheEventThatFilledTheSession) {
-  useRule(modules());
-  send("133 e0 e1 e2 e3 e4");
-  const auto archive =
-      SkeldaUtil::safeUnarchiveObjectWithFile(Rule::currentWatchSessionIdFilePath());
+TEST(SessionRule, ArchivesTheEventThatFilledTheSession) {
+  const AgentHome home;
+  sent({}, {0, 1, 2, 3, 4});
+  const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(
+      home.storageFolder() + "/.skeldaCurrentWatchSessionId0_261.archive");
   ASSERT_TRUE(archive);
   EXPECT_EQ(wordFor(*SkeldaStreamSessionId::fromArchive(*archive)), "session@4");
-  EXPECT_EQ(Rule::currentWatchSessionIdFilePath(),
-            home_.storageFolder() + "/.skeldaCurrentWatchSessionId0_261.archive");
 }
 
 }  // namespace

@@ -1,32 +1,23 @@
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 
 #include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
+#include "Tests/Analytics/Recorded.h"
 
 namespace skelda::testing {
 
 /// Counts what it is told. Any thread.
 class RecordingObserver : public virtual ISkeldaDataProviderObserver {
  public:
-  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override {
-    std::lock_guard lock(mutex_);
-    ++updates_;
-    changed_.notify_all();
+  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider> provider) override {
+    told_.add(provider.get());
   }
-  /// How often it was told, once that is `count` or five seconds have passed.
-  int updates(int count = 0) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return updates_ >= count; });
-    return updates_;
-  }
+  /// How often it was told, once that is `count`.
+  int updates(std::size_t count = 0) { return static_cast<int>(told_.wait(count).size()); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int updates_ = 0;
+  Recorded<const SkeldaDataProvider*> told_;
 };
 
 /// Waits until what was posted to the provider has run, and what that posted in turn.

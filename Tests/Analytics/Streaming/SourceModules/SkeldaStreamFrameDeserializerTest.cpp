@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
-#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
-#include "Tests/Support/LogCapture.h"
 
 using namespace skelda::testing;
 
@@ -77,71 +73,4 @@ TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
   EXPECT_EQ(flagged->frameClass(), "SkeldaStreamEvent");
   EXPECT_EQ(flagged->payloadString(), std::nullopt);
   EXPECT_EQ(kReader->frameTypeFromData(frameBytes(0x81, 134, "")), 134U);
-}
-
-TEST(SkeldaStreamFrameDeserializer, SplitsWholeFramesAndLeavesWhatIsBehindThem) {
-  const std::string first = frameBytes(1, 134, "{\"a\":1}");
-  const std::string second = frameBytes(0, 2, "{}") + "crc!";
-  std::size_t total = 99;
-  platform::ErrorRef error;
-  const auto frames =
-      kReader->allStreamFramesFromData(first + second + first.substr(0, 10), &total, &error);
-  ASSERT_EQ(frames.size(), 2U);
-  EXPECT_EQ(frames[0]->payload().string(), "{\"a\":1}");
-  EXPECT_EQ(frames[1]->frameType(), 2);
-  EXPECT_EQ(total, first.size() + second.size());
-  EXPECT_EQ(error, nullptr);
-
-  EXPECT_TRUE(kReader->allStreamFramesFromData("", &total).empty());
-  EXPECT_EQ(total, 0U);
-  EXPECT_TRUE(kReader->allStreamFramesFromData(headerAnnouncing(0xFFFFFFFF, 0), &total).empty());
-  EXPECT_EQ(total, 0U);
-}
-
-TEST(SkeldaStreamFrameDeserializer, ReportsAFrameThatCannotBeParsedAndKeepsThoseBeforeIt) {
-  class FailsOnSecond : public SkeldaStreamFrameDeserializer {
-   public:
-    explicit FailsOnSecond(platform::ErrorRef error) : error_(std::move(error)) {}
-    SkeldaStreamFrame::Ref streamFrameFromData(std::string_view data, std::size_t* consumed,
-                                               platform::ErrorRef* error) const override {
-      if (calls_++ == 0) return SkeldaStreamFrameDeserializer::streamFrameFromData(data, consumed);
-      platform::setError(error, error_);
-      return nullptr;
-    }
-
-   private:
-    platform::ErrorRef error_;
-    mutable int calls_ = 0;
-  };
-  const std::string bytes = frameBytes(1, 134, "{}") + frameBytes(1, 134, "{}");
-  const auto own = SkeldaStreamErrorConstants::errorFor(7);
-  for (const platform::ErrorRef& given : {platform::ErrorRef(), own}) {
-    std::size_t total = 0;
-    platform::ErrorRef error;
-    EXPECT_EQ(FailsOnSecond(given).allStreamFramesFromData(bytes, &total, &error).size(), 1U);
-    EXPECT_EQ(total, 26U);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), given ? 7 : 3);
-  }
-}
-
-TEST(SkeldaStreamFrameDeserializer, LogsAFrameForDebuggingAtLevelTwo) {
-  LogCapture log;
-  const std::string bytes = frameBytes(1, 174, R"({"sk.ccpa.optout":true})");
-  SkeldaUtil::setLogLevel(1);
-  kReader->debugLogFrameData(bytes, "tag");
-  EXPECT_TRUE(log.take().empty());
-  SkeldaUtil::setLogLevel(2);
-  kReader->debugLogFrameData(bytes, "tag");
-  kReader->debugLogFrameData(bytes.substr(0, 30), "tag");
-  SkeldaUtil::setLogLevel(0);
-  const auto lines = log.take();
-  ASSERT_EQ(lines.size(), 2U);
-  EXPECT_TRUE(lines[0].starts_with("tag: [SkeldaStreamFrame(0x")) << lines[0];
-  EXPECT_TRUE(lines[0].ends_with(
-      "): type = [174], typeClass = [SkeldaStreamCCPAOptOut], epoch timestamp = [1600000000000], "
-      "relative timestamp = [5000], crc = [0], payload len = [23], "
-      "payload = {\"sk.ccpa.optout\":true}, total len = [47]]"))
-      << lines[0];
-  EXPECT_EQ(lines[1], "tag, conversion failed, frame = [(null)], error = (null)");
 }

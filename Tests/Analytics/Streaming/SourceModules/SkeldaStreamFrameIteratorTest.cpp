@@ -2,15 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
 #include "Tests/Support/FaultyStreamFiles.h"
-#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
-#include "include/Skelda_Watch/SkeldaConstants.h"
 
 using namespace skelda::testing;
 
@@ -107,40 +102,11 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
     EXPECT_FALSE(reading->hasNext()) << tried.what;
     EXPECT_EQ(handle_->requests, tried.requests) << tried.what;
     EXPECT_EQ(error, nullptr) << tried.what;
+    reading->open(path_);
+    EXPECT_EQ(drain(*reading), tried.seen) << "an iterator can be opened again";
     reading->close();
     EXPECT_EQ(reading->state(), 3);
     EXPECT_TRUE(reading->buffer().empty());
-  }
-}
-
-TEST_F(SkeldaStreamFrameIteratorTest, HandsOutFramesFromTheFrontOfItsBuffer) {
-  writeFile(path_, frames(10, 150));
-  const auto reading = iterator();
-  reading->open(path_);
-  EXPECT_EQ(reading->buffer(), frames(10, 150).substr(0, 1000));
-  for (int i = 0; i < 6; ++i) ASSERT_TRUE(reading->hasNext() && reading->nextWithError());
-  EXPECT_EQ(reading->buffer(), frames(10, 150).substr(900, 100));
-  ASSERT_TRUE(reading->hasNext());
-  EXPECT_EQ(reading->buffer(), frames(10, 150).substr(900));
-  EXPECT_EQ(reading->nextWithError()->payload().string(), std::string(126, 'g'));
-
-  EXPECT_EQ(reading->open(path_), 1) << "an iterator can be opened again";
-  EXPECT_EQ(drain(*reading), "abcdefghij");
-}
-
-TEST_F(SkeldaStreamFrameIteratorTest, TakesItsLimitFromTheConfiguration) {
-  writeFile(path_, frames(3, 100));
-  struct Case {
-    platform::Value option;
-    std::uint32_t limit;
-  };
-  for (const Case& tried :
-       {Case{150, 150U}, Case{"64", 64U}, Case{nullptr, 1000U}, Case{1e12, 0xFFFFFFFFU}}) {
-    const auto reading =
-        iterator({{kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile, tried.option}});
-    EXPECT_EQ(reading->maxBytesToRead(), tried.limit);
-    reading->open(path_);
-    EXPECT_EQ(drain(*reading), "abc") << tried.limit;
   }
 }
 
@@ -162,45 +128,4 @@ TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
   EXPECT_EQ(drain(*reading), "abcdef");
   EXPECT_EQ(reading->state(), 2);
   EXPECT_EQ(plan_->faults(), 2U);
-}
-
-TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhatItsDeserializerReports) {
-  class Failing : public SkeldaStreamFrameDeserializer {
-    SkeldaStreamFrame::Ref streamFrameFromData(std::string_view, std::size_t*,
-                                               platform::ErrorRef* error) const override {
-      platform::setError(error, SkeldaStreamErrorConstants::errorFor(7));
-      return nullptr;
-    }
-  };
-  writeFile(path_, frames(2, 100));
-  SkeldaStreamFrameIterator reading(handle_, std::make_shared<Failing>(), {});
-  reading.open(path_);
-  ASSERT_TRUE(reading.hasNext());
-  platform::ErrorRef error;
-  EXPECT_EQ(reading.nextWithError(&error), nullptr);
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), 7);
-  EXPECT_EQ(reading.state(), 2);
-}
-
-TEST_F(SkeldaStreamFrameIteratorTest, LogsEveryChangeOfItsStateAtLevelTwo) {
-  LogCapture log;
-  SkeldaUtil::setLogLevel(2);
-  writeFile(path_, frames(1, 100) + frames(1, 100).substr(0, 60));
-  const auto reading = iterator();
-  reading->open(path_);
-  drain(*reading);
-  reading->close();
-  SkeldaUtil::setLogLevel(0);
-  const auto lines = log.take();
-  const auto has = [&](std::string_view method, std::string_view change) {
-    return std::ranges::any_of(lines, [&](const std::string& line) {
-      return line.starts_with(method) && line.ends_with(change);
-    });
-  };
-  EXPECT_TRUE(has("-[SkeldaStreamFrameIterator open:error:]:", ": setting state to 1"));
-  EXPECT_TRUE(has("-[SkeldaStreamFrameIterator fillupDataBufferWithLength:error:]:",
-                  ": setting state to complete"));
-  EXPECT_TRUE(has("-[SkeldaStreamFrameIterator hasNext]:", ": setting state to error"));
-  EXPECT_TRUE(has("-[SkeldaStreamFrameIterator close]:", ": setting state to 3"));
 }

@@ -3,18 +3,14 @@
 #include <gmock/gmock.h>
 
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaAppInfoSource.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaAppOrientationSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaAppStateSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaDevicePropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaLocaleInfoSource.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaNetworkStatusSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionInitInfoSource.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaStreamFlushSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaTimeZoneInfoSource.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Analytics/Streaming/Data Providers/RecordingObserver.h"
 #include "Tests/Analytics/Streaming/Sources/SourceRig.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -53,16 +49,6 @@ TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
     EXPECT_THAT(device.texts(), ElementsAre(HasSubstr(part)));
   }
   platform::Bundle::setMain(nullptr);
-
-  SourceRig<SkeldaAppOrientationSource> orientation;
-  orientation->startup();
-  EXPECT_THAT(orientation.texts(), ElementsAre(R"(156 {"sk.app.orientation":1})"));
-
-  SourceRig<SkeldaStreamFlushSource> flush;
-  flush->startup();
-  EXPECT_THAT(flush.texts(), IsEmpty());
-  flush->flushWithStatus(5);
-  EXPECT_THAT(flush.texts(), ElementsAre(HasSubstr(R"(1 {"sk.flush.frame.code":5)")));
 }
 
 TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
@@ -94,46 +80,32 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
 TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
   const auto states = SkeldaAppStateDataProvider::getInstance();
   const auto sessions = SkeldaSessionInfoDataProvider::getInstance();
-  const auto devices = SkeldaSessionDevicePropertiesDataProvider::getInstance();
-  const auto network = SkeldaNetworkReachabilityDataProvider::sharedInstance();
-  const std::shared_ptr<SkeldaDataProvider> providers[] = {states, sessions, devices, network};
+  const std::shared_ptr<SkeldaDataProvider> providers[] = {states, sessions};
   SourceRig<SkeldaAppStateSource> appState;
   SourceRig<SkeldaSessionInitInfoSource> initInfo;
-  SourceRig<SkeldaSessionDevicePropertiesSource> device;
-  SourceRig<SkeldaNetworkStatusSource> status;
-  const auto tellAll = [&] {
+  const auto tellBothOfBoth = [&] {
     for (const auto& provider : providers) {
       appState->dataProviderDidUpdate(provider);
       initInfo->dataProviderDidUpdate(provider);
-      device->dataProviderDidUpdate(provider);
-      status->dataProviderDidUpdate(provider);
     }
   };
-  network->setInternalNetworkStatus(2);
-  tellAll();  // but for the network nobody has facts yet
-  EXPECT_THAT(status.texts(), ElementsAre(R"(149 {"sk.network.status":2})"));
-  EXPECT_TRUE(appState.sent().empty() && initInfo.sent().empty() && device.sent().empty());
-  network->setInternalNetworkStatus(0);
+  tellBothOfBoth();  // nobody has facts yet
+  EXPECT_TRUE(appState.sent().empty() && initInfo.sent().empty());
 
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionNumber(), "0");
   states->sendWatchState(0);
   sessions->setIncludeBackgroundSessionsInMetrics(true);
   sessions->startUpWithApiKey("KEY");
-  tellAll();
+  tellBothOfBoth();
   EXPECT_THAT(appState.texts(),
               ElementsAre(R"(132 {"sk.app.current.state":0,"sk.app.previous.state":-1})"));
   // The session's facts are reported once, as they are at first.
   EXPECT_EQ(initInfo.sent().size(), 1U);
   sessions->setIncludeBackgroundSessionsInMetrics(false);
-  tellAll();
+  tellBothOfBoth();
   EXPECT_THAT(initInfo.texts(),
               ElementsAre(R"(141 {"sk.apikey":"KEY","sk.agent.platform":2,"sk.agent.report.key":2,)"
                           R"("sk.agent.version":261,"sk.background.session.metrics":true,)"
                           R"("sk.play.service.availability":-1})"));
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionNumber(), "261");
-  EXPECT_TRUE(initInfo->includeBackgroundSessionsInMetrics());
-  EXPECT_EQ(initInfo->getSkeldaVersion(), "1.0");
-  EXPECT_EQ(initInfo->getSkeldaAgentVersionWithBuild(), "261");
 }
 
 TEST(SessionDevicePropertiesSource, KeepsTheStartAndSendsAnEndTogetherWithIt) {

@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <ctime>
-
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
@@ -12,7 +9,9 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Tests/Analytics/Recorded.h"
 #include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Threads.h"
 #include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
@@ -21,25 +20,6 @@ namespace {
 using platform::Array;
 using platform::Value;
 using ::testing::ElementsAre;
-
-TEST(UserPropertiesSource, SendsEachOperationUnderItsNumber) {
-  SourceRig<SkeldaUserPropertiesSource> rig;
-  rig->setUserProperties("p", Array{"a", "b"});
-  rig->setUserPropertiesValue("p", Array{"c"});
-  rig->addUserProperties("p", Array{"d"});
-  rig->removeUserProperties("p", Array{"e"});
-  rig->removeUserProperties("p");
-  rig->flagUserProperties("p");
-  std::vector<std::string> operations;
-  for (const auto& message : rig.sent()) {
-    const auto& record = dynamic_cast<const SkeldaStreamUserProperties&>(*message);
-    EXPECT_EQ(record.propertyName(), "p");
-    operations.push_back(std::to_string(record.callType()) +
-                         Value(record.propertyValues().value()).description());
-  }
-  EXPECT_THAT(operations, ElementsAre("1[\"a\",\"b\"]", "1[\"c\"]", "2[\"d\"]", "3[\"e\"]", "4[]",
-                                      "6[\"true\"]"));
-}
 
 TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
   SkeldaUtil::setLogLevel(2);
@@ -60,89 +40,42 @@ TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
       {"p", Array{nullptr}, "invalid user property value = (null)", true},
       {"p", Array{"\xff"}, "a value is not UTF-8 text", true},
   };
-  for (const auto& refused : cases) {
+  for (const auto& [name, values, reason, nameIsGood] : cases) {
     log.take();
-    rig->setUserProperties(refused.name, refused.values);
-    rig->addUserProperties(refused.name, refused.values);
-    rig->removeUserProperties(refused.name, refused.values);
-    if (!refused.nameIsGood) {
-      rig->removeUserProperties(refused.name);
-      rig->flagUserProperties(refused.name);
+    rig->setUserProperties(name, values);
+    rig->addUserProperties(name, values);
+    rig->removeUserProperties(name, values);
+    if (!nameIsGood) {
+      rig->removeUserProperties(name);
+      rig->flagUserProperties(name);
     }
-    EXPECT_TRUE(rig.sent().empty()) << refused.reason;
-    EXPECT_EQ(log.count(refused.reason), refused.nameIsGood ? 3U : 5U) << refused.reason;
+    EXPECT_TRUE(rig.sent().empty()) << reason;
+    EXPECT_EQ(log.count(reason), nameIsGood ? 3U : 5U) << reason;
   }
   SkeldaUtil::setLogLevel(0);
 }
 
-TEST(UserDemographicsSource, SendsTheUserIdAndTakesItBack) {
+TEST(UserDemographicsSource, CarriesUserIdsOfAnyKindAndSizeAndTakesThemBack) {
+  const std::string huge(1 << 20, 'h');
   SourceRig<SkeldaUserDemographicsSource> rig;
   rig->setUserId(nullptr);  // there was none: no news
   rig->setUserId("bad \xff");
-  rig->setUserId(std::string("a\0b", 3));
-  rig->setUserId(42);
-  EXPECT_EQ(rig->getUserId(), "42");
+  const std::pair<Value, std::string> ids[] = {{std::string("a\0b", 3), std::string("a\0b", 3)},
+                                               {huge, huge},
+                                               {Array{1, "a"}, "[1,\"a\"]"},
+                                               {true, "1"}};
+  for (const auto& [given, text] : ids) {
+    rig->setUserId(given);
+    EXPECT_EQ(rig->getUserId(), text);
+  }
+  rig->setUserId(Array{"bad \xff"});
+  EXPECT_EQ(rig->getUserId(), "1");
   rig->setUserId(nullptr);
   EXPECT_EQ(rig->getUserId(), std::nullopt);
   EXPECT_THAT(rig.texts(), ElementsAre(R"(146 {"sk.demo.userid":"a\u0000b"})",
-                                       R"(146 {"sk.demo.userid":"42"})", "146 nothing"));
-}
-
-TEST(UserSources, CarryTextsOfAnySizeAndUserIdsOfAnyKind) {
-  const std::string huge(1 << 20, 'h');
-  SourceRig<SkeldaUserDemographicsSource> user;
-  const std::pair<Value, std::string> ids[] = {
-      {"", ""}, {huge, huge}, {Array{1, "a"}, "[1,\"a\"]"}, {{{"a", 1}}, "{\"a\":1}"}, {true, "1"}};
-  for (const auto& [given, text] : ids) {
-    user->setUserId(given);
-    EXPECT_EQ(user->getUserId(), text);
-  }
-  user->setUserId(Array{"bad \xff"});
-  EXPECT_EQ(user->getUserId(), "1");
-  EXPECT_EQ(user.texts().at(1), "146 {\"sk.demo.userid\":\"" + huge + "\"}");
-
-  SourceRig<SkeldaUserPropertiesSource> properties;
-  Array values;
-  for (int i = 0; i < 10000; ++i) values.push_back("");
-  properties->setUserProperties(huge, values);
-  properties->addUserProperties("p", Array{huge});
-  EXPECT_EQ(properties.last<SkeldaStreamUserProperties>()->propertyValues(), Array{huge});
-  const auto& first = dynamic_cast<const SkeldaStreamUserProperties&>(*properties.sent().at(0));
-  EXPECT_EQ(first.propertyName(), huge);
-  EXPECT_EQ(first.propertyValues(), values);
-  EXPECT_TRUE(first.payload());
-}
-
-TEST(UserDemographicsSource, KnowsTwoGendersAndTurnsAnAgeIntoTheStartOfTheYearOfBirth) {
-  SourceRig<SkeldaUserDemographicsSource> rig;
-  EXPECT_EQ(rig->genderAsInt(), -1);
-  for (const auto& [letter, number] : {std::pair{"m", 1}, {"f", 0}, {"M", -1}, {"", -1}}) {
-    rig->setGenderAsString(letter);
-    EXPECT_EQ(rig->genderAsInt(), number) << letter;
-    EXPECT_EQ(rig.texts().back(), "0 {\"sk.demo.gender\":" + std::to_string(number) + "}");
-  }
-  for (const std::int32_t age : {0, -1, 151}) rig->setAgeInYears(age);
-  EXPECT_EQ(rig->age(), 0);
-  EXPECT_EQ(rig.sent().size(), 4U);
-  for (const std::int32_t age : {1, 40, 150}) {
-    rig->setAgeInYears(age);
-    EXPECT_EQ(rig->age(), age);
-    const auto birthdate = rig.last<SkeldaStreamUserBirthdate>()->birthdate().value();
-    const auto seconds = static_cast<std::time_t>(birthdate.timeIntervalSince1970());
-    std::tm calendar{};
-    ::localtime_r(&seconds, &calendar);
-    EXPECT_EQ(calendar.tm_yday + calendar.tm_hour, 0);
-  }
-  rig->setBirthdate(platform::Date(std::chrono::hours(24)));
-  EXPECT_EQ(rig.texts().back(), R"(0 {"sk.demo.birthdate":86400000})");
-}
-
-TEST(CCPASource, SendsTheTwoRequests) {
-  SourceRig<SkeldaCCPASource> rig;
-  rig->startup();
-  rig->setCCPAOptOut(true);
-  rig->setCCPADelete();
-  EXPECT_THAT(rig.texts(), ElementsAre(R"(174 {"sk.ccpa.optout":true})", "175 {}"));
+                                       R"(146 {"sk.demo.userid":")" + huge + R"("})",
+                                       R"(146 {"sk.demo.userid":"[1,\"a\"]"})",
+                                       R"(146 {"sk.demo.userid":"1"})", "146 nothing"));
 }
 
 class Observer : public ISkeldaConsentObserver {
@@ -150,70 +83,71 @@ class Observer : public ISkeldaConsentObserver {
   explicit Observer(std::shared_ptr<SkeldaConsentCore> core) : core_(std::move(core)) {}
   void consentUpdated() override {
     core_->getConsent();  // the lock is free: the call comes from outside it
-    std::lock_guard lock(mutex_);
-    threads_.push_back(std::this_thread::get_id());
-    changed_.notify_all();
+    threads.add(std::this_thread::get_id());
   }
-  std::vector<std::thread::id> calls(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return threads_.size() >= count; });
-    return threads_;
-  }
+  Recorded<std::thread::id> threads;
 
  private:
   const std::shared_ptr<SkeldaConsentCore> core_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::thread::id> threads_;
 };
 
-TEST(ConsentCore, StoresAndAnnouncesEveryUpdateAndAnswersWhetherItIsEnough) {
+TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough) {
   const auto core = std::make_shared<SkeldaConsentCore>();
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotProvided);
-  const auto queue = platform::Queue::serial("consent");
   const auto early = std::make_shared<Observer>(core);
-  core->registerObserver(early, queue);
-
+  core->registerObserver(early, platform::Queue::serial("consent"));
   EXPECT_FALSE(core->updateUserConsent({true, {}}));
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kInGDPRScope);
   EXPECT_TRUE(core->updateUserConsent({true, {{"iab", "x"}}, true}));
-  EXPECT_TRUE(core->getConsent().isLICNEnabled());
-  EXPECT_EQ(core->getConsent().consentStrings().find("iab")->description(), "x");
   EXPECT_TRUE(core->updateUserConsent({false, {}}));
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotInGDPRScope);
-  EXPECT_EQ(early->calls(3).size(), 3U);
+  EXPECT_EQ(early->threads.wait(3).size(), 3U);
 
   // One that comes late is told at once; one that is gone is forgotten.
   const auto late = std::make_shared<Observer>(core);
   core->registerObserver(late, nullptr);
   core->registerObserver(std::make_shared<Observer>(core), nullptr);
-  ASSERT_EQ(late->calls(1).size(), 1U);
-  EXPECT_NE(late->calls(1).front(), std::this_thread::get_id());
+  ASSERT_EQ(late->threads.wait(1).size(), 1U);
+  EXPECT_NE(late->threads.wait(1).front(), std::this_thread::get_id());
 
   // Updates may come from many threads, and none is lost.
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(late->calls(201).size(), 201U);
+  inThreads(4, [&](unsigned) {
+    for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
+  });
+  EXPECT_EQ(late->threads.wait(201).size(), 201U);
 }
 
-TEST(ConsentSource, TurnsEachUpdateIntoAMessageThatHasNoFrameType) {
-  SourceRig<SkeldaConsentSource> rig;
-  const auto core = SkeldaConsentCore::sharedInstance();
-  core->updateUserConsent({true, {{"iab", "x"}}});
-  rig->startup();  // finds consent given before
-  ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
-  core->updateUserConsent({true, {{"iab", "x"}}});
-  ASSERT_EQ(rig.recorder->messages(2).size(), 2U);
-  rig->setConsent({false, {}});
-  const std::string given = R"(0 {"sk.consent.isGdprScope":true,"sk.consent.strings":{"iab":"x"}})";
-  EXPECT_THAT(
-      rig.texts(),
-      ElementsAre(given, given, R"(0 {"sk.consent.isGdprScope":false,"sk.consent.strings":{}})"));
+TEST(UserSources, SendEachChangeAsItsMessage) {
+  SourceRig<SkeldaCCPASource> privacy;
+  privacy->setCCPAOptOut(true);
+  privacy->setCCPADelete();
+  EXPECT_THAT(privacy.texts(), ElementsAre(R"(174 {"sk.ccpa.optout":true})", "175 {}"));
+
+  SourceRig<SkeldaConsentSource> consent;
+  SkeldaConsentCore::sharedInstance()->updateUserConsent({true, {{"iab", "x"}}});
+  consent->startup();  // finds consent given before
+  EXPECT_EQ(consent.recorder->messages(1).size(), 1U);
+  SkeldaConsentCore::sharedInstance()->updateUserConsent({false, {}});
+  EXPECT_EQ(consent.recorder->messages(2).size(), 2U);
+  EXPECT_THAT(consent.texts(),
+              ElementsAre(R"(0 {"sk.consent.isGdprScope":true,"sk.consent.strings":{"iab":"x"}})",
+                          R"(0 {"sk.consent.isGdprScope":false,"sk.consent.strings":{}})"));
+
+  SourceRig<SkeldaUserPropertiesSource> properties;
+  properties->setUserProperties("p", Array{"a", "b"});
+  properties->setUserPropertiesValue("p", Array{"c"});
+  properties->addUserProperties("p", Array{"d"});
+  properties->removeUserProperties("p", Array{"e"});
+  properties->removeUserProperties("p");
+  properties->flagUserProperties("p");
+  std::vector<std::string> operations;
+  for (const auto& message : properties.sent()) {
+    const auto& record = dynamic_cast<const SkeldaStreamUserProperties&>(*message);
+    operations.push_back(std::to_string(record.callType()) + *record.propertyName() +
+                         Value(record.propertyValues().value()).description());
+  }
+  EXPECT_THAT(operations, ElementsAre("1p[\"a\",\"b\"]", "1p[\"c\"]", "2p[\"d\"]", "3p[\"e\"]",
+                                      "4p[]", "6p[\"true\"]"));
 }
 
 }  // namespace

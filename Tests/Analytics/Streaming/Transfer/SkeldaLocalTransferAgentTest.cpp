@@ -16,11 +16,7 @@ class Completions : public ISkeldaFileTransferAgentDelegate {
 
 class SkeldaLocalTransferAgentTest : public ::testing::Test {
  protected:
-  SkeldaLocalTransferAgentTest() { use(reader_, folder_); }
-  void use(std::shared_ptr<FakeReader> reader, std::shared_ptr<FakeFolder> folder) {
-    agent_ = SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(reader, folder);
-    agent_->setDelegate(delegate_);
-  }
+  SkeldaLocalTransferAgentTest() { agent_->setDelegate(delegate_); }
   static SkeldaFileStateRef file(const std::string& name) {
     return std::make_shared<SkeldaFileState>(name, "/logs", 1, 0, 0, nullptr);
   }
@@ -28,7 +24,8 @@ class SkeldaLocalTransferAgentTest : public ::testing::Test {
   std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
   std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
   std::shared_ptr<Completions> delegate_ = std::make_shared<Completions>();
-  std::shared_ptr<SkeldaLocalTransferAgent> agent_;
+  std::shared_ptr<SkeldaLocalTransferAgent> agent_ =
+      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(reader_, folder_);
 };
 
 TEST_F(SkeldaLocalTransferAgentTest, TurnsTheReadersOutcomeIntoACompletion) {
@@ -60,32 +57,13 @@ TEST_F(SkeldaLocalTransferAgentTest, AMissingFileIsAnErrorWithoutACompletion) {
   EXPECT_EQ(delegate_->told, std::vector<std::string>{"abandoned"});
 }
 
-TEST_F(SkeldaLocalTransferAgentTest, RefusesWhatItCannotStart) {
-  agent_->startTransfer(nullptr);
-  agent_->listTransfers();
-  use(nullptr, folder_);
-  agent_->startTransfer(file("a"));
-  agent_->listTransfers();
-  use(reader_, nullptr);
-  agent_->startTransfer(file("a"));
-  EXPECT_TRUE(agent_->listTransfers().empty());
-  EXPECT_EQ(delegate_->told,
-            (std::vector<std::string>{": passed in file is nil",
-                                      "a: file reader not available, unable to transfer",
-                                      "a: file manager is nil"}));
-}
-
-TEST_F(SkeldaLocalTransferAgentTest, KeepsItsQueue) {
+TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancelled) {
   const auto first = file("same"), second = file("same"), other = file("other");
-  for (const auto& one : {first, second, first, other, SkeldaFileStateRef()}) {
-    agent_->resumeTransfer(one);
-  }
-  EXPECT_EQ(agent_->listTransfers(), (std::vector{first, second, other}));
+  for (const auto& one : {first, second, first, other}) agent_->resumeTransfer(one);
   agent_->finishTransferWithFileName("same");
   agent_->finishTransferWithFileName("unknown");
   EXPECT_EQ(agent_->listTransfers(), (std::vector{second, other}));
   agent_->cancelTransfer(other);
-  agent_->cancelTransfer(nullptr);
   EXPECT_EQ(agent_->listTransfers(), std::vector{second});
 }
 

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
-#include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/URLError.h"
-#include "Tests/Support/LoopbackServer.h"
+#include "Tests/Analytics/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
@@ -26,75 +24,52 @@ class FakeDataSender : public ISkeldaFrameLogDataSender {
   std::vector<std::string> sent;
 };
 
-class Outcomes : public ISkeldaStreamFileReaderDelegate {
- public:
-  void processingCompleteForFile(const std::string& fileName) override {
-    tell(fileName, true, nullptr);
-  }
-  void processingFailedForFile(const std::string& fileName, platform::ErrorRef with) override {
-    tell(fileName, false, std::move(with));
-  }
-  bool waitFor(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return names.size() >= count; });
-  }
-  std::vector<std::string> names;
-  bool succeeded = false;
+struct Outcome {
+  std::string name;
+  bool succeeded;
   platform::ErrorRef error;
+};
 
- private:
-  void tell(const std::string& name, bool success, platform::ErrorRef with) {
-    std::lock_guard lock(mutex_);
-    names.push_back(name);
-    succeeded = success;
-    error = std::move(with);
-    changed_.notify_all();
+class Outcomes : public ISkeldaStreamFileReaderDelegate, public Recorded<Outcome> {
+ public:
+  void processingCompleteForFile(const std::string& name) override { add({name, true, nullptr}); }
+  void processingFailedForFile(const std::string& name, platform::ErrorRef with) override {
+    add({name, false, std::move(with)});
   }
-  std::mutex mutex_;
-  std::condition_variable changed_;
 };
 
 class SkeldaStreamFrameLogSenderTest : public ::testing::Test {
  protected:
-  SkeldaStreamFrameLogSenderTest() { make(); }
-  void make() {
-    sender_ = SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-        SkeldaStreamFileHandle::fileHandle(), dataSender_);
-    sender_->setDelegate(outcomes_);
-  }
-  void process(const std::string& name) {
-    const std::size_t before = outcomes_->names.size();
+  SkeldaStreamFrameLogSenderTest() { sender_->setDelegate(outcomes_); }
+  Outcome process(const std::string& name) {
+    const std::size_t before = outcomes_->size();
     sender_->processFile(name, folder_.path());
-    ASSERT_TRUE(outcomes_->waitFor(before + 1));
-    EXPECT_EQ(outcomes_->names.back(), name);
+    const auto outcomes = outcomes_->wait(before + 1);
+    EXPECT_EQ(outcomes.size(), before + 1);
+    EXPECT_EQ(outcomes.back().name, name);
+    return outcomes.back();
   }
 
   TemporaryDirectory folder_;
   std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
   std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
-  std::shared_ptr<SkeldaStreamFrameLogSender> sender_;
+  std::shared_ptr<SkeldaStreamFrameLogSender> sender_ =
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
+                                                               dataSender_);
 };
 
-TEST_F(SkeldaStreamFrameLogSenderTest, GivesAWholeFileToTheDataSender) {
-  const std::string bytes(300'000, '\x81');
-  writeFile(folder_ / "log", bytes);
-  process("log");
-  EXPECT_TRUE(outcomes_->succeeded);
-  EXPECT_EQ(dataSender_->sent, std::vector{bytes});
-}
-
 TEST_F(SkeldaStreamFrameLogSenderTest, ReportsWhatItCannotRead) {
-  process("missing");
-  ASSERT_NE(outcomes_->error, nullptr);
-  EXPECT_EQ(outcomes_->error->code(), 5);
+  const auto missing = process("missing");
+  ASSERT_NE(missing.error, nullptr);
+  EXPECT_EQ(missing.error->code(), 5);
   writeFile(folder_ / "empty", "");
-  process("empty");
-  EXPECT_FALSE(outcomes_->succeeded);
-  EXPECT_EQ(outcomes_->error, nullptr);
+  const auto empty = process("empty");
+  EXPECT_FALSE(empty.succeeded);
+  EXPECT_EQ(empty.error, nullptr);
   std::filesystem::create_directory(folder_ / "folder");
-  process("folder");
-  EXPECT_FALSE(outcomes_->succeeded);
-  ASSERT_NE(outcomes_->error, nullptr);
+  const auto unreadable = process("folder");
+  EXPECT_FALSE(unreadable.succeeded);
+  EXPECT_NE(unreadable.error, nullptr);
   EXPECT_TRUE(dataSender_->sent.empty());
 }
 
@@ -105,30 +80,13 @@ TEST_F(SkeldaStreamFrameLogSenderTest,
   dataSender_->failures = 2;
   for (const auto least : {std::chrono::seconds(1), std::chrono::seconds(2)}) {
     const auto begin = Clock::now();
-    process("log");
+    const auto outcome = process("log");
     EXPECT_GE(Clock::now() - begin, least);
-    EXPECT_FALSE(outcomes_->succeeded);
-    EXPECT_TRUE(outcomes_->error->hasDomain(platform::urlErrorDomain()));
-    EXPECT_EQ(outcomes_->error->code(), platform::kURLErrorNetworkConnectionLost);
+    ASSERT_FALSE(outcome.succeeded);
+    EXPECT_TRUE(outcome.error->hasDomain(platform::urlErrorDomain()));
+    EXPECT_EQ(outcome.error->code(), platform::kURLErrorNetworkConnectionLost);
   }
-  process("log");
-  EXPECT_TRUE(outcomes_->succeeded);
-}
-
-TEST_F(SkeldaStreamFrameLogSenderTest, ATestApplicationSeesEveryLogThatIsSent) {
-  class Observer : public platform::Object, public ISkeldaStreamingDataObserver {
-   public:
-    std::string_view className() const noexcept override { return "SkeldaStreamingObserver"; }
-    void frameLogFileDidUpdate(const std::string& path) override { seen.push_back(path); }
-    std::vector<std::string> seen;
-  };
-  const auto observer = std::make_shared<Observer>();
-  platform::ClassRegistry::shared().registerClass(
-      {"SkeldaStreamingObserver", {}, {}, [observer] { return observer; }});
-  make();
-  process("log");
-  EXPECT_EQ(observer->seen, std::vector<std::string>{folder_ / "log"});
-  platform::ClassRegistry::shared().registerClass({"SkeldaStreamingObserver", {}, {}, nullptr});
+  EXPECT_TRUE(process("log").succeeded);
 }
 
 }  // namespace

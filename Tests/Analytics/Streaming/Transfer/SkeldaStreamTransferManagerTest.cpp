@@ -1,10 +1,8 @@
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
-#include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
 namespace {
@@ -13,9 +11,7 @@ using Names = std::vector<std::string>;
 
 class SkeldaStreamTransferManagerTest : public ::testing::Test {
  protected:
-  SkeldaStreamTransferManagerTest() { SkeldaUtil::setLogLevel(2); }
   ~SkeldaStreamTransferManagerTest() override {
-    SkeldaUtil::setLogLevel(0);
     EXPECT_EQ(SkeldaActor::swallowedExceptions(), swallowed_);
   }
 
@@ -49,26 +45,11 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
   }
 
   const std::uint64_t swallowed_ = SkeldaActor::swallowedExceptions();
-  LogCapture log_;
   std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
   std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
   std::shared_ptr<FakeAgent> agent_ = std::make_shared<FakeAgent>();
   std::shared_ptr<SkeldaStreamTransferManager> manager_;
 };
-
-TEST_F(SkeldaStreamTransferManagerTest, ReadsItsLimits) {
-  struct Case {
-    platform::Value files, uploads;
-    int maxFiles, maxUploads;
-  };
-  for (const auto& one :
-       {Case{{}, {}, 4, 5}, Case{0, -1, 4, 5}, Case{7, 1, 7, 1}, Case{"8", "x", 8, 5}}) {
-    make({{kSkeldaStreamConfigOptionMaxFileTransferCount, one.files},
-          {kSkeldaStreamConfigOptionMaxFileUploadCount, one.uploads}});
-    EXPECT_EQ(manager_->maxFileCount(), one.maxFiles);
-    EXPECT_EQ(manager_->maxUploadCount(), one.maxUploads);
-  }
-}
 
 TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirst) {
   folder_->names = {"log10", "log9", ".log2", "log9b"};
@@ -81,7 +62,6 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirs
   complete("log10");
   EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
   EXPECT_EQ(manager_->currentUploadCount(), 0);
-  EXPECT_EQ(log_.count("something wrong"), 0u);
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, OrdersNamesByTheirNumbers) {
@@ -114,7 +94,6 @@ TEST_F(SkeldaStreamTransferManagerTest, AFolderOverItsLimitLosesItsOldestFiles) 
     }
     EXPECT_EQ(agent_->started, Names{"log" + std::to_string(one.deleted + 1)});
   }
-  EXPECT_EQ(log_.count("Reached max storage capacity on disk. Hence removing file"), 9u);
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, AFileUnderWayIsNotDeletedForTheLimit) {
@@ -139,9 +118,6 @@ TEST_F(SkeldaStreamTransferManagerTest, BeingOfflineCostsNoAttemptAndFreesThePla
     EXPECT_EQ(manager_->currentUploadCount(), 1);
   }
   EXPECT_EQ(agent_->started.size(), 6u);
-  EXPECT_EQ(log_.count("something wrong with in progress files, current upload count=[1], local "
-                       "upload count = [0]"),
-            5u);
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
@@ -157,8 +133,6 @@ TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
   }
   EXPECT_EQ(folder_->removed, Names{"log1"});
   EXPECT_EQ(agent_->started, (Names{"log1", "log1", "log1", "log2"}));
-  EXPECT_EQ(log_.count("3 tries failed to upload the file.File Name:log1"), 1u);
-  EXPECT_EQ(log_.count("something wrong"), 0u);
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, AFileThatCannotBeDeletedEndsInErrorAndIsNotSentAgain) {
@@ -171,7 +145,6 @@ TEST_F(SkeldaStreamTransferManagerTest, AFileThatCannotBeDeletedEndsInErrorAndIs
     folderChanged();
     EXPECT_EQ(record("log1")->fileState(), state);
   }
-  EXPECT_EQ(log_.count("3 tries failed to remove the file"), 1u);
   EXPECT_EQ(agent_->started, Names{"log1"});
   EXPECT_EQ(manager_->currentUploadCount(), 0);
   // It goes when the folder is over its limit.
@@ -226,23 +199,11 @@ TEST_F(SkeldaStreamTransferManagerTest, AFolderThatCannotBeListedIsLookedAtAgain
   folder_->unlistable = 1;
   makeWithOneUpload();
   EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
-  EXPECT_EQ(log_.count("unable to retrieve contents at file path = /logs"), 1u);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (manager_->currentUploadCount() == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
   }
   EXPECT_EQ(agent_->started, Names{"log1"});
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, TheStartsErrorReachesItsCompletion) {
-  makeWithOneUpload();
-  EXPECT_EQ(log_.count("#streaming: Node data provider start successful"), 1u);
-  monitor_->startupError = otherError();
-  platform::ErrorRef told;
-  manager_->startup([&](platform::ErrorRef error) { told = error; });
-  settle();
-  EXPECT_EQ(told, monitor_->startupError);
-  EXPECT_EQ(log_.count("error starting up node data provider"), 1u);
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -60,15 +57,14 @@ class FakeMonitor : public ISkeldaNodeDataProvider {
   }
   void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>&) override {}
   void forceRefresh(Completion completion) override {
-    if (startupError == nullptr) tell(0);
-    completion(startupError);
+    tell(0);
+    completion(nullptr);
   }
   void tell(std::uint32_t change) {
     if (const auto strong = observer.lock()) strong->fileMonitor(*this, change);
   }
 
   std::weak_ptr<SkeldaNodeDataProviderObserver> observer;
-  platform::ErrorRef startupError;
 };
 
 /// Keeps what it is given; called on the manager's queue.

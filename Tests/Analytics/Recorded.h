@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace skelda::testing {
+
+/// What was told to a test from other threads, in order. Any thread.
+template <class Thing>
+class Recorded {
+ public:
+  void add(Thing thing) {
+    std::lock_guard lock(mutex_);
+    things_.push_back(std::move(thing));
+    changed_.notify_all();
+  }
+  /// All of it, once there is so much or twenty seconds have passed.
+  std::vector<Thing> wait(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(20), [&] { return things_.size() >= count; });
+    return things_;
+  }
+  std::vector<Thing> all() { return wait(0); }
+  std::size_t size() { return all().size(); }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Thing> things_;
+};
+
+}  // namespace skelda::testing
