@@ -29,6 +29,8 @@ struct Destination {
   bool ownsDescriptor = false;
   bool canRaiseSIGPIPE = false;
   Log::Sink sink;
+  /// Outlives this; true when it has ended, under the lock of the state.
+  const std::shared_ptr<bool> gone = std::make_shared<bool>(false);
 
   Destination() = default;
   Destination(const Destination&) = delete;
@@ -60,8 +62,10 @@ thread_local bool threadIsInSink = false;
 /// A destination whose end wakes who waits for it.
 std::shared_ptr<Destination> makeDestination() {
   return {new Destination, [](Destination* destination) {
+            const auto gone = destination->gone;
             delete destination;
             const std::lock_guard guard(state().lock);
+            *gone = true;
             state().released.notify_all();
           }};
 }
@@ -99,13 +103,13 @@ void install(DestinationRef destination) {
   std::unique_lock guard(shared.lock);
   readers.store(destination->kind == Destination::Kind::off ? Readers::none : Readers::some,
                 std::memory_order_relaxed);
-  std::weak_ptr<const Destination> previous = shared.destination;
+  const auto gone = shared.destination != nullptr ? shared.destination->gone : nullptr;
   shared.destination.swap(destination);
   guard.unlock();
   destination.reset();
   if (threadIsInSink) return;
   guard.lock();
-  shared.released.wait(guard, [&previous] { return previous.expired(); });
+  shared.released.wait(guard, [&gone] { return gone == nullptr || *gone; });
 }
 
 DestinationRef currentDestination() {

@@ -68,6 +68,11 @@ bool sendAll(int peer, std::string_view bytes) {
   return true;
 }
 
+bool hasHungUp(int peer) {
+  pollfd entry{.fd = peer, .events = POLLRDHUP, .revents = 0};
+  return ::poll(&entry, 1, 0) > 0;
+}
+
 }  // namespace
 
 std::shared_ptr<WCSocketTransport> WCSocketTransport::make(std::string path) {
@@ -126,6 +131,8 @@ bool WCSocketTransport::open(Receiver receiver, ErrorRef* error) {
 void WCSocketTransport::onqueue_accept(int listener) {
   const int peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (peer < 0) return;
+  // A phone that comes back may be heard before its leaving is.
+  while (peerSource_ && hasHungUp(peer_)) onqueue_read(peer_);
   if (peerSource_ || !isOfSameUser(peer)) {
     SKELDA_PLATFORM_LOG("WCSession: refused a peer: {}",
                         peerSource_ ? "one is there already" : "another user's");
