@@ -111,16 +111,27 @@ class Addresses(threading.Thread):
         return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
 
 
+# Connections that the agent may keep for the next request, and the pair by which its thread is woken.
+# How many it keeps depends on what was last sent side by side.
+KEPT_SOCKETS = 16 + 2
+
+
 @dataclasses.dataclass
 class Usage:
     memory: int
     threads: int
-    descriptors: int
+    descriptors: int  # without sockets
+    sockets: int
 
     @staticmethod
     def of(pid):
         status = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines())
-        return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(os.listdir(f"/proc/{pid}/fd")))
+        opened = []
+        for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+            with contextlib.suppress(FileNotFoundError):  # closed while we look
+                opened.append(os.readlink(path))
+        sockets = sum(name.startswith("socket:") for name in opened)
+        return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(opened) - sockets, sockets)
 
 
 class Chaos:
@@ -290,7 +301,7 @@ class Chaos:
         def grown():
             after = Usage.of(self.host.pid)
             return (after.memory > usage.memory * 1.25 + 2048 or after.threads > usage.threads + 3
-                    or after.descriptors > usage.descriptors + 3)
+                    or after.descriptors > usage.descriptors + 3 or after.sockets > KEPT_SOCKETS)
 
         # What goes on just now may hold some; what stays is a leak.
         if not eventually(lambda: not grown(), within=20):
@@ -362,8 +373,8 @@ class Chaos:
                  + f", {self.untrusted} untrusted certificates",
                  f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:"]
         lines += [f"  {len(names):5} {fate}" for fate, names in sorted(by_fate.items(), key=lambda i: -len(i[1]))]
-        lines.append("usage of the last host, early and late: {} KiB, {} threads, {} descriptors; {} KiB, {} threads, "
-                     "{} descriptors".format(*(value for usage in self.usage for value in dataclasses.astuple(usage))))
+        lines.append("usage of the last host, early and late: {} KiB, {} threads, {} descriptors, {} sockets; "
+                     "{} KiB, {} threads, {} descriptors, {} sockets".format(*(value for usage in self.usage for value in dataclasses.astuple(usage))))
         for fate in ("LOST", "RECEIVED, NEVER COMMITTED"):
             self.problems += [f"{fate}: {name}" for name in by_fate.get(fate, [])]
         for entry in self.collector.entries():
