@@ -111,9 +111,9 @@ class Addresses(threading.Thread):
         return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
 
 
-# Connections that the agent may keep for the next request, and the pair by which its thread is woken.
-# How many it keeps depends on what was last sent side by side.
-KEPT_SOCKETS = 16 + 2
+# Nine requests at most go side by side, and their connections are kept for the next ones while logs
+# go out; with the pair by which the network thread is woken.
+MOST_SOCKETS = 9 + 2
 
 
 @dataclasses.dataclass
@@ -301,7 +301,7 @@ class Chaos:
         def grown():
             after = Usage.of(self.host.pid)
             return (after.memory > usage.memory * 1.25 + 2048 or after.threads > usage.threads + 3
-                    or after.descriptors > usage.descriptors + 3 or after.sockets > KEPT_SOCKETS)
+                    or after.descriptors > usage.descriptors + 3 or after.sockets > MOST_SOCKETS)
 
         # What goes on just now may hold some; what stays is a leak.
         if not eventually(lambda: not grown(), within=20):
