@@ -25,7 +25,12 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_options(skelda_flags INTERFACE -ffunction-sections -fdata-sections)
   target_link_options(skelda_flags INTERFACE -Wl,--gc-sections)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # What Platform/Foundation/Mutex.h says of locks is checked.
+  target_compile_options(skelda_flags INTERFACE -Wthread-safety)
+endif()
 if(SKELDA_SANITIZE)
+  target_compile_definitions(skelda_flags INTERFACE SKELDA_CHECK_QUEUES)
   target_compile_options(skelda_flags INTERFACE -fno-omit-frame-pointer
     -fsanitize=${SKELDA_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(skelda_flags INTERFACE -fsanitize=${SKELDA_SANITIZE})

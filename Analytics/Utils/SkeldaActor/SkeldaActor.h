@@ -25,6 +25,14 @@
 class SkeldaActorDeferredQueue;
 class SkeldaActorOperationQueue;
 
+/// The first line of every `onqueue_` method of an actor: a sanitizer build ends the process when
+/// the method runs anywhere but on its actor.
+#ifdef SKELDA_CHECK_QUEUES
+#define SKELDA_ON_QUEUE() assertRunningInActor()
+#else
+#define SKELDA_ON_QUEUE() static_cast<void>(0)
+#endif
+
 /// Guards every actor's active thread, the making of its operation queue and the suspend counts of
 /// deferred queues. Held for a few instructions; no code of a block ever runs under it.
 extern pthread_mutex_t SkeldaActor_Lock;
@@ -53,8 +61,10 @@ concept SkeldaActorBlock =
 /// a synchronous call from within runs inline instead of dead-locking. Every operation is safe from
 /// any thread.
 ///
-///     void Counter::add(int n) {
-///       asyncBlock([self = selfOf(this), n] { self->onqueue_add(n); });
+///     void Counter::add(int n) { post<&Counter::onqueue_add>(n); }
+///     void Counter::onqueue_add(int n) {
+///       SKELDA_ON_QUEUE();
+///       count_ += n;
 ///     }
 ///
 /// An actor lives in a shared pointer: make it with made(), which then calls didInit(). No
@@ -128,6 +138,17 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     queue_->after(dispatchTimeOf(date), wrapped(std::forward<F>(block)));
   }
 
+  /// Posts a call of a method of this actor, with copies of the arguments: what a public method
+  /// does when an `onqueue_` method does the work.
+  ///
+  ///     void Counter::add(int n) { post<&Counter::onqueue_add>(n); }
+  template <auto Method, class... Arguments>
+  void post(Arguments&&... arguments) {
+    auto* const self = static_cast<ClassOf<decltype(Method)>*>(this);  // The block holds the actor.
+    asyncBlock([self, ... kept = std::decay_t<Arguments>(std::forward<Arguments>(
+                          arguments))]() mutable { (self->*Method)(std::move(kept)...); });
+  }
+
   void groupEnter(const platform::GroupRef& group) { group->enter(); }
   void groupLeave(const platform::GroupRef& group) { group->leave(); }
   template <SkeldaActorBlock F>
@@ -191,6 +212,15 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     SkeldaActor* previousActor_;
     std::thread::id previousThread_;
   };
+
+  template <class Method>
+  struct MethodOf;
+  template <class Result, class Self, class... Parameters>
+  struct MethodOf<Result (Self::*)(Parameters...)> {
+    using Class = Self;
+  };
+  template <class Method>
+  using ClassOf = typename MethodOf<Method>::Class;
 
   template <class F>
   static bool isNull(const F& block) noexcept {

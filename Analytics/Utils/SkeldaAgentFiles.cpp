@@ -1,0 +1,82 @@
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+
+#include <fmt/format.h>
+
+#include "Analytics/Utils/SkeldaAgentVersion.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/TextCoding.h"
+
+namespace {
+
+std::uint64_t hashOf(const std::optional<std::string>& apiKey) {
+  return apiKey ? platform::stableHash(*apiKey) : 0;
+}
+
+}  // namespace
+
+std::string SkeldaAgentFiles::storageFolder() {
+  return SkeldaUtil::filePathDirectory();
+}
+
+std::string SkeldaAgentFiles::inStorageFolder(std::string_view name) {
+  return fmt::format("{}/{}", storageFolder(), name);
+}
+
+std::string SkeldaAgentFiles::lockFile() {
+  return inStorageFolder(kLockFileName);
+}
+
+std::string SkeldaAgentFiles::reserveFile() {
+  return inStorageFolder(kReserveFileName);
+}
+
+std::string SkeldaAgentFiles::intakeJournal() {
+  return inStorageFolder(fmt::format(".skeldaIntake_{}.journal", kSkeldaAgentVersion));
+}
+
+std::string SkeldaAgentFiles::currentFrameLogName() {
+  return fmt::format(".skeldaFrameLog_{}.archive", kSkeldaAgentVersion);
+}
+
+std::string SkeldaAgentFiles::currentFrameLog() {
+  return inStorageFolder(currentFrameLogName());
+}
+
+std::string SkeldaAgentFiles::setAside(std::string_view path, double secondsSince1970) {
+  return fmt::format("{}.unread_{:.6f}", path, secondsSince1970);
+}
+
+std::string SkeldaAgentFiles::crashedFrameLogName() {
+  return fmt::format(".skeldaCrashedFrameLog_{}.archive", kSkeldaAgentVersion);
+}
+
+std::string SkeldaAgentFiles::commitedFrameLogsFolder() {
+  return inStorageFolder(kCommitedFrameLogsFolderName);
+}
+
+std::string SkeldaAgentFiles::commitedFrameLogName() {
+  return fmt::format(".skeldaCommitedFrameLog_{}.archive", kSkeldaAgentVersion);
+}
+
+std::string SkeldaAgentFiles::currentWatchSessionId(const std::optional<std::string>& apiKey) {
+  // Only the low half of the hash goes into the name, as a signed number.
+  const auto hash = static_cast<std::int32_t>(static_cast<std::uint32_t>(hashOf(apiKey)));
+  return inStorageFolder(
+      fmt::format(".skeldaCurrentWatchSessionId{}_{}.archive", hash, kSkeldaAgentVersion));
+}
+
+std::string SkeldaAgentFiles::senderIndex() {
+  return inStorageFolder(kSenderIndexFileName);
+}
+
+std::string SkeldaAgentFiles::block(std::string_view identifier) {
+  return inStorageFolder(identifier);
+}
+
+std::string SkeldaAgentFiles::kvStorage() {
+  return storageFolder() + std::string(kKVStorageName);
+}
+
+std::string SkeldaAgentFiles::dataKey(const std::optional<std::string>& apiKey) {
+  return fmt::format("Data_{}_{}", hashOf(apiKey), kSkeldaAgentVersion);
+}
