@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "Analytics/Intake/Account/SkeldaAccountPage.h"
+#include "Analytics/Intake/Account/SkeldaIntakeFile.h"
+
+/// The account of this process, as every room reaches it: counts go into the intake file's first
+/// page once that is open, and into a page in memory before, whose counts are added then. Any
+/// thread; nothing here blocks, allocates or throws.
+namespace SkeldaAccounting {
+
+/// From now on counts go into this file's page; null takes it back to memory. For the intake, and
+/// for tests.
+void setFile(std::shared_ptr<SkeldaIntakeFile> file);
+
+SkeldaAccountPage& page() noexcept;
+inline void add(SkeldaAccountPage::Counter& counter, std::uint64_t count = 1) noexcept {
+  counter.fetch_add(count, std::memory_order_relaxed);
+}
+void refused(SkeldaRefusal reason) noexcept;
+void logRemoved(SkeldaLogRemoval reason, std::uint64_t count = 1) noexcept;
+void blockRemoved(SkeldaBlockRemoval reason, std::uint64_t count = 1) noexcept;
+
+/// What became of the record behind a message; without a file, or for ticket 0, nothing happens.
+void settle(SkeldaIntakeTicket ticket, SkeldaIntakeOutcome outcome) noexcept;
+
+}  // namespace SkeldaAccounting
