@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

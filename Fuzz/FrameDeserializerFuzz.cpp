@@ -7,7 +7,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Tests/Support/MemoryStreamFileHandle.h"
 #include "include/Skelda_Watch/SkeldaConstants.h"
 

@@ -21,7 +21,7 @@
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 
 namespace {
 

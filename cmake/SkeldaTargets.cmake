@@ -26,7 +26,7 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_link_options(skelda_flags INTERFACE -Wl,--gc-sections)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  # What Platform/Foundation/Mutex.h says of locks is checked.
+  # What Platform/Base/Mutex.h says of locks is checked.
   target_compile_options(skelda_flags INTERFACE -Wthread-safety)
 endif()
 if(SKELDA_SANITIZE)

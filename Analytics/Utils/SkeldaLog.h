@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 
 /// One line of the platform log, in {fmt} syntax, when the process log level is at least
 /// `minimumLevel` (0: whatever the level) and somebody reads. The arguments are evaluated only

@@ -8,8 +8,8 @@
 #include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Log.h"
 #include "Platform/Dispatch/Once.h"
-#include "Platform/Foundation/Log.h"
 
 namespace skelda {
 

@@ -7,9 +7,9 @@
 #include <array>
 #include <cstdint>
 
-#include "Platform/Dispatch/Thread.h"
+#include "Platform/Base/Log.h"
+#include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/WorkerPool.h"
-#include "Platform/Foundation/Log.h"
 
 namespace skelda::platform {
 

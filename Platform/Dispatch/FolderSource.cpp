@@ -3,8 +3,8 @@
 #include <mutex>
 #include <utility>
 
+#include "Platform/Base/Log.h"
 #include "Platform/Dispatch/FolderWatcher.h"
-#include "Platform/Foundation/Log.h"
 
 namespace skelda::platform {
 

@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Base/Assertion.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/Futex.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Exception.h"
 
 namespace skelda::platform {
 

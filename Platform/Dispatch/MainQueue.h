@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 
 namespace skelda::platform {
 

@@ -2,8 +2,8 @@
 
 #include <chrono>
 
+#include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/MainQueue.h"
-#include "Platform/Dispatch/Thread.h"
 
 namespace skelda::platform {
 

@@ -2,9 +2,9 @@
 
 #include <climits>
 
+#include "Platform/Base/Log.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/Futex.h"
-#include "Platform/Foundation/Log.h"
 
 namespace skelda::platform {
 

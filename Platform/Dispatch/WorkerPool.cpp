@@ -6,11 +6,11 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/Futex.h"
 #include "Platform/Dispatch/QueueCore.h"
-#include "Platform/Dispatch/Thread.h"
 
 namespace skelda::platform {
 

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/PropertyList.h"
 #include "Platform/Foundation/PropertyListScreen.h"
 #include "Platform/Foundation/SmallFile.h"

@@ -4,7 +4,7 @@
 #include <compare>
 #include <cstdint>
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 
 namespace skelda::platform {
 

@@ -1,11 +1,5 @@
 #include "Platform/Foundation/Exception.h"
 
-#include <sys/uio.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
-
 namespace skelda::platform {
 
 Exception::Exception(std::string_view name, std::string_view reason, Value userInfo)
@@ -17,16 +11,6 @@ const char* Exception::what() const noexcept {
 
 void assertionFailure(std::string_view reason) {
   throw Exception(kInternalInconsistencyException, reason);
-}
-
-void abortOnFailedAssertion(std::string_view condition) noexcept {
-  // No memory is asked for on the way down, and the line goes out in one piece.
-  iovec parts[] = {{const_cast<char*>("Assertion failed: "), 18},
-                   {const_cast<char*>(condition.data()), condition.size()},
-                   {const_cast<char*>("\n"), 1}};
-  while (::writev(STDERR_FILENO, parts, 3) < 0 && errno == EINTR) {
-  }
-  std::abort();
 }
 
 }  // namespace skelda::platform

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/Base/Assertion.h"  // IWYU pragma: export
 #include "Platform/Foundation/Value.h"
 
 namespace skelda::platform {
@@ -31,8 +32,5 @@ class Exception : public std::exception {
 /// A platform assertion failure: throws an Exception named kInternalInconsistencyException with
 /// `reason`, in every build.
 [[noreturn]] void assertionFailure(std::string_view reason);
-
-/// A C-level assertion failure: writes `condition` to standard error and aborts, in every build.
-[[noreturn]] void abortOnFailedAssertion(std::string_view condition) noexcept;
 
 }  // namespace skelda::platform

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Base/LogFormat.h"
 
 namespace skelda::platform {
 namespace {

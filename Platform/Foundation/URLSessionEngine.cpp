@@ -12,7 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 namespace skelda::platform {

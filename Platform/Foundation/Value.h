@@ -10,9 +10,9 @@
 #include <variant>
 #include <vector>
 
+#include "Platform/Base/Export.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Date.h"
-#include "Platform/Foundation/Export.h"
 
 namespace skelda::platform {
 

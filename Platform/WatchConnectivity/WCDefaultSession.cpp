@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/Foundation/LogFormat.h"
 
 namespace skelda::platform {
 namespace {

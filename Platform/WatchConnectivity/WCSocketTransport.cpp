@@ -12,7 +12,7 @@
 #include <cstring>
 #include <utility>
 
-#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Base/LogFormat.h"
 
 namespace skelda::platform {
 namespace {

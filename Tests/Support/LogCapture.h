@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Platform/Platform.h"
 
 namespace skelda::testing {

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <thread>
 
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Tools/skelda-collector/Certificates.h"
 #include "Tools/skelda-collector/CollectorServer.h"
 #include "Tools/skelda-collector/Faults.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 
 /// The two requests that a user can make under the CCPA. Any thread, not from inside a log sink;
 /// nothing throws and nothing waits. What is said before the first event waits in memory until that

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 #include "SkeldaValue.h"
 
 /// What the user has consented to: whether they are in scope of the GDPR, and consent strings by

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 
 // Inline, so that every layer may use them without linking the public classes; emitted wherever
 // they are included, so that the shared library exports them.

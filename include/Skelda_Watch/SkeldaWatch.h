@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Foundation/Export.h"
+#include "Platform/Base/Export.h"
 #include "SkeldaValue.h"
 
 /// The analytics agent of a watch application. The first accepted event builds and starts it; from

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace skelda::platform {

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 #include "Platform/Platform.h"
 #include "Tests/Support/TemporaryDirectory.h"
 

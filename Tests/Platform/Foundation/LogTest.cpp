@@ -1,4 +1,4 @@
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Foundation/LogFormat.h"
+#include "Platform/Base/LogFormat.h"
 #include "Platform/Platform.h"
 #include "Tests/Support/TemporaryDirectory.h"
 

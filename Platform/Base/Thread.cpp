@@ -1,4 +1,4 @@
-#include "Platform/Dispatch/Thread.h"
+#include "Platform/Base/Thread.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-#include "Platform/Foundation/Log.h"
+#include "Platform/Base/Log.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
