@@ -8,6 +8,7 @@ import collections
 import hashlib
 import pathlib
 import plistlib
+import re
 import shutil
 import subprocess
 import sys
@@ -26,6 +27,9 @@ WIDTH = max(80, min(shutil.get_terminal_size((120, 24)).columns, 160))
 HUES = sys.stdout.isatty()
 STICKY = {132: "app state", 133: "app info", 139: "device", 140: "identifiers", 141: "session init", 146: "user",
           148: "locale", 149: "network", 156: "orientation", 162: "time zone"}
+# The names of the frame types, as the catalogue heads its entries.
+NAMES = {int(kind): name.removeprefix("SkeldaStream").removeprefix("Skelda") for kind, name in
+         re.findall(r"^## (\d+) `(\w+)`", (ROOT / "docs" / "frame-catalogue.md").read_text(), re.MULTILINE)}
 CLOSED = {1: "sticky set complete", 3: "session finalized", 4: "found by next start", 5: "forced", 6: "deletion asked for"}
 
 
@@ -114,7 +118,7 @@ def show_logs(logs, sizes):
 
 
 def show_kinds(logs):
-    counts = collections.Counter((frame.type, frame_log.NAMES.get(frame.type, "")) for frames in logs for frame in frames)
+    counts = collections.Counter((frame.type, NAMES.get(frame.type, "")) for frames in logs for frame in frames)
     print(textwrap.fill(", ".join(f"{kind} {name} x{count}" for (kind, name), count in sorted(counts.items())), WIDTH - 2,
                         initial_indent="  frames by type: ", subsequent_indent=" " * 4, break_on_hyphens=False))
 
