@@ -6,9 +6,10 @@
 
 #include <array>
 #include <cstdlib>
-#include <mutex>
 
 #include "Platform/Base/LogFormat.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/PropertyList.h"
 #include "Platform/Foundation/PropertyListScreen.h"
 #include "Platform/Foundation/SmallFile.h"
@@ -17,14 +18,14 @@ namespace skelda::platform {
 namespace {
 
 struct MainBundle {
-  std::mutex lock;
-  std::shared_ptr<const Bundle> found;
-  std::shared_ptr<const Bundle> set;
+  Mutex mutex;
+  std::shared_ptr<const Bundle> found GUARDED_BY(mutex);
+  std::shared_ptr<const Bundle> set GUARDED_BY(mutex);
 };
 
 MainBundle& mainBundle() {
   // Never destroyed: the bundle is asked for until the last instant of the process.
-  static auto* const instance = new MainBundle;
+  static NeverDestroyed<MainBundle> instance;
   return *instance;
 }
 
@@ -91,21 +92,21 @@ std::shared_ptr<const Bundle> Bundle::above(const std::string& executablePath) {
 std::shared_ptr<const Bundle> Bundle::main() {
   MainBundle& main = mainBundle();
   {
-    const std::lock_guard guard(main.lock);
+    const MutexLock lock(main.mutex);
     if (main.set != nullptr) return main.set;
     if (main.found != nullptr) return main.found;
   }
   // Outside the lock, since a log sink is called on the way. Two threads that come here at once
   // find the same bundle; the first one stays.
   std::shared_ptr<const Bundle> found = above(runningExecutable());
-  const std::lock_guard guard(main.lock);
+  const MutexLock lock(main.mutex);
   if (main.found == nullptr) main.found = std::move(found);
   return main.set != nullptr ? main.set : main.found;
 }
 
 void Bundle::setMain(std::shared_ptr<const Bundle> bundle) {
   MainBundle& main = mainBundle();
-  const std::lock_guard guard(main.lock);
+  const MutexLock lock(main.mutex);
   main.set.swap(bundle);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <functional>
-#include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,8 +11,8 @@
 namespace skelda::platform {
 
 /// What the registry knows of a class. `factory` is the class's own factory (for a source,
-/// getSourceInstance; for a data provider, getInstance); `selectors` are class methods that can be
-/// asked for by name, and may be empty.
+/// getSourceInstance; for a data provider, getInstance); empty for a class that nobody makes by
+/// name.
 struct ClassDescription {
   std::string name;
   std::string superclass;
@@ -25,6 +25,7 @@ struct ClassDescription {
 class ClassRegistry {
  public:
   static ClassRegistry& shared();
+  ~ClassRegistry();
 
   void registerClass(ClassDescription description);
   bool hasClass(std::string_view name) const;
@@ -38,9 +39,8 @@ class ClassRegistry {
 
  private:
   ClassRegistry();
-  ~ClassRegistry();
   struct State;
-  State* state_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace skelda::platform

@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
-#include <mutex>
 #include <string_view>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/Locale.h"
@@ -98,11 +97,7 @@ EnvironmentMonitor::~EnvironmentMonitor() {
 }
 
 void EnvironmentMonitor::startShared() {
-  // Stored where it stays to be seen: a pointer that nothing reads is optimised away, and what it
-  // points to then counts as lost.
-  static std::atomic<EnvironmentMonitor*> shared{nullptr};
-  static std::once_flag once;
-  std::call_once(once, [] { shared.store(new EnvironmentMonitor); });
+  static NeverDestroyed<EnvironmentMonitor> shared;
 }
 
 }  // namespace skelda::platform

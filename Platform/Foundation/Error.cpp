@@ -4,6 +4,8 @@
 
 #include <system_error>
 
+#include "Platform/Base/NeverDestroyed.h"
+
 namespace skelda::platform {
 namespace {
 
@@ -38,12 +40,12 @@ std::string description(const ErrorRef& error) {
 
 const ErrorDomain& posixErrorDomain() {
   // Never destroyed: an error may outlive every other static.
-  static const auto* const domain = new ErrorDomain(makeErrorDomain("NSPOSIXErrorDomain"));
+  static NeverDestroyed<ErrorDomain> domain(makeErrorDomain("NSPOSIXErrorDomain"));
   return *domain;
 }
 
 const ErrorDomain& cocoaErrorDomain() {
-  static const auto* const domain = new ErrorDomain(makeErrorDomain("NSCocoaErrorDomain"));
+  static NeverDestroyed<ErrorDomain> domain(makeErrorDomain("NSCocoaErrorDomain"));
   return *domain;
 }
 

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <exception>
-#include <mutex>
 #include <vector>
 
 #include "Platform/Base/LogFormat.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 namespace skelda::platform {
 namespace {
@@ -19,25 +20,23 @@ struct Registration {
 }  // namespace
 
 struct NotificationCenter::State {
-  std::mutex lock;
-  Token lastToken = 0;
-  std::vector<Registration> registrations;
+  Mutex mutex;
+  Token lastToken GUARDED_BY(mutex) = 0;
+  std::vector<Registration> registrations GUARDED_BY(mutex);
 
   bool isRegistered(Token token) {
-    const std::lock_guard guard(lock);
+    const MutexLock lock(mutex);
     return std::any_of(registrations.begin(), registrations.end(),
                        [token](const Registration& each) { return each.token == token; });
   }
 };
 
-NotificationCenter::NotificationCenter() : state_(new State) {}
-NotificationCenter::~NotificationCenter() {
-  delete state_;
-}
+NotificationCenter::NotificationCenter() : state_(std::make_unique<State>()) {}
+NotificationCenter::~NotificationCenter() = default;
 
 NotificationCenter& NotificationCenter::defaultCenter() {
   // Never destroyed: observers may be told while the process exits.
-  static auto* const center = new NotificationCenter;
+  static NeverDestroyed<NotificationCenter> center([] { return NotificationCenter(); });
   return *center;
 }
 
@@ -45,7 +44,7 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
                                                           Observer observer) {
   if (!observer) return 0;
   auto shared = std::make_shared<const Observer>(std::move(observer));
-  const std::lock_guard guard(state_->lock);
+  const MutexLock lock(state_->mutex);
   const Token token = ++state_->lastToken;
   state_->registrations.push_back({token, std::string(name), std::move(shared)});
   return token;
@@ -53,7 +52,7 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
 
 void NotificationCenter::removeObserver(Token token) {
   Registration removed;  // destroyed outside the lock: what it captured may call back in here
-  const std::lock_guard guard(state_->lock);
+  const MutexLock lock(state_->mutex);
   auto& all = state_->registrations;
   const auto found = std::find_if(
       all.begin(), all.end(), [token](const Registration& each) { return each.token == token; });
@@ -65,7 +64,7 @@ void NotificationCenter::removeObserver(Token token) {
 void NotificationCenter::post(std::string_view name, Value userInfo) {
   std::vector<Registration> called;
   {
-    const std::lock_guard guard(state_->lock);
+    const MutexLock lock(state_->mutex);
     std::copy_if(state_->registrations.begin(), state_->registrations.end(),
                  std::back_inserter(called),
                  [name](const Registration& each) { return each.name == name; });

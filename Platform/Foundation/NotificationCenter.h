@@ -28,6 +28,7 @@ class NotificationCenter {
   using Token = std::uint64_t;
 
   static NotificationCenter& defaultCenter();
+  ~NotificationCenter();
   Token addObserver(std::string_view name, Observer observer);
   /// The observer is not called after this returns, unless it is running on another thread.
   void removeObserver(Token token);
@@ -35,9 +36,8 @@ class NotificationCenter {
 
  private:
   NotificationCenter();
-  ~NotificationCenter();
   struct State;
-  State* state_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace skelda::platform

@@ -18,12 +18,12 @@ void runAndDrop(Operation& operation) noexcept {
 OperationQueue::OperationQueue() : queue_(Queue::global()) {}
 
 void OperationQueue::setUnderlyingQueue(QueueRef queue) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   queue_ = queue != nullptr ? std::move(queue) : Queue::global();
 }
 
 QueueRef OperationQueue::underlyingQueue() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return queue_;
 }
 

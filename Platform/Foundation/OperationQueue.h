@@ -2,9 +2,9 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
 
 namespace skelda::platform {
@@ -43,8 +43,8 @@ class OperationQueue {
   virtual void addOperations(const std::vector<OperationRef>& operations, bool waitUntilFinished);
 
  private:
-  mutable std::mutex mutex_;
-  QueueRef queue_;
+  mutable Mutex mutex_;
+  QueueRef queue_ GUARDED_BY(mutex_);
 };
 
 }  // namespace skelda::platform

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/TimeParts.h"
 #include "Platform/Dispatch/Timers.h"
 
@@ -24,7 +24,7 @@ struct Timer::State : std::enable_shared_from_this<Timer::State> {
   /// Waits for the first moment of its raster that is still to come: ticks that a busy queue could
   /// not take are not made up for.
   void wait() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (!valid.load(std::memory_order_relaxed)) return;
     const std::int64_t now = nanosecondsNow(CLOCK_MONOTONIC);
     const std::int64_t missed = due == 0 ? 0 : std::max<std::int64_t>((now - due) / step(), 0);
@@ -48,7 +48,7 @@ struct Timer::State : std::enable_shared_from_this<Timer::State> {
     valid.store(false, std::memory_order_release);
     Timers::Ticket waiting;
     {
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       waiting = std::exchange(ticket, {});
     }
     Timers::shared().cancel(waiting);
@@ -62,9 +62,9 @@ struct Timer::State : std::enable_shared_from_this<Timer::State> {
   const Tick tick;
   std::weak_ptr<Timer> owner;
   std::atomic<bool> valid{true};
-  std::mutex mutex;
-  std::int64_t due = 0;
-  Timers::Ticket ticket;
+  Mutex mutex;
+  std::int64_t due GUARDED_BY(mutex) = 0;
+  Timers::Ticket ticket GUARDED_BY(mutex);
 };
 
 Timer::Timer(std::shared_ptr<State> state) : state_(std::move(state)) {}

@@ -3,11 +3,13 @@
 #include <memory>
 #include <string>
 
+#include "Platform/Base/NeverDestroyed.h"
+
 namespace skelda::platform {
 
 const ErrorDomain& urlErrorDomain() {
-  static const auto& domain = *new ErrorDomain(makeErrorDomain("NSURLErrorDomain"));
-  return domain;
+  static NeverDestroyed<ErrorDomain> domain(makeErrorDomain("NSURLErrorDomain"));
+  return *domain;
 }
 
 namespace {

@@ -21,7 +21,7 @@ bool URLSessionTask::begin() {
 
 void URLSessionTask::resume() {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ != State::suspended) return;
     if (!begin()) return;
   }
@@ -31,7 +31,7 @@ void URLSessionTask::resume() {
 void URLSessionTask::cancel() {
   bool wasRunning = false;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ == State::completed) return;
     wasRunning = state_ == State::running;
     if (!wasRunning && !begin()) return;
@@ -42,24 +42,24 @@ void URLSessionTask::cancel() {
 }
 
 HTTPURLResponseRef URLSessionTask::response() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return response_;
 }
 
 bool URLSessionTask::isCancelled() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return cancelled_;
 }
 
 std::shared_ptr<URLSession> URLSessionTask::session() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return session_;
 }
 
 void URLSessionTask::complete(HTTPURLResponseRef response, Data body, ErrorRef error) {
   std::shared_ptr<URLSession> session;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ == State::completed) return;
     state_ = State::completed;
     response_ = std::move(response);
@@ -96,12 +96,12 @@ URLSessionTaskRef URLSession::dataTask(URLRequest request) {
 }
 
 std::shared_ptr<URLSessionDelegate> URLSession::delegate() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return delegate_;
 }
 
 bool URLSession::taskDidStart() {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (invalidated_ && startedTasks_ == 0) return false;
   ++startedTasks_;
   return true;
@@ -109,13 +109,13 @@ bool URLSession::taskDidStart() {
 
 void URLSession::taskDidEnd() {
   std::shared_ptr<URLSessionDelegate> released;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (--startedTasks_ == 0 && invalidated_) released = std::move(delegate_);
 }
 
 void URLSession::finishTasksAndInvalidate() {
   std::shared_ptr<URLSessionDelegate> released;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   invalidated_ = true;
   if (startedTasks_ == 0) released = std::move(delegate_);
 }

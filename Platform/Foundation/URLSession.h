@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/URLError.h"
@@ -109,20 +109,19 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   friend class URLSessionEngine;
   enum class State { suspended, running, completed };
   URLSessionTask(std::shared_ptr<URLSession> session, URLRequest request);
-  /// With the lock held: the task runs from here on, or has ended unheard because its session is
-  /// invalid.
-  bool begin();
+  /// The task runs from here on, or has ended unheard because its session is invalid.
+  bool begin() REQUIRES(mutex_);
   /// The one end of a task, on whichever thread: posts the delegate's last calls.
   void complete(HTTPURLResponseRef response, Data body, ErrorRef error);
   bool isCancelled() const;
   std::shared_ptr<URLSession> session() const;
 
   const URLRequest originalRequest_;
-  mutable std::mutex mutex_;
-  State state_ = State::suspended;
-  bool cancelled_ = false;
-  std::shared_ptr<URLSession> session_;  // until the task is complete
-  HTTPURLResponseRef response_;
+  mutable Mutex mutex_;
+  State state_ GUARDED_BY(mutex_) = State::suspended;
+  bool cancelled_ GUARDED_BY(mutex_) = false;
+  std::shared_ptr<URLSession> session_ GUARDED_BY(mutex_);  // until the task is complete
+  HTTPURLResponseRef response_ GUARDED_BY(mutex_);
 };
 using URLSessionTaskRef = std::shared_ptr<URLSessionTask>;
 
@@ -160,10 +159,10 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
 
   const URLSessionConfiguration configuration_;
   const QueueRef queue_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<URLSessionDelegate> delegate_;
-  std::size_t startedTasks_ = 0;
-  bool invalidated_ = false;
+  mutable Mutex mutex_;
+  std::shared_ptr<URLSessionDelegate> delegate_ GUARDED_BY(mutex_);
+  std::size_t startedTasks_ GUARDED_BY(mutex_) = 0;
+  bool invalidated_ GUARDED_BY(mutex_) = false;
 };
 using URLSessionRef = std::shared_ptr<URLSession>;
 

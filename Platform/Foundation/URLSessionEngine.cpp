@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Platform/Base/LogFormat.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 namespace skelda::platform {
@@ -29,8 +30,8 @@ constexpr long kKeptConnections = 16;
 }  // namespace
 
 URLSessionEngine& URLSessionEngine::shared() {
-  static auto& engine = *new URLSessionEngine();
-  return engine;
+  static NeverDestroyed<URLSessionEngine> engine([] { return URLSessionEngine(); });
+  return *engine;
 }
 
 // -- Any thread
@@ -48,12 +49,12 @@ void URLSessionEngine::decideRedirect(URLSessionTaskRef task, std::optional<URLR
 }
 
 void URLSessionEngine::submit(Command command) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (resting_ || (!threadRuns_ && command.kind != Command::Kind::start)) return;
   commands_.push_back(std::move(command));
   if (!threadRuns_) return startThread();
-  changed_.notify_one();
-  if (multi_ != nullptr) curl_multi_wakeup(multi_);
+  changed_.notifyOne();
+  if (wakeable_ != nullptr) curl_multi_wakeup(wakeable_);
 }
 
 void URLSessionEngine::startThread() {
@@ -76,12 +77,14 @@ void URLSessionEngine::startThread() {
 
 void URLSessionEngine::restOnExit() {
   auto& engine = shared();
-  std::unique_lock lock(engine.mutex_);
+  const auto patience = std::chrono::steady_clock::now() + kLongestWaitAtExit;
+  MutexLock lock(engine.mutex_);
   engine.resting_ = true;
   if (!engine.threadRuns_) return;
-  engine.changed_.notify_all();
-  if (engine.multi_ != nullptr) curl_multi_wakeup(engine.multi_);
-  engine.changed_.wait_for(lock, kLongestWaitAtExit, [&] { return engine.atRest_; });
+  engine.changed_.notifyAll();
+  if (engine.wakeable_ != nullptr) curl_multi_wakeup(engine.wakeable_);
+  while (!engine.atRest_ && engine.changed_.waitUntil(lock, patience)) {
+  }
 }
 
 // -- The network thread
@@ -89,7 +92,7 @@ void URLSessionEngine::restOnExit() {
 void URLSessionEngine::run() {
   pthread_setname_np(pthread_self(), "skelda.network");
   if (!setUp()) {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return failEverything("no network library");
   }
   for (;;) {
@@ -115,20 +118,21 @@ bool URLSessionEngine::setUp() {
   }();
   auto* multi = ready ? curl_multi_init() : nullptr;
   if (multi == nullptr) return false;
+  multi_ = multi;
   curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, kKeptConnections);
   canBeWoken_ = curl_multi_wakeup(multi) == CURLM_OK;
   share_ = curl_share_init();  // null shares nothing; no lock, since one thread uses it
   curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-  std::lock_guard lock(mutex_);
-  multi_ = multi;
+  const MutexLock lock(mutex_);
+  wakeable_ = multi;
   return true;
 }
 
 void URLSessionEngine::runCommands() {
   std::vector<Command> commands;
   {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     if (resting_) {
       lock.unlock();
       restForever();
@@ -152,9 +156,12 @@ void URLSessionEngine::runCommands() {
 
 /// With nothing to do: false when the thread is to end, with all it held let go.
 bool URLSessionEngine::waitForCommands() {
-  std::unique_lock lock(mutex_);
-  const auto hasWork = [this] { return !commands_.empty() || resting_; };
-  if (changed_.wait_for(lock, kLinger, hasWork)) return true;
+  const auto end = std::chrono::steady_clock::now() + kLinger;
+  MutexLock lock(mutex_);
+  bool inTime = true;
+  while (commands_.empty() && !resting_ && inTime) inTime = changed_.waitUntil(lock, end);
+  if (!commands_.empty() || resting_) return true;
+  wakeable_ = nullptr;
   auto* multi = std::exchange(multi_, nullptr);
   auto* share = std::exchange(share_, nullptr);
   threadRuns_ = false;
@@ -259,9 +266,9 @@ void URLSessionEngine::failEverything(std::string_view reason) {
 
 void URLSessionEngine::restForever() {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     atRest_ = true;
-    changed_.notify_all();
+    changed_.notifyAll();
   }
   for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }

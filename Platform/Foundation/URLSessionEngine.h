@@ -1,9 +1,7 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
@@ -38,7 +36,7 @@ class URLSessionEngine {
 
   URLSessionEngine() = default;
   void submit(Command command);
-  void startThread();
+  void startThread() REQUIRES(mutex_);
 
   // On the network thread.
   void run();
@@ -54,21 +52,21 @@ class URLSessionEngine {
   void expire();
   void poll();
   void complete(URLSessionTransfer& transfer, ErrorRef error);
-  /// With the lock held.
-  void failEverything(std::string_view reason);
+  void failEverything(std::string_view reason) REQUIRES(mutex_);
 
   static void restOnExit();
   [[noreturn]] void restForever();
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Command> commands_;  // guarded, as are the four below
-  bool threadRuns_ = false;
-  bool resting_ = false;   // exit() has begun
-  bool atRest_ = false;    // and the thread has seen it
-  void* multi_ = nullptr;  // changed by the thread only, under the lock
+  Mutex mutex_;
+  Condition changed_;
+  std::vector<Command> commands_ GUARDED_BY(mutex_);
+  bool threadRuns_ GUARDED_BY(mutex_) = false;
+  bool resting_ GUARDED_BY(mutex_) = false;      // exit() has begun
+  bool atRest_ GUARDED_BY(mutex_) = false;       // and the thread has seen it
+  void* wakeable_ GUARDED_BY(mutex_) = nullptr;  // multi_ while others may wake it
 
   // The thread's own.
+  void* multi_ = nullptr;
   void* share_ = nullptr;
   bool canBeWoken_ = false;
   std::unordered_map<URLSessionTask*, std::unique_ptr<URLSessionTransfer>> transfers_;
