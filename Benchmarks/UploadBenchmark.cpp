@@ -65,8 +65,7 @@ class Stage {
 
   std::shared_ptr<SkeldaDataSender> makeSender() {
     return SkeldaDataSender::senderWithQueue(platform::Queue::serial("benchmark.LogSender"),
-                                             SkeldaBackgroundTaskTracker::defaultTracker(),
-                                             [] { return std::string("key"); });
+                                             SkeldaBackgroundTaskTracker::defaultTracker(), "key");
   }
   void startTransferSide(std::shared_ptr<ISkeldaFrameLogDataSender> sender) {
     const auto files = SkeldaStreamFileManager::fileManager();

@@ -5,6 +5,7 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 
 namespace {
 
@@ -30,7 +31,8 @@ std::shared_ptr<platform::WCSession> defaultSession() {
 }  // namespace
 
 const std::shared_ptr<SkeldaWatchConnectivity>& SkeldaWatchConnectivity::defaultConnectivty() {
-  static const auto* const instance = new std::shared_ptr<SkeldaWatchConnectivity>(connectivity());
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaWatchConnectivity>> instance(
+      connectivity());
   return *instance;
 }
 
@@ -54,6 +56,7 @@ void SkeldaWatchConnectivity::setup() {
 }
 
 void SkeldaWatchConnectivity::onqueue_setup() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   if (disabled_) {
     SKELDA_LOG(2, "{} disabled", kSetup);
     return;
@@ -94,6 +97,7 @@ void SkeldaWatchConnectivity::disableTransferSkeldaInfo() {
 }
 
 void SkeldaWatchConnectivity::cacheAndReplaceSessionDelegate() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   SkeldaUtil::assertThreadIsNotMain();
   if (disabled_) {
     SKELDA_LOG(2, "{} disabled", kCacheAndReplace);
@@ -106,6 +110,7 @@ void SkeldaWatchConnectivity::cacheAndReplaceSessionDelegate() {
 }
 
 void SkeldaWatchConnectivity::restoreCachedSessionDelegate() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   if (session_ == nullptr) return;
   session_->setDelegate(connectivityProxy_->realObject());
   connectivityProxy_->setRealObject(nullptr);
@@ -113,6 +118,7 @@ void SkeldaWatchConnectivity::restoreCachedSessionDelegate() {
 
 void SkeldaWatchConnectivity::setSessionDelegate(const platform::WCSession::DelegateRef& delegate,
                                                  bool withKVOSetUp) {
+  SKELDA_ON_RAW_QUEUE(queue_);
   // The agent's own change is not to be observed.
   removeKVO();
   session_->setDelegate(delegate);
@@ -125,6 +131,7 @@ void SkeldaWatchConnectivity::setSessionDelegate(const platform::WCSession::Dele
 }
 
 void SkeldaWatchConnectivity::setupKVO() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   SkeldaUtil::assertThreadIsNotMain();
   if (kvoSetup_) return;
   observation_ = session_->addDelegateObserver(
@@ -138,6 +145,7 @@ void SkeldaWatchConnectivity::setupKVO() {
 }
 
 void SkeldaWatchConnectivity::removeKVO() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   SkeldaUtil::assertThreadIsNotMain();
   if (!kvoSetup_) return;
   session_->removeDelegateObserver(observation_);
@@ -145,6 +153,7 @@ void SkeldaWatchConnectivity::removeKVO() {
 }
 
 void SkeldaWatchConnectivity::checkNewDelegate(const platform::WCSession::DelegateRef& delegate) {
+  SKELDA_ON_RAW_QUEUE(queue_);
   if (disabled_) return;
   if (delegate == connectivityProxy_) {
     // The agent never sets its proxy while it observes; somebody else did.

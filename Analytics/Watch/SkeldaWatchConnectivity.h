@@ -35,7 +35,7 @@ class SkeldaWatchConnectivity : public std::enable_shared_from_this<SkeldaWatchC
  private:
   SkeldaWatchConnectivity();
 
-  // On the connectivity queue, all of them.
+  // On the connectivity queue, those without the prefix too: their names are fixed.
   void onqueue_setup();
   void cacheAndReplaceSessionDelegate();
   void restoreCachedSessionDelegate();

@@ -1,5 +1,6 @@
 #include "Analytics/Watch/SkeldaWatchConnectivityProxy.h"
 
+#include <atomic>
 #include <utility>
 
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
@@ -13,12 +14,9 @@ constexpr std::string_view kReceived =
 constexpr std::string_view kFinished =
     "-[SkeldaWatchConnectivityProxy session:didFinishUserInfoTransfer:error:]";
 
-/// Process-wide, as a delegate's class outlives the delegate.
-std::mutex realClassMutex;
-SkeldaWatchConnectivityRealClass& realClass() {
-  static auto* const instance = new SkeldaWatchConnectivityRealClass;
-  return *instance;
-}
+/// What the class of the host's last delegate answers, for when the object itself is gone.
+/// Process-wide, as a class outlives its objects.
+constinit std::atomic<unsigned> SkeldaWatchConnectivityRealClass{0};
 
 }  // namespace
 
@@ -27,31 +25,26 @@ SkeldaWatchConnectivityProxy::SkeldaWatchConnectivityProxy(
     : queue_(std::move(queue)), realObject_(realObject) {}
 
 platform::WCSession::DelegateRef SkeldaWatchConnectivityProxy::realObject() const {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return realObject_.lock();
 }
 
 void SkeldaWatchConnectivityProxy::setRealObject(
     const platform::WCSession::DelegateRef& realObject) {
-  if (realObject != nullptr) {
-    SkeldaWatchConnectivityRealClass description{std::string(realObject->className()),
-                                                 realObject->answeredCalls()};
-    std::lock_guard lock(realClassMutex);
-    realClass() = std::move(description);
-  }
-  std::lock_guard lock(mutex_);
+  if (realObject != nullptr) SkeldaWatchConnectivityRealClass = realObject->answeredCalls();
+  const platform::MutexLock lock(mutex_);
   realObject_ = realObject;
 }
 
 void SkeldaWatchConnectivityProxy::setSdkDelegate(
     std::weak_ptr<ISkeldaWatchConnectivityReceiver> receiver) {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   sdkDelegate_ = std::move(receiver);
 }
 
 std::shared_ptr<ISkeldaWatchConnectivityReceiver> SkeldaWatchConnectivityProxy::sdkDelegate()
     const {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return sdkDelegate_.lock();
 }
 
@@ -69,9 +62,8 @@ std::string SkeldaWatchConnectivityProxy::description() const {
 unsigned SkeldaWatchConnectivityProxy::answeredCalls() const {
   constexpr unsigned kOwn =
       platform::kWCDidReceiveUserInfo | platform::kWCDidFinishUserInfoTransfer;
-  if (const auto real = realObject()) return kOwn | real->answeredCalls();
-  std::lock_guard lock(realClassMutex);
-  return kOwn | realClass().answeredCalls;
+  const auto real = realObject();
+  return kOwn | (real != nullptr ? real->answeredCalls() : SkeldaWatchConnectivityRealClass.load());
 }
 
 platform::WCSession::DelegateRef SkeldaWatchConnectivityProxy::realObjectAnswering(

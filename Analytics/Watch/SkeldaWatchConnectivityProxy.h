@@ -1,19 +1,13 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
 #include "Platform/Dispatch/Queue.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
 #include "Platform/WatchConnectivity/WCSession.h"
-
-/// The class of the host's last delegate: what it answered, for when the object itself is gone.
-struct SkeldaWatchConnectivityRealClass {
-  std::string name;
-  unsigned answeredCalls = 0;
-};
 
 /// Stands in the place of the host's session delegate: gives the agent's receiver every user info,
 /// keeps the agent's own from the host, and passes everything else on to the host's delegate. Both
@@ -57,7 +51,7 @@ class SkeldaWatchConnectivityProxy
   void logForwarding(std::string_view method, const platform::Dictionary& userInfo) const;
 
   const platform::QueueRef queue_;
-  mutable std::mutex mutex_;  // guards the two references: the session reads them on its own thread
-  std::weak_ptr<platform::WCSessionDelegate> realObject_;
-  std::weak_ptr<ISkeldaWatchConnectivityReceiver> sdkDelegate_;
+  mutable platform::Mutex mutex_;  // the session reads the two on its own thread
+  std::weak_ptr<platform::WCSessionDelegate> realObject_ GUARDED_BY(mutex_);
+  std::weak_ptr<ISkeldaWatchConnectivityReceiver> sdkDelegate_ GUARDED_BY(mutex_);
 };

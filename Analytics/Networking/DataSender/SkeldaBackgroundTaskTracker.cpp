@@ -1,7 +1,9 @@
 #include "Analytics/Networking/DataSender/SkeldaBackgroundTaskTracker.h"
 
+#include "Platform/Foundation/NeverDestroyed.h"
+
 const std::shared_ptr<SkeldaBackgroundTaskTracker>& SkeldaBackgroundTaskTracker::defaultTracker() {
-  static const auto& tracker = *new std::shared_ptr<SkeldaBackgroundTaskTracker>(
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaBackgroundTaskTracker>> tracker(
       std::make_shared<SkeldaBackgroundTaskTracker>());
-  return tracker;
+  return *tracker;
 }

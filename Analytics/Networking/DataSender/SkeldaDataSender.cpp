@@ -1,46 +1,47 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 
 #include <algorithm>
-#include <mutex>
 #include <set>
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/TextCoding.h"
-#include "Skelda_Watch/SkeldaWatch.h"
+#include "Platform/Foundation/Mutex.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 
 namespace {
 
 constexpr std::int32_t kPost = 2;
 constexpr std::int64_t kMalformed = 400;
-constexpr int kDataKeyVersion = 261;
 
 struct SharedSender {
-  std::mutex mutex;
-  std::shared_ptr<SkeldaDataSender> sender;
+  platform::Mutex mutex;
+  std::shared_ptr<SkeldaDataSender> sender GUARDED_BY(mutex);
 };
 
 SharedSender& shared() {
-  static auto& one = *new SharedSender();
-  return one;
+  static platform::NeverDestroyed<SharedSender> one;
+  return *one;
 }
 
 }  // namespace
 
 SkeldaDataSender::SkeldaDataSender(platform::QueueRef queue,
                                    std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
-                                   ApiKeySource apiKey)
+                                   std::optional<std::string> apiKey)
     : SkeldaDataSenderBase(std::move(queue), std::move(backgroundTracker)),
       apiKey_(std::move(apiKey)),
+      dataKey_(SkeldaAgentFiles::dataKey(apiKey_)),
       dataIndex_(SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(
           std::string(kSkeldaSenderIndexFileName))) {}
 
 std::shared_ptr<SkeldaDataSender> SkeldaDataSender::senderWithQueue(
     platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
-    ApiKeySource apiKey) {
+    std::optional<std::string> apiKey) {
   std::shared_ptr<SkeldaDataSender> sender(
       new SkeldaDataSender(std::move(queue), std::move(backgroundTracker), std::move(apiKey)));
   sender->didInit();
@@ -49,27 +50,26 @@ std::shared_ptr<SkeldaDataSender> SkeldaDataSender::senderWithQueue(
 
 void SkeldaDataSender::setupInstanceWithQueue(
     platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker) {
-  std::lock_guard lock(shared().mutex);
-  if (shared().sender != nullptr) return;
-  shared().sender = senderWithQueue(std::move(queue), std::move(backgroundTracker),
-                                    [] { return SkeldaWatch::apiKey(); });
+  SharedSender& one = shared();
+  const platform::MutexLock lock(one.mutex);
+  if (one.sender != nullptr) return;
+  one.sender =
+      senderWithQueue(std::move(queue), std::move(backgroundTracker), SkeldaHostSettings::apiKey());
 }
 
 std::shared_ptr<SkeldaDataSender> SkeldaDataSender::sharedInstance() {
-  std::lock_guard lock(shared().mutex);
-  return shared().sender;
+  SharedSender& one = shared();
+  const platform::MutexLock lock(one.mutex);
+  return one.sender;
 }
 
-std::string SkeldaDataSender::dataKey() {
-  const auto apiKey = apiKey_();
-  const std::string key =
-      fmt::format("Data_{}_{}", apiKey ? platform::stableHash(*apiKey) : 0, kDataKeyVersion);
+const std::string& SkeldaDataSender::dataKey() {
   runOnQueue([&] {
     if (indexPrepared_ || !dataIndex_->isReadable()) return;
-    dataIndex_->setupForCurrentDataKey(key);
+    dataIndex_->setupForCurrentDataKey(dataKey_);
     indexPrepared_ = true;
   });
-  return key;
+  return dataKey_;
 }
 
 // -- Storing
@@ -77,7 +77,7 @@ std::string SkeldaDataSender::dataKey() {
 std::optional<std::string> SkeldaDataSender::storeData(const platform::Data& data) {
   std::optional<std::string> identifier;
   runOnQueue([&] {
-    const std::string key = dataKey();
+    const std::string& key = dataKey();
     // Before the block's file is there: reading the index sweeps files that it does not name.
     if (!dataIndex_->isReadable()) return;
     const auto block = SkeldaDataSenderBlockInfo::blockWithData(data);
@@ -141,13 +141,14 @@ void SkeldaDataSender::sendData(std::shared_ptr<const platform::Data> data,
                                 const std::string& identifier) {
   constexpr std::string_view kModule = "SkeldaDataSender";
   constexpr std::string_view kMethod = "-[SkeldaDataSender sendData:withIdentifier:]";
+  SKELDA_ON_RAW_QUEUE(queue());
   SKELDA_LOG(2, "{}: start upload data with id [{}]", kModule, identifier);
   if (data == nullptr) {
     SKELDA_LOG(2, "{}: attempt to send zero size data", kMethod);
     return;
   }
   platform::Dictionary headerFields{{"content-type", "application/octet-stream"},
-                                    {"X-Skelda-Api-Key", apiKey_().value_or("")}};
+                                    {"X-Skelda-Api-Key", apiKey_.value_or("")}};
   SKELDA_LOG(2, "{}: posting session via SkeldaURLSessionTask!", kMethod);
   const auto self = std::static_pointer_cast<SkeldaDataSender>(shared_from_this());
   const auto task = SkeldaURLSessionTask::sendMethod(
@@ -169,6 +170,7 @@ void SkeldaDataSender::performRetransmitNotSentBlocks() {
 }
 
 void SkeldaDataSender::onqueue_retransmitNotSentBlocks() {
+  SKELDA_ON_RAW_QUEUE(queue());
   SkeldaUtil::assertThreadIsNotMain();
   if (!hasOngoingTasksWindow()) return;
   std::set<std::string> runningTags;
@@ -217,10 +219,11 @@ void SkeldaDataSender::skeldaUrlRequestDidFail(const TaskRef& task, const Respon
 }
 
 void SkeldaDataSender::skeldaUrlRequestDidCancel(const TaskRef& task, const ResponseRef&) {
-  post([this, task] { taskDidEnd(task, false); });
+  post([this, task] { onqueue_taskDidEnd(task, false); });
 }
 
 void SkeldaDataSender::requestSuccessComplete(const TaskRef& task, const ResponseRef& response) {
+  SKELDA_ON_RAW_QUEUE(queue());
   constexpr std::string_view kMethod = "-[SkeldaDataSender requestSuccessComplete:withResponse:]";
   SKELDA_LOG(2, "{}: session task response code: {}, id [{}]", kMethod, response->statusCode(),
              task->tag());
@@ -230,20 +233,22 @@ void SkeldaDataSender::requestSuccessComplete(const TaskRef& task, const Respons
   }
   dataIndex_->setSentReportSuccessfully(true);
   removeStoredDataWithIdentifier(task->tag());
-  taskDidEnd(task, true);
+  onqueue_taskDidEnd(task, true);
 }
 
 void SkeldaDataSender::requestFailedComplete(const TaskRef& task, const ResponseRef& response) {
+  SKELDA_ON_RAW_QUEUE(queue());
   SKELDA_LOG(2, "{}: session task response code: {}, id [{}]",
              "-[SkeldaDataSender requestFailedComplete:withResponse:]", response->statusCode(),
              task->tag());
   // The server will never take it.
   if (response->statusCode() == kMalformed) removeStoredDataWithIdentifier(task->tag());
   dataIndex_->setSentReportSuccessfully(false);
-  taskDidEnd(task, false);
+  onqueue_taskDidEnd(task, false);
 }
 
-void SkeldaDataSender::taskDidEnd(const TaskRef& task, bool completedSuccessfuly) {
+void SkeldaDataSender::onqueue_taskDidEnd(const TaskRef& task, bool completedSuccessfuly) {
+  SKELDA_ON_RAW_QUEUE(queue());
   // A task that cancelTasks() took off the list reports its end as well.
   if (isRunning(task)) unregisterTask(task, completedSuccessfuly);
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,10 +7,12 @@
 
 #include "Analytics/Networking/DataSender/SkeldaDataSenderBase.h"
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Platform.h"
 
-inline constexpr std::string_view kSkeldaSenderIndexFileName = "SkeldaSenderIndex.info";
+inline constexpr std::string_view kSkeldaSenderIndexFileName =
+    SkeldaAgentFiles::kSenderIndexFileName;
 
 /// What the frame log sender needs of a data sender.
 class ISkeldaFrameLogDataSender {
@@ -31,9 +32,9 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
                          public ISkeldaFrameLogDataSender {
  public:
   using TaskRef = SkeldaDataSenderBase::TaskRef;
-  using ApiKeySource = std::function<std::optional<std::string>()>;
 
-  /// Makes the process-wide instance; once it is there, further calls change nothing.
+  /// Makes the process-wide instance, for the host's API key; once it is there, further calls
+  /// change nothing.
   static void setupInstanceWithQueue(
       platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker =
                                     SkeldaBackgroundTaskTracker::defaultTracker());
@@ -42,7 +43,7 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   /// An instance of one's own, with a key of one's own. Two must not use one storage folder.
   static std::shared_ptr<SkeldaDataSender> senderWithQueue(
       platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
-      ApiKeySource apiKey);
+      std::optional<std::string> apiKey);
 
   std::string_view className() const noexcept override { return "SkeldaDataSender"; }
   bool sendFrameLogData(platform::Data data) override;
@@ -63,24 +64,26 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   void skeldaUrlRequestDidCancel(const TaskRef& task, const ResponseRef& response) override;
 
   const std::shared_ptr<SkeldaDataSenderIndex>& dataIndex() const noexcept { return dataIndex_; }
-  /// "Data_" + hash of the API key + "_261"; the first use prepares the index for it.
-  std::string dataKey();
+  /// What the blocks are filed under; the first use prepares the index for it.
+  const std::string& dataKey();
 
  private:
   SkeldaDataSender(platform::QueueRef queue,
                    std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
-                   ApiKeySource apiKey);
+                   std::optional<std::string> apiKey);
 
   enum class Outcome { notStored, stored, sent };
   Outcome storeAndSend(platform::Data data, CompletionHandler completionHandler);
+  // On `queue`, those without the prefix too: their names are fixed.
   void requestSuccessComplete(const TaskRef& task, const ResponseRef& response);
   void requestFailedComplete(const TaskRef& task, const ResponseRef& response);
-  void taskDidEnd(const TaskRef& task, bool completedSuccessfuly);
+  void onqueue_taskDidEnd(const TaskRef& task, bool completedSuccessfuly);
   void onqueue_retransmitNotSentBlocks();
   void performRetransmitNotSentBlocks() override;
   void didCompleteAllTasks() override;
 
-  ApiKeySource apiKey_;
-  std::shared_ptr<SkeldaDataSenderIndex> dataIndex_;
+  const std::optional<std::string> apiKey_;
+  const std::string dataKey_;
+  const std::shared_ptr<SkeldaDataSenderIndex> dataIndex_;
   bool indexPrepared_ = false;
 };

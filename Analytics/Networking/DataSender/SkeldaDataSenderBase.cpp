@@ -40,6 +40,7 @@ bool SkeldaDataSenderBase::isRunning(const TaskRef& task) const noexcept {
 }
 
 void SkeldaDataSenderBase::registerNewTask(const TaskRef& task) {
+  SKELDA_ON_RAW_QUEUE(queue_);
   SkeldaUtil::assertThreadIsNotMain();
   if (!SkeldaUtil::assertNotNil(task, "-[SkeldaDataSenderBase registerNewTask:]")) return;
   backgroundTaskTracker_->startBackgroundTaskTrackingIfNeeded();
@@ -47,6 +48,7 @@ void SkeldaDataSenderBase::registerNewTask(const TaskRef& task) {
 }
 
 void SkeldaDataSenderBase::unregisterTask(const TaskRef& task, bool completedSuccessfuly) {
+  SKELDA_ON_RAW_QUEUE(queue_);
   if (!isRunning(task)) platform::assertionFailure("[self.runningTasks containsObject:task]");
   std::erase(runningTasks_, task);
   // One good answer means that the network is back.
@@ -63,6 +65,7 @@ bool SkeldaDataSenderBase::hasOngoingTasksWindow() const noexcept {
 }
 
 void SkeldaDataSenderBase::cancelTasks() {
+  SKELDA_ON_RAW_QUEUE(queue_);
   for (const auto& task : runningTasks_) task->cancelTask();
   runningTasks_.clear();
 }

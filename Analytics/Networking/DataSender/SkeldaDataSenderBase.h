@@ -16,7 +16,8 @@
 inline constexpr std::size_t kSkeldaMaxOngoingHTTPTasksNumber = 8;
 
 /// Keeps the running HTTP tasks and asks for a retransmission when there is hope for one. All its
-/// state belongs to `queue`; methods say so where they may be called from elsewhere.
+/// state belongs to `queue`, on which every method is called that does not say otherwise (their
+/// names are fixed and have no prefix for it).
 class SkeldaDataSenderBase : public platform::Object,
                              public std::enable_shared_from_this<SkeldaDataSenderBase> {
  public:

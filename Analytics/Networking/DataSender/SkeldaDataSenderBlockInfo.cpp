@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/BlockingRegion.h"
@@ -71,17 +72,17 @@ bool SkeldaDataSenderBlockInfo::isBlockFileName(std::string_view name) noexcept 
 }
 
 std::string SkeldaDataSenderBlockInfo::groupIdentifier() const {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return groupIdentifier_;
 }
 
 void SkeldaDataSenderBlockInfo::setGroupIdentifier(std::string groupIdentifier) {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   groupIdentifier_ = std::move(groupIdentifier);
 }
 
 std::string SkeldaDataSenderBlockInfo::filePath() const {
-  return SkeldaUtil::filePathDirectory() + "/" + identifier_;
+  return SkeldaAgentFiles::block(identifier_);
 }
 
 std::optional<platform::Data> SkeldaDataSenderBlockInfo::data(ReadStatus* status) const {

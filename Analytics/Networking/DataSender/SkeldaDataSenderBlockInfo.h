@@ -2,12 +2,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Date.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Foundation/Object.h"
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
@@ -48,8 +48,9 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   std::string filePath() const;
 
   const std::string identifier_;
-  mutable std::mutex mutex_;
-  std::string groupIdentifier_;  // guarded by mutex_: the index compares it on a queue of its own
+  mutable platform::Mutex mutex_;
+  // The index compares it on a queue of its own.
+  std::string groupIdentifier_ GUARDED_BY(mutex_);
   std::uint64_t dataSize_ = 0;
   platform::Date creationDate_{};
 };

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/BlockingRegion.h"
@@ -80,7 +81,7 @@ platform::KeyedArchive SkeldaDataSenderIndex::archiveOf(const Map& map,
 // -- Reading and writing the file
 
 std::string SkeldaDataSenderIndex::filePath() const {
-  return SkeldaUtil::filePathDirectory() + "/" + fileName_;
+  return SkeldaAgentFiles::inStorageFolder(fileName_);
 }
 
 bool SkeldaDataSenderIndex::isReadable() {
@@ -90,6 +91,7 @@ bool SkeldaDataSenderIndex::isReadable() {
 }
 
 bool SkeldaDataSenderIndex::onqueue_read() {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   if (read_) return true;
   platform::ErrorRef error;
   const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(filePath(), &error);
@@ -112,6 +114,7 @@ bool SkeldaDataSenderIndex::onqueue_read() {
 }
 
 std::string SkeldaDataSenderIndex::onqueue_description() const {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   std::string text = "SkeldaDataSenderIndex";
   for (const auto& [key, blocks] : indexMap_) {
     text += fmt::format(" [{}: {} blocks]", key, blocks.size());
@@ -120,17 +123,17 @@ std::string SkeldaDataSenderIndex::onqueue_description() const {
 }
 
 void SkeldaDataSenderIndex::onqueue_sweepOrphanedBlocks() const {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   std::set<std::string_view> known;
   for (const auto& [key, blocks] : indexMap_) {
     for (const auto& block : blocks) known.insert(block->identifier());
   }
   auto& files = *platform::FileManager::defaultManager();
-  const std::string folder = SkeldaUtil::filePathDirectory();
-  const auto names = files.contentsOfDirectoryAtPath(folder);
+  const auto names = files.contentsOfDirectoryAtPath(SkeldaAgentFiles::storageFolder());
   if (!names) return;
   for (const auto& name : *names) {
     if (!SkeldaDataSenderBlockInfo::isBlockFileName(name) || known.contains(name)) continue;
-    const bool removed = files.removeItemAtPath(folder + "/" + name);
+    const bool removed = files.removeItemAtPath(SkeldaAgentFiles::block(name));
     SKELDA_LOG(1, "Skelda: delete orphaned data block with id [{}], success: {:d}", name, removed);
   }
 }
@@ -143,6 +146,7 @@ bool SkeldaDataSenderIndex::saveState() {
 }
 
 void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   if (blocks.empty()) return;
   saveQueue_->async(skelda::guarded([blocks = std::move(blocks)] {
     for (const auto& block : blocks) block->deletePersistentData();
@@ -158,12 +162,14 @@ void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
 }
 
 void SkeldaDataSenderIndex::onsavequeue_writePending() {
+  SKELDA_ON_RAW_QUEUE(saveQueue_);
   bool pending = false;
   indexMapQueue_->sync([&] { pending = savePending_; });
   if (pending) onsavequeue_write();
 }
 
 bool SkeldaDataSenderIndex::onsavequeue_write() {
+  SKELDA_ON_RAW_QUEUE(saveQueue_);
   const platform::BlockingRegion disk;
   const std::string path = filePath();
   if (!SkeldaUtil::assert_(!path.empty(), "0 != thePath.length")) return false;
@@ -224,6 +230,7 @@ void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
 }
 
 void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey) {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   const auto found = indexMap_.find(dataKey);
   if (found == indexMap_.end() || found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
   auto& blocks = found->second;

@@ -13,12 +13,12 @@ SkeldaURLSessionDelegate::SkeldaURLSessionDelegate(
       originalRequest_(std::move(originalRequest)) {}
 
 void SkeldaURLSessionDelegate::holdTask(TaskRef task) {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (!done_) heldTask_ = std::move(task);
 }
 
 SkeldaURLSessionDelegate::TaskRef SkeldaURLSessionDelegate::takeTask() {
-  std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   done_ = true;
   return std::exchange(heldTask_, nullptr);
 }

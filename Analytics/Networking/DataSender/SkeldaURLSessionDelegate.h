@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "Analytics/Networking/DataSender/SkeldaURLSessionTask.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Foundation/URLSession.h"
 #include "Platform/Platform.h"
 
@@ -46,7 +46,7 @@ class SkeldaURLSessionDelegate : public platform::Object, public platform::URLSe
   platform::ErrorRef error_;
   std::int32_t redirectCount_ = 0;
 
-  std::mutex mutex_;
-  TaskRef heldTask_;   // guarded
-  bool done_ = false;  // guarded
+  platform::Mutex mutex_;
+  TaskRef heldTask_ GUARDED_BY(mutex_);
+  bool done_ GUARDED_BY(mutex_) = false;
 };

@@ -11,11 +11,11 @@ std::shared_ptr<SkeldaAppStateDataProvider> SkeldaAppStateDataProvider::getInsta
 }
 
 void SkeldaAppStateDataProvider::startup() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_start(); });
+  post<&SkeldaAppStateDataProvider::onqueue_start>();
 }
 
 void SkeldaAppStateDataProvider::sendWatchState(std::int32_t state) {
-  asyncBlock([self = selfOf(this), state] { self->onqueue_sendWatchState(state); });
+  post<&SkeldaAppStateDataProvider::onqueue_sendWatchState>(state);
 }
 
 SkeldaAppStateDataProvider::DataRef SkeldaAppStateDataProvider::appStateData() {
@@ -25,6 +25,7 @@ SkeldaAppStateDataProvider::DataRef SkeldaAppStateDataProvider::appStateData() {
 }
 
 void SkeldaAppStateDataProvider::onqueue_start() {
+  SKELDA_ON_QUEUE();
   platform::Queue::main()->async([self = selfOf(this)] {
     self->mainQueue_subscribeNotifications();
     const auto state = platform::WKExtension::sharedExtension().applicationState();
@@ -33,6 +34,7 @@ void SkeldaAppStateDataProvider::onqueue_start() {
 }
 
 void SkeldaAppStateDataProvider::onqueue_sendWatchState(std::int32_t state) {
+  SKELDA_ON_QUEUE();
   const std::int32_t previous =
       appStateData_ ? appStateData_->currentState() : SkeldaAppStateData::kNoState;
   if (appStateData_ && state == previous) return;

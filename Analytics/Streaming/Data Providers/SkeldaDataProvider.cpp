@@ -17,23 +17,20 @@ void SkeldaDataProvider::startup() {
 }
 
 void SkeldaDataProvider::notifyObservers() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_notifyObservers(); });
+  post<&SkeldaDataProvider::onqueue_notifyObservers>();
 }
 
 void SkeldaDataProvider::registerObserver(std::shared_ptr<ISkeldaDataProviderObserver> observer) {
-  asyncBlock([self = selfOf(this), observer = std::move(observer)] {
-    self->onqueue_registerObserver(observer);
-  });
+  post<&SkeldaDataProvider::onqueue_registerObserver>(std::move(observer));
 }
 
 void SkeldaDataProvider::removeObserver(std::shared_ptr<ISkeldaDataProviderObserver> observer) {
-  asyncBlock([self = selfOf(this), observer = std::move(observer)] {
-    self->onqueue_removeObserver(observer);
-  });
+  post<&SkeldaDataProvider::onqueue_removeObserver>(std::move(observer));
 }
 
 void SkeldaDataProvider::onqueue_registerObserver(
     const std::shared_ptr<ISkeldaDataProviderObserver>& observer) {
+  SKELDA_ON_QUEUE();
   if (observer == nullptr) return;
   observers_.insert(observer);
   // A late observer gets the current facts at once, and one that registers again gets them again.
@@ -42,9 +39,11 @@ void SkeldaDataProvider::onqueue_registerObserver(
 
 void SkeldaDataProvider::onqueue_removeObserver(
     const std::shared_ptr<ISkeldaDataProviderObserver>& observer) {
+  SKELDA_ON_QUEUE();
   observers_.erase(observer);
 }
 
 void SkeldaDataProvider::onqueue_notifyObservers() {
+  SKELDA_ON_QUEUE();
   for (const auto& observer : observers_) observer->dataProviderDidUpdate(selfOf(this));
 }

@@ -4,15 +4,16 @@
 
 #include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
 #include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 
 SkeldaNetworkReachabilityDataProvider::SkeldaNetworkReachabilityDataProvider()
     : SkeldaDataProvider(std::string(kClassName)) {}
 
 std::shared_ptr<SkeldaNetworkReachabilityDataProvider>
 SkeldaNetworkReachabilityDataProvider::sharedInstance() {
-  static const auto& instance =
-      *new std::shared_ptr(made(new SkeldaNetworkReachabilityDataProvider()));
-  return instance;
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaNetworkReachabilityDataProvider>> instance(
+      made(new SkeldaNetworkReachabilityDataProvider()));
+  return *instance;
 }
 
 std::shared_ptr<SkeldaNetworkReachabilityDataProvider>
@@ -21,13 +22,13 @@ SkeldaNetworkReachabilityDataProvider::getInstance() {
 }
 
 const platform::ErrorDomain& SkeldaNetworkReachabilityDataProvider::networkErrorDomain() {
-  static const auto& domain =
-      *new platform::ErrorDomain(platform::makeErrorDomain("kCFErrorDomainCFNetwork"));
-  return domain;
+  static platform::NeverDestroyed<platform::ErrorDomain> domain(
+      platform::makeErrorDomain("kCFErrorDomainCFNetwork"));
+  return *domain;
 }
 
 void SkeldaNetworkReachabilityDataProvider::startup() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_startup(); });
+  post<&SkeldaNetworkReachabilityDataProvider::onqueue_startup>();
 }
 
 void SkeldaNetworkReachabilityDataProvider::setLastNetworkOperationError(platform::ErrorRef error) {
@@ -102,11 +103,13 @@ platform::ObjectRef SkeldaNetworkReachabilityDataProvider::reachability() {
 }
 
 void SkeldaNetworkReachabilityDataProvider::onqueue_startup() {
+  SKELDA_ON_QUEUE();
   onqueue_startMonitor();
   notifyObservers();
 }
 
 void SkeldaNetworkReachabilityDataProvider::onqueue_startMonitor() {
+  SKELDA_ON_QUEUE();
   if (reachability_ != nullptr) return;
   auto monitor = platform::ClassRegistry::shared().make(ISkeldaReachability::kClassName);
   auto startable = std::dynamic_pointer_cast<ISkeldaReachability>(monitor);

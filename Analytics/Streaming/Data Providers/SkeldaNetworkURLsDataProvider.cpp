@@ -2,12 +2,15 @@
 
 #include <utility>
 
+#include "Platform/Foundation/NeverDestroyed.h"
+
 SkeldaNetworkURLsDataProvider::SkeldaNetworkURLsDataProvider()
     : SkeldaActor(std::string(kClassName)), internalAnalyticsServerURL_(kDefaultServerURL) {}
 
 std::shared_ptr<SkeldaNetworkURLsDataProvider> SkeldaNetworkURLsDataProvider::sharedInstance() {
-  static const auto& instance = *new std::shared_ptr(made(new SkeldaNetworkURLsDataProvider()));
-  return instance;
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaNetworkURLsDataProvider>> instance(
+      made(new SkeldaNetworkURLsDataProvider()));
+  return *instance;
 }
 
 void SkeldaNetworkURLsDataProvider::setServerURL(std::string url) {

@@ -9,9 +9,6 @@
 
 namespace {
 
-constexpr std::chrono::nanoseconds kFirstRetry = std::chrono::seconds(1);
-constexpr std::chrono::nanoseconds kLongestRetry = std::chrono::minutes(1);
-
 /// Whether the descriptor still stands for what lies at the path.
 bool isAtPath(int descriptor, const std::string& path) noexcept {
   struct ::stat opened, there;
@@ -40,7 +37,7 @@ void SkeldaNodeDataProvider::addObserver(std::shared_ptr<SkeldaNodeDataProviderO
   if (observer == nullptr) return;
   syncBlock([&] {
     observerArray_.push_back(std::move(observer));
-    if (nodeData_ != nullptr) onqueue_notifyObserver();
+    if (changeSeen_) onqueue_notifyObserver();
   });
 }
 
@@ -50,20 +47,24 @@ void SkeldaNodeDataProvider::removeObserver(
 }
 
 void SkeldaNodeDataProvider::forceRefresh(Completion completion) {
-  asyncBlock([self = selfOf(this), completion = std::move(completion)] {
-    self->keepMonitoringFile_ = false;
-    self->onqueue_beginMonitoringFile();
-    if (completion) completion(nullptr);
-  });
+  post<&SkeldaNodeDataProvider::onqueue_forceRefresh>(std::move(completion));
 }
 
 void SkeldaNodeDataProvider::recreateDispatchSource() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_recreateDispatchSource(); });
+  post<&SkeldaNodeDataProvider::onqueue_recreateDispatchSource>();
 }
 
 // -- The watch
 
+void SkeldaNodeDataProvider::onqueue_forceRefresh(const Completion& completion) {
+  SKELDA_ON_QUEUE();
+  keepMonitoringFile_ = false;
+  onqueue_beginMonitoringFile();
+  if (completion) completion(nullptr);
+}
+
 void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
+  SKELDA_ON_QUEUE();
   if (source_ != nullptr) source_->cancel();
   fileManager_->createIfNotPresentDirectoryAtPath(filePath_);
   const int descriptor = ::open(filePath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -81,33 +82,35 @@ void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
   });
   source_->setCancelHandler([weak, descriptor] {
     if (const auto self = weak.lock()) {
-      self->asyncBlock([self, descriptor] { self->onqueue_sourceWasCancelled(descriptor); });
+      self->post<&SkeldaNodeDataProvider::onqueue_sourceWasCancelled>(descriptor);
     } else if (descriptor >= 0) {
       ::close(descriptor);
     }
   });
   source_->resume();
   if (descriptor < 0 || !isAtPath(descriptor, filePath_)) return onqueue_watchAgainLater();
-  retryDelay_ = {};
+  retryDelay_.reset();
   // What came before the watch stood is seen by looking once now.
   onqueue_alertDelegateOfEvents(platform::kFolderWritten);
 }
 
 void SkeldaNodeDataProvider::onqueue_watchAgainLater() {
-  retryDelay_ = std::clamp(retryDelay_ * 2, kFirstRetry, kLongestRetry);
+  SKELDA_ON_QUEUE();
   asyncBlock(
       [self = selfOf(this), descriptor = fileDescriptor_] {
         if (self->fileDescriptor_ == descriptor) self->onqueue_recreateDispatchSource();
       },
-      std::int64_t{retryDelay_.count()});
+      std::int64_t{retryDelay_.next().count()});
 }
 
 void SkeldaNodeDataProvider::onqueue_recreateDispatchSource() {
+  SKELDA_ON_QUEUE();
   keepMonitoringFile_ = true;
   if (source_ != nullptr) source_->cancel();
 }
 
 void SkeldaNodeDataProvider::onqueue_sourceWasCancelled(int descriptor) {
+  SKELDA_ON_QUEUE();
   if (descriptor >= 0) ::close(descriptor);
   if (descriptor != fileDescriptor_) return;  // another watch has taken its place
   fileDescriptor_ = 0;
@@ -119,8 +122,9 @@ void SkeldaNodeDataProvider::onqueue_sourceWasCancelled(int descriptor) {
 // -- Changes
 
 void SkeldaNodeDataProvider::onqueue_alertDelegateOfEvents(unsigned events) {
+  SKELDA_ON_QUEUE();
   if ((events & platform::kFolderWritten) != 0) {
-    nodeData_ = std::make_shared<const SkeldaNodeData>(kSkeldaNodeChangeWritten);
+    changeSeen_ = true;
     onqueue_notifyObserver();
   }
   // The folder went: with it everything in it, which the watch made anew will tell.
@@ -128,6 +132,9 @@ void SkeldaNodeDataProvider::onqueue_alertDelegateOfEvents(unsigned events) {
 }
 
 void SkeldaNodeDataProvider::onqueue_notifyObserver() {
+  SKELDA_ON_QUEUE();
   const auto observers = observerArray_;
-  for (const auto& observer : observers) observer->fileMonitor(*this, nodeData_->changeType());
+  for (const auto& observer : observers) {
+    observer->fileMonitor(*this, kSkeldaNodeChangeWritten);
+  }
 }

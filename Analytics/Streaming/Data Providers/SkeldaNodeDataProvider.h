@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,6 +10,7 @@
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
 #include "Platform/Dispatch/FolderSource.h"
+#include "Platform/Foundation/RetryDelay.h"
 #include "Platform/Platform.h"
 
 /// Watches the folder of committed logs and tells its observers when it was written. A watch that
@@ -39,11 +39,11 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   SkeldaNodeDataProvider(std::string filePath,
                          std::shared_ptr<ISkeldaStreamFileManager> fileManager);
 
+  void onqueue_forceRefresh(const Completion& completion);
   void onqueue_beginMonitoringFile();
   void onqueue_watchAgainLater();
   void onqueue_recreateDispatchSource();
   void onqueue_sourceWasCancelled(int descriptor);
-  void onqueue_alertDelegateOfWrite();
   void onqueue_notifyObserver();
 
   const std::string filePath_;
@@ -52,6 +52,6 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   std::shared_ptr<platform::FolderSource> source_;
   int fileDescriptor_ = 0;
   bool keepMonitoringFile_ = false;
-  std::chrono::nanoseconds retryDelay_{0};
-  std::shared_ptr<const SkeldaNodeData> nodeData_;
+  platform::RetryDelay retryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
+  bool changeSeen_ = false;
 };

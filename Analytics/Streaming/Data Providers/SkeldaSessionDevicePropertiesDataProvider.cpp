@@ -15,7 +15,7 @@ void SkeldaSessionDevicePropertiesDataProvider::startup() {
 }
 
 void SkeldaSessionDevicePropertiesDataProvider::sendSessionDevicePropertiesForStart(bool isStart) {
-  asyncBlock([self = selfOf(this), isStart] { self->onqueue_sendDataForStart(isStart); });
+  post<&SkeldaSessionDevicePropertiesDataProvider::onqueue_sendDataForStart>(isStart);
 }
 
 SkeldaSessionDevicePropertiesDataProvider::DataRef
@@ -31,17 +31,18 @@ void SkeldaSessionDevicePropertiesDataProvider::setDevicePropertiesData(DataRef 
 
 void SkeldaSessionDevicePropertiesDataProvider::dataProviderDidUpdate(
     std::shared_ptr<SkeldaDataProvider> provider) {
-  asyncBlock([self = selfOf(this), provider = std::move(provider)] {
-    self->onqueue_dataProviderDidUpdate(provider);
-  });
+  post<&SkeldaSessionDevicePropertiesDataProvider::onqueue_dataProviderDidUpdate>(
+      std::move(provider));
 }
 
 void SkeldaSessionDevicePropertiesDataProvider::onqueue_sendDataForStart(bool isStart) {
+  SKELDA_ON_QUEUE();
   devicePropertiesData_ = SkeldaSessionDevicePropertiesData::currentSnapshot(isStart);
   notifyObservers();
 }
 
 void SkeldaSessionDevicePropertiesDataProvider::onqueue_dataProviderDidUpdate(
     const std::shared_ptr<SkeldaDataProvider>&) {
+  SKELDA_ON_QUEUE();
   // No figure comes from another provider yet.
 }

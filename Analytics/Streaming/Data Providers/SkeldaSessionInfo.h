@@ -1,12 +1,12 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
+
+#include "Analytics/Utils/SkeldaAgentVersion.h"
 
 /// The agent's version as it stands in file names, keys and frames.
 class SkeldaSessionInfo {
  public:
-  static constexpr std::uint16_t kAgentVersion = 261;
   /// "261"
-  static std::string getAgentVersion() { return std::to_string(kAgentVersion); }
+  static std::string getAgentVersion() { return std::to_string(kSkeldaAgentVersion); }
 };

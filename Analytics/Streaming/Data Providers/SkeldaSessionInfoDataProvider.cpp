@@ -10,22 +10,17 @@ std::shared_ptr<SkeldaSessionInfoDataProvider> SkeldaSessionInfoDataProvider::ge
 }
 
 void SkeldaSessionInfoDataProvider::startUpWithApiKey(std::string apiKey) {
-  asyncBlock([self = selfOf(this), apiKey = std::move(apiKey)]() mutable {
-    self->startSessionCalled_ = true;
-    self->onqueue_startUpWithApiKey(std::move(apiKey));
-  });
+  post<&SkeldaSessionInfoDataProvider::onqueue_startUpWithApiKey>(std::move(apiKey));
 }
 
 bool SkeldaSessionInfoDataProvider::hasStartSessionBeenCalled() {
   bool called = false;
-  syncBlock([&] { called = startSessionCalled_; });
+  syncBlock([&] { called = apiKey_.has_value(); });
   return called;
 }
 
 void SkeldaSessionInfoDataProvider::setIncludeBackgroundSessionsInMetrics(bool include) {
-  asyncBlock([self = selfOf(this), include] {
-    self->onqueue_setIncludeBackgroundSessionsInMetrics(include);
-  });
+  post<&SkeldaSessionInfoDataProvider::onqueue_setIncludeBackgroundSessionsInMetrics>(include);
 }
 
 SkeldaSessionInfoDataProvider::DataRef SkeldaSessionInfoDataProvider::sessionInfoData() {
@@ -35,17 +30,20 @@ SkeldaSessionInfoDataProvider::DataRef SkeldaSessionInfoDataProvider::sessionInf
 }
 
 void SkeldaSessionInfoDataProvider::onqueue_startUpWithApiKey(std::string apiKey) {
+  SKELDA_ON_QUEUE();
   apiKey_ = std::move(apiKey);
   onqueue_updateData();
 }
 
 void SkeldaSessionInfoDataProvider::onqueue_setIncludeBackgroundSessionsInMetrics(bool include) {
+  SKELDA_ON_QUEUE();
   includeBackgroundSessionInMetrics_ = include;
   // Before start-up the flag waits for the facts that will carry it.
   if (apiKey_) onqueue_updateData();
 }
 
 void SkeldaSessionInfoDataProvider::onqueue_updateData() {
+  SKELDA_ON_QUEUE();
   sessionInfoData_ =
       SkeldaSessionInfoData::dataWithApiKey(*apiKey_, kAgentPlatform, kAgentVersion,
                                             kAgentReportType, includeBackgroundSessionInMetrics_);

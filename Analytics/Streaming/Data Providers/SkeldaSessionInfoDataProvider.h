@@ -6,15 +6,15 @@
 #include <string>
 
 #include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionInfo.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoData.h"
+#include "Analytics/Utils/SkeldaAgentVersion.h"
 
 /// Holds the API key and what the agent says of itself. Has facts from startUpWithApiKey() on.
 class SkeldaSessionInfoDataProvider : public SkeldaDataProvider {
  public:
   static constexpr std::string_view kClassName = "SkeldaSessionInfoDataProvider";
   static constexpr std::uint16_t kAgentPlatform = 2;
-  static constexpr std::uint16_t kAgentVersion = SkeldaSessionInfo::kAgentVersion;
+  static constexpr std::uint16_t kAgentVersion = kSkeldaAgentVersion;
   static constexpr std::uint8_t kAgentReportType = 2;
   using DataRef = std::shared_ptr<const SkeldaSessionInfoData>;
 
@@ -40,7 +40,6 @@ class SkeldaSessionInfoDataProvider : public SkeldaDataProvider {
 
  private:
   DataRef sessionInfoData_;
-  bool startSessionCalled_ = false;
   std::optional<std::string> apiKey_;
   bool includeBackgroundSessionInMetrics_ = false;
 };

@@ -31,15 +31,15 @@ void SkeldaLocalTransferAgent::setDelegate(
 }
 
 void SkeldaLocalTransferAgent::startTransfer(SkeldaFileStateRef file) {
-  asyncBlock([self = selfOf(this), file = std::move(file)] { self->onqueue_startTransfer(file); });
+  post<&SkeldaLocalTransferAgent::onqueue_startTransfer>(std::move(file));
 }
 
 void SkeldaLocalTransferAgent::cancelTransfer(SkeldaFileStateRef file) {
-  asyncBlock([self = selfOf(this), file = std::move(file)] { self->onqueue_cancelTransfer(file); });
+  post<&SkeldaLocalTransferAgent::onqueue_cancelTransfer>(std::move(file));
 }
 
 void SkeldaLocalTransferAgent::resumeTransfer(SkeldaFileStateRef file) {
-  asyncBlock([self = selfOf(this), file = std::move(file)] { self->onqueue_resumeTransfer(file); });
+  post<&SkeldaLocalTransferAgent::onqueue_resumeTransfer>(std::move(file));
 }
 
 std::vector<SkeldaFileStateRef> SkeldaLocalTransferAgent::listTransfers() {
@@ -49,13 +49,11 @@ std::vector<SkeldaFileStateRef> SkeldaLocalTransferAgent::listTransfers() {
 }
 
 void SkeldaLocalTransferAgent::finishTransferWithFileName(const std::string& fileName) {
-  asyncBlock(
-      [self = selfOf(this), fileName] { self->onqueue_finishTransferWithFileName(fileName); });
+  post<&SkeldaLocalTransferAgent::onqueue_finishTransferWithFileName>(fileName);
 }
 
 void SkeldaLocalTransferAgent::processingCompleteForFile(const std::string& fileName) {
-  asyncBlock(
-      [self = selfOf(this), fileName] { self->onqueue_processingDidEnd(fileName, nullptr); });
+  post<&SkeldaLocalTransferAgent::onqueue_processingDidEnd>(fileName, nullptr);
 }
 
 void SkeldaLocalTransferAgent::processingFailedForFile(const std::string& fileName,
@@ -66,14 +64,13 @@ void SkeldaLocalTransferAgent::processingFailedForFile(const std::string& fileNa
     withError =
         std::make_shared<const platform::Error>(platform::makeErrorDomain("file is empty"), 0);
   }
-  asyncBlock([self = selfOf(this), fileName, error = std::move(withError)] {
-    self->onqueue_processingDidEnd(fileName, error);
-  });
+  post<&SkeldaLocalTransferAgent::onqueue_processingDidEnd>(fileName, std::move(withError));
 }
 
 // -- On the queue
 
 void SkeldaLocalTransferAgent::onqueue_startTransfer(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod = "-[SkeldaLocalTransferAgent onqueue_startTransfer:]";
   if (!SkeldaUtil::assertNotNil(file, kMethod)) {
     return onqueue_refuseTransfer(file, "passed in file is nil");
@@ -98,6 +95,7 @@ void SkeldaLocalTransferAgent::onqueue_startTransfer(const SkeldaFileStateRef& f
 
 void SkeldaLocalTransferAgent::onqueue_refuseTransfer(const SkeldaFileStateRef& file,
                                                       std::string_view reason) {
+  SKELDA_ON_QUEUE();
   if (const auto delegate = delegate_.lock()) {
     delegate->didCompleteTransfer(
         file != nullptr ? file->fileName() : std::string(),
@@ -106,6 +104,7 @@ void SkeldaLocalTransferAgent::onqueue_refuseTransfer(const SkeldaFileStateRef& 
 }
 
 void SkeldaLocalTransferAgent::onqueue_cancelTransfer(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(file, "-[SkeldaLocalTransferAgent onqueue_cancelTransfer:]")) {
     return;
   }
@@ -113,6 +112,7 @@ void SkeldaLocalTransferAgent::onqueue_cancelTransfer(const SkeldaFileStateRef& 
 }
 
 void SkeldaLocalTransferAgent::onqueue_resumeTransfer(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(file, "-[SkeldaLocalTransferAgent onqueue_resumeTransfer:]")) {
     return;
   }
@@ -122,6 +122,7 @@ void SkeldaLocalTransferAgent::onqueue_resumeTransfer(const SkeldaFileStateRef& 
 }
 
 void SkeldaLocalTransferAgent::onqueue_finishTransferWithFileName(const std::string& fileName) {
+  SKELDA_ON_QUEUE();
   const auto found = std::find_if(transferQueue_.begin(), transferQueue_.end(),
                                   [&](const auto& file) { return file->fileName() == fileName; });
   if (found != transferQueue_.end()) transferQueue_.erase(found);
@@ -129,6 +130,7 @@ void SkeldaLocalTransferAgent::onqueue_finishTransferWithFileName(const std::str
 
 void SkeldaLocalTransferAgent::onqueue_processingDidEnd(const std::string& fileName,
                                                         const platform::ErrorRef& error) {
+  SKELDA_ON_QUEUE();
   if (const auto delegate = delegate_.lock()) delegate->didCompleteTransfer(fileName, error);
   onqueue_finishTransferWithFileName(fileName);
 }

@@ -12,8 +12,6 @@ namespace {
 
 constexpr std::string_view kProcessFile =
     "-[SkeldaStreamFrameLogSender onqueue_processFile:atPath:]";
-constexpr std::chrono::nanoseconds kFirstStoreRetry = std::chrono::seconds(1);
-constexpr std::chrono::nanoseconds kLongestStoreRetry = std::chrono::minutes(1);
 
 }  // namespace
 
@@ -43,18 +41,21 @@ void SkeldaStreamFrameLogSender::didInit() {
 
 void SkeldaStreamFrameLogSender::setupDataSender() {
   // Posted: it reads from the disk, and whoever makes the sender may be the host's main thread.
-  asyncBlock([self = selfOf(this)] {
-    if (self->dataSender_ == nullptr) {
-      SkeldaDataSender::setupInstanceWithQueue(
-          platform::Queue::serial("com.skelda.Analytics.LogSender"),
-          SkeldaBackgroundTaskTracker::defaultTracker());
-      self->dataSender_ = SkeldaDataSender::sharedInstance();
-    }
-    self->onqueue_enableTestAppObserver();
-  });
+  post<&SkeldaStreamFrameLogSender::onqueue_setupDataSender>();
+}
+
+void SkeldaStreamFrameLogSender::onqueue_setupDataSender() {
+  SKELDA_ON_QUEUE();
+  if (dataSender_ == nullptr) {
+    SkeldaDataSender::setupInstanceWithQueue(
+        platform::Queue::serial("com.skelda.Analytics.LogSender"));
+    dataSender_ = SkeldaDataSender::sharedInstance();
+  }
+  onqueue_enableTestAppObserver();
 }
 
 void SkeldaStreamFrameLogSender::onqueue_enableTestAppObserver() {
+  SKELDA_ON_QUEUE();
   dataObserver_ = std::dynamic_pointer_cast<ISkeldaStreamingDataObserver>(
       platform::ClassRegistry::shared().make("SkeldaStreamingObserver"));
 }
@@ -67,11 +68,12 @@ void SkeldaStreamFrameLogSender::setDelegate(
 }
 
 void SkeldaStreamFrameLogSender::processFile(const std::string& fileName, const std::string& path) {
-  asyncBlock([self = selfOf(this), fileName, path] { self->onqueue_processFile(fileName, path); });
+  post<&SkeldaStreamFrameLogSender::onqueue_processFile>(fileName, path);
 }
 
 void SkeldaStreamFrameLogSender::onqueue_processFile(const std::string& fileName,
                                                      const std::string& folder) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(fileHandle_, kProcessFile)) return;
   const std::string fullPath = folder + "/" + fileName;
   if (dataObserver_ != nullptr) dataObserver_->frameLogFileDidUpdate(fullPath);
@@ -91,25 +93,27 @@ void SkeldaStreamFrameLogSender::onqueue_processFile(const std::string& fileName
   if (dataSender_ == nullptr || !dataSender_->sendFrameLogData(std::move(*data))) {
     return onqueue_reportNotStored(fileName);
   }
-  storeRetryDelay_ = {};
+  storeRetryDelay_.reset();
   if (const auto delegate = delegate_.lock()) delegate->processingCompleteForFile(fileName);
 }
 
 void SkeldaStreamFrameLogSender::onqueue_reportFailure(const std::string& fileName,
                                                        const platform::ErrorRef& error) {
+  SKELDA_ON_QUEUE();
   if (const auto delegate = delegate_.lock()) delegate->processingFailedForFile(fileName, error);
 }
 
 void SkeldaStreamFrameLogSender::onqueue_reportNotStored(const std::string& fileName) {
+  SKELDA_ON_QUEUE();
   // A lost connection costs the file none of its attempts, and sends it here again at once: so the
   // report waits.
-  storeRetryDelay_ = std::clamp(storeRetryDelay_ * 2, kFirstStoreRetry, kLongestStoreRetry);
+  const auto delay = storeRetryDelay_.next();
   SKELDA_LOG(1, "{}: unable to store data of file = {}, next attempt in {} s", kProcessFile,
-             fileName, std::chrono::duration_cast<std::chrono::seconds>(storeRetryDelay_).count());
+             fileName, std::chrono::duration_cast<std::chrono::seconds>(delay).count());
   asyncBlock(
       [self = selfOf(this), fileName] {
         self->onqueue_reportFailure(
             fileName, platform::urlError(platform::kURLErrorNetworkConnectionLost, "not stored"));
       },
-      std::int64_t{storeRetryDelay_.count()});
+      std::int64_t{delay.count()});
 }

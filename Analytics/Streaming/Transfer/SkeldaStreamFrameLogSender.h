@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -8,6 +7,7 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamComponentBase.h"
 #include "Analytics/Utils/ISkeldaStreamFileHandle.h"
+#include "Platform/Foundation/RetryDelay.h"
 #include "Platform/Platform.h"
 
 /// What a test application may define under the class name "SkeldaStreamingObserver" to see every
@@ -44,6 +44,7 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
   void didInit() override;
 
   void setupDataSender();
+  void onqueue_setupDataSender();
   void onqueue_enableTestAppObserver();
   void onqueue_processFile(const std::string& fileName, const std::string& folder);
   void onqueue_reportFailure(const std::string& fileName, const platform::ErrorRef& error);
@@ -53,5 +54,5 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
   std::shared_ptr<ISkeldaFrameLogDataSender> dataSender_;
   std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate_;
   std::shared_ptr<ISkeldaStreamingDataObserver> dataObserver_;
-  std::chrono::nanoseconds storeRetryDelay_{0};
+  platform::RetryDelay storeRetryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
 };

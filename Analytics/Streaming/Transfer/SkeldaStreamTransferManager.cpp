@@ -16,8 +16,6 @@ constexpr std::int32_t kDefaultMaxFileCount = 4;
 constexpr std::int32_t kDefaultMaxUploadCount = 5;
 constexpr std::int32_t kMaxUploadAttempts = 3;
 constexpr std::int32_t kMaxRemoveAttempts = 3;
-constexpr std::chrono::nanoseconds kFirstListRetry = std::chrono::seconds(1);
-constexpr std::chrono::nanoseconds kLongestListRetry = std::chrono::minutes(1);
 
 std::int32_t limitIn(const platform::Dictionary& config, std::string_view key,
                      std::int32_t fallback) {
@@ -99,27 +97,21 @@ void SkeldaStreamTransferManager::didInit() {
 }
 
 void SkeldaStreamTransferManager::startup(Completion completion) {
-  asyncBlock([self = selfOf(this), completion = std::move(completion)] {
-    self->onqueue_startup(completion);
-  });
+  post<&SkeldaStreamTransferManager::onqueue_startup>(std::move(completion));
 }
 
 void SkeldaStreamTransferManager::didCompleteTransfer(const std::string& fileName,
                                                       platform::ErrorRef withError) {
-  asyncBlock([self = selfOf(this), fileName, error = std::move(withError)] {
-    self->onqueue_didCompleteTransfer(fileName, error);
-  });
+  post<&SkeldaStreamTransferManager::onqueue_didCompleteTransfer>(fileName, std::move(withError));
 }
 
 void SkeldaStreamTransferManager::didAbandonTransfer() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_processFiles(); });
+  post<&SkeldaStreamTransferManager::onqueue_processFiles>();
 }
 
 void SkeldaStreamTransferManager::fileMonitor(ISkeldaNodeDataProvider&,
                                               std::uint32_t didSeeChange) {
-  asyncBlock([self = selfOf(this), didSeeChange] {
-    self->onqueue_nodeDataProviderDidSeeChange(didSeeChange);
-  });
+  post<&SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange>(didSeeChange);
 }
 
 std::map<std::string, SkeldaFileStateRef>
@@ -138,6 +130,7 @@ std::int32_t SkeldaStreamTransferManager::currentUploadCount() {
 // -- Start and changes of the folder
 
 void SkeldaStreamTransferManager::onqueue_startup(const Completion& completion) {
+  SKELDA_ON_QUEUE();
   nodeDataProvider_->addObserver(selfOf(this));
   nodeDataProvider_->forceRefresh([completion](platform::ErrorRef error) {
     constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_startup:]";
@@ -152,9 +145,9 @@ void SkeldaStreamTransferManager::onqueue_startup(const Completion& completion) 
 }
 
 void SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType) {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod =
       "-[SkeldaStreamTransferManager onqueue_nodeDataProviderDidSeeChange:]";
-  assertRunningInActor();
   if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return;
   if (changeType != kSkeldaNodeChangeWritten) return;
   platform::ErrorRef error;
@@ -165,27 +158,28 @@ void SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange(std::uint
     SkeldaUtil::assert_(false, kMethod);
     return onqueue_lookAgainLater();
   }
-  listRetryDelay_ = {};
+  listRetryDelay_.reset();
   onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
   onqueue_removeFromDictionaryFilesNotInFolder(*names);
   onqueue_processFiles();
 }
 
 void SkeldaStreamTransferManager::onqueue_lookAgainLater() {
+  SKELDA_ON_QUEUE();
   // The change has been told and will not be told again. One look at a time.
   if (lookAgainPending_) return;
   lookAgainPending_ = true;
-  listRetryDelay_ = std::clamp(listRetryDelay_ * 2, kFirstListRetry, kLongestListRetry);
   asyncBlock(
       [self = selfOf(this)] {
         self->lookAgainPending_ = false;
         self->onqueue_nodeDataProviderDidSeeChange(kSkeldaNodeChangeWritten);
       },
-      std::int64_t{listRetryDelay_.count()});
+      std::int64_t{listRetryDelay_.next().count()});
 }
 
 void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolder(
     const std::vector<std::string>& names) {
+  SKELDA_ON_QUEUE();
   for (const auto& name : names) {
     auto& record = fileUploadStatusDictionary_[name];
     if (record != nullptr) continue;
@@ -196,6 +190,7 @@ void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolde
 
 void SkeldaStreamTransferManager::onqueue_removeFromDictionaryFilesNotInFolder(
     const std::vector<std::string>& names) {
+  SKELDA_ON_QUEUE();
   const std::set<std::string_view> listed(names.begin(), names.end());
   std::erase_if(fileUploadStatusDictionary_, [&](const auto& entry) {
     if (listed.contains(entry.first)) return false;
@@ -207,12 +202,13 @@ void SkeldaStreamTransferManager::onqueue_removeFromDictionaryFilesNotInFolder(
 // -- The pass over all files
 
 void SkeldaStreamTransferManager::onqueue_processFiles() {
-  assertRunningInActor();
+  SKELDA_ON_QUEUE();
   // Where the count of transfers turned out too high, a file that waited may go now.
   if (onqueue_processFilesOnce()) onqueue_processFilesOnce();
 }
 
 bool SkeldaStreamTransferManager::onqueue_processFilesOnce() {
+  SKELDA_ON_QUEUE();
   std::vector<std::string> names;
   names.reserve(fileUploadStatusDictionary_.size());
   for (const auto& entry : fileUploadStatusDictionary_) names.push_back(entry.first);
@@ -233,6 +229,7 @@ bool SkeldaStreamTransferManager::onqueue_processFilesOnce() {
 }
 
 bool SkeldaStreamTransferManager::onqueue_reconcileUploadCount() {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processFiles]";
   if (currentUploadCount_ == localUploadCounter_) return false;
   SKELDA_LOG(2,
@@ -246,6 +243,7 @@ bool SkeldaStreamTransferManager::onqueue_reconcileUploadCount() {
 }
 
 void SkeldaStreamTransferManager::onqueue_processFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   switch (file->fileState()) {
     case kSkeldaFileStateWaiting:
       return onqueue_processWaitingFile(file);
@@ -267,10 +265,12 @@ void SkeldaStreamTransferManager::onqueue_processFile(const SkeldaFileStateRef& 
 
 /// Whether the folder held too much when the pass began and some of it may still go.
 bool SkeldaStreamTransferManager::onqueue_mayDelete() const noexcept {
+  SKELDA_ON_QUEUE();
   return deletedFileCount_ < maxDeleteFileCount_;
 }
 
 bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   if (!fileManager_->removeItemAtPath(file->fullPath())) {
     file->setFileRemoveRetryCounter(file->fileRemoveRetryCounter() + 1);
     return false;
@@ -281,6 +281,7 @@ bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& f
 }
 
 void SkeldaStreamTransferManager::onqueue_processWaitingFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processWaitingFile:]";
   if (onqueue_mayDelete()) {
     SKELDA_LOG(1,
@@ -302,22 +303,26 @@ void SkeldaStreamTransferManager::onqueue_processWaitingFile(const SkeldaFileSta
 }
 
 void SkeldaStreamTransferManager::onqueue_processInProgressFile(const SkeldaFileStateRef&) {
+  SKELDA_ON_QUEUE();
   ++localUploadCounter_;
 }
 
 void SkeldaStreamTransferManager::onqueue_processSuspendedFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   SKELDA_LOG(1, "{}: file {} is in suspended state",
              "-[SkeldaStreamTransferManager onqueue_processSuspendedFile:]", file->fileName());
   onqueue_processErrorFile(file);
 }
 
 void SkeldaStreamTransferManager::onqueue_processDoneFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   --currentUploadCount_;
   file->setFileState(kSkeldaFileStateRemove);
   onqueue_processRemoveFile(file);
 }
 
 void SkeldaStreamTransferManager::onqueue_processRemoveFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod = "-[SkeldaStreamTransferManager onqueue_processRemoveFile:]";
   if (file->fileRemoveRetryCounter() >= kMaxRemoveAttempts) {
     file->setFileState(kSkeldaFileStateError);
@@ -331,6 +336,7 @@ void SkeldaStreamTransferManager::onqueue_processRemoveFile(const SkeldaFileStat
 }
 
 void SkeldaStreamTransferManager::onqueue_processErrorFile(const SkeldaFileStateRef& file) {
+  SKELDA_ON_QUEUE();
   if (onqueue_mayDelete()) onqueue_deleteFile(file);
 }
 
@@ -338,6 +344,7 @@ void SkeldaStreamTransferManager::onqueue_processErrorFile(const SkeldaFileState
 
 void SkeldaStreamTransferManager::onqueue_didCompleteTransfer(const std::string& fileName,
                                                               const platform::ErrorRef& error) {
+  SKELDA_ON_QUEUE();
   const auto found = fileUploadStatusDictionary_.find(fileName);
   if (found != fileUploadStatusDictionary_.end()) {
     auto& file = *found->second;
@@ -353,6 +360,7 @@ void SkeldaStreamTransferManager::onqueue_didCompleteTransfer(const std::string&
 
 void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
                                                          const platform::Error& error) {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod =
       "-[SkeldaStreamTransferManager onqueue_didCompleteTransfer:withError:]";
   SKELDA_LOG(2, "{}: Skelda Error in network request to send the data from file :{} Error:{}",

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "Analytics/Streaming/Transfer/SkeldaFileState.h"
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+#include "Platform/Foundation/RetryDelay.h"
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
 
@@ -89,6 +89,6 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   std::int32_t maxDeleteFileCount_ = 0;
   std::int32_t deletedFileCount_ = 0;
   std::int32_t localUploadCounter_ = 0;
-  std::chrono::nanoseconds listRetryDelay_{0};
+  platform::RetryDelay listRetryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
   bool lookAgainPending_ = false;
 };

@@ -6,6 +6,17 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Platform.h"
+
+/// The first line of what works on a queue that is no actor's own, as SKELDA_ON_QUEUE() is for what
+/// works on an actor's.
+#ifdef SKELDA_CHECK_QUEUES
+#define SKELDA_ON_RAW_QUEUE(queue) \
+  ((queue)->isCurrent() ? void() : platform::abortOnFailedAssertion(#queue " is current"))
+#else
+#define SKELDA_ON_RAW_QUEUE(queue) static_cast<void>(0)
+#endif
 
 namespace skelda {
 

@@ -31,9 +31,9 @@ class SenderTest : public ::testing::Test {
 
   /// As after a start of the process: with what the folder holds.
   std::shared_ptr<SkeldaDataSender> makeSender(const std::string& apiKey = "key") {
-    senders_.push_back(SkeldaDataSender::senderWithQueue(
-        platform::Queue::serial("test.Analytics.LogSender"),
-        std::make_shared<SkeldaBackgroundTaskTracker>(), [apiKey] { return apiKey; }));
+    senders_.push_back(
+        SkeldaDataSender::senderWithQueue(platform::Queue::serial("test.Analytics.LogSender"),
+                                          std::make_shared<SkeldaBackgroundTaskTracker>(), apiKey));
     return senders_.back();
   }
   /// Until nothing is under way any more: what came later would find another folder.
