@@ -4,8 +4,8 @@
 
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/Foundation/NeverDestroyed.h"
 
 namespace {
 

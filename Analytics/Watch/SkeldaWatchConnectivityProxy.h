@@ -4,8 +4,8 @@
 #include <string>
 
 #include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
 #include "Platform/WatchConnectivity/WCSession.h"
 

@@ -1,6 +1,6 @@
 #include "Analytics/Networking/DataSender/SkeldaBackgroundTaskTracker.h"
 
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 const std::shared_ptr<SkeldaBackgroundTaskTracker>& SkeldaBackgroundTaskTracker::defaultTracker() {
   static platform::NeverDestroyed<std::shared_ptr<SkeldaBackgroundTaskTracker>> tracker(

@@ -10,8 +10,8 @@
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/Mutex.h"
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Date.h"
-#include "Platform/Foundation/Mutex.h"
 #include "Platform/Foundation/Object.h"
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "Analytics/Networking/DataSender/SkeldaURLSessionTask.h"
-#include "Platform/Foundation/Mutex.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Foundation/URLSession.h"
 #include "Platform/Platform.h"
 

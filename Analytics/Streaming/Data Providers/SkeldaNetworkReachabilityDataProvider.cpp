@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/Foundation/NeverDestroyed.h"
 
 SkeldaNetworkReachabilityDataProvider::SkeldaNetworkReachabilityDataProvider()
     : SkeldaDataProvider(std::string(kClassName)) {}

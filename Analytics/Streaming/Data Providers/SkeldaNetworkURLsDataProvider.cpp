@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 SkeldaNetworkURLsDataProvider::SkeldaNetworkURLsDataProvider()
     : SkeldaActor(std::string(kClassName)), internalAnalyticsServerURL_(kDefaultServerURL) {}

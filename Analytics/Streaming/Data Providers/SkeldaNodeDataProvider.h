@@ -9,8 +9,8 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Dispatch/FolderSource.h"
-#include "Platform/Foundation/RetryDelay.h"
 #include "Platform/Platform.h"
 
 /// Watches the folder of committed logs and tells its observers when it was written. A watch that

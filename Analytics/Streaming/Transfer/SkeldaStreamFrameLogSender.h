@@ -7,7 +7,7 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamComponentBase.h"
 #include "Analytics/Utils/ISkeldaStreamFileHandle.h"
-#include "Platform/Foundation/RetryDelay.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Platform.h"
 
 /// What a test application may define under the class name "SkeldaStreamingObserver" to see every

@@ -13,7 +13,7 @@
 #include "Analytics/Streaming/Transfer/SkeldaFileState.h"
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
-#include "Platform/Foundation/RetryDelay.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
 
