@@ -10,29 +10,10 @@
 #include <string_view>
 
 #include "Analytics/Intake/Account/SkeldaAccountPage.h"
+#include "Analytics/Intake/Account/SkeldaIntakeTicket.h"
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
-
-/// What a message remembers of the record that it was made of: the place in the journal and its
-/// generation. 0 is none. A value; whoever carries it need not know what is behind it.
-using SkeldaIntakeTicket = std::uint64_t;
-inline constexpr SkeldaIntakeTicket kSkeldaNoTicket = 0;
-
-/// What becomes of an accepted record in the end.
-enum class SkeldaIntakeOutcome : std::uint8_t {
-  stored,            ///< in a frame that is synchronised, or taken over by its source for good
-  sessionCap,        ///< dropped: the session had its number of events
-  sessionDuration,   ///< dropped: the session had its length
-  repeated,          ///< dropped: an event of that id was sent in this session
-  notUTF8,           ///< dropped: text that no payload can carry
-  wrongKind,         ///< dropped: a value of a kind that the call does not take
-  serializer,        ///< dropped: no frame could be made of it
-  otherKey,          ///< dropped: accepted under another API key
-  otherVersion,      ///< dropped: accepted by another version of the agent
-  replayedTooOften,  ///< dropped: three starts in a row took it up and did not live to write it
-};
-inline constexpr std::size_t kSkeldaIntakeOutcomeCount = 10;
 
 /// The file behind the intake journal and the account: one page of counters, then four segments
 /// that records are appended to. Mapped shared, so that what a call has stored is there whatever

@@ -17,6 +17,13 @@ SkeldaStreamEntityBase::SkeldaStreamEntityBase(std::string_view className)
       epochTimeStamp_(SkeldaDateUtil::timeIntervalSince1970InMilliseconds(platform::Date::now())),
       relativeTimeStamp_(SkeldaUtil::uptimeInMilliseconds()) {}
 
+void SkeldaStreamEntityBase::takeOrigin(const SkeldaIntakeOrigin& origin) noexcept {
+  if (origin.ticket == kSkeldaNoTicket) return;
+  intakeTicket_ = origin.ticket;
+  epochTimeStamp_ = origin.epochMilliseconds;
+  relativeTimeStamp_ = origin.uptimeMilliseconds;
+}
+
 std::optional<platform::Data> SkeldaStreamEntityBase::payload() const {
   std::string json;
   json.reserve(payloadLengthHint());

@@ -21,10 +21,14 @@ class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaSt
   std::int32_t frameType() const noexcept override { return frameType_; }
   std::int64_t epochTimeStamp() const noexcept override { return epochTimeStamp_; }
   std::int64_t relativeTimeStamp() const noexcept override { return relativeTimeStamp_; }
+  SkeldaIntakeTicket intakeTicket() const noexcept override { return intakeTicket_; }
   void setFrameVersion(std::int8_t version) noexcept override { frameVersion_ = version; }
   void setFrameType(std::int32_t type) noexcept override { frameType_ = type; }
   void setEpochTimeStamp(std::int64_t ms) noexcept override { epochTimeStamp_ = ms; }
   void setRelativeTimeStamp(std::int64_t ms) noexcept override { relativeTimeStamp_ = ms; }
+
+  /// Takes over the ticket and the times of the host's call; without a ticket, nothing.
+  virtual void takeOrigin(const SkeldaIntakeOrigin& origin) noexcept;
 
   std::optional<platform::Data> payload() const override;
   /// Without effect: the next reading computes the payload from the record all the same.
@@ -47,7 +51,8 @@ class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaSt
   /// Writes the record as one JSON object; false, with nothing written, where it is not valid. By
   /// default goes through dictionaryRepresentation().
   virtual bool writeJSON(platform::JSONWriter& writer) const;
-  /// Takes over version, type and both times: a copy keeps the times of its source.
+  /// Takes over version, type and both times: a copy keeps the times of its source, and is not what
+  /// the host's call is settled by.
   void copyStamps(const SkeldaStreamEntityBase& source) noexcept;
 
  private:
@@ -55,4 +60,5 @@ class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaSt
   std::int32_t frameType_;
   std::int64_t epochTimeStamp_;
   std::int64_t relativeTimeStamp_;
+  SkeldaIntakeTicket intakeTicket_ = kSkeldaNoTicket;
 };

@@ -97,6 +97,11 @@ std::span<const SkeldaRecordField> SkeldaStreamEvent::recordFields() noexcept {
   return kFields;
 }
 
+void SkeldaStreamEvent::takeOrigin(const SkeldaIntakeOrigin& origin) noexcept {
+  SkeldaStreamRecord::takeOrigin(origin);
+  if (origin.ticket != kSkeldaNoTicket) uptime_ = origin.uptimeMilliseconds;
+}
+
 bool SkeldaStreamEvent::isValidModel() const {
   return eventName_ && timestamp_;
 }

@@ -33,6 +33,7 @@ class SkeldaStreamEvent final : public SkeldaStreamRecordOf<SkeldaStreamEvent> {
   static std::span<const SkeldaRecordField> recordFields() noexcept;
 
   bool isValidModel() const override;
+  void takeOrigin(const SkeldaIntakeOrigin& origin) noexcept override;
 
   /// The end of this timed event; null, after a log line, for an event that is not timed.
   std::shared_ptr<SkeldaStreamEvent> counterpartEndTimedEventWithTimestamp(

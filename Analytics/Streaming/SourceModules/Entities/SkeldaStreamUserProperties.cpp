@@ -42,6 +42,11 @@ std::span<const SkeldaRecordField> SkeldaStreamUserProperties::recordFields() no
   return kFields;
 }
 
+void SkeldaStreamUserProperties::takeOrigin(const SkeldaIntakeOrigin& origin) noexcept {
+  SkeldaStreamRecord::takeOrigin(origin);
+  if (origin.ticket != kSkeldaNoTicket) uptime_ = origin.uptimeMilliseconds;
+}
+
 bool SkeldaStreamUserProperties::isValidModel() const {
   return SkeldaStreamRecord::isValidModel() && callType_ >= 1 && callType_ <= 6 && uptime_ >= 0 &&
          userPropertyId_ != 0;

@@ -22,6 +22,7 @@ class SkeldaStreamUserProperties final : public SkeldaStreamRecordOf<SkeldaStrea
   static std::span<const SkeldaRecordField> recordFields() noexcept;
 
   bool isValidModel() const override;
+  void takeOrigin(const SkeldaIntakeOrigin& origin) noexcept override;
 
   /// Number of the record in this process, from 1.
   std::uint32_t userPropertyId() const noexcept { return userPropertyId_; }

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Analytics/Intake/Account/SkeldaIntakeTicket.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Platform.h"
 
@@ -27,6 +28,8 @@ class ISkeldaStreamMessage {
   virtual std::int64_t epochTimeStamp() const noexcept = 0;
   /// System uptime at the record, milliseconds.
   virtual std::int64_t relativeTimeStamp() const noexcept = 0;
+  /// The record in the intake journal that is settled once this message is in a frame, or dropped.
+  virtual SkeldaIntakeTicket intakeTicket() const noexcept { return kSkeldaNoTicket; }
   /// The UTF-8 JSON text of the record; nothing where there is none to write.
   virtual std::optional<platform::Data> payload() const = 0;
 
