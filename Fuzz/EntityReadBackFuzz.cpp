@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "Platform/Base/Log.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   platform::Log::setSink({});

@@ -43,13 +43,24 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   set(SKELDA_SHARED_LTO ON)
 endif()
 
-# skelda_component(NAME FOLDER [HOT regex] [DEPENDS target ...])
-# One folder of the library: every source file in it, recursively, as a static library.
-# FOLDER is relative to the source tree's root. A release is built for size, half of what speed
-# takes; for speed only the files whose names match HOT, on the path of every event.
-function(skelda_component name folder)
-  cmake_parse_arguments(arg "" "HOT" "DEPENDS" ${ARGN})
+# The source files below FOLDER, but for those in the folders named behind it.
+function(skelda_component_sources result folder)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
+  foreach(without IN LISTS ARGN)
+    list(FILTER sources EXCLUDE REGEX "^${PROJECT_SOURCE_DIR}/${folder}/${without}/")
+  endforeach()
+  set(${result} ${sources} PARENT_SCOPE)
+endfunction()
+
+# skelda_component(NAME FOLDER [HOT regex] [WITHOUT folder ...] [DEPENDS target ...])
+# One folder of the library: every source file in it, recursively, as a static library, but for the
+# folders in it named WITHOUT, which are components of their own. FOLDER is relative to the source
+# tree's root. DEPENDS names every component that its files include, and no other; these arrows run
+# in no circle (scripts/lib/floors.py). A release is built for size, half of what speed takes; for
+# speed only the files whose names match HOT, on the path of every event.
+function(skelda_component name folder)
+  cmake_parse_arguments(arg "" "HOT" "WITHOUT;DEPENDS" ${ARGN})
+  skelda_component_sources(sources "${folder}" ${arg_WITHOUT})
   if(NOT sources)
     add_library(${name} INTERFACE)
     target_link_libraries(${name} INTERFACE skelda_flags ${arg_DEPENDS})
@@ -71,33 +82,26 @@ function(skelda_component name folder)
     list(FILTER sources INCLUDE REGEX "${arg_HOT}")
     set_source_files_properties(${sources} PROPERTIES COMPILE_OPTIONS -O2)
   endif()
-  # Components name each other in circles: a linker goes round them until nothing is missing.
-  set_property(TARGET ${name} PROPERTY LINK_INTERFACE_MULTIPLICITY 4)
   set_property(GLOBAL APPEND PROPERTY SKELDA_COMPONENTS ${name})
 endfunction()
 
-# skelda_optional_component(NAME FOLDER [DEPENDS target ...])
+# skelda_optional_component(NAME FOLDER [WITHOUT folder ...] [DEPENDS target ...])
 # A folder that is not part of the library: a static library of its own, which a program links when
 # it wants what is in it. It is installed beside the library as libSkelda_Watch_NAME.a.
 function(skelda_optional_component name folder)
-  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
-  if(NOT sources)
-    return()
-  endif()
+  cmake_parse_arguments(arg "" "" "WITHOUT;DEPENDS" ${ARGN})
+  skelda_component_sources(sources "${folder}" ${arg_WITHOUT})
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC skelda_flags ${arg_DEPENDS})
   set_property(GLOBAL APPEND PROPERTY SKELDA_OPTIONAL_COMPONENTS ${name})
 endfunction()
 
-# skelda_test(NAME FOLDER [DEPENDS target ...])
-# One GoogleTest program from every source file of a folder below Tests/, registered case by case.
+# skelda_test(NAME FOLDER [WITHOUT folder ...] [DEPENDS target ...])
+# One GoogleTest program from every source file of a folder below Tests/, recursively, but for the
+# folders in it named WITHOUT.
 function(skelda_test name folder)
-  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/Tests/${folder}/*.cpp")
-  if(NOT sources)
-    return()
-  endif()
+  cmake_parse_arguments(arg "" "" "WITHOUT;DEPENDS" ${ARGN})
+  skelda_component_sources(sources "Tests/${folder}" ${arg_WITHOUT})
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS}
     GTest::gtest GTest::gmock GTest::gtest_main)

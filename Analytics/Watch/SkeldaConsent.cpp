@@ -1,16 +1,9 @@
 #include "Skelda_Watch/SkeldaConsent.h"
 
-#include <utility>
-
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaHostText.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
 #include "Platform/Foundation/TextCoding.h"
-
-SkeldaConsent::SkeldaConsent(bool isGDPRScope, SkeldaDictionary consentStrings, bool isLICNEnabled)
-    : isGDPRScope_(isGDPRScope),
-      consentStrings_(std::move(consentStrings)),
-      isLICNEnabled_(isLICNEnabled) {}
 
 bool SkeldaConsent::updateConsentInformation(const SkeldaConsent& consent) noexcept {
   return skelda::publicEntry(false, [&] {

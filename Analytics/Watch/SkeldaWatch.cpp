@@ -11,7 +11,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
-#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"

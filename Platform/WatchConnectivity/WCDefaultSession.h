@@ -8,7 +8,7 @@
 
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/WatchConnectivity/WCPacket.h"
-#include "Platform/WatchConnectivity/WCSession.h"
+#include "Platform/WatchConnectivity/Session/WCSession.h"
 #include "Platform/WatchConnectivity/WCTransport.h"
 
 namespace skelda::platform {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include "Platform/Base/Export.h"
 #include "SkeldaValue.h"
 
@@ -11,7 +13,10 @@
 class SKELDA_EXPORT SkeldaConsent {
  public:
   SkeldaConsent() = default;
-  SkeldaConsent(bool isGDPRScope, SkeldaDictionary consentStrings, bool isLICNEnabled = false);
+  SkeldaConsent(bool isGDPRScope, SkeldaDictionary consentStrings, bool isLICNEnabled = false)
+      : isGDPRScope_(isGDPRScope),
+        consentStrings_(std::move(consentStrings)),
+        isLICNEnabled_(isLICNEnabled) {}
 
   bool isGDPRScope() const noexcept { return isGDPRScope_; }
   const SkeldaDictionary& consentStrings() const noexcept { return consentStrings_; }

@@ -13,7 +13,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Analytics/Streaming/SourceModules/Sources/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"

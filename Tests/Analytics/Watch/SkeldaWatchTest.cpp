@@ -16,7 +16,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
-#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"

@@ -10,7 +10,7 @@
 
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Platform.h"
-#include "Platform/WatchConnectivity/WCSession.h"
+#include "Platform/WatchConnectivity/Session/WCSession.h"
 
 /// A delegate that writes down what it hears, to be waited for.
 class RecordingDelegate : public platform::WCSessionDelegate {

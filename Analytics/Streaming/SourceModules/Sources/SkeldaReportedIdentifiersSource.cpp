@@ -5,7 +5,7 @@
 
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Utils/SkeldaLog.h"
-#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamReportedIdentifers.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaReportedIdentifiersSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
-#include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
+#include "Analytics/Watch/Connectivity/ISkeldaWatchConnectivityReceiver.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Timer.h"
 #include "Platform/Foundation/Value.h"

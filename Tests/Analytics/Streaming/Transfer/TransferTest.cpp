@@ -8,7 +8,7 @@
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
-#include "Tests/Analytics/Networking/SenderFixture.h"
+#include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
 namespace skelda::testing {
 namespace {

@@ -10,7 +10,7 @@
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
-#include "Analytics/Streaming/SourceModules/Sources/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Tests/Analytics/Streaming/Core/LogWords.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/FaultyStreamFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 

@@ -1,8 +1,8 @@
-# What the scripts have in common. Sourced, never run: `source "$(dirname "$0")/lib.sh"`.
+# What the scripts have in common. Sourced, never run: `source "$(dirname "$0")/lib/common.sh"`.
 # shellcheck shell=bash
 set -euo pipefail
 
-root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 cd "$root"
 jobs="${SKELDA_JOBS:-$(nproc 2>/dev/null || echo 2)}"
 

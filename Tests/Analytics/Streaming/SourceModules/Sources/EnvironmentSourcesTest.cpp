@@ -11,7 +11,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaTimeZoneInfoSource.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {

@@ -1,6 +1,6 @@
 #include "Analytics/Networking/DataSender/SkeldaURLSessionTask.h"
 
-#include "Tests/Analytics/Networking/SenderFixture.h"
+#include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Recorded.h"
 
 namespace skelda::testing {

@@ -11,7 +11,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Platform/Foundation/JSONReader.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 using namespace skelda::testing;

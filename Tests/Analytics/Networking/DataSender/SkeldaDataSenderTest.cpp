@@ -5,7 +5,7 @@
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Skelda_Watch/SkeldaConstants.h"
-#include "Tests/Analytics/Networking/SenderFixture.h"
+#include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
 namespace skelda::testing {
 namespace {

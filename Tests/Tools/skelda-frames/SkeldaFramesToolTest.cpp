@@ -11,7 +11,7 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/TextCoding.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 using namespace skelda::testing;

@@ -1,4 +1,4 @@
-#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
 using namespace skelda::testing;
 

@@ -10,7 +10,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Recorded.h"
-#include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Analytics/Threads.h"
 #include "Tests/Support/LogCapture.h"
 

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 
 namespace skelda::testing {
 namespace {

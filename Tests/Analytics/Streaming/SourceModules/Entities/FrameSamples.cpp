@@ -1,4 +1,4 @@
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"

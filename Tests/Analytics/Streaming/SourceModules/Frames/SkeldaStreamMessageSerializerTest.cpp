@@ -7,7 +7,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
 using namespace skelda::testing;
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Tests/Analytics/Streaming/Core/FrameLogWriterFixture.h"
+#include "Tests/Analytics/Streaming/Core/FrameLogWriter/FrameLogWriterFixture.h"
 
 namespace skelda::testing {
 namespace {

@@ -1,4 +1,4 @@
-#include "Analytics/Watch/SkeldaWatchConnectivityProxy.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivityProxy.h"
 
 #include <atomic>
 #include <utility>

@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 
-#include "Analytics/Watch/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
-#include "Tests/Analytics/Streaming/Sources/SourceRig.h"
+#include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/AgentHome.h"
 

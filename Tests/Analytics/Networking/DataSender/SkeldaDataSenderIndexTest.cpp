@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "Tests/Analytics/Networking/SenderFixture.h"
+#include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
 namespace skelda::testing {
 namespace {

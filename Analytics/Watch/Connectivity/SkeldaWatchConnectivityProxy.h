@@ -3,11 +3,11 @@
 #include <memory>
 #include <string>
 
-#include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
+#include "Analytics/Watch/Connectivity/ISkeldaWatchConnectivityReceiver.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Platform.h"
-#include "Platform/WatchConnectivity/WCSession.h"
+#include "Platform/WatchConnectivity/Session/WCSession.h"
 
 /// Stands in the place of the host's session delegate: gives the agent's receiver every user info,
 /// keeps the agent's own from the host, and passes everything else on to the host's delegate. Both

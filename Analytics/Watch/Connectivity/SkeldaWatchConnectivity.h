@@ -2,11 +2,11 @@
 
 #include <memory>
 
-#include "Analytics/Watch/ISkeldaWatchConnectivityReceiver.h"
-#include "Analytics/Watch/SkeldaWatchConnectivityProxy.h"
+#include "Analytics/Watch/Connectivity/ISkeldaWatchConnectivityReceiver.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivityProxy.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Platform.h"
-#include "Platform/WatchConnectivity/WCSession.h"
+#include "Platform/WatchConnectivity/Session/WCSession.h"
 
 /// Shares the phone session with the host: keeps a proxy in the place of the host's delegate,
 /// whichever the host sets and whenever. Without the session component it is inert. Every public

@@ -19,7 +19,7 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/JSONWriter.h"
-#include "Tests/Analytics/Streaming/SourceModules/FrameSamples.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
 using namespace skelda::testing;
 
