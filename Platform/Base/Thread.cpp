@@ -1,7 +1,9 @@
 #include "Platform/Base/Thread.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <memory>
 #include <new>
@@ -26,11 +28,23 @@ void* enter(void* raw) {
 sigset_t signalsOfTheHost() {
   sigset_t signals;
   sigfillset(&signals);
-  // These tell of a fault of the thread itself and cannot wait.
-  for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF}) {
-    sigdelset(&signals, fault);
-  }
+  // A fault of the thread itself cannot wait: blocked, it would end the process past the handler
+  // with which a host writes its crash report.
+  for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&signals, fault);
   return signals;
+}
+
+/// Scheduling is inherited from whoever happens to call first, who may be pinned to a processor and
+/// run in real time: the thread takes the system's default and the process's processors instead.
+void setScheduling(pthread_attr_t& attributes) noexcept {
+  const sched_param ordinary{};
+  pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
+  pthread_attr_setschedparam(&attributes, &ordinary);
+  pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+  cpu_set_t processors;
+  if (sched_getaffinity(getpid(), sizeof processors, &processors) == 0) {
+    pthread_attr_setaffinity_np(&attributes, sizeof processors, &processors);
+  }
 }
 
 }  // namespace
@@ -40,6 +54,7 @@ bool startThread(const char* name, void (*body)(void*), void* argument) noexcept
   pthread_attr_t attributes;
   if (start == nullptr || pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  setScheduling(attributes);
 
   const sigset_t blocked = signalsOfTheHost();
   sigset_t before;

@@ -2,11 +2,6 @@
 
 namespace skelda::platform {
 
-ConcurrentQueue::~ConcurrentQueue() {
-  // Only a suspended queue that nobody can resume any more goes with blocks in it.
-  while (Work* const work = heldBack_.pop()) work->finish(work, false);
-}
-
 bool ConcurrentQueue::mayStart(bool barrier) const noexcept {
   return suspensions_ <= 0 && !barrier_ && (!barrier || active_ == 0);
 }
@@ -27,16 +22,20 @@ void ConcurrentQueue::startWhatMay() {
 }
 
 void ConcurrentQueue::push(Work* work) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (heldBack_.empty() && mayStart(work->barrier)) {
     start(work);
-  } else {
-    heldBack_.append(work);
+    return;
+  }
+  heldBack_.append(work);
+  // Not here: whoever pushes may hold the lock of a queue that the work came through.
+  if (abandoned_ && suspensions_ > 0) {
+    Queue::global()->async([self = shared_from_this(), this] { throwHeldBackAway(); });
   }
 }
 
 bool ConcurrentQueue::tryEnter(bool barrier) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!heldBack_.empty() || !mayStart(barrier)) return false;
   ++active_;
   barrier_ = barrier;
@@ -44,8 +43,8 @@ bool ConcurrentQueue::tryEnter(bool barrier) {
 }
 
 void ConcurrentQueue::leave() {
-  QueueRef last;  // goes after the lock
-  const std::lock_guard lock(mutex_);
+  std::shared_ptr<QueueCore> last;  // goes after the lock
+  const MutexLock lock(mutex_);
   --active_;
   barrier_ = false;  // a barrier was alone
   startWhatMay();
@@ -53,14 +52,40 @@ void ConcurrentQueue::leave() {
 }
 
 void ConcurrentQueue::suspend() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ++suspensions_;
 }
 
 void ConcurrentQueue::resume() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   --suspensions_;
   startWhatMay();
+}
+
+bool ConcurrentQueue::isSuspended() const noexcept {
+  const MutexLock lock(mutex_);
+  return suspensions_ > 0;
+}
+
+void ConcurrentQueue::abandon() {
+  {
+    const MutexLock lock(mutex_);
+    abandoned_ = true;
+    if (suspensions_ <= 0) return;
+  }
+  throwHeldBackAway();
+}
+
+void ConcurrentQueue::throwHeldBackAway() {
+  for (;;) {
+    Work* work = nullptr;
+    {
+      const MutexLock lock(mutex_);
+      work = heldBack_.pop();
+    }
+    if (work == nullptr) return;
+    throwAway(work);
+  }
 }
 
 }  // namespace skelda::platform

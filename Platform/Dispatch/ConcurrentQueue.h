@@ -1,7 +1,6 @@
 #pragma once
 
-#include <mutex>
-
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/QueueCore.h"
 #include "Platform/Dispatch/WorkList.h"
 
@@ -13,26 +12,28 @@ class ConcurrentQueue final : public QueueCore {
  public:
   ConcurrentQueue(std::string_view label, QueueRef target)
       : QueueCore(label, std::move(target), false) {}
-  ~ConcurrentQueue() override;
 
   void push(Work* work) override;
   bool tryEnter(bool barrier) override;
   void leave() override;
   void suspend() override;
   void resume() override;
+  bool isSuspended() const noexcept override;
+  void abandon() override;
 
  private:
-  // All of these under the lock, which is taken before that of a target.
-  bool mayStart(bool barrier) const noexcept;
-  void start(Work* work);
-  void startWhatMay();
+  bool mayStart(bool barrier) const noexcept REQUIRES(mutex_);
+  void start(Work* work) REQUIRES(mutex_);
+  void startWhatMay() REQUIRES(mutex_);
+  void throwHeldBackAway();
 
-  std::mutex mutex_;
-  WorkList heldBack_;
-  std::uint32_t active_ = 0;  // let through and not yet left
-  bool barrier_ = false;      // what is active is a barrier
-  std::int32_t suspensions_ = 0;
-  QueueRef self_;  // set while blocks are active
+  mutable Mutex mutex_;  // taken before that of a target
+  WorkList heldBack_ GUARDED_BY(mutex_);
+  std::uint32_t active_ GUARDED_BY(mutex_) = 0;  // let through and not yet left
+  bool barrier_ GUARDED_BY(mutex_) = false;      // what is active is a barrier
+  std::int32_t suspensions_ GUARDED_BY(mutex_) = 0;
+  bool abandoned_ GUARDED_BY(mutex_) = false;
+  std::shared_ptr<QueueCore> self_ GUARDED_BY(mutex_);  // set while blocks are active
 };
 
 }  // namespace skelda::platform

@@ -5,79 +5,133 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 
-#include "Platform/Base/Log.h"
+#include "Platform/Base/Descriptor.h"
+#include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/WorkerPool.h"
 
 namespace skelda::platform {
 
 namespace {
+
 constexpr long kTickNanoseconds = 1'000'000;
+
+/// Has epoll tell of the descriptor by `context`.
+bool addTo(int epoll, int descriptor, void* context) noexcept {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = context;
+  return epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
+}  // namespace
+
 EventLoop& EventLoop::shared() {
-  static auto* const loop = new EventLoop;
+  static NeverDestroyed<EventLoop> loop;
   return *loop;
 }
 
-EventLoop::EventLoop()
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      tick_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  watch(tick_, &EventLoop::tickPool, this);
+int EventLoop::Source::get() noexcept {
+  if (!watched_.load(std::memory_order_acquire) && !shared().watch(*this)) askAgain();
+  return descriptor_.load(std::memory_order_acquire);
 }
 
-bool EventLoop::ensureThread() noexcept {
-  if (started_.load(std::memory_order_acquire)) return true;
-  const std::lock_guard lock(mutex_);
-  if (!started_.load(std::memory_order_relaxed)) {
-    started_.store(startThread("skelda-events", &EventLoop::run, this), std::memory_order_release);
+bool EventLoop::Source::obtain() noexcept {
+  if (!shared().watch(*this)) return false;
+  late_(context_);
+  return true;
+}
+
+bool EventLoop::watch(Source& source) noexcept {
+  const MutexLock lock(mutex_);
+  if (source.watched_.load(std::memory_order_relaxed)) return true;
+  int descriptor = source.descriptor_.load(std::memory_order_relaxed);
+  if (descriptor < 0) descriptor = aboveStandardDescriptors(source.make_(source.context_));
+  if (descriptor < 0) return false;
+  source.descriptor_.store(descriptor, std::memory_order_release);
+  if (!stand() || !addTo(epoll_, descriptor, &source)) return false;
+  source.watched_.store(true, std::memory_order_release);
+  return true;
+}
+
+/// The thread comes last: whoever finds it can wake it.
+bool EventLoop::stand() noexcept {
+  if (stands_.load(std::memory_order_relaxed)) return true;
+  if (epoll_ < 0) epoll_ = aboveStandardDescriptors(epoll_create1(EPOLL_CLOEXEC));
+  if (tick_ < 0) {
+    tick_ = aboveStandardDescriptors(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
   }
-  return started_.load(std::memory_order_relaxed);
+  if (epoll_ < 0 || tick_ < 0) return false;
+  if (!tickIsWatched_) tickIsWatched_ = addTo(epoll_, tick_, nullptr);
+  if (!tickIsWatched_ || !startThread("skelda-events", &EventLoop::run, this)) return false;
+  stands_.store(true, std::memory_order_release);
+  return true;
 }
 
-void EventLoop::watch(int descriptor, Handler handler, void* context) noexcept {
-  epoll_event event{};
-  event.events = EPOLLIN;
+bool EventLoop::obtain() noexcept {
   {
-    const std::lock_guard lock(mutex_);
-    if (watchCount_ < watches_.size()) {
-      watches_[watchCount_] = {handler, context};
-      event.data.ptr = &watches_[watchCount_];
-    }
-    if (event.data.ptr == nullptr || epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-      Log::write("platform::EventLoop: no room or no descriptor to wait for events with");
-      return;
-    }
-    ++watchCount_;
+    const MutexLock lock(mutex_);
+    if (!stand()) return false;
   }
-  ensureThread();
+  if (tickIsOn_.load()) arm(true);
+  return true;
 }
 
 void EventLoop::setPoolTick(bool on) noexcept {
+  tickIsOn_.store(on);
+  if (stands_.load(std::memory_order_acquire)) return arm(on);
+  if (on && !obtain()) askAgain();
+}
+
+bool EventLoop::keepAsking() noexcept {
+  if (!stands_.load(std::memory_order_acquire)) return false;
+  if (!asks_.load()) arm(true);
+  return true;
+}
+
+void EventLoop::arm(bool on) const noexcept {
   itimerspec when{};
   when.it_value.tv_nsec = on ? kTickNanoseconds : 0;
   timerfd_settime(tick_, 0, &when, nullptr);
-  if (on) ensureThread();
 }
 
-void EventLoop::tickPool(void* raw) {
-  auto* const self = static_cast<EventLoop*>(raw);
+void EventLoop::takeTick() const noexcept {
   std::uint64_t expirations = 0;
-  if (read(self->tick_, &expirations, sizeof expirations) < 0) return;
+  if (read(tick_, &expirations, sizeof expirations) < 0) return;
   WorkerPool::shared().tick();
 }
 
-void EventLoop::run(void* raw) {
-  auto* const self = static_cast<EventLoop*>(raw);
+void EventLoop::run(void* self) {
+  static_cast<EventLoop*>(self)->run();
+}
+
+void EventLoop::run() {
+  using std::chrono::milliseconds;
+  RetryDelay delay(milliseconds(1), std::chrono::seconds(1));
   std::array<epoll_event, 8> events;
   for (;;) {
-    const int count = epoll_wait(self->epoll_, events.data(), static_cast<int>(events.size()), -1);
+    const bool asks = any();
+    // Somebody who wants something from here on arms the tick.
+    asks_.store(asks);
+    if (!asks && any()) continue;
+    if (!asks) delay.reset();
+    const auto longest = asks ? std::chrono::duration_cast<milliseconds>(delay.next()).count() : -1;
+    const int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()),
+                                 static_cast<int>(longest));
     for (int i = 0; i < count; ++i) {
-      const auto* const entry = static_cast<Watch*>(events[static_cast<std::size_t>(i)].data.ptr);
-      entry->handler(entry->context);
+      auto* const source = static_cast<Source*>(events[static_cast<std::size_t>(i)].data.ptr);
+      if (source == nullptr) {
+        takeTick();
+      } else {
+        source->readable_(source->context_);
+      }
     }
+    if (asks) askForAll();
   }
 }
 

@@ -1,9 +1,11 @@
 #include "Platform/Dispatch/FolderSource.h"
 
-#include <mutex>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
-#include "Platform/Base/Log.h"
+#include "Platform/Base/LogFormat.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/FolderWatcher.h"
 
 namespace skelda::platform {
@@ -14,24 +16,26 @@ class WatchedFolder final : public FolderSource, public FolderListener {
  public:
   explicit WatchedFolder(QueueRef queue) : queue_(std::move(queue)) {}
 
-  ~WatchedFolder() override {
-    if (cancelled_) return;
-    FolderWatcher::shared().remove(*this);
-    if (cancelHandler_) queue_->barrierAsync(std::move(cancelHandler_));
+  ~WatchedFolder() override { cancel(); }
+
+  bool beginWatching(int descriptor) {
+    stands_ = FolderWatcher::shared().add(descriptor, shared_from_this());
+    return stands_;
   }
+  bool stands() const noexcept override { return stands_; }
 
   void setEventHandler(std::function<void(unsigned)> handler) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!cancelled_) handler_ = std::move(handler);
   }
 
   void setCancelHandler(Block handler) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!cancelled_) cancelHandler_ = std::move(handler);
   }
 
   void resume() override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     resumed_ = true;
     postPending();
   }
@@ -40,7 +44,7 @@ class WatchedFolder final : public FolderSource, public FolderListener {
     std::function<void(unsigned)> handler;  // what it holds goes after the lock
     Block cancelHandler;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (std::exchange(cancelled_, true)) return;
       handler = std::move(handler_);
       cancelHandler = std::move(cancelHandler_);
@@ -50,14 +54,14 @@ class WatchedFolder final : public FolderSource, public FolderListener {
   }
 
   void folderChanged(unsigned events) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     pending_ |= events;
     postPending();
   }
 
  private:
   /// Events that come before the handler has run are told in one call.
-  void postPending() {
+  void postPending() REQUIRES(mutex_) {
     if (!resumed_ || cancelled_ || posted_ || pending_ == 0) return;
     posted_ = true;
     queue_->barrierPost(
@@ -68,7 +72,7 @@ class WatchedFolder final : public FolderSource, public FolderListener {
     std::function<void(unsigned)> handler;
     unsigned events = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       posted_ = false;
       events = std::exchange(pending_, 0);
       if (!cancelled_) handler = handler_;
@@ -77,21 +81,23 @@ class WatchedFolder final : public FolderSource, public FolderListener {
   }
 
   const QueueRef queue_;
-  std::mutex mutex_;
-  std::function<void(unsigned)> handler_;
-  Block cancelHandler_;
-  unsigned pending_ = 0;
-  bool resumed_ = false;
-  bool posted_ = false;
-  bool cancelled_ = false;
+  bool stands_ = false;  // as it was made
+  Mutex mutex_;
+  std::function<void(unsigned)> handler_ GUARDED_BY(mutex_);
+  Block cancelHandler_ GUARDED_BY(mutex_);
+  unsigned pending_ GUARDED_BY(mutex_) = 0;
+  bool resumed_ GUARDED_BY(mutex_) = false;
+  bool posted_ GUARDED_BY(mutex_) = false;
+  bool cancelled_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace
 
 std::shared_ptr<FolderSource> FolderSource::make(int descriptor, QueueRef queue) {
   auto source = std::make_shared<WatchedFolder>(std::move(queue));
-  if (!FolderWatcher::shared().add(descriptor, source)) {
-    Log::write("platform::FolderSource: the folder cannot be watched");
+  if (!source->beginWatching(descriptor)) {
+    SKELDA_PLATFORM_LOG("platform::FolderSource: the folder cannot be watched: {}",
+                        std::strerror(errno));
   }
   return source;
 }

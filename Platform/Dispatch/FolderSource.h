@@ -19,11 +19,13 @@ enum FolderEvent : unsigned {
 /// go of the last reference cancels as well. Any thread.
 class FolderSource {
  public:
-  /// Watches what `descriptor` (of a folder, O_PATH will do) stands for. A bad descriptor makes a
-  /// source that never fires. The descriptor stays the caller's and may be closed in the cancel
-  /// handler.
+  /// Watches what `descriptor` (of a folder, O_PATH will do) stands for. The descriptor stays the
+  /// caller's and may be closed in the cancel handler.
   static std::shared_ptr<FolderSource> make(int descriptor, QueueRef queue);
   virtual ~FolderSource() = default;
+  /// Whether the folder is watched. A source that was made of a bad descriptor, or while the system
+  /// had no watch to give, is not, and never fires: whoever needs one makes another, later.
+  virtual bool stands() const noexcept = 0;
   virtual void setEventHandler(std::function<void(unsigned events)> handler) = 0;
   virtual void setCancelHandler(Block handler) = 0;
   virtual void resume() = 0;

@@ -7,13 +7,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstring>
 #include <string>
 #include <string_view>
 
-#include "Platform/Dispatch/EventLoop.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/FolderSource.h"
 
 namespace skelda::platform {
@@ -38,22 +39,26 @@ bool isUnlinked(int descriptor) noexcept {
 }  // namespace
 
 FolderWatcher& FolderWatcher::shared() {
-  static auto* const watcher = new FolderWatcher;
+  static NeverDestroyed<FolderWatcher> watcher;
   return *watcher;
 }
 
-FolderWatcher::FolderWatcher() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-  EventLoop::shared().watch(inotify_, &FolderWatcher::readEvents, this);
+int FolderWatcher::make(const void*) noexcept {
+  return inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
 }
 
 bool FolderWatcher::add(int descriptor, const std::shared_ptr<FolderListener>& listener) {
-  const int own = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  const int inotify = inotify_.get();
+  if (inotify < 0) return false;
+  const int own = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (own < 0) return false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const WatchId watch =
-      inotify_add_watch(inotify_, linkOf(own).c_str(), kEntryEvents | kSelfEvents | kHow);
+      inotify_add_watch(inotify, linkOf(own).c_str(), kEntryEvents | kSelfEvents | kHow);
   if (watch < 0) {
+    const int error = errno;
     close(own);
+    errno = error;
     return false;
   }
   ++users_[watch];
@@ -70,13 +75,13 @@ FolderWatcher::WatchId FolderWatcher::watchParentOf(int descriptor) noexcept {
   const std::size_t slash = whole.rfind('/');
   if (slash == std::string_view::npos || whole.size() == 1) return -1;
   const std::string parent(whole.substr(0, std::max<std::size_t>(slash, 1)));
-  const WatchId watch = inotify_add_watch(inotify_, parent.c_str(), IN_DELETE | kHow);
+  const WatchId watch = inotify_add_watch(inotify_.get(), parent.c_str(), IN_DELETE | kHow);
   if (watch >= 0) ++users_[watch];
   return watch;
 }
 
 void FolderWatcher::remove(const FolderListener& listener) noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto at = std::find_if(folders_.begin(), folders_.end(), [&listener](const Folder& folder) {
     return folder.identity == &listener;
   });
@@ -92,18 +97,18 @@ void FolderWatcher::dropWatch(WatchId watch) noexcept {
   const auto users = users_.find(watch);
   if (users == users_.end() || --users->second > 0) return;
   users_.erase(users);
-  inotify_rm_watch(inotify_, watch);
+  inotify_rm_watch(inotify_.get(), watch);
 }
 
 void FolderWatcher::readEvents(void* raw) {
   auto* const self = static_cast<FolderWatcher*>(raw);
   alignas(inotify_event) std::array<std::byte, 4096> buffer;
   for (;;) {
-    const ssize_t length = read(self->inotify_, buffer.data(), buffer.size());
+    const ssize_t length = read(self->inotify_.get(), buffer.data(), buffer.size());
     if (length <= 0) return;
     Told told;
     {
-      const std::lock_guard lock(self->mutex_);
+      const MutexLock lock(self->mutex_);
       for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
         inotify_event event;
         std::memcpy(&event, buffer.data() + at, sizeof event);

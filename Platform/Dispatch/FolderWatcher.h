@@ -3,8 +3,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
+
+#include "Platform/Base/Mutex.h"
+#include "Platform/Dispatch/EventLoop.h"
 
 namespace skelda::platform {
 
@@ -20,7 +22,7 @@ class FolderWatcher {
  public:
   static FolderWatcher& shared();
 
-  /// False when the descriptor does not stand for a folder, or the system refuses.
+  /// False, and errno, when the descriptor does not stand for a folder, or the system refuses.
   bool add(int descriptor, const std::shared_ptr<FolderListener>& listener);
   /// Nothing is told to the listener after a call that has begun is over.
   void remove(const FolderListener& listener) noexcept;
@@ -38,16 +40,17 @@ class FolderWatcher {
     bool gone = false;
   };
 
-  FolderWatcher();
+  static int make(const void*) noexcept;
   static void readEvents(void* self);
-  void take(WatchId watch, std::uint32_t mask, Told& told);
-  void dropWatch(WatchId watch) noexcept;
-  WatchId watchParentOf(int descriptor) noexcept;
+  void take(WatchId watch, std::uint32_t mask, Told& told) REQUIRES(mutex_);
+  void dropWatch(WatchId watch) noexcept REQUIRES(mutex_);
+  WatchId watchParentOf(int descriptor) noexcept REQUIRES(mutex_);
 
-  const int inotify_;
-  std::mutex mutex_;
-  std::vector<Folder> folders_;
-  std::map<WatchId, std::uint32_t> users_;
+  // Nothing to make up for when it comes late: nobody has a watch before.
+  EventLoop::Source inotify_{&FolderWatcher::make, &FolderWatcher::readEvents, [](void*) {}, this};
+  Mutex mutex_;
+  std::vector<Folder> folders_ GUARDED_BY(mutex_);
+  std::map<WatchId, std::uint32_t> users_ GUARDED_BY(mutex_);
 };
 
 }  // namespace skelda::platform

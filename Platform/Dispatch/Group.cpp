@@ -1,14 +1,15 @@
 #include "Platform/Dispatch/Group.h"
 
 #include <climits>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "Platform/Base/Assertion.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/Futex.h"
 #include "Platform/Dispatch/Queue.h"
+#include "Platform/Dispatch/Wanted.h"
 
 namespace skelda::platform {
 
@@ -17,7 +18,7 @@ namespace {
 class CountingGroup final : public Group {
  public:
   void enter() override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++count_;
   }
 
@@ -26,7 +27,7 @@ class CountingGroup final : public Group {
     const GroupRef self = shared_from_this();
     std::vector<Notification> notifications;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (count_ == 0) abortOnFailedAssertion("a group is left as often as it is entered");
       if (--count_ > 0) return;
       notifications = std::exchange(notifications_, {});
@@ -38,7 +39,7 @@ class CountingGroup final : public Group {
 
   void notify(const QueueRef& queue, Block block) override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (count_ > 0) {
         notifications_.emplace_back(queue, std::move(block));
         return;
@@ -50,14 +51,14 @@ class CountingGroup final : public Group {
   long wait(DispatchTime deadline) override {
     std::uint32_t before = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (count_ == 0) return 0;
       before = emptied_.load(std::memory_order_relaxed);
     }
     if (deadline == DispatchTime::now) return 1;
     const BlockingRegion region;
     while (emptied_.load(std::memory_order_acquire) == before) {
-      if (!futexWait(emptied_, before, deadline)) {
+      if (!Wanted::wait(emptied_, before, deadline)) {
         return emptied_.load(std::memory_order_acquire) == before ? 1 : 0;
       }
     }
@@ -67,9 +68,9 @@ class CountingGroup final : public Group {
  private:
   using Notification = std::pair<QueueRef, Block>;
 
-  std::mutex mutex_;
-  std::uint64_t count_ = 0;
-  std::vector<Notification> notifications_;
+  Mutex mutex_;
+  std::uint64_t count_ GUARDED_BY(mutex_) = 0;
+  std::vector<Notification> notifications_ GUARDED_BY(mutex_);
   std::atomic<std::uint32_t> emptied_{0};  // how often
 };
 

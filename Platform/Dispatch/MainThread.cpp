@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/MainQueue.h"
 
@@ -10,11 +11,12 @@ namespace skelda::platform {
 namespace {
 
 constexpr std::chrono::seconds kLinger{2};
+constexpr std::chrono::milliseconds kPatience{50};  // between askings for what is wanted
 
 thread_local bool servesMainQueue __attribute__((tls_model("initial-exec"))) = false;
 
 const std::shared_ptr<MainThread>& theMainThread() {
-  static const auto* const thread = new std::shared_ptr<MainThread>(std::make_shared<MainThread>());
+  static NeverDestroyed<std::shared_ptr<MainThread>> thread(std::make_shared<MainThread>());
   return *thread;
 }
 
@@ -31,26 +33,53 @@ bool MainThread::isCurrentThread() noexcept {
 }
 
 void MainThread::push(Work* work) {
-  Lock lock(mutex_);
-  waiting_.append(work);
-  changed_.notify_all();
-  if (!host_) startLayerThread(lock);
+  {
+    const MutexLock lock(mutex_);
+    waiting_.append(work);
+    changed_.notifyAll();
+    if (!startLayerThread()) askAgain();
+  }
+  afterSubmission();
 }
 
-void MainThread::startLayerThread(Lock&) {
-  if (layerThread_) return;
+bool MainThread::startLayerThread() noexcept {
+  if (host_ || layerThread_ || waiting_.empty()) return true;
   layerThread_ = startThread("skelda-main", &MainThread::serveForLayer, this);
+  return layerThread_;
 }
 
-void MainThread::runFirst(Lock& lock) {
-  Work* const work = waiting_.pop();
+bool MainThread::obtain() noexcept {
+  const MutexLock lock(mutex_);
+  return startLayerThread();
+}
+
+void MainThread::keepAsking() noexcept {
+  const MutexLock lock(mutex_);
+  changed_.notifyAll();
+}
+
+Work* MainThread::takeFirst() {
   working_ = true;
-  lock.unlock();
-  Turn turn;
+  return waiting_.pop();
+}
+
+void MainThread::run(Work* work, const std::atomic<bool>* yield) {
+  Turn turn(yield);
   execute(work, nullptr, turn);
-  lock.lock();
+  const MutexLock lock(mutex_);
   working_ = false;
-  changed_.notify_all();
+  changed_.notifyAll();
+}
+
+Work* MainThread::nextForLayer() {
+  const auto until = std::chrono::steady_clock::now() + kLinger;
+  MutexLock lock(mutex_);
+  while (host_ || working_ || waiting_.empty()) {
+    if (changed_.waitUntil(lock, until) || !(host_ || working_ || waiting_.empty())) continue;
+    layerThread_ = false;
+    return nullptr;
+  }
+  return takeFirst();
 }
 
 void MainThread::serveForLayer(void* self) {
@@ -59,43 +88,51 @@ void MainThread::serveForLayer(void* self) {
 
 void MainThread::serveForLayer() {
   servesMainQueue = true;
-  Lock lock(mutex_);
-  for (;;) {
-    const auto mayWork = [this] { return !host_ && !working_ && !waiting_.empty(); };
-    if (changed_.wait_for(lock, kLinger, mayWork)) {
-      runFirst(lock);
-    } else {
-      break;
+  while (Work* const work = nextForLayer()) run(work, nullptr);
+}
+
+Work* MainThread::nextForHost() {
+  MutexLock lock(mutex_);
+  while (!stop_ && waiting_.empty()) {
+    if (!any()) {
+      changed_.wait(lock);
+      continue;
     }
+    lock.unlock();
+    askForAll();
+    lock.lock();
+    if (any() && !stop_ && waiting_.empty()) changed_.waitFor(lock, kPatience);
   }
-  layerThread_ = false;
+  return stop_ ? nullptr : takeFirst();
 }
 
 bool MainThread::serveForHost() {
   // From inside a block of the main queue it could only wait for itself.
   if (servesMainQueue) return false;
-  Lock lock(mutex_);
-  if (host_) return false;
-  host_ = true;
-  changed_.wait(lock, [this] { return !working_; });
-  servesMainQueue = true;
-  for (;;) {
-    changed_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
-    if (stop_) break;
-    runFirst(lock);
+  {
+    MutexLock lock(mutex_);
+    if (host_) return false;
+    host_ = true;
+    while (working_) changed_.wait(lock);
   }
-  stop_ = false;
+  servesMainQueue = true;
+  while (Work* const work = nextForHost()) run(work, &stop_);
   servesMainQueue = false;
-  host_ = false;
-  if (!waiting_.empty()) startLayerThread(lock);
-  changed_.notify_all();
+  {
+    const MutexLock lock(mutex_);
+    stop_ = false;
+    host_ = false;
+    if (!startLayerThread()) askAgain();
+    changed_.notifyAll();
+  }
+  afterSubmission();
   return true;
 }
 
 void MainThread::stopHost() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   stop_ = true;
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 bool MainQueue::run() {

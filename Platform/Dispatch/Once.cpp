@@ -5,6 +5,7 @@
 #include "Platform/Base/Log.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/Futex.h"
+#include "Platform/Dispatch/Wanted.h"
 
 namespace skelda::platform {
 
@@ -38,7 +39,7 @@ bool Once::runSlowly(BlockRef body) {
     return false;
   }
   const BlockingRegion region;
-  while (state_.load(std::memory_order_acquire) != kDone) futexWait(state_, kRunning);
+  while (state_.load(std::memory_order_acquire) != kDone) Wanted::wait(state_, kRunning);
   return false;
 }
 

@@ -1,5 +1,8 @@
 #include "Platform/Dispatch/Queue.h"
 
+#include <array>
+
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/ConcurrentQueue.h"
 #include "Platform/Dispatch/GlobalQueue.h"
 #include "Platform/Dispatch/MainThread.h"
@@ -7,26 +10,44 @@
 
 namespace skelda::platform {
 
+namespace {
+
+/// What the world holds of a queue. The layer holds the queue itself, and is told when the last of
+/// the world lets go.
+QueueRef handleOf(std::shared_ptr<QueueCore> core) {
+  Queue* const queue = core.get();
+  return QueueRef(queue, [core = std::move(core)](Queue*) mutable {
+    core->abandon();
+    core.reset();
+  });
+}
+
+}  // namespace
+
 QueueRef Queue::serial(std::string_view label, QueueRef target) {
-  return std::make_shared<SerialQueue>(label, target != nullptr ? std::move(target) : global());
+  return handleOf(
+      std::make_shared<SerialQueue>(label, target != nullptr ? std::move(target) : global()));
 }
 
 QueueRef Queue::concurrent(std::string_view label, QueueRef target) {
-  return std::make_shared<ConcurrentQueue>(label, target != nullptr ? std::move(target) : global());
+  return handleOf(
+      std::make_shared<ConcurrentQueue>(label, target != nullptr ? std::move(target) : global()));
 }
 
 const QueueRef& Queue::global(Priority priority) {
-  static const auto* const queues =
-      new QueueRef[]{std::make_shared<GlobalQueue>("global.high", Priority::high),
-                     std::make_shared<GlobalQueue>("global.normal", Priority::normal),
-                     std::make_shared<GlobalQueue>("global.low", Priority::low),
-                     std::make_shared<GlobalQueue>("global.background", Priority::background)};
-  return queues[static_cast<std::size_t>(priority)];
+  static NeverDestroyed<std::array<QueueRef, 4>> queues([] {
+    return std::array<QueueRef, 4>{
+        std::make_shared<GlobalQueue>("global.high", Priority::high),
+        std::make_shared<GlobalQueue>("global.normal", Priority::normal),
+        std::make_shared<GlobalQueue>("global.low", Priority::low),
+        std::make_shared<GlobalQueue>("global.background", Priority::background)};
+  });
+  return (*queues)[static_cast<std::size_t>(priority)];
 }
 
 const QueueRef& Queue::main() {
-  static const auto* const queue =
-      new QueueRef(std::make_shared<SerialQueue>("main", MainThread::sharedRoot()));
+  static NeverDestroyed<QueueRef> queue(
+      []() -> QueueRef { return std::make_shared<SerialQueue>("main", MainThread::sharedRoot()); });
   return *queue;
 }
 

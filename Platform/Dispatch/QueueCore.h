@@ -44,7 +44,7 @@ enum class Outcome {
 /// What all queues share. A queue passes its work to its target, up to a root that has threads.
 /// Whoever runs a piece of work holds every queue from its origin to the root; when it has run they
 /// are left in that order.
-class QueueCore : public Queue {
+class QueueCore : public Queue, public std::enable_shared_from_this<QueueCore> {
  public:
   const std::string& label() const noexcept override { return label_; }
   bool isCurrent() const noexcept override;
@@ -65,6 +65,15 @@ class QueueCore : public Queue {
   virtual void leave() = 0;
   /// Runs blocks of this queue, which is executing on its target.
   virtual Outcome drain(Turn& turn);
+  /// Whether no two of its blocks ever run side by side.
+  virtual bool runsAlone() const noexcept { return false; }
+  virtual bool isSuspended() const noexcept { return false; }
+
+  /// Nobody outside of the layer holds it any more. What it keeps while it is suspended is thrown
+  /// away: nobody could resume it.
+  virtual void abandon() {}
+  /// The queue stood in the list of a target that has been abandoned: so are its own blocks.
+  virtual void throwAllAway() {}
 
   QueueCore* target() const noexcept { return target_.get(); }
   /// Whether its blocks run on threads of their own only, never on that of a synchronous caller.
@@ -73,23 +82,35 @@ class QueueCore : public Queue {
   /// While it lives the calling thread runs blocks of the queue.
   class Running {
    public:
-    explicit Running(const QueueCore* queue) noexcept;
+    explicit Running(const QueueCore* queue) noexcept : Running(queue, nullptr) {}
+    /// For another thread that waits for it meanwhile: what that one runs counts as run here.
+    explicit Running(const Running* waiting) noexcept : Running(nullptr, waiting) {}
     ~Running();
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
+    /// The innermost one of the calling thread, or null.
+    static const Running* current() noexcept;
+    bool includes(const QueueCore& queue) const noexcept;
+    const std::string& label() const noexcept;
 
    private:
-    friend class QueueCore;
-    const QueueCore* queue_;
-    const Running* outer_;
+    Running(const QueueCore* queue, const Running* waiting) noexcept;
+
+    const QueueCore* const queue_;
+    const Running* const waiting_;
+    const Running* const outer_;
   };
 
  protected:
   QueueCore(std::string_view label, QueueRef target, bool pinned);
+  /// Destroys a piece of work of this queue's list, and leaves the queues that it came through.
+  void throwAway(Work* work);
 
  private:
   void syncHere(BlockRef block, bool barrier);
   void syncElsewhere(BlockRef block, bool barrier);
+  bool syncWithin(const Running& caller, BlockRef block, bool barrier);
+  [[noreturn]] void refuseWait(const std::string& other) const;
 
   std::string label_;
   std::shared_ptr<QueueCore> target_;
@@ -104,11 +125,15 @@ Outcome execute(Work* work, QueueCore* executor, Turn& turn);
 class Waiter : public Work {
  public:
   Waiter() noexcept : Work(Kind::waiter, nullptr) {}
-  void wait() noexcept;
+  /// False when its turn will never come.
+  bool wait() noexcept;
   void handOver() noexcept;
+  void refuse() noexcept;
 
  private:
-  std::atomic<std::uint32_t> turn_{0};
+  static constexpr std::uint32_t kTurn = 1, kRefused = 2;
+
+  std::atomic<std::uint32_t> answer_{0};
 };
 
 /// Stands for a queue in the list of its target.

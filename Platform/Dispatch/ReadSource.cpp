@@ -1,8 +1,8 @@
 #include "Platform/Dispatch/ReadSource.h"
 
-#include <mutex>
 #include <utility>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/ReadWatcher.h"
 
 namespace skelda::platform {
@@ -23,30 +23,35 @@ class WatchedDescriptor final : public ReadSource,
   }
 
   void setEventHandler(std::function<void()> handler) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!cancelled_) handler_ = std::move(handler);
   }
 
   void setCancelHandler(Block handler) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!cancelled_) cancelHandler_ = std::move(handler);
   }
 
   void resume() override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     resumed_ = true;
-    if (!cancelled_) ReadWatcher::shared().arm(watch_, descriptor_);
+    armIfWanted();
+  }
+
+  void suspend() override {
+    const MutexLock lock(mutex_);
+    resumed_ = false;
   }
 
   void cancel() override {
     std::function<void()> handler;  // what it holds goes after the lock
     Block cancelHandler;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (std::exchange(cancelled_, true)) return;
       handler = std::move(handler_);
       cancelHandler = std::move(cancelHandler_);
-      ReadWatcher::shared().remove(watch_, descriptor_);
+      ReadWatcher::shared().remove(watch_);
     }
     if (cancelHandler) queue_->barrierAsync(std::move(cancelHandler));
   }
@@ -59,23 +64,28 @@ class WatchedDescriptor final : public ReadSource,
   void tell() {
     std::function<void()> handler;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       // A hang-up is told even of a descriptor that is not armed; arming tells it again.
       if (!cancelled_ && resumed_) handler = handler_;
     }
     if (!handler) return;
     handler();
-    resume();
+    const MutexLock lock(mutex_);
+    armIfWanted();
+  }
+
+  void armIfWanted() REQUIRES(mutex_) {
+    if (resumed_ && !cancelled_) ReadWatcher::shared().arm(watch_);
   }
 
   const int descriptor_;
   const QueueRef queue_;
   ReadWatcher::WatchId watch_ = 0;
-  std::mutex mutex_;
-  std::function<void()> handler_;
-  Block cancelHandler_;
-  bool resumed_ = false;
-  bool cancelled_ = false;
+  Mutex mutex_;
+  std::function<void()> handler_ GUARDED_BY(mutex_);
+  Block cancelHandler_ GUARDED_BY(mutex_);
+  bool resumed_ GUARDED_BY(mutex_) = false;
+  bool cancelled_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace

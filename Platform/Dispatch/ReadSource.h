@@ -21,6 +21,9 @@ class ReadSource {
   /// Runs exactly once, after the last event.
   virtual void setCancelHandler(Block handler) = 0;
   virtual void resume() = 0;
+  /// Nothing is told until the next resume() (a handler that is running goes on), and whoever
+  /// writes at the other end finds it full before long.
+  virtual void suspend() = 0;
   virtual void cancel() = 0;
 };
 

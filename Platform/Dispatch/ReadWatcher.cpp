@@ -3,58 +3,92 @@
 #include <sys/epoll.h>
 
 #include <array>
+#include <cerrno>
 #include <utility>
 
-#include "Platform/Dispatch/EventLoop.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 namespace skelda::platform {
 
 ReadWatcher& ReadWatcher::shared() {
-  static auto* const watcher = new ReadWatcher;
+  static NeverDestroyed<ReadWatcher> watcher;
   return *watcher;
 }
 
-ReadWatcher::ReadWatcher() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
-  EventLoop::shared().watch(epoll_, &ReadWatcher::takeEvents, this);
+int ReadWatcher::make(const void*) noexcept {
+  return epoll_create1(EPOLL_CLOEXEC);
 }
 
 ReadWatcher::WatchId ReadWatcher::add(int descriptor, std::weak_ptr<ReadListener> listener) {
-  const std::lock_guard lock(mutex_);
-  const WatchId watch = ++lastId_;
-  epoll_event event{};
-  event.events = EPOLLONESHOT;  // armed by the first arm()
-  event.data.u64 = watch;
-  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) return 0;
-  listeners_.emplace(watch, std::move(listener));
-  return watch;
+  const MutexLock lock(mutex_);
+  const WatchId id = ++lastId_;
+  Watch& watch = watches_.emplace(id, Watch{descriptor, std::move(listener)}).first->second;
+  if (!tell(id, watch)) askAgain();
+  return id;
 }
 
-void ReadWatcher::arm(WatchId watch, int descriptor) noexcept {
-  if (watch == 0) return;
-  epoll_event event{};
-  event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
-  event.data.u64 = watch;
-  // A descriptor that is not there any more has nothing to tell.
-  static_cast<void>(epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event));
+void ReadWatcher::arm(WatchId id) noexcept {
+  {
+    const MutexLock lock(mutex_);
+    const auto found = watches_.find(id);
+    if (found == watches_.end()) return;
+    found->second.isArmed = true;
+    if (!tell(id, found->second)) askAgain();
+  }
+  afterSubmission();
 }
 
-void ReadWatcher::remove(WatchId watch, int descriptor) noexcept {
-  if (watch == 0) return;
-  static_cast<void>(epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr));
-  const std::lock_guard lock(mutex_);
-  listeners_.erase(watch);
+void ReadWatcher::remove(WatchId id) noexcept {
+  const MutexLock lock(mutex_);
+  const auto found = watches_.find(id);
+  if (found == watches_.end()) return;
+  if (found->second.isKnown) {
+    static_cast<void>(epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.descriptor, nullptr));
+  }
+  watches_.erase(found);
+}
+
+/// What is to be waited for. False where the system refuses for now; a descriptor that is not there
+/// any more, or is none that can be waited for, has nothing to tell.
+bool ReadWatcher::tell(WatchId id, Watch& watch) noexcept {
+  const int epoll = epoll_.get();
+  if (epoll < 0) return false;
+  epoll_event event{};
+  event.events = EPOLLONESHOT | (watch.isArmed ? EPOLLIN | EPOLLRDHUP : 0U);
+  event.data.u64 = id;
+  const int how = watch.isKnown ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  if (epoll_ctl(epoll, how, watch.descriptor, &event) != 0) {
+    return errno != ENOMEM && errno != ENOSPC;
+  }
+  watch.isKnown = true;
+  return true;
+}
+
+bool ReadWatcher::obtain() noexcept {
+  const MutexLock lock(mutex_);
+  bool all = true;
+  for (auto& [id, watch] : watches_) all = (watch.isKnown || tell(id, watch)) && all;
+  return all;
+}
+
+void ReadWatcher::addLate(void* self) {
+  if (!static_cast<ReadWatcher*>(self)->obtain()) static_cast<ReadWatcher*>(self)->askAgain();
 }
 
 void ReadWatcher::takeEvents(void* raw) {
   auto* const self = static_cast<ReadWatcher*>(raw);
   std::array<epoll_event, 16> events;
-  const int count = epoll_wait(self->epoll_, events.data(), static_cast<int>(events.size()), 0);
+  const int count =
+      epoll_wait(self->epoll_.get(), events.data(), static_cast<int>(events.size()), 0);
   for (int i = 0; i < count; ++i) {
     std::shared_ptr<ReadListener> listener;
     {
-      const std::lock_guard lock(self->mutex_);
-      const auto found = self->listeners_.find(events[static_cast<std::size_t>(i)].data.u64);
-      if (found != self->listeners_.end()) listener = found->second.lock();
+      const MutexLock lock(self->mutex_);
+      const auto found = self->watches_.find(events[static_cast<std::size_t>(i)].data.u64);
+      if (found != self->watches_.end()) {
+        found->second.isArmed = false;
+        listener = found->second.listener.lock();
+      }
     }
     if (listener) listener->descriptorReady();
   }

@@ -24,15 +24,6 @@ Work* waitForNext(const Work& work) noexcept {
 
 }  // namespace
 
-SerialQueue::~SerialQueue() {
-  // Only a suspended queue that nobody can resume any more goes with blocks in it.
-  if (last_.load(std::memory_order_acquire) == nullptr) return;
-  while (Work* const work = first()) {
-    popFirst();
-    work->finish(work, false);
-  }
-}
-
 void SerialQueue::push(Work* work) {
   work->next.store(nullptr, std::memory_order_relaxed);
   Work* const before = last_.exchange(work, std::memory_order_acq_rel);
@@ -64,7 +55,7 @@ bool SerialQueue::tryEnter(bool) {
 void SerialQueue::leave() {
   Work* next = first();
   if (next == nullptr) {
-    QueueRef last;
+    std::shared_ptr<QueueCore> last;
     if (goIdle(last)) return;
     next = first();
   }
@@ -100,7 +91,7 @@ void SerialQueue::popFirst() noexcept {
   __builtin_prefetch(first_);
 }
 
-bool SerialQueue::goIdle(QueueRef& last) {
+bool SerialQueue::goIdle(std::shared_ptr<QueueCore>& last) {
   last = std::move(self_);
   Work* nothing = &placeholder_;
   if (last_.compare_exchange_strong(nothing, nullptr, std::memory_order_release,
@@ -112,19 +103,26 @@ bool SerialQueue::goIdle(QueueRef& last) {
 }
 
 Outcome SerialQueue::drain(Turn& turn) {
-  QueueRef last;  // outlives what follows
+  std::shared_ptr<QueueCore> last;  // outlives what follows
   const Running running(this);
   return runBlocks(turn, last);
 }
 
-Outcome SerialQueue::runBlocks(Turn& turn, QueueRef& last) {
+Outcome SerialQueue::runBlocks(Turn& turn, std::shared_ptr<QueueCore>& last) {
   for (;;) {
     Work* work = first();
     if (work == nullptr) {
       if (goIdle(last)) return Outcome::done;
       work = first();
     }
-    if (isSuspended() && park(last)) return Outcome::done;
+    if (isSuspended()) {
+      const Parked parked = park(last);
+      if (parked == Parked::here) return Outcome::done;
+      if (parked == Parked::abandoned) {
+        throwListAway();
+        continue;
+      }
+    }
     if (turn.isOver()) {
       schedule();
       return Outcome::done;
@@ -134,12 +132,36 @@ Outcome SerialQueue::runBlocks(Turn& turn, QueueRef& last) {
   }
 }
 
-bool SerialQueue::park(QueueRef& last) {
-  const std::lock_guard lock(parking_);
-  if (!isSuspended()) return false;
+SerialQueue::Parked SerialQueue::park(std::shared_ptr<QueueCore>& last) {
+  const MutexLock lock(parking_);
+  if (!isSuspended()) return Parked::resumed;
+  if (abandoned_) return Parked::abandoned;
   parked_ = true;
   last = std::move(self_);
-  return true;
+  return Parked::here;
+}
+
+void SerialQueue::abandon() {
+  {
+    const MutexLock lock(parking_);
+    abandoned_ = true;
+    if (!std::exchange(parked_, false)) return;  // whoever comes to park it sees it
+  }
+  throwAllAway();
+}
+
+void SerialQueue::throwAllAway() {
+  std::shared_ptr<QueueCore> last;
+  do {
+    throwListAway();
+  } while (!goIdle(last));
+}
+
+void SerialQueue::throwListAway() {
+  while (Work* const work = first()) {
+    popFirst();
+    throwAway(work);
+  }
 }
 
 void SerialQueue::suspend() {
@@ -148,7 +170,7 @@ void SerialQueue::suspend() {
 
 void SerialQueue::resume() {
   {
-    const std::lock_guard lock(parking_);
+    const MutexLock lock(parking_);
     if (suspensions_.fetch_sub(1, std::memory_order_acq_rel) != 1 || !parked_) return;
     parked_ = false;
   }

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/QueueCore.h"
 
 namespace skelda::platform {
@@ -19,7 +19,6 @@ class SerialQueue final : public QueueCore {
  public:
   SerialQueue(std::string_view label, QueueRef target)
       : QueueCore(label, std::move(target), false) {}
-  ~SerialQueue() override;
 
   void push(Work* work) override;
   bool tryEnter(bool barrier) override;
@@ -27,6 +26,12 @@ class SerialQueue final : public QueueCore {
   Outcome drain(Turn& turn) override;
   void suspend() override;
   void resume() override;
+  bool runsAlone() const noexcept override { return true; }
+  bool isSuspended() const noexcept override {
+    return suspensions_.load(std::memory_order_acquire) > 0;
+  }
+  void abandon() override;
+  void throwAllAway() override;
 
  private:
   void schedule();
@@ -34,20 +39,22 @@ class SerialQueue final : public QueueCore {
   Work* first() noexcept;
   void popFirst() noexcept;
   /// Gives the queue up unless there is new work. The reference given back may be the last.
-  bool goIdle(QueueRef& last);
-  /// Gives a suspended queue up to the resume() that will come; false when it has come.
-  bool park(QueueRef& last);
-  bool isSuspended() const noexcept { return suspensions_.load(std::memory_order_acquire) > 0; }
-  Outcome runBlocks(Turn& turn, QueueRef& last);
+  bool goIdle(std::shared_ptr<QueueCore>& last);
+  enum class Parked { here, resumed, abandoned };
+  /// Gives a suspended queue up to the resume() that will come.
+  Parked park(std::shared_ptr<QueueCore>& last);
+  void throwListAway();
+  Outcome runBlocks(Turn& turn, std::shared_ptr<QueueCore>& last);
 
   std::atomic<Work*> last_{nullptr};
   Work* first_ = nullptr;  // null: what follows the placeholder
   Work placeholder_{Work::Kind::queue, nullptr};
-  QueueRef self_;  // set while work is scheduled
+  std::shared_ptr<QueueCore> self_;  // set while work is scheduled
   QueueToken token_{*this};
   std::atomic<std::int32_t> suspensions_{0};
-  std::mutex parking_;
-  bool parked_ = false;
+  Mutex parking_;
+  bool parked_ GUARDED_BY(parking_) = false;
+  bool abandoned_ GUARDED_BY(parking_) = false;
 };
 
 }  // namespace skelda::platform

@@ -14,6 +14,9 @@ inline constexpr std::uint64_t kWallClockBit = std::uint64_t{1} << 63;
 constexpr bool isWallClock(DispatchTime time) noexcept {
   return (static_cast<std::uint64_t>(time) & kWallClockBit) != 0;
 }
+constexpr clockid_t clockOf(DispatchTime time) noexcept {
+  return isWallClock(time) ? CLOCK_REALTIME : CLOCK_MONOTONIC;
+}
 /// Nanoseconds of its clock.
 constexpr std::int64_t nanosecondsOf(DispatchTime time) noexcept {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) & ~kWallClockBit);

@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <utility>
 
+#include "Platform/Base/Mutex.h"
+#include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/QueueCore.h"
 #include "Platform/Dispatch/Time.h"
 
@@ -35,7 +36,7 @@ class Timers {
   /// What waits on one clock.
   class Clock {
    public:
-    explicit Clock(clockid_t clock);
+    explicit Clock(clockid_t clock) noexcept;
     Ticket submit(std::int64_t due, std::shared_ptr<QueueCore> queue, Work* work);
     void cancel(const Ticket& ticket);
 
@@ -46,15 +47,17 @@ class Timers {
       Work* work;
     };
 
+    static int make(const void* self) noexcept;
     static void fire(void* self);
+    static void armLate(void* self);
     void submitWhatIsDue();
-    void arm() noexcept;
+    void arm() noexcept REQUIRES(mutex_);
 
     const clockid_t clock_;
-    const int descriptor_;
-    std::mutex mutex_;
-    std::map<Key, Entry> waiting_;
-    std::uint64_t numbers_ = 0;
+    EventLoop::Source timer_;
+    Mutex mutex_;
+    std::map<Key, Entry> waiting_ GUARDED_BY(mutex_);
+    std::uint64_t numbers_ GUARDED_BY(mutex_) = 0;
   };
 
   Timers() = default;

@@ -6,11 +6,13 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/Futex.h"
 #include "Platform/Dispatch/QueueCore.h"
+#include "Platform/Dispatch/StealingRing.h"
 
 namespace skelda::platform {
 
@@ -26,13 +28,14 @@ constexpr std::uint32_t kMostExtra = 64;
 constexpr int kPollsBeforeSleep = 12;
 constexpr int kPausesPerPoll = 8;
 constexpr std::chrono::seconds kLinger{2};
+constexpr std::chrono::milliseconds kPatience{50};  // between askings for what is wanted
 
 thread_local void* thisWorker __attribute__((tls_model("initial-exec"))) = nullptr;
 
 }  // namespace
 
 struct WorkerPool::Worker {
-  RunRing ring;
+  StealingRing ring;
   std::atomic<std::uint32_t> woken{0};
   std::atomic<std::uint32_t> progress{0};  // blocks run so far
   std::atomic<bool> yield{false};          // the tick asks for the end of this turn
@@ -57,7 +60,7 @@ WorkerPool::WorkerPool()
     : limit_(std::clamp(std::thread::hardware_concurrency(), 2U, kMostRunning)) {}
 
 WorkerPool& WorkerPool::shared() {
-  static auto* const pool = new WorkerPool;
+  static NeverDestroyed<WorkerPool> pool([] { return WorkerPool(); });
   return *pool;
 }
 
@@ -73,19 +76,29 @@ BlockingRegion::~BlockingRegion() {
 void WorkerPool::submit(Work* work, Queue::Priority priority) {
   auto* const me = static_cast<Worker*>(thisWorker);
   if (me == nullptr || priority != Queue::Priority::normal || !me->ring.push(work)) {
-    return inject(work, priority);
+    inject(work, priority);
+  } else {
+    armTick();
+    if (me->ring.size() > kBackedUp && searching_.load(std::memory_order_relaxed) == 0) {
+      Called called;
+      {
+        const MutexLock lock(mutex_);
+        if (idle_ > 0) called = callSomebody();
+      }
+      wake(called);
+    }
   }
-  armTick();
-  if (me->ring.size() > kBackedUp && searching_.load(std::memory_order_relaxed) == 0) {
-    Lock lock(mutex_);
-    if (idle_ > 0) recruitAndRelease(lock);
-  }
+  afterSubmission();
 }
 
 void WorkerPool::inject(Work* work, Queue::Priority priority) noexcept {
-  Lock lock(mutex_);
-  appendInjected(work, static_cast<std::size_t>(priority));
-  recruitAndRelease(lock);
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    appendInjected(work, static_cast<std::size_t>(priority));
+    called = callSomebody();
+  }
+  wake(called);
 }
 
 void WorkerPool::appendInjected(Work* work, std::size_t priority) noexcept {
@@ -95,7 +108,7 @@ void WorkerPool::appendInjected(Work* work, std::size_t priority) noexcept {
 
 Work* WorkerPool::popInjected() noexcept {
   // The highest first, but now and then the lowest, so that nobody waits for ever.
-  const bool lowestFirst = ++takings_ % kLowestEvery == 0;
+  const bool lowestFirst = ++injectedTaken_ % kLowestEvery == 0;
   for (std::size_t i = 0; i < kPriorities; ++i) {
     Work* const work = lists_[lowestFirst ? kPriorities - 1 - i : i].pop();
     if (work == nullptr) continue;
@@ -108,13 +121,15 @@ Work* WorkerPool::popInjected() noexcept {
 Work* WorkerPool::takeInjected() noexcept {
   if (injected_.load(std::memory_order_relaxed) == 0) return nullptr;
   // Not by waiting: whoever submits would then have to wake the one who waits.
-  const Lock lock(mutex_, std::try_to_lock);
-  return lock.owns_lock() ? popInjected() : nullptr;
+  if (!mutex_.try_lock()) return nullptr;
+  Work* const work = popInjected();
+  mutex_.unlock();
+  return work;
 }
 
 void WorkerPool::armTick() noexcept {
   if (tickArmed_.load(std::memory_order_seq_cst)) return;
-  const std::lock_guard lock(tickMutex_);
+  const MutexLock lock(tickMutex_);
   if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(true);
 }
 
@@ -122,7 +137,7 @@ void WorkerPool::armTick() noexcept {
 void WorkerPool::disarmTick() noexcept {
   if (!tickArmed_.load(std::memory_order_relaxed)) return;
   {
-    const std::lock_guard lock(tickMutex_);
+    const MutexLock lock(tickMutex_);
     if (tickArmed_.exchange(false)) EventLoop::shared().setPoolTick(false);
   }
   // One who was waiting and is back may have submitted something just before.
@@ -135,13 +150,13 @@ std::uint32_t WorkerPool::running() const noexcept {
   return total_ - idle_ - blocked_.load(std::memory_order_seq_cst);
 }
 
-/// Under the lock: somebody to look for work, unless one is looking already or enough are running.
-/// Counted as searching from here on, so that nobody calls a second one meanwhile.
-WorkerPool::Worker* WorkerPool::recruit() noexcept {
-  if (searching_.load(std::memory_order_seq_cst) > 0) return nullptr;
+/// Somebody to look for work, unless one is looking already or enough are running. Counted as
+/// searching from here on, so that nobody calls a second one meanwhile.
+WorkerPool::Called WorkerPool::callSomebody() noexcept {
+  if (searching_.load(std::memory_order_seq_cst) > 0) return {};
   if (running() >= limit_ + extra_) {
     armTick();  // which sees when they are stuck
-    return nullptr;
+    return {};
   }
   Worker* worker = idleWorkers_;
   if (worker != nullptr) {
@@ -150,31 +165,50 @@ WorkerPool::Worker* WorkerPool::recruit() noexcept {
     --idle_;
   } else {
     worker = workerWithoutThread();
-    if (worker == nullptr) return nullptr;
+    if (worker == nullptr) {
+      askAgain();
+      return {};
+    }
     ++total_;
   }
   searching_.fetch_add(1, std::memory_order_seq_cst);
-  return worker;
+  return {worker, std::exchange(worker->hasThread, true)};
 }
 
-void WorkerPool::recruitAndRelease(Lock& lock) noexcept {
-  Worker* const worker = recruit();
-  const bool sleeps = worker != nullptr && std::exchange(worker->hasThread, true);
-  lock.unlock();
-  if (worker == nullptr) return;
-  if (sleeps) {
-    worker->woken.store(1, std::memory_order_release);
-    futexWake(worker->woken, 1);
-  } else if (!startThread("skelda-worker", &WorkerPool::runWorker, worker)) {
-    lock.lock();
+void WorkerPool::wake(Called called) noexcept {
+  if (called.worker == nullptr) return;
+  if (called.sleeps) {
+    called.worker->woken.store(1, std::memory_order_release);
+    futexWake(called.worker->woken, 1);
+  } else if (!startThread("skelda-worker", &WorkerPool::runWorker, called.worker)) {
+    const MutexLock lock(mutex_);
     searching_.fetch_sub(1, std::memory_order_seq_cst);
-    retire(*worker);
-    armTick();  // which tries again
-    lock.unlock();
+    retire(*called.worker);
+    askAgain();
   }
 }
 
-/// Under the lock. The memory of workers is used again but never given back, so that whoever looks
+/// A worker for what waits, where there should be one and is none.
+bool WorkerPool::obtain() noexcept {
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    if (injected_.load(std::memory_order_relaxed) > 0) called = callSomebody();
+  }
+  wake(called);  // which asks again where it is refused again
+  return true;
+}
+
+void WorkerPool::keepAsking() noexcept {
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    if (idle_ > 0) called = callSomebody();
+  }
+  wake(called);
+}
+
+/// The memory of workers is used again but never given back, so that whoever looks
 /// for work may walk along their list at any time.
 WorkerPool::Worker* WorkerPool::workerWithoutThread() noexcept {
   if (retired_ != nullptr) return std::exchange(retired_, retired_->nextIdle);
@@ -236,15 +270,22 @@ Work* WorkerPool::search(Worker& me) {
       }
       for (int i = 0; i < kPausesPerPoll; ++i) relaxProcessor();
     }
-    Lock lock(mutex_);
-    if (Work* const work = popInjected()) {
-      lock.unlock();
-      stopSearching();
-      return work;
+    Work* last = nullptr;
+    Sleep how{};
+    {
+      const MutexLock lock(mutex_);
+      last = popInjected();
+      if (last == nullptr) {
+        searching_.fetch_sub(1, std::memory_order_seq_cst);
+        extra_ = 0;  // whoever was stuck, it goes on without more help
+        how = becomeIdle(me);
+      }
     }
-    searching_.fetch_sub(1, std::memory_order_seq_cst);
-    extra_ = 0;  // whoever was stuck, it goes on without more help
-    if (!sleep(me, lock)) return nullptr;
+    if (last != nullptr) {
+      stopSearching();
+      return last;
+    }
+    if (!sleep(me, how)) return nullptr;
     me.woken.store(0, std::memory_order_relaxed);
   }
 }
@@ -274,43 +315,59 @@ void WorkerPool::stopSearching() noexcept {
   if (searching_.fetch_sub(1, std::memory_order_seq_cst) != 1) return;
   // What came while this one was searching has called nobody.
   if (injected_.load(std::memory_order_seq_cst) == 0) return;
-  Lock lock(mutex_);
-  if (injected_.load(std::memory_order_relaxed) > 0) recruitAndRelease(lock);
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    if (injected_.load(std::memory_order_relaxed) > 0) called = callSomebody();
+  }
+  wake(called);
 }
 
 /// After a wait: sleeps if others have taken this worker's place. False when the thread is to go.
 bool WorkerPool::makeRoom(Worker& me) {
-  Lock lock(mutex_);
-  if (running() <= limit_ + extra_) return true;
-  emptyRing(me);
-  return sleep(me, lock);
+  Sleep how{};
+  {
+    const MutexLock lock(mutex_);
+    if (running() <= limit_ + extra_) return true;
+    emptyRing(me);
+    how = becomeIdle(me);
+  }
+  return sleep(me, how);
 }
 
-/// Called under the lock, returns without. False when the thread is to go; else somebody has
-/// counted it as searching.
-bool WorkerPool::sleep(Worker& me, Lock& lock) noexcept {
+WorkerPool::Sleep WorkerPool::becomeIdle(Worker& me) noexcept {
   me.nextIdle = std::exchange(idleWorkers_, &me);
   me.isIdle = true;
-  DispatchTime deadline = ++idle_ > kKeptIdle ? dispatchTimeAfter(kLinger) : DispatchTime::forever;
-  const bool last = running() == 0;
-  lock.unlock();
-  if (last) disarmTick();
+  const bool stays = ++idle_ <= kKeptIdle;
+  return {stays ? DispatchTime::forever : dispatchTimeAfter(kLinger), running() == 0};
+}
+
+/// False when the thread is to go; else somebody has counted it as searching.
+bool WorkerPool::sleep(Worker& me, Sleep how) noexcept {
+  if (how.last) disarmTick();
   while (me.woken.load(std::memory_order_acquire) == 0) {
-    if (futexWait(me.woken, 0, deadline)) continue;
-    lock.lock();
-    if (me.isIdle && idle_ > kKeptIdle) {
-      Worker** link = &idleWorkers_;
-      while (*link != &me) link = &(*link)->nextIdle;
-      *link = me.nextIdle;
-      me.isIdle = false;
-      --idle_;
-      thisWorker = nullptr;  // what the thread does on its way out is not this worker's
-      retire(me);
-      return false;
+    if (any()) [[unlikely]] {
+      futexWait(me.woken, 0, dispatchTimeAfter(kPatience));
+      askForAll();
+    } else if (!futexWait(me.woken, 0, how.deadline)) {
+      if (mayGo(me)) return false;
+      how.deadline = DispatchTime::forever;
     }
-    deadline = DispatchTime::forever;
-    lock.unlock();
   }
+  return true;
+}
+
+/// Whether one whose time to linger is over goes: others are idle, and nobody has called it.
+bool WorkerPool::mayGo(Worker& me) noexcept {
+  const MutexLock lock(mutex_);
+  if (!me.isIdle || idle_ <= kKeptIdle) return false;
+  Worker** link = &idleWorkers_;
+  while (*link != &me) link = &(*link)->nextIdle;
+  *link = me.nextIdle;
+  me.isIdle = false;
+  --idle_;
+  thisWorker = nullptr;  // what the thread does on its way out is not this worker's
+  retire(me);
   return true;
 }
 
@@ -325,9 +382,13 @@ void WorkerPool::beginBlocking() noexcept {
   if (me.blockingDepth++ > 0) return;
   blocked_.fetch_add(1, std::memory_order_seq_cst);
   if (me.ring.size() == 0 && injected_.load(std::memory_order_seq_cst) == 0) return;
-  Lock lock(mutex_);
-  emptyRing(me);
-  if (injected_.load(std::memory_order_relaxed) > 0) recruitAndRelease(lock);
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    emptyRing(me);
+    if (injected_.load(std::memory_order_relaxed) > 0) called = callSomebody();
+  }
+  wake(called);
 }
 
 void WorkerPool::endBlocking() noexcept {
@@ -340,15 +401,16 @@ void WorkerPool::endBlocking() noexcept {
 // ---- The tick
 
 void WorkerPool::tick() noexcept {
-  bool lyingStill = false;
-  if (lookAround(lyingStill)) {
-    relieve(lyingStill);
-    const std::lock_guard lock(tickMutex_);
+  const Waiting waiting = lookAround();
+  if (waiting != Waiting::nothing) {
+    hurry();
+    if (waiting == Waiting::lyingStill) helpOut();
+    const MutexLock lock(tickMutex_);
     if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(true);
     return;
   }
   {
-    const std::lock_guard lock(tickMutex_);
+    const MutexLock lock(tickMutex_);
     tickArmed_.store(false, std::memory_order_seq_cst);
   }
   // A piece that came since then has armed the tick, or is seen here.
@@ -364,23 +426,24 @@ bool WorkerPool::anythingWaits() const noexcept {
   return false;
 }
 
-/// Whether any work waits, and whether some has waited since the last tick.
-bool WorkerPool::lookAround(bool& lyingStill) noexcept {
-  bool waiting = injected_.load(std::memory_order_seq_cst) > 0;
-  lyingStill = waiting;
+/// Lying still is what has waited since the last tick.
+WorkerPool::Waiting WorkerPool::lookAround() noexcept {
+  Waiting waiting =
+      injected_.load(std::memory_order_seq_cst) > 0 ? Waiting::lyingStill : Waiting::nothing;
   for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
        worker = worker->nextOfAll) {
     const std::uint32_t taken = worker->ring.taken();
     if (worker->ring.size() > 0) {
-      waiting = true;
-      if (taken == worker->takenBefore) lyingStill = true;
+      waiting =
+          std::max(waiting, taken == worker->takenBefore ? Waiting::lyingStill : Waiting::moving);
     }
     worker->takenBefore = taken;
   }
   return waiting;
 }
 
-void WorkerPool::relieve(bool lyingStill) noexcept {
+/// Asks for the end of long turns, and counts the ticks during which nobody got on.
+void WorkerPool::hurry() noexcept {
   std::uint64_t progress = 0;
   for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
        worker = worker->nextOfAll) {
@@ -389,14 +452,20 @@ void WorkerPool::relieve(bool lyingStill) noexcept {
   }
   const bool stuck = std::exchange(progressBefore_, progress) == progress;
   stuckTicks_ = stuck ? stuckTicks_ + 1 : 0;
-  if (!lyingStill) return;
+}
 
-  Lock lock(mutex_);
-  if (stuckTicks_ >= kStuckTicks && running() >= limit_ + extra_ && extra_ < kMostExtra) {
-    ++extra_;
-    stuckTicks_ = 0;
+/// Lets somebody take what lies still, one more than usual where all are stuck.
+void WorkerPool::helpOut() noexcept {
+  Called called;
+  {
+    const MutexLock lock(mutex_);
+    if (stuckTicks_ >= kStuckTicks && running() >= limit_ + extra_ && extra_ < kMostExtra) {
+      ++extra_;
+      stuckTicks_ = 0;
+    }
+    called = callSomebody();
   }
-  recruitAndRelease(lock);
+  wake(called);
 }
 
 }  // namespace skelda::platform

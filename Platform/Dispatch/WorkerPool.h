@@ -2,10 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Dispatch/RunRing.h"
+#include "Platform/Dispatch/Wanted.h"
 #include "Platform/Dispatch/WorkList.h"
 
 namespace skelda::platform {
@@ -22,7 +22,7 @@ namespace skelda::platform {
 ///
 /// At most as many workers run as there are processors, not counting those that wait for others.
 /// Idle ones sleep; all but one of them go after a while.
-class WorkerPool {
+class WorkerPool final : public Wanted {
  public:
   static WorkerPool& shared();
 
@@ -33,26 +33,39 @@ class WorkerPool {
   void endBlocking() noexcept;
   /// For the event thread, when the time that was set has come.
   void tick() noexcept;
+  /// Has an idle worker ask for what is wanted.
+  void keepAsking() noexcept;
 
  private:
   struct Worker;
-  using Lock = std::unique_lock<std::mutex>;
+  /// Somebody who has been called to look for work and is yet to be woken, or given a thread.
+  struct Called {
+    Worker* worker = nullptr;
+    bool sleeps = false;
+  };
+  /// How one goes to sleep.
+  struct Sleep {
+    DispatchTime deadline;
+    bool last;  // of those who ran
+  };
+  enum class Waiting { nothing, moving, lyingStill };
   static constexpr std::size_t kPriorities = 4;
 
   WorkerPool();
 
   void inject(Work* work, Queue::Priority priority) noexcept;
-  void appendInjected(Work* work, std::size_t priority) noexcept;
-  Work* popInjected() noexcept;
+  void appendInjected(Work* work, std::size_t priority) noexcept REQUIRES(mutex_);
+  Work* popInjected() noexcept REQUIRES(mutex_);
   Work* takeInjected() noexcept;
   void armTick() noexcept;
   void disarmTick() noexcept;
 
-  Worker* recruit() noexcept;
-  void recruitAndRelease(Lock& lock) noexcept;
-  Worker* workerWithoutThread() noexcept;
-  void retire(Worker& worker) noexcept;
-  std::uint32_t running() const noexcept;
+  Called callSomebody() noexcept REQUIRES(mutex_);
+  void wake(Called called) noexcept EXCLUDES(mutex_);
+  bool obtain() noexcept override;
+  Worker* workerWithoutThread() noexcept REQUIRES(mutex_);
+  void retire(Worker& worker) noexcept REQUIRES(mutex_);
+  std::uint32_t running() const noexcept REQUIRES(mutex_);
 
   static void runWorker(void* worker);
   void run(Worker& me);
@@ -61,12 +74,15 @@ class WorkerPool {
   Work* steal(Worker& me) noexcept;
   void stopSearching() noexcept;
   bool makeRoom(Worker& me);
-  bool sleep(Worker& me, Lock& lock) noexcept;
-  void emptyRing(Worker& me) noexcept;
+  Sleep becomeIdle(Worker& me) noexcept REQUIRES(mutex_);
+  bool sleep(Worker& me, Sleep how) noexcept EXCLUDES(mutex_);
+  bool mayGo(Worker& me) noexcept;
+  void emptyRing(Worker& me) noexcept REQUIRES(mutex_);
 
   bool anythingWaits() const noexcept;
-  bool lookAround(bool& lyingStill) noexcept;
-  void relieve(bool lyingStill) noexcept;
+  Waiting lookAround() noexcept;
+  void hurry() noexcept;
+  void helpOut() noexcept;
 
   const std::uint32_t limit_;  // workers that run at a time
   std::atomic<bool> tickArmed_{false};
@@ -75,16 +91,16 @@ class WorkerPool {
   std::atomic<std::uint32_t> blocked_{0};
   std::atomic<Worker*> all_{nullptr};  // ever made; never freed, used again
 
-  std::mutex mutex_;  // for what follows
-  WorkList lists_[kPriorities];
-  std::uint32_t takings_ = 0;
-  std::uint32_t total_ = 0;
-  std::uint32_t idle_ = 0;
-  std::uint32_t extra_ = 0;  // above the limit, since the others are stuck
-  Worker* idleWorkers_ = nullptr;
-  Worker* retired_ = nullptr;
+  Mutex mutex_;
+  WorkList lists_[kPriorities] GUARDED_BY(mutex_);
+  std::uint32_t injectedTaken_ GUARDED_BY(mutex_) = 0;  // from the shared lists, so far
+  std::uint32_t total_ GUARDED_BY(mutex_) = 0;
+  std::uint32_t idle_ GUARDED_BY(mutex_) = 0;
+  std::uint32_t extra_ GUARDED_BY(mutex_) = 0;  // above the limit, since the others are stuck
+  Worker* idleWorkers_ GUARDED_BY(mutex_) = nullptr;
+  Worker* retired_ GUARDED_BY(mutex_) = nullptr;
 
-  std::mutex tickMutex_;  // for arming and disarming; taken after the other
+  Mutex tickMutex_;  // for arming and disarming; taken after the other
 
   // The tick's own.
   std::uint64_t progressBefore_ = 0;

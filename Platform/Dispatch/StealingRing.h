@@ -9,7 +9,7 @@
 namespace skelda::platform {
 
 /// The run list of one worker: only its owner adds, anybody takes the oldest.
-class RunRing {
+class StealingRing {
  public:
   static constexpr std::uint32_t kSize = 256;
 
