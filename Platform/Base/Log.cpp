@@ -1,284 +1,347 @@
 #include "Platform/Base/Log.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <syslog.h>
 #include <time.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
-#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <system_error>
+#include <utility>
+
+#include "Platform/Base/LogDestination.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Base/Thread.h"
 
 namespace skelda::platform {
 namespace {
 
-/// Where lines go. Immutable but for its end; shared by the lines that are on their way.
-struct Destination {
-  enum class Kind { off, descriptor, syslog, sink };
+using namespace std::chrono_literals;
+using Shows = LogDestination::Shows;
+using DestinationRef = std::shared_ptr<LogDestination>;
 
-  Kind kind = Kind::off;
-  int descriptor = -1;
-  bool ownsDescriptor = false;
-  bool canRaiseSIGPIPE = false;
-  Log::Sink sink;
-  /// Outlives this; true when it has ended, under the lock of the state.
-  const std::shared_ptr<bool> gone = std::make_shared<bool>(false);
+/// What waits for its reader, in bytes.
+constexpr std::size_t kRoom = 256 * 1024;
+/// How long the log's thread outlives the last line that needed it.
+constexpr std::chrono::seconds kLinger{5};
+/// What exit() waits for lines that still go out, and for the next one of them.
+constexpr std::chrono::seconds kLongestWaitAtExit{2};
+constexpr std::chrono::milliseconds kPatienceAtExit{200};
+constexpr std::chrono::seconds kPatienceWithSink{1};
+constexpr const char* kSyslogSocket = "/dev/log";
 
-  Destination() = default;
-  Destination(const Destination&) = delete;
-  Destination& operator=(const Destination&) = delete;
-  ~Destination() {
-    if (ownsDescriptor) ::close(descriptor);
-  }
-};
-
-using DestinationRef = std::shared_ptr<const Destination>;
-
-struct State {
-  std::mutex lock;
-  std::condition_variable released;
-  DestinationRef destination;  ///< null until the first use
-};
-
-State& state() {
-  // Never destroyed: lines are written until the last instant of the process.
-  static auto* const instance = new State;
-  return *instance;
-}
-
-enum class Readers { unknown, none, some };
-std::atomic<Readers> readers{Readers::unknown};
-
+/// What is shown, for enabled(): -1 while nobody asked yet.
+constexpr int kUnknown = -1;
+std::atomic<int> shown{kUnknown};
+std::atomic<bool> valuesAreShown{false};
+std::atomic<std::uint64_t> droppedInAll{0};
 thread_local bool threadIsInSink = false;
 
-/// A destination whose end wakes who waits for it.
-std::shared_ptr<Destination> makeDestination() {
-  return {new Destination, [](Destination* destination) {
-            const auto gone = destination->gone;
-            delete destination;
-            const std::lock_guard guard(state().lock);
-            *gone = true;
-            state().released.notify_all();
-          }};
-}
-
-DestinationRef toDescriptor(int descriptor, bool owned) {
-  auto destination = makeDestination();
-  destination->kind = Destination::Kind::descriptor;
-  destination->descriptor = descriptor;
-  destination->ownsDescriptor = owned;
-  struct stat status {};
-  destination->canRaiseSIGPIPE =
-      ::fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
-  return destination;
-}
-
-DestinationRef fromEnvironment() {
-  const char* const setting = std::getenv("SKELDA_LOG");
-  const std::string_view name = setting != nullptr ? setting : "";
-  if (name.empty() || name == "stderr") return toDescriptor(STDERR_FILENO, false);
-  if (name == "off" || name == "syslog") {
-    auto destination = makeDestination();
-    if (name == "syslog") destination->kind = Destination::Kind::syslog;
-    return destination;
-  }
-  const int descriptor =
-      ::open(setting, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, S_IRUSR | S_IWUSR);
-  // A log that cannot be opened must not take its lines along.
-  return descriptor >= 0 ? toDescriptor(descriptor, true) : toDescriptor(STDERR_FILENO, false);
-}
-
-/// Puts `destination` in place and waits until nobody is inside the one before, unless the caller
-/// is.
-void install(DestinationRef destination) {
-  State& shared = state();
-  std::unique_lock guard(shared.lock);
-  readers.store(destination->kind == Destination::Kind::off ? Readers::none : Readers::some,
-                std::memory_order_relaxed);
-  const auto gone = shared.destination != nullptr ? shared.destination->gone : nullptr;
-  shared.destination.swap(destination);
-  guard.unlock();
-  destination.reset();
-  if (threadIsInSink) return;
-  guard.lock();
-  shared.released.wait(guard, [&gone] { return gone == nullptr || *gone; });
-}
-
-DestinationRef currentDestination() {
-  {
-    const std::lock_guard guard(state().lock);
-    if (state().destination != nullptr) return state().destination;
-  }
-  DestinationRef made = fromEnvironment();
-  const std::lock_guard guard(state().lock);
-  DestinationRef& current = state().destination;
-  if (current == nullptr) {
-    current = made;
-    readers.store(made->kind == Destination::Kind::off ? Readers::none : Readers::some,
-                  std::memory_order_relaxed);
-  }
-  return current;
-}
-
-/// Holds SIGPIPE back on this thread: a reader of the log that has gone away must not take the
-/// host along.
-class PipeSignalGuard {
- public:
-  explicit PipeSignalGuard(bool active) : active_(active) {
-    if (!active_) return;
-    sigset_t pending;
-    sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-    sigemptyset(&pipe_);
-    sigaddset(&pipe_, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
-  }
-  ~PipeSignalGuard() {
-    if (!active_) return;
-    if (broken && !wasPending_) {
-      const timespec atOnce{};
-      while (sigtimedwait(&pipe_, nullptr, &atOnce) < 0 && errno == EINTR) {
-      }
-    }
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  PipeSignalGuard(const PipeSignalGuard&) = delete;
-  PipeSignalGuard& operator=(const PipeSignalGuard&) = delete;
-
-  bool broken = false;
-
- private:
-  bool active_;
-  bool wasPending_ = false;
-  sigset_t pipe_{};
-  sigset_t before_{};
+struct Line {
+  Log::Kind kind;
+  timespec when;
+  std::string text;
+  bool isRest = false;  ///< of a line of which the beginning went out, with its prefix
 };
 
-/// One write for a line; more only where the system took a part of it. What still does not go out
-/// is lost: there is nowhere left to say so.
-void writeAll(const Destination& destination, std::string_view text) {
-  constexpr int kPatienceMilliseconds = 100;
-  PipeSignalGuard pipeSignal(destination.canRaiseSIGPIPE);
-  while (!text.empty()) {
-    const ssize_t written = ::write(destination.descriptor, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-      continue;
-    }
-    if (errno == EINTR) continue;
-    pollfd ready{destination.descriptor, POLLOUT, 0};
-    if (errno == EAGAIN && ::poll(&ready, 1, kPatienceMilliseconds) > 0) continue;
-    pipeSignal.broken = errno == EPIPE;
+std::size_t size(const Line& line) noexcept {
+  return sizeof(Line) + line.text.size();
+}
+
+bool isShown(Log::Kind kind, Shows shows) noexcept {
+  return shows >= (kind == Log::Kind::notice ? Shows::notices : Shows::everything);
+}
+
+/// False where the line is lost.
+bool deliver(LogDestination& destination, const Line& line) noexcept {
+  if (!isShown(line.kind, destination.shows())) return true;
+  threadIsInSink = destination.isSink();
+  bool wasTaken = true;
+  try {
+    wasTaken = destination.write(line.isRest ? line.text : destination.text(line.when, line.text));
+  } catch (...) {
+    // What a sink throws, and a want of memory, end with the line.
+  }
+  threadIsInSink = false;
+  return wasTaken;
+}
+
+std::string_view variable(const char* name) noexcept {
+  const char* const value = ::secure_getenv(name);
+  return value != nullptr ? value : "";
+}
+
+/// The one log of the process.
+class Lines {
+ public:
+  static Lines& shared() {
+    static NeverDestroyed<Lines> lines;
+    return *lines;
+  }
+
+  void prepare() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
+    if (destination_ == nullptr) useEnvironment();
+  }
+  void say(std::string_view line, Log::Kind kind) EXCLUDES(mutex_);
+  void install(DestinationRef destination) EXCLUDES(mutex_);
+  void showDetails() EXCLUDES(mutex_);
+  bool flush(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    return wait(lock, deadline);
+  }
+
+ private:
+  void useEnvironment() REQUIRES(mutex_);
+  void use(DestinationRef destination) REQUIRES(mutex_);
+  void take(Line line) REQUIRES(mutex_);
+  bool wasWrittenNow(Line& line) REQUIRES(mutex_);
+  void keep(Line line) REQUIRES(mutex_);
+  void sayWhatWasDropped() REQUIRES(mutex_);
+  void drop() REQUIRES(mutex_) {
+    ++dropped_;
+    droppedInAll.fetch_add(1, std::memory_order_relaxed);
+  }
+  void needThread() REQUIRES(mutex_);
+  void run(std::uintptr_t turn) EXCLUDES(mutex_);
+  Line takeFirst() REQUIRES(mutex_);
+  void finishSink() EXCLUDES(mutex_);
+  bool wait(MutexLock& lock, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex_);
+  void finishOnExit() EXCLUDES(mutex_);
+
+  Mutex mutex_;
+  Condition work_;
+  Condition delivered_;
+  DestinationRef destination_ GUARDED_BY(mutex_);  ///< null until the first use
+  std::deque<Line> waiting_ GUARDED_BY(mutex_);
+  std::size_t waitingBytes_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t dropped_ GUARDED_BY(mutex_) = 0;  ///< since it was said last
+  std::uint64_t kept_ GUARDED_BY(mutex_) = 0;     ///< lines that ever waited
+  std::uint64_t gone_ GUARDED_BY(mutex_) = 0;     ///< those of them that wait no more
+  bool isDelivering_ GUARDED_BY(mutex_) = false;
+  bool threadRuns_ GUARDED_BY(mutex_) = false;
+  /// Whose turn it is: a thread that hangs in a place given up is left to itself.
+  std::uintptr_t turn_ GUARDED_BY(mutex_) = 0;
+  bool detailsAsked_ GUARDED_BY(mutex_) = false;
+  bool isDefault_ GUARDED_BY(mutex_) = false;
+  bool exitIsSeen_ GUARDED_BY(mutex_) = false;
+};
+
+// -- Where lines go
+
+void Lines::use(DestinationRef destination) {
+  destination_ = std::move(destination);
+  shown.store(static_cast<int>(destination_->shows()), std::memory_order_relaxed);
+}
+
+void Lines::useEnvironment() {
+  valuesAreShown.store(variable("SKELDA_LOG_VALUES") == "1", std::memory_order_relaxed);
+  const std::string setting(variable("SKELDA_LOG"));
+  isDefault_ = setting.empty();
+  if (isDefault_) {
+    const Shows shows = detailsAsked_ ? Shows::everything : Shows::notices;
+    return use(LogDestination::toStandardError(shows));
+  }
+  if (setting == "off") return use(LogDestination::off());
+  if (setting == "syslog") return use(LogDestination::toSyslog(kSyslogSocket));
+  DestinationRef file = setting != "stderr" ? LogDestination::toFile(setting) : nullptr;
+  if (file != nullptr) return use(std::move(file));
+  const std::string reason = std::generic_category().message(errno);
+  use(LogDestination::toStandardError(Shows::everything));
+  // A log that cannot be opened does not take its lines along.
+  if (setting != "stderr") {
+    take({Log::Kind::notice,
+          {},
+          fmt::format("Skelda: SKELDA_LOG: {}: {}: lines go to standard error", setting, reason)});
+  }
+}
+
+void Lines::install(DestinationRef destination) {
+  if (!threadIsInSink) finishSink();
+  DestinationRef old;  // destroyed outside the lock: a sink's captures may call back in here
+  MutexLock lock(mutex_);
+  old = destination_;
+  isDefault_ = false;
+  if (destination != nullptr) {
+    use(std::move(destination));
+  } else {
+    useEnvironment();
+  }
+  if (!waiting_.empty() && waiting_.front().isRest) {
+    takeFirst();
+    ++gone_;
+  }
+  if (!isDelivering_ || old == nullptr) return;
+  if (old->isSink()) {
+    const std::uint64_t before = gone_;
+    while (!threadIsInSink && gone_ == before) delivered_.wait(lock);
     return;
   }
+  // Its thread may hang there for ever.
+  ++turn_;
+  ++gone_;
+  isDelivering_ = threadRuns_ = false;
+  if (!waiting_.empty()) needThread();
 }
 
-bool isControl(std::string_view line, std::size_t at) {
-  const auto byte = static_cast<unsigned char>(line[at]);
-  if (byte < 0x20 || byte == 0x7F) return true;
-  // U+0080 to U+009F, some of which end lines or steer terminals.
-  return byte == 0xC2 && at + 1 < line.size() && static_cast<unsigned char>(line[at + 1]) < 0xA0;
+/// What was said before a sink is replaced was said to it.
+void Lines::finishSink() {
+  MutexLock lock(mutex_);
+  if (destination_ == nullptr || !destination_->isSink()) return;
+  wait(lock, std::chrono::steady_clock::now() + kPatienceWithSink);
 }
 
-/// The line with its control characters spelled out, so that one record stays one line.
-void appendEscaped(std::string& out, std::string_view line) {
-  for (std::size_t at = 0; at < line.size(); ++at) {
-    const char c = line[at];
-    if (!isControl(line, at)) {
-      out += c;
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else {
-      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-      // The second byte of a two-byte control character goes with the first.
-      if (static_cast<unsigned char>(c) == 0xC2)
-        out += fmt::format("\\x{:02x}", static_cast<unsigned char>(line[++at]));
-    }
-  }
+void Lines::showDetails() {
+  const MutexLock lock(mutex_);
+  detailsAsked_ = true;
+  if (destination_ == nullptr || isDefault_) useEnvironment();
 }
 
-bool needsEscapes(std::string_view line) {
-  for (std::size_t at = 0; at < line.size(); ++at)
-    if (isControl(line, at)) return true;
+// -- Saying a line
+
+void Lines::say(std::string_view line, Log::Kind kind) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const MutexLock lock(mutex_);
+  if (destination_ == nullptr) useEnvironment();
+  if (dropped_ > 0) sayWhatWasDropped();
+  take({kind, now, std::string(line)});
+}
+
+void Lines::take(Line line) {
+  if (!isShown(line.kind, destination_->shows())) return;
+  if (line.when.tv_sec == 0) clock_gettime(CLOCK_REALTIME, &line.when);
+  if (waiting_.empty() && !isDelivering_ && wasWrittenNow(line)) return;
+  keep(std::move(line));
+}
+
+bool Lines::wasWrittenNow(Line& line) {
+  if (destination_->isSink()) return false;
+  const std::string text = destination_->text(line.when, line.text);
+  std::string_view rest(text);
+  const auto result = destination_->writeNow(rest);
+  if (result == LogDestination::Result::lost) drop();
+  if (result != LogDestination::Result::wouldWait) return true;
+  line.isRest = rest.size() < text.size();
+  if (line.isRest) line.text = rest;
   return false;
 }
 
-/// "2024-05-01T12:34:56.789Z [1234] "
-void appendPrefix(std::string& out) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  std::tm parts{};
-  gmtime_r(&now.tv_sec, &parts);
-  // Not format_to(), which would bring the formatting of every kind of number into the library.
-  out += fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z [{}] ", parts.tm_year + 1900,
-                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                     now.tv_nsec / 1000000, ::getpid());
+void Lines::keep(Line line) {
+  if (!waiting_.empty() && waitingBytes_ + size(line) > kRoom) return drop();
+  waitingBytes_ += size(line);
+  waiting_.push_back(std::move(line));
+  ++kept_;
+  needThread();
 }
 
-void deliver(const Destination& destination, std::string_view line) {
-  std::string text;
-  switch (destination.kind) {
-    case Destination::Kind::off:
-      return;
-    case Destination::Kind::descriptor:
-      text.reserve(line.size() + 48);
-      appendPrefix(text);
-      appendEscaped(text, line);
-      text += '\n';
-      return writeAll(destination, text);
-    case Destination::Kind::syslog:
-      appendEscaped(text, line);
-      return ::syslog(LOG_USER | LOG_INFO, "[%d] %s", static_cast<int>(::getpid()), text.c_str());
-    case Destination::Kind::sink:
-      if (!needsEscapes(line)) return destination.sink(line);
-      appendEscaped(text, line);
-      return destination.sink(text);
+void Lines::sayWhatWasDropped() {
+  if (waitingBytes_ > kRoom / 2) return;
+  const std::uint64_t before = std::exchange(dropped_, 0);
+  take({Log::Kind::notice,
+        {},
+        fmt::format("Skelda: {} lines of the log were dropped, since nobody took them", before)});
+  if (dropped_ == 0) return;
+  // Nobody takes this one either: the number is not lost with it.
+  dropped_ = before;
+  droppedInAll.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void Lines::needThread() {
+  if (threadRuns_) return work_.notifyOne();
+  if (!exitIsSeen_) exitIsSeen_ = std::atexit([] { shared().finishOnExit(); }) == 0;
+  // Without one the lines wait: the next that is said asks again.
+  threadRuns_ = startThread(
+      "skelda-log", [](void* turn) { shared().run(reinterpret_cast<std::uintptr_t>(turn)); },
+      reinterpret_cast<void*>(turn_));
+}
+
+// -- The log's own thread
+
+void Lines::run(std::uintptr_t turn) {
+  MutexLock lock(mutex_);
+  for (;;) {
+    const auto end = std::chrono::steady_clock::now() + kLinger;
+    bool inTime = true;
+    while (waiting_.empty() && inTime && turn == turn_) inTime = work_.waitUntil(lock, end);
+    if (turn != turn_) return;
+    if (waiting_.empty()) break;
+    const Line line = takeFirst();
+    DestinationRef destination = destination_;
+    isDelivering_ = true;
+    lock.unlock();
+    const bool wasTaken = deliver(*destination, line);
+    destination.reset();
+    lock.lock();
+    if (turn != turn_) return;
+    isDelivering_ = false;
+    ++gone_;
+    if (!wasTaken) drop();
+    delivered_.notifyAll();
   }
+  threadRuns_ = false;
 }
 
-/// Marks the thread as being inside a sink, for as long as it lives.
-struct SinkScope {
-  SinkScope() { threadIsInSink = true; }
-  ~SinkScope() { threadIsInSink = false; }
-  SinkScope(const SinkScope&) = delete;
-  SinkScope& operator=(const SinkScope&) = delete;
-};
+Line Lines::takeFirst() {
+  Line line = std::move(waiting_.front());
+  waiting_.pop_front();
+  waitingBytes_ -= size(line);
+  return line;
+}
+
+bool Lines::wait(MutexLock& lock, std::chrono::steady_clock::time_point deadline) {
+  const std::uint64_t said = kept_;
+  bool inTime = true;
+  while (gone_ < said && inTime) inTime = delivered_.waitUntil(lock, deadline);
+  return gone_ >= said;
+}
+
+/// What can still go out goes out, as long as its reader takes it. After that no sink is called any
+/// more: what it refers to is about to be destroyed.
+void Lines::finishOnExit() {
+  if (threadIsInSink) return;
+  const auto end = std::chrono::steady_clock::now() + kLongestWaitAtExit;
+  DestinationRef old;  // destroyed outside the lock
+  MutexLock lock(mutex_);
+  for (std::uint64_t before = gone_ - 1; gone_ < kept_ && gone_ != before;) {
+    before = gone_;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= end) break;
+    wait(lock, std::min(end, now + kPatienceAtExit));
+  }
+  old = destination_;
+  if (old != nullptr && old->isSink()) use(LogDestination::off());
+}
 
 }  // namespace
 
-bool Log::enabled() noexcept {
-  Readers current = readers.load(std::memory_order_relaxed);
-  if (current == Readers::unknown) {
+bool Log::enabled(Kind kind) noexcept {
+  int current = shown.load(std::memory_order_relaxed);
+  if (current == kUnknown) {
     try {
-      currentDestination();
+      Lines::shared().prepare();
     } catch (...) {
       return false;
     }
-    current = readers.load(std::memory_order_relaxed);
+    current = shown.load(std::memory_order_relaxed);
   }
-  return current == Readers::some;
+  return isShown(kind, static_cast<Shows>(current));
+}
+
+bool Log::showsValues() noexcept {
+  enabled();
+  return valuesAreShown.load(std::memory_order_relaxed);
 }
 
 void Log::setSink(Sink sink) noexcept {
   try {
-    auto destination = makeDestination();
-    if (sink) {
-      destination->kind = Destination::Kind::sink;
-      destination->sink = std::move(sink);
-    }
-    install(std::move(destination));
+    Lines::shared().install(sink ? LogDestination::toSink(std::move(sink)) : LogDestination::off());
   } catch (...) {
     // Without memory the log stays as it was.
   }
@@ -286,23 +349,39 @@ void Log::setSink(Sink sink) noexcept {
 
 void Log::resetSink() noexcept {
   try {
-    install(fromEnvironment());
+    Lines::shared().install(nullptr);
   } catch (...) {
     // Without memory the log stays as it was.
   }
 }
 
-void Log::write(std::string_view line) noexcept {
+void Log::showDetails() noexcept {
+  try {
+    Lines::shared().showDetails();
+  } catch (...) {
+    // Without memory the log stays as it was.
+  }
+}
+
+void Log::write(std::string_view line, Kind kind) noexcept {
   // A line written from inside a sink would come back to the sink for ever.
-  if (threadIsInSink || !enabled()) return;
-  const SinkScope scope;
+  if (threadIsInSink || !enabled(kind)) return;
   const int savedErrno = errno;
   try {
-    deliver(*currentDestination(), line);
+    Lines::shared().say(line, kind);
   } catch (...) {
-    // What a sink throws, and a want of memory, end with the line.
+    droppedInAll.fetch_add(1, std::memory_order_relaxed);
   }
   errno = savedErrno;
+}
+
+bool Log::flush(std::chrono::milliseconds longest) noexcept {
+  if (threadIsInSink) return false;
+  return Lines::shared().flush(std::chrono::steady_clock::now() + longest);
+}
+
+std::uint64_t Log::droppedLines() noexcept {
+  return droppedInAll.load(std::memory_order_relaxed);
 }
 
 bool Log::insideSink() noexcept {

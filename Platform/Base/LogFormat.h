@@ -2,12 +2,32 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+
 #include "Platform/Base/Log.h"
 
 /// Formats and writes one line of the platform log; the arguments are evaluated only when somebody
-/// reads.
-#define SKELDA_PLATFORM_LOG(...)                                  \
-  do {                                                            \
-    if (::skelda::platform::Log::enabled())                       \
-      ::skelda::platform::Log::write(::fmt::format(__VA_ARGS__)); \
+/// reads lines of that kind.
+#define SKELDA_PLATFORM_LINE(kind, ...)                                     \
+  do {                                                                      \
+    const auto lineKind = (kind);                                           \
+    if (::skelda::platform::Log::enabled(lineKind))                         \
+      ::skelda::platform::Log::write(::fmt::format(__VA_ARGS__), lineKind); \
+  } while (false)
+
+#define SKELDA_PLATFORM_LOG(...) \
+  SKELDA_PLATFORM_LINE(::skelda::platform::Log::Kind::detail, __VA_ARGS__)
+
+/// What somebody must act on: shown by default, so it says what is wrong and what to do.
+#define SKELDA_PLATFORM_NOTICE(...) \
+  SKELDA_PLATFORM_LINE(::skelda::platform::Log::Kind::notice, __VA_ARGS__)
+
+/// A notice the first time that it is said from this place, a detail from then on.
+#define SKELDA_PLATFORM_NOTICE_ONCE(...)                                        \
+  do {                                                                          \
+    static ::std::atomic<bool> saidBefore{false};                               \
+    SKELDA_PLATFORM_LINE(saidBefore.exchange(true, ::std::memory_order_relaxed) \
+                             ? ::skelda::platform::Log::Kind::detail            \
+                             : ::skelda::platform::Log::Kind::notice,           \
+                         __VA_ARGS__);                                          \
   } while (false)

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -23,12 +26,14 @@ class LogCapture {
   }
   ~LogCapture() { platform::Log::setSink({}); }
 
-  /// What came since the last call.
+  /// What was said since the last call.
   std::vector<std::string> take() {
+    arrive();
     std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
   }
   std::size_t count(std::string_view part) const {
+    arrive();
     std::lock_guard lock(mutex_);
     return static_cast<std::size_t>(std::count_if(
         lines_.begin(), lines_.end(),
@@ -36,6 +41,8 @@ class LogCapture {
   }
 
  private:
+  static void arrive() { EXPECT_TRUE(platform::Log::flush(std::chrono::seconds(10))); }
+
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };

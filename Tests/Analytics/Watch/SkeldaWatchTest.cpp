@@ -200,6 +200,7 @@ const Scenario fromASink("from a sink", [] {
   });
   expect(SkeldaWatch::logWatchEvent("Lap") == 1, "outside");
   recordSources()->messages(8);
+  platform::Log::flush(std::chrono::seconds(10));
   expect(accepted == 0 && lines > 0, "inside");
   return failures;
 });

@@ -3,16 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "Platform/Base/LogDestination.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Platform.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -21,6 +26,42 @@ namespace {
 
 using platform::Log;
 using skelda::testing::readFile;
+
+constexpr std::chrono::seconds kPatience{30};
+
+/// Something else as standard error, for as long as it lives.
+class StandardError {
+ public:
+  explicit StandardError(int descriptor) { ::dup2(descriptor, STDERR_FILENO); }
+  explicit StandardError(std::string path) : path_(std::move(path)) {
+    const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    ::dup2(file, STDERR_FILENO);
+    ::close(file);
+  }
+  ~StandardError() {
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+  }
+  /// What its file holds, but for lines with that part.
+  std::string linesWithoutPrefix(std::string_view butFor) const {
+    std::istringstream lines(readFile(path_));
+    std::string result;
+    for (std::string line; std::getline(lines, line);)
+      if (line.find(butFor) == std::string::npos) result += line.substr(line.find("] ") + 2) + '\n';
+    return result;
+  }
+
+ private:
+  const int saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 10);
+  std::string path_;
+};
+
+bool readLine(int descriptor, std::string& line) {
+  line.clear();
+  for (char c = 0; ::read(descriptor, &c, 1) == 1; line += c)
+    if (c == '\n') return true;
+  return false;
+}
 
 class LogTest : public testing::Test {
  protected:
@@ -76,43 +117,188 @@ TEST_F(LogTest, EvaluatesNothingWhileItIsOff) {
   EXPECT_FALSE(Log::enabled());
 }
 
+TEST_F(LogTest, ShowsNoticesAloneUntilSomebodyAsks) {
+  struct Case {
+    std::optional<std::string> setting;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {std::nullopt, "notice\n"},     {"", "notice\n"},
+      {"stderr", "detail\nnotice\n"}, {"off", ""},
+      {folder_ / "elsewhere", ""},    {folder_ / "absent/log", "detail\nnotice\n"}};
+  for (const Case& each : cases) {
+    StandardError errors(folder_ / "stderr");
+    environment_.set("SKELDA_LOG", each.setting);
+    Log::resetSink();
+    Log::write("detail");
+    SKELDA_PLATFORM_NOTICE("{}", "notice");
+    EXPECT_EQ(errors.linesWithoutPrefix("SKELDA_LOG"), each.expected)
+        << each.setting.value_or("unset");
+  }
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        ::unsetenv("SKELDA_LOG");
+        Log::resetSink();
+        Log::showDetails();
+        Log::write("asked for by the host's settings");
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "asked for by the host's settings");
+  environment_.set("SKELDA_LOG_VALUES", "1");
+  Log::resetSink();
+  EXPECT_TRUE(Log::showsValues());
+  environment_.set("SKELDA_LOG_VALUES", std::nullopt);
+  Log::resetSink();
+  EXPECT_FALSE(Log::showsValues());
+}
+
 TEST_F(LogTest, ASinkMayWriteThrowAndReplaceItself) {
   std::vector<std::string> lines;
   Log::setSink([&lines](std::string_view line) {
     EXPECT_TRUE(Log::insideSink());
     lines.emplace_back(line);
     Log::write("from inside is dropped");
+    EXPECT_FALSE(Log::flush(kPatience)) << "and does not wait for itself";
     if (line == "two\\r") Log::setSink([&lines](std::string_view) { lines.emplace_back("new"); });
     throw std::runtime_error("sink");
   });
   for (const char* line : {"one", "two\r", "three"}) Log::write(line);
   EXPECT_FALSE(Log::insideSink());
+  Log::setSink(nullptr);
   EXPECT_EQ(lines, (std::vector<std::string>{"one", "two\\r", "new"}));
 }
 
-TEST_F(LogTest, CallsNoSinkAnyMoreOnceItIsReplaced) {
+TEST_F(LogTest, CallsASinkInOrderAndNoMoreOnceItIsReplaced) {
   Log::setSink(nullptr);
   std::atomic<bool> done{false};
   std::vector<std::thread> writers;
   for (int i = 0; i < 3; ++i)
     writers.emplace_back([&done] {
-      while (!done) Log::write("line");
+      for (int line = 0; !done; ++line) Log::write(std::to_string(line));
     });
-  std::atomic<int> lines{0};
-  for (int i = 0; i < 200; ++i) {
+  int lines = 0;
+  for (int i = 0; i < 30 || lines == 0; ++i) {
     std::atomic<bool> alive{true};
-    Log::setSink([&alive, &lines](std::string_view) {
+    std::atomic<int> inside{0};
+    Log::setSink([&](std::string_view) {
       EXPECT_TRUE(alive);
+      EXPECT_EQ(++inside, 1) << "one at a time";
       ++lines;
+      --inside;
     });
-    if (i == 0)
-      while (lines == 0) std::this_thread::yield();
     Log::setSink(nullptr);
     alive = false;
   }
   done = true;
   for (std::thread& writer : writers) writer.join();
-  EXPECT_GT(lines, 0);
+}
+
+TEST_F(LogTest, NeverHoldsWhoSaysALineAndCountsWhatNobodyTook) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& setting : {std::string("stderr"), fifo}) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    std::optional<StandardError> errors;
+    if (setting == fifo) {
+      ::close(std::exchange(ends[0], ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)));
+    } else {
+      errors.emplace(ends[1]);
+    }
+    select(setting);
+    ::close(ends[1]);
+    constexpr int kLines = 20'000;
+    const std::uint64_t droppedBefore = Log::droppedLines();
+    auto saying = std::async(std::launch::async, [] {
+      for (int line = 0; line < kLines; ++line) Log::write("line " + std::to_string(line));
+    });
+    EXPECT_EQ(saying.wait_for(kPatience), std::future_status::ready) << setting;
+    const auto dropped = static_cast<int>(Log::droppedLines() - droppedBefore);
+    EXPECT_GT(dropped, 0);
+    // A reader that comes late gets what waited, in order, and then the number of the others.
+    ::fcntl(ends[0], F_SETFL, 0);
+    std::string read;
+    int count = 0;
+    for (std::string next; count < kLines - dropped && readLine(ends[0], next); ++count)
+      ASSERT_TRUE(next.ends_with("] line " + std::to_string(count))) << next;
+    EXPECT_EQ(count, kLines - dropped) << setting;
+    EXPECT_TRUE(Log::flush(kPatience));
+    Log::write("afterwards");
+    ASSERT_TRUE(readLine(ends[0], read));
+    EXPECT_TRUE(read.ends_with("Skelda: " + std::to_string(dropped) +
+                               " lines of the log were dropped, since nobody took them"))
+        << read;
+    ASSERT_TRUE(readLine(ends[0], read));
+    EXPECT_TRUE(read.ends_with("afterwards")) << read;
+    ::close(ends[0]);
+  }
+}
+
+TEST_F(LogTest, ASinkThatWaitsForALockHoldsNobody) {
+  std::mutex hosts;
+  std::vector<std::string> lines;
+  Log::setSink([&](std::string_view line) {
+    const std::lock_guard lock(hosts);
+    lines.emplace_back(line);
+  });
+  {
+    const std::lock_guard lock(hosts);
+    Log::write("said while the host holds its lock");
+    EXPECT_FALSE(Log::flush(std::chrono::milliseconds(1)));
+  }
+  EXPECT_TRUE(Log::flush(kPatience));
+  EXPECT_EQ(lines.size(), 1u);
+}
+
+TEST_F(LogTest, AHangingStandardErrorIsGivenUpForASink) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  StandardError errors(ends[1]);
+  select("stderr");
+  const std::string line(60'000, 'x');
+  for (int i = 0; i < 3; ++i) Log::write(line);
+  int lines = 0;
+  Log::setSink([&lines](std::string_view text) { lines += text == "to the sink"; });
+  Log::write("to the sink");
+  EXPECT_TRUE(Log::flush(kPatience));
+  EXPECT_EQ(lines, 1);
+  ::close(ends[0]);
+  ::close(ends[1]);
+}
+
+TEST_F(LogTest, TakesNoneOfTheStandardDescriptorsAndNoPlaceThatNobodyReads) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  StandardError errors(folder_ / "stderr");
+  ::close(STDERR_FILENO);
+  select(folder_ / "agent.log");
+  Log::write("to the file");
+  EXPECT_EQ(::open((folder_ / "stderr").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC), STDERR_FILENO);
+  EXPECT_TRUE(readFile(folder_ / "agent.log").ends_with("to the file\n"));
+  select(fifo);
+  Log::write("to standard error");
+  EXPECT_TRUE(readFile(folder_ / "stderr").ends_with("to standard error\n"));
+  EXPECT_EQ(
+      errors.linesWithoutPrefix("] to standard"),
+      "Skelda: SKELDA_LOG: " + fifo + ": No such device or address: lines go to standard error\n");
+}
+
+TEST_F(LogTest, SpeaksToTheSystemsLogInItsWords) {
+  const int log = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (folder_ / "log").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(log, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const auto destination = platform::LogDestination::toSyslog(address.sun_path);
+  const std::string text = destination->text({}, "one\nline");
+  std::string_view rest(text);
+  EXPECT_EQ(destination->writeNow(rest), platform::LogDestination::Result::written);
+  char received[256] = {};
+  ASSERT_GT(::recv(log, received, sizeof received - 1, 0), 0);
+  EXPECT_THAT(received, testing::MatchesRegex("<14>.*\\[[0-9]+\\]: one\\\\nline"));
+  ::close(log);
+  EXPECT_FALSE(destination->write(text));
 }
 
 TEST_F(LogTest, KeepsLinesOfManyThreadsWhole) {
@@ -140,18 +326,15 @@ TEST_F(LogTest, KeepsLinesOfManyThreadsWhole) {
 TEST_F(LogTest, OutlivesAReaderThatHasGoneAway) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const int saved = ::dup(STDERR_FILENO);
-  ::dup2(ends[1], STDERR_FILENO);
+  StandardError errors(ends[1]);
+  ::close(ends[1]);
   select("stderr");
   Log::write("read");
-  char text[64] = {};
-  const ssize_t length = ::read(ends[0], text, sizeof text);
+  std::string text;
+  EXPECT_TRUE(readLine(ends[0], text));
   ::close(ends[0]);
   Log::write("not read");  // SIGPIPE would end the process here
-  ::dup2(saved, STDERR_FILENO);
-  ::close(saved);
-  ::close(ends[1]);
-  EXPECT_TRUE(std::string_view(text, static_cast<std::size_t>(length)).ends_with("read\n"));
+  EXPECT_TRUE(text.ends_with("read"));
 }
 
 }  // namespace

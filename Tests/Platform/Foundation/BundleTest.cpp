@@ -7,6 +7,7 @@
 
 #include "Platform/Base/Log.h"
 #include "Platform/Platform.h"
+#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
@@ -20,11 +21,6 @@ constexpr std::string_view kInformation =
 
 class BundleTest : public testing::Test {
  protected:
-  BundleTest() {
-    platform::Log::setSink([this](std::string_view) { ++lines_; });
-  }
-  ~BundleTest() override { platform::Log::resetSink(); }
-
   /// The bundle above a program in `folder`, below the test's own folder.
   std::shared_ptr<const Bundle> above(const std::string& folder) {
     std::filesystem::create_directories(root_ / folder);
@@ -32,7 +28,7 @@ class BundleTest : public testing::Test {
   }
 
   skelda::testing::TemporaryDirectory root_;
-  int lines_ = 0;
+  skelda::testing::LogCapture log_;
 };
 
 TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary) {
@@ -47,7 +43,7 @@ TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary)
   EXPECT_EQ(bundle->objectForInfoDictionaryKey("Number"), platform::Value(7));
   EXPECT_TRUE(bundle->objectForInfoDictionaryKey("Absent").isNull());
   EXPECT_EQ(above("Run.app/bin")->bundlePath(), root_ / "Run.app");
-  EXPECT_EQ(lines_, 0);
+  EXPECT_EQ(log_.take().size(), 0u);
 }
 
 TEST_F(BundleTest, IsTheProgramsOwnFolderWhereThereIsNone) {
@@ -55,7 +51,7 @@ TEST_F(BundleTest, IsTheProgramsOwnFolderWhereThereIsNone) {
   EXPECT_EQ(bundle->bundlePath(), root_ / "plain.apple/bin");
   EXPECT_TRUE(bundle->infoDictionary().empty());
   EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
-  EXPECT_EQ(lines_, 1);
+  EXPECT_EQ(log_.take().size(), 1u);
 }
 
 TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
@@ -63,7 +59,7 @@ TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
   std::filesystem::create_directories(root_ / "Run.app");
   writeFile(information, std::string(2 << 20, 'a'));
   EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
-  EXPECT_EQ(lines_, 1);
+  EXPECT_EQ(log_.take().size(), 1u);
   // A pipe without a writer would hold a plain read for ever.
   std::filesystem::remove(information);
   ASSERT_EQ(::mkfifo(information.c_str(), 0600), 0);
