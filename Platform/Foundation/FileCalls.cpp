@@ -45,6 +45,9 @@ int FileCalls::status(int fd, struct ::stat* status) {
 int FileCalls::truncate(int fd, ::off_t length) {
   return ::ftruncate(fd, length);
 }
+int FileCalls::allocate(int fd, ::off_t length) {
+  return ::fallocate(fd, 0, 0, length);
+}
 int FileCalls::syncData(int fd) {
   return ::fdatasync(fd);
 }

@@ -26,6 +26,8 @@ class FileCalls {
   virtual ::ssize_t write(int fd, const void* bytes, std::size_t length, ::off_t offset);
   virtual int status(int fd, struct ::stat* status);
   virtual int truncate(int fd, ::off_t length);
+  /// All blocks up to that length, without a shared one or a hole.
+  virtual int allocate(int fd, ::off_t length);
   virtual int syncData(int fd);
   virtual int sync(int fd);
   virtual ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,

@@ -48,6 +48,9 @@ class FaultyFileCalls : public platform::FileCalls {
   int truncate(int fd, ::off_t length) override {
     return fails("truncate") ? -1 : FileCalls::truncate(fd, length);
   }
+  int allocate(int fd, ::off_t length) override {
+    return fails("allocate") ? -1 : FileCalls::allocate(fd, length);
+  }
   int syncData(int fd) override { return fails("syncData") ? -1 : FileCalls::syncData(fd); }
   int sync(int fd) override { return fails("sync") ? -1 : FileCalls::sync(fd); }
   ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,

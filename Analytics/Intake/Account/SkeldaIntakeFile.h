@@ -1,33 +1,47 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Analytics/Intake/Account/SkeldaAccountPage.h"
 #include "Analytics/Intake/Account/SkeldaIntakeTicket.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Foundation/Error.h"
-#include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
+
+namespace SkeldaIntakeLayout {
+class Place;
+struct Page;
+struct Record;
+}  // namespace SkeldaIntakeLayout
 
 /// The file behind the intake journal and the account: one page of counters, then four segments
 /// that records are appended to. Mapped shared, so that what a call has stored is there whatever
 /// kills the process after it; allocated in full when it is made, so that a full disk shows there.
-/// Where no file can be had the same layout lies in memory alone and isProtected() is false.
+/// What a loss of power leaves of it is not promised: nothing here is synchronised. Where no file
+/// can be had the same layout lies in memory alone and isProtected() is false.
 ///
 /// Format: docs/intake-format.md. Any thread. append() takes no lock, makes no system call and does
-/// not allocate; all else may take a lock.
+/// not allocate; all else may take a lock. Of no use in a forked child, which has no part in it.
 class SkeldaIntakeFile {
  public:
   static constexpr std::size_t kHeaderLength = 4096;
   static constexpr std::size_t kSegmentCount = 4;
   /// Records begin at multiples of it.
   static constexpr std::size_t kAlignment = 16;
+  /// A record that so many starts took up is taken up alone, and dropped after so many of these:
+  /// whoever dies of a record must not take those down that were under way beside it.
+  static constexpr unsigned kAttemptsBesideOthers = 2;
+  static constexpr unsigned kAttemptsAlone = 3;
+  /// More calls than this are not taken to have been under way at a kill.
+  static constexpr std::uint64_t kMostCutOff = 64;
 
   enum class Kind : std::uint8_t { event = 1, choice = 2 };
 
@@ -45,21 +59,36 @@ class SkeldaIntakeFile {
     std::string payload;
   };
 
+  /// What open() found and did, by kind - 1 where there are two.
+  struct Opening {
+    std::array<std::uint64_t, 2> waiting{};  ///< left by earlier runs, to be taken up
+    std::array<std::uint64_t, 2> cutOff{};   ///< calls that the last kill fell into
+    std::uint64_t otherKey = 0;              ///< dropped, as are the next two
+    std::uint64_t otherVersion = 0;
+    std::uint64_t replayedTooOften = 0;
+    bool wasInconsistent = false;  ///< the account did not add up, and was corrected
+    std::string setAside;          ///< where a file went that could not be read
+  };
+
   /// Opens or makes the file for `capacity` bytes of records under the key of that hash, settles
   /// what a kill left half done, and drops with its reason what cannot be taken up. The caller
-  /// holds the storage lock. Never null and never throws: where no file can be had the answer is in
-  /// memory, and `error` says why.
+  /// holds the storage lock. The name of the file ends in "_<version>.<suffix>"; files of other
+  /// versions beside it are taken over. Another capacity than the file's is taken on at a start
+  /// that finds nothing waiting. Where no file can be had the answer is in memory, and `error` says
+  /// why; null only where there is no memory for that either.
   static std::shared_ptr<SkeldaIntakeFile> open(const std::string& path, std::size_t capacity,
                                                 std::uint64_t keyHash,
                                                 platform::ErrorRef* error = nullptr) noexcept;
+  /// Null where there is no memory for it.
   static std::shared_ptr<SkeldaIntakeFile> inMemory(std::size_t capacity) noexcept;
   ~SkeldaIntakeFile();
   SkeldaIntakeFile(const SkeldaIntakeFile&) = delete;
   SkeldaIntakeFile& operator=(const SkeldaIntakeFile&) = delete;
 
+  const Opening& opening() const noexcept { return opening_; }
   /// Whether what is appended outlives the process.
   bool isProtected() const noexcept { return isProtected_; }
-  std::size_t capacity() const noexcept;
+  std::size_t capacity() const noexcept { return kSegmentCount * segmentLength_; }
   /// The longest payload that a record may have.
   std::size_t longestPayload() const noexcept;
 
@@ -69,21 +98,23 @@ class SkeldaIntakeFile {
   SkeldaIntakeTicket append(Kind kind, std::int64_t microsecondsSince1970,
                             std::int64_t uptimeMilliseconds, std::size_t length,
                             Write&& write) noexcept {
-    Reservation place = reserve(kind, length);
+    const Reservation place = reserve(kind, length);
     if (place.payload == nullptr) return kSkeldaNoTicket;
     write(place.payload);
     return publish(place, kind, microsecondsSince1970, uptimeMilliseconds, length);
   }
 
   /// The oldest record that was not taken yet, in the order in which places were reserved; nothing
-  /// where there is none, or where the next one is being written at this moment (then its publish
-  /// comes before hasUntaken() answers true). Taken for this process; one taker at a time.
+  /// where there is none, where the next one is being written at this moment (its append() returns
+  /// later), or where it must go alone and others are under way (their settling comes later). Taken
+  /// for this process. Throws std::bad_alloc, and then nothing is taken.
   std::optional<Record> takeOldest();
+  /// Whether takeOldest() would find one.
   bool hasUntaken() const noexcept;
 
-  /// What became of a record: marks it and counts it, so that no kill in between makes the account
-  /// untrue. Of a ticket that was settled already, or 0, nothing happens. True where this call
-  /// settled it.
+  /// What became of a record that was taken: marks it and counts it, so that no kill in between
+  /// makes the account untrue. Of a ticket that was settled already, or 0, nothing happens. True
+  /// where this call settled it.
   bool settle(SkeldaIntakeTicket ticket, SkeldaIntakeOutcome outcome) noexcept;
   /// How many were taken and are not settled.
   std::size_t takenCount() const noexcept;
@@ -100,17 +131,58 @@ class SkeldaIntakeFile {
   SkeldaAccountPage& page() noexcept;
 
  private:
+  friend class SkeldaIntakeOpening;
+  using Place = SkeldaIntakeLayout::Place;
+  using Slot = SkeldaIntakeLayout::Record;
   struct Reservation {
     char* payload = nullptr;
-    std::uint64_t position = 0;
+    std::uint64_t place = 0;
     std::uint64_t sequence = 0;
+  };
+  struct Waiter {
+    std::uint64_t before = 0;  ///< the place at which it began to wait
+    std::uint64_t units = 0;   ///< of records before that, not yet settled
+    Waiter* next = nullptr;
   };
 
   SkeldaIntakeFile() = default;
+
   Reservation reserve(Kind kind, std::size_t length) noexcept;
   SkeldaIntakeTicket publish(const Reservation& place, Kind kind,
                              std::int64_t microsecondsSince1970, std::int64_t uptimeMilliseconds,
                              std::size_t length) noexcept;
+  char* segment(std::size_t index) const noexcept;
+  Slot& slot(Place place) const noexcept;
+  Place tail() const noexcept;
+  bool isFree(std::size_t segment) const noexcept;
+  void leave(Place place) noexcept;
 
+  Place nextUntaken() const noexcept REQUIRES(mutex_);
+  bool isUntaken(Place place) const noexcept REQUIRES(mutex_);
+  Place nextOfEarlierRuns(Place from) const noexcept;
+  bool isWhole(Place place) const noexcept;
+  bool settleLocked(Place place, SkeldaIntakeOutcome outcome) noexcept REQUIRES(mutex_);
+  void countSettled(Place place, std::uint64_t units) noexcept REQUIRES(mutex_);
+  std::uint64_t unsettledUnits(Place before) const noexcept REQUIRES(mutex_);
+  void beginAnew() noexcept REQUIRES(mutex_);
+  void forgetPages(std::size_t segment, std::size_t begin, std::size_t end) const noexcept;
+
+  // Set before any other thread knows the object.
+  SkeldaIntakeLayout::Page* page_ = nullptr;
+  std::size_t mappedLength_ = 0;
+  std::size_t segmentLength_ = 0;
+  std::uint64_t salt_ = 0;
+  std::uint32_t boot_ = 0;
   bool isProtected_ = false;
+  /// Records before it are of earlier runs, and may have holes between them.
+  std::uint64_t earlierRuns_ = 0;
+  Opening opening_;
+  std::function<void()> didSettle_;
+
+  mutable platform::Mutex mutex_;
+  platform::Condition waited_;
+  std::uint64_t cursor_ GUARDED_BY(mutex_) = 0;
+  std::size_t taken_ GUARDED_BY(mutex_) = 0;
+  bool alone_ GUARDED_BY(mutex_) = false;  ///< what is taken goes alone
+  Waiter* waiters_ GUARDED_BY(mutex_) = nullptr;
 };

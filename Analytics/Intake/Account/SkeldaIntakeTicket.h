@@ -19,7 +19,7 @@ enum class SkeldaIntakeOutcome : std::uint8_t {
   serializer,        ///< dropped: no frame could be made of it
   otherKey,          ///< dropped: accepted under another API key
   otherVersion,      ///< dropped: accepted by another version of the agent
-  replayedTooOften,  ///< dropped: three starts in a row took it up and did not live to write it
+  replayedTooOften,  ///< dropped: starts took it up, three of them alone, and died of it
 };
 inline constexpr std::size_t kSkeldaIntakeOutcomeCount = 10;
 

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Analytics/Intake/Account/SkeldaIntakeFile.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+
+/// A folder for an intake file, and what tests of it have in common.
+struct IntakeFiles {
+  static constexpr std::size_t kCapacity = std::size_t{64} << 10;
+  static constexpr std::uint64_t kKey = 77;
+  static constexpr std::int64_t kDate = 1600000000123456;
+  static constexpr std::int64_t kUptime = 5000;
+
+  TemporaryDirectory directory_;
+  const std::string path_ = directory_ / ".intake_261.journal";
+
+  std::shared_ptr<SkeldaIntakeFile> open(std::uint64_t key = kKey,
+                                         std::size_t capacity = kCapacity) const {
+    platform::ErrorRef error;
+    auto file = SkeldaIntakeFile::open(path_, capacity, key, &error);
+    EXPECT_TRUE(file->isProtected()) << platform::description(error);
+    return file;
+  }
+};
+
+inline SkeldaIntakeTicket append(SkeldaIntakeFile& file, const std::string& payload,
+                                 SkeldaIntakeFile::Kind kind = SkeldaIntakeFile::Kind::event) {
+  return file.append(kind, IntakeFiles::kDate, IntakeFiles::kUptime, payload.size(),
+                     [&](char* to) { std::copy(payload.begin(), payload.end(), to); });
+}
+
+inline std::uint64_t settledCount(SkeldaIntakeFile& file, SkeldaIntakeFile::Kind kind) {
+  std::uint64_t count = 0;
+  for (const auto& one : file.page().settled[static_cast<std::size_t>(kind) - 1]) count += one;
+  return count;
+}
+
+/// By what is taken from the file, which is then empty.
+inline bool addsUp(SkeldaIntakeFile& file) {
+  const auto& page = file.page();
+  for (const auto kind : {SkeldaIntakeFile::Kind::event, SkeldaIntakeFile::Kind::choice}) {
+    const std::size_t index = static_cast<std::size_t>(kind) - 1;
+    if (page.accepted[index] !=
+        settledCount(file, kind) + page.cutOff[index] + file.waitingCount(kind)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// A payload that says which one it is.
+struct Numbered {
+  std::uint64_t thread = 0;
+  std::uint64_t index = 0;
+  std::uint64_t length = 0;
+
+  std::string text() const {
+    std::string text(sizeof *this, '\0');
+    std::memcpy(text.data(), this, sizeof *this);
+    return text.append(static_cast<std::size_t>(length), static_cast<char>('a' + index % 26));
+  }
+  /// Nothing where a byte of it is not as it was.
+  static std::optional<Numbered> of(const std::string& text) {
+    Numbered numbered;
+    if (text.size() < sizeof numbered) return std::nullopt;
+    std::memcpy(&numbered, text.data(), sizeof numbered);
+    if (text != numbered.text()) return std::nullopt;
+    return numbered;
+  }
+};
+
+/// Bytes of the mapped file that count as memory of this process.
+inline std::size_t residentOf(const std::string& path) {
+  std::ifstream maps("/proc/self/smaps");
+  bool isIt = false;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.ends_with(path)) isIt = true;
+    if (isIt && line.starts_with("Rss:")) return std::stoul(line.substr(4)) << 10;
+  }
+  return 0;
+}
+
+}  // namespace skelda::testing
