@@ -41,12 +41,17 @@ void WCDefaultSession::onqueue_activate() {
                  self->queue_->async([self, there] { self->onqueue_peerDidChange(there); });
              },
          .didReceivePacket =
-             [weak](Data packet) {
+             [weak](Data packet, WCTransport::Place place) {
                if (auto self = weak.lock())
-                 self->queue_->async(
-                     [self, packet = std::move(packet)] { self->onqueue_didReceive(packet); });
+                 self->queue_->async([self, packet = std::move(packet), place = std::move(place)] {
+                   self->onqueue_didReceive(packet);
+                 });
              }},
         &error);
+    if (!opened_) {
+      SKELDA_PLATFORM_LOG("WCSession: no phone can be heard: {}",
+                          error != nullptr ? error->description() : "the transport says no more");
+    }
   }
   onqueue_tell(kWCActivationDidComplete, [&](WCSessionDelegate& delegate) {
     delegate.sessionActivationDidComplete(*this, opened_, error);
@@ -57,7 +62,7 @@ void WCDefaultSession::setDelegate(const DelegateRef& delegate) {
   DelegateRef old;
   std::vector<DelegateObserver> observers;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     old = delegate_.lock();
     delegate_ = delegate;
     for (const auto& [token, observer] : observers_) observers.push_back(observer);
@@ -66,18 +71,18 @@ void WCDefaultSession::setDelegate(const DelegateRef& delegate) {
 }
 
 WCSession::DelegateRef WCDefaultSession::delegate() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return delegate_.lock();
 }
 
 WCSession::Token WCDefaultSession::addDelegateObserver(DelegateObserver observer) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   observers_.emplace(++lastToken_, std::move(observer));
   return lastToken_;
 }
 
 void WCDefaultSession::removeDelegateObserver(Token token) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   observers_.erase(token);
 }
 

@@ -4,11 +4,11 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/WatchConnectivity/WCPacket.h"
 #include "Platform/WatchConnectivity/Session/WCSession.h"
+#include "Platform/WatchConnectivity/WCPacket.h"
 #include "Platform/WatchConnectivity/WCTransport.h"
 
 namespace skelda::platform {
@@ -57,10 +57,10 @@ class WCDefaultSession : public WCSession, public std::enable_shared_from_this<W
   std::size_t handedOver_ = 0;  // so many at the front wait for their acknowledgement
   std::atomic<bool> reachable_{false};
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::weak_ptr<WCSessionDelegate> delegate_;
-  std::map<Token, DelegateObserver> observers_;
-  Token lastToken_ = 0;
+  mutable Mutex mutex_;
+  std::weak_ptr<WCSessionDelegate> delegate_ GUARDED_BY(mutex_);
+  std::map<Token, DelegateObserver> observers_ GUARDED_BY(mutex_);
+  Token lastToken_ GUARDED_BY(mutex_) = 0;
 };
 
 /// Gives the process a paired phone: from here on the class registry finds "WCSession", and its

@@ -103,8 +103,9 @@ std::optional<Data> WCPacketFraming::next() {
   Data packet(buffer_.bytes() + start_ + kLengthSize, length);
   start_ += kLengthSize + length;
   // Move the rest to the front once what was taken outweighs it: linear in what passes through.
+  // Into memory of its own size: what a long packet took is given back.
   if (start_ >= buffer_.length() - start_) {
-    buffer_.removePrefix(start_);
+    buffer_ = Data(buffer_.bytes() + start_, buffer_.length() - start_);
     start_ = 0;
   }
   return packet;

@@ -1,17 +1,18 @@
 #include "Platform/WatchConnectivity/WCPairTransport.h"
 
 #include <array>
-#include <mutex>
+
+#include "Platform/Base/Mutex.h"
 
 namespace skelda::platform {
 
 struct WCPairTransport::Link {
-  std::recursive_mutex mutex;  // a receiver may answer from inside its call
-  bool joined = false;
-  bool there = false;  // joined, and both ends open
-  std::array<Receiver, 2> receivers;
+  RecursiveMutex mutex;  // a receiver may answer from inside its call
+  bool joined GUARDED_BY(mutex) = false;
+  bool there GUARDED_BY(mutex) = false;  // joined, and both ends open
+  std::array<Receiver, 2> receivers GUARDED_BY(mutex);
 
-  void update() {
+  void update() REQUIRES(mutex) {
     const bool now = joined && receivers[0].peerDidChange && receivers[1].peerDidChange;
     if (now == there) return;
     there = now;
@@ -26,22 +27,22 @@ std::pair<WCPairTransport::Ref, WCPairTransport::Ref> WCPairTransport::make() {
 }
 
 void WCPairTransport::setJoined(bool joined) {
-  std::lock_guard lock(link_->mutex);
+  const RecursiveMutexLock lock(link_->mutex);
   link_->joined = joined;
   link_->update();
 }
 
 bool WCPairTransport::open(Receiver receiver, ErrorRef* /*error*/) {
-  std::lock_guard lock(link_->mutex);
+  const RecursiveMutexLock lock(link_->mutex);
   link_->receivers[static_cast<std::size_t>(side_)] = std::move(receiver);
   link_->update();
   return true;
 }
 
 bool WCPairTransport::send(const Data& packet) {
-  std::lock_guard lock(link_->mutex);
+  const RecursiveMutexLock lock(link_->mutex);
   if (!link_->there) return false;
-  link_->receivers[static_cast<std::size_t>(1 - side_)].didReceivePacket(packet);
+  link_->receivers[static_cast<std::size_t>(1 - side_)].didReceivePacket(packet, nullptr);
   return true;
 }
 

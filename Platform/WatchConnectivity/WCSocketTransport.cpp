@@ -9,15 +9,18 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
+#include "Platform/Base/Descriptor.h"
 #include "Platform/Base/LogFormat.h"
 
 namespace skelda::platform {
 namespace {
 
 constexpr int kSendPatienceMilliseconds = 5000;
+constexpr std::chrono::seconds kShortagePatience{1};
 constexpr std::size_t kReadSize = std::size_t{64} << 10;
 
 bool addressOf(const std::string& path, sockaddr_un* address) {
@@ -29,7 +32,12 @@ bool addressOf(const std::string& path, sockaddr_un* address) {
 }
 
 int newSocket() {
-  return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  return aboveStandardDescriptors(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+/// Whether the system lacks something for now: who waits at the door goes on waiting there.
+bool isShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 /// Whether a socket stands at the path that nobody listens to any more.
@@ -129,20 +137,35 @@ bool WCSocketTransport::open(Receiver receiver, ErrorRef* error) {
 }
 
 void WCSocketTransport::onqueue_accept(int listener) {
-  const int peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-  if (peer < 0) return;
-  // A phone that comes back may be heard before its leaving is.
-  while (peerSource_ && hasHungUp(peer_)) onqueue_read(peer_);
+  const int peer =
+      aboveStandardDescriptors(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (peer < 0) {
+    if (!isShortage(errno)) return;
+    SKELDA_PLATFORM_LOG("WCSession: a peer has to wait: {}", std::strerror(errno));
+    listenerSource_->suspend();
+    return queue_->after(dispatchTimeAfter(kShortagePatience), [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->listenerSource_->resume();
+    });
+  }
+  // A phone that comes back may be heard before its leaving is. What was still to be read of it and
+  // finds no room, nobody has acknowledged: it is sent again.
+  while (peerSource_ && hasHungUp(peer_)) {
+    if (onqueue_hasRoom()) {
+      onqueue_read(peer_);
+    } else {
+      onqueue_leavePeer();
+    }
+  }
   if (peerSource_ || !isOfSameUser(peer)) {
     SKELDA_PLATFORM_LOG("WCSession: refused a peer: {}",
                         peerSource_ ? "one is there already" : "another user's");
     ::close(peer);
     return;
   }
-  framing_ = {};
+  peer_ = peer;
   {
-    std::lock_guard lock(sendMutex_);
-    peer_ = peer;
+    const MutexLock lock(sendMutex_);
+    sendsTo_ = peer;
   }
   peerSource_ = ReadSource::make(peer, queue_);
   peerSource_->setEventHandler([weak = weak_from_this(), peer] {
@@ -150,7 +173,7 @@ void WCSocketTransport::onqueue_accept(int listener) {
   });
   peerSource_->setCancelHandler([peer] { ::close(peer); });
   receiver_.peerDidChange(true);
-  peerSource_->resume();
+  onqueue_handOver();
 }
 
 void WCSocketTransport::onqueue_read(int peer) {
@@ -158,44 +181,76 @@ void WCSocketTransport::onqueue_read(int peer) {
   std::array<char, kReadSize> bytes;
   const ssize_t length = ::recv(peer, bytes.data(), bytes.size(), 0);
   if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (length <= 0) {
-    onqueue_leavePeer(peer);
-    return;
-  }
+  if (length <= 0) return onqueue_leavePeer();
   framing_.append(bytes.data(), static_cast<std::size_t>(length));
-  while (auto packet = framing_.next()) receiver_.didReceivePacket(std::move(*packet));
+  onqueue_handOver();
+}
+
+bool WCSocketTransport::onqueue_hasRoom() const {
+  return waiting_ < kMostWaiting && waitingBytes_ < kMostWaitingBytes;
+}
+
+/// Hands over what is whole, as far as there is room, and reads on only where there still is.
+void WCSocketTransport::onqueue_handOver() {
+  if (!peerSource_) return;
+  while (onqueue_hasRoom()) {
+    auto packet = framing_.next();
+    if (!packet) break;
+    Place place = onqueue_placeFor(packet->length());
+    receiver_.didReceivePacket(*std::move(packet), std::move(place));
+  }
   if (framing_.isBroken()) {
     SKELDA_PLATFORM_LOG("WCSession: a peer announced a packet that cannot be, leaving it");
-    onqueue_leavePeer(peer);
+    return onqueue_leavePeer();
+  }
+  if (onqueue_hasRoom()) {
+    peerSource_->resume();
+  } else {
+    peerSource_->suspend();
   }
 }
 
-void WCSocketTransport::onqueue_leavePeer(int peer) {
+WCTransport::Place WCSocketTransport::onqueue_placeFor(std::size_t length) {
+  ++waiting_;
+  waitingBytes_ += length;
+  return Place(nullptr, [weak = weak_from_this(), length](const void*) {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    self->queue_->async([self, length] {
+      --self->waiting_;
+      self->waitingBytes_ -= length;
+      self->onqueue_handOver();
+    });
+  });
+}
+
+void WCSocketTransport::onqueue_leavePeer() {
+  if (peer_ < 0) return;
   {
-    std::lock_guard lock(sendMutex_);
-    if (peer != peer_ || peer < 0) return;
-    peer_ = -1;
+    const MutexLock lock(sendMutex_);
+    sendsTo_ = -1;
   }
   // The other side learns at once; the descriptor is closed when the source has let go of it.
-  ::shutdown(peer, SHUT_RDWR);
+  ::shutdown(std::exchange(peer_, -1), SHUT_RDWR);
   peerSource_->cancel();
   peerSource_ = nullptr;
+  framing_ = {};
   receiver_.peerDidChange(false);
 }
 
 bool WCSocketTransport::send(const Data& packet) {
   const auto frame = WCPacketFraming::framed(packet);
   if (!frame) return false;
-  std::lock_guard lock(sendMutex_);
-  if (peer_ < 0) return false;
-  if (sendAll(peer_, frame->view())) return true;
+  const MutexLock lock(sendMutex_);
+  if (sendsTo_ < 0) return false;
+  if (sendAll(sendsTo_, frame->view())) return true;
   // Half a packet may be out: the stream is of no use any more. The reader sees its end.
-  ::shutdown(peer_, SHUT_RDWR);
+  ::shutdown(sendsTo_, SHUT_RDWR);
   return false;
 }
 
 void WCSocketTransport::dropPeer() {
-  queue_->async([self = shared_from_this()] { self->onqueue_leavePeer(self->peer_); });
+  queue_->async([self = shared_from_this()] { self->onqueue_leavePeer(); });
 }
 
 }  // namespace skelda::platform

@@ -11,10 +11,14 @@ namespace skelda::platform {
 /// Carries whole packets to the one peer, while there is one. A real device brings its own.
 class WCTransport {
  public:
+  /// A packet's place among those that wait to be looked at; given up by letting go of it, on any
+  /// thread. A peer that sends faster than they are given up is not read meanwhile.
+  using Place = std::shared_ptr<const void>;
+
   /// What a session wants to hear. The calls come one at a time, in order, on any thread.
   struct Receiver {
     std::function<void(bool there)> peerDidChange;
-    std::function<void(Data packet)> didReceivePacket;
+    std::function<void(Data packet, Place place)> didReceivePacket;
   };
 
   virtual ~WCTransport() = default;

@@ -50,9 +50,8 @@ TEST_F(WCSessionTest, WhatAPeerTookWithItUnacknowledgedIsOfferedAgain) {
   activate();
   // A peer that listens and never acknowledges: the bare transport.
   std::atomic<int> packets{0};
-  phoneEnd_->open(
-      {.peerDidChange = [](bool) {}, .didReceivePacket = [&](platform::Data) { ++packets; }},
-      nullptr);
+  phoneEnd_->open({.peerDidChange = [](bool) {}, .didReceivePacket = [&](auto&&...) { ++packets; }},
+                  nullptr);
   watchEnd_->setJoined(true);
   watch_->transferUserInfo({{"n", 1}});
   for (int i = 0; i < 1000 && packets == 0; ++i) std::this_thread::yield();

@@ -6,11 +6,29 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
 #include "Tools/skelda-phone/PhoneLink.h"
+
+// accept4() as the program sees it: refused for want of descriptors while the test says so.
+namespace {
+std::atomic<bool> refuseToAccept{false};
+std::atomic<int> refusals{0};
+}  // namespace
+extern "C" int __real_accept4(int, sockaddr*, socklen_t*, int);
+extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
+  if (!refuseToAccept) return __real_accept4(listener, address, length, flags);
+  ++refusals;
+  errno = EMFILE;
+  return -1;
+}
 
 using namespace std::chrono_literals;
 using platform::WCPacket;
@@ -91,7 +109,11 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
     session->activateSession();
     return delegate->wait(1);
   };
-  EXPECT_THAT(outcomeOf(path()), testing::ElementsAre("not activated"));
+  {
+    const skelda::testing::LogCapture log;
+    EXPECT_THAT(outcomeOf(path()), testing::ElementsAre("not activated"));
+    EXPECT_EQ(log.count("Address already in use"), 1u);
+  }
 
   // A process that was killed leaves its socket behind.
   const std::string stale = folder_ / "stale.sock";
@@ -104,6 +126,74 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
   });
   ASSERT_EQ(child.wait(), 0);
   EXPECT_THAT(outcomeOf(stale), testing::ElementsAre("activated"));
+}
+
+TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRunsInCircles) {
+  refuseToAccept = true;
+  PhoneLink phone(path());
+  ASSERT_TRUE(phone.connect(soon()));
+  while (refusals == 0) std::this_thread::yield();
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(refusals, 1);
+  refuseToAccept = false;
+  phone.send({WCPacket::Kind::userInfo, 7, {{"late", "but here"}}});
+  const auto answer = phone.receive(soon());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->identifier, 7u);
+}
+
+/// Keeps the places of what it hears until it is told to give them up.
+struct SlowReceiver {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t count = 0;
+  std::vector<platform::WCTransport::Place> places;
+
+  platform::WCTransport::Receiver receiver() {
+    return {.peerDidChange = [](bool) {},
+            .didReceivePacket =
+                [this](auto&&, platform::WCTransport::Place place) {
+                  const std::lock_guard lock(mutex);
+                  ++count;
+                  places.push_back(std::move(place));
+                  changed.notify_all();
+                }};
+  }
+  std::size_t waitFor(std::size_t wanted, std::chrono::milliseconds limit = 10s) {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, limit, [&] { return count >= wanted; });
+    return count;
+  }
+  void giveUp() {
+    std::vector<platform::WCTransport::Place> gone;
+    const std::lock_guard lock(mutex);
+    places.swap(gone);
+  }
+};
+
+TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMeanwhile) {
+  struct Case {
+    std::size_t packets, length, atMost;
+  };
+  for (const auto& [packets, length, atMost] : {Case{300, 100, 64}, Case{12, 300 << 10, 4}}) {
+    skelda::testing::TemporaryDirectory folder;
+    SlowReceiver slow;
+    const auto transport = platform::WCSocketTransport::make(folder / "watch.sock");
+    ASSERT_TRUE(transport->open(slow.receiver(), nullptr));
+    std::thread sender([&, count = packets, size = length] {
+      PhoneLink phone(folder / "watch.sock");
+      ASSERT_TRUE(phone.connect(PhoneLink::Clock::now() + 10s));
+      const auto frame = platform::WCPacketFraming::framed(platform::Data(std::string(size, 'x')));
+      for (std::size_t i = 0; i < count; ++i) phone.sendBytes(frame->view());
+      slow.waitFor(count);
+    });
+    EXPECT_EQ(slow.waitFor(atMost), atMost);
+    EXPECT_EQ(slow.waitFor(atMost + 1, 50ms), atMost);
+    for (std::size_t heard = atMost; heard < packets; heard = slow.waitFor(heard + 1))
+      slow.giveUp();
+    sender.join();
+    EXPECT_EQ(slow.waitFor(packets), packets) << "all of them, in the end";
+  }
 }
 
 }  // namespace
