@@ -6,7 +6,7 @@
 #include <chrono>
 
 #include "Benchmarks/AgentBenchmark/Measurements.h"
-#include "Examples/MorningRun/SentLogKeeper.h"
+#include "Tests/Support/SentLogKeeper.h"
 
 namespace measure {
 

@@ -11,7 +11,6 @@
 #include "Examples/MorningRun/QuietFolder.h"
 #include "Examples/MorningRun/Recording.h"
 #include "Examples/MorningRun/Replay.h"
-#include "Examples/MorningRun/SentLogKeeper.h"
 #include "Skelda_Watch/SkeldaOptional.h"
 #include "Skelda_Watch/SkeldaWatch.h"
 
@@ -24,7 +23,6 @@ struct Options {
   std::string recording;
   std::string server;
   std::string phone;
-  std::string keepSent;
   bool followNetwork = false;
   bool choices = false;
   double linger = 10;
@@ -60,7 +58,6 @@ void describe(CLI::App& app, Options& options) {
       "--choices", options.choices,
       "Tell the agent the runner's properties and consent, and at the end an opt-out and a "
       "request to delete");
-  app.add_option("--keep-sent", options.keepSent, "Folder for a copy of every log that is sent");
   app.add_option("--linger", options.linger,
                  "Seconds to wait at most, at the end, for the files on disk to come to rest")
       ->capture_default_str();
@@ -72,7 +69,6 @@ int run(const Options& options) {
                                                 : options.recording);
   if (options.followNetwork) SkeldaReachabilityLink();
   if (!options.phone.empty()) SkeldaListenForPhone(options.phone);
-  if (!options.keepSent.empty()) SentLogKeeper::install(options.keepSent);
   if (!options.server.empty()) SkeldaWatch::setServerURL(options.server);
 
   if (options.choices) Choices::atTheStart();

@@ -174,7 +174,7 @@ class Chaos:
 
     def start(self, *arguments):
         as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
-        host = self.home.start(*arguments, "--server", self.collector.url, "--keep-sent", self.sent,
+        host = self.home.start(*arguments, "--server", self.collector.url, keep_sent=self.sent,
                                environment=self.environment, **as_nobody)
         self.addresses.pid = host.pid
         return host

@@ -32,7 +32,7 @@ class Killer:
     def once(self):
         rate = self.chance.choice([100, 300, 1000])
         with self.home.start("--rate", str(rate), "--events", "1000000", "--threads", "2", "--server", NOWHERE,
-                             "--keep-sent", self.archive) as host:
+                             keep_sent=self.archive) as host:
             time.sleep(self.chance.uniform(0.0, 0.15) if self.chance.random() < 0.4 else self.chance.uniform(0.1, 0.8))
             if host.child.poll() is not None:
                 self.problems.append(f"start {self.kills} ended by itself with {host.status}: {host.output}")
@@ -72,8 +72,8 @@ class Killer:
     def finish(self):
         """One start that is left alone, and the checks that are for the end."""
         left = frame_log.readable(self.home.current_log.read_bytes())[0] if self.home.current_log.exists() else []
-        last = self.home.run("--events", "10", "--speed", "0", "--server", NOWHERE, "--keep-sent", self.archive,
-                             "--linger", "20")
+        last = self.home.run("--events", "10", "--speed", "0", "--server", NOWHERE, "--linger", "20",
+                             keep_sent=self.archive)
         if last.status != 0 or last.number("accepted") == 0:
             self.problems.append(f"the last start: {last.output}")
         self.look()

@@ -22,6 +22,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("SKELDA_BUILD", ROOT / "build" / "release"))
 EXAMPLE = BUILD / "Examples/MorningRun/MorningRun.app/PlugIns/MorningRunExtension.appex"
 HOSTS = BUILD / "Tests/EndToEnd/hosts"
+KEEPING_EXAMPLE = HOSTS / "MorningRun.app/PlugIns/MorningRunExtension.appex"
 FRAMES_TOOL = BUILD / "Tools/skelda-frames/skelda-frames"
 COLLECTOR = BUILD / "Tools/skelda-collector/skelda-collector"
 PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
@@ -144,9 +145,13 @@ class Home:
         environment.update({k: str(v) for k, v in more.items()})
         return environment
 
-    def start(self, *arguments, bundle=None, environment=None, **popen):
-        bundle = bundle or self.bundle
-        return Process([bundle / bundle.stem, *arguments], env=environment or self.environment(), **popen)
+    def start(self, *arguments, bundle=None, environment=None, keep_sent=None, **popen):
+        """Starts the bundle's program; with `keep_sent`, the example that copies what it sends into that folder."""
+        bundle = bundle or (KEEPING_EXAMPLE if keep_sent else self.bundle)
+        environment = dict(environment or self.environment())
+        if keep_sent:
+            environment["SKELDA_TEST_KEEP_SENT"] = str(keep_sent)
+        return Process([bundle / bundle.stem, *arguments], env=environment, **popen)
 
     def run(self, *arguments, within=60.0, **more):
         """Runs the bundle's program to its end; the process, which must not have been killed."""

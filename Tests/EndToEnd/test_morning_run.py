@@ -37,7 +37,7 @@ class MorningRun(unittest.TestCase):
             self.assertEqual(NAMELESS, first.number("refused"))
             left = frame_log.frames_in(home.current_log)
             sent = home.path / "sent"
-            home.run("--events", "1", "--speed", "0", "--keep-sent", sent, "--server", NOWHERE)
+            home.run("--events", "1", "--speed", "0", "--server", NOWHERE, keep_sent=sent)
             logs = [frame_log.frames_in(path) for path in sent.iterdir()]
             self.assertEqual(1, len(logs))
             self.assertEqual([f.raw for f in left], [f.raw for f in logs[0][:-1]])
@@ -50,7 +50,7 @@ class MorningRun(unittest.TestCase):
         with Home() as home, Collector(home.path / "collector") as collector:
             give_identifiers(home)
             sent = home.path / "sent"
-            run = home.run("--rate", "200", "--server", collector.url, "--keep-sent", sent, "--linger", "30",
+            run = home.run("--rate", "200", "--server", collector.url, "--linger", "30", keep_sent=sent,
                            environment=home.environment(SSL_CERT_FILE=collector.authority))
             self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
             received = collector.logs()

@@ -200,7 +200,7 @@ class NoRoom(unittest.TestCase):
             run = quick(home, linger=3, preexec_fn=few)
             self.assertEqual(0, run.status, run.output)
             sent = home.path / "sent"
-            quick(home, "--keep-sent", sent)
+            quick(home, keep_sent=sent)
             kept = {frame.raw for path in [*sent.iterdir(), *home.committed_logs(), *home.blocks(), home.current_log]
                     for frame in frame_log.readable(path.read_bytes())[0]}
             self.assertEqual([], [raw for raw in before if raw not in kept])

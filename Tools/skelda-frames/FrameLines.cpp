@@ -1,20 +1,14 @@
 #include "Tools/skelda-frames/FrameLines.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <chrono>
 #include <iterator>
 
 #include "Platform/Foundation/JSONWriter.h"
-#include "Tools/skelda-frames/PayloadText.h"
+#include "Tools/Shared/PayloadText.h"
 
 namespace skelda::tools {
 namespace {
-
-/// The last millisecond of the year 9999, and the first of the year 1.
-constexpr std::int64_t kLastShown = 253402300799999;
-constexpr std::int64_t kFirstShown = -62135596800000;
 
 std::string crcText(const FrameRecord& frame) {
   if (!frame.hasCrc) return "-";
@@ -22,21 +16,6 @@ std::string crcText(const FrameRecord& frame) {
 }
 
 }  // namespace
-
-std::string wallClockText(std::int64_t milliseconds) {
-  if (milliseconds < kFirstShown || milliseconds > kLastShown) {
-    return fmt::format("{}ms", milliseconds);
-  }
-  const std::chrono::sys_time<std::chrono::milliseconds> time{
-      std::chrono::milliseconds(milliseconds)};
-  const auto day = std::chrono::floor<std::chrono::days>(time);
-  const std::chrono::year_month_day date(day);
-  const std::chrono::hh_mm_ss clock(time - day);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", static_cast<int>(date.year()),
-                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                     clock.hours().count(), clock.minutes().count(), clock.seconds().count(),
-                     clock.subseconds().count());
-}
 
 std::string frameLine(const FrameRecord& frame, bool plain) {
   std::string line = fmt::format("{} v{}{} {} {} {} up={}ms len={} crc={} ", frame.offset,

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Tools/skelda-frames/FrameLogReader.h"
+#include "Tools/Shared/FrameLogReader.h"
 
 namespace skelda::tools {
 
@@ -12,8 +12,5 @@ std::string frameLine(const FrameRecord& frame, bool plain);
 
 /// One frame as one JSON object, for programs.
 std::string frameJSON(const FrameRecord& frame, const std::string& file, bool plain);
-
-/// Milliseconds since 1970 as ISO 8601 in UTC; the bare number where no calendar goes that far.
-std::string wallClockText(std::int64_t milliseconds);
 
 }  // namespace skelda::tools

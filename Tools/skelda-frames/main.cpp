@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "Tools/skelda-frames/FrameInputs.h"
+#include "Tools/Shared/FrameInputs.h"
+#include "Tools/Shared/FrameLogReader.h"
+#include "Tools/Shared/FrameSummary.h"
+#include "Tools/Shared/PayloadText.h"
 #include "Tools/skelda-frames/FrameLines.h"
-#include "Tools/skelda-frames/FrameLogReader.h"
-#include "Tools/skelda-frames/FrameSummary.h"
 #include "Tools/skelda-frames/Output.h"
-#include "Tools/skelda-frames/PayloadText.h"
 
 namespace {
 

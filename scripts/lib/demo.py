@@ -58,11 +58,11 @@ def run_host(home, collector, sent, *arguments, phone_after=None):
     """One start of the watch application, to its end; how many events it says were accepted."""
     socket = home.path / "phone.socket"
     environment = home.environment(SSL_CERT_FILE=collector.authority, LANG="de_CH.UTF-8", TZ="Europe/Zurich")
-    arguments = ["--server", collector.url.replace("127.0.0.1", "localhost"), "--keep-sent", sent,
+    arguments = ["--server", collector.url.replace("127.0.0.1", "localhost"),
                  "--linger", "30", *arguments]
     if phone_after is not None:
         arguments += ["--phone", socket]
-    with home.start(*arguments, environment=environment) as host:
+    with home.start(*arguments, environment=environment, keep_sent=sent) as host:
         if phone_after is not None:
             time.sleep(phone_after)
             with Process([PHONE, socket]) as phone:

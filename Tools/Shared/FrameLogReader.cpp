@@ -1,16 +1,15 @@
-#include "Tools/skelda-frames/FrameLogReader.h"
+#include "Tools/Shared/FrameLogReader.h"
 
 #include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameFormat.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Tools/skelda-frames/Crc32.h"
+#include "Tools/Shared/Crc32.h"
 
 namespace skelda::tools {
 namespace {
@@ -48,6 +47,9 @@ FrameLogReader::FrameLogReader(int fd, std::size_t payloadLimit, std::function<v
       payloadLimit_(payloadLimit),
       beforeRead_(std::move(beforeRead)),
       buffer_(std::make_unique<char[]>(kBufferLength)) {}
+
+FrameLogReader::FrameLogReader(std::string_view log)
+    : fd_(-1), payloadLimit_(log.size()), ahead_(log) {}
 
 FrameLogReader::Result FrameLogReader::next(FrameRecord& frame) {
   frameOffset_ = position_;
@@ -114,7 +116,8 @@ bool FrameLogReader::takeAll(char* out, std::size_t length) {
 }
 
 std::string_view FrameLogReader::take(std::size_t length) {
-  if (begin_ == end_) {
+  if (ahead_.empty()) {
+    if (fd_ < 0) return {};
     if (beforeRead_) beforeRead_();
     ssize_t got = 0;
     while ((got = ::read(fd_, buffer_.get(), kBufferLength)) < 0) {
@@ -127,11 +130,10 @@ std::string_view FrameLogReader::take(std::size_t length) {
     }
     if (got < 0) error_ = errno;
     if (got <= 0) return {};
-    begin_ = 0;
-    end_ = static_cast<std::size_t>(got);
+    ahead_ = {buffer_.get(), static_cast<std::size_t>(got)};
   }
-  const std::string_view piece(buffer_.get() + begin_, std::min(length, end_ - begin_));
-  begin_ += piece.size();
+  const std::string_view piece = ahead_.substr(0, length);
+  ahead_.remove_prefix(piece.size());
   position_ += piece.size();
   return piece;
 }

@@ -1,4 +1,4 @@
-#include "Examples/MorningRun/SentLogKeeper.h"
+#include "Tests/Support/SentLogKeeper.h"
 
 #include <cstdio>
 #include <system_error>
@@ -23,5 +23,5 @@ void SentLogKeeper::frameLogFileDidUpdate(const std::string& fullPath) {
   std::error_code error;
   fs::copy_file(fullPath, partial, fs::copy_options::overwrite_existing, error);
   if (!error) fs::rename(partial, copy, error);
-  if (error) std::fprintf(stderr, "MorningRun: %s: %s\n", copy.c_str(), error.message().c_str());
+  if (error) std::fprintf(stderr, "sent log: %s: %s\n", copy.c_str(), error.message().c_str());
 }

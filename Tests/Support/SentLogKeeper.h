@@ -9,8 +9,7 @@
 #include "Platform/Foundation/Object.h"
 
 /// Keeps a copy of every frame log on its way to the server, so that what was received can be held
-/// against what was sent. A hook for test applications: an application in the field has no use for
-/// it, and its logs have no bound.
+/// against what was sent. The copies have no bound.
 class SentLogKeeper : public skelda::platform::Object, public ISkeldaStreamingDataObserver {
  public:
   /// Copies go to `folder`, which is made, under the names of the logs. Before the first event.

@@ -44,6 +44,8 @@ class FrameLogReader {
   /// `fd` stays the caller's. `beforeRead` is called whenever the reader is about to wait for
   /// bytes.
   FrameLogReader(int fd, std::size_t payloadLimit, std::function<void()> beforeRead = {});
+  /// A log in memory, which outlives the reader. Payloads are kept whole.
+  explicit FrameLogReader(std::string_view log);
 
   Result next(FrameRecord& frame);
 
@@ -67,8 +69,7 @@ class FrameLogReader {
   std::size_t payloadLimit_;
   std::function<void()> beforeRead_;
   std::unique_ptr<char[]> buffer_;
-  std::size_t begin_ = 0;
-  std::size_t end_ = 0;
+  std::string_view ahead_;  // what was read and not yet taken
   std::uint64_t position_ = 0;
   std::uint64_t frameOffset_ = 0;
   std::string problem_;

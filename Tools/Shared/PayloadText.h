@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "Platform/Foundation/Value.h"
-#include "Tools/skelda-frames/FrameLogReader.h"
+#include "Tools/Shared/FrameLogReader.h"
 
 namespace skelda::tools {
 
@@ -25,9 +25,15 @@ platform::Dictionary decodedPayload(const FrameRecord& frame, const platform::Di
 std::optional<std::string> decodedText(std::string_view text);
 std::optional<std::string> decodedTextOf(const platform::Value* value);
 
-/// What keeps the frame from being one that the agent wrote: an unknown type, a wrong CRC, a
-/// payload that is no JSON object. Empty for a good one. The payload itself is looked at only where
-/// it has been kept whole.
+/// Milliseconds since 1970 as ISO 8601 in UTC; the bare number where no calendar goes that far.
+std::string wallClockText(std::int64_t milliseconds);
+
+/// A wrong CRC, or a payload that is no JSON object; empty where there is neither. The payload is
+/// looked at only where it has been kept whole.
+std::string flawOf(const FrameRecord& frame);
+
+/// What keeps the frame from being one that the agent wrote: an unknown type, or a flaw.
+/// Empty for a good one.
 std::string damageOf(const FrameRecord& frame);
 
 }  // namespace skelda::tools

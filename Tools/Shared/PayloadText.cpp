@@ -1,7 +1,8 @@
-#include "Tools/skelda-frames/PayloadText.h"
+#include "Tools/Shared/PayloadText.h"
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <iterator>
 #include <utility>
 
@@ -12,6 +13,10 @@
 
 namespace skelda::tools {
 namespace {
+
+/// The last millisecond of the year 9999, and the first of the year 1.
+constexpr std::int64_t kLastShown = 253402300799999;
+constexpr std::int64_t kFirstShown = -62135596800000;
 
 /// Of a character in well-formed UTF-8.
 std::uint32_t codePoint(std::string_view character) {
@@ -94,13 +99,31 @@ platform::Dictionary decodedPayload(const FrameRecord& frame, const platform::Di
   return decoded;
 }
 
-std::string damageOf(const FrameRecord& frame) {
-  if (frame.className.empty()) return fmt::format("unknown frame type {}", frame.type);
+std::string wallClockText(std::int64_t milliseconds) {
+  if (milliseconds < kFirstShown || milliseconds > kLastShown) {
+    return fmt::format("{}ms", milliseconds);
+  }
+  const std::chrono::sys_time<std::chrono::milliseconds> time{
+      std::chrono::milliseconds(milliseconds)};
+  const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(time - day);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", static_cast<int>(date.year()),
+                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                     clock.hours().count(), clock.minutes().count(), clock.seconds().count(),
+                     clock.subseconds().count());
+}
+
+std::string flawOf(const FrameRecord& frame) {
   if (frame.hasCrc && !frame.hasRightCrc()) {
     return fmt::format("CRC {:08x}, stored {:08x}", frame.computedCrc, frame.storedCrc);
   }
   if (frame.hasWholePayload() && !parsedPayload(frame)) return "the payload is no JSON object";
   return {};
+}
+
+std::string damageOf(const FrameRecord& frame) {
+  return frame.className.empty() ? fmt::format("unknown frame type {}", frame.type) : flawOf(frame);
 }
 
 }  // namespace skelda::tools

@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "Tools/skelda-frames/FrameLogReader.h"
+#include "Tools/Shared/FrameLogReader.h"
 
 namespace skelda::tools {
 
@@ -14,6 +14,9 @@ namespace skelda::tools {
 class FrameSummary {
  public:
   void add(const FrameRecord& frame);
+  std::uint64_t frames() const noexcept { return frames_; }
+  std::uint64_t sessions() const noexcept { return sessions_.size(); }
+  std::uint64_t events() const noexcept { return events_; }
   /// Several lines, each with its line feed.
   std::string text() const;
 

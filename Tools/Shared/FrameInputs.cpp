@@ -1,4 +1,4 @@
-#include "Tools/skelda-frames/FrameInputs.h"
+#include "Tools/Shared/FrameInputs.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "Tools/skelda-frames/FrameLogReader.h"
+#include "Tools/Shared/FrameLogReader.h"
 
 namespace skelda::tools {
 namespace {

@@ -1,4 +1,4 @@
-#include "Tools/skelda-frames/FrameSummary.h"
+#include "Tools/Shared/FrameSummary.h"
 
 #include <fmt/format.h>
 
@@ -7,8 +7,7 @@
 #include <vector>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Tools/skelda-frames/FrameLines.h"
-#include "Tools/skelda-frames/PayloadText.h"
+#include "Tools/Shared/PayloadText.h"
 
 namespace skelda::tools {
 namespace {
