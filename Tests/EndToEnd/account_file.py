@@ -1,0 +1,212 @@
+"""A reading of the agent's intake file of its own, to hold the agent's account against: what is
+counted there, and which records wait. Of a live agent or of a dead one. Standard library only.
+
+    python3 Tests/EndToEnd/account_file.py FILE
+
+The bytes are told in docs/intake-format.md.
+"""
+
+import dataclasses
+import pathlib
+import pprint
+import struct
+import sys
+
+HEADER, SEGMENTS, UNIT, RECORD = 4096, 4, 16, 48
+OFFSET_BITS, KIND_SHIFT = 24, 56
+PUBLISHED, SETTLED = 1, 2
+KINDS = ("events", "choices")
+OUTCOMES = ("stored", "sessionCap", "sessionDuration", "repeated", "notUTF8", "wrongKind", "serializer", "otherKey",
+            "otherVersion", "replayedTooOften")
+REFUSALS = ("noKey", "notAnExtension", "badName", "insideSink", "otherProcess", "overTheBound", "forkedChild",
+            "tooDeep", "tooLong", "noMemory")
+LOG_REMOVALS = ("folderFull", "thirdFailedTry", "unreadable", "copyFailed")
+BLOCK_REMOVALS = ("overLimit", "otherKey", "damaged")
+# In the order of the page, with how many numbers each has.
+COUNTERS = (("accepted", 2), ("cutOff", 2), ("replayed", 2), ("unprotected", 2), ("settled", 20), ("refused", 10),
+            ("framesWritten", 1), ("framesLost", 1), ("synchronizationsFailed", 1), ("logsCommited", 1),
+            ("logsStored", 1), ("logsRemoved", 4), ("blocksStored", 1), ("blocksAcknowledged", 1),
+            ("blocksRejected", 1), ("blocksRemoved", 3), ("bytesSent", 1), ("requests", 1), ("lastAnswer", 1),
+            ("lastAnswerTime", 1), ("linesDropped", 1), ("inconsistent", 1))
+# More calls than this are never under way at a kill.
+MOST_CUT_OFF = 64
+
+_MASK = (1 << 64) - 1
+
+
+class NoIntakeFile(Exception):
+    """What is at the path is no intake file."""
+
+
+@dataclasses.dataclass(frozen=True)
+class Record:
+    ticket: int
+    kind: str
+    sequence: int
+    microseconds: int
+    uptime: int
+    attempts: int
+    payload: bytes
+
+
+@dataclasses.dataclass
+class Records:
+    """Of events or of choices. `missing` are numbered, but neither settled nor found waiting: calls
+    that a kill cut off, or that are under way."""
+
+    accepted: int
+    stored: int
+    waiting: int
+    cut_off: int
+    dropped: dict
+    replayed: int
+    unprotected: int
+
+    @property
+    def missing(self):
+        return self.accepted - self.stored - sum(self.dropped.values()) - self.waiting - self.cut_off
+
+
+@dataclasses.dataclass
+class AccountFile:
+    events: Records
+    choices: Records
+    refused: dict
+    logs_removed: dict
+    blocks_removed: dict
+    numbers: dict  # every other counter, by its name in the page
+    waiting: list  # Records, oldest first
+    capacity: int
+    half_settled: bool  # a kill fell into a settling; what it was to become is counted as done
+
+    def problems(self, home=None, killed=False):
+        """Texts, none when all adds up. With `killed`, no start has come after the last kill: calls
+        may be cut off that nothing has counted yet. With a home, its logs and blocks as well, which
+        only a start puts right that came after the last kill."""
+        wrong = []
+        for name in KINDS:
+            records = getattr(self, name)
+            if not 0 <= records.missing <= (MOST_CUT_OFF if killed else 0):
+                wrong.append(f"{name}: {records.missing} are missing of {records}")
+        if self.numbers["inconsistent"]:
+            wrong.append(f"{self.numbers['inconsistent']} starts had to correct the account")
+        if home is not None:
+            number = self.numbers
+            self._hold(wrong, "logs", number["logsCommited"], number["logsStored"], len(home.committed_logs()),
+                       sum(self.logs_removed.values()))
+            self._hold(wrong, "blocks", number["blocksStored"], number["blocksAcknowledged"],
+                       number["blocksRejected"], len(home.blocks()), sum(self.blocks_removed.values()))
+        return wrong
+
+    @staticmethod
+    def _hold(wrong, name, whole, *parts):
+        if whole != sum(parts):
+            wrong.append(f"{name}: {whole} are not {' + '.join(map(str, parts))}")
+
+
+def _rotated(value, by):
+    return (value << by | value >> 64 - by) & _MASK
+
+
+def checksum(salt, place, data):
+    """Of whole units, in two lanes."""
+    a, b = salt, place
+    for first, second in struct.iter_unpack("<QQ", data):
+        a = _rotated(a ^ first, 23) * 0x9E3779B97F4A7C15 & _MASK
+        b = _rotated(b ^ second, 23) * 0xC2B2AE3D27D4EB4F & _MASK
+    value = a ^ _rotated(b, 32)
+    value = (value ^ value >> 29) * 0x9E3779B97F4A7C15 & _MASK
+    return value ^ value >> 32
+
+
+class _File:
+    def __init__(self, data):
+        if len(data) < HEADER or data[:8] != b"SkIntake":
+            raise NoIntakeFile("no intake file")
+        self.data = data
+        version, header, self.segment_length, self.salt, stored = struct.unpack_from("<IIQQQ", data, 8)
+        if version != 1 or header != HEADER or stored != checksum(0, 0, data[:32]):
+            raise NoIntakeFile(f"format {version}, or a damaged head")
+        if len(data) != HEADER + SEGMENTS * self.segment_length:
+            raise NoIntakeFile(f"{len(data)} bytes")
+        self.tail, = struct.unpack_from("<Q", data, 64)
+        self.left = struct.unpack_from("<4Q", data, 128)
+        self.settled = struct.unpack_from("<4Q", data, 160)
+        self.intent = struct.unpack_from("<3Q", data, 192)
+
+    def record(self, generation, unit, end):
+        """The record there, with its phase; None where none is."""
+        at = HEADER + generation % SEGMENTS * self.segment_length + unit * UNIT
+        state = struct.unpack_from("<Q", self.data, at + 40)[0] ^ self.salt
+        if state >> OFFSET_BITS != generation or state & 0xFF not in (PUBLISHED, SETTLED):
+            return None
+        length, _, numbered, date, uptime, stored = struct.unpack_from("<IIQqqQ", self.data, at)
+        units = (RECORD + length + UNIT - 1) // UNIT
+        kind = numbered >> KIND_SHIFT
+        place = generation << OFFSET_BITS | unit
+        if unit + units > end or kind not in (1, 2):
+            return None
+        payload = self.data[at + RECORD:at + units * UNIT]
+        if stored != checksum(self.salt, place, self.data[at:at + 32] + payload):
+            return None
+        record = Record(place, KINDS[kind - 1], numbered & (1 << KIND_SHIFT) - 1, date, uptime, state >> 8 & 0xFF,
+                        bytes(payload[:length]))
+        return record, state & 0xFF, units
+
+    def waiting(self):
+        last = self.tail >> OFFSET_BITS
+        for generation in range(max(last - SEGMENTS + 1, 0), last + 1):
+            index = generation % SEGMENTS
+            end = self.tail if generation == last else self.left[index]
+            if end >> OFFSET_BITS != generation or self.settled[index] == end:
+                continue
+            unit, units = 0, end & (1 << OFFSET_BITS) - 1
+            while unit + RECORD // UNIT <= units:
+                found = self.record(generation, unit, units)
+                if found is None:
+                    unit += 1  # a call that was cut off left a hole of some length
+                    continue
+                if found[1] == PUBLISHED and found[0].ticket != self.intent[0]:
+                    yield found[0]
+                unit += found[2]
+
+
+def read(path):
+    """The account at this moment; sums of a live agent hold where nothing is under way."""
+    file = _File(pathlib.Path(path).read_bytes())
+    counters, at = {}, 256
+    for name, count in COUNTERS:
+        counters[name] = list(struct.unpack_from(f"<{count}Q", file.data, at))
+        at += 8 * count
+    ticket, counter, value = file.intent
+    if ticket:
+        counters["settled"][counter] = value
+    waiting = list(file.waiting())
+
+    def records(index):
+        settled = dict(zip(OUTCOMES, counters["settled"][10 * index:10 * index + 10]))
+        return Records(accepted=counters["accepted"][index], stored=settled.pop("stored"),
+                       waiting=sum(record.kind == KINDS[index] for record in waiting),
+                       cut_off=counters["cutOff"][index], dropped=settled, replayed=counters["replayed"][index],
+                       unprotected=counters["unprotected"][index])
+
+    return AccountFile(events=records(0), choices=records(1), refused=dict(zip(REFUSALS, counters["refused"])),
+                       logs_removed=dict(zip(LOG_REMOVALS, counters["logsRemoved"])),
+                       blocks_removed=dict(zip(BLOCK_REMOVALS, counters["blocksRemoved"])),
+                       numbers={name: counters[name][0] for name, count in COUNTERS if count == 1}, waiting=waiting,
+                       capacity=SEGMENTS * file.segment_length, half_settled=bool(ticket))
+
+
+def of(home):
+    """Of an installation: see support.Home. The agent's version is part of the name."""
+    found = sorted(home.storage.glob(".skeldaIntake_*.journal"))
+    if len(found) != 1:
+        raise NoIntakeFile(f"{len(found)} intake files in {home.storage}")
+    return read(found[0])
+
+
+if __name__ == "__main__":
+    try:
+        pprint.pprint(read(sys.argv[1]), width=110, compact=True)
+    except BrokenPipeError:
+        pass
