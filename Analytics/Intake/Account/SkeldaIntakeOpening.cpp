@@ -194,6 +194,7 @@ class SkeldaIntakeOpening {
     for (const std::string& other : others()) {
       const auto theirs = made();
       if (!theirs || load(other, *theirs) != 0) continue;
+      theirs->page_->version = {};  // its name counts
       putRight(*theirs);
       // First removed: counts that a kill cuts short are made good, those taken twice are not.
       if (FileCalls::current().unlink(other.c_str()) != 0) continue;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
+#include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -77,6 +78,23 @@ struct Numbered {
     return numbered;
   }
 };
+
+/// A place of a record, and the record.
+struct Slot {
+  SkeldaIntakeLayout::Place place;
+  SkeldaIntakeLayout::Record& record;
+};
+
+/// `edit` is given the bytes of the file, which it may alter.
+template <class Edit>
+void editFile(const std::string& path, Edit edit) {
+  std::string bytes = readFile(path);
+  alignas(64) static char aligned[std::size_t{1} << 20];
+  ASSERT_LE(bytes.size(), sizeof aligned);
+  std::memcpy(aligned, bytes.data(), bytes.size());
+  edit(aligned);
+  writeFile(path, {aligned, bytes.size()});
+}
 
 /// Bytes of the mapped file that count as memory of this process.
 inline std::size_t residentOf(const std::string& path) {

@@ -1,0 +1,321 @@
+// What a start finds in the intake file that an earlier process left.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
+#include "Tests/Analytics/Intake/Account/IntakeFiles.h"
+#include "Tests/Support/FaultyFiles.h"
+
+namespace skelda::testing {
+namespace {
+
+using Kind = SkeldaIntakeFile::Kind;
+using Outcome = SkeldaIntakeOutcome;
+
+class SkeldaIntakeOpeningTest : public ::testing::Test, protected IntakeFiles {
+ protected:
+  std::vector<std::string> names() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+};
+
+std::vector<std::string> payloadsOf(SkeldaIntakeFile& file) {
+  std::vector<std::string> payloads;
+  while (const auto record = file.takeOldest()) payloads.push_back(record->payload);
+  return payloads;
+}
+
+/// What threads of a child that is killed tell its parent.
+struct Told {
+  static constexpr std::size_t kMost = 1 << 20;
+  struct Thread {
+    std::atomic<std::uint64_t> returned;                  ///< calls, numbered from 0
+    std::array<std::atomic<std::uint8_t>, kMost> stored;  ///< times that the call's record was
+  };
+  std::array<Thread, 4> threads;
+  std::atomic<bool> isAtWork;
+};
+
+void work(const IntakeFiles& files, Told& told, std::mt19937 chance) {
+  const auto file = files.open();
+  for (std::size_t thread = 0; thread < told.threads.size(); ++thread) {
+    std::thread([file, &mine = told.threads[thread], thread, sizes = chance]() mutable {
+      for (std::uint64_t index = mine.returned + 1;; ++index) {
+        const Numbered payload{thread, index, sizes() % (index % 50 == 0 ? 3000 : 200)};
+        while (append(*file, payload.text(), index % 7 == 0 ? Kind::choice : Kind::event) == 0) {
+          std::this_thread::yield();
+        }
+        mine.returned.store(index);
+      }
+    }).detach();
+  }
+  // Some are always under way.
+  std::vector<std::pair<SkeldaIntakeTicket, Numbered>> underWay;
+  for (;;) {
+    while (const auto record = file->takeOldest()) {
+      underWay.emplace_back(record->ticket, Numbered::of(record->payload).value());
+      if (underWay.size() >= 30) break;
+    }
+    told.isAtWork = true;
+    std::shuffle(underWay.begin(), underWay.end(), chance);
+    for (std::size_t left = underWay.size() / 2; underWay.size() > left; underWay.pop_back()) {
+      const auto& [ticket, which] = underWay.back();
+      ++told.threads[which.thread].stored[which.index];
+      file->settle(ticket, static_cast<Outcome>(which.index % kSkeldaIntakeOutcomeCount));
+    }
+  }
+}
+
+TEST_F(SkeldaIntakeOpeningTest, AKillAtAnyInstantLosesNoCallThatHadReturned) {
+  auto* told = static_cast<Told*>(::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE,
+                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(told, MAP_FAILED);
+  std::mt19937 chance(20260101);
+  std::uint64_t cutOff = 0;
+  std::uint64_t twice = 0;
+  for (int kill = 0; kill < 200; ++kill) {
+    {
+      told->isAtWork = false;
+      ChildProcess child([&] {
+        work(*this, *told, chance);
+        return 0;
+      });
+      while (!told->isAtWork) std::this_thread::yield();
+      std::this_thread::sleep_for(std::chrono::microseconds(chance() % 3000));
+    }
+    const auto file = open();
+    ASSERT_FALSE(file->opening().wasInconsistent) << kill;
+    ASSERT_TRUE(addsUp(*file)) << kill;
+    const auto& opening = file->opening();
+    cutOff += opening.cutOff[0] + opening.cutOff[1];
+    ASSERT_LE(opening.cutOff[0] + opening.cutOff[1], 4U) << kill;
+    // Some of what is left goes through, now or with a later start; the rest waits on.
+    std::array<std::set<std::uint64_t>, 4> waiting;
+    std::uint64_t count = 0;
+    std::vector<SkeldaIntakeTicket> tickets;
+    while (const auto record = file->takeOldest()) {
+      const auto which = Numbered::of(record->payload);
+      ASSERT_TRUE(which && record->isReplayed && record->isOfThisBoot);
+      ASSERT_TRUE(waiting[which->thread].insert(which->index).second);
+      twice += told->threads[which->thread].stored[which->index];
+      tickets.push_back(record->ticket);
+      ++count;
+      if (file->takenCount() > 0 && !file->hasUntaken()) {
+        // The next one goes alone: what is under way must be done before.
+        for (const auto ticket : tickets) file->settle(ticket, Outcome::stored);
+        tickets.clear();
+      }
+    }
+    ASSERT_EQ(count, opening.waiting[0] + opening.waiting[1]);
+    for (std::size_t thread = 0; thread < 4; ++thread) {
+      Told::Thread& one = told->threads[thread];
+      for (std::uint64_t index = 1; index <= one.returned; ++index) {
+        ASSERT_TRUE(one.stored[index] > 0 || waiting[thread].contains(index))
+            << "kill " << kill << ": call " << index << " of thread " << thread;
+      }
+      for (const auto index : waiting[thread]) ++one.stored[index];
+      // The call that the kill fell into may be there as well.
+      if (waiting[thread].contains(one.returned + 1) || one.stored[one.returned + 1] > 0) {
+        ++one.returned;
+      }
+    }
+    for (const auto ticket : tickets) file->settle(ticket, Outcome::stored);
+    ASSERT_TRUE(file->waitUntilSettled(std::chrono::steady_clock::now()));
+  }
+  RecordProperty("cutOff", static_cast<int>(cutOff));
+  RecordProperty("storedTwice", static_cast<int>(twice));
+  ::munmap(told, sizeof(Told));
+}
+
+TEST_F(SkeldaIntakeOpeningTest, ASettlingThatAKillCutShortIsCompleted) {
+  using namespace SkeldaIntakeLayout;
+  // The stores of one settling, in their order; the kill comes after the first few of them.
+  const std::vector<std::function<void(Page&, Slot&)>> stores = {
+      [](Page& page, Slot&) { page.intentCounter = 3; },
+      [](Page& page, Slot&) { page.intentValue = 1; },
+      [](Page& page, Slot& slot) { page.intentTicket = slot.place.word(); },
+      [](Page& page, Slot& slot) {
+        slot.record.state = State{slot.place.generation(), 0, State::settled}.word(page.salt);
+      },
+      [](Page& page, Slot&) { page.account.settled[0][3] = 1; },
+      [](Page& page, Slot&) { page.intentTicket = 0; },
+      [](Page& page, Slot& slot) {
+        page.settled[0] = Place(slot.place.generation(), slot.record.units()).word();
+      }};
+  for (std::size_t kill = 0; kill <= stores.size(); ++kill) {
+    std::filesystem::remove(path_);
+    SkeldaIntakeTicket ticket = 0;
+    {
+      const auto file = open();
+      for (const char* payload : {"one", "two", "three"}) append(*file, payload);
+      ticket = file->takeOldest().value().ticket;
+    }
+    editFile(path_, [&](char* bytes) {
+      const Place place(ticket);
+      auto& page = *reinterpret_cast<Page*>(bytes);
+      auto& record = *reinterpret_cast<Record*>(bytes + SkeldaIntakeFile::kHeaderLength +
+                                                place.units() * SkeldaIntakeFile::kAlignment);
+      Slot slot{place, record};
+      for (std::size_t i = 0; i < kill; ++i) stores[i](page, slot);
+    });
+    const auto file = open();
+    const bool isSettled = kill > 2;
+    EXPECT_EQ(file->page().settled[0][3], isSettled ? 1U : 0U) << kill;
+    EXPECT_TRUE(addsUp(*file)) << kill;
+    EXPECT_EQ(file->opening().cutOff[0], 0U) << kill;
+    EXPECT_EQ(payloadsOf(*file).size(), isSettled ? 2U : 3U) << kill;
+  }
+}
+
+TEST_F(SkeldaIntakeOpeningTest, WhatStartsDieOfIsTakenAloneAndDroppedInTheEnd) {
+  for (const char* payload : {"poison", "harmless"}) append(*open(), payload);
+  for (unsigned start = 0; start < SkeldaIntakeFile::kAttemptsBesideOthers; ++start) {
+    EXPECT_EQ(payloadsOf(*open()).size(), 2U) << start;
+  }
+  for (unsigned start = 0; start < SkeldaIntakeFile::kAttemptsAlone; ++start) {
+    EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"poison"}) << start;
+  }
+  const auto file = open();
+  EXPECT_EQ(file->opening().replayedTooOften, 1U);
+  const auto record = file->takeOldest().value();
+  EXPECT_EQ(record.payload, "harmless");
+  append(*file, "new");
+  EXPECT_FALSE(file->hasUntaken());
+  EXPECT_TRUE(file->settle(record.ticket, Outcome::stored));
+  EXPECT_EQ(payloadsOf(*file), std::vector<std::string>{"new"});
+  EXPECT_EQ(file->page().replayed[0], 2U);
+  EXPECT_TRUE(addsUp(*file));
+}
+
+TEST_F(SkeldaIntakeOpeningTest, RecordsOfAnotherKeyOrVersionAreDroppedWithThatReason) {
+  append(*open(), "one", Kind::choice);
+  {
+    const auto file = open(kKey + 1);
+    EXPECT_EQ(file->opening().otherKey, 1U);
+    EXPECT_FALSE(file->hasUntaken());
+  }
+  append(*SkeldaIntakeFile::open(directory_ / ".intake_260.journal", kCapacity, kKey + 1), "two");
+  {
+    const auto file = open(kKey + 1);
+    EXPECT_EQ(file->opening().otherVersion, 1U);
+    append(*file, "three");
+  }
+  // Both versions' files side by side: the other one's account is added and its file goes.
+  std::filesystem::copy(path_, directory_ / ".intake_9.journal");
+  const auto file = open(kKey + 1);
+  EXPECT_EQ(names(), std::vector<std::string>{".intake_261.journal"});
+  EXPECT_EQ(payloadsOf(*file), std::vector<std::string>{"three"});
+  const auto& page = file->page();
+  const auto& settled = page.settled;
+  EXPECT_EQ(settled[1][static_cast<std::size_t>(Outcome::otherKey)], 2U);
+  EXPECT_EQ(settled[0][static_cast<std::size_t>(Outcome::otherVersion)], 3U);
+  EXPECT_TRUE(addsUp(*file));
+}
+
+TEST_F(SkeldaIntakeOpeningTest, WhatIsNoIntakeFileIsSetAsideAndBegunAnew) {
+  const std::function<void()> damages[] = {
+      [&] { writeFile(path_, ""); },
+      [&] { writeFile(path_, std::string(4096 + kCapacity, '\0')); },
+      [&] { std::filesystem::resize_file(path_, 4096 + kCapacity - 1); },
+      [&] { editFile(path_, [](char* bytes) { ++bytes[24]; }); },   // its salt
+      [&] { editFile(path_, [](char* bytes) { ++bytes[150]; }); },  // where a segment was left
+      [&] { std::filesystem::remove(path_), std::filesystem::create_directory(path_); },
+      [&] { std::filesystem::remove(path_), ::mkfifo(path_.c_str(), 0600); },
+      [&] {
+        std::filesystem::rename(path_, path_ + ".unread_by_hand");
+        std::filesystem::create_symlink(path_ + ".unread_by_hand", path_);
+      }};
+  for (const auto& damage : damages) {
+    append(*open(), "lost");
+    damage();
+    const auto file = open();
+    EXPECT_TRUE(file->opening().setAside.starts_with(path_ + ".unread_"));
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::symlink_status(file->opening().setAside)));
+    EXPECT_NE(append(*file, "one"), kSkeldaNoTicket);
+    EXPECT_TRUE(addsUp(*file));
+    EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"one"});
+    for (const auto& name : names()) std::filesystem::remove_all(directory_ / name);
+  }
+}
+
+TEST_F(SkeldaIntakeOpeningTest, AnAccountThatDoesNotAddUpIsCorrectedAndSaid) {
+  struct {
+    std::uint64_t accepted, cutOff;
+    bool isInconsistent;
+  } const cases[] = {{3, 2, false}, {1 + 65, 65, true}, {0, 0, true}};
+  for (const auto& [accepted, cutOff, isInconsistent] : cases) {
+    std::filesystem::remove(path_);
+    {
+      const auto file = open();
+      append(*file, "one");
+      file->page().accepted[0] = accepted;
+    }
+    const auto file = open();
+    EXPECT_EQ(file->opening().cutOff[0], cutOff) << accepted;
+    EXPECT_EQ(file->opening().wasInconsistent, isInconsistent) << accepted;
+    EXPECT_EQ(file->page().inconsistent, isInconsistent ? 1U : 0U) << accepted;
+    EXPECT_TRUE(addsUp(*file)) << accepted;
+    EXPECT_EQ(file->waitingCount(Kind::event), 1U) << accepted;
+  }
+}
+
+TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFileIsLeftAlone) {
+  for (const char* kind : {"open", "allocate", "write", "rename"}) {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind(kind, 1, {.error = ENOSPC});
+    platform::ErrorRef error;
+    const auto file = SkeldaIntakeFile::open(path_, kCapacity, kKey, &error);
+    EXPECT_FALSE(file->isProtected()) << kind;
+    ASSERT_NE(error, nullptr) << kind;
+    EXPECT_EQ(error->code(), ENOSPC) << kind;
+    EXPECT_EQ(file->capacity(), kCapacity) << kind;
+    EXPECT_NE(append(*file, "one"), kSkeldaNoTicket) << kind;
+    EXPECT_EQ(names(), std::vector<std::string>{}) << kind;
+  }
+  append(*open(), "kept");
+  {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {.error = EMFILE});
+    EXPECT_FALSE(SkeldaIntakeFile::open(path_, kCapacity, kKey)->isProtected());
+  }
+  EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"kept"});
+}
+
+TEST_F(SkeldaIntakeOpeningTest, AnotherCapacityIsTakenOnOnceNothingWaits) {
+  append(*open(), "one");
+  {
+    const auto file = open(kKey, 2 * kCapacity);
+    EXPECT_EQ(file->capacity(), kCapacity);
+    file->settle(file->takeOldest().value().ticket, Outcome::stored);
+  }
+  const auto file = open(kKey, 2 * kCapacity);
+  EXPECT_EQ(file->capacity(), 2 * kCapacity);
+  EXPECT_EQ(file->page().accepted[0], 1U);
+  EXPECT_TRUE(addsUp(*file));
+  EXPECT_EQ(std::filesystem::file_size(path_), 4096 + 2 * kCapacity);
+  struct ::stat status;
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_GE(static_cast<std::size_t>(status.st_blocks) * 512, 2 * kCapacity);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+}  // namespace
+}  // namespace skelda::testing
