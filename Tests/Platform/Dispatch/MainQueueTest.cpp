@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 
@@ -65,7 +66,23 @@ TEST(MainQueueTest, AHostThreadTakesItOverAndGivesItBack) {
 
 TEST(MainQueueTest, AStopThatComesBeforeTheHostServesIsNotLost) {
   MainQueue::stop();
+  threadOfMainQueue();  // served by the layer meanwhile
   EXPECT_TRUE(MainQueue::run());
+}
+
+TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
+  std::thread host([] { EXPECT_TRUE(MainQueue::run()); });
+  while (threadOfMainQueue() != host.get_id()) std::this_thread::yield();
+  std::atomic<int> afterTheStop{0};
+  Queue::main()->async([&] {
+    for (int i = 0; i < 20; ++i) {
+      Queue::main()->async([&] { afterTheStop += std::this_thread::get_id() == host.get_id(); });
+    }
+    MainQueue::stop();
+  });
+  expectDrained(Queue::main());
+  EXPECT_EQ(afterTheStop, 0);
+  host.join();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "Platform/Dispatch/Queue.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -166,16 +167,94 @@ TEST_P(SuspensionTest, ABlockThatSuspendsItsQueueIsTheLastOne) {
   EXPECT_TRUE(overran);
 }
 
-TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocks) {
-  QueueRef queue = make();
-  const auto held = std::make_shared<int>();
-  const GroupRef group = Group::make();
-  queue->suspend();
-  queue->groupAsync(group, [held] {});
-  queue.reset();
-  // A drain that was under way may still hold it for a moment.
-  EXPECT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(20))), 0);
-  EXPECT_EQ(held.use_count(), 1);
+TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocksAndThoseOfTheQueuesAboveIt) {
+  for (const bool early : {false, true}) {
+    QueueRef queue = make();
+    QueueRef above = Queue::serial("above", queue);
+    const auto held = std::make_shared<int>();
+    const GroupRef group = Group::make();
+    queue->suspend();
+    for (const QueueRef& each : {queue, above, Queue::concurrent("gate", above)}) {
+      each->groupAsync(group, [held] {});
+    }
+    std::thread caller([above] {
+      EXPECT_THROW(above->sync([] { FAIL(); }), WaitRefused);
+      EXPECT_THROW(above->sync([] { FAIL(); }), WaitRefused) << "nor does it later";
+    });
+    if (early) above.reset();
+    queue.reset();
+    caller.join();
+    above.reset();
+    // A drain that was under way may still hold it for a moment.
+    EXPECT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(20))), 0);
+    EXPECT_EQ(held.use_count(), 1);
+  }
+}
+
+TEST(QueueTest, ASynchronousBlockAboveAQueueThatItsCallerHoldsRunsAtOnce) {
+  const QueueRef shared = Queue::serial("shared");
+  for (const QueueRef& target :
+       {shared, Queue::main(), Queue::serial("above main", Queue::main())}) {
+    const QueueRef first = Queue::serial("first", target);
+    const QueueRef second = Queue::serial("second", Queue::concurrent("gate", target));
+    const Happening done;
+    std::string order;
+    second->suspend();
+    second->async([&] { order += "later "; });
+    first->async([&] {
+      second->resume();  // what it has now waits for the target
+      second->sync([&] {
+        EXPECT_TRUE(second->isCurrent() && first->isCurrent());
+        order += "at once ";
+      });
+      done.happen();
+    });
+    EXPECT_TRUE(done.cameInTime()) << target->label();
+    expectDrained(second);
+    EXPECT_EQ(order, "at once later ");
+  }
+}
+
+TEST(QueueTest, WhereABlockRunsForACallerThatWaitsTheCallersQueuesAreCurrent) {
+  const QueueRef shared = Queue::serial("shared");
+  const QueueRef outer = Queue::serial("outer", shared);
+  const QueueRef onMain = Queue::serial("on main", Queue::main());
+  int ran = 0;
+  outer->sync([&] {
+    const auto caller = std::this_thread::get_id();
+    onMain->sync([&] {
+      EXPECT_NE(std::this_thread::get_id(), caller);
+      EXPECT_TRUE(outer->isCurrent() && shared->isCurrent() && onMain->isCurrent());
+      Queue::serial("beside", shared)->sync([&] { ++ran; });
+      EXPECT_THROW(outer->sync([] { FAIL(); }), WaitRefused);
+    });
+    EXPECT_FALSE(onMain->isCurrent());
+  });
+  EXPECT_EQ(ran, 1);
+}
+
+TEST(QueueTest, AWaitThatCannotEndIsRefusedWithTheNamesOfBothQueues) {
+  const QueueRef queue = Queue::serial("the waiting one");
+  const QueueRef closed = Queue::serial("the closed one", queue);
+  const QueueRef alone = Queue::concurrent("with a barrier");
+  closed->suspend();
+  const auto refusal = [](const QueueRef& on) -> std::string {
+    try {
+      on->barrierSync([] { ADD_FAILURE(); });
+    } catch (const WaitRefused& refused) {
+      return refused.what();
+    }
+    return "";
+  };
+  queue->sync([&] {
+    EXPECT_EQ(refusal(queue),
+              "platform::Queue: a synchronous block on \"the waiting one\" would wait for ever for "
+              "\"the waiting one\"");
+    EXPECT_THAT(refusal(closed), testing::HasSubstr("the closed one"));
+  });
+  alone->sync([&] { EXPECT_THAT(refusal(alone), testing::HasSubstr("with a barrier")); });
+  closed->resume();
+  for (const QueueRef& each : {queue, closed, alone}) expectDrained(each);
 }
 
 TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {

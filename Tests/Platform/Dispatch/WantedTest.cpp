@@ -1,0 +1,207 @@
+// What the layer does without when the system refuses it something, in a process of its own each
+// time, so that the refusal meets the very first use.
+
+#include "Platform/Dispatch/Wanted.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <semaphore>
+#include <string>
+#include <thread>
+
+#include "Platform/Dispatch/FolderSource.h"
+#include "Platform/Dispatch/MainQueue.h"
+#include "Platform/Dispatch/ReadSource.h"
+#include "Tests/Platform/Dispatch/Waiting.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace {
+
+/// A call of the system that is refused the next few times.
+struct Refusable {
+  const char* name;
+  int error;
+  std::atomic<int> refusals{0};
+
+  bool refuses() {
+    if (refusals.load() <= 0 || refusals.fetch_sub(1) <= 0) return false;
+    errno = error;
+    return true;
+  }
+};
+Refusable threads{"pthread_create", EAGAIN};
+Refusable epolls{"epoll_create1", EMFILE};
+Refusable watches{"epoll_ctl", ENOSPC};
+Refusable timers{"timerfd_create", EMFILE};
+Refusable inotifies{"inotify_init1", EMFILE};
+Refusable folders{"inotify_add_watch", ENOSPC};
+
+}  // namespace
+
+#define SKELDA_REFUSABLE(call, refusable, parameters, arguments, refused) \
+  extern "C" int __real_##call parameters;                                \
+  extern "C" int __wrap_##call parameters {                               \
+    return refusable.refuses() ? refused : __real_##call arguments;       \
+  }
+SKELDA_REFUSABLE(pthread_create, threads,
+                 (pthread_t * thread, const pthread_attr_t* how, void* (*body)(void*), void* with),
+                 (thread, how, body, with), EAGAIN)
+SKELDA_REFUSABLE(epoll_create1, epolls, (int flags), (flags), -1)
+SKELDA_REFUSABLE(epoll_ctl, watches, (int epoll, int how, int descriptor, epoll_event* event),
+                 (epoll, how, descriptor, event), -1)
+SKELDA_REFUSABLE(timerfd_create, timers, (int clock, int flags), (clock, flags), -1)
+SKELDA_REFUSABLE(inotify_init1, inotifies, (int flags), (flags), -1)
+SKELDA_REFUSABLE(inotify_add_watch, folders, (int inotify, const char* path, unsigned mask),
+                 (inotify, path, mask), -1)
+
+namespace skelda::platform {
+namespace {
+
+/// Waits in a way that the layer does not see, so that nobody but itself helps it.
+class Unseen {
+ public:
+  void happen() { semaphore_.release(); }
+  void expect(const char* what) {
+    if (semaphore_.try_acquire_for(std::chrono::seconds(20))) return;
+    std::fprintf(stderr, "never: %s\n", what);
+    std::_Exit(1);
+  }
+
+ private:
+  std::counting_semaphore<> semaphore_{0};
+};
+
+/// Everything that the layer has, used for the first time.
+void useEverything() {
+  static Unseen delayed, onMain, onWorker, folderChanged, canBeRead;  // outlive an early end
+  Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(5)), [] { delayed.happen(); });
+  Queue::main()->async([] { onMain.happen(); });
+  Queue::global()->async([] { onWorker.happen(); });
+
+  const skelda::testing::TemporaryDirectory folder;
+  const int descriptor = open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  auto source = FolderSource::make(descriptor, Queue::serial("folder"));
+  while (!source->stands()) source = FolderSource::make(descriptor, Queue::serial("folder"));
+  source->setEventHandler([](unsigned) { folderChanged.happen(); });
+  source->resume();
+  std::ofstream(folder / "entry") << "new";
+
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0 || write(ends[1], "x", 1) != 1) std::abort();
+  const auto reader = ReadSource::make(ends[0], Queue::serial("pipe"));
+  reader->setEventHandler([&reader] {
+    canBeRead.happen();
+    reader->suspend();
+  });
+  reader->resume();
+
+  delayed.expect("a delayed block");
+  onMain.expect("a block of the main queue");
+  onWorker.expect("a block on a worker");
+  folderChanged.expect("an event of a folder");
+  canBeRead.expect("an event of a descriptor");
+  Queue::main()->sync([] {});
+  source->cancel();
+  reader->cancel();
+}
+
+class WantedDeathTest : public ::testing::Test {
+ protected:
+  WantedDeathTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+};
+
+TEST_F(WantedDeathTest, WhatTheSystemRefusesOnceOrSeveralTimesIsHadLater) {
+  for (Refusable* call : {&threads, &epolls, &watches, &timers, &inotifies, &folders}) {
+    for (const int times : {1, 4}) {
+      const auto useWithRefusals = [&] {
+        call->refusals = times;
+        useEverything();
+        std::_Exit(call->refusals > 0 ? 2 : 0);
+      };
+      EXPECT_EXIT(useWithRefusals(), ::testing::ExitedWithCode(0), "")
+          << call->name << " " << times;
+    }
+  }
+}
+
+TEST_F(WantedDeathTest, NothingOfTheLayerTakesTheNumberOfAStandardDescriptor) {
+  const auto useWithoutThem = [] {
+    for (const int standard : {0, 1, 2}) close(standard);
+    Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(1)), [] {});
+    const auto source = FolderSource::make(open("/", O_PATH), Queue::serial("folder"));
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) std::abort();
+    const auto reader = ReadSource::make(fcntl(ends[0], F_DUPFD, 5), Queue::serial("pipe"));
+    for (const int own : {ends[0], ends[1]}) close(own);
+    int taken = 0;
+    // The test's own folder may have one of them.
+    for (const int standard : {0, 1, 2}) {
+      std::array<char, 64> target{};
+      const std::string link = "/proc/self/fd/" + std::to_string(standard);
+      if (readlink(link.c_str(), target.data(), target.size() - 1) < 0) continue;
+      taken += std::string(target.data()) != "/" ? 1 : 0;
+    }
+    std::_Exit(taken);
+  };
+  EXPECT_EXIT(useWithoutThem(), ::testing::ExitedWithCode(0), "");
+}
+
+/// Of the threads of the layer, what is not as the process has it.
+std::string strangeThreads() {
+  std::string strange;
+  cpu_set_t ofProcess;
+  sched_getaffinity(getpid(), sizeof ofProcess, &ofProcess);
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string name, line;
+    while (std::getline(status, line)) {
+      if (line.starts_with("Name:")) name = line.substr(6);
+      if (!line.starts_with("SigBlk:") || !name.starts_with("skelda-")) continue;
+      const pid_t id = std::stoi(task.path().filename().string());
+      const auto blocked = std::stoull(line.substr(8), nullptr, 16);
+      for (const int signal : {SIGTERM, SIGUSR1, SIGPROF}) {
+        if ((blocked >> (signal - 1) & 1) == 0) strange += name + " takes signals\n";
+      }
+      cpu_set_t processors;
+      sched_getaffinity(id, sizeof processors, &processors);
+      if (CPU_EQUAL(&processors, &ofProcess) == 0) strange += name + " is pinned\n";
+      if (sched_getscheduler(id) != SCHED_OTHER) strange += name + " runs in real time\n";
+    }
+  }
+  return strange;
+}
+
+TEST_F(WantedDeathTest, ThreadsHaveTheDefaultSchedulingWhoeverCallsFirst) {
+  const auto callFromAnUnusualThread = [] {
+    std::thread([] {
+      cpu_set_t one;
+      CPU_ZERO(&one);
+      CPU_SET(sched_getcpu(), &one);
+      sched_setaffinity(0, sizeof one, &one);
+      const sched_param urgent{.sched_priority = 1};
+      sched_setscheduler(0, SCHED_FIFO, &urgent);  // where the system lets us
+      useEverything();
+    }).join();
+    const std::string strange = strangeThreads();
+    std::fputs(strange.c_str(), stderr);
+    std::_Exit(strange.empty() ? 0 : 1);
+  };
+  EXPECT_EXIT(callFromAnUnusualThread(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace skelda::platform
