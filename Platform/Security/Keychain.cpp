@@ -27,13 +27,12 @@ std::string keyPath() {
 }
 
 /// What the items of one accessibility are sealed under, made of the sealing key.
-OSStatus bindKey(std::string& key, KeychainAccessibility accessibility) {
+OSStatus bindKey(SealingKey& key, KeychainAccessibility accessibility) {
   if (accessibility == KeychainAccessibility::whenUnlocked) return errSecSuccess;
   int error = 0;
   const auto machine = machineID(&error);
   if (error != 0) return errSecIO;
-  key = derivedKey(key, "this device only\n" + machine.value_or(""));
-  return key.empty() ? errSecIO : errSecSuccess;
+  return key.derive("this device only\n" + machine.value_or("")) ? errSecSuccess : errSecIO;
 }
 
 /// What is authenticated with an item: sealed bytes that were moved to another service, account or
@@ -49,21 +48,30 @@ std::string contextOf(const std::string& service, const KeychainItem& item) {
   return context;
 }
 
-OSStatus readKey(std::string& key) {
+OSStatus readKey(SealingKey& key) {
   int error = 0;
   auto bytes = readWholeFile(keyPath(), error);
+  if (!bytes && KeychainFile::isNoFile(error)) return errSecDecode;
   if (!bytes) return error == ENOENT ? errSecItemNotFound : errSecIO;
-  if (bytes->size() != kSealingKeyLength) return errSecDecode;
-  key = *std::move(bytes);
-  return errSecSuccess;
+  const bool isKey = key.assign(*bytes);
+  wipe(*bytes);
+  return isKey ? errSecSuccess : errSecDecode;
 }
 
-/// The key, made now where there is none. Under the lock of the folder, so that there is only one.
-OSStatus readOrMakeKey(std::string& key) {
+/// The key, made now where there is none, or something that is none. Under the lock of the folder,
+/// so that there is only one.
+OSStatus readOrMakeKey(SealingKey& key) {
   const OSStatus status = readKey(key);
-  if (status != errSecItemNotFound) return status;
-  key = randomBytes(kSealingKeyLength);
-  if (key.empty() || replaceFile(keyPath(), keyPath() + ".new", key) != 0) return errSecIO;
+  if (status == errSecDecode) {
+    if (!KeychainFile::setAside(keyPath(), "is no key, so that no item opens any more")) {
+      return errSecIO;
+    }
+  } else if (status != errSecItemNotFound) {
+    return status;
+  }
+  if (!key.makeRandom() || replaceFile(keyPath(), keyPath() + ".new", key.view()) != 0) {
+    return errSecIO;
+  }
   return errSecSuccess;
 }
 
@@ -72,7 +80,7 @@ bool isClosedByDeviceLock(const KeychainItem& item) {
 }
 
 OSStatus sealInto(KeychainItem& item, const std::string& service, const Data& value) {
-  std::string key;
+  SealingKey key;
   if (const OSStatus status = readOrMakeKey(key)) return status;
   if (const OSStatus status = bindKey(key, item.accessibility)) return status;
   auto sealed = seal(key, value.view(), contextOf(service, item));
@@ -136,7 +144,7 @@ OSStatus SecItemCopyMatching(const KeychainQuery& query, Data* value) {
     const KeychainItem* item = file.find(query);
     if (item == nullptr) return errSecItemNotFound;
     if (isClosedByDeviceLock(*item)) return errSecInteractionNotAllowed;
-    std::string key;
+    SealingKey key;
     const OSStatus status = readKey(key);
     // Items without their key are damaged, not missing.
     if (status != errSecSuccess) return status == errSecItemNotFound ? errSecDecode : status;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <optional>
 
+#include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/JSONReader.h"
@@ -72,8 +73,8 @@ OSStatus KeychainFile::read() {
   damaged_ = false;
   int error = 0;
   const auto text = readWholeFile(path_, error);
-  if (!text) return error == ENOENT ? errSecSuccess : errSecIO;
-  damaged_ = !parse(*text);
+  if (!text && !isNoFile(error)) return error == ENOENT ? errSecSuccess : errSecIO;
+  damaged_ = !text || !parse(*text);
   if (damaged_) items_.clear();
   return errSecSuccess;
 }
@@ -92,15 +93,31 @@ bool KeychainFile::parse(std::string_view text) {
     return false;
   }
   for (const Value& entry : *items->array()) {
-    auto item = itemFrom(entry);
-    if (!item) return false;
-    items_.push_back(*std::move(item));
+    if (auto item = itemFrom(entry)) {
+      items_.push_back(*std::move(item));
+    } else {
+      SKELDA_PLATFORM_LOG("Keychain: an item in {} cannot be understood, it is left out", path_);
+    }
   }
   return true;
 }
 
+bool KeychainFile::isNoFile(int error) noexcept {
+  return error == EISDIR || error == ENXIO || error == ELOOP;
+}
+
+bool KeychainFile::setAside(const std::string& path, std::string_view why) {
+  std::string damaged = path + ".damaged";
+  for (char more = '2'; FileCalls::current().rename(path.c_str(), damaged.c_str()) != 0; ++more) {
+    if (more > '9') return false;
+    damaged = path + ".damaged" + more;  // a file never takes a folder's place
+  }
+  SKELDA_PLATFORM_NOTICE("Keychain: {} {}; it is kept as {} and begun anew", path, why, damaged);
+  return true;
+}
+
 bool KeychainFile::setAside() {
-  if (FileCalls::current().rename(path_.c_str(), (path_ + ".damaged").c_str()) != 0) return false;
+  if (!setAside(path_, "cannot be understood")) return false;
   damaged_ = false;
   return true;
 }

@@ -22,12 +22,14 @@ std::string_view nameOf(KeychainAccessibility accessibility);
 
 /// The file of one service, below ${XDG_STATE_HOME:-~/.local/state}/skelda-keychain:
 ///
-///   sealing.key       32 random bytes, made with the first item and never changed
+///   sealing.key       32 random bytes, made with the first item and never changed; where it is
+///                     anything else it is set aside by the next write, and another one made
 ///   lock              empty; changes are made under a flock on it
 ///   <digest>.json     a service's items; the digest is 32 hexadecimal digits of the SHA-256 of
 ///                     the service's name
 ///   *.new             what a replacement that was cut short leaves; taken over by the next one
-///   *.damaged         a service's file that could not be understood when an item was added
+///   *.damaged         what could not be understood when an item was written: a service's file or
+///                     the key
 ///
 /// and in a service's file, binary values being base64:
 ///
@@ -38,9 +40,16 @@ std::string_view nameOf(KeychainAccessibility accessibility);
 ///
 /// Items for this device only are sealed under a key derived from sealing.key and the machine id,
 /// the others under sealing.key itself. Service, account, generic attribute and accessibility are
-/// authenticated with the value. One thread at a time.
+/// authenticated with the value. An item that cannot be understood is left out, with a line, and
+/// harms no other. One thread at a time.
 class KeychainFile {
  public:
+  /// Renames what stands at the path to "*.damaged", or "*.damaged2" and so on where that cannot
+  /// be, with a line that says why.
+  static bool setAside(const std::string& path, std::string_view why);
+  /// Whether what stands at a path that cannot be read for `error` can never be: it is no file.
+  static bool isNoFile(int error) noexcept;
+
   KeychainFile(const std::string& folder, std::string service);
 
   /// An absent file has no items. Success also where the file is damaged; errSecIO where it cannot

@@ -1,6 +1,7 @@
 #include "Platform/Security/Sealing.h"
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
@@ -47,14 +48,15 @@ std::nullopt_t refused() {
 
 }  // namespace
 
-std::optional<Sealed> seal(std::string_view key, std::string_view plain, std::string_view context) {
-  if (key.size() != kSealingKeyLength || !fits(plain) || !fits(context)) return std::nullopt;
-  Sealed sealed{randomBytes(kNonceLength), std::string(plain.size() + kTagLength, '\0')};
+std::optional<Sealed> seal(const SealingKey& key, std::string_view plain,
+                           std::string_view context) {
+  if (!fits(plain) || !fits(context)) return std::nullopt;
+  Sealed sealed{std::string(kNonceLength, '\0'), std::string(plain.size() + kTagLength, '\0')};
   const Cipher cipher(EVP_CIPHER_CTX_new());
   int length = 0;
   int last = 0;
-  if (sealed.nonce.empty() || !cipher ||
-      EVP_EncryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, bytesOf(key),
+  if (RAND_bytes(bytesOf(sealed.nonce), kNonceLength) != 1 || !cipher ||
+      EVP_EncryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, bytesOf(key.view()),
                          bytesOf(sealed.nonce)) != 1 ||
       EVP_EncryptUpdate(cipher.get(), nullptr, &length, bytesOf(context), lengthOf(context)) != 1 ||
       EVP_EncryptUpdate(cipher.get(), bytesOf(sealed.bytes), &length, bytesOf(plain),
@@ -67,10 +69,10 @@ std::optional<Sealed> seal(std::string_view key, std::string_view plain, std::st
   return sealed;
 }
 
-std::optional<std::string> unseal(std::string_view key, const Sealed& sealed,
+std::optional<std::string> unseal(const SealingKey& key, const Sealed& sealed,
                                   std::string_view context) {
-  if (key.size() != kSealingKeyLength || sealed.nonce.size() != kNonceLength ||
-      sealed.bytes.size() < kTagLength || !fits(sealed.bytes) || !fits(context)) {
+  if (sealed.nonce.size() != kNonceLength || sealed.bytes.size() < kTagLength ||
+      !fits(sealed.bytes) || !fits(context)) {
     return std::nullopt;
   }
   const std::string_view encrypted(sealed.bytes.data(), sealed.bytes.size() - kTagLength);
@@ -81,7 +83,7 @@ std::optional<std::string> unseal(std::string_view key, const Sealed& sealed,
   int length = 0;
   int last = 0;
   if (!cipher ||
-      EVP_DecryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, bytesOf(key),
+      EVP_DecryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, bytesOf(key.view()),
                          bytesOf(sealed.nonce)) != 1 ||
       EVP_DecryptUpdate(cipher.get(), nullptr, &length, bytesOf(context), lengthOf(context)) != 1 ||
       EVP_DecryptUpdate(cipher.get(), bytesOf(plain), &length, bytesOf(encrypted),
@@ -94,35 +96,44 @@ std::optional<std::string> unseal(std::string_view key, const Sealed& sealed,
   return plain;
 }
 
-std::string derivedKey(std::string_view key, std::string_view info) {
+SealingKey::~SealingKey() {
+  OPENSSL_cleanse(bytes_.data(), bytes_.size());
+}
+
+bool SealingKey::assign(std::string_view bytes) noexcept {
+  if (bytes.size() != kLength) return false;
+  bytes.copy(bytes_.data(), kLength);
+  return true;
+}
+
+bool SealingKey::makeRandom() noexcept {
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes_.data()), kLength) == 1) return true;
+  refused();
+  return false;
+}
+
+bool SealingKey::derive(std::string_view info) {
   const std::unique_ptr<EVP_KDF, Free> kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
   const std::unique_ptr<EVP_KDF_CTX, Free> context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
   std::string digest = "SHA256";
-  std::string secret(key);
   std::string purpose(info);
   const OSSL_PARAM parameters[] = {
       OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest.data(), digest.size()),
-      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, secret.data(), secret.size()),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, bytes_.data(), bytes_.size()),
       OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, purpose.data(), purpose.size()),
       OSSL_PARAM_construct_end()};
-  std::string made(kSealingKeyLength, '\0');
-  const bool done =
-      context && EVP_KDF_derive(context.get(), bytesOf(made), made.size(), parameters) == 1;
-  OPENSSL_cleanse(secret.data(), secret.size());
-  if (!done) {
+  SealingKey made;
+  if (!context ||
+      EVP_KDF_derive(context.get(), reinterpret_cast<unsigned char*>(made.bytes_.data()), kLength,
+                     parameters) != 1) {
     refused();
-    return {};
+    return false;
   }
-  return made;
+  return assign(made.view());
 }
 
-std::string randomBytes(std::size_t count) {
-  std::string bytes(count, '\0');
-  if (!fits(bytes) || RAND_bytes(bytesOf(bytes), lengthOf(bytes)) != 1) {
-    refused();
-    return {};
-  }
-  return bytes;
+void wipe(std::string& text) noexcept {
+  OPENSSL_cleanse(text.data(), text.size());
 }
 
 }  // namespace skelda::platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -14,18 +15,37 @@ struct Sealed {
   std::string bytes;
 };
 
-inline constexpr std::size_t kSealingKeyLength = 32;
+/// The bytes of a key, which are wiped when it goes. One thread at a time.
+class SealingKey {
+ public:
+  static constexpr std::size_t kLength = 32;
 
-// AES-256-GCM. Keys are kSealingKeyLength bytes. `context` is authenticated, not encrypted: what
-// was sealed in one context does not open in another. Nothing where the library refuses or,
-// opening, where key, context, nonce or bytes are not the ones of the sealing. Any thread.
-std::optional<Sealed> seal(std::string_view key, std::string_view plain, std::string_view context);
-std::optional<std::string> unseal(std::string_view key, const Sealed& sealed,
+  SealingKey() = default;
+  ~SealingKey();
+  SealingKey(const SealingKey&) = delete;
+  SealingKey& operator=(const SealingKey&) = delete;
+
+  std::string_view view() const noexcept { return {bytes_.data(), bytes_.size()}; }
+  /// False where there are not that many.
+  bool assign(std::string_view bytes) noexcept;
+  /// Random bytes; false where there are none to be had.
+  bool makeRandom() noexcept;
+  /// Becomes another key, made of itself and `info` by HKDF-SHA-256; false where the library
+  /// refuses.
+  bool derive(std::string_view info);
+
+ private:
+  std::array<char, kLength> bytes_{};
+};
+
+/// Overwrites what the text holds, in a way that no compiler leaves out.
+void wipe(std::string& text) noexcept;
+
+// AES-256-GCM. `context` is authenticated, not encrypted: what was sealed in one context does not
+// open in another. Nothing where the library refuses or, opening, where key, context, nonce or
+// bytes are not the ones of the sealing. Any thread.
+std::optional<Sealed> seal(const SealingKey& key, std::string_view plain, std::string_view context);
+std::optional<std::string> unseal(const SealingKey& key, const Sealed& sealed,
                                   std::string_view context);
-
-/// Another key made of `key` and `info` by HKDF-SHA-256; empty where the library refuses.
-std::string derivedKey(std::string_view key, std::string_view info);
-/// So many random bytes; empty where there are none to be had.
-std::string randomBytes(std::size_t count);
 
 }  // namespace skelda::platform

@@ -1,9 +1,16 @@
 #include "Platform/Security/Keychain.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <new>
 #include <thread>
 
 #include "Platform/Foundation/SystemFiles.h"
@@ -11,7 +18,38 @@
 #include "Platform/Security/Sealing.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
+
+namespace {
+
+// What the program gives back to the heap is looked through for these while somebody asks.
+std::array<std::array<char, 32>, 2> secrets;
+std::atomic<bool> looksForSecrets{false};
+std::atomic<int> secretsGivenBack{0};
+
+void giveBack(void* memory) noexcept {
+  if (memory != nullptr && looksForSecrets) {
+    for (const auto& secret : secrets) {
+      secretsGivenBack +=
+          memmem(memory, malloc_usable_size(memory), secret.data(), secret.size()) != nullptr;
+    }
+  }
+  std::free(memory);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  giveBack(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  giveBack(memory);
+}
 
 namespace skelda::testing {
 namespace {
@@ -113,11 +151,12 @@ TEST_F(KeychainTest, TamperedItemsDoNotOpen) {
   const struct {
     const char* from;
     const char* to;
+    OSStatus status = errSecDecode;
   } changes[] = {
       {"\"sealed\": \"", "\"sealed\": \"AAAA"},
       {"\"nonce\": \"", "\"nonce\": \"AAAA"},
       {"afterFirstUnlockThisDeviceOnly", "whenUnlocked"},
-      {"afterFirstUnlockThisDeviceOnly", "always"},
+      {"afterFirstUnlockThisDeviceOnly", "always", errSecItemNotFound},
       {"\"service\": \"service\"", "\"service\": \"another\""},
       {"\"version\": 1", "\"version\": 2"},
       {"{", "["},
@@ -125,7 +164,7 @@ TEST_F(KeychainTest, TamperedItemsDoNotOpen) {
   for (const auto& change : changes) {
     ASSERT_EQ(SecItemAdd(query("id"), Data("secret"), kThisDevice), errSecSuccess);
     replaceInFile(change.from, change.to);
-    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), errSecDecode) << change.to;
+    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), change.status) << change.to;
     std::filesystem::remove(file());
   }
   // Sealed bytes moved to another account of the same service.
@@ -146,6 +185,80 @@ TEST_F(KeychainTest, ADamagedFileIsSetAsideByTheNextItem) {
   EXPECT_EQ(SecItemAdd(query("id"), Data("new"), kUnlocked), errSecSuccess);
   EXPECT_EQ(valueOf(query("id")), "new");
   EXPECT_EQ(readFile(path + ".damaged"), "garbage");
+}
+
+TEST_F(KeychainTest, AKeyThatIsNoneIsSetAsideByTheNextWrite) {
+  const std::string key = folder() + "/sealing.key";
+  const std::function<void()> damages[] = {
+      [&] { writeFile(key, ""); },
+      [&] { writeFile(key, std::string(31, 'k')); },
+      [&] { writeFile(key, std::string(33, 'k')); },
+      [&] { std::filesystem::create_directories(key + "/folder"); },
+  };
+  ASSERT_EQ(SecItemAdd(query("id"), Data("old"), kThisDevice), errSecSuccess);
+  for (const auto& damage : damages) {
+    std::filesystem::remove(key);
+    damage();
+    LogCapture log;
+    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), errSecDecode);
+    EXPECT_EQ(SecItemUpdate(query("id"), Data("new")), errSecSuccess);
+    EXPECT_EQ(valueOf(query("id")), "new");
+    Log::flush(std::chrono::seconds(20));
+    EXPECT_EQ(log.count("sealing.key is no key"), 1u);
+  }
+  EXPECT_EQ(readFile(key + ".damaged"), std::string(33, 'k'));
+  EXPECT_TRUE(std::filesystem::is_directory(key + ".damaged2"));
+}
+
+TEST_F(KeychainTest, OneItemThatCannotBeUnderstoodHarmsOnlyItself) {
+  ASSERT_EQ(SecItemAdd(query("first"), Data("1"), kUnlocked), errSecSuccess);
+  ASSERT_EQ(SecItemAdd(query("second"), Data("2"), kUnlocked), errSecSuccess);
+  replaceInFile("\"account\": \"", "\"account\": \"?");
+  EXPECT_EQ(valueOf(query("first")), std::to_string(errSecItemNotFound));
+  EXPECT_EQ(valueOf(query("second")), "2");
+  EXPECT_EQ(SecItemAdd(query("first"), Data("3"), kUnlocked), errSecSuccess);
+  EXPECT_EQ(valueOf(query("first")) + valueOf(query("second")), "32");
+}
+
+TEST_F(KeychainTest, NoKeyStaysInMemoryThatIsGivenBack) {
+  std::filesystem::create_directories(folder());
+  std::memset(secrets[0].data(), 'k', secrets[0].size());
+  writeFile(folder() + "/sealing.key", std::string(secrets[0].data(), secrets[0].size()));
+  SealingKey derived;
+  ASSERT_TRUE(derived.assign({secrets[0].data(), secrets[0].size()}));
+  ASSERT_TRUE(derived.derive("this device only\n" + std::string(32, 'a')));
+  derived.view().copy(secrets[1].data(), secrets[1].size());
+  looksForSecrets = true;
+  for (const auto accessibility : {kUnlocked, kThisDevice}) {
+    EXPECT_EQ(SecItemAdd(query("id"), Data("one"), accessibility), errSecSuccess);
+    EXPECT_EQ(SecItemUpdate(query("id"), Data("two")), errSecSuccess);
+    EXPECT_EQ(valueOf(query("id")), "two");
+    EXPECT_EQ(SecItemDelete(query("id")), errSecSuccess);
+  }
+  EXPECT_EQ(secretsGivenBack, 0);
+  std::string(secrets[1].data(), secrets[1].size()).shrink_to_fit();
+  EXPECT_EQ(secretsGivenBack, 1) << "one that is given back is found";
+  looksForSecrets = false;
+}
+
+TEST_F(KeychainTest, AnItemThatCannotBeReadJustNowIsNeitherMissingNorReplaced) {
+  ASSERT_EQ(SecItemAdd(query("id"), Data("old"), kThisDevice), errSecSuccess);
+  const std::function<OSStatus()> operations[] = {
+      [] { return SecItemCopyMatching(query("id"), nullptr); },
+      [] { return SecItemAdd(query("id"), Data("new"), kThisDevice); },
+  };
+  for (const auto& operation : operations) {
+    const OSStatus usual = operation();
+    for (std::size_t call = 1; true; ++call) {
+      const auto plan = std::make_shared<FaultPlan>();
+      FaultyFileCalls calls(plan);
+      plan->failCall(call, {.error = EMFILE});
+      const OSStatus status = operation();
+      if (plan->faults() == 0) break;
+      EXPECT_TRUE(status == errSecIO || status == usual) << call << " " << status;
+    }
+    EXPECT_EQ(valueOf(query("id")), "old");
+  }
 }
 
 TEST_F(KeychainTest, WhicheverCallFailsTheOldItemsStay) {
@@ -195,11 +308,13 @@ TEST_F(KeychainTest, ThreadsAndProcessesLoseNothingOfEachOther) {
 }
 
 TEST(SealingTest, NeverUsesANonceTwiceAndRefusesAShortKeyAndShortBytes) {
-  const std::string key(kSealingKeyLength, 'k');
+  SealingKey key;
+  EXPECT_FALSE(key.assign(std::string(SealingKey::kLength - 1, 'k')));
+  ASSERT_TRUE(key.makeRandom());
   const auto sealed = seal(key, "secret", "context");
   ASSERT_TRUE(sealed);
   EXPECT_NE(sealed->nonce, seal(key, "secret", "context")->nonce);
-  EXPECT_EQ(unseal(key.substr(1), *sealed, "context"), std::nullopt);
+  EXPECT_EQ(unseal(SealingKey(), *sealed, "context"), std::nullopt);
   EXPECT_EQ(unseal(key, {std::string(12, 'n'), "short"}, "context"), std::nullopt);
   EXPECT_EQ(hmacSHA256("key", "The quick brown fox jumps over the lazy dog").substr(0, 4),
             "\xf7\xbc\x83\xf4");
