@@ -56,8 +56,7 @@ std::shared_ptr<SkeldaKeychainWrapper> SkeldaKeychainWrapper::keychainWrapperWit
 }
 
 SkeldaKeychainWrapper::SkeldaKeychainWrapper(std::string_view identifier)
-    : identifier_(platform::Bundle::main()->bundleIdentifier().value_or("") +
-                  std::string(identifier)) {}
+    : identifier_(platform::Bundle::main()->storageName() + std::string(identifier)) {}
 
 bool SkeldaKeychainWrapper::setData(const std::optional<platform::Data>& data,
                                     std::string_view key) noexcept {

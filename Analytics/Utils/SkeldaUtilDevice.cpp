@@ -24,7 +24,7 @@ platform::FileSystemAttributes documentsFileSystem() {
 }
 
 std::string_view environment(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = ::secure_getenv(name);
   return value != nullptr ? std::string_view(value) : std::string_view();
 }
 

@@ -16,4 +16,22 @@ int aboveStandardDescriptors(int descriptor) noexcept {
   return above;
 }
 
+StandardDescriptorsHeld::StandardDescriptorsHeld() noexcept {
+  for (;;) {
+    // Nothing can be read from it or written to it: as if it were closed still.
+    const int lowest = ::open("/", O_PATH | O_CLOEXEC);
+    if (lowest < 0) return;
+    if (lowest > STDERR_FILENO) {
+      ::close(lowest);
+      return;
+    }
+    isHeld_[lowest] = true;
+  }
+}
+
+StandardDescriptorsHeld::~StandardDescriptorsHeld() {
+  for (int descriptor = 0; descriptor <= STDERR_FILENO; ++descriptor)
+    if (isHeld_[descriptor]) ::close(descriptor);
+}
+
 }  // namespace skelda::platform

@@ -8,4 +8,18 @@ namespace skelda::platform {
 /// for what comes from open(), socket() and the like, before anything is said of it to anybody.
 int aboveStandardDescriptors(int descriptor) noexcept;
 
+/// Keeps those of 0, 1 and 2 that are closed from being given to anybody, for as long as it lives:
+/// around calls of libraries that open what they keep by themselves. Where the system has no
+/// descriptor to give, nobody is given one.
+class StandardDescriptorsHeld {
+ public:
+  StandardDescriptorsHeld() noexcept;
+  ~StandardDescriptorsHeld();
+  StandardDescriptorsHeld(const StandardDescriptorsHeld&) = delete;
+  StandardDescriptorsHeld& operator=(const StandardDescriptorsHeld&) = delete;
+
+ private:
+  bool isHeld_[3] = {};
+};
+
 }  // namespace skelda::platform

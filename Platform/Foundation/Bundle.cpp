@@ -121,4 +121,11 @@ std::optional<std::string> Bundle::bundleIdentifier() const {
   return *value->text();
 }
 
+std::string Bundle::storageName() const {
+  if (auto identifier = bundleIdentifier()) return std::move(*identifier);
+  const std::size_t end = path_.find_last_not_of('/');
+  if (end == std::string::npos) return "_";
+  return path_.substr(path_.rfind('/', end) + 1, end - path_.rfind('/', end));
+}
+
 }  // namespace skelda::platform

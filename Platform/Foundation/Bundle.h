@@ -29,6 +29,9 @@ class Bundle {
   Value objectForInfoDictionaryKey(std::string_view key) const;
   /// "CFBundleIdentifier" when it is a text that is not empty.
   std::optional<std::string> bundleIdentifier() const;
+  /// What tells this application's storage from that of others: its identifier, and without one
+  /// the name of its folder.
+  std::string storageName() const;
 
  private:
   std::string path_;

@@ -6,6 +6,7 @@
 #include <array>
 #include <string_view>
 
+#include "Platform/Base/Descriptor.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/Queue.h"
@@ -40,7 +41,8 @@ struct EnvironmentMonitor::State : std::enable_shared_from_this<State> {
 
   bool watch(std::size_t index) {
     const std::string path = root + std::string(kFolders[index]);
-    const int descriptor = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int descriptor =
+        aboveStandardDescriptors(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (descriptor < 0) return false;
     const auto source = FolderSource::make(descriptor, queue);
     source->setCancelHandler([descriptor] { ::close(descriptor); });

@@ -115,7 +115,7 @@ int makeFolders(const std::string& path) {
 
 /// An absolute path from the environment; what is relative there means nothing.
 std::optional<std::string> environmentPath(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = ::secure_getenv(name);
   if (value == nullptr || value[0] != '/') return std::nullopt;
   return std::string(value);
 }
@@ -276,8 +276,7 @@ std::size_t FileManager::sweepTemporaryFiles(const std::string& folder, ErrorRef
 std::string FileManager::applicationSupportDirectory() {
   const auto data = environmentPath("XDG_DATA_HOME");
   const std::string base = data ? *data : homeDirectory() + "/.local/share";
-  const auto identifier = Bundle::main()->bundleIdentifier();
-  return identifier ? base + "/" + pathComponent(*identifier) : base;
+  return base + "/" + pathComponent(Bundle::main()->storageName());
 }
 
 std::string FileManager::documentsDirectory() {

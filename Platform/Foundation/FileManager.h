@@ -67,8 +67,8 @@ class FileManager {
   virtual std::size_t sweepTemporaryFiles(const std::string& folder, ErrorRef* error = nullptr);
   static constexpr std::string_view kTemporaryPrefix = ".skelda-tmp-";
 
-  /// ${XDG_DATA_HOME:-~/.local/share}/<bundle identifier>, without the last component where the
-  /// main bundle has no identifier. Not created here.
+  /// ${XDG_DATA_HOME:-~/.local/share}/<bundle identifier>, or the name of the bundle's folder where
+  /// it has no identifier. Not created here.
   static std::string applicationSupportDirectory();
   /// ${XDG_DOCUMENTS_DIR:-~}
   static std::string documentsDirectory();

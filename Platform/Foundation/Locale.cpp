@@ -27,7 +27,8 @@ std::string lowered(std::string_view letters) {
 
 std::string raised(std::string_view letters) {
   std::string text(letters);
-  for (char& c : text) c = static_cast<char>(c & ~0x20);
+  for (char& c : text)
+    if (isLetter(c)) c = static_cast<char>(c & ~0x20);
   return text;
 }
 
@@ -37,16 +38,24 @@ std::size_t countLetters(std::string_view text) {
   return count;
 }
 
-/// Reads "en_GB.UTF-8@euro": a language, and optional country, encoding and modifier.
+/// Two letters of a country or three digits of a region.
+bool isCountry(std::string_view part) {
+  if (part.size() == 2) return countLetters(part) == 2;
+  return part.size() == 3 && part.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+/// Reads "zh_Hans_CN.UTF-8@modifier": a language, and optional script, country, encoding and
+/// modifier.
 Locale parsed(std::string_view name) {
   Locale locale;
   const std::string_view bare = name.substr(0, name.find_first_of(".@"));
   const std::size_t language = countLetters(bare);
   if (language < 2 || language > 3) return {};
   locale.languageCode = lowered(bare.substr(0, language));
-  const std::string_view rest = bare.substr(language);
+  std::string_view rest = bare.substr(language);
+  if (rest.starts_with('_') && countLetters(rest.substr(1)) == 4) rest.remove_prefix(5);
   if (rest.empty()) return locale;
-  if (rest.size() != 3 || rest[0] != '_' || countLetters(rest.substr(1)) != 2) return {};
+  if (rest[0] != '_' || !isCountry(rest.substr(1))) return {};
   locale.countryCode = raised(rest.substr(1));
   return locale;
 }
@@ -77,7 +86,7 @@ std::string_view assigned(std::string_view file, std::string_view variable) {
 
 Locale Locale::current(const std::string& root) {
   for (const char* const variable : kVariables) {
-    const char* const value = std::getenv(variable);
+    const char* const value = ::secure_getenv(variable);
     if (value != nullptr && *value != '\0') return parsed(value);
   }
   for (const std::string_view path : kFiles) {

@@ -51,18 +51,6 @@ bool isInDatabase(const std::string& root, const std::string& name) {
   return ::access((root + "/usr/share/zoneinfo/" + name).c_str(), F_OK) == 0;
 }
 
-std::optional<std::string> fromVariable(std::string_view value, const std::string& root) {
-  if (value.starts_with(':')) value.remove_prefix(1);
-  // So the C library reads an empty one.
-  if (value.empty()) return "UTC";
-  std::optional<std::string> name = nameIn(value);
-  if (!name) return std::nullopt;
-  const bool mayBeRule = value.find('/') == std::string_view::npos &&
-                         value.find_first_of("0123456789") != std::string_view::npos;
-  if (mayBeRule && !isInDatabase(root, *name)) return std::nullopt;
-  return name;
-}
-
 std::optional<std::string> fromLink(const std::string& path) {
   // One step of the link, not its end: names of the database are links themselves.
   std::array<char, PATH_MAX> target{};
@@ -86,13 +74,31 @@ std::optional<std::string> fromFile(const std::string& path) {
   return nameIn(text.substr(0, text.find_first_of(kBlanks)));
 }
 
+constexpr std::string_view kSystemsFile = "/etc/localtime";
+
+std::optional<std::string> fromSystem(const std::string& root) {
+  std::optional<std::string> name = fromLink(root + std::string(kSystemsFile));
+  return name ? name : fromFile(root + "/etc/timezone");
+}
+
+std::optional<std::string> fromVariable(std::string_view value, const std::string& root) {
+  if (value.starts_with(':')) value.remove_prefix(1);
+  // So the C library reads an empty one.
+  if (value.empty()) return "UTC";
+  if (value == kSystemsFile) return fromSystem(root);
+  std::optional<std::string> name = nameIn(value);
+  if (!name) return std::nullopt;
+  const bool mayBeRule = value.find('/') == std::string_view::npos &&
+                         value.find_first_of("0123456789") != std::string_view::npos;
+  if (mayBeRule && !isInDatabase(root, *name)) return std::nullopt;
+  return name;
+}
+
 }  // namespace
 
 TimeZone TimeZone::local(const std::string& root) {
-  if (const char* const variable = std::getenv("TZ")) return {fromVariable(variable, root)};
-  std::optional<std::string> name = fromLink(root + "/etc/localtime");
-  if (!name) name = fromFile(root + "/etc/timezone");
-  return {std::move(name)};
+  if (const char* const variable = ::secure_getenv("TZ")) return {fromVariable(variable, root)};
+  return {fromSystem(root)};
 }
 
 }  // namespace skelda::platform

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Base/Descriptor.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
@@ -105,6 +106,7 @@ void URLSessionEngine::run() {
     curl_multi_perform(multi_, &running);
     collectFinished();
     expire();
+    startWhatWaited();
     if (!transfers_.empty()) poll();
   }
 }
@@ -116,6 +118,7 @@ bool URLSessionEngine::setUp() {
     std::atexit(&restOnExit);
     return initialised;
   }();
+  const StandardDescriptorsHeld held;  // the library keeps a pair to be woken by
   auto* multi = ready ? curl_multi_init() : nullptr;
   if (multi == nullptr) return false;
   multi_ = multi;
@@ -148,7 +151,8 @@ void URLSessionEngine::runCommands() {
     if (found == transfers_.end()) continue;
     if (command.kind == Command::Kind::cancel) {
       complete(*found->second, urlError(kURLErrorCancelled));
-    } else if (!found->second->isOnWire()) {
+    } else if (found->second->awaitsDecision()) {
+      found->second->setAwaitsDecision(false);
       goOn(*found->second, std::move(command.request));
     }
   }
@@ -185,6 +189,10 @@ void URLSessionEngine::goOn(URLSessionTransfer& transfer, std::optional<URLReque
   if (auto error = transfer.prepare(std::move(*request), share_)) {
     return complete(transfer, std::move(error));
   }
+  if (transfer.start() <= URLSessionTransfer::Clock::now()) putOnWire(transfer);
+}
+
+void URLSessionEngine::putOnWire(URLSessionTransfer& transfer) {
   if (curl_multi_add_handle(multi_, transfer.handle()) != CURLM_OK) {
     return complete(transfer, urlError(kURLErrorUnknown, "out of memory"));
   }
@@ -208,6 +216,7 @@ void URLSessionEngine::didFinish(URLSessionTransfer& transfer, int result) {
   auto error = transfer.errorFor(result);
   if (error == nullptr) {
     if (auto proposed = transfer.proposedRedirect()) {
+      transfer.setAwaitsDecision(true);
       return proposeRedirect(transfer, std::move(*proposed));
     }
   }
@@ -237,10 +246,20 @@ void URLSessionEngine::expire() {
   for (auto* transfer : late) complete(*transfer, urlError(kURLErrorTimedOut));
 }
 
+void URLSessionEngine::startWhatWaited() {
+  const auto now = URLSessionTransfer::Clock::now();
+  std::vector<URLSessionTransfer*> due;
+  for (const auto& [task, transfer] : transfers_) {
+    if (transfer->waits() && transfer->start() <= now) due.push_back(transfer.get());
+  }
+  for (auto* transfer : due) putOnWire(*transfer);
+}
+
 void URLSessionEngine::poll() {
   auto earliest = URLSessionTransfer::Clock::time_point::max();
   for (const auto& [task, transfer] : transfers_) {
     earliest = std::min(earliest, transfer->deadline());
+    if (transfer->waits()) earliest = std::min(earliest, transfer->start());
   }
   auto wait =
       std::chrono::ceil<std::chrono::milliseconds>(earliest - URLSessionTransfer::Clock::now());

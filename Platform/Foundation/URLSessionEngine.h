@@ -45,11 +45,12 @@ class URLSessionEngine {
   bool waitForCommands();
   void startTransfer(const URLSessionTaskRef& task);
   void goOn(URLSessionTransfer& transfer, std::optional<URLRequest> request);
-  bool addToMulti(URLSessionTransfer& transfer);
+  void putOnWire(URLSessionTransfer& transfer);
   void collectFinished();
   void didFinish(URLSessionTransfer& transfer, int result);
   void proposeRedirect(URLSessionTransfer& transfer, URLRequest proposed);
   void expire();
+  void startWhatWaited();
   void poll();
   void complete(URLSessionTransfer& transfer, ErrorRef error);
   void failEverything(std::string_view reason) REQUIRES(mutex_);

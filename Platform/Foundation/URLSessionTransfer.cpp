@@ -12,10 +12,17 @@
 #include <exception>
 #include <utility>
 
+#include "Platform/Base/Descriptor.h"
+#include "Platform/Base/LogFormat.h"
+
 namespace skelda::platform {
 
 namespace {
 
+/// Redirects of a transfer that are followed at once, and what each of the others waits.
+constexpr std::size_t kPromptRedirects = 9;
+constexpr std::chrono::seconds kFirstRedirectDelay{1};
+constexpr std::chrono::seconds kLongestRedirectDelay{60};
 constexpr std::size_t kHeaderLimit = 64 * 1024;
 /// How much of an answer is read, and dropped, for the sake of the connection.
 constexpr std::size_t kBodyReadLimit = 1024 * 1024;
@@ -34,14 +41,15 @@ class ParsedURL {
   ParsedURL& operator=(const ParsedURL&) = delete;
 
   bool isValid() const noexcept { return handle_ != nullptr; }
-  std::string part(CURLUPart part) const {
+  std::string part(CURLUPart part, unsigned flags = 0) const {
     char* text = nullptr;
-    if (handle_ == nullptr || curl_url_get(handle_, part, &text, 0) != CURLUE_OK) return {};
+    if (handle_ == nullptr || curl_url_get(handle_, part, &text, flags) != CURLUE_OK) return {};
     std::string copy(text);
     curl_free(text);
     return copy;
   }
   std::string scheme() const { return part(CURLUPART_SCHEME); }
+  std::string port() const { return part(CURLUPART_PORT, CURLU_DEFAULT_PORT); }
   /// The whole of what `reference` names, seen from this URL; empty where it names nothing.
   std::string resolved(const std::string& reference) const {
     if (handle_ == nullptr ||
@@ -133,7 +141,7 @@ std::int64_t codeFor(CURLcode result, long systemError) noexcept {
 
 /// Null where the variable is absent or empty.
 const char* environmentText(const char* name) noexcept {
-  const char* text = std::getenv(name);
+  const char* text = ::secure_getenv(name);
   return text != nullptr && *text != '\0' ? text : nullptr;
 }
 
@@ -148,6 +156,7 @@ URLSessionTransfer::URLSessionTransfer(URLSessionTaskRef task,
     : task_(std::move(task)),
       configuration_(configuration),
       handle_(curl_easy_init()),
+      redirectDelay_(kFirstRedirectDelay, kLongestRedirectDelay),
       end_(Clock::now() + configuration.resourceTimeout),
       lastProgress_(Clock::now()) {}
 
@@ -171,7 +180,13 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   request_.timeoutInterval = std::clamp<std::chrono::milliseconds>(
       request_.timeoutInterval, std::chrono::milliseconds(1), std::chrono::hours(24));
   responseFields_ = {};
+  start_ = Clock::now();
+  if (requests_++ > kPromptRedirects) {
+    start_ += std::chrono::duration_cast<Clock::duration>(redirectDelay_.next());
+  }
   headerBytes_ = bodyBytes_ = 0;
+  headIsWhole_ = false;
+  flaw_.front() = '\0';
   sent_ = received_ = 0;
   body_.clear();
   cutOff_ = false;
@@ -180,6 +195,11 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
   curl_easy_setopt(handle_, CURLOPT_SHARE, share);
   curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+  // A name server that hangs is left to the thread that asks it; else its end would be waited for
+  // by all that is on the wire.
+  curl_easy_setopt(handle_, CURLOPT_QUICK_EXIT, 1L);
+  curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, flaw_.data());
+  curl_easy_setopt(handle_, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
   curl_easy_setopt(handle_, CURLOPT_URL, request_.url.c_str());
   curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 0L);
@@ -305,6 +325,11 @@ int URLSessionTransfer::progressCallback(void* self, std::int64_t, std::int64_t 
   return 0;
 }
 
+int URLSessionTransfer::openSocket(void*, int, curl_sockaddr* address) {
+  return aboveStandardDescriptors(
+      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
+}
+
 int URLSessionTransfer::connectedCallback(void* self, char*, char*, int, int) {
   static_cast<URLSessionTransfer*>(self)->didProgress();
   return CURL_PREREQFUNC_OK;
@@ -317,6 +342,8 @@ void URLSessionTransfer::didReceiveHeaderLine(std::string_view line) {
     responseFields_ = {};
     headerBytes_ = 0;
   }
+  // Once: behind a body may come more fields.
+  headIsWhole_ = !isStatusLine && (headIsWhole_ || trimmed(line).empty());
   headerBytes_ += line.size();
   const auto colon = line.find(':');
   if (isStatusLine || colon == std::string_view::npos || headerBytes_ > kHeaderLimit) return;
@@ -354,14 +381,35 @@ std::int64_t URLSessionTransfer::statusCode() const {
 }
 
 ErrorRef URLSessionTransfer::errorFor(int result) const {
-  if (result == CURLE_OK || cutOff_) {
-    // The library takes a status line such as "HTTP/200 OK", and reads no status in it.
-    return statusCode() < 200 ? urlError(kURLErrorBadServerResponse) : nullptr;
-  }
+  if (result == CURLE_OK || cutOff_) return errorOfAnswer();
   long systemError = 0;
   curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &systemError);
   const auto code = static_cast<CURLcode>(result);
-  return urlError(codeFor(code, systemError), curl_easy_strerror(code));
+  const std::int64_t error = codeFor(code, systemError);
+  if (error == kURLErrorServerCertificateUntrusted) return errorOfCertificate();
+  return urlError(error, curl_easy_strerror(code));
+}
+
+/// Of one that the library takes for an answer.
+ErrorRef URLSessionTransfer::errorOfAnswer() const {
+  const std::int64_t status = statusCode();
+  if (!headIsWhole_) return urlError(kURLErrorNetworkConnectionLost, "the answer's head broke off");
+  // A status line such as "HTTP/200 OK", in which no status can be read.
+  if (status < 200) return urlError(kURLErrorBadServerResponse);
+  if (status < 300 && !requestIsSent()) {
+    return urlError(kURLErrorNetworkConnectionLost, "answered before the body was sent");
+  }
+  return nullptr;
+}
+
+ErrorRef URLSessionTransfer::errorOfCertificate() const {
+  const ParsedURL url(request_.url);
+  SKELDA_PLATFORM_NOTICE_ONCE(
+      "Skelda: the certificate of {}:{} was refused: {}. Nothing is sent there. Authorities other "
+      "than the system's are trusted by naming their file in SSL_CERT_FILE (now: {})",
+      url.part(CURLUPART_HOST), url.port(), flaw_.data(),
+      environmentText("SSL_CERT_FILE") != nullptr ? environmentText("SSL_CERT_FILE") : "not set");
+  return urlError(kURLErrorServerCertificateUntrusted, flaw_.data());
 }
 
 std::optional<URLRequest> URLSessionTransfer::proposedRedirect() const {

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <utility>
 
+#include "Platform/Base/Descriptor.h"
+
 namespace skelda::platform {
 
 /// A socket to the kernel's table of links and routes. One thread at a time.
@@ -17,7 +19,8 @@ class RouteSocket {
  public:
   /// With `groups` it is told of changes; never blocks.
   static int openForChanges(std::uint32_t groups) noexcept {
-    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    const int socket = aboveStandardDescriptors(
+        ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     address.nl_groups = groups;
@@ -40,7 +43,8 @@ class RouteSocket {
     question.header.nlmsg_len = NLMSG_LENGTH(sizeof(Body));
     question.header.nlmsg_type = request;
     question.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    const int socket =
+        aboveStandardDescriptors(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     if (socket < 0) return false;
     const timeval patience{1, 0};
     ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);

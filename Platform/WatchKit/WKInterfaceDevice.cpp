@@ -83,7 +83,7 @@ std::string WKInterfaceDevice::model() const {
 }
 
 ScreenBounds WKInterfaceDevice::screenBounds() const {
-  if (const char* given = std::getenv("SKELDA_SCREEN")) {
+  if (const char* given = ::secure_getenv("SKELDA_SCREEN")) {
     if (const auto bounds = parsedBounds(given)) return *bounds;
   }
   const std::string displays = "/sys/class/drm/";

@@ -106,7 +106,7 @@ TEST_F(SkeldaUtilTest, TheStorageFolderIsMadeOnceAndRemembered) {
   EXPECT_EQ(log_.take(), Lines{"Skelda: SkeldaSession directory path [" + folder + "]"});
   becomeBundle("/y.appex", "/y.appex/y");
   AgentHome::forget();
-  EXPECT_EQ(SkeldaUtil::filePathDirectory(), home_ / "data/SkeldaFiles");
+  EXPECT_EQ(SkeldaUtil::filePathDirectory(), home_ / "data/y.appex/SkeldaFiles");
 }
 
 TEST_F(SkeldaUtilTest, ArchivesComeBackAndMalformedOnesAreDeleted) {

@@ -53,9 +53,12 @@ TEST_F(EnvironmentTest, ReadsLanguageAndCountryOfALocaleName) {
   EXPECT_EQ(locale("ast_ES.utf8@euro"), (Locale{"ast", "ES"}));
   EXPECT_EQ(locale("EN_gb"), (Locale{"en", "GB"}));
   EXPECT_EQ(locale("eo"), (Locale{"eo", {}}));
+  EXPECT_EQ(locale("es_419.UTF-8"), (Locale{"es", "419"}));
+  EXPECT_EQ(locale("zh_Hans_CN"), (Locale{"zh", "CN"}));
+  EXPECT_EQ(locale("sr_Latn@modifier"), (Locale{"sr", {}}));
   EXPECT_EQ(locale("de@phonebook"), (Locale{"de", {}}));
-  for (const char* name :
-       {"C", "C.UTF-8", "POSIX", "e_GB", "en_", "en_GBR", "en-GB", "en_G\n", "../../etc/passwd"})
+  for (const char* name : {"C", "C.UTF-8", "POSIX", "e_GB", "en_", "en_GBR", "en-GB", "en_G\n",
+                           "en_41", "en_4190", "zh_Hans_", "../../etc/passwd"})
     EXPECT_EQ(locale(name), Locale()) << name;
   EXPECT_EQ(locale(std::string(100000, 'a')), Locale());
 }
@@ -86,10 +89,13 @@ TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheVariable) {
   EXPECT_EQ(zone(":America/Argentina/Buenos_Aires"), "America/Argentina/Buenos_Aires");
   EXPECT_EQ(zone("/usr/share/zoneinfo/posix/Asia/Tokyo"), "Asia/Tokyo");
   EXPECT_EQ(zone(""), "UTC");
-  for (const char* rule : {"CET-1CEST", "CET-1CEST,M3.5.0,M10.5.0/3", "<+03>-3", "/etc/localtime",
+  for (const char* rule : {"CET-1CEST", "CET-1CEST,M3.5.0,M10.5.0/3", "<+03>-3", "/etc/other",
                            "../../secret", "Europe//Oslo", "Europe/Oslo/", "Europe/Os lo"})
     EXPECT_EQ(zone(rule), std::nullopt) << rule;
   EXPECT_EQ(zone(std::string(100000, 'a')), std::nullopt);
+  EXPECT_EQ(zone("/etc/localtime"), std::nullopt);
+  link("../usr/share/zoneinfo/Asia/Kolkata");
+  EXPECT_EQ(zone(":/etc/localtime"), "Asia/Kolkata") << "the system's own, by another way";
 }
 
 TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheSystemsFiles) {

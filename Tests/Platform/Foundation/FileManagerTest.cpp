@@ -267,7 +267,7 @@ TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
     return FileManager::applicationSupportDirectory();
   };
   EXPECT_EQ(withIdentifier("com.example.run"), home / "data/com.example.run");
-  EXPECT_EQ(withIdentifier(nullptr), home / "data");
+  EXPECT_EQ(withIdentifier(nullptr), home / "data/x.appex");
   EXPECT_EQ(withIdentifier("../evil"), home / "data/.._evil");
   EXPECT_EQ(withIdentifier(".."), home / "data/_.");
   home.environment().set("XDG_DATA_HOME", "relative");

@@ -1,10 +1,16 @@
 #include "Platform/Foundation/URLSession.h"
 
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <openssl/ssl.h>
+#include <unistd.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <set>
 #include <sstream>
 
@@ -16,6 +22,41 @@ namespace skelda::testing {
 namespace {
 
 using namespace std::chrono_literals;
+
+/// While it lives, whoever asks for the address of its host waits.
+class HangingNameServer {
+ public:
+  static constexpr const char* kHost = "hangs.example";
+
+  HangingNameServer() {
+    const std::lock_guard lock(mutex);
+    current = this;
+  }
+  ~HangingNameServer() {
+    std::unique_lock lock(mutex);
+    current = nullptr;
+    changed.notify_all();
+    changed.wait(lock, [] { return waiting == 0; });
+  }
+  bool waitUntilAsked() const {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, kPatience, [] { return waiting > 0; });
+  }
+  static void ask() {
+    std::unique_lock lock(mutex);
+    ++waiting;
+    changed.notify_all();
+    changed.wait(lock, [] { return current == nullptr; });
+    --waiting;
+    changed.notify_all();
+  }
+
+ private:
+  static inline std::mutex mutex;
+  static inline std::condition_variable changed;
+  static inline const HangingNameServer* current = nullptr;
+  static inline int waiting = 0;
+};
 
 std::shared_ptr<SessionProbe> perform(platform::URLRequest request,
                                       SessionProbe::RedirectRule rule = nullptr,
@@ -101,6 +142,17 @@ TEST(URLSession, ProposesAndFollowsRedirects) {
   }
 }
 
+TEST(URLSession, FollowsTheTenthRedirectAndThoseBehindItSlower) {
+  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
+    connection.answer(302, "", "Location: /again\r\n");
+  });
+  platform::URLSessionConfiguration brief;
+  brief.resourceTimeout = 2s;  // the tenth waits a second, the eleventh two
+  EXPECT_EQ(perform(postRequest(server.url(), "bytes"), nullptr, brief)->code,
+            platform::kURLErrorTimedOut);
+  EXPECT_EQ(server.requestCount(), 11u);
+}
+
 TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
   TestAuthority authority;
   LoopbackServer plain(answerWell);
@@ -142,9 +194,10 @@ TEST(URLSession, FailuresCarryTheirCodes) {
     return std::make_unique<LoopbackServer>(answerWell,
                                             LoopbackServer::Options{certificate, newestTLS});
   };
-  const auto check = [](const char* what, std::unique_ptr<LoopbackServer> server,
-                        std::int64_t code) {
-    const auto probe = perform(postRequest(server->url(), std::string(200'000, 'x')));
+  const std::string body(16 * 1024 * 1024, 'x');  // more than lies in the sockets between
+  const auto check = [&](const char* what, std::unique_ptr<LoopbackServer> server,
+                         std::int64_t code) {
+    const auto probe = perform(postRequest(server->url(), body));
     EXPECT_EQ(probe->code, code) << what;
     EXPECT_TRUE(probe->isURLError) << what;
     EXPECT_EQ(probe->completions, 1) << what;
@@ -160,6 +213,17 @@ TEST(URLSession, FailuresCarryTheirCodes) {
         kURLErrorNetworkConnectionLost);
   check("no answer", answering(""), kURLErrorNetworkConnectionLost);
   check("half an answer", answering("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
+        kURLErrorNetworkConnectionLost);
+  check("an answer that ends in its status line", answering("HTTP/1.1 200 OK"),
+        kURLErrorNetworkConnectionLost);
+  check("an answer that ends in its head", answering("HTTP/1.1 200 OK\r\nX-One: 1\r\n"),
+        kURLErrorNetworkConnectionLost);
+  check("a 200 before the body was sent", LoopbackServer::raw([](ServerConnection& connection) {
+          ReceivedRequest request;
+          if (!connection.readHead(request)) return;
+          connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+          connection.server().hold();
+        }),
         kURLErrorNetworkConnectionLost);
   check("an answer that is none", answering("SSH-2.0-server\r\n\r\n"), kURLErrorBadServerResponse);
   check("a status line without a status", answering("HTTP/200 OK\r\n\r\n"),
@@ -219,6 +283,20 @@ TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
   startRequest(undecided, getRequest(redirecting.url()), brief);
   ASSERT_TRUE(undecided->wait());
   EXPECT_EQ(undecided->code, platform::kURLErrorTimedOut);
+}
+
+TEST(URLSession, ANameServerThatHangsHoldsNeitherItsRequestNorOthers) {
+  LoopbackServer server(answerWell);
+  const HangingNameServer hanging;
+  auto request = getRequest("http://" + std::string(HangingNameServer::kHost) + "/");
+  request.timeoutInterval = 300ms;
+  auto probe = std::make_shared<SessionProbe>();
+  startRequest(probe, request);
+  ASSERT_TRUE(hanging.waitUntilAsked());
+  EXPECT_EQ(perform(postRequest(server.url(), "bytes"))->status(), 200);
+  ASSERT_TRUE(probe->wait());
+  EXPECT_EQ(probe->code, platform::kURLErrorTimedOut);
+  EXPECT_EQ(perform(postRequest(server.url(), "bytes"))->status(), 200) << "while it still hangs";
 }
 
 std::size_t residentBytes() {
@@ -312,7 +390,7 @@ TEST(URLSession, ADeadConnectionIsReplacedAndTheBodySentAgain) {
   EXPECT_TRUE(server.requests().back().body == body);
 }
 
-TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
+TEST(URLSessionDeathTest, TakesNoStandardDescriptorAndExitIsCleanInTheMiddleOfATransfer) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   constexpr const char* kServer = "SKELDA_TEST_SERVER";
   std::unique_ptr<TestAuthority> authority;
@@ -327,6 +405,11 @@ TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
   }
   EXPECT_EXIT(
       {
+        for (int descriptor = 0; descriptor <= 2; ++descriptor) ::close(descriptor);
+        if (perform(postRequest(std::getenv(kServer), "bytes"))->status() != 200) ::_exit(1);
+        // Its connection is kept.
+        for (int descriptor = 0; descriptor <= 2; ++descriptor)
+          if (::fcntl(descriptor, F_GETFD) >= 0) ::_exit(2);
         std::vector<std::shared_ptr<SessionProbe>> probes;
         for (int i = 0; i < 20; ++i) {
           probes.push_back(std::make_shared<SessionProbe>());
@@ -339,3 +422,18 @@ TEST(URLSessionDeathTest, ExitIsCleanInTheMiddleOfATransfer) {
 
 }  // namespace
 }  // namespace skelda::testing
+
+/// In the place of the system's, for the whole program.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node,
+                                                                  const char* service,
+                                                                  const addrinfo* hints,
+                                                                  addrinfo** result) {
+  using skelda::testing::HangingNameServer;
+  if (node != nullptr && std::string_view(node) == HangingNameServer::kHost) {
+    HangingNameServer::ask();
+    return EAI_AGAIN;
+  }
+  using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
+  static const auto systems = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  return systems(node, service, hints, result);
+}
