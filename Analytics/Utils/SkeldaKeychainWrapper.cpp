@@ -56,7 +56,8 @@ std::shared_ptr<SkeldaKeychainWrapper> SkeldaKeychainWrapper::keychainWrapperWit
 }
 
 SkeldaKeychainWrapper::SkeldaKeychainWrapper(std::string_view identifier)
-    : identifier_(platform::Bundle::main()->storageName() + std::string(identifier)) {}
+    : identifier_(platform::Bundle::main()->bundleIdentifier().value_or("") +
+                  std::string(identifier)) {}
 
 bool SkeldaKeychainWrapper::setData(const std::optional<platform::Data>& data,
                                     std::string_view key) noexcept {

@@ -7,6 +7,7 @@
 #include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/FolderMaking.h"
@@ -62,6 +63,12 @@ std::string SkeldaUtil::filePathDirectory() {
   if (!platform::makeFolders(path, folder.unsynchronized)) return path;
   addSkipBackupAttributeToItemAtURL(path);
   SKELDA_LOG(2, "Skelda: SkeldaSession directory path [{}]", path);
+  if (!platform::Bundle::main()->bundleIdentifier()) {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: no CFBundleIdentifier in the Info.plist: files are kept in {}, under the name of "
+        "the bundle's folder. Give it an identifier, so that no other application shares them",
+        path);
+  }
   folder.kept.push_back(std::make_unique<const std::string>(path));
   folder.found.store(folder.kept.back().get(), std::memory_order_release);
   return path;

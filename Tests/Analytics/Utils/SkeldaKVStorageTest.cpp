@@ -21,7 +21,7 @@ class KVStorageTest : public ::testing::Test {
   static void restart() { SkeldaKVStorage::resetSharedInstance(); }
 
   AgentHome home_;
-  const std::string path_ = home_ / "data/SkeldaFilesSkelda.KV.storage";
+  const std::string path_ = home_.storageFolder() + "Skelda.KV.storage";
 };
 
 TEST_F(KVStorageTest, EveryKindSurvivesARestart) {
