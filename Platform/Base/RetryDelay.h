@@ -22,6 +22,8 @@ class RetryDelay {
   }
   /// The try succeeded.
   constexpr void reset() noexcept { next_ = first_; }
+  /// Whether the next answer is the longest delay.
+  constexpr bool isAtLongest() const noexcept { return next_ >= longest_; }
   /// Whether a try failed since the last reset().
   constexpr bool isRunning() const noexcept { return next_ != first_; }
 

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
+
+#include "Platform/Base/Descriptor.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 namespace skelda::platform {
 
@@ -17,10 +19,9 @@ constinit std::atomic<FileCalls*> installed{nullptr};
 }  // namespace
 
 FileCalls& FileCalls::current() noexcept {
-  // Never destroyed: files may be written while the process exits.
-  static FileCalls& plain = *new FileCalls;
+  static NeverDestroyed<FileCalls> plain;
   FileCalls* calls = installed.load(std::memory_order_acquire);
-  return calls != nullptr ? *calls : plain;
+  return calls != nullptr ? *calls : *plain;
 }
 
 void FileCalls::install(FileCalls* calls) noexcept {
@@ -28,7 +29,7 @@ void FileCalls::install(FileCalls* calls) noexcept {
 }
 
 int FileCalls::open(const char* path, int flags, ::mode_t mode) {
-  return ::open(path, flags | O_CLOEXEC, mode);
+  return aboveStandardDescriptors(::open(path, flags | O_CLOEXEC, mode));
 }
 int FileCalls::close(int fd) {
   return ::close(fd);
@@ -41,6 +42,15 @@ int FileCalls::close(int fd) {
 }
 int FileCalls::status(int fd, struct ::stat* status) {
   return ::fstat(fd, status);
+}
+int FileCalls::statusAt(const char* path, struct ::stat* status) {
+  return ::stat(path, status);
+}
+int FileCalls::linkStatusAt(const char* path, struct ::stat* status) {
+  return ::lstat(path, status);
+}
+int FileCalls::fileSystemAt(const char* path, struct ::statvfs* status) {
+  return ::statvfs(path, status);
 }
 int FileCalls::truncate(int fd, ::off_t length) {
   return ::ftruncate(fd, length);
@@ -73,8 +83,22 @@ int FileCalls::unlink(const char* path) {
 int FileCalls::makeDirectory(const char* path, ::mode_t mode) {
   return ::mkdir(path, mode);
 }
+int FileCalls::removeDirectory(const char* path) {
+  return ::rmdir(path);
+}
+::DIR* FileCalls::openEntries(int fd) {
+  return ::fdopendir(fd);
+}
+::dirent* FileCalls::nextEntry(::DIR* entries) {
+  errno = 0;
+  return ::readdir(entries);
+}
 int FileCalls::lock(int fd, int operation) {
   return ::flock(fd, operation);
+}
+::ssize_t FileCalls::attribute(const char* path, const char* name, void* value,
+                               std::size_t length) {
+  return ::getxattr(path, name, value, length);
 }
 int FileCalls::setAttribute(const char* path, const char* name, const void* value,
                             std::size_t length) {

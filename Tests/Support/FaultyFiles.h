@@ -75,6 +75,10 @@ class FaultyFileCalls : public platform::FileCalls {
   int lock(int fd, int operation) override {
     return fails("lock") ? -1 : FileCalls::lock(fd, operation);
   }
+  ::ssize_t attribute(const char* path, const char* name, void* value,
+                      std::size_t length) override {
+    return fails("attribute") ? -1 : FileCalls::attribute(path, name, value, length);
+  }
   int setAttribute(const char* path, const char* name, const void* value,
                    std::size_t length) override {
     return fails("setAttribute") ? -1 : FileCalls::setAttribute(path, name, value, length);

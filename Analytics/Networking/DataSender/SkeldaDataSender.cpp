@@ -1,7 +1,6 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
@@ -80,13 +79,11 @@ std::optional<std::string> SkeldaDataSender::storeData(const platform::Data& dat
     const std::string& key = dataKey();
     // Before the block's file is there: reading the index sweeps files that it does not name.
     if (!dataIndex_->isReadable()) return;
-    const auto block = SkeldaDataSenderBlockInfo::blockWithData(data);
+    const auto block = SkeldaDataSenderBlockInfo::blockWithData(data, key);
     if (block == nullptr) return;
-    if (dataIndex_->addBlockInfo(block, key)) {
-      identifier = block->identifier();
-    } else {
-      block->deletePersistentData();
-    }
+    if (!dataIndex_->addBlockInfo(block, key)) return block->deletePersistentData();
+    identifier = block->identifier();
+    dataIndex_->discardBlocksBeyondMost(key, onqueue_runningTags());
   });
   return identifier;
 }
@@ -102,7 +99,18 @@ bool SkeldaDataSender::everSentReportSuccessfully() const noexcept {
 // -- Sending
 
 bool SkeldaDataSender::sendFrameLogData(platform::Data data) {
-  return sendFrameLogData(std::move(data), nullptr);
+  return !isFullAndBeingEmptied() && sendFrameLogData(std::move(data), nullptr);
+}
+
+/// Whether the next block would push out one that the server is about to take: then a log waits
+/// better in its folder.
+bool SkeldaDataSender::isFullAndBeingEmptied() {
+  bool waits = false;
+  runOnQueue([&] {
+    waits = !runningTasks().empty() && dataIndex_->sentReportSuccessfully() &&
+            dataIndex_->blockCountForDataKey(dataKey()) >= kSkeldaMostBlocks;
+  });
+  return waits;
 }
 
 bool SkeldaDataSender::sendFrameLogData(platform::Data data, CompletionHandler completionHandler) {
@@ -154,11 +162,20 @@ void SkeldaDataSender::sendData(std::shared_ptr<const platform::Data> data,
   const auto task = SkeldaURLSessionTask::sendMethod(
       kPost, SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL(), std::move(data),
       std::move(headerFields), self, false);
-  if (task == nullptr) return;
   task->setTag(identifier);
   if (!SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length")) return;
   registerNewTask(task);
   platform::Queue::main()->async(skelda::guarded([task] { task->resumeTask(); }));
+}
+
+std::set<std::string> SkeldaDataSender::onqueue_runningTags() const {
+  SKELDA_ON_RAW_QUEUE(queue());
+  std::set<std::string> tags;
+  for (const auto& task : runningTasks()) {
+    SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length");
+    tags.insert(task->tag());
+  }
+  return tags;
 }
 
 void SkeldaDataSender::retransmitNotSentBlocks() {
@@ -173,11 +190,7 @@ void SkeldaDataSender::onqueue_retransmitNotSentBlocks() {
   SKELDA_ON_RAW_QUEUE(queue());
   SkeldaUtil::assertThreadIsNotMain();
   if (!hasOngoingTasksWindow()) return;
-  std::set<std::string> runningTags;
-  for (const auto& task : runningTasks()) {
-    SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length");
-    runningTags.insert(task->tag());
-  }
+  const auto runningTags = onqueue_runningTags();
   const auto blocks = dataIndex_->notSentBlocksForDataKey(dataKey());
   SKELDA_LOG(2, "{}: Not sent blocks count [{}]", "-[SkeldaDataSender retransmitNotSentBlocks]",
              blocks.size());

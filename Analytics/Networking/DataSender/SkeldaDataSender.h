@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -20,7 +21,7 @@ class ISkeldaFrameLogDataSender {
   static constexpr std::string_view kProtocolName = "ISkeldaFrameLogDataSender";
   virtual ~ISkeldaFrameLogDataSender() = default;
   /// Returns once the bytes are a stored block that the index names, both synchronised. False where
-  /// they could not be stored: then they are still the caller's to keep.
+  /// they could not be stored: then they are still the caller's to keep, and may be given again.
   virtual bool sendFrameLogData(platform::Data data) = 0;
 };
 
@@ -74,6 +75,8 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
 
   enum class Outcome { notStored, stored, sent };
   Outcome storeAndSend(platform::Data data, CompletionHandler completionHandler);
+  bool isFullAndBeingEmptied();
+  std::set<std::string> onqueue_runningTags() const;
   // On `queue`, those without the prefix too: their names are fixed.
   void requestSuccessComplete(const TaskRef& task, const ResponseRef& response);
   void requestFailedComplete(const TaskRef& task, const ResponseRef& response);

@@ -1,21 +1,27 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cerrno>
-#include <filesystem>
+#include <chrono>
 #include <utility>
 
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/BlockingRegion.h"
+#include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileManager.h"
 
 namespace {
 
+using platform::FileCalls;
+
 constexpr std::string_view kIdentifier = "identifier";
 constexpr std::string_view kDataSize = "dataSize";
 constexpr std::string_view kCreationDate = "creationDate";
+constexpr std::size_t kLongestDataKey = 255;
 
 /// Whether a system error says that what was stored is not there any more, or may pass.
 bool isGone(std::int64_t systemError) noexcept {
@@ -25,12 +31,12 @@ bool isGone(std::int64_t systemError) noexcept {
 
 }  // namespace
 
-SkeldaDataSenderBlockInfo::SkeldaDataSenderBlockInfo(std::string identifier)
-    : identifier_(std::move(identifier)) {}
+SkeldaDataSenderBlockInfo::SkeldaDataSenderBlockInfo(std::string identifier, std::string dataKey)
+    : identifier_(std::move(identifier)), dataKey_(std::move(dataKey)) {}
 
 SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithData(
-    const platform::Data& data) {
-  BlockRef block(new SkeldaDataSenderBlockInfo(SkeldaUtil::generateCFUUID()));
+    const platform::Data& data, std::string dataKey) {
+  BlockRef block(new SkeldaDataSenderBlockInfo(SkeldaUtil::generateCFUUID(), std::move(dataKey)));
   if (block->setData(data)) return block;
   SKELDA_LOG(1, "Failed to create SkeldaDataSenderBlockInfo for data size {}", data.length());
   return nullptr;
@@ -48,7 +54,7 @@ SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithCoder(
       date == nullptr || date->date() == nullptr) {
     return nullptr;
   }
-  BlockRef block(new SkeldaDataSenderBlockInfo(*identifier->text()));
+  BlockRef block(new SkeldaDataSenderBlockInfo(*identifier->text(), {}));
   block->dataSize_ = size->unsignedValue();
   block->creationDate_ = *date->date();
   return block;
@@ -58,6 +64,29 @@ platform::Value SkeldaDataSenderBlockInfo::encoded() const {
   return {{std::string(kIdentifier), identifier_},
           {std::string(kDataSize), dataSize_},
           {std::string(kCreationDate), creationDate_}};
+}
+
+SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithFile(
+    const std::string& identifier, std::string& dataKey, int& error) {
+  BlockRef block(new SkeldaDataSenderBlockInfo(identifier, {}));
+  const std::string path = block->filePath();
+  struct ::stat status;
+  dataKey.assign(kLongestDataKey, '\0');
+  error = platform::fileError<&FileCalls::linkStatusAt>(path.c_str(), &status);
+  if (error == 0 && !S_ISREG(status.st_mode)) error = ENODATA;
+  if (error != 0) return nullptr;
+  const auto length = platform::fileCall<&FileCalls::attribute>(path.c_str(), kDataKeyAttribute,
+                                                                dataKey.data(), dataKey.size());
+  if (length < 0 && errno != ENOTSUP) {
+    error = errno;
+    return nullptr;
+  }
+  dataKey.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+  block->dataSize_ = static_cast<std::uint64_t>(status.st_size);
+  block->creationDate_ = platform::Date(std::chrono::duration_cast<platform::Date::Microseconds>(
+      std::chrono::seconds(status.st_mtim.tv_sec) +
+      std::chrono::nanoseconds(status.st_mtim.tv_nsec)));
+  return block;
 }
 
 bool SkeldaDataSenderBlockInfo::isBlockFileName(std::string_view name) noexcept {
@@ -85,16 +114,16 @@ std::string SkeldaDataSenderBlockInfo::filePath() const {
   return SkeldaAgentFiles::block(identifier_);
 }
 
-std::optional<platform::Data> SkeldaDataSenderBlockInfo::data(ReadStatus* status) const {
+std::optional<platform::Data> SkeldaDataSenderBlockInfo::data(ReadStatus* readStatus) const {
   const std::string path = filePath();
   ReadStatus result = ReadStatus::whole;
   std::optional<platform::Data> bytes;
   // The size first: whatever lies there now, no more is read than was stored.
-  std::error_code failure;
-  const auto size = std::filesystem::file_size(path, failure);
-  if (failure) {
-    result = isGone(failure.value()) ? ReadStatus::gone : ReadStatus::unreadable;
-  } else if (size == dataSize_) {
+  struct ::stat status;
+  const int failure = platform::fileError<&FileCalls::linkStatusAt>(path.c_str(), &status);
+  if (failure != 0) {
+    result = isGone(failure) ? ReadStatus::gone : ReadStatus::unreadable;
+  } else if (S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == dataSize_) {
     platform::ErrorRef error;
     bytes = platform::FileManager::defaultManager()->contentsAtPath(path, &error);
     if (!bytes) result = error && isGone(error->code()) ? ReadStatus::gone : ReadStatus::unreadable;
@@ -105,7 +134,7 @@ std::optional<platform::Data> SkeldaDataSenderBlockInfo::data(ReadStatus* status
   }
   SKELDA_LOG(2, "Skelda: restored data block with id [{}], success: {:d}", identifier_,
              bytes.has_value());
-  if (status != nullptr) *status = result;
+  if (readStatus != nullptr) *readStatus = result;
   return bytes;
 }
 
@@ -116,17 +145,28 @@ bool SkeldaDataSenderBlockInfo::setData(const platform::Data& data) {
     return false;
   }
   const platform::BlockingRegion disk;
-  auto& files = *platform::FileManager::defaultManager();
-  // A new file's name reaches the disk with the index that names it, in the same folder.
-  const bool stored =
-      dataSize_ == 0 ? files.storeNewFile(data, path) : files.writeData(data, path, true);
-  if (!stored) {
+  if (!storeFile(data, path)) {
     SKELDA_LOG(1, "Skelda: Failed store block with id [{}]", identifier_);
     return false;
   }
   dataSize_ = data.length();
   creationDate_ = platform::Date::now();
   return true;
+}
+
+bool SkeldaDataSenderBlockInfo::storeFile(const platform::Data& data,
+                                          const std::string& path) const {
+  const std::string temporary = SkeldaAgentFiles::inStorageFolder(
+      std::string(platform::FileManager::kTemporaryPrefix) + identifier_);
+  auto& files = *platform::FileManager::defaultManager();
+  if (!files.storeNewFile(data, temporary)) return false;
+  // Where the file system has no room for an attribute the index alone knows the key.
+  platform::fileError<&FileCalls::setAttribute>(temporary.c_str(), kDataKeyAttribute,
+                                                dataKey_.data(), dataKey_.size());
+  // The new name reaches the disk with the index that says it, in the same folder.
+  if (platform::fileError<&FileCalls::rename>(temporary.c_str(), path.c_str()) == 0) return true;
+  files.removeItemAtPath(temporary);
+  return false;
 }
 
 void SkeldaDataSenderBlockInfo::deletePersistentData() const {

@@ -13,7 +13,9 @@
 #include "Platform/Platform.h"
 
 /// One stored payload: what the index says of it, and a file in the storage folder, named by the
-/// identifier, that holds its bytes. Disk work is done on the calling thread, never the main one.
+/// identifier, that holds its bytes. The file is whole from the moment it has its name, and carries
+/// its data key in an extended attribute, so that it can be taken up without the index. Disk work
+/// is done on the calling thread, never the main one.
 class SkeldaDataSenderBlockInfo : public platform::Object {
  public:
   using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
@@ -21,11 +23,17 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   /// stored), `unreadable` may pass (no descriptors, an input error).
   enum class ReadStatus { whole, gone, unreadable };
 
+  static constexpr const char* kDataKeyAttribute = "user.skelda.key";
+
   /// Stores `data` under a new identifier, synchronised; null where that fails (logged).
-  static BlockRef blockWithData(const platform::Data& data);
+  static BlockRef blockWithData(const platform::Data& data, std::string dataKey);
   /// From an archive; null for what is no block, or names a file that no block can have.
   static BlockRef blockWithCoder(const platform::Value& archived);
   platform::Value encoded() const;
+  /// From a block's file alone, stored when the file was. Null, and in `error`: ENODATA where the
+  /// file does not say its key, ENOENT where it is gone, else what is in the way just now. On a
+  /// file system without attributes the block comes with an empty key.
+  static BlockRef blockWithFile(const std::string& identifier, std::string& dataKey, int& error);
   /// Whether a file of that name can be a block's.
   static bool isBlockFileName(std::string_view name) noexcept;
 
@@ -38,16 +46,18 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   platform::Date creationDate() const noexcept { return creationDate_; }
 
   /// The stored bytes; nothing where the file is missing or holds something else.
-  std::optional<platform::Data> data(ReadStatus* status = nullptr) const;
+  std::optional<platform::Data> data(ReadStatus* readStatus = nullptr) const;
   bool setData(const platform::Data& data);
   void deletePersistentData() const;
   std::string description() const;
 
  private:
-  explicit SkeldaDataSenderBlockInfo(std::string identifier);
+  SkeldaDataSenderBlockInfo(std::string identifier, std::string dataKey);
   std::string filePath() const;
+  bool storeFile(const platform::Data& data, const std::string& path) const;
 
   const std::string identifier_;
+  const std::string dataKey_;  // of a block that is stored here; the index knows the others'
   mutable platform::Mutex mutex_;
   // The index compares it on a queue of its own.
   std::string groupIdentifier_ GUARDED_BY(mutex_);

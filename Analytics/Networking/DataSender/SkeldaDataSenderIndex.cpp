@@ -12,11 +12,13 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
 constexpr std::string_view kIndex = "index";
 constexpr std::string_view kSentReportSuccessfully = "SkeldaSentReportSuccessfulKey";
+constexpr std::string_view kChecksum = "checksum";
 
 bool sentReportSuccessfullyIn(const platform::KeyedArchive& archive) {
   const auto* root = archive.root.dictionary();
@@ -24,9 +26,28 @@ bool sentReportSuccessfullyIn(const platform::KeyedArchive& archive) {
   return flag != nullptr && flag->boolValue();
 }
 
-/// In a burst of changes, how long the file may be behind: what a kill leaves is an entry without a
-/// file, which is dropped when its turn comes.
-constexpr std::chrono::milliseconds kSaveDelay{20};
+/// How long the file may be behind removals: what a kill leaves is an entry without a file, which
+/// is dropped when its turn comes.
+constexpr std::chrono::seconds kSaveDelay{2};
+/// A write of the index that fails is made again at once: a log waits for it in a folder that holds
+/// four.
+constexpr int kWriteTries = 3;
+
+std::string checksumOf(const SkeldaDataSenderIndex::Map& map) {
+  std::string text;
+  for (const auto& [key, blocks] : map) {
+    text += fmt::format("{}\n", key);
+    for (const auto& block : blocks) {
+      text += fmt::format("{} {} {}\n", block->identifier(), block->dataSize(),
+                          block->creationDate().microsecondsSince1970().count());
+    }
+  }
+  return fmt::format("{:016x}", platform::stableHash(text));
+}
+
+bool isOlder(const SkeldaDataSenderIndex::BlockRef& a, const SkeldaDataSenderIndex::BlockRef& b) {
+  return a->creationDate() < b->creationDate();
+}
 
 }  // namespace
 
@@ -75,7 +96,15 @@ platform::KeyedArchive SkeldaDataSenderIndex::archiveOf(const Map& map,
   }
   return {"SkeldaDataSenderIndex",
           {{std::string(kIndex), std::move(index)},
-           {std::string(kSentReportSuccessfully), sentReportSuccessfully}}};
+           {std::string(kSentReportSuccessfully), sentReportSuccessfully},
+           {std::string(kChecksum), checksumOf(map)}}};
+}
+
+bool SkeldaDataSenderIndex::isUndamaged(const platform::KeyedArchive& archive) {
+  const auto* root = archive.root.dictionary();
+  const auto* checksum = root != nullptr ? root->find(kChecksum) : nullptr;
+  if (checksum == nullptr) return root != nullptr;
+  return checksum->text() != nullptr && *checksum->text() == checksumOf(blocksFromArchive(archive));
 }
 
 // -- Reading and writing the file
@@ -103,13 +132,14 @@ bool SkeldaDataSenderIndex::onqueue_read() {
                platform::description(error));
     return false;
   }
+  const bool undamaged = archive && isUndamaged(*archive);
+  indexMap_ = undamaged ? blocksFromArchive(*archive) : Map();
+  if (!onqueue_settleUnnamedBlocks(!undamaged)) return false;
   read_ = true;
-  if (archive) {
-    indexMap_ = blocksFromArchive(*archive);
+  if (undamaged) {
     sentReportSuccessfully_ = sentReportSuccessfullyIn(*archive);
     SKELDA_LOG(2, "SkeldaSender restored from index: {}", onqueue_description());
   }
-  onqueue_sweepOrphanedBlocks();
   return true;
 }
 
@@ -122,20 +152,62 @@ std::string SkeldaDataSenderIndex::onqueue_description() const {
   return text;
 }
 
-void SkeldaDataSenderIndex::onqueue_sweepOrphanedBlocks() const {
+bool SkeldaDataSenderIndex::onqueue_settleUnnamedBlocks(bool takeUp) {
   SKELDA_ON_RAW_QUEUE(indexMapQueue_);
-  std::set<std::string_view> known;
+  std::set<std::string> known;
   for (const auto& [key, blocks] : indexMap_) {
     for (const auto& block : blocks) known.insert(block->identifier());
   }
   auto& files = *platform::FileManager::defaultManager();
   const auto names = files.contentsOfDirectoryAtPath(SkeldaAgentFiles::storageFolder());
-  if (!names) return;
+  if (!names) return false;
+  // Entries without a file: the index was behind their removal when it was written last.
+  const std::set<std::string_view> present(names->begin(), names->end());
+  for (auto& [key, blocks] : indexMap_) {
+    std::erase_if(blocks,
+                  [&](const auto& block) { return !present.contains(block->identifier()); });
+  }
+  std::size_t takenUp = 0;
   for (const auto& name : *names) {
     if (!SkeldaDataSenderBlockInfo::isBlockFileName(name) || known.contains(name)) continue;
+    int error = ENODATA;
+    std::string key;
+    if (takeUp) {
+      if (auto block = SkeldaDataSenderBlockInfo::blockWithFile(name, key, error)) {
+        indexMap_[key].push_back(std::move(block));
+        ++takenUp;
+        continue;
+      }
+    }
+    if (error == ENOENT) continue;
+    if (error != ENODATA) return false;
     const bool removed = files.removeItemAtPath(SkeldaAgentFiles::block(name));
     SKELDA_LOG(1, "Skelda: delete orphaned data block with id [{}], success: {:d}", name, removed);
   }
+  if (takenUp == 0) return true;
+  for (auto& [key, blocks] : indexMap_) std::stable_sort(blocks.begin(), blocks.end(), isOlder);
+  SKELDA_LOG(1, "SkeldaSender: no whole index, {} data blocks are taken up by their files",
+             takenUp);
+  return true;
+}
+
+void SkeldaDataSenderIndex::onqueue_adoptBlocksWithoutKey(const std::string& dataKey) {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
+  const auto adopted = indexMap_.extract("");
+  if (adopted.empty()) return;
+  auto& blocks = indexMap_[dataKey];
+  blocks.insert(blocks.end(), adopted.mapped().begin(), adopted.mapped().end());
+  std::stable_sort(blocks.begin(), blocks.end(), isOlder);
+  onqueue_saveSoon();
+}
+
+std::size_t SkeldaDataSenderIndex::blockCountForDataKey(const std::string& dataKey) {
+  std::size_t count = 0;
+  indexMapQueue_->sync([&] {
+    const auto found = indexMap_.find(dataKey);
+    if (found != indexMap_.end()) count = found->second.size();
+  });
+  return count;
 }
 
 bool SkeldaDataSenderIndex::saveState() {
@@ -151,14 +223,26 @@ void SkeldaDataSenderIndex::onqueue_didRemove(Blocks blocks) {
   saveQueue_->async(skelda::guarded([blocks = std::move(blocks)] {
     for (const auto& block : blocks) block->deletePersistentData();
   }));
+  onqueue_saveSoon();
+}
+
+void SkeldaDataSenderIndex::onqueue_saveSoon() {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   savePending_ = true;
   // One timer at a time: a burst is written as often as the delay allows, not once a change.
   if (std::exchange(saveTimed_, true)) return;
   saveQueue_->after(platform::dispatchTimeAfter(kSaveDelay),
-                    skelda::guarded([self = shared_from_this()] {
+                    skelda::guarded([weak = weak_from_this()] {
+                      const auto self = weak.lock();
+                      if (self == nullptr) return;
                       self->indexMapQueue_->sync([&] { self->saveTimed_ = false; });
                       self->onsavequeue_writePending();
                     }));
+}
+
+void SkeldaDataSenderIndex::setSentReportSuccessfully(bool sent) {
+  if (sentReportSuccessfully_.exchange(sent) == sent) return;
+  indexMapQueue_->async(skelda::guarded([self = shared_from_this()] { self->onqueue_saveSoon(); }));
 }
 
 void SkeldaDataSenderIndex::onsavequeue_writePending() {
@@ -174,11 +258,17 @@ bool SkeldaDataSenderIndex::onsavequeue_write() {
   const std::string path = filePath();
   if (!SkeldaUtil::assert_(!path.empty(), "0 != thePath.length")) return false;
   platform::KeyedArchive archive;
+  bool removalsPending = false;
   indexMapQueue_->sync([&] {
-    savePending_ = false;
+    removalsPending = std::exchange(savePending_, false);
     if (onqueue_read()) archive = archiveOf(indexMap_, sentReportSuccessfully_);
   });
-  return !archive.className.empty() && SkeldaUtil::archiveObject(archive, path);
+  if (archive.className.empty()) return false;
+  for (int tries = 0; tries < kWriteTries; ++tries) {
+    if (SkeldaUtil::archiveObject(archive, path)) return true;
+  }
+  if (removalsPending) indexMapQueue_->sync([&] { onqueue_saveSoon(); });
+  return false;
 }
 
 // -- Changes
@@ -214,6 +304,7 @@ void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
   SkeldaUtil::assertThreadIsNotMain();
   if (!SkeldaUtil::assert_(!dataKey.empty(), "0 != aDataKey.length")) return;
   indexMapQueue_->sync([&] {
+    onqueue_adoptBlocksWithoutKey(dataKey);
     Blocks dropped;
     for (auto entry = indexMap_.begin(); entry != indexMap_.end();) {
       if (entry->first == dataKey) {
@@ -224,28 +315,39 @@ void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
       entry = indexMap_.erase(entry);
     }
     if (dropped.empty()) return;
-    onqueue_discardOldest(dataKey);
+    onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
     onqueue_didRemove(std::move(dropped));
   });
 }
 
-void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey) {
+void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey, std::size_t most,
+                                                  const std::set<std::string>& butFor) {
   SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   const auto found = indexMap_.find(dataKey);
-  if (found == indexMap_.end() || found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
-  auto& blocks = found->second;
-  const auto kept = blocks.end() - static_cast<std::ptrdiff_t>(kSkeldaMaxReportedNotSentSessions);
-  Blocks outdated(blocks.begin(), kept);
-  blocks.erase(blocks.begin(), kept);
-  for (const auto& block : outdated) {
+  if (found == indexMap_.end() || found->second.size() <= most) return;
+  std::size_t excess = found->second.size() - most;
+  Blocks kept, outdated;
+  for (const auto& block : found->second) {
+    if (excess == 0 || butFor.contains(block->identifier())) {
+      kept.push_back(block);
+      continue;
+    }
+    --excess;
     SKELDA_LOG(1, "Skelda: discard outdated block id [{}]", block->identifier());
+    outdated.push_back(block);
   }
+  found->second = std::move(kept);
   onqueue_didRemove(std::move(outdated));
+}
+
+void SkeldaDataSenderIndex::discardBlocksBeyondMost(const std::string& dataKey,
+                                                    const std::set<std::string>& butFor) {
+  indexMapQueue_->sync([&] { onqueue_discardOldest(dataKey, kSkeldaMostBlocks, butFor); });
 }
 
 void SkeldaDataSenderIndex::discardOutdatedBlocksForDataKey(const std::string& dataKey) {
   indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
-    self->onqueue_discardOldest(dataKey);
+    self->onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
     // Everything was taken: on disk at once, or a next start would send it again.
     const auto found = self->indexMap_.find(dataKey);
     if (found == self->indexMap_.end() || !found->second.empty()) return;
@@ -257,11 +359,8 @@ void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKe
   indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
     const auto found = self->indexMap_.find(dataKey);
     if (found == self->indexMap_.end()) return;
-    if (found->second.size() <= kSkeldaMaxReportedNotSentSessions) return;
-    std::stable_sort(found->second.begin(), found->second.end(), [](const auto& a, const auto& b) {
-      return a->creationDate() < b->creationDate();
-    });
-    self->onqueue_discardOldest(dataKey);
+    std::stable_sort(found->second.begin(), found->second.end(), isOlder);
+    self->onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
   }));
 }
 

@@ -81,7 +81,7 @@ SkeldaURLSessionTask::TaskRef SkeldaURLSessionTask::sendMethod(
     std::int32_t method, const std::string& to, BodyRef body, platform::Dictionary headerFields,
     double timeoutInterval, platform::URLRequestCachePolicy useCachePolicy, DelegateRef delegate,
     bool startImmediately) {
-  if (!SkeldaUtil::assert_(platform::isWellFormedURL(to), "nil != url")) return nullptr;
+  SkeldaUtil::assert_(platform::isWellFormedURL(to), "nil != url");
   platform::URLRequest request;
   request.url = to;
   request.method = httpMethodToString(method);

@@ -54,7 +54,7 @@ class SkeldaURLSessionTask : public platform::Object,
                             platform::Dictionary headerFields, DelegateRef delegate,
                             bool startImmediately = true);
   /// Method codes: 0 GET, 1 PUT, 2 POST, 3 DELETE, 4 HEAD, 5 OPTIONS, 6 CONNECT. The time-out is in
-  /// seconds without progress. Null where `to` is no URL (reported).
+  /// seconds without progress. Where `to` is no URL (reported) the task fails once it is started.
   static TaskRef sendMethod(std::int32_t method, const std::string& to, BodyRef body,
                             platform::Dictionary headerFields, double timeoutInterval,
                             platform::URLRequestCachePolicy useCachePolicy, DelegateRef delegate,

@@ -8,6 +8,10 @@
 #include "Platform/Foundation/Error.h"
 #include "Platform/Platform.h"
 
+/// Posted when a log has come into the folder of committed logs.
+inline constexpr std::string_view kSkeldaFrameLogWasCommitedNotification =
+    "SkeldaFrameLogWasCommitedNotification";
+
 class ISkeldaNodeDataProvider;
 
 /// Hears of changes of a watched folder, on the provider's queue; re-posts at once.

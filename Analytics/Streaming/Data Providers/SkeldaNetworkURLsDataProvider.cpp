@@ -1,8 +1,23 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 
+#include <strings.h>
+
 #include <utility>
 
+#include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Foundation/URLSession.h"
+
+namespace {
+
+bool isAbsoluteHTTPAddress(const std::string& url) {
+  const std::string scheme = url.substr(0, url.find(':'));
+  return (::strcasecmp(scheme.c_str(), "http") == 0 ||
+          ::strcasecmp(scheme.c_str(), "https") == 0) &&
+         platform::isWellFormedURL(url);
+}
+
+}  // namespace
 
 SkeldaNetworkURLsDataProvider::SkeldaNetworkURLsDataProvider()
     : SkeldaActor(std::string(kClassName)), internalAnalyticsServerURL_(kDefaultServerURL) {}
@@ -14,6 +29,10 @@ std::shared_ptr<SkeldaNetworkURLsDataProvider> SkeldaNetworkURLsDataProvider::sh
 }
 
 void SkeldaNetworkURLsDataProvider::setServerURL(std::string url) {
+  if (!isAbsoluteHTTPAddress(url)) {
+    SKELDA_LOG(1, "{}: \"{}\" is no absolute http or https address, nothing can be sent there",
+               "-[SkeldaNetworkURLsDataProvider setServerURL:]", url);
+  }
   asyncBlock([self = selfOf(this), url = std::move(url)]() mutable {
     self->internalAnalyticsServerURL_ = std::move(url);
   });

@@ -7,7 +7,8 @@
 #include "Platform/Platform.h"
 
 /// The address to which frame logs are uploaded. Any thread; a read sees the writes that its thread
-/// made before. An address is taken as it is given.
+/// made before. An address is kept as it is given; one that is no absolute http or https address is
+/// said at once, and sending to it fails.
 class SkeldaNetworkURLsDataProvider : public SkeldaActor {
  public:
   static constexpr std::string_view kClassName = "SkeldaNetworkURLsDataProvider";

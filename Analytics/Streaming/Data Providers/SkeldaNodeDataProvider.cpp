@@ -29,7 +29,18 @@ std::shared_ptr<SkeldaNodeDataProvider> SkeldaNodeDataProvider::nodeDataProvider
   return made(new SkeldaNodeDataProvider(std::move(filePath), std::move(fileManager)));
 }
 
+void SkeldaNodeDataProvider::didInit() {
+  commitToken_ = platform::NotificationCenter::defaultCenter().addObserver(
+      kSkeldaFrameLogWasCommitedNotification,
+      [weak = std::weak_ptr(selfOf(this))](const platform::Notification&) {
+        const auto self = weak.lock();
+        if (self != nullptr && !self->isWatching_)
+          self->post<&SkeldaNodeDataProvider::onqueue_frameLogWasCommited>();
+      });
+}
+
 SkeldaNodeDataProvider::~SkeldaNodeDataProvider() {
+  platform::NotificationCenter::defaultCenter().removeObserver(commitToken_);
   if (source_ != nullptr) source_->cancel();
 }
 
@@ -88,10 +99,15 @@ void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
     }
   });
   source_->resume();
-  if (descriptor < 0 || !isAtPath(descriptor, filePath_)) return onqueue_watchAgainLater();
-  retryDelay_.reset();
+  const bool isThere = descriptor >= 0 && isAtPath(descriptor, filePath_);
+  isWatching_ = isThere && source_->stands();
+  if (isWatching_) {
+    retryDelay_.reset();
+  } else {
+    onqueue_watchAgainLater();
+  }
   // What came before the watch stood is seen by looking once now.
-  onqueue_alertDelegateOfEvents(platform::kFolderWritten);
+  if (isThere) onqueue_alertDelegateOfEvents(platform::kFolderWritten);
 }
 
 void SkeldaNodeDataProvider::onqueue_watchAgainLater() {
@@ -106,6 +122,7 @@ void SkeldaNodeDataProvider::onqueue_watchAgainLater() {
 void SkeldaNodeDataProvider::onqueue_recreateDispatchSource() {
   SKELDA_ON_QUEUE();
   keepMonitoringFile_ = true;
+  isWatching_ = false;
   if (source_ != nullptr) source_->cancel();
 }
 
@@ -120,6 +137,11 @@ void SkeldaNodeDataProvider::onqueue_sourceWasCancelled(int descriptor) {
 }
 
 // -- Changes
+
+void SkeldaNodeDataProvider::onqueue_frameLogWasCommited() {
+  SKELDA_ON_QUEUE();
+  if (!isWatching_) onqueue_alertDelegateOfEvents(platform::kFolderWritten);
+}
 
 void SkeldaNodeDataProvider::onqueue_alertDelegateOfEvents(unsigned events) {
   SKELDA_ON_QUEUE();

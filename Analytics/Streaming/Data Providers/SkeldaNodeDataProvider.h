@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,10 +12,14 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
 #include "Platform/Base/RetryDelay.h"
 #include "Platform/Dispatch/FolderSource.h"
+#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Platform.h"
 
 /// Watches the folder of committed logs and tells its observers when it was written. A watch that
-/// is lost, because the folder was removed or replaced, is made again together with the folder.
+/// is lost, because the folder was removed or replaced, is made again together with the folder; one
+/// that the system has no room for is tried again after 50 ms, and then half as often each time
+/// down to once a minute. Until it stands, each try counts as a change, and so does each commit of
+/// the writer (kSkeldaFrameLogWasCommitedNotification).
 class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvider {
  public:
   static std::shared_ptr<SkeldaNodeDataProvider> nodeDataProviderWithFilePath(
@@ -39,6 +44,8 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   SkeldaNodeDataProvider(std::string filePath,
                          std::shared_ptr<ISkeldaStreamFileManager> fileManager);
 
+  void didInit() override;
+  void onqueue_frameLogWasCommited();
   void onqueue_forceRefresh(const Completion& completion);
   void onqueue_beginMonitoringFile();
   void onqueue_watchAgainLater();
@@ -52,6 +59,8 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   std::shared_ptr<platform::FolderSource> source_;
   int fileDescriptor_ = 0;
   bool keepMonitoringFile_ = false;
-  platform::RetryDelay retryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
+  platform::RetryDelay retryDelay_{std::chrono::milliseconds(50), std::chrono::minutes(1)};
   bool changeSeen_ = false;
+  std::atomic<bool> isWatching_ = false;
+  platform::NotificationCenter::Token commitToken_ = 0;
 };

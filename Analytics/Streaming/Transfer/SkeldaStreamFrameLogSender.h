@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
@@ -20,17 +21,22 @@ class ISkeldaStreamingDataObserver {
 };
 
 /// Reads a frame log whole and gives its bytes to the data sender. A log counts as processed once
-/// the data sender has stored it; where it cannot store, the log stays and the failure is reported
-/// as a lost connection, each time after a longer wait.
+/// the data sender has stored it. Where it cannot store, or the device lacks what reading takes,
+/// the log stays and the failure is reported as a lost connection, which costs it none of its
+/// tries, each time after a longer wait. A log that the disk refuses for longer than the longest
+/// wait is a failure like any other: behind it the others wait.
 class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
                                    public ISkeldaStreamFileReader {
  public:
+  using RetryDelay = platform::RetryDelay;
+  static constexpr RetryDelay kRetryDelay{std::chrono::milliseconds(50), std::chrono::minutes(1)};
+
   static std::shared_ptr<SkeldaStreamFrameLogSender> frameLogSenderWithFileHandle(
       std::shared_ptr<ISkeldaStreamFileHandle> fileHandle);
   /// With a data sender of one's own instead of the process-wide one.
   static std::shared_ptr<SkeldaStreamFrameLogSender> frameLogSenderWithFileHandle(
       std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
-      std::shared_ptr<ISkeldaFrameLogDataSender> dataSender);
+      std::shared_ptr<ISkeldaFrameLogDataSender> dataSender, RetryDelay retryDelay = kRetryDelay);
 
   std::string_view className() const noexcept override { return "SkeldaStreamFrameLogSender"; }
   void startup() override;
@@ -40,7 +46,8 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
  private:
   friend class SkeldaActor;
   SkeldaStreamFrameLogSender(std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
-                             std::shared_ptr<ISkeldaFrameLogDataSender> dataSender);
+                             std::shared_ptr<ISkeldaFrameLogDataSender> dataSender,
+                             RetryDelay retryDelay);
   void didInit() override;
 
   void setupDataSender();
@@ -48,11 +55,15 @@ class SkeldaStreamFrameLogSender : public SkeldaActorStreamComponentBase,
   void onqueue_enableTestAppObserver();
   void onqueue_processFile(const std::string& fileName, const std::string& folder);
   void onqueue_reportFailure(const std::string& fileName, const platform::ErrorRef& error);
-  void onqueue_reportNotStored(const std::string& fileName);
+  std::optional<platform::Data> onqueue_contentsOfFile(const std::string& fullPath,
+                                                       platform::ErrorRef* error);
+  void onqueue_reportUnreadable(const std::string& fileName, const std::string& fullPath,
+                                const platform::ErrorRef& error);
+  void onqueue_reportLater(const std::string& fileName);
 
   const std::shared_ptr<ISkeldaStreamFileHandle> fileHandle_;
   std::shared_ptr<ISkeldaFrameLogDataSender> dataSender_;
   std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate_;
   std::shared_ptr<ISkeldaStreamingDataObserver> dataObserver_;
-  platform::RetryDelay storeRetryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
+  RetryDelay retryDelay_;
 };

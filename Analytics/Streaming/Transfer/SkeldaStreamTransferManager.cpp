@@ -1,12 +1,17 @@
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
-#include <set>
+#include <unordered_set>
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Date.h"
+#include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 
@@ -16,6 +21,9 @@ constexpr std::int32_t kDefaultMaxFileCount = 4;
 constexpr std::int32_t kDefaultMaxUploadCount = 5;
 constexpr std::int32_t kMaxUploadAttempts = 3;
 constexpr std::int32_t kMaxRemoveAttempts = 3;
+/// So many records are few: a look at them costs nothing worth putting off.
+constexpr std::size_t kFewRecords = 16;
+constexpr std::chrono::nanoseconds kLongestPutOff = std::chrono::seconds(1);
 
 std::int32_t limitIn(const platform::Dictionary& config, std::string_view key,
                      std::int32_t fallback) {
@@ -111,12 +119,13 @@ void SkeldaStreamTransferManager::didAbandonTransfer() {
 
 void SkeldaStreamTransferManager::fileMonitor(ISkeldaNodeDataProvider&,
                                               std::uint32_t didSeeChange) {
+  // One that waits to be looked at stands for all that come meanwhile.
+  if (didSeeChange == kSkeldaNodeChangeWritten && changePosted_.exchange(true)) return;
   post<&SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange>(didSeeChange);
 }
 
-std::map<std::string, SkeldaFileStateRef>
-SkeldaStreamTransferManager::fileUploadStatusDictionary() {
-  std::map<std::string, SkeldaFileStateRef> records;
+SkeldaStreamTransferManager::Records SkeldaStreamTransferManager::fileUploadStatusDictionary() {
+  Records records;
   syncBlock([&] { records = fileUploadStatusDictionary_; });
   return records;
 }
@@ -146,55 +155,87 @@ void SkeldaStreamTransferManager::onqueue_startup(const Completion& completion) 
 
 void SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType) {
   SKELDA_ON_QUEUE();
+  if (changeType != kSkeldaNodeChangeWritten) return;
+  changePosted_ = false;
+  if (onqueue_mayPutOffLook()) return onqueue_lookAgainAfter(kLongestPutOff);
+  onqueue_lookIntoFolder();
+}
+
+bool SkeldaStreamTransferManager::onqueue_mayPutOffLook() const {
+  SKELDA_ON_QUEUE();
+  const std::size_t count = fileUploadStatusDictionary_.size();
+  return count > kFewRecords && goneSinceLook_ < count / 8;
+}
+
+void SkeldaStreamTransferManager::onqueue_lookIntoFolder() {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod =
       "-[SkeldaStreamTransferManager onqueue_nodeDataProviderDidSeeChange:]";
   if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return;
-  if (changeType != kSkeldaNodeChangeWritten) return;
   platform::ErrorRef error;
   const auto names = fileManager_->fileNamesAtPath(filePath_, &error);
   if (!names || error != nullptr) {
     SKELDA_LOG(1, "{}: unable to retrieve contents at file path = {}, error = {}", kMethod,
                filePath_, platform::description(error));
     SkeldaUtil::assert_(false, kMethod);
-    return onqueue_lookAgainLater();
+    // The change has been told and will not be told again.
+    return onqueue_lookAgainAfter(listRetryDelay_.next());
   }
   listRetryDelay_.reset();
+  goneSinceLook_ = 0;
   onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
   onqueue_removeFromDictionaryFilesNotInFolder(*names);
   onqueue_processFiles();
 }
 
-void SkeldaStreamTransferManager::onqueue_lookAgainLater() {
+void SkeldaStreamTransferManager::onqueue_lookAgainAfter(platform::RetryDelay::Duration delay) {
   SKELDA_ON_QUEUE();
-  // The change has been told and will not be told again. One look at a time.
-  if (lookAgainPending_) return;
-  lookAgainPending_ = true;
+  if (std::exchange(lookAgainPending_, true)) return;  // one look at a time
   asyncBlock(
       [self = selfOf(this)] {
         self->lookAgainPending_ = false;
-        self->onqueue_nodeDataProviderDidSeeChange(kSkeldaNodeChangeWritten);
+        self->onqueue_lookIntoFolder();
       },
-      std::int64_t{listRetryDelay_.next().count()});
+      std::int64_t{delay.count()});
 }
 
 void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolder(
     const std::vector<std::string>& names) {
   SKELDA_ON_QUEUE();
   for (const auto& name : names) {
-    auto& record = fileUploadStatusDictionary_[name];
-    if (record != nullptr) continue;
-    record =
-        std::make_shared<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0, nullptr);
+    const auto at = fileUploadStatusDictionary_.lower_bound(name);
+    if (at != fileUploadStatusDictionary_.end() && at->first == name) continue;
+    if (onqueue_setAsideWhatIsNoFile(name)) continue;
+    fileUploadStatusDictionary_.emplace_hint(
+        at, name,
+        std::make_shared<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0, nullptr));
   }
+}
+
+/// A folder or a pipe is no log, whoever put it there: it would only be in the way of the others.
+bool SkeldaStreamTransferManager::onqueue_setAsideWhatIsNoFile(const std::string& name) {
+  SKELDA_ON_QUEUE();
+  using platform::FileCalls;
+  const std::string path = filePath_ + "/" + name;
+  struct ::stat status;
+  if (platform::fileError<&FileCalls::linkStatusAt>(path.c_str(), &status) != 0) return false;
+  if (S_ISREG(status.st_mode)) return false;
+  const std::string aside = SkeldaAgentFiles::setAside(
+      SkeldaAgentFiles::inStorageFolder(name), platform::Date::now().timeIntervalSince1970());
+  const int error = platform::fileError<&FileCalls::rename>(path.c_str(), aside.c_str());
+  SKELDA_LOG(1, "SkeldaStreamTransferManager: {} is no file, set aside as {}, success: {:d}", name,
+             aside, error == 0);
+  return true;
 }
 
 void SkeldaStreamTransferManager::onqueue_removeFromDictionaryFilesNotInFolder(
     const std::vector<std::string>& names) {
   SKELDA_ON_QUEUE();
-  const std::set<std::string_view> listed(names.begin(), names.end());
+  const std::unordered_set<std::string_view> listed(names.begin(), names.end());
   std::erase_if(fileUploadStatusDictionary_, [&](const auto& entry) {
     if (listed.contains(entry.first)) return false;
     fileTransferAgent_->cancelTransfer(entry.second);
+    attended_.erase(entry.first);
     return true;
   });
 }
@@ -205,27 +246,37 @@ void SkeldaStreamTransferManager::onqueue_processFiles() {
   SKELDA_ON_QUEUE();
   // Where the count of transfers turned out too high, a file that waited may go now.
   if (onqueue_processFilesOnce()) onqueue_processFilesOnce();
+  if (lookAgainPending_ && goneSinceLook_ > 0 && !onqueue_mayPutOffLook()) onqueue_lookIntoFolder();
 }
 
 bool SkeldaStreamTransferManager::onqueue_processFilesOnce() {
   SKELDA_ON_QUEUE();
-  std::vector<std::string> names;
-  names.reserve(fileUploadStatusDictionary_.size());
-  for (const auto& entry : fileUploadStatusDictionary_) names.push_back(entry.first);
-  std::sort(names.begin(), names.end(), &isOrderedBefore);
-
   // A folder over its limit is cut back below it by a quarter of the limit more, so that not every
   // new file deletes an old one.
-  const auto count = static_cast<std::int32_t>(std::min<std::size_t>(names.size(), INT32_MAX / 2));
+  auto& records = fileUploadStatusDictionary_;
+  const auto count =
+      static_cast<std::int32_t>(std::min<std::size_t>(records.size(), INT32_MAX / 2));
   maxDeleteFileCount_ = count > maxFileCount_ ? (count - maxFileCount_) + maxFileCount_ / 4 : 0;
   deletedFileCount_ = 0;
   localUploadCounter_ = 0;
-  for (const auto& name : names) {
-    const auto found = fileUploadStatusDictionary_.find(name);
-    if (found != fileUploadStatusDictionary_.end())
-      onqueue_processFile(SkeldaFileStateRef(found->second));
+  auto from = records.begin();
+  for (const auto& [name, file] : Records(attended_)) {
+    onqueue_processWaitingFiles(from, records.lower_bound(name));
+    onqueue_processFile(file);
+    from = records.upper_bound(name);
   }
+  onqueue_processWaitingFiles(from, records.end());
   return onqueue_reconcileUploadCount();
+}
+
+/// As far as some of them may go or a place is free.
+void SkeldaStreamTransferManager::onqueue_processWaitingFiles(Records::iterator from,
+                                                              Records::iterator until) {
+  SKELDA_ON_QUEUE();
+  while (from != until && (onqueue_mayDelete() || currentUploadCount_ < maxUploadCount_)) {
+    const SkeldaFileStateRef file = (from++)->second;  // which its handler may erase
+    onqueue_processFile(file);
+  }
 }
 
 bool SkeldaStreamTransferManager::onqueue_reconcileUploadCount() {
@@ -276,6 +327,8 @@ bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& f
     return false;
   }
   ++deletedFileCount_;
+  ++goneSinceLook_;
+  attended_.erase(file->fileName());
   fileUploadStatusDictionary_.erase(file->fileName());
   return true;
 }
@@ -299,6 +352,7 @@ void SkeldaStreamTransferManager::onqueue_processWaitingFile(const SkeldaFileSta
   ++currentUploadCount_;
   ++localUploadCounter_;
   file->setFileState(kSkeldaFileStateInProgress);
+  attended_.emplace(file->fileName(), file);
   fileTransferAgent_->startTransfer(file);
 }
 
@@ -368,8 +422,7 @@ void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
   if (isOffline(error)) {
     // Neither the attempts nor the count of transfers are touched: the pass that follows finds the
     // count too high and corrects it.
-    file.setFileState(kSkeldaFileStateWaiting);
-    return;
+    return onqueue_putBack(file);
   }
   file.setFileUploadRetryCounter(file.fileUploadRetryCounter() + 1);
   if (file.fileUploadRetryCounter() >= kMaxUploadAttempts) {
@@ -378,6 +431,12 @@ void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
     file.setFileState(kSkeldaFileStateDone);
     return;
   }
-  file.setFileState(kSkeldaFileStateWaiting);
+  onqueue_putBack(file);
   --currentUploadCount_;
+}
+
+void SkeldaStreamTransferManager::onqueue_putBack(SkeldaFileState& file) {
+  SKELDA_ON_QUEUE();
+  file.setFileState(kSkeldaFileStateWaiting);
+  attended_.erase(file.fileName());
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -20,6 +22,11 @@
 /// Keeps one record per file of the committed folder, runs each through its states, and holds to
 /// the limits on files kept and on transfers at a time. All state lives on the actor's queue;
 /// records live in memory only, so after a restart every file waits again.
+///
+/// A pass costs what it changes, not what waits: the records are kept in their order, and those
+/// that only wait are not looked at once there is nothing to do for them. A look into the folder
+/// costs what is there: one change stands for all that come before it is looked at, and where much
+/// waits a look is put off until an eighth of it has gone, or for a second.
 class SkeldaStreamTransferManager : public SkeldaActor,
                                     public ISkeldaStreamTransferManager,
                                     public ISkeldaFileTransferAgentDelegate,
@@ -39,14 +46,21 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   void didAbandonTransfer() override;
   void fileMonitor(ISkeldaNodeDataProvider& monitor, std::uint32_t didSeeChange) override;
 
+  /// Ascending, runs of digits by their number: "log9" comes before "log10".
+  static bool isOrderedBefore(std::string_view left, std::string_view right) noexcept;
+  struct NameOrder {
+    using is_transparent = void;
+    bool operator()(std::string_view left, std::string_view right) const noexcept {
+      return isOrderedBefore(left, right);
+    }
+  };
+  using Records = std::map<std::string, SkeldaFileStateRef, NameOrder>;
+
   /// A copy of the records by name, for those who look.
-  std::map<std::string, SkeldaFileStateRef> fileUploadStatusDictionary();
+  Records fileUploadStatusDictionary();
   std::int32_t currentUploadCount();
   std::int32_t maxUploadCount() const noexcept { return maxUploadCount_; }
   std::int32_t maxFileCount() const noexcept { return maxFileCount_; }
-
-  /// Ascending, runs of digits by their number: "log9" comes before "log10".
-  static bool isOrderedBefore(std::string_view left, std::string_view right) noexcept;
 
  private:
   friend class SkeldaActor;
@@ -59,15 +73,20 @@ class SkeldaStreamTransferManager : public SkeldaActor,
 
   void onqueue_startup(const Completion& completion);
   void onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType);
-  void onqueue_lookAgainLater();
+  void onqueue_lookIntoFolder();
+  void onqueue_lookAgainAfter(platform::RetryDelay::Duration delay);
+  bool onqueue_mayPutOffLook() const;
+  bool onqueue_setAsideWhatIsNoFile(const std::string& name);
   void onqueue_addToStatusDictionaryNewFilesFromFolder(const std::vector<std::string>& names);
   void onqueue_removeFromDictionaryFilesNotInFolder(const std::vector<std::string>& names);
   void onqueue_didCompleteTransfer(const std::string& fileName, const platform::ErrorRef& error);
   void onqueue_transferFailed(SkeldaFileState& file, const platform::Error& error);
+  void onqueue_putBack(SkeldaFileState& file);
   void onqueue_processFiles();
   /// Both: whether the count of transfers was too high.
   bool onqueue_processFilesOnce();
   bool onqueue_reconcileUploadCount();
+  void onqueue_processWaitingFiles(Records::iterator from, Records::iterator until);
   void onqueue_processFile(const SkeldaFileStateRef& file);
   void onqueue_processWaitingFile(const SkeldaFileStateRef& file);
   void onqueue_processInProgressFile(const SkeldaFileStateRef& file);
@@ -82,13 +101,16 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   const std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;
   const std::string filePath_;
   const std::shared_ptr<ISkeldaStreamFileManager> fileManager_;
-  std::map<std::string, SkeldaFileStateRef> fileUploadStatusDictionary_;
+  Records fileUploadStatusDictionary_;
+  Records attended_;  ///< those among them that are not waiting for a place
   std::int32_t currentUploadCount_ = 0;
   std::int32_t maxUploadCount_;
   std::int32_t maxFileCount_;
   std::int32_t maxDeleteFileCount_ = 0;
   std::int32_t deletedFileCount_ = 0;
   std::int32_t localUploadCounter_ = 0;
-  platform::RetryDelay listRetryDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
+  std::size_t goneSinceLook_ = 0;
+  platform::RetryDelay listRetryDelay_{std::chrono::milliseconds(50), std::chrono::minutes(1)};
   bool lookAgainPending_ = false;
+  std::atomic<bool> changePosted_ = false;
 };

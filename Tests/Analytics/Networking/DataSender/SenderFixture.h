@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,13 +37,16 @@ class SenderTest : public ::testing::Test {
                                           std::make_shared<SkeldaBackgroundTaskTracker>(), apiKey));
     return senders_.back();
   }
+  /// Whether it does, sooner or later.
+  static bool becomes(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return condition();
+  }
   /// Until nothing is under way any more: what came later would find another folder.
   void finish() {
     for (const auto& sender : std::exchange(senders_, {})) {
-      const auto deadline = std::chrono::steady_clock::now() + kPatience;
-      while (!isIdle(sender) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
-      }
+      becomes([&] { return isIdle(sender); });
       drain(sender->dataIndex());
     }
   }

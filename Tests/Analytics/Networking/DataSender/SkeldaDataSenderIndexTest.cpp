@@ -1,5 +1,6 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
@@ -16,7 +17,7 @@ class SkeldaDataSenderIndexTest : public SenderTest {
   }
   static SkeldaDataSenderIndex::BlockRef add(const Index& index, const std::string& text,
                                              const std::string& key = "Data_1_261") {
-    auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text));
+    auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text), key);
     EXPECT_TRUE(index->addBlockInfo(block, key));
     return block;
   }
@@ -95,6 +96,7 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
   };
   for (const auto& one : cases) {
     writeFile(indexFile(), one.bytes);
+    writeFile(home_.storageFolder() + "/" + uuid, "8 bytes!");
     const auto index = load();
     EXPECT_TRUE(index->isReadable()) << one.bytes;
     EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), one.blocks) << one.bytes;
@@ -121,7 +123,7 @@ TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
     EXPECT_FALSE(index->saveState());
     plan->clear();
     plan->failKind("read", 1, {EIO, false, {}, Fault::kForEver});
-    const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"));
+    const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
     EXPECT_FALSE(index->addBlockInfo(block, "Data_1_261"));
     block->deletePersistentData();
   }
@@ -140,7 +142,7 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
     {
       FaultyFileCalls calls(plan);
       plan->failCall(call, {ENOSPC});
-      const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"));
+      const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
       added = block != nullptr && index->addBlockInfo(block, "Data_1_261");
       if (block != nullptr && !added) block->deletePersistentData();
     }
@@ -158,7 +160,7 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
 
 TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIsRead) {
   add(load(), "named");
-  SkeldaDataSenderBlockInfo::blockWithData(bytes("left by a kill"));
+  SkeldaDataSenderBlockInfo::blockWithData(bytes("left by a kill"), "Data_1_261");
   writeFile(home_.storageFolder() + "/other.file", "not a block");
   EXPECT_EQ(blockFiles().size(), 2u);
   EXPECT_EQ(texts(load()), std::vector<std::string>{"named"});
@@ -167,9 +169,116 @@ TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIs
   EXPECT_EQ(log_.count("delete orphaned data block"), 1u);
 }
 
+TEST_F(SkeldaDataSenderIndexTest, AnEntryWithoutAFileIsOneThatTheIndexWasBehind) {
+  const auto gone = add(load(), "gone");
+  add(load(), "there");
+  gone->deletePersistentData();
+  EXPECT_EQ(texts(load()), std::vector<std::string>{"there"});
+}
+
+TEST_F(SkeldaDataSenderIndexTest, WhicheverByteOfTheIndexIsDamagedEveryBlockIsStillThere) {
+  {
+    const auto index = load();
+    for (const char* text : {"one", "two", "three"}) add(index, text);
+  }
+  const std::string whole = readFile(indexFile());
+  ASSERT_GT(whole.size(), 400u);
+  for (std::size_t at = 0; at <= whole.size(); ++at) {
+    std::string damaged = whole.substr(0, at == whole.size() ? at / 2 : at);
+    if (at < whole.size()) damaged += static_cast<char>(whole[at] ^ 1) + whole.substr(at + 1);
+    writeFile(indexFile(), damaged);
+    const auto index = load();
+    index->setupForCurrentDataKey("Data_1_261");
+    auto found = texts(index);
+    std::sort(found.begin(), found.end());
+    ASSERT_EQ(found, (std::vector<std::string>{"one", "three", "two"})) << "byte " << at;
+    ASSERT_EQ(blockFiles().size(), 3u) << "byte " << at;
+  }
+}
+
+TEST_F(SkeldaDataSenderIndexTest, WithoutAnIndexWholeBlocksOfTheCurrentKeyAreTakenUpOldestFirst) {
+  const struct {
+    int attributes;  // what asking for them comes to
+    bool readable;
+    std::vector<std::string> current;
+    std::size_t files;
+  } cases[] = {{0, true, {"old", "young"}, 2},
+               // Nobody can say whose they are, so none is thrown away.
+               {ENOTSUP, true, {"old", "another key's", "young"}, 3},
+               {EIO, false, {}, 4}};
+  for (const auto& one : cases) {
+    AgentHome home;
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    const auto fault = [&](const char* kind) {
+      if (one.attributes != 0)
+        plan->failKind(kind, 1, {one.attributes, false, {}, Fault::kForEver});
+    };
+    if (one.attributes == ENOTSUP) fault("setAttribute");
+    const auto young = SkeldaDataSenderBlockInfo::blockWithData(bytes("young"), "current");
+    const auto old = SkeldaDataSenderBlockInfo::blockWithData(bytes("old"), "current");
+    const auto other = SkeldaDataSenderBlockInfo::blockWithData(bytes("another key's"), "other");
+    const auto ofAge = [&](const auto& block, int minutes) {
+      std::filesystem::last_write_time(
+          home.storageFolder() + "/" + block->identifier(),
+          std::filesystem::file_time_type::clock::now() - std::chrono::minutes(minutes));
+    };
+    ofAge(old, 3);
+    ofAge(other, 2);
+    ofAge(young, 1);
+    const std::string torn = "01234567-89AB-CDEF-0123-456789ABCDEF";
+    if (one.attributes != ENOTSUP) writeFile(home.storageFolder() + "/" + torn, "no attribute");
+    fault("attribute");
+    const auto index = load();
+    EXPECT_EQ(index->isReadable(), one.readable) << one.attributes;
+    if (one.readable) index->setupForCurrentDataKey("current");
+    EXPECT_EQ(texts(index, "current"), one.current) << one.attributes;
+    EXPECT_EQ(drain(index), one.readable);
+    const std::filesystem::directory_iterator all(home.storageFolder());
+    EXPECT_EQ(std::count_if(begin(all), end(all),
+                            [](const auto& entry) {
+                              return SkeldaDataSenderBlockInfo::isBlockFileName(
+                                  entry.path().filename().string());
+                            }),
+              static_cast<std::ptrdiff_t>(one.files))
+        << one.attributes;
+    plan->clear();
+  }
+}
+
+TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
+  const auto index = load();
+  std::vector<SkeldaDataSenderIndex::BlockRef> blocks;
+  for (int i = 0; i < 20; ++i) blocks.push_back(add(index, std::to_string(i)));
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  const auto named = [&] {
+    const std::string file = readFile(indexFile());
+    return std::count_if(blocks.begin(), blocks.end(), [&](const auto& block) {
+      return file.find(block->identifier()) != std::string::npos;
+    });
+  };
+  const auto removeAt = [&](std::size_t i) {
+    const std::size_t before = blockFiles().size();
+    index->removeBlockInfoWithIdentifier(blocks[i]->identifier(), "Data_1_261");
+    EXPECT_TRUE(becomes([&] { return blockFiles().size() < before; }));
+  };
+  for (std::size_t i = 0; i < 10; ++i) removeAt(i);
+  EXPECT_EQ(plan->calls("rename"), 0u) << "the files are gone, the index may say so later";
+  EXPECT_EQ(named(), 20);
+  add(index, "added");
+  EXPECT_EQ(plan->calls("rename"), 2u) << "the block and the index";
+  EXPECT_EQ(named(), 10);
+  removeAt(10);
+  index->setSentReportSuccessfully(true);
+  EXPECT_TRUE(becomes([&] { return named() == 9; }));
+  EXPECT_EQ(plan->calls("rename"), 3u);
+  EXPECT_TRUE(load()->sentReportSuccessfully());
+}
+
 TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {
   using Status = SkeldaDataSenderBlockInfo::ReadStatus;
-  const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("eight by"));
+  const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("eight by"), "key");
   const std::string path = home_.storageFolder() + "/" + block->identifier();
   Status status = Status::whole;
   EXPECT_EQ(block->data(&status), bytes("eight by"));
@@ -190,7 +299,7 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {
   block->deletePersistentData();
   EXPECT_EQ(block->data(&status), std::nullopt);
   EXPECT_EQ(status, Status::gone);
-  EXPECT_EQ(SkeldaDataSenderBlockInfo::blockWithData({}), nullptr);
+  EXPECT_EQ(SkeldaDataSenderBlockInfo::blockWithData({}, "key"), nullptr);
 }
 
 }  // namespace

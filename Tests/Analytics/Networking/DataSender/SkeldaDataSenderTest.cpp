@@ -170,19 +170,74 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   sendTo(server);
   const auto sender = makeSender();
   // The block's own calls come first, then those of the index.
-  const std::pair<const char*, int> failing[] = {
-      {"write", 1}, {"write", 2}, {"syncData", 1}, {"syncData", 2}, {"rename", 1}};
+  const std::pair<const char*, std::size_t> failing[] = {
+      {"write", 1}, {"write", 2}, {"syncData", 1}, {"syncData", 2}, {"rename", 1}, {"rename", 2}};
   for (const auto& [kind, call] : failing) {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind(kind, call, {ENOSPC});
+    plan->failKind(kind, call, {ENOSPC, false, {}, Fault::kForEver});
     EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind << " " << call;
   }
   EXPECT_TRUE(blockFiles().empty());
   EXPECT_TRUE(blocks(sender).empty());
   EXPECT_EQ(server.connections(), 0u) << "what is not stored is not sent";
+  // One write of the index that fails holds nothing up.
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  plan->failKind("write", 2, {EIO});
   EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
+  EXPECT_EQ(plan->faults(), 1u);
   EXPECT_TRUE(server.waitForRequests(1));
+}
+
+TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptWhereNoRequestEverEnds) {
+  LoopbackServer server(answeringWhenReleased());
+  sendTo(server);
+  const auto sender = makeSender();
+  for (int i = 0; i < 130; ++i) EXPECT_TRUE(sender->sendFrameLogData(bytes(std::to_string(i))));
+  ASSERT_TRUE(server.waitUntil([&] { return server.held() == 9; }));
+  EXPECT_EQ(blocks(sender).size(), 100u);
+  EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 30u);
+  // What is under way stays; of the others the oldest went.
+  std::set<std::string> expected, received;
+  for (int i = 0; i < 130; ++i) {
+    if (i < 9 || i >= 39) expected.insert(std::to_string(i));
+  }
+  const auto releaseUntil = [&](std::size_t left) {
+    return server.waitUntil([&] {
+      server.release();
+      return blocks(sender).size() <= left;
+    });
+  };
+  ASSERT_TRUE(releaseUntil(90));
+  // Now the server takes them: a log that would push one out waits instead.
+  std::size_t taken = 0;
+  while (sender->sendFrameLogData(bytes("later " + std::to_string(taken))) && taken < 50) {
+    expected.insert("later " + std::to_string(taken++));
+  }
+  EXPECT_GE(taken, 10u);
+  EXPECT_LT(taken, 50u);
+  ASSERT_TRUE(releaseUntil(0));
+  for (const auto& request : server.requests()) received.insert(request.body);
+  EXPECT_EQ(received, expected);
+}
+
+TEST_F(SkeldaDataSenderTest, AnAddressThatIsNoneIsSaidOnceAndEveryLimitApplies) {
+  const auto sender = makeSender();
+  for (const char* url : {"localhost:18443", "no address", "/v1/skd.do", "file:///tmp/x", ""}) {
+    SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(url);
+    EXPECT_EQ(SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL(), url);
+    for (int i = 0; i < 15; ++i)
+      EXPECT_TRUE(sender->sendFrameLogData(bytes(url + std::string("x"))));
+    EXPECT_EQ(log_.count("is no absolute http or https address"), 1u) << url;
+    log_.take();
+  }
+  EXPECT_TRUE(becomes([&] { return isIdle(sender) && blocks(sender).size() == 50; }));
+  LoopbackServer server(answering(200));
+  sendTo(server);
+  EXPECT_EQ(log_.count("is no absolute http or https address"), 0u);
+  sender->retransmitNotSentBlocks();
+  EXPECT_TRUE(server.waitUntil([&] { return blocks(sender).empty(); }));
 }
 
 TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {

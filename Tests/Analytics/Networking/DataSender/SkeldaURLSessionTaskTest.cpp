@@ -95,9 +95,12 @@ TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirst
   EXPECT_EQ(requests.back().field("x-key"), "k");
 }
 
-TEST_F(SkeldaURLSessionTaskTest, AnUnstartedTaskIsFreedAndWhatIsNoURLMakesNone) {
-  EXPECT_EQ(SkeldaURLSessionTask::get("not a url", {}), nullptr);
-  EXPECT_EQ(SkeldaURLSessionTask::get("", {}), nullptr);
+TEST_F(SkeldaURLSessionTaskTest, AnUnstartedTaskIsFreedAndWhatIsNoURLFails) {
+  for (const char* url : {"not a url", "", "localhost:18443"}) {
+    post(url, "bytes");
+    EXPECT_FALSE(delegate_->all().front()) << url;
+    EXPECT_NE(delegate_->last->error(), nullptr) << url;
+  }
   std::weak_ptr<SkeldaURLSessionTask> weak;
   {
     const auto task =

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <filesystem>
+#include <set>
 
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Platform/Foundation/NotificationCenter.h"
 #include "Tests/Analytics/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -42,6 +46,17 @@ class SkeldaNodeDataProviderTest : public ::testing::Test {
   }
   void settle() {
     provider_->syncBlock([] {});
+  }
+  /// Those that stand for the folder: the provider's and the watch's.
+  std::set<int> watchDescriptors() const {
+    std::set<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (std::filesystem::read_symlink(entry.path(), gone) == watched_) {
+        found.insert(std::stoi(entry.path().filename()));
+      }
+    }
+    return found;
   }
   static std::size_t openDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
@@ -122,6 +137,37 @@ TEST_F(SkeldaNodeDataProviderTest, AWatchMadeAgainLeavesNoDescriptor) {
     std::this_thread::yield();
   }
   EXPECT_LE(openDescriptors(), before);
+}
+
+TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatchIsTriedAgain) {
+  start();
+  ::rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  // The old watch gives its descriptors back: there is one for the folder and none for its watch,
+  // or not even one.
+  for (const int descriptors : {1, 0}) {
+    settle();
+    const int lowest = *watchDescriptors().begin();
+    ::rlimit scarce = before;
+    scarce.rlim_cur = static_cast<::rlim_t>(lowest + descriptors);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
+    provider_->recreateDispatchSource();
+    // The first try has failed once a commit is told: before, a watch stands and tells itself.
+    std::size_t seen = changes_->count();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (changes_->count() < seen + 3 && std::chrono::steady_clock::now() < deadline) {
+      platform::NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
+      settle();
+    }
+    EXPECT_GE(changes_->count(), seen + 3) << descriptors;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    seen = changes_->count();
+    ASSERT_TRUE(changes_->waitPast(seen)) << "the watch that stands again tells of it itself";
+    while (watchDescriptors().size() < 2 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    expectTold("after " + std::to_string(descriptors));
+  }
 }
 
 TEST_F(SkeldaNodeDataProviderTest, WhereNoFolderCanBeMadeItIsTriedAgain) {

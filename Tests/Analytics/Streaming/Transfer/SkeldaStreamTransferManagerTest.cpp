@@ -194,6 +194,42 @@ TEST_F(SkeldaStreamTransferManagerTest, ACompletionOfAnUnknownNameStillRunsAPass
   EXPECT_EQ(agent_->started, (Names{"log1", "log1"}));
 }
 
+TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithTheirNumberOnly) {
+  // Sent one by one, each a change of the folder as it goes: how many names were listed for it.
+  const auto namesListedFor = [&](int count) {
+    folder_ = std::make_shared<FakeFolder>();
+    agent_ = std::make_shared<FakeAgent>();
+    put(count);
+    make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
+          {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+    for (int i = 0; i < count; ++i) {
+      manager_->didCompleteTransfer(agent_->started.back(), nullptr);
+      settle();
+      for (int changes = 0; changes < 3; ++changes) monitor_->tell(0);
+      settle();
+    }
+    EXPECT_EQ(agent_->started.size(), static_cast<std::size_t>(count));
+    EXPECT_TRUE(folder_->names.empty());
+    return static_cast<double>(folder_->namesListed);
+  };
+  const double of250 = namesListedFor(250);
+  EXPECT_LT(namesListedFor(2000) / of250, 2 * 2000 / 250);
+  EXPECT_LT(of250, 20 * 250);
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFileThatComesWhileManyWaitIsSeenSoon) {
+  put(100);
+  make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
+        {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+  folder_->names.insert("log0");
+  monitor_->tell(0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (record("log0") == nullptr && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_NE(record("log0"), nullptr);
+}
+
 TEST_F(SkeldaStreamTransferManagerTest, AFolderThatCannotBeListedIsLookedAtAgain) {
   put(1);
   folder_->unlistable = 1;

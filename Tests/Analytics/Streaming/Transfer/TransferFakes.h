@@ -38,6 +38,7 @@ class FakeFolder : public SkeldaStreamFileManager {
       --unlistable;
       return std::nullopt;
     }
+    namesListed += names.size();
     return std::vector<std::string>(names.begin(), names.end());
   }
 
@@ -45,6 +46,7 @@ class FakeFolder : public SkeldaStreamFileManager {
   std::set<std::string> undeletable;
   std::vector<std::string> removed;
   int unlistable = 0;
+  std::size_t namesListed = 0;
 
  private:
   std::mutex mutex_;

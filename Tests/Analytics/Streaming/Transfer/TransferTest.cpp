@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <filesystem>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
@@ -32,6 +35,12 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   FaultyFileCalls calls(plan);
   plan->failKind("syncData", 1, {ENOSPC, false, {}, Fault::kForEver});
   const std::string earlier = commit("of an earlier run");
+  // Neither of these is a log; the pipe would hold whoever opened it.
+  ASSERT_EQ(::mkfifo((folder + "/a pipe").c_str(), 0600), 0);
+  writeFile(folder + "/file", "not followed");
+  std::filesystem::rename(folder + "/file", home_ / "file");
+  std::filesystem::create_symlink(home_ / "file", folder + "/a link");
+  std::filesystem::create_directories(folder + "/a folder/within");
   const auto sender = makeSender();
   const auto files = SkeldaStreamFileManager::fileManager();
   const auto monitor = SkeldaNodeDataProvider::nodeDataProviderWithFilePath(folder, files);
@@ -48,6 +57,17 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
 
   plan->clear();
   ASSERT_TRUE(server.waitUntil([&] { return isEmpty() && blocks(sender).empty(); }));
+  for (const char* name : {"a pipe", "a link", "a folder"}) {
+    const std::filesystem::directory_iterator all(home_.storageFolder());
+    EXPECT_EQ(std::count_if(begin(all), end(all),
+                            [&](const auto& entry) {
+                              const std::string there = entry.path().filename();
+                              return there.starts_with(name + std::string(".unread_"));
+                            }),
+              1)
+        << name;
+    EXPECT_EQ(log_.count(name + std::string(" is no file, set aside")), 1u);
+  }
   const std::string later = commit("of this run");
   ASSERT_TRUE(server.waitForRequests(2));
   ASSERT_TRUE(server.waitUntil([&] { return isEmpty() && blocks(sender).empty(); }));
