@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
@@ -88,8 +89,8 @@ std::optional<std::string> SkeldaDataSender::storeData(const platform::Data& dat
   return identifier;
 }
 
-void SkeldaDataSender::removeStoredDataWithIdentifier(const std::string& identifier) {
-  dataIndex_->removeBlockInfoWithIdentifier(identifier, dataKey());
+void SkeldaDataSender::removeStoredDataWithIdentifier(const std::string& identifier, Fate fate) {
+  dataIndex_->removeBlockInfoWithIdentifier(identifier, dataKey(), fate);
 }
 
 bool SkeldaDataSender::everSentReportSuccessfully() const noexcept {
@@ -165,6 +166,7 @@ void SkeldaDataSender::sendData(std::shared_ptr<const platform::Data> data,
   task->setTag(identifier);
   if (!SkeldaUtil::assert_(!task->tag().empty(), "0 != task.tag.length")) return;
   registerNewTask(task);
+  SkeldaAccounting::add(SkeldaAccounting::page().requests);
   platform::Queue::main()->async(skelda::guarded([task] { task->resumeTask(); }));
 }
 
@@ -206,7 +208,7 @@ void SkeldaDataSender::onqueue_retransmitNotSentBlocks() {
     if (data) {
       sendData(std::make_shared<const platform::Data>(std::move(*data)), block->identifier());
     } else if (status == SkeldaDataSenderBlockInfo::ReadStatus::gone) {
-      removeStoredDataWithIdentifier(block->identifier());
+      removeStoredDataWithIdentifier(block->identifier(), Fate::damaged);
     }
   }
 }
@@ -217,12 +219,29 @@ void SkeldaDataSender::didCompleteAllTasks() {
 
 // -- How requests end
 
+namespace {
+
+/// An answer means that the server had the whole body.
+void accountAnswer(const SkeldaURLSessionTask& task, const SkeldaHTTPURLResponse& response) {
+  if (response.statusCode() == 0) return;
+  SkeldaAccountPage& page = SkeldaAccounting::page();
+  const auto& body = task.task()->originalRequest().body;
+  SkeldaAccounting::add(page.bytesSent, body != nullptr ? body->length() : 0);
+  page.lastAnswer = static_cast<std::uint64_t>(response.statusCode());
+  page.lastAnswerTime =
+      static_cast<std::uint64_t>(platform::Date::now().microsecondsSince1970().count());
+}
+
+}  // namespace
+
 void SkeldaDataSender::skeldaUrlRequestDidSucceed(const TaskRef& task,
                                                   const ResponseRef& response) {
+  accountAnswer(*task, *response);
   post([this, task, response] { requestSuccessComplete(task, response); });
 }
 
 void SkeldaDataSender::skeldaUrlRequestDidFail(const TaskRef& task, const ResponseRef& response) {
+  accountAnswer(*task, *response);
   post([this, task, response] {
     SKELDA_LOG(2, "{}: Could not connect to server: {}",
                "-[SkeldaDataSender skeldaUrlRequestDidFail:withResponse:]",
@@ -255,7 +274,9 @@ void SkeldaDataSender::requestFailedComplete(const TaskRef& task, const Response
              "-[SkeldaDataSender requestFailedComplete:withResponse:]", response->statusCode(),
              task->tag());
   // The server will never take it.
-  if (response->statusCode() == kMalformed) removeStoredDataWithIdentifier(task->tag());
+  if (response->statusCode() == kMalformed) {
+    removeStoredDataWithIdentifier(task->tag(), Fate::rejected);
+  }
   dataIndex_->setSentReportSuccessfully(false);
   onqueue_taskDidEnd(task, false);
 }

@@ -33,6 +33,7 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
                          public ISkeldaFrameLogDataSender {
  public:
   using TaskRef = SkeldaDataSenderBase::TaskRef;
+  using Fate = SkeldaDataSenderIndex::Fate;
 
   /// Makes the process-wide instance, for the host's API key; once it is there, further calls
   /// change nothing.
@@ -53,7 +54,8 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
 
   /// The new block's identifier; nothing where it could not be stored.
   std::optional<std::string> storeData(const platform::Data& data);
-  void removeStoredDataWithIdentifier(const std::string& identifier);
+  void removeStoredDataWithIdentifier(const std::string& identifier,
+                                      Fate fate = Fate::acknowledged);
   bool everSentReportSuccessfully() const noexcept;
   /// Builds and starts one request; on `queue`.
   void sendData(std::shared_ptr<const platform::Data> data, const std::string& identifier);

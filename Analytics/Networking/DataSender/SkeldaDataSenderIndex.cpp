@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
@@ -43,6 +44,14 @@ std::string checksumOf(const SkeldaDataSenderIndex::Map& map) {
     }
   }
   return fmt::format("{:016x}", platform::stableHash(text));
+}
+
+void account(SkeldaDataSenderIndex::Fate fate, std::size_t blocks) noexcept {
+  using Fate = SkeldaDataSenderIndex::Fate;
+  SkeldaAccountPage& page = SkeldaAccounting::page();
+  if (fate == Fate::acknowledged) SkeldaAccounting::add(page.blocksAcknowledged, blocks);
+  if (fate == Fate::rejected) SkeldaAccounting::add(page.blocksRejected, blocks);
+  if (fate == Fate::damaged) SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::damaged, blocks);
 }
 
 bool isOlder(const SkeldaDataSenderIndex::BlockRef& a, const SkeldaDataSenderIndex::BlockRef& b) {
@@ -181,6 +190,7 @@ bool SkeldaDataSenderIndex::onqueue_settleUnnamedBlocks(bool takeUp) {
     }
     if (error == ENOENT) continue;
     if (error != ENODATA) return false;
+    if (takeUp) SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::damaged);
     const bool removed = files.removeItemAtPath(SkeldaAgentFiles::block(name));
     SKELDA_LOG(1, "Skelda: delete orphaned data block with id [{}], success: {:d}", name, removed);
   }
@@ -280,14 +290,19 @@ bool SkeldaDataSenderIndex::addBlockInfo(const BlockRef& block, const std::strin
     added = onqueue_read();
     if (added) indexMap_[forDataKey].push_back(block);
   });
-  if (!added || saveState()) return added;
+  if (!added) return false;
+  if (saveState()) {
+    SkeldaAccounting::add(SkeldaAccounting::page().blocksStored);
+    return true;
+  }
   indexMapQueue_->sync([&] { std::erase(indexMap_[forDataKey], block); });
   return false;
 }
 
 void SkeldaDataSenderIndex::removeBlockInfoWithIdentifier(const std::string& identifier,
-                                                          const std::string& forDataKey) {
-  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), identifier, forDataKey] {
+                                                          const std::string& forDataKey,
+                                                          Fate fate) {
+  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), identifier, forDataKey, fate] {
     const auto found = self->indexMap_.find(forDataKey);
     if (found == self->indexMap_.end()) return;
     auto& blocks = found->second;
@@ -296,6 +311,7 @@ void SkeldaDataSenderIndex::removeBlockInfoWithIdentifier(const std::string& ide
     });
     Blocks removed(first, blocks.end());
     blocks.erase(first, blocks.end());
+    account(fate, removed.size());
     self->onqueue_didRemove(std::move(removed));
   }));
 }
@@ -315,6 +331,7 @@ void SkeldaDataSenderIndex::setupForCurrentDataKey(const std::string& dataKey) {
       entry = indexMap_.erase(entry);
     }
     if (dropped.empty()) return;
+    SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::otherKey, dropped.size());
     onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
     onqueue_didRemove(std::move(dropped));
   });
@@ -337,6 +354,12 @@ void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey, st
     outdated.push_back(block);
   }
   found->second = std::move(kept);
+  SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::overLimit, outdated.size());
+  SKELDA_NOTICE(
+      "Skelda: {} logs were deleted unsent, since more than {} wait: see what keeps the server "
+      "from "
+      "taking them",
+      outdated.size(), most);
   onqueue_didRemove(std::move(outdated));
 }
 

@@ -36,6 +36,8 @@ class SkeldaDataSenderIndex : public platform::Object,
   using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
   using Blocks = std::vector<BlockRef>;
   using Map = std::map<std::string, Blocks>;
+  /// Why a block goes, for the account.
+  enum class Fate { acknowledged, rejected, damaged };
 
   /// Reads the file of that name. Block files that a kill left without an entry are removed once it
   /// has been read; where it could not be, they are taken up, each under its own key.
@@ -50,7 +52,8 @@ class SkeldaDataSenderIndex : public platform::Object,
   /// then the block is not in the index.
   bool addBlockInfo(const BlockRef& block, const std::string& forDataKey);
   /// Every block whose identifier or group identifier it is, with its file. Posted.
-  void removeBlockInfoWithIdentifier(const std::string& identifier, const std::string& forDataKey);
+  void removeBlockInfoWithIdentifier(const std::string& identifier, const std::string& forDataKey,
+                                     Fate fate = Fate::acknowledged);
   /// Drops the blocks of every other key.
   void setupForCurrentDataKey(const std::string& dataKey);
   /// Drops the oldest blocks beyond kSkeldaMostBlocks, but for those named.

@@ -25,11 +25,12 @@ std::string loggableASCII(std::string_view bytes) {
 void logRequest(const platform::URLRequest& request) {
   SKELDA_LOG(2, "[SkeldaURLSessionTask sendMethod] {}: {}", request.method, request.url);
   SKELDA_LOG(2, "[SkeldaURLSessionTask sendMethod] headers: {}",
-             platform::Value(request.headerFields).description());
+             skelda::shownValue(platform::Value(request.headerFields).description()));
   if (request.body == nullptr) return;
   const std::size_t length = request.body->length();
   if (length < kLongestLoggedBody) {
-    SKELDA_LOG(2, "Skelda: ({} bytes) {}", length, loggableASCII(request.body->view()));
+    SKELDA_LOG(2, "Skelda: ({} bytes) {}", length,
+               skelda::shownValue(loggableASCII(request.body->view())));
   } else {
     SKELDA_LOG(2, "Skelda: ({} bytes) Body is too long to display", length);
   }

@@ -30,8 +30,8 @@ std::shared_ptr<SkeldaNetworkURLsDataProvider> SkeldaNetworkURLsDataProvider::sh
 
 void SkeldaNetworkURLsDataProvider::setServerURL(std::string url) {
   if (!isAbsoluteHTTPAddress(url)) {
-    SKELDA_LOG(1, "{}: \"{}\" is no absolute http or https address, nothing can be sent there",
-               "-[SkeldaNetworkURLsDataProvider setServerURL:]", url);
+    SKELDA_NOTICE("Skelda: \"{}\" is no absolute http or https address, nothing can be sent there",
+                  url);
   }
   asyncBlock([self = selfOf(this), url = std::move(url)]() mutable {
     self->internalAnalyticsServerURL_ = std::move(url);

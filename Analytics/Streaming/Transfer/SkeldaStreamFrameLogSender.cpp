@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/ClassRegistry.h"
@@ -107,6 +108,7 @@ void SkeldaStreamFrameLogSender::onqueue_processFile(const std::string& fileName
     return onqueue_reportLater(fileName);
   }
   retryDelay_.reset();
+  SkeldaAccounting::add(SkeldaAccounting::page().logsStored);
   if (const auto delegate = delegate_.lock()) delegate->processingCompleteForFile(fileName);
 }
 

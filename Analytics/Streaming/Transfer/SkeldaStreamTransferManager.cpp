@@ -6,9 +6,11 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/FileCalls.h"
@@ -341,6 +343,7 @@ void SkeldaStreamTransferManager::onqueue_processWaitingFile(const SkeldaFileSta
                "{}: Error - Reached max storage capacity on disk. Hence removing file.File Name:{}",
                kMethod, file->fileName());
     if (onqueue_deleteFile(file)) {
+      onqueue_accountFullFolder();
       SKELDA_LOG(2,
                  "{}: Removed File :{} as we have reached to our max capacity to store files on "
                  "disk",
@@ -391,7 +394,18 @@ void SkeldaStreamTransferManager::onqueue_processRemoveFile(const SkeldaFileStat
 
 void SkeldaStreamTransferManager::onqueue_processErrorFile(const SkeldaFileStateRef& file) {
   SKELDA_ON_QUEUE();
-  if (onqueue_mayDelete()) onqueue_deleteFile(file);
+  // One that was stored or given up before, and could not be deleted then, is accounted for.
+  const bool isUnsent = file->fileRemoveRetryCounter() < kMaxRemoveAttempts;
+  if (onqueue_mayDelete() && onqueue_deleteFile(file) && isUnsent) onqueue_accountFullFolder();
+}
+
+void SkeldaStreamTransferManager::onqueue_accountFullFolder() {
+  SKELDA_ON_QUEUE();
+  SkeldaAccounting::logRemoved(SkeldaLogRemoval::folderFull);
+  SKELDA_NOTICE(
+      "Skelda: a log was deleted unsent, since more than {} wait to be stored: see what keeps the "
+      "disk from taking them",
+      maxFileCount_);
 }
 
 // -- How transfers end
@@ -428,6 +442,11 @@ void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
   if (file.fileUploadRetryCounter() >= kMaxUploadAttempts) {
     SKELDA_LOG(1, "{}: Error - 3 tries failed to upload the file.File Name:{} Error:{}", kMethod,
                file.fileName(), error.description());
+    SKELDA_NOTICE("Skelda: a log was deleted unsent, since it is empty or cannot be read");
+    const bool isUnreadable = error.code() == SkeldaStreamErrorConstants::kFileOpenFailure ||
+                              error.code() == SkeldaStreamErrorConstants::kFileReadFailure;
+    SkeldaAccounting::logRemoved(isUnreadable ? SkeldaLogRemoval::unreadable
+                                              : SkeldaLogRemoval::thirdFailedTry);
     file.setFileState(kSkeldaFileStateDone);
     return;
   }

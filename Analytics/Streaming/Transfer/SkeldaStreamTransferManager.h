@@ -96,6 +96,7 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   void onqueue_processErrorFile(const SkeldaFileStateRef& file);
   bool onqueue_deleteFile(const SkeldaFileStateRef& file);
   bool onqueue_mayDelete() const noexcept;
+  void onqueue_accountFullFolder();
 
   const std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider_;
   const std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;

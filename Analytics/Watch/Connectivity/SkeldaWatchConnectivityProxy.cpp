@@ -94,7 +94,7 @@ void SkeldaWatchConnectivityProxy::logForwarding(std::string_view method,
                                                  const platform::Dictionary& userInfo) const {
   // "do not forward" is always 0 by here; the line has it all the same.
   SKELDA_LOG(2, "{}, do not forward {}, real object {}, self {}, userInfo {}", method, 0,
-             description(), fmt::ptr(this), platform::jsonText(userInfo));
+             description(), fmt::ptr(this), skelda::shownValue(platform::jsonText(userInfo)));
 }
 
 void SkeldaWatchConnectivityProxy::sessionDidReceiveUserInfo(platform::WCSession& session,

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Skelda_Watch/SkeldaConstants.h"
@@ -12,10 +13,31 @@ namespace {
 
 class SkeldaDataSenderTest : public SenderTest {
  protected:
+  /// What has been counted since the last call.
+  struct Counts {
+    std::uint64_t stored, acknowledged, rejected, overLimit, otherKey, damaged;
+    bool operator==(const Counts&) const = default;
+  };
+  Counts counted() {
+    const auto& page = SkeldaAccounting::page();
+    const auto removed = [&](SkeldaBlockRemoval reason) {
+      return page.blocksRemoved[static_cast<std::size_t>(reason)].load();
+    };
+    using enum SkeldaBlockRemoval;
+    const Counts now{page.blocksStored,  page.blocksAcknowledged, page.blocksRejected,
+                     removed(overLimit), removed(otherKey),       removed(damaged)};
+    const Counts before = std::exchange(counts_, now);
+    return {now.stored - before.stored,     now.acknowledged - before.acknowledged,
+            now.rejected - before.rejected, now.overLimit - before.overLimit,
+            now.otherKey - before.otherKey, now.damaged - before.damaged};
+  }
   static void setNetworkReachable(bool reachable) {
     SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(reachable);
     platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
   }
+
+ private:
+  Counts counts_{};
 };
 
 TEST_F(SkeldaDataSenderTest, PostsTheBytesAsTheyAreAndForgetsThemWhenTheyAreAccepted) {
@@ -59,12 +81,19 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
     });
     sendTo(server);
     const auto sender = makeSender();
+    counted();
+    const std::uint64_t requests = SkeldaAccounting::page().requests;
     EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
     ASSERT_TRUE(server.waitForRequests(1));
     ASSERT_TRUE(server.waitUntil([&] { return isIdle(sender); }));
     EXPECT_EQ(blocks(sender).size(), one.kept ? 1u : 0u) << one.status;
     EXPECT_EQ(sender->everSentReportSuccessfully(), one.status / 100 == 2) << one.status;
     EXPECT_EQ(server.requests().size(), 1u) << one.status;
+    EXPECT_EQ(counted(), (Counts{1, one.status / 100 == 2, one.status == 400, 0, 0, 0}));
+    EXPECT_EQ(SkeldaAccounting::page().requests, requests + 1);
+    if (one.status != 0) {
+      EXPECT_EQ(SkeldaAccounting::page().lastAnswer, static_cast<std::uint64_t>(one.status));
+    }
     finish();
   }
 }
@@ -126,6 +155,7 @@ TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
     }
     const std::size_t before = server.requests().size();
     const auto sender = makeSender(sameKey ? "down" : "other");
+    counted();
     if (!sameKey) {
       EXPECT_TRUE(sender->sendFrameLogData(bytes("new")));
     }
@@ -135,6 +165,7 @@ TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
     EXPECT_EQ(server.requests().size(), before + 1);
     EXPECT_EQ(server.requests().back().body, sameKey ? "stored" : "new");
     EXPECT_EQ(blocks(sender).size(), sameKey ? 1u : 0u);
+    EXPECT_EQ(counted(), (sameKey ? Counts{} : Counts{1, 1, 0, 0, 1, 0}));
     finish();
   }
 }
@@ -143,6 +174,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   LoopbackServer server(answering(200));
   SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL("http://127.0.0.1:1/");
   const auto sender = makeSender();
+  counted();
   std::vector<std::string> identifiers;
   for (const char* text : {"whole", "missing", "truncated"}) {
     identifiers.push_back(sender->storeData(bytes(text)).value_or(""));
@@ -161,6 +193,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   sendTo(server);
   sender->retransmitNotSentBlocks();
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty() && isIdle(sender); }));
+  EXPECT_EQ(counted(), (Counts{3, 1, 0, 0, 0, 2}));
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].body, "whole");
 }
@@ -194,6 +227,7 @@ TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptWhereNoRequestEverEnds) {
   LoopbackServer server(answeringWhenReleased());
   sendTo(server);
   const auto sender = makeSender();
+  counted();
   for (int i = 0; i < 130; ++i) EXPECT_TRUE(sender->sendFrameLogData(bytes(std::to_string(i))));
   ASSERT_TRUE(server.waitUntil([&] { return server.held() == 9; }));
   EXPECT_EQ(blocks(sender).size(), 100u);
@@ -220,6 +254,7 @@ TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptWhereNoRequestEverEnds) {
   ASSERT_TRUE(releaseUntil(0));
   for (const auto& request : server.requests()) received.insert(request.body);
   EXPECT_EQ(received, expected);
+  EXPECT_EQ(counted(), (Counts{130 + taken, 100 + taken, 0, 30, 0, 0}));
 }
 
 TEST_F(SkeldaDataSenderTest, AnAddressThatIsNoneIsSaidOnceAndEveryLimitApplies) {

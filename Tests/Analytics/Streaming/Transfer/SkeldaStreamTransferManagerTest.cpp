@@ -1,5 +1,6 @@
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
@@ -39,6 +40,9 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
   }
   SkeldaFileStateRef record(const std::string& name) {
     return manager_->fileUploadStatusDictionary()[name];
+  }
+  static std::uint64_t removed(SkeldaLogRemoval reason) {
+    return SkeldaAccounting::page().logsRemoved[static_cast<std::size_t>(reason)];
   }
   static platform::ErrorRef otherError() {
     return std::make_shared<const platform::Error>(platform::makeErrorDomain("other"), 0);
@@ -86,7 +90,9 @@ TEST_F(SkeldaStreamTransferManagerTest, AFolderOverItsLimitLosesItsOldestFiles) 
     folder_ = std::make_shared<FakeFolder>();
     agent_ = std::make_shared<FakeAgent>();
     put(one.files);
+    const std::uint64_t before = removed(SkeldaLogRemoval::folderFull);
     makeWithOneUpload();
+    EXPECT_EQ(removed(SkeldaLogRemoval::folderFull), before + one.deleted);
     EXPECT_EQ(folder_->removed.size(), one.deleted);
     if (one.deleted > 0) {
       EXPECT_EQ(folder_->removed.front(), "log1");
@@ -127,10 +133,12 @@ TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
   const auto lookalike = std::make_shared<const platform::Error>(
       platform::makeErrorDomain(platform::urlErrorDomain()->c_str()),
       platform::kURLErrorNotConnectedToInternet);
+  const std::uint64_t before = removed(SkeldaLogRemoval::thirdFailedTry);
   for (const auto& error : {lookalike, otherError(), platform::urlError(-1001)}) {
     EXPECT_TRUE(folder_->removed.empty());
     complete("log1", error);
   }
+  EXPECT_EQ(removed(SkeldaLogRemoval::thirdFailedTry), before + 1);
   EXPECT_EQ(folder_->removed, Names{"log1"});
   EXPECT_EQ(agent_->started, (Names{"log1", "log1", "log1", "log2"}));
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
@@ -50,6 +51,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
           SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
               SkeldaStreamFileHandle::fileHandle(), sender),
           files));
+  const std::uint64_t stored = SkeldaAccounting::page().logsStored;
   manager->startup(nullptr);
   ASSERT_TRUE(server.waitUntil([&] { return log_.count("unable to store data of file") >= 2; }));
   EXPECT_FALSE(isEmpty());
@@ -72,6 +74,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   ASSERT_TRUE(server.waitForRequests(2));
   ASSERT_TRUE(server.waitUntil([&] { return isEmpty() && blocks(sender).empty(); }));
   ASSERT_EQ(server.requests().size(), 2u);
+  EXPECT_EQ(SkeldaAccounting::page().logsStored, stored + 2);
   EXPECT_EQ(server.requests()[0].body, earlier);
   EXPECT_EQ(server.requests()[1].body, later);
   finish();
