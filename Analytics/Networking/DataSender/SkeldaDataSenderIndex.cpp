@@ -355,7 +355,7 @@ void SkeldaDataSenderIndex::onqueue_discardOldest(const std::string& dataKey, st
   }
   found->second = std::move(kept);
   SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::overLimit, outdated.size());
-  SKELDA_NOTICE(
+  SKELDA_NOTICE_ONCE(
       "Skelda: {} logs were deleted unsent, since more than {} wait: see what keeps the server "
       "from "
       "taking them",

@@ -402,7 +402,7 @@ void SkeldaStreamTransferManager::onqueue_processErrorFile(const SkeldaFileState
 void SkeldaStreamTransferManager::onqueue_accountFullFolder() {
   SKELDA_ON_QUEUE();
   SkeldaAccounting::logRemoved(SkeldaLogRemoval::folderFull);
-  SKELDA_NOTICE(
+  SKELDA_NOTICE_ONCE(
       "Skelda: a log was deleted unsent, since more than {} wait to be stored: see what keeps the "
       "disk from taking them",
       maxFileCount_);
