@@ -85,6 +85,13 @@ bool SkeldaKeychainWrapper::setObject(const std::optional<platform::KeyedArchive
       false, [&] { return object.has_value() && setData(platform::archivedData(*object), key); });
 }
 
+bool SkeldaKeychainWrapper::isAbsent(std::string_view key) const noexcept {
+  return contained(false, [&] {
+    const auto status = platform::SecItemCopyMatching(search(identifier_, key), nullptr);
+    return status == platform::errSecItemNotFound || status == platform::errSecDecode;
+  });
+}
+
 std::optional<platform::Data> SkeldaKeychainWrapper::dataForKey(
     std::string_view key) const noexcept {
   return contained(std::optional<platform::Data>(), [&] {

@@ -35,6 +35,9 @@ class SkeldaKeychainWrapper : public platform::Object {
   bool setThisDeviceData(const std::optional<platform::Data>& data, std::string_view key) noexcept;
   bool setThisDeviceString(const std::optional<std::string>& text, std::string_view key) noexcept;
 
+  /// Whether there is no such item, or none that will ever open again. False as well while that
+  /// cannot be said: a device that is locked or short of descriptors has not lost anything.
+  bool isAbsent(std::string_view key) const noexcept;
   std::optional<platform::Data> dataForKey(std::string_view key) const noexcept;
   /// Nil also for bytes that are not UTF-8.
   std::optional<std::string> stringForKey(std::string_view key) const noexcept;

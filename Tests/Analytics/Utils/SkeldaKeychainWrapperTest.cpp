@@ -4,6 +4,7 @@
 
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Security/Keychain.h"
+#include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
@@ -34,6 +35,23 @@ TEST_F(KeychainWrapperTest, TheServiceIsTheBundlesIdentifierAndTheGivenOne) {
   EXPECT_TRUE(wrapper->setString("mine", "key"));
   EXPECT_EQ(SkeldaKeychainWrapper("other").stringForKey("key"), std::nullopt);
   EXPECT_TRUE(kSkeldaKeychainIdentifier.ends_with(".analytics"));
+}
+
+TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
+  SkeldaKeychainWrapper wrapper(kSkeldaKeychainIdentifier);
+  EXPECT_TRUE(wrapper.isAbsent("key"));
+  EXPECT_TRUE(wrapper.setString("one", "key"));
+  EXPECT_FALSE(wrapper.isAbsent("key"));
+  platform::DeviceLock::setLocked(true);
+  EXPECT_FALSE(wrapper.isAbsent("key"));
+  platform::DeviceLock::setLocked(false);
+  for (const char* call : {"open", "read", "status"}) {
+    const auto plan = std::make_shared<FaultPlan>();
+    const FaultyFileCalls calls(plan);
+    plan->failKind(call, 1, {.error = EMFILE});
+    EXPECT_FALSE(wrapper.isAbsent("key")) << call;
+    EXPECT_EQ(plan->faults(), 1u) << call;
+  }
 }
 
 TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {

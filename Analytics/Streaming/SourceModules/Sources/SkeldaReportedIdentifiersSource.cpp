@@ -31,6 +31,7 @@ std::shared_ptr<SkeldaKeychainWrapper> SkeldaReportedIdentifiersSource::keychain
 std::string SkeldaReportedIdentifiersSource::installationIDForSessionReport() {
   const auto items = keychain();
   if (auto kept = items->stringForKey(kInstallationIDItem)) return *kept;
+  if (!items->isAbsent(kInstallationIDItem)) return {};
   auto fresh = SkeldaUtil::generateCFUUID();
   items->setThisDeviceString(fresh, kInstallationIDItem);
   return fresh;

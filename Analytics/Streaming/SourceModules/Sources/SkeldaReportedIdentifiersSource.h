@@ -36,7 +36,8 @@ class SkeldaReportedIdentifiersSource
   bool isSkeldaUserInfo(const platform::Dictionary& userInfo) override;
 
   // Read from the keychain. Any thread.
-  /// This device's own installation identifier, made on first use.
+  /// This device's own installation identifier, made on first use; empty while the keychain cannot
+  /// be read.
   static std::string installationIDForSessionReport();
   static std::optional<platform::Data> installationIDAsBytes();
   /// The phone's identifiers, where they have come.

@@ -8,6 +8,7 @@
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/AgentHome.h"
+#include "Tests/Support/FaultyFiles.h"
 
 namespace skelda::testing {
 namespace {
@@ -79,6 +80,12 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
   const AgentHome home;
   const auto own = SkeldaReportedIdentifiersSource::installationIDForSessionReport();
+  {
+    const auto plan = std::make_shared<FaultPlan>();
+    const FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
+  }
   EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
   Rig rig;
   rig->queryAndSendIDs();
