@@ -8,6 +8,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
+#include "Analytics/Utils/SkeldaLog.h"
 
 std::shared_ptr<SkeldaWatchStreamEventDropRule>
 SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(std::int32_t maxEventThreshold,
@@ -37,12 +38,20 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
   // Dropped events count as well: once the cap is reached, all that follow are dropped.
   const bool full = static_cast<std::int64_t>(getEventCount()) >= maxEventThreshold_;
   if (repeated || full || !doesNotExceedSessionMaxDuration(*event)) {
+    if (!repeated && droppedEventsSet_.empty()) sayThatEventsAreDropped();
     droppedEventsSet_.insert(event->eventId());
     return true;
   }
   if (event->eventName()) eventsSet_.insert(*event->eventName());
   sentEventsSet_.insert(event->eventId());
   return false;
+}
+
+void SkeldaWatchStreamEventDropRule::sayThatEventsAreDropped() const {
+  SKELDA_NOTICE(
+      "Skelda: events are dropped from here on until the session ends: it holds at most {} events "
+      "of {} minutes (\"Skelda Watch Event Threshold\", \"Skelda Watch Duration Threshold\")",
+      maxEventThreshold_, maxSessionDuration_);
 }
 
 void SkeldaWatchStreamEventDropRule::reset() {

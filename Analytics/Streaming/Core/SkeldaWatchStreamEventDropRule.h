@@ -41,6 +41,7 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   platform::Date initialTimeStamp() const noexcept { return initialTimeStamp_; }
 
  private:
+  void sayThatEventsAreDropped() const;
   SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold, std::int32_t maxDuration);
 
   std::set<std::string> eventsSet_;  // Names let through: kept, never consulted.

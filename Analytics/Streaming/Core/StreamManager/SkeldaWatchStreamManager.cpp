@@ -60,7 +60,7 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::manager() {
       manager = managerOfLockedFolder();
     } catch (...) {
       // Counts as done: the calls that come later find nothing and are refused in silence.
-      SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged");
+      SKELDA_NOTICE("Skelda: the agent could not be built, nothing is logged");
       SkeldaUtil::handleException(std::current_exception());
     }
   });
@@ -72,13 +72,13 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::managerOfLoc
   const auto folder = SkeldaUtil::filePathDirectory();
   const auto lock = StorageLock::acquire(folder);
   if (lock.status == StorageLock::Status::heldByOther) {
-    SKELDA_LOG(0, "Skelda: process {} holds the storage folder, nothing is logged by this one",
-               lock.holder);
+    SKELDA_NOTICE("Skelda: process {} holds the storage folder, nothing is logged by this one",
+                  lock.holder);
     return nullptr;
   }
   if (lock.status == StorageLock::Status::failed) {
-    SKELDA_LOG(0, "Skelda: the storage folder cannot be locked, nothing is logged: {}",
-               platform::description(lock.error));
+    SKELDA_NOTICE("Skelda: the storage folder cannot be locked, nothing is logged: {}",
+                  lock.error != nullptr ? lock.error->localizedDescription() : folder);
     return nullptr;
   }
   // The settings lie beside the folder, and so does what a kill leaves of their replacement.
