@@ -1,18 +1,11 @@
 #include "Skelda_Watch/SkeldaCCPA.h"
 
-#include "Analytics/Streaming/SourceModules/Sources/ISkeldaCCPASource.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
 
 void SkeldaCCPA::setDataSaleOptOut(bool optOut) noexcept {
-  skelda::publicEntry([&] {
-    if (const auto source = skelda::publicSource<ISkeldaCCPASource>()) {
-      source->setCCPAOptOut(optOut);
-    }
-  });
+  skelda::choice(SkeldaIntakeCall::Kind::optOut, platform::Value(optOut));
 }
 
 void SkeldaCCPA::setDelete() noexcept {
-  skelda::publicEntry([&] {
-    if (const auto source = skelda::publicSource<ISkeldaCCPASource>()) source->setCCPADelete();
-  });
+  skelda::choice(SkeldaIntakeCall::Kind::deletion);
 }

@@ -2,11 +2,12 @@
 
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaHostText.h"
+#include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
 #include "Platform/Foundation/TextCoding.h"
 
 bool SkeldaConsent::updateConsentInformation(const SkeldaConsent& consent) noexcept {
-  return skelda::publicEntry(false, [&] {
+  return skelda::effectiveEntry(false, [&] {
     for (const auto& [framework, text] : consent.consentStrings_) {
       if (text.text() == nullptr || !platform::isValidUTF8(framework) ||
           !skelda::isWellFormedText(text)) {
@@ -14,7 +15,12 @@ bool SkeldaConsent::updateConsentInformation(const SkeldaConsent& consent) noexc
         return false;
       }
     }
-    return SkeldaConsentCore::sharedInstance()->updateUserConsent(consent);
+    // The answer is the store's, which is in memory: what is kept is for a start after a kill.
+    const bool taken = SkeldaConsentCore::sharedInstance()->updateUserConsent(consent);
+    const platform::Value scope(consent.isGDPRScope_), strings(consent.consentStrings_),
+        legitimate(consent.isLICNEnabled_);
+    skelda::keepChoice(SkeldaIntakeCall::Kind::consent, {scope, strings, legitimate});
+    return taken;
   });
 }
 

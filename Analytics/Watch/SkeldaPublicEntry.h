@@ -1,23 +1,30 @@
 #pragma once
 
-#include <exception>
-#include <memory>
+#include <functional>
+#include <new>
+#include <optional>
 #include <utility>
 
-#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
+#include "Analytics/Intake/Journal/SkeldaIntake.h"
 #include "Analytics/Utils/SkeldaGuardedResult.h"
-#include "Analytics/Utils/SkeldaLog.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Base/Log.h"
-#include "Platform/Dispatch/Once.h"
+#include "Platform/Foundation/Value.h"
 
 namespace skelda {
 
-/// What every call of the public face goes through: nothing that is thrown reaches the host, and a
-/// call from inside a log sink is refused, because the agent may be holding what it would wait for.
+/// Why no call may go in at this moment, if so: in a forked child all there is belongs to the
+/// parent, and inside a log sink the agent may be holding what the call would wait for.
+inline std::optional<SkeldaRefusal> refusalAtTheDoor() noexcept {
+  if (SkeldaIntake::isForkedChild()) return SkeldaRefusal::forkedChild;
+  if (platform::Log::insideSink()) return SkeldaRefusal::insideSink;
+  return std::nullopt;
+}
+
+/// What every call of the public face goes through: nothing that is thrown reaches the host.
 template <class Result, class Body>
 Result publicEntry(Result refused, Body&& body) noexcept {
-  if (platform::Log::insideSink()) return refused;
+  if (refusalAtTheDoor()) return refused;
   return guardedResult(std::move(refused), std::forward<Body>(body));
 }
 
@@ -29,24 +36,40 @@ void publicEntry(Body&& body) noexcept {
   });
 }
 
-/// The manager, for what a host says beside its events; null where there is none. Makes it where
-/// this is the first thing the host says: the message then waits in the core, which is said once.
-inline std::shared_ptr<SkeldaWatchStreamManager> publicManager() {
-  static constinit platform::Once once;
-  const auto manager = SkeldaWatchStreamManager::manager();
-  if (manager != nullptr && !manager->isStarted()) {
-    once([] {
-      SKELDA_LOG(2, "Skelda: what is said before the first event waits in memory until then");
-    });
+/// The same for a call that has an effect: one that is refused is counted.
+template <class Result, class Body>
+Result effectiveEntry(Result refused, Body&& body) noexcept {
+  if (const auto reason = refusalAtTheDoor()) {
+    SkeldaAccounting::refused(*reason);
+    return refused;
   }
-  return manager;
+  return guardedResult(refused, [&] {
+    try {
+      return std::forward<Body>(body)();
+    } catch (const std::bad_alloc&) {
+      SkeldaAccounting::refused(SkeldaRefusal::noMemory);
+      return refused;
+    }
+  });
 }
 
-/// The source that takes what a host says beside its events; null without a manager.
-template <class Source>
-std::shared_ptr<Source> publicSource() {
-  const auto manager = publicManager();
-  return manager ? manager->module<Source>() : nullptr;
+/// What must hold before anything is kept: an API key, and that this is a watch extension. It holds
+/// for good. `what` is an event or a choice, as the log has it.
+bool mayKeep(const char* what);
+
+/// Keeps a choice, which starts nothing: what the host says of its user. False where it is refused.
+bool keepChoice(SkeldaIntakeCall::Kind kind, SkeldaIntakeCall::Values values);
+
+/// Takes a value apart without recursion: one that was refused for its depth would overrun the
+/// stack when it goes.
+void takeApart(platform::Value& value) noexcept;
+
+/// keepChoice() for the values of a call, which go with it.
+template <class... Given>
+void choice(SkeldaIntakeCall::Kind kind, Given... values) noexcept {
+  const bool kept = effectiveEntry(
+      false, [&] { return keepChoice(kind, {std::cref<platform::Value>(values)...}); });
+  if (!kept) (takeApart(values), ...);
 }
 
 }  // namespace skelda

@@ -2,16 +2,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <utility>
 
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaAppInfoSource.h"
-#include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
-#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
+#include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
+#include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -26,10 +28,8 @@ constexpr std::string_view kUserIDKey = "Skelda Watch User ID";
 constexpr unsigned kDebugLogLevel = 2;
 
 constinit platform::Once startOnce;
-/// Where events go once the agent runs; null until then, and for good where it could not be built.
-/// Never destroyed, so that an event during exit finds it.
-using EventSource = std::shared_ptr<ISkeldaEventFrameSource>;
-constinit std::atomic<const EventSource*> eventSource{nullptr};
+/// Whether the agent runs; false for good where it could not be built.
+constinit std::atomic<bool> running{false};
 
 SkeldaValue settingOf(std::string_view key) {
   return platform::Bundle::main()->objectForInfoDictionaryKey(key);
@@ -53,10 +53,6 @@ const std::optional<std::string>& keptAPIKey() {
     if (value.text() != nullptr && !value.text()->empty()) return *value.text();
     SKELDA_LOG(1, "API Key not provided in plist with key {}, unable to create watch session",
                kAPIKeyKey);
-    SKELDA_NOTICE(
-        "Skelda: no \"{}\" in the Info.plist of {}: events are refused. It is a text, the key of "
-        "the account that they belong to",
-        kAPIKeyKey, platform::Bundle::main()->bundlePath());
     return std::nullopt;
   }());
   return key;
@@ -73,44 +69,33 @@ void startAgent() {
   const auto user = manager->module<ISkeldaUserDemographicsSource>();
   const auto appInfo = manager->module<ISkeldaAppInfoSource>();
   const auto sessionInfo = manager->module<SkeldaSessionInfoDataProvider>();
-  auto events = manager->module<ISkeldaEventFrameSource>();
+  SkeldaIntakePump::Sources sources{manager->module<ISkeldaEventFrameSource>(),
+                                    manager->module<ISkeldaUserPropertiesSource>(),
+                                    manager->module<ISkeldaCCPASource>(), user,
+                                    // A session is whole from its first event on where what the
+                                    // agent observes by itself comes before it.
+                                    [manager] { manager->waitUntilStarted(); }};
 
   if (user) user->setUserId(SkeldaWatch::loadWatchUserID());
   if (appInfo) appInfo->setAppVersion(SkeldaWatch::loadAppVersionOverride());
   manager->startup();
   if (sessionInfo) sessionInfo->startUpWithApiKey(*keptAPIKey());
-  if (events) eventSource.store(new EventSource(std::move(events)), std::memory_order_release);
+  SkeldaIntake::start(std::move(sources));
+  running.store(true, std::memory_order_release);
 }
 
-/// The event source of the running agent; null where it could not be started, which counts as done
-/// and was said in the log.
-const EventSource* startedEventSource() {
+/// Starts the agent where it does not run yet. False where it could not be started, which counts as
+/// done and was said in the log.
+bool isStarted() {
   startOnce([] {
     try {
       startAgent();
     } catch (...) {
-      SKELDA_NOTICE("Skelda: the agent could not be started, events are not logged");
+      SKELDA_LOG(0, "Skelda: the agent could not be started, events are not logged");
       SkeldaUtil::handleException(std::current_exception());
     }
   });
-  return eventSource.load(std::memory_order_acquire);
-}
-
-/// What must hold before anything starts. It holds for good, so a running agent is not asked again.
-bool mayStart() {
-  if (!keptAPIKey()) {
-    SKELDA_LOG(2, "No API key provided in plist, unable to log event");
-    return false;
-  }
-  if (!SkeldaUtil::isInWatchExtension()) {
-    SKELDA_LOG(2, "Skelda: Event not logged -- this method can only be used in watch extension.");
-    SKELDA_NOTICE_ONCE(
-        "Skelda: {} is no watch extension: events are refused. The program has to run from below "
-        "a folder whose name ends in \".appex\" and that holds an Info.plist",
-        platform::Bundle::main()->bundlePath());
-    return false;
-  }
-  return true;
+  return running.load(std::memory_order_acquire);
 }
 
 bool isEventName(const SkeldaValue& name) {
@@ -123,6 +108,32 @@ bool isEventName(const SkeldaValue& name) {
   return false;
 }
 
+/// Whether an event of that name may be kept: the agent runs, or is started here. What must hold
+/// for that holds for good, so a running agent is not asked again.
+bool mayKeepEvent(const SkeldaValue& name) {
+  const bool runs = running.load(std::memory_order_acquire);
+  if (!runs && !skelda::mayKeep("event")) return false;
+  if (!isEventName(name)) {
+    SkeldaAccounting::refused(SkeldaRefusal::badName);
+    return false;
+  }
+  if (runs || !SkeldaIntake::open()) return runs;
+  if (isStarted()) return true;
+  SkeldaAccounting::refused(SkeldaRefusal::otherProcess);
+  return false;
+}
+
+template <class... More>
+unsigned keepEvent(SkeldaIntakeCall::Kind kind, SkeldaValue& name, More&... more) noexcept {
+  const bool kept = skelda::effectiveEntry(false, [&] {
+    return mayKeepEvent(name) && SkeldaIntake::accept(kind, {std::cref(name), std::cref(more)...});
+  });
+  if (kept) return 1;
+  skelda::takeApart(name);
+  (skelda::takeApart(more), ...);
+  return 0;
+}
+
 bool isMarkerKey(std::string_view text) {
   return text == kIOSVendorIDKey || text == kIOSInstallationIDKey || text == kWatchOSResponseKey;
 }
@@ -130,16 +141,37 @@ bool isMarkerKey(std::string_view text) {
 }  // namespace
 
 unsigned SkeldaWatch::logWatchEvent(SkeldaValue name, SkeldaValue parameters) noexcept {
-  return skelda::publicEntry(0U, [&] {
-    const auto* source = eventSource.load(std::memory_order_acquire);
-    if (source == nullptr && !mayStart()) return 0U;
-    if (!isEventName(name)) return 0U;
-    if (source == nullptr) source = startedEventSource();
-    if (source == nullptr) return 0U;
-    (*source)->recordEvent(std::move(name), std::move(parameters), /*timed=*/false,
-                           platform::Date::now());
-    return 1U;
+  return keepEvent(SkeldaIntakeCall::Kind::event, name, parameters);
+}
+
+unsigned SkeldaWatch::startTimedEvent(SkeldaValue name, SkeldaValue parameters) noexcept {
+  return keepEvent(SkeldaIntakeCall::Kind::startTimedEvent, name, parameters);
+}
+
+unsigned SkeldaWatch::endTimedEvent(SkeldaValue name, SkeldaValue parameters) noexcept {
+  return keepEvent(SkeldaIntakeCall::Kind::endTimedEvent, name, parameters);
+}
+
+unsigned SkeldaWatch::logPurchase(SkeldaValue name, SkeldaValue transaction,
+                                  SkeldaValue parameters) noexcept {
+  return keepEvent(SkeldaIntakeCall::Kind::purchase, name, parameters, transaction);
+}
+
+void SkeldaWatch::setUserID(SkeldaValue userID) noexcept {
+  skelda::choice(SkeldaIntakeCall::Kind::userId, std::move(userID));
+}
+
+bool SkeldaWatch::waitUntilStored(std::chrono::nanoseconds longest) noexcept {
+  using Clock = std::chrono::steady_clock;
+  return skelda::publicEntry(false, [&] {
+    const auto now = Clock::now();
+    const bool isForEver = longest > Clock::time_point::max() - now;
+    return SkeldaIntake::waitUntilStored(isForEver ? Clock::time_point::max() : now + longest);
   });
+}
+
+SkeldaAccount SkeldaWatch::account() noexcept {
+  return skelda::publicEntry(SkeldaAccount(), [] { return SkeldaIntake::account(); });
 }
 
 std::optional<std::string> SkeldaWatch::apiKey() noexcept {
@@ -182,9 +214,7 @@ void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
 
 void SkeldaWatch::loadWatchDebug() noexcept {
   skelda::publicEntry([] {
-    if (!isSwitchedOn(kDebugKey)) return;
-    SkeldaUtil::setLogLevel(kDebugLogLevel);
-    platform::Log::showDetails();
+    if (isSwitchedOn(kDebugKey)) SkeldaUtil::setLogLevel(kDebugLogLevel);
   });
 }
 

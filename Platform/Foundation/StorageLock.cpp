@@ -1,6 +1,7 @@
 #include "Platform/Foundation/StorageLock.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <charconv>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "Platform/Foundation/FileDescriptor.h"
 
@@ -25,9 +27,31 @@ struct State {
   std::map<std::string, Held> held;
 };
 
+State& state();
+
+/// A fork waits until nobody is half way through, so that the child finds a whole record. There it
+/// closes what it inherited at once: a lock lasts as long as any descriptor of it, and a child may
+/// outlive the holder.
+void beforeFork() {
+  state().mutex.lock();
+}
+void afterForkInParent() {
+  state().mutex.unlock();
+}
+void afterForkInChild() {
+  state().held.clear();
+  state().mutex.unlock();
+}
+
 /// Never destroyed: the locks go with the process.
 State& state() {
-  static State& shared = *new State;
+  static State& shared = *[] {
+    auto* const made = new State;
+    if (::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild) != 0) {
+      throw std::bad_alloc();
+    }
+    return made;
+  }();
   return shared;
 }
 

@@ -10,7 +10,8 @@ namespace skelda::platform {
 
 /// The advisory lock that keeps two processes from writing the same storage folder: a flock on
 /// <folder>/.skelda-lock, whose text is the holder's process id in decimal and a line feed. The
-/// file stays when the lock goes. Any thread; nothing here blocks.
+/// file stays when the lock goes. A forked child has no part in it. Any thread; nothing here
+/// blocks.
 class StorageLock {
  public:
   enum class Status {

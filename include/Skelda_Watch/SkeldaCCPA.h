@@ -3,8 +3,8 @@
 #include "Platform/Base/Export.h"
 
 /// The two requests that a user can make under the CCPA. Any thread, not from inside a log sink;
-/// nothing throws and nothing waits. What is said before the first event waits in memory until that
-/// event has started the agent.
+/// nothing throws and nothing waits. What is said is kept from the moment the call returns, as
+/// events are (see SkeldaWatch); before the first event it waits for that event to start the agent.
 class SKELDA_EXPORT SkeldaCCPA {
  public:
   SkeldaCCPA() = delete;

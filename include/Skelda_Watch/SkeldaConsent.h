@@ -9,7 +9,8 @@
 /// the name of the framework they belong to. A value.
 ///
 /// The agent keeps consent in memory and tells its own observers; it writes it to no log and sends
-/// it nowhere.
+/// it nowhere. What a process said that was killed before the agent had heard it is the next one's
+/// consent, until that one says its own.
 class SKELDA_EXPORT SkeldaConsent {
  public:
   SkeldaConsent() = default;

@@ -7,8 +7,9 @@
 /// Named properties of the application's user, each a list of texts. A name is a text that is not
 /// empty; anything else is refused with a log line.
 ///
-/// Any thread, not from inside a log sink; nothing throws and nothing waits. What is said before
-/// the first event waits in memory until that event has started the agent.
+/// Any thread, not from inside a log sink; nothing throws and nothing waits. What is said is kept
+/// from the moment the call returns, as events are (see SkeldaWatch); before the first event it
+/// waits for that event to start the agent.
 class SKELDA_EXPORT SkeldaUserProperties {
  public:
   SkeldaUserProperties() = delete;

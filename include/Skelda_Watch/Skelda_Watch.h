@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SkeldaAccount.h"
 #include "SkeldaCCPA.h"
 #include "SkeldaConsent.h"
 #include "SkeldaConstants.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
@@ -42,8 +43,14 @@ void SkeldaStreamDropHandler::onqueue_processMessage(const ISkeldaStreamMessage:
 }
 
 bool SkeldaStreamDropHandler::shouldDropMessage(const ISkeldaStreamMessage::Ref& message) {
-  return std::any_of(dropRules_.begin(), dropRules_.end(),
-                     [&](const auto& rule) { return rule->shouldDropMessage(message); });
+  const auto dropping = std::find_if(dropRules_.begin(), dropRules_.end(), [&](const auto& rule) {
+    return rule->shouldDropMessage(message);
+  });
+  if (dropping == dropRules_.end()) return false;
+  if (message != nullptr) {
+    SkeldaAccounting::settle(message->intakeTicket(), (*dropping)->dropReason());
+  }
+  return true;
 }
 
 void SkeldaStreamDropHandler::resetAllDropRuleCounters() {

@@ -38,7 +38,9 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
   // Dropped events count as well: once the cap is reached, all that follow are dropped.
   const bool full = static_cast<std::int64_t>(getEventCount()) >= maxEventThreshold_;
   if (repeated || full || !doesNotExceedSessionMaxDuration(*event)) {
-    if (!repeated && droppedEventsSet_.empty()) sayThatEventsAreDropped();
+    dropReason_ = repeated ? SkeldaIntakeOutcome::repeated
+                  : full   ? SkeldaIntakeOutcome::sessionCap
+                           : SkeldaIntakeOutcome::sessionDuration;
     droppedEventsSet_.insert(event->eventId());
     return true;
   }
@@ -47,14 +49,10 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
   return false;
 }
 
-void SkeldaWatchStreamEventDropRule::sayThatEventsAreDropped() const {
-  SKELDA_NOTICE(
-      "Skelda: events are dropped from here on until the session ends: it holds at most {} events "
-      "of {} minutes (\"Skelda Watch Event Threshold\", \"Skelda Watch Duration Threshold\")",
-      maxEventThreshold_, maxSessionDuration_);
-}
-
 void SkeldaWatchStreamEventDropRule::reset() {
+  if (!droppedEventsSet_.empty()) {
+    SKELDA_NOTICE("Skelda: {} events dropped by the session rule", droppedEventsSet_.size());
+  }
   sentEventsSet_.clear();
   droppedEventsSet_.clear();
   eventsSet_.clear();

@@ -14,7 +14,8 @@
 class SkeldaStreamEvent;
 
 /// Caps the events of a watch session, by number and by time since the session's earliest event,
-/// and drops events that repeat an id. At the end of a session it supplies the event summary.
+/// and drops events that repeat an id. At the end of a session it supplies the event summary, and
+/// says in the log how many were dropped, if any.
 /// No lock: used on one queue. Nothing of it outlives the process.
 class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
  public:
@@ -25,6 +26,7 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   std::vector<ISkeldaStreamMessage::Ref> prependMessagesBefore(
       const ISkeldaStreamMessage::Ref& message) override;
   bool shouldDropMessage(const ISkeldaStreamMessage::Ref& message) override;
+  SkeldaIntakeOutcome dropReason() const noexcept override { return dropReason_; }
   void reset() override;
 
   /// Kept and dropped events of the session.
@@ -41,7 +43,6 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   platform::Date initialTimeStamp() const noexcept { return initialTimeStamp_; }
 
  private:
-  void sayThatEventsAreDropped() const;
   SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold, std::int32_t maxDuration);
 
   std::set<std::string> eventsSet_;  // Names let through: kept, never consulted.
@@ -50,4 +51,5 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   const std::int32_t maxEventThreshold_;
   const std::int32_t maxSessionDuration_;
   platform::Date initialTimeStamp_ = platform::Date::distantFuture();
+  SkeldaIntakeOutcome dropReason_ = SkeldaIntakeOutcome::sessionCap;
 };

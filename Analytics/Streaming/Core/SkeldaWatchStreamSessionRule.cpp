@@ -4,7 +4,6 @@
 
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
@@ -14,6 +13,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaLog.h"
@@ -128,13 +128,13 @@ void SkeldaWatchStreamSessionRule::stepSessionForEvent(const SkeldaStreamEvent& 
 
   if (inTime && lastThatFits) {
     endSessionAt(elapsedTimeOf(event), prependingMessages);
-    noteSessionEnd();
+    oldSessionIdSent_ = isMandatoryStickySetComplete();
     saveNewSessionIdArchiveFile(event);
   } else if (!inTime) {
     // Closed at exactly its longest length, not at the event that found it over.
     const std::int64_t start = currentSessionId_ ? currentSessionId_->elapsedStartTime() : 0;
     endSessionAt(start + limit, prependingMessages);
-    noteSessionEnd();
+    oldSessionIdSent_ = isMandatoryStickySetComplete();
     if (!oldSessionIdSent_) return;  // The flush response finalizes it, once the set is complete.
     prependingMessages.push_back(Flush::streamFlushWithStatus(Flush::kSessionFinalized));
     resetSessionParams();
@@ -157,22 +157,6 @@ void SkeldaWatchStreamSessionRule::endSessionAt(std::int64_t elapsedEndTime,
     prependingMessages.push_back(currentSessionId_->copy());
   }
   addUnlessNull(prependingMessages, createSessionDeviceProperties(false));
-}
-
-void SkeldaWatchStreamSessionRule::noteSessionEnd() {
-  oldSessionIdSent_ = isMandatoryStickySetComplete();
-  if (oldSessionIdSent_) return;
-  if (!stickyMessagesSeen_.contains(FrameType::kReportedIdentifers)) {
-    SKELDA_NOTICE_ONCE(
-        "Skelda: a session has ended, but nothing is committed and uploaded before the paired "
-        "phone has given its identifiers (on a machine without a phone skelda-phone gives them). "
-        "What is logged stays on disk");
-  } else {
-    SKELDA_NOTICE_ONCE(
-        "Skelda: a session has ended, but nothing is committed and uploaded yet: {} of {} records "
-        "that each log must hold are still missing",
-        mandatoryStickySet_.size() - stickyMessagesSeen_.size(), mandatoryStickySet_.size());
-  }
 }
 
 SkeldaStreamFlushResponse SkeldaWatchStreamSessionRule::flushResponseForMessage(

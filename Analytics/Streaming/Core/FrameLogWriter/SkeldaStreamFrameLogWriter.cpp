@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
@@ -119,8 +120,12 @@ void SkeldaStreamFrameLogWriter::onqueue_streamMessage(const ISkeldaStreamMessag
   SKELDA_LOG(0, "{}: message = {}", kStreamMessage, SkeldaMessageTrace::description(message));
   if (!message || contains(frameTypesToDrop_, message->frameType())) return;
   auto frame = serializer_->frameFromStreamMessage(*message);
-  if (!frame) return;
-  onqueue_writeData(std::move(frame), true);
+  if (!frame) {
+    return SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::serializer);
+  }
+  if (onqueue_writeData(std::move(frame), true)) {
+    SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::stored);
+  }
   if (!contains(frameTypesForRoll_, message->frameType())) return;
 
   // True from the end of a session until the next one has all its sticky messages: a process that
@@ -189,17 +194,18 @@ bool SkeldaStreamFrameLogWriter::onqueue_openFileHandleIfNeeded() {
   return true;
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_writeData(const std::optional<platform::Data>& data,
+bool SkeldaStreamFrameLogWriter::onqueue_writeData(const std::optional<platform::Data>& data,
                                                    bool seekToEOF) {
-  if (!onqueue_openFileHandleIfNeeded()) return;
+  if (!onqueue_openFileHandleIfNeeded()) return false;
   // Without the seek the write would land on what is there already.
-  if (seekToEOF && !fileHandle_->seekToEndOfFile()) return;
+  if (seekToEOF && !fileHandle_->seekToEndOfFile()) return false;
   platform::ErrorRef error;
   fileHandle_->writeData(data, &error);
   fileHandle_->synchronizeFile();
   if (error) {
     SKELDA_LOG(2, "{}: Error while writing data: {}", kWriteData, platform::description(error));
   }
+  return error == nullptr;
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame() {

@@ -119,7 +119,8 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void onqueue_moveCurrentLogFileToCommitedLogFilesPath();
   std::string onqueue_freshCommitedPath() const;
   bool onqueue_openFileHandleIfNeeded();
-  void onqueue_writeData(const std::optional<platform::Data>& data, bool seekToEOF);
+  /// Whether the data are in the log, synchronised.
+  bool onqueue_writeData(const std::optional<platform::Data>& data, bool seekToEOF);
   void onqueue_writeCounterFrame();
   void onqueue_setCrashFlag(bool crashed);
 

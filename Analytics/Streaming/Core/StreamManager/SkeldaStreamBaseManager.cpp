@@ -104,6 +104,14 @@ platform::ObjectRef SkeldaStreamBaseManager::moduleIfPresent(std::string_view ke
   });
 }
 
+std::vector<platform::ObjectRef> SkeldaStreamBaseManager::modules() {
+  std::vector<platform::ObjectRef> all;
+  syncBlock([&] {
+    for (const auto& [key, module] : map_) all.push_back(module);
+  });
+  return all;
+}
+
 platform::ObjectRef SkeldaStreamBaseManager::onqueue_getIntanceForProtocolOrClass(
     std::string_view key) {
   const auto found = map_.find(key);

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Analytics/Streaming/Core/StreamManager/ISkeldaStreamManager.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModuleKey.h"
@@ -39,6 +40,9 @@ class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStream
     return std::dynamic_pointer_cast<T>(moduleIfPresent(SkeldaModuleKey::of<T>().text()));
   }
   platform::ObjectRef moduleIfPresent(std::string_view key) noexcept;
+
+  /// All of them, in no order.
+  std::vector<platform::ObjectRef> modules();
 
   /// Abstract: raises. The concrete manager starts its modules here.
   virtual void startup();

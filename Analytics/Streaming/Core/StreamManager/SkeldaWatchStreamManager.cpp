@@ -60,30 +60,40 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::manager() {
       manager = managerOfLockedFolder();
     } catch (...) {
       // Counts as done: the calls that come later find nothing and are refused in silence.
-      SKELDA_NOTICE("Skelda: the agent could not be built, nothing is logged");
+      SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged");
       SkeldaUtil::handleException(std::current_exception());
     }
   });
   return once.isDone() ? manager : nullptr;
 }
 
-std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::managerOfLockedFolder() {
+bool SkeldaWatchStreamManager::lockStorageFolder() {
   using platform::StorageLock;
+  static constinit std::atomic<bool> said{false};
   const auto folder = SkeldaUtil::filePathDirectory();
   const auto lock = StorageLock::acquire(folder);
+  if (lock.status == StorageLock::Status::held) {
+    // The settings lie beside the folder, and so does what a kill leaves of their replacement.
+    static constinit platform::Once swept;
+    swept([&] {
+      for (const auto& place : {folder, platform::FileManager::applicationSupportDirectory()})
+        platform::FileManager::defaultManager()->sweepTemporaryFiles(place);
+    });
+    return true;
+  }
+  if (said.exchange(true)) return false;
   if (lock.status == StorageLock::Status::heldByOther) {
-    SKELDA_NOTICE("Skelda: process {} holds the storage folder, nothing is logged by this one",
-                  lock.holder);
-    return nullptr;
+    SKELDA_LOG(0, "Skelda: process {} holds the storage folder, nothing is logged by this one",
+               lock.holder);
+  } else {
+    SKELDA_LOG(0, "Skelda: the storage folder cannot be locked, nothing is logged: {}",
+               platform::description(lock.error));
   }
-  if (lock.status == StorageLock::Status::failed) {
-    SKELDA_NOTICE("Skelda: the storage folder cannot be locked, nothing is logged: {}",
-                  lock.error != nullptr ? lock.error->localizedDescription() : folder);
-    return nullptr;
-  }
-  // The settings lie beside the folder, and so does what a kill leaves of their replacement.
-  for (const auto& place : {folder, platform::FileManager::applicationSupportDirectory()})
-    platform::FileManager::defaultManager()->sweepTemporaryFiles(place);
+  return false;
+}
+
+std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::managerOfLockedFolder() {
+  if (!lockStorageFolder()) return nullptr;
   // The agent's queues work on while the process exits.
   platform::keepCryptographyUntilTheEnd();
   return streamManager();
@@ -197,4 +207,15 @@ void SkeldaWatchStreamManager::startup() {
         "SkeldaSessionDevicePropertiesDataProvider",
     });
   });
+}
+
+void SkeldaWatchStreamManager::waitUntilStarted() {
+  syncBlock([] {});
+  // Twice, since a provider tells a source, which then sends.
+  for (int round = 0; round < 2; ++round) {
+    for (const auto& module : modules()) {
+      if (const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module))
+        actor->syncBlock([] {});
+    }
+  }
 }

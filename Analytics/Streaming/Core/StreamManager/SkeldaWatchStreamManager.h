@@ -18,6 +18,9 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
   /// The one of the process, made by the first call. Null where it could not be made: where another
   /// process holds the storage folder, or what went wrong; the log says so once. Any thread.
   static std::shared_ptr<SkeldaWatchStreamManager> manager();
+  /// Takes the lock of the storage folder for this process, and sweeps what a kill left in it.
+  /// False where it cannot be had; the log says why, once.
+  static bool lockStorageFolder();
   /// A module of that manager; null where there is no manager or for a key that is neither class
   /// nor protocol; raises for one that nothing is under.
   static platform::ObjectRef getStreamingModule(const SkeldaModuleKey& key);
@@ -29,6 +32,9 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
   /// Lets the messages through and starts the modules that do not wait to be told. Any thread,
   /// returns at once.
   void startup() override;
+  /// Returns once what startup() set going has handed its first messages to the core buffer. Waits
+  /// for the modules' queues: not for a host's thread.
+  void waitUntilStarted();
   /// Whether startup() was called.
   bool isStarted() const noexcept { return started_.load(std::memory_order_acquire); }
 

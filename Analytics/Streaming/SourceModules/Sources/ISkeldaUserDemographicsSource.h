@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Analytics/Intake/Account/SkeldaIntakeTicket.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaFrameSource.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Value.h"
@@ -16,7 +17,7 @@ class ISkeldaUserDemographicsSource : public virtual ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaUserDemographicsSource";
   /// A text, or null for none.
-  virtual void setUserId(platform::Value userId) = 0;
+  virtual void setUserId(platform::Value userId, SkeldaIntakeOrigin origin = {}) = 0;
   virtual std::optional<std::string> getUserId() = 0;
   /// "m" or "f"; anything else is unknown.
   virtual void setGenderAsString(std::string gender) = 0;

@@ -6,12 +6,12 @@
 class SkeldaCCPASource : public SkeldaSource<SkeldaCCPASource, ISkeldaCCPASource> {
  public:
   static constexpr std::string_view kClassName = "SkeldaCCPASource";
-  void setCCPAOptOut(bool optOut) override;
-  void setCCPADelete() override;
+  void setCCPAOptOut(bool optOut, SkeldaIntakeOrigin origin = {}) override;
+  void setCCPADelete(SkeldaIntakeOrigin origin = {}) override;
 
  private:
   friend SkeldaSource;
   SkeldaCCPASource() = default;
-  void onqueue_setCCPAOptOut(bool optOut);
-  void onqueue_setCCPADelete();
+  void onqueue_setCCPAOptOut(bool optOut, SkeldaIntakeOrigin origin);
+  void onqueue_setCCPADelete(SkeldaIntakeOrigin origin);
 };

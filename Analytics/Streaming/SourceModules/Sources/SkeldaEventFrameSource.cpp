@@ -21,25 +21,21 @@ constexpr std::string_view kEndMethod =
 
 void SkeldaEventFrameSource::recordEvent(platform::Value name, platform::Value parameters,
                                          bool timed, std::shared_ptr<SkeldaTransaction> transaction,
-                                         platform::Date timestamp) {
-  asyncBlock([self = selfOf(this), name = std::move(name), parameters = std::move(parameters),
-              timed, transaction = std::move(transaction), timestamp]() mutable {
-    self->onqueue_recordEvent(std::move(name), std::move(parameters), timed, std::move(transaction),
-                              timestamp);
-  });
+                                         platform::Date timestamp, SkeldaIntakeOrigin origin) {
+  post<&SkeldaEventFrameSource::onqueue_recordEvent>(std::move(name), std::move(parameters), timed,
+                                                     std::move(transaction), timestamp, origin);
 }
 
 void SkeldaEventFrameSource::recordEvent(platform::Value name, platform::Value parameters,
-                                         bool timed, platform::Date timestamp) {
-  recordEvent(std::move(name), std::move(parameters), timed, nullptr, timestamp);
+                                         bool timed, platform::Date timestamp,
+                                         SkeldaIntakeOrigin origin) {
+  recordEvent(std::move(name), std::move(parameters), timed, nullptr, timestamp, origin);
 }
 
 void SkeldaEventFrameSource::endTimedEvent(platform::Value name, platform::Value parameters,
-                                           platform::Date timestamp) {
-  asyncBlock([self = selfOf(this), name = std::move(name), parameters = std::move(parameters),
-              timestamp]() mutable {
-    self->onqueue_endTimedEvent(std::move(name), std::move(parameters), timestamp);
-  });
+                                           platform::Date timestamp, SkeldaIntakeOrigin origin) {
+  post<&SkeldaEventFrameSource::onqueue_endTimedEvent>(std::move(name), std::move(parameters),
+                                                       timestamp, origin);
 }
 
 bool SkeldaEventFrameSource::isValidInputEvent(const platform::Value& name,
@@ -73,8 +69,12 @@ bool SkeldaEventFrameSource::isValidInputEvent(const platform::Value& name,
 void SkeldaEventFrameSource::onqueue_recordEvent(platform::Value name, platform::Value parameters,
                                                  bool timed,
                                                  std::shared_ptr<SkeldaTransaction> transaction,
-                                                 platform::Date timestamp) {
-  if (!isValidInputEvent(name, parameters, timed, transaction, timestamp)) return;
+                                                 platform::Date timestamp,
+                                                 SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
+  if (!isValidInputEvent(name, parameters, timed, transaction, timestamp)) {
+    return skelda::settleRefused(origin.ticket, name, parameters);
+  }
   const auto type = transaction ? kPurchaseEvent : kCustomEvent;
   // A timed event's record is its start.
   const bool starting = timed;
@@ -84,17 +84,29 @@ void SkeldaEventFrameSource::onqueue_recordEvent(platform::Value name, platform:
   SKELDA_LOG(0, "{}: Recording Event eventName[{}] with parameters[{}]", kRecordMethod,
              skelda::textOrNull(event->eventName()),
              platform::Value(event->parameters()).description());
-  onqueue_streamMessage(std::move(event));
+  onqueue_send(std::move(event), origin);
 }
 
 void SkeldaEventFrameSource::onqueue_endTimedEvent(platform::Value name, platform::Value parameters,
-                                                   platform::Date timestamp) {
-  if (!isValidInputEvent(name, parameters, /*timed=*/true, nullptr, timestamp)) return;
+                                                   platform::Date timestamp,
+                                                   SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
+  if (!isValidInputEvent(name, parameters, /*timed=*/true, nullptr, timestamp)) {
+    return skelda::settleRefused(origin.ticket, name, parameters);
+  }
   SKELDA_LOG(0, "{}: ending timed event eventName[{}] with parameters[{}]", kEndMethod,
              *name.text(), parameters.description());
   // Whether an event of that name was ever started is not known here, and not asked. Its end is a
   // custom event even where its start was a purchase.
-  onqueue_streamMessage(SkeldaStreamEvent::streamEventWithEventName(
-      *name.text(), std::string(kCustomEvent), /*timed=*/true, /*starting=*/false, parameters,
-      nullptr, timestamp));
+  onqueue_send(SkeldaStreamEvent::streamEventWithEventName(*name.text(), std::string(kCustomEvent),
+                                                           /*timed=*/true, /*starting=*/false,
+                                                           parameters, nullptr, timestamp),
+               origin);
+}
+
+void SkeldaEventFrameSource::onqueue_send(std::shared_ptr<SkeldaStreamEvent> event,
+                                          SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
+  event->takeOrigin(origin);
+  onqueue_streamMessage(std::move(event));
 }

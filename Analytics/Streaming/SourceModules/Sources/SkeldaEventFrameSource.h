@@ -6,6 +6,8 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
+class SkeldaStreamEvent;
+
 /// Makes an event message of each event call. Keeps nothing between calls: the start and the end of
 /// a timed event are two messages, paired by whoever reads them.
 class SkeldaEventFrameSource
@@ -16,12 +18,12 @@ class SkeldaEventFrameSource
   static constexpr std::string_view kPurchaseEvent = "PURCHASE_EVENT";
 
   void recordEvent(platform::Value name, platform::Value parameters, bool timed,
-                   std::shared_ptr<SkeldaTransaction> transaction,
-                   platform::Date timestamp) override;
+                   std::shared_ptr<SkeldaTransaction> transaction, platform::Date timestamp,
+                   SkeldaIntakeOrigin origin = {}) override;
   void recordEvent(platform::Value name, platform::Value parameters, bool timed,
-                   platform::Date timestamp) override;
-  void endTimedEvent(platform::Value name, platform::Value parameters,
-                     platform::Date timestamp) override;
+                   platform::Date timestamp, SkeldaIntakeOrigin origin = {}) override;
+  void endTimedEvent(platform::Value name, platform::Value parameters, platform::Date timestamp,
+                     SkeldaIntakeOrigin origin = {}) override;
 
   /// Whether the name is a text that is not empty, the parameters are a dictionary or null, and all
   /// their text is UTF-8. Says in the log what is wrong.
@@ -33,8 +35,9 @@ class SkeldaEventFrameSource
   friend SkeldaSource;
   SkeldaEventFrameSource() = default;
   void onqueue_recordEvent(platform::Value name, platform::Value parameters, bool timed,
-                           std::shared_ptr<SkeldaTransaction> transaction,
-                           platform::Date timestamp);
+                           std::shared_ptr<SkeldaTransaction> transaction, platform::Date timestamp,
+                           SkeldaIntakeOrigin origin);
   void onqueue_endTimedEvent(platform::Value name, platform::Value parameters,
-                             platform::Date timestamp);
+                             platform::Date timestamp, SkeldaIntakeOrigin origin);
+  void onqueue_send(std::shared_ptr<SkeldaStreamEvent> event, SkeldaIntakeOrigin origin);
 };

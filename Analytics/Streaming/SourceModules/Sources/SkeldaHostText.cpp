@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace skelda {
@@ -18,6 +19,13 @@ bool isWellFormedText(const platform::Value& value) noexcept {
     });
   }
   return true;
+}
+
+void settleRefused(SkeldaIntakeTicket ticket, const platform::Value& name,
+                   const platform::Value& given) noexcept {
+  SkeldaAccounting::settle(ticket, isWellFormedText(name) && isWellFormedText(given)
+                                       ? SkeldaIntakeOutcome::wrongKind
+                                       : SkeldaIntakeOutcome::notUTF8);
 }
 
 std::optional<std::string> textOf(platform::Value value) {

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <utility>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserGender.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
@@ -37,10 +38,8 @@ std::int32_t wholeYearsBetween(platform::Date earlier, platform::Date later) {
 
 }  // namespace
 
-void SkeldaUserDemographicsSource::setUserId(platform::Value userId) {
-  asyncBlock([self = selfOf(this), userId = std::move(userId)]() mutable {
-    self->onqueue_setUserId(std::move(userId));
-  });
+void SkeldaUserDemographicsSource::setUserId(platform::Value userId, SkeldaIntakeOrigin origin) {
+  post<&SkeldaUserDemographicsSource::onqueue_setUserId>(std::move(userId), origin);
 }
 
 std::optional<std::string> SkeldaUserDemographicsSource::getUserId() {
@@ -76,18 +75,24 @@ void SkeldaUserDemographicsSource::setBirthdate(std::optional<platform::Date> bi
   asyncBlock([self = selfOf(this), birthdate] { self->onqueue_setBirthdate(birthdate); });
 }
 
-void SkeldaUserDemographicsSource::onqueue_setUserId(platform::Value userId) {
+void SkeldaUserDemographicsSource::onqueue_setUserId(platform::Value userId,
+                                                     SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
   if (!skelda::isWellFormedText(userId)) {
     SKELDA_LOG(1, "{}: user id is not UTF-8 text",
                "-[SkeldaUserDemographicsSource onqueue_setUserId:]");
-    return;
+    return skelda::settleRefused(origin.ticket, userId, {});
   }
   auto text = skelda::textOf(std::move(userId));
   // No id after no id is no news. No id after one is: the message that cannot be written takes the
   // place of the old id in what later logs begin with.
-  if (!text && !userId_) return;
+  if (!text && !userId_) {
+    return SkeldaAccounting::settle(origin.ticket, SkeldaIntakeOutcome::stored);
+  }
   userId_ = std::move(text);
-  onqueue_streamMessage(SkeldaStreamUserId::userIdWithUserId(userId_));
+  auto message = SkeldaStreamUserId::userIdWithUserId(userId_);
+  message->takeOrigin(origin);
+  onqueue_streamMessage(std::move(message));
 }
 
 void SkeldaUserDemographicsSource::onqueue_setGender(const std::string& gender) {

@@ -9,7 +9,7 @@ class SkeldaUserDemographicsSource
  public:
   static constexpr std::string_view kClassName = "SkeldaUserDemographicsSource";
 
-  void setUserId(platform::Value userId) override;
+  void setUserId(platform::Value userId, SkeldaIntakeOrigin origin = {}) override;
   std::optional<std::string> getUserId() override;
   void setGenderAsString(std::string gender) override;
   std::int32_t genderAsInt() override;
@@ -20,7 +20,7 @@ class SkeldaUserDemographicsSource
  private:
   friend SkeldaSource;
   SkeldaUserDemographicsSource() = default;
-  void onqueue_setUserId(platform::Value userId);
+  void onqueue_setUserId(platform::Value userId, SkeldaIntakeOrigin origin);
   void onqueue_setGender(const std::string& gender);
   void onqueue_setAgeInYears(std::int32_t age);
   void onqueue_setBirthdate(std::optional<platform::Date> birthdate);

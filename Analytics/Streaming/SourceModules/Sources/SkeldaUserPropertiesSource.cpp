@@ -17,44 +17,43 @@ constexpr std::string_view kValidateMethod =
 // Setting, removing values and flagging are checked on the caller's thread, adding and clearing on
 // the queue.
 
-void SkeldaUserPropertiesSource::setUserProperties(platform::Value name, platform::Value values) {
-  if (!isValidInputUserProperties(name, values)) return;
-  post(&SkeldaUserPropertiesSource::onqueue_setUserProperties, std::move(name), std::move(values));
+template <SkeldaUserPropertiesSource::Operation operation>
+void SkeldaUserPropertiesSource::checkAndPost(platform::Value name, platform::Value values,
+                                              SkeldaIntakeOrigin origin) {
+  if (!isValidInputUserProperties(name, values)) {
+    return skelda::settleRefused(origin.ticket, name, values);
+  }
+  post<operation>(std::move(name), std::move(values), origin);
 }
 
-void SkeldaUserPropertiesSource::setUserPropertiesValue(platform::Value name,
-                                                        platform::Value value) {
-  setUserProperties(std::move(name), std::move(value));
+void SkeldaUserPropertiesSource::setUserProperties(platform::Value name, platform::Value values,
+                                                   SkeldaIntakeOrigin origin) {
+  checkAndPost<&Self::onqueue_setUserProperties>(std::move(name), std::move(values), origin);
 }
 
-void SkeldaUserPropertiesSource::addUserProperties(platform::Value name, platform::Value values) {
-  post(&SkeldaUserPropertiesSource::onqueue_addUserProperties, std::move(name), std::move(values));
+void SkeldaUserPropertiesSource::setUserPropertiesValue(platform::Value name, platform::Value value,
+                                                        SkeldaIntakeOrigin origin) {
+  setUserProperties(std::move(name), std::move(value), origin);
+}
+
+void SkeldaUserPropertiesSource::addUserProperties(platform::Value name, platform::Value values,
+                                                   SkeldaIntakeOrigin origin) {
+  post<&Self::onqueue_addUserProperties>(std::move(name), std::move(values), origin);
+}
+
+void SkeldaUserPropertiesSource::removeUserProperties(platform::Value name, platform::Value values,
+                                                      SkeldaIntakeOrigin origin) {
+  checkAndPost<&Self::onqueue_removeUserProperties>(std::move(name), std::move(values), origin);
 }
 
 void SkeldaUserPropertiesSource::removeUserProperties(platform::Value name,
-                                                      platform::Value values) {
-  if (!isValidInputUserProperties(name, values)) return;
-  post(&SkeldaUserPropertiesSource::onqueue_removeUserProperties, std::move(name),
-       std::move(values));
+                                                      SkeldaIntakeOrigin origin) {
+  post<&Self::onqueue_clearUserProperties>(std::move(name), platform::Array(), origin);
 }
 
-void SkeldaUserPropertiesSource::removeUserProperties(platform::Value name) {
-  post(&SkeldaUserPropertiesSource::onqueue_clearUserProperties, std::move(name),
-       platform::Array());
-}
-
-void SkeldaUserPropertiesSource::flagUserProperties(platform::Value name) {
-  platform::Value values = platform::Array{"true"};
-  if (!isValidInputUserProperties(name, values)) return;
-  post(&SkeldaUserPropertiesSource::onqueue_flagUserProperties, std::move(name), std::move(values));
-}
-
-void SkeldaUserPropertiesSource::post(Operation operation, platform::Value name,
-                                      platform::Value values) {
-  asyncBlock([self = selfOf(this), operation, name = std::move(name),
-              values = std::move(values)]() mutable {
-    ((*self).*operation)(std::move(name), std::move(values));
-  });
+void SkeldaUserPropertiesSource::flagUserProperties(platform::Value name,
+                                                    SkeldaIntakeOrigin origin) {
+  checkAndPost<&Self::onqueue_flagUserProperties>(std::move(name), platform::Array{"true"}, origin);
 }
 
 bool SkeldaUserPropertiesSource::isValidInputUserProperties(const platform::Value& name,
@@ -90,7 +89,10 @@ bool SkeldaUserPropertiesSource::isValidInputUserProperties(const platform::Valu
 }
 
 void SkeldaUserPropertiesSource::onqueue_send(platform::Value name, platform::Value values,
-                                              CallType callType) {
-  onqueue_streamMessage(SkeldaStreamUserProperties::updateUserPropertiesName(
-      std::move(*name.text()), std::move(*values.array()), callType));
+                                              CallType callType, SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
+  auto message = SkeldaStreamUserProperties::updateUserPropertiesName(
+      std::move(*name.text()), std::move(*values.array()), callType);
+  message->takeOrigin(origin);
+  onqueue_streamMessage(std::move(message));
 }

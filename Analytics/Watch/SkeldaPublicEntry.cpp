@@ -1,0 +1,44 @@
+#include "Analytics/Watch/SkeldaPublicEntry.h"
+
+#include <vector>
+
+#include "Analytics/Utils/SkeldaLog.h"
+#include "Skelda_Watch/SkeldaWatch.h"
+
+bool skelda::mayKeep(const char* what) {
+  if (SkeldaIntake::isOpen()) return true;
+  if (!SkeldaWatch::apiKey()) {
+    SkeldaAccounting::refused(SkeldaRefusal::noKey);
+    SKELDA_LOG(2, "No API key provided in plist, unable to log {}", what);
+    return false;
+  }
+  if (!SkeldaUtil::isInWatchExtension()) {
+    SkeldaAccounting::refused(SkeldaRefusal::notAnExtension);
+    const bool isEvent = std::string_view(what) == "event";
+    SKELDA_LOG(2, "Skelda: {} not logged -- this method can only be used in watch extension.",
+               isEvent ? "Event" : "Choice");
+    return false;
+  }
+  return true;
+}
+
+bool skelda::keepChoice(SkeldaIntakeCall::Kind kind, SkeldaIntakeCall::Values values) {
+  return mayKeep("choice") && SkeldaIntake::accept(kind, values);
+}
+
+void skelda::takeApart(platform::Value& value) noexcept {
+  guardedResult(false, [&] {
+    std::vector<platform::Value> rest;
+    rest.push_back(std::move(value));
+    while (!rest.empty()) {
+      platform::Value last = std::move(rest.back());
+      rest.pop_back();
+      if (auto* const array = last.array()) {
+        for (auto& element : *array) rest.push_back(std::move(element));
+      } else if (auto* const dictionary = last.dictionary()) {
+        for (auto& entry : dictionary->takeEntries()) rest.push_back(std::move(entry.second));
+      }
+    }
+    return true;
+  });
+}
