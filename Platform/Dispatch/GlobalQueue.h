@@ -15,7 +15,6 @@ class GlobalQueue final : public QueueCore {
   void leave() override {}
   void suspend() override {}
   void resume() override {}
-  void setTarget(QueueRef) override {}
 
  private:
   Priority priority_;

@@ -28,7 +28,6 @@ class MainThread final : public QueueCore, public Wanted {
   void leave() override {}
   void suspend() override {}
   void resume() override {}
-  void setTarget(QueueRef) override {}
   bool runsAlone() const noexcept override { return true; }
 
  private:

@@ -81,8 +81,6 @@ class Queue {
   /// queue that nobody holds any more goes, and its blocks with it: nobody could resume it.
   virtual void suspend() = 0;
   virtual void resume() = 0;
-  /// Only before the first block is submitted.
-  virtual void setTarget(QueueRef target) = 0;
 
  protected:
   Queue() = default;

@@ -117,12 +117,6 @@ bool QueueCore::isCurrent() const noexcept {
   return currentlyRunning != nullptr && currentlyRunning->includes(*this);
 }
 
-void QueueCore::setTarget(QueueRef target) {
-  if (target == nullptr) target = Queue::global();
-  target_ = static_cast<QueueCore&>(*target).shared_from_this();
-  pinned_ = target_->pinned_;
-}
-
 void QueueCore::submit(Work* work, bool barrier) {
   work->origin = this;
   work->barrier = barrier;

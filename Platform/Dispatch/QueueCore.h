@@ -54,7 +54,6 @@ class QueueCore : public Queue, public std::enable_shared_from_this<QueueCore> {
   void sync(BlockRef block) override { syncHere(block, false); }
   void barrierSync(BlockRef block) override { syncHere(block, true); }
   void after(DispatchTime when, Block block) override;
-  void setTarget(QueueRef target) override;
   void submit(Work* work, bool barrier) override;
 
   /// Takes work in, in order. The queue runs it, or passes it on.
@@ -112,9 +111,9 @@ class QueueCore : public Queue, public std::enable_shared_from_this<QueueCore> {
   bool syncWithin(const Running& caller, BlockRef block, bool barrier);
   [[noreturn]] void refuseWait(const std::string& other) const;
 
-  std::string label_;
-  std::shared_ptr<QueueCore> target_;
-  bool pinned_;
+  const std::string label_;
+  const std::shared_ptr<QueueCore> target_;
+  const bool pinned_;
 };
 
 /// Runs a piece of work that has reached `executor` (null: a root), and leaves the queues that it

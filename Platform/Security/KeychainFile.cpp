@@ -112,7 +112,7 @@ bool KeychainFile::setAside(const std::string& path, std::string_view why) {
     if (more > '9') return false;
     damaged = path + ".damaged" + more;  // a file never takes a folder's place
   }
-  SKELDA_PLATFORM_NOTICE("Keychain: {} {}; it is kept as {} and begun anew", path, why, damaged);
+  SKELDA_PLATFORM_LOG("Keychain: {} {}; it is kept as {} and begun anew", path, why, damaged);
   return true;
 }
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/SystemFiles.h"
@@ -61,9 +62,9 @@ std::optional<ScreenBounds> parsedBounds(std::string_view text) {
 }  // namespace
 
 std::shared_ptr<WKInterfaceDevice> WKInterfaceDevice::currentDevice() {
-  static const auto& device =
-      *new std::shared_ptr<WKInterfaceDevice>(std::make_shared<WKInterfaceDevice>());
-  return device;
+  static NeverDestroyed<std::shared_ptr<WKInterfaceDevice>> device(
+      std::make_shared<WKInterfaceDevice>());
+  return *device;
 }
 
 std::string WKInterfaceDevice::systemVersion() const {

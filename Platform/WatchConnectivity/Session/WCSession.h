@@ -73,6 +73,9 @@ class WCSession : public Object {
   /// Queues a user info; it waits for a peer that is away, and for one that goes away before it
   /// has acknowledged. Delivered in order, at least once.
   virtual void transferUserInfo(const Dictionary& userInfo) = 0;
+
+  // For the host, whose phone it is: the agent calls none of this.
+
   /// Sends at once; false when the peer is not there.
   virtual bool sendMessage(const Dictionary& message) = 0;
 };
