@@ -49,14 +49,11 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
 
   std::string_view className() const noexcept override { return "SkeldaDataSender"; }
   bool sendFrameLogData(platform::Data data) override;
-  bool sendFrameLogData(platform::Data data, CompletionHandler completionHandler);
-  bool sendSessionsData(platform::Data data, CompletionHandler completionHandler = nullptr);
 
   /// The new block's identifier; nothing where it could not be stored.
   std::optional<std::string> storeData(const platform::Data& data);
   void removeStoredDataWithIdentifier(const std::string& identifier,
                                       Fate fate = Fate::acknowledged);
-  bool everSentReportSuccessfully() const noexcept;
   /// Builds and starts one request; on `queue`.
   void sendData(std::shared_ptr<const platform::Data> data, const std::string& identifier);
   /// Sends the stored blocks that are not in flight, as far as the window goes. Posted.
@@ -69,6 +66,11 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   const std::shared_ptr<SkeldaDataSenderIndex>& dataIndex() const noexcept { return dataIndex_; }
   /// What the blocks are filed under; the first use prepares the index for it.
   const std::string& dataKey();
+
+  // -- Fixed by the system, and not called by the agent itself
+  bool sendFrameLogData(platform::Data data, CompletionHandler completionHandler);
+  bool sendSessionsData(platform::Data data, CompletionHandler completionHandler = nullptr);
+  bool everSentReportSuccessfully() const noexcept;
 
  private:
   SkeldaDataSender(platform::QueueRef queue,

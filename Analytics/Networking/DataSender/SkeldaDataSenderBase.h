@@ -33,9 +33,11 @@ class SkeldaDataSenderBase : public platform::Object,
   void unregisterTask(const TaskRef& task, bool completedSuccessfuly);
   /// Inclusive: true with 8 running tasks, so a ninth may start.
   bool hasOngoingTasksWindow() const noexcept;
-  void cancelTasks();
   /// Any thread.
   void networkStatusChanged(const platform::Notification& notification);
+
+  // -- Fixed by the system, and not called by the agent itself
+  void cancelTasks();
 
  protected:
   SkeldaDataSenderBase(platform::QueueRef queue,

@@ -60,8 +60,6 @@ class SkeldaDataSenderIndex : public platform::Object,
   void discardBlocksBeyondMost(const std::string& dataKey, const std::set<std::string>& butFor);
   /// Drops the oldest blocks beyond the limit. Posted.
   void discardOutdatedBlocksForDataKey(const std::string& dataKey);
-  /// The same, the oldest by creation date. Posted.
-  void discardOldBlocksForDataKey(const std::string& dataKey);
   /// A copy, oldest first.
   Blocks notSentBlocksForDataKey(const std::string& dataKey);
   std::size_t blockCountForDataKey(const std::string& dataKey);
@@ -78,6 +76,10 @@ class SkeldaDataSenderIndex : public platform::Object,
   static platform::KeyedArchive archiveOf(const Map& map, bool sentReportSuccessfully);
   /// Whether the archive names what was put into it. One of an earlier version does not say.
   static bool isUndamaged(const platform::KeyedArchive& archive);
+
+  // -- Fixed by the system, and not called by the agent itself
+  /// As discardOutdatedBlocksForDataKey(), the oldest by creation date.
+  void discardOldBlocksForDataKey(const std::string& dataKey);
 
  private:
   explicit SkeldaDataSenderIndex(std::string fileName);

@@ -44,12 +44,6 @@ class SkeldaURLSessionTask : public platform::Object,
   using DelegateRef = std::weak_ptr<SkeldaURLSessionTaskDelegate>;
   using BodyRef = std::shared_ptr<const platform::Data>;
 
-  static TaskRef get(const std::string& url, DelegateRef delegate);
-  static TaskRef get(const std::string& url, platform::Dictionary headerFields,
-                     DelegateRef delegate);
-  static TaskRef post(const std::string& url, DelegateRef delegate);
-  static TaskRef post(const std::string& url, platform::Dictionary headerFields,
-                      DelegateRef delegate);
   static TaskRef sendMethod(std::int32_t method, const std::string& to, BodyRef body,
                             platform::Dictionary headerFields, DelegateRef delegate,
                             bool startImmediately = true);
@@ -68,13 +62,21 @@ class SkeldaURLSessionTask : public platform::Object,
 
   const std::string& tag() const noexcept { return tag_; }
   void setTag(std::string tag) { tag_ = std::move(tag); }
-  platform::Dictionary& taskParameters() noexcept { return taskParameters_; }
   std::int32_t redirectsCount() const noexcept { return redirectsCount_; }
   void setRedirectsCount(std::int32_t count) noexcept { redirectsCount_ = count; }
   /// 0 is no limit.
   std::int32_t redirectsLimit() const noexcept { return redirectsLimit_; }
-  void setRedirectsLimit(std::int32_t limit) noexcept { redirectsLimit_ = limit; }
   const platform::URLSessionTaskRef& task() const noexcept { return task_; }
+
+  // -- Fixed by the system, and not called by the agent itself
+  static TaskRef get(const std::string& url, DelegateRef delegate);
+  static TaskRef get(const std::string& url, platform::Dictionary headerFields,
+                     DelegateRef delegate);
+  static TaskRef post(const std::string& url, DelegateRef delegate);
+  static TaskRef post(const std::string& url, platform::Dictionary headerFields,
+                      DelegateRef delegate);
+  platform::Dictionary& taskParameters() noexcept { return taskParameters_; }
+  void setRedirectsLimit(std::int32_t limit) noexcept { redirectsLimit_ = limit; }
 
  private:
   SkeldaURLSessionTask() = default;

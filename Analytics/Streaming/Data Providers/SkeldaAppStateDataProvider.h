@@ -22,6 +22,7 @@ class SkeldaAppStateDataProvider : public SkeldaDataProvider {
   /// The last state, or null. Any thread; waits for the provider's queue.
   DataRef appStateData();
 
+  // -- Fixed by the system, and not called by the agent itself
   // Where a platform with life-cycle notices would say what happened. This one has none.
   void mainQueue_subscribeNotifications() {}
   void applicationWillResignActive() {}

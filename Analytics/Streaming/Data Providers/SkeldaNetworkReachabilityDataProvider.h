@@ -29,9 +29,6 @@ class SkeldaNetworkReachabilityDataProvider : public SkeldaDataProvider {
   /// The domain of errors that mean "the network is likely not reachable".
   static const platform::ErrorDomain& networkErrorDomain();
   void setLastNetworkOperationError(platform::ErrorRef error);
-  platform::ErrorRef lastNetworkOperationError();
-  void setNetworkLikelyNotReachable();
-  bool isNetworkLikelyNotReachable();
   bool isNetworkReachable();
   std::int32_t networkStatus();
 
@@ -39,6 +36,11 @@ class SkeldaNetworkReachabilityDataProvider : public SkeldaDataProvider {
   void setConnectedToNetwork(bool connected);
   void setInternalNetworkStatus(std::int32_t status);
   void setReachabilitySetup(bool setup);
+
+  // -- Fixed by the system, and not called by the agent itself
+  platform::ErrorRef lastNetworkOperationError();
+  void setNetworkLikelyNotReachable();
+  bool isNetworkLikelyNotReachable();
   bool reachabilitySetup();
   void setReachability(platform::ObjectRef monitor);
   platform::ObjectRef reachability();

@@ -8,7 +8,7 @@
 /// The one kind of change that is reported: entries of the folder came, went or moved.
 inline constexpr std::uint32_t kSkeldaNodeChangeWritten = 0;
 
-/// One change of a watched folder.
+/// One change of a watched folder. Fixed by the system, and not made by the agent itself.
 class SkeldaNodeData : public platform::Object {
  public:
   explicit SkeldaNodeData(std::uint32_t changeType) noexcept : changeType_(changeType) {}

@@ -25,16 +25,18 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   static std::shared_ptr<SkeldaNodeDataProvider> nodeDataProviderWithFilePath(
       std::string filePath, std::shared_ptr<ISkeldaStreamFileManager> fileManager);
   ~SkeldaNodeDataProvider() override;
-  /// Does nothing.
-  static void wipe() {}
 
   std::string_view className() const noexcept override { return "SkeldaNodeDataProvider"; }
   const std::string& filePath() const noexcept { return filePath_; }
   void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> observer) override;
-  void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>& observer) override;
   void forceRefresh(Completion completion) override;
+
+  // -- Fixed by the system, and not called by the agent itself
+  void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>& observer) override;
   /// Cancels the watch and begins it afresh.
   void recreateDispatchSource();
+  /// Does nothing.
+  static void wipe() {}
 
  protected:
   void onqueue_alertDelegateOfEvents(unsigned events);

@@ -24,12 +24,14 @@ class SkeldaSessionInfoDataProvider : public SkeldaDataProvider {
 
   /// Makes the facts and tells the observers. Any thread, returns at once.
   void startUpWithApiKey(std::string apiKey);
+  /// The facts, or null before start-up. Any thread; waits for the provider's queue.
+  DataRef sessionInfoData();
+
+  // -- Fixed by the system, and not called by the agent itself
   /// Any thread; waits for the provider's queue.
   bool hasStartSessionBeenCalled();
   /// After start-up this makes new facts and tells the observers. Any thread, returns at once.
   void setIncludeBackgroundSessionsInMetrics(bool include);
-  /// The facts, or null before start-up. Any thread; waits for the provider's queue.
-  DataRef sessionInfoData();
 
  protected:
   SkeldaSessionInfoDataProvider();

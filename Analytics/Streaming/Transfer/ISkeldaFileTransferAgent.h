@@ -29,6 +29,8 @@ class ISkeldaFileTransferAgent {
   virtual void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate> delegate) = 0;
   virtual void startTransfer(SkeldaFileStateRef file) = 0;
   virtual void cancelTransfer(SkeldaFileStateRef file) = 0;
+
+  // -- Fixed by the system, and not called by the agent itself
   virtual void resumeTransfer(SkeldaFileStateRef file) = 0;
   /// The files handed over and not finished, in that order; a copy.
   virtual std::vector<SkeldaFileStateRef> listTransfers() = 0;

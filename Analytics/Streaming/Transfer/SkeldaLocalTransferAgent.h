@@ -27,11 +27,13 @@ class SkeldaLocalTransferAgent : public SkeldaActorStreamComponentBase,
   void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate> delegate) override;
   void startTransfer(SkeldaFileStateRef file) override;
   void cancelTransfer(SkeldaFileStateRef file) override;
+  void processingCompleteForFile(const std::string& fileName) override;
+  void processingFailedForFile(const std::string& fileName, platform::ErrorRef withError) override;
+
+  // -- Fixed by the system, and not called by the agent itself
   void resumeTransfer(SkeldaFileStateRef file) override;
   std::vector<SkeldaFileStateRef> listTransfers() override;
   void finishTransferWithFileName(const std::string& fileName);
-  void processingCompleteForFile(const std::string& fileName) override;
-  void processingFailedForFile(const std::string& fileName, platform::ErrorRef withError) override;
 
  private:
   friend class SkeldaActor;

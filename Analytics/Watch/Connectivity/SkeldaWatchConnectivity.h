@@ -21,16 +21,18 @@ class SkeldaWatchConnectivity : public std::enable_shared_from_this<SkeldaWatchC
 
   /// Installs the proxy, watches for other delegates, and activates the session.
   void setup();
-  /// Gives the session back the host's delegate.
-  void teardown();
   void transferUserInfo(platform::Dictionary userInfo);
   /// The agent's receiver, held weakly.
   void setDelegate(std::weak_ptr<ISkeldaWatchConnectivityReceiver> delegate);
   /// One-way: no set-up and no tracking of delegates any more. An installed proxy stays.
   void disableWatchConnectivity();
-  void disableTransferSkeldaInfo();
 
   const platform::QueueRef& queue() const { return queue_; }
+
+  // -- Fixed by the system, and not called by the agent itself
+  /// Gives the session back the host's delegate.
+  void teardown();
+  void disableTransferSkeldaInfo();
 
  private:
   SkeldaWatchConnectivity();
