@@ -42,6 +42,11 @@ class HostileHost(unittest.TestCase):
         for case in ("number", "null", "array", "dictionary", "date", "empty"):
             self.assertEqual("0", self.answers[f"name-{case}"], case)
 
+    def test_values_beyond_the_bounds_are_refused(self):
+        for case in ("value-too-deep", "value-too-long"):
+            self.assertEqual("0", self.answers[case], case)
+        self.assertEqual("1", self.answers["value-deep"])
+
     def test_odd_names_arrive_as_they_are(self):
         for name in ("quotes \" ' \\ /", "controls \x01\n\t\r\x7f", "nul\0inside", "h" * 65536, "名前 שם नाम 🏃"):
             self.assertIn(name, self.events)

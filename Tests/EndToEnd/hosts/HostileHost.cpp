@@ -15,8 +15,8 @@ namespace {
 const std::string kNotUTF8 = "broken \xff\xc3(";
 const std::string kHuge(64 * 1024, 'h');
 
-void log(const char* what, const SkeldaValue& name, const SkeldaValue& parameters = {}) {
-  std::printf("%s %u\n", what, SkeldaWatch::logWatchEvent(name, parameters));
+void log(const char* what, const SkeldaValue& name, SkeldaValue parameters = {}) {
+  std::printf("%s %u\n", what, SkeldaWatch::logWatchEvent(name, std::move(parameters)));
   std::fflush(stdout);
 }
 
@@ -46,8 +46,17 @@ SkeldaDictionary numbered(int count) {
 
 SkeldaValue nested(int depth) {
   SkeldaValue value = "bottom";
-  for (int i = 0; i < depth; ++i)
-    value = i % 2 ? SkeldaValue(SkeldaArray{value}) : SkeldaValue({{"k", value}});
+  for (int i = 0; i < depth; ++i) {
+    SkeldaArray array;
+    SkeldaDictionary dictionary;
+    if (i % 2 == 0) {
+      dictionary.set("k", std::move(value));
+      value = std::move(dictionary);
+    } else {
+      array.push_back(std::move(value));
+      value = std::move(array);
+    }
+  }
   return value;
 }
 
@@ -71,7 +80,9 @@ void parameters() {
        {"date", skelda::platform::Date()}});
   log("value-containers", "value-containers",
       {{"array", SkeldaArray{1, "two", SkeldaArray{}}}, {"dictionary", {{"a", {{"b", 1}}}}}});
-  log("value-deep", "value-deep", {{"deep", nested(200)}});
+  log("value-deep", "value-deep", {{"deep", nested(62)}});
+  log("value-too-deep", "value-too-deep", {{"deep", nested(130000)}});
+  log("value-too-long", "value-too-long", {{"long", std::string(1 << 20, 'l')}});
   log("value-huge", "value-huge", {{"huge", kHuge}});
   log("value-odd", "value-odd",
       {{"quotes", "\"\\"}, {"nul", std::string("a\0b", 3)}, {"lines", "a\r\nb"}});

@@ -1,0 +1,273 @@
+#include "Analytics/Intake/Journal/SkeldaIntakePump.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaEventFrameSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/TextCoding.h"
+#include "Tests/Analytics/Intake/Account/IntakeFiles.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Analytics/Threads.h"
+#include "Tests/Support/LogCapture.h"
+
+namespace skelda::testing {
+namespace {
+
+using Kind = SkeldaIntakeCall::Kind;
+using Outcome = SkeldaIntakeOutcome;
+using platform::Value;
+
+/// What stands for everything from the core buffer to the disk.
+class Pipeline : public RecordingStage {
+ public:
+  void streamMessage(Message message) override {
+    RecordingStage::streamMessage(message);
+    if (stores) SkeldaAccounting::settle(message->intakeTicket(), Outcome::stored);
+  }
+  std::atomic<bool> stores{true};
+};
+
+/// A run of the agent as far as the intake goes: four sources before one pipeline.
+struct AgentRun {
+  std::shared_ptr<SkeldaIntakeFile> file;
+  std::shared_ptr<SkeldaIntakePump> pump;
+  std::shared_ptr<Pipeline> pipeline = std::make_shared<Pipeline>();
+
+  explicit AgentRun(std::shared_ptr<SkeldaIntakeFile> of) : file(std::move(of)) {
+    SkeldaAccounting::setFile(file);
+    pump = SkeldaIntakePump::pumpOf(file);
+  }
+  /// As a kill: what is on its way to the pipeline stays unsettled.
+  ~AgentRun() {
+    pump->syncBlock([] {});
+    SkeldaAccounting::setFile(nullptr);
+    SkeldaAccounting::setFile(nullptr);  // lets go of the one before, too
+  }
+  template <class Source>
+  std::shared_ptr<Source> before(std::shared_ptr<Source> source) const {
+    source->registerNextStageComponent(pipeline);
+    return source;
+  }
+  void start() {
+    pump->start({before(SkeldaEventFrameSource::getSourceInstance()),
+                 before(SkeldaUserPropertiesSource::getSourceInstance()),
+                 before(SkeldaCCPASource::getSourceInstance()),
+                 before(SkeldaUserDemographicsSource::getSourceInstance()),
+                 {}});
+  }
+  template <class... Given>
+  bool call(Kind kind, const Given&... given) const {
+    return [&](const auto&... values) {
+      return pump->accept(kind, {std::cref(values)...});
+    }(Value(given)...);
+  }
+  bool event(const std::string& name) const { return call(Kind::event, name, nullptr); }
+  bool isStored() const {
+    return file->waitUntilSettled(std::chrono::steady_clock::now() + std::chrono::seconds(20));
+  }
+  std::uint64_t settled(SkeldaIntakeFile::Kind kind, Outcome outcome) const {
+    return file->page()
+        .settled[static_cast<std::size_t>(kind) - 1][static_cast<std::size_t>(outcome)];
+  }
+};
+
+/// What the call behind the message said.
+std::string saidBy(const Message& message) {
+  if (const auto* event = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
+    return platform::base64Decoded(*event->eventName())->string();
+  }
+  if (const auto* property = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
+    return *property->propertyName();
+  }
+  if (const auto* user = dynamic_cast<const SkeldaStreamUserId*>(message.get())) {
+    return *user->userId();
+  }
+  return std::to_string(message->frameType());
+}
+
+TEST(SkeldaIntakePump, KeepsTheOrderOfCallsOverAllSources) {
+  AgentRun run(SkeldaIntakeFile::inMemory(1 << 20));
+  std::mt19937 random(7);
+  std::vector<std::string> said;
+  for (int i = 0; i < 2000; ++i) {
+    if (i == 500) run.start();
+    const std::string text = "call " + std::to_string(i);
+    switch (random() % 7) {
+      case 0:
+        run.call(Kind::userId, Value(text)), said.push_back(text);
+        break;
+      case 1:
+        run.call(Kind::addProperties, Value(text), Value(platform::Array{"v"}));
+        said.push_back(text);
+        break;
+      case 2:
+        run.call(Kind::optOut, Value(true)), said.emplace_back("174");
+        break;
+      case 3:
+        run.call(Kind::deletion), said.emplace_back("175");
+        break;
+      default:
+        run.event(text), said.push_back(text);
+    }
+  }
+  ASSERT_TRUE(run.isStored());
+  std::vector<std::string> came;
+  for (const auto& message : run.pipeline->messages(said.size())) came.push_back(saidBy(message));
+  EXPECT_EQ(came, said);
+}
+
+TEST(SkeldaIntakePump, SettlesWhatASourceRefusesWithItsReason) {
+  AgentRun run(SkeldaIntakeFile::inMemory(1 << 16));
+  run.start();
+  const Value name("n"), broken("\xff"), none;
+  run.call(Kind::event, broken, none);
+  run.call(Kind::event, name, name);
+  run.call(Kind::purchase, name, none, name);
+  run.call(Kind::setProperties, name, name);
+  run.call(Kind::addProperties, name, Value(platform::Array{"\xff"}));
+  run.call(Kind::userId, broken);
+  run.call(Kind::userId, none);  // no news
+  ASSERT_TRUE(run.isStored());
+  using Of = SkeldaIntakeFile::Kind;
+  EXPECT_EQ(run.settled(Of::event, Outcome::notUTF8), 1U);
+  EXPECT_EQ(run.settled(Of::event, Outcome::wrongKind), 2U);
+  EXPECT_EQ(run.settled(Of::choice, Outcome::wrongKind), 1U);
+  EXPECT_EQ(run.settled(Of::choice, Outcome::notUTF8), 2U);
+  EXPECT_EQ(run.settled(Of::choice, Outcome::stored), 1U);
+  EXPECT_TRUE(run.pipeline->messages().empty());
+}
+
+TEST(SkeldaIntakePump, LetsAWindowThroughRefusesWhatHasNoRoomAndGoesOn) {
+  const LogCapture log;
+  AgentRun run(SkeldaIntakeFile::inMemory(1 << 16));
+  run.pipeline->stores = false;
+  run.start();
+  unsigned accepted = 0;
+  while (run.event("event " + std::to_string(accepted))) ++accepted;
+  EXPECT_FALSE(run.event("one more"));
+  ASSERT_GT(accepted, 2 * SkeldaIntakePump::kWindow);
+  EXPECT_EQ(log.count("Skelda: Not logged -- 64 KiB wait to be written"), 1U);
+
+  const auto first = run.pipeline->messages(SkeldaIntakePump::kWindow);
+  run.pump->syncBlock([] {});
+  EXPECT_EQ(run.pipeline->messages().size(), SkeldaIntakePump::kWindow);
+  EXPECT_EQ(run.file->takenCount(), SkeldaIntakePump::kWindow);
+  run.pipeline->stores = true;
+  for (const auto& message : first) {
+    SkeldaAccounting::settle(message->intakeTicket(), Outcome::stored);
+  }
+  ASSERT_TRUE(run.isStored());
+  EXPECT_EQ(run.pipeline->messages().size(), accepted);
+  EXPECT_TRUE(run.event("there is room again"));
+  EXPECT_EQ(SkeldaAccounting::page().refused[static_cast<std::size_t>(SkeldaRefusal::overTheBound)],
+            2U);
+}
+
+TEST(SkeldaIntakePump, LosesNoWakeUpHoweverSettlingAndCallsMeet) {
+  AgentRun run(SkeldaIntakeFile::inMemory(4 << 20));
+  run.start();
+  constexpr unsigned kThreads = 4, kEach = 2000;
+  std::atomic<unsigned> accepted{0};
+  inThreads(kThreads, [&](unsigned) {
+    for (unsigned i = 0; i < kEach; ++i) {
+      accepted += run.event("e");
+      // Now and then the pump is idle, and each call meets it going to sleep.
+      if (i % 100 == 0) {
+        EXPECT_TRUE(run.isStored());
+      }
+    }
+  });
+  EXPECT_EQ(accepted, kThreads * kEach);
+  EXPECT_TRUE(run.isStored());
+  EXPECT_EQ(run.pipeline->messages().size(), kThreads * kEach);
+}
+
+TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
+  const IntakeFiles files;
+  const auto before = platform::Date::now().microsecondsSince1970().count() / 1000;
+  const auto uptimeBefore = SkeldaUtil::uptimeInMilliseconds();
+  {
+    AgentRun killed(files.open());  // before it started the agent
+    killed.call(Kind::deletion);
+    killed.call(Kind::consent, true, platform::Dictionary{{"iab", "s"}}, true);
+  }
+  {
+    AgentRun killed(files.open());  // with its first event on its way
+    killed.pipeline->stores = false;
+    killed.event("first");
+    killed.start();
+    killed.pipeline->messages(2);
+  }
+  const auto after = platform::Date::now().microsecondsSince1970().count() / 1000;
+  const auto uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
+  AgentRun run(files.open());
+  run.event("second");
+  run.start();
+  ASSERT_TRUE(run.isStored());
+  const auto messages = run.pipeline->messages(3);
+  ASSERT_EQ(messages.size(), 3U);
+  EXPECT_EQ(messages[0]->frameType(), SkeldaStreamFrameTypeUtil::kCCPADelete);
+  EXPECT_EQ(saidBy(messages[1]), "first");
+  EXPECT_EQ(saidBy(messages[2]), "second");
+  for (const auto& message : {messages[0], messages[1]}) {
+    EXPECT_GE(message->epochTimeStamp(), before);
+    EXPECT_LE(message->epochTimeStamp(), after);
+    EXPECT_GE(message->relativeTimeStamp(), uptimeBefore);
+    EXPECT_LE(message->relativeTimeStamp(), uptimeAfter);
+  }
+  const auto& first = dynamic_cast<const SkeldaStreamEvent&>(*messages[1]);
+  EXPECT_EQ(first.uptime(), messages[1]->relativeTimeStamp());
+  EXPECT_TRUE(SkeldaConsentCore::sharedInstance()->getConsent().isGDPRScope());
+  EXPECT_TRUE(addsUp(*run.file));
+}
+
+/// As if the file's first record had been written before the machine was started again.
+void changeBoot(const std::string& path) {
+  editFile(path, [](char* bytes) {
+    using namespace SkeldaIntakeLayout;
+    auto& first = *reinterpret_cast<Record*>(bytes + SkeldaIntakeFile::kHeaderLength);
+    first.boot ^= 1U;
+    first.checksum = checksumOf(first, Place(SkeldaIntakeFile::kSegmentCount, 0),
+                                reinterpret_cast<Page*>(bytes)->salt);
+  });
+}
+
+TEST(SkeldaIntakePump, GivesARecordOfAnotherBootTheUptimeOfItsReplay) {
+  const IntakeFiles files;
+  constexpr std::int64_t kLongUptime = std::int64_t{1} << 40;
+  const Value name("old"), none;
+  std::string bytes(SkeldaIntakeCall::sizeOf({name, none}).length, ' ');
+  SkeldaIntakeCall::write(bytes.data(), Kind::event, {name, none});
+  {
+    const auto file = files.open();
+    file->append(SkeldaIntakeFile::Kind::event, IntakeFiles::kDate, kLongUptime, bytes.size(),
+                 [&](char* to) { std::copy(bytes.begin(), bytes.end(), to); });
+  }
+  for (const bool sameBoot : {true, false}) {
+    if (!sameBoot) changeBoot(files.path_);
+    AgentRun run(files.open());
+    run.pipeline->stores = false;
+    run.start();
+    const auto messages = run.pipeline->messages(1);
+    ASSERT_EQ(messages.size(), 1U);
+    const auto& event = dynamic_cast<const SkeldaStreamEvent&>(*messages[0]);
+    EXPECT_EQ(event.timestamp()->microsecondsSince1970().count(), IntakeFiles::kDate);
+    EXPECT_EQ(event.epochTimeStamp(), IntakeFiles::kDate / 1000);
+    EXPECT_EQ(event.uptime(), event.relativeTimeStamp());
+    EXPECT_EQ(event.relativeTimeStamp() == kLongUptime, sameBoot);
+  }
+}
+
+}  // namespace
+}  // namespace skelda::testing
