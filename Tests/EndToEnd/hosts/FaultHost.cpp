@@ -54,6 +54,7 @@ int main(int, char** argv) {
     std::fflush(stdout);
     if (number == events / 2) inside([] { SkeldaCCPA::setDelete(); });
   }
+  std::printf("stored: %d\n", SkeldaWatch::waitUntilStored(3s));
   const auto storage =
       std::filesystem::path(std::getenv("XDG_DATA_HOME")) / BUNDLE_IDENTIFIER / "SkeldaFiles";
   std::printf("rest: %d\n", QuietFolder(storage).wait(300ms, 10s));

@@ -14,6 +14,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -38,6 +39,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -236,6 +238,13 @@ void readPlan(std::string_view text) {
   plan.milliseconds = number();
 }
 
+/// Says where, before it ends the process: addr2line -Cfie HOST OFFSET ... reads it.
+void sayWhere() {
+  std::array<void*, 40> frames{};
+  ::backtrace_symbols_fd(frames.data(), ::backtrace(frames.data(), frames.size()), STDERR_FILENO);
+  std::abort();
+}
+
 [[gnu::constructor]] void setUp() {
   const char* page = std::getenv("FAULT_PAGE");
   const char* under = std::getenv("FAULT_UNDER");
@@ -248,6 +257,9 @@ void readPlan(std::string_view text) {
   plan.counters = static_cast<Counters*>(memory);
   plan.under = under;
   if (const char* fault = std::getenv("FAULT")) readPlan(fault);
+  void* first = nullptr;
+  ::backtrace(&first, 1);  // loads what it needs while nothing goes wrong
+  std::set_terminate(sayWhere);
   isReady.store(true, std::memory_order_release);
 }
 
