@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <memory>
@@ -21,6 +22,8 @@ struct Start {
 void* enter(void* raw) {
   const Start start = *std::unique_ptr<Start>(static_cast<Start*>(raw));
   pthread_setname_np(pthread_self(), start.name);
+  // Niceness is inherited whatever the attributes say.
+  setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())));
   start.body(start.argument);
   return nullptr;
 }

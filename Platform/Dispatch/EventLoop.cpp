@@ -52,9 +52,9 @@ bool EventLoop::watch(Source& source) noexcept {
   if (source.watched_.load(std::memory_order_relaxed)) return true;
   int descriptor = source.descriptor_.load(std::memory_order_relaxed);
   if (descriptor < 0) descriptor = aboveStandardDescriptors(source.make_(source.context_));
-  if (descriptor < 0) return false;
   source.descriptor_.store(descriptor, std::memory_order_release);
-  if (!stand() || !addTo(epoll_, descriptor, &source)) return false;
+  // The thread comes even where the descriptor does not: it asks for it again.
+  if (!stand() || descriptor < 0 || !addTo(epoll_, descriptor, &source)) return false;
   source.watched_.store(true, std::memory_order_release);
   return true;
 }
@@ -89,7 +89,7 @@ void EventLoop::setPoolTick(bool on) noexcept {
 }
 
 bool EventLoop::keepAsking() noexcept {
-  if (!stands_.load(std::memory_order_acquire)) return false;
+  if (!stands_.load(std::memory_order_acquire) && !obtain()) return false;
   if (!asks_.load()) arm(true);
   return true;
 }

@@ -55,25 +55,29 @@ bool FolderWatcher::add(int descriptor, const std::shared_ptr<FolderListener>& l
   const MutexLock lock(mutex_);
   const WatchId watch =
       inotify_add_watch(inotify, linkOf(own).c_str(), kEntryEvents | kSelfEvents | kHow);
-  if (watch < 0) {
+  if (watch >= 0) ++users_[watch];
+  const WatchId parent = watch >= 0 ? watchParentOf(own) : kNoWatch;
+  // A parent that cannot be looked into can be done without, one that there is no watch for cannot.
+  if (watch < 0 || (parent < 0 && (errno == ENOSPC || errno == ENOMEM))) {
     const int error = errno;
+    dropWatch(watch);
     close(own);
     errno = error;
     return false;
   }
-  ++users_[watch];
-  folders_.push_back({listener.get(), listener, own, watch, watchParentOf(own)});
+  folders_.push_back({listener.get(), listener, own, watch, parent});
   return true;
 }
 
 /// A folder that is removed while a descriptor keeps it says nothing itself, but its parent does.
 FolderWatcher::WatchId FolderWatcher::watchParentOf(int descriptor) noexcept {
   std::array<char, PATH_MAX> path;
+  errno = 0;
   const ssize_t length = readlink(linkOf(descriptor).c_str(), path.data(), path.size());
-  if (length <= 0 || static_cast<std::size_t>(length) >= path.size()) return -1;
+  if (length <= 0 || static_cast<std::size_t>(length) >= path.size()) return kNoWatch;
   const std::string_view whole(path.data(), static_cast<std::size_t>(length));
   const std::size_t slash = whole.rfind('/');
-  if (slash == std::string_view::npos || whole.size() == 1) return -1;
+  if (slash == std::string_view::npos || whole.size() == 1) return kNoWatch;
   const std::string parent(whole.substr(0, std::max<std::size_t>(slash, 1)));
   const WatchId watch = inotify_add_watch(inotify_.get(), parent.c_str(), IN_DELETE | kHow);
   if (watch >= 0) ++users_[watch];

@@ -29,6 +29,7 @@ class FolderWatcher {
 
  private:
   using WatchId = int;
+  static constexpr WatchId kNoWatch = -1;
   using Told = std::vector<std::pair<std::shared_ptr<FolderListener>, unsigned>>;
 
   struct Folder {
@@ -36,7 +37,7 @@ class FolderWatcher {
     std::weak_ptr<FolderListener> listener;
     int descriptor;  // of our own: tells whether the folder is still linked anywhere
     WatchId folder;
-    WatchId parent;  // -1: none
+    WatchId parent;  // or none
     bool gone = false;
   };
 

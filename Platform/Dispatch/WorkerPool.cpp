@@ -203,7 +203,7 @@ void WorkerPool::keepAsking() noexcept {
   Called called;
   {
     const MutexLock lock(mutex_);
-    if (idle_ > 0) called = callSomebody();
+    if (idle_ > 0 || total_ == 0) called = callSomebody();
   }
   wake(called);
 }

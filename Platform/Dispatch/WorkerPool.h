@@ -33,7 +33,7 @@ class WorkerPool final : public Wanted {
   void endBlocking() noexcept;
   /// For the event thread, when the time that was set has come.
   void tick() noexcept;
-  /// Has an idle worker ask for what is wanted.
+  /// Has an idle worker, or a new one where there is none, ask for what is wanted.
   void keepAsking() noexcept;
 
  private:

@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@
 #include <semaphore>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/MainQueue.h"
@@ -138,6 +140,23 @@ TEST_F(WantedDeathTest, WhatTheSystemRefusesOnceOrSeveralTimesIsHadLater) {
   }
 }
 
+TEST_F(WantedDeathTest, ADelayedBlockComesThoughNobodySubmitsAnythingAfterIt) {
+  // Of threads no more are refused than one submission asks for: after that nobody is left.
+  const std::pair<Refusable*, int> cases[] = {
+      {&threads, 2}, {&epolls, 20}, {&watches, 20}, {&timers, 20}};
+  for (const auto& [call, times] : cases) {
+    const auto delayOne = [call = call, refusals = times] {
+      static Unseen delayed;
+      call->refusals = refusals;
+      Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(1)),
+                             [] { delayed.happen(); });
+      delayed.expect("the delayed block");
+      std::_Exit(call->refusals > 0 ? 2 : 0);
+    };
+    EXPECT_EXIT(delayOne(), ::testing::ExitedWithCode(0), "") << call->name;
+  }
+}
+
 TEST_F(WantedDeathTest, NothingOfTheLayerTakesTheNumberOfAStandardDescriptor) {
   const auto useWithoutThem = [] {
     for (const int standard : {0, 1, 2}) close(standard);
@@ -180,6 +199,10 @@ std::string strangeThreads() {
       sched_getaffinity(id, sizeof processors, &processors);
       if (CPU_EQUAL(&processors, &ofProcess) == 0) strange += name + " is pinned\n";
       if (sched_getscheduler(id) != SCHED_OTHER) strange += name + " runs in real time\n";
+      const int niceness = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
+      if (geteuid() == 0 && niceness != getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()))) {
+        strange += name + " is as nice as its maker\n";
+      }
     }
   }
   return strange;
@@ -193,6 +216,7 @@ TEST_F(WantedDeathTest, ThreadsHaveTheDefaultSchedulingWhoeverCallsFirst) {
       CPU_SET(sched_getcpu(), &one);
       sched_setaffinity(0, sizeof one, &one);
       const sched_param urgent{.sched_priority = 1};
+      setpriority(PRIO_PROCESS, 0, 19);
       sched_setscheduler(0, SCHED_FIFO, &urgent);  // where the system lets us
       useEverything();
     }).join();
