@@ -28,7 +28,7 @@ class SkeldaActorOperationQueue;
 /// The first line of every `onqueue_` method of an actor: a sanitizer build ends the process when
 /// the method runs anywhere but on its actor.
 #ifdef SKELDA_CHECK_QUEUES
-#define SKELDA_ON_QUEUE() assertRunningInActor()
+#define SKELDA_ON_QUEUE() this->assertRunningInActor()
 #else
 #define SKELDA_ON_QUEUE() static_cast<void>(0)
 #endif

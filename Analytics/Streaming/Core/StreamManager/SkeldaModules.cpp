@@ -1,6 +1,10 @@
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 
-#include <string>
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
 
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
@@ -27,24 +31,92 @@
 
 namespace {
 
-template <class Source, class Protocol, class... MoreProtocols>
-void registerSource() {
-  platform::ClassRegistry::shared().registerClass(
-      {std::string(Source::kClassName),
-       "SkeldaActorStreamComponentBase",
-       {std::string(Protocol::kProtocolName), std::string(ISkeldaFrameSource::kProtocolName),
-        std::string(MoreProtocols::kProtocolName)...},
-       [] { return platform::ObjectRef(Source::getSourceInstance()); }});
+/// What is started by the manager: the source, or the provider whose news it reports.
+enum class Start : std::uint8_t { neither, source, provider };
+
+struct Source {
+  std::string_view className;
+  std::string_view key;
+  std::string_view provider;  ///< empty for a source that observes none
+  Start start;
+  void (*registerClass)();
+};
+
+struct Provider {
+  std::string_view className;
+  void (*registerClass)();
+};
+
+template <class Protocol, class Module>
+void addProtocol(std::vector<std::string>& protocols) {
+  if (std::is_base_of_v<Protocol, Module>) protocols.emplace_back(Protocol::kProtocolName);
 }
 
-template <class Provider, class... Protocols>
-void registerProvider() {
-  platform::ClassRegistry::shared().registerClass(
-      {std::string(Provider::kClassName),
-       "SkeldaDataProvider",
-       {std::string(Protocols::kProtocolName)...},
-       [] { return platform::ObjectRef(Provider::getInstance()); }});
+/// What a module may be besides what its row says.
+template <class Module>
+std::vector<std::string> protocolsOf() {
+  std::vector<std::string> protocols;
+  addProtocol<ISkeldaFrameSource, Module>(protocols);
+  addProtocol<ISkeldaDataProviderObserver, Module>(protocols);
+  addProtocol<ISkeldaConsentObserver, Module>(protocols);
+  addProtocol<ISkeldaWatchConnectivityReceiver, Module>(protocols);
+  return protocols;
 }
+
+template <class Module>
+constexpr Source source(Start start = Start::neither) {
+  return {Module::kClassName, Module::kKey, Module::kProvider, start, [] {
+            auto protocols = protocolsOf<Module>();
+            protocols.emplace_back(Module::kKey);
+            platform::ClassRegistry::shared().registerClass(
+                {std::string(Module::kClassName), "SkeldaActorStreamComponentBase",
+                 std::move(protocols),
+                 [] { return platform::ObjectRef(Module::getSourceInstance()); }});
+          }};
+}
+
+template <class Module>
+constexpr Provider provider() {
+  return {Module::kClassName, [] {
+            platform::ClassRegistry::shared().registerClass(
+                {std::string(Module::kClassName), "SkeldaDataProvider", protocolsOf<Module>(),
+                 [] { return platform::ObjectRef(Module::getInstance()); }});
+          }};
+}
+
+/// One row for each source, in the order in which they are chained, and started.
+constexpr std::array kSources{
+    source<SkeldaEventFrameSource>(),
+    source<SkeldaSessionInitInfoSource>(),
+    source<SkeldaStreamFlushSource>(),
+    source<SkeldaReportedIdentifiersSource>(Start::source),
+    source<SkeldaAppInfoSource>(Start::source),
+    source<SkeldaAppStateSource>(Start::provider),
+    source<SkeldaDevicePropertiesSource>(Start::source),
+    source<SkeldaUserDemographicsSource>(),
+    source<SkeldaLocaleInfoSource>(Start::source),
+    source<SkeldaTimeZoneInfoSource>(Start::source),
+    source<SkeldaAppOrientationSource>(Start::source),
+    source<SkeldaNetworkStatusSource>(Start::provider),
+    source<SkeldaSessionDevicePropertiesSource>(Start::provider),
+    source<SkeldaConsentSource>(),
+    source<SkeldaUserPropertiesSource>(),
+    source<SkeldaCCPASource>(),
+};
+
+/// One row for each provider, in the order in which they are given their observers.
+constexpr std::array kProviders{
+    provider<SkeldaAppStateDataProvider>(),
+    provider<SkeldaSessionInfoDataProvider>(),
+    provider<SkeldaSessionDevicePropertiesDataProvider>(),
+    provider<SkeldaNetworkReachabilityDataProvider>(),
+};
+
+static_assert(std::ranges::all_of(kSources, [](const Source& source) {
+  return source.provider.empty()
+             ? source.start != Start::provider
+             : std::ranges::count(kProviders, source.provider, &Provider::className) == 1;
+}));
 
 void registerAll() {
   auto& registry = platform::ClassRegistry::shared();
@@ -57,31 +129,8 @@ void registerAll() {
                           "SkeldaActor",
                           {std::string(ISkeldaDataProvider::kProtocolName)},
                           nullptr});
-
-  using Observer = ISkeldaDataProviderObserver;
-  registerSource<SkeldaEventFrameSource, ISkeldaEventFrameSource>();
-  registerSource<SkeldaSessionInitInfoSource, ISkeldaSessionInitInfoSource, Observer>();
-  registerSource<SkeldaStreamFlushSource, ISkeldaStreamFlushSource>();
-  registerSource<SkeldaReportedIdentifiersSource, ISkeldaReportedIdentifiersSource,
-                 ISkeldaWatchConnectivityReceiver>();
-  registerSource<SkeldaAppInfoSource, ISkeldaAppInfoSource>();
-  registerSource<SkeldaAppStateSource, ISkeldaAppStateSource, Observer>();
-  registerSource<SkeldaDevicePropertiesSource, ISkeldaDevicePropertiesSource>();
-  registerSource<SkeldaUserDemographicsSource, ISkeldaUserDemographicsSource>();
-  registerSource<SkeldaLocaleInfoSource, ISkeldaLocaleInfoSource>();
-  registerSource<SkeldaTimeZoneInfoSource, ISkeldaTimeZoneInfoSource>();
-  registerSource<SkeldaAppOrientationSource, ISkeldaAppOrientationSource>();
-  registerSource<SkeldaNetworkStatusSource, ISkeldaNetworkStatusSource, Observer>();
-  registerSource<SkeldaSessionDevicePropertiesSource, ISkeldaSessionDevicePropertiesSource,
-                 Observer>();
-  registerSource<SkeldaConsentSource, ISkeldaConsentSource, ISkeldaConsentObserver>();
-  registerSource<SkeldaUserPropertiesSource, ISkeldaUserPropertiesSource>();
-  registerSource<SkeldaCCPASource, ISkeldaCCPASource>();
-
-  registerProvider<SkeldaAppStateDataProvider>();
-  registerProvider<SkeldaSessionInfoDataProvider>();
-  registerProvider<SkeldaSessionDevicePropertiesDataProvider, Observer>();
-  registerProvider<SkeldaNetworkReachabilityDataProvider>();
+  for (const Source& row : kSources) row.registerClass();
+  for (const Provider& row : kProviders) row.registerClass();
 }
 
 }  // namespace
@@ -89,4 +138,33 @@ void registerAll() {
 void skelda::registerModules() {
   static constinit platform::Once once;
   once([] { registerAll(); });
+}
+
+std::vector<std::vector<std::string>> skelda::sourceChain() {
+  std::vector<std::vector<std::string>> chain;
+  for (const Source& row : kSources) {
+    chain.push_back({std::string(row.className), std::string(row.key)});
+  }
+  return chain;
+}
+
+std::vector<std::vector<std::string>> skelda::providerChain() {
+  std::vector<std::vector<std::string>> chain;
+  for (const Provider& provider : kProviders) {
+    for (const Source& row : kSources) {
+      if (row.provider != provider.className) continue;
+      chain.push_back({std::string(row.provider), std::string(row.key)});
+    }
+  }
+  return chain;
+}
+
+std::vector<std::string> skelda::startOrder() {
+  std::vector<std::string> keys;
+  for (const Source& row : kSources) {
+    if (row.start != Start::neither) {
+      keys.emplace_back(row.start == Start::source ? row.key : row.provider);
+    }
+  }
+  return keys;
 }

@@ -8,7 +8,6 @@
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionInfo.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
@@ -34,32 +33,6 @@ SkeldaStreamBaseManager::SkeldaStreamBaseManager(std::string_view className)
     : SkeldaActor(std::string(className)) {
   skelda::registerModules();
   SkeldaUtil::setLogLevel(kManagerLogLevel);
-}
-
-// -- Files and folders
-
-std::string SkeldaStreamBaseManager::currentFrameLogFilePath() {
-  return SkeldaUtil::filePathDirectory();
-}
-
-std::string SkeldaStreamBaseManager::currentFrameLogFileName() {
-  return fmt::format(".skeldaFrameLog_{}.archive", SkeldaSessionInfo::getAgentVersion());
-}
-
-std::string SkeldaStreamBaseManager::currentFrameLogFilePathWithName() {
-  return fmt::format("{}/{}", currentFrameLogFilePath(), currentFrameLogFileName());
-}
-
-std::string SkeldaStreamBaseManager::commitedFrameLogsFilePath() {
-  return fmt::format("{}/{}", SkeldaUtil::filePathDirectory(), "CommitedFrameLogs");
-}
-
-std::string SkeldaStreamBaseManager::commitedFrameLogFileName() {
-  return fmt::format(".skeldaCommitedFrameLog_{}.archive", SkeldaSessionInfo::getAgentVersion());
-}
-
-std::string SkeldaStreamBaseManager::crashedFrameLogFileName() {
-  return fmt::format(".skeldaCrashedFrameLog_{}.archive", SkeldaSessionInfo::getAgentVersion());
 }
 
 // -- The registry

@@ -10,6 +10,7 @@
 #include "Analytics/Streaming/Core/StreamManager/ISkeldaStreamManager.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModuleKey.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 
 /// Makes what every pipeline needs, keeps the modules by name, and wires and starts them. A
 /// concrete manager chooses sources, providers and core stages and calls the operations below in
@@ -21,20 +22,15 @@
 class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStreamManager {
  public:
   // Where the logs are: the agent's folder for the current one, a folder in it for the committed.
-  static std::string currentFrameLogFilePath();
-  static std::string currentFrameLogFileName();
-  static std::string currentFrameLogFilePathWithName();
-  static std::string commitedFrameLogsFilePath();
-  static std::string commitedFrameLogFileName();
-  static std::string crashedFrameLogFileName();
+  static std::string currentFrameLogFilePath() { return SkeldaAgentFiles::storageFolder(); }
+  static std::string currentFrameLogFileName() { return SkeldaAgentFiles::currentFrameLogName(); }
+  static std::string commitedFrameLogsFilePath() {
+    return SkeldaAgentFiles::commitedFrameLogsFolder();
+  }
+  static std::string commitedFrameLogFileName() { return SkeldaAgentFiles::commitedFrameLogName(); }
 
-  // The registry. Any thread; reads wait for the manager's queue.
-  void setModule(platform::ObjectRef object, const SkeldaModuleKey& key);
-  /// Null for a key that is neither class nor protocol; raises for one that nothing is under.
-  platform::ObjectRef getModule(const SkeldaModuleKey& key);
-  platform::ObjectRef getObjectForSourceModule(std::string_view protocol);
-  platform::ObjectRef getObjectForProviderModule(std::string_view className);
-  /// The module under T's name, as T; null where there is none. Never raises.
+  /// The module under T's name, as T; null where there is none. Never raises. Any thread; waits for
+  /// the manager's queue.
   template <class T>
   std::shared_ptr<T> module() noexcept {
     return std::dynamic_pointer_cast<T>(moduleIfPresent(SkeldaModuleKey::of<T>().text()));
@@ -79,11 +75,26 @@ class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStream
     return transferManager_;
   }
 
+  // -- Fixed by the system, called by nothing here
+
+  static std::string currentFrameLogFilePathWithName() {
+    return SkeldaAgentFiles::currentFrameLog();
+  }
+  static std::string crashedFrameLogFileName() { return SkeldaAgentFiles::crashedFrameLogName(); }
+  // Of the registry: any thread; reads wait for the manager's queue.
+  void setModule(platform::ObjectRef object, const SkeldaModuleKey& key);
+  /// Null for a key that is neither class nor protocol; raises for one that nothing is under.
+  platform::ObjectRef getModule(const SkeldaModuleKey& key);
+  platform::ObjectRef getObjectForSourceModule(std::string_view protocol);
+  platform::ObjectRef getObjectForProviderModule(std::string_view className);
+
  protected:
   explicit SkeldaStreamBaseManager(std::string_view className);
 
   /// The provider under its class name, made on first mention.
   platform::ObjectRef createOrGetProviderModule(const std::string& className);
+  /// While the manager is being made, and nobody else has it, also off the queue: what builds it
+  /// runs on the thread that makes it.
   platform::ObjectRef onqueue_getIntanceForProtocolOrClass(std::string_view key);
 
  private:

@@ -8,12 +8,14 @@
 #include "Analytics/Streaming/Core/SkeldaWatchStreamEventDropRule.h"
 #include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Dispatch/Once.h"
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Platform/Security/CryptographyLifetime.h"
 
@@ -21,50 +23,21 @@ namespace {
 
 using FrameType = SkeldaStreamFrameTypeUtil;
 
-/// A whole number of the information dictionary, held within its range.
-struct Threshold {
-  std::string_view key;
-  std::string_view name;  // as log lines have it
-  std::int32_t least;
-  std::int32_t most;
-  std::int32_t whenAbsent;
-
-  std::int32_t load() const {
-    const auto value = platform::Bundle::main()->objectForInfoDictionaryKey(key);
-    if (value.isNull()) return whenAbsent;
-    const auto given = value.integerValue();
-    if (given < least) {
-      SKELDA_LOG(2, "{} may not be below {}", name, least);
-      return least;
-    }
-    if (given > most) {
-      SKELDA_LOG(2, "{} may not be above {}", name, most);
-      return most;
-    }
-    return static_cast<std::int32_t>(given);
-  }
-};
-
-constexpr Threshold kEventThreshold{"Skelda Watch Event Threshold", "Watch event threshold", 5, 50,
-                                    10};
-constexpr Threshold kDurationThreshold{"Skelda Watch Duration Threshold",
-                                       "Watch duration threshold", 5, 60, 10};
-
 }  // namespace
 
 std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::manager() {
   static constinit platform::Once once;
-  static auto& manager = *new std::shared_ptr<SkeldaWatchStreamManager>();
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaWatchStreamManager>> manager;
   once([] {
     try {
-      manager = managerOfLockedFolder();
+      *manager = managerOfLockedFolder();
     } catch (...) {
       // Counts as done: the calls that come later find nothing and are refused in silence.
       SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged");
       SkeldaUtil::handleException(std::current_exception());
     }
   });
-  return once.isDone() ? manager : nullptr;
+  return once.isDone() ? *manager : nullptr;
 }
 
 bool SkeldaWatchStreamManager::lockStorageFolder() {
@@ -113,9 +86,7 @@ SkeldaWatchStreamManager::SkeldaWatchStreamManager() : SkeldaStreamBaseManager(k
 void SkeldaWatchStreamManager::didInit() {
   loadWatchEventThreshold();
   loadWatchDurationThreshold();
-  mandatoryStickySet_ = {FrameType::kAppInfo,          FrameType::kAppState,
-                         FrameType::kSessionInitInfo,  FrameType::kSessionId,
-                         FrameType::kDeviceProperties, FrameType::kReportedIdentifers};
+  mandatoryStickySet_ = FrameType::frameTypesWithRole(FrameType::kMandatory);
   helperSetupCoreStreamingModules();
   helperSetupDataProcessingModules();
   helperSetupTransferModule();
@@ -124,21 +95,19 @@ void SkeldaWatchStreamManager::didInit() {
 }
 
 void SkeldaWatchStreamManager::loadWatchEventThreshold() {
-  watchSessionEventThreshold_ = kEventThreshold.load();
+  watchSessionEventThreshold_ = SkeldaHostSettings::numberOf(SkeldaHostSettings::kEventThreshold);
 }
 
 void SkeldaWatchStreamManager::loadWatchDurationThreshold() {
-  watchSessionDurationThreshold_ = kDurationThreshold.load();
+  watchSessionDurationThreshold_ =
+      SkeldaHostSettings::numberOf(SkeldaHostSettings::kDurationThreshold);
 }
 
 void SkeldaWatchStreamManager::helperSetupCoreStreamingModules() {
   SkeldaStreamBaseManager::helperSetupCoreStreamingModules();
   const auto stickyHandler =
       SkeldaStreamCoreStickyMessagesHandler::stickyMessagesHandlerWithStickySet(
-          {FrameType::kLocaleInfo, FrameType::kTimeZoneInfo, FrameType::kDeviceProperties,
-           FrameType::kAppInfo, FrameType::kAppState, FrameType::kSessionInitInfo,
-           FrameType::kNetworkStatus, FrameType::kAppOrientation, FrameType::kReportedIdentifers,
-           FrameType::kUserId},
+          FrameType::frameTypesWithRole(FrameType::kSticky),
           /*replayTriggerSet=*/{FrameType::kFlush}, /*arrayFramesSet=*/{});
   const auto sessionRule = SkeldaWatchStreamSessionRule::sessionRuleWithFlushTriggerMap(
       /*triggerMap=*/{}, mandatoryStickySet_, watchSessionEventThreshold_,
@@ -155,58 +124,29 @@ void SkeldaWatchStreamManager::helperSetupCoreStreamingModules() {
 }
 
 void SkeldaWatchStreamManager::helperSetupSourceModules() {
-  chainSourceModules({
-      {"SkeldaEventFrameSource", "ISkeldaEventFrameSource"},
-      {"SkeldaSessionInitInfoSource", "ISkeldaSessionInitInfoSource"},
-      {"SkeldaStreamFlushSource", "ISkeldaStreamFlushSource"},
-      {"SkeldaReportedIdentifiersSource", "ISkeldaReportedIdentifiersSource"},
-      {"SkeldaAppInfoSource", "ISkeldaAppInfoSource"},
-      {"SkeldaAppStateSource", "ISkeldaAppStateSource"},
-      {"SkeldaDevicePropertiesSource", "ISkeldaDevicePropertiesSource"},
-      {"SkeldaUserDemographicsSource", "ISkeldaUserDemographicsSource"},
-      {"SkeldaLocaleInfoSource", "ISkeldaLocaleInfoSource"},
-      {"SkeldaTimeZoneInfoSource", "ISkeldaTimeZoneInfoSource"},
-      {"SkeldaAppOrientationSource", "ISkeldaAppOrientationSource"},
-      {"SkeldaNetworkStatusSource", "ISkeldaNetworkStatusSource"},
-      {"SkeldaSessionDevicePropertiesSource", "ISkeldaSessionDevicePropertiesSource"},
-      {"SkeldaConsentSource", "ISkeldaConsentSource"},
-      {"SkeldaUserPropertiesSource", "ISkeldaUserPropertiesSource"},
-      {"SkeldaCCPASource", "ISkeldaCCPASource"},
-  });
+  chainSourceModules(skelda::sourceChain());
 }
 
 void SkeldaWatchStreamManager::helperSetupDataProviderModules() {
   // Under its class's name, so that the list below finds this one.
   addModule(SkeldaNetworkReachabilityDataProvider::sharedInstance(),
-            "SkeldaNetworkReachabilityDataProvider");
-  chainProviderClassObservers({
-      {"SkeldaAppStateDataProvider", "ISkeldaAppStateSource"},
-      {"SkeldaSessionInfoDataProvider", "ISkeldaSessionInitInfoSource"},
-      {"SkeldaSessionDevicePropertiesDataProvider", "ISkeldaSessionDevicePropertiesSource"},
-      {"SkeldaNetworkReachabilityDataProvider", "ISkeldaNetworkStatusSource"},
-  });
+            std::string(SkeldaNetworkReachabilityDataProvider::kClassName));
+  chainProviderClassObservers(skelda::providerChain());
 }
 
 void SkeldaWatchStreamManager::startup() {
   started_.store(true, std::memory_order_release);
-  asyncBlock([self = selfOf(this)] {
-    // On the writer's queue, so that no frame is written into a folder that may not last.
-    if (const auto writer = std::dynamic_pointer_cast<SkeldaActor>(self->logwriter())) {
-      writer->asyncBlock([] { SkeldaUtil::synchronizeFilePathDirectory(); });
-    }
-    self->logwriter()->writePendingFiles();
-    self->startup({
-        "ISkeldaReportedIdentifiersSource",
-        "ISkeldaAppInfoSource",
-        "SkeldaAppStateDataProvider",
-        "ISkeldaDevicePropertiesSource",
-        "ISkeldaLocaleInfoSource",
-        "ISkeldaTimeZoneInfoSource",
-        "ISkeldaAppOrientationSource",
-        "SkeldaNetworkReachabilityDataProvider",
-        "SkeldaSessionDevicePropertiesDataProvider",
-    });
-  });
+  post<&SkeldaWatchStreamManager::onqueue_startup>();
+}
+
+void SkeldaWatchStreamManager::onqueue_startup() {
+  SKELDA_ON_QUEUE();
+  // On the writer's queue, so that no frame is written into a folder that may not last.
+  if (const auto writer = std::dynamic_pointer_cast<SkeldaActor>(logwriter())) {
+    writer->asyncBlock([] { SkeldaUtil::synchronizeFilePathDirectory(); });
+  }
+  logwriter()->writePendingFiles();
+  startup(skelda::startOrder());
 }
 
 void SkeldaWatchStreamManager::waitUntilStarted() {

@@ -21,9 +21,6 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
   /// Takes the lock of the storage folder for this process, and sweeps what a kill left in it.
   /// False where it cannot be had; the log says why, once.
   static bool lockStorageFolder();
-  /// A module of that manager; null where there is no manager or for a key that is neither class
-  /// nor protocol; raises for one that nothing is under.
-  static platform::ObjectRef getStreamingModule(const SkeldaModuleKey& key);
   /// A manager of one's own over the storage folder of this moment, which is the caller's to lock.
   static std::shared_ptr<SkeldaWatchStreamManager> streamManager();
   std::string_view className() const noexcept override { return kClassName; }
@@ -48,12 +45,19 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
 
   void helperSetupCoreStreamingModules() override;
 
+  // -- Fixed by the system, called by nothing here
+
+  /// A module of that manager; null where there is no manager or for a key that is neither class
+  /// nor protocol; raises for one that nothing is under.
+  static platform::ObjectRef getStreamingModule(const SkeldaModuleKey& key);
+
  protected:
   SkeldaWatchStreamManager();
   void didInit() override;
 
  private:
   static std::shared_ptr<SkeldaWatchStreamManager> managerOfLockedFolder();
+  void onqueue_startup();
   void loadWatchEventThreshold();
   void loadWatchDurationThreshold();
   void helperSetupSourceModules();

@@ -33,7 +33,7 @@ std::span<const SkeldaRecordField> SkeldaSessionInitInfo::recordFields() noexcep
       SkeldaRecordField::of<&Self::agentVersion_>("sk.agent.version").required(),
       SkeldaRecordField::of<&Self::includeBackgroundSessionsInMetrics_>(
           "sk.background.session.metrics"),
-      SkeldaRecordField::computed<&Self::playServiceAvailability>("sk.play.service.availability"),
+      SkeldaRecordField::of<&Self::playServiceAvailability>("sk.play.service.availability"),
   };
   return kFields;
 }
@@ -47,12 +47,4 @@ std::string SkeldaSessionInitInfo::invalidModelText() const {
 platform::Value SkeldaSessionInitInfo::playServiceAvailability() const {
   // The far end expects the key from every platform; on a watch there is nothing to say.
   return -1;
-}
-
-void SkeldaSessionInitInfo::copyFieldsTo(SkeldaSessionInitInfo& copied) const {
-  copied.agentPlatform_ = agentPlatform_;
-  copied.agentVersion_ = agentVersion_;
-  copied.apiKey_ = apiKey_;
-  copied.agentReportType_ = agentReportType_;
-  copied.includeBackgroundSessionsInMetrics_ = includeBackgroundSessionsInMetrics_;
 }

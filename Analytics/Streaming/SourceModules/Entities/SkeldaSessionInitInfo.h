@@ -10,6 +10,7 @@
 class SkeldaSessionInitInfo final : public SkeldaStreamRecordOf<SkeldaSessionInitInfo> {
  public:
   static constexpr std::string_view kClassName = "SkeldaSessionInitInfo";
+  static constexpr bool kIsCopied = true;
 
   SkeldaSessionInitInfo() = default;
   SkeldaSessionInitInfo(std::uint16_t agentPlatform, std::uint16_t agentVersion,
@@ -35,8 +36,6 @@ class SkeldaSessionInitInfo final : public SkeldaStreamRecordOf<SkeldaSessionIni
   }
 
  private:
-  friend class SkeldaStreamRecordOf<SkeldaSessionInitInfo>;
-  void copyFieldsTo(SkeldaSessionInitInfo& copied) const;
   platform::Value playServiceAvailability() const;
 
   std::uint16_t agentPlatform_ = 0;

@@ -5,10 +5,11 @@
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 
-/// The user's consent as the host told it. Has no frame type: it reaches no log.
+/// The user's consent as the host told it.
 class SkeldaStreamConsent final : public SkeldaStreamRecordOf<SkeldaStreamConsent> {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamConsent";
+  static constexpr bool kReachesNoLog = true;
 
   SkeldaStreamConsent() = default;
   SkeldaStreamConsent(bool gdprScope, std::optional<platform::Dictionary> consentStrings);

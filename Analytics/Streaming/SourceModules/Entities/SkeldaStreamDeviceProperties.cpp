@@ -33,8 +33,7 @@ SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel(
 
 std::span<const SkeldaRecordField> SkeldaStreamDeviceProperties::recordFields() noexcept {
   static constexpr std::array kFields{
-      SkeldaRecordField::computed<&SkeldaStreamDeviceProperties::deviceProperties>(kObjectKey)
-          .required(),
+      SkeldaRecordField::of<&SkeldaStreamDeviceProperties::deviceProperties>(kObjectKey).required(),
   };
   return kFields;
 }

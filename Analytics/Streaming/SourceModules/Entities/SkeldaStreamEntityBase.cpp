@@ -5,15 +5,14 @@
 #include <algorithm>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameFormat.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
 
-SkeldaStreamEntityBase::SkeldaStreamEntityBase(std::string_view className)
+SkeldaStreamEntityBase::SkeldaStreamEntityBase(std::int32_t frameType)
     : frameVersion_(skelda::frameformat::kEntityVersion),
-      frameType_(SkeldaStreamFrameTypeUtil::frameTypeForClassName(className)),
+      frameType_(frameType),
       epochTimeStamp_(SkeldaDateUtil::timeIntervalSince1970InMilliseconds(platform::Date::now())),
       relativeTimeStamp_(SkeldaUtil::uptimeInMilliseconds()) {}
 
@@ -64,11 +63,4 @@ std::optional<std::string> SkeldaStreamEntityBase::jsonRepresentationForDebug() 
 std::string SkeldaStreamEntityBase::description() const {
   return fmt::format("<{}: {}, type = {}, json = {}>", className(), static_cast<const void*>(this),
                      frameType_, jsonRepresentationForDebug().value_or("(null)"));
-}
-
-void SkeldaStreamEntityBase::copyStamps(const SkeldaStreamEntityBase& source) noexcept {
-  frameVersion_ = source.frameVersion_;
-  frameType_ = source.frameType_;
-  epochTimeStamp_ = source.epochTimeStamp_;
-  relativeTimeStamp_ = source.relativeTimeStamp_;
 }

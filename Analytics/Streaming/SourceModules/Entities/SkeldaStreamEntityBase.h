@@ -16,6 +16,8 @@
 /// been handed on can be read from any queue.
 class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaStreamEntity {
  public:
+  static constexpr std::int32_t kNoFrameType = 0;
+
   std::string_view className() const noexcept override = 0;
   std::int8_t frameVersion() const noexcept override { return frameVersion_; }
   std::int32_t frameType() const noexcept override { return frameType_; }
@@ -43,17 +45,15 @@ class SkeldaStreamEntityBase : public platform::Object, public virtual ISkeldaSt
   std::string description() const override;
 
  protected:
-  /// Stamps both times, version 1, and the frame type of the class of that name.
-  explicit SkeldaStreamEntityBase(std::string_view className);
+  /// Stamps both times, version 1, and the frame type: kNoFrameType for what never becomes a frame.
+  explicit SkeldaStreamEntityBase(std::int32_t frameType);
+  /// A copy keeps the stamps of its source. No host's call stands behind what is copied.
   SkeldaStreamEntityBase(const SkeldaStreamEntityBase&) = default;
   SkeldaStreamEntityBase& operator=(const SkeldaStreamEntityBase&) = default;
 
   /// Writes the record as one JSON object; false, with nothing written, where it is not valid. By
   /// default goes through dictionaryRepresentation().
   virtual bool writeJSON(platform::JSONWriter& writer) const;
-  /// Takes over version, type and both times: a copy keeps the times of its source, and is not what
-  /// the host's call is settled by.
-  void copyStamps(const SkeldaStreamEntityBase& source) noexcept;
 
  private:
   std::int8_t frameVersion_;

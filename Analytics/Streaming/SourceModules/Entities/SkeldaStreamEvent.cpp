@@ -8,6 +8,7 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
@@ -144,13 +145,13 @@ std::shared_ptr<SkeldaStreamEvent> SkeldaStreamEvent::counterpartEndTimedEventWi
 }
 
 void SkeldaStreamEvent::populateEndEventFields(const SkeldaStreamEvent& start) {
-  static const std::string& uuidKey = *new std::string(encoded("uuid"));
+  static platform::NeverDestroyed<std::string> uuidKey(encoded("uuid"));
   eventId_ = start.eventId_;
   duration_ = millisecondsBetween(timestamp_, start.timestamp_);
 
   platform::Dictionary merged = parameters_;
   for (const auto& [key, value] : start.parameters_) {
-    if (key != uuidKey && !merged.contains(key)) merged.append(key, value);
+    if (key != *uuidKey && !merged.contains(key)) merged.append(key, value);
   }
   // A purchase is not counted by its parameters.
   if (merged.size() <= kMaximumParameterCount || transaction_ != nullptr) {
@@ -159,9 +160,10 @@ void SkeldaStreamEvent::populateEndEventFields(const SkeldaStreamEvent& start) {
 }
 
 bool SkeldaStreamEvent::isPushNotificationEvent() const {
-  static const auto& names =
-      *new std::array{encoded(kPushReceived), encoded(kPushOpened), encoded(kPushCanceled)};
-  return eventName_ && std::ranges::find(names, *eventName_) != names.end();
+  constexpr std::array kNames{kPushReceived, kPushOpened, kPushCanceled};
+  return eventName_ && std::ranges::any_of(kNames, [this](std::string_view name) {
+           return *eventName_ == encoded(name);
+         });
 }
 
 bool SkeldaStreamEvent::isPushReceived() const {

@@ -35,6 +35,26 @@ class SkeldaStreamEvent final : public SkeldaStreamRecordOf<SkeldaStreamEvent> {
   bool isValidModel() const override;
   void takeOrigin(const SkeldaIntakeOrigin& origin) noexcept override;
 
+  /// Number of the event in this process, from 1; an end event that was completed from its start
+  /// has that of its start.
+  std::uint32_t eventId() const noexcept { return eventId_; }
+  const Text& eventName() const noexcept { return eventName_; }
+  const Text& eventType() const noexcept { return eventType_; }
+  bool timed() const noexcept { return timed_; }
+  bool starting() const noexcept { return starting_; }
+  const platform::Dictionary& parameters() const noexcept { return parameters_; }
+  const platform::Dictionary& skeldaParameters() const noexcept { return skeldaParameters_; }
+  const Transaction& transaction() const noexcept { return transaction_; }
+  const std::optional<platform::Date>& timestamp() const noexcept { return timestamp_; }
+  /// Milliseconds; 0 but on an end event that was completed from its start.
+  std::int64_t duration() const noexcept { return duration_; }
+  /// Milliseconds since boot at the timestamp.
+  std::int64_t uptime() const noexcept { return uptime_; }
+
+  std::size_t payloadLengthHint() const noexcept override;
+
+  // -- Fixed by the system, called by nothing here
+
   /// The end of this timed event; null, after a log line, for an event that is not timed.
   std::shared_ptr<SkeldaStreamEvent> counterpartEndTimedEventWithTimestamp(
       std::optional<platform::Date> timestamp) const;
@@ -48,21 +68,6 @@ class SkeldaStreamEvent final : public SkeldaStreamRecordOf<SkeldaStreamEvent> {
   bool isPushReceived() const;
   bool isPushOpened() const;
 
-  /// Number of the event in this process, from 1; an end event has that of its start.
-  std::uint32_t eventId() const noexcept { return eventId_; }
-  const Text& eventName() const noexcept { return eventName_; }
-  const Text& eventType() const noexcept { return eventType_; }
-  bool timed() const noexcept { return timed_; }
-  bool starting() const noexcept { return starting_; }
-  const platform::Dictionary& parameters() const noexcept { return parameters_; }
-  const platform::Dictionary& skeldaParameters() const noexcept { return skeldaParameters_; }
-  const Transaction& transaction() const noexcept { return transaction_; }
-  const std::optional<platform::Date>& timestamp() const noexcept { return timestamp_; }
-  /// Milliseconds; 0 but on a completed end event.
-  std::int64_t duration() const noexcept { return duration_; }
-  /// Milliseconds since boot at the timestamp.
-  std::int64_t uptime() const noexcept { return uptime_; }
-
   void setEventId(std::uint32_t eventId) noexcept { eventId_ = eventId; }
   void setEventName(Text encodedName) { eventName_ = std::move(encodedName); }
   void setEventType(Text type) { eventType_ = std::move(type); }
@@ -74,8 +79,6 @@ class SkeldaStreamEvent final : public SkeldaStreamRecordOf<SkeldaStreamEvent> {
   void setTimestamp(std::optional<platform::Date> timestamp) { timestamp_ = timestamp; }
   void setDuration(std::int64_t milliseconds) noexcept { duration_ = milliseconds; }
   void setUptime(std::int64_t milliseconds) noexcept { uptime_ = milliseconds; }
-
-  std::size_t payloadLengthHint() const noexcept override;
 
  protected:
   bool didRead(const platform::Dictionary& dictionary) override;

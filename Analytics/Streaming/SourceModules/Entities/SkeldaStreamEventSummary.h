@@ -4,11 +4,11 @@
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 
-/// How many events a session saw, and whether all of them were let through. Has no frame type: it
-/// reaches no log.
+/// How many events a session saw, and whether all of them were let through.
 class SkeldaStreamEventSummary final : public SkeldaStreamRecordOf<SkeldaStreamEventSummary> {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamEventSummary";
+  static constexpr bool kReachesNoLog = true;
 
   SkeldaStreamEventSummary() = default;
   SkeldaStreamEventSummary(std::uint32_t eventCount, bool setComplete);

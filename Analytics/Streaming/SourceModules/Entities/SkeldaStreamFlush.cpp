@@ -11,7 +11,7 @@ std::shared_ptr<SkeldaStreamFlush> SkeldaStreamFlush::streamFlushWithStatus(std:
 std::span<const SkeldaRecordField> SkeldaStreamFlush::recordFields() noexcept {
   static constexpr std::array kFields{
       SkeldaRecordField::of<&SkeldaStreamFlush::status_>("sk.flush.frame.code").required(),
-      SkeldaRecordField::computed<&SkeldaStreamFlush::reason>("sk.flush.frame.reason"),
+      SkeldaRecordField::of<&SkeldaStreamFlush::reason>("sk.flush.frame.reason"),
   };
   return kFields;
 }

@@ -1,6 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 
 #include <algorithm>
+#include <concepts>
 #include <utility>
 
 #include "Analytics/Utils/SkeldaDateUtil.h"
@@ -10,50 +11,108 @@
 
 namespace {
 
-using Kind = SkeldaRecordField::Kind;
+using platform::Dictionary;
 using platform::Value;
+using Text = std::optional<std::string>;
+using OptionalDate = std::optional<platform::Date>;
 
 template <class T>
-const T& as(const void* member) {
-  return *static_cast<const T*>(member);
+bool isNil(const T&) {
+  return false;
 }
-
-/// Whether the member is of a kind that can be nil, and is.
-bool isNil(Kind kind, const void* member) {
-  switch (kind) {
-    case Kind::text:
-      return !as<std::optional<std::string>>(member);
-    case Kind::date:
-      return !as<std::optional<platform::Date>>(member);
-    case Kind::nilableDictionary:
-      return !as<std::optional<platform::Dictionary>>(member);
-    case Kind::nilableArray:
-      return !as<std::optional<platform::Array>>(member);
-    default:
-      return false;
-  }
+template <class T>
+bool isNil(const std::optional<T>& member) {
+  return !member;
 }
 
 template <class T>
-bool setInteger(void* member, const Value& value) {
-  if (!value.isNumber() && value.text() == nullptr) return false;
-  *static_cast<T*>(member) = std::is_signed_v<T> ? static_cast<T>(value.integerValue())
-                                                 : static_cast<T>(value.unsignedValue());
-  return true;
+Value valueFrom(const T& member) {
+  return member;
 }
+template <class T>
+Value valueFrom(const std::optional<T>& member) {
+  return member ? Value(*member) : Value();
+}
+Value valueFrom(const OptionalDate& member) {
+  return member ? SkeldaDateUtil::timestampForSerialization(*member) : Value();
+}
+
+// A value that the member cannot hold leaves it as it was, and is answered with false.
 
 template <class Member, class Content>
-bool setContent(void* member, const Content* content) {
+bool takeContent(Member& member, const Content* content) {
   if (content == nullptr) return false;
-  *static_cast<Member*>(member) = *content;
+  member = *content;
   return true;
 }
+template <std::integral T>
+bool take(T& member, const Value& value) {
+  if (!value.isNumber() && value.text() == nullptr) return false;
+  member = std::is_signed_v<T> ? static_cast<T>(value.integerValue())
+                               : static_cast<T>(value.unsignedValue());
+  return true;
+}
+bool take(bool& member, const Value& value) {
+  if (!value.isNumber()) return false;
+  member = value.boolValue();
+  return true;
+}
+bool take(OptionalDate& member, const Value& value) {
+  if (!value.isNumber()) return false;
+  member = SkeldaDateUtil::dateWithInt64Number(value);
+  return true;
+}
+bool take(Text& member, const Value& value) {
+  return takeContent(member, value.text());
+}
+bool take(Dictionary& member, const Value& value) {
+  return takeContent(member, value.dictionary());
+}
+bool take(std::optional<Dictionary>& member, const Value& value) {
+  return takeContent(member, value.dictionary());
+}
+bool take(std::optional<platform::Array>& member, const Value& value) {
+  return takeContent(member, value.array());
+}
+
+void write(std::string_view key, const Value& value, platform::JSONWriter& writer) {
+  if (value.isNull()) return;
+  writer.key(key);
+  writer.value(value);
+}
+template <class T>
+void writeMember(std::string_view key, const T& member, platform::JSONWriter& writer) {
+  write(key, valueFrom(member), writer);
+}
+// What every event writes goes straight to the text; the rest may take the way over a value.
+void writeMember(std::string_view key, const Text& member, platform::JSONWriter& writer) {
+  if (!member) return;
+  writer.key(key);
+  writer.text(*member);
+}
+void writeMember(std::string_view key, const Dictionary& member, platform::JSONWriter& writer) {
+  writer.key(key);
+  writer.beginObject();
+  for (const auto& [name, value] : member) {
+    writer.key(name);
+    writer.value(value);
+  }
+  writer.endObject();
+}
+
+template <class T>
+constexpr bool kIsMember = std::is_member_object_pointer_v<T>;
 
 }  // namespace
 
 bool SkeldaStreamRecord::isValidModel() const {
   return std::ranges::none_of(fields(), [this](const SkeldaRecordField& field) {
-    return field.isRequired && field.member != nullptr && isNil(field.kind, field.member(*this));
+    return field.isRequired && std::visit(
+                                   [this]<class T>(T place) {
+                                     if constexpr (kIsMember<T>) return isNil(this->*place);
+                                     return false;
+                                   },
+                                   field.place);
   });
 }
 
@@ -86,103 +145,37 @@ bool SkeldaStreamRecord::writeJSON(platform::JSONWriter& writer) const {
 
 void SkeldaStreamRecord::writeField(const SkeldaRecordField& field,
                                     platform::JSONWriter& writer) const {
-  // What every event writes goes straight to the text; the rest may take the way over a value.
-  const void* member = field.member != nullptr ? field.member(*this) : nullptr;
-  switch (field.kind) {
-    case Kind::text:
-      if (isNil(field.kind, member)) return;
-      writer.key(field.key);
-      return writer.text(*as<std::optional<std::string>>(member));
-    case Kind::dictionary: {
-      writer.key(field.key);
-      writer.beginObject();
-      for (const auto& [key, value] : as<platform::Dictionary>(member)) {
-        writer.key(key);
-        writer.value(value);
-      }
-      return writer.endObject();
-    }
-    default: {
-      const Value value = valueOf(field);
-      if (value.isNull()) return;
-      writer.key(field.key);
-      return writer.value(value);
-    }
-  }
+  std::visit(
+      [&]<class T>(T place) {
+        if constexpr (kIsMember<T>) {
+          writeMember(field.key, this->*place, writer);
+        } else {
+          write(field.key, place(*this), writer);
+        }
+      },
+      field.place);
 }
 
 Value SkeldaStreamRecord::valueOf(const SkeldaRecordField& field) const {
-  if (field.kind == Kind::computed) return field.compute(*this);
-  const void* member = field.member(*this);
-  if (isNil(field.kind, member)) return {};
-  switch (field.kind) {
-    case Kind::boolean:
-      return as<bool>(member);
-    case Kind::uint8:
-      return as<std::uint8_t>(member);
-    case Kind::uint16:
-      return as<std::uint16_t>(member);
-    case Kind::uint32:
-      return as<std::uint32_t>(member);
-    case Kind::int32:
-      return as<std::int32_t>(member);
-    case Kind::int64:
-      return as<std::int64_t>(member);
-    case Kind::uint64:
-      return as<std::uint64_t>(member);
-    case Kind::text:
-      return *as<std::optional<std::string>>(member);
-    case Kind::date:
-      return SkeldaDateUtil::timestampForSerialization(*as<std::optional<platform::Date>>(member));
-    case Kind::dictionary:
-      return as<platform::Dictionary>(member);
-    case Kind::nilableDictionary:
-      return *as<std::optional<platform::Dictionary>>(member);
-    case Kind::nilableArray:
-      return *as<std::optional<platform::Array>>(member);
-    case Kind::computed:
-      break;
-  }
-  return {};
+  return std::visit(
+      [this]<class T>(T place) -> Value {
+        if constexpr (kIsMember<T>)
+          return valueFrom(this->*place);
+        else
+          return place(*this);
+      },
+      field.place);
 }
 
 bool SkeldaStreamRecord::setMember(const SkeldaRecordField& field, const Value& value) {
-  // The record is this very object, and not const.
-  void* member = const_cast<void*>(field.member(*this));
-  switch (field.kind) {
-    case Kind::boolean:
-      if (!value.isNumber()) return false;
-      *static_cast<bool*>(member) = value.boolValue();
-      return true;
-    case Kind::uint8:
-      return setInteger<std::uint8_t>(member, value);
-    case Kind::uint16:
-      return setInteger<std::uint16_t>(member, value);
-    case Kind::uint32:
-      return setInteger<std::uint32_t>(member, value);
-    case Kind::int32:
-      return setInteger<std::int32_t>(member, value);
-    case Kind::int64:
-      return setInteger<std::int64_t>(member, value);
-    case Kind::uint64:
-      return setInteger<std::uint64_t>(member, value);
-    case Kind::text:
-      return setContent<std::optional<std::string>>(member, value.text());
-    case Kind::date:
-      if (!value.isNumber()) return false;
-      *static_cast<std::optional<platform::Date>*>(member) =
-          SkeldaDateUtil::dateWithInt64Number(value);
-      return true;
-    case Kind::dictionary:
-      return setContent<platform::Dictionary>(member, value.dictionary());
-    case Kind::nilableDictionary:
-      return setContent<std::optional<platform::Dictionary>>(member, value.dictionary());
-    case Kind::nilableArray:
-      return setContent<std::optional<platform::Array>>(member, value.array());
-    case Kind::computed:
-      break;
-  }
-  return false;
+  return std::visit(
+      [&]<class T>(T place) {
+        if constexpr (kIsMember<T>)
+          return take(this->*place, value);
+        else
+          return false;
+      },
+      field.place);
 }
 
 bool SkeldaStreamRecord::holdsRequired(std::span<const SkeldaRecordField> fields,
@@ -211,7 +204,7 @@ bool SkeldaStreamRecord::readJSON(const platform::Data& json) {
   }
   if (isComplete) {
     for (const SkeldaRecordField& field : fields()) {
-      const Value* value = field.member != nullptr ? dictionary->find(field.key) : nullptr;
+      const Value* value = field.isComputed() ? nullptr : dictionary->find(field.key);
       if (value != nullptr && !setMember(field, *value) && field.isRequired) isComplete = false;
     }
   }

@@ -47,6 +47,20 @@ class SkeldaStreamRecord : public SkeldaStreamEntityBase {
   void writeField(const SkeldaRecordField& field, platform::JSONWriter& writer) const;
 };
 
+namespace skelda {
+
+/// The frame type of a record class. One that is not in the table of frame types does not compile,
+/// but for a class that says kReachesNoLog.
+template <class Record>
+inline constexpr std::int32_t kFrameTypeOf = [] {
+  constexpr auto type = SkeldaStreamFrameTypeUtil::frameTypeForClassName(Record::kClassName);
+  static_assert((type == 0) == requires { Record::kReachesNoLog; },
+                "a record is in the table of frame types, or says that it reaches no log");
+  return type;
+}();
+
+}  // namespace skelda
+
 /// What differs from class to class in name only. `Self` has kClassName, a default constructor, and
 /// recordFields(), the list.
 template <class Self>
@@ -66,16 +80,13 @@ class SkeldaStreamRecordOf : public SkeldaStreamRecord {
     return holdsRequired(Self::recordFields(), dictionary);
   }
 
-  /// A new object of the class with the stamps of this one. Only a class with a copyFieldsTo() of
-  /// its own hands on its fields.
-  std::shared_ptr<Self> copy() const {
-    auto copied = std::make_shared<Self>();
-    copied->copyStamps(*this);
-    static_cast<const Self*>(this)->copyFieldsTo(*copied);
-    return copied;
+  /// A new object with the stamps and all members of this one. Only for a class that says that it
+  /// is copied (kIsCopied): nobody else is sent twice.
+  template <class Copied = Self>
+  std::shared_ptr<Copied> copy() const requires(Copied::kIsCopied) {
+    return std::make_shared<Copied>(static_cast<const Copied&>(*this));
   }
 
  protected:
-  SkeldaStreamRecordOf() : SkeldaStreamRecord(Self::kClassName) {}
-  void copyFieldsTo(Self&) const {}
+  SkeldaStreamRecordOf() : SkeldaStreamRecord(skelda::kFrameTypeOf<Self>) {}
 };

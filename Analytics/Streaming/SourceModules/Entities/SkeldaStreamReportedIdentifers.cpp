@@ -25,7 +25,7 @@ SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(Set reportedIDs,
 std::span<const SkeldaRecordField> SkeldaStreamReportedIdentifers::recordFields() noexcept {
   using Self = SkeldaStreamReportedIdentifers;
   static constexpr std::array kFields{
-      SkeldaRecordField::computed<&Self::reportedIDObject>(kObjectKey).required(),
+      SkeldaRecordField::of<&Self::reportedIDObject>(kObjectKey).required(),
       SkeldaRecordField::of<&Self::adTrackingEnabled_>("sk.ad.tracking"),
   };
   return kFields;

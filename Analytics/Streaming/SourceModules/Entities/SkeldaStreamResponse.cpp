@@ -5,7 +5,7 @@
 #include <utility>
 
 SkeldaStreamResponse::SkeldaStreamResponse(std::int32_t type, platform::ErrorRef error)
-    : SkeldaStreamEntityBase(kClassName), responseType_(type), error_(std::move(error)) {}
+    : SkeldaStreamEntityBase(kNoFrameType), responseType_(type), error_(std::move(error)) {}
 
 std::shared_ptr<SkeldaStreamResponse> SkeldaStreamResponse::responseWithType(
     std::int32_t type, platform::ErrorRef error) {

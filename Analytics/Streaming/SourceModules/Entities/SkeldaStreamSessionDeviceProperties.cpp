@@ -85,7 +85,7 @@ SkeldaStreamSessionDeviceProperties::sessionDeviceProperties() {
 
 std::span<const SkeldaRecordField> SkeldaStreamSessionDeviceProperties::recordFields() noexcept {
   static constexpr std::array kFields{
-      SkeldaRecordField::computed<&SkeldaStreamSessionDeviceProperties::sessionProperty>(kObjectKey)
+      SkeldaRecordField::of<&SkeldaStreamSessionDeviceProperties::sessionProperty>(kObjectKey)
           .required(),
   };
   return kFields;

@@ -10,7 +10,7 @@
 class SkeldaSessionDevicePropertiesData;
 
 /// The resource figures of a session: totals, a snapshot of its start, and one of its end when it
-/// has ended. Valid with a start snapshot. Filled by its setters before it is handed on.
+/// has ended. Valid with a start snapshot.
 class SkeldaStreamSessionDeviceProperties final
     : public SkeldaStreamRecordOf<SkeldaStreamSessionDeviceProperties> {
  public:
@@ -40,6 +40,8 @@ class SkeldaStreamSessionDeviceProperties final
   const std::optional<std::string>& carrierMCC() const noexcept { return carrierMCC_; }
   const Snapshot& startProperties() const noexcept { return startProperties_; }
   const Snapshot& endProperties() const noexcept { return endProperties_; }
+
+  // -- Fixed by the system, called by nothing here
 
   void setTotalDiskSize(std::uint64_t bytes) noexcept { totalDiskSize_ = bytes; }
   void setAvailableDiskSize(std::uint64_t bytes) noexcept { availableDiskSize_ = bytes; }

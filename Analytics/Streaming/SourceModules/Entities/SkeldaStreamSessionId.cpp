@@ -65,10 +65,3 @@ std::shared_ptr<SkeldaStreamSessionId> SkeldaStreamSessionId::fromArchive(
   sessionId->elapsedEndTime_ = end->integerValue();
   return sessionId;
 }
-
-void SkeldaStreamSessionId::copyFieldsTo(SkeldaStreamSessionId& copied) const {
-  copied.startupTime_ = startupTime_;
-  copied.appState_ = appState_;
-  copied.elapsedStartTime_ = elapsedStartTime_;
-  copied.elapsedEndTime_ = elapsedEndTime_;
-}

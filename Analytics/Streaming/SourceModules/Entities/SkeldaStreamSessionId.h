@@ -10,6 +10,7 @@
 class SkeldaStreamSessionId final : public SkeldaStreamRecordOf<SkeldaStreamSessionId> {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamSessionId";
+  static constexpr bool kIsCopied = true;
 
   SkeldaStreamSessionId() = default;
   /// `elapsedStartTime` is milliseconds since boot.
@@ -30,18 +31,18 @@ class SkeldaStreamSessionId final : public SkeldaStreamRecordOf<SkeldaStreamSess
   std::int64_t elapsedStartTime() const noexcept { return elapsedStartTime_; }
   /// 0 while the session is open.
   std::int64_t elapsedEndTime() const noexcept { return elapsedEndTime_; }
+  void setElapsedEndTime(std::int64_t milliseconds) noexcept { elapsedEndTime_ = milliseconds; }
+
+  // -- Fixed by the system, called by nothing here
+
   void setStartupTime(std::optional<platform::Date> date) { startupTime_ = date; }
   void setAppState(std::int32_t state) noexcept { appState_ = state; }
   void setElapsedStartTime(std::int64_t milliseconds) noexcept { elapsedStartTime_ = milliseconds; }
-  void setElapsedEndTime(std::int64_t milliseconds) noexcept { elapsedEndTime_ = milliseconds; }
 
  protected:
   bool didRead(const platform::Dictionary& dictionary) override;
 
  private:
-  friend class SkeldaStreamRecordOf<SkeldaStreamSessionId>;
-  void copyFieldsTo(SkeldaStreamSessionId& copied) const;
-
   std::optional<platform::Date> startupTime_;
   std::int32_t appState_ = 0;
   std::int64_t elapsedStartTime_ = 0;

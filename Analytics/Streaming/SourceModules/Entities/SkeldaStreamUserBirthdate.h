@@ -5,10 +5,11 @@
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 
-/// The user's birth date. Valid when set. Has no frame type: it reaches no log.
+/// The user's birth date. Valid when set.
 class SkeldaStreamUserBirthdate final : public SkeldaStreamRecordOf<SkeldaStreamUserBirthdate> {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamUserBirthdate";
+  static constexpr bool kReachesNoLog = true;
 
   SkeldaStreamUserBirthdate() = default;
   explicit SkeldaStreamUserBirthdate(std::optional<platform::Date> date);

@@ -4,11 +4,11 @@
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
 
-/// The user's gender: 1 male, 0 female, -1 unknown; valid within these. Has no frame type: it
-/// reaches no log.
+/// The user's gender: 1 male, 0 female, -1 unknown; valid within these.
 class SkeldaStreamUserGender final : public SkeldaStreamRecordOf<SkeldaStreamUserGender> {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamUserGender";
+  static constexpr bool kReachesNoLog = true;
 
   SkeldaStreamUserGender() = default;
   explicit SkeldaStreamUserGender(std::int32_t gender);

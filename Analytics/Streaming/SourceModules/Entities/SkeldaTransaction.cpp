@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
@@ -84,9 +85,10 @@ std::shared_ptr<SkeldaTransaction> SkeldaTransaction::transactionUsingUserDictio
 }
 
 const platform::Array& SkeldaTransaction::transactionResultArrayInstance() {
-  static const auto& names =
-      *new platform::Array{"Purchasing", "Success", "Failure", "Restored", "Deferred"};
-  return names;
+  static platform::NeverDestroyed<platform::Array> names([] {
+    return platform::Array{"Purchasing", "Success", "Failure", "Restored", "Deferred"};
+  });
+  return *names;
 }
 
 platform::Dictionary SkeldaTransaction::dictionaryRepresentation() const {

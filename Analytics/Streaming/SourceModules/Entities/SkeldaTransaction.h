@@ -26,8 +26,6 @@ class SkeldaTransaction : public platform::Object {
   /// host says.
   static std::shared_ptr<SkeldaTransaction> transactionUsingUserDictionary(
       const platform::Dictionary& dictionary);
-  /// The names of the transaction states, by their numbers.
-  static const platform::Array& transactionResultArrayInstance();
 
   std::string_view className() const noexcept override { return kClassName; }
 
@@ -55,6 +53,10 @@ class SkeldaTransaction : public platform::Object {
   const Text& storeId() const noexcept { return storeId_; }
   const Text& countryCode() const noexcept { return countryCode_; }
 
+  // -- Fixed by the system, called by nothing here
+
+  /// The names of the transaction states, by their numbers.
+  static const platform::Array& transactionResultArrayInstance();
   void setTransactionId(Text text) { transactionId_ = std::move(text); }
   void setOriginalTransactionId(Text text) { originalTransactionId_ = std::move(text); }
   void setProductId(Text text) { productId_ = std::move(text); }

@@ -1,32 +1,51 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 
+#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Platform.h"
+
+namespace {
+
 // Each container is made on first use and never destroyed: events may come at any time of a
 // process's life.
+template <class Container, class RowContent>
+Container containerOf(RowContent content) {
+  Container container;
+  for (const auto& row : SkeldaStreamFrameTypeUtil::kTable) container.insert(content(row));
+  return container;
+}
 
-const std::map<std::int32_t, std::string_view>& SkeldaStreamFrameTypeUtil::frameTypeToModelClass() {
-  static const auto& classes = *[] {
-    auto* map = new std::map<std::int32_t, std::string_view>();
-    for (const Row& row : kTable) map->emplace(row.frameType, row.className);
-    return map;
-  }();
-  return classes;
+using Row = SkeldaStreamFrameTypeUtil::Row;
+
+}  // namespace
+
+std::set<std::int32_t> SkeldaStreamFrameTypeUtil::frameTypesWithRole(Role role) {
+  std::set<std::int32_t> types;
+  for (const Row& row : kTable) {
+    if ((row.roles & role) != 0) types.insert(row.frameType);
+  }
+  return types;
 }
 
 const std::set<std::int32_t>& SkeldaStreamFrameTypeUtil::allFrameTypes() {
-  static const auto& types = *[] {
-    auto* set = new std::set<std::int32_t>();
-    for (const Row& row : kTable) set->insert(row.frameType);
-    return set;
-  }();
-  return types;
+  using Set = std::set<std::int32_t>;
+  static platform::NeverDestroyed<Set> types(
+      [] { return containerOf<Set>([](const Row& row) { return row.frameType; }); });
+  return *types;
+}
+
+const std::map<std::int32_t, std::string_view>& SkeldaStreamFrameTypeUtil::frameTypeToModelClass() {
+  using Map = std::map<std::int32_t, std::string_view>;
+  static platform::NeverDestroyed<Map> classes([] {
+    return containerOf<Map>([](const Row& row) { return std::pair(row.frameType, row.className); });
+  });
+  return *classes;
 }
 
 const std::map<std::string, std::int32_t, std::less<>>&
 SkeldaStreamFrameTypeUtil::classToFrameType() {
-  static const auto& types = *[] {
-    auto* map = new std::map<std::string, std::int32_t, std::less<>>();
-    for (const Row& row : kTable) map->emplace(row.className, row.frameType);
-    return map;
-  }();
-  return types;
+  using Map = std::map<std::string, std::int32_t, std::less<>>;
+  static platform::NeverDestroyed<Map> types([] {
+    return containerOf<Map>([](const Row& row) { return std::pair(row.className, row.frameType); });
+  });
+  return *types;
 }

@@ -7,7 +7,9 @@
 #include <string>
 #include <string_view>
 
-/// The one table that ties each numeric frame type to its entity class. Read-only, any thread.
+/// The one table of the frame types: the entity class of each, and what the pipeline makes of its
+/// messages. A row takes a heading in the frame catalogue and a place on the privacy page.
+/// Read-only, any thread.
 class SkeldaStreamFrameTypeUtil {
  public:
   enum FrameType : std::int32_t {
@@ -31,28 +33,35 @@ class SkeldaStreamFrameTypeUtil {
     kCCPADelete = 175,
   };
 
+  enum Role : std::uint8_t {
+    kNoRole = 0,
+    kSticky = 1,     ///< the last one is repeated at the head of every later log
+    kMandatory = 2,  ///< no watch session is flushed before there was one
+  };
   struct Row {
     std::int32_t frameType;
     std::string_view className;
+    std::uint8_t roles = kNoRole;
   };
   /// Control frames are below 128; every record has bit 7 set.
   static constexpr std::array<Row, 18> kTable{{
       {kFlush, "SkeldaStreamFlush"},
       {kCounter, "SkeldaStreamCounter"},
-      {kSessionId, "SkeldaStreamSessionId"},
-      {kAppState, "SkeldaStreamAppState"},
-      {kAppInfo, "SkeldaStreamAppInfo"},
+      // Not sticky: the session rule itself sends a copy after the flushes that leave it open.
+      {kSessionId, "SkeldaStreamSessionId", kMandatory},
+      {kAppState, "SkeldaStreamAppState", kSticky | kMandatory},
+      {kAppInfo, "SkeldaStreamAppInfo", kSticky | kMandatory},
       {kEvent, "SkeldaStreamEvent"},
-      {kDeviceProperties, "SkeldaStreamDeviceProperties"},
+      {kDeviceProperties, "SkeldaStreamDeviceProperties", kSticky | kMandatory},
       // Spelled without the second i: the name is part of the format.
-      {kReportedIdentifers, "SkeldaStreamReportedIdentifers"},
-      {kSessionInitInfo, "SkeldaSessionInitInfo"},
-      {kUserId, "SkeldaStreamUserId"},
-      {kLocaleInfo, "SkeldaStreamLocaleInfo"},
-      {kNetworkStatus, "SkeldaStreamNetworkStatus"},
+      {kReportedIdentifers, "SkeldaStreamReportedIdentifers", kSticky | kMandatory},
+      {kSessionInitInfo, "SkeldaSessionInitInfo", kSticky | kMandatory},
+      {kUserId, "SkeldaStreamUserId", kSticky},
+      {kLocaleInfo, "SkeldaStreamLocaleInfo", kSticky},
+      {kNetworkStatus, "SkeldaStreamNetworkStatus", kSticky},
       {kSessionDeviceProperties, "SkeldaStreamSessionDeviceProperties"},
-      {kAppOrientation, "SkeldaStreamAppOrientation"},
-      {kTimeZoneInfo, "SkeldaStreamTimeZoneInfo"},
+      {kAppOrientation, "SkeldaStreamAppOrientation", kSticky},
+      {kTimeZoneInfo, "SkeldaStreamTimeZoneInfo", kSticky},
       {kUserProperties, "SkeldaStreamUserProperties"},
       {kCCPAOptOut, "SkeldaStreamCCPAOptOut"},
       {kCCPADelete, "SkeldaStreamCCPADelete"},
@@ -73,8 +82,13 @@ class SkeldaStreamFrameTypeUtil {
     return 0;
   }
 
-  // The table as containers, each built once, on first use.
-  static const std::map<std::int32_t, std::string_view>& frameTypeToModelClass();
+  /// The types whose messages have that role.
+  static std::set<std::int32_t> frameTypesWithRole(Role role);
+  /// Every type of the table.
   static const std::set<std::int32_t>& allFrameTypes();
+
+  // -- Fixed by the system, called by nothing here
+
+  static const std::map<std::int32_t, std::string_view>& frameTypeToModelClass();
   static const std::map<std::string, std::int32_t, std::less<>>& classToFrameType();
 };

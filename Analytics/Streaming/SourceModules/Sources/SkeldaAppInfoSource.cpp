@@ -8,12 +8,11 @@
 #include "Platform/Foundation/Bundle.h"
 
 void SkeldaAppInfoSource::setAppVersion(platform::Value version) {
-  asyncBlock([self = selfOf(this), version = std::move(version)]() mutable {
-    self->onqueue_setAppVersion(std::move(version));
-  });
+  post<&SkeldaAppInfoSource::onqueue_setAppVersion>(std::move(version));
 }
 
 void SkeldaAppInfoSource::onqueue_setAppVersion(platform::Value version) {
+  SKELDA_ON_QUEUE();
   if (!skelda::isWellFormedText(version)) {
     SKELDA_LOG(1, "{}: app version is not UTF-8 text",
                "-[SkeldaAppInfoSource onqueue_setAppVersion:]");
@@ -24,6 +23,7 @@ void SkeldaAppInfoSource::onqueue_setAppVersion(platform::Value version) {
 }
 
 void SkeldaAppInfoSource::onqueue_startup() {
+  SKELDA_ON_QUEUE();
   const auto bundle = platform::Bundle::main();
   onqueue_streamMessage(SkeldaStreamAppInfo::appInfoWithVersion(
       skelda::textOf(bundle->objectForInfoDictionaryKey("CFBundleShortVersionString")),

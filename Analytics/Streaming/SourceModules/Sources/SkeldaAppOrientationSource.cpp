@@ -3,7 +3,6 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
 
 void SkeldaAppOrientationSource::onqueue_startup() {
-  initialOrientation_ = currentOrientation_ = kPortrait;
-  onqueue_streamMessage(
-      SkeldaStreamAppOrientation::appOrientationWithOrientation(currentOrientation_));
+  SKELDA_ON_QUEUE();
+  onqueue_streamMessage(SkeldaStreamAppOrientation::appOrientationWithOrientation(kPortrait));
 }

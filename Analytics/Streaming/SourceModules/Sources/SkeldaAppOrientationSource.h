@@ -21,7 +21,4 @@ class SkeldaAppOrientationSource
   friend SkeldaSource;
   SkeldaAppOrientationSource() = default;
   void onqueue_startup() override;
-
-  std::int32_t initialOrientation_ = 0;
-  std::int32_t currentOrientation_ = 0;
 };

@@ -3,14 +3,16 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Platform/Foundation/NeverDestroyed.h"
 
 const std::shared_ptr<SkeldaConsentCore>& SkeldaConsentCore::sharedInstance() {
-  static const auto& instance = *new auto(std::make_shared<SkeldaConsentCore>());
-  return instance;
+  static platform::NeverDestroyed<std::shared_ptr<SkeldaConsentCore>> instance(
+      std::make_shared<SkeldaConsentCore>());
+  return *instance;
 }
 
 bool SkeldaConsentCore::updateUserConsent(const SkeldaConsent& consent) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   consent_ = consent;
   consentInfoProvided_ = true;
   std::erase_if(observers_, [](const auto& entry) { return entry.observer.expired(); });
@@ -19,19 +21,19 @@ bool SkeldaConsentCore::updateUserConsent(const SkeldaConsent& consent) {
 }
 
 SkeldaConsent SkeldaConsentCore::getConsent() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return consent_;
 }
 
 std::int32_t SkeldaConsentCore::consentProvided() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (!consentInfoProvided_) return kNotProvided;
   return consent_.isGDPRScope() ? kInGDPRScope : kNotInGDPRScope;
 }
 
 void SkeldaConsentCore::registerObserver(std::weak_ptr<ISkeldaConsentObserver> observer,
                                          platform::QueueRef callbackQueue) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   SkeldaConsentObserverData entry{std::move(observer), std::move(callbackQueue)};
   if (consentInfoProvided_) updateObserver(entry);
   observers_.push_back(std::move(entry));

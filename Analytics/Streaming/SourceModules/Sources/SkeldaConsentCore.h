@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaConsentObserver.h"
 #include "Platform/Dispatch/Queue.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
 #include "Skelda_Watch/SkeldaConsent.h"
 
@@ -40,8 +40,8 @@ class SkeldaConsentCore {
   SkeldaConsentCore() = default;
 
  private:
-  mutable std::mutex mutex_;
-  bool consentInfoProvided_ = false;
-  SkeldaConsent consent_;
-  std::vector<SkeldaConsentObserverData> observers_;
+  mutable platform::Mutex mutex_;
+  bool consentInfoProvided_ GUARDED_BY(mutex_) = false;
+  SkeldaConsent consent_ GUARDED_BY(mutex_);
+  std::vector<SkeldaConsentObserverData> observers_ GUARDED_BY(mutex_);
 };

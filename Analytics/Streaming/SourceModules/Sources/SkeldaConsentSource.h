@@ -25,5 +25,6 @@ class SkeldaConsentSource : public SkeldaSource<SkeldaConsentSource, ISkeldaCons
   friend SkeldaSource;
   SkeldaConsentSource() = default;
   void onqueue_startup() override;
+  void onqueue_consentUpdated();
   void onqueue_setConsent(const SkeldaConsent& consent);
 };

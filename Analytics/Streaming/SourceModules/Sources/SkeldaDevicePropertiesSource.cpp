@@ -20,6 +20,7 @@ std::uint32_t wholePoints(double size) {
 }  // namespace
 
 void SkeldaDevicePropertiesSource::onqueue_startup() {
+  SKELDA_ON_QUEUE();
   const auto screen = SkeldaUtil::deviceScreenBounds();
   onqueue_streamMessage(SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel(
       SkeldaUtil::devicePlatform(), platform::WKInterfaceDevice::currentDevice()->systemVersion(),

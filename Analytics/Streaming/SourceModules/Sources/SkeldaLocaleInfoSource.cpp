@@ -5,6 +5,7 @@
 #include "Platform/Foundation/Locale.h"
 
 void SkeldaLocaleInfoSource::onqueue_fetchAndSendLocale() {
+  SKELDA_ON_QUEUE();
   const auto locale = platform::Locale::current();
   SKELDA_LOG(2, "{}: Got New Locale language [{}] country [{}]",
              "-[SkeldaLocaleInfoSource onqueue_fetchAndSendLocale]",

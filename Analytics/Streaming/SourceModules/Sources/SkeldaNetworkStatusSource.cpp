@@ -4,6 +4,6 @@
 
 void SkeldaNetworkStatusSource::onqueue_reportFactsOf(
     SkeldaNetworkReachabilityDataProvider& provider) {
-  networkStatus_ = provider.networkStatus();
-  onqueue_streamMessage(SkeldaStreamNetworkStatus::networkStatusWithFlag(networkStatus_));
+  SKELDA_ON_QUEUE();
+  onqueue_streamMessage(SkeldaStreamNetworkStatus::networkStatusWithFlag(provider.networkStatus()));
 }

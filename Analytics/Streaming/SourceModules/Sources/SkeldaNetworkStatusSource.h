@@ -1,9 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <string>
-
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
@@ -23,6 +19,4 @@ class SkeldaNetworkStatusSource
   friend SkeldaSource;
   SkeldaNetworkStatusSource() = default;
   void onqueue_reportFactsOf(SkeldaNetworkReachabilityDataProvider& provider) override;
-
-  std::int32_t networkStatus_ = 0;
 };

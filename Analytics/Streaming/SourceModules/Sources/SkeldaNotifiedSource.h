@@ -21,6 +21,7 @@ class SkeldaNotifiedSource : public SkeldaSource<Self, Protocol> {
   virtual void onqueue_fetchAndSend() = 0;
 
   void onqueue_startup() override {
+    SKELDA_ON_QUEUE();
     onqueue_observe();
     onqueue_fetchAndSend();
   }
@@ -28,14 +29,14 @@ class SkeldaNotifiedSource : public SkeldaSource<Self, Protocol> {
  private:
   // Before the first message, so that no change is missed in between.
   void onqueue_observe() {
+    SKELDA_ON_QUEUE();
     if (observation_ != 0) return;
     std::weak_ptr<SkeldaNotifiedSource> weakSelf = SkeldaActor::selfOf(this);
     observation_ = platform::NotificationCenter::defaultCenter().addObserver(
         notification_, [weakSelf](const platform::Notification&) {
-          auto self = weakSelf.lock();
-          if (!self) return;
-          auto* actor = self.get();
-          actor->asyncBlock([self = std::move(self)] { self->onqueue_fetchAndSend(); });
+          if (const auto self = weakSelf.lock()) {
+            self->template post<&SkeldaNotifiedSource::onqueue_fetchAndSend>();
+          }
         });
     platform::EnvironmentMonitor::startShared();
   }

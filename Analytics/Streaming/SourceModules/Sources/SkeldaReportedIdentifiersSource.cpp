@@ -16,7 +16,7 @@ constexpr int kLastRepeatedAttempt = 2;
 }  // namespace
 
 bool SkeldaReportedIdentifiersSource::didReceiveUserInfo(const platform::Dictionary& userInfo) {
-  asyncBlock([self = selfOf(this), userInfo] { self->onqueue_receiveUserInfo(userInfo); });
+  post<&SkeldaReportedIdentifiersSource::onqueue_receiveUserInfo>(userInfo);
   return userInfo.contains(kIOSVendorIDKey) || userInfo.contains(kIOSInstallationIDKey);
 }
 
@@ -58,8 +58,9 @@ SkeldaReportedIdentifiersSource::installationIdentifier(const std::string& hexad
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_startup() {
+  SKELDA_ON_QUEUE();
   if (onqueue_loadWatchIDsFromDisk() && !watchIDsDictWatchOS_->empty()) {
-    onqueue_collectIdentifiers(*watchIDsDictWatchOS_, /*keep=*/false);
+    onqueue_collectIdentifiers(*watchIDsDictWatchOS_);
     onqueue_sendReportedIDs();
     return;
   }
@@ -70,6 +71,7 @@ void SkeldaReportedIdentifiersSource::onqueue_startup() {
 }
 
 bool SkeldaReportedIdentifiersSource::onqueue_loadWatchIDsFromDisk() {
+  SKELDA_ON_QUEUE();
   if (watchIDsDictWatchOS_) return true;
   const auto vendorId = watchVendorIDForSessionReport();
   const auto installationId = watchInstallationIDForSessionReport();
@@ -82,11 +84,13 @@ bool SkeldaReportedIdentifiersSource::onqueue_loadWatchIDsFromDisk() {
   return true;
 }
 
-/// Fills reportedIDsSet_ from the identifiers in `userInfo`, and stores them where `keep` says so.
-/// What makes no identifier is neither stored nor reported.
-void SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers(
-    const platform::Dictionary& userInfo, bool keep) {
+/// Fills reportedIDsSet_ from the identifiers in `userInfo` and answers what is to be kept of them,
+/// by keychain item. What makes no identifier is neither kept nor reported.
+platform::Dictionary SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers(
+    const platform::Dictionary& userInfo) {
+  SKELDA_ON_QUEUE();
   reportedIDsSet_.clear();
+  platform::Dictionary items;
   for (const auto& [key, value] : userInfo) {
     const bool isVendorId = key == kIOSVendorIDKey;
     if (!isVendorId && key != kIOSInstallationIDKey) continue;
@@ -101,16 +105,19 @@ void SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers(
                  key);
       continue;
     }
-    // Kept or not, it is reported now; the phone sends it again where it was not kept.
-    if (keep)
-      keychain()->setString(*text, isVendorId ? kWatchVendorIDItem : kWatchInstallationIDItem);
+    items.set(std::string(isVendorId ? kWatchVendorIDItem : kWatchInstallationIDItem), *text);
     reportedIDsSet_.insert(*std::move(identifier));
   }
+  return items;
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_receiveUserInfo(
     const platform::Dictionary& userInfo) {
-  onqueue_collectIdentifiers(userInfo, /*keep=*/true);
+  SKELDA_ON_QUEUE();
+  // Kept or not, they are reported now; the phone sends them again where they were not kept.
+  for (const auto& [item, text] : onqueue_collectIdentifiers(userInfo)) {
+    keychain()->setString(*text.text(), item);
+  }
   if (reportedIDsSet_.empty()) return;
   onqueue_sendReportedIDs();
   const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
@@ -119,15 +126,17 @@ void SkeldaReportedIdentifiersSource::onqueue_receiveUserInfo(
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_sendReportedIDs() {
+  SKELDA_ON_QUEUE();
   onqueue_streamMessage(SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(
       reportedIDsSet_, SkeldaUtil::isAdTrackingEnabled()));
 }
 
 void SkeldaReportedIdentifiersSource::queryAndSendIDs() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_queryAndSendIDs(); });
+  post<&SkeldaReportedIdentifiersSource::onqueue_queryAndSendIDs>();
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_queryAndSendIDs() {
+  SKELDA_ON_QUEUE();
   reportedIDsSet_.clear();
   if (auto skeldaId = SkeldaUtil::getSkeldaId()) {
     reportedIDsSet_.emplace(Identifier::kAdvertisingId, std::move(skeldaId));
@@ -149,6 +158,7 @@ void SkeldaReportedIdentifiersSource::onqueue_queryAndSendIDs() {
 
 std::shared_ptr<platform::Timer> SkeldaReportedIdentifiersSource::onqueue_polling(
     void (SkeldaReportedIdentifiersSource::*tick)(platform::Timer&)) {
+  SKELDA_ON_QUEUE();
   std::weak_ptr weakSelf = selfOf(this);
   return platform::Timer::scheduled(kPollInterval, /*repeats=*/true, queue(),
                                     [weakSelf, tick](platform::Timer& timer) {
@@ -160,11 +170,13 @@ std::shared_ptr<platform::Timer> SkeldaReportedIdentifiersSource::onqueue_pollin
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_queryIDFAWithTimer(platform::Timer& timer) {
+  SKELDA_ON_QUEUE();
   onqueue_answerTick(timer, Identifier::kAdvertisingId, SkeldaUtil::getSkeldaId(),
                      skeldaIdAttempts_);
 }
 
 void SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer(platform::Timer& timer) {
+  SKELDA_ON_QUEUE();
   onqueue_answerTick(timer, Identifier::kVendorId, SkeldaUtil::getIdentifierForVendor(),
                      vendorIdAttempts_);
 }
@@ -172,6 +184,7 @@ void SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer(platform::Timer
 void SkeldaReportedIdentifiersSource::onqueue_answerTick(platform::Timer& timer, std::uint32_t type,
                                                          std::optional<std::string> value,
                                                          std::atomic<int>& attempts) {
+  SKELDA_ON_QUEUE();
   const bool known = value.has_value();
   if (known) {
     onqueue_streamMessage(SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(

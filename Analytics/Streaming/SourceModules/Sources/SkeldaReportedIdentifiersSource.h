@@ -39,14 +39,16 @@ class SkeldaReportedIdentifiersSource
   /// This device's own installation identifier, made on first use; empty while the keychain cannot
   /// be read.
   static std::string installationIDForSessionReport();
-  static std::optional<platform::Data> installationIDAsBytes();
   /// The phone's identifiers, where they have come.
   static std::optional<std::string> watchInstallationIDForSessionReport();
   static std::optional<std::string> watchVendorIDForSessionReport();
-  std::string skeldaGuid() { return installationIDForSessionReport(); }
 
+  // -- Fixed by the system, called by nothing here
+
+  static std::optional<platform::Data> installationIDAsBytes();
+  std::string skeldaGuid() { return installationIDForSessionReport(); }
   /// Reports this device's own identifiers; what is not known yet is asked for again, three times
-  /// at most, every ten seconds. Nothing in the agent asks for it. Any thread, returns at once.
+  /// at most, every ten seconds. Any thread, returns at once.
   void queryAndSendIDs();
 
  private:
@@ -60,7 +62,7 @@ class SkeldaReportedIdentifiersSource
 
   void onqueue_startup() override;
   bool onqueue_loadWatchIDsFromDisk();
-  void onqueue_collectIdentifiers(const platform::Dictionary& userInfo, bool keep);
+  platform::Dictionary onqueue_collectIdentifiers(const platform::Dictionary& userInfo);
   void onqueue_receiveUserInfo(const platform::Dictionary& userInfo);
   void onqueue_sendReportedIDs();
   void onqueue_queryAndSendIDs();

@@ -5,8 +5,13 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 
 void SkeldaSessionDevicePropertiesSource::setSessionDevicePropertiesData(DataRef data) {
-  asyncBlock(
-      [self = selfOf(this), data = std::move(data)] { self->sessionDevicePropertiesData_ = data; });
+  post<&SkeldaSessionDevicePropertiesSource::onqueue_setSessionDevicePropertiesData>(
+      std::move(data));
+}
+
+void SkeldaSessionDevicePropertiesSource::onqueue_setSessionDevicePropertiesData(DataRef data) {
+  SKELDA_ON_QUEUE();
+  sessionDevicePropertiesData_ = std::move(data);
 }
 
 SkeldaSessionDevicePropertiesSource::DataRef
@@ -18,6 +23,7 @@ SkeldaSessionDevicePropertiesSource::sessionDevicePropertiesData() {
 
 void SkeldaSessionDevicePropertiesSource::onqueue_reportFactsOf(
     SkeldaSessionDevicePropertiesDataProvider& provider) {
+  SKELDA_ON_QUEUE();
   const auto data = provider.devicePropertiesData();
   if (!data) return;
   if (!sessionDevicePropertiesData_ || data->isStartFlag()) {

@@ -17,6 +17,7 @@ class SkeldaSessionDevicePropertiesSource
  private:
   friend SkeldaSource;
   SkeldaSessionDevicePropertiesSource() = default;
+  void onqueue_setSessionDevicePropertiesData(DataRef data);
   void onqueue_reportFactsOf(SkeldaSessionDevicePropertiesDataProvider& provider) override;
 
   DataRef sessionDevicePropertiesData_;

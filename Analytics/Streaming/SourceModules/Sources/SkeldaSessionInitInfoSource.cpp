@@ -30,6 +30,7 @@ std::string SkeldaSessionInitInfoSource::getSkeldaAgentVersionWithBuild() {
 }
 
 void SkeldaSessionInitInfoSource::onqueue_reportFactsOf(SkeldaSessionInfoDataProvider& provider) {
+  SKELDA_ON_QUEUE();
   // Once per process: later changes of the facts are not reported.
   if (sessionInitInfo_) return;
   const auto facts = provider.sessionInfoData();
@@ -41,6 +42,7 @@ void SkeldaSessionInitInfoSource::onqueue_reportFactsOf(SkeldaSessionInfoDataPro
 }
 
 void SkeldaSessionInitInfoSource::onqueue_streamSessionInfo() {
+  SKELDA_ON_QUEUE();
   SKELDA_LOG(2, "{}: session init info: {}",
              "-[SkeldaSessionInitInfoSource onqueue_streamSessionInfo]",
              sessionInitInfo_->description());

@@ -15,13 +15,15 @@
 template <class Self, class Protocol>
 class SkeldaSource : public SkeldaActorStreamComponentBase, public virtual Protocol {
  public:
+  static constexpr std::string_view kKey = Protocol::kProtocolName;
+  /// The class of the data provider that it observes; empty for none.
+  static constexpr std::string_view kProvider;
+
   /// A new source each time; the manager's registry keeps the one in use.
   static std::shared_ptr<Self> getSourceInstance() { return SkeldaActor::made(new Self()); }
   std::string_view className() const noexcept override { return Self::kClassName; }
 
-  void startup() override {
-    this->asyncBlock([self = SkeldaActor::selfOf(this)] { self->onqueue_startup(); });
-  }
+  void startup() override { this->template post<&SkeldaSource::onqueue_startup>(); }
 
  protected:
   SkeldaSource() : SkeldaActorStreamComponentBase(std::string(Self::kClassName)) {}
@@ -35,14 +37,16 @@ template <class Self, class Protocol, class Provider>
 class SkeldaProviderFedSource : public SkeldaSource<Self, Protocol>,
                                 public virtual ISkeldaDataProviderObserver {
  public:
+  static constexpr std::string_view kProvider = Provider::kClassName;
+
   void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider> provider) override {
-    this->asyncBlock([self = SkeldaActor::selfOf(this), provider = std::move(provider)] {
-      self->onqueue_dataProviderDidUpdate(provider);
-    });
+    this->template post<&SkeldaProviderFedSource::onqueue_dataProviderDidUpdate>(
+        std::move(provider));
   }
 
  protected:
   void onqueue_dataProviderDidUpdate(const std::shared_ptr<SkeldaDataProvider>& provider) {
+    SKELDA_ON_QUEUE();
     if (auto expected = std::dynamic_pointer_cast<Provider>(provider))
       onqueue_reportFactsOf(*expected);
   }

@@ -3,9 +3,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 
 void SkeldaStreamFlushSource::flushWithStatus(std::int32_t status) {
-  asyncBlock([self = selfOf(this), status] { self->onqueue_flushWithStatus(status); });
+  post<&SkeldaStreamFlushSource::onqueue_flushWithStatus>(status);
 }
 
 void SkeldaStreamFlushSource::onqueue_flushWithStatus(std::int32_t status) {
+  SKELDA_ON_QUEUE();
   onqueue_streamMessage(SkeldaStreamFlush::streamFlushWithStatus(status));
 }

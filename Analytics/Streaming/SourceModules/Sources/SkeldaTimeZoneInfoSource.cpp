@@ -5,6 +5,7 @@
 #include "Platform/Foundation/TimeZone.h"
 
 void SkeldaTimeZoneInfoSource::onqueue_fetchAndSendTimeZone() {
+  SKELDA_ON_QUEUE();
   const auto zone = platform::TimeZone::local();
   // The blank at the end is part of the line.
   SKELDA_LOG(2, "{}: Got New TimeZone Info [{}] ",

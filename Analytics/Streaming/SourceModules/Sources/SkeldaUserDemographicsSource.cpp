@@ -49,8 +49,7 @@ std::optional<std::string> SkeldaUserDemographicsSource::getUserId() {
 }
 
 void SkeldaUserDemographicsSource::setGenderAsString(std::string gender) {
-  asyncBlock(
-      [self = selfOf(this), gender = std::move(gender)] { self->onqueue_setGender(gender); });
+  post<&SkeldaUserDemographicsSource::onqueue_setGender>(std::move(gender));
 }
 
 std::int32_t SkeldaUserDemographicsSource::genderAsInt() {
@@ -60,7 +59,7 @@ std::int32_t SkeldaUserDemographicsSource::genderAsInt() {
 }
 
 void SkeldaUserDemographicsSource::setAgeInYears(std::int32_t age) {
-  asyncBlock([self = selfOf(this), age] { self->onqueue_setAgeInYears(age); });
+  post<&SkeldaUserDemographicsSource::onqueue_setAgeInYears>(age);
 }
 
 std::int32_t SkeldaUserDemographicsSource::age() {
@@ -72,7 +71,7 @@ std::int32_t SkeldaUserDemographicsSource::age() {
 }
 
 void SkeldaUserDemographicsSource::setBirthdate(std::optional<platform::Date> birthdate) {
-  asyncBlock([self = selfOf(this), birthdate] { self->onqueue_setBirthdate(birthdate); });
+  post<&SkeldaUserDemographicsSource::onqueue_setBirthdate>(birthdate);
 }
 
 void SkeldaUserDemographicsSource::onqueue_setUserId(platform::Value userId,
@@ -96,17 +95,20 @@ void SkeldaUserDemographicsSource::onqueue_setUserId(platform::Value userId,
 }
 
 void SkeldaUserDemographicsSource::onqueue_setGender(const std::string& gender) {
+  SKELDA_ON_QUEUE();
   gender_ = gender == "m" ? 1 : gender == "f" ? 0 : -1;
   onqueue_streamMessage(SkeldaStreamUserGender::userGenderWithGender(gender_));
 }
 
 void SkeldaUserDemographicsSource::onqueue_setAgeInYears(std::int32_t age) {
+  SKELDA_ON_QUEUE();
   if (age <= 0 || age >= 151) return;
   birthdate_ = startOfYear(localCalendar(platform::Date::now()).tm_year - age);
   onqueue_streamMessage(SkeldaStreamUserBirthdate::userBirthdateWithDate(birthdate_));
 }
 
 void SkeldaUserDemographicsSource::onqueue_setBirthdate(std::optional<platform::Date> birthdate) {
+  SKELDA_ON_QUEUE();
   birthdate_ = birthdate;
   onqueue_streamMessage(SkeldaStreamUserBirthdate::userBirthdateWithDate(birthdate_));
 }
