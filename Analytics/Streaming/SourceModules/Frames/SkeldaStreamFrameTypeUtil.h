@@ -41,17 +41,17 @@ class SkeldaStreamFrameTypeUtil {
   struct Row {
     std::int32_t frameType;
     std::string_view className;
-    std::uint8_t roles = kNoRole;
+    std::uint8_t roles;
   };
   /// Control frames are below 128; every record has bit 7 set.
   static constexpr std::array<Row, 18> kTable{{
-      {kFlush, "SkeldaStreamFlush"},
-      {kCounter, "SkeldaStreamCounter"},
+      {kFlush, "SkeldaStreamFlush", kNoRole},
+      {kCounter, "SkeldaStreamCounter", kNoRole},
       // Not sticky: the session rule itself sends a copy after the flushes that leave it open.
       {kSessionId, "SkeldaStreamSessionId", kMandatory},
       {kAppState, "SkeldaStreamAppState", kSticky | kMandatory},
       {kAppInfo, "SkeldaStreamAppInfo", kSticky | kMandatory},
-      {kEvent, "SkeldaStreamEvent"},
+      {kEvent, "SkeldaStreamEvent", kNoRole},
       {kDeviceProperties, "SkeldaStreamDeviceProperties", kSticky | kMandatory},
       // Spelled without the second i: the name is part of the format.
       {kReportedIdentifers, "SkeldaStreamReportedIdentifers", kSticky | kMandatory},
@@ -59,12 +59,12 @@ class SkeldaStreamFrameTypeUtil {
       {kUserId, "SkeldaStreamUserId", kSticky},
       {kLocaleInfo, "SkeldaStreamLocaleInfo", kSticky},
       {kNetworkStatus, "SkeldaStreamNetworkStatus", kSticky},
-      {kSessionDeviceProperties, "SkeldaStreamSessionDeviceProperties"},
+      {kSessionDeviceProperties, "SkeldaStreamSessionDeviceProperties", kNoRole},
       {kAppOrientation, "SkeldaStreamAppOrientation", kSticky},
       {kTimeZoneInfo, "SkeldaStreamTimeZoneInfo", kSticky},
-      {kUserProperties, "SkeldaStreamUserProperties"},
-      {kCCPAOptOut, "SkeldaStreamCCPAOptOut"},
-      {kCCPADelete, "SkeldaStreamCCPADelete"},
+      {kUserProperties, "SkeldaStreamUserProperties", kNoRole},
+      {kCCPAOptOut, "SkeldaStreamCCPAOptOut", kNoRole},
+      {kCCPADelete, "SkeldaStreamCCPADelete", kNoRole},
   }};
 
   /// The class of a type; empty for a type that the table does not hold.

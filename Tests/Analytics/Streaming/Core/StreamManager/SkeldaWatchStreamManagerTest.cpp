@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
@@ -10,6 +12,7 @@
 namespace skelda::testing {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
 std::shared_ptr<SkeldaWatchStreamManager> managerWith(platform::Dictionary information) {
@@ -52,27 +55,55 @@ TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   }
 }
 
-TEST(SkeldaWatchStreamManager, HasEverySourceAndProviderUnderItsKey) {
+TEST(SkeldaWatchStreamManager, ChainsAndStartsTheModulesOfTheTablesInTheirOrder) {
   const AgentHome home;
   const auto manager = managerWith({});
   EXPECT_THAT(manager->mandatoryStickySet(), UnorderedElementsAre(128, 132, 133, 139, 140, 141));
-  for (const char* protocol :
-       {"ISkeldaEventFrameSource", "ISkeldaSessionInitInfoSource", "ISkeldaStreamFlushSource",
-        "ISkeldaReportedIdentifiersSource", "ISkeldaAppInfoSource", "ISkeldaAppStateSource",
-        "ISkeldaDevicePropertiesSource", "ISkeldaUserDemographicsSource", "ISkeldaLocaleInfoSource",
-        "ISkeldaTimeZoneInfoSource", "ISkeldaAppOrientationSource", "ISkeldaNetworkStatusSource",
-        "ISkeldaSessionDevicePropertiesSource", "ISkeldaConsentSource",
-        "ISkeldaUserPropertiesSource", "ISkeldaCCPASource"}) {
-    const auto source = manager->getObjectForSourceModule(protocol);
-    EXPECT_EQ("I" + std::string(source->className()), protocol);
-    EXPECT_TRUE(source->conformsToProtocol("ISkeldaFrameSource")) << protocol;
+  EXPECT_THAT(SkeldaStreamFrameTypeUtil::frameTypesWithRole(SkeldaStreamFrameTypeUtil::kSticky),
+              UnorderedElementsAre(132, 133, 139, 140, 141, 146, 148, 149, 156, 162));
+  const std::vector<std::string> sources = {"SkeldaEventFrameSource",
+                                            "SkeldaSessionInitInfoSource",
+                                            "SkeldaStreamFlushSource",
+                                            "SkeldaReportedIdentifiersSource",
+                                            "SkeldaAppInfoSource",
+                                            "SkeldaAppStateSource",
+                                            "SkeldaDevicePropertiesSource",
+                                            "SkeldaUserDemographicsSource",
+                                            "SkeldaLocaleInfoSource",
+                                            "SkeldaTimeZoneInfoSource",
+                                            "SkeldaAppOrientationSource",
+                                            "SkeldaNetworkStatusSource",
+                                            "SkeldaSessionDevicePropertiesSource",
+                                            "SkeldaConsentSource",
+                                            "SkeldaUserPropertiesSource",
+                                            "SkeldaCCPASource"};
+  std::vector<std::vector<std::string>> chain;
+  for (const std::string& source : sources) {
+    chain.push_back({source, "I" + source});
+    const auto module = manager->getObjectForSourceModule("I" + source);
+    EXPECT_EQ(module->className(), source);
+    EXPECT_TRUE(module->conformsToProtocol("ISkeldaFrameSource")) << source;
+  }
+  EXPECT_EQ(skelda::sourceChain(), chain);
+  EXPECT_THAT(
+      skelda::providerChain(),
+      ElementsAre(
+          ElementsAre("SkeldaAppStateDataProvider", "ISkeldaAppStateSource"),
+          ElementsAre("SkeldaSessionInfoDataProvider", "ISkeldaSessionInitInfoSource"),
+          ElementsAre("SkeldaSessionDevicePropertiesDataProvider",
+                      "ISkeldaSessionDevicePropertiesSource"),
+          ElementsAre("SkeldaNetworkReachabilityDataProvider", "ISkeldaNetworkStatusSource")));
+  for (const auto& entry : skelda::providerChain()) {
+    EXPECT_EQ(manager->getObjectForProviderModule(entry[0])->className(), entry[0]);
   }
   EXPECT_EQ(manager->getObjectForProviderModule("SkeldaNetworkReachabilityDataProvider"),
             SkeldaNetworkReachabilityDataProvider::sharedInstance());
-  for (const char* provider : {"SkeldaAppStateDataProvider", "SkeldaSessionInfoDataProvider",
-                               "SkeldaSessionDevicePropertiesDataProvider"}) {
-    EXPECT_EQ(manager->getObjectForProviderModule(provider)->className(), provider);
-  }
+  EXPECT_THAT(skelda::startOrder(),
+              ElementsAre("ISkeldaReportedIdentifiersSource", "ISkeldaAppInfoSource",
+                          "SkeldaAppStateDataProvider", "ISkeldaDevicePropertiesSource",
+                          "ISkeldaLocaleInfoSource", "ISkeldaTimeZoneInfoSource",
+                          "ISkeldaAppOrientationSource", "SkeldaNetworkReachabilityDataProvider",
+                          "SkeldaSessionDevicePropertiesDataProvider"));
 }
 
 }  // namespace

@@ -3,12 +3,15 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
@@ -131,6 +134,33 @@ TEST(FrameCatalogue, HasOneEntryForEveryEntityWithTheKeysThatItCanWrite) {
     EXPECT_EQ(record->dictionaryRepresentation(), *example->dictionary()) << name;
   }
   for (const auto& [name, entry] : entries) ADD_FAILURE() << "no such entity: " << name;
+}
+
+TEST(FrameCatalogueAndPrivacyPage, TellOfEveryRecordClassThatTheTreeHolds) {
+  // What is not among the samples is held against neither page, so none may be missing there.
+  std::set<std::string> sampled;
+  for (const EntitySample& sample : entitySamples()) {
+    sampled.emplace(sample.entity->className());
+  }
+  const std::string privacy = document("privacy.md");
+  for (const auto& row : SkeldaStreamFrameTypeUtil::kTable) {
+    EXPECT_TRUE(sampled.contains(std::string(row.className))) << row.className;
+    EXPECT_TRUE(privacy.find(fmt::format("| {} ", row.frameType)) != std::string::npos ||
+                privacy.find(fmt::format("a frame of type {}", row.frameType)) != std::string::npos)
+        << "no place on the privacy page: " << row.frameType;
+  }
+  const auto entities = std::filesystem::path(SKELDA_DOCS_FOLDER).parent_path() /
+                        "Analytics/Streaming/SourceModules/Entities";
+  const std::regex record("public SkeldaStreamRecordOf<(\\w+)>");
+  std::size_t found = 0;
+  for (const auto& file : std::filesystem::directory_iterator(entities)) {
+    std::smatch match;
+    const std::string text = readFile(file.path());
+    if (!std::regex_search(text, match, record)) continue;
+    EXPECT_TRUE(sampled.contains(match[1])) << match[1];
+    ++found;
+  }
+  EXPECT_EQ(found, sampled.size());
 }
 
 TEST(PrivacyPage, NamesEveryKeyThatARecordCanWriteAndNoOther) {
