@@ -30,7 +30,18 @@ std::int64_t SkeldaDateUtil::timeIntervalSince1970InMilliseconds(
 
 std::int64_t SkeldaDateUtil::timeIntervalSinceDateInMilliseconds(
     const platform::Date& date, const platform::Date& earlier) noexcept {
-  return (date - earlier).count() / kMicrosecondsPerMillisecond;
+  // Whole milliseconds and the rest apart: the microseconds between two dates may be too many.
+  const std::int64_t later = date.microsecondsSince1970().count();
+  const std::int64_t sooner = earlier.microsecondsSince1970().count();
+  const std::int64_t whole =
+      later / kMicrosecondsPerMillisecond - sooner / kMicrosecondsPerMillisecond;
+  const std::int64_t rest =
+      later % kMicrosecondsPerMillisecond - sooner % kMicrosecondsPerMillisecond;
+  const std::int64_t milliseconds = whole + rest / kMicrosecondsPerMillisecond;
+  const std::int64_t left = rest % kMicrosecondsPerMillisecond;
+  if (milliseconds > 0 && left < 0) return milliseconds - 1;
+  if (milliseconds < 0 && left > 0) return milliseconds + 1;
+  return milliseconds;
 }
 
 platform::Value SkeldaDateUtil::timestampForSerialization(const platform::Date& date) {

@@ -209,7 +209,19 @@ TEST(SkeldaDateUtilTest, IntervalsAreTruncatedToMillisecondsAndHeldInTheirRange)
   }
   const auto date = [](std::int64_t us) { return Date(Date::Microseconds(us)); };
   EXPECT_EQ(SkeldaDateUtil::timeIntervalSince1970InMilliseconds(date(-1999)), -1);
-  EXPECT_EQ(SkeldaDateUtil::timeIntervalSinceDateInMilliseconds(date(5999), date(1000)), 4);
+  const std::tuple<std::int64_t, std::int64_t, std::int64_t> differences[] = {
+      {5999, 1000, 4},
+      {1000, 5999, -4},
+      {2000, 1001, 0},
+      {-1001, 998, -1},
+      {3001, -1999, 5},
+      {2000, -2, 2},
+      {INT64_MAX, INT64_MIN, 18446744073709551},
+      {INT64_MIN, INT64_MAX, -18446744073709551}};
+  for (const auto& [later, earlier, milliseconds] : differences) {
+    EXPECT_EQ(SkeldaDateUtil::timeIntervalSinceDateInMilliseconds(date(later), date(earlier)),
+              milliseconds);
+  }
   EXPECT_EQ(SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(INT64_MAX),
             date(INT64_MAX / 1000 * 1000));
 }
