@@ -1,5 +1,7 @@
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 
+#include <vector>
+
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Platform/Security/Keychain.h"
@@ -77,6 +79,18 @@ bool SkeldaKeychainWrapper::setString(const std::optional<std::string>& text,
 bool SkeldaKeychainWrapper::setThisDeviceString(const std::optional<std::string>& text,
                                                 std::string_view key) noexcept {
   return contained(false, [&] { return setThisDeviceData(encoded(text), key); });
+}
+
+bool SkeldaKeychainWrapper::setStrings(const platform::Dictionary& textsByKey) noexcept {
+  return contained(false, [&] {
+    std::vector<platform::KeychainNewItem> items;
+    for (const auto& [key, text] : textsByKey) {
+      if (key.empty() || text.text() == nullptr) return false;
+      items.push_back({search(identifier_, key), platform::Data(*text.text()),
+                       KeychainAccessibility::whenUnlocked});
+    }
+    return platform::SecItemsSet(items) == platform::errSecSuccess;
+  });
 }
 
 bool SkeldaKeychainWrapper::setObject(const std::optional<platform::KeyedArchive>& object,

@@ -8,6 +8,7 @@
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/KeyedArchive.h"
 #include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/Value.h"
 #include "Platform/Platform.h"
 
 /// The identifier that the agent keeps its items under.
@@ -29,6 +30,8 @@ class SkeldaKeychainWrapper : public platform::Object {
   /// Readable while the device is unlocked.
   bool setData(const std::optional<platform::Data>& data, std::string_view key) noexcept;
   bool setString(const std::optional<std::string>& text, std::string_view key) noexcept;
+  /// Several texts by their keys, all in one write: all of them are kept, or none.
+  bool setStrings(const platform::Dictionary& textsByKey) noexcept;
   bool setObject(const std::optional<platform::KeyedArchive>& object,
                  std::string_view key) noexcept;
   /// Readable after the first unlock, on this device only.

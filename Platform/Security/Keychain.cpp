@@ -104,6 +104,25 @@ OSStatus changed(const std::string& service, Change change) {
   return file.write();
 }
 
+bool isWellFormed(const KeychainQuery& query) {
+  return !query.service.empty() && !query.account.empty() && isValidUTF8(query.service);
+}
+
+/// A new item, or a new value of one that is there, which keeps its accessibility.
+OSStatus setInto(KeychainFile& file, const KeychainNewItem& given) {
+  // Damage that nobody can repair must not keep new values out for ever.
+  if (file.isDamaged() && !file.setAside()) return errSecIO;
+  KeychainItem item{given.query.account, given.query.generic, given.accessibility, {}};
+  KeychainItem* const there = file.find(given.query);
+  if (isClosedByDeviceLock(there != nullptr ? *there : item)) {
+    return errSecInteractionNotAllowed;
+  }
+  if (there != nullptr) return sealInto(*there, given.query.service, given.value);
+  if (const OSStatus status = sealInto(item, given.query.service, given.value)) return status;
+  file.items().push_back(std::move(item));
+  return errSecSuccess;
+}
+
 /// Nothing that is thrown on the way leaves the keychain.
 template <class Work>
 OSStatus contained(Work work) noexcept {
@@ -118,18 +137,25 @@ OSStatus contained(Work work) noexcept {
 
 OSStatus SecItemAdd(const KeychainQuery& query, const Data& value,
                     KeychainAccessibility accessibility) {
-  if (query.service.empty() || query.account.empty() || !isValidUTF8(query.service)) {
-    return errSecParam;
-  }
+  if (!isWellFormed(query)) return errSecParam;
   return contained([&] {
     return changed(query.service, [&](KeychainFile& file) -> OSStatus {
-      // Damage that nobody can repair must not keep new values out for ever.
-      if (file.isDamaged() && !file.setAside()) return errSecIO;
-      KeychainItem item{query.account, query.generic, accessibility, {}};
-      if (isClosedByDeviceLock(item)) return errSecInteractionNotAllowed;
+      if (isClosedByDeviceLock({{}, {}, accessibility, {}})) return errSecInteractionNotAllowed;
       if (file.find(query) != nullptr) return errSecDuplicateItem;
-      if (const OSStatus status = sealInto(item, query.service, value)) return status;
-      file.items().push_back(std::move(item));
+      return setInto(file, {query, value, accessibility});
+    });
+  });
+}
+
+OSStatus SecItemsSet(const std::vector<KeychainNewItem>& items) {
+  if (items.empty()) return errSecSuccess;
+  return contained([&] {
+    const std::string& service = items.front().query.service;
+    return changed(service, [&](KeychainFile& file) -> OSStatus {
+      for (const KeychainNewItem& item : items) {
+        if (!isWellFormed(item.query) || item.query.service != service) return errSecParam;
+        if (const OSStatus status = setInto(file, item)) return status;
+      }
       return errSecSuccess;
     });
   });

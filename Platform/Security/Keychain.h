@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Foundation/Data.h"
 
@@ -29,6 +30,12 @@ struct KeychainQuery {
   Data generic;
 };
 
+struct KeychainNewItem {
+  KeychainQuery query;
+  Data value;
+  KeychainAccessibility accessibility;
+};
+
 // Generic-password items, one file per service in ${XDG_STATE_HOME:-~/.local/state}/
 // skelda-keychain/, replaced atomically under a file lock, values sealed with AES-256-GCM. Safe
 // from any thread and process. Nothing throws: every failure is a status.
@@ -36,6 +43,9 @@ OSStatus SecItemAdd(const KeychainQuery& item, const Data& value,
                     KeychainAccessibility accessibility);
 OSStatus SecItemCopyMatching(const KeychainQuery& query, Data* value);
 OSStatus SecItemUpdate(const KeychainQuery& query, const Data& value);
+/// Adds the items of one service, or gives those that are there their new values, in one write: all
+/// of them or none.
+OSStatus SecItemsSet(const std::vector<KeychainNewItem>& items);
 OSStatus SecItemDelete(const KeychainQuery& query);
 
 /// Whether the device is locked, as the host or a test says. Unlocked at first. While locked,

@@ -111,7 +111,7 @@ platform::ObjectRef SkeldaStreamBaseManager::createOrGetProviderModule(
   }
   const auto found = map_.find(className);
   if (found != map_.end()) return found->second;
-  auto provider = registry.make(className);
+  auto provider = madeOrLeftOut(className, {});
   if (provider != nullptr) map_.emplace(className, provider);
   return provider;
 }
@@ -121,11 +121,25 @@ platform::ObjectRef SkeldaStreamBaseManager::createOrGetProviderModule(
 bool SkeldaStreamBaseManager::isPresentOrLeftOut(const std::string& className,
                                                  const std::string& key) {
   if (platform::ClassRegistry::shared().hasClass(className)) return true;
-  SKELDA_LOG(2, "{}: {} is not there and is left out", "-[SkeldaStreamBaseManager chain]",
-             className);
+  leaveOut(className, key, "it is not linked in");
+  return false;
+}
+
+platform::ObjectRef SkeldaStreamBaseManager::madeOrLeftOut(const std::string& className,
+                                                           const std::string& key) {
+  try {
+    return platform::ClassRegistry::shared().make(className);
+  } catch (...) {
+    leaveOut(className, key, skelda::reasonOf(std::current_exception()));
+    return nullptr;
+  }
+}
+
+void SkeldaStreamBaseManager::leaveOut(const std::string& className, const std::string& key,
+                                       std::string_view reason) {
+  SKELDA_LOG(1, "Skelda: {} is left out: {}", className, reason);
   leftOut_.insert(className);
   if (!key.empty()) leftOut_.insert(key);
-  return false;
 }
 
 void SkeldaStreamBaseManager::chainSourceModules(const Modules& modules) {
@@ -137,7 +151,8 @@ void SkeldaStreamBaseManager::chainSourceModules(const Modules& modules) {
     if (!isPresentOrLeftOut(className, key)) continue;
     SkeldaUtil::assert_(registry.classConforms(className, ISkeldaFrameSource::kProtocolName),
                         "Source class should conform to frame source protocol.");
-    auto instance = registry.make(className);
+    auto instance = madeOrLeftOut(className, key);
+    if (leftOut_.contains(key)) continue;
     // One way only: the buffer answers no source.
     if (const auto stage = std::dynamic_pointer_cast<ISkeldaStreamComponent>(instance)) {
       stage->registerNextStageComponent(streamBuffer_);
@@ -233,10 +248,15 @@ void SkeldaStreamBaseManager::startup(const Keys& keys) {
   for (const auto& key : keys) {
     if (leftOut_.contains(key)) continue;
     const auto module = onqueue_getIntanceForProtocolOrClass(key);
-    if (const auto stage = std::dynamic_pointer_cast<ISkeldaStreamComponent>(module)) {
-      stage->startup();
-    } else if (const auto provider = std::dynamic_pointer_cast<ISkeldaDataProvider>(module)) {
-      provider->startup();
+    try {
+      if (const auto stage = std::dynamic_pointer_cast<ISkeldaStreamComponent>(module)) {
+        stage->startup();
+      } else if (const auto provider = std::dynamic_pointer_cast<ISkeldaDataProvider>(module)) {
+        provider->startup();
+      }
+    } catch (...) {
+      SKELDA_LOG(1, "Skelda: {} did not start: {}", key,
+                 skelda::reasonOf(std::current_exception()));
     }
   }
 }

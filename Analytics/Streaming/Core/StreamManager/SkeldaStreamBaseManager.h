@@ -14,8 +14,9 @@
 
 /// Makes what every pipeline needs, keeps the modules by name, and wires and starts them. A
 /// concrete manager chooses sources, providers and core stages and calls the operations below in
-/// its didInit(). Modules of the class registry are found by text; one that is not linked in is
-/// left out, with whatever depends on it.
+/// its didInit(). Modules of the class registry are found by text; one that is not linked in, or
+/// whose factory throws, is left out with whatever depends on it, and one whose startup() throws
+/// keeps no other from starting. A line names the module and the reason.
 ///
 /// Checks that a list or a call is right come in two kinds: soft ones (SkeldaUtil::assert_), after
 /// which the call goes on as well as it can, and assertion failures, which raise.
@@ -98,8 +99,12 @@ class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStream
   platform::ObjectRef onqueue_getIntanceForProtocolOrClass(std::string_view key);
 
  private:
-  /// Whether the class is linked in; where it is not, `key` and the class count as left out.
+  /// Whether the class is linked in; where it is not, it is left out, with what is under `key`.
   bool isPresentOrLeftOut(const std::string& className, const std::string& key);
+  /// What the class registry makes of the class; null where its factory throws, which leaves it
+  /// out.
+  platform::ObjectRef madeOrLeftOut(const std::string& className, const std::string& key);
+  void leaveOut(const std::string& className, const std::string& key, std::string_view reason);
 
   std::map<std::string, platform::ObjectRef, std::less<>> map_;
   std::set<std::string, std::less<>> leftOut_;

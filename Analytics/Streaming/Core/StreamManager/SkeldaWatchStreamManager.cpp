@@ -11,6 +11,7 @@
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Dispatch/Once.h"
@@ -33,7 +34,8 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::manager() {
       *manager = managerOfLockedFolder();
     } catch (...) {
       // Counts as done: the calls that come later find nothing and are refused in silence.
-      SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged");
+      SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged: {}",
+                 skelda::reasonOf(std::current_exception()));
       SkeldaUtil::handleException(std::current_exception());
     }
   });

@@ -1,6 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 
-#include <chrono>
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
@@ -10,8 +11,9 @@
 
 namespace {
 
-constexpr std::chrono::seconds kPollInterval{10};
 constexpr int kLastRepeatedAttempt = 2;
+constexpr std::array kWatchItems{SkeldaReportedIdentifiersSource::kWatchVendorIDItem,
+                                 SkeldaReportedIdentifiersSource::kWatchInstallationIDItem};
 
 }  // namespace
 
@@ -33,7 +35,10 @@ std::string SkeldaReportedIdentifiersSource::installationIDForSessionReport() {
   if (auto kept = items->stringForKey(kInstallationIDItem)) return *kept;
   if (!items->isAbsent(kInstallationIDItem)) return {};
   auto fresh = SkeldaUtil::generateCFUUID();
-  items->setThisDeviceString(fresh, kInstallationIDItem);
+  if (!items->setThisDeviceString(fresh, kInstallationIDItem)) {
+    SKELDA_LOG(1, "{}: the installation identifier cannot be kept",
+               "+[SkeldaReportedIdentifiersSource installationIDForSessionReport]");
+  }
   return fresh;
 }
 
@@ -59,29 +64,25 @@ SkeldaReportedIdentifiersSource::installationIdentifier(const std::string& hexad
 
 void SkeldaReportedIdentifiersSource::onqueue_startup() {
   SKELDA_ON_QUEUE();
-  if (onqueue_loadWatchIDsFromDisk() && !watchIDsDictWatchOS_->empty()) {
-    onqueue_collectIdentifiers(*watchIDsDictWatchOS_);
-    onqueue_sendReportedIDs();
-    return;
+  const std::size_t known = reportedIDsSet_.size();
+  if (onqueue_loadWatchIDsFromDisk()) onqueue_collectIdentifiers(*watchIDsDictWatchOS_);
+  if (reportedIDsSet_.size() > known) onqueue_sendReportedIDs();
+  if (reportedIDsSet_.size() == kWatchItems.size()) return;
+  if (!keychainDelay_.isRunning()) {
+    // Nobody else connects the phone, and only the phone can say who we are.
+    const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
+    connectivity->setDelegate(selfOf(this));
+    connectivity->setup();
   }
-  // Nobody else connects the phone, and only the phone can say who we are.
-  const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
-  connectivity->setDelegate(selfOf(this));
-  connectivity->setup();
-}
-
-bool SkeldaReportedIdentifiersSource::onqueue_loadWatchIDsFromDisk() {
-  SKELDA_ON_QUEUE();
-  if (watchIDsDictWatchOS_) return true;
-  const auto vendorId = watchVendorIDForSessionReport();
-  const auto installationId = watchInstallationIDForSessionReport();
-  if (!vendorId && !installationId) return false;
-  watchIDsDictWatchOS_.emplace();
-  if (vendorId) watchIDsDictWatchOS_->set(std::string(kIOSVendorIDKey), *vendorId);
-  if (installationId) {
-    watchIDsDictWatchOS_->set(std::string(kIOSInstallationIDKey), *installationId);
+  const auto items = keychain();
+  const auto isOutOfReach = [&](auto key) {
+    return !items->stringForKey(key) && !items->isAbsent(key);
+  };
+  if (std::ranges::any_of(kWatchItems, isOutOfReach)) {
+    watchIDsDictWatchOS_.reset();
+    asyncBlock([self = selfOf(this)] { self->onqueue_startup(); },
+               std::int64_t{keychainDelay_.next().count()});
   }
-  return true;
 }
 
 /// Fills reportedIDsSet_ from the identifiers in `userInfo` and answers what is to be kept of them,
@@ -114,11 +115,13 @@ platform::Dictionary SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers
 void SkeldaReportedIdentifiersSource::onqueue_receiveUserInfo(
     const platform::Dictionary& userInfo) {
   SKELDA_ON_QUEUE();
-  // Kept or not, they are reported now; the phone sends them again where they were not kept.
-  for (const auto& [item, text] : onqueue_collectIdentifiers(userInfo)) {
-    keychain()->setString(*text.text(), item);
-  }
+  const platform::Dictionary items = onqueue_collectIdentifiers(userInfo);
   if (reportedIDsSet_.empty()) return;
+  // Kept or not, they are reported now. In one write, so that no kill leaves one of two.
+  if (!keychain()->setStrings(items)) {
+    SKELDA_LOG(1, "{}: the phone's identifiers cannot be kept, the next start asks for them again",
+               "-[SkeldaReportedIdentifiersSource onqueue_receiveUserInfo:]");
+  }
   onqueue_sendReportedIDs();
   const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
   connectivity->transferUserInfo({{std::string(kWatchOSResponseKey), "YES"}});
@@ -142,13 +145,13 @@ void SkeldaReportedIdentifiersSource::onqueue_queryAndSendIDs() {
     reportedIDsSet_.emplace(Identifier::kAdvertisingId, std::move(skeldaId));
   } else {
     skeldaIdAttempts_ = 0;
-    skeldaIdTimer_ = onqueue_polling(&SkeldaReportedIdentifiersSource::onqueue_queryIDFAWithTimer);
+    onqueue_poll<&SkeldaReportedIdentifiersSource::onqueue_queryIDFAWithTimer>();
   }
   if (auto vendorId = SkeldaUtil::getIdentifierForVendor()) {
     reportedIDsSet_.emplace(Identifier::kVendorId, std::move(vendorId));
   } else {
     vendorIdAttempts_ = 0;
-    vendorIdTimer_ = onqueue_polling(&SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer);
+    onqueue_poll<&SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer>();
   }
   if (auto own = installationIdentifier(installationIDForSessionReport())) {
     reportedIDsSet_.insert(*std::move(own));
@@ -156,32 +159,28 @@ void SkeldaReportedIdentifiersSource::onqueue_queryAndSendIDs() {
   onqueue_sendReportedIDs();
 }
 
-std::shared_ptr<platform::Timer> SkeldaReportedIdentifiersSource::onqueue_polling(
-    void (SkeldaReportedIdentifiersSource::*tick)(platform::Timer&)) {
+/// Asks after a while, and again until the tick answers false.
+template <auto Tick>
+void SkeldaReportedIdentifiersSource::onqueue_poll() {
   SKELDA_ON_QUEUE();
-  std::weak_ptr weakSelf = selfOf(this);
-  return platform::Timer::scheduled(kPollInterval, /*repeats=*/true, queue(),
-                                    [weakSelf, tick](platform::Timer& timer) {
-                                      const auto self = weakSelf.lock();
-                                      if (!self) return timer.invalidate();
-                                      // On the source's queue already: inside it this runs inline.
-                                      self->syncBlock([&] { ((*self).*tick)(timer); });
-                                    });
+  asyncBlock(
+      [self = selfOf(this)] {
+        if (((*self).*Tick)()) self->onqueue_poll<Tick>();
+      },
+      std::int64_t{pollInterval_.count()});
 }
 
-void SkeldaReportedIdentifiersSource::onqueue_queryIDFAWithTimer(platform::Timer& timer) {
-  SKELDA_ON_QUEUE();
-  onqueue_answerTick(timer, Identifier::kAdvertisingId, SkeldaUtil::getSkeldaId(),
-                     skeldaIdAttempts_);
+bool SkeldaReportedIdentifiersSource::onqueue_queryIDFAWithTimer() {
+  return onqueue_answerTick(Identifier::kAdvertisingId, SkeldaUtil::getSkeldaId(),
+                            skeldaIdAttempts_);
 }
 
-void SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer(platform::Timer& timer) {
-  SKELDA_ON_QUEUE();
-  onqueue_answerTick(timer, Identifier::kVendorId, SkeldaUtil::getIdentifierForVendor(),
-                     vendorIdAttempts_);
+bool SkeldaReportedIdentifiersSource::onqueue_queryIDFVWithTimer() {
+  return onqueue_answerTick(Identifier::kVendorId, SkeldaUtil::getIdentifierForVendor(),
+                            vendorIdAttempts_);
 }
 
-void SkeldaReportedIdentifiersSource::onqueue_answerTick(platform::Timer& timer, std::uint32_t type,
+bool SkeldaReportedIdentifiersSource::onqueue_answerTick(std::uint32_t type,
                                                          std::optional<std::string> value,
                                                          std::atomic<int>& attempts) {
   SKELDA_ON_QUEUE();
@@ -191,5 +190,5 @@ void SkeldaReportedIdentifiersSource::onqueue_answerTick(platform::Timer& timer,
         {Identifier::reportedIdentiferWithType(type, std::move(value))},
         SkeldaUtil::isAdTrackingEnabled()));
   }
-  if (++attempts > kLastRepeatedAttempt || known) timer.invalidate();
+  return ++attempts <= kLastRepeatedAttempt && !known;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -10,16 +11,17 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaReportedIdentifiersSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 #include "Analytics/Watch/Connectivity/ISkeldaWatchConnectivityReceiver.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Foundation/Data.h"
-#include "Platform/Foundation/Timer.h"
 #include "Platform/Foundation/Value.h"
 
 class SkeldaKeychainWrapper;
 
 /// Reports the identifiers under which the watch's data is counted. A watch has none that can be
 /// tied to its phone, so it takes the phone's: they come over watch connectivity once, are kept in
-/// the keychain, acknowledged, and reported at every start from then on. Until they have come no
-/// watch session is flushed.
+/// the keychain, acknowledged, and reported at every start from then on. A start with one of them
+/// missing reports the other and listens for the rest; a keychain that cannot be read just now is
+/// asked again. Until they have come no watch session is flushed.
 class SkeldaReportedIdentifiersSource
     : public SkeldaSource<SkeldaReportedIdentifiersSource, ISkeldaReportedIdentifiersSource>,
       public virtual ISkeldaWatchConnectivityReceiver {
@@ -51,11 +53,15 @@ class SkeldaReportedIdentifiersSource
   /// at most, every ten seconds. Any thread, returns at once.
   void queryAndSendIDs();
 
+ protected:
+  SkeldaReportedIdentifiersSource() = default;
+  /// How long an identifier that is not known yet is left alone.
+  std::chrono::nanoseconds pollInterval_ = std::chrono::seconds(10);
+
  private:
   friend SkeldaSource;
   using Identifier = SkeldaStreamReportedIdentifer;
 
-  SkeldaReportedIdentifiersSource() = default;
   static std::shared_ptr<SkeldaKeychainWrapper> keychain();
   /// The identifier as it is reported; nothing for text that is not hexadecimal.
   static std::optional<Identifier> installationIdentifier(const std::string& hexadecimal);
@@ -66,17 +72,17 @@ class SkeldaReportedIdentifiersSource
   void onqueue_receiveUserInfo(const platform::Dictionary& userInfo);
   void onqueue_sendReportedIDs();
   void onqueue_queryAndSendIDs();
-  void onqueue_queryIDFAWithTimer(platform::Timer& timer);
-  void onqueue_queryIDFVWithTimer(platform::Timer& timer);
-  void onqueue_answerTick(platform::Timer& timer, std::uint32_t type,
-                          std::optional<std::string> value, std::atomic<int>& attempts);
-  std::shared_ptr<platform::Timer> onqueue_polling(
-      void (SkeldaReportedIdentifiersSource::*tick)(platform::Timer&));
+  template <auto Tick>
+  void onqueue_poll();
+  // Whether to ask again.
+  bool onqueue_queryIDFAWithTimer();
+  bool onqueue_queryIDFVWithTimer();
+  bool onqueue_answerTick(std::uint32_t type, std::optional<std::string> value,
+                          std::atomic<int>& attempts);
 
   std::optional<platform::Dictionary> watchIDsDictWatchOS_;
   SkeldaStreamReportedIdentifers::Set reportedIDsSet_;
-  std::shared_ptr<platform::Timer> skeldaIdTimer_;
-  std::shared_ptr<platform::Timer> vendorIdTimer_;
+  platform::RetryDelay keychainDelay_{std::chrono::seconds(1), std::chrono::minutes(1)};
   // Of the process, whichever source asks.
   static inline constinit std::atomic<int> skeldaIdAttempts_{0};
   static inline constinit std::atomic<int> vendorIdAttempts_{0};

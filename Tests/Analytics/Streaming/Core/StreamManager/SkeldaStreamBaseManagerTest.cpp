@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Tests/Support/AgentHome.h"
+#include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
 namespace {
@@ -22,8 +24,12 @@ class ISampleSource : public virtual ISkeldaFrameSource {
 class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
  public:
   static constexpr std::string_view kClassName = "SampleSource";
-  void startup() override { ++starts; }
+  void startup() override {
+    if (throws) throw std::runtime_error("not today");
+    ++starts;
+  }
   int starts = 0;
+  bool throws = false;
 
  private:
   friend SkeldaSource;
@@ -92,6 +98,29 @@ TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDe
   EXPECT_NE(manager_->module<SkeldaSessionInfoDataProvider>(), nullptr);
   manager_->startup({"INoSuchSource", "NoSuchProvider", "ISampleSource"});
   EXPECT_EQ(std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAndIsNamed) {
+  LogCapture log;
+  const auto make = []() -> platform::ObjectRef { throw std::runtime_error("no memory"); };
+  auto& registry = platform::ClassRegistry::shared();
+  registry.registerClass(
+      {"BrokenSource", "SkeldaActorStreamComponentBase", {"ISkeldaFrameSource"}, make});
+  registry.registerClass({"BrokenProvider", "SkeldaDataProvider", {}, make});
+  manager_->chainSourceModules({{"BrokenSource", "IBrokenSource"},
+                                {"SampleSource", "ISampleSource"},
+                                {"SampleSource", "ISkeldaFrameSource"}});
+  manager_->chainProviderClassObservers(
+      {{"BrokenProvider", ""}, {"SkeldaSessionInfoDataProvider", "IBrokenSource"}});
+  const auto source = std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>());
+  source->throws = true;
+  manager_->startup({"IBrokenSource", "BrokenProvider", "ISampleSource", "ISkeldaFrameSource"});
+  const auto next =
+      std::dynamic_pointer_cast<SampleSource>(manager_->moduleIfPresent("ISkeldaFrameSource"));
+  EXPECT_EQ(next->starts, 1);
+  EXPECT_EQ(log.count("Skelda: BrokenSource is left out: no memory"), 1U);
+  EXPECT_EQ(log.count("Skelda: BrokenProvider is left out: no memory"), 1U);
+  EXPECT_EQ(log.count("Skelda: ISampleSource did not start: not today"), 1U);
 }
 
 }  // namespace
