@@ -17,7 +17,7 @@ class SkeldaSource : public SkeldaActorStreamComponentBase, public virtual Proto
  public:
   static constexpr std::string_view kKey = Protocol::kProtocolName;
   /// The class of the data provider that it observes; empty for none.
-  static constexpr std::string_view kProvider;
+  static constexpr std::string_view kProvider{};
 
   /// A new source each time; the manager's registry keeps the one in use.
   static std::shared_ptr<Self> getSourceInstance() { return SkeldaActor::made(new Self()); }
