@@ -34,6 +34,12 @@ std::string_view shownValue(const Text& value) noexcept {
                                                 : std::string_view("(not shown)");
 }
 
+/// The same of an object's description, which is made only where it is shown.
+template <class Object>
+std::string shownDescription(const Object& object) {
+  return ::skelda::platform::Log::showsValues() ? object.description() : "(not shown)";
+}
+
 /// The "%@" of text that may be nil.
 inline std::string_view textOrNull(const std::optional<std::string>& text) noexcept {
   return text ? std::string_view(*text) : std::string_view("(null)");

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <ctime>
+#include <iterator>
 #include <limits>
 
 #include "Platform/Foundation/JSONWriter.h"
@@ -133,12 +134,13 @@ template <class Real>
 std::string describedReal(Real value) {
   if (std::isnan(value)) return "nan";
   if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
-  // Every whole number below this is written in full, whatever its width.
-  constexpr double kWrittenInFull = 1e15;
-  const double wide = static_cast<double>(value);
-  if (std::abs(wide) < kWrittenInFull && wide == std::trunc(wide) &&
-      !(wide == 0 && std::signbit(wide)))
-    return std::to_string(static_cast<std::int64_t>(wide));
+  if (value == std::trunc(value) && !(value == 0 && std::signbit(value))) {
+    // Whole numbers stand in full, however large.
+    char digits[std::numeric_limits<double>::max_exponent10 + 3];
+    const auto end =
+        std::to_chars(std::begin(digits), std::end(digits), value, std::chars_format::fixed);
+    return std::string(digits, end.ptr);
+  }
   char text[kNumberTextCapacity];
   std::string_view written(text, static_cast<std::size_t>(writeReal(text, value) - text));
   if (written.ends_with(".0")) written.remove_suffix(2);

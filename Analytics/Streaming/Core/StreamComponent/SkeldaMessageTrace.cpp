@@ -1,6 +1,11 @@
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
 
+#include <fmt/format.h>
+
 #include <utility>
+
+#include "Platform/Base/Log.h"
+#include "Platform/Platform.h"
 
 namespace {
 
@@ -19,6 +24,10 @@ SkeldaMessageTrace::~SkeldaMessageTrace() {
 
 std::string SkeldaMessageTrace::description(const ISkeldaStreamMessage::Ref& message) {
   if (!message) return "(null)";
+  if (!platform::Log::showsValues()) {
+    return fmt::format("<{}: {}, type = {}>", message->className(),
+                       static_cast<const void*>(message.get()), message->frameType());
+  }
   if (innermost == nullptr || innermost->message_ != message.get()) return message->description();
   if (!innermost->text_) innermost->text_ = message->description();
   return *innermost->text_;

@@ -199,7 +199,7 @@ bool SkeldaStreamRecord::readJSON(const platform::Data& json) {
   bool isComplete = dictionary != nullptr && holdsRequired(fields(), *dictionary);
   if (!isComplete && !inconsistentDictText().empty()) {
     SkeldaUtil::assert_(false, method);
-    SKELDA_LOG(2, "{}: {} = {}", method, inconsistentDictText(), parsed->description());
+    SKELDA_LOG(2, "{}: {} = {}", method, inconsistentDictText(), skelda::shownDescription(*parsed));
     return false;
   }
   if (isComplete) {
@@ -209,6 +209,6 @@ bool SkeldaStreamRecord::readJSON(const platform::Data& json) {
     }
   }
   if (isComplete && didRead(*dictionary)) return true;
-  SKELDA_LOG(2, "{}: invalid json object = {}", method, parsed->description());
+  SKELDA_LOG(2, "{}: invalid json object = {}", method, skelda::shownDescription(*parsed));
   return false;
 }

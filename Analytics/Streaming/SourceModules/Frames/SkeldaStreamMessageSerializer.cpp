@@ -5,6 +5,7 @@
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameFormat.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 
 namespace format = skelda::frameformat;
@@ -42,6 +43,16 @@ SkeldaStreamMessageSerializer::streamMessageSerializer() {
   return std::make_shared<SkeldaStreamMessageSerializer>();
 }
 
+bool SkeldaStreamMessageSerializer::hasRoomForPayload(std::uint64_t length,
+                                                      std::int32_t frameType) {
+  constexpr std::uint64_t kMost =
+      format::kMaximumFrameLength - format::kHeaderLength - format::kFooterLength;
+  if (length <= kMost) return length != 0;
+  SKELDA_LOG(1, "{}: a payload of {} bytes is too long for a frame of type {} and is not written",
+             "-[SkeldaStreamMessageSerializer frameFromStreamMessage:]", length, frameType);
+  return false;
+}
+
 bool SkeldaStreamMessageSerializer::isValidStreamMessage(const ISkeldaStreamMessage& message) {
   if (!isKnownFrameType(message.frameType())) return false;
   std::string payload;
@@ -57,10 +68,7 @@ std::optional<platform::Data> SkeldaStreamMessageSerializer::frameFromStreamMess
   frame.resize(format::kHeaderLength);
   if (!message.appendPayload(frame)) return std::nullopt;
   const std::uint64_t payloadLength = frame.size() - format::kHeaderLength;
-  if (payloadLength == 0 ||
-      payloadLength + format::kHeaderLength + format::kFooterLength > format::kMaximumFrameLength) {
-    return std::nullopt;
-  }
+  if (!hasRoomForPayload(payloadLength, message.frameType())) return std::nullopt;
 
   writeHeader(frame.data(), message);
   const auto length = static_cast<std::uint32_t>(payloadLength);

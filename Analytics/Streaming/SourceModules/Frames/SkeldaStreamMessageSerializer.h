@@ -14,6 +14,9 @@ class SkeldaStreamMessageSerializer : public platform::Object,
   static std::shared_ptr<SkeldaStreamMessageSerializer> streamMessageSerializer();
   /// Whether the message has a payload that is not empty and a type that the table holds. Computes
   /// the payload; frameFromStreamMessage() needs no such call before it.
+  /// Whether a frame has room for a payload of that length, which is not 0. Says in the log where
+  /// one is too long.
+  static bool hasRoomForPayload(std::uint64_t length, std::int32_t frameType);
   static bool isValidStreamMessage(const ISkeldaStreamMessage& message);
 
   std::string_view className() const noexcept override { return kClassName; }

@@ -44,7 +44,7 @@ bool SkeldaEventFrameSource::isValidInputEvent(const platform::Value& name,
                                                platform::Date) {
   if (name.text() == nullptr || name.text()->empty()) {
     SKELDA_LOG(1, "{}: Not logging Event eventName[{}] due to invalid eventName", kValidateMethod,
-               name.description());
+               skelda::shownDescription(name));
     return false;
   }
   if (!skelda::isWellFormedText(name)) {
@@ -55,12 +55,12 @@ bool SkeldaEventFrameSource::isValidInputEvent(const platform::Value& name,
     SKELDA_LOG(1,
                "{}: Not logging Event eventName[{}] because parameters input is not of "
                "NSDictionary type",
-               kValidateMethod, name.description());
+               kValidateMethod, skelda::shownDescription(name));
     return false;
   }
   if (!skelda::isWellFormedText(parameters)) {
     SKELDA_LOG(1, "{}: Not logging Event eventName[{}] because its parameters are not UTF-8 text",
-               kValidateMethod, name.description());
+               kValidateMethod, skelda::shownDescription(name));
     return false;
   }
   return true;
@@ -82,8 +82,8 @@ void SkeldaEventFrameSource::onqueue_recordEvent(platform::Value name, platform:
       SkeldaStreamEvent::streamEventWithEventName(*name.text(), std::string(type), timed, starting,
                                                   parameters, std::move(transaction), timestamp);
   SKELDA_LOG(0, "{}: Recording Event eventName[{}] with parameters[{}]", kRecordMethod,
-             skelda::textOrNull(event->eventName()),
-             platform::Value(event->parameters()).description());
+             skelda::shownValue(skelda::textOrNull(event->eventName())),
+             skelda::shownDescription(platform::Value(event->parameters())));
   onqueue_send(std::move(event), origin);
 }
 
@@ -95,7 +95,7 @@ void SkeldaEventFrameSource::onqueue_endTimedEvent(platform::Value name, platfor
     return skelda::settleRefused(origin.ticket, name, parameters);
   }
   SKELDA_LOG(0, "{}: ending timed event eventName[{}] with parameters[{}]", kEndMethod,
-             *name.text(), parameters.description());
+             skelda::shownValue(*name.text()), skelda::shownDescription(parameters));
   // Whether an event of that name was ever started is not known here, and not asked. Its end is a
   // custom event even where its start was a purchase.
   onqueue_send(SkeldaStreamEvent::streamEventWithEventName(*name.text(), std::string(kCustomEvent),

@@ -45,6 +45,6 @@ void SkeldaSessionInitInfoSource::onqueue_streamSessionInfo() {
   SKELDA_ON_QUEUE();
   SKELDA_LOG(2, "{}: session init info: {}",
              "-[SkeldaSessionInitInfoSource onqueue_streamSessionInfo]",
-             sessionInitInfo_->description());
+             skelda::shownDescription(*sessionInitInfo_));
   onqueue_streamMessage(sessionInitInfo_->copy());
 }

@@ -60,7 +60,7 @@ bool SkeldaUserPropertiesSource::isValidInputUserProperties(const platform::Valu
                                                             const platform::Value& values) {
   if (name.text() == nullptr || name.text()->empty()) {
     SKELDA_LOG(2, "{}: Not logging user property name[{}] due to invalid user property name",
-               kValidateMethod, name.description());
+               kValidateMethod, skelda::shownDescription(name));
     return false;
   }
   if (!skelda::isWellFormedText(name)) {
@@ -71,18 +71,19 @@ bool SkeldaUserPropertiesSource::isValidInputUserProperties(const platform::Valu
   const auto* array = values.array();
   if (array == nullptr) {
     SKELDA_LOG(2, "{}: Not logging user property name[{}] due to invalid values array",
-               kValidateMethod, *name.text());
+               kValidateMethod, skelda::shownValue(*name.text()));
     return false;
   }
   const auto notText = std::find_if(array->begin(), array->end(),
                                     [](const auto& value) { return value.text() == nullptr; });
   if (notText != array->end()) {
-    SKELDA_LOG(2, "{}: invalid user property value = {}", kValidateMethod, notText->description());
+    SKELDA_LOG(2, "{}: invalid user property value = {}", kValidateMethod,
+               skelda::shownDescription(*notText));
     return false;
   }
   if (!skelda::isWellFormedText(values)) {
     SKELDA_LOG(2, "{}: Not logging user property name[{}] because a value is not UTF-8 text",
-               kValidateMethod, *name.text());
+               kValidateMethod, skelda::shownValue(*name.text()));
     return false;
   }
   return true;

@@ -8,6 +8,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
+#include "Tests/Support/LogCapture.h"
 
 using namespace skelda::testing;
 
@@ -47,6 +48,14 @@ TEST(SkeldaStreamMessageSerializer, RefusesWhatHasNoPayloadOrNoKnownType) {
     EXPECT_FALSE(SkeldaStreamMessageSerializer::isValidStreamMessage(refused));
     EXPECT_EQ(frameOf(refused), std::nullopt) << refused.frameType();
   }
+  // Four gibibytes, without making them.
+  LogCapture log;
+  SkeldaUtil::setLogLevel(1);
+  EXPECT_TRUE(SkeldaStreamMessageSerializer::hasRoomForPayload(UINT32_MAX - 28, 134));
+  EXPECT_EQ(log.count("too long"), 0U);
+  EXPECT_FALSE(SkeldaStreamMessageSerializer::hasRoomForPayload(UINT32_MAX - 27, 134));
+  SkeldaUtil::setLogLevel(0);
+  EXPECT_EQ(log.count("a payload of 4294967268 bytes is too long for a frame of type 134"), 1U);
   const SkeldaStreamFlush invalid(2);
   EXPECT_FALSE(SkeldaStreamMessageSerializer::isValidStreamMessage(invalid));
   EXPECT_EQ(frameOf(invalid), std::nullopt);
