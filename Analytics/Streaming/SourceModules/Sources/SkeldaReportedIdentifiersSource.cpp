@@ -85,6 +85,20 @@ void SkeldaReportedIdentifiersSource::onqueue_startup() {
   }
 }
 
+bool SkeldaReportedIdentifiersSource::onqueue_loadWatchIDsFromDisk() {
+  SKELDA_ON_QUEUE();
+  if (watchIDsDictWatchOS_) return true;
+  const auto vendorId = watchVendorIDForSessionReport();
+  const auto installationId = watchInstallationIDForSessionReport();
+  if (!vendorId && !installationId) return false;
+  watchIDsDictWatchOS_.emplace();
+  if (vendorId) watchIDsDictWatchOS_->set(std::string(kIOSVendorIDKey), *vendorId);
+  if (installationId) {
+    watchIDsDictWatchOS_->set(std::string(kIOSInstallationIDKey), *installationId);
+  }
+  return true;
+}
+
 /// Fills reportedIDsSet_ from the identifiers in `userInfo` and answers what is to be kept of them,
 /// by keychain item. What makes no identifier is neither kept nor reported.
 platform::Dictionary SkeldaReportedIdentifiersSource::onqueue_collectIdentifiers(

@@ -6,12 +6,17 @@
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaEventFrameSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserPropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Tests/Analytics/Streaming/Core/LogWords.h"
 #include "Tests/Support/AgentHome.h"
@@ -58,19 +63,18 @@ class Pipeline : public SkeldaWatchStreamManager {
   void haveStartSnapshot() {
     provider()->setDevicePropertiesData(SkeldaSessionDevicePropertiesData::currentSnapshot(true));
   }
-
- private:
-  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
-    return module<SkeldaSessionDevicePropertiesDataProvider>();
-  }
   /// Twice round: the provider's snapshot sets out when the policy has finalized a session.
   void settleAll() {
     for (int round = 0; round < 2; ++round) {
       settleActor(provider());
-      settleActor(module<ISkeldaSessionDevicePropertiesSource>());
-      settleActor(module<ISkeldaStreamFlushSource>());
+      for (const auto& entry : skelda::sourceChain()) settleActor(moduleIfPresent(entry[1]));
       for (const auto& stage : stages_) settleActor(stage);
     }
+  }
+
+ private:
+  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
+    return module<SkeldaSessionDevicePropertiesDataProvider>();
   }
   template <class T>
   static void settleActor(const std::shared_ptr<T>& module) {
@@ -187,8 +191,9 @@ const std::pair<const char*, const char*> kOrder[] = {
     {"start S e0 flush3 e1 e2 e3 e4",
      "counter1 S session@0 flush1 | counter2 S e0 session@0 flush3 | "
      "counter3 S e1 e2 e3 session@0..11 propsEnd e4 flush3 | counter4 S propsStart"},
-    // A request to delete ends the log: in a session, before one, before the set is complete, and
-    // in a session that ended and waits for the set.
+    // A request to delete ends the log, which is uploaded with all that it holds: in a session,
+    // before one, before a phone has given identifiers, and in a session that ended and waits for
+    // them. The privacy page says so, and that consent reaches no log.
     {"start S e0 175 e1",
      "counter1 S session@0 flush1 | counter2 S e0 session@0 175 flush6 | counter3 S session@0 e1"},
     {"start S 175 e0",
@@ -231,6 +236,48 @@ TEST(MessageOrder, IsFixedForEveryEndOfASessionAndOfALog) {
                            {"Skelda Watch Event Threshold", 5}}));
   for (const auto& [words, logs] : kOrder) EXPECT_EQ(logsAfter(words), logs) << words;
   platform::Bundle::setMain(nullptr);
+  SkeldaUtil::setLogLevel(0);
+}
+
+TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
+  ScopedEnvironment environment;
+  for (const bool shown : {false, true}) {
+    environment.set("SKELDA_LOG_VALUES", shown ? "1" : "0");
+    platform::Log::resetSink();
+    const AgentHome home;
+    LogCapture log;
+    platform::Bundle::setMain(std::make_shared<platform::Bundle>(
+        "/Run.app/Watch.appex", "/Run.app/Watch.appex/run",
+        platform::Dictionary{{"CFBundleIdentifier", "com.example.run"}}));
+    const auto pipeline = Pipeline::make();
+    const auto events = pipeline->module<ISkeldaEventFrameSource>();
+    const auto now = platform::Date::now();
+    const platform::Dictionary parameters{{"Secret", "Secret"}};
+    events->recordEvent("Secret", parameters, true, now);
+    events->recordEvent("Secret", "no parameters", false, now);
+    events->recordEvent(platform::Array{"Secret"}, parameters, false, now);
+    events->endTimedEvent("Secret", parameters, now);
+    const auto properties = pipeline->module<ISkeldaUserPropertiesSource>();
+    properties->setUserProperties("Secret", platform::Array{"Secret"});
+    properties->setUserProperties("Secret", "no values");
+    properties->setUserProperties("Size", platform::Array{platform::Array{"Secret"}});
+    pipeline->module<ISkeldaUserDemographicsSource>()->setUserId("Secret");
+    const auto sessionInfo = pipeline->module<SkeldaSessionInfoDataProvider>();
+    sessionInfo->startUpWithApiKey("Secret");
+    EXPECT_NE(sessionInfo->sessionInfoData(), nullptr);
+    std::dynamic_pointer_cast<SkeldaReportedIdentifiersSource>(
+        pipeline->module<ISkeldaReportedIdentifiersSource>())
+        ->didReceiveUserInfo({{"skelda://id1", "Secret"}, {"skelda://id2", "5ec2e7"}});
+    pipeline->settleAll();
+    // As it is, as base64 of its text, and the second identifier as it is reported.
+    for (const char* value : {"Secret", "U2VjcmV0", "XsLn"}) {
+      EXPECT_EQ(log.count(value) > 0, shown) << value;
+    }
+    EXPECT_EQ(log.count("(not shown)") > 0, !shown);
+    platform::Bundle::setMain(nullptr);
+  }
+  environment.set("SKELDA_LOG_VALUES", "0");
+  platform::Log::resetSink();
   SkeldaUtil::setLogLevel(0);
 }
 

@@ -13,7 +13,6 @@
 #include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
-namespace {
 
 class ISampleSource : public virtual ISkeldaFrameSource {
  public:
@@ -35,6 +34,8 @@ class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
   friend SkeldaSource;
   SampleSource() = default;
 };
+
+namespace {
 
 /// Opens to the test what a concrete manager uses while it is made.
 class Manager : public SkeldaStreamBaseManager {

@@ -13,8 +13,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
+#include "Tests/Support/AgentHome.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 using namespace skelda::testing;
@@ -180,4 +182,17 @@ TEST(PrivacyPage, NamesEveryKeyThatARecordCanWriteAndNoOther) {
     addKeys(*sample.entity->dictionaryRepresentation(), written);
   }
   EXPECT_EQ(documented, written);
+}
+
+TEST(PrivacyPage, NamesEveryFileThatTheAgentKeeps) {
+  const AgentHome home;
+  const std::string page = document("privacy.md");
+  using namespace SkeldaAgentFiles;
+  for (const std::string& path :
+       {lockFile(), reserveFile(), intakeJournal(), currentFrameLog(),
+        commitedFrameLogsFolder() + "/" + commitedFrameLogName(), senderIndex(), kvStorage(),
+        inStorageFolder(".skeldaCurrentWatchSessionId")}) {
+    const auto support = home.storageFolder().rfind('/') + 1;
+    EXPECT_NE(page.find("| `" + path.substr(support)), std::string::npos) << path;
+  }
 }

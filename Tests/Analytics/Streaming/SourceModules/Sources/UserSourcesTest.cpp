@@ -30,14 +30,14 @@ TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
     std::string reason;
     bool nameIsGood;
   } cases[] = {
-      {"", Array{}, "name[] due to invalid user property name", false},
-      {nullptr, Array{}, "name[(null)] due to invalid user property name", false},
-      {5, Array{}, "name[5] due to invalid user property name", false},
+      {"", Array{}, "due to invalid user property name", false},
+      {nullptr, Array{}, "due to invalid user property name", false},
+      {5, Array{}, "due to invalid user property name", false},
       {"\xc0\x80", Array{}, "its name is not UTF-8 text", false},
-      {"p", nullptr, "name[p] due to invalid values array", true},
-      {"p", "text", "name[p] due to invalid values array", true},
-      {"p", Array{"a", 5, 6}, "invalid user property value = 5", true},
-      {"p", Array{nullptr}, "invalid user property value = (null)", true},
+      {"p", nullptr, "name[(not shown)] due to invalid values array", true},
+      {"p", "text", "name[(not shown)] due to invalid values array", true},
+      {"p", Array{"a", 5, 6}, "invalid user property value = (not shown)", true},
+      {"p", Array{nullptr}, "invalid user property value = (not shown)", true},
       {"p", Array{"\xff"}, "a value is not UTF-8 text", true},
   };
   for (const auto& [name, values, reason, nameIsGood] : cases) {
