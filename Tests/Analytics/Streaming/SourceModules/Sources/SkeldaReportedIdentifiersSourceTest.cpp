@@ -111,13 +111,13 @@ TEST(ReportedIdentifiersSource, KeepsBothIdentifiersInOneWriteOrNeitherAndSaysSo
   SkeldaUtil::setLogLevel(0);
 }
 
-/// Asks for what it does not know yet without waiting.
+/// Asks soon for what it does not know yet, and yet not before it is there.
 class ImpatientSource : public SkeldaReportedIdentifiersSource {
  public:
   static std::shared_ptr<ImpatientSource> getSourceInstance() { return made(new ImpatientSource); }
 
  private:
-  ImpatientSource() { pollInterval_ = std::chrono::milliseconds(1); }
+  ImpatientSource() { pollInterval_ = std::chrono::milliseconds(300); }
 };
 
 TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) {
