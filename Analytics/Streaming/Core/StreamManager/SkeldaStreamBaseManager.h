@@ -76,7 +76,7 @@ class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStream
     return transferManager_;
   }
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   static std::string currentFrameLogFilePathWithName() {
     return SkeldaAgentFiles::currentFrameLog();

@@ -45,7 +45,7 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
 
   void helperSetupCoreStreamingModules() override;
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   /// A module of that manager; null where there is no manager or for a key that is neither class
   /// nor protocol; raises for one that nothing is under.

@@ -53,7 +53,7 @@ class SkeldaStreamEvent final : public SkeldaStreamRecordOf<SkeldaStreamEvent> {
 
   std::size_t payloadLengthHint() const noexcept override;
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   /// The end of this timed event; null, after a log line, for an event that is not timed.
   std::shared_ptr<SkeldaStreamEvent> counterpartEndTimedEventWithTimestamp(

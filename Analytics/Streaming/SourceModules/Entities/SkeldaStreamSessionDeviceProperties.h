@@ -41,7 +41,7 @@ class SkeldaStreamSessionDeviceProperties final
   const Snapshot& startProperties() const noexcept { return startProperties_; }
   const Snapshot& endProperties() const noexcept { return endProperties_; }
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   void setTotalDiskSize(std::uint64_t bytes) noexcept { totalDiskSize_ = bytes; }
   void setAvailableDiskSize(std::uint64_t bytes) noexcept { availableDiskSize_ = bytes; }

@@ -33,7 +33,7 @@ class SkeldaStreamSessionId final : public SkeldaStreamRecordOf<SkeldaStreamSess
   std::int64_t elapsedEndTime() const noexcept { return elapsedEndTime_; }
   void setElapsedEndTime(std::int64_t milliseconds) noexcept { elapsedEndTime_ = milliseconds; }
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   void setStartupTime(std::optional<platform::Date> date) { startupTime_ = date; }
   void setAppState(std::int32_t state) noexcept { appState_ = state; }

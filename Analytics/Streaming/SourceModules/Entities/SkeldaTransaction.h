@@ -53,7 +53,7 @@ class SkeldaTransaction : public platform::Object {
   const Text& storeId() const noexcept { return storeId_; }
   const Text& countryCode() const noexcept { return countryCode_; }
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   /// The names of the transaction states, by their numbers.
   static const platform::Array& transactionResultArrayInstance();

@@ -87,7 +87,7 @@ class SkeldaStreamFrameTypeUtil {
   /// Every type of the table.
   static const std::set<std::int32_t>& allFrameTypes();
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   static const std::map<std::int32_t, std::string_view>& frameTypeToModelClass();
   static const std::map<std::string, std::int32_t, std::less<>>& classToFrameType();

@@ -45,7 +45,7 @@ class SkeldaReportedIdentifiersSource
   static std::optional<std::string> watchInstallationIDForSessionReport();
   static std::optional<std::string> watchVendorIDForSessionReport();
 
-  // -- Fixed by the system, called by nothing here
+  // -- Fixed by the system, and not called by the agent itself
 
   static std::optional<platform::Data> installationIDAsBytes();
   std::string skeldaGuid() { return installationIDForSessionReport(); }
