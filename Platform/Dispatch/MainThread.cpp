@@ -4,6 +4,7 @@
 
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/Thread.h"
+#include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/MainQueue.h"
 
 namespace skelda::platform {
@@ -94,14 +95,14 @@ void MainThread::serveForLayer() {
 Work* MainThread::nextForHost() {
   MutexLock lock(mutex_);
   while (!stop_ && waiting_.empty()) {
-    if (!any()) {
+    if (!any() || EventLoop::shared().keepAsking()) {
       changed_.wait(lock);
       continue;
     }
+    changed_.waitFor(lock, kPatience);
     lock.unlock();
     askForAll();
     lock.lock();
-    if (any() && !stop_ && waiting_.empty()) changed_.waitFor(lock, kPatience);
   }
   return stop_ ? nullptr : takeFirst();
 }

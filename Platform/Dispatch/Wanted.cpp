@@ -36,8 +36,8 @@ void Wanted::askForAll() noexcept {
 bool Wanted::wait(std::atomic<std::uint32_t>& word, std::uint32_t expected,
                   DispatchTime deadline) noexcept {
   constexpr std::chrono::milliseconds kPatience{10};
-  if (!any()) return futexWait(word, expected, deadline);
-  askForAll();
+  if (any()) askForAll();
+  if (!any() || EventLoop::shared().keepAsking()) return futexWait(word, expected, deadline);
   futexWait(word, expected, dispatchTimeAfter(kPatience));
   return deadline == DispatchTime::forever ||
          nanosecondsOf(deadline) > nanosecondsNow(clockOf(deadline));

@@ -346,7 +346,7 @@ WorkerPool::Sleep WorkerPool::becomeIdle(Worker& me) noexcept {
 bool WorkerPool::sleep(Worker& me, Sleep how) noexcept {
   if (how.last) disarmTick();
   while (me.woken.load(std::memory_order_acquire) == 0) {
-    if (any()) [[unlikely]] {
+    if (any() && !EventLoop::shared().keepAsking()) [[unlikely]] {
       futexWait(me.woken, 0, dispatchTimeAfter(kPatience));
       askForAll();
     } else if (!futexWait(me.woken, 0, how.deadline)) {
