@@ -45,11 +45,11 @@ class Scenario {
     }
   };
 
-  /// Runs it to its end in the environment of this moment.
-  static Outcome run(const std::string& name) {
+  /// Runs it to its end in the environment of this moment, its log set to `log`.
+  static Outcome run(const std::string& name, const std::string& log = "stderr") {
     const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
     const auto command =
-        std::string(kVariable) + "='" + name + "' SKELDA_LOG=stderr '" + self + "' 2>&1";
+        std::string(kVariable) + "='" + name + "' SKELDA_LOG='" + log + "' '" + self + "' 2>&1";
     FILE* child = ::popen(command.c_str(), "re");
     if (child == nullptr) throw std::runtime_error("popen");
     Outcome outcome;
