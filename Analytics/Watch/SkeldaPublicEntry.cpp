@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Foundation/Bundle.h"
 #include "Skelda_Watch/SkeldaWatch.h"
 
 bool skelda::mayKeep(const char* what) {
@@ -17,6 +18,10 @@ bool skelda::mayKeep(const char* what) {
     const bool isEvent = std::string_view(what) == "event";
     SKELDA_LOG(2, "Skelda: {} not logged -- this method can only be used in watch extension.",
                isEvent ? "Event" : "Choice");
+    SKELDA_NOTICE_ONCE(
+        "Skelda: {} is no watch extension: events are refused. The program has to run from below "
+        "a folder whose name ends in \".appex\" and that holds an Info.plist",
+        platform::Bundle::main()->bundlePath());
     return false;
   }
   return true;

@@ -12,8 +12,8 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaAppInfoSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Utils/SkeldaLog.h"
-#include "Analytics/Watch/SkeldaPublicEntry.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
+#include "Analytics/Watch/SkeldaPublicEntry.h"
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -53,6 +53,10 @@ const std::optional<std::string>& keptAPIKey() {
     if (value.text() != nullptr && !value.text()->empty()) return *value.text();
     SKELDA_LOG(1, "API Key not provided in plist with key {}, unable to create watch session",
                kAPIKeyKey);
+    SKELDA_NOTICE(
+        "Skelda: no \"{}\" in the Info.plist of {}: events are refused. It is a text, the key of "
+        "the account that they belong to",
+        kAPIKeyKey, platform::Bundle::main()->bundlePath());
     return std::nullopt;
   }());
   return key;
@@ -91,7 +95,7 @@ bool isStarted() {
     try {
       startAgent();
     } catch (...) {
-      SKELDA_LOG(0, "Skelda: the agent could not be started, events are not logged");
+      SKELDA_NOTICE("Skelda: the agent could not be started, events are not logged");
       SkeldaUtil::handleException(std::current_exception());
     }
   });
@@ -214,7 +218,9 @@ void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
 
 void SkeldaWatch::loadWatchDebug() noexcept {
   skelda::publicEntry([] {
-    if (isSwitchedOn(kDebugKey)) SkeldaUtil::setLogLevel(kDebugLogLevel);
+    if (!isSwitchedOn(kDebugKey)) return;
+    SkeldaUtil::setLogLevel(kDebugLogLevel);
+    platform::Log::showDetails();
   });
 }
 

@@ -35,7 +35,7 @@ void becomeHost(platform::Dictionary information) {
       std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
 }
 
-const platform::Dictionary kWatch{{"Skelda Watch API Key", "KEY"},
+const platform::Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
                                   {"CFBundleIdentifier", "com.example.run"}};
 
 /// Everything that the sources send from now on.
@@ -58,14 +58,14 @@ void expect(bool isSo, const char* what) {
 const Scenario firstEvents("the first events", [] {
   auto information = kWatch;
   information.set("Skelda Watch Debug", "yes");
-  information.set("Skelda Watch User ID", "ann");
+  information.set("Skelda Watch User ID", "unseen-ann");
   becomeHost(information);
   SkeldaUserProperties::flag(SkeldaPropertySubscriber);
   SkeldaCCPA::setDataSaleOptOut(true);
   expect(SkeldaUtil::logLevel() == 0, "choices build no manager");
   const auto recorder = recordSources();
   expect(recorder->messages().empty(), "held");
-  expect(SkeldaWatch::logWatchEvent("Lap", {{"lap", 1}}) == 1, "first");
+  expect(SkeldaWatch::logWatchEvent("Lap", {{"lap", "unseen"}}) == 1, "first");
   expect(SkeldaUtil::logLevel() == 2, "the debug switch's level");
   expect(SkeldaWatch::logWatchEvent("Lap", {{"lap", "\xff"}}) == 1, "not UTF-8");
   expect(SkeldaWatch::logWatchEvent(std::string("L\0p", 3)) == 1, "second");
@@ -91,6 +91,7 @@ TEST(SkeldaWatch, TheFirstEventStartsTheAgentOnceAndLetsThroughWhatWasSaidBefore
   EXPECT_EQ(outcome.status, 0) << outcome.output;
   EXPECT_EQ(outcome.count("session init info:"), 1);
   EXPECT_EQ(outcome.count("its parameters are not UTF-8 text"), 1);
+  for (const char* value : {"unseen", "dW5zZWVu"}) EXPECT_EQ(outcome.count(value), 0) << value;
 }
 
 /// Three events of a host with that Info.plist, in that bundle.

@@ -58,11 +58,11 @@ bool SkeldaWatchStreamManager::lockStorageFolder() {
   }
   if (said.exchange(true)) return false;
   if (lock.status == StorageLock::Status::heldByOther) {
-    SKELDA_LOG(0, "Skelda: process {} holds the storage folder, nothing is logged by this one",
-               lock.holder);
+    SKELDA_NOTICE("Skelda: process {} holds the storage folder, nothing is logged by this one",
+                  lock.holder);
   } else {
-    SKELDA_LOG(0, "Skelda: the storage folder cannot be locked, nothing is logged: {}",
-               platform::description(lock.error));
+    SKELDA_NOTICE("Skelda: the storage folder cannot be locked, nothing is logged: {}",
+                  lock.error != nullptr ? lock.error->localizedDescription() : folder);
   }
   return false;
 }
