@@ -37,7 +37,9 @@ Json bareLoop(const std::filesystem::path& logs, const std::filesystem::path& sc
 /// Memory that the agent adds, its threads, and how often they wake when idle.
 Json resources(std::uint64_t events);
 /// Logs a burst as fast as it can and kills the process, at once or when the pipeline has settled.
-[[noreturn]] void burstAndKill(std::uint64_t events, bool settled);
+/// The events are numbered from 1; logs that are sent are kept as by pipeline().
+[[noreturn]] void burstAndKill(std::uint64_t events, bool settled,
+                               const std::filesystem::path& keepSent);
 /// Logs a burst and says how long after its last call all of it was durable.
 Json burstAndRest(std::uint64_t events);
 

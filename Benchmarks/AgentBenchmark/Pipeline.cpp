@@ -33,7 +33,7 @@ double lastWritten() {
 }
 
 void burst(std::uint64_t events) {
-  for (std::uint64_t i = 0; i < events; ++i) logEvent(i);
+  for (std::uint64_t i = 1; i <= events; ++i) logEvent(i);
 }
 
 }  // namespace
@@ -67,7 +67,8 @@ Json burstAndRest(std::uint64_t events) {
   return {{"events", events}, {"ms_behind", (lastWritten() - called) * 1000}, {"rested", rested}};
 }
 
-void burstAndKill(std::uint64_t events, bool settled) {
+void burstAndKill(std::uint64_t events, bool settled, const std::filesystem::path& keepSent) {
+  if (!keepSent.empty()) SentLogKeeper::install(keepSent);
   logEvent(0);
   rest();
   burst(events);

@@ -61,8 +61,10 @@ int main(int argc, char** argv) {
   bare->add_option("--scratch", scratch)->required();
   bare->add_flag("--with-transfer", withTransfer);
   add("resources", [&] { return measure::resources(events); })->add_option("--events", events);
-  auto* kill = add("kill", [&]() -> measure::Json { measure::burstAndKill(events, settled); });
+  auto* kill =
+      add("kill", [&]() -> measure::Json { measure::burstAndKill(events, settled, folder); });
   kill->add_option("--events", events);
+  kill->add_option("--keep-sent", folder);
   kill->add_flag("--settled", settled);
   add("burst", [&] { return measure::burstAndRest(events); })->add_option("--events", events);
   CLI11_PARSE(app, argc, argv);

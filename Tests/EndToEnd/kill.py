@@ -1,9 +1,11 @@
-"""Kills a host at random instants, over and over on one storage folder, and looks at the disk.
+"""Kills a host at random instants, over and over on one storage folder, and looks at the disk: what
+was durable stays, what a call had accepted is found again, and the agent's account adds up.
 
     python3 Tests/EndToEnd/kill.py COUNT [--seed N]
 """
 
 import argparse
+import collections
 import os
 import random
 import shutil
@@ -12,121 +14,196 @@ import sys
 import time
 
 import account
+import account_file
 import frame_log
-from support import FRAMES_TOOL, NOWHERE, Home, give_identifiers
+from support import FRAMES_TOOL, HOSTS, Home, give_identifiers
 
+HOST = HOSTS / "KillHost.app/PlugIns/KillHost.appex"
+REFUSED, ACCEPTED = 1, 2
+
+
+class Frames:
+    """The events of every log that was ever seen, by number, each log once: a kill between a log's
+    copy and its emptying makes the next start commit it again, with crash frames behind it."""
+
+    def __init__(self):
+        self.events = collections.Counter()
+        self.logs = {}  # the bytes of a log, by its first frame
+        self.repeats = 0
+        self.problems = []
+
+    @staticmethod
+    def _numbers(frames):
+        return collections.Counter(int(frame.event_parameters["n"]) for frame in frames if frame.type == frame_log.EVENT)
+
+    def add(self, name, data):
+        frames, torn = frame_log.readable(data)
+        if torn:
+            self.problems.append(f"{name}: {torn}")
+        if not frames:
+            return
+        known = self.logs.get(frames[0].raw, b"")
+        if known:
+            self.repeats += 1
+            if not data.startswith(known) or account.flush_of(frames) != 4:
+                self.problems.append(f"{name} repeats frames of a log that it does not go on from")
+        self.logs[frames[0].raw] = data
+        self.events += self._numbers(frame for frame in frames if frame.offset >= len(known))
+
+    def with_open(self, frames):
+        """The events, and those of the open log that no committed one has."""
+        known = len(self.logs.get(frames[0].raw, b"")) if frames else 0
+        return self.events + self._numbers(frame for frame in frames if frame.offset >= known)
+
+    def has(self, frame, first):
+        """Whether a frame is in the log that begins with that one."""
+        data = self.logs.get(first.raw, b"")
+        return data[frame.offset:frame.offset + frame.length] == frame.raw
 
 
 class Killer:
     """Keeps what the disk held right after each kill. `problems` is empty when all went well."""
 
-    def __init__(self, home, chance):
+    def __init__(self, home, chance, most):
         self.home = home
         self.chance = chance
         self.archive = home.path / "archive"  # every committed log that was ever seen, by name
         self.archive.mkdir()
-        self.problems = []
-        self.kills = self.durable = self.torn = self.committed = self.repeats = 0
+        self.told = home.path / "told"
+        self.told.write_bytes(bytes(most))
+        self.frames = Frames()
+        self.seen = set()
+        self.problems = self.frames.problems
+        self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
+        self.replayed = self.named = 0
+        self.next = self.checked = 0
         self.previous = []  # the frames of the log that the last kill left open
 
-    def once(self):
-        rate = self.chance.choice([100, 300, 1000])
-        with self.home.start("--rate", str(rate), "--events", "1000000", "--threads", "2", "--server", NOWHERE,
-                             keep_sent=self.archive) as host:
-            time.sleep(self.chance.uniform(0.0, 0.15) if self.chance.random() < 0.4 else self.chance.uniform(0.1, 0.8))
-            if host.child.poll() is not None:
-                self.problems.append(f"start {self.kills} ended by itself with {host.status}: {host.output}")
-            host.kill()
+    def start(self, events, threads, rate, end):
+        first, self.next = self.next, self.next + events
+        return self.home.start(str(first), str(events), str(threads), str(rate), end, self.told, keep_sent=self.archive,
+                               bundle=HOST)
+
+    def once(self, events=None, threads=None, end=None):
+        """A start, and a kill at or after its last call or somewhere before."""
+        threads = threads or self.chance.choice([1, 4])
+        end = end or self.chance.choice(["kill", "linger", "between"])
+        events = events or self.chance.choice([1, 5, 20, 50, 200])
+        rate = 0
+        if end == "between":
+            events, rate = 300, self.chance.choice([0, 100, 300])
+        with self.start(events, threads, rate, "kill" if end == "kill" else "linger") as host:
+            if end == "kill":
+                host.wait(60)
+            else:
+                if end == "linger":
+                    host.line_with("done")
+                time.sleep(self.chance.uniform(0.0, 0.15))
+                if host.child.poll() is not None:
+                    self.problems.append(f"start {self.kills} ended by itself with {host.status}: {host.output}")
+                host.kill()
         self.kills += 1
         self.look()
+        self.hold(f"kill {self.kills}", killed=True)
+
+    def hold(self, when, killed, home=None):
+        if not self.home.has_intake_file() and not any(self.told.read_bytes()):
+            return None  # killed before its first call had returned
+        file = account_file.of(self.home)
+        self.problems += [f"{when}: {problem}" for problem in file.problems(home, killed)]
+        return file
 
     def look(self):
+        """Takes up the logs that are new, and finds again what was durable in the open one before."""
         for path in self.home.committed_logs():
             if not (self.archive / path.name).exists():
                 shutil.copyfile(path, self.archive / path.name)
+        # Copies that a kill cut short are not there yet: their originals still are.
+        for path in sorted(self.archive.iterdir()):
+            if path.suffix != ".part" and path.name not in self.seen:
+                self.seen.add(path.name)
+                self.frames.add(path.name, path.read_bytes())
         frames, torn = [], None
         if self.home.current_log.exists():
             frames, torn = frame_log.readable(self.home.current_log.read_bytes())
         self.torn += torn is not None
-        kept = {frame.raw for frame in frames}
-        for path in self.logs():
-            kept.update(frame.raw for frame in self.frames_of(path))
-        lost = [frame for frame in self.previous if frame.raw not in kept]
+        still = {frame.raw for frame in frames}
+        lost = [frame for frame in self.previous
+                if frame.raw not in still and not self.frames.has(frame, self.previous[0])]
         if lost:
             self.problems.append(f"kill {self.kills}: {len(lost)} of {len(self.previous)} durable frames are gone, "
                                  f"first at offset {lost[0].offset}")
         self.durable += len(self.previous)
-        self.committed = len(self.logs())
         self.previous = frames
 
-    def logs(self):
-        # Copies that a kill cut short are not there yet: their originals still are.
-        return sorted(path for path in self.archive.iterdir() if path.suffix != ".part")
-
-    def frames_of(self, path):
-        frames, torn = frame_log.readable(path.read_bytes())
-        if torn:
-            self.problems.append(f"{path.name}: {torn}")
-        return frames
+    def check(self):
+        """A start that nobody kills: everything that calls had accepted is in frames then, or named."""
+        with self.start(1, 1, 0, "stored") as host:
+            status = host.wait(120)
+            if status != 0 or "stored: 1" not in host.output:
+                self.problems.append(f"the start after kill {self.kills} ended with {status}: {host.output}")
+        self.look()
+        self.checks += 1
+        file = self.hold(f"the start after kill {self.kills}", killed=False, home=self.home)
+        found = self.frames.with_open(self.previous)
+        told = self.told.read_bytes()[:self.next]
+        accepted = [number for number, answer in enumerate(told) if answer == ACCEPTED]
+        self.accepted = len(accepted)
+        missing = [number for number in accepted if found[number] == 0]
+        self.named, self.replayed = sum(file.events.dropped.values()), file.events.replayed
+        if len(missing) > self.named:
+            self.problems.append(f"the start after kill {self.kills}: {len(missing)} events are gone and {self.named} "
+                                 f"are named, the first missing is {missing[0]}")
+        if unasked := [number for number in found if told[number] == REFUSED]:
+            self.problems.append(f"{len(unasked)} refused events are there, first {unasked[0]}")
+        self.twice = sum(count > 1 for count in found.values())
+        if often := [number for number, count in found.items() if count > 2]:
+            self.problems.append(f"{len(often)} events are there more than twice, first {often[0]}")
+        return len(accepted) - len(missing)
 
     def finish(self):
-        """One start that is left alone, and the checks that are for the end."""
-        left = frame_log.readable(self.home.current_log.read_bytes())[0] if self.home.current_log.exists() else []
-        last = self.home.run("--events", "10", "--speed", "0", "--server", NOWHERE, "--linger", "20",
-                             keep_sent=self.archive)
-        if last.status != 0 or last.number("accepted") == 0:
-            self.problems.append(f"the last start: {last.output}")
-        self.look()
-        committed = {frame.raw for path in self.logs() for frame in self.frames_of(path)}
-        if [frame for frame in left if frame.raw not in committed]:
-            self.problems.append("the last start did not commit all that the last kill had left")
+        self.check()
         for part in self.archive.glob("*.part"):
             part.unlink()
         verify = subprocess.run([FRAMES_TOOL, "--verify", self.archive], capture_output=True, text=True, timeout=300)
         if verify.returncode != 0:
             self.problems.append(f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
-        self.check_repeats()
-        self.check_leftovers()
-        self.committed = len(self.logs())
-
-    def check_repeats(self):
-        """An event stands twice only where a log was committed again with crash frames behind it."""
-        first = {}
-        repeated = set()
-        for path in self.logs():
-            data = path.read_bytes()
-            for frame in frame_log.readable(data)[0]:
-                if frame.type != frame_log.EVENT:
-                    continue
-                other = first.setdefault(frame.raw, path)
-                if other != path and (other, path) not in repeated:
-                    repeated.add((other, path))
-                    if not data.startswith(other.read_bytes()) or account.flush_of(frame_log.frames_of(data)) != 4:
-                        self.problems.append(f"{path.name} repeats frames of {other.name}")
-        self.repeats = len(repeated)
-        if self.repeats > self.kills:
-            self.problems.append(f"{self.repeats} repeated logs by {self.kills} kills")
-
-    def check_leftovers(self):
+        if self.frames.repeats > self.kills:
+            self.problems.append(f"{self.frames.repeats} repeated logs by {self.kills} kills")
+        if self.twice > self.kills * 50:
+            self.problems.append(f"{self.twice} events twice by {self.kills} kills")
         if self.home.leftovers():
             self.problems.append(f"left behind: {self.home.leftovers()}")
         if len(self.home.blocks()) > 51:
             self.problems.append(f"{len(self.home.blocks())} blocks")
 
     def __str__(self):
-        return (f"{self.kills} kills, {self.torn} torn logs repaired, {self.durable} durable frames found again, "
-                f"{self.committed} logs committed, {self.repeats} committed twice, {len(self.problems)} problems")
+        return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted and found, "
+                f"{self.named} of them dropped by name, {self.replayed} taken up again, {self.twice} there twice; "
+                f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
+                f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
 
 
 def kill_often(count, seed, on_disk=True, progress=lambda killer: None):
     with Home(on_disk=on_disk) as home:
         give_identifiers(home)
-        killer = Killer(home, random.Random(seed))
+        killer = Killer(home, random.Random(seed), most=(count + 2) * 400 + 2000)
         for _ in range(count):
             killer.once()
+            if killer.chance.random() < 0.5:
+                killer.check()
             progress(killer)
         killer.finish()
         return killer
+
+
+def survivors(threads):
+    """Of 1,000 calls, at a kill behind the last of them, after the next start."""
+    with Home() as home:
+        give_identifiers(home)
+        killer = Killer(home, random.Random(0), most=1002)
+        killer.once(events=1000, threads=threads, end="kill")
+        return killer.check() - 1, killer
 
 
 def main():
@@ -135,6 +212,12 @@ def main():
     parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
     options = parser.parse_args()
     print(f"seed {options.seed}", flush=True)
+    for threads in (1, 4):
+        kept, killer = survivors(threads)
+        print(f"{kept} of 1,000 events by {threads} threads are there after a kill behind the last call", flush=True)
+        if kept != 1000 or killer.problems:
+            print("\n".join(killer.problems))
+            return 1
 
     def progress(killer):
         if killer.kills % 20 == 0:

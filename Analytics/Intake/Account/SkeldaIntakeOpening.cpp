@@ -1,6 +1,5 @@
 // How the intake file comes to be: made, found, taken over from another version, put right.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/mman.h>
@@ -17,6 +16,7 @@
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Foundation/TextCoding.h"
 
@@ -169,16 +169,12 @@ class SkeldaIntakeOpening {
   // ---- Files of other versions
 
   std::vector<std::string> others() const {
-    std::vector<std::string> names;
-    ::DIR* folder = ::opendir(name_.folder.c_str());
-    if (folder == nullptr) return names;
-    while (const ::dirent* entry = ::readdir(folder)) {
-      if (name_.isOfOtherVersion(entry->d_name)) names.emplace_back(entry->d_name);
-    }
-    ::closedir(folder);
-    std::sort(names.begin(), names.end());
-    for (std::string& name : names) name = name_.folder + "/" + name;
-    return names;
+    auto names = platform::FileManager::defaultManager()->contentsOfDirectoryAtPath(name_.folder);
+    if (!names) return {};
+    std::erase_if(*names, [this](const auto& name) { return !name_.isOfOtherVersion(name); });
+    std::sort(names->begin(), names->end());
+    for (std::string& name : *names) name = name_.folder + "/" + name;
+    return *std::move(names);
   }
 
   /// The other version's file becomes this one's by one rename: no kill can count it twice.
@@ -267,8 +263,7 @@ class SkeldaIntakeOpening {
     std::memcpy(bytes, head.data(), sizeof bytes);
     if (!isSound(*std::launder(reinterpret_cast<Page*>(bytes)), length)) return EBADMSG;
     // A copy of the file may have lost blocks that were nothing but zeros.
-    struct ::stat now = status;
-    if (static_cast<std::size_t>(now.st_blocks) * 512 < length &&
+    if (static_cast<std::size_t>(status.st_blocks) * 512 < length &&
         (error = allocate(file, length)) != 0) {
       return error;
     }

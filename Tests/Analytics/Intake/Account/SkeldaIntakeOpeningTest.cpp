@@ -52,8 +52,7 @@ struct Told {
   std::atomic<bool> isAtWork;
 };
 
-void work(const IntakeFiles& files, Told& told, std::mt19937 chance) {
-  const auto file = files.open();
+void work(const std::shared_ptr<SkeldaIntakeFile>& file, Told& told, std::mt19937 chance) {
   for (std::size_t thread = 0; thread < told.threads.size(); ++thread) {
     std::thread([file, &mine = told.threads[thread], thread, sizes = chance]() mutable {
       for (std::uint64_t index = mine.returned + 1;; ++index) {
@@ -83,23 +82,25 @@ void work(const IntakeFiles& files, Told& told, std::mt19937 chance) {
 }
 
 TEST_F(SkeldaIntakeOpeningTest, AKillAtAnyInstantLosesNoCallThatHadReturned) {
-  auto* told = static_cast<Told*>(::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE,
-                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* told = static_cast<Told*>(
+      ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(told, MAP_FAILED);
   std::mt19937 chance(20260101);
   std::uint64_t cutOff = 0;
   std::uint64_t twice = 0;
   for (int kill = 0; kill < 200; ++kill) {
+    // In the smaller one callers wait for room most of the time, and it is gone round many times.
+    const std::size_t capacity = kill % 5 == 0 ? 32 * kCapacity : kCapacity;
     {
       told->isAtWork = false;
       ChildProcess child([&] {
-        work(*this, *told, chance);
+        work(open(kKey, capacity), *told, chance);
         return 0;
       });
       while (!told->isAtWork) std::this_thread::yield();
       std::this_thread::sleep_for(std::chrono::microseconds(chance() % 3000));
     }
-    const auto file = open();
+    const auto file = open(kKey, capacity);
     ASSERT_FALSE(file->opening().wasInconsistent) << kill;
     ASSERT_TRUE(addsUp(*file)) << kill;
     const auto& opening = file->opening();
