@@ -22,6 +22,7 @@ import sys
 import threading
 import time
 
+import account_file
 import frame_log
 from support import Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
 
@@ -188,6 +189,13 @@ class Chaos:
         self.host.kill()
         self.host.__exit__()
         self.host_lines += self.host.lines
+        self.hold_account(killed=True)
+
+    def hold_account(self, killed):
+        """Of events and choices. Logs and blocks are tampered with, which the agent cannot count."""
+        if self.home.has_intake_file():
+            self.problems += [f"after {self.counts['kills']} kills: {problem}"
+                              for problem in account_file.of(self.home).problems(killed=killed)]
 
     def restart_collector(self, *arguments, away=0.0):
         self.collector.stop()
@@ -312,6 +320,7 @@ class Chaos:
         for _ in range(2):
             with self.start("--rate", "20", "--events", "40", "--linger", "60") as last:
                 last.wait(120)
+            self.hold_account(killed=False)
         waiting = eventually(lambda: not self.home.blocks() and not self.home.committed_logs(), within=5)
         if not waiting:
             self.problems.append(f"{len(self.home.blocks())} blocks and {len(self.home.committed_logs())} committed "

@@ -97,6 +97,9 @@ class Home:
             return [p for p in self.storage.iterdir() if len(p.name) == 36 and p.name.count("-") == 4]
         return []
 
+    def has_intake_file(self):
+        return any(self.storage.glob(".skeldaIntake_*.journal"))
+
     def leftovers(self):
         """Files that are there only while another one is written."""
         return [p.name for p in [*self.storage.iterdir(), *self.support.iterdir()]

@@ -179,8 +179,8 @@ std::optional<SkeldaIntakeFile::Record> SkeldaIntakeFile::takeOldest() {
   record.sequence = slot.sequence();
   record.microsecondsSince1970 = slot.microsecondsSince1970;
   record.uptimeMilliseconds = slot.uptimeMilliseconds;
-  record.isOfThisBoot = slot.boot == boot_;
   record.isReplayed = place.word() < earlierRuns_;
+  record.isOfThisBoot = !record.isReplayed || (slot.boot == boot_ && boot_ != 0);
   record.payload.assign(slot.payload(), slot.length);
   if (record.isReplayed) {
     State state = State::of(slot.state.load(std::memory_order_relaxed), salt_);
