@@ -75,14 +75,14 @@ class Killer:
         self.seen = set()
         self.problems = self.frames.problems
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
-        self.replayed = self.named = 0
+        self.replayed, self.named = 0, collections.Counter()
         self.next = self.checked = 0
         self.previous = []  # the frames of the log that the last kill left open
 
     def start(self, events, threads, rate, end):
         first, self.next = self.next, self.next + events
-        return self.home.start(str(first), str(events), str(threads), str(rate), end, self.told, keep_sent=self.archive,
-                               bundle=HOST)
+        return self.home.start(str(first), str(events), str(threads), str(rate), end, self.told, bundle=HOST,
+                               environment=self.home.environment(SKELDA_TEST_KEEP_REMOVED=self.archive))
 
     def once(self, events=None, threads=None, end=None):
         """A start, and a kill at or after its last call or somewhere before."""
@@ -118,9 +118,8 @@ class Killer:
         for path in self.home.committed_logs():
             if not (self.archive / path.name).exists():
                 shutil.copyfile(path, self.archive / path.name)
-        # Copies that a kill cut short are not there yet: their originals still are.
         for path in sorted(self.archive.iterdir()):
-            if path.suffix != ".part" and path.name not in self.seen:
+            if path.name not in self.seen:
                 self.seen.add(path.name)
                 self.frames.add(path.name, path.read_bytes())
         frames, torn = [], None
@@ -144,16 +143,16 @@ class Killer:
                 self.problems.append(f"the start after kill {self.kills} ended with {status}: {host.output}")
         self.look()
         self.checks += 1
-        file = self.hold(f"the start after kill {self.kills}", killed=False, home=self.home)
+        file = self.hold(f"the start after kill {self.kills}", killed=False)
         found = self.frames.with_open(self.previous)
         told = self.told.read_bytes()[:self.next]
         accepted = [number for number, answer in enumerate(told) if answer == ACCEPTED]
         self.accepted = len(accepted)
         missing = [number for number in accepted if found[number] == 0]
-        self.named, self.replayed = sum(file.events.dropped.values()), file.events.replayed
-        if len(missing) > self.named:
-            self.problems.append(f"the start after kill {self.kills}: {len(missing)} events are gone and {self.named} "
-                                 f"are named, the first missing is {missing[0]}")
+        self.named, self.replayed = collections.Counter(file.events.dropped), file.events.replayed
+        if len(missing) > self.named.total():
+            self.problems.append(f"the start after kill {self.kills}: {len(missing)} events are gone and "
+                                 f"{+self.named} are named, the first missing is {missing[0]}")
         if unasked := [number for number in found if told[number] == REFUSED]:
             self.problems.append(f"{len(unasked)} refused events are there, first {unasked[0]}")
         self.twice = sum(count > 1 for count in found.values())
@@ -163,8 +162,6 @@ class Killer:
 
     def finish(self):
         self.check()
-        for part in self.archive.glob("*.part"):
-            part.unlink()
         verify = subprocess.run([FRAMES_TOOL, "--verify", self.archive], capture_output=True, text=True, timeout=300)
         if verify.returncode != 0:
             self.problems.append(f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
@@ -179,7 +176,7 @@ class Killer:
 
     def __str__(self):
         return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted and found, "
-                f"{self.named} of them dropped by name, {self.replayed} taken up again, {self.twice} there twice; "
+                f"{dict(+self.named)} of them dropped by name, {self.replayed} taken up again, {self.twice} there twice; "
                 f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
                 f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
 

@@ -47,10 +47,13 @@ int main(int count, char** arguments) {
   char* told = mapped(arguments[6]);
   if (told == nullptr) return 2;
 
+  // Nobody listens there: what is committed ends as blocks, as it does off line.
+  SkeldaWatch::setServerURL("https://127.0.0.1:9/v1/skd.do");
   const auto began = Clock::now();
   const auto work = [&](long thread) {
     for (long i = thread; i < events; i += threads) {
-      if (rate > 0) std::this_thread::sleep_until(began + i / threads * std::chrono::seconds(1) / rate);
+      if (rate > 0)
+        std::this_thread::sleep_until(began + i / threads * std::chrono::seconds(1) / rate);
       const unsigned answer = SkeldaWatch::logWatchEvent("numbered", {{"n", first + i}});
       told[first + i] = static_cast<char>(answer + 1);
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <random>
 #include <set>
@@ -124,12 +125,18 @@ TEST_F(SkeldaIntakeFileTest, WaitingEndsWithWhatWasThereAtItsBegin) {
     file->settle(taken[i], SkeldaIntakeOutcome::stored);
   }
   EXPECT_FALSE(file->waitUntilSettled(steady_clock::now() + std::chrono::milliseconds(1)));
+  std::atomic<bool> isOver{false};
   inThreads(2, [&](unsigned thread) {
     if (thread == 0) {
       EXPECT_TRUE(file->waitUntilSettled(inTwentySeconds()));
-    } else {
+      isOver = true;
+      return;
+    }
+    // From then on one that came later is always under way.
+    for (SkeldaIntakeTicket before = taken[0]; !isOver;) {
       append(*file, payload);
-      file->settle(taken[0], SkeldaIntakeOutcome::stored);
+      file->settle(before, SkeldaIntakeOutcome::stored);
+      before = file->takeOldest().value().ticket;
     }
   });
 }

@@ -280,12 +280,12 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
   for (const char* kind : {"open", "allocate", "write", "rename"}) {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind(kind, 1, {.error = ENOSPC});
+    plan->failKind(kind, 1, {.error = EIO, .times = Fault::kForEver});
     platform::ErrorRef error;
     const auto file = SkeldaIntakeFile::open(path_, kCapacity, kKey, &error);
     EXPECT_FALSE(file->isProtected()) << kind;
     ASSERT_NE(error, nullptr) << kind;
-    EXPECT_EQ(error->code(), ENOSPC) << kind;
+    EXPECT_EQ(error->code(), EIO) << kind;
     EXPECT_EQ(file->capacity(), kCapacity) << kind;
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket) << kind;
     EXPECT_EQ(names(), std::vector<std::string>{}) << kind;
@@ -294,7 +294,7 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
   {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EMFILE});
+    plan->failKind("open", 1, {.error = EACCES, .times = Fault::kForEver});
     EXPECT_FALSE(SkeldaIntakeFile::open(path_, kCapacity, kKey)->isProtected());
   }
   EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"kept"});

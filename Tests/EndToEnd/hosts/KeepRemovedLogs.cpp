@@ -1,0 +1,38 @@
+// Linked beside a watch application: from before its main on, whatever becomes of a committed log,
+// it stays in the folder of SKELDA_TEST_KEEP_REMOVED under its name.
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "Platform/Foundation/FileCalls.h"
+
+namespace {
+
+class Keeping : public skelda::platform::FileCalls {
+ public:
+  explicit Keeping(std::string folder) : folder_(std::move(folder)) {}
+  int unlink(const char* path) override {
+    const std::string_view name =
+        std::string_view(path).substr(std::string_view(path).rfind('/') + 1);
+    if (name.starts_with(".skeldaCommitedFrameLog_")) {
+      // It may be there: a kill fell between this and the removal.
+      if (::link(path, (folder_ + '/' + std::string(name)).c_str()) != 0 && errno != EEXIST)
+        return -1;
+    }
+    return FileCalls::unlink(path);
+  }
+
+ private:
+  const std::string folder_;
+};
+
+const bool kKept = [] {
+  const char* folder = std::getenv("SKELDA_TEST_KEEP_REMOVED");
+  if (folder != nullptr) skelda::platform::FileCalls::install(new Keeping(folder));
+  return folder != nullptr;
+}();
+
+}  // namespace
