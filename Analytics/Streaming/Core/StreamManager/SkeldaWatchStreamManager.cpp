@@ -14,9 +14,9 @@
 #include "Analytics/Utils/SkeldaGuardedResult.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Foundation/FileManager.h"
-#include "Platform/Foundation/NeverDestroyed.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Platform/Security/CryptographyLifetime.h"
 

@@ -8,7 +8,7 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {

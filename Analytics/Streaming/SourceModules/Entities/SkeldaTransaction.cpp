@@ -4,7 +4,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {

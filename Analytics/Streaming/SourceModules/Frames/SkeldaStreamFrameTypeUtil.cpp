@@ -1,6 +1,6 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Platform.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
-#include "Platform/Foundation/NeverDestroyed.h"
+#include "Platform/Base/NeverDestroyed.h"
 
 const std::shared_ptr<SkeldaConsentCore>& SkeldaConsentCore::sharedInstance() {
   static platform::NeverDestroyed<std::shared_ptr<SkeldaConsentCore>> instance(

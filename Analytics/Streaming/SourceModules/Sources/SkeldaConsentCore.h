@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaConsentObserver.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Mutex.h"
 #include "Platform/Platform.h"
 #include "Skelda_Watch/SkeldaConsent.h"
 
