@@ -137,7 +137,7 @@ platform::ObjectRef SkeldaStreamBaseManager::madeOrLeftOut(const std::string& cl
 
 void SkeldaStreamBaseManager::leaveOut(const std::string& className, const std::string& key,
                                        std::string_view reason) {
-  SKELDA_LOG(1, "Skelda: {} is left out: {}", className, reason);
+  SKELDA_NOTICE("Skelda: {} is left out: {}", className, reason);
   leftOut_.insert(className);
   if (!key.empty()) leftOut_.insert(key);
 }
@@ -255,8 +255,8 @@ void SkeldaStreamBaseManager::startup(const Keys& keys) {
         provider->startup();
       }
     } catch (...) {
-      SKELDA_LOG(1, "Skelda: {} did not start: {}", key,
-                 skelda::reasonOf(std::current_exception()));
+      SKELDA_NOTICE("Skelda: {} did not start: {}", key,
+                    skelda::reasonOf(std::current_exception()));
     }
   }
 }

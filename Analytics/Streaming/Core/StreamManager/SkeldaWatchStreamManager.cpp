@@ -34,8 +34,8 @@ std::shared_ptr<SkeldaWatchStreamManager> SkeldaWatchStreamManager::manager() {
       *manager = managerOfLockedFolder();
     } catch (...) {
       // Counts as done: the calls that come later find nothing and are refused in silence.
-      SKELDA_LOG(0, "Skelda: the agent could not be built, nothing is logged: {}",
-                 skelda::reasonOf(std::current_exception()));
+      SKELDA_NOTICE("Skelda: the agent could not be built, nothing is logged: {}",
+                    skelda::reasonOf(std::current_exception()));
       SkeldaUtil::handleException(std::current_exception());
     }
   });
