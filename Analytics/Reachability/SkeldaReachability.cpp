@@ -1,7 +1,7 @@
 #include "Analytics/Reachability/SkeldaReachability.h"
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"

@@ -44,7 +44,7 @@ std::string intakeJournal();
 
 std::string currentFrameLogName();
 std::string currentFrameLog();
-/// Where an open log goes that cannot be read.
+/// Where goes what cannot be read, or is no file.
 std::string setAside(std::string_view path, double secondsSince1970);
 std::string crashedFrameLogName();
 

@@ -1,22 +1,24 @@
 #include "Analytics/Utils/SkeldaKVStorage.h"
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
 struct Shared {
-  std::mutex mutex;
-  std::shared_ptr<SkeldaKVStorage> instance;
+  platform::Mutex mutex;
+  std::shared_ptr<SkeldaKVStorage> instance GUARDED_BY(mutex);
 };
 
 Shared& shared() {
-  static Shared& state = *new Shared;
-  return state;
+  static platform::NeverDestroyed<Shared> state;
+  return *state;
 }
 
 /// Deeper values could not be archived, and would keep every later change off the disk.
@@ -48,14 +50,14 @@ void apply(platform::Dictionary& dictionary, const std::string& key, const platf
 
 std::shared_ptr<SkeldaKVStorage> SkeldaKVStorage::sharedInstance() {
   Shared& state = shared();
-  std::lock_guard lock(state.mutex);
+  const platform::MutexLock lock(state.mutex);
   if (state.instance == nullptr) state.instance = storageWithFile(defaultFilePath());
   return state.instance;
 }
 
 void SkeldaKVStorage::resetSharedInstance() {
   Shared& state = shared();
-  std::unique_lock lock(state.mutex);
+  platform::MutexLock lock(state.mutex);
   const auto old = std::exchange(state.instance, nullptr);
   lock.unlock();
   // What was posted to the old one is on disk before a new one reads.
@@ -67,18 +69,18 @@ std::shared_ptr<SkeldaKVStorage> SkeldaKVStorage::storageWithFile(std::string pa
 }
 
 std::string SkeldaKVStorage::defaultFilePath() {
-  // No separator: the file stands beside the folder, where every earlier version put it.
-  return SkeldaUtil::filePathDirectory() + "Skelda.KV.storage";
+  return SkeldaAgentFiles::kvStorage();
 }
 
 SkeldaKVStorage::SkeldaKVStorage(std::string path)
     : SkeldaActor("SkeldaKVStorage"), path_(std::move(path)) {}
 
 void SkeldaKVStorage::didInit() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_load(); });
+  post<&SkeldaKVStorage::onqueue_load>();
 }
 
 void SkeldaKVStorage::onqueue_load() {
+  SKELDA_ON_QUEUE();
   if (loaded_) return;
   platform::ErrorRef error;
   auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(path_, &error);
@@ -97,10 +99,12 @@ void SkeldaKVStorage::onqueue_load() {
 }
 
 void SkeldaKVStorage::onqueue_save() {
+  SKELDA_ON_QUEUE();
   saved_ = SkeldaUtil::archiveDictionary(dictionary_, path_);
 }
 
 void SkeldaKVStorage::onqueue_change(std::string key, platform::Value value) {
+  SKELDA_ON_QUEUE();
   onqueue_load();
   apply(dictionary_, key, value);
   if (loaded_) {
@@ -111,6 +115,7 @@ void SkeldaKVStorage::onqueue_change(std::string key, platform::Value value) {
 }
 
 void SkeldaKVStorage::onqueue_removeAll() {
+  SKELDA_ON_QUEUE();
   // Whatever the file holds is to go, so that it need not be read any more.
   loaded_ = true;
   pending_.clear();
@@ -128,9 +133,7 @@ bool SkeldaKVStorage::isStorable(const platform::Value& object,
 void SkeldaKVStorage::set(platform::Value object, const std::optional<std::string>& key,
                           std::string_view method) {
   if (!isStorable(object, key, method)) return;
-  asyncBlock([self = selfOf(this), key = *key, object = std::move(object)]() mutable {
-    self->onqueue_change(std::move(key), std::move(object));
-  });
+  post<&SkeldaKVStorage::onqueue_change>(*key, std::move(object));
 }
 
 void SkeldaKVStorage::setObject(const platform::Value& object,
@@ -138,10 +141,20 @@ void SkeldaKVStorage::setObject(const platform::Value& object,
   set(object, key, "-[SkeldaKVStorage setObject:forKey:]");
 }
 
-void SkeldaKVStorage::storeObject(const platform::Value& object,
+bool SkeldaKVStorage::storeObject(const platform::Value& object,
                                   const std::optional<std::string>& key) {
-  if (!isStorable(object, key, "-[SkeldaKVStorage storeObject:forKey:]")) return;
+  if (!isStorable(object, key, "-[SkeldaKVStorage storeObject:forKey:]")) return false;
   syncBlock([&] { onqueue_change(*key, object); });
+  return isPersisted();
+}
+
+bool SkeldaKVStorage::isReadable() {
+  bool readable = false;
+  syncBlock([&] {
+    onqueue_load();
+    readable = loaded_;
+  });
+  return readable;
 }
 
 void SkeldaKVStorage::setString(const std::optional<std::string>& text,
@@ -173,13 +186,11 @@ void SkeldaKVStorage::setBoolean(bool value, const std::optional<std::string>& k
 
 void SkeldaKVStorage::removeObjectForKey(const std::optional<std::string>& key) {
   if (!SkeldaUtil::assertNotNil(key, "-[SkeldaKVStorage removeObjectForKey:]")) return;
-  asyncBlock([self = selfOf(this), key = *key]() mutable {
-    self->onqueue_change(std::move(key), platform::Value());
-  });
+  post<&SkeldaKVStorage::onqueue_change>(*key, platform::Value());
 }
 
 void SkeldaKVStorage::removeAllObjects() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_removeAll(); });
+  post<&SkeldaKVStorage::onqueue_removeAll>();
 }
 
 platform::Value SkeldaKVStorage::objectForKey(const std::optional<std::string>& key) {

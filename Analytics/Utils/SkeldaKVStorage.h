@@ -17,11 +17,12 @@
 /// A small persistent dictionary of property-list values: in memory, and written whole to one
 /// archive file, atomically and synchronised, after every change. Writes are posted to its queue
 /// and return at once; reads wait on it, so that a read after a write of the same thread sees the
-/// write, and when a read returns the writes before it are on disk.
+/// write. A change that could not be written lives in memory and goes with the next one:
+/// storeObject() and isPersisted() say what is on disk.
 ///
-/// A file that is absent or malformed is an empty store. A file that cannot be read just now is
-/// tried again at every operation; until then what is set lives in memory only and the file is left
-/// alone, then what was set meanwhile wins.
+/// A file that is absent or malformed is an empty store; what stands in its place and is no file is
+/// set aside. A file that cannot be read just now is tried again at every operation; until then
+/// what is set lives in memory only and the file is left alone, then what was set meanwhile wins.
 class SkeldaKVStorage : public SkeldaActor {
  public:
   static std::shared_ptr<SkeldaKVStorage> sharedInstance();
@@ -43,9 +44,9 @@ class SkeldaKVStorage : public SkeldaActor {
   void setFloat(float value, const std::optional<std::string>& key);
   void setDouble(double value, const std::optional<std::string>& key);
   void setBoolean(bool value, const std::optional<std::string>& key);
-  /// As setObject(), but waits: when it returns the change is on disk. On the caller's own thread
+  /// As setObject(), but waits, and says whether the change is on disk. On the caller's own thread
   /// where the store has nothing else to do, which spares two changes of thread.
-  void storeObject(const platform::Value& object, const std::optional<std::string>& key);
+  bool storeObject(const platform::Value& object, const std::optional<std::string>& key);
   void removeObjectForKey(const std::optional<std::string>& key);
   void removeAllObjects();
 
@@ -71,7 +72,9 @@ class SkeldaKVStorage : public SkeldaActor {
   /// Enumerates a copy of the keys.
   void forEachKey(const std::function<void(const std::string& key)>& visit);
 
-  /// Whether the last change reached the disk.
+  /// Whether what the file holds is known; asks it once more where it is not.
+  bool isReadable();
+  /// Whether the last change, be it a removal, reached the disk.
   bool isPersisted();
 
  private:

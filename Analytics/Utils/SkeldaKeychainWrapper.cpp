@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Platform/Security/Keychain.h"
@@ -9,20 +10,11 @@
 namespace {
 
 using platform::KeychainAccessibility;
+using skelda::guardedResult;
 
 platform::KeychainQuery search(const std::string& service, std::string_view key) {
   const platform::Data bytes{std::string(key)};
   return {service, bytes, bytes};
-}
-
-/// Runs one operation; what it throws, want of memory included, is `failure`.
-template <class Result, class Operation>
-Result contained(Result failure, Operation operation) noexcept {
-  try {
-    return operation();
-  } catch (...) {
-    return failure;
-  }
 }
 
 bool update(const std::string& service, const std::optional<platform::Data>& data,
@@ -33,7 +25,7 @@ bool update(const std::string& service, const std::optional<platform::Data>& dat
 
 bool add(const std::string& service, const std::optional<platform::Data>& data,
          std::string_view key, KeychainAccessibility accessibility) noexcept {
-  return contained(false, [&] {
+  return guardedResult(false, [&] {
     if (key.empty() || !data) return false;
     switch (platform::SecItemAdd(search(service, key), *data, accessibility)) {
       case platform::errSecSuccess:
@@ -73,16 +65,16 @@ bool SkeldaKeychainWrapper::setThisDeviceData(const std::optional<platform::Data
 
 bool SkeldaKeychainWrapper::setString(const std::optional<std::string>& text,
                                       std::string_view key) noexcept {
-  return contained(false, [&] { return setData(encoded(text), key); });
+  return guardedResult(false, [&] { return setData(encoded(text), key); });
 }
 
 bool SkeldaKeychainWrapper::setThisDeviceString(const std::optional<std::string>& text,
                                                 std::string_view key) noexcept {
-  return contained(false, [&] { return setThisDeviceData(encoded(text), key); });
+  return guardedResult(false, [&] { return setThisDeviceData(encoded(text), key); });
 }
 
 bool SkeldaKeychainWrapper::setStrings(const platform::Dictionary& textsByKey) noexcept {
-  return contained(false, [&] {
+  return guardedResult(false, [&] {
     std::vector<platform::KeychainNewItem> items;
     for (const auto& [key, text] : textsByKey) {
       if (key.empty() || text.text() == nullptr) return false;
@@ -95,12 +87,12 @@ bool SkeldaKeychainWrapper::setStrings(const platform::Dictionary& textsByKey) n
 
 bool SkeldaKeychainWrapper::setObject(const std::optional<platform::KeyedArchive>& object,
                                       std::string_view key) noexcept {
-  return contained(
+  return guardedResult(
       false, [&] { return object.has_value() && setData(platform::archivedData(*object), key); });
 }
 
 bool SkeldaKeychainWrapper::isAbsent(std::string_view key) const noexcept {
-  return contained(false, [&] {
+  return guardedResult(false, [&] {
     const auto status = platform::SecItemCopyMatching(search(identifier_, key), nullptr);
     return status == platform::errSecItemNotFound || status == platform::errSecDecode;
   });
@@ -108,7 +100,7 @@ bool SkeldaKeychainWrapper::isAbsent(std::string_view key) const noexcept {
 
 std::optional<platform::Data> SkeldaKeychainWrapper::dataForKey(
     std::string_view key) const noexcept {
-  return contained(std::optional<platform::Data>(), [&] {
+  return guardedResult(std::optional<platform::Data>(), [&] {
     platform::Data data;
     const auto status = platform::SecItemCopyMatching(search(identifier_, key), &data);
     return status == platform::errSecSuccess ? std::optional(std::move(data)) : std::nullopt;
@@ -124,7 +116,7 @@ std::optional<std::string> SkeldaKeychainWrapper::stringForKey(
 
 std::optional<platform::KeyedArchive> SkeldaKeychainWrapper::objectForKey(
     std::string_view key) const noexcept {
-  return contained(std::optional<platform::KeyedArchive>(), [&] {
+  return guardedResult(std::optional<platform::KeyedArchive>(), [&] {
     const auto data = dataForKey(key);
     return data ? std::optional(platform::unarchivedObject(*data)) : std::nullopt;
   });
@@ -132,11 +124,11 @@ std::optional<platform::KeyedArchive> SkeldaKeychainWrapper::objectForKey(
 
 bool SkeldaKeychainWrapper::updateValueData(const std::optional<platform::Data>& data,
                                             std::string_view key) noexcept {
-  return contained(false, [&] { return update(identifier_, data, key); });
+  return guardedResult(false, [&] { return update(identifier_, data, key); });
 }
 
 bool SkeldaKeychainWrapper::removeObjectForKey(std::string_view key) noexcept {
-  return contained(false, [&] {
+  return guardedResult(false, [&] {
     return platform::SecItemDelete(search(identifier_, key)) == platform::errSecSuccess;
   });
 }

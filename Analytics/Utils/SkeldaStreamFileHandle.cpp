@@ -1,13 +1,13 @@
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 
-#include <mutex>
 #include <utility>
 
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Analytics/Utils/skelda_defer_cleanup_block.h"
-#include "Platform/Foundation/Exception.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
@@ -15,15 +15,9 @@ namespace {
 using Errors = SkeldaStreamErrorConstants;
 
 /// One lock for all handles of the process. Never destroyed: frames are written while it exits.
-std::recursive_mutex& fileHandleLock() {
-  static auto& lock = *new std::recursive_mutex;
-  return lock;
-}
-
-/// Takes the lock for the rest of the scope, whichever way it is left.
-auto lockUntilScopeExit() {
-  fileHandleLock().lock();
-  return skelda_defer_cleanup_block([] { fileHandleLock().unlock(); });
+platform::RecursiveMutex& fileHandleLock() {
+  static platform::NeverDestroyed<platform::RecursiveMutex> lock;
+  return *lock;
 }
 
 void fail(platform::ErrorRef* error, Errors::Code code) {
@@ -33,20 +27,13 @@ void fail(platform::ErrorRef* error, Errors::Code code) {
 /// Runs `operation`; whatever it throws is reported and given to `caught` as text.
 template <class Operation, class Caught>
 bool succeeds(Operation operation, Caught caught) {
-  try {
-    operation();
-    return true;
-  } catch (const platform::Exception& exception) {
-    SkeldaUtil::handleException(exception);
-    caught(exception.reason());
-  } catch (const std::exception& exception) {
-    SkeldaUtil::handleException(exception);
-    caught(std::string(exception.what()));
-  } catch (...) {
-    SkeldaUtil::handleException(std::current_exception());
-    caught(std::string("(unknown)"));
-  }
-  return false;
+  return skelda::guardedResult(
+      false,
+      [&] {
+        operation();
+        return true;
+      },
+      caught);
 }
 
 constexpr auto kSilently = [](const std::string&) {};
@@ -73,7 +60,7 @@ std::shared_ptr<platform::FileHandle> SkeldaStreamFileHandle::fileHandleForReadi
 }
 
 bool SkeldaStreamFileHandle::isOpenFile(const Path& path) {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   return SkeldaUtil::assertNotNil(path) && fileHandle_ != nullptr && openFilePath_ == path;
 }
 
@@ -87,7 +74,7 @@ void SkeldaStreamFileHandle::openForReadingFile(const Path& path, platform::Erro
 
 void SkeldaStreamFileHandle::openFile(const Path& path, Mode mode, std::string_view method,
                                       platform::ErrorRef* error) {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   platform::setError(error, nullptr);
   if (!SkeldaUtil::assertNotNil(path, method)) return fail(error, Errors::kFunctionGuardFailure);
   if (!hasURL(*path)) {
@@ -113,7 +100,7 @@ void SkeldaStreamFileHandle::openFile(const Path& path, Mode mode, std::string_v
 std::optional<platform::Data> SkeldaStreamFileHandle::readDataOfLength(std::size_t length,
                                                                        platform::ErrorRef* error) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle readDataOfLength:error:]";
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   platform::setError(error, nullptr);
   if (!SkeldaUtil::assertNotNil(fileHandle_, kMethod) ||
       !SkeldaUtil::assert_(length != 0, kMethod)) {
@@ -133,7 +120,7 @@ std::optional<platform::Data> SkeldaStreamFileHandle::readDataOfLength(std::size
 std::optional<platform::Data> SkeldaStreamFileHandle::availableDataWithError(
     platform::ErrorRef* error) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle availableDataWithError:]";
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   platform::setError(error, nullptr);
   if (!SkeldaUtil::assertNotNil(fileHandle_, kMethod)) {
     fail(error, Errors::kFunctionGuardFailure);
@@ -146,7 +133,7 @@ std::optional<platform::Data> SkeldaStreamFileHandle::availableDataWithError(
 }
 
 bool SkeldaStreamFileHandle::seekToEndOfFile() {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   if (!SkeldaUtil::assertNotNil(fileHandle_)) return false;
   return succeeds([&] { fileHandle_->seekToEndOfFile(); },
                   [](const std::string& exception) {
@@ -158,7 +145,7 @@ bool SkeldaStreamFileHandle::seekToEndOfFile() {
 void SkeldaStreamFileHandle::writeData(const std::optional<platform::Data>& data,
                                        platform::ErrorRef* error) {
   constexpr std::string_view kMethod = "-[SkeldaStreamFileHandle writeData:error:]";
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   platform::setError(error, nullptr);
   if (!SkeldaUtil::assertNotNil(data, kMethod) || !SkeldaUtil::assertNotNil(fileHandle_, kMethod)) {
     return fail(error, Errors::kFunctionGuardFailure);
@@ -172,26 +159,26 @@ void SkeldaStreamFileHandle::writeData(const std::optional<platform::Data>& data
 }
 
 void SkeldaStreamFileHandle::closeFile() {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   if (fileHandle_ != nullptr) succeeds([&] { fileHandle_->closeFile(); }, kSilently);
   // The path stays; isOpenFile asks for the handle first.
   fileHandle_ = nullptr;
 }
 
 bool SkeldaStreamFileHandle::truncateFileToZeroBytes() {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   return SkeldaUtil::assertNotNil(fileHandle_,
                                   "-[SkeldaStreamFileHandle truncateFileToZeroBytes]") &&
          succeeds([&] { fileHandle_->truncateFileAtOffset(0); }, kSilently);
 }
 
 bool SkeldaStreamFileHandle::synchronizeFile() {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   return SkeldaUtil::assertNotNil(fileHandle_, "-[SkeldaStreamFileHandle synchronizeFile]") &&
          succeeds([&] { fileHandle_->synchronizeFile(); }, kSilently);
 }
 
 SkeldaStreamFileHandle::Path SkeldaStreamFileHandle::openFilePath() const {
-  const auto unlock = lockUntilScopeExit();
+  const platform::RecursiveMutexLock lock(fileHandleLock());
   return openFilePath_;
 }

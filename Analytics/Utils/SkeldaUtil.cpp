@@ -4,10 +4,11 @@
 
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <typeinfo>
 
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/MainQueue.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/Exception.h"
@@ -29,19 +30,19 @@ std::string nameOf(const std::exception& exception) {
 }
 
 struct Counters {
-  std::mutex mutex;
-  std::map<std::string, std::int64_t, std::less<>> values;
+  platform::Mutex mutex;
+  std::map<std::string, std::int64_t, std::less<>> values GUARDED_BY(mutex);
 };
 
 Counters& counters() {
-  static Counters& shared = *new Counters;
-  return shared;
+  static platform::NeverDestroyed<Counters> shared;
+  return *shared;
 }
 
 /// The counter's new value.
 std::int64_t addToCounter(std::string_view name, std::int64_t change) {
   Counters& all = counters();
-  std::lock_guard lock(all.mutex);
+  const platform::MutexLock lock(all.mutex);
   const auto found = all.values.find(name);
   if (found != all.values.end()) return found->second += change;
   return all.values.emplace(std::string(name), change).first->second;
@@ -63,7 +64,6 @@ void quietly(Report report) noexcept {
 }  // namespace
 
 void SkeldaUtil::handleException(const std::exception& exception) noexcept {
-  handledExceptions_.fetch_add(1, std::memory_order_relaxed);
   if (!isShowErrorInLogEnabled()) return;
   quietly([&] {
     const auto* platformException = dynamic_cast<const platform::Exception*>(&exception);
@@ -78,7 +78,6 @@ void SkeldaUtil::handleException(const std::exception& exception) noexcept {
 }
 
 void SkeldaUtil::handleException(const platform::ErrorRef& error) noexcept {
-  handledExceptions_.fetch_add(1, std::memory_order_relaxed);
   if (!isShowErrorInLogEnabled() || error == nullptr) return;
   quietly([&] {
     SKELDA_LOG(2, "Skelda: Caught Error in Skelda Analytics Code");
@@ -89,7 +88,6 @@ void SkeldaUtil::handleException(const platform::ErrorRef& error) noexcept {
 }
 
 void SkeldaUtil::handleException(const platform::Value& object) noexcept {
-  handledExceptions_.fetch_add(1, std::memory_order_relaxed);
   if (!isShowErrorInLogEnabled()) return;
   quietly([&] {
     SKELDA_LOG(2, "Skelda: Caught Error in Skelda Analytics Code");
@@ -189,6 +187,6 @@ void SkeldaUtil::printCounters() {
 
 std::map<std::string, std::int64_t, std::less<>> SkeldaUtil::allCounters() {
   Counters& all = counters();
-  std::lock_guard lock(all.mutex);
+  const platform::MutexLock lock(all.mutex);
   return all.values;
 }

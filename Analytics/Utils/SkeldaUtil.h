@@ -52,9 +52,6 @@ class SkeldaUtil {
   static void handleException(const platform::Value& object) noexcept;
   /// Whatever was thrown; null is nothing.
   static void handleException(const std::exception_ptr& thrown) noexcept;
-  /// How often handleException was called in this process: what was swallowed can be counted even
-  /// where nothing is shown.
-  static std::uint64_t handledExceptionCount() noexcept { return handledExceptions_.load(); }
 
   /// Soft assertions return what was tested. Where it fails and debug assertions are enabled, they
   /// log and abort the process; otherwise the caller goes on to its own failure branch.
@@ -194,5 +191,4 @@ class SkeldaUtil {
   static inline constinit std::atomic<unsigned> logLevel_{0};
   static inline constinit std::atomic<bool> showErrors_{false};
   static inline constinit std::atomic<bool> debugAsserts_{false};
-  static inline constinit std::atomic<std::uint64_t> handledExceptions_{0};
 };

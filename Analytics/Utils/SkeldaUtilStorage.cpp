@@ -1,14 +1,19 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <vector>
 
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileCalls.h"
+#include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/FolderMaking.h"
 
@@ -19,16 +24,16 @@ using platform::FileManager;
 /// The storage folder as it was found. Readers take no lock: it is on the path of every frame.
 struct StorageFolder {
   std::atomic<const std::string*> found{nullptr};
-  std::mutex mutex;
+  platform::Mutex mutex;
   /// Those above it in which something new stands that is not on disk for good yet.
-  std::vector<std::string> unsynchronized;
+  std::vector<std::string> unsynchronized GUARDED_BY(mutex);
   /// Every folder that was ever found, so that a reader's is never freed under it.
-  std::vector<std::unique_ptr<const std::string>> kept;
+  std::vector<std::unique_ptr<const std::string>> kept GUARDED_BY(mutex);
 };
 
 StorageFolder& storageFolder() {
-  static StorageFolder& shared = *new StorageFolder;
-  return shared;
+  static platform::NeverDestroyed<StorageFolder> shared;
+  return *shared;
 }
 
 std::string_view classNameOf(const platform::Value& object) {
@@ -51,14 +56,27 @@ std::string_view classNameOf(const platform::Value& object) {
   }
 }
 
+/// Whether what stands in a file's place has been moved out of the way.
+bool setAside(const std::string& path) {
+  const std::string aside =
+      SkeldaAgentFiles::setAside(path, platform::Date::now().timeIntervalSince1970());
+  if (platform::fileError<&platform::FileCalls::renameNoReplace>(path.c_str(), aside.c_str()) !=
+      0) {
+    return false;
+  }
+  SKELDA_LOG(0, "Skelda: {} is no file, kept as {}", path, aside);
+  return true;
+}
+
 }  // namespace
 
 std::string SkeldaUtil::filePathDirectory() {
   StorageFolder& folder = storageFolder();
   if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
-  std::lock_guard lock(folder.mutex);
+  const platform::MutexLock lock(folder.mutex);
   if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
-  std::string path = FileManager::applicationSupportDirectory() + "/SkeldaFiles";
+  std::string path = FileManager::applicationSupportDirectory() + "/" +
+                     std::string(SkeldaAgentFiles::kStorageFolderName);
   // Without waiting for the disk: the first call comes from a host's own thread.
   if (!platform::makeFolders(path, folder.unsynchronized)) return path;
   addSkipBackupAttributeToItemAtURL(path);
@@ -79,7 +97,7 @@ bool SkeldaUtil::synchronizeFilePathDirectory() noexcept {
     StorageFolder& folder = storageFolder();
     std::vector<std::string> folders;
     {
-      const std::lock_guard lock(folder.mutex);
+      const platform::MutexLock lock(folder.mutex);
       folders.swap(folder.unsynchronized);
     }
     if (folders.empty()) {
@@ -152,7 +170,8 @@ std::optional<platform::KeyedArchive> SkeldaUtil::safeUnarchiveObjectWithFile(
     const auto data = FileManager::defaultManager()->contentsAtPath(*path, &failure);
     if (!data) {
       const bool absent = failure->code() == ENOENT || failure->code() == ENOTDIR;
-      if (!absent) platform::setError(error, std::move(failure));
+      const bool isGone = platform::isNoFile(static_cast<int>(failure->code())) && setAside(*path);
+      if (!absent && !isGone) platform::setError(error, std::move(failure));
       return std::nullopt;
     }
     return platform::unarchivedObject(*data);

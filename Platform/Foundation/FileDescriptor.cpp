@@ -1,7 +1,6 @@
 #include "Platform/Foundation/FileDescriptor.h"
 
-#include <sys/file.h>
-#include <unistd.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,15 +15,6 @@ namespace {
 /// Files that do not tell their size are read in steps of this, and copies move so much at a time.
 constexpr std::size_t kReadStep = std::size_t{16} << 10;
 constexpr std::size_t kCopyStep = std::size_t{1} << 30;
-
-/// Makes the call until it is not interrupted; errno or 0.
-template <class Call>
-int retried(Call call) {
-  while (call() < 0) {
-    if (errno != EINTR) return errno;
-  }
-  return 0;
-}
 
 /// Whether the kernel says that it cannot copy between these two files, not that a copy failed.
 bool cannotCopyRange(int error) {
@@ -48,9 +38,19 @@ FileDescriptor FileDescriptor::open(const std::string& path, int flags, int& err
     error = EINVAL;
     return {};
   }
-  int fd = -1;
-  error = retried([&] { return fd = FileCalls::current().open(path.c_str(), flags, mode); });
+  const int fd = fileCall<&FileCalls::open>(path.c_str(), flags, mode);
+  error = fd < 0 ? errno : 0;
   return FileDescriptor(fd);
+}
+
+FileDescriptor FileDescriptor::openFile(const std::string& path, int flags, int& error,
+                                        ::mode_t mode) {
+  FileDescriptor file = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, error, mode);
+  if (!file) return file;
+  struct ::stat kind;
+  error = file.status(kind);
+  if (error == 0 && !S_ISREG(kind.st_mode)) error = S_ISDIR(kind.st_mode) ? EISDIR : ENXIO;
+  return error == 0 ? std::move(file) : FileDescriptor();
 }
 
 int FileDescriptor::close() noexcept {
@@ -62,11 +62,8 @@ int FileDescriptor::close() noexcept {
 
 int FileDescriptor::write(std::string_view bytes, ::off_t offset) const {
   while (!bytes.empty()) {
-    const ::ssize_t written = FileCalls::current().write(fd_, bytes.data(), bytes.size(), offset);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
+    const ::ssize_t written = fileCall<&FileCalls::write>(fd_, bytes.data(), bytes.size(), offset);
+    if (written < 0) return errno;
     if (written == 0) return EIO;
     bytes.remove_prefix(static_cast<std::size_t>(written));
     offset += written;
@@ -86,10 +83,9 @@ int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) c
     out.resize(begin + step);
     std::size_t got = 0;
     while (got < step) {
-      const ::ssize_t n = FileCalls::current().read(fd_, out.data() + begin + got, step - got,
-                                                    offset + static_cast<::off_t>(got));
+      const ::ssize_t n = fileCall<&FileCalls::read>(fd_, out.data() + begin + got, step - got,
+                                                     offset + static_cast<::off_t>(got));
       if (n < 0) {
-        if (errno == EINTR) continue;
         const int error = errno;
         out.resize(begin);
         return error;
@@ -110,10 +106,9 @@ int FileDescriptor::copyFrom(const FileDescriptor& from) const {
   ::off_t toOffset = 0;
   while (true) {
     const ::ssize_t copied =
-        FileCalls::current().copyRange(from.fd_, &fromOffset, fd_, &toOffset, kCopyStep);
+        fileCall<&FileCalls::copyRange>(from.fd_, &fromOffset, fd_, &toOffset, kCopyStep);
     if (copied > 0) continue;
     if (copied == 0) break;
-    if (errno == EINTR) continue;
     if (!cannotCopyRange(errno)) return errno;
     break;
   }
@@ -131,26 +126,30 @@ int FileDescriptor::copyFrom(const FileDescriptor& from) const {
 }
 
 int FileDescriptor::status(struct ::stat& status) const {
-  return retried([&] { return FileCalls::current().status(fd_, &status); });
+  return fileError<&FileCalls::status>(fd_, &status);
 }
 
 int FileDescriptor::truncate(::off_t length) const {
-  return retried([&] { return FileCalls::current().truncate(fd_, length); });
+  return fileError<&FileCalls::truncate>(fd_, length);
 }
 
 int FileDescriptor::syncData() const {
-  return retried([&] { return FileCalls::current().syncData(fd_); });
+  return fileError<&FileCalls::syncData>(fd_);
 }
 
 int FileDescriptor::lock(int operation) const {
-  return retried([&] { return FileCalls::current().lock(fd_, operation); });
+  return fileError<&FileCalls::lock>(fd_, operation);
+}
+
+bool isNoFile(int error) noexcept {
+  return error == EISDIR || error == ENXIO || error == ELOOP;
 }
 
 int synchronizeFolder(const std::string& folder) {
   int error = 0;
   const FileDescriptor fd = FileDescriptor::open(folder, O_RDONLY | O_DIRECTORY, error);
   if (!fd) return error;
-  error = retried([&] { return FileCalls::current().sync(fd.get()); });
+  error = fileError<&FileCalls::sync>(fd.get());
   // File systems that keep folders safe by themselves say EINVAL.
   return error == EINVAL ? 0 : error;
 }
@@ -165,7 +164,7 @@ std::string parentFolder(std::string_view path) {
 }
 
 std::optional<std::string> readWholeFile(const std::string& path, int& error) {
-  const FileDescriptor fd = FileDescriptor::open(path, O_RDONLY, error);
+  const FileDescriptor fd = FileDescriptor::openFile(path, O_RDONLY, error);
   if (!fd) return std::nullopt;
   std::string bytes;
   error = fd.read(bytes, std::numeric_limits<std::size_t>::max(), 0);
@@ -182,12 +181,10 @@ int replaceFile(const std::string& path, const std::string& temporary, std::stri
   error = fd.write(bytes, 0);
   if (error == 0) error = fd.syncData();
   if (const int closed = fd.close(); error == 0) error = closed;
-  if (error == 0) {
-    error = retried([&] { return FileCalls::current().rename(temporary.c_str(), path.c_str()); });
-  }
+  if (error == 0) error = fileError<&FileCalls::rename>(temporary.c_str(), path.c_str());
   if (error != 0) {
     // What cannot be removed now is swept later; the first failure is the one to report.
-    FileCalls::current().unlink(temporary.c_str());
+    fileError<&FileCalls::unlink>(temporary.c_str());
     return error;
   }
   return synchronizeFolder(parentFolder(path));

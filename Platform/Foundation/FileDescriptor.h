@@ -11,8 +11,8 @@
 
 namespace skelda::platform {
 
-/// A descriptor that is closed with its owner, and what files need of one: calls that were
-/// interrupted are made again, short ones are gone on with. Failures come back as errno, 0 being
+/// A descriptor that is closed with its owner, and what files need of one: short calls are gone on
+/// with. Failures come back as errno, 0 being
 /// success. One thread at a time.
 class FileDescriptor {
  public:
@@ -26,6 +26,10 @@ class FileDescriptor {
 
   /// Not open, and errno in `error`, on failure.
   static FileDescriptor open(const std::string& path, int flags, int& error, ::mode_t mode = 0600);
+  /// A regular file, whatever somebody put in its place: no last link is followed, and nothing is
+  /// waited for. Where it is something else the error is one of isNoFile().
+  static FileDescriptor openFile(const std::string& path, int flags, int& error,
+                                 ::mode_t mode = 0600);
 
   explicit operator bool() const noexcept { return fd_ >= 0; }
   int get() const noexcept { return fd_; }
@@ -50,6 +54,10 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
+
+/// Whether the error says that what stands in a file's place is a folder, a pipe, a link or the
+/// like, and not that the file cannot be opened just now.
+bool isNoFile(int error) noexcept;
 
 /// Synchronises a folder: what was created, renamed or removed in it lasts. Errno or 0; 0 as well
 /// where the file system cannot synchronise folders.

@@ -4,12 +4,14 @@
 
 #include <cerrno>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/StorageReserve.h"
 
 namespace skelda::platform {
 
@@ -44,13 +46,14 @@ class PosixFileHandle : public FileHandle {
   }
 
   void writeData(const Data& data) override {
+    cutBack();
     const std::uint64_t before = length("write");
-    int error = file_.write(data.view(), static_cast<::off_t>(offset_));
+    const int error =
+        withReserve([&] { return file_.write(data.view(), static_cast<::off_t>(offset_)); });
     if (error != 0) {
       // Half a record would hide everything that is appended after it.
-      if (const int left = file_.truncate(static_cast<::off_t>(before))) {
-        raise("write, and cut back to its old length", path_, left);
-      }
+      lengthToCutBackTo_ = before;
+      cutBack();
       raise("write", path_, error);
     }
     offset_ += data.length();
@@ -66,6 +69,12 @@ class PosixFileHandle : public FileHandle {
   void closeFile() override { check("close", file_.close()); }
 
  private:
+  /// What could not be cut off after a failed write is cut off before anything else is written.
+  void cutBack() {
+    if (!lengthToCutBackTo_) return;
+    truncateFileAtOffset(*lengthToCutBackTo_);
+    lengthToCutBackTo_.reset();
+  }
   void check(std::string_view operation, int error) const {
     if (error != 0) raise(operation, path_, error);
   }
@@ -78,12 +87,17 @@ class PosixFileHandle : public FileHandle {
   FileDescriptor file_;
   std::string path_;
   std::uint64_t offset_ = 0;
+  std::optional<std::uint64_t> lengthToCutBackTo_;
 };
 
 std::shared_ptr<FileHandle> opened(const std::string& path, int flags) {
   int error = 0;
-  FileDescriptor file = FileDescriptor::open(path, flags, error);
-  if (!file) return nullptr;
+  FileDescriptor file;
+  const auto open = [&] {
+    file = FileDescriptor::openFile(path, flags, error);
+    return error;
+  };
+  if ((flags == O_WRONLY ? withReserve(open) : open()) != 0) return nullptr;
   return std::make_shared<PosixFileHandle>(std::move(file), path);
 }
 

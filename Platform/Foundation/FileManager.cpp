@@ -1,24 +1,24 @@
 #include "Platform/Foundation/FileManager.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <random>
 
 #include <fmt/format.h>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/FolderMaking.h"
+#include "Platform/Foundation/StorageReserve.h"
 
 namespace skelda::platform {
 
@@ -33,11 +33,11 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
 /// What the temporary names of this process begin with: a sweep passes over them. The process id
 /// tells a forked child, and the random number a later process with the same id.
 std::string ownTemporaryPrefix() {
-  static const std::string& random = *new std::string([] {
+  static NeverDestroyed<std::string> random([] {
     std::random_device device;
     return fmt::format("{:08x}{:08x}", device(), device());
-  }());
-  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, random, ::getpid());
+  });
+  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, *random, ::getpid());
 }
 
 std::string temporaryPath(const std::string& folder) {
@@ -49,36 +49,33 @@ std::string temporaryPath(const std::string& folder) {
 int compareFileSystems(const std::string& a, const std::string& b) {
   struct ::stat first;
   struct ::stat second;
-  if (::stat(a.c_str(), &first) != 0 || ::stat(b.c_str(), &second) != 0) return errno;
+  if (const int error = fileError<&FileCalls::statusAt>(a.c_str(), &first)) return error;
+  if (const int error = fileError<&FileCalls::statusAt>(b.c_str(), &second)) return error;
   return first.st_dev == second.st_dev ? 0 : EXDEV;
 }
 
 /// Moves `from` to `to`, which must not exist. File systems that have no such rename still have
 /// links, which never replace anything.
 int publish(const std::string& from, const std::string& to) {
-  FileCalls& calls = FileCalls::current();
-  if (calls.renameNoReplace(from.c_str(), to.c_str()) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
-  if (calls.link(from.c_str(), to.c_str()) != 0) return errno;
+  int error = fileError<&FileCalls::renameNoReplace>(from.c_str(), to.c_str());
+  if (error != EINVAL && error != ENOSYS && error != EOPNOTSUPP) return error;
+  error = fileError<&FileCalls::link>(from.c_str(), to.c_str());
   // A name that cannot be removed now is swept at the next start.
-  calls.unlink(from.c_str());
-  return 0;
+  if (error == 0) fileError<&FileCalls::unlink>(from.c_str());
+  return error;
 }
 
 int copyRegularFile(const std::string& source, const std::string& destination) {
   int error = 0;
-  const FileDescriptor from = FileDescriptor::open(source, O_RDONLY, error);
+  const FileDescriptor from = FileDescriptor::openFile(source, O_RDONLY, error);
   if (!from) return error;
-  struct ::stat kind;
-  if ((error = from.status(kind)) != 0) return error;
-  if (S_ISDIR(kind.st_mode)) return EISDIR;
-  if (!S_ISREG(kind.st_mode) || destination.find('\0') != std::string::npos) return EINVAL;
+  if (destination.find('\0') != std::string::npos) return EINVAL;
 
   const std::string folder = parentFolder(destination);
   const std::string staging = folder + "/..";
   struct ::stat existing;
-  if (::lstat(destination.c_str(), &existing) == 0) return EEXIST;
-  if (errno != ENOENT) return errno;
+  error = fileError<&FileCalls::linkStatusAt>(destination.c_str(), &existing);
+  if (error != ENOENT) return error == 0 ? EEXIST : error;
   if ((error = compareFileSystems(folder, staging)) != 0) return error;
 
   const std::string temporary = temporaryPath(staging);
@@ -90,27 +87,42 @@ int copyRegularFile(const std::string& source, const std::string& destination) {
   if (const int closed = to.close(); error == 0) error = closed;
   if (error == 0) error = publish(temporary, destination);
   if (error != 0) {
-    FileCalls::current().unlink(temporary.c_str());
+    fileError<&FileCalls::unlink>(temporary.c_str());
     return error;
   }
   return synchronizeFolder(folder);
 }
 
-int makeFolder(const std::string& path) {
-  if (FileCalls::current().makeDirectory(path.c_str(), 0700) != 0) return errno;
-  return synchronizeFolder(parentFolder(path));
+int overwrite(const std::string& path, std::string_view bytes) {
+  int error = 0;
+  FileDescriptor file = FileDescriptor::openFile(path, O_WRONLY | O_CREAT | O_EXCL, error);
+  const bool isNew = static_cast<bool>(file);
+  if (error == EEXIST) file = FileDescriptor::openFile(path, O_WRONLY | O_TRUNC, error);
+  if (!file) return error;
+  error = file.write(bytes, 0);
+  if (const int closed = file.close(); error == 0) error = closed;
+  // A log that is appended to and synchronised later must still have its name after a loss of
+  // power.
+  if (error == 0 && isNew) error = synchronizeFolder(parentFolder(path));
+  if (error != 0 && isNew) fileError<&FileCalls::unlink>(path.c_str());
+  return error;
 }
 
-int makeFolders(const std::string& path) {
-  int error = makeFolder(path);
-  if (error == ENOENT) {
-    const std::string parent = parentFolder(path);
-    if (parent == path) return error;
-    if ((error = makeFolders(parent)) != 0) return error;
-    error = makeFolder(path);
-  }
-  std::error_code ignored;
-  return error == EEXIST && std::filesystem::is_directory(path, ignored) ? 0 : error;
+/// A file of a name that was free.
+int store(const std::string& path, std::string_view bytes) {
+  int error = 0;
+  FileDescriptor file = FileDescriptor::openFile(path, O_WRONLY | O_CREAT | O_EXCL, error);
+  if (!file) return error;
+  error = file.write(bytes, 0);
+  if (error == 0) error = file.syncData();
+  if (const int closed = file.close(); error == 0) error = closed;
+  if (error != 0) fileError<&FileCalls::unlink>(path.c_str());
+  return error;
+}
+
+int makeFolder(const std::string& path) {
+  const int error = fileError<&FileCalls::makeDirectory>(path.c_str(), ::mode_t{0700});
+  return error == 0 ? synchronizeFolder(parentFolder(path)) : error;
 }
 
 /// An absolute path from the environment; what is relative there means nothing.
@@ -143,66 +155,56 @@ std::string pathComponent(std::string name) {
 }  // namespace
 
 const std::shared_ptr<FileManager>& FileManager::defaultManager() {
-  static const auto& manager = *new std::shared_ptr<FileManager>(std::make_shared<FileManager>());
-  return manager;
+  static NeverDestroyed<std::shared_ptr<FileManager>> manager(std::make_shared<FileManager>());
+  return *manager;
 }
 
 bool FileManager::fileExistsAtPath(const std::string& path) const {
+  if (path.find('\0') != std::string::npos) return false;
   struct ::stat ignored;
-  return path.find('\0') == std::string::npos && ::stat(path.c_str(), &ignored) == 0;
+  const int error = fileError<&FileCalls::statusAt>(path.c_str(), &ignored);
+  return error != ENOENT && error != ENOTDIR && error != ENAMETOOLONG;
 }
 
 bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                         ErrorRef* error) {
   if (path.find('\0') != std::string::npos) return succeeded(EINVAL, path, error);
-  return succeeded(withIntermediateDirectories ? makeFolders(path) : makeFolder(path), path, error);
+  if (!withIntermediateDirectories) return succeeded(makeFolder(path), path, error);
+  std::vector<std::string> changed;
+  return makeFolders(path, changed, error) && synchronizeFolders(changed, error);
 }
 
 bool FileManager::copyItemAtPath(const std::string& source, const std::string& destination,
                                  ErrorRef* error) {
-  return succeeded(copyRegularFile(source, destination), destination, error);
+  return succeeded(withReserve([&] { return copyRegularFile(source, destination); }), destination,
+                   error);
 }
 
 bool FileManager::removeItemAtPath(const std::string& path, ErrorRef* error) {
   if (path.find('\0') != std::string::npos) return succeeded(EINVAL, path, error);
-  if (FileCalls::current().unlink(path.c_str()) == 0) return true;
-  if (errno != EISDIR) return succeeded(errno, path, error);
-  std::error_code failure;
-  std::filesystem::remove_all(path, failure);
-  return succeeded(failure.value(), path, error);
+  const int code = fileError<&FileCalls::unlink>(path.c_str());
+  if (code != EISDIR) return succeeded(code, path, error);
+  const auto names = contentsOfDirectoryAtPath(path, error);
+  if (!names) return false;
+  for (const std::string& name : *names) {
+    if (!removeItemAtPath(path + "/" + name, error)) return false;
+  }
+  return succeeded(fileError<&FileCalls::removeDirectory>(path.c_str()), path, error);
 }
 
 bool FileManager::createFileAtPath(const std::string& path, const Data& contents, ErrorRef* error) {
-  int code = 0;
-  FileDescriptor file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL, code);
-  const bool isNew = static_cast<bool>(file);
-  if (code == EEXIST) file = FileDescriptor::open(path, O_WRONLY | O_TRUNC, code);
-  if (!file) return succeeded(code, path, error);
-  code = file.write(contents.view(), 0);
-  if (const int closed = file.close(); code == 0) code = closed;
-  // A log that is appended to and synchronised later must still have its name after a loss of
-  // power.
-  if (code == 0 && isNew) code = synchronizeFolder(parentFolder(path));
-  if (code != 0 && isNew) FileCalls::current().unlink(path.c_str());
-  return succeeded(code, path, error);
+  return succeeded(withReserve([&] { return overwrite(path, contents.view()); }), path, error);
 }
 
 bool FileManager::storeNewFile(const Data& data, const std::string& path, ErrorRef* error) {
-  int code = 0;
-  FileDescriptor file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, code);
-  if (!file) return succeeded(code, path, error);
-  code = file.write(data.view(), 0);
-  if (code == 0) code = file.syncData();
-  if (const int closed = file.close(); code == 0) code = closed;
-  if (code != 0) FileCalls::current().unlink(path.c_str());
-  return succeeded(code, path, error);
+  return succeeded(withReserve([&] { return store(path, data.view()); }), path, error);
 }
 
 std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
     const std::string& path, ErrorRef* error) const {
   int code = 0;
   FileDescriptor folder = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY, code);
-  ::DIR* stream = folder ? ::fdopendir(folder.get()) : nullptr;
+  ::DIR* stream = folder ? FileCalls::current().openEntries(folder.get()) : nullptr;
   if (stream == nullptr) {
     succeeded(folder ? errno : code, path, error);
     return std::nullopt;
@@ -210,10 +212,7 @@ std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
   // The stream owns the descriptor from here on.
   static_cast<void>(folder.release());
   std::vector<std::string> names;
-  while (true) {
-    errno = 0;
-    const ::dirent* entry = ::readdir(stream);
-    if (entry == nullptr) break;
+  while (const ::dirent* entry = FileCalls::current().nextEntry(stream)) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
   }
@@ -233,8 +232,10 @@ std::optional<Data> FileManager::contentsAtPath(const std::string& path, ErrorRe
 bool FileManager::writeData(const Data& data, const std::string& path, bool atomically,
                             ErrorRef* error) {
   if (atomically) {
-    return succeeded(replaceFile(path, temporaryPath(parentFolder(path)), data.view()), path,
-                     error);
+    return succeeded(withReserve([&] {
+                       return replaceFile(path, temporaryPath(parentFolder(path)), data.view());
+                     }),
+                     path, error);
   }
   return createFileAtPath(path, data, error);
 }
@@ -242,9 +243,7 @@ bool FileManager::writeData(const Data& data, const std::string& path, bool atom
 std::optional<FileSystemAttributes> FileManager::attributesOfFileSystemForPath(
     const std::string& path, ErrorRef* error) const {
   struct ::statvfs status;
-  while (::statvfs(path.c_str(), &status) != 0) {
-    if (errno == EINTR) continue;
-    succeeded(errno, path, error);
+  if (!succeeded(fileError<&FileCalls::fileSystemAt>(path.c_str(), &status), path, error)) {
     return std::nullopt;
   }
   const std::uint64_t block = status.f_frsize;
@@ -253,12 +252,9 @@ std::optional<FileSystemAttributes> FileManager::attributesOfFileSystemForPath(
 
 bool FileManager::excludeFromBackup(const std::string& path, ErrorRef* error) {
   static constexpr std::string_view kValue = "false";
-  if (FileCalls::current().setAttribute(path.c_str(), "user.xdg.robots.backup", kValue.data(),
-                                        kValue.size()) == 0 ||
-      errno == ENOTSUP) {
-    return true;
-  }
-  return succeeded(errno, path, error);
+  const int code = fileError<&FileCalls::setAttribute>(path.c_str(), "user.xdg.robots.backup",
+                                                       kValue.data(), kValue.size());
+  return succeeded(code == ENOTSUP ? 0 : code, path, error);
 }
 
 std::size_t FileManager::sweepTemporaryFiles(const std::string& folder, ErrorRef* error) {

@@ -20,7 +20,8 @@ struct FileSystemAttributes {
 };
 
 /// Whole-file operations on paths (UTF-8). Folders are made with mode 0700, files with 0600.
-/// Failures come back as false or nothing with a POSIX error. Safe from any thread. Every method is
+/// Failures come back as false or nothing with a POSIX error. What writes falls back on the
+/// StorageReserve, and takes only regular files for files. Safe from any thread. Every method is
 /// virtual, so that a test can override the one it wants to break and forward the rest.
 class FileManager {
  public:
@@ -28,6 +29,7 @@ class FileManager {
   /// The process-wide manager.
   static const std::shared_ptr<FileManager>& defaultManager();
 
+  /// False only where there is certainly nothing: what cannot be looked at just now may be there.
   virtual bool fileExistsAtPath(const std::string& path) const;
   virtual bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                      ErrorRef* error = nullptr);

@@ -1,7 +1,6 @@
 #include "Platform/Foundation/FolderMaking.h"
 
 #include <cerrno>
-#include <filesystem>
 
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
@@ -9,16 +8,24 @@
 namespace skelda::platform {
 namespace {
 
+int makeOne(const std::string& path) {
+  return fileError<&FileCalls::makeDirectory>(path.c_str(), ::mode_t{0700});
+}
+
+bool isFolder(const std::string& path) {
+  struct ::stat status;
+  return fileError<&FileCalls::statusAt>(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 int make(const std::string& path, std::vector<std::string>& changed) {
   const std::string parent = parentFolder(path);
-  int error = FileCalls::current().makeDirectory(path.c_str(), 0700) == 0 ? 0 : errno;
+  int error = makeOne(path);
   if (error == ENOENT && parent != path) {
     if ((error = make(parent, changed)) != 0) return error;
-    error = FileCalls::current().makeDirectory(path.c_str(), 0700) == 0 ? 0 : errno;
+    error = makeOne(path);
   }
   if (error == 0) changed.push_back(parent);
-  std::error_code ignored;
-  return error == EEXIST && std::filesystem::is_directory(path, ignored) ? 0 : error;
+  return error == EEXIST && isFolder(path) ? 0 : error;
 }
 
 }  // namespace

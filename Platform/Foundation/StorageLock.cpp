@@ -8,9 +8,10 @@
 #include <cerrno>
 #include <charconv>
 #include <map>
-#include <mutex>
 #include <new>
 
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/FileDescriptor.h"
 
 namespace skelda::platform {
@@ -23,36 +24,35 @@ struct Held {
 };
 
 struct State {
-  std::mutex mutex;
-  std::map<std::string, Held> held;
+  Mutex mutex;
+  std::map<std::string, Held> held GUARDED_BY(mutex);
 };
 
 State& state();
 
+// The analysis does not see that a fork is left as it was entered.
+
 /// A fork waits until nobody is half way through, so that the child finds a whole record. There it
 /// closes what it inherited at once: a lock lasts as long as any descriptor of it, and a child may
 /// outlive the holder.
-void beforeFork() {
+void beforeFork() NO_THREAD_SAFETY_ANALYSIS {
   state().mutex.lock();
 }
-void afterForkInParent() {
+void afterForkInParent() NO_THREAD_SAFETY_ANALYSIS {
   state().mutex.unlock();
 }
-void afterForkInChild() {
+void afterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
   state().held.clear();
   state().mutex.unlock();
 }
 
-/// Never destroyed: the locks go with the process.
+/// The locks go with the process.
 State& state() {
-  static State& shared = *[] {
-    auto* const made = new State;
-    if (::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild) != 0) {
-      throw std::bad_alloc();
-    }
-    return made;
-  }();
-  return shared;
+  static NeverDestroyed<State> shared;
+  static const int followsForks =
+      ::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+  if (followsForks != 0) throw std::bad_alloc();
+  return *shared;
 }
 
 ::pid_t holderNamedIn(const FileDescriptor& file) {
@@ -70,35 +70,30 @@ StorageLock::Result failed(int error, const std::string& path) {
 
 }  // namespace
 
-std::string StorageLock::lockFilePath(const std::string& folder) {
-  return folder + "/.skelda-lock";
-}
-
-StorageLock::Result StorageLock::acquire(const std::string& folder) {
+StorageLock::Result StorageLock::acquire(const std::string& path) {
   State& shared = state();
-  std::lock_guard lock(shared.mutex);
+  const MutexLock lock(shared.mutex);
   const ::pid_t self = ::getpid();
-  if (const auto found = shared.held.find(folder); found != shared.held.end()) {
+  if (const auto found = shared.held.find(path); found != shared.held.end()) {
     if (found->second.process == self) return {Status::held, 0, nullptr};
     shared.held.erase(found);
   }
-  const std::string path = lockFilePath(folder);
   int error = 0;
-  FileDescriptor file = FileDescriptor::open(path, O_RDWR | O_CREAT, error);
+  FileDescriptor file = FileDescriptor::openFile(path, O_RDWR | O_CREAT, error);
   if (!file) return failed(error, path);
   error = file.lock(LOCK_EX | LOCK_NB);
   if (error == EWOULDBLOCK) return {Status::heldByOther, holderNamedIn(file), nullptr};
   if (error != 0) return failed(error, path);
   // The lock stands without the number; a disk too full for it is no reason to do without the lock.
   if (file.truncate(0) == 0) file.write(std::to_string(self) + "\n", 0);
-  shared.held.emplace(folder, Held{std::move(file), self});
+  shared.held.emplace(path, Held{std::move(file), self});
   return {Status::held, 0, nullptr};
 }
 
-void StorageLock::release(const std::string& folder) {
+void StorageLock::release(const std::string& path) {
   State& shared = state();
-  std::lock_guard lock(shared.mutex);
-  shared.held.erase(folder);
+  const MutexLock lock(shared.mutex);
+  shared.held.erase(path);
 }
 
 }  // namespace skelda::platform

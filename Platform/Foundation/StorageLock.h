@@ -8,10 +8,9 @@
 
 namespace skelda::platform {
 
-/// The advisory lock that keeps two processes from writing the same storage folder: a flock on
-/// <folder>/.skelda-lock, whose text is the holder's process id in decimal and a line feed. The
-/// file stays when the lock goes. A forked child has no part in it. Any thread; nothing here
-/// blocks.
+/// The advisory lock that keeps two processes from writing the same storage folder: a flock on the
+/// file at a path, whose text is the holder's process id in decimal and a line feed. The file stays
+/// when the lock goes. A forked child has no part in it. Any thread; nothing here blocks.
 class StorageLock {
  public:
   enum class Status {
@@ -26,12 +25,11 @@ class StorageLock {
     ErrorRef error;
   };
 
-  /// The folder must exist. Asking again for a folder that this process holds answers held; a
-  /// process forked from the holder is another process.
-  static Result acquire(const std::string& folder);
-  /// Gives the folder up before the process ends.
-  static void release(const std::string& folder);
-  static std::string lockFilePath(const std::string& folder);
+  /// Its folder must exist; a link in the file's place fails. Asking again for a lock that this
+  /// process holds answers held; a process forked from the holder is another process.
+  static Result acquire(const std::string& path);
+  /// Gives it up before the process ends.
+  static void release(const std::string& path);
 };
 
 }  // namespace skelda::platform

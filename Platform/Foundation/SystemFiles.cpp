@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FileManager.h"
 
@@ -13,8 +14,8 @@ namespace skelda::platform {
 namespace {
 
 std::string& root() {
-  static std::string& shared = *new std::string;
-  return shared;
+  static NeverDestroyed<std::string> shared;
+  return *shared;
 }
 
 }  // namespace

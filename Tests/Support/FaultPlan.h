@@ -13,8 +13,6 @@ namespace skelda::testing {
 /// How a call fails.
 struct Fault {
   int error = 5;  ///< errno; 5 is EIO
-  /// Raises a platform exception where the call would otherwise report an error.
-  bool raises = false;
   /// Writes only so many bytes first; the rest is the failure.
   std::optional<std::size_t> shortLength = std::nullopt;
   /// How many calls fail in a row, from the one named.

@@ -9,7 +9,7 @@
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Base/Mutex.h"

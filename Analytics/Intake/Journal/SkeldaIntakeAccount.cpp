@@ -7,7 +7,7 @@
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaHostText.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
 namespace {

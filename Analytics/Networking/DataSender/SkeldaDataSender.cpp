@@ -5,8 +5,8 @@
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Exception.h"

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Dispatch/BlockingRegion.h"

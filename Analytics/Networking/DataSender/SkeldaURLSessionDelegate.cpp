@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 
 SkeldaURLSessionDelegate::SkeldaURLSessionDelegate(
     std::weak_ptr<SkeldaURLSessionTask> task,

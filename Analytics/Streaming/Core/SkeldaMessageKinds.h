@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamMessage.h"
 
@@ -18,5 +19,8 @@ inline std::int32_t frameTypeOf(const ISkeldaStreamMessage::Ref& message) noexce
 const SkeldaStreamEvent* eventOf(const ISkeldaStreamMessage::Ref& message) noexcept;
 /// The status of a flush; nothing for any other message.
 std::optional<std::int32_t> flushStatusOf(const ISkeldaStreamMessage::Ref& message) noexcept;
+
+/// For a trace line, "(null)" for none.
+std::string descriptionOf(const ISkeldaStreamMessage::Ref& message);
 
 }  // namespace skelda

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
+#include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
 std::shared_ptr<SkeldaStreamCoreBuffer> SkeldaStreamCoreBuffer::streamBuffer() {
@@ -20,10 +20,10 @@ void SkeldaStreamCoreBuffer::didInit() {
 
 void SkeldaStreamCoreBuffer::streamMessage(ISkeldaStreamMessage::Ref message) {
   SKELDA_LOG(2, "{}: msg = {}", "-[SkeldaStreamCoreBuffer streamMessage:]",
-             SkeldaMessageTrace::description(message));
-  deferredQueue_->asyncBlock([self = selfOf(this), message = std::move(message)] {
-    self->onqueue_streamMessage(message);
-  });
+             skelda::descriptionOf(message));
+  // A waiting block holds its actor.
+  deferredQueue_->asyncBlock(
+      [this, message = std::move(message)] { onqueue_streamMessage(message); });
 }
 
 void SkeldaStreamCoreBuffer::nextStageDidChangeState(std::int32_t state) {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
+#include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
@@ -28,25 +28,23 @@ void SkeldaStreamCorePolicy::nextStageDidChangeState(std::int32_t state) {
 }
 
 void SkeldaStreamCorePolicy::onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   using Core = SkeldaActorStreamCoreComponent;
-  const SkeldaMessageTrace trace(message);
-  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, SkeldaMessageTrace::description(message));
+  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, skelda::descriptionOf(message));
 
   ISkeldaStreamFlushRule::Messages prepending;
   ISkeldaStreamFlushRule::Messages appending;
   const auto response = onqueue_flushResponseForMessage(message, prepending, appending);
 
   for (const auto& before : prepending) {
-    SKELDA_LOG(0, "{}: prepending message = {}", kStreamMessage,
-               SkeldaMessageTrace::description(before));
+    SKELDA_LOG(0, "{}: prepending message = {}", kStreamMessage, skelda::descriptionOf(before));
     Core::onqueue_streamMessage(before);
   }
   if (response.flushBeforeMessage) onqueue_flushIfNeededWithFlushStatus(response.flushStatus);
   Core::onqueue_streamMessage(message);
   if (!response.flushBeforeMessage) onqueue_flushIfNeededWithFlushStatus(response.flushStatus);
   for (const auto& after : appending) {
-    SKELDA_LOG(0, "{}: appending message = {}", kStreamMessage,
-               SkeldaMessageTrace::description(after));
+    SKELDA_LOG(0, "{}: appending message = {}", kStreamMessage, skelda::descriptionOf(after));
     Core::onqueue_streamMessage(after);
   }
 }
@@ -54,6 +52,7 @@ void SkeldaStreamCorePolicy::onqueue_streamMessage(const ISkeldaStreamMessage::R
 SkeldaStreamFlushResponse SkeldaStreamCorePolicy::onqueue_flushResponseForMessage(
     const ISkeldaStreamMessage::Ref& message, ISkeldaStreamFlushRule::Messages& prependingMessages,
     ISkeldaStreamFlushRule::Messages& appendingMessages) {
+  SKELDA_ON_QUEUE();
   SkeldaStreamFlushResponse response;
   for (const auto& rule : flushRules_) {
     response = rule->refreshFlushStatusForMessage(message, prependingMessages, appendingMessages);
@@ -63,6 +62,7 @@ SkeldaStreamFlushResponse SkeldaStreamCorePolicy::onqueue_flushResponseForMessag
 }
 
 void SkeldaStreamCorePolicy::onqueue_flushIfNeededWithFlushStatus(std::int32_t flushStatus) {
+  SKELDA_ON_QUEUE();
   if (flushStatus == 0) return;
   const auto flush = SkeldaStreamFlush::streamFlushWithStatus(flushStatus);
   SKELDA_LOG(0, "{}: !!Generating Flush!! status: {}", kFlushIfNeeded,

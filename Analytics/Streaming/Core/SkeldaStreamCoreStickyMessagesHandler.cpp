@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
+#include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
 namespace {
@@ -46,8 +46,9 @@ SkeldaStreamCoreStickyMessagesHandler::stickyMessageArrays() {
 
 void SkeldaStreamCoreStickyMessagesHandler::onqueue_streamMessage(
     const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(message, kStreamMessage)) return;
-  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, SkeldaMessageTrace::description(message));
+  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, skelda::descriptionOf(message));
   if (stickyFramesSet_.contains(message->frameType())) onqueue_keepStickyMessage(message);
   SkeldaActorStreamCoreComponent::onqueue_streamMessage(message);
   if (replayTriggerSet_.contains(message->frameType())) {
@@ -59,6 +60,7 @@ void SkeldaStreamCoreStickyMessagesHandler::onqueue_streamMessage(
 
 void SkeldaStreamCoreStickyMessagesHandler::onqueue_keepStickyMessage(
     const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   const std::int32_t frameType = message->frameType();
   if (arrayFramesSet_.contains(frameType)) {
     stickyMessageArrays_[frameType].push_back(message);
@@ -70,6 +72,7 @@ void SkeldaStreamCoreStickyMessagesHandler::onqueue_keepStickyMessage(
 }
 
 void SkeldaStreamCoreStickyMessagesHandler::onqueue_resendStickyMessages() {
+  SKELDA_ON_QUEUE();
   using Core = SkeldaActorStreamCoreComponent;
   for (const auto& [frameType, message] : stickyMessages_) Core::onqueue_streamMessage(message);
   for (const auto& [frameType, messages] : stickyMessageArrays_) {

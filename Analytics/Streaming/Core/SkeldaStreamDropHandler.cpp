@@ -5,7 +5,6 @@
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
@@ -22,12 +21,14 @@ void SkeldaStreamDropHandler::nextStageDidChangeState(std::int32_t state) {
 }
 
 void SkeldaStreamDropHandler::onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   SKELDA_LOG(0, "{}: message = {}", "-[SkeldaStreamDropHandler onqueue_streamMessage:]",
-             SkeldaMessageTrace::description(message));
+             skelda::descriptionOf(message));
   onqueue_preProcessMessage(message);
 }
 
 void SkeldaStreamDropHandler::onqueue_preProcessMessage(const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   for (const auto& rule : dropRules_) {
     for (const auto& before : rule->prependMessagesBefore(message)) onqueue_processMessage(before);
   }
@@ -35,11 +36,16 @@ void SkeldaStreamDropHandler::onqueue_preProcessMessage(const ISkeldaStreamMessa
 }
 
 void SkeldaStreamDropHandler::onqueue_processMessage(const ISkeldaStreamMessage::Ref& message) {
-  if (shouldDropMessage(message)) return;
+  SKELDA_ON_QUEUE();
+  if (shouldDropMessage(message)) return onqueue_drop(message);
   SkeldaActorStreamCoreComponent::onqueue_streamMessage(message);
   if (skelda::flushStatusOf(message) == SkeldaStreamFlush::kSessionFinalized) {
     resetAllDropRuleCounters();
   }
+}
+
+void SkeldaStreamDropHandler::onqueue_drop(const ISkeldaStreamMessage::Ref& /*message*/) {
+  SKELDA_ON_QUEUE();
 }
 
 bool SkeldaStreamDropHandler::shouldDropMessage(const ISkeldaStreamMessage::Ref& message) {

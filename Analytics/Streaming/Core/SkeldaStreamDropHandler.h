@@ -27,6 +27,8 @@ class SkeldaStreamDropHandler : public SkeldaActorStreamCoreComponent {
   explicit SkeldaStreamDropHandler(DropRules dropRules);
   void onqueue_preProcessMessage(const ISkeldaStreamMessage::Ref& message);
   void onqueue_processMessage(const ISkeldaStreamMessage::Ref& message);
+  /// The one end of what a rule discards.
+  void onqueue_drop(const ISkeldaStreamMessage::Ref& message);
   bool shouldDropMessage(const ISkeldaStreamMessage::Ref& message);
   void resetAllDropRuleCounters();
 

@@ -4,21 +4,19 @@
 
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
 #include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaGuards.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
-#include "Platform/Foundation/Bundle.h"
-#include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
@@ -128,13 +126,13 @@ void SkeldaWatchStreamSessionRule::stepSessionForEvent(const SkeldaStreamEvent& 
 
   if (inTime && lastThatFits) {
     endSessionAt(elapsedTimeOf(event), prependingMessages);
-    oldSessionIdSent_ = isMandatoryStickySetComplete();
+    noteSessionEnd();
     saveNewSessionIdArchiveFile(event);
   } else if (!inTime) {
     // Closed at exactly its longest length, not at the event that found it over.
     const std::int64_t start = currentSessionId_ ? currentSessionId_->elapsedStartTime() : 0;
     endSessionAt(start + limit, prependingMessages);
-    oldSessionIdSent_ = isMandatoryStickySetComplete();
+    noteSessionEnd();
     if (!oldSessionIdSent_) return;  // The flush response finalizes it, once the set is complete.
     prependingMessages.push_back(Flush::streamFlushWithStatus(Flush::kSessionFinalized));
     resetSessionParams();
@@ -159,10 +157,26 @@ void SkeldaWatchStreamSessionRule::endSessionAt(std::int64_t elapsedEndTime,
   addUnlessNull(prependingMessages, createSessionDeviceProperties(false));
 }
 
+void SkeldaWatchStreamSessionRule::noteSessionEnd() {
+  oldSessionIdSent_ = isMandatoryStickySetComplete();
+  if (oldSessionIdSent_) return;
+  if (!stickyMessagesSeen_.contains(FrameType::kReportedIdentifers)) {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: a session has ended, but nothing is committed and uploaded before the paired "
+        "phone has given its identifiers (on a machine without a phone skelda-phone gives them). "
+        "What is logged stays on disk");
+  } else {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: a session has ended, but nothing is committed and uploaded yet: {} of {} records "
+        "that each log must hold are still missing",
+        mandatoryStickySet_.size() - stickyMessagesSeen_.size(), mandatoryStickySet_.size());
+  }
+}
+
 SkeldaStreamFlushResponse SkeldaWatchStreamSessionRule::flushResponseForMessage(
     const ISkeldaStreamMessage::Ref& message) {
   if (!SkeldaUtil::assertNotNil(message, kFlushResponse)) return {};
-  SKELDA_LOG(0, "{}: message = {}", kFlushResponse, SkeldaMessageTrace::description(message));
+  SKELDA_LOG(0, "{}: message = {}", kFlushResponse, skelda::descriptionOf(message));
 
   const std::int32_t frameType = message->frameType();
   const bool isEvent = frameType == FrameType::kEvent;
@@ -231,13 +245,7 @@ void SkeldaWatchStreamSessionRule::saveNewSessionIdArchiveFile(const SkeldaStrea
 }
 
 std::string SkeldaWatchStreamSessionRule::currentWatchSessionIdFilePath() {
-  const auto apiKey = platform::Bundle::main()->objectForInfoDictionaryKey("Skelda Watch API Key");
-  const std::string* text = apiKey.text();
-  // Only the low half of the hash goes into the name, as a signed number; without a key it is 0.
-  const auto hash =
-      static_cast<std::int32_t>(static_cast<std::uint32_t>(text ? platform::stableHash(*text) : 0));
-  return fmt::format("{}/.skeldaCurrentWatchSessionId{}_{}.archive",
-                     SkeldaUtil::filePathDirectory(), hash, SkeldaSessionInfo::getAgentVersion());
+  return SkeldaAgentFiles::currentWatchSessionId(SkeldaHostSettings::apiKey());
 }
 
 template <class Module>

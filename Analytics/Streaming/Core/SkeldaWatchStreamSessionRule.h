@@ -75,6 +75,9 @@ class SkeldaWatchStreamSessionRule : public ISkeldaStreamFlushRule {
   void stepSessionForEvent(const SkeldaStreamEvent& event, Messages& prependingMessages);
   void openSession(const SkeldaStreamEvent& event, Messages& prependingMessages);
   void endSessionAt(std::int64_t elapsedEndTime, Messages& prependingMessages);
+  /// The ended session is finalized at once where the mandatory set is complete; where it is not, a
+  /// notice says what for it waits.
+  void noteSessionEnd();
   std::int32_t triggeredStatus(std::int32_t frameType) const;
   template <class Module>
   std::shared_ptr<Module> moduleNamed(std::string_view key) const;

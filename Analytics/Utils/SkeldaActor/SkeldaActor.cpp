@@ -1,10 +1,9 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
 
-#include <atomic>
-
 #include "Analytics/Utils/SkeldaActor/SkeldaActorDeferredQueue.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActorLockGuard.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActorOperationQueue.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/MainQueue.h"
 
 // Spins a little before it sleeps: it is never held for long.
@@ -15,15 +14,16 @@ namespace {
 // The slot of kSkeldaActorCurrentActor. Whoever is in it is held by the block that put it there.
 thread_local SkeldaActor* currentActorOfThread __attribute__((tls_model("initial-exec"))) = nullptr;
 
-constinit std::atomic<std::uint64_t> swallowed{0};
+// Who waits for the block that the thread runs; nobody's id while it works for itself.
+thread_local std::thread::id waitingCaller __attribute__((tls_model("initial-exec")));
 
 constexpr std::string_view kInvalidParameter = "Invalid parameter not satisfying: ";
 
 }  // namespace
 
 SkeldaActorNoQueue::operator const platform::QueueRef&() const {
-  static const auto* const queue =
-      new platform::QueueRef(platform::Queue::serial("com.skelda.ActorNoDispatchQueue"));
+  static platform::NeverDestroyed<platform::QueueRef> queue(
+      platform::Queue::serial("com.skelda.ActorNoDispatchQueue"));
   return *queue;
 }
 
@@ -48,7 +48,9 @@ std::thread::id SkeldaActor::activeThread() const {
 }
 
 SkeldaActor::Context::Context(SkeldaActor& actor, std::thread::id owner) noexcept
-    : actor_(actor), previousActor_(std::exchange(currentActorOfThread, &actor)) {
+    : actor_(actor),
+      previousActor_(std::exchange(currentActorOfThread, &actor)),
+      previousCaller_(std::exchange(waitingCaller, owner)) {
   const SkeldaActorLockGuard lock;
   previousThread_ = std::exchange(actor.activeThread_, owner);
 }
@@ -59,11 +61,14 @@ SkeldaActor::Context::~Context() {
     actor_.activeThread_ = previousThread_;
   }
   currentActorOfThread = previousActor_;
+  waitingCaller = previousCaller_;
 }
 
 void SkeldaActor::runSync(platform::BlockRef block, platform::Queue& on, bool barrier) {
   const std::shared_ptr<SkeldaActor> self = shared_from_this();
-  const std::thread::id caller = std::this_thread::get_id();
+  // A chain of waiting threads is one caller: whichever of them runs the block, a call back into an
+  // actor of the chain is a call from within.
+  const std::thread::id caller = callingThread();
   std::exception_ptr thrown;
   auto inContext = [&] {
     const Context context(*this, caller);
@@ -91,8 +96,7 @@ void SkeldaActor::runOnMainThread(platform::BlockRef block) {
   }
 }
 
-void SkeldaActor::asyncCallback(platform::Block callback, const platform::QueueRef& queue) {
-  if (!callback) raiseInvalidParameter("callback");
+void SkeldaActor::runCallback(platform::Block callback, const platform::QueueRef& queue) {
   if (queue == kSkeldaActorNoQueue) {
     callback();
   } else {
@@ -111,10 +115,6 @@ platform::Block SkeldaActor::wrapSyncBlock(platform::Block block, ExceptionHandO
       hand(exception);
     }
   };
-}
-
-platform::Block SkeldaActor::wrapAsyncBlock(platform::Block block) {
-  return wrapped(std::move(block));
 }
 
 void SkeldaActor::assertRunningInActor() const {
@@ -141,12 +141,8 @@ void SkeldaActor::setOperationQueue(std::shared_ptr<SkeldaActorOperationQueue> q
   std::swap(operationQueue_, queue);
 }
 
-std::uint64_t SkeldaActor::swallowedExceptions() noexcept {
-  return swallowed.load(std::memory_order_relaxed);
-}
-
-void SkeldaActor::countSwallowedException() noexcept {
-  swallowed.fetch_add(1, std::memory_order_relaxed);
+std::thread::id SkeldaActor::callingThread() noexcept {
+  return waitingCaller != std::thread::id() ? waitingCaller : std::this_thread::get_id();
 }
 
 void SkeldaActor::raiseInvalidParameter(std::string_view parameter) {

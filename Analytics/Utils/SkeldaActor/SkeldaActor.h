@@ -13,6 +13,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "Analytics/Utils/SkeldaGuards.h"
+#include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Block.h"
 #include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Queue.h"
@@ -36,6 +38,14 @@ class SkeldaActorOperationQueue;
 /// Guards every actor's active thread, the making of its operation queue and the suspend counts of
 /// deferred queues. Held for a few instructions; no code of a block ever runs under it.
 extern pthread_mutex_t SkeldaActor_Lock;
+
+/// The same lock as the compiler's analysis knows it.
+class CAPABILITY("mutex") SkeldaActorLock {
+ public:
+  void lock() ACQUIRE() { pthread_mutex_lock(&SkeldaActor_Lock); }
+  void unlock() RELEASE() { pthread_mutex_unlock(&SkeldaActor_Lock); }
+};
+inline constinit SkeldaActorLock skeldaActorLock;
 
 /// The key of the calling thread's slot that holds the actor it runs.
 inline constexpr std::string_view kSkeldaActorCurrentActor = "kSkeldaActorCurrentActor";
@@ -116,7 +126,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   }
 
   /// Posts the block and returns at once. What it throws is dropped (and counted, see
-  /// swallowedExceptions). The block holds the actor until it has run. Null raises.
+  /// skelda::swallowedExceptions). The block holds the actor until it has run. Null raises.
   template <SkeldaActorBlock F>
   void asyncBlock(F&& block) {
     queue_->barrierPost(wrapped(std::forward<F>(block)));
@@ -162,7 +172,11 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
 
   /// Delivers a callback outside the actor: inline for kSkeldaActorNoQueue, else on the queue given
   /// or on the global one. The block has neither the actor's context nor its guard. Null raises.
-  void asyncCallback(platform::Block callback, const platform::QueueRef& queue = nullptr);
+  template <SkeldaActorBlock F>
+  void asyncCallback(F&& callback, const platform::QueueRef& queue = nullptr) {
+    if (isNull(callback)) raiseInvalidParameter("callback");
+    runCallback(std::forward<F>(callback), queue);
+  }
 
   /// Runs the block on the main thread and waits, inline when this is the main thread. Null does
   /// nothing.
@@ -179,9 +193,12 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// thrown passes.
   platform::Block wrapSyncBlock(platform::Block block, ExceptionHandOff handOff,
                                 std::thread::id thread);
-  /// The block in the context of this actor, on whichever thread runs it. Whatever it throws is
-  /// dropped. Null raises.
-  platform::Block wrapAsyncBlock(platform::Block block);
+  /// The block in the context of this actor, on whichever thread runs it, to be run once. Whatever
+  /// it throws is dropped. Null raises.
+  template <SkeldaActorBlock F>
+  platform::Block wrapAsyncBlock(F&& block) {
+    return wrapped(std::forward<F>(block));
+  }
 
   /// Ends the process unless the calling thread runs a block of this actor.
   void assertRunningInActor() const;
@@ -192,9 +209,6 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   std::shared_ptr<SkeldaActorOperationQueue> operationQueue();
   void setOperationQueue(std::shared_ptr<SkeldaActorOperationQueue> queue);
 
-  /// How many thrown objects asynchronous blocks have dropped since the process began.
-  static std::uint64_t swallowedExceptions() noexcept;
-
  private:
   friend class SkeldaActorDeferredQueue;
 
@@ -202,6 +216,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// was before.
   class Context {
    public:
+    explicit Context(SkeldaActor& actor) noexcept : Context(actor, callingThread()) {}
     Context(SkeldaActor& actor, std::thread::id owner) noexcept;
     ~Context();
     Context(const Context&) = delete;
@@ -211,6 +226,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     SkeldaActor& actor_;
     SkeldaActor* previousActor_;
     std::thread::id previousThread_;
+    std::thread::id previousCaller_;
   };
 
   template <class Method>
@@ -240,24 +256,29 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     if constexpr (std::is_null_pointer_v<std::remove_cvref_t<F>>) {
       return [] {};
     } else {
-      return [self = shared_from_this(), body = std::decay_t<F>(std::forward<F>(block))]() mutable {
-        Context context(*self, std::this_thread::get_id());
+      return [self = shared_from_this(),
+              body = std::optional<std::decay_t<F>>(std::forward<F>(block))]() mutable {
+        const Context context(*self);
         try {
-          body();
+          (*body)();
         } catch (...) {
-          countSwallowedException();
+          skelda::countException();
         }
+        // In here, so that what it held may still call into the actor as it goes.
+        body.reset();
       };
     }
   }
 
+  /// Whom the calling thread works for: itself, or the thread that waits for the block it runs.
+  static std::thread::id callingThread() noexcept;
   [[noreturn]] static void raiseInvalidParameter(std::string_view parameter);
-  static void countSwallowedException() noexcept;
   static platform::DispatchTime dispatchTimeOf(const platform::Date& date) noexcept;
   void runSync(platform::BlockRef block, platform::Queue& on, bool barrier);
   static void runOnMainThread(platform::BlockRef block);
+  static void runCallback(platform::Block callback, const platform::QueueRef& queue);
 
-  std::shared_ptr<SkeldaActorOperationQueue> operationQueue_;
+  std::shared_ptr<SkeldaActorOperationQueue> operationQueue_ GUARDED_BY(skeldaActorLock);
   platform::QueueRef queue_;
-  std::thread::id activeThread_;
+  std::thread::id activeThread_ GUARDED_BY(skeldaActorLock);
 };

@@ -36,14 +36,14 @@ class SkeldaActorDeferredQueue {
   void syncBlock(F&& block) {
     if (SkeldaActor::isNull(block)) return;
     if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<F>>) {
-      if (const auto owner = actor_.lock()) {
-        owner->runSync(platform::BlockRef(block), *queue_, false);
-      }
+      const platform::QueueRef queue = queue_;  // The block may drop the gate.
+      if (const auto owner = actor_.lock())
+        owner->runSync(platform::BlockRef(block), *queue, false);
     }
   }
 
  private:
-  std::uint32_t suspendCount_ = 0;
+  std::uint32_t suspendCount_ GUARDED_BY(skeldaActorLock) = 0;
   platform::QueueRef queue_;
   std::weak_ptr<SkeldaActor> actor_;
 };

@@ -3,10 +3,10 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActor.h"
 
 /// Holds SkeldaActor_Lock.
-class SkeldaActorLockGuard {
+class SCOPED_CAPABILITY SkeldaActorLockGuard {
  public:
-  SkeldaActorLockGuard() noexcept { pthread_mutex_lock(&SkeldaActor_Lock); }
-  ~SkeldaActorLockGuard() { pthread_mutex_unlock(&SkeldaActor_Lock); }
+  SkeldaActorLockGuard() noexcept ACQUIRE(skeldaActorLock) { skeldaActorLock.lock(); }
+  ~SkeldaActorLockGuard() RELEASE() { skeldaActorLock.unlock(); }
   SkeldaActorLockGuard(const SkeldaActorLockGuard&) = delete;
   SkeldaActorLockGuard& operator=(const SkeldaActorLockGuard&) = delete;
 };

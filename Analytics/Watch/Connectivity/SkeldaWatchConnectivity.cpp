@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/ClassRegistry.h"

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <utility>
 
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/JSONWriter.h"
 

@@ -1,6 +1,10 @@
 #include "Analytics/Utils/SkeldaKVStorage.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
 
 #include "Platform/Foundation/KeyedArchive.h"
 #include "Tests/Support/AgentHome.h"
@@ -83,6 +87,30 @@ TEST_F(KVStorageTest, AForeignOrMalformedFileIsAnEmptyStore) {
   }
 }
 
+TEST_F(KVStorageTest, WhatStandsInTheFilesPlaceAndIsNoneIsSetAside) {
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"a folder", [&] { std::filesystem::create_directories(path_ + "/inside"); }},
+      {"a pipe", [&] { ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0); }},
+      {"a link", [&] { std::filesystem::create_symlink("/dev/zero", path_); }},
+  };
+  SkeldaUtil::filePathDirectory();
+  for (const auto& [what, make] : cases) {
+    std::filesystem::remove(path_);
+    make();
+    restart();
+    EXPECT_TRUE(store().isReadable()) << what;
+    EXPECT_TRUE(store().storeObject(1, "one")) << what;
+    restart();
+    EXPECT_EQ(store().integerForKey("one"), 1) << what;
+  }
+  std::size_t aside = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(path_).parent_path())) {
+    aside += entry.path().string().starts_with(path_ + ".unread_") ? 1 : 0;
+  }
+  EXPECT_EQ(aside, std::size(cases));
+}
+
 TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
   store().setInteger(57, "counter");
   store().setInteger(1, "removed");
@@ -100,6 +128,7 @@ TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
     plan->clear();
     plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
     EXPECT_EQ(store().integerForKey("counter"), 0);
+    EXPECT_FALSE(store().isReadable());
     EXPECT_EQ(readFile(path_), before);
     EXPECT_GE(plan->faults(), 4u);
   }
@@ -120,13 +149,12 @@ TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
     FaultyFileCalls calls(plan);
     for (const auto kind : {"open", "write", "syncData", "close", "rename"}) {
       plan->failKind(kind, 1, {.error = ENOSPC});
-      store().setInteger(2, "two");
-      EXPECT_FALSE(store().isPersisted()) << kind;
+      EXPECT_FALSE(store().storeObject(2, "two")) << kind;
       EXPECT_EQ(readFile(path_), before) << kind;
     }
   }
   EXPECT_EQ(store().integerForKey("two"), 2) << "kept in memory";
-  store().setInteger(3, "three");
+  EXPECT_TRUE(store().storeObject(3, "three"));
   restart();
   EXPECT_EQ(store().integerForKey("two"), 2);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Platform/Foundation/Exception.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -64,12 +65,22 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
   handle->writeData(Data("kept"));
   EXPECT_EQ(readFile(path_), "0123456789kept");
 
+  // Where not even the cut succeeds, it is made before the next write.
+  plan->failKind("write", 1, {.shortLength = 3});
+  plan->failCall(3, {.error = EIO});
+  plan->failKind("truncate", 1, {.error = EIO});
+  EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+  EXPECT_EQ(readFile(path_), "0123456789keptlos");
+  handle->seekToEndOfFile();
+  handle->writeData(Data("too"));
+  EXPECT_EQ(readFile(path_), "0123456789kepttoo");
+
   for (const auto kind : {"status", "write", "truncate", "syncData", "close"}) {
     plan->failKind(kind, 1, {.error = EIO});
     EXPECT_THROW(
         {
           handle->writeData(Data("+"));
-          handle->truncateFileAtOffset(14);
+          handle->truncateFileAtOffset(17);
           handle->synchronizeFile();
           handle->closeFile();
         },

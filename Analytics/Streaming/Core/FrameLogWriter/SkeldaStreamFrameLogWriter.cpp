@@ -1,23 +1,27 @@
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 
 #include <algorithm>
+#include <set>
+#include <thread>
 #include <utility>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
-#include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
-#include "Analytics/Streaming/Core/StreamComponent/SkeldaMessageTrace.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamMessageSerializer.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/ISkeldaStreamFileHandle.h"
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileManager.h"
 
 namespace {
 
@@ -32,6 +36,13 @@ constexpr std::string_view kWriteData =
     "-[SkeldaStreamFrameLogWriter onqueue_writeData:seekToEOF:]";
 constexpr std::string_view kDebugFrameData =
     "-[SkeldaStreamFrameLogWriter debugFrameData:message:]";
+
+constexpr std::chrono::nanoseconds kLongestRetryDelay = std::chrono::minutes(1);
+/// How often a copy, or a value of the store, is tried within a tenth of a second.
+constexpr int kTries = 3;
+/// How often what is owed is tried before it is given up: with the delays some ten seconds.
+constexpr int kPayments = 8;
+constexpr std::size_t kMostOwed = 4096;
 
 bool contains(const std::vector<std::int32_t>& frameTypes, std::int32_t frameType) {
   return std::find(frameTypes.begin(), frameTypes.end(), frameType) != frameTypes.end();
@@ -52,34 +63,30 @@ SkeldaStreamFrameLogWriter::fileWriterWithCurrentFrameLogFilePath(
     std::shared_ptr<ISkeldaStreamMessageSerializer> serializer,
     std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
     std::vector<std::int32_t> frameTypesForRoll, std::vector<std::int32_t> frameTypesToDrop) {
-  return made(new SkeldaStreamFrameLogWriter(
-      std::move(currentFrameLogFilePath), std::move(currentFrameLogFileName),
-      std::move(commitedFrameLogFilePath), std::move(commitedFrameLogFileName),
-      std::move(fileManager), std::move(fileHandle), std::move(serializer), std::move(deserializer),
-      std::move(frameTypesForRoll), std::move(frameTypesToDrop)));
+  return writerOf({std::move(currentFrameLogFilePath), std::move(currentFrameLogFileName),
+                   std::move(commitedFrameLogFilePath), std::move(commitedFrameLogFileName),
+                   std::move(fileManager), std::move(fileHandle), std::move(serializer),
+                   std::move(deserializer), std::move(frameTypesForRoll),
+                   std::move(frameTypesToDrop)});
 }
 
-SkeldaStreamFrameLogWriter::SkeldaStreamFrameLogWriter(
-    std::string currentFrameLogFilePath, std::string currentFrameLogFileName,
-    std::string commitedFrameLogFilePath, std::string commitedFrameLogFileName,
-    std::shared_ptr<ISkeldaStreamFileManager> fileManager,
-    std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
-    std::shared_ptr<ISkeldaStreamMessageSerializer> serializer,
-    std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
-    std::vector<std::int32_t> frameTypesForRoll, std::vector<std::int32_t> frameTypesToDrop)
+std::shared_ptr<SkeldaStreamFrameLogWriter> SkeldaStreamFrameLogWriter::writerOf(
+    SkeldaFrameLogWriterParts parts) {
+  return made(new SkeldaStreamFrameLogWriter(std::move(parts)));
+}
+
+SkeldaStreamFrameLogWriter::SkeldaStreamFrameLogWriter(SkeldaFrameLogWriterParts parts)
     : SkeldaActorStreamCoreComponent("SkeldaStreamFrameLogWriter"),
-      currentFrameLogFilePath_(std::move(currentFrameLogFilePath)),
-      commitedFrameLogFilePath_(std::move(commitedFrameLogFilePath)),
-      currentFrameLogFileName_(std::move(currentFrameLogFileName)),
-      commitedFrameLogFileName_(std::move(commitedFrameLogFileName)),
-      fileHandle_(std::move(fileHandle)),
-      fileManager_(std::move(fileManager)),
-      serializer_(std::move(serializer)),
-      deserializer_(std::move(deserializer)),
-      frameTypesForRoll_(std::move(frameTypesForRoll)),
-      frameTypesToDrop_(std::move(frameTypesToDrop)),
+      parts_(std::move(parts)),
       logPath_(currentFrameLogFilePathWithName()),
-      platformFileManager_(platform::FileManager::defaultManager()) {}
+      retryDelay_(std::chrono::milliseconds(50), kLongestRetryDelay),
+      delayWithinARoll_(std::chrono::milliseconds(25)) {}
+
+void SkeldaStreamFrameLogWriter::setRetryDelays(std::chrono::nanoseconds first,
+                                                std::chrono::nanoseconds withinARoll) noexcept {
+  retryDelay_ = platform::RetryDelay(first, kLongestRetryDelay);
+  delayWithinARoll_ = withinARoll;
+}
 
 void SkeldaStreamFrameLogWriter::startup() {
   asyncBlock([] {});
@@ -95,19 +102,19 @@ void SkeldaStreamFrameLogWriter::nextStageDidChangeState(std::int32_t /*state*/)
 }
 
 std::string SkeldaStreamFrameLogWriter::currentFrameLogFilePathWithName() const {
-  return fmt::format("{}/{}", currentFrameLogFilePath_, currentFrameLogFileName_);
+  return fmt::format("{}/{}", parts_.currentFolder, parts_.currentName);
 }
 
 std::string SkeldaStreamFrameLogWriter::commitedFrameLogFilePathWithName() const {
-  return fmt::format("{}/{}", commitedFrameLogFilePath_, commitedFrameLogFileName_);
+  return fmt::format("{}/{}", parts_.commitedFolder, parts_.commitedName);
 }
 
 std::string SkeldaStreamFrameLogWriter::currentWatchSessionIdFilePath() {
-  return SkeldaWatchStreamSessionRule::currentWatchSessionIdFilePath();
+  return SkeldaAgentFiles::currentWatchSessionId(SkeldaHostSettings::apiKey());
 }
 
 bool SkeldaStreamFrameLogWriter::isPendingLogFilePresent() const {
-  return platformFileManager_->fileExistsAtPath(*logPath_);
+  return platform::FileManager::defaultManager()->fileExistsAtPath(*logPath_);
 }
 
 std::shared_ptr<SkeldaStreamSessionId> SkeldaStreamFrameLogWriter::sessionIdFromDisk() {
@@ -117,75 +124,129 @@ std::shared_ptr<SkeldaStreamSessionId> SkeldaStreamFrameLogWriter::sessionIdFrom
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) {
-  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, SkeldaMessageTrace::description(message));
-  if (!message || contains(frameTypesToDrop_, message->frameType())) return;
-  auto frame = serializer_->frameFromStreamMessage(*message);
+  SKELDA_LOG(0, "{}: message = {}", kStreamMessage, skelda::descriptionOf(message));
+  if (!message || contains(parts_.frameTypesToDrop, message->frameType())) return;
+  onqueue_writeOwed();
+  if (!owed_.empty() || !onqueue_write(message)) onqueue_owe(message);
+}
+
+bool SkeldaStreamFrameLogWriter::onqueue_write(const Message& message) {
+  SKELDA_ON_QUEUE();
+  auto frame = parts_.serializer->frameFromStreamMessage(*message);
   if (!frame) {
-    return SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::serializer);
+    SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::serializer);
+    return true;
   }
-  if (onqueue_writeData(std::move(frame), true)) {
-    SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::stored);
-  }
-  if (!contains(frameTypesForRoll_, message->frameType())) return;
+  const std::uint64_t failedBefore = failedSynchronisations_;
+  if (!onqueue_writeData(std::move(frame), true)) return false;
+  ++framesInLog_;
+  onqueue_frameIsWritten(message, failedSynchronisations_ == failedBefore);
+  if (!contains(parts_.frameTypesForRoll, message->frameType())) return true;
 
   // True from the end of a session until the next one has all its sticky messages: a process that
   // stops in between leaves a session whose data is incomplete.
   const auto status = skelda::flushStatusOf(message);
-  if (status == Flush::kSessionFinalized) onqueue_setCrashFlag(true);
-  if (status == Flush::kStickySetComplete) onqueue_setCrashFlag(false);
+  if (status == Flush::kSessionFinalized) onqueue_store(true, kCrashFlagKey);
+  if (status == Flush::kStickySetComplete) onqueue_store(false, kCrashFlagKey);
   SKELDA_LOG(2, "{}: !! Rolling Log File !!", kStreamMessage);
   onqueue_rollLogFile();
+  return true;
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_frameIsWritten(const Message& message, bool synchronized) {
+  SKELDA_ON_QUEUE();
+  SkeldaAccounting::add(SkeldaAccounting::page().framesWritten);
+  // What the disk refused to keep stays in the journal, and comes again with the next start.
+  if (synchronized) SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::stored);
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_frameIsLost(const Message& message) {
+  SKELDA_ON_QUEUE();
+  SKELDA_LOG(1, "{}: given up, message = {}", kWriteData, message->className());
+  SkeldaAccounting::add(SkeldaAccounting::page().framesLost);
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_logIsLost() {
+  SKELDA_ON_QUEUE();
+  SKELDA_LOG(1, "{}: {} frames are lost", kMoveCurrentLog, framesInLog_);
+  SkeldaAccounting::add(SkeldaAccounting::page().framesLost, framesInLog_);
+  SkeldaAccounting::logRemoved(SkeldaLogRemoval::copyFailed);
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_transferUserInfo(const platform::Value& /*userInfo*/) {}
 
 void SkeldaStreamFrameLogWriter::onqueue_rollLogFile() {
-  onqueue_moveCurrentLogFileToCommitedLogFilesPath();
-  if (!onqueue_openFileHandleIfNeeded()) return;
-  // Whether or not the copy succeeded: a log that cannot be committed is given up, so that the next
-  // session starts a log of its own.
-  fileHandle_->truncateFileToZeroBytes();
-  onqueue_writeCounterFrame();
+  SKELDA_ON_QUEUE();
+  // Whether or not the copy succeeded the log is emptied: one that cannot be committed is given up,
+  // so that the next session starts a log of its own.
+  if (!onqueue_moveCurrentLogFileToCommitedLogFilesPath()) onqueue_logIsLost();
+  const Message counter = onqueue_nextCounter();
+  if (!onqueue_openFileHandleIfNeeded() || !parts_.fileHandle->truncateFileToZeroBytes()) {
+    // What is in it is left to the committed copy and must not go into the next one.
+    parts_.fileHandle->closeFile();
+    parts_.fileManager->removeItemAtPath(logPath_);
+  }
+  framesInLog_ = 0;
+  onqueue_writeCounterFrame(counter);
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_moveCurrentLogFileToCommitedLogFilesPath() {
-  if (!fileManager_->createIfNotPresentDirectoryAtPath(commitedFrameLogFilePath_)) return;
-  if (!fileManager_->isFilePresentAtPath(logPath_)) {
+bool SkeldaStreamFrameLogWriter::onqueue_moveCurrentLogFileToCommitedLogFilesPath() {
+  SKELDA_ON_QUEUE();
+  for (int tries = 1; !onqueue_commitLog(); ++tries) {
+    if (tries == kTries) return false;
+    // What is short may be there again in a moment; longer than this nobody behind is held up.
+    std::this_thread::sleep_for(delayWithinARoll_ * tries);
+  }
+  return true;
+}
+
+bool SkeldaStreamFrameLogWriter::onqueue_commitLog() {
+  if (!parts_.fileManager->createIfNotPresentDirectoryAtPath(parts_.commitedFolder)) return false;
+  if (!parts_.fileManager->isFilePresentAtPath(logPath_)) {
     // Somebody removed the log under the open handle: what goes into it from here on would be lost.
-    fileHandle_->closeFile();
-    return;
+    parts_.fileHandle->closeFile();
+    return true;
   }
   const std::string commitedPath = onqueue_freshCommitedPath();
-  if (!fileManager_->copyFileFrom(logPath_, commitedPath)) {
-    SKELDA_LOG(1, "{}: Unable to copy frame log file from {} to {}", kMoveCurrentLog, *logPath_,
-               commitedPath);
+  if (parts_.fileManager->copyFileFrom(logPath_, commitedPath)) {
+    SkeldaAccounting::add(SkeldaAccounting::page().logsCommited);
+    return true;
   }
+  SKELDA_LOG(1, "{}: Unable to copy frame log file from {} to {}", kMoveCurrentLog, *logPath_,
+             commitedPath);
+  // A copy that is there is whole, even where its folder could not be synchronised.
+  const auto names = parts_.fileManager->fileNamesAtPath(parts_.commitedFolder);
+  const std::string name = commitedPath.substr(commitedPath.rfind('/') + 1);
+  if (!names || std::ranges::find(*names, name) == names->end()) return false;
+  SkeldaAccounting::add(SkeldaAccounting::page().logsCommited);
+  return true;
 }
 
 std::string SkeldaStreamFrameLogWriter::onqueue_freshCommitedPath() const {
   // A copy never replaces a file, so a name that is taken would lose the log. Two rolls can fall
   // into one microsecond, and the wall clock can be set back: then the next free microsecond does.
-  constexpr int kTries = 1000;
+  constexpr int kNames = 1000;
   constexpr platform::Date::Microseconds kStep{1};
   const std::string base = commitedFrameLogFilePathWithName();
   platform::Date time = platform::Date::now();
   std::string path;
-  for (int tries = 0; tries < kTries; ++tries, time = time + kStep) {
+  for (int names = 0; names < kNames; ++names, time = time + kStep) {
     path = fmt::format("{}_{:.6f}", base, time.timeIntervalSince1970());
-    if (!fileManager_->isFilePresentAtPath(path)) break;
+    if (!parts_.fileManager->isFilePresentAtPath(path)) break;
   }
   return path;
 }
 
 bool SkeldaStreamFrameLogWriter::onqueue_openFileHandleIfNeeded() {
-  if (fileHandle_->isOpenFile(logPath_)) return true;
-  if (!fileManager_->isFilePresentAtPath(logPath_) && !fileManager_->createFileAtPath(logPath_)) {
+  if (parts_.fileHandle->isOpenFile(logPath_)) return true;
+  if (!parts_.fileManager->isFilePresentAtPath(logPath_) &&
+      !parts_.fileManager->createFileAtPath(logPath_)) {
     SKELDA_LOG(1, "{}: unable to create frame log file for writing data at path {}",
                kOpenFileHandle, *logPath_);
     return SkeldaUtil::assert_(false, kOpenFileHandle);
   }
   platform::ErrorRef error;
-  fileHandle_->openForWritingFile(logPath_, &error);
+  parts_.fileHandle->openForWritingFile(logPath_, &error);
   if (error) {
     SKELDA_LOG(1, "{}: unable to open frame log file for writing data at path {}, error = {}",
                kOpenFileHandle, *logPath_, platform::description(error));
@@ -196,32 +257,104 @@ bool SkeldaStreamFrameLogWriter::onqueue_openFileHandleIfNeeded() {
 
 bool SkeldaStreamFrameLogWriter::onqueue_writeData(const std::optional<platform::Data>& data,
                                                    bool seekToEOF) {
+  SKELDA_ON_QUEUE();
   if (!onqueue_openFileHandleIfNeeded()) return false;
   // Without the seek the write would land on what is there already.
-  if (seekToEOF && !fileHandle_->seekToEndOfFile()) return false;
+  if (seekToEOF && !parts_.fileHandle->seekToEndOfFile()) return false;
   platform::ErrorRef error;
-  fileHandle_->writeData(data, &error);
-  fileHandle_->synchronizeFile();
-  if (error) {
-    SKELDA_LOG(2, "{}: Error while writing data: {}", kWriteData, platform::description(error));
-  }
-  return error == nullptr;
+  parts_.fileHandle->writeData(data, &error);
+  onqueue_synchronize();
+  if (!error) return true;
+  SKELDA_LOG(2, "{}: Error while writing data: {}", kWriteData, platform::description(error));
+  return false;
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame() {
-  const auto storage = SkeldaKVStorage::sharedInstance();
-  const std::string key(kFrameCounterKey);
-  const auto last = static_cast<std::uint32_t>(storage->integerForKey(key));
+void SkeldaStreamFrameLogWriter::onqueue_synchronize() {
+  SKELDA_ON_QUEUE();
+  if (parts_.fileHandle->synchronizeFile()) return;
+  ++failedSynchronisations_;
+  SKELDA_LOG(1, "{}: unable to synchronise frame log file at path {}, {} times so far", kWriteData,
+             *logPath_, failedSynchronisations_);
+  SkeldaAccounting::add(SkeldaAccounting::page().synchronizationsFailed);
+}
+
+SkeldaStreamFrameLogWriter::Message SkeldaStreamFrameLogWriter::onqueue_nextCounter() {
+  SKELDA_ON_QUEUE();
+  const auto last = static_cast<std::uint32_t>(
+      SkeldaKVStorage::sharedInstance()->integerForKey(std::string(kFrameCounterKey)));
   const auto counter = static_cast<std::int32_t>(last + 1U);
   // On disk before the frame is, so that no log begins with a number that is given again.
-  storage->storeObject(counter, key);
-  const auto message = SkeldaStreamCounter::counterFrameWithCounter(counter);
-  onqueue_writeData(serializer_->frameFromStreamMessage(*message), true);
+  onqueue_store(counter, kFrameCounterKey);
+  return SkeldaStreamCounter::counterFrameWithCounter(counter);
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_setCrashFlag(bool crashed) {
-  // On disk before the log is rolled: the flag never lags behind it.
-  SkeldaKVStorage::sharedInstance()->storeObject(crashed, std::string(kCrashFlagKey));
+void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame(const Message& counter) {
+  SKELDA_ON_QUEUE();
+  if (onqueue_write(counter)) return;
+  // Whatever is owed goes behind it.
+  owed_.push_front(counter);
+  onqueue_payLater();
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_store(const platform::Value& value, std::string_view key) {
+  SKELDA_ON_QUEUE();
+  // On disk before the log is rolled: counter and crash flag never lag behind it.
+  for (int tries = 1; tries <= kTries; ++tries) {
+    if (SkeldaKVStorage::sharedInstance()->storeObject(value, std::string(key))) return;
+    if (tries < kTries) std::this_thread::sleep_for(delayWithinARoll_ * tries);
+  }
+  SKELDA_LOG(1, "{}: {} is not on disk", kStreamMessage, key);
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_owe(const Message& message) {
+  SKELDA_ON_QUEUE();
+  owed_.push_back(message);
+  if (owed_.size() >= kMostOwed) onqueue_giveUpOwed();
+  onqueue_payLater();
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_writeOwed() {
+  SKELDA_ON_QUEUE();
+  while (!owed_.empty()) {
+    const Message message = owed_.front();
+    owed_.pop_front();
+    if (onqueue_write(message)) continue;
+    owed_.push_front(message);
+    return;
+  }
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_payLater() {
+  SKELDA_ON_QUEUE();
+  if (std::exchange(willPay_, true)) return;
+  asyncBlock([this] { onqueue_payNow(); }, std::int64_t{retryDelay_.next().count()});
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_payNow() {
+  SKELDA_ON_QUEUE();
+  willPay_ = false;
+  onqueue_writeOwed();
+  if (owed_.empty()) {
+    retryDelay_.reset();
+    failedPayments_ = 0;
+    return;
+  }
+  if (++failedPayments_ == kPayments) onqueue_giveUpOwed();
+  if (!owed_.empty()) onqueue_payLater();
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_giveUpOwed() {
+  SKELDA_ON_QUEUE();
+  failedPayments_ = 0;
+  // What a log begins and ends with stays owed, once each: without it the next one means nothing.
+  std::set<std::int32_t> kept;
+  std::erase_if(owed_, [&](const Message& message) {
+    const bool frames = message->frameType() == SkeldaStreamFrameTypeUtil::kCounter ||
+                        contains(parts_.frameTypesForRoll, message->frameType());
+    if (frames && kept.insert(message->frameType()).second) return false;
+    onqueue_frameIsLost(message);
+    return true;
+  });
 }
 
 void SkeldaStreamFrameLogWriter::debugFrameData(const platform::Data& frameData,
@@ -229,8 +362,8 @@ void SkeldaStreamFrameLogWriter::debugFrameData(const platform::Data& frameData,
   std::size_t bytesRead = 0;
   platform::ErrorRef error;
   SkeldaStreamFrame::Ref frame;
-  if (deserializer_->isAtLeastOneFrameInData(frameData.view())) {
-    frame = deserializer_->streamFrameFromData(frameData.view(), &bytesRead, &error);
+  if (parts_.deserializer->isAtLeastOneFrameInData(frameData.view())) {
+    frame = parts_.deserializer->streamFrameFromData(frameData.view(), &bytesRead, &error);
   }
   SKELDA_LOG(2, "{}: frame = {}, bytes read = {}, error = {}", kDebugFrameData,
              frame ? frame->description() : "(null)", bytesRead, platform::description(error));

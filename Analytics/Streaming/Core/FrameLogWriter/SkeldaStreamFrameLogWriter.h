@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,9 +12,8 @@
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
+#include "Platform/Base/RetryDelay.h"
 #include "Platform/Foundation/Data.h"
-#include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/Value.h"
 
 class ISkeldaStreamFileHandle;
@@ -21,6 +21,21 @@ class ISkeldaStreamFileManager;
 class ISkeldaStreamFrameDeserializer;
 class ISkeldaStreamMessageSerializer;
 class SkeldaStreamSessionId;
+
+/// What a writer is made of: the folders and names of its logs, its way to the disk and to bytes,
+/// the frame types that end a log and those that are never written.
+struct SkeldaFrameLogWriterParts {
+  std::string currentFolder;
+  std::string currentName;
+  std::string commitedFolder;
+  std::string commitedName;
+  std::shared_ptr<ISkeldaStreamFileManager> fileManager;
+  std::shared_ptr<ISkeldaStreamFileHandle> fileHandle;
+  std::shared_ptr<ISkeldaStreamMessageSerializer> serializer;
+  std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer;
+  std::vector<std::int32_t> frameTypesForRoll;
+  std::vector<std::int32_t> frameTypesToDrop;
+};
 
 /// The last stage: appends each message as a frame to the current log and synchronises it before it
 /// takes the next one. A flush rolls the log: the log is copied into the folder of committed logs,
@@ -34,6 +49,9 @@ class SkeldaStreamSessionId;
 /// is at least once. A leftover log that cannot be read stays as it is and is tried again while the
 /// stages before hold their messages; after some ten seconds it is renamed to
 /// <log>.unread_<seconds> and left there.
+///
+/// A frame that cannot be written is owed: it goes before the next one, and is tried again by
+/// itself, for some ten seconds. What is given up then is named in a log line.
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                                    public virtual ISkeldaStreamFrameLogWriter {
  public:
@@ -48,6 +66,7 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
       std::shared_ptr<ISkeldaStreamMessageSerializer> serializer,
       std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
       std::vector<std::int32_t> frameTypesForRoll, std::vector<std::int32_t> frameTypesToDrop);
+  static std::shared_ptr<SkeldaStreamFrameLogWriter> writerOf(SkeldaFrameLogWriterParts parts);
   std::string_view className() const noexcept override { return "SkeldaStreamFrameLogWriter"; }
 
   void startup() override;
@@ -56,108 +75,95 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent> stage) override;
   /// Nothing comes after the last stage: aborts.
   void nextStageDidChangeState(std::int32_t state) override;
-  /// Checks that the frame reads back as the message; aborts where it does not.
-  void debugFrameData(const platform::Data& frameData, const ISkeldaStreamMessage::Ref& message);
 
-  bool isPendingLogFilePresent() const;
   std::string currentFrameLogFilePathWithName() const;
   std::string commitedFrameLogFilePathWithName() const;
-  static std::string currentWatchSessionIdFilePath();
+  /// How long to wait before what failed is tried again; doubles from try to try, up to a minute.
+  /// `withinARoll` is waited on the writer's own thread. Before the first call only.
+  void setRetryDelays(std::chrono::nanoseconds first,
+                      std::chrono::nanoseconds withinARoll) noexcept;
 
+  // -- What no code of the agent calls, but the system fixes
+
+  /// Checks that the frame reads back as the message; aborts where it does not.
+  void debugFrameData(const platform::Data& frameData, const ISkeldaStreamMessage::Ref& message);
+  bool isPendingLogFilePresent() const;
+  static std::string currentWatchSessionIdFilePath();
+  const std::string& currentFrameLogFilePath() const noexcept { return parts_.currentFolder; }
+  const std::string& currentFrameLogFileName() const noexcept { return parts_.currentName; }
+  const std::string& commitedFrameLogFilePath() const noexcept { return parts_.commitedFolder; }
+  const std::string& commitedFrameLogFileName() const noexcept { return parts_.commitedName; }
+  const auto& fileManager() const noexcept { return parts_.fileManager; }
+  const auto& fileHandle() const noexcept { return parts_.fileHandle; }
+  const auto& serializer() const noexcept { return parts_.serializer; }
+  const auto& deserializer() const noexcept { return parts_.deserializer; }
+  const auto& frameTypesForRoll() const noexcept { return parts_.frameTypesForRoll; }
+  const auto& frameTypesToDrop() const noexcept { return parts_.frameTypesToDrop; }
   bool watchHasReportedIDsSuccess() const noexcept { return watchHasReportedIDsSuccess_; }
   void setWatchHasReportedIDsSuccess(bool success) noexcept {
     watchHasReportedIDsSuccess_ = success;
   }
-  const std::string& currentFrameLogFilePath() const noexcept { return currentFrameLogFilePath_; }
-  const std::string& commitedFrameLogFilePath() const noexcept { return commitedFrameLogFilePath_; }
-  const std::string& currentFrameLogFileName() const noexcept { return currentFrameLogFileName_; }
-  const std::string& commitedFrameLogFileName() const noexcept { return commitedFrameLogFileName_; }
-  const std::shared_ptr<ISkeldaStreamFileHandle>& fileHandle() const noexcept {
-    return fileHandle_;
-  }
-  const std::shared_ptr<ISkeldaStreamFileManager>& fileManager() const noexcept {
-    return fileManager_;
-  }
-  const std::shared_ptr<ISkeldaStreamMessageSerializer>& serializer() const noexcept {
-    return serializer_;
-  }
-  const std::shared_ptr<ISkeldaStreamFrameDeserializer>& deserializer() const noexcept {
-    return deserializer_;
-  }
-  const std::vector<std::int32_t>& frameTypesForRoll() const noexcept { return frameTypesForRoll_; }
-  const std::vector<std::int32_t>& frameTypesToDrop() const noexcept { return frameTypesToDrop_; }
   /// Taken on the writer's queue; any thread.
   std::shared_ptr<SkeldaStreamSessionId> sessionIdFromDisk();
-
-  /// Puts another file system under the writer's own operations (is a log there, the atomic
-  /// rewrite). Before the first call only.
-  void setPlatformFileManager(std::shared_ptr<platform::FileManager> manager) noexcept {
-    platformFileManager_ = std::move(manager);
-  }
-  /// How long to wait before a leftover log that cannot be read is tried again; doubles from try to
-  /// try, up to a minute. Before the first call only.
-  void setFirstRetryDelay(std::chrono::nanoseconds delay) noexcept { firstRetryDelay_ = delay; }
 
  protected:
   void onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) override;
   void onqueue_transferUserInfo(const platform::Value& userInfo);
 
  private:
-  SkeldaStreamFrameLogWriter(std::string currentFrameLogFilePath,
-                             std::string currentFrameLogFileName,
-                             std::string commitedFrameLogFilePath,
-                             std::string commitedFrameLogFileName,
-                             std::shared_ptr<ISkeldaStreamFileManager> fileManager,
-                             std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
-                             std::shared_ptr<ISkeldaStreamMessageSerializer> serializer,
-                             std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
-                             std::vector<std::int32_t> frameTypesForRoll,
-                             std::vector<std::int32_t> frameTypesToDrop);
+  using Message = ISkeldaStreamMessage::Ref;
+  explicit SkeldaStreamFrameLogWriter(SkeldaFrameLogWriterParts parts);
 
-  // Writing (SkeldaStreamFrameLogWriter.cpp)
+  // Writing (SkeldaStreamFrameLogWriter.cpp). Those that answer bool say whether it is done.
+  bool onqueue_write(const Message& message);
+  /// The one place where a message has become a frame of the log; not synchronised where the disk
+  /// refused that.
+  void onqueue_frameIsWritten(const Message& message, bool synchronized);
+  /// The one place where a message that was owed is given up.
+  void onqueue_frameIsLost(const Message& message);
+  /// The log could not be committed; with it go the frames that were written to it.
+  void onqueue_logIsLost();
   void onqueue_rollLogFile();
-  void onqueue_moveCurrentLogFileToCommitedLogFilesPath();
+  bool onqueue_moveCurrentLogFileToCommitedLogFilesPath();
+  bool onqueue_commitLog();
   std::string onqueue_freshCommitedPath() const;
   bool onqueue_openFileHandleIfNeeded();
-  /// Whether the data are in the log, synchronised.
   bool onqueue_writeData(const std::optional<platform::Data>& data, bool seekToEOF);
-  void onqueue_writeCounterFrame();
-  void onqueue_setCrashFlag(bool crashed);
+  void onqueue_synchronize();
+  Message onqueue_nextCounter();
+  void onqueue_writeCounterFrame(const Message& counter);
+  void onqueue_store(const platform::Value& value, std::string_view key);
 
-  /// The longest run of whole frames at the head of a log, as the serializer writes them, and the
-  /// bytes that it takes up in the file.
-  struct ReadableLog {
-    platform::Data frames;
-    std::size_t lengthInFile = 0;
-  };
-  // Start-up (SkeldaStreamFrameLogWriterRepair.cpp). Those that answer false met a log, or an
-  // archive, that cannot be read or cut just now; it is as it was.
+  // What is owed.
+  void onqueue_owe(const Message& message);
+  void onqueue_writeOwed();
+  void onqueue_payLater();
+  void onqueue_payNow();
+  void onqueue_giveUpOwed();
+
+  // Start-up (SkeldaStreamFrameLogWriterStart.cpp). Those that answer false met a log, or an
+  // archive, that cannot be read, cut or written just now; it is as it was.
+  enum class Leftover { none, empty, crashed };
   void onqueue_writePendingFiles(int attempt);
-  void onqueue_tryAgain(int attempt);
+  std::optional<Leftover> onqueue_repairLeftover(bool needsSessionId);
+  std::optional<Leftover> onqueue_validatePendingLogFile();
+  void onqueue_tryAgain(int attempt, std::string_view what);
   bool onqueue_setLogAside();
-  bool onqueue_validatePendingLogFile();
-  bool onqueue_readPendingLog(ReadableLog& readable);
-  bool onqueue_readOn(ReadableLog& readable);
-  bool onqueue_keepFrame(const SkeldaStreamFrame::Ref& frame, ReadableLog& readable);
-  bool onqueue_cutPendingLog(const ReadableLog& readable);
-  void onqueue_closeCrashedLog();
+  bool onqueue_closeCrashedLog();
   bool onqueue_crashFlag() const;
   bool onqueue_loadSessionIdIfCrashed();
   bool onqueue_loadSessionIdFromDisk();
 
-  std::atomic<bool> watchHasReportedIDsSuccess_{false};
-  const std::string currentFrameLogFilePath_;
-  const std::string commitedFrameLogFilePath_;
-  const std::string currentFrameLogFileName_;
-  const std::string commitedFrameLogFileName_;
-  const std::shared_ptr<ISkeldaStreamFileHandle> fileHandle_;
-  const std::shared_ptr<ISkeldaStreamFileManager> fileManager_;
-  const std::shared_ptr<ISkeldaStreamMessageSerializer> serializer_;
-  const std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer_;
-  const std::vector<std::int32_t> frameTypesForRoll_;
-  const std::vector<std::int32_t> frameTypesToDrop_;
-  std::shared_ptr<SkeldaStreamSessionId> sessionIdFromDisk_;
+  const SkeldaFrameLogWriterParts parts_;
   const std::optional<std::string> logPath_;  // Folder and name; the protocols take it so.
-  std::shared_ptr<platform::FileManager> platformFileManager_;
-  std::chrono::nanoseconds firstRetryDelay_ = std::chrono::milliseconds(50);
+  std::atomic<bool> watchHasReportedIDsSuccess_{false};
+  std::shared_ptr<SkeldaStreamSessionId> sessionIdFromDisk_;
+  platform::RetryDelay retryDelay_;
+  std::chrono::nanoseconds delayWithinARoll_;
+  std::uint64_t framesInLog_ = 0;
+  std::uint64_t failedSynchronisations_ = 0;
+  /// In the order in which they go to the log.
+  std::deque<Message> owed_;
+  int failedPayments_ = 0;
+  bool willPay_ = false;
 };

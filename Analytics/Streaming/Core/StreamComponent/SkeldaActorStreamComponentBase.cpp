@@ -30,9 +30,7 @@ SkeldaActorStreamComponentBase::SkeldaActorStreamComponentBase(const std::string
     : SkeldaActor(description) {}
 
 void SkeldaActorStreamComponentBase::streamMessage(ISkeldaStreamMessage::Ref message) {
-  asyncBlock([self = selfOf(this), message = std::move(message)] {
-    self->onqueue_streamMessage(message);
-  });
+  post<&SkeldaActorStreamComponentBase::onqueue_streamMessage>(std::move(message));
 }
 
 std::optional<std::set<std::int32_t>> SkeldaActorStreamComponentBase::supportedFrameTypes() const {
@@ -43,23 +41,17 @@ void SkeldaActorStreamComponentBase::registerNextStageComponent(
     std::shared_ptr<ISkeldaStreamComponent> stage) {
   if (!SkeldaUtil::assertNotNil(stage, kRegisterNextTag)) return;
   if (!SkeldaUtil::assertNotNil(stage->supportedFrameTypes(), kRegisterNextTag)) return;
-  asyncBlock([self = selfOf(this), stage = std::move(stage)] {
-    self->onqueue_registerNextStageComponent(stage);
-  });
+  post<&SkeldaActorStreamComponentBase::onqueue_registerNextStageComponent>(std::move(stage));
 }
 
 void SkeldaActorStreamComponentBase::registerPreviousStageComponent(
     std::shared_ptr<ISkeldaStreamComponent> stage) {
   if (!SkeldaUtil::assertNotNil(stage, kRegisterPreviousTag)) return;
-  asyncBlock([self = selfOf(this), stage = std::move(stage)] {
-    self->onqueue_registerPreviousStageComponent(stage);
-  });
+  post<&SkeldaActorStreamComponentBase::onqueue_registerPreviousStageComponent>(std::move(stage));
 }
 
 void SkeldaActorStreamComponentBase::asyncStreamResponse(platform::ObjectRef response) {
-  asyncBlock([self = selfOf(this), response = std::move(response)] {
-    self->onqueue_streamResponse(response);
-  });
+  post<&SkeldaActorStreamComponentBase::onqueue_streamResponse>(std::move(response));
 }
 
 void SkeldaActorStreamComponentBase::syncStreamResponse(platform::ObjectRef response) {
@@ -85,6 +77,7 @@ SkeldaActorStreamComponentBase::previousStageComponents() {
 
 void SkeldaActorStreamComponentBase::onqueue_streamMessage(
     const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
   if (!message) return;
   const auto* stages = frameTypeToNextStageComponentsMap_.find(message->frameType());
   if (stages == nullptr) return;
@@ -93,6 +86,7 @@ void SkeldaActorStreamComponentBase::onqueue_streamMessage(
 
 void SkeldaActorStreamComponentBase::onqueue_registerNextStageComponent(
     const std::shared_ptr<ISkeldaStreamComponent>& stage) {
+  SKELDA_ON_QUEUE();
   const auto frameTypes = stage->supportedFrameTypes();
   if (!frameTypes) return;
   for (const std::int32_t frameType : *frameTypes) {
@@ -102,6 +96,7 @@ void SkeldaActorStreamComponentBase::onqueue_registerNextStageComponent(
 
 void SkeldaActorStreamComponentBase::onqueue_registerPreviousStageComponent(
     const std::shared_ptr<ISkeldaStreamComponent>& stage) {
+  SKELDA_ON_QUEUE();
   const auto known = onqueue_livePreviousStages();
   const bool isNew = std::find(known.begin(), known.end(), stage) == known.end();
   if (SkeldaUtil::assert_(isNew, kOnQueueRegisterPreviousTag)) {
@@ -110,23 +105,27 @@ void SkeldaActorStreamComponentBase::onqueue_registerPreviousStageComponent(
 }
 
 void SkeldaActorStreamComponentBase::onqueue_streamResponse(const platform::ObjectRef& response) {
+  SKELDA_ON_QUEUE();
   onqueue_sendToPreviousStageSyncResponse(response);
 }
 
 void SkeldaActorStreamComponentBase::onqueue_sendToPreviousStageSyncResponse(
     const platform::ObjectRef& response) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(response, kSyncResponseTag)) return;
   for (const auto& stage : onqueue_livePreviousStages()) stage->syncStreamResponse(response);
 }
 
 void SkeldaActorStreamComponentBase::onqueue_sendToPreviousStageAsyncResponse(
     const platform::ObjectRef& response) {
+  SKELDA_ON_QUEUE();
   if (!SkeldaUtil::assertNotNil(response, kAsyncResponseTag)) return;
   for (const auto& stage : onqueue_livePreviousStages()) stage->asyncStreamResponse(response);
 }
 
 std::vector<std::shared_ptr<ISkeldaStreamComponent>>
 SkeldaActorStreamComponentBase::onqueue_livePreviousStages() {
+  SKELDA_ON_QUEUE();
   std::vector<std::shared_ptr<ISkeldaStreamComponent>> live;
   std::erase_if(previousStageComponents_, [&live](const auto& weak) {
     auto stage = weak.lock();

@@ -9,11 +9,11 @@ SkeldaActorStreamCoreComponent::SkeldaActorStreamCoreComponent(const std::string
     : SkeldaActorStreamComponentBase(description) {}
 
 void SkeldaActorStreamCoreComponent::startup() {
-  asyncBlock([self = selfOf(this)] { self->onqueue_startup(); });
+  post<&SkeldaActorStreamCoreComponent::onqueue_startup>();
 }
 
 void SkeldaActorStreamCoreComponent::updateState(std::int32_t state) {
-  asyncBlock([self = selfOf(this), state] { self->onqueue_updateState(state); });
+  post<&SkeldaActorStreamCoreComponent::onqueue_updateState>(state);
 }
 
 void SkeldaActorStreamCoreComponent::nextStageDidChangeState(std::int32_t /*state*/) {
@@ -34,11 +34,20 @@ std::vector<ISkeldaStreamMessage::Ref> SkeldaActorStreamCoreComponent::deferredM
 
 void SkeldaActorStreamCoreComponent::onqueue_streamMessage(
     const ISkeldaStreamMessage::Ref& message) {
-  asyncBlock([self = selfOf(this), message] { self->onqueue_holdOrForward(message); });
+  SKELDA_ON_QUEUE();
+  if (moduleState_ == kStateReady && messagesOnTheirHop_ == 0) {
+    SkeldaActorStreamComponentBase::onqueue_streamMessage(message);
+    return;
+  }
+  // While one is on its hop, those behind it take the hop as well: none overtakes another.
+  ++messagesOnTheirHop_;
+  post<&SkeldaActorStreamCoreComponent::onqueue_holdOrForward>(message);
 }
 
 void SkeldaActorStreamCoreComponent::onqueue_holdOrForward(
     const ISkeldaStreamMessage::Ref& message) {
+  SKELDA_ON_QUEUE();
+  --messagesOnTheirHop_;
   if (moduleState_ != kStateReady) {
     deferredMessageQueue_.push_back(message);
   } else {
@@ -47,10 +56,12 @@ void SkeldaActorStreamCoreComponent::onqueue_holdOrForward(
 }
 
 void SkeldaActorStreamCoreComponent::onqueue_startup() {
+  SKELDA_ON_QUEUE();
   moduleState_ = kStateStarted;
 }
 
 void SkeldaActorStreamCoreComponent::onqueue_updateState(std::int32_t state) {
+  SKELDA_ON_QUEUE();
   moduleState_ = state;
   if (moduleState_ == kStateReady) {
     // The list keeps what it released: a second change to ready sends the same messages again.
@@ -62,6 +73,7 @@ void SkeldaActorStreamCoreComponent::onqueue_updateState(std::int32_t state) {
 }
 
 void SkeldaActorStreamCoreComponent::onqueue_notifyChangedState(std::int32_t state) {
+  SKELDA_ON_QUEUE();
   for (const auto& stage : onqueue_livePreviousStages()) {
     if (const auto core = std::dynamic_pointer_cast<ISkeldaStreamCoreComponent>(stage)) {
       core->nextStageDidChangeState(state);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -30,7 +31,8 @@ class SkeldaActorStreamCoreComponent : public SkeldaActorStreamComponentBase,
  protected:
   explicit SkeldaActorStreamCoreComponent(const std::string& description);
 
-  /// The holding step: one more hop on the own queue, then holds or forwards.
+  /// The holding step: a ready stage forwards at once; else one more hop on the own queue, then
+  /// holds or forwards, by the state of that moment.
   void onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) override;
   virtual void onqueue_startup();
   virtual void onqueue_updateState(std::int32_t state);
@@ -42,5 +44,6 @@ class SkeldaActorStreamCoreComponent : public SkeldaActorStreamComponentBase,
   void onqueue_holdOrForward(const ISkeldaStreamMessage::Ref& message);
 
   std::int32_t moduleState_ = kStateConstructed;
+  std::size_t messagesOnTheirHop_ = 0;
   std::vector<ISkeldaStreamMessage::Ref> deferredMessageQueue_;
 };

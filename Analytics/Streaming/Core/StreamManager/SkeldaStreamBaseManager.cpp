@@ -14,7 +14,7 @@
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"

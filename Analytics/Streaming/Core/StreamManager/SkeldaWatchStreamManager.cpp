@@ -11,13 +11,15 @@
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Analytics/Utils/SkeldaGuardedResult.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"
+#include "Platform/Foundation/StorageReserve.h"
 #include "Platform/Security/CryptographyLifetime.h"
 
 namespace {
@@ -46,11 +48,12 @@ bool SkeldaWatchStreamManager::lockStorageFolder() {
   using platform::StorageLock;
   static constinit std::atomic<bool> said{false};
   const auto folder = SkeldaUtil::filePathDirectory();
-  const auto lock = StorageLock::acquire(folder);
+  const auto lock = StorageLock::acquire(SkeldaAgentFiles::lockFile());
   if (lock.status == StorageLock::Status::held) {
-    // The settings lie beside the folder, and so does what a kill leaves of their replacement.
-    static constinit platform::Once swept;
-    swept([&] {
+    static constinit platform::Once prepared;
+    prepared([&] {
+      platform::StorageReserve::take(SkeldaAgentFiles::reserveFile());
+      // The settings lie beside the folder, and so does what a kill leaves of their replacement.
       for (const auto& place : {folder, platform::FileManager::applicationSupportDirectory()})
         platform::FileManager::defaultManager()->sweepTemporaryFiles(place);
     });

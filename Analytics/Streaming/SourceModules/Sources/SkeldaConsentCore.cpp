@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Base/NeverDestroyed.h"
 
 const std::shared_ptr<SkeldaConsentCore>& SkeldaConsentCore::sharedInstance() {

@@ -11,7 +11,7 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
@@ -27,7 +27,7 @@ class SenderTest : public ::testing::Test {
     finish();
     SkeldaUtil::setLogLevel(0);
     SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(false);
-    EXPECT_EQ(guardedExceptions().load(), 0u);
+    EXPECT_EQ(swallowedExceptions(), 0u);
   }
 
   /// As after a start of the process: with what the folder holds.

@@ -12,9 +12,7 @@ using Names = std::vector<std::string>;
 
 class SkeldaStreamTransferManagerTest : public ::testing::Test {
  protected:
-  ~SkeldaStreamTransferManagerTest() override {
-    EXPECT_EQ(SkeldaActor::swallowedExceptions(), swallowed_);
-  }
+  ~SkeldaStreamTransferManagerTest() override { EXPECT_EQ(swallowedExceptions(), swallowed_); }
 
   void make(platform::Dictionary config = {}) {
     manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(std::move(config), monitor_,
@@ -48,7 +46,7 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
     return std::make_shared<const platform::Error>(platform::makeErrorDomain("other"), 0);
   }
 
-  const std::uint64_t swallowed_ = SkeldaActor::swallowedExceptions();
+  const std::uint64_t swallowed_ = swallowedExceptions();
   std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
   std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
   std::shared_ptr<FakeAgent> agent_ = std::make_shared<FakeAgent>();

@@ -62,6 +62,12 @@ TEST_F(SkeldaActorDeferredQueueTest, ASynchronousBlockPassesAClosedGateOnlyFromI
   EXPECT_TRUE(passed);
 }
 
+TEST_F(SkeldaActorDeferredQueueTest, MayBeDroppedInsideItsOwnSynchronousBlock) {
+  gate_->resume();
+  gate_->syncBlock([&] { gate_.reset(); });
+  EXPECT_EQ(gate_, nullptr);
+}
+
 TEST_F(SkeldaActorDeferredQueueTest, DoesNotKeepItsActorAndNeedsItsArguments) {
   EXPECT_THROW(SkeldaActorDeferredQueue(), platform::Exception);
   EXPECT_THROW(SkeldaActorDeferredQueue(std::nullopt, actor_), platform::Exception);
@@ -83,7 +89,7 @@ TEST(SkeldaActorOperationQueueTest,
   EXPECT_EQ(queue->owner(), actor);
   EXPECT_EQ(queue->underlyingQueue(), actor->queue());
 
-  const auto before = SkeldaActor::swallowedExceptions();
+  const auto before = skelda::swallowedExceptions();
   std::vector<int> ran;
   const auto operation = [&](int number) {
     return std::make_shared<platform::BlockOperation>([&, number] {
@@ -96,7 +102,7 @@ TEST(SkeldaActorOperationQueueTest,
   queue->addOperation(operation(1));
   queue->addOperations({operation(2), operation(3), operation(4)}, true);
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
-  EXPECT_EQ(SkeldaActor::swallowedExceptions() - before, 2U);
+  EXPECT_EQ(skelda::swallowedExceptions() - before, 2U);
   actor->setOperationQueue(nullptr);  // the two hold each other
 }
 

@@ -15,12 +15,10 @@ using platform::Happening;
 
 class Counter : public SkeldaActor {
  public:
-  Counter() : SkeldaActor("Counter") {}
+  explicit Counter(platform::QueueRef target = nullptr) : SkeldaActor("Counter", target) {}
   static std::shared_ptr<Counter> counter() { return made(new Counter); }
 
-  void add(int n) {
-    asyncBlock([self = selfOf(this), n] { self->onqueue_add(n); });
-  }
+  void add(int n) { post<&Counter::onqueue_add>(n); }
   int total() {
     int result = 0;
     syncBlock([&] { result = total_; });
@@ -56,14 +54,14 @@ std::string reasonOf(F&& body) {
 
 class SkeldaActorTest : public testing::Test {
  protected:
-  ~SkeldaActorTest() override { EXPECT_EQ(SkeldaActor::swallowedExceptions(), swallowed_); }
+  ~SkeldaActorTest() override { EXPECT_EQ(skelda::swallowedExceptions(), swallowed_); }
   void expectSwallowed(std::uint64_t count) { swallowed_ += count; }
 
   std::shared_ptr<Counter> actor_ = Counter::counter();
   std::shared_ptr<Counter> other_ = Counter::counter();
 
  private:
-  std::uint64_t swallowed_ = SkeldaActor::swallowedExceptions();
+  std::uint64_t swallowed_ = skelda::swallowedExceptions();
 };
 
 TEST_F(SkeldaActorTest, RunsWhatIsPostedInOrderInsideTheActor) {
@@ -169,9 +167,39 @@ TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
             "Invalid parameter not satisfying: block");
   EXPECT_EQ(reasonOf([&] { actor_->asyncCallback(nullptr, kSkeldaActorNoQueue); }),
             "Invalid parameter not satisfying: callback");
+  EXPECT_EQ(reasonOf([&] { actor_->asyncCallback(none, kSkeldaActorNoQueue); }),
+            "Invalid parameter not satisfying: callback");
+  EXPECT_EQ(reasonOf([&] { actor_->wrapAsyncBlock(none); }),
+            "Invalid parameter not satisfying: block");
   actor_->syncBlock(nullptr);
   actor_->syncBlock(none);
   actor_->syncMainThreadBlock(none);
+}
+
+// The capture's destructor calls into the actor, and waits for it.
+TEST_F(SkeldaActorTest, WhatAPostedBlockHeldGoesInsideTheActor) {
+  Happening gone(1);
+  auto held = std::shared_ptr<Counter>(actor_.get(), [&](Counter* actor) {
+    actor->assertRunningInActor();
+    actor->syncBlock([&] { gone.happen(); });
+  });
+  actor_->asyncBlock([held = std::move(held)] {});
+  EXPECT_TRUE(gone.cameInTime());
+}
+
+// The block runs on another thread than its caller's, who waits inside an actor: it is still the
+// caller that calls into that actor again.
+TEST_F(SkeldaActorTest, AWaitingChainIsOneCaller) {
+  const auto onMain = SkeldaActor::made(new Counter(platform::Queue::main()));
+  int reached = 0;
+  actor_->syncBlock([&] {
+    onMain->syncBlock([&] {
+      EXPECT_TRUE(platform::MainQueue::isMainThread());
+      actor_->syncBlock([&] { ++reached; });
+      onMain->syncBlock([&] { ++reached; });
+    });
+  });
+  EXPECT_EQ(reached, 2);
 }
 
 TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {

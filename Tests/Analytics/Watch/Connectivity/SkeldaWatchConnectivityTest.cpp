@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Analytics/Utils/SkeldaActor/SkeldaGuardedBlock.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
@@ -42,7 +42,7 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     phone_->activateSession();
     watchEnd_->setJoined(true);
   }
-  ~SkeldaWatchConnectivityTest() override { EXPECT_EQ(skelda::guardedExceptions(), 0u); }
+  ~SkeldaWatchConnectivityTest() override { EXPECT_EQ(skelda::swallowedExceptions(), 0u); }
 
   /// Everything that was posted to the connectivity queue so far, and what that posted, has run.
   void drain() {
@@ -210,7 +210,7 @@ TEST(SkeldaWatchConnectivityWithoutAPhone, IsInert) {
   connectivity->transferUserInfo({{"a", 1}});
   connectivity->teardown();
   connectivity->queue()->sync([] {});
-  EXPECT_EQ(skelda::guardedExceptions(), 0u);
+  EXPECT_EQ(skelda::swallowedExceptions(), 0u);
 }
 
 }  // namespace

@@ -9,9 +9,12 @@
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
+#include "Analytics/Utils/SkeldaKVStorage.h"
+#include "Analytics/Utils/SkeldaStreamFileHandle.h"
+#include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Tests/Analytics/Streaming/Core/LogWords.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/FaultyStreamFiles.h"
+#include "Tests/Support/FaultyFiles.h"
 
 namespace skelda::testing {
 
@@ -21,20 +24,22 @@ class FrameLogWriterFixture : public ::testing::Test {
   using Writer = SkeldaStreamFrameLogWriter;
 
   /// A writer as a new process would have it.
-  Writer& makeWriter(std::shared_ptr<ISkeldaStreamFileManager> manager = nullptr,
-                     std::shared_ptr<ISkeldaStreamFileHandle> handle = nullptr) {
-    if (!manager) manager = SkeldaStreamFileManager::fileManager();
-    if (!handle) handle = SkeldaStreamFileHandle::fileHandle();
+  Writer& makeWriter(
+      std::shared_ptr<ISkeldaStreamFileManager> manager = SkeldaStreamFileManager::fileManager()) {
     writer_ = Writer::fileWriterWithCurrentFrameLogFilePath(
-        home_.storageFolder(), "log", commitedFolder(), "commited", manager, handle,
+        home_.storageFolder(), "log", commitedFolder(), "commited", std::move(manager),
+        SkeldaStreamFileHandle::fileHandle(),
         SkeldaStreamMessageSerializer::streamMessageSerializer(),
         SkeldaStreamFrameDeserializer::streamFrameDeserializer(), {1}, {});
-    writer_->setFirstRetryDelay(std::chrono::microseconds(10));
+    writer_->setRetryDelays(std::chrono::microseconds(10), std::chrono::microseconds(10));
     return *writer_;
   }
+  /// Waits until it is ready, however often it has to try.
   void start() {
+    const auto previous = std::make_shared<RecordingStage>();
+    writer_->registerPreviousStageComponent(previous);
     writer_->writePendingFiles();
-    settle(*writer_);
+    EXPECT_EQ(previous->states(1), std::vector<std::int32_t>{3});
   }
   void startNew() {
     makeWriter();
@@ -55,6 +60,16 @@ class FrameLogWriterFixture : public ::testing::Test {
     std::vector<std::string> logs;
     for (const auto& path : commitedPaths()) logs.push_back(logWords(readFile(path)));
     return logs;
+  }
+  /// All logs, the open one behind the last bar.
+  std::string allLogs() const {
+    std::string logs;
+    for (const auto& words : commited()) logs += words + " | ";
+    return logs + log();
+  }
+  void emptyHome() {
+    std::filesystem::remove_all(home_.path());
+    AgentHome::forget();
   }
   std::int64_t counter() const {
     return SkeldaKVStorage::sharedInstance()->integerForKey(std::string(Writer::kFrameCounterKey));

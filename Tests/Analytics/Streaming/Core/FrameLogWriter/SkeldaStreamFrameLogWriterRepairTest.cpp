@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <functional>
+
+#include "Analytics/Streaming/Core/FrameLogWriter/FrameLogRepair.h"
 #include "Tests/Analytics/Streaming/Core/FrameLogWriter/FrameLogWriterFixture.h"
 
 namespace skelda::testing {
@@ -8,7 +12,7 @@ namespace {
 using Logs = std::vector<std::string>;
 
 /// A home in which a process has left a log.
-class FrameLogRepair : public FrameLogWriterFixture {
+class FrameLogRepairTest : public FrameLogWriterFixture {
  protected:
   void leave(std::string_view bytes) { writeFile(logPath(), bytes); }
   /// Starts a new process over the leftover and answers how its log was committed.
@@ -20,11 +24,15 @@ class FrameLogRepair : public FrameLogWriterFixture {
     EXPECT_EQ(writer_->moduleState(), 3);
     return commited();
   }
+  /// A payload of that length.
+  static std::string object(std::size_t length) {
+    return "{\"x\":\"" + std::string(length - 8, 'x') + "\"}";
+  }
   const std::string first_ =
       frame(*SkeldaStreamCounter::counterFrameWithCounter(1)) + frame(*eventAt(1));
 };
 
-TEST_F(FrameLogRepair, CutsATornTailAtWhateverByteItWasTorn) {
+TEST_F(FrameLogRepairTest, CutsATornTailAtWhateverByteItWasTorn) {
   const std::string whole = first_ + frame(*eventAt(2));
   for (std::size_t length = first_.size(); length < whole.size(); ++length) {
     ASSERT_EQ(commitedAtStart(whole.substr(0, length)), Logs{"counter1 e1 flush4"}) << length;
@@ -32,9 +40,9 @@ TEST_F(FrameLogRepair, CutsATornTailAtWhateverByteItWasTorn) {
   EXPECT_EQ(commitedAtStart(whole), Logs{"counter1 e1 e2 flush4"});
 }
 
-TEST_F(FrameLogRepair, KeepsTheLongestReadablePrefix) {
+TEST_F(FrameLogRepairTest, KeepsTheLongestReadablePrefix) {
   // Eight of these drain the iterator's buffer of 1000 bytes exactly.
-  const std::string exact = frame(*plainMessage(148, std::string(101, 'x')));
+  const std::string exact = frame(*plainMessage(148, object(101)));
   ASSERT_EQ(exact.size(), 125U);
   std::string sixteen;
   std::string words;
@@ -42,10 +50,16 @@ TEST_F(FrameLogRepair, KeepsTheLongestReadablePrefix) {
   const std::string unknown = frame(*plainMessage(134)).replace(1, 1, 1, 'M');
   std::string version0 = frame(*plainMessage(148));
   version0[0] = 0;
-  const std::string large = frame(*plainMessage(148, std::string(5000, 'x')));
+  const std::string large = frame(*plainMessage(148, object(5000)));
+
+  std::string zeros = exact;
+  std::fill(zeros.end() - 101, zeros.end(), '\0');
+  const std::string array = frame(*plainMessage(148, "[1]"));
 
   const std::pair<std::string, std::string> cases[] = {
-      {"", "flush4"},
+      {exact + zeros, "148 flush4"},
+      {exact + array, "148 flush4"},
+      {zeros + exact, "flush4"},
       {"garbage", "flush4"},
       {std::string(300, '\xff'), "flush4"},
       {sixteen, words + " flush4"},
@@ -60,41 +74,107 @@ TEST_F(FrameLogRepair, KeepsTheLongestReadablePrefix) {
   }
 }
 
-TEST_F(FrameLogRepair, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {
-  const auto plan = std::make_shared<FaultPlan>();
+TEST_F(FrameLogRepairTest, ALogOfNoBytesIsNoCrash) {
+  EXPECT_EQ(commitedAtStart(""), Logs{});
+}
+
+TEST_F(FrameLogRepairTest, SaysWhatItCutAndWhy) {
+  using Repair = ::FrameLogRepair;
+  const std::pair<std::string, Repair::End> cases[] = {
+      {"", Repair::End::whole},
+      {"torn", Repair::End::partOfAFrame},
+      {frame(*plainMessage(148, "[1]")), Repair::End::payloadIsNoObject},
+      {frame(*plainMessage(148)).replace(1, 1, 1, 'M'), Repair::End::frameCannotBeWrittenAgain},
+  };
+  const auto handle = SkeldaStreamFileHandle::fileHandle();
+  const auto serializer = SkeldaStreamMessageSerializer::streamMessageSerializer();
+  Repair repair(logPath(), handle, serializer,
+                SkeldaStreamFrameDeserializer::streamFrameDeserializer());
+  EXPECT_FALSE(repair.read().has_value()) << "there is no log";
+  for (const auto& [tail, end] : cases) {
+    leave(first_ + tail);
+    const auto log = repair.read();
+    ASSERT_TRUE(log.has_value());
+    EXPECT_EQ(log->end, end) << Repair::text(log->end);
+    EXPECT_EQ(log->countOfFrames, 2U);
+    EXPECT_EQ(log->lengthInFile, first_.size());
+    EXPECT_EQ(log->lengthOfFile, first_.size() + tail.size());
+    EXPECT_EQ(readFile(logPath()), first_ + tail);
+    EXPECT_TRUE(repair.cut(*log));
+    EXPECT_EQ(readFile(logPath()), first_);
+  }
+}
+
+TEST_F(FrameLogRepairTest, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {
   leave(first_ + "torn");
-  makeWriter().setPlatformFileManager(std::make_shared<FaultyFileManager>(plan));
-  plan->failKind("writeData", 1, {.error = ENOSPC});
-  start();
+  const auto plan = std::make_shared<FaultPlan>();
+  const FaultyFileCalls calls(plan, ".skelda-tmp-");
+  plan->failKind("write", 1, {.error = ENOSPC});
+  startNew();
   EXPECT_EQ(plan->faults(), 1U);
   EXPECT_EQ(commited(), Logs{"counter1 e1 flush4"});
 }
 
-TEST_F(FrameLogRepair, TriesALogThatCannotBeReadAgainAndThenSetsItAsideAsItIs) {
-  for (const char* kind : {"openForReadingFile", "readDataOfLength", "availableDataWithError"}) {
-    for (const bool forEver : {false, true}) {
-      SCOPED_TRACE(kind);
-      std::filesystem::remove_all(commitedFolder());
-      const auto plan = std::make_shared<FaultPlan>();
-      leave(first_ + "torn");
-      makeWriter(nullptr, std::make_shared<FaultyStreamFileHandle>(plan));
-      const auto previous = std::make_shared<RecordingStage>();
-      writer_->registerPreviousStageComponent(previous);
-      plan->failKind(kind, 1, {.times = forEver ? Fault::kForEver : 2});
-      writer_->writePendingFiles();
-      EXPECT_EQ(previous->states(1), std::vector<std::int32_t>{3});
-      EXPECT_EQ(plan->faults(), forEver ? 9U : 2U);
-      EXPECT_EQ(log(), "counter" + std::to_string(counter()));
-      EXPECT_EQ(commited(), forEver ? Logs{} : Logs{"counter1 e1 flush4"});
-      int aside = 0;
-      for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
-        if (!entry.path().string().starts_with(logPath() + ".unread_")) continue;
+// Nothing is begun while what the last run left, or the store, cannot be read or closed.
+TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
+  const struct {
+    const char* kind;
+    int error;
+    std::size_t times;
+    const char* where;
+  } cases[] = {
+      {"open", EMFILE, 2, "/log"},  {"read", EIO, 2, "/log"},   {"open", EMFILE, 12, ".storage"},
+      {"read", EIO, 3, ".storage"}, {"open", EMFILE, 3, ""},    {"statusAt", EIO, 1, "/log"},
+      {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(::testing::Message() << row.kind << " " << row.error << " " << row.where);
+    emptyHome();
+    startNew();
+    setCrashFlag(true);
+    send(eventAt(1));
+    EXPECT_TRUE(crashFlag());
+    AgentHome::forget();
+    const auto plan = std::make_shared<FaultPlan>();
+    const FaultyFileCalls calls(plan, row.where);
+    plan->failKind(row.kind, 1, {.error = row.error, .times = row.times});
+    startNew();
+    EXPECT_EQ(plan->faults(), row.times);
+    send(eventAt(2));
+    EXPECT_EQ(allLogs(), "counter1 e1 flush4 | counter2 e2");
+    EXPECT_TRUE(crashFlag());
+  }
+}
+
+TEST_F(FrameLogRepairTest, SetsALogAsideThatStaysUnreadableOrIsNone) {
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"unreadable", [&] { leave(first_ + "torn"); }},
+      {"a folder", [&] { std::filesystem::create_directories(logPath() + "/inside"); }},
+      {"a pipe",
+       [&] {
+         leave("");
+         std::filesystem::remove(logPath());
+         ASSERT_EQ(::mkfifo(logPath().c_str(), 0600), 0);
+       }},
+  };
+  for (const auto& [what, make] : cases) {
+    SCOPED_TRACE(what);
+    emptyHome();
+    make();
+    const auto plan = std::make_shared<FaultPlan>();
+    const FaultyFileCalls calls(plan, "/log");
+    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
+    startNew();
+    EXPECT_EQ(allLogs(), "counter1");
+    int aside = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
+      if (!entry.path().string().starts_with(logPath() + ".unread_")) continue;
+      ++aside;
+      if (entry.is_regular_file()) {
         EXPECT_EQ(readFile(entry.path().string()), first_ + "torn");
-        std::filesystem::remove(entry.path());
-        ++aside;
       }
-      EXPECT_EQ(aside, forEver ? 1 : 0);
     }
+    EXPECT_EQ(aside, 1);
   }
 }
 

@@ -3,8 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
+#include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
-#include "Tests/Support/FaultyStreamFiles.h"
+#include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 using namespace skelda::testing;
@@ -12,13 +13,12 @@ using namespace skelda::testing;
 namespace {
 
 /// Remembers what was asked for.
-class RecordingHandle : public FaultyStreamFileHandle {
+class RecordingHandle : public SkeldaStreamFileHandle {
  public:
-  using FaultyStreamFileHandle::FaultyStreamFileHandle;
   std::optional<platform::Data> readDataOfLength(std::size_t length,
                                                  platform::ErrorRef* error) override {
     requests.push_back(length);
-    return FaultyStreamFileHandle::readDataOfLength(length, error);
+    return SkeldaStreamFileHandle::readDataOfLength(length, error);
   }
   std::vector<std::size_t> requests;
 };
@@ -46,7 +46,8 @@ class SkeldaStreamFrameIteratorTest : public ::testing::Test {
   TemporaryDirectory folder_;
   std::string path_ = folder_ / "log";
   FaultPlanRef plan_ = std::make_shared<FaultPlan>();
-  std::shared_ptr<RecordingHandle> handle_ = std::make_shared<RecordingHandle>(plan_);
+  FaultyFileCalls calls_{plan_};
+  std::shared_ptr<RecordingHandle> handle_ = std::make_shared<RecordingHandle>();
 };
 
 }  // namespace
@@ -119,11 +120,11 @@ TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
   EXPECT_FALSE(reading->hasNext());
 
   writeFile(path_, frames(10, 150));
-  plan_->failKind("readDataOfLength");
+  plan_->failKind("read");
   EXPECT_EQ(reading->open(path_, &error), 2);
   EXPECT_EQ(error->code(), 4);
 
-  plan_->failKind("readDataOfLength", 2);
+  plan_->failKind("read", 2);
   EXPECT_EQ(reading->open(path_), 1);
   EXPECT_EQ(drain(*reading), "abcdef");
   EXPECT_EQ(reading->state(), 2);

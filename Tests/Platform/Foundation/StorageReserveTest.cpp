@@ -1,0 +1,75 @@
+#include "Platform/Foundation/StorageReserve.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "Platform/Foundation/FileManager.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using platform::Data;
+using platform::StorageReserve;
+
+class StorageReserveTest : public ::testing::Test {
+ protected:
+  StorageReserveTest() {
+    std::filesystem::create_directories(folder_ / "commited");
+    writeFile(folder_ / "log", "frames");
+    StorageReserve::take(reserve_);
+  }
+  ~StorageReserveTest() override { StorageReserve::forget(); }
+  /// What must not fail: a copy, a new file, an archive.
+  bool all() {
+    auto& files = *platform::FileManager::defaultManager();
+    ++round_;
+    const std::string number = std::to_string(round_);
+    return files.copyItemAtPath(folder_ / "log", folder_ / ("commited/" + number)) &&
+           files.storeNewFile(Data("block"), folder_ / ("block" + number)) &&
+           files.writeData(Data(number), folder_ / "archive", true);
+  }
+
+  TemporaryDirectory folder_;
+  const std::string reserve_ = folder_ / ".skelda-reserve";
+  int round_ = 0;
+};
+
+TEST_F(StorageReserveTest, IsThereWhereDescriptorsRunOut) {
+  ChildProcess child([&] {
+    const struct ::rlimit limit { 64, 64 };
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+    while (::dup(STDERR_FILENO) >= 0) {
+    }
+    // Taken anew each time, so that it helps for as long as the host has none.
+    for (int i = 0; i < 5; ++i) {
+      if (!all()) return 1;
+    }
+    return ::dup(STDERR_FILENO) < 0 ? 0 : 3;
+  });
+  EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(StorageReserveTest, GivesItsFileUpWhereTheDiskIsFullAndTakesItAnew) {
+  EXPECT_EQ(std::filesystem::file_size(reserve_), StorageReserve::kFileLength);
+  const auto plan = std::make_shared<FaultPlan>();
+  const FaultyFileCalls calls(plan);
+  plan->failKind("allocate", 1, {.error = ENOSPC, .times = Fault::kForEver});
+  plan->failKind("write", 1, {.error = ENOSPC});
+  EXPECT_TRUE(all());
+  EXPECT_FALSE(platform::FileManager::defaultManager()->fileExistsAtPath(reserve_));
+  plan->failKind("write", 1, {.error = ENOSPC});
+  EXPECT_FALSE(all()) << "nothing is left to give";
+  plan->clear();
+  EXPECT_TRUE(all());
+  EXPECT_EQ(std::filesystem::file_size(reserve_), StorageReserve::kFileLength);
+}
+
+}  // namespace
+}  // namespace skelda::testing
