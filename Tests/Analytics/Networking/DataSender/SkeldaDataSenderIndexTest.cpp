@@ -117,12 +117,12 @@ TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
   Index index;
   {
     FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {EMFILE, false, {}, Fault::kForEver});
+    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
     index = load();
     EXPECT_FALSE(index->isReadable());
     EXPECT_FALSE(index->saveState());
     plan->clear();
-    plan->failKind("read", 1, {EIO, false, {}, Fault::kForEver});
+    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
     const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
     EXPECT_FALSE(index->addBlockInfo(block, "Data_1_261"));
     block->deletePersistentData();

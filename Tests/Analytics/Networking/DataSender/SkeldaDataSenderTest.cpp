@@ -184,7 +184,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {EMFILE, false, {}, Fault::kForEver});
+    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
     sender->retransmitNotSentBlocks();
     EXPECT_TRUE(isIdle(sender));
     drain(sender->dataIndex());
@@ -208,7 +208,7 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   for (const auto& [kind, call] : failing) {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind(kind, call, {ENOSPC, false, {}, Fault::kForEver});
+    plan->failKind(kind, call, {.error = ENOSPC, .times = Fault::kForEver});
     EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind << " " << call;
   }
   EXPECT_TRUE(blockFiles().empty());

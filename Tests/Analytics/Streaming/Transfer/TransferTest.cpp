@@ -34,7 +34,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   sendTo(server);
   const auto plan = std::make_shared<FaultPlan>();
   FaultyFileCalls calls(plan);
-  plan->failKind("syncData", 1, {ENOSPC, false, {}, Fault::kForEver});
+  plan->failKind("syncData", 1, {.error = ENOSPC, .times = Fault::kForEver});
   const std::string earlier = commit("of an earlier run");
   // Neither of these is a log; the pipe would hold whoever opened it.
   ASSERT_EQ(::mkfifo((folder + "/a pipe").c_str(), 0600), 0);
