@@ -212,7 +212,7 @@ TEST_F(SkeldaDataSenderIndexTest, WithoutAnIndexWholeBlocksOfTheCurrentKeyAreTak
     FaultyFileCalls calls(plan);
     const auto fault = [&](const char* kind) {
       if (one.attributes != 0)
-        plan->failKind(kind, 1, {one.attributes, false, {}, Fault::kForEver});
+        plan->failKind(kind, 1, {.error = one.attributes, .times = Fault::kForEver});
     };
     if (one.attributes == ENOTSUP) fault("setAttribute");
     const auto young = SkeldaDataSenderBlockInfo::blockWithData(bytes("young"), "current");

@@ -110,7 +110,7 @@ TEST_F(SkeldaStreamFrameLogSenderTest, ALogThatCannotBeReadJustNowIsALostConnect
   for (const auto& one : cases) {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
-    plan->failKind(one.call, 1, {one.error, false, {}, Fault::kForEver});
+    plan->failKind(one.call, 1, {.error = one.error, .times = Fault::kForEver});
     int lost = 0;
     for (int tries = 0; tries < 8; ++tries) lost += isLostConnection(process("log")) ? 1 : 0;
     EXPECT_EQ(lost, one.lostConnections) << one.call << " " << one.error;
