@@ -1,6 +1,7 @@
 #include "Platform/WatchConnectivity/WCPacket.h"
 
 #include <array>
+#include <utility>
 
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/JSONWriter.h"
@@ -105,7 +106,8 @@ std::optional<Data> WCPacketFraming::next() {
   // Move the rest to the front once what was taken outweighs it: linear in what passes through.
   // Into memory of its own size: what a long packet took is given back.
   if (start_ >= buffer_.length() - start_) {
-    buffer_ = Data(buffer_.bytes() + start_, buffer_.length() - start_);
+    Data rest(buffer_.bytes() + start_, buffer_.length() - start_);
+    std::swap(buffer_, rest);  // assigned, a short rest would stay in the long one's memory
     start_ = 0;
   }
   return packet;

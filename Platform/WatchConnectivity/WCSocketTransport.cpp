@@ -234,7 +234,7 @@ void WCSocketTransport::onqueue_leavePeer() {
   ::shutdown(std::exchange(peer_, -1), SHUT_RDWR);
   peerSource_->cancel();
   peerSource_ = nullptr;
-  framing_ = {};
+  static_cast<void>(std::exchange(framing_, {}));  // with its memory
   receiver_.peerDidChange(false);
 }
 

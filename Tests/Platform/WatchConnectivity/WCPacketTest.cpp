@@ -1,6 +1,7 @@
 #include "Platform/WatchConnectivity/WCPacket.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include "Platform/Platform.h"
 
@@ -37,6 +38,16 @@ TEST(WCPacketFraming, PacketsComeOffTheStreamWhereverItIsCut) {
     EXPECT_EQ(taken, "one|x|three is longer|") << "cut at " << cut;
     EXPECT_FALSE(framing.isBroken());
   }
+}
+
+TEST(WCPacketFraming, TheMemoryOfALongPacketIsGivenBackWithIt) {
+  const auto framed = WCPacketFraming::framed(Data(std::string(300 << 10, 'x')));
+  WCPacketFraming framing;
+  const auto before = mallinfo2().uordblks + mallinfo2().hblkhd;
+  framing.append(framed->bytes(), framed->length());
+  framing.append("\x05", 1);
+  EXPECT_EQ(framing.next()->length(), 300U << 10);
+  EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (100 << 10));
 }
 
 TEST(WCPacketFraming, ALengthThatCannotBeBreaksTheStreamForGood) {
