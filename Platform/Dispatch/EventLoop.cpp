@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <new>
 
 #include "Platform/Base/Descriptor.h"
+#include "Platform/Base/Log.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/RetryDelay.h"
 #include "Platform/Base/Thread.h"
@@ -110,6 +112,15 @@ void EventLoop::run(void* self) {
   static_cast<EventLoop*>(self)->run();
 }
 
+/// A source keeps what it could not pass on for want of memory.
+void EventLoop::tell(const Source& source) noexcept {
+  try {
+    source.readable_(source.context_);
+  } catch (const std::bad_alloc&) {
+    Log::write("platform::EventLoop: an event waits for want of memory");
+  }
+}
+
 void EventLoop::run() {
   using std::chrono::milliseconds;
   RetryDelay delay(milliseconds(1), std::chrono::seconds(1));
@@ -128,7 +139,7 @@ void EventLoop::run() {
       if (source == nullptr) {
         takeTick();
       } else {
-        source->readable_(source->context_);
+        tell(*source);
       }
     }
     if (asks) askForAll();

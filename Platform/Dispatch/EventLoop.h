@@ -47,6 +47,7 @@ class EventLoop final : public Wanted {
  private:
   static void run(void* self);
   void run();
+  static void tell(const Source& source) noexcept;
   bool obtain() noexcept override;
   bool watch(Source& source) noexcept;
   bool stand() noexcept REQUIRES(mutex_);

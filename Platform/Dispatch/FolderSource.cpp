@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "Platform/Base/LogFormat.h"
@@ -63,9 +64,9 @@ class WatchedFolder final : public FolderSource, public FolderListener {
   /// Events that come before the handler has run are told in one call.
   void postPending() REQUIRES(mutex_) {
     if (!resumed_ || cancelled_ || posted_ || pending_ == 0) return;
-    posted_ = true;
     queue_->barrierPost(
         [self = std::static_pointer_cast<WatchedFolder>(shared_from_this())] { self->tell(); });
+    posted_ = true;  // where memory sufficed; else what is pending goes with the next event
   }
 
   void tell() {
@@ -74,10 +75,17 @@ class WatchedFolder final : public FolderSource, public FolderListener {
     {
       const MutexLock lock(mutex_);
       posted_ = false;
-      events = std::exchange(pending_, 0);
       if (!cancelled_) handler = handler_;
+      events = std::exchange(pending_, 0);
     }
-    if (handler) handler(events);
+    if (!handler) return;
+    try {
+      handler(events);
+    } catch (const std::bad_alloc&) {
+      const MutexLock lock(mutex_);
+      pending_ |= events;  // told again with the next event
+      throw;
+    }
   }
 
   const QueueRef queue_;

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -110,21 +111,37 @@ void FolderWatcher::readEvents(void* raw) {
   for (;;) {
     const ssize_t length = read(self->inotify_.get(), buffer.data(), buffer.size());
     if (length <= 0) return;
-    Told told;
     {
       const MutexLock lock(self->mutex_);
       for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
         inotify_event event;
         std::memcpy(&event, buffer.data() + at, sizeof event);
         at += sizeof event + event.len;
-        self->take(event.wd, event.mask, told);
+        self->take(event.wd, event.mask);
       }
     }
-    for (auto& [listener, events] : told) listener->folderChanged(events);
+    while (self->tellOne()) {
+    }
   }
 }
 
-void FolderWatcher::take(WatchId watch, std::uint32_t mask, Told& told) {
+/// False when nothing is due.
+bool FolderWatcher::tellOne() {
+  std::shared_ptr<FolderListener> listener;
+  unsigned events = 0;
+  {
+    const MutexLock lock(mutex_);
+    const auto folder = std::find_if(folders_.begin(), folders_.end(),
+                                     [](const Folder& one) { return one.due != 0; });
+    if (folder == folders_.end()) return false;
+    events = std::exchange(folder->due, 0);
+    listener = folder->listener.lock();
+  }
+  if (listener) listener->folderChanged(events);
+  return true;
+}
+
+void FolderWatcher::take(WatchId watch, std::uint32_t mask) noexcept {
   for (Folder& folder : folders_) {
     unsigned events = 0;
     // What was lost may have been anybody's.
@@ -137,8 +154,7 @@ void FolderWatcher::take(WatchId watch, std::uint32_t mask, Told& told) {
         watch == folder.parent || watch == folder.folder || (mask & IN_Q_OVERFLOW) != 0;
     if (mayBeUnlinked && isUnlinked(folder.descriptor)) events |= kFolderGone;
     if ((events & kFolderGone) != 0 && std::exchange(folder.gone, true)) events &= ~kFolderGone;
-    if (events == 0) continue;
-    if (auto listener = folder.listener.lock()) told.emplace_back(std::move(listener), events);
+    folder.due |= events;
   }
 }
 

@@ -30,7 +30,6 @@ class FolderWatcher {
  private:
   using WatchId = int;
   static constexpr WatchId kNoWatch = -1;
-  using Told = std::vector<std::pair<std::shared_ptr<FolderListener>, unsigned>>;
 
   struct Folder {
     const FolderListener* identity;
@@ -39,11 +38,14 @@ class FolderWatcher {
     WatchId folder;
     WatchId parent;  // or none
     bool gone = false;
+    unsigned due = 0;  // events, not yet told
   };
 
   static int make(const void*) noexcept;
   static void readEvents(void* self);
-  void take(WatchId watch, std::uint32_t mask, Told& told) REQUIRES(mutex_);
+  // Neither allocates: an event that was read is not lost.
+  void take(WatchId watch, std::uint32_t mask) noexcept REQUIRES(mutex_);
+  bool tellOne();
   void dropWatch(WatchId watch) noexcept REQUIRES(mutex_);
   WatchId watchParentOf(int descriptor) noexcept REQUIRES(mutex_);
 

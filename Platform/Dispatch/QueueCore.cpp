@@ -1,6 +1,7 @@
 #include "Platform/Dispatch/QueueCore.h"
 
 #include <exception>
+#include <new>
 #include <thread>
 
 #include "Platform/Base/Log.h"
@@ -230,6 +231,20 @@ Outcome QueueCore::drain(Turn&) {
   return Outcome::done;
 }
 
+namespace {
+
+/// A block that memory does not suffice for ends with a line, not with the process: the queue goes
+/// on with the next.
+void run(Work* work) noexcept {
+  try {
+    work->finish(work, true);
+  } catch (const std::bad_alloc&) {
+    Log::write("platform::Queue: a block ended for want of memory");
+  }
+}
+
+}  // namespace
+
 Outcome execute(Work* work, QueueCore* executor, Turn& turn) {
   QueueCore* const origin = work->origin;
   switch (work->kind) {
@@ -244,10 +259,10 @@ Outcome execute(Work* work, QueueCore* executor, Turn& turn) {
     case Work::Kind::block:
       turn.countBlock();
       if (origin == executor) {
-        work->finish(work, true);
+        run(work);
       } else {
         const QueueCore::Running running(origin);
-        work->finish(work, true);
+        run(work);
       }
       break;
   }

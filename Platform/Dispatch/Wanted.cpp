@@ -1,6 +1,7 @@
 #include "Platform/Dispatch/Wanted.h"
 
 #include <chrono>
+#include <new>
 
 #include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/Futex.h"
@@ -30,7 +31,11 @@ void Wanted::askForAll() noexcept {
   }
   if (!any() || EventLoop::shared().keepAsking()) return;
   WorkerPool::shared().keepAsking();
-  MainThread::shared().keepAsking();
+  try {
+    MainThread::shared().keepAsking();
+  } catch (const std::bad_alloc&) {
+    // Nobody needed it so far: whoever submits next asks.
+  }
 }
 
 bool Wanted::wait(std::atomic<std::uint32_t>& word, std::uint32_t expected,

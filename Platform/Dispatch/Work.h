@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -16,8 +17,9 @@ struct Work {
     waiter,  ///< a thread that waits for its turn; the queue is handed to it
     queue,   ///< a queue that runs its own blocks here
   };
-  /// Runs the block, or does not, and then destroys the work. What a block throws ends the process.
-  using Finish = void (*)(Work* work, bool run) noexcept;
+  /// Runs the block, or does not, and then destroys the work. Whoever has it run ends the process
+  /// over what the block throws, unless that is want of memory.
+  using Finish = void (*)(Work* work, bool run);
 
   Work(Kind kindOfWork, Finish finishWork) noexcept : finish(finishWork), kind(kindOfWork) {}
 
@@ -35,10 +37,9 @@ struct BlockWork final : Work {
   explicit BlockWork(G&& callable)
       : Work(Kind::block, &runAndDelete), body(std::forward<G>(callable)) {}
 
-  static void runAndDelete(Work* work, bool run) noexcept {
-    auto* self = static_cast<BlockWork*>(work);
+  static void runAndDelete(Work* work, bool run) {
+    const std::unique_ptr<BlockWork> self(static_cast<BlockWork*>(work));
     if (run) self->body();
-    delete self;
   }
 
   F body;

@@ -66,14 +66,22 @@ void URLSessionTask::complete(HTTPURLResponseRef response, Data body, ErrorRef e
     session = std::move(session_);
   }
   const QueueRef queue = session->delegateQueue();
-  queue->async([session = std::move(session), self = shared_from_this(), body = std::move(body),
-                error = std::move(error)]() mutable {
-    if (auto delegate = session->delegate()) {
-      if (!body.empty()) delegate->didReceiveData(*session, *self, std::move(body));
-      delegate->didCompleteWithError(*session, *self, error);
-    }
-    session->taskDidEnd();
-  });
+  try {
+    queue->async([session, self = shared_from_this(), body = std::move(body),
+                  error = std::move(error)]() mutable {
+      if (auto delegate = session->delegate()) {
+        if (!body.empty()) delegate->didReceiveData(*session, *self, std::move(body));
+        delegate->didCompleteWithError(*session, *self, error);
+      }
+      session->taskDidEnd();
+    });
+  } catch (const std::bad_alloc&) {
+    // Nobody was told: it can be completed another time.
+    const MutexLock lock(mutex_);
+    state_ = State::running;
+    session_ = std::move(session);
+    throw;
+  }
 }
 
 // -- URLSession

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -26,6 +27,7 @@ constexpr std::chrono::seconds kLinger{5};
 constexpr std::chrono::seconds kLongestWaitAtExit{2};
 /// Only where the thread cannot be woken, for want of descriptors.
 constexpr std::chrono::milliseconds kPollWithoutWakeup{100};
+constexpr std::chrono::milliseconds kMemoryPatience{10};
 constexpr long kKeptConnections = 16;
 
 }  // namespace
@@ -97,18 +99,28 @@ void URLSessionEngine::run() {
     return failEverything("no network library");
   }
   for (;;) {
-    runCommands();
-    if (transfers_.empty()) {
-      if (waitForCommands()) continue;
-      return;
+    try {
+      if (!step()) return;
+    } catch (const std::bad_alloc&) {
+      // A command that was not carried out stands yet; a transfer that could not be ended times
+      // out.
+      Log::write("platform::URLSession: a step is tried again for want of memory");
+      std::this_thread::sleep_for(kMemoryPatience);
     }
-    int running = 0;
-    curl_multi_perform(multi_, &running);
-    collectFinished();
-    expire();
-    startWhatWaited();
-    if (!transfers_.empty()) poll();
   }
+}
+
+/// False when the thread is to end.
+bool URLSessionEngine::step() {
+  runCommands();
+  if (transfers_.empty()) return waitForCommands();
+  int running = 0;
+  curl_multi_perform(multi_, &running);
+  collectFinished();
+  expire();
+  startWhatWaited();
+  if (!transfers_.empty()) poll();
+  return true;
 }
 
 bool URLSessionEngine::setUp() {
@@ -133,7 +145,7 @@ bool URLSessionEngine::setUp() {
 }
 
 void URLSessionEngine::runCommands() {
-  std::vector<Command> commands;
+  std::list<Command> commands;
   {
     MutexLock lock(mutex_);
     if (resting_) {
@@ -142,18 +154,29 @@ void URLSessionEngine::runCommands() {
     }
     commands.swap(commands_);
   }
-  for (auto& command : commands) {
-    if (command.kind == Command::Kind::start) {
-      startTransfer(command.task);
-      continue;
-    }
-    const auto found = transfers_.find(command.task.get());
-    if (found == transfers_.end()) continue;
-    if (command.kind == Command::Kind::cancel) {
-      complete(*found->second, urlError(kURLErrorCancelled));
-    } else if (found->second->awaitsDecision()) {
-      found->second->setAwaitsDecision(false);
-      goOn(*found->second, std::move(command.request));
+  try {
+    for (; !commands.empty(); commands.pop_front()) runCommand(commands.front());
+  } catch (const std::bad_alloc&) {
+    const MutexLock lock(mutex_);
+    commands_.splice(commands_.begin(), commands);
+    throw;
+  }
+}
+
+void URLSessionEngine::runCommand(const Command& command) {
+  if (command.kind == Command::Kind::start) return startTransfer(command.task);
+  const auto found = transfers_.find(command.task.get());
+  if (found == transfers_.end()) return;
+  auto& transfer = *found->second;
+  if (command.kind == Command::Kind::cancel) {
+    complete(transfer, urlError(kURLErrorCancelled));
+  } else if (transfer.awaitsDecision()) {
+    transfer.setAwaitsDecision(false);
+    try {
+      goOn(transfer, command.request);
+    } catch (const std::bad_alloc&) {
+      transfer.setAwaitsDecision(true);
+      throw;
     }
   }
 }

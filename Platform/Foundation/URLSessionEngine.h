@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "Platform/Foundation/URLSession.h"
 
@@ -41,7 +41,9 @@ class URLSessionEngine {
   // On the network thread.
   void run();
   bool setUp();
+  bool step();
   void runCommands();
+  void runCommand(const Command& command);
   bool waitForCommands();
   void startTransfer(const URLSessionTaskRef& task);
   void goOn(URLSessionTransfer& transfer, std::optional<URLRequest> request);
@@ -60,7 +62,7 @@ class URLSessionEngine {
 
   Mutex mutex_;
   Condition changed_;
-  std::vector<Command> commands_ GUARDED_BY(mutex_);
+  std::list<Command> commands_ GUARDED_BY(mutex_);
   bool threadRuns_ GUARDED_BY(mutex_) = false;
   bool resting_ GUARDED_BY(mutex_) = false;      // exit() has begun
   bool atRest_ GUARDED_BY(mutex_) = false;       // and the thread has seen it
