@@ -78,7 +78,7 @@ void SkeldaActor::runSync(platform::BlockRef block, platform::Queue& on, bool ba
       thrown = std::current_exception();
     }
   };
-  if (activeThread() == caller) {
+  if (activeThread() == caller || queue_->isCurrent()) {
     inContext();
   } else if (barrier) {
     on.barrierSync(inContext);

@@ -198,8 +198,13 @@ TEST_F(SkeldaActorTest, AWaitingChainIsOneCaller) {
       actor_->syncBlock([&] { ++reached; });
       onMain->syncBlock([&] { ++reached; });
     });
+    actor_->syncMainThreadBlock([&] { actor_->syncBlock([&] { ++reached; }); });
   });
-  EXPECT_EQ(reached, 2);
+  const auto shared = platform::Queue::serial("shared");
+  const auto one = SkeldaActor::made(new Counter(shared));
+  const auto other = SkeldaActor::made(new Counter(shared));
+  one->syncBlock([&] { other->syncBlock([&] { one->syncBlock([&] { ++reached; }); }); });
+  EXPECT_EQ(reached, 4);
 }
 
 TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {
