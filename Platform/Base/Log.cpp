@@ -103,7 +103,7 @@ class Lines {
   void take(Line line) REQUIRES(mutex_);
   bool wasWrittenNow(Line& line) REQUIRES(mutex_);
   void keep(Line line) REQUIRES(mutex_);
-  void sayWhatWasDropped() REQUIRES(mutex_);
+  bool saidWhatWasDropped() REQUIRES(mutex_);
   void drop() REQUIRES(mutex_) {
     ++dropped_;
     droppedInAll.fetch_add(1, std::memory_order_relaxed);
@@ -173,10 +173,14 @@ void Lines::install(DestinationRef destination) {
   } else {
     useEnvironment();
   }
-  if (!waiting_.empty() && waiting_.front().isRest) {
+  // What was said to whom is gone is said to nobody, nor how much of it was dropped.
+  const bool isOff = destination_->shows() == Shows::nothing;
+  if (isOff) dropped_ = 0;
+  while (!waiting_.empty() && (isOff || waiting_.front().isRest)) {
     takeFirst();
     ++gone_;
   }
+  delivered_.notifyAll();
   if (!isDelivering_ || old == nullptr) return;
   if (old->isSink()) {
     const std::uint64_t before = gone_;
@@ -210,7 +214,8 @@ void Lines::say(std::string_view line, Log::Kind kind) {
   clock_gettime(CLOCK_REALTIME, &now);
   const MutexLock lock(mutex_);
   if (destination_ == nullptr) useEnvironment();
-  if (dropped_ > 0) sayWhatWasDropped();
+  // Where lines are missing stands their number, not the next line.
+  if (dropped_ > 0 && !saidWhatWasDropped()) return drop();
   take({kind, now, std::string(line)});
 }
 
@@ -241,16 +246,17 @@ void Lines::keep(Line line) {
   needThread();
 }
 
-void Lines::sayWhatWasDropped() {
-  if (waitingBytes_ > kRoom / 2) return;
+bool Lines::saidWhatWasDropped() {
+  if (waitingBytes_ > kRoom / 2) return false;
   const std::uint64_t before = std::exchange(dropped_, 0);
   take({Log::Kind::notice,
         {},
         fmt::format("Skelda: {} lines of the log were dropped, since nobody took them", before)});
-  if (dropped_ == 0) return;
+  if (dropped_ == 0) return true;
   // Nobody takes this one either: the number is not lost with it.
   dropped_ = before;
   droppedInAll.fetch_sub(1, std::memory_order_relaxed);
+  return false;
 }
 
 void Lines::needThread() {

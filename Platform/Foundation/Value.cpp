@@ -168,6 +168,22 @@ std::string describedDate(Date date) {
   return result + 'Z';
 }
 
+/// How deep this thread is inside values within values that are being copied or destroyed: past a
+/// depth that data of an application hardly has, both go on without the stack.
+class Nesting {
+ public:
+  Nesting() noexcept { ++depth; }
+  ~Nesting() { --depth; }
+  Nesting(const Nesting&) = delete;
+  Nesting& operator=(const Nesting&) = delete;
+  bool isDeep() const noexcept { return depth > kDeep; }
+
+ private:
+  static constexpr unsigned kDeep = 64;
+  static thread_local unsigned depth;
+};
+thread_local unsigned Nesting::depth = 0;
+
 }  // namespace
 
 Value::Value() noexcept = default;
@@ -187,11 +203,78 @@ Value::Value(Dictionary dictionary) noexcept
 Value::Value(std::initializer_list<DictionaryEntry> entries)
     : storage_(std::in_place_index<10>, entries) {}
 
-Value::Value(const Value&) = default;
+Value::Value(const Value& other) : storage_(copyOf(other)) {}
 Value::Value(Value&&) noexcept = default;
-Value& Value::operator=(const Value&) = default;
+Value& Value::operator=(const Value& other) {
+  return *this = Value(other);
+}
 Value& Value::operator=(Value&&) noexcept = default;
-Value::~Value() = default;
+Value::~Value() {
+  if (!isContainer()) return;
+  const Nesting nesting;
+  try {
+    if (nesting.isDeep()) takeApart();
+  } catch (...) {
+    // Without memory for a list of what is left, it ends as it nests.
+  }
+  storage_.emplace<0>();
+}
+
+Value::Storage Value::copyOf(const Value& source) {
+  if (!source.isContainer()) return source.storage_;
+  const Nesting nesting;
+  if (!nesting.isDeep()) return source.storage_;
+  Value copy;
+  copy.copyWithoutRecursion(source);
+  return std::move(copy.storage_);
+}
+
+void Value::copyWithoutRecursion(const Value& source) {
+  std::vector<std::pair<const Value*, Value*>> left{{&source, this}};
+  const auto copy = [&left](const Value& from, Value& to) {
+    if (from.isContainer()) {
+      left.emplace_back(&from, &to);
+    } else {
+      to.storage_ = from.storage_;
+    }
+  };
+  while (!left.empty()) {
+    const auto [from, to] = left.back();
+    left.pop_back();
+    if (const Array* const array = from->array()) {
+      Array& made = to->storage_.emplace<9>(array->size());
+      for (std::size_t i = 0; i < made.size(); ++i) copy((*array)[i], made[i]);
+      continue;
+    }
+    const auto& entries = from->dictionary()->entries_;
+    auto& made = to->storage_.emplace<10>().entries_;
+    made.resize(entries.size());
+    for (std::size_t i = 0; i < made.size(); ++i) {
+      made[i].first = entries[i].first;
+      copy(entries[i].second, made[i].second);
+    }
+  }
+}
+
+/// Moves what nests inside to where it ends side by side.
+void Value::takeApart() {
+  std::vector<Value> left;
+  const auto take = [&left](Value& value) {
+    if (Array* const array = value.array()) {
+      for (Value& element : *array)
+        if (element.isContainer()) left.push_back(std::move(element));
+    } else if (Dictionary* const dictionary = value.dictionary()) {
+      for (auto& entry : dictionary->entries_)
+        if (entry.second.isContainer()) left.push_back(std::move(entry.second));
+    }
+  };
+  take(*this);
+  while (!left.empty()) {
+    Value last = std::move(left.back());
+    left.pop_back();
+    take(last);
+  }
+}
 
 bool Value::isNumber() const noexcept {
   return kind() >= Kind::boolean && kind() <= Kind::real32;

@@ -61,11 +61,13 @@ class SKELDA_EXPORT Dictionary {
   friend SKELDA_EXPORT bool operator==(const Dictionary&, const Dictionary&);
 
  private:
+  friend class Value;
   std::vector<Entry> entries_;
 };
 
 /// The one dynamic type: null, boolean, signed and unsigned 64-bit integer, double, 32-bit float,
-/// text (UTF-8 is not checked here), bytes, date, array, dictionary. A value: copies are deep.
+/// text (UTF-8 is not checked here), bytes, date, array, dictionary. A value: copies are deep, and
+/// neither a copy nor an end takes more of the stack the deeper it nests.
 /// Braces make dictionaries: Value v{{"lap", 3}, {"pace", "5:10"}}; lists are spelled
 /// Array{1, 2, 3}.
 class SKELDA_EXPORT Value {
@@ -146,9 +148,14 @@ class SKELDA_EXPORT Value {
   friend SKELDA_EXPORT bool operator==(const Value&, const Value&);
 
  private:
-  std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, float, std::string, Data,
-               Date, Array, Dictionary>
-      storage_;
+  using Storage = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, float,
+                               std::string, Data, Date, Array, Dictionary>;
+  bool isContainer() const noexcept { return kind() >= Kind::array; }
+  static Storage copyOf(const Value& source);
+  void copyWithoutRecursion(const Value& source);
+  void takeApart();
+
+  Storage storage_;
 };
 
 /// One entry of a braced dictionary. The members can be moved out of an initializer list.

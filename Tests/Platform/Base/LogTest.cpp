@@ -221,7 +221,7 @@ TEST_F(LogTest, NeverHoldsWhoSaysALineAndCountsWhatNobodyTook) {
     std::string read;
     int count = 0;
     for (std::string next; count < kLines - dropped && readLine(ends[0], next); ++count)
-      ASSERT_TRUE(next.ends_with("] line " + std::to_string(count))) << next;
+      ASSERT_TRUE(next.ends_with("] line " + std::to_string(count))) << count << ": " << next;
     EXPECT_EQ(count, kLines - dropped) << setting;
     EXPECT_TRUE(Log::flush(kPatience));
     Log::write("afterwards");

@@ -41,6 +41,30 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
   }
 }
 
+TEST(ValueTest, NestsAsDeepAsMemoryGoes) {
+  constexpr int kLevels = 300'000;
+  Value nested(7);
+  for (int level = 0; level < kLevels; ++level) {
+    if (level % 2 == 0) {
+      Array array{"beside"};
+      array.push_back(std::move(nested));
+      nested = std::move(array);
+    } else {
+      Dictionary dictionary;
+      dictionary.set("key", std::move(nested));
+      nested = std::move(dictionary);
+    }
+  }
+  Value copy(nested);
+  nested = nullptr;
+  int levels = 0;
+  const Value* at = &copy;
+  for (; at->array() != nullptr || at->dictionary() != nullptr; ++levels)
+    at = at->array() != nullptr ? &at->array()->back() : at->dictionary()->find("key");
+  EXPECT_EQ(levels, kLevels);
+  EXPECT_EQ(*at, 7);
+}
+
 TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
   const struct {
     Value value;
