@@ -2,12 +2,18 @@
 
 import base64
 import json
+import os
 import shutil
+import signal
 import subprocess
+import sys
 import unittest
 
+import account_file
 import frame_log
-from support import HOSTS, Home, Process, eventually
+from support import BUILD, HOSTS, Home, Process, eventually
+
+SANITIZED = BUILD.name in ("asan", "tsan")
 
 # Runs what follows where /proc is empty.
 WITHOUT_PROC = ["unshare", "--map-root-user", "--mount", "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
@@ -107,6 +113,91 @@ class BareMachine(unittest.TestCase):
             for entity in ("SkeldaStreamLocaleInfo", "SkeldaStreamTimeZoneInfo"):
                 line = f"-[{entity} dictionaryRepresentation]: invalid data object"
                 self.assertTrue([said for said in home.log_lines() if line in said], entity)
+
+
+class Intake(unittest.TestCase):
+    """What was accepted is there after whatever ends the process, and every account adds up."""
+
+    def run_host(self, home, *way):
+        run = home.run(*way, within=120)
+        self.assertEqual(0, run.status, run.output)
+        return run
+
+    def settled(self, home):
+        """Starts the agent once more, which stores what is left; what became of it all."""
+        self.assertEqual(4, self.run_host(home, "wait").number("stored"))
+        account = account_file.of(home)
+        self.assertEqual([], account.problems())
+        self.assertEqual((0, 0), (account.events.waiting, account.choices.waiting))
+        return account
+
+    def test_twenty_thousand_waiting_survive_every_way_to_end(self):
+        for way in ("exit", "quick_exit", "_exit"):
+            with self.subTest(way), Home(bundle=bundle("IntakeHost")) as home:
+                self.assertEqual(20000, self.run_host(home, way).number("accepted"))
+                self.assertEqual(20000, account_file.of(home).events.accepted)
+                events = self.settled(home).events
+                self.assertEqual((20004, 20004), (events.accepted, events.stored + sum(events.dropped.values())))
+
+    def test_choices_before_the_first_event_start_nothing_and_reach_the_log_of_the_next_start(self):
+        with Home(bundle=bundle("IntakeHost")) as home:
+            self.run_host(home, "choices")
+            self.assertEqual((4, False), (account_file.of(home).choices.waiting, home.current_log.exists()))
+            self.assertEqual((5, 5), (self.settled(home).choices.accepted, account_file.of(home).choices.stored))
+            # In the order in which they were said; the deletion has the log closed.
+            closed, = [*home.committed_logs(), *home.blocks()]
+            choices = [frame.type for frame in frame_log.frames_in(closed) if frame.type in (146, 171, 174, 175)]
+            self.assertEqual([174, 171, 146, 175], choices)
+
+    def test_waiting_ends_with_what_was_accepted(self):
+        with Home(bundle=bundle("IntakeHost")) as home:
+            run = self.run_host(home, "wait")
+            self.assertEqual((1, 0), (run.number("nothing-yet"), run.number("only-a-choice")))
+            kinds = self.run_host(home, "kinds")
+            self.assertEqual((3, 1), (kinds.number("accepted"), kinds.number("stored")))
+            events = [event.payload for event in home.current_events()][-3:]
+            self.assertEqual([(True, True), (True, False), (False, False)],
+                             [(event["sk.event.timed"], event["sk.timed.event.starting"]) for event in events])
+            self.assertEqual("PURCHASE_EVENT", events[2]["sk.event.type"])
+
+    def test_a_flood_is_answered_truthfully_and_takes_little_memory(self):
+        with Home(bundle=bundle("IntakeHost")) as home:
+            calls = 2000000 if BUILD.name == "release" else 50000
+            run = self.run_host(home, "flood", str(calls))
+            accepted = run.number("accepted")
+            self.assertEqual(accepted + 1, run.number("account-accepted"))
+            self.assertEqual(calls - accepted, run.number("account-refused"))
+            if not SANITIZED:
+                self.assertLess(run.number("added-KiB"), 24 << 10)
+            said = [line for line in home.log_lines() if "wait to be written, calls are refused" in line]
+            self.assertLess(len(said), 20 + run.number("account-refused") // 10000, "once per episode")
+            self.settled(home)
+
+    def test_a_forked_child_is_refused_touches_nothing_and_gives_up_the_lock(self):
+        with Home(bundle=bundle("IntakeHost")) as home:
+            with home.start("fork") as parent:
+                parent.line_with("ready: 1")
+                child = parent.number("child")
+                parent.line_with("child-locks")
+                try:
+                    answers = {name: parent.number(name) for name in (
+                        "before", "stored", "parent-locks", "child-event", "child-consent", "child-waits",
+                        "child-locks", "after", "stored-after")}
+                    parent.child.kill()
+                    # The child lives, and holds nothing that the next start needs.
+                    events = self.settled(home).events
+                finally:
+                    os.kill(child, signal.SIGKILL)
+            self.assertEqual({"before": 1, "stored": 1, "parent-locks": 1, "child-event": 0, "child-consent": 0,
+                              "child-waits": 0, "child-locks": 0, "after": 1, "stored-after": 1}, answers)
+            self.assertEqual((6, 6), (events.accepted, events.stored))
+
+    def test_the_shared_library_is_never_unloaded(self):
+        library, = [path for path in (BUILD / "Library").glob("libSkelda_Watch.so*") if not path.is_symlink()]
+        program = ("import ctypes, _ctypes, sys; loaded = ctypes.CDLL(sys.argv[1]); _ctypes.dlclose(loaded._handle);"
+                   "sys.exit(sys.argv[1] not in open('/proc/self/maps').read())")
+        if not SANITIZED:
+            self.assertEqual(0, subprocess.run([sys.executable, "-c", program, library]).returncode)
 
 
 class Lifetimes(unittest.TestCase):

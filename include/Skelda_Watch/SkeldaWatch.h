@@ -49,7 +49,9 @@ class SKELDA_EXPORT SkeldaWatch {
   /// pairs by name. Otherwise like logWatchEvent().
   static unsigned startTimedEvent(SkeldaValue name, SkeldaValue parameters = {}) noexcept;
   static unsigned endTimedEvent(SkeldaValue name, SkeldaValue parameters = {}) noexcept;
-  /// An event with a purchase in it: a dictionary of texts. Otherwise like logWatchEvent().
+  /// An event with a purchase in it, a dictionary of what is known of it: texts under
+  /// "sk.TransactionIdentifier", "sk.ProductID", "sk.ProductName", "sk.Quantity", "sk.Price",
+  /// "sk.Currency", "sk.TransactionState" and "sk.country.code". Otherwise like logWatchEvent().
   static unsigned logPurchase(SkeldaValue name, SkeldaValue transaction,
                               SkeldaValue parameters = {}) noexcept;
   /// Who the user is from now on: a text, or null for nobody. Kept like an event, but starts
