@@ -156,8 +156,17 @@ bool SkeldaStreamFrameLogWriter::onqueue_write(const Message& message) {
 void SkeldaStreamFrameLogWriter::onqueue_frameIsWritten(const Message& message, bool synchronized) {
   SKELDA_ON_QUEUE();
   SkeldaAccounting::add(SkeldaAccounting::page().framesWritten);
-  // What the disk refused to keep stays in the journal, and comes again with the next start.
-  if (synchronized) SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::stored);
+  if (message->intakeTicket() != kSkeldaNoTicket)
+    writtenTickets_.push_back(message->intakeTicket());
+  if (synchronized) onqueue_framesAreKept();
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_framesAreKept() {
+  SKELDA_ON_QUEUE();
+  for (const SkeldaIntakeTicket ticket : writtenTickets_) {
+    SkeldaAccounting::settle(ticket, SkeldaIntakeOutcome::stored);
+  }
+  writtenTickets_.clear();
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_frameIsLost(const Message& message) {
@@ -171,6 +180,8 @@ void SkeldaStreamFrameLogWriter::onqueue_logIsLost() {
   SKELDA_LOG(1, "{}: {} frames are lost", kMoveCurrentLog, framesInLog_);
   SkeldaAccounting::add(SkeldaAccounting::page().framesLost, framesInLog_);
   SkeldaAccounting::logRemoved(SkeldaLogRemoval::copyFailed);
+  // What the disk never kept is in the journal still, and comes again with the next start.
+  writtenTickets_.clear();
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_transferUserInfo(const platform::Value& /*userInfo*/) {}
@@ -210,6 +221,7 @@ bool SkeldaStreamFrameLogWriter::onqueue_commitLog() {
   const std::string commitedPath = onqueue_freshCommitedPath();
   if (parts_.fileManager->copyFileFrom(logPath_, commitedPath)) {
     SkeldaAccounting::add(SkeldaAccounting::page().logsCommited);
+    onqueue_framesAreKept();  // The copy is synchronised, whatever became of the log.
     return true;
   }
   SKELDA_LOG(1, "{}: Unable to copy frame log file from {} to {}", kMoveCurrentLog, *logPath_,
@@ -347,8 +359,10 @@ void SkeldaStreamFrameLogWriter::onqueue_giveUpOwed() {
   SKELDA_ON_QUEUE();
   failedPayments_ = 0;
   // What a log begins and ends with stays owed, once each: without it the next one means nothing.
+  // So does what the intake journal holds, whose window bounds it: it was accepted.
   std::set<std::int32_t> kept;
   std::erase_if(owed_, [&](const Message& message) {
+    if (message->intakeTicket() != kSkeldaNoTicket) return false;
     const bool frames = message->frameType() == SkeldaStreamFrameTypeUtil::kCounter ||
                         contains(parts_.frameTypesForRoll, message->frameType());
     if (frames && kept.insert(message->frameType()).second) return false;

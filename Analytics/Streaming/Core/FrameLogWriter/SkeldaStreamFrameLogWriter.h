@@ -51,7 +51,8 @@ struct SkeldaFrameLogWriterParts {
 /// <log>.unread_<seconds> and left there.
 ///
 /// A frame that cannot be written is owed: it goes before the next one, and is tried again by
-/// itself, for some ten seconds. What is given up then is named in a log line.
+/// itself. What a host's call accepted, and what a log begins and ends with, is owed for as long as
+/// it takes; all else is given up after some ten seconds, and named in a log line.
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                                    public virtual ISkeldaStreamFrameLogWriter {
  public:
@@ -119,6 +120,8 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   /// The one place where a message has become a frame of the log; not synchronised where the disk
   /// refused that.
   void onqueue_frameIsWritten(const Message& message, bool synchronized);
+  /// What was written so far is on disk: the journal's records of it are settled.
+  void onqueue_framesAreKept();
   /// The one place where a message that was owed is given up.
   void onqueue_frameIsLost(const Message& message);
   /// The log could not be committed; with it go the frames that were written to it.
@@ -162,6 +165,8 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   std::chrono::nanoseconds delayWithinARoll_;
   std::uint64_t framesInLog_ = 0;
   std::uint64_t failedSynchronisations_ = 0;
+  /// Of the frames that no synchronisation has covered yet.
+  std::vector<SkeldaIntakeTicket> writtenTickets_;
   /// In the order in which they go to the log.
   std::deque<Message> owed_;
   int failedPayments_ = 0;
