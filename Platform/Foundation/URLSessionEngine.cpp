@@ -1,21 +1,18 @@
 #include "Platform/Foundation/URLSessionEngine.h"
 
 #include <curl/curl.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
-#include <exception>
 #include <new>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "Platform/Base/Descriptor.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Base/Thread.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 namespace skelda::platform {
@@ -63,19 +60,11 @@ void URLSessionEngine::submit(Command command) {
 void URLSessionEngine::startThread() {
   static const bool registered = std::atexit(&restOnExit) == 0;
   static_cast<void>(registered);
-  // No signal of the host's is handled on the network thread, and a peer that hangs up must not end
-  // the process. The mask is inherited.
-  sigset_t all, before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  try {
-    std::thread([this] { run(); }).detach();
-    threadRuns_ = true;
-  } catch (const std::system_error& error) {
-    SKELDA_PLATFORM_LOG("URLSession: unable to start the network thread: {}", error.what());
-    failEverything("no network thread");
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  threadRuns_ = skelda::platform::startThread(
+      "skelda.network", [](void* engine) { static_cast<URLSessionEngine*>(engine)->run(); }, this);
+  if (threadRuns_) return;
+  SKELDA_PLATFORM_LOG("URLSession: the system has no thread for the network");
+  failEverything("no network thread");
 }
 
 void URLSessionEngine::restOnExit() {
@@ -93,7 +82,6 @@ void URLSessionEngine::restOnExit() {
 // -- The network thread
 
 void URLSessionEngine::run() {
-  pthread_setname_np(pthread_self(), "skelda.network");
   if (!setUp()) {
     const MutexLock lock(mutex_);
     return failEverything("no network library");
