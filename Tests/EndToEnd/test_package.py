@@ -2,11 +2,14 @@
 
 import os
 import pathlib
+import plistlib
+import shutil
 import subprocess
 import tempfile
 import unittest
 
-from support import BUILD, Home
+import frame_log
+from support import BUILD, ROOT, Home
 
 PROJECT = """
 cmake_minimum_required(VERSION 3.25)
@@ -45,15 +48,36 @@ class Package(unittest.TestCase):
         run("cmake", "--install", BUILD, "--prefix", cls.prefix)
         cls.library, = cls.prefix.rglob("libSkelda_Watch.so")
 
-    def consume(self, component):
-        source = self.folder / component
+    def built(self, component, program, name=None):
+        """That program, linked by a project of its own."""
+        source = self.folder / (name or component)
         source.mkdir()
         (source / "CMakeLists.txt").write_text(PROJECT % {"component": component})
-        (source / "main.cpp").write_text(HOST)
+        (source / "main.cpp").write_text(program)
         run("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("ninja", "-C", source / "build")
+        return source / "build/Outside"
+
+    def consume(self, component):
+        program = self.built(component, HOST)
         with Home() as home:
-            run(source / "build/Outside", env=home.environment())
+            run(program, env=home.environment())
+
+    def test_the_first_program_of_the_readme_leaves_its_event_where_the_text_says(self):
+        text = (ROOT / "README.md").read_text()
+        bundle = self.folder / "Some.app/PlugIns/Extension.appex"
+        bundle.mkdir(parents=True)
+        program = text.split("```cpp\n")[1].split("```")[0]
+        shutil.copy(self.built("shared", program, "readme"), bundle / "Extension")
+        settings = {"CFBundleIdentifier": "com.example.readme", "Skelda Watch API Key": "KEY"}
+        self.assertTrue(all(f'"{key}"' in text for key in settings))
+        (bundle / "Info.plist").write_bytes(plistlib.dumps(settings))
+        place = text.split("`${XDG_DATA_HOME:-~/.local/share}/")[1].split("`")[0]
+        with Home(bundle=bundle) as home:
+            run(bundle / "Extension", env=home.environment())
+            log = home.path / "data" / place.replace("<CFBundleIdentifier>", settings["CFBundleIdentifier"])
+            event, = [frame for frame in frame_log.frames_in(log) if frame.type == frame_log.EVENT]
+            self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
 
     def test_an_outside_project_links_the_shared_library(self):
         self.consume("shared")
