@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/Foundation/FileCalls.h"
+
 namespace {
 
 /// Whether the descriptor still stands for what lies at the path.
@@ -78,7 +80,8 @@ void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
   SKELDA_ON_QUEUE();
   if (source_ != nullptr) source_->cancel();
   fileManager_->createIfNotPresentDirectoryAtPath(filePath_);
-  const int descriptor = ::open(filePath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const int descriptor = platform::fileCall<&platform::FileCalls::open>(
+      filePath_.c_str(), O_PATH | O_DIRECTORY, ::mode_t{0});
   fileDescriptor_ = descriptor;
   source_ = platform::FolderSource::make(
       descriptor,

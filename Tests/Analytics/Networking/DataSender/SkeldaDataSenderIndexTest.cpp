@@ -274,6 +274,7 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
   EXPECT_TRUE(becomes([&] { return named() == 9; }));
   EXPECT_EQ(plan->calls("rename"), 3u);
   EXPECT_TRUE(load()->sentReportSuccessfully());
+  EXPECT_TRUE(drain(index));
 }
 
 TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {

@@ -221,6 +221,7 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
   EXPECT_EQ(plan->faults(), 1u);
   EXPECT_TRUE(server.waitForRequests(1));
+  finish();  // before the calls go
 }
 
 TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptWhereNoRequestEverEnds) {
