@@ -75,31 +75,6 @@ bool take(std::optional<platform::Array>& member, const Value& value) {
   return takeContent(member, value.array());
 }
 
-void write(std::string_view key, const Value& value, platform::JSONWriter& writer) {
-  if (value.isNull()) return;
-  writer.key(key);
-  writer.value(value);
-}
-template <class T>
-void writeMember(std::string_view key, const T& member, platform::JSONWriter& writer) {
-  write(key, valueFrom(member), writer);
-}
-// What every event writes goes straight to the text; the rest may take the way over a value.
-void writeMember(std::string_view key, const Text& member, platform::JSONWriter& writer) {
-  if (!member) return;
-  writer.key(key);
-  writer.text(*member);
-}
-void writeMember(std::string_view key, const Dictionary& member, platform::JSONWriter& writer) {
-  writer.key(key);
-  writer.beginObject();
-  for (const auto& [name, value] : member) {
-    writer.key(name);
-    writer.value(value);
-  }
-  writer.endObject();
-}
-
 template <class T>
 constexpr bool kIsMember = std::is_member_object_pointer_v<T>;
 
@@ -145,15 +120,25 @@ bool SkeldaStreamRecord::writeJSON(platform::JSONWriter& writer) const {
 
 void SkeldaStreamRecord::writeField(const SkeldaRecordField& field,
                                     platform::JSONWriter& writer) const {
-  std::visit(
-      [&]<class T>(T place) {
-        if constexpr (kIsMember<T>) {
-          writeMember(field.key, this->*place, writer);
-        } else {
-          write(field.key, place(*this), writer);
-        }
-      },
-      field.place);
+  // What every event writes goes straight to the text; the rest may take the way over a value.
+  if (const auto* text = std::get_if<SkeldaRecordField::MemberOf<Text>>(&field.place)) {
+    if (!(this->**text)) return;
+    writer.key(field.key);
+    return writer.text(*(this->**text));
+  }
+  if (const auto* object = std::get_if<SkeldaRecordField::MemberOf<Dictionary>>(&field.place)) {
+    writer.key(field.key);
+    writer.beginObject();
+    for (const auto& [key, value] : this->**object) {
+      writer.key(key);
+      writer.value(value);
+    }
+    return writer.endObject();
+  }
+  const Value value = valueOf(field);
+  if (value.isNull()) return;
+  writer.key(field.key);
+  writer.value(value);
 }
 
 Value SkeldaStreamRecord::valueOf(const SkeldaRecordField& field) const {

@@ -51,6 +51,7 @@ TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
   platform::Bundle::setMain(nullptr);
 }
 
+// The privacy page says so: observation goes on while the host is silent.
 TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
   ScopedEnvironment environment;
   environment.set("LC_ALL", "nb_NO.UTF-8");

@@ -19,9 +19,13 @@ TEST(SkeldaEventFrameSource, SendsOneMessagePerCallInCallOrder) {
   rig->endTimedEvent("bought", {{"a\0b", "c"}}, kWhen);
   rig->endTimedEvent("never started", {}, kWhen);
   std::vector<std::string> events;
+  const auto firstId = dynamic_cast<const SkeldaStreamEvent&>(*rig.sent().front()).eventId();
   for (const auto& message : rig.sent()) {
     const auto& event = dynamic_cast<const SkeldaStreamEvent&>(*message);
     EXPECT_EQ(event.timestamp(), kWhen);
+    // As the frame catalogue says: an end has an id of its own, and no duration.
+    EXPECT_EQ(event.eventId(), firstId + events.size());
+    EXPECT_EQ(event.duration(), 0);
     EXPECT_EQ(event.transaction() != nullptr, event.eventType() == "PURCHASE_EVENT");
     events.push_back(*event.eventName() + " " + *event.eventType() +
                      (event.timed() ? " timed" : "") + (event.starting() ? " start" : ""));
