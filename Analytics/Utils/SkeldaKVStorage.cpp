@@ -144,8 +144,12 @@ void SkeldaKVStorage::setObject(const platform::Value& object,
 bool SkeldaKVStorage::storeObject(const platform::Value& object,
                                   const std::optional<std::string>& key) {
   if (!isStorable(object, key, "-[SkeldaKVStorage storeObject:forKey:]")) return false;
-  syncBlock([&] { onqueue_change(*key, object); });
-  return isPersisted();
+  bool stored = false;
+  syncBlock([&] {
+    onqueue_change(*key, object);
+    stored = loaded_ && saved_;
+  });
+  return stored;
 }
 
 bool SkeldaKVStorage::isReadable() {
