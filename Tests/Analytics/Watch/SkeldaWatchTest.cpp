@@ -99,7 +99,7 @@ int logThree(platform::Dictionary information, const std::string& bundle) {
   platform::Bundle::setMain(
       std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
   for (int event = 0; event < 3; ++event) SkeldaWatch::logWatchEvent("Lap", {{"lap", event}});
-  if (const auto manager = SkeldaWatchStreamManager::manager()) manager->syncBlock([] {});
+  SkeldaWatch::waitUntilStored(std::chrono::seconds(20));
   return 0;
 }
 
