@@ -76,6 +76,7 @@ bool openLocked() {
   auto file = openJournal();
   auto pump = std::make_unique<PumpRef>(SkeldaIntakePump::pumpOf(file));
   SkeldaAccounting::setFile(std::move(file));
+  SkeldaIntake::settleLogs();
   openPump.store(pump.release(), std::memory_order_release);
   return true;
 }

@@ -79,6 +79,18 @@ SkeldaAccount::Refused refusedOf(const SkeldaAccountPage& page) {
 
 }  // namespace
 
+void SkeldaIntake::settleLogs() noexcept {
+  skelda::guardedResult(false, [] {
+    auto& page = SkeldaAccounting::page();
+    std::uint64_t logs = at(page.logsStored) + waitingLogs();
+    for (const Counter& removed : page.logsRemoved) logs += at(removed);
+    // One that could not be copied never came there.
+    logs -= at(page.logsRemoved[static_cast<std::size_t>(SkeldaLogRemoval::copyFailed)]);
+    page.logsCommited.store(logs, std::memory_order_relaxed);
+    return true;
+  });
+}
+
 SkeldaAccount SkeldaIntake::account() noexcept {
   return skelda::guardedResult(SkeldaAccount(), [] {
     const SkeldaAccountPage& page = SkeldaAccounting::page();

@@ -15,6 +15,8 @@ SkeldaDataSenderBase::SkeldaDataSenderBase(
     : queue_(std::move(queue)), backgroundTaskTracker_(std::move(backgroundTaskTracker)) {}
 
 SkeldaDataSenderBase::~SkeldaDataSenderBase() {
+  // One that was not made to its end observes nothing.
+  if (networkToken_ == 0) return;
   platform::NotificationCenter::defaultCenter().removeObserver(networkToken_);
 }
 

@@ -145,6 +145,7 @@ bool SkeldaDataSenderIndex::onqueue_read() {
   indexMap_ = undamaged ? blocksFromArchive(*archive) : Map();
   if (!onqueue_settleUnnamedBlocks(!undamaged)) return false;
   read_ = true;
+  onqueue_settleAccount();
   if (undamaged) {
     sentReportSuccessfully_ = sentReportSuccessfullyIn(*archive);
     SKELDA_LOG(2, "SkeldaSender restored from index: {}", onqueue_description());
@@ -159,6 +160,16 @@ std::string SkeldaDataSenderIndex::onqueue_description() const {
     text += fmt::format(" [{}: {} blocks]", key, blocks.size());
   }
   return text;
+}
+
+/// A kill between what was done to a block and its count: the blocks that are there decide.
+void SkeldaDataSenderIndex::onqueue_settleAccount() const {
+  SKELDA_ON_RAW_QUEUE(indexMapQueue_);
+  auto& page = SkeldaAccounting::page();
+  std::uint64_t blocks = page.blocksAcknowledged + page.blocksRejected;
+  for (const auto& removed : page.blocksRemoved) blocks += removed;
+  for (const auto& [key, waiting] : indexMap_) blocks += waiting.size();
+  page.blocksStored = blocks;
 }
 
 bool SkeldaDataSenderIndex::onqueue_settleUnnamedBlocks(bool takeUp) {

@@ -87,6 +87,7 @@ class SkeldaDataSenderIndex : public platform::Object,
 
   bool onqueue_read();
   std::string onqueue_description() const;
+  void onqueue_settleAccount() const;
   /// False where the files cannot be looked at just now.
   bool onqueue_settleUnnamedBlocks(bool takeUp);
   void onqueue_adoptBlocksWithoutKey(const std::string& dataKey);
