@@ -133,10 +133,7 @@ bool SkeldaDataSenderIndex::onqueue_read() {
   if (read_) return true;
   platform::ErrorRef error;
   const auto archive = SkeldaUtil::safeUnarchiveObjectWithFile(filePath(), &error);
-  if (error != nullptr && error->code() == EISDIR) {
-    // No archive, and in the way of the next one.
-    SkeldaUtil::removeObjectAtPath(filePath());
-  } else if (error != nullptr) {
+  if (error != nullptr) {
     SKELDA_LOG(1, "SkeldaSender: unable to read the index just now, error = {}",
                platform::description(error));
     return false;

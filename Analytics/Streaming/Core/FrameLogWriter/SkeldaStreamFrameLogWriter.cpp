@@ -7,6 +7,7 @@
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Core/SkeldaMessageKinds.h"
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
@@ -16,12 +17,14 @@
 #include "Analytics/Utils/ISkeldaStreamFileHandle.h"
 #include "Analytics/Utils/ISkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/NotificationCenter.h"
 
 namespace {
 
@@ -220,17 +223,19 @@ bool SkeldaStreamFrameLogWriter::onqueue_commitLog() {
   }
   const std::string commitedPath = onqueue_freshCommitedPath();
   if (parts_.fileManager->copyFileFrom(logPath_, commitedPath)) {
-    SkeldaAccounting::add(SkeldaAccounting::page().logsCommited);
     onqueue_framesAreKept();  // The copy is synchronised, whatever became of the log.
-    return true;
+  } else {
+    SKELDA_LOG(1, "{}: Unable to copy frame log file from {} to {}", kMoveCurrentLog, *logPath_,
+               commitedPath);
+    // A copy that is there is whole, even where its folder could not be synchronised.
+    const auto names = parts_.fileManager->fileNamesAtPath(parts_.commitedFolder);
+    const std::string name = commitedPath.substr(commitedPath.rfind('/') + 1);
+    if (!names || std::ranges::find(*names, name) == names->end()) return false;
   }
-  SKELDA_LOG(1, "{}: Unable to copy frame log file from {} to {}", kMoveCurrentLog, *logPath_,
-             commitedPath);
-  // A copy that is there is whole, even where its folder could not be synchronised.
-  const auto names = parts_.fileManager->fileNamesAtPath(parts_.commitedFolder);
-  const std::string name = commitedPath.substr(commitedPath.rfind('/') + 1);
-  if (!names || std::ranges::find(*names, name) == names->end()) return false;
   SkeldaAccounting::add(SkeldaAccounting::page().logsCommited);
+  skelda::guarded([] {
+    platform::NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
+  })();
   return true;
 }
 

@@ -149,7 +149,7 @@ TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatch
   for (const bool hasDescriptor : {false, true}) {
     settle();
     noMoreWatches = hasDescriptor;
-    if (!hasDescriptor) plan->failKind("open", 1, {EMFILE, false, {}, Fault::kForEver});
+    if (!hasDescriptor) plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
     provider_->recreateDispatchSource();
     // Once the first try has failed a commit is told; before, the old watch stood.
     std::size_t seen = changes_->count();

@@ -5,11 +5,14 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include <fmt/format.h>
 
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/StorageReserve.h"
 #include "Tests/Analytics/Streaming/Core/FrameLogWriter/FrameLogWriterFixture.h"
 #include "Tests/Support/LogCapture.h"
@@ -24,12 +27,17 @@ class FrameLogWriter : public FrameLogWriterFixture {};
 TEST_F(FrameLogWriter, RollsOnEveryFlushAndKeepsTheCrashFlagOfItsStatus) {
   startNew();
   std::size_t logs = 0;
+  std::atomic<std::size_t> told = 0;
+  auto& center = platform::NotificationCenter::defaultCenter();
+  const auto token = center.addObserver(kSkeldaFrameLogWasCommitedNotification,
+                                        [&](const platform::Notification&) { ++told; });
   for (const int status : {0, 1, 3, 4, 5, 6}) {
     for (const bool before : {false, true}) {
       setCrashFlag(before);
       send(eventAt(8));
       flush(status);
       ASSERT_EQ(commited().size(), ++logs);
+      EXPECT_EQ(told, logs);
       EXPECT_EQ(commited().back(),
                 "counter" + std::to_string(logs) + " e8 flush" + std::to_string(status));
       EXPECT_EQ(log(), "counter" + std::to_string(logs + 1));
@@ -41,6 +49,7 @@ TEST_F(FrameLogWriter, RollsOnEveryFlushAndKeepsTheCrashFlagOfItsStatus) {
   send(plainMessage(77));
   EXPECT_EQ(commited().size(), logs) << "what makes no frame neither rolls nor is written";
   EXPECT_EQ(log(), "counter13");
+  center.removeObserver(token);
 }
 
 TEST_F(FrameLogWriter, WritesAndSynchronisesEachFrameAndDoesNothingElse) {
