@@ -16,10 +16,7 @@
 /// after the other, each a kind in one byte and its content. Measuring and writing neither allocate
 /// nor throw, so that a call is kept on the caller's own thread for the price of copying it.
 ///
-/// Content: whole numbers as base-128 digits, lowest first (signed ones folded, 0 -1 1 -2 ...);
-/// reals, and dates as microseconds since 1970, in 8 bytes, 32-bit reals in 4, in the host's order;
-/// text and bytes behind their length; arrays and dictionaries behind their count. docs/
-/// intake-format.md has it with an example.
+/// Format: docs/intake-format.md.
 struct SkeldaIntakeCall {
   /// Never renumbered: they stand in files.
   enum class Kind : std::uint8_t {

@@ -180,7 +180,7 @@ void sayEverything(const std::string& text) {
 const Scenario manyThreads("eight threads", [] {
   platform::Log::setSink([](std::string_view) {});  // lines are made, and read by nobody
   becomeHost(kWatch);
-  constexpr unsigned kThreads = 8, kEvents = 250, kAll = kThreads * kEvents + 1;
+  constexpr unsigned kThreads = 8, kEvents = 100, kAll = kThreads * kEvents + 1;
   std::atomic<unsigned> accepted{0};
   std::vector<std::thread> threads;
   for (unsigned thread = 0; thread < kThreads; ++thread) {

@@ -1,8 +1,11 @@
 #include "Analytics/Intake/Journal/SkeldaIntakeCall.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <string>
@@ -90,6 +93,17 @@ TEST(SkeldaIntakeCall, ReadsBackAnyValuesAndNothingElse) {
        {"", "\x01", "\x09", "\xff\x01", "\x01\x09\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff"}) {
     EXPECT_FALSE(Call::read(hostile));
   }
+}
+
+TEST(SkeldaIntakeCall, IsWrittenAsTheDocumentShows) {
+  const Value name("lap"), parameters{{"n", -3}};
+  std::string hex = "\n\n   ";
+  for (const char byte : encoded(Call::Kind::event, {name, parameters})) {
+    hex += fmt::format(" {:02x}", static_cast<unsigned char>(byte));
+  }
+  std::ifstream document(std::string(SKELDA_DOCS_FOLDER) + "/intake-format.md");
+  const std::string text(std::istreambuf_iterator<char>(document), {});
+  EXPECT_NE(text.find(hex + "\n\n"), std::string::npos) << hex;
 }
 
 Value nested(unsigned levels) {
