@@ -1,5 +1,6 @@
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 
+#include <chrono>
 #include <utility>
 
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
@@ -16,7 +17,9 @@
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Once.h"
+#include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Platform/Foundation/StorageReserve.h"
@@ -156,11 +159,20 @@ void SkeldaWatchStreamManager::onqueue_startup() {
 
 void SkeldaWatchStreamManager::waitUntilStarted() {
   syncBlock([] {});
-  // Twice, since a provider tells a source, which then sends.
-  for (int round = 0; round < 2; ++round) {
-    for (const auto& module : modules()) {
-      if (const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module))
-        actor->syncBlock([] {});
-    }
+  // More than once, since a provider tells a source, which then sends.
+  waitForModules();
+  // The state of the application is asked for on the main queue. A host may be late to serve it: a
+  // session then lacks that record, and drops what is over its cap until it comes.
+  const auto group = platform::Group::make();
+  group->enter();
+  platform::Queue::main()->async([group] { group->leave(); });
+  group->wait(platform::dispatchTimeAfter(std::chrono::seconds(1)));
+  waitForModules();
+  waitForModules();
+}
+
+void SkeldaWatchStreamManager::waitForModules() {
+  for (const auto& module : modules()) {
+    if (const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module)) actor->syncBlock([] {});
   }
 }

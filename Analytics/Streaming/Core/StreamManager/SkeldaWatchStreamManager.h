@@ -30,7 +30,7 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
   /// returns at once.
   void startup() override;
   /// Returns once what startup() set going has handed its first messages to the core buffer. Waits
-  /// for the modules' queues: not for a host's thread.
+  /// for the modules' queues, and for the main queue, which a host may serve, at most a second.
   void waitUntilStarted();
   /// Whether startup() was called.
   bool isStarted() const noexcept { return started_.load(std::memory_order_acquire); }
@@ -58,6 +58,7 @@ class SkeldaWatchStreamManager : public SkeldaStreamBaseManager {
  private:
   static std::shared_ptr<SkeldaWatchStreamManager> managerOfLockedFolder();
   void onqueue_startup();
+  void waitForModules();
   void loadWatchEventThreshold();
   void loadWatchDurationThreshold();
   void helperSetupSourceModules();
