@@ -175,8 +175,8 @@ class Killer:
             self.problems.append(f"{len(self.home.blocks())} blocks")
 
     def __str__(self):
-        return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted and found, "
-                f"{dict(+self.named)} of them dropped by name, {self.replayed} taken up again, {self.twice} there twice; "
+        return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted, "
+                f"{dict(+self.named)} of them dropped by name and the others found, {self.replayed} taken up again, {self.twice} there twice; "
                 f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
                 f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
 
@@ -213,7 +213,7 @@ def main():
         kept, killer = survivors(threads)
         print(f"{kept} of 1,000 events by {threads} threads are there after a kill behind the last call", flush=True)
         if kept != 1000 or killer.problems:
-            print("\n".join(killer.problems))
+            print("\n".join([*killer.problems, str(killer)]))
             return 1
 
     def progress(killer):
