@@ -28,8 +28,8 @@ COUNTERS = (("accepted", 2), ("cutOff", 2), ("replayed", 2), ("unprotected", 2),
             ("logsStored", 1), ("logsRemoved", 4), ("blocksStored", 1), ("blocksAcknowledged", 1),
             ("blocksRejected", 1), ("blocksRemoved", 3), ("bytesSent", 1), ("requests", 1), ("lastAnswer", 1),
             ("lastAnswerTime", 1), ("linesDropped", 1), ("inconsistent", 1))
-# More calls than this are never under way at a kill.
-MOST_CUT_OFF = 64
+# More calls than this are never under way at a kill, nor more logs or blocks.
+MOST_CUT_OFF, MOST_UNDER_WAY = 64, 8
 
 _MASK = (1 << 64) - 1
 
@@ -81,8 +81,9 @@ class AccountFile:
 
     def problems(self, home=None, killed=False):
         """Texts, none when all adds up. With `killed`, no start has come after the last kill: calls
-        may be cut off that nothing has counted yet. With a home, its logs and blocks as well, which
-        only a start puts right that came after the last kill."""
+        may be cut off that nothing has counted yet. With a home, its logs and blocks as well, where
+        nothing is under way. A kill may leave some that are there and not counted yet, or counted as
+        gone and still there; but never one that is neither there nor counted."""
         wrong = []
         for name in KINDS:
             records = getattr(self, name)
@@ -93,16 +94,13 @@ class AccountFile:
         if home is not None:
             number = self.numbers
             # A log that could not be copied was lost before it was committed.
-            self._hold(wrong, "logs", number["logsCommited"], number["logsStored"], len(home.committed_logs()),
-                       sum(self.logs_removed.values()) - self.logs_removed["copyFailed"])
-            self._hold(wrong, "blocks", number["blocksStored"], number["blocksAcknowledged"],
-                       number["blocksRejected"], len(home.blocks()), sum(self.blocks_removed.values()))
+            sums = {"logs": (number["logsCommited"], number["logsStored"], len(home.committed_logs()),
+                             sum(self.logs_removed.values()) - self.logs_removed["copyFailed"]),
+                    "blocks": (number["blocksStored"], number["blocksAcknowledged"], number["blocksRejected"],
+                               len(home.blocks()), sum(self.blocks_removed.values()))}
+            wrong += [f"{name}: {whole} are not {' + '.join(map(str, parts))}" for name, (whole, *parts) in sums.items()
+                      if not 0 <= sum(parts) - whole <= (MOST_UNDER_WAY if killed else 0)]
         return wrong
-
-    @staticmethod
-    def _hold(wrong, name, whole, *parts):
-        if whole != sum(parts):
-            wrong.append(f"{name}: {whole} are not {' + '.join(map(str, parts))}")
 
 
 def _rotated(value, by):

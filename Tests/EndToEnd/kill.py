@@ -16,7 +16,7 @@ import time
 import account
 import account_file
 import frame_log
-from support import FRAMES_TOOL, HOSTS, Home, give_identifiers
+from support import FRAMES_TOOL, HOSTS, Home, eventually, give_identifiers
 
 HOST = HOSTS / "KillHost.app/PlugIns/KillHost.appex"
 REFUSED, ACCEPTED = 1, 2
@@ -76,7 +76,8 @@ class Killer:
         self.problems = self.frames.problems
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
         self.replayed, self.named = 0, collections.Counter()
-        self.next = self.checked = 0
+        self.next = 0
+        self.account = None
         self.previous = []  # the frames of the log that the last kill left open
 
     def start(self, events, threads, rate, end):
@@ -104,14 +105,16 @@ class Killer:
                 host.kill()
         self.kills += 1
         self.look()
-        self.hold(f"kill {self.kills}", killed=True)
+        # A kill may fall before the first call has returned.
+        if self.home.has_intake_file() or any(self.told.read_bytes()):
+            wrong = account_file.of(self.home).problems(self.home, killed=True)
+            self.problems += [f"kill {self.kills}: {problem}" for problem in wrong]
 
-    def hold(self, when, killed, home=None):
-        if not self.home.has_intake_file() and not any(self.told.read_bytes()):
-            return None  # killed before its first call had returned
-        file = account_file.of(self.home)
-        self.problems += [f"{when}: {problem}" for problem in file.problems(home, killed)]
-        return file
+    def quiet(self):
+        """The account, once it has stood still for a moment and adds up; None before."""
+        before, self.account = self.account, account_file.of(self.home)
+        still = self.account == before and not self.home.committed_logs()
+        return self.account if still and not self.account.problems(self.home) else None
 
     def look(self):
         """Takes up the logs that are new, and finds again what was durable in the open one before."""
@@ -136,23 +139,30 @@ class Killer:
         self.previous = frames
 
     def check(self):
-        """A start that nobody kills: everything that calls had accepted is in frames then, or named."""
+        """A start that is killed once it has nothing left to do: all that calls had accepted is in frames then."""
+        when = f"the start after kill {self.kills}"
         with self.start(1, 1, 0, "stored") as host:
-            status = host.wait(120)
-            if status != 0 or "stored: 1" not in host.output:
-                self.problems.append(f"the start after kill {self.kills} ended with {status}: {host.output}")
+            if host.line_with("stored: ", 120) != "stored: 1":
+                self.problems.append(f"{when} did not store all: {host.output}")
+            # Its logs become blocks, and what nobody takes of those is removed: then all adds up.
+            if not eventually(self.quiet):
+                self.problems.append(f"{when} comes to no rest in which all adds up: "
+                                     f"{len(self.home.committed_logs())} logs wait, {self.account.problems(self.home)}")
+            if host.child.poll() is not None:
+                self.problems.append(f"{when} ended by itself with {host.status}: {host.output}")
+            host.kill()
         self.look()
         self.checks += 1
-        file = self.hold(f"the start after kill {self.kills}", killed=False)
         found = self.frames.with_open(self.previous)
         told = self.told.read_bytes()[:self.next]
         accepted = [number for number, answer in enumerate(told) if answer == ACCEPTED]
         self.accepted = len(accepted)
         missing = [number for number in accepted if found[number] == 0]
-        self.named, self.replayed = collections.Counter(file.events.dropped), file.events.replayed
-        if len(missing) > self.named.total():
-            self.problems.append(f"the start after kill {self.kills}: {len(missing)} events are gone and "
-                                 f"{+self.named} are named, the first missing is {missing[0]}")
+        events = self.account.events
+        self.named, self.replayed = collections.Counter(events.dropped), events.replayed
+        # Every session is whole from its first event on, and ends with its last.
+        if missing or self.named.total():
+            self.problems.append(f"{when}: {len(missing)} events are gone, first {missing[:1]}, {+self.named} are named")
         if unasked := [number for number in found if told[number] == REFUSED]:
             self.problems.append(f"{len(unasked)} refused events are there, first {unasked[0]}")
         self.twice = sum(count > 1 for count in found.values())

@@ -70,6 +70,13 @@ SkeldaAccountPage& SkeldaAccounting::page() noexcept {
   return file->page();
 }
 
+std::uint64_t SkeldaAccounting::raise(Counter& come, std::uint64_t thereOrGone) noexcept {
+  const std::uint64_t counted = come.load(std::memory_order_relaxed);
+  if (counted > thereOrGone) return counted - thereOrGone;
+  come.store(thereOrGone, std::memory_order_relaxed);
+  return 0;
+}
+
 void SkeldaAccounting::refused(SkeldaRefusal reason) noexcept {
   add(page().refused[static_cast<std::size_t>(reason)]);
 }

@@ -19,6 +19,10 @@ SkeldaAccountPage& page() noexcept;
 inline void add(SkeldaAccountPage::Counter& counter, std::uint64_t count = 1) noexcept {
   counter.fetch_add(count, std::memory_order_relaxed);
 }
+/// Settles, before anything moves, what a kill between a thing's coming or going and its count has
+/// left: what is there counts as come. Returns how many came and are neither there nor counted as
+/// gone, so that the caller names them.
+std::uint64_t raise(SkeldaAccountPage::Counter& come, std::uint64_t thereOrGone) noexcept;
 void refused(SkeldaRefusal reason) noexcept;
 void logRemoved(SkeldaLogRemoval reason, std::uint64_t count = 1) noexcept;
 void blockRemoved(SkeldaBlockRemoval reason, std::uint64_t count = 1) noexcept;

@@ -37,8 +37,8 @@ bool waitUntilStored(std::chrono::steady_clock::time_point deadline) noexcept;
 /// The open journal; null before there is one.
 std::shared_ptr<SkeldaIntakeFile> openFile() noexcept;
 
-/// A kill between a log's coming or going and its count: the logs that are there decide. At the
-/// start of a process, before anything moves them.
+/// Puts right what a kill left of the count of logs; one that nobody counted as gone is named as
+/// unreadable. At the start of a process, before anything moves them.
 void settleLogs() noexcept;
 
 /// What became of everything, as of now.

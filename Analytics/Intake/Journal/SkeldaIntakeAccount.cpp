@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -17,26 +18,27 @@ std::uint64_t at(const Counter& counter) noexcept {
   return counter.load(std::memory_order_relaxed);
 }
 
-/// How many files of a folder have such a name; a folder that cannot be read has none.
+/// How many files of a folder have such a name; null where that cannot be told.
 template <class IsNamedSo>
-std::uint64_t filesIn(const std::string& folder, IsNamedSo&& isNamedSo) {
+std::optional<std::uint64_t> filesIn(const std::string& folder, IsNamedSo&& isNamedSo) {
   std::error_code error;
   std::uint64_t count = 0;
   for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
     if (isNamedSo(entry->path().filename().string())) ++count;
   }
+  if (error && error != std::errc::no_such_file_or_directory) return std::nullopt;
   return count;
 }
 
-std::uint64_t waitingLogs() {
+std::optional<std::uint64_t> waitingLogs() {
   return filesIn(SkeldaAgentFiles::commitedFrameLogsFolder(), [](const std::string& name) {
     return name.starts_with(SkeldaAgentFiles::commitedFrameLogName());
   });
 }
 
 /// Blocks are named by nothing but a UUID.
-std::uint64_t waitingBlocks() {
+std::optional<std::uint64_t> waitingBlocks() {
   return filesIn(SkeldaAgentFiles::storageFolder(), [](const std::string& name) {
     return name.size() == 36 && std::ranges::count(name, '-') == 4;
   });
@@ -82,11 +84,14 @@ SkeldaAccount::Refused refusedOf(const SkeldaAccountPage& page) {
 void SkeldaIntake::settleLogs() noexcept {
   skelda::guardedResult(false, [] {
     auto& page = SkeldaAccounting::page();
-    std::uint64_t logs = at(page.logsStored) + waitingLogs();
+    const auto waiting = waitingLogs();
+    if (!waiting) return false;
+    std::uint64_t logs = at(page.logsStored) + *waiting;
     for (const Counter& removed : page.logsRemoved) logs += at(removed);
     // One that could not be copied never came there.
     logs -= at(page.logsRemoved[static_cast<std::size_t>(SkeldaLogRemoval::copyFailed)]);
-    page.logsCommited.store(logs, std::memory_order_relaxed);
+    SkeldaAccounting::logRemoved(SkeldaLogRemoval::unreadable,
+                                 SkeldaAccounting::raise(page.logsCommited, logs));
     return true;
   });
 }
@@ -130,8 +135,8 @@ SkeldaAccount SkeldaIntake::account() noexcept {
     if (file == nullptr) return account;  // Nothing of this process is in the storage folder.
     account.events.waiting = file->waitingCount(SkeldaIntakeFile::Kind::event);
     account.choices.waiting = file->waitingCount(SkeldaIntakeFile::Kind::choice);
-    account.logs.waiting = waitingLogs();
-    account.blocks.waiting = waitingBlocks();
+    account.logs.waiting = waitingLogs().value_or(0);
+    account.blocks.waiting = waitingBlocks().value_or(0);
     return account;
   });
 }

@@ -159,14 +159,15 @@ std::string SkeldaDataSenderIndex::onqueue_description() const {
   return text;
 }
 
-/// A kill between what was done to a block and its count: the blocks that are there decide.
+/// A block that nobody counted as gone, and that is not there, is named as damaged.
 void SkeldaDataSenderIndex::onqueue_settleAccount() const {
   SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   auto& page = SkeldaAccounting::page();
   std::uint64_t blocks = page.blocksAcknowledged + page.blocksRejected;
   for (const auto& removed : page.blocksRemoved) blocks += removed;
   for (const auto& [key, waiting] : indexMap_) blocks += waiting.size();
-  page.blocksStored = blocks;
+  SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::damaged,
+                                 SkeldaAccounting::raise(page.blocksStored, blocks));
 }
 
 bool SkeldaDataSenderIndex::onqueue_settleUnnamedBlocks(bool takeUp) {

@@ -3,7 +3,7 @@
 //
 // RATE is events per second and thread, 0 for no bound. The byte of TOLD at a number is 2 once the
 // call has returned 1, 1 once it has returned 0. END is what comes behind the last call: "kill"
-// kills the process, "linger" waits to be killed, "stored" waits until all is stored, and exits.
+// kills the process, "linger" waits to be killed, "stored" says when all is stored, and waits, too.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -66,8 +66,9 @@ int main(int count, char** arguments) {
   if (end == "kill") ::kill(::getpid(), SIGKILL);
   std::printf("done\n");
   std::fflush(stdout);
-  while (end == "linger") ::pause();
-  const bool stored = SkeldaWatch::waitUntilStored(std::chrono::seconds(60));
-  std::printf("stored: %d\n", stored ? 1 : 0);
-  return 0;
+  if (end == "stored") {
+    std::printf("stored: %d\n", SkeldaWatch::waitUntilStored(std::chrono::seconds(60)));
+    std::fflush(stdout);
+  }
+  for (;;) ::pause();
 }

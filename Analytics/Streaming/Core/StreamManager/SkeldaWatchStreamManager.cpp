@@ -159,7 +159,6 @@ void SkeldaWatchStreamManager::onqueue_startup() {
 
 void SkeldaWatchStreamManager::waitUntilStarted() {
   syncBlock([] {});
-  // More than once, since a provider tells a source, which then sends.
   waitForModules();
   // The state of the application is asked for on the main queue. A host may be late to serve it: a
   // session then lacks that record, and drops what is over its cap until it comes.
@@ -167,8 +166,9 @@ void SkeldaWatchStreamManager::waitUntilStarted() {
   group->enter();
   platform::Queue::main()->async([group] { group->leave(); });
   group->wait(platform::dispatchTimeAfter(std::chrono::seconds(1)));
-  waitForModules();
-  waitForModules();
+  // A provider takes up its news, then tells those who observe it, and then a source sends: each
+  // posts the next, in whatever order the modules are waited for.
+  for (int step = 0; step < 3; ++step) waitForModules();
 }
 
 void SkeldaWatchStreamManager::waitForModules() {

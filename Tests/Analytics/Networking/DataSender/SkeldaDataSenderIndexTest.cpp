@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
 namespace skelda::testing {
@@ -169,11 +170,20 @@ TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIs
   EXPECT_EQ(log_.count("delete orphaned data block"), 1u);
 }
 
-TEST_F(SkeldaDataSenderIndexTest, AnEntryWithoutAFileIsOneThatTheIndexWasBehind) {
-  const auto gone = add(load(), "gone");
-  add(load(), "there");
-  gone->deletePersistentData();
-  EXPECT_EQ(texts(load()), std::vector<std::string>{"there"});
+TEST_F(SkeldaDataSenderIndexTest,
+       AnEntryWithoutAFileIsForgottenAndNamedWhereNobodyCountedItAsGone) {
+  auto& page = SkeldaAccounting::page();
+  auto& damaged = page.blocksRemoved[static_cast<std::size_t>(SkeldaBlockRemoval::damaged)];
+  for (const bool counted : {false, true}) {
+    AgentHome home;
+    const auto gone = add(load(), "gone");
+    add(load(), "there");
+    gone->deletePersistentData();
+    if (counted) SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::overLimit);
+    const std::uint64_t before = damaged;
+    EXPECT_EQ(texts(load()), std::vector<std::string>{"there"});
+    EXPECT_EQ(damaged, before + (counted ? 0 : 1));
+  }
 }
 
 TEST_F(SkeldaDataSenderIndexTest, WhicheverByteOfTheIndexIsDamagedEveryBlockIsStillThere) {
