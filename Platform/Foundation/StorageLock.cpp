@@ -49,8 +49,7 @@ void afterForkInChild() NO_THREAD_SAFETY_ANALYSIS {
 /// The locks go with the process.
 State& state() {
   static NeverDestroyed<State> shared;
-  static const int followsForks =
-      ::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+  static const int followsForks = ::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
   if (followsForks != 0) throw std::bad_alloc();
   return *shared;
 }

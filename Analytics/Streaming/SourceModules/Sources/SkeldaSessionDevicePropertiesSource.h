@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
 /// Sends each start snapshot as it is, and an end snapshot together with the start it belongs to.
