@@ -15,4 +15,4 @@ class Kill(unittest.TestCase):
         killer = kill.kill_often(15, seed=20240519, on_disk=False)
         self.assertEqual([], killer.problems, str(killer))
         self.assertGreater(killer.durable, 50, str(killer))
-        self.assertGreater(killer.replayed, 100, str(killer))
+        self.assertGreater(killer.replayed, 30, str(killer))

@@ -80,8 +80,10 @@ class MorningRun(unittest.TestCase):
         with Home() as home:
             give_identifiers(home)
             count = 100_000
+            # As fast as they can be said: room for all of them.
+            bundle = home.own_bundle(lambda information: information.update({"Skelda Watch Intake Capacity": 65536}))
             run = home.run("--speed", "0", "--events", str(count), "--threads", "8", "--linger", "240", "--server",
-                           NOWHERE, within=300, environment=home.environment(SKELDA_LOG="off"))
+                           NOWHERE, within=300, bundle=bundle, environment=home.environment(SKELDA_LOG="off"))
             self.assertEqual(0, run.status, run.output)
             self.assertIn("at rest", run.output)
             refused = run.number("refused")

@@ -45,25 +45,27 @@ void PhoneLink::hangUp() {
   descriptor_ = -1;
 }
 
-bool PhoneLink::waitFor(short events, Clock::time_point deadline) const {
+short PhoneLink::waitFor(short events, Clock::time_point deadline) const {
   for (;;) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd entry{.fd = descriptor_, .events = events, .revents = 0};
     const int ready = ::poll(&entry, 1, static_cast<int>(std::max<long>(0, left.count())));
-    if (ready > 0) return true;
-    if (ready == 0) return false;
-    if (errno != EINTR) return false;
+    if (ready > 0) return entry.revents;
+    if (ready == 0 || errno != EINTR) return 0;
   }
 }
 
 bool PhoneLink::sendBytes(std::string_view bytes, std::chrono::milliseconds pause) {
   const std::size_t step = pause.count() > 0 ? 1 : bytes.size();
   while (!bytes.empty()) {
-    if (!waitFor(POLLOUT, Clock::now() + kSendPatience)) return false;
-    const ssize_t sent =
-        ::send(descriptor_, bytes.data(), std::min(step, bytes.size()), MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
+    // What comes meanwhile is taken in: a watch that finds no room for its answers reads no more.
+    const short ready = waitFor(POLLOUT | POLLIN, Clock::now() + kSendPatience);
+    if (ready == 0 || ((ready & POLLIN) != 0 && !takeIn())) return false;
+    if ((ready & POLLOUT) == 0) continue;
+    const ssize_t sent = ::send(descriptor_, bytes.data(), std::min(step, bytes.size()),
+                                MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (sent < 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(sent));
     if (pause.count() > 0) std::this_thread::sleep_for(pause);
@@ -83,14 +85,20 @@ bool PhoneLink::send(const WCPacket& packet, std::chrono::milliseconds pause,
 std::optional<WCPacket> PhoneLink::receive(Clock::time_point deadline) {
   for (;;) {
     if (auto bytes = framing_.next()) return WCPacket::decoded(bytes->view());
-    if (framing_.isBroken() || !isConnected() || !waitFor(POLLIN, deadline)) return std::nullopt;
-    std::array<char, 16384> chunk;
-    const ssize_t length = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
-    if (length < 0 && errno == EINTR) continue;
-    if (length <= 0) {
-      hangUp();
+    if (framing_.isBroken() || !isConnected() || waitFor(POLLIN, deadline) == 0 || !takeIn()) {
       return std::nullopt;
     }
-    framing_.append(chunk.data(), static_cast<std::size_t>(length));
   }
+}
+
+bool PhoneLink::takeIn() {
+  std::array<char, 16384> chunk;
+  const ssize_t length = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
+  if (length < 0 && errno == EINTR) return true;
+  if (length <= 0) {
+    hangUp();
+    return false;
+  }
+  framing_.append(chunk.data(), static_cast<std::size_t>(length));
+  return true;
 }

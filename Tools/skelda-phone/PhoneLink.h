@@ -33,7 +33,10 @@ class PhoneLink {
   std::optional<skelda::platform::WCPacket> receive(Clock::time_point deadline);
 
  private:
-  bool waitFor(short events, Clock::time_point deadline) const;
+  /// What of the events has come; 0 at the deadline.
+  short waitFor(short events, Clock::time_point deadline) const;
+  /// Reads what is there; false where the watch has hung up.
+  bool takeIn();
 
   std::string path_;
   int descriptor_ = -1;

@@ -80,6 +80,7 @@ TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
     }
     MainQueue::stop();
   });
+  expectDrained(Queue::main());  // the block, which puts twenty more behind
   expectDrained(Queue::main());
   EXPECT_EQ(afterTheStop, 0);
   host.join();
