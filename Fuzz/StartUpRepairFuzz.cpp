@@ -22,6 +22,7 @@
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Base/Log.h"
+#include "Platform/Foundation/JSONReader.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ std::uint32_t crcOf(std::string_view bytes) {
 }
 
 /// The frame at the head of the bytes, as it comes out of a repair; empty where there is none. A
-/// second reading of the format, which shares nothing with the one under test.
+/// second reading of the format, which shares nothing with the one under test but the JSON reader.
 std::string repairedFrame(std::string_view bytes) {
   if (bytes.size() < 24) return {};
   const auto type = static_cast<std::int32_t>(numberAt<std::uint32_t>(bytes, 0) >> 8);
@@ -58,6 +59,9 @@ std::string repairedFrame(std::string_view bytes) {
   const bool footer = (bytes[0] & 0x0F) == 0;
   if (payload == 0 || !SkeldaStreamFrameTypeUtil::allFrameTypes().contains(type)) return {};
   if (24 + payload + (footer ? 4 : 0) > bytes.size()) return {};
+  const auto object =
+      skelda::platform::readJSON(bytes.substr(24, payload), nullptr, {.maximumDepth = 512});
+  if (!object || object->dictionary() == nullptr) return {};
   std::string frame(bytes.substr(0, 24 + payload));
   frame[0] = static_cast<char>(frame[0] & 0x0F);
   if (footer) {
@@ -101,19 +105,8 @@ void repair(const std::string& folder, bool crashed) {
   require(writer->moduleState() == 3, "the writer is ready");
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  static const Home home;
-  if (size == 0) return 0;
-  const bool crashed = (bytes[0] & 1) != 0;
-  const std::string_view log(reinterpret_cast<const char*>(bytes) + 1, size - 1);
-  const std::string folder = SkeldaUtil::filePathDirectory();
-  std::filesystem::remove_all(folder + "/commited");
-  std::ofstream(folder + "/log", std::ios::binary | std::ios::trunc) << log;
-
-  repair(folder, crashed);
-
+/// What was committed of a log: its readable prefix, closed as a crashed one.
+void requireCommited(const std::string& folder, std::string_view log, bool crashed) {
   std::string expected;
   for (std::string_view rest = log;;) {
     const std::string frame = repairedFrame(rest);
@@ -134,6 +127,26 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     rest.remove_prefix(frame.size());
   }
   require(rest.empty(), "nothing follows the flush");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  static const Home home;
+  if (size == 0) return 0;
+  const bool crashed = (bytes[0] & 1) != 0;
+  const std::string_view log(reinterpret_cast<const char*>(bytes) + 1, size - 1);
+  const std::string folder = SkeldaUtil::filePathDirectory();
+  std::filesystem::remove_all(folder + "/commited");
+  std::ofstream(folder + "/log", std::ios::binary | std::ios::trunc) << log;
+
+  repair(folder, crashed);
+
+  if (log.empty()) {
+    require(!std::filesystem::exists(folder + "/commited"), "a log of no bytes is no crash");
+  } else {
+    requireCommited(folder, log, crashed);
+  }
   const std::string current = fileContents(folder + "/log");
   require(current.size() > 1 && repairedFrame(current) == current && current[1] == 2,
           "the new log is a counter frame");

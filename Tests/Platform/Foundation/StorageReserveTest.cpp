@@ -43,6 +43,9 @@ class StorageReserveTest : public ::testing::Test {
 
 TEST_F(StorageReserveTest, IsThereWhereDescriptorsRunOut) {
   ChildProcess child([&] {
+    // Once while there are some: what watches the calls in a sanitizer build needs them the first
+    // time.
+    if (!all()) return 4;
     const struct ::rlimit limit { 64, 64 };
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
     while (::dup(STDERR_FILENO) >= 0) {
