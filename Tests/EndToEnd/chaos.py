@@ -1,11 +1,13 @@
-"""Everything at once: a host that logs at a steady rate while its server misbehaves, its disk fills,
-its files are damaged behind its back, and it is killed. In the end, with all well again, every log
-that was committed is either at the server or accounted for.
+"""Everything at once: a host that logs at a steady rate while its server misbehaves or never answers,
+its disk fills, descriptors and threads are taken from it, its files are damaged behind its back and
+between its starts, and it is killed. In the end, with all well again, every log that was committed is
+either at the server or accounted for.
 
     python3 Tests/EndToEnd/chaos.py MINUTES [--seed N]
 """
 
 import argparse
+import collections
 import contextlib
 import ctypes
 import dataclasses
@@ -14,6 +16,7 @@ import os
 import pathlib
 import random
 import re
+import resource
 import select
 import shutil
 import struct
@@ -24,15 +27,33 @@ import time
 
 import account_file
 import frame_log
-from support import Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
+from support import HOSTS, Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
 RATE = 15
+SHIM = HOSTS / "libFaultShim.so"  # look-ups of names in HANGING take longer than any host lives
+HANGING = "https://server.hangs/v1/skd.do"
+# Beyond it nobody waits between the redirects of a loop. Nine transfers go side by side, and each
+# follows nine at once.
+MOST_REDIRECTS_A_SECOND = 60
 
 
 def digest(data):
     return hashlib.sha256(data).hexdigest()
+
+
+def keeps_attributes(folder):
+    """Whether a file there can carry attributes: a block's has its key with it then."""
+    probe = folder / "probe"
+    probe.touch()
+    try:
+        os.setxattr(probe, "user.probe", b"1")
+    except OSError:
+        return False
+    finally:
+        probe.unlink()
+    return True
 
 
 class Tap(threading.Thread):
@@ -117,6 +138,14 @@ class Addresses(threading.Thread):
 MOST_SOCKETS = 9 + 2
 
 
+def open_files(pid):
+    names = []
+    for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # closed while we look
+            names.append(os.readlink(path))
+    return names
+
+
 @dataclasses.dataclass
 class Usage:
     memory: int
@@ -127,10 +156,7 @@ class Usage:
     @staticmethod
     def of(pid):
         status = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines())
-        opened = []
-        for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
-            with contextlib.suppress(FileNotFoundError):  # closed while we look
-                opened.append(os.readlink(path))
+        opened = open_files(pid)
         sockets = sum(name.startswith("socket:") for name in opened)
         return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(opened) - sockets, sockets)
 
@@ -143,8 +169,10 @@ class Chaos:
         self.sent = self.home.path / "sent"
         self.sent.mkdir()
         self.tampered = {}  # digest or name of what was damaged, to how
-        self.lost_to_tampering = set()  # digests of the logs in damaged blocks
-        self.counts = {"kills": 0, "server restarts": 0, "tamperings": 0, "full disks": 0}
+        self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
+        self.counts = collections.Counter()
+        self.renumberings = 0  # the settings were damaged, and numbering may begin anew
+        self.decks = {}
         self.problems = []
         self.refused_early = []
         self.untrusted = 0
@@ -165,6 +193,7 @@ class Chaos:
         authority = self.home.path / "authority.pem"
         shutil.copyfile(self.collector.authority, authority)
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
+        self.blocks_carry_keys = keeps_attributes(self.home.storage)
         if ROOT_USER:
             for folder, names, files in os.walk(self.home.path):
                 for name in [".", *files]:
@@ -173,19 +202,36 @@ class Chaos:
         self.blocks = Tap(self.home.storage, lambda name: len(name) == 36 and name.count("-") == 4)
         self.addresses = Addresses()
 
-    def start(self, *arguments):
-        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
-        host = self.home.start(*arguments, "--server", self.collector.url, keep_sent=self.sent,
-                               environment=self.environment, **as_nobody)
+    def one_of(self, *choices):
+        """One by chance; each comes once before any comes again."""
+        if not self.decks.get(choices):
+            self.decks[choices] = self.chance.sample(choices, len(choices))
+        return self.decks[choices].pop()
+
+    def as_host(self):
+        return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
+
+    def start(self, *arguments, server=None, preload="", **popen):
+        host = self.home.start(*arguments, "--server", server or self.collector.url, keep_sent=self.sent,
+                               environment={**self.environment, "LD_PRELOAD": str(preload)}, **self.as_host(), **popen)
         self.addresses.pid = host.pid
         return host
 
-    def start_host(self):
-        self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", "2")
+    def start_host(self, threads=2, **how):
+        self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
+
+    def limit(self, **soft):
+        """Of descriptors ("nofile") or threads ("nproc"), under the host's own user, who may."""
+        limits = [f"--{name}={value}:" for name, value in soft.items()]
+        subprocess.run(["prlimit", "--pid", str(self.host.pid), *limits], check=True, **self.as_host())
 
     def end_host(self):
         if self.host.child.poll() is not None:
             self.problems.append(f"the host ended by itself with {self.host.status}: {self.host.output[-2000:]}")
+        with contextlib.suppress(FileNotFoundError):
+            for number in range(3):
+                if (file := os.readlink(f"/proc/{self.host.pid}/fd/{number}")).startswith(str(self.home.path)):
+                    self.problems.append(f"standard stream {number} is {file}")
         self.host.kill()
         self.host.__exit__()
         self.host_lines += self.host.lines
@@ -208,17 +254,25 @@ class Chaos:
 
     def serve_badly(self, seconds):
         """One spell of a server that does not do as it should."""
-        elsewhere = self.collector.url
+        here = self.collector.url
         status = self.chance.choice([500, 503, 429, 400, 401, 404])
         faults = [f"status={status}", "reset-after=100bytes", "reset-answer=20bytes", "drop-answer",
                   "delay=1500ms", f"delay=300ms,status={status}"]
-        faults += [f"redirect={code}:{elsewhere},times=3" for code in (301, 302, 303, 307, 308)]
-        if self.length > 150:
-            faults.append("delay=25s,times=2")
-        chosen = [part for fault in self.chance.sample(faults, 3)
-                  for part in ("--fault", fault if "times" in fault else f"{fault},for={seconds / 3:.0f}s")]
+        faults += [f"redirect={code}:{here},times=3" for code in (301, 302, 303, 307, 308)]
+        # At length it stays silent for longer than a request waits.
+        longest = self.one_of("redirect", "delay=1h")
+        first = 25 if longest == "delay=1h" and self.length > 150 else seconds / 2
+        self.counts["redirect loops" if longest == "redirect" else "silent servers"] += 1
+        if longest == "redirect":
+            longest += f"={self.chance.choice([301, 302, 307, 308])}:{here}"
+        chosen = ["--fault", f"{longest},for={first:.0f}s"]
+        for fault in self.chance.sample(faults, 2):
+            chosen += ["--fault", fault if "times" in fault else f"{fault},for={seconds / 4:.0f}s"]
         self.restart_collector(*chosen, away=self.chance.choice([0, 0, 0.5, 2]))
-        time.sleep(seconds)
+        time.sleep(first + seconds / 2)
+        redirects = sum("fault: redirect" in (line or "") for line in self.collector.process.lines)
+        if redirects > MOST_REDIRECTS_A_SECOND * seconds:
+            self.problems.append(f"{redirects} redirects were followed in {seconds:.0f} s")
 
     def serve_untrusted(self, seconds):
         before = len(self.collector.entries())
@@ -247,11 +301,7 @@ class Chaos:
         how = self.chance.choice(["deleted", "truncated", "garbage", "unreadable"])
         with contextlib.suppress(OSError):
             data = path.read_bytes()
-            if path == self.home.index:
-                # With the list of blocks damaged, what they hold is no longer known to be unsent.
-                for block in self.home.blocks():
-                    with contextlib.suppress(OSError):
-                        self.lost_to_tampering.add(digest(block.read_bytes()))
+            self.note_damage(path)
             self.tampered[path.name] = how
             self.tampered[digest(data)] = how
             if how == "deleted":
@@ -272,10 +322,76 @@ class Chaos:
             self.tamper()
             time.sleep(0.5)
 
+    def note_damage(self, path):
+        if path == self.home.key_values:
+            self.renumberings += 1
+        elif path == self.home.index and not self.blocks_carry_keys:
+            self.lost_to_tampering |= {digest(block.read_bytes()) for block in self.home.blocks()}
+
+    def starve(self, seconds):
+        """No new descriptor, no new thread or neither, for up to a second each time."""
+        # The host has read its own files by then, which it cannot do without.
+        eventually(lambda: any("skeldaIntake" in name for name in open_files(self.host.pid)))
+        until = time.monotonic() + seconds
+        usual = {"nofile": resource.getrlimit(resource.RLIMIT_NOFILE)[0],
+                 "nproc": resource.getrlimit(resource.RLIMIT_NPROC)[0]}
+        while time.monotonic() < until:
+            taken = {int(number) for number in os.listdir(f"/proc/{self.host.pid}/fd")}
+            none = {"nofile": min(set(range(len(taken) + 1)) - taken), "nproc": 0}
+            self.limit(**{name: none[name] for name in self.one_of(("nofile",), ("nproc",), ("nofile", "nproc"))})
+            time.sleep(self.chance.uniform(0.05, 1))
+            self.limit(**usual)
+            self.counts["starvations"] += 1
+            time.sleep(0.3)
+
+    # What a start finds
+
     def kill(self):
         self.end_host()
         self.counts["kills"] += 1
+        self.one_of(Chaos.start_host, Chaos.start_without_error_stream, Chaos.start_without_threads,
+                    Chaos.start_with_damage, Chaos.start_without_names)(self)
+
+    def start_without_error_stream(self):
+        self.start_host(preexec_fn=lambda: os.close(2))
+        self.counts["closed error streams"] += 1
+
+    def start_without_threads(self):
+        """For up to a second. The host itself makes do with the one it has."""
+        most = resource.getrlimit(resource.RLIMIT_NPROC)
+        self.start_host(threads=1, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (0, most[1])))
+        time.sleep(self.chance.uniform(0.2, 1))
+        self.limit(nproc=most[0])
+        if not eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10):
+            self.problems.append(f"after a start without threads there are but {Usage.of(self.host.pid)}")
+        self.counts["starts without threads"] += 1
+
+    def start_without_names(self):
+        """The name server hangs under one host; the next one has another address."""
+        if SHIM.exists():
+            self.start_host(server=HANGING, preload=SHIM)
+            time.sleep(25 if self.length > 150 else 3)
+            self.end_host()
+            self.counts["hanging name servers"] += 1
         self.start_host()
+
+    def start_with_damage(self):
+        """Blocks wait, and a byte of their index, of the settings or of both is another one."""
+        self.collector.stop()
+        self.collector_output += self.collector.process.lines
+        self.start_host()
+        eventually(lambda: len(self.home.blocks()) >= 3, within=15)
+        self.end_host()
+        self.counts["blocks under a damaged index"] += len(self.home.blocks())
+        for path in (self.home.index, self.home.key_values):
+            data = bytearray(path.read_bytes())
+            data[self.chance.randrange(len(data))] ^= 1 << self.chance.randrange(8)
+            self.note_damage(path)
+            path.write_bytes(data)
+        self.counts["starts with damaged files"] += 1
+        self.start_host()
+        time.sleep(1)
+        self.collector.start()
 
     # The run
 
@@ -284,18 +400,17 @@ class Chaos:
         self.start_host()
         began = time.monotonic()
         calm_from = self.length * 0.5  # from here on one process lives to the end
-        usage, deck = None, []
+        usage = None
         spell = max(3.0, min(8.0, self.length / 12))
         while (now := time.monotonic() - began) < self.length:
             if now < calm_from:
-                time.sleep(self.chance.uniform(0.1, 1.5))
-                self.kill()
+                for _ in range(3):
+                    time.sleep(self.chance.uniform(0.1, 1))
+                    self.kill()
             elif usage is None:
                 time.sleep(min(10.0, self.length / 12))
                 usage = Usage.of(self.host.pid)
-            deck = deck or self.chance.sample([self.serve_badly, self.serve_untrusted, self.damage, self.fill_disk,
-                                               self.serve_badly], 5)
-            deck.pop()(spell)
+            self.one_of(Chaos.serve_badly, Chaos.serve_untrusted, Chaos.damage, Chaos.fill_disk, Chaos.starve)(self, spell)
             self.restart_collector()
             time.sleep(self.chance.uniform(1, 3))
         self.settle(usage)
@@ -313,8 +428,7 @@ class Chaos:
 
         # What goes on just now may hold some; what stays is a leak.
         if not eventually(lambda: not grown(), within=20):
-            open_now = [os.readlink(path) for path in pathlib.Path(f"/proc/{self.host.pid}/fd").iterdir()]
-            self.problems.append(f"grown from {usage} to {Usage.of(self.host.pid)}: {open_now}")
+            self.problems.append(f"grown from {usage} to {Usage.of(self.host.pid)}: {open_files(self.host.pid)}")
         self.usage = (usage, Usage.of(self.host.pid))
         self.end_host()
         for _ in range(2):
@@ -353,6 +467,7 @@ class Chaos:
         contents = dict(self.committed.contents)
         for path in self.sent.iterdir():
             contents[path.name] = contents.get(path.name) or path.read_bytes()
+        self.hold_numbering(contents.values())
         fates = {}
         for name, data in contents.items():
             key = digest(data) if data else None
@@ -369,9 +484,30 @@ class Chaos:
             if entry["sha256"] in known:
                 continue
             data = (self.collector.store / entry["file"]).read_bytes()
-            if not any(original and original.startswith(data) for original in contents.values()):
+            if name := self.unread_log(data, contents):
+                fates[name] = "received"
+            elif not any(original and original.startswith(data) for original in contents.values()):
                 fates[entry["file"]] = "RECEIVED, NEVER COMMITTED"
         return fates
+
+    @staticmethod
+    def unread_log(data, contents):
+        """Of the names that were gone before they could be read, and not kept for want of a
+        descriptor, the one that was committed when this arrival ended."""
+        ended = max((frame.epoch / 1000 for frame in frame_log.readable(data)[0]), default=0)
+        return next((name for name, read in contents.items()
+                     if not read and abs(float(name.rsplit("_", 1)[1]) - ended) < 1), None)
+
+    def hold_numbering(self, logs):
+        """A number is given again only where the settings had been damaged."""
+        given = collections.defaultdict(set)
+        for log in filter(None, logs):
+            for frame in frame_log.readable(log)[0][:1]:
+                # One that was committed twice has its end twice, but not its beginning.
+                given[frame.payload.get("sk.frame.log.counter")].add(frame.raw)
+        for number, beginnings in given.items():
+            if number and len(beginnings) > 1 + self.renumberings:
+                self.problems.append(f"{len(beginnings)} logs are numbered {number}, {self.renumberings} damages")
 
     def report(self):
         fates = self.account()

@@ -74,9 +74,13 @@ void CollectorServer::stop() {
   std::unique_lock lock(mutex_);
   stopping_ = true;
   changed_.notify_all();
-  server_->stop();
-  // The library would wait for the next request of every connection that is kept open.
-  while (!served_) {
+  for (bool told = false; !served_;) {
+    // The library takes no notice before it accepts, and bears being told once.
+    if (!told && server_->is_running()) {
+      server_->stop();
+      told = true;
+    }
+    // It would wait for the next request of every connection that is kept open.
     Connection::stopReadingOn(port_);
     changed_.wait_for(lock, std::chrono::milliseconds(50), [this] { return served_; });
   }

@@ -12,6 +12,7 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Dispatch/Wanted.h"
 
 namespace {
 
@@ -114,7 +115,10 @@ void SkeldaIntakePump::refuse(SkeldaRefusal reason) noexcept {
 // by that run.
 
 void SkeldaIntakePump::signal() noexcept {
-  if (signalled_.exchange(true, std::memory_order_acq_rel) || !isStarted()) return;
+  if (signalled_.exchange(true, std::memory_order_acq_rel) || !isStarted()) {
+    // What was posted may wait for a thread that the system has refused, with nobody else to ask.
+    return platform::Wanted::afterSubmission();
+  }
   try {
     post<&SkeldaIntakePump::onqueue_pump>();
   } catch (...) {

@@ -11,11 +11,14 @@
 //                                 then on for so many milliseconds. WHAT is the number of an error,
 //                                 "short" (half of what was asked for), "kill", or "torn" (half of
 //                                 it is written, and then the process is killed)
+//
+// Whatever is set, the name server hangs where a name in "hangs" is looked up.
 
 #include <dirent.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
@@ -491,6 +494,15 @@ SHOWN int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, vo
                          void* argument) noexcept {
   NEXT(pthread_create);
   return fails(kThread) ? errno : real(thread, attributes, body, argument);
+}
+
+SHOWN int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
+                      addrinfo** found) {
+  NEXT(getaddrinfo);
+  if (name == nullptr || !std::string_view(name).ends_with(".hangs"))
+    return real(name, service, hints, found);
+  ::sleep(45);
+  return EAI_AGAIN;
 }
 
 }  // extern "C"
