@@ -201,7 +201,7 @@ class Run:
         if account is None:
             self.problems.append("there is no account")
             return
-        self.problems += account.problems(home)
+        self.problems += account.problems(home, ended=True)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
         more = events.accepted - events.cut_off - answered
