@@ -89,7 +89,7 @@ def google(name, *arguments):
 def caller(table, agent, rounds):
     for threads in (1, 4, 8):
         runs = [agent.run("call", "--threads", threads, "--events", 20000 // threads) for _ in range(rounds)]
-        for quantile, budget in (("p50", 1000), ("p99", 10_000)):
+        for quantile, budget in (("p50", 400), ("p99", 10_000)):
             ours = statistics.median(run["agent"][f"{quantile}_ns"] for run in runs)
             plain = statistics.median(run["limit"][f"{quantile}_ns"] for run in runs)
             counts = threads in (1, 4)
@@ -102,7 +102,7 @@ def caller(table, agent, rounds):
 
 def first_call(table, agent, rounds):
     took = statistics.median(agent.run("first")["ms"] for _ in range(rounds + 2))
-    table.add("first call", f"{took:.2f} ms", budget="at most 3 ms", met=took <= 3)
+    table.add("first call", f"{took:.2f} ms", budget="at most 2 ms", met=took <= 2)
 
 
 def durable(table, agent, rounds):
@@ -122,10 +122,11 @@ def durable(table, agent, rounds):
         cpu.append(measured["user_us_per_event"])
     ratio = statistics.median(ratios)
     table.add("frames made durable, whole pipeline", f"{statistics.median(rates):,.0f} /s",
-              f"{statistics.median(limits):,.0f} /s (bare loop)", f"{ratio:.2f}", "at least 0.90", ratio >= 0.9)
+              f"{statistics.median(limits):,.0f} /s (bare loop)", f"{ratio:.2f}")
+    ratio = statistics.median(rate / limit for rate, limit in zip(rates, whole))
     table.add("the same, its blocks and index counted", f"{statistics.median(rates):,.0f} /s",
-              f"{statistics.median(whole):,.0f} /s (bare loop that stores blocks too)",
-              f"{statistics.median(rate / limit for rate, limit in zip(rates, whole)):.2f}")
+              f"{statistics.median(whole):,.0f} /s (bare loop that stores blocks too)", f"{ratio:.2f}", "at least 0.95",
+              ratio >= 0.95)
     used = statistics.median(cpu)
     table.add("user CPU per event, ten events a session", f"{used:.1f} us", budget="at most 20 us", met=used <= 20)
 
@@ -175,7 +176,7 @@ def library(table, scratch):
     stripped = scratch / "stripped.so"
     subprocess.run(["strip", "-o", stripped, (BUILD / "Library/libSkelda_Watch.so").resolve()], check=True)
     size = stripped.stat().st_size / 1024
-    table.add("stripped shared library", f"{size:.0f} KiB", budget="at most 512 KiB", met=size <= 512)
+    table.add("stripped shared library", f"{size:.0f} KiB", budget="at most 720 KiB", met=size <= 720)
 
 
 def dispatch(table):
@@ -205,12 +206,12 @@ def frames(table):
     def speed(name):
         return next((entry["bytes_per_second"] for key, entry in run.items() if key.startswith(name)), None)
 
-    for operation in ("Encode", "Decode", "Iterate"):
+    for operation, least in (("Encode", 0.3), ("Decode", 0.3), ("Iterate", 0.45)):
         for size, label in ((1 << 10, "1 KiB"), (64 << 10, "64 KiB")):
             ours, copy = speed(f"BM_Frame{operation}/{size}"), speed(f"BM_FrameCopy/{size}")
             if ours and copy:
                 table.add(f"frame {operation.lower()}, {label}", f"{ours / 1e9:.2f} GB/s",
-                          f"{copy / 1e9:.2f} GB/s (memcpy)", f"{ours / copy:.2f}", "at least 0.30", ours / copy >= 0.3)
+                          f"{copy / 1e9:.2f} GB/s (memcpy)", f"{ours / copy:.2f}", f"at least {least:.2f}", ours / copy >= least)
 
 
 def uploads(table):
