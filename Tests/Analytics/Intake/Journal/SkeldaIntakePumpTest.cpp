@@ -15,6 +15,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
@@ -52,7 +53,9 @@ struct AgentRun {
   ~AgentRun() {
     pump->syncBlock([] {});
     SkeldaAccounting::setFile(nullptr);
-    SkeldaAccounting::setFile(nullptr);  // lets go of the one before, too
+    // A source may be settling in it at this moment; an agent's own file is never let go of.
+    static platform::NeverDestroyed<std::vector<std::shared_ptr<SkeldaIntakeFile>>> kept;
+    kept->push_back(std::move(file));
   }
   template <class Source>
   std::shared_ptr<Source> before(std::shared_ptr<Source> source) const {
