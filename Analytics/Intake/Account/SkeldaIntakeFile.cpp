@@ -147,17 +147,19 @@ SkeldaIntakeFile::Place SkeldaIntakeFile::nextOfEarlierRuns(Place from) const no
 
 /// Where the next record begins or will begin. A segment that was left at a later generation since
 /// was free before: all of this one is taken.
-SkeldaIntakeFile::Place SkeldaIntakeFile::nextUntaken() const noexcept {
+SkeldaIntakeFile::Place SkeldaIntakeFile::nextUntaken(Place tail) const noexcept {
   const Place at(cursor_);
-  if (tail().generation() == at.generation()) return at;
+  if (tail.generation() == at.generation()) return at;
   const std::uint64_t left = page_->left[at.segment()].load(std::memory_order_acquire);
   return left == at.word() || Place(left).generation() > at.generation()
              ? Place(at.generation() + 1, 0)
              : at;
 }
 
-bool SkeldaIntakeFile::isUntaken(Place place) const noexcept {
-  if (alone_ || place >= tail()) return false;
+/// With the tail that the place was found for: a record was reserved there then, and nobody writes
+/// another over it before it is settled.
+bool SkeldaIntakeFile::isUntaken(Place place, Place tail) const noexcept {
+  if (alone_ || place >= tail) return false;
   const State state = State::of(slot(place).state.load(std::memory_order_acquire), salt_);
   if (state.generation != place.generation() || state.phase != State::published) return false;
   return state.attempts < kAttemptsBesideOthers || taken_ == 0;
@@ -165,13 +167,15 @@ bool SkeldaIntakeFile::isUntaken(Place place) const noexcept {
 
 bool SkeldaIntakeFile::hasUntaken() const noexcept {
   const platform::MutexLock lock(mutex_);
-  return isUntaken(nextUntaken());
+  const Place end = tail();
+  return isUntaken(nextUntaken(end), end);
 }
 
 std::optional<SkeldaIntakeFile::Record> SkeldaIntakeFile::takeOldest() {
   const platform::MutexLock lock(mutex_);
-  const Place place = nextUntaken();
-  if (!isUntaken(place)) return std::nullopt;
+  const Place end = tail();
+  const Place place = nextUntaken(end);
+  if (!isUntaken(place, end)) return std::nullopt;
   Slot& slot = this->slot(place);
   Record record;
   record.ticket = place.word();

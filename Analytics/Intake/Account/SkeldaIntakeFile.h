@@ -157,8 +157,8 @@ class SkeldaIntakeFile {
   bool isFree(std::size_t segment) const noexcept;
   void leave(Place place) noexcept;
 
-  Place nextUntaken() const noexcept REQUIRES(mutex_);
-  bool isUntaken(Place place) const noexcept REQUIRES(mutex_);
+  Place nextUntaken(Place tail) const noexcept REQUIRES(mutex_);
+  bool isUntaken(Place place, Place tail) const noexcept REQUIRES(mutex_);
   Place nextOfEarlierRuns(Place from) const noexcept;
   bool isWhole(Place place) const noexcept;
   bool settleLocked(Place place, SkeldaIntakeOutcome outcome) noexcept REQUIRES(mutex_);
