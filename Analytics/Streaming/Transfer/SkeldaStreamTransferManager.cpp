@@ -175,18 +175,20 @@ void SkeldaStreamTransferManager::onqueue_lookIntoFolder() {
       "-[SkeldaStreamTransferManager onqueue_nodeDataProviderDidSeeChange:]";
   if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return;
   platform::ErrorRef error;
-  const auto names = fileManager_->fileNamesAtPath(filePath_, &error);
+  auto names = fileManager_->fileNamesAtPath(filePath_, &error);
   if (!names || error != nullptr) {
     SKELDA_LOG(1, "{}: unable to retrieve contents at file path = {}, error = {}", kMethod,
                filePath_, platform::description(error));
     SkeldaUtil::assert_(false, kMethod);
+    hasArrears_ = true;
     // The change has been told and will not be told again.
     return onqueue_lookAgainAfter(listRetryDelay_.next());
   }
   listRetryDelay_.reset();
   goneSinceLook_ = 0;
-  onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
+  if (hasArrears_) std::sort(names->begin(), names->end(), isOrderedBefore);
   onqueue_removeFromDictionaryFilesNotInFolder(*names);
+  onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
   onqueue_processFiles();
 }
 
@@ -204,10 +206,13 @@ void SkeldaStreamTransferManager::onqueue_lookAgainAfter(platform::RetryDelay::D
 void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolder(
     const std::vector<std::string>& names) {
   SKELDA_ON_QUEUE();
+  const bool hadArrears = std::exchange(hasArrears_, false);
   for (const auto& name : names) {
     const auto at = fileUploadStatusDictionary_.lower_bound(name);
     if (at != fileUploadStatusDictionary_.end() && at->first == name) continue;
     if (onqueue_setAsideWhatIsNoFile(name)) continue;
+    hasArrears_ = hadArrears && !onqueue_hasRoom();
+    if (hasArrears_) return;
     fileUploadStatusDictionary_.emplace_hint(
         at, name,
         std::make_shared<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0, nullptr));
@@ -248,7 +253,20 @@ void SkeldaStreamTransferManager::onqueue_processFiles() {
   SKELDA_ON_QUEUE();
   // Where the count of transfers turned out too high, a file that waited may go now.
   if (onqueue_processFilesOnce()) onqueue_processFilesOnce();
-  if (lookAgainPending_ && goneSinceLook_ > 0 && !onqueue_mayPutOffLook()) onqueue_lookIntoFolder();
+  if (goneSinceLook_ == 0) return;
+  if (hasArrears_ || (lookAgainPending_ && !onqueue_mayPutOffLook())) onqueue_lookIntoFolder();
+}
+
+void SkeldaStreamTransferManager::onqueue_endArrears() {
+  SKELDA_ON_QUEUE();
+  if (std::exchange(hasArrears_, false)) {
+    post<&SkeldaStreamTransferManager::onqueue_lookIntoFolder>();
+  }
+}
+
+bool SkeldaStreamTransferManager::onqueue_hasRoom() const {
+  SKELDA_ON_QUEUE();
+  return fileUploadStatusDictionary_.size() < static_cast<std::size_t>(maxFileCount_);
 }
 
 bool SkeldaStreamTransferManager::onqueue_processFilesOnce() {
@@ -326,6 +344,7 @@ bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& f
   SKELDA_ON_QUEUE();
   if (!fileManager_->removeItemAtPath(file->fullPath())) {
     file->setFileRemoveRetryCounter(file->fileRemoveRetryCounter() + 1);
+    onqueue_endArrears();
     return false;
   }
   ++deletedFileCount_;
@@ -433,6 +452,7 @@ void SkeldaStreamTransferManager::onqueue_transferFailed(SkeldaFileState& file,
       "-[SkeldaStreamTransferManager onqueue_didCompleteTransfer:withError:]";
   SKELDA_LOG(2, "{}: Skelda Error in network request to send the data from file :{} Error:{}",
              kMethod, file.fileName(), error.description());
+  onqueue_endArrears();
   if (isOffline(error)) {
     // Neither the attempts nor the count of transfers are touched: the pass that follows finds the
     // count too high and corrects it.

@@ -76,6 +76,8 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   void onqueue_lookIntoFolder();
   void onqueue_lookAgainAfter(platform::RetryDelay::Duration delay);
   bool onqueue_mayPutOffLook() const;
+  bool onqueue_hasRoom() const;
+  void onqueue_endArrears();
   bool onqueue_setAsideWhatIsNoFile(const std::string& name);
   void onqueue_addToStatusDictionaryNewFilesFromFolder(const std::vector<std::string>& names);
   void onqueue_removeFromDictionaryFilesNotInFolder(const std::vector<std::string>& names);
@@ -113,5 +115,9 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   std::size_t goneSinceLook_ = 0;
   platform::RetryDelay listRetryDelay_{std::chrono::milliseconds(50), std::chrono::minutes(1)};
   bool lookAgainPending_ = false;
+  /// What came while the folder could not be listed is taken in as far as the limit on files goes,
+  /// oldest first: nobody has tried to send these, so the limit deletes none. Ends with all of
+  /// them, or with the first one that cannot be sent or removed.
+  bool hasArrears_ = false;
   std::atomic<bool> changePosted_ = false;
 };

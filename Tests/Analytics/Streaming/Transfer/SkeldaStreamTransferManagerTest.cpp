@@ -236,16 +236,28 @@ TEST_F(SkeldaStreamTransferManagerTest, AFileThatComesWhileManyWaitIsSeenSoon) {
   EXPECT_NE(record("log0"), nullptr);
 }
 
-TEST_F(SkeldaStreamTransferManagerTest, AFolderThatCannotBeListedIsLookedAtAgain) {
-  put(1);
-  folder_->unlistable = 1;
+TEST_F(SkeldaStreamTransferManagerTest, WhatCameWhileTheFolderCouldNotBeListedIsSentAllTheSame) {
+  const auto listedAgain = [&] {
+    agent_->started.clear();
+    folder_->unlistable = 1;
+    folderChanged();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (manager_->currentUploadCount() == 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+  };
   makeWithOneUpload();
-  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (manager_->currentUploadCount() == 0 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
-  EXPECT_EQ(agent_->started, Names{"log1"});
+  put(10);
+  listedAgain();
+  for (int i = 1; i <= 10; ++i) complete("log" + std::to_string(i));
+  EXPECT_EQ(agent_->started, folder_->removed);
+  EXPECT_EQ(agent_->started.size(), 10u);
+  // Where they cannot be sent, the limit holds for them as for all others.
+  put(10);
+  listedAgain();
+  complete("log1", platform::urlError(platform::kURLErrorNetworkConnectionLost));
+  settle();
+  EXPECT_EQ(folder_->names.size(), 3u);
 }
 
 }  // namespace
