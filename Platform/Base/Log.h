@@ -5,7 +5,7 @@
 #include <functional>
 #include <string_view>
 
-#include "Platform/Base/Export.h"
+#include "Export.h"
 
 namespace skelda::platform {
 

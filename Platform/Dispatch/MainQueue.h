@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Base/Export.h"
+#include "../Base/Export.h"
 
 namespace skelda::platform {
 

@@ -38,7 +38,8 @@ class Data {
   std::string& string() & noexcept { return bytes_; }
   std::string string() && noexcept { return std::move(bytes_); }
 
-  friend bool operator==(const Data&, const Data&) = default;
+  friend bool operator==(const Data& a, const Data& b) { return a.bytes_ == b.bytes_; }
+  friend bool operator!=(const Data& a, const Data& b) { return a.bytes_ != b.bytes_; }
 
  private:
   std::string bytes_;

@@ -1,10 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <compare>
 #include <cstdint>
 
-#include "Platform/Base/Export.h"
+#include "../Base/Export.h"
 
 namespace skelda::platform {
 
@@ -28,7 +27,12 @@ class SKELDA_EXPORT Date {
   /// Seconds since 1970, as a double.
   double timeIntervalSince1970() const noexcept;
 
-  friend constexpr auto operator<=>(const Date&, const Date&) = default;
+  friend constexpr bool operator==(Date a, Date b) { return a.since1970_ == b.since1970_; }
+  friend constexpr bool operator!=(Date a, Date b) { return a.since1970_ != b.since1970_; }
+  friend constexpr bool operator<(Date a, Date b) { return a.since1970_ < b.since1970_; }
+  friend constexpr bool operator>(Date a, Date b) { return a.since1970_ > b.since1970_; }
+  friend constexpr bool operator<=(Date a, Date b) { return a.since1970_ <= b.since1970_; }
+  friend constexpr bool operator>=(Date a, Date b) { return a.since1970_ >= b.since1970_; }
   friend constexpr Microseconds operator-(Date a, Date b) { return a.since1970_ - b.since1970_; }
   friend constexpr Date operator+(Date a, Microseconds b) { return Date(a.since1970_ + b); }
 

@@ -10,9 +10,11 @@
 #include <variant>
 #include <vector>
 
-#include "Platform/Base/Export.h"
-#include "Platform/Foundation/Data.h"
-#include "Platform/Foundation/Date.h"
+// Installed headers name one another from where they lie, and are C++17: see
+// Library/CMakeLists.txt.
+#include "../Base/Export.h"
+#include "Data.h"
+#include "Date.h"
 
 namespace skelda::platform {
 
@@ -59,6 +61,7 @@ class SKELDA_EXPORT Dictionary {
 
   /// Same keys with equal values, in any order.
   friend SKELDA_EXPORT bool operator==(const Dictionary&, const Dictionary&);
+  friend bool operator!=(const Dictionary& a, const Dictionary& b) { return !(a == b); }
 
  private:
   friend class Value;
@@ -88,16 +91,9 @@ class SKELDA_EXPORT Value {
 
   Value() noexcept;
   Value(std::nullptr_t) noexcept;
-  template <class T>
-  requires std::is_same_v<T, bool> Value(T boolean)
-  noexcept : storage_(std::in_place_index<1>, boolean) {}
-  template <class T>
-  requires(std::is_integral_v<T>&& std::is_signed_v<T> && !std::is_same_v<T, bool>) Value(T integer)
-  noexcept : storage_(std::in_place_index<2>, std::int64_t{integer}) {}
-  template <class T>
-  requires(std::is_integral_v<T>&& std::is_unsigned_v<T> && !std::is_same_v<T, bool>)
-      Value(T integer)
-  noexcept : storage_(std::in_place_index<3>, std::uint64_t{integer}) {}
+  /// A boolean or a whole number, of its own kind.
+  template <class T, std::enable_if_t<std::is_integral_v<T>, int> = 0>
+  Value(T number) noexcept : storage_(std::in_place_type<Whole<T>>, Whole<T>{number}) {}
   Value(double real) noexcept;
   Value(float real) noexcept;
   /// A null pointer makes the null value.
@@ -146,8 +142,13 @@ class SKELDA_EXPORT Value {
 
   /// Same kind and equal content, but numbers compare by value across their kinds.
   friend SKELDA_EXPORT bool operator==(const Value&, const Value&);
+  friend bool operator!=(const Value& a, const Value& b) { return !(a == b); }
 
  private:
+  template <class T>
+  using Whole =
+      std::conditional_t<std::is_same_v<T, bool>, bool,
+                         std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>>;
   using Storage = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, float,
                                std::string, Data, Date, Array, Dictionary>;
   bool isContainer() const noexcept { return kind() >= Kind::array; }

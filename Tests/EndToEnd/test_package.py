@@ -1,5 +1,6 @@
 """The installed package, as somebody outside meets it."""
 
+import concurrent.futures
 import os
 import pathlib
 import plistlib
@@ -27,8 +28,7 @@ int main() {
   return logged == 0 && !SkeldaWatch::apiKey() && Skelda_WatchVersionNumber == 1.0 ? 0 : 1;
 }
 """
-STRICT = ["-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only",
-          "-x", "c++", "-"]
+STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only", "-x", "c++", "-"]
 
 
 def run(*command, **more):
@@ -89,15 +89,19 @@ class Package(unittest.TestCase):
         with self.assertRaises(AssertionError):
             self.consume("balloon")
 
-    def test_every_public_header_compiles_alone_under_strict_warnings(self):
+    def test_each_installed_header_compiles_alone_as_either_standard_with_either_compiler(self):
         include = self.prefix / "include"
-        headers = sorted(include.rglob("*.h"))
-        self.assertGreater(len(headers), 10)
-        for header in headers:
-            for compiler in ("g++", "clang++"):
-                with self.subTest(header=header.name, compiler=compiler):
-                    run(compiler, f"-I{include}", f"-I{include / 'Skelda_Watch'}", *STRICT,
-                        input=f'#include "{header.relative_to(include)}"\n')
+        headers = sorted(header.relative_to(include) for header in include.rglob("*.h"))
+        self.assertGreater(len(headers), 15)
+        self.assertEqual({"Skelda_Watch"}, {header.parts[0] for header in headers})
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            asked = [(header, compiler, standard,
+                      pool.submit(run, compiler, f"-std=c++{standard}", f"-I{include}", *STRICT,
+                                  input=f"#include <{header}>\n"))
+                     for header in headers for compiler in ("g++", "clang++") for standard in (17, 20)]
+            for header, compiler, standard, outcome in asked:
+                with self.subTest(header=str(header), compiler=compiler, standard=standard):
+                    outcome.result()
 
     def test_pkg_config_gives_the_flags_that_a_compiler_needs(self):
         source = self.folder / "plain.cpp"

@@ -4,6 +4,7 @@
 #include "SkeldaCCPA.h"
 #include "SkeldaConsent.h"
 #include "SkeldaConstants.h"
+#include "SkeldaHost.h"
 #include "SkeldaResourceUsage.h"
 #include "SkeldaUserProperties.h"
 #include "SkeldaValue.h"

@@ -12,6 +12,7 @@ import argparse
 import collections
 import dataclasses
 import pathlib
+import posixpath
 import re
 import sys
 
@@ -85,7 +86,7 @@ class House:
         for file in self.files:
             named = INCLUDE.findall((tree / file).read_text())
             beside = file.rpartition("/")[0]
-            found = {name: next((path for path in (f"{beside}/{name}", name, f"include/{name}") if path in known), None)
+            found = {name: next((path for path in (posixpath.normpath(f"{beside}/{name}"), name, f"include/{name}") if path in known), None)
                      for name in named}
             self.includes[file] = sorted({path for path in found.values() if path and path != file})
             self.foreign[file] = sorted(name for name, path in found.items() if not path)
