@@ -44,7 +44,7 @@ class SkeldaStreamFrameTypeUtil {
     std::uint8_t roles;
   };
   /// Control frames are below 128; every record has bit 7 set.
-  static constexpr std::array<Row, 18> kTable{{
+  static constexpr auto kTable = std::to_array<Row>({
       {kFlush, "SkeldaStreamFlush", kNoRole},
       {kCounter, "SkeldaStreamCounter", kNoRole},
       // Not sticky: the session rule itself sends a copy after the flushes that leave it open.
@@ -65,7 +65,7 @@ class SkeldaStreamFrameTypeUtil {
       {kUserProperties, "SkeldaStreamUserProperties", kNoRole},
       {kCCPAOptOut, "SkeldaStreamCCPAOptOut", kNoRole},
       {kCCPADelete, "SkeldaStreamCCPADelete", kNoRole},
-  }};
+  });
 
   /// The class of a type; empty for a type that the table does not hold.
   static constexpr std::string_view classNameForFrameType(std::int32_t frameType) noexcept {
