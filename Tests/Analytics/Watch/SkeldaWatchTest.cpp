@@ -5,9 +5,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
-#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
@@ -17,41 +15,15 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Analytics/Watch/WatchHost.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/Scenario.h"
 
 namespace skelda::testing {
 namespace {
-
-/// Makes this process the watch extension of an application with that Info.plist.
-void becomeHost(platform::Dictionary information) {
-  const std::string bundle = "/Run.app/PlugIns/Watch.appex";
-  platform::Bundle::setMain(
-      std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
-}
-
-const platform::Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
-                                  {"CFBundleIdentifier", "com.example.run"}};
-
-/// Everything that the sources send from now on.
-std::shared_ptr<RecordingStage> recordSources() {
-  auto recorder = std::make_shared<RecordingStage>();
-  SkeldaWatchStreamManager::manager()->streamBuffer()->registerNextStageComponent(recorder);
-  return recorder;
-}
-
-/// For scenarios: says what was not as expected, and how often that was so.
-int failures = 0;
-void expect(bool isSo, const char* what) {
-  if (isSo) return;
-  ++failures;
-  std::puts(what);
-}
 
 // -- Starting
 

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+
+namespace skelda::testing {
+
+/// Makes this process the watch extension of an application with that Info.plist.
+inline void becomeHost(platform::Dictionary information) {
+  const std::string bundle = "/Run.app/PlugIns/Watch.appex";
+  platform::Bundle::setMain(
+      std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
+}
+
+inline const platform::Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
+                                         {"CFBundleIdentifier", "com.example.run"}};
+
+/// Everything that the sources send from now on.
+inline std::shared_ptr<RecordingStage> recordSources() {
+  auto recorder = std::make_shared<RecordingStage>();
+  SkeldaWatchStreamManager::manager()->streamBuffer()->registerNextStageComponent(recorder);
+  return recorder;
+}
+
+/// For scenarios: says what was not as expected, and how often that was so.
+inline int failures = 0;
+inline void expect(bool isSo, const char* what) {
+  if (isSo) return;
+  ++failures;
+  std::puts(what);
+}
+
+}  // namespace skelda::testing
