@@ -121,7 +121,7 @@ class Package(unittest.TestCase):
                    "kSkelda", "Skelda_WatchVersion", "total_cpu_usage(", "wiredMemoryUsage(", "activeMemoryUsage(",
                    "inActiveMemoryUsage(", "freeMemoryUsage(", "skelda::platform::Value::",
                    "skelda::platform::Dictionary::", "skelda::platform::Date::", "skelda::platform::Log::",
-                   "skelda::platform::MainQueue::", "skelda::platform::operator==(")
+                   "skelda::platform::MainQueue::", "skelda::platform::operator==(", "skelda_")
         self.assertEqual([], sorted(name for name in names if not name.startswith(allowed)))
         for needed in ("SkeldaWatch::apiKey()", "Skelda_WatchVersionString", "Skelda_WatchVersionNumber",
                        "kSkeldaNetworkStatusChangedNotification", "SkeldaPropertySubscriber", "total_cpu_usage()"):
