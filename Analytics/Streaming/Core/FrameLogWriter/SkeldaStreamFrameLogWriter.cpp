@@ -1,7 +1,6 @@
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 
 #include <algorithm>
-#include <set>
 #include <thread>
 #include <utility>
 
@@ -43,12 +42,15 @@ constexpr std::string_view kDebugFrameData =
 constexpr std::chrono::nanoseconds kLongestRetryDelay = std::chrono::minutes(1);
 /// How often a copy, or a value of the store, is tried within a tenth of a second.
 constexpr int kTries = 3;
-/// How often what is owed is tried before it is given up: with the delays some ten seconds.
-constexpr int kPayments = 8;
-constexpr std::size_t kMostOwed = 4096;
 
 bool contains(const std::vector<std::int32_t>& frameTypes, std::int32_t frameType) {
   return std::find(frameTypes.begin(), frameTypes.end(), frameType) != frameTypes.end();
+}
+
+/// What a log begins and ends with: without it the next one means nothing.
+std::vector<std::int32_t> kindsOfALog(std::vector<std::int32_t> frameTypesForRoll) {
+  frameTypesForRoll.push_back(SkeldaStreamFrameTypeUtil::kCounter);
+  return frameTypesForRoll;
 }
 
 void assertTrue(bool condition, std::string_view text) {
@@ -83,7 +85,8 @@ SkeldaStreamFrameLogWriter::SkeldaStreamFrameLogWriter(SkeldaFrameLogWriterParts
       parts_(std::move(parts)),
       logPath_(currentFrameLogFilePathWithName()),
       retryDelay_(std::chrono::milliseconds(50), kLongestRetryDelay),
-      delayWithinARoll_(std::chrono::milliseconds(25)) {}
+      delayWithinARoll_(std::chrono::milliseconds(25)),
+      owed_(kindsOfALog(parts_.frameTypesForRoll)) {}
 
 void SkeldaStreamFrameLogWriter::setRetryDelays(std::chrono::nanoseconds first,
                                                 std::chrono::nanoseconds withinARoll) noexcept {
@@ -130,7 +133,7 @@ void SkeldaStreamFrameLogWriter::onqueue_streamMessage(const ISkeldaStreamMessag
   SKELDA_LOG(0, "{}: message = {}", kStreamMessage, skelda::descriptionOf(message));
   if (!message || contains(parts_.frameTypesToDrop, message->frameType())) return;
   onqueue_writeOwed();
-  if (!owed_.empty() || !onqueue_write(message)) onqueue_owe(message);
+  if (!owed_.isEmpty() || !onqueue_write(message)) onqueue_owe(message);
 }
 
 bool SkeldaStreamFrameLogWriter::onqueue_write(const Message& message) {
@@ -172,10 +175,12 @@ void SkeldaStreamFrameLogWriter::onqueue_framesAreKept() {
   writtenTickets_.clear();
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_frameIsLost(const Message& message) {
+void SkeldaStreamFrameLogWriter::onqueue_areLost(const SkeldaOwedFrames::Messages& messages) {
   SKELDA_ON_QUEUE();
-  SKELDA_LOG(1, "{}: given up, message = {}", kWriteData, message->className());
-  SkeldaAccounting::add(SkeldaAccounting::page().framesLost);
+  for (const auto& message : messages) {
+    SKELDA_LOG(1, "{}: given up, message = {}", kWriteData, message->className());
+  }
+  SkeldaAccounting::add(SkeldaAccounting::page().framesLost, messages.size());
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_logIsLost() {
@@ -309,7 +314,7 @@ void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame(const Message& counte
   SKELDA_ON_QUEUE();
   if (onqueue_write(counter)) return;
   // Whatever is owed goes behind it.
-  owed_.push_front(counter);
+  owed_.addBeforeOthers(counter);
   onqueue_payLater();
 }
 
@@ -325,20 +330,13 @@ void SkeldaStreamFrameLogWriter::onqueue_store(const platform::Value& value, std
 
 void SkeldaStreamFrameLogWriter::onqueue_owe(const Message& message) {
   SKELDA_ON_QUEUE();
-  owed_.push_back(message);
-  if (owed_.size() >= kMostOwed) onqueue_giveUpOwed();
+  onqueue_areLost(owed_.add(message));
   onqueue_payLater();
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_writeOwed() {
   SKELDA_ON_QUEUE();
-  while (!owed_.empty()) {
-    const Message message = owed_.front();
-    owed_.pop_front();
-    if (onqueue_write(message)) continue;
-    owed_.push_front(message);
-    return;
-  }
+  if (!owed_.isEmpty()) owed_.pay([this](const Message& owed) { return onqueue_write(owed); });
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_payLater() {
@@ -351,29 +349,9 @@ void SkeldaStreamFrameLogWriter::onqueue_payNow() {
   SKELDA_ON_QUEUE();
   willPay_ = false;
   onqueue_writeOwed();
-  if (owed_.empty()) {
-    retryDelay_.reset();
-    failedPayments_ = 0;
-    return;
-  }
-  if (++failedPayments_ == kPayments) onqueue_giveUpOwed();
-  if (!owed_.empty()) onqueue_payLater();
-}
-
-void SkeldaStreamFrameLogWriter::onqueue_giveUpOwed() {
-  SKELDA_ON_QUEUE();
-  failedPayments_ = 0;
-  // What a log begins and ends with stays owed, once each: without it the next one means nothing.
-  // So does what the intake journal holds, whose window bounds it: it was accepted.
-  std::set<std::int32_t> kept;
-  std::erase_if(owed_, [&](const Message& message) {
-    if (message->intakeTicket() != kSkeldaNoTicket) return false;
-    const bool frames = message->frameType() == SkeldaStreamFrameTypeUtil::kCounter ||
-                        contains(parts_.frameTypesForRoll, message->frameType());
-    if (frames && kept.insert(message->frameType()).second) return false;
-    onqueue_frameIsLost(message);
-    return true;
-  });
+  onqueue_areLost(owed_.wasTriedAgain());
+  if (!owed_.isEmpty()) return onqueue_payLater();
+  retryDelay_.reset();
 }
 
 void SkeldaStreamFrameLogWriter::debugFrameData(const platform::Data& frameData,

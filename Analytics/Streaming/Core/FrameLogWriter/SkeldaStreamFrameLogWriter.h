@@ -4,38 +4,20 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Analytics/Streaming/Core/FrameLogWriter/SkeldaFrameLogWriterParts.h"
+#include "Analytics/Streaming/Core/FrameLogWriter/SkeldaOwedFrames.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
 #include "Platform/Base/RetryDelay.h"
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Value.h"
 
-class ISkeldaStreamFileHandle;
-class ISkeldaStreamFileManager;
-class ISkeldaStreamFrameDeserializer;
-class ISkeldaStreamMessageSerializer;
 class SkeldaStreamSessionId;
-
-/// What a writer is made of: the folders and names of its logs, its way to the disk and to bytes,
-/// the frame types that end a log and those that are never written.
-struct SkeldaFrameLogWriterParts {
-  std::string currentFolder;
-  std::string currentName;
-  std::string commitedFolder;
-  std::string commitedName;
-  std::shared_ptr<ISkeldaStreamFileManager> fileManager;
-  std::shared_ptr<ISkeldaStreamFileHandle> fileHandle;
-  std::shared_ptr<ISkeldaStreamMessageSerializer> serializer;
-  std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer;
-  std::vector<std::int32_t> frameTypesForRoll;
-  std::vector<std::int32_t> frameTypesToDrop;
-};
 
 /// The last stage: appends each message as a frame to the current log and synchronises it before it
 /// takes the next one. A flush rolls the log: the log is copied into the folder of committed logs,
@@ -50,9 +32,7 @@ struct SkeldaFrameLogWriterParts {
 /// stages before hold their messages; after some ten seconds it is renamed to
 /// <log>.unread_<seconds> and left there.
 ///
-/// A frame that cannot be written is owed: it goes before the next one, and is tried again by
-/// itself. What a host's call accepted, and what a log begins and ends with, is owed for as long as
-/// it takes; all else is given up after some ten seconds, and named in a log line.
+/// A frame that cannot be written is owed (SkeldaOwedFrames), and tried again by itself.
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                                    public virtual ISkeldaStreamFrameLogWriter {
  public:
@@ -122,8 +102,8 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void onqueue_frameIsWritten(const Message& message, bool synchronized);
   /// What was written so far is on disk: the journal's records of it are settled.
   void onqueue_framesAreKept();
-  /// The one place where a message that was owed is given up.
-  void onqueue_frameIsLost(const Message& message);
+  /// The one place where messages that were owed are given up.
+  void onqueue_areLost(const SkeldaOwedFrames::Messages& messages);
   /// The log could not be committed; with it go the frames that were written to it.
   void onqueue_logIsLost();
   void onqueue_rollLogFile();
@@ -142,7 +122,6 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void onqueue_writeOwed();
   void onqueue_payLater();
   void onqueue_payNow();
-  void onqueue_giveUpOwed();
 
   // Start-up (SkeldaStreamFrameLogWriterStart.cpp). Those that answer false met a log, or an
   // archive, that cannot be read, cut or written just now; it is as it was.
@@ -167,8 +146,6 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   std::uint64_t failedSynchronisations_ = 0;
   /// Of the frames that no synchronisation has covered yet.
   std::vector<SkeldaIntakeTicket> writtenTickets_;
-  /// In the order in which they go to the log.
-  std::deque<Message> owed_;
-  int failedPayments_ = 0;
+  SkeldaOwedFrames owed_;
   bool willPay_ = false;
 };
