@@ -30,20 +30,3 @@ bool skelda::mayKeep(const char* what) {
 bool skelda::keepChoice(SkeldaIntakeCall::Kind kind, SkeldaIntakeCall::Values values) {
   return mayKeep("choice") && SkeldaIntake::accept(kind, values);
 }
-
-void skelda::takeApart(platform::Value& value) noexcept {
-  guardedResult(false, [&] {
-    std::vector<platform::Value> rest;
-    rest.push_back(std::move(value));
-    while (!rest.empty()) {
-      platform::Value last = std::move(rest.back());
-      rest.pop_back();
-      if (auto* const array = last.array()) {
-        for (auto& element : *array) rest.push_back(std::move(element));
-      } else if (auto* const dictionary = last.dictionary()) {
-        for (auto& entry : dictionary->takeEntries()) rest.push_back(std::move(entry.second));
-      }
-    }
-    return true;
-  });
-}

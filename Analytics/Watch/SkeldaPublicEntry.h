@@ -60,16 +60,10 @@ bool mayKeep(const char* what);
 /// Keeps a choice, which starts nothing: what the host says of its user. False where it is refused.
 bool keepChoice(SkeldaIntakeCall::Kind kind, SkeldaIntakeCall::Values values);
 
-/// Takes a value apart without recursion: one that was refused for its depth would overrun the
-/// stack when it goes.
-void takeApart(platform::Value& value) noexcept;
-
 /// keepChoice() for the values of a call, which go with it.
 template <class... Given>
 void choice(SkeldaIntakeCall::Kind kind, Given... values) noexcept {
-  const bool kept = effectiveEntry(
-      false, [&] { return keepChoice(kind, {std::cref<platform::Value>(values)...}); });
-  if (!kept) (takeApart(values), ...);
+  effectiveEntry(false, [&] { return keepChoice(kind, {std::cref<platform::Value>(values)...}); });
 }
 
 }  // namespace skelda

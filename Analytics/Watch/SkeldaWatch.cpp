@@ -132,10 +132,7 @@ unsigned keepEvent(SkeldaIntakeCall::Kind kind, SkeldaValue& name, More&... more
   const bool kept = skelda::effectiveEntry(false, [&] {
     return mayKeepEvent(name) && SkeldaIntake::accept(kind, {std::cref(name), std::cref(more)...});
   });
-  if (kept) return 1;
-  skelda::takeApart(name);
-  (skelda::takeApart(more), ...);
-  return 0;
+  return kept ? 1 : 0;
 }
 
 bool isMarkerKey(std::string_view text) {

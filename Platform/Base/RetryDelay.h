@@ -18,19 +18,24 @@ class RetryDelay {
   constexpr Duration next() noexcept {
     const Duration delay = std::min(next_, longest_);
     next_ = std::min(delay * 2, longest_);
+    isRunning_ = true;
     return delay;
   }
   /// The try succeeded.
-  constexpr void reset() noexcept { next_ = first_; }
+  constexpr void reset() noexcept {
+    next_ = first_;
+    isRunning_ = false;
+  }
   /// Whether the next answer is the longest delay.
   constexpr bool isAtLongest() const noexcept { return next_ >= longest_; }
   /// Whether a try failed since the last reset().
-  constexpr bool isRunning() const noexcept { return next_ != first_; }
+  constexpr bool isRunning() const noexcept { return isRunning_; }
 
  private:
   Duration first_;
   Duration longest_;
   Duration next_;
+  bool isRunning_ = false;
 };
 
 }  // namespace skelda::platform

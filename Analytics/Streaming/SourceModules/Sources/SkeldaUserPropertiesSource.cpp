@@ -89,6 +89,15 @@ bool SkeldaUserPropertiesSource::isValidInputUserProperties(const platform::Valu
   return true;
 }
 
+void SkeldaUserPropertiesSource::onqueue_sendValid(platform::Value name, platform::Value values,
+                                                   CallType callType, SkeldaIntakeOrigin origin) {
+  SKELDA_ON_QUEUE();
+  if (!isValidInputUserProperties(name, values)) {
+    return skelda::settleRefused(origin.ticket, name, values);
+  }
+  onqueue_send(std::move(name), std::move(values), callType, origin);
+}
+
 void SkeldaUserPropertiesSource::onqueue_send(platform::Value name, platform::Value values,
                                               CallType callType, SkeldaIntakeOrigin origin) {
   SKELDA_ON_QUEUE();

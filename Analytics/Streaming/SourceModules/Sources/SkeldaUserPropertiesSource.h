@@ -49,10 +49,7 @@ class SkeldaUserPropertiesSource
   }
   void onqueue_addUserProperties(platform::Value name, platform::Value values,
                                  SkeldaIntakeOrigin origin) {
-    if (!isValidInputUserProperties(name, values)) {
-      return skelda::settleRefused(origin.ticket, name, values);
-    }
-    onqueue_send(std::move(name), std::move(values), kAdd, origin);
+    onqueue_sendValid(std::move(name), std::move(values), kAdd, origin);
   }
   void onqueue_removeUserProperties(platform::Value name, platform::Value values,
                                     SkeldaIntakeOrigin origin) {
@@ -60,10 +57,7 @@ class SkeldaUserPropertiesSource
   }
   void onqueue_clearUserProperties(platform::Value name, platform::Value values,
                                    SkeldaIntakeOrigin origin) {
-    if (!isValidInputUserProperties(name, values)) {
-      return skelda::settleRefused(origin.ticket, name, values);
-    }
-    onqueue_send(std::move(name), std::move(values), kClear, origin);
+    onqueue_sendValid(std::move(name), std::move(values), kClear, origin);
   }
   /// Nothing public leads here.
   [[maybe_unused]] void onqueue_assignUserProperties(platform::Value name, platform::Value values,
@@ -74,6 +68,8 @@ class SkeldaUserPropertiesSource
                                   SkeldaIntakeOrigin origin) {
     onqueue_send(std::move(name), std::move(values), kFlag, origin);
   }
+  void onqueue_sendValid(platform::Value name, platform::Value values, CallType callType,
+                         SkeldaIntakeOrigin origin);
   void onqueue_send(platform::Value name, platform::Value values, CallType callType,
                     SkeldaIntakeOrigin origin);
 };
