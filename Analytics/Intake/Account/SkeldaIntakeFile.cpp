@@ -11,11 +11,9 @@ using namespace SkeldaIntakeLayout;
 
 namespace {
 
-/// Pages behind which all is settled are given back to the system in steps of this.
-constexpr std::uint64_t kForgottenUnits = (std::uint64_t{32} << 10) / SkeldaIntakeFile::kAlignment;
 /// Where so much is used and all of it settled, the segment begins anew in the same pages. Not
-/// earlier: each time takes a generation.
-constexpr std::uint64_t kAnewUnits = (std::uint64_t{16} << 10) / SkeldaIntakeFile::kAlignment;
+/// earlier: each time takes a generation. Before any of these pages is given back.
+constexpr std::uint64_t kAnewUnits = (std::uint64_t{12} << 10) / SkeldaIntakeFile::kAlignment;
 
 constexpr std::size_t indexOf(SkeldaIntakeFile::Kind kind) {
   return static_cast<std::size_t>(kind) - 1;
@@ -103,6 +101,8 @@ SkeldaIntakeTicket SkeldaIntakeFile::publish(const Reservation& place, Kind kind
   }
   const State state{Place(place.place).generation(), 0, State::published};
   record.state.store(state.word(salt_), std::memory_order_release);
+  // The record can be taken from here on, and others written over it.
+  touchAhead(Place(place.place), Place(place.place).plus(unitsFor(length)));
   return place.place;
 }
 
@@ -253,12 +253,7 @@ void SkeldaIntakeFile::countSettled(Place place, std::uint64_t units) noexcept {
   Place now(settled.load(std::memory_order_relaxed));
   if (now.generation() != place.generation()) now = Place(place.generation(), 0);
   // Before the store that lets callers into the segment: until then the pages are at rest.
-  const std::uint64_t first = place.units() / kForgottenUnits;
-  const std::uint64_t last = (place.units() + units) / kForgottenUnits;
-  if (first != last) {
-    forgetPages(place.segment(), first * kForgottenUnits * kAlignment,
-                last * kForgottenUnits * kAlignment);
-  }
+  forgetSettled(place, units);
   settled.store(now.plus(units).word(), std::memory_order_release);
   bool isOver = false;
   for (Waiter* waiter = waiters_; waiter != nullptr; waiter = waiter->next) {
@@ -282,13 +277,9 @@ void SkeldaIntakeFile::beginAnew() noexcept {
     if (!isFree((end.segment() + other) % kSegmentCount)) return;
   }
   const std::uint64_t anew = Place(end.generation() + kSegmentCount, 0).word();
-  if (page_->tail.compare_exchange_strong(seen, anew, std::memory_order_acq_rel)) cursor_ = anew;
-}
-
-/// What is in them stays: they are only no longer counted as this process's memory.
-void SkeldaIntakeFile::forgetPages(std::size_t segment, std::size_t begin,
-                                   std::size_t end) const noexcept {
-  ::madvise(this->segment(segment) + begin, std::min(end, segmentLength_) - begin, MADV_DONTNEED);
+  if (!page_->tail.compare_exchange_strong(seen, anew, std::memory_order_acq_rel)) return;
+  cursor_ = anew;
+  returnToBegin(end);
 }
 
 // ---- Waiting

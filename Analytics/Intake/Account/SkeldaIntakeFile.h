@@ -28,8 +28,11 @@ struct Record;
 /// What a loss of power leaves of it is not promised: nothing here is synchronised. Where no file
 /// can be had the same layout lies in memory alone and isProtected() is false.
 ///
-/// Format: docs/intake-format.md. Any thread. append() takes no lock, makes no system call and does
-/// not allocate; all else may take a lock. Of no use in a forked child, which has no part in it.
+/// Format: docs/intake-format.md. Any thread. append() takes no lock and does not allocate, and one
+/// call in some hundred asks the system for the pages that the next ones will write to: one page at
+/// a time, as a first store would, they cost each call that comes first to one, and more where
+/// several threads come at once. All else may take a lock. Of no use in a forked child, which has
+/// no part in it.
 class SkeldaIntakeFile {
  public:
   static constexpr std::size_t kHeaderLength = 4096;
@@ -165,7 +168,15 @@ class SkeldaIntakeFile {
   void countSettled(Place place, std::uint64_t units) noexcept REQUIRES(mutex_);
   std::uint64_t unsettledUnits(Place before) const noexcept REQUIRES(mutex_);
   void beginAnew() noexcept REQUIRES(mutex_);
-  void forgetPages(std::size_t segment, std::size_t begin, std::size_t end) const noexcept;
+
+  // Pages, as units of a segment; what lies behind its end is left out.
+  void touchTail() const noexcept;
+  void touchAhead(Place from, Place to) const noexcept;
+  void touch(std::size_t segment, std::uint64_t begin, std::uint64_t end) const noexcept;
+  void forget(std::size_t segment, std::uint64_t begin, std::uint64_t end) const noexcept;
+  void forgetSettled(Place place, std::uint64_t units) const noexcept;
+  void returnToBegin(Place from) const noexcept;
+  void readAhead(std::size_t segment, std::uint64_t end) const noexcept;
 
   // Set before any other thread knows the object.
   SkeldaIntakeLayout::Page* page_ = nullptr;

@@ -269,6 +269,9 @@ class SkeldaIntakeOpening {
     }
     void* mapping = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (mapping == MAP_FAILED) return errno;
+    // Else the first page that is touched brings with it as many as the disk likes to read at once,
+    // which may be all of them, each to be filled with zeros first.
+    ::madvise(mapping, length, MADV_RANDOM);
     into.isProtected_ = true;
     into.boot_ = thisBoot();
     adopt(into, mapping, length);
@@ -315,6 +318,10 @@ class SkeldaIntakeOpening {
     completeIntent(*file.page_, file);
     file.earlierRuns_ = file.page_->tail.load();
     const Place tail(file.earlierRuns_);
+    for (std::size_t i = 0; i < SkeldaIntakeFile::kSegmentCount; ++i) {
+      const Place end = i == tail.segment() ? tail : Place(file.page_->left[i].load());
+      if (file.page_->settled[i].load() != end.word()) file.readAhead(i, end.units());
+    }
     const std::uint64_t oldest =
         std::max(tail.generation(), kFirstGeneration + SkeldaIntakeFile::kSegmentCount - 1) -
         (SkeldaIntakeFile::kSegmentCount - 1);
@@ -429,7 +436,10 @@ std::shared_ptr<SkeldaIntakeFile> SkeldaIntakeFile::open(const std::string& path
   try {
     SkeldaIntakeOpening steps(path, capacity, keyHash);
     if (steps.file_) failure = steps.run();
-    if (failure == 0) return steps.file_;
+    if (failure == 0) {
+      steps.file_->touchTail();
+      return steps.file_;
+    }
     if (steps.file_) opening = steps.file_->opening_;
     platform::setError(error, platform::posixError(failure, path));
   } catch (const std::bad_alloc&) {

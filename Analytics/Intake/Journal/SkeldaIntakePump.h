@@ -39,8 +39,8 @@ class SkeldaIntakePump : public SkeldaActor {
   std::string_view className() const noexcept override { return "SkeldaIntakePump"; }
 
   /// Keeps the call; false where it is refused, which is counted and said. Any thread. No lock, no
-  /// allocation and no system call but the wake-up of a pump that has nothing to do, or the asking
-  /// for threads that the system has refused.
+  /// allocation and no system call but the wake-up of a pump that has nothing to do, the asking for
+  /// pages ahead (SkeldaIntakeFile), or for threads that the system has refused.
   bool accept(SkeldaIntakeCall::Kind kind, SkeldaIntakeCall::Values values) noexcept;
   /// Feeding begins. Once.
   void start(Sources sources);

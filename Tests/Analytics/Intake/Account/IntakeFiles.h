@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/mman.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstring>
 #include <fstream>
@@ -94,6 +97,19 @@ void editFile(const std::string& path, Edit edit) {
   std::memcpy(aligned, bytes.data(), bytes.size());
   edit(aligned);
   writeFile(path, {aligned, bytes.size()});
+}
+
+/// Whether the system makes pages present that are asked for: Linux from 5.14 on.
+inline bool canPopulate() {
+  constexpr int kPopulateWrite = 23;
+  alignas(4096) static char page[4096];
+  return ::madvise(page, sizeof page, kPopulateWrite) == 0;
+}
+
+inline long pageFaultsOfThisThread() {
+  ::rusage usage{};
+  ::getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_minflt + usage.ru_majflt;
 }
 
 /// Bytes of the mapped file that count as memory of this process.

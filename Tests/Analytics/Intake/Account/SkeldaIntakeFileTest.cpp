@@ -157,6 +157,23 @@ TEST_F(SkeldaIntakeFileTest, APipelineThatKeepsUpTouchesFewPages) {
   EXPECT_LE(residentOf(path_), std::size_t{64} << 10);
 }
 
+TEST_F(SkeldaIntakeFileTest, OneCallInAHundredAtMostWaitsForPages) {
+  if (!canPopulate()) GTEST_SKIP() << "the system populates no pages";
+  const auto file = SkeldaIntakeFile::open(path_, std::size_t{8} << 20, kKey);
+  constexpr unsigned kEach = 5000;
+  const std::string payload(70, 'x');
+  std::atomic<unsigned> waited{0};
+  inThreads(4, [&](unsigned) {
+    for (unsigned i = 0; i < kEach; ++i) {
+      const long before = pageFaultsOfThisThread();
+      ASSERT_NE(append(*file, payload), kSkeldaNoTicket);
+      if (pageFaultsOfThisThread() != before) ++waited;
+    }
+  });
+  // Some 630 pages are written to.
+  EXPECT_LE(waited, 4 * kEach / 100);
+}
+
 TEST(SkeldaAccounting, CountsGoIntoTheFileOnceThereIsOneAndNeverFromAForkedChild) {
   const IntakeFiles files;
   SkeldaAccounting::refused(SkeldaRefusal::badName);
