@@ -1,19 +1,16 @@
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 #include <curl/curl.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <utility>
 
 #include "Platform/Base/Descriptor.h"
-#include "Platform/Base/LogFormat.h"
+#include "Platform/Foundation/ParsedURL.h"
 
 namespace skelda::platform {
 
@@ -26,43 +23,6 @@ constexpr std::chrono::seconds kLongestRedirectDelay{60};
 constexpr std::size_t kHeaderLimit = 64 * 1024;
 /// How much of an answer is read, and dropped, for the sake of the connection.
 constexpr std::size_t kBodyReadLimit = 1024 * 1024;
-
-class ParsedURL {
- public:
-  explicit ParsedURL(const std::string& text) noexcept : handle_(curl_url()) {
-    if (handle_ == nullptr ||
-        curl_url_set(handle_, CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
-      curl_url_cleanup(handle_);
-      handle_ = nullptr;
-    }
-  }
-  ~ParsedURL() { curl_url_cleanup(handle_); }
-  ParsedURL(const ParsedURL&) = delete;
-  ParsedURL& operator=(const ParsedURL&) = delete;
-
-  bool isValid() const noexcept { return handle_ != nullptr; }
-  std::string part(CURLUPart part, unsigned flags = 0) const {
-    char* text = nullptr;
-    if (handle_ == nullptr || curl_url_get(handle_, part, &text, flags) != CURLUE_OK) return {};
-    std::string copy(text);
-    curl_free(text);
-    return copy;
-  }
-  std::string scheme() const { return part(CURLUPART_SCHEME); }
-  std::string port() const { return part(CURLUPART_PORT, CURLU_DEFAULT_PORT); }
-  /// The whole of what `reference` names, seen from this URL; empty where it names nothing.
-  std::string resolved(const std::string& reference) const {
-    if (handle_ == nullptr ||
-        curl_url_set(handle_, CURLUPART_URL, reference.c_str(),
-                     CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE) != CURLUE_OK) {
-      return {};
-    }
-    return part(CURLUPART_URL);
-  }
-
- private:
-  CURLU* handle_;
-};
 
 bool isRedirect(std::int64_t status) noexcept {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -83,60 +43,6 @@ const Value* fieldNamed(std::string_view name, const Dictionary& fields) noexcep
     if (isSameName(key, name)) return &value;
   }
   return nullptr;
-}
-
-/// Whether any interface but the loopback one is up with an address.
-bool machineHasNetwork() noexcept {
-  ifaddrs* all = nullptr;
-  if (getifaddrs(&all) != 0) return true;
-  bool found = false;
-  for (const ifaddrs* one = all; one != nullptr && !found; one = one->ifa_next) {
-    const int family = one->ifa_addr == nullptr ? AF_UNSPEC : one->ifa_addr->sa_family;
-    found = (family == AF_INET || family == AF_INET6) && (one->ifa_flags & IFF_LOOPBACK) == 0 &&
-            (one->ifa_flags & IFF_RUNNING) != 0;
-  }
-  freeifaddrs(all);
-  return found;
-}
-
-std::int64_t codeFor(CURLcode result, long systemError) noexcept {
-  switch (result) {
-    case CURLE_OPERATION_TIMEDOUT:
-      return kURLErrorTimedOut;
-    case CURLE_URL_MALFORMAT:
-      return kURLErrorBadURL;
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return machineHasNetwork() ? kURLErrorCannotFindHost : kURLErrorNotConnectedToInternet;
-    case CURLE_COULDNT_CONNECT:
-      return systemError == ENETUNREACH || systemError == ENETDOWN ? kURLErrorNotConnectedToInternet
-                                                                   : kURLErrorCannotConnectToHost;
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_SEND_FAIL_REWIND:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-      return kURLErrorNetworkConnectionLost;
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_CACERT_BADFILE:
-      return kURLErrorServerCertificateUntrusted;
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_USE_SSL_FAILED:
-      return kURLErrorSecureConnectionFailed;
-    case CURLE_UNSUPPORTED_PROTOCOL:  // an answer that is no HTTP: the URL was looked at before
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_BAD_CONTENT_ENCODING:
-      return kURLErrorBadServerResponse;
-    default:
-      return kURLErrorUnknown;
-  }
 }
 
 /// Null where the variable is absent or empty.
@@ -378,38 +284,6 @@ std::int64_t URLSessionTransfer::statusCode() const {
   long status = 0;
   curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
   return status;
-}
-
-ErrorRef URLSessionTransfer::errorFor(int result) const {
-  if (result == CURLE_OK || cutOff_) return errorOfAnswer();
-  long systemError = 0;
-  curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &systemError);
-  const auto code = static_cast<CURLcode>(result);
-  const std::int64_t error = codeFor(code, systemError);
-  if (error == kURLErrorServerCertificateUntrusted) return errorOfCertificate();
-  return urlError(error, curl_easy_strerror(code));
-}
-
-/// Of one that the library takes for an answer.
-ErrorRef URLSessionTransfer::errorOfAnswer() const {
-  const std::int64_t status = statusCode();
-  if (!headIsWhole_) return urlError(kURLErrorNetworkConnectionLost, "the answer's head broke off");
-  // A status line such as "HTTP/200 OK", in which no status can be read.
-  if (status < 200) return urlError(kURLErrorBadServerResponse);
-  if (status < 300 && !requestIsSent()) {
-    return urlError(kURLErrorNetworkConnectionLost, "answered before the body was sent");
-  }
-  return nullptr;
-}
-
-ErrorRef URLSessionTransfer::errorOfCertificate() const {
-  const ParsedURL url(request_.url);
-  SKELDA_PLATFORM_NOTICE_ONCE(
-      "Skelda: the certificate of {}:{} was refused: {}. Nothing is sent there. Authorities other "
-      "than the system's are trusted by naming their file in SSL_CERT_FILE (now: {})",
-      url.part(CURLUPART_HOST), url.port(), flaw_.data(),
-      environmentText("SSL_CERT_FILE") != nullptr ? environmentText("SSL_CERT_FILE") : "not set");
-  return urlError(kURLErrorServerCertificateUntrusted, flaw_.data());
 }
 
 std::optional<URLRequest> URLSessionTransfer::proposedRedirect() const {
