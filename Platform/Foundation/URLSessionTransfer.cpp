@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "Platform/Base/Descriptor.h"
-#include "Platform/Foundation/ParsedURL.h"
+#include "Platform/Foundation/URLSessionParsedURL.h"
 
 namespace skelda::platform {
 

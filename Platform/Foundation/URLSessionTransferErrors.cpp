@@ -9,7 +9,7 @@
 #include <cstdlib>
 
 #include "Platform/Base/LogFormat.h"
-#include "Platform/Foundation/ParsedURL.h"
+#include "Platform/Foundation/URLSessionParsedURL.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 namespace skelda::platform {
