@@ -2,8 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
 #include "Analytics/Utils/SkeldaAgentVersion.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
@@ -12,10 +17,28 @@ std::uint64_t hashOf(const std::optional<std::string>& apiKey) {
   return apiKey ? platform::stableHash(*apiKey) : 0;
 }
 
+/// How many files of a folder have such a name; null where that cannot be told.
+template <class IsNamedSo>
+std::optional<std::uint64_t> filesIn(const std::string& folder, IsNamedSo&& isNamedSo) {
+  std::error_code error;
+  std::uint64_t count = 0;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (isNamedSo(entry->path().filename().string())) ++count;
+  }
+  if (error && error != std::errc::no_such_file_or_directory) return std::nullopt;
+  return count;
+}
+
 }  // namespace
 
 std::string SkeldaAgentFiles::storageFolder() {
   return SkeldaUtil::filePathDirectory();
+}
+
+std::string SkeldaAgentFiles::storageFolderPath() {
+  return fmt::format("{}/{}", platform::FileManager::applicationSupportDirectory(),
+                     kStorageFolderName);
 }
 
 std::string SkeldaAgentFiles::inStorageFolder(std::string_view name) {
@@ -30,8 +53,12 @@ std::string SkeldaAgentFiles::reserveFile() {
   return inStorageFolder(kReserveFileName);
 }
 
+std::string SkeldaAgentFiles::intakeJournalName() {
+  return fmt::format(".skeldaIntake_{}.journal", kSkeldaAgentVersion);
+}
+
 std::string SkeldaAgentFiles::intakeJournal() {
-  return inStorageFolder(fmt::format(".skeldaIntake_{}.journal", kSkeldaAgentVersion));
+  return inStorageFolder(intakeJournalName());
 }
 
 std::string SkeldaAgentFiles::currentFrameLogName() {
@@ -71,6 +98,19 @@ std::string SkeldaAgentFiles::senderIndex() {
 
 std::string SkeldaAgentFiles::block(std::string_view identifier) {
   return inStorageFolder(identifier);
+}
+
+std::optional<std::uint64_t> SkeldaAgentFiles::commitedFrameLogCount(
+    const std::string& storageFolder) {
+  return filesIn(fmt::format("{}/{}", storageFolder, kCommitedFrameLogsFolderName),
+                 [](const std::string& name) { return name.starts_with(commitedFrameLogName()); });
+}
+
+std::optional<std::uint64_t> SkeldaAgentFiles::blockCount(const std::string& storageFolder) {
+  // Blocks are named by nothing but a UUID.
+  return filesIn(storageFolder, [](const std::string& name) {
+    return name.size() == 36 && std::ranges::count(name, '-') == 4;
+  });
 }
 
 std::string SkeldaAgentFiles::kvStorage() {

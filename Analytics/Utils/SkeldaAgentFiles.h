@@ -23,7 +23,7 @@
 ///     SkeldaFilesSkelda.KV.storage                   counter and crash flag, beside the folder
 ///
 /// Functions of a folder's path answer paths without a slash at the end; times are seconds since
-/// 1970 with six decimals. Pure, any thread; only storageFolder() touches the disk.
+/// 1970 with six decimals. Any thread. Pure, but for storageFolder() and what counts files.
 namespace SkeldaAgentFiles {
 
 inline constexpr std::string_view kStorageFolderName = "SkeldaFiles";
@@ -35,11 +35,14 @@ inline constexpr std::string_view kKVStorageName = "Skelda.KV.storage";
 
 /// <application support>/SkeldaFiles; see SkeldaUtil::filePathDirectory(), which makes it.
 std::string storageFolder();
+/// The same, as a text alone: nothing is looked at or made.
+std::string storageFolderPath();
 /// `name` in the storage folder.
 std::string inStorageFolder(std::string_view name);
 
 std::string lockFile();
 std::string reserveFile();
+std::string intakeJournalName();
 std::string intakeJournal();
 
 std::string currentFrameLogName();
@@ -56,6 +59,10 @@ std::string commitedFrameLogName();
 std::string currentWatchSessionId(const std::optional<std::string>& apiKey);
 std::string senderIndex();
 std::string block(std::string_view identifier);
+/// How many closed logs, how many blocks lie below that storage folder; nothing where that cannot
+/// be told.
+std::optional<std::uint64_t> commitedFrameLogCount(const std::string& storageFolder);
+std::optional<std::uint64_t> blockCount(const std::string& storageFolder);
 /// No separator: the file stands beside the folder, where every earlier version put it.
 std::string kvStorage();
 

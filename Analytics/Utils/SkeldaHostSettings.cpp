@@ -27,25 +27,29 @@ platform::Value SkeldaHostSettings::valueOf(const Setting& setting) {
 }
 
 bool SkeldaHostSettings::isSwitchedOn(const Setting& setting) {
-  const auto value = valueOf(setting);
+  return isOn(valueOf(setting));
+}
+
+bool SkeldaHostSettings::isOn(const platform::Value& value) {
   if (value.isNumber()) return value.boolValue();
   const auto* text = value.text();
   return text != nullptr && std::ranges::equal(*text, std::string_view("YES"), {}, upperCase);
 }
 
+std::int32_t SkeldaHostSettings::inRange(const Setting& setting, const platform::Value& value) {
+  if (value.isNull()) return setting.whenAbsent;
+  return static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(value.integerValue(), setting.least, setting.most));
+}
+
 std::int32_t SkeldaHostSettings::numberOf(const Setting& setting) {
   const auto value = valueOf(setting);
-  if (value.isNull()) return setting.whenAbsent;
-  const auto given = value.integerValue();
-  if (given < setting.least) {
-    SKELDA_LOG(2, "{} may not be below {}", nameInLog(setting), setting.least);
-    return setting.least;
+  const auto used = inRange(setting, value);
+  if (!value.isNull() && value.integerValue() != used) {
+    const bool isBelow = value.integerValue() < used;
+    SKELDA_LOG(2, "{} may not be {} {}", nameInLog(setting), isBelow ? "below" : "above", used);
   }
-  if (given > setting.most) {
-    SKELDA_LOG(2, "{} may not be above {}", nameInLog(setting), setting.most);
-    return setting.most;
-  }
-  return static_cast<std::int32_t>(given);
+  return used;
 }
 
 std::optional<std::string> SkeldaHostSettings::apiKey() {

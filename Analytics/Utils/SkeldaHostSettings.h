@@ -79,8 +79,12 @@ inline constexpr std::array kAll{kAPIKey, kAppVersion,     kDisableConnectivity,
 /// As it stands there; null where it does not.
 platform::Value valueOf(const Setting& setting);
 bool isSwitchedOn(const Setting& setting);
+/// Whether such a value switches a flag on.
+bool isOn(const platform::Value& value);
 /// Within the range; what was out of it is said at level 2.
 std::int32_t numberOf(const Setting& setting);
+/// What of such a value counts, null for none there; nothing is said.
+std::int32_t inRange(const Setting& setting, const platform::Value& value);
 /// A text that is not empty, or nothing.
 std::optional<std::string> apiKey();
 

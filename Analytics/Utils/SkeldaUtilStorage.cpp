@@ -75,8 +75,7 @@ std::string SkeldaUtil::filePathDirectory() {
   if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
   const platform::MutexLock lock(folder.mutex);
   if (const std::string* found = folder.found.load(std::memory_order_acquire)) return *found;
-  std::string path = FileManager::applicationSupportDirectory() + "/" +
-                     std::string(SkeldaAgentFiles::kStorageFolderName);
+  std::string path = SkeldaAgentFiles::storageFolderPath();
   // Without waiting for the disk: the first call comes from a host's own thread.
   if (!platform::makeFolders(path, folder.unsynchronized)) return path;
   addSkipBackupAttributeToItemAtURL(path);

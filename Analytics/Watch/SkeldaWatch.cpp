@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "Analytics/Status/SkeldaSight.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
@@ -175,6 +176,22 @@ SkeldaAccount SkeldaWatch::account() noexcept {
   return skelda::publicEntry(SkeldaAccount(), [] { return SkeldaIntake::account(); });
 }
 
+SkeldaStatus SkeldaWatch::status() noexcept {
+  return skelda::publicEntry(SkeldaStatus(), [] {
+    auto sight = SkeldaSight::ofFiles();
+    sight.isOwn = true;
+    // What this process counted before it had a file, and what it sends to, no file tells.
+    if (SkeldaIntake::isOpen() || !sight.hasAccount) {
+      sight.account = SkeldaIntake::account();
+    } else {
+      sight.account.refused = SkeldaIntake::account().refused;
+    }
+    sight.server = SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL();
+    if (sight.server == SkeldaNetworkURLsDataProvider::kDefaultServerURL) sight.server.clear();
+    return sight.status();
+  });
+}
+
 std::optional<std::string> SkeldaWatch::apiKey() noexcept {
   return skelda::publicEntry(std::optional<std::string>(), [] { return keptAPIKey(); });
 }
@@ -209,6 +226,7 @@ void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
       SKELDA_LOG(0, "Skelda: Server URL not set -- it must be UTF-8 text.");
       return;
     }
+    SkeldaAccounting::noteServer(*text);
     SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(std::move(*text));
   });
 }

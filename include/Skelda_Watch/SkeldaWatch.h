@@ -6,6 +6,7 @@
 
 #include "Platform/Base/Export.h"
 #include "SkeldaAccount.h"
+#include "SkeldaStatus.h"
 #include "SkeldaValue.h"
 
 /// The analytics agent of a watch application. The first accepted event builds and starts it; from
@@ -69,6 +70,12 @@ class SKELDA_EXPORT SkeldaWatch {
   /// What became of everything over all runs; before anything was accepted in this process, what it
   /// refused. Any thread; looks into two folders.
   static SkeldaAccount account() noexcept;
+
+  /// What holds events up, and what to do about it, as skelda-doctor says it from outside: from the
+  /// Info.plist, the agent's files and its account. For a host's own diagnosis, and not for the
+  /// path of an event: it reads files, a whole log among them. Changes nothing and asks no server.
+  /// Any thread; nothing is found where the call is refused.
+  static SkeldaStatus status() noexcept;
 
   /// The API key, read once; nothing where there is none.
   static std::optional<std::string> apiKey() noexcept;

@@ -6,6 +6,7 @@
 #include "SkeldaConstants.h"
 #include "SkeldaHost.h"
 #include "SkeldaResourceUsage.h"
+#include "SkeldaStatus.h"
 #include "SkeldaUserProperties.h"
 #include "SkeldaValue.h"
 #include "SkeldaVersion.h"

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <utility>
 
@@ -22,6 +23,12 @@ struct Owned {
   std::shared_ptr<SkeldaIntakeFile> file GUARDED_BY(mutex);
   /// Another thread may be counting in it still.
   std::shared_ptr<SkeldaIntakeFile> previous GUARDED_BY(mutex);
+  std::array<char, SkeldaIntakeFile::kLongestServer> server GUARDED_BY(mutex){};
+  std::size_t serverLength GUARDED_BY(mutex) = 0;
+
+  void noteServer() noexcept REQUIRES(mutex) {
+    if (file) file->setServer(std::string_view(server.data(), serverLength));
+  }
 };
 
 Owned& owned() {
@@ -61,6 +68,14 @@ void SkeldaAccounting::setFile(std::shared_ptr<SkeldaIntakeFile> file) {
   shared.previous = std::exchange(shared.file, std::move(file));
   current.store(shared.file.get(), std::memory_order_release);
   if (shared.file) moveInto(shared.file->page());
+  shared.noteServer();
+}
+
+void SkeldaAccounting::noteServer(std::string_view address) noexcept {
+  Owned& shared = owned();
+  const platform::MutexLock lock(shared.mutex);
+  shared.serverLength = address.copy(shared.server.data(), shared.server.size());
+  shared.noteServer();
 }
 
 SkeldaAccountPage& SkeldaAccounting::page() noexcept {

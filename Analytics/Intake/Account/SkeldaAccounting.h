@@ -2,13 +2,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "Analytics/Intake/Account/SkeldaAccountPage.h"
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
+#include "Skelda_Watch/SkeldaAccount.h"
 
 /// The account of this process, as every room reaches it: counts go into the intake file's first
 /// page once that is open, and into a page in memory before, whose counts are added then. Any
-/// thread; nothing here blocks, allocates or throws.
+/// thread; nothing here throws, and what counts neither
+/// blocks nor allocates.
 namespace SkeldaAccounting {
 
 /// From now on counts go into this file's page; null takes it back to memory. For the intake, and
@@ -16,6 +19,11 @@ namespace SkeldaAccounting {
 void setFile(std::shared_ptr<SkeldaIntakeFile> file);
 
 SkeldaAccountPage& page() noexcept;
+/// Its counters, named; what waits is not among them.
+SkeldaAccount accountOf(const SkeldaAccountPage& page) noexcept;
+/// Keeps the address that the host has set, so that whoever looks at the files alone can tell where
+/// logs are sent. Of one that is too long, the begin.
+void noteServer(std::string_view address) noexcept;
 inline void add(SkeldaAccountPage::Counter& counter, std::uint64_t count = 1) noexcept {
   counter.fetch_add(count, std::memory_order_relaxed);
 }

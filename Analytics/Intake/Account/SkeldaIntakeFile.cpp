@@ -322,6 +322,10 @@ bool SkeldaIntakeFile::waitUntilSettled(std::chrono::steady_clock::time_point de
   return me.units == 0;
 }
 
+void SkeldaIntakeFile::setServer(std::string_view address) noexcept {
+  SkeldaIntakeLayout::setServer(*page_, address);
+}
+
 SkeldaAccountPage& SkeldaIntakeFile::page() noexcept {
   return page_->account;
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Analytics/Intake/Account/SkeldaAccountPage.h"
 #include "Analytics/Intake/Account/SkeldaIntakeTicket.h"
@@ -37,6 +38,8 @@ class SkeldaIntakeFile {
  public:
   static constexpr std::size_t kHeaderLength = 4096;
   static constexpr std::size_t kSegmentCount = 4;
+  /// Bytes of an address that the page has room for.
+  static constexpr std::size_t kLongestServer = 1024;
   /// Records begin at multiples of it.
   static constexpr std::size_t kAlignment = 16;
   /// A record that so many starts took up is taken up alone, and dropped after so many of these:
@@ -130,6 +133,8 @@ class SkeldaIntakeFile {
   /// (CLOCK_MONOTONIC).
   bool waitUntilSettled(std::chrono::steady_clock::time_point deadline);
 
+  /// Where logs are sent: for whoever looks at the file, the agent never reads it.
+  void setServer(std::string_view address) noexcept;
   /// The counters, alive: in the file's first page where there is one.
   SkeldaAccountPage& page() noexcept;
 

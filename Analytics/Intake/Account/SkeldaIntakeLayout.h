@@ -1,11 +1,14 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "Analytics/Intake/Account/SkeldaAccountPage.h"
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
@@ -153,6 +156,9 @@ struct Page {
 
   alignas(64) SkeldaAccountPage account;
 
+  /// UTF-8, zeros behind it. Its first word is stored last.
+  alignas(64) std::array<Word, SkeldaIntakeFile::kLongestServer / sizeof(Word)> server;
+
   std::uint64_t staticChecksum() const {
     Checksum sum(0, 0);
     sum.add(this, 2);
@@ -160,7 +166,26 @@ struct Page {
   }
 };
 static_assert(offsetof(Page, tail) == 64 && offsetof(Page, left) == 128 &&
-              offsetof(Page, intentTicket) == 192 && offsetof(Page, account) == 256);
+              offsetof(Page, intentTicket) == 192 && offsetof(Page, account) == 256 &&
+              offsetof(Page, server) == 768);
 static_assert(sizeof(Page) <= SkeldaIntakeFile::kHeaderLength);
+
+inline std::string serverIn(const Page& page) {
+  std::string text;
+  for (const Word& word : page.server) {
+    const auto bytes = std::bit_cast<std::array<char, sizeof(Word)>>(word.load());
+    text.append(bytes.data(), bytes.size());
+  }
+  return text.substr(0, text.find('\0'));
+}
+
+inline void setServer(Page& page, std::string_view address) noexcept {
+  for (std::size_t i = page.server.size(); i-- > 0;) {
+    std::array<char, sizeof(Word)> bytes{};
+    const auto from = std::min(i * bytes.size(), address.size());
+    address.copy(bytes.data(), bytes.size(), from);
+    page.server[i] = std::bit_cast<std::uint64_t>(bytes);
+  }
+}
 
 }  // namespace SkeldaIntakeLayout

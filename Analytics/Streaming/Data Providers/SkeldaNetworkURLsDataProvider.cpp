@@ -8,16 +8,12 @@
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/URLSession.h"
 
-namespace {
-
-bool isAbsoluteHTTPAddress(const std::string& url) {
+bool SkeldaNetworkURLsDataProvider::isAbsoluteHTTPAddress(const std::string& url) {
   const std::string scheme = url.substr(0, url.find(':'));
   return (::strcasecmp(scheme.c_str(), "http") == 0 ||
           ::strcasecmp(scheme.c_str(), "https") == 0) &&
          platform::isWellFormedURL(url);
 }
-
-}  // namespace
 
 SkeldaNetworkURLsDataProvider::SkeldaNetworkURLsDataProvider()
     : SkeldaActor(std::string(kClassName)), internalAnalyticsServerURL_(kDefaultServerURL) {}

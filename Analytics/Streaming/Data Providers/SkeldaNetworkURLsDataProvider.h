@@ -16,6 +16,8 @@ class SkeldaNetworkURLsDataProvider : public SkeldaActor {
   static constexpr std::string_view kDefaultServerURL = "https://data.skelda.example/v1/skd.do";
 
   static std::shared_ptr<SkeldaNetworkURLsDataProvider> sharedInstance();
+  /// Whether logs can be sent there at all.
+  static bool isAbsoluteHTTPAddress(const std::string& url);
   std::string_view className() const noexcept override { return kClassName; }
   void setServerURL(std::string url);
   std::string serverURL();

@@ -1,0 +1,199 @@
+#include "Analytics/Status/SkeldaSight.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "Analytics/Intake/Account/SkeldaIntakeReading.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
+#include "Analytics/Utils/SkeldaKeychainWrapper.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/FileCalls.h"
+#include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/FileManager.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using FrameType = SkeldaStreamFrameTypeUtil;
+
+std::string reasonOf(int error, const std::string& path) {
+  return platform::posixError(error, path)->localizedDescription();
+}
+
+/// The bytes of a file; nothing where there are none, or none that can be read just now.
+std::optional<std::string> bytesOf(const std::string& path) {
+  int error = 0;
+  return platform::readWholeFile(path, error);
+}
+
+void lookAtBundle(SkeldaSight& sight) {
+  const auto bundle = platform::Bundle::main();
+  const auto& information = bundle->infoDictionary();
+  sight.bundle = bundle->bundlePath();
+  const std::string list = sight.bundle + "/Info.plist";
+  std::error_code error;
+  if (!fs::exists(list, error)) {
+    sight.noInformation = fmt::format("there is no {}", list);
+  } else if (information.empty()) {
+    const auto bytes = bytesOf(list);
+    sight.noInformation = fmt::format(
+        "{} {}", list, bytes ? "holds no settings, or is no property list" : "cannot be read");
+  }
+  sight.lines = SkeldaBundleCheck::linesOf(information);
+  sight.keyLikeAPIKey = SkeldaBundleCheck::keyLike(SkeldaHostSettings::kAPIKey.key, information);
+  sight.hasKey = SkeldaHostSettings::apiKey().has_value();
+  sight.isExtension = SkeldaUtil::isInWatchExtension();
+  sight.hasIdentifier = bundle->bundleIdentifier().has_value();
+  using namespace SkeldaHostSettings;
+  sight.isPhoneOff = isSwitchedOn(kDisableConnectivity);
+  sight.eventThreshold = inRange(kEventThreshold, valueOf(kEventThreshold));
+  sight.durationThreshold = inRange(kDurationThreshold, valueOf(kDurationThreshold));
+}
+
+/// Whether the kernel's list of locks has that process beside that file.
+bool isListedAsHolder(::pid_t process, const struct ::stat& file) {
+  const std::string locks = bytesOf("/proc/locks").value_or("");
+  std::istringstream lines(locks);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find(fmt::format(" {} ", process)) != std::string::npos &&
+        line.find(fmt::format(":{} ", file.st_ino)) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// Whether the process has that file open.
+bool hasOpen(::pid_t process, const struct ::stat& file) {
+  std::error_code error;
+  fs::directory_iterator entry(fmt::format("/proc/{}/fd", process), error);
+  // Another user's cannot be looked into.
+  if (error == std::errc::permission_denied) return isListedAsHolder(process, file);
+  for (const fs::directory_iterator end; !error && entry != end; entry.increment(error)) {
+    struct ::stat open;
+    if (platform::fileError<&platform::FileCalls::statusAt>(entry->path().c_str(), &open) == 0 &&
+        open.st_ino == file.st_ino && open.st_dev == file.st_dev) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// The lock itself is not touched: whoever asks for it keeps its owner-to-be out.
+void lookForHolder(SkeldaSight& sight) {
+  const std::string path = fmt::format("{}/{}", sight.storage, SkeldaAgentFiles::kLockFileName);
+  const auto text = bytesOf(path);
+  struct ::stat file;
+  ::pid_t process = 0;
+  if (!text || platform::fileError<&platform::FileCalls::statusAt>(path.c_str(), &file) != 0) {
+    return;
+  }
+  std::from_chars(text->data(), text->data() + text->size(), process);
+  if (process <= 0 || !hasOpen(process, file)) return;
+  sight.holder = process;
+  std::error_code error;
+  sight.holderProgram = fs::read_symlink(fmt::format("/proc/{}/exe", process), error).string();
+}
+
+void lookAtStorage(SkeldaSight& sight) {
+  sight.storage = SkeldaAgentFiles::storageFolderPath();
+  sight.storageProblem = skeldaWhyNotWritable(sight.storage);
+  std::error_code error;
+  sight.hasStorage = fs::is_directory(sight.storage, error);
+  lookForHolder(sight);
+}
+
+void lookAtAccount(SkeldaSight& sight) {
+  platform::ErrorRef error;
+  const auto reading = SkeldaIntakeReading::of(
+      fmt::format("{}/{}", sight.storage, SkeldaAgentFiles::intakeJournalName()), &error);
+  if (reading) {
+    sight.hasAccount = true;
+    sight.account = reading->account;
+    sight.server = reading->server;
+  } else if (error->code() != ENOENT && error->code() != ENOTDIR) {
+    sight.accountProblem = error->localizedDescription();
+  }
+  sight.account.logs.waiting = SkeldaAgentFiles::commitedFrameLogCount(sight.storage).value_or(0);
+  sight.account.blocks.waiting = SkeldaAgentFiles::blockCount(sight.storage).value_or(0);
+}
+
+void lookForIdentifiers(SkeldaSight& sight) {
+  using Source = SkeldaReportedIdentifiersSource;
+  const SkeldaKeychainWrapper items(kSkeldaKeychainIdentifier);
+  const auto has = [&](auto key) { return items.stringForKey(key).has_value(); };
+  const auto lacks = [&](auto key) { return items.isAbsent(key); };
+  if (has(Source::kWatchVendorIDItem) || has(Source::kWatchInstallationIDItem)) {
+    sight.identifiers = SkeldaSight::Seen::yes;
+  } else if (lacks(Source::kWatchVendorIDItem) && lacks(Source::kWatchInstallationIDItem)) {
+    sight.identifiers = SkeldaSight::Seen::no;
+  }
+}
+
+void lookAtOpenLog(SkeldaSight& sight) {
+  const auto log =
+      bytesOf(fmt::format("{}/{}", sight.storage, SkeldaAgentFiles::currentFrameLogName()));
+  if (!log) return;
+  std::set<std::int32_t> types;
+  const auto frames = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
+  std::uint32_t length = 0;
+  for (std::string_view rest = *log; frames->isAtLeastOneFrameInData(rest, &length);
+       rest.remove_prefix(length)) {
+    const auto type = static_cast<std::int32_t>(frames->frameTypeFromData(rest));
+    types.insert(type);
+    if (type == FrameType::kEvent) ++sight.openEvents;
+  }
+  for (const std::int32_t type : FrameType::frameTypesWithRole(FrameType::kMandatory)) {
+    if (!types.contains(type)) sight.missing.emplace_back(FrameType::classNameForFrameType(type));
+  }
+}
+
+}  // namespace
+
+std::string skeldaWhyNotWritable(const std::string& path) {
+  // What is not there is made in the nearest folder that is.
+  std::string at = path;
+  struct ::stat status;
+  int error = 0;
+  while ((error = platform::fileError<&platform::FileCalls::statusAt>(at.c_str(), &status)) ==
+         ENOENT) {
+    if (at == "/" || at == ".") break;
+    at = platform::parentFolder(at);
+  }
+  // Above a file nothing can be found: it is named, rather than what would be below it.
+  while (error == ENOTDIR) {
+    at = platform::parentFolder(at);
+    if (platform::fileError<&platform::FileCalls::statusAt>(at.c_str(), &status) == 0) break;
+  }
+  if (error == ENOTDIR || (error == 0 && !S_ISDIR(status.st_mode))) return reasonOf(ENOTDIR, at);
+  if (error != 0) return reasonOf(error, at);
+  // As the process may write, not as its real user may.
+  if (::faccessat(AT_FDCWD, at.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return reasonOf(errno, at);
+  struct ::statvfs disk;
+  if (platform::fileError<&platform::FileCalls::fileSystemAt>(at.c_str(), &disk) == 0 &&
+      disk.f_blocks != 0 && disk.f_bavail == 0) {
+    return reasonOf(ENOSPC, at);
+  }
+  return {};
+}
+
+SkeldaSight SkeldaSight::ofFiles() {
+  SkeldaSight sight;
+  lookAtBundle(sight);
+  lookAtStorage(sight);
+  lookAtAccount(sight);
+  lookForIdentifiers(sight);
+  lookAtOpenLog(sight);
+  return sight;
+}
