@@ -19,6 +19,7 @@ namespace skelda::platform {
 /// line that goes out. Every operation is safe from any thread and never throws.
 class SKELDA_EXPORT Log {
  public:
+  /// Who a line is for.
   enum class Kind : std::uint8_t {
     detail,  ///< for who asked: by SKELDA_LOG, a sink, or showDetails()
     notice   ///< what a developer or an operator must act on: rare, and says what to do

@@ -14,9 +14,11 @@ namespace skelda::platform {
 class Data {
  public:
   Data() = default;
+  /// A copy of the bytes, but for a string that is moved in.
   explicit Data(std::string bytes) : bytes_(std::move(bytes)) {}
   Data(const void* bytes, std::size_t length) : bytes_(static_cast<const char*>(bytes), length) {}
 
+  /// What is in it; valid until it changes.
   std::size_t length() const noexcept { return bytes_.size(); }
   bool empty() const noexcept { return bytes_.empty(); }
   const std::uint8_t* bytes() const noexcept {
@@ -24,6 +26,7 @@ class Data {
   }
   std::string_view view() const noexcept { return bytes_; }
 
+  /// As a string's.
   void append(const void* bytes, std::size_t length) {
     bytes_.append(static_cast<const char*>(bytes), length);
   }
@@ -38,6 +41,7 @@ class Data {
   std::string& string() & noexcept { return bytes_; }
   std::string string() && noexcept { return std::move(bytes_); }
 
+  /// Byte for byte.
   friend bool operator==(const Data& a, const Data& b) { return a.bytes_ == b.bytes_; }
   friend bool operator!=(const Data& a, const Data& b) { return a.bytes_ != b.bytes_; }
 

@@ -12,8 +12,10 @@ namespace skelda::platform {
 /// microsecond. A value.
 class SKELDA_EXPORT Date {
  public:
+  /// The width of every time here.
   using Microseconds = std::chrono::duration<std::int64_t, std::micro>;
 
+  /// 1970-01-01 UTC, and so long after it.
   constexpr Date() = default;
   constexpr explicit Date(Microseconds since1970) : since1970_(since1970) {}
 
@@ -23,10 +25,12 @@ class SKELDA_EXPORT Date {
   /// Later than every date that a record can hold.
   static constexpr Date distantFuture() { return Date(Microseconds(64092211200000000)); }
 
+  /// The date as it is kept.
   constexpr Microseconds microsecondsSince1970() const noexcept { return since1970_; }
   /// Seconds since 1970, as a double.
   double timeIntervalSince1970() const noexcept;
 
+  /// Exact, to the microsecond.
   friend constexpr bool operator==(Date a, Date b) { return a.since1970_ == b.since1970_; }
   friend constexpr bool operator!=(Date a, Date b) { return a.since1970_ != b.since1970_; }
   friend constexpr bool operator<(Date a, Date b) { return a.since1970_ < b.since1970_; }

@@ -28,9 +28,11 @@ using Array = std::vector<Value>;
 /// Look-up is linear: the dictionaries of this system are short.
 class SKELDA_EXPORT Dictionary {
  public:
+  /// A key and its value.
   using Entry = std::pair<std::string, Value>;
   using const_iterator = std::vector<Entry>::const_iterator;
 
+  /// Empty, or of {"key", value} pairs.
   Dictionary();
   Dictionary(std::initializer_list<DictionaryEntry> entries);
   /// Of many entries, with keys that may repeat: the last value of a key stands in the place of the
@@ -42,6 +44,7 @@ class SKELDA_EXPORT Dictionary {
   Dictionary& operator=(Dictionary&&) noexcept;
   ~Dictionary();
 
+  /// As a container's.
   std::size_t size() const noexcept;
   bool empty() const noexcept;
   void reserve(std::size_t count);
@@ -54,6 +57,7 @@ class SKELDA_EXPORT Dictionary {
   void append(std::string key, Value value);
   bool erase(std::string_view key);
 
+  /// In order of insertion.
   const_iterator begin() const noexcept;
   const_iterator end() const noexcept;
   /// The entries, moved away: what follows is an empty dictionary.
@@ -75,6 +79,7 @@ class SKELDA_EXPORT Dictionary {
 /// Array{1, 2, 3}.
 class SKELDA_EXPORT Value {
  public:
+  /// What it may hold, in the order in which it is stored.
   enum class Kind : std::uint8_t {
     null,
     boolean,
@@ -89,6 +94,7 @@ class SKELDA_EXPORT Value {
     dictionary
   };
 
+  /// The null value.
   Value() noexcept;
   Value(std::nullptr_t) noexcept;
   /// A boolean or a whole number, of its own kind.
@@ -106,18 +112,20 @@ class SKELDA_EXPORT Value {
   Value(Dictionary dictionary) noexcept;
   Value(std::initializer_list<DictionaryEntry> entries);
 
+  /// As a value.
   Value(const Value&);
   Value(Value&&) noexcept;
   Value& operator=(const Value&);
   Value& operator=(Value&&) noexcept;
   ~Value();
 
+  /// What it holds.
   Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
   bool isNull() const noexcept { return kind() == Kind::null; }
   /// A boolean, an integer or a real number, as the platform's number objects have it.
   bool isNumber() const noexcept;
 
-  // The content when the value is of that very kind, else null.
+  /// The content when the value is of that very kind, else null.
   const bool* boolean() const noexcept { return std::get_if<1>(&storage_); }
   const std::string* text() const noexcept { return std::get_if<6>(&storage_); }
   const Data* data() const noexcept { return std::get_if<7>(&storage_); }
@@ -128,7 +136,7 @@ class SKELDA_EXPORT Value {
   Array* array() noexcept { return std::get_if<9>(&storage_); }
   Dictionary* dictionary() noexcept { return std::get_if<10>(&storage_); }
 
-  // Conversions of numbers and of numeric text, saturating; 0 for what is neither.
+  /// Conversions of numbers and of numeric text, saturating; 0 for what is neither.
   std::int64_t integerValue() const noexcept;
   std::uint64_t unsignedValue() const noexcept;
   double doubleValue() const noexcept;

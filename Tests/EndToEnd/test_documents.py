@@ -2,9 +2,10 @@
 
 import collections
 import re
+import subprocess
 import unittest
 
-from support import ROOT
+from support import BUILD, ROOT
 
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
 LITERALS = re.compile(rf"(?:{LITERAL}\s*)+")
@@ -60,6 +61,25 @@ class LogLines(unittest.TestCase):
         literals = "\n".join(re.sub(r"\{[^}]*\}", "0", joined(m[0])) for _, text in sources() for m in LITERALS.finditer(text))
         unsaid = [text for text in self.explained if not self.pattern(text, "[^\n]+").search(literals)]
         self.assertEqual([], unsaid)
+
+
+class ManPages(unittest.TestCase):
+    """docs/man, held against what each tool says of itself."""
+
+    def test_every_tool_has_a_page_with_the_options_that_it_takes_and_no_other(self):
+        tools = {path.name: path for path in (BUILD / "Tools").glob("skelda-*/skelda-*") if path.is_file()}
+        pages = {path.stem: path for path in (ROOT / "docs/man").glob("*.1")}
+        self.assertEqual(set(pages), {path.parent.name for path in (ROOT / "Tools").glob("skelda-*/main.cpp")})
+        self.assertTrue(tools)
+        for name, tool in tools.items():
+            with self.subTest(name):
+                page = pages[name].read_text()
+                told = subprocess.run([tool, "--help"], capture_output=True, text=True, timeout=20).stdout
+                taken = set(re.findall(r"^ +(?:-\w,)?--([a-z][a-z-]*)", told, re.M))
+                self.assertIn("help", taken)
+                self.assertEqual(taken, set(re.findall(r"^\.It Fl (?:\w , )?-([a-z][a-z-]*)", page, re.M)))
+                synopsis = page.split(".Sh SYNOPSIS")[1].split(".Sh DESCRIPTION")[0]
+                self.assertEqual(taken, set(re.findall(r"-([a-z][a-z-]*[a-z])", synopsis.replace(name, ""))))
 
 
 if __name__ == "__main__":

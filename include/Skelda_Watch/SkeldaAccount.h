@@ -12,26 +12,28 @@ struct SkeldaAccount {
   /// Of events, or of choices (user id, user properties, consent, opt-out, deletion).
   struct Records {
     std::uint64_t accepted = 0;
-    std::uint64_t stored = 0;   ///< in frames that are synchronised
-    std::uint64_t waiting = 0;  ///< in the intake journal, and in no frame yet
-    std::uint64_t cutOff = 0;   ///< the process was killed inside the call
-    std::uint64_t droppedBySessionCap = 0;
-    std::uint64_t droppedBySessionDuration = 0;
-    std::uint64_t droppedAsRepeated = 0;
+    std::uint64_t stored = 0;                    ///< in frames that are synchronised
+    std::uint64_t waiting = 0;                   ///< in the intake journal, and in no frame yet
+    std::uint64_t cutOff = 0;                    ///< the process was killed inside the call
+    std::uint64_t droppedBySessionCap = 0;       ///< over the events of a session
+    std::uint64_t droppedBySessionDuration = 0;  ///< over its minutes
+    std::uint64_t droppedAsRepeated = 0;         ///< the session had that event already
     std::uint64_t droppedNotUTF8 = 0;
-    std::uint64_t droppedWrongKind = 0;
-    std::uint64_t droppedBySerializer = 0;
-    std::uint64_t droppedOtherKey = 0;
-    std::uint64_t droppedOtherVersion = 0;
-    std::uint64_t droppedReplayedTooOften = 0;
-    std::uint64_t replayed = 0;     ///< taken up by a later start
+    std::uint64_t droppedWrongKind = 0;         ///< parameters, say, that are no dictionary
+    std::uint64_t droppedBySerializer = 0;      ///< there is no frame for it, or it is too long
+    std::uint64_t droppedOtherKey = 0;          ///< accepted under another API key
+    std::uint64_t droppedOtherVersion = 0;      ///< accepted by another version of the agent
+    std::uint64_t droppedReplayedTooOften = 0;  ///< three starts did not survive it
+    std::uint64_t replayed = 0;                 ///< taken up by a later start
     std::uint64_t unprotected = 0;  ///< accepted while nothing but memory could hold them
 
+    /// All that was dropped.
     std::uint64_t dropped() const noexcept {
       return droppedBySessionCap + droppedBySessionDuration + droppedAsRepeated + droppedNotUTF8 +
              droppedWrongKind + droppedBySerializer + droppedOtherKey + droppedOtherVersion +
              droppedReplayedTooOften;
     }
+    /// Whether nothing is missing.
     bool addsUp() const noexcept { return accepted == stored + dropped() + waiting + cutOff; }
   };
 
@@ -50,6 +52,7 @@ struct SkeldaAccount {
     std::uint64_t noMemory = 0;
   };
 
+  /// Closed frame logs.
   struct Logs {
     std::uint64_t commited = 0;
     std::uint64_t stored = 0;  ///< as blocks
@@ -63,6 +66,7 @@ struct SkeldaAccount {
     bool addsUp() const noexcept { return commited == stored + waiting + removed(); }
   };
 
+  /// Logs that are waiting for the server, each stored as a block.
   struct Blocks {
     std::uint64_t stored = 0;
     std::uint64_t acknowledged = 0;
@@ -77,6 +81,7 @@ struct SkeldaAccount {
     bool addsUp() const noexcept { return stored == acknowledged + rejected + waiting + removed(); }
   };
 
+  /// By kind. What is no struct is counted for the agent as a whole.
   Records events;
   Records choices;
   Refused refused;

@@ -13,12 +13,14 @@
 /// consent, until that one says its own.
 class SKELDA_EXPORT SkeldaConsent {
  public:
+  /// Out of scope, and nothing consented to.
   SkeldaConsent() = default;
   SkeldaConsent(bool isGDPRScope, SkeldaDictionary consentStrings, bool isLICNEnabled = false)
       : isGDPRScope_(isGDPRScope),
         consentStrings_(std::move(consentStrings)),
         isLICNEnabled_(isLICNEnabled) {}
 
+  /// What it was made of.
   bool isGDPRScope() const noexcept { return isGDPRScope_; }
   const SkeldaDictionary& consentStrings() const noexcept { return consentStrings_; }
   /// Legitimate contract interest necessity.

@@ -91,7 +91,7 @@ class SKELDA_EXPORT SkeldaWatch {
   /// event; uploads already under way keep theirs.
   static void setServerURL(SkeldaValue url) noexcept;
 
-  // What the first accepted event applies, in this order: debug, connectivity, user, version.
+  /// What the first accepted event applies, in this order: debug, connectivity, user, version.
   static void loadWatchDebug() noexcept;
   static void loadWatchDisableWatchConnectivity() noexcept;
   /// The value of the key, or null.

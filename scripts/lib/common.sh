@@ -12,6 +12,7 @@ packages_build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev
   libcpp-httplib-dev libcli11-dev python3)
 packages_fuzz=(clang libclang-rt-14-dev)
 packages_format=(clang-format)
+packages_documents=(doxygen mandoc man-db python3)
 
 say() { printf '%s\n' "$*"; }
 die() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; exit 1; }
