@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -271,6 +272,25 @@ bool skelda_get_account(skelda_account* account, size_t size) {
     std::memcpy(account, &now, std::min(size, sizeof now));
     return true;
   });
+}
+
+char* skelda_status() {
+  return entry(static_cast<char*>(nullptr), [] {
+    const auto status = SkeldaWatch::status();
+    SkeldaArray findings;
+    for (const auto& [code, isBlocking, text, next] : status.findings) {
+      findings.push_back(
+          {{"code", code}, {"isBlocking", isBlocking}, {"text", text}, {"next", next}});
+    }
+    const SkeldaValue all{{"bundle", status.bundle},     {"storage", status.storage},
+                          {"server", status.server},     {"holder", status.holder},
+                          {"holdsUp", status.holdsUp()}, {"findings", std::move(findings)}};
+    return ::strdup(all.description().c_str());
+  });
+}
+
+void skelda_text_free(char* text) {
+  std::free(text);
 }
 
 // -- The log

@@ -131,6 +131,14 @@ typedef struct skelda_account {
 /// struct grows at its end only, and what this library does not know of it is 0. False for NULL.
 SKELDA_EXPORT bool skelda_get_account(skelda_account* account, size_t size);
 
+/// What holds events up, and what to do about it, as SkeldaWatch::status() says it: a JSON text, an
+/// object with "bundle", "storage", "server", "holder", "holdsUp" and a list of "findings", each
+/// with "code", "isBlocking", "text" and "next". Reads files. skelda_text_free() ends it; NULL
+/// without memory.
+SKELDA_EXPORT char* skelda_status(void);
+/// NULL is fine.
+SKELDA_EXPORT void skelda_text_free(char* text);
+
 // -- The log
 
 /// Gets one line at a time, `length` bytes and a NUL, which are there until it returns. It is

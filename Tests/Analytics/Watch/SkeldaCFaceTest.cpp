@@ -131,7 +131,9 @@ void sayNothing() {
   noMemory = true;
   expect(!skelda_log_event("a name that is longer than a text without memory", nullptr), "memory");
   skelda_user_property_set("a name that is longer than a text without memory", nullptr);
+  expect(skelda_status() == nullptr, "no memory for the status");
   noMemory = false;
+  skelda_text_free(nullptr);
 }
 
 /// A thread that was cancelled gets out of the calls that it makes, and ends behind them.
@@ -195,6 +197,11 @@ const Scenario fromC("from C", [] {
   }
   expect(said == kSaid, said.c_str());
   skelda_account account;
+  const std::unique_ptr<char, void (*)(char*)> status(skelda_status(), skelda_text_free);
+  expect(
+      std::string_view(status.get()).starts_with(R"({"bundle":"/Run.app/PlugIns/Watch.appex",)") &&
+          std::strstr(status.get(), R"("holdsUp":true,"findings":[{"code":")"),
+      status.get());
   expect(skelda_get_account(&account, sizeof account) && account.events.accepted == 5 &&
              account.refused_bad_name == 4 && account.refused_inside_log_sink > 0,
          "the account");
