@@ -23,16 +23,12 @@ SkeldaReachability::NetworkStatus statusFor(platform::NetworkLink link) noexcept
 
 }  // namespace
 
-bool SkeldaReachabilityLink() {
-  static const bool registered = [] {
-    platform::ClassRegistry::shared().registerClass(
-        {std::string(SkeldaReachability::kClassName),
-         {},
-         {std::string(ISkeldaReachability::kProtocolName)},
-         [] { return std::make_shared<SkeldaReachability>(); }});
-    return true;
-  }();
-  return registered;
+void SkeldaReachability::registerClass() {
+  platform::ClassRegistry::shared().registerClass(
+      {std::string(kClassName),
+       {},
+       {std::string(ISkeldaReachability::kProtocolName)},
+       [] { return std::make_shared<SkeldaReachability>(); }});
 }
 
 SkeldaReachability::SkeldaReachability()

@@ -9,9 +9,8 @@
 #include "Platform/Platform.h"
 #include "Platform/Reachability/NetworkMonitor.h"
 
-/// Tells the agent whether the machine is connected. Not part of the library: a program that wants
-/// it links this component and calls SkeldaReachabilityLink() from anywhere (a linker drops what
-/// nothing names); the reachability provider then finds the class by name when it starts.
+/// Tells the agent whether the machine is connected. Where a host asked for it, by
+/// SkeldaReachabilityLink(), the reachability provider finds the class by name when it starts.
 ///
 /// Each change sets the provider's values, tells its observers and posts
 /// kSkeldaNetworkStatusChangedNotification, upon which waiting uploads go out.
@@ -24,6 +23,8 @@ class SkeldaReachability : public platform::Object, public ISkeldaReachability {
     kReachableOverMobileNetwork = 2,
   };
 
+  /// Makes the class known.
+  static void registerClass();
   SkeldaReachability();
   ~SkeldaReachability() override;
   std::string_view className() const noexcept override { return kClassName; }
@@ -34,6 +35,3 @@ class SkeldaReachability : public platform::Object, public ISkeldaReachability {
 
   std::shared_ptr<platform::NetworkMonitor> monitor_;
 };
-
-/// Makes the class known. True.
-bool SkeldaReachabilityLink();

@@ -16,7 +16,7 @@ import posixpath
 import re
 import sys
 
-COMPONENT = re.compile(r'\bskelda_(?:optional_)?component\(\s*((?:"[^"]*"|[^")])*)\)')
+COMPONENT = re.compile(r'\bskelda_component\(\s*((?:"[^"]*"|[^")])*)\)')
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*[<"]([^">]+)[">]', re.MULTILINE)
 FOLDERS = ("Platform", "include", "Analytics", "Library", "Tools", "Examples", "Tests", "Benchmarks", "Fuzz")
 

@@ -72,7 +72,7 @@ TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {
   const auto updates = std::make_shared<Updates>();
   const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
   provider->registerObserver(updates);
-  ASSERT_TRUE(SkeldaReachabilityLink());
+  SkeldaReachability::registerClass();
   provider->startup();  // finds the monitor by name
   ASSERT_TRUE(notices.wait(false));
   EXPECT_TRUE(provider->reachabilitySetup());

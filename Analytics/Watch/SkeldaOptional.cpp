@@ -1,6 +1,17 @@
+#include "Skelda_Watch/SkeldaOptional.h"
+
+#include "Analytics/Reachability/SkeldaReachability.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCSocketTransport.h"
-#include "Skelda_Watch/SkeldaOptional.h"
+
+bool SkeldaReachabilityLink() noexcept {
+  try {
+    SkeldaReachability::registerClass();
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
 
 void SkeldaListenForPhone(const std::string& socketPath) noexcept {
   try {
