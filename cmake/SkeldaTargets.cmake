@@ -19,6 +19,10 @@ endif()
 target_include_directories(skelda_flags INTERFACE
   ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(skelda_flags INTERFACE Threads::Threads fmt::fmt)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Else time ends in 2038, and a file at 2 GiB. No public header has a type that this changes.
+  target_compile_definitions(skelda_flags INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   # What no one calls does not reach the installed library.
   target_compile_options(skelda_flags INTERFACE -ffunction-sections -fdata-sections)

@@ -21,8 +21,9 @@ constexpr clockid_t clockOf(DispatchTime time) noexcept {
 constexpr std::int64_t nanosecondsOf(DispatchTime time) noexcept {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) & ~kWallClockBit);
 }
+static_assert(sizeof(::time_t) == 8, "with 32 bits, time would end in 2038");
 constexpr timespec timespecOf(std::int64_t nanoseconds) noexcept {
-  return {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+  return {nanoseconds / 1'000'000'000, static_cast<long>(nanoseconds % 1'000'000'000)};
 }
 std::int64_t nanosecondsNow(clockid_t clock) noexcept;
 

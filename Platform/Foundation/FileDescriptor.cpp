@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <limits>
 
 #include "Platform/Foundation/FileCalls.h"
@@ -75,11 +76,13 @@ int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) c
   while (length > 0) {
     struct ::stat now;
     if (const int error = status(now)) return error;
-    const ::off_t rest = std::max<::off_t>(now.st_size - offset, 0);
+    const auto rest = static_cast<std::uint64_t>(std::max<::off_t>(now.st_size - offset, 0));
     // One byte more than the file says it has finds its end without another round.
-    const std::size_t step = rest == 0 ? std::min(length, kReadStep)
-                                       : std::min(length, static_cast<std::size_t>(rest) + 1);
+    const std::uint64_t wanted = rest == 0 ? kReadStep : rest + 1;
+    const auto step = static_cast<std::size_t>(std::min<std::uint64_t>(length, wanted));
     const std::size_t begin = out.size();
+    // A file may be longer than what 32 bits can hold at once.
+    if (step > out.max_size() - begin) return EFBIG;
     out.resize(begin + step);
     std::size_t got = 0;
     while (got < step) {

@@ -52,7 +52,7 @@ bool isNegative(plist_t node) {
   std::uint32_t length = 0;
   plist_to_xml(node, &text, &length);
   const MemoryRef owner(text);
-  return text != nullptr && std::string_view(text, length).find("<integer>-") != std::string::npos;
+  return text != nullptr && std::string_view(text, static_cast<std::size_t>(length)).find("<integer>-") != std::string::npos;
 }
 
 Value integerOf(plist_t node) {
@@ -81,7 +81,7 @@ std::optional<Value> textOf(plist_t node) {
   std::uint64_t length = 0;
   const char* const text = plist_get_string_ptr(node, &length);
   if (text == nullptr) return std::nullopt;
-  std::string_view view(text, length);
+  std::string_view view(text, static_cast<std::size_t>(length));
   if (!isValidUTF8(view)) return std::nullopt;
   return Value(view);
 }
@@ -89,7 +89,7 @@ std::optional<Value> textOf(plist_t node) {
 Value dataOf(plist_t node) {
   std::uint64_t length = 0;
   const char* const bytes = plist_get_data_ptr(node, &length);
-  return bytes != nullptr ? Data(bytes, length) : Data();
+  return bytes != nullptr ? Data(bytes, static_cast<std::size_t>(length)) : Data();
 }
 
 std::optional<Value> arrayOf(plist_t node) {

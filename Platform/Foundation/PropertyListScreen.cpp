@@ -125,9 +125,11 @@ class BinaryScreen {
   };
 
   /// The big-endian number at `at`; the caller has looked that it lies within the bytes.
-  std::uint64_t number(std::size_t at, std::size_t width) const {
+  std::uint64_t number(std::uint64_t at, std::size_t width) const {
     std::uint64_t value = 0;
-    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes_[at + i];
+    for (const std::uint8_t byte : bytes_.subspan(static_cast<std::size_t>(at), width)) {
+      value = value << 8 | byte;
+    }
     return value;
   }
 
@@ -143,9 +145,9 @@ class BinaryScreen {
       return false;
     if (table < kHeaderSize || table >= trailer) return false;
     if (count == 0 || count > (trailer - table) / offsetSize_ || root >= count) return false;
-    count_ = count;
+    count_ = static_cast<std::size_t>(count);
     root_ = root;
-    table_ = table;
+    table_ = static_cast<std::size_t>(table);
     return true;
   }
 
@@ -167,7 +169,7 @@ class BinaryScreen {
 
   const Visit* visit(std::uint64_t index, std::size_t depth) {
     if (index >= count_ || depth > Limits::kMaximumDepth) return nullptr;
-    Visit& visit = visits_[index];
+    Visit& visit = visits_[static_cast<std::size_t>(index)];
     if (visit.progress == Progress::open) return nullptr;
     if (visit.progress == Progress::done)
       return depth + visit.height <= Limits::kMaximumDepth ? &visit : nullptr;
@@ -175,7 +177,7 @@ class BinaryScreen {
     visit.cost = Limits::kNodeCost;
     const std::uint64_t at = number(table_ + index * offsetSize_, offsetSize_);
     if (at < kHeaderSize || at >= table_) return nullptr;
-    const std::optional<Head> head = this->head(at);
+    const std::optional<Head> head = this->head(static_cast<std::size_t>(at));
     if (!head || !passContent(*head, visit, depth)) return nullptr;
     visit.progress = Progress::done;
     return &visit;
@@ -249,7 +251,7 @@ class BinaryScreen {
   std::span<const std::uint8_t> bytes_;
   std::size_t offsetSize_ = 0;
   std::size_t referenceSize_ = 0;
-  std::uint64_t count_ = 0;
+  std::size_t count_ = 0;
   std::uint64_t root_ = 0;
   std::size_t table_ = 0;
   std::vector<Visit> visits_;

@@ -18,6 +18,8 @@
 namespace SkeldaIntakeLayout {
 
 using Word = std::atomic<std::uint64_t>;
+static_assert(Word::is_always_lock_free, "a lock of this process guards no file");
+static_assert(sizeof(Word) == 8 && alignof(Word) == 8);
 
 inline constexpr std::array<char, 8> kMagic = {'S', 'k', 'I', 'n', 't', 'a', 'k', 'e'};
 inline constexpr std::uint32_t kFormat = 1;
@@ -49,7 +51,7 @@ class Place {
 };
 
 /// Units that lie in front of a payload, and that a record with a payload of that length takes.
-inline constexpr std::uint64_t kRecordHeaderLength = 48;
+inline constexpr std::size_t kRecordHeaderLength = 48;
 constexpr std::uint64_t unitsFor(std::uint64_t payloadLength) {
   return (kRecordHeaderLength + payloadLength + SkeldaIntakeFile::kAlignment - 1) /
          SkeldaIntakeFile::kAlignment;

@@ -254,17 +254,20 @@ class SkeldaIntakeOpening {
     if (!file) return error == ELOOP || error == EISDIR || error == ENXIO ? EBADMSG : error;
     struct ::stat status;
     if ((error = file.status(status)) != 0) return error;
-    const auto length = static_cast<std::size_t>(status.st_size);
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    if (!S_ISREG(status.st_mode) || size < fileLength(kPageSize) ||
+        size > fileLength(kLongestSegment)) {
+      return EBADMSG;
+    }
+    const auto length = static_cast<std::size_t>(size);
     std::string head;
-    if (!S_ISREG(status.st_mode) || length < fileLength(kPageSize)) return EBADMSG;
     if ((error = file.read(head, sizeof(Page), 0)) != 0) return error;
     if (head.size() != sizeof(Page)) return EBADMSG;
     alignas(Page) char bytes[sizeof(Page)];
     std::memcpy(bytes, head.data(), sizeof bytes);
     if (!isSound(*std::launder(reinterpret_cast<Page*>(bytes)), length)) return EBADMSG;
     // A copy of the file may have lost blocks that were nothing but zeros.
-    if (static_cast<std::size_t>(status.st_blocks) * 512 < length &&
-        (error = allocate(file, length)) != 0) {
+    if (status.st_blocks * 512 < status.st_size && (error = allocate(file, length)) != 0) {
       return error;
     }
     void* mapping = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
@@ -353,7 +356,8 @@ class SkeldaIntakeOpening {
         state.phase = State::settled;
         word.store(state.word(file.salt_));
       }
-      page.account.settled[counter / kSkeldaIntakeOutcomeCount][counter % kSkeldaIntakeOutcomeCount]
+      const auto index = static_cast<std::size_t>(counter);
+      page.account.settled[index / kSkeldaIntakeOutcomeCount][index % kSkeldaIntakeOutcomeCount]
           .store(page.intentValue.load());
     }
     page.intentTicket.store(kSkeldaNoTicket);

@@ -153,7 +153,7 @@ struct Reader {
   std::string_view rest;
   bool failed = false;
 
-  bool has(std::size_t count) noexcept {
+  bool has(std::uint64_t count) noexcept {
     failed = failed || rest.size() < count;
     return !failed;
   }
