@@ -9,6 +9,7 @@ pkg_check_modules(SKELDA_UUID REQUIRED IMPORTED_TARGET uuid)
 find_package(nlohmann_json REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(CURL REQUIRED)
+include(${CMAKE_CURRENT_LIST_DIR}/SkeldaWatchExtension.cmake)
 
 add_library(skelda_flags INTERFACE)
 target_compile_options(skelda_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
@@ -121,15 +122,4 @@ function(skelda_benchmark name source)
   target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS} benchmark::benchmark_main)
   set_target_properties(${name} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/benchmarks)
-endfunction()
-
-# skelda_extension_bundle(TARGET APP EXTENSION IDENTIFIER PLIST)
-# Makes the program an application extension: it is built into APP.app/PlugIns/EXTENSION.appex below
-# the current binary folder, beside the Info.plist made of PLIST, in which @bundle_identifier@
-# stands for IDENTIFIER. The target's property SKELDA_BUNDLE is the bundle's folder.
-function(skelda_extension_bundle target app extension bundle_identifier plist)
-  set(bundle ${CMAKE_CURRENT_BINARY_DIR}/${app}.app/PlugIns/${extension}.appex)
-  configure_file(${plist} ${bundle}/Info.plist @ONLY)
-  set_target_properties(${target} PROPERTIES
-    RUNTIME_OUTPUT_DIRECTORY ${bundle} OUTPUT_NAME ${extension} SKELDA_BUNDLE ${bundle})
 endfunction()
