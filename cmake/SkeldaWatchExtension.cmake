@@ -12,8 +12,6 @@
 # Nothing but CMake is needed. Where skelda-bundle is installed each build has it look at the bundle,
 # and ends where events would be refused; UNCHECKED leaves that out.
 
-set(_SKELDA_BUNDLE_PLACES ${PACKAGE_PREFIX_DIR}/bin)
-
 # Numbers are written as such under the keys that take one; everything else is text.
 function(_skelda_plist_entry result key value)
   foreach(text key value)
@@ -60,7 +58,8 @@ function(_skelda_check_bundle_at_build_time target bundle)
   if(CMAKE_CROSSCOMPILING)
     return()
   endif()
-  find_program(SKELDA_BUNDLE_PROGRAM skelda-bundle HINTS ${_SKELDA_BUNDLE_PLACES})
+  find_program(SKELDA_BUNDLE_PROGRAM skelda-bundle HINTS
+    ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../../bin ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../../../bin)
   mark_as_advanced(SKELDA_BUNDLE_PROGRAM)
   if(SKELDA_BUNDLE_PROGRAM)
     add_custom_command(TARGET ${target} POST_BUILD VERBATIM
