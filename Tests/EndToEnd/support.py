@@ -15,6 +15,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import urllib.parse
 
 import frame_log
 
@@ -243,17 +244,17 @@ class Process:
 class Collector:
     """skelda-collector on a loopback port of its own. Restarting keeps the port and the store."""
 
-    def __init__(self, folder, *arguments, plain=False):
+    def __init__(self, folder, *arguments, plain=False, listen=None):
         self.folder = pathlib.Path(folder)
         self.store = self.folder / "received"
         self.tls = self.folder / "tls"
         self.plain = plain
         self.port = 0
         self.process = None
-        self.start(*arguments)
+        self.start(*arguments, listen=listen)
 
-    def start(self, *arguments):
-        listen = f"127.0.0.1:{self.port}"
+    def start(self, *arguments, listen=None):
+        listen = listen or f"127.0.0.1:{self.port}"
         scheme = ["--http"] if self.plain else []
         self.process = Process([COLLECTOR, "--listen", listen, "--store", self.store, "--tls-dir", self.tls,
                                 *scheme, *arguments])
@@ -263,7 +264,7 @@ class Collector:
             self.process.__exit__()
             raise
         self.url = line.split(" ")[-1]
-        self.port = int(self.url.split(":")[2].split("/")[0])
+        self.port = urllib.parse.urlsplit(self.url).port
 
     def stop(self):
         """Ends it as a service manager would; it must obey, cleanly."""

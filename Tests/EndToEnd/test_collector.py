@@ -1,15 +1,19 @@
 """The collector on its own: what it takes, what it refuses, what goes wrong on demand."""
 
+import contextlib
 import hashlib
 import http.client
 import json
+import socket
 import ssl
 import struct
 import tempfile
+import time
 import unittest
+import urllib.parse
 import zlib
 
-from support import Collector
+from support import COLLECTOR, Collector, Process
 
 KEY = "A1B2C3D4E5"
 PATH = "/v1/skd.do"
@@ -58,14 +62,21 @@ class CollectorTest(unittest.TestCase):
                 self.assertEqual(200, client.post(LOG)[0])
             entry, again = collector.entries()
             self.assertEqual([LOG, LOG], collector.logs())
+            self.assertEqual((None, 1, entry["file"]), (entry.get("repeat"), again["repeat"], again["file"]))
             self.assertEqual(("D4E5", len(LOG), 5, 1, 2, hashlib.sha256(LOG).hexdigest()),
                              tuple(entry[k] for k in ("key", "bytes", "frames", "sessions", "events", "sha256")))
             self.assertEqual((200, [again, entry]), client.ask("GET", "/v1/logs"))
-            self.assertEqual((200, {"status": "ok", "logs": 2, "bytes": 2 * len(LOG)}), client.ask("GET", "/healthz"))
             collector.process.line_with("5 frames, 1 sessions, 2 events")
             collector.stop()
+            with open(collector.store / "received.jsonl", "a") as lines:
+                lines.write('{"time": "torn by a loss of po')
             collector.start()  # the store and the authority are those of before
-            self.assertEqual((200, [again]), Client(collector).ask("GET", "/v1/logs?limit=1"))
+            client = Client(collector)
+            self.assertEqual((200, [again]), client.ask("GET", "/v1/logs?limit=1"))
+            self.assertEqual(2, client.post(LOG)[1]["repeat"])
+            self.assertEqual(200, client.post(LOG + frame(134, {"n": 3}))[0])
+            self.assertEqual((200, {"status": "ok", "logs": 2, "bytes": 2 * len(LOG) + len(frame(134, {"n": 3})),
+                                    "repeats": 2}), client.ask("GET", "/healthz"))
 
     def test_what_is_no_whole_log_is_refused_with_reason_and_offset(self):
         first = len(frame(2, {"sk.frame.log.counter": 1}))
@@ -84,7 +95,7 @@ class CollectorTest(unittest.TestCase):
             client = Client(collector)
             for status, request in ((200, ("POST", PATH, LOG)), (200, ("POST", PATH, LOG, "other")),
                                     (401, ("POST", PATH, LOG, "wrong")), (401, ("POST", PATH, LOG, None)),
-                                    (404, ("POST", "/v1/other", LOG)), (404, ("GET", "/")), (405, ("GET", PATH)),
+                                    (404, ("POST", "/v1/other", LOG)), (404, ("GET", "/nothing")), (405, ("GET", PATH)),
                                     (405, ("DELETE", PATH)), (405, ("POST", "/healthz", b"x")),
                                     (413, ("POST", PATH, LOG + b"x")), (413, ("POST", PATH, bytes(5_000_000))),
                                     (200, ("POST", PATH, LOG))):
@@ -124,8 +135,95 @@ class CollectorTest(unittest.TestCase):
                 with self.assertRaises(ssl.SSLCertVerificationError):
                     Client(collector).post(LOG)
 
+    def test_idle_and_slow_peers_hold_up_nobody(self):
+        for plain in (True, False):
+            with self.subTest(plain=plain), self.start(plain=plain) as collector, contextlib.ExitStack() as stack:
+                def connect():
+                    peer = stack.enter_context(socket.create_connection(("127.0.0.1", collector.port), timeout=20))
+                    if not plain:
+                        context = ssl.create_default_context(cafile=str(collector.authority))
+                        peer = stack.enter_context(context.wrap_socket(peer, server_hostname="localhost"))
+                    return peer
+
+                for _ in range(300):  # more than there may be, and not even a handshake
+                    stack.enter_context(socket.create_connection(("127.0.0.1", collector.port), timeout=20))
+                slow = connect()
+                slow.sendall(f"POST {PATH} HTTP/1.1\r\nX-Skelda-Api-Key: {KEY}\r\nContent-Length: {len(LOG)}\r\n\r\n"
+                             .encode() + LOG[:-2])
+                began = time.monotonic()
+                for _ in range(20):
+                    client = Client(collector)
+                    self.assertEqual((200, 200), (client.ask("GET", "/healthz")[0], client.post(LOG)[0]))
+                self.assertLess(time.monotonic() - began, 5)
+                slow.sendall(LOG[-2:])
+                self.assertIn(b" 200 ", slow.recv(100))
+                endless = connect()
+                with self.assertRaises(OSError):  # a head has an end
+                    while True:
+                        endless.sendall(b"GET /healthz HTTP/1.1\r\n" + b"X-More: yes\r\n" * 10000)
+                self.assertEqual(200, Client(collector).post(LOG)[0])
+
+    def test_every_address_of_the_machine_is_named_printed_and_served(self):
+        with self.start("--name", "watch.example") as collector:
+            certificate, key = collector.tls / "server.pem", collector.tls / "server-key.pem"
+            made = certificate.read_bytes()
+            self.assertEqual(0o600, key.stat().st_mode & 0o777)
+            collector.stop()
+            collector.start("--name", "watch.example")
+            self.assertEqual(made, certificate.read_bytes())
+            collector.stop()
+            for listen in ("0.0.0.0:0", "[::]:0"):
+                collector.start("--name", "watch.example", listen=listen)
+                lines = [line for line in collector.process.lines if line]
+                addresses = [urllib.parse.urlsplit(line.split(" ")[-1]) for line in lines if line.startswith("listening")]
+                self.assertNotIn(listen.rsplit(":", 1)[0], [address.netloc.rsplit(":", 1)[0] for address in addresses])
+                context = ssl.create_default_context(cafile=str(collector.authority))
+                for address in addresses:
+                    host = "localhost" if address.hostname == "watch.example" else address.hostname
+                    with socket.create_connection((host, address.port), timeout=20) as peer, \
+                            context.wrap_socket(peer, server_hostname=address.hostname) as secured:
+                        secured.sendall(b"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n")
+                        shown = b" 200 " if secured.getpeername()[0] in ("127.0.0.1", "::1") else b" 403 "
+                        self.assertIn(shown, secured.recv(100), address)
+                collector.stop()
+            collector.tls = collector.folder / "other"
+            for good, arguments in ((True, (certificate, key)), (False, (certificate, collector.folder / "tls/authority-key.pem"))):
+                start = [COLLECTOR, "--listen", "127.0.0.1:0", "--store", collector.store, "--cert", arguments[0], "--key", arguments[1]]
+                with Process(start) as process, contextlib.nullcontext() if good else self.assertRaises(AssertionError):
+                    process.line_with("listening on ")
+
+    def test_the_page_is_for_itself_and_for_this_machine_alone(self):
+        with self.start(plain=True) as collector:
+            client = Client(collector)
+            here = f"127.0.0.1:{collector.port}"
+            token = client.ask("GET", "/page/state")[1]["token"]
+            fault = b'{"add": "status=503,times=1"}'
+            for status, method, path, headers in (
+                    (403, "GET", "/", {"Host": f"rebound.example:{collector.port}"}),
+                    (403, "GET", "/page/state", {"Host": "rebound.example"}),
+                    (403, "GET", "/page/stream", {"Origin": "http://evil.example"}),
+                    (403, "GET", "/page/state", {"Sec-Fetch-Site": "cross-site"}),
+                    (403, "POST", "/page/faults", {}),
+                    (403, "POST", "/page/faults", {"X-Skelda-Token": token[::-1]}),
+                    (403, "POST", "/page/faults", {"X-Skelda-Token": token, "Origin": "http://evil.example"}),
+                    (400, "POST", "/page/faults", {"X-Skelda-Token": token, "Content-Length": "3"}),
+                    (200, "POST", "/page/faults", {"X-Skelda-Token": token, "Origin": f"http://{here}"})):
+                client = Client(collector)
+                client.connection.request(method, path, (fault if status != 400 else b"{}}") if method == "POST" else None, headers)
+                answer = client.connection.getresponse()
+                answer.read()
+                self.assertEqual(status, answer.status, (path, headers))
+                if path.startswith("/page"):
+                    self.assertIn("default-src 'none'", answer.getheader("Content-Security-Policy"))
+            self.assertEqual([503, 200], [Client(collector).post(LOG)[0] for _ in range(2)])
+
     def test_a_command_line_that_makes_no_sense_is_refused(self):
-        for arguments in (("--fault", "status=99"), ("--fault", "delay=soon"), ("--fault", "explode"),
-                          ("--listen", "nowhere")):
+        for arguments in (("--fault", "status=99"), ("--fault", "delay=soon"), ("--fault", "explode"), ("--fault", "times=1"), ("--name", "a,DNS:b"), ("--cert", "alone.pem")):
             with self.subTest(arguments), self.assertRaises(AssertionError):
                 self.start(*arguments)
+        with self.start(plain=True) as one:
+            for listen, why in (("nowhere.invalid", "no such address"), ("127.0.0.1:99999", "0 to 65535"),
+                                ("127.0.0.1:x", "0 to 65535"), ("::1:8443", "written as"), (":8443", "no address"),
+                                (f"127.0.0.1:{one.port}", "another program listens"), ("203.0.113.9", "no interface")):
+                with self.subTest(listen), self.assertRaisesRegex(AssertionError, why):
+                    self.start(listen=listen)

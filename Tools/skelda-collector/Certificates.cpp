@@ -1,6 +1,5 @@
 #include "Tools/skelda-collector/Certificates.h"
 
-#include <arpa/inet.h>
 #include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -13,8 +12,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <regex>
 #include <set>
 #include <stdexcept>
+
+#include "Tools/skelda-collector/Addresses.h"
 
 namespace fs = std::filesystem;
 
@@ -59,6 +61,7 @@ struct Identity {
 template <class Write>
 void writeFile(const std::string& path, mode_t forbidden, Write write) {
   const std::string temporary = path + ".new";
+  fs::remove(temporary);  // with whatever rights it had
   {
     const mode_t others = ::umask(forbidden);
     const File file(std::fopen(temporary.c_str(), "we"));
@@ -78,13 +81,18 @@ void save(const Identity& identity, const std::string& certificatePath,
             [&](std::FILE* file) { return PEM_write_X509(file, identity.certificate.get()); });
 }
 
+/// Nobody is asked for the words that a key is locked with.
+int noPassword(char*, int, int, void*) {
+  return 0;
+}
+
 Identity load(const std::string& certificatePath, const std::string& keyPath) {
   Identity identity;
   const File certificate(std::fopen(certificatePath.c_str(), "re"));
   const File key(std::fopen(keyPath.c_str(), "re"));
   if (!certificate || !key) return identity;
   identity.certificate.reset(PEM_read_X509(certificate.get(), nullptr, nullptr, nullptr));
-  identity.key.reset(PEM_read_PrivateKey(key.get(), nullptr, nullptr, nullptr));
+  identity.key.reset(PEM_read_PrivateKey(key.get(), nullptr, noPassword, nullptr));
   ERR_clear_error();
   return identity;
 }
@@ -100,10 +108,7 @@ struct Recipe {
 std::string alternativeNames(const std::set<std::string>& names) {
   std::string text;
   for (const auto& name : names) {
-    in6_addr address{};
-    const bool isAddress = ::inet_pton(AF_INET, name.c_str(), &address) == 1 ||
-                           ::inet_pton(AF_INET6, name.c_str(), &address) == 1;
-    text += (text.empty() ? "" : ",") + std::string(isAddress ? "IP:" : "DNS:") + name;
+    text += (text.empty() ? "" : ",") + std::string(isNumericAddress(name) ? "IP:" : "DNS:") + name;
   }
   return text;
 }
@@ -151,11 +156,8 @@ Identity issue(const Recipe& recipe, const Identity* issuer) {
 }
 
 bool isFor(X509* certificate, const std::string& name) {
-  in6_addr address{};
-  const bool isAddress = ::inet_pton(AF_INET, name.c_str(), &address) == 1 ||
-                         ::inet_pton(AF_INET6, name.c_str(), &address) == 1;
-  return isAddress ? X509_check_ip_asc(certificate, name.c_str(), 0) == 1
-                   : X509_check_host(certificate, name.c_str(), 0, 0, nullptr) == 1;
+  return isNumericAddress(name) ? X509_check_ip_asc(certificate, name.c_str(), 0) == 1
+                                : X509_check_host(certificate, name.c_str(), 0, 0, nullptr) == 1;
 }
 
 bool isGood(const Identity& server, const Identity& authority, const std::set<std::string>& names) {
@@ -168,14 +170,6 @@ bool isGood(const Identity& server, const Identity& authority, const std::set<st
   for (const auto& name : names)
     if (!isFor(certificate, name)) return false;
   return true;
-}
-
-std::set<std::string> namesFor(const std::string& address) {
-  std::set<std::string> names{"localhost", "127.0.0.1", "::1"};
-  char host[256] = "";
-  if (::gethostname(host, sizeof(host) - 1) == 0 && *host) names.insert(host);
-  if (!address.empty() && address != "0.0.0.0" && address != "::") names.insert(address);
-  return names;
 }
 
 Recipe recipeFor(Certificates::Kind kind, std::set<std::string> names) {
@@ -205,7 +199,8 @@ const char* suffixOf(Certificates::Kind kind) {
 Identity authorityIn(const std::string& certificatePath, const std::string& keyPath) {
   auto authority = load(certificatePath, keyPath);
   if (authority.certificate && authority.key) return authority;
-  if (fs::exists(certificatePath) || fs::exists(keyPath))
+  // Without a certificate nobody trusts the key: a first start was cut short.
+  if (fs::exists(certificatePath))
     fail(certificatePath + " and its key do not make an authority; remove them to have a new one");
   authority = issue({.commonName = "skelda-collector authority",
                      .names = {},
@@ -218,13 +213,13 @@ Identity authorityIn(const std::string& certificatePath, const std::string& keyP
 
 }  // namespace
 
-Certificates Certificates::prepare(const std::string& folder, const std::string& address,
+Certificates Certificates::prepare(const std::string& folder, std::set<std::string> names,
                                    Kind kind) {
   fs::create_directories(folder);
   const std::string server = folder + "/server" + suffixOf(kind);
   const Certificates paths{folder + "/authority.pem", server + ".pem", server + "-key.pem"};
   const auto authority = authorityIn(paths.authorityPath, folder + "/authority-key.pem");
-  const auto names = namesFor(address);
+  names.insert({"localhost", "127.0.0.1", "::1"});
   const bool reuse =
       kind == Kind::good && isGood(load(paths.certificatePath, paths.keyPath), authority, names);
   ERR_clear_error();
@@ -232,4 +227,31 @@ Certificates Certificates::prepare(const std::string& folder, const std::string&
     save(issue(recipeFor(kind, names), kind == Kind::selfSigned ? nullptr : &authority),
          paths.certificatePath, paths.keyPath);
   return paths;
+}
+
+Certificates Certificates::given(const std::string& certificatePath, const std::string& keyPath) {
+  const auto identity = load(certificatePath, keyPath);
+  if (!identity.certificate) fail(certificatePath + " holds no certificate in PEM");
+  if (!identity.key) fail(keyPath + " holds no key in PEM, or one locked with a password");
+  if (X509_check_private_key(identity.certificate.get(), identity.key.get()) != 1)
+    fail(keyPath + " is not the key of " + certificatePath);
+  if (X509_cmp_current_time(X509_get0_notAfter(identity.certificate.get())) <= 0)
+    fail(certificatePath + " has expired");
+  if (X509_cmp_current_time(X509_get0_notBefore(identity.certificate.get())) > 0)
+    fail(certificatePath + " is not valid yet");
+  return {"", certificatePath, keyPath};
+}
+
+bool Certificates::isName(const std::string& text) {
+  static const std::regex name(R"([A-Za-z0-9_]([A-Za-z0-9_-]*[A-Za-z0-9_])?(\.[A-Za-z0-9_-]+)*)");
+  return isNumericAddress(text) || (text.size() <= 253 && std::regex_match(text, name));
+}
+
+std::set<std::string> Certificates::missing(const std::set<std::string>& names) const {
+  const auto identity = load(certificatePath, keyPath);
+  std::set<std::string> missing;
+  for (const auto& name : names)
+    if (!identity.certificate || !isFor(identity.certificate.get(), name)) missing.insert(name);
+  ERR_clear_error();
+  return missing;
 }

@@ -1,9 +1,14 @@
 #include "Tools/skelda-collector/CollectorServer.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 
+#include "Tools/Shared/PayloadText.h"
 #include "Tools/skelda-collector/Connection.h"
 #include "Tools/skelda-collector/FrameLogReport.h"
+
+using skelda::platform::MutexLock;
 
 namespace {
 
@@ -11,11 +16,17 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kLogPath = "/v1/skd.do";
 constexpr const char* kApiKeyHeader = "X-Skelda-Api-Key";
-// A fault that waits holds a thread, and so does a connection that is kept open.
-constexpr std::size_t kThreads = 64;
+// What is not for anybody is read so far that the client reads the answer, and no farther.
+constexpr std::size_t kMostDiscarded = 16u << 20;
+// Of the bodies that arrive at once, so many of the largest ones are held.
+constexpr std::size_t kBodiesHeld = 4;
+constexpr std::size_t kLinesAtOnce = 200;
 
+/// What came from outside does nothing to the terminal.
 void print(const std::string& line) {
-  std::printf("%s\n", line.c_str());
+  std::string visible;
+  skelda::tools::appendVisible(visible, line);
+  std::printf("%s\n", visible.c_str());
   std::fflush(stdout);
 }
 
@@ -28,110 +39,123 @@ void answer(httplib::Response& response, int status, const Json& content) {
   response.set_content(textOf(content) + "\n", "application/json");
 }
 
+/// The connection ends with this answer.
+void leave(httplib::Response& response) {
+  Connection::current().leaveUnread();
+  response.set_header("Connection", "close");
+}
+
 std::string lastFour(const std::string& key) {
   return key.size() > 4 ? key.substr(key.size() - 4) : key;
 }
 
 }  // namespace
 
+/// The bytes of a request's body, as far as they are wanted.
+class CollectorServer::Body {
+ public:
+  explicit Body(CollectorServer& server) : server_(server) {}
+  Body(const Body&) = delete;
+  Body& operator=(const Body&) = delete;
+  ~Body() { server_.held_ -= bytes_.size(); }
+
+  /// False when there is no more sense in reading on.
+  bool add(const char* bytes, std::size_t length) {
+    const auto most = server_.options_.maxBytes;
+    tooLarge_ = tooLarge_ || bytes_.size() + length > most;
+    if (!tooLarge_ && !tooMuch_) {
+      tooMuch_ = (server_.held_ += length) > kBodiesHeld * most;
+      if (!tooMuch_) bytes_.append(bytes, length);
+      if (tooMuch_) server_.held_ -= length;
+      return true;
+    }
+    discarded_ += length;
+    return discarded_ <= kMostDiscarded;
+  }
+
+  const std::string& bytes() const { return bytes_; }
+  bool isTooLarge() const { return tooLarge_; }
+  /// With the other ones that are here.
+  bool isTooMuch() const { return tooMuch_; }
+
+ private:
+  CollectorServer& server_;
+  std::string bytes_;
+  bool tooLarge_ = false;
+  bool tooMuch_ = false;
+  std::size_t discarded_ = 0;
+};
+
 CollectorServer::CollectorServer(Options options, LogStore& store, FaultSequence& faults,
                                  const Certificates* certificates)
-    : options_(std::move(options)), store_(store), faults_(faults) {
-  if (certificates) {
-    server_ = std::make_unique<httplib::SSLServer>(certificates->certificatePath.c_str(),
-                                                   certificates->keyPath.c_str());
-  } else {
-    server_ = std::make_unique<httplib::Server>();
-  }
-  server_->new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-  server_->set_tcp_nodelay(true);
-  server_->set_keep_alive_max_count(1'000'000);
-  server_->set_read_timeout(std::chrono::seconds(30));
+    : options_(std::move(options)),
+      store_(store),
+      faults_(faults),
+      arrivals_(store),
+      page_(options_.page, store_, arrivals_, faults_),
+      server_(certificates, options_.connections) {
+  server_.set_keep_alive_max_count(1'000'000);
+  server_.set_keep_alive_timeout(
+      std::chrono::duration_cast<std::chrono::seconds>(options_.connections.idle).count());
   route();
 }
 
-int CollectorServer::bind(const std::string& address, int port) {
-  if (!server_->is_valid()) return -1;
-  if (port == 0) {
-    port_ = server_->bind_to_any_port(address);
-  } else {
-    port_ = server_->bind_to_port(address, port) ? port : -1;
-  }
-  return port_;
-}
-
-bool CollectorServer::serve() {
-  const bool well = server_->listen_after_bind();
+bool CollectorServer::serve(int listener) {
+  server_.setListener(listener);
+  const bool well = server_.listen_after_bind();
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     served_ = true;
   }
-  changed_.notify_all();
+  changed_.notifyAll();
   return well;
 }
 
 void CollectorServer::stop() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   stopping_ = true;
-  changed_.notify_all();
+  changed_.notifyAll();
+  arrivals_.stop();
+  server_.stopReading();
   for (bool told = false; !served_;) {
     // The library takes no notice before it accepts, and bears being told once.
-    if (!told && server_->is_running()) {
-      server_->stop();
+    if (!told && server_.is_running()) {
+      server_.stop();
       told = true;
     }
-    // It would wait for the next request of every connection that is kept open.
-    Connection::stopReadingOn(port_);
-    changed_.wait_for(lock, std::chrono::milliseconds(50), [this] { return served_; });
+    changed_.waitFor(lock, std::chrono::milliseconds(50));
   }
 }
 
 void CollectorServer::wait(std::chrono::milliseconds duration) {
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, duration, [this] { return stopping_; });
+  const auto until = std::chrono::steady_clock::now() + duration;
+  MutexLock lock(mutex_);
+  while (!stopping_ && std::chrono::steady_clock::now() < until) changed_.waitUntil(lock, until);
 }
 
 void CollectorServer::route() {
-  server_->Post(kLogPath, [this](const auto& request, auto& response, const auto& read) {
+  server_.Post(kLogPath, [this](const auto& request, auto& response, const auto& read) {
     receive(request, response, read);
   });
-  server_->Get("/healthz", [this](const auto&, auto& response) {
-    Json health{{"status", "ok"}};
-    health.update(store_.totals());
-    answer(response, 200, health);
+  server_.Get("/healthz", [this](const auto&, auto& response) {
+    const auto totals = store_.totals();
+    answer(response, 200,
+           {{"status", "ok"},
+            {"logs", totals.logs},
+            {"bytes", totals.bytes},
+            {"repeats", totals.repeats}});
   });
-  server_->Get("/v1/logs", [this](const auto& request, auto& response) {
-    const auto limit = request.get_param_value("limit");
-    answer(
-        response, 200,
-        store_.newestFirst(limit.empty() ? SIZE_MAX : std::strtoull(limit.c_str(), nullptr, 10)));
-  });
-
-  const auto wrongMethod = [this](const char* allowed) {
-    return [this, allowed](const httplib::Request& request, httplib::Response& response) {
-      response.set_header("Allow", allowed);
-      refuse(request, response, 405, {{"error", "method not allowed"}});
-    };
-  };
-  server_->Get(kLogPath, wrongMethod("POST"));
-  server_->Put(kLogPath, wrongMethod("POST"));
-  server_->Patch(kLogPath, wrongMethod("POST"));
-  server_->Delete(kLogPath, wrongMethod("POST"));
-  server_->Options(kLogPath, wrongMethod("POST"));
-  for (const char* path : {"/healthz", "/v1/logs"}) {
-    server_->Post(path, wrongMethod("GET"));
-    server_->Put(path, wrongMethod("GET"));
-    server_->Patch(path, wrongMethod("GET"));
-    server_->Delete(path, wrongMethod("GET"));
-  }
-  server_->set_error_handler([](const auto& request, auto& response) {
+  routeLines();
+  page_.route(server_);
+  routeTheRest();
+  server_.set_error_handler([](const auto& request, auto& response) {
     if (!response.body.empty()) return;
     answer(response, response.status,
            {{"error", response.status == 404 ? "not found" : "refused"}});
     print("refused " + request.method + " " + request.path + ": " +
           std::to_string(response.status));
   });
-  server_->set_exception_handler([](const auto&, auto& response, std::exception_ptr thrown) {
+  server_.set_exception_handler([](const auto&, auto& response, std::exception_ptr thrown) {
     try {
       std::rethrow_exception(thrown);
     } catch (const std::exception& error) {
@@ -143,44 +167,114 @@ void CollectorServer::route() {
   });
 }
 
+/// Sent as they are read: there may be any number of them.
+void CollectorServer::routeLines() {
+  server_.Get("/v1/logs", [this](const auto& request, auto& response) {
+    struct Progress {
+      std::size_t below = SIZE_MAX - 1;
+      std::size_t left = SIZE_MAX;
+      bool begun = false;
+    };
+    auto progress = std::make_shared<Progress>();
+    if (const auto limit = request.get_param_value("limit"); !limit.empty())
+      progress->left = std::strtoull(limit.c_str(), nullptr, 10);
+    response.set_chunked_content_provider(
+        "application/json", [this, progress](std::size_t, httplib::DataSink& sink) {
+          const auto lines =
+              store_.newestFirst(progress->below, std::min(progress->left, kLinesAtOnce));
+          std::string text;
+          for (const auto& entry : lines) {
+            text += (progress->begun ? "," : "[") + textOf(entry.line);
+            progress->begun = true;
+            progress->below = entry.number;
+          }
+          progress->left -= lines.size();
+          const bool over = lines.size() < kLinesAtOnce;
+          if (over) text += progress->begun ? "]\n" : "[]\n";
+          if (!sink.write(text.data(), text.size())) return false;
+          if (over) sink.done();
+          return true;
+        });
+  });
+}
+
+/// Bodies that nobody wants are never held, whatever the method and the path.
+void CollectorServer::routeTheRest() {
+  const auto refuseAfter = [this](const httplib::Request& request, httplib::Response& response,
+                                  const httplib::ContentReader& read) {
+    std::size_t discarded = 0;
+    const bool whole = read([&discarded](const char*, std::size_t length) {
+      return (discarded += length) <= kMostDiscarded;
+    });
+    if (!whole) leave(response);
+    const bool isLogPath = request.path == kLogPath;
+    if (!isLogPath && request.path != "/healthz" && request.path != "/v1/logs")
+      return refuse(request, response, 404, {{"error", "not found"}});
+    response.set_header("Allow", isLogPath ? "POST" : "GET");
+    refuse(request, response, 405, {{"error", "method not allowed"}});
+  };
+  const auto refuseAtOnce = [refuseAfter](const auto& request, auto& response) {
+    refuseAfter(request, response,
+                {[](httplib::ContentReceiver) { return true; },
+                 [](httplib::MultipartContentHeader, httplib::ContentReceiver) { return true; }});
+  };
+  server_.Get(kLogPath, refuseAtOnce);
+  server_.Options(".*", refuseAtOnce);
+  server_.Post(".*", refuseAfter);
+  server_.Put(".*", refuseAfter);
+  server_.Patch(".*", refuseAfter);
+  server_.Delete(".*", refuseAfter);
+  server_.set_pre_routing_handler([](const auto& request, auto& response) {
+    // The one method with a body that can have no handler.
+    if (request.method != "PRI") return httplib::Server::HandlerResponse::Unhandled;
+    answer(response, 405, {{"error", "method not allowed"}});
+    leave(response);
+    return httplib::Server::HandlerResponse::Handled;
+  });
+}
+
 void CollectorServer::refuse(const httplib::Request& request, httplib::Response& response,
                              int status, Json why) {
   answer(response, status, why);
   print("refused " + request.method + " " + request.path + ": " + std::to_string(status) + " " +
         textOf(why));
+  if (request.method == "POST" && request.path == kLogPath)
+    arrivals_.refused(status, why.value("error", std::string()));
 }
 
 void CollectorServer::receive(const httplib::Request& request, httplib::Response& response,
                               const httplib::ContentReader& read) {
   const auto fault = faults_.next();
+  if (fault) page_.tellFaults();
   if (fault && fault->delay) {
     print("fault: delay");
     wait(*fault->delay);
   }
 
-  std::string body;
+  Body body(*this);
+  std::uint64_t arrived = 0;
   bool cut = false;
-  bool tooLarge = false;
   const bool whole = read([&](const char* bytes, std::size_t length) {
-    if (fault && fault->resetAfter && body.size() + length >= *fault->resetAfter) {
+    arrived += length;
+    if (fault && fault->resetAfter && arrived >= *fault->resetAfter) {
       print("fault: reset in the request");
-      Connection(request).reset();
+      Connection::current().reset();
       cut = true;
       return false;
     }
-    // What is too much is read all the same, so that the client reads the answer.
-    tooLarge = tooLarge || body.size() + length > options_.maxBytes;
-    if (!tooLarge) body.append(bytes, length);
-    return true;
+    return body.add(bytes, length);
   });
-  if (cut || !whole) {
-    if (!cut) print("broken off after " + std::to_string(body.size()) + " bytes");
+  if (!whole) leave(response);
+  if (cut) return answer(response, 400, {{"error", "nobody is there to read this"}});
+  if (body.isTooLarge())
+    return refuse(request, response, 413, {{"error", "too large"}, {"limit", options_.maxBytes}});
+  if (body.isTooMuch()) return refuse(request, response, 503, {{"error", "too much at once"}});
+  if (!whole) {
+    print("broken off after " + std::to_string(arrived) + " bytes");
     return answer(response, 400, {{"error", "nobody is there to read this"}});
   }
-  if (tooLarge)
-    return refuse(request, response, 413, {{"error", "too large"}, {"limit", options_.maxBytes}});
-  if (fault && !meet(*fault, request, response, body)) return;
-  if (!fault || response.status < 200) accept(request, response, body, 200);
+  if (fault && !meet(*fault, request, response, body.bytes())) return;
+  if (!fault || response.status < 200) accept(request, response, body.bytes(), 200);
 }
 
 bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
@@ -204,7 +298,7 @@ bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
   accept(request, response, body, fault.status.value_or(200));
   if (fault.dropAnswer) {
     print("fault: no answer");
-    Connection(request).close();
+    Connection::current().close();
     return false;
   }
   if (fault.resetAnswer || fault.resetAfter) {
@@ -213,8 +307,8 @@ bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
                        " As it is\r\nContent-Type: application/json\r\nContent-Length: " +
                        std::to_string(response.body.size()) + "\r\n\r\n" + response.body;
     const auto sent = fault.resetAnswer.value_or(whole.size() / 2);
-    Connection connection(request);
-    connection.write(std::string_view(whole).substr(0, sent));
+    auto& connection = Connection::current();
+    connection.write(whole.data(), std::min<std::size_t>(sent, whole.size()));
     connection.reset();
     return false;
   }
@@ -235,9 +329,12 @@ void CollectorServer::accept(const httplib::Request& request, httplib::Response&
                    {"frames", report.frames},
                    {"bytes", body.size()}});
   const auto entry = store_.add(body, report, key);
-  answer(response, status, entry);
+  arrivals_.took(entry, report);
+  answer(response, status, entry.line);
+  const auto repeat = LogStore::numberIn(entry.line, "repeat");
   print("log from " + lastFour(key) + ": " + std::to_string(body.size()) + " bytes, " +
         std::to_string(report.frames) + " frames, " + std::to_string(report.sessions) +
         " sessions, " + std::to_string(report.events) + " events, sha256 " +
-        entry["sha256"].get<std::string>().substr(0, 16));
+        LogStore::textIn(entry.line, "sha256").substr(0, 16) +
+        (repeat ? ", a repeat of log " + std::to_string(repeat) : ""));
 }

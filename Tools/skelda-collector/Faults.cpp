@@ -5,7 +5,11 @@
 #include <stdexcept>
 #include <string_view>
 
+using skelda::platform::MutexLock;
+
 namespace {
+
+constexpr std::size_t kMostFaults = 100;
 
 [[noreturn]] void refuse(const std::string& part) {
   throw std::invalid_argument("not understood: " + part);
@@ -58,6 +62,7 @@ std::pair<int, std::string> redirectOf(const std::string& text) {
 
 Fault Fault::parse(const std::string& text) {
   Fault fault;
+  fault.text = text;
   std::istringstream parts(text);
   for (std::string part; std::getline(parts, part, ',');) {
     const auto equals = part.find('=');
@@ -83,19 +88,61 @@ Fault Fault::parse(const std::string& text) {
       refuse(part);
     }
   }
+  if (!fault.status && !fault.delay && !fault.resetAfter && !fault.resetAnswer && !fault.redirect &&
+      !fault.dropAnswer)
+    refuse(text.empty() ? "a fault of no words" : text + ": nothing goes wrong");
   return fault;
 }
 
-std::optional<Fault> FaultSequence::next(Clock::time_point now) {
-  const std::lock_guard lock(mutex_);
-  for (; current_ < faults_.size(); ++current_, began_.reset(), met_ = 0) {
-    const Fault& fault = faults_[current_];
-    if (!began_) began_ = now;
-    const bool over =
-        (fault.lasts && now - *began_ >= *fault.lasts) || (fault.times && met_ >= *fault.times);
-    if (over) continue;
-    ++met_;
-    return fault;
+void FaultSequence::dropFirst() {
+  faults_.pop_front();
+  began_.reset();
+  met_ = 0;
+}
+
+void FaultSequence::dropThoseThatAreOver(Clock::time_point now) {
+  while (!faults_.empty()) {
+    const Fault& fault = faults_.front();
+    const bool over = (fault.lasts && now - began_.value_or(now) >= *fault.lasts) ||
+                      (fault.times && met_ >= *fault.times);
+    if (!over) return;
+    dropFirst();
   }
-  return std::nullopt;
+}
+
+std::optional<Fault> FaultSequence::next(Clock::time_point now) {
+  const MutexLock lock(mutex_);
+  dropThoseThatAreOver(now);
+  if (faults_.empty()) return std::nullopt;
+  if (!began_) began_ = now;
+  ++met_;
+  return faults_.front();
+}
+
+bool FaultSequence::add(Fault fault) {
+  const MutexLock lock(mutex_);
+  if (faults_.size() >= kMostFaults) return false;
+  faults_.push_back(std::move(fault));
+  return true;
+}
+
+void FaultSequence::clear() {
+  const MutexLock lock(mutex_);
+  faults_.clear();
+  began_.reset();
+  met_ = 0;
+}
+
+std::vector<FaultSequence::Played> FaultSequence::list(Clock::time_point now) {
+  const MutexLock lock(mutex_);
+  dropThoseThatAreOver(now);
+  std::vector<Played> list;
+  for (const auto& fault : faults_)
+    list.push_back({.text = fault.text, .met = 0, .times = fault.times, .remaining = fault.lasts});
+  if (list.empty()) return list;
+  list[0].met = met_;
+  if (list[0].times) *list[0].times -= met_;
+  if (list[0].remaining && began_)
+    *list[0].remaining -= std::chrono::ceil<std::chrono::milliseconds>(now - *began_);
+  return list;
 }

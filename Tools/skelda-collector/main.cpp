@@ -5,16 +5,19 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
 
 #include "Platform/Base/Log.h"
+#include "Tools/skelda-collector/Addresses.h"
 #include "Tools/skelda-collector/Certificates.h"
 #include "Tools/skelda-collector/CollectorServer.h"
 #include "Tools/skelda-collector/Faults.h"
 #include "Tools/skelda-collector/LogStore.h"
+#include "Tools/skelda-collector/Page.h"
 
 namespace {
 
@@ -22,6 +25,10 @@ struct Options {
   std::string listen = "127.0.0.1:8443";
   std::string store = "collected";
   std::string tlsFolder = "collector-tls";
+  std::vector<std::string> names;
+  std::string certificatePath;
+  std::string keyPath;
+  Page::Reach page = Page::Reach::loopback;
   bool plain = false;
   Certificates::Kind certificate = Certificates::Kind::good;
   std::vector<std::string> apiKeys;
@@ -31,16 +38,42 @@ struct Options {
 
 void describe(CLI::App& app, Options& options) {
   using Kind = Certificates::Kind;
-  app.add_option("--listen", options.listen, "ADDRESS:PORT; port 0 takes a free one")
+  app.add_option(
+         "--listen", options.listen,
+         "ADDRESS:PORT, as 127.0.0.1:8443 or [::1]:8443; 0.0.0.0 and [::] are every address "
+         "of this machine, port 0 is a free one, without a port it is 8443")
       ->capture_default_str();
   app.add_option("--store", options.store, "Folder for received logs and received.jsonl")
       ->capture_default_str();
-  app.add_option("--tls-dir", options.tlsFolder,
-                 "Folder for the authority and certificate, made on the first start")
-      ->capture_default_str();
-  app.add_flag("--http", options.plain, "Plain HTTP instead of HTTPS");
+  app.add_option("--page", options.page,
+                 "Who may see the page with the logs and the buttons for faults: loopback, whoever "
+                 "asks from this machine; anyone, who reaches the address; off, nobody. Default: "
+                 "loopback")
+      ->option_text("loopback|anyone|off")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, Page::Reach>{{"loopback", Page::Reach::loopback},
+                                             {"anyone", Page::Reach::anyone},
+                                             {"off", Page::Reach::off}}));
+  app.add_option("--name", options.names,
+                 "A name or an address that clients call this machine by, for the certificate and "
+                 "the page; may be repeated. This machine's own need not be said");
+  auto* folder = app.add_option("--tls-dir", options.tlsFolder,
+                                "Folder for the authority and certificate, made on the first start "
+                                "and made again when it runs out or a name is new")
+                     ->capture_default_str();
+  auto* key = app.add_option("--key", options.keyPath, "The key of --cert, in PEM");
+  auto* given = app.add_option("--cert", options.certificatePath,
+                               "A certificate of your own, in PEM, instead of one that is made")
+                    ->needs(key)
+                    ->excludes(folder);
+  key->needs(given);
+  auto* plain =
+      app.add_flag("--http", options.plain, "Plain HTTP instead of HTTPS")->excludes(given);
   app.add_option("--certificate", options.certificate,
-                 "What to show: good, expired, self-signed or wrong-name")
+                 "What kind of certificate to show, to see that clients refuse it")
+      ->option_text("good|expired|self-signed|wrong-name")
+      ->excludes(given)
+      ->excludes(plain)
       ->transform(
           CLI::CheckedTransformer(std::map<std::string, Kind>{{"good", Kind::good},
                                                               {"expired", Kind::expired},
@@ -56,14 +89,57 @@ void describe(CLI::App& app, Options& options) {
       ->delimiter('\0');
 }
 
-/// "127.0.0.1:8443", "[::1]:8443".
-std::pair<std::string, int> addressAndPort(const std::string& text) {
-  const auto colon = text.rfind(':');
-  if (colon == std::string::npos) throw std::invalid_argument(text + " is not ADDRESS:PORT");
-  std::string address = text.substr(0, colon);
-  if (address.starts_with('[') && address.ends_with(']'))
-    address = address.substr(1, address.size() - 2);
-  return {address, std::stoi(text.substr(colon + 1))};
+/// The names and addresses that a client may call it by.
+std::set<std::string> namesOf(const Options& options, const ListenAddress& address) {
+  std::set<std::string> names(options.names.begin(), options.names.end());
+  for (const auto& name : names)
+    if (!Certificates::isName(name))
+      throw std::invalid_argument("--name " + name + ": neither a host name nor an address");
+  if (!address.isEvery()) names.insert(address.host);
+  for (const auto& name : machineNames(address.isEvery()))
+    if (Certificates::isName(name)) names.insert(name);
+  if (address.isEvery()) names.merge(machineAddresses());
+  return names;
+}
+
+std::optional<Certificates> certificatesFor(const Options& options,
+                                            const std::set<std::string>& names) {
+  if (options.plain) return std::nullopt;
+  if (options.certificatePath.empty())
+    return Certificates::prepare(options.tlsFolder, names, options.certificate);
+  return Certificates::given(options.certificatePath, options.keyPath);
+}
+
+/// Where it listens, what to trust, and what an application has to be told.
+void printAddresses(const Options& options, const ListenAddress& address,
+                    const std::optional<Certificates>& certificates) {
+  const char* scheme = options.plain ? "http" : "https";
+  const auto port = std::to_string(address.port);
+  auto hosts = address.reachableHosts();
+  hosts.insert(hosts.end(), options.names.begin(), options.names.end());
+  std::string url;
+  for (auto host = hosts.rbegin(); host != hosts.rend(); ++host) {
+    url = std::string(scheme) + "://" + inURL(*host) + ":" + port + "/v1/skd.do";
+    std::printf("listening on %s\n", url.c_str());
+  }
+  if (options.page != Page::Reach::off) {
+    const auto& shown = address.isEvery() && options.page == Page::Reach::loopback
+                            ? std::string("localhost")
+                            : hosts.front();
+    std::printf("page: %s://%s:%s/\n", scheme, inURL(shown).c_str(), port.c_str());
+  }
+  if (certificates && !certificates->authorityPath.empty()) {
+    const auto authority = std::filesystem::absolute(certificates->authorityPath).string();
+    std::printf("authority: %s\n", certificates->authorityPath.c_str());
+    std::printf("in the application's environment: SSL_CERT_FILE=%s\n", authority.c_str());
+  } else if (certificates) {
+    for (const auto& name : certificates->missing({hosts.begin(), hosts.end()}))
+      std::printf("the certificate is not for %s: who calls it so is refused\n", name.c_str());
+    std::printf(
+        "in the application's environment, unless the system trusts it: "
+        "SSL_CERT_FILE=(the certificate of its authority)\n");
+  }
+  std::printf("in the application: SkeldaWatch::setServerURL(\"%s\");\n", url.c_str());
 }
 
 int run(const Options& options) {
@@ -76,24 +152,20 @@ int run(const Options& options) {
   signal(SIGPIPE, SIG_IGN);
   skelda::platform::Log::setSink({});  // the reader of frames would tell what it does
 
-  const auto [address, wantedPort] = addressAndPort(options.listen);
+  auto address = ListenAddress::parse(options.listen);
   std::vector<Fault> faults;
   for (const auto& text : options.faults) faults.push_back(Fault::parse(text));
   FaultSequence sequence(std::move(faults));
+  auto names = namesOf(options, address);
+  const auto certificates = certificatesFor(options, names);
+  const int listener = address.open();
   LogStore store(options.store);
-  std::optional<Certificates> certificates;
-  if (!options.plain)
-    certificates = Certificates::prepare(options.tlsFolder, address, options.certificate);
-
-  CollectorServer server({{options.apiKeys.begin(), options.apiKeys.end()}, options.maxBytes},
+  names.insert({"localhost", "127.0.0.1", "::1"});
+  CollectorServer server({.apiKeys = {options.apiKeys.begin(), options.apiKeys.end()},
+                          .maxBytes = options.maxBytes,
+                          .page = {options.page, !options.plain, names}},
                          store, sequence, certificates ? &*certificates : nullptr);
-  const int port = server.bind(address, wantedPort);
-  if (port < 0)
-    throw std::system_error(errno, std::generic_category(), "cannot listen on " + options.listen);
-  const std::string host = address.find(':') == std::string::npos ? address : "[" + address + "]";
-  std::printf("listening on %s://%s:%d/v1/skd.do\n", options.plain ? "http" : "https", host.c_str(),
-              port);
-  if (certificates) std::printf("authority: %s\n", certificates->authorityPath.c_str());
+  printAddresses(options, address, certificates);
   std::fflush(stdout);
 
   std::jthread ender([&server, &ends] {
@@ -101,7 +173,7 @@ int run(const Options& options) {
     sigwait(&ends, &signal);
     server.stop();
   });
-  const bool served = server.serve();
+  const bool served = server.serve(listener);
   if (!served) pthread_kill(ender.native_handle(), SIGTERM);
   ender.join();
   std::printf("stopped\n");
