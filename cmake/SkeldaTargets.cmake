@@ -95,8 +95,8 @@ function(skelda_test name folder)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS}
     GTest::gtest GTest::gmock GTest::gtest_main)
-  if(SKELDA_SANITIZE)
-    # The sanitizers watch the library; optimising the tests as well would double the build.
+  if(SKELDA_SANITIZE OR CMAKE_CROSSCOMPILING)
+    # It is the library that is watched; optimising the tests as well would double the build.
     target_compile_options(${name} PRIVATE -O0)
   endif()
   add_test(NAME ${name} COMMAND ${name})

@@ -26,15 +26,19 @@ Replay::Clock::duration Replay::due(std::uint64_t index) const {
   } else if (options_.speed > 0) {
     const auto pass = static_cast<double>(index / recording_.events.size());
     const Seconds whole = recording_.events.back().at;
-    at = (pass * whole + recording_.events[index % recording_.events.size()].at) / options_.speed;
+    at = (pass * whole + eventAt(index).at) / options_.speed;
   }
   return std::chrono::duration_cast<Clock::duration>(at);
+}
+
+const Recording::Event& Replay::eventAt(std::uint64_t index) const {
+  return recording_.events[static_cast<std::size_t>(index % recording_.events.size())];
 }
 
 void Replay::work() {
   for (auto index = next_.fetch_add(1); index < options_.events; index = next_.fetch_add(1)) {
     std::this_thread::sleep_until(began_ + due(index));
-    const auto& event = recording_.events[index % recording_.events.size()];
+    const auto& event = eventAt(index);
     const bool accepted = SkeldaWatch::logWatchEvent(event.name, event.parameters) == 1;
     (accepted ? accepted_ : refused_).fetch_add(1);
   }

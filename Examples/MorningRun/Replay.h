@@ -31,6 +31,8 @@ class Replay {
  private:
   void work();
   Clock::duration due(std::uint64_t index) const;
+  /// The recording is gone through again and again.
+  const Recording::Event& eventAt(std::uint64_t index) const;
 
   const Recording& recording_;
   const Options options_;

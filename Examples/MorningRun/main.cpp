@@ -1,6 +1,7 @@
 // Morning Run: the extension of a watch application that replays a recorded run through the agent.
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -78,7 +79,7 @@ int run(const Options& options) {
   std::fflush(stdout);
 
   using namespace std::chrono_literals;
-  const auto atMost = std::chrono::milliseconds(static_cast<long>(options.linger * 1000));
+  const auto atMost = std::chrono::milliseconds(static_cast<std::int64_t>(options.linger * 1000));
   const bool rested = options.linger <= 0 || QuietFolder(storageFolder()).wait(1s, atMost);
   std::printf("files on disk: %s\naccepted: %llu\nrefused: %llu\n",
               options.linger <= 0 ? "not waited for"

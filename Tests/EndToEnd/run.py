@@ -104,9 +104,12 @@ def main():
     parser.add_argument("--results")
     parser.add_argument("--label", default="end to end", help="what the outcomes are listed under")
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--emulator", help="the command that runs the programs of another processor")
     parser.add_argument("names", nargs="*")
     arguments = parser.parse_args()
     os.environ["SKELDA_BUILD"] = str(pathlib.Path(arguments.build).resolve())
+    if arguments.emulator:
+        os.environ["SKELDA_EMULATOR"] = arguments.emulator
     if arguments.jobs > 1 and not arguments.names:
         good = run_beside(arguments.jobs, arguments.results)
     else:

@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import plistlib
+import shlex
 import shutil
 import signal
 import subprocess
@@ -27,6 +28,8 @@ KEEPING_EXAMPLE = HOSTS / "MorningRun.app/PlugIns/MorningRunExtension.appex"
 FRAMES_TOOL = BUILD / "Tools/skelda-frames/skelda-frames"
 COLLECTOR = BUILD / "Tools/skelda-collector/skelda-collector"
 PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
+# What stands before a program of the build where that is for another processor.
+EMULATOR = shlex.split(os.environ.get("SKELDA_EMULATOR", ""))
 
 # A port on which nobody listens: what is committed ends as blocks, as it does off line.
 NOWHERE = "https://127.0.0.1:9/v1/skd.do"
@@ -168,7 +171,8 @@ class Process:
     """A child with its output collected. Leaving the block ends it, whatever its state."""
 
     def __init__(self, command, **popen):
-        self.command = [str(part) for part in command]
+        emulator = EMULATOR if isinstance(command[0], pathlib.Path) else []
+        self.command = [str(part) for part in [*emulator, *command]]
         self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                       stderr=subprocess.STDOUT, **popen)
         self.lines = []

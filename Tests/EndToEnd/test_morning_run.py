@@ -6,7 +6,7 @@ import unittest
 
 import account
 import frame_log
-from support import (EXAMPLE, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
+from support import (EMULATOR, EXAMPLE, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
                      give_identifiers)
 
 THRESHOLD = 25
@@ -70,9 +70,9 @@ class MorningRun(unittest.TestCase):
 
     def check_reader_of_the_tree(self, collector):
         """skelda-frames and the reading of these tests see the same."""
-        verified = subprocess.run([FRAMES_TOOL, "--verify", collector.store], capture_output=True, timeout=60)
+        verified = subprocess.run([*EMULATOR, FRAMES_TOOL, "--verify", collector.store], capture_output=True, timeout=60)
         self.assertEqual(0, verified.returncode, verified.stdout + verified.stderr)
-        lines = subprocess.run([FRAMES_TOOL, "--json", collector.store], capture_output=True, timeout=60)
+        lines = subprocess.run([*EMULATOR, FRAMES_TOOL, "--json", collector.store], capture_output=True, timeout=60)
         total = sum(len(frame_log.frames_of(log)) for log in collector.logs())
         self.assertEqual(total, len(lines.stdout.splitlines()))
 

@@ -23,7 +23,8 @@ struct TestAuthority::Keys {
     X509_set_version(x509, 2);
     ASN1_INTEGER_set_uint64(X509_get_serialNumber(x509), serial >> 1);
     X509_gmtime_adj(X509_getm_notBefore(x509), -48 * 3600L);
-    X509_gmtime_adj(X509_getm_notAfter(x509), std::chrono::seconds(validity).count());
+    const auto seconds = static_cast<long>(std::chrono::seconds(validity).count());
+    X509_gmtime_adj(X509_getm_notAfter(x509), seconds);
     X509_set_pubkey(x509, key.get());
     X509_NAME_add_entry_by_txt(X509_get_subject_name(x509), "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <thread>
 
@@ -50,7 +51,7 @@ short PhoneLink::waitFor(short events, Clock::time_point deadline) const {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd entry{.fd = descriptor_, .events = events, .revents = 0};
-    const int ready = ::poll(&entry, 1, static_cast<int>(std::max<long>(0, left.count())));
+    const int ready = ::poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(0, left.count())));
     if (ready > 0) return entry.revents;
     if (ready == 0 || errno != EINTR) return 0;
   }

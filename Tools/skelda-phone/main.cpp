@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -62,7 +63,7 @@ class Phone {
       : options_(std::move(options)),
         link_(options_.socket),
         deadline_(PhoneLink::Clock::now() +
-                  std::chrono::milliseconds(static_cast<long>(options_.wait * 1000))) {}
+                  std::chrono::milliseconds(static_cast<std::int64_t>(options_.wait * 1000))) {}
 
   ExitCode run() {
     if (!link_.connect(deadline_)) return noWatch();
@@ -113,7 +114,8 @@ class Phone {
     link_.hangUp();
     std::printf("away for %g s\n", options_.away);
     std::fflush(stdout);
-    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(options_.away * 1000)));
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(static_cast<std::int64_t>(options_.away * 1000)));
     return link_.connect(deadline_);
   }
 

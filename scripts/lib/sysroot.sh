@@ -7,6 +7,10 @@ packages_sysroot=(libc6-dev libstdc++6 libcurl4-openssl-dev libssl-dev libplist-
   nlohmann-json3-dev libfmt-dev uuid-dev libgtest-dev libgmock-dev libcpp-httplib-dev libcli11-dev)
 declare -A packages_cross=(
   [arm64]="g++-aarch64-linux-gnu qemu-user" [armhf]="g++-arm-linux-gnueabihf qemu-user")
+declare -A emulators=([arm64]=qemu-aarch64 [armhf]=qemu-arm)
+
+# emulator_of ARCH : the command that runs its programs, as the toolchain files have it.
+emulator_of() { printf '%s -L %s -E SKELDA_EMULATED=1' "${emulators[$1]}" "$root/build/sysroot/$1"; }
 
 # foreign_sources FOLDER : the registry's lines of this machine, of Debian alone, as apt reads them.
 foreign_sources() {
