@@ -63,7 +63,7 @@ function(_skelda_check_bundle_at_build_time target bundle)
   mark_as_advanced(SKELDA_BUNDLE_PROGRAM)
   if(SKELDA_BUNDLE_PROGRAM)
     add_custom_command(TARGET ${target} POST_BUILD VERBATIM
-      COMMAND ${SKELDA_BUNDLE_PROGRAM} check --quiet ${bundle})
+      COMMAND ${SKELDA_BUNDLE_PROGRAM} --check --quiet ${bundle})
   else()
     message(STATUS "Skelda_Watch: skelda-bundle is not installed, so builds do not check the Info.plist of ${target}")
   endif()

@@ -41,7 +41,7 @@ void ofBundle(const SkeldaSight& sight, Findings& findings) {
   if (!sight.noInformation.empty()) {
     findings.holdsUp("no-information", sight.noInformation,
                      "Put the program into a bundle, Some.app/PlugIns/Extension.appex/, beside an "
-                     "Info.plist: skelda-bundle make does it.");
+                     "Info.plist: skelda-bundle does it.");
   } else if (!sight.hasKey) {
     const auto key = SkeldaHostSettings::kAPIKey.key;
     findings.holdsUp(

@@ -1,8 +1,6 @@
 #include "Analytics/Status/SkeldaSight.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <charconv>
 #include <filesystem>
@@ -20,16 +18,12 @@
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
-#include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/FolderMaking.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using FrameType = SkeldaStreamFrameTypeUtil;
-
-std::string reasonOf(int error, const std::string& path) {
-  return platform::posixError(error, path)->localizedDescription();
-}
 
 /// The bytes of a file; nothing where there are none, or none that can be read just now.
 std::optional<std::string> bytesOf(const std::string& path) {
@@ -108,7 +102,7 @@ void lookForHolder(SkeldaSight& sight) {
 
 void lookAtStorage(SkeldaSight& sight) {
   sight.storage = SkeldaAgentFiles::storageFolderPath();
-  sight.storageProblem = skeldaWhyNotWritable(sight.storage);
+  sight.storageProblem = platform::whyNotWritable(sight.storage);
   std::error_code error;
   sight.hasStorage = fs::is_directory(sight.storage, error);
   lookForHolder(sight);
@@ -160,33 +154,6 @@ void lookAtOpenLog(SkeldaSight& sight) {
 }
 
 }  // namespace
-
-std::string skeldaWhyNotWritable(const std::string& path) {
-  // What is not there is made in the nearest folder that is.
-  std::string at = path;
-  struct ::stat status;
-  int error = 0;
-  while ((error = platform::fileError<&platform::FileCalls::statusAt>(at.c_str(), &status)) ==
-         ENOENT) {
-    if (at == "/" || at == ".") break;
-    at = platform::parentFolder(at);
-  }
-  // Above a file nothing can be found: it is named, rather than what would be below it.
-  while (error == ENOTDIR) {
-    at = platform::parentFolder(at);
-    if (platform::fileError<&platform::FileCalls::statusAt>(at.c_str(), &status) == 0) break;
-  }
-  if (error == ENOTDIR || (error == 0 && !S_ISDIR(status.st_mode))) return reasonOf(ENOTDIR, at);
-  if (error != 0) return reasonOf(error, at);
-  // As the process may write, not as its real user may.
-  if (::faccessat(AT_FDCWD, at.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return reasonOf(errno, at);
-  struct ::statvfs disk;
-  if (platform::fileError<&platform::FileCalls::fileSystemAt>(at.c_str(), &disk) == 0 &&
-      disk.f_blocks != 0 && disk.f_bavail == 0) {
-    return reasonOf(ENOSPC, at);
-  }
-  return {};
-}
 
 SkeldaSight SkeldaSight::ofFiles() {
   SkeldaSight sight;

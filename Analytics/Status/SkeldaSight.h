@@ -58,7 +58,3 @@ struct SkeldaSight {
   /// What holds events up, and what to do.
   SkeldaStatus status() const;
 };
-
-/// Why nothing can be made at `path`: what of it is in the way, and the system's reason. Empty
-/// where there is nothing in the way.
-std::string skeldaWhyNotWritable(const std::string& path);

@@ -1,5 +1,8 @@
 #include "Platform/Foundation/FolderMaking.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "Platform/Foundation/FileCalls.h"
@@ -28,6 +31,10 @@ int make(const std::string& path, std::vector<std::string>& changed) {
   return error == EEXIST && isFolder(path) ? 0 : error;
 }
 
+std::string reasonOf(int error, const std::string& path) {
+  return posixError(error, path)->localizedDescription();
+}
+
 }  // namespace
 
 bool makeFolders(const std::string& path, std::vector<std::string>& changed, ErrorRef* error) {
@@ -46,6 +53,32 @@ bool synchronizeFolders(const std::vector<std::string>& folders, ErrorRef* error
     setError(error, posixError(failure, folder));
   }
   return all;
+}
+
+std::string whyNotWritable(const std::string& path) {
+  // What is not there is made in the nearest folder that is.
+  std::string at = path;
+  struct ::stat status;
+  int error = 0;
+  while ((error = fileError<&FileCalls::statusAt>(at.c_str(), &status)) == ENOENT) {
+    if (at == "/" || at == ".") break;
+    at = parentFolder(at);
+  }
+  // Above a file nothing can be found: it is named, rather than what would be below it.
+  while (error == ENOTDIR) {
+    at = parentFolder(at);
+    if (fileError<&FileCalls::statusAt>(at.c_str(), &status) == 0) break;
+  }
+  if (error == ENOTDIR || (error == 0 && !S_ISDIR(status.st_mode))) return reasonOf(ENOTDIR, at);
+  if (error != 0) return reasonOf(error, at);
+  // As the process may write, not as its real user may.
+  if (::faccessat(AT_FDCWD, at.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return reasonOf(errno, at);
+  struct ::statvfs disk;
+  if (fileError<&FileCalls::fileSystemAt>(at.c_str(), &disk) == 0 && disk.f_blocks != 0 &&
+      disk.f_bavail == 0) {
+    return reasonOf(ENOSPC, at);
+  }
+  return {};
 }
 
 }  // namespace skelda::platform

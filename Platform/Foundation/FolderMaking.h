@@ -17,4 +17,8 @@ bool makeFolders(const std::string& path, std::vector<std::string>& changed,
 /// Puts what was made in the folders on disk for good. Waits for the disk; any thread.
 bool synchronizeFolders(const std::vector<std::string>& folders, ErrorRef* error = nullptr);
 
+/// What keeps files and folders from being made at `path`: what of it is in the way, and the
+/// system's reason. Empty where nothing is. Makes nothing; any thread.
+std::string whyNotWritable(const std::string& path);
+
 }  // namespace skelda::platform

@@ -232,6 +232,25 @@ void accountAnswer(const SkeldaURLSessionTask& task, const SkeldaHTTPURLResponse
       static_cast<std::uint64_t>(platform::Date::now().microsecondsSince1970().count());
 }
 
+/// The server is there, and will not change its mind: somebody must.
+void sayWhatToMend(const SkeldaURLSessionTask& task, std::int64_t answer) {
+  if (answer == kMalformed) {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: the server answered 400, and the log that it was sent is deleted: see why it "
+        "takes "
+        "none from this application");
+  } else if (answer == 401 || answer == 403) {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: the server answered {}: it does not take the \"{}\" of this application. What is "
+        "logged stays on disk",
+        answer, SkeldaHostSettings::kAPIKey.key);
+  } else if (answer == 404 || answer == 405) {
+    SKELDA_NOTICE_ONCE(
+        "Skelda: the server answered {}: it takes no logs at {}. What is logged stays on disk",
+        answer, task.task()->originalRequest().url);
+  }
+}
+
 }  // namespace
 
 void SkeldaDataSender::skeldaUrlRequestDidSucceed(const TaskRef& task,
@@ -273,6 +292,7 @@ void SkeldaDataSender::requestFailedComplete(const TaskRef& task, const Response
   SKELDA_LOG(2, "{}: session task response code: {}, id [{}]",
              "-[SkeldaDataSender requestFailedComplete:withResponse:]", response->statusCode(),
              task->tag());
+  sayWhatToMend(*task, response->statusCode());
   // The server will never take it.
   if (response->statusCode() == kMalformed) {
     removeStoredDataWithIdentifier(task->tag(), Fate::rejected);

@@ -41,6 +41,13 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
     dropReason_ = repeated ? SkeldaIntakeOutcome::repeated
                   : full   ? SkeldaIntakeOutcome::sessionCap
                            : SkeldaIntakeOutcome::sessionDuration;
+    if (!repeated) {
+      SKELDA_NOTICE_ONCE(
+          "Skelda: events are dropped from here on until the session ends: it has had its {} "
+          "events "
+          "or {} minutes, and ends once each record that a log must hold is there",
+          maxEventThreshold_, maxSessionDuration_);
+    }
     droppedEventsSet_.insert(event->eventId());
     return true;
   }

@@ -109,6 +109,18 @@ void waits() {
   print("stored", stored);
 }
 
+/// What the agent says of itself, before it has begun and while it runs.
+void tellsStatus() {
+  print("before", static_cast<unsigned long long>(SkeldaWatch::status().holder));
+  SkeldaWatch::logWatchEvent("said");
+  SkeldaWatch::waitUntilStored(20s);
+  const auto status = SkeldaWatch::status();
+  print("held", status.holdsUp());
+  std::string found;
+  for (const auto& finding : status.findings) found += " " + finding.code;
+  std::printf("found:%s\n", found.c_str());
+}
+
 /// On the main queue, which nobody serves meanwhile, as the first thing that the agent is asked.
 void waitsOnTheMainQueue() {
   const auto began = std::chrono::steady_clock::now();
@@ -127,6 +139,7 @@ int main(int, char** arguments) {
   if (way == "fork") forks();
   if (way == "flood") flood(static_cast<unsigned>(std::stoul(arguments[2])));
   if (way == "wait") waits();
+  if (way == "status") tellsStatus();
   if (way == "choices") {
     SkeldaCCPA::setDataSaleOptOut(true);
     SkeldaUserProperties::setValue("said", "early");

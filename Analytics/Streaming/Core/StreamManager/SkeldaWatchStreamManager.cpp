@@ -21,6 +21,7 @@
 #include "Platform/Dispatch/Once.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/FolderMaking.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Platform/Foundation/StorageReserve.h"
 #include "Platform/Security/CryptographyLifetime.h"
@@ -67,8 +68,10 @@ bool SkeldaWatchStreamManager::lockStorageFolder() {
     SKELDA_NOTICE("Skelda: process {} holds the storage folder, nothing is logged by this one",
                   lock.holder);
   } else {
-    SKELDA_NOTICE("Skelda: the storage folder cannot be locked, nothing is logged: {}",
-                  lock.error != nullptr ? lock.error->localizedDescription() : folder);
+    // What keeps the folder from being made says more than that the lock file is not in it.
+    const auto obstacle = platform::whyNotWritable(folder);
+    SKELDA_NOTICE("Skelda: {} cannot be used, nothing is logged: {}", folder,
+                  obstacle.empty() ? lock.error->localizedDescription() : obstacle);
   }
   return false;
 }
