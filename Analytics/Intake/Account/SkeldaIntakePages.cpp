@@ -17,6 +17,12 @@ constexpr std::uint64_t unitsOf(std::uint64_t kibibytes) {
   return (kibibytes << 10) / SkeldaIntakeFile::kAlignment;
 }
 
+/// Where that unit lies in a segment; at the latest at its end.
+std::size_t offsetOf(std::uint64_t unit, std::size_t segmentLength) {
+  const std::uint64_t offset = unit * SkeldaIntakeFile::kAlignment;
+  return static_cast<std::size_t>(std::min<std::uint64_t>(offset, segmentLength));
+}
+
 /// Pages are made present in steps of this, so few calls in a hundred pay for a step...
 constexpr std::uint64_t kStep = unitsOf(32);
 /// ...this long before the tail is there: other threads go on meanwhile.
@@ -57,11 +63,11 @@ void SkeldaIntakeFile::touchAhead(Place from, Place to) const noexcept {
 
 void SkeldaIntakeFile::touch(std::size_t segment, std::uint64_t begin,
                              std::uint64_t end) const noexcept {
-  const std::size_t last = std::min<std::size_t>(end * kAlignment, segmentLength_);
-  if (begin * kAlignment >= last || !canPopulate.load(std::memory_order_relaxed)) return;
+  const std::size_t first = offsetOf(begin, segmentLength_);
+  const std::size_t last = offsetOf(end, segmentLength_);
+  if (first >= last || !canPopulate.load(std::memory_order_relaxed)) return;
   const int before = errno;
-  char* const place = this->segment(segment) + begin * kAlignment;
-  if (::madvise(place, last - begin * kAlignment, kPopulate) != 0 && errno == EINVAL) {
+  if (::madvise(this->segment(segment) + first, last - first, kPopulate) != 0 && errno == EINVAL) {
     canPopulate.store(false, std::memory_order_relaxed);
   }
   errno = before;
@@ -70,9 +76,9 @@ void SkeldaIntakeFile::touch(std::size_t segment, std::uint64_t begin,
 /// What is in them stays: they are only no longer counted as this process's memory.
 void SkeldaIntakeFile::forget(std::size_t segment, std::uint64_t begin,
                               std::uint64_t end) const noexcept {
-  const std::size_t last = std::min<std::size_t>(end * kAlignment, segmentLength_);
-  if (begin * kAlignment >= last) return;
-  ::madvise(this->segment(segment) + begin * kAlignment, last - begin * kAlignment, MADV_DONTNEED);
+  const std::size_t first = offsetOf(begin, segmentLength_);
+  const std::size_t last = offsetOf(end, segmentLength_);
+  if (first < last) ::madvise(this->segment(segment) + first, last - first, MADV_DONTNEED);
 }
 
 void SkeldaIntakeFile::forgetSettled(Place place, std::uint64_t units) const noexcept {
@@ -92,6 +98,5 @@ void SkeldaIntakeFile::returnToBegin(Place from) const noexcept {
 /// What a start is about to look through comes from the disk in large pieces.
 void SkeldaIntakeFile::readAhead(std::size_t segment, std::uint64_t end) const noexcept {
   if (end == 0) return;
-  ::madvise(this->segment(segment), std::min<std::size_t>(end * kAlignment, segmentLength_),
-            MADV_WILLNEED);
+  ::madvise(this->segment(segment), offsetOf(end, segmentLength_), MADV_WILLNEED);
 }
