@@ -54,35 +54,52 @@ bool FolderWatcher::add(int descriptor, const std::shared_ptr<FolderListener>& l
   const int own = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (own < 0) return false;
   const MutexLock lock(mutex_);
-  const WatchId watch =
-      inotify_add_watch(inotify, linkOf(own).c_str(), kEntryEvents | kSelfEvents | kHow);
-  if (watch >= 0) ++users_[watch];
-  const WatchId parent = watch >= 0 ? watchParentOf(own) : kNoWatch;
-  // A parent that cannot be looked into can be done without, one that there is no watch for cannot.
-  if (watch < 0 || (parent < 0 && (errno == ENOSPC || errno == ENOMEM))) {
-    const int error = errno;
-    dropWatch(watch);
-    close(own);
-    errno = error;
-    return false;
+  Folder folder{listener.get(), listener, own, kNoWatch, kNoWatch};
+  int error = 0;
+  try {
+    folders_.reserve(folders_.size() + 1);
+    folder.folder = addWatch(linkOf(own), kEntryEvents | kSelfEvents);
+    error = errno;
+    // A parent that cannot be looked into can be done without, one that there is no watch for
+    // cannot.
+    if (folder.folder >= 0) error = watchParentOf(folder);
+  } catch (const std::bad_alloc&) {
+    error = ENOMEM;
   }
-  folders_.push_back({listener.get(), listener, own, watch, parent});
-  return true;
+  if (folder.folder >= 0 && error != ENOSPC && error != ENOMEM) {
+    folders_.push_back(std::move(folder));
+    return true;
+  }
+  dropWatch(folder.folder);
+  close(own);
+  errno = error;
+  return false;
+}
+
+FolderWatcher::WatchId FolderWatcher::addWatch(const std::string& path, std::uint32_t events) {
+  const WatchId watch = inotify_add_watch(inotify_.get(), path.c_str(), events | kHow);
+  if (watch < 0) return watch;
+  try {
+    ++users_[watch];
+  } catch (const std::bad_alloc&) {
+    inotify_rm_watch(inotify_.get(), watch);  // nobody has it: else it were counted
+    throw;
+  }
+  return watch;
 }
 
 /// A folder that is removed while a descriptor keeps it says nothing itself, but its parent does.
-FolderWatcher::WatchId FolderWatcher::watchParentOf(int descriptor) noexcept {
+/// Answers why there is no watch, or 0.
+int FolderWatcher::watchParentOf(Folder& folder) {
   std::array<char, PATH_MAX> path;
-  errno = 0;
-  const ssize_t length = readlink(linkOf(descriptor).c_str(), path.data(), path.size());
-  if (length <= 0 || static_cast<std::size_t>(length) >= path.size()) return kNoWatch;
+  const ssize_t length = readlink(linkOf(folder.descriptor).c_str(), path.data(), path.size());
+  if (length <= 0 || static_cast<std::size_t>(length) >= path.size()) return ENAMETOOLONG;
   const std::string_view whole(path.data(), static_cast<std::size_t>(length));
   const std::size_t slash = whole.rfind('/');
-  if (slash == std::string_view::npos || whole.size() == 1) return kNoWatch;
-  const std::string parent(whole.substr(0, std::max<std::size_t>(slash, 1)));
-  const WatchId watch = inotify_add_watch(inotify_.get(), parent.c_str(), IN_DELETE | kHow);
-  if (watch >= 0) ++users_[watch];
-  return watch;
+  if (slash == std::string_view::npos || whole.size() == 1) return ENOENT;
+  folder.parent =
+      addWatch(std::string(whole.substr(0, std::max<std::size_t>(slash, 1))), IN_DELETE);
+  return folder.parent < 0 ? errno : 0;
 }
 
 void FolderWatcher::remove(const FolderListener& listener) noexcept {

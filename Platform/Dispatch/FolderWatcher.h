@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Platform/Base/Mutex.h"
@@ -47,7 +48,8 @@ class FolderWatcher {
   void take(WatchId watch, std::uint32_t mask) noexcept REQUIRES(mutex_);
   bool tellOne();
   void dropWatch(WatchId watch) noexcept REQUIRES(mutex_);
-  WatchId watchParentOf(int descriptor) noexcept REQUIRES(mutex_);
+  WatchId addWatch(const std::string& path, std::uint32_t events) REQUIRES(mutex_);
+  int watchParentOf(Folder& folder) REQUIRES(mutex_);
 
   // Nothing to make up for when it comes late: nobody has a watch before.
   EventLoop::Source inotify_{&FolderWatcher::make, &FolderWatcher::readEvents, [](void*) {}, this};

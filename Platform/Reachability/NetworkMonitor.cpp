@@ -1,4 +1,5 @@
 #include "Platform/Reachability/NetworkMonitor.h"
+#include "Platform/Base/ArmOnce.h"
 
 #include <net/if.h>
 #include <net/if_arp.h>
@@ -144,14 +145,15 @@ void NetworkMonitor::onqueue_look() {
 }
 
 void NetworkMonitor::onqueue_lookLater() {
-  if (std::exchange(lookPending_, true)) return;
-  queue_->after(dispatchTimeAfter(kLookAgain), [weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (self == nullptr) return;
-    self->lookPending_ = false;
-    if (!self->running_) return;
-    if (self->socket_ < 0) return self->onqueue_start();
-    self->onqueue_look();
+  armOnce(lookPending_, [this] {
+    queue_->after(dispatchTimeAfter(kLookAgain), [weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (self == nullptr) return;
+      self->lookPending_ = false;
+      if (!self->running_) return;
+      if (self->socket_ < 0) return self->onqueue_start();
+      self->onqueue_look();
+    });
   });
 }
 

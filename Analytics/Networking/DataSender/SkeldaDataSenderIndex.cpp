@@ -11,6 +11,7 @@
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/ArmOnce.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -249,14 +250,15 @@ void SkeldaDataSenderIndex::onqueue_saveSoon() {
   SKELDA_ON_RAW_QUEUE(indexMapQueue_);
   savePending_ = true;
   // One timer at a time: a burst is written as often as the delay allows, not once a change.
-  if (std::exchange(saveTimed_, true)) return;
-  saveQueue_->after(platform::dispatchTimeAfter(kSaveDelay),
-                    skelda::guarded([weak = weak_from_this()] {
-                      const auto self = weak.lock();
-                      if (self == nullptr) return;
-                      self->indexMapQueue_->sync([&] { self->saveTimed_ = false; });
-                      self->onsavequeue_writePending();
-                    }));
+  platform::armOnce(saveTimed_, [this] {
+    saveQueue_->after(platform::dispatchTimeAfter(kSaveDelay),
+                      skelda::guarded([weak = weak_from_this()] {
+                        const auto self = weak.lock();
+                        if (self == nullptr) return;
+                        self->indexMapQueue_->sync([&] { self->saveTimed_ = false; });
+                        self->onsavequeue_writePending();
+                      }));
+  });
 }
 
 void SkeldaDataSenderIndex::setSentReportSuccessfully(bool sent) {

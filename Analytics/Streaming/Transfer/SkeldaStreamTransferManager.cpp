@@ -8,6 +8,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/ArmOnce.h"
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 
@@ -112,9 +113,11 @@ void SkeldaStreamTransferManager::didAbandonTransfer() {
 
 void SkeldaStreamTransferManager::fileMonitor(ISkeldaNodeDataProvider&,
                                               std::uint32_t didSeeChange) {
+  if (didSeeChange != kSkeldaNodeChangeWritten) return;
   // One that waits to be looked at stands for all that come meanwhile.
-  if (didSeeChange == kSkeldaNodeChangeWritten && changePosted_.exchange(true)) return;
-  post<&SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange>(didSeeChange);
+  platform::armOnce(changePosted_, [&] {
+    post<&SkeldaStreamTransferManager::onqueue_nodeDataProviderDidSeeChange>(didSeeChange);
+  });
 }
 
 SkeldaStreamTransferManager::Records SkeldaStreamTransferManager::fileUploadStatusDictionary() {

@@ -74,6 +74,8 @@ class SkeldaStreamTransferManager : public SkeldaActor,
   void onqueue_startup(const Completion& completion);
   void onqueue_nodeDataProviderDidSeeChange(std::uint32_t changeType);
   void onqueue_lookIntoFolder();
+  /// Whether it could be looked into to the end.
+  bool onqueue_takeFolderIn();
   void onqueue_lookAgainAfter(platform::RetryDelay::Duration delay);
   bool onqueue_mayPutOffLook() const;
   bool onqueue_hasRoom() const;

@@ -9,8 +9,10 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
+#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/ArmOnce.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/FileCalls.h"
 
@@ -38,36 +40,44 @@ bool SkeldaStreamTransferManager::onqueue_mayPutOffLook() const {
 
 void SkeldaStreamTransferManager::onqueue_lookIntoFolder() {
   SKELDA_ON_QUEUE();
+  if (skelda::guardedResult(false, [this] { return onqueue_takeFolderIn(); })) {
+    return listRetryDelay_.reset();
+  }
+  hasArrears_ = true;
+  // The change has been told and will not be told again.
+  onqueue_lookAgainAfter(listRetryDelay_.next());
+}
+
+bool SkeldaStreamTransferManager::onqueue_takeFolderIn() {
+  SKELDA_ON_QUEUE();
   constexpr std::string_view kMethod =
       "-[SkeldaStreamTransferManager onqueue_nodeDataProviderDidSeeChange:]";
-  if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return;
+  if (!SkeldaUtil::assert_(!filePath_.empty(), kMethod)) return true;
   platform::ErrorRef error;
   auto names = fileManager_->fileNamesAtPath(filePath_, &error);
   if (!names || error != nullptr) {
     SKELDA_LOG(1, "{}: unable to retrieve contents at file path = {}, error = {}", kMethod,
                filePath_, platform::description(error));
-    SkeldaUtil::assert_(false, kMethod);
-    hasArrears_ = true;
-    // The change has been told and will not be told again.
-    return onqueue_lookAgainAfter(listRetryDelay_.next());
+    return SkeldaUtil::assert_(false, kMethod);
   }
-  listRetryDelay_.reset();
   goneSinceLook_ = 0;
   if (hasArrears_) std::sort(names->begin(), names->end(), isOrderedBefore);
   onqueue_removeFromDictionaryFilesNotInFolder(*names);
   onqueue_addToStatusDictionaryNewFilesFromFolder(*names);
   onqueue_processFiles();
+  return true;
 }
 
 void SkeldaStreamTransferManager::onqueue_lookAgainAfter(platform::RetryDelay::Duration delay) {
   SKELDA_ON_QUEUE();
-  if (std::exchange(lookAgainPending_, true)) return;  // one look at a time
-  asyncBlock(
-      [self = selfOf(this)] {
-        self->lookAgainPending_ = false;
-        self->onqueue_lookIntoFolder();
-      },
-      std::int64_t{delay.count()});
+  platform::armOnce(lookAgainPending_, [&] {
+    asyncBlock(
+        [self = selfOf(this)] {
+          self->lookAgainPending_ = false;
+          self->onqueue_lookIntoFolder();
+        },
+        std::int64_t{delay.count()});
+  });
 }
 
 void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolder(

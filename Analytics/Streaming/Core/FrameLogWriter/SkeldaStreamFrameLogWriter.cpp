@@ -20,6 +20,7 @@
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/ArmOnce.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
@@ -341,8 +342,9 @@ void SkeldaStreamFrameLogWriter::onqueue_writeOwed() {
 
 void SkeldaStreamFrameLogWriter::onqueue_payLater() {
   SKELDA_ON_QUEUE();
-  if (std::exchange(willPay_, true)) return;
-  asyncBlock([this] { onqueue_payNow(); }, std::int64_t{retryDelay_.next().count()});
+  platform::armOnce(willPay_, [this] {
+    asyncBlock([this] { onqueue_payNow(); }, std::int64_t{retryDelay_.next().count()});
+  });
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_payNow() {

@@ -12,12 +12,16 @@ class SkeldaModuleKey {
   static SkeldaModuleKey forProtocol(std::string_view name) { return SkeldaModuleKey(name); }
   /// Of a type that has kProtocolName or kClassName.
   template <class T>
-  static SkeldaModuleKey of() {
+  static constexpr std::string_view nameOf() noexcept {
     if constexpr (requires { T::kClassName; }) {
-      return forClass(T::kClassName);
+      return T::kClassName;
     } else {
-      return forProtocol(T::kProtocolName);
+      return T::kProtocolName;
     }
+  }
+  template <class T>
+  static SkeldaModuleKey of() {
+    return SkeldaModuleKey(nameOf<T>());
   }
   const std::string& text() const noexcept { return text_; }
 

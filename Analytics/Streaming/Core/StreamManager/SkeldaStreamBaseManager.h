@@ -34,7 +34,7 @@ class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStream
   /// the manager's queue.
   template <class T>
   std::shared_ptr<T> module() noexcept {
-    return std::dynamic_pointer_cast<T>(moduleIfPresent(SkeldaModuleKey::of<T>().text()));
+    return std::dynamic_pointer_cast<T>(moduleIfPresent(SkeldaModuleKey::nameOf<T>()));
   }
   platform::ObjectRef moduleIfPresent(std::string_view key) noexcept;
 
