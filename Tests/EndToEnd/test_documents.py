@@ -69,9 +69,14 @@ class ManPages(unittest.TestCase):
     def test_every_tool_has_a_page_with_the_options_that_it_takes_and_no_other(self):
         tools = {path.name: path for path in (BUILD / "Tools").glob("skelda-*/skelda-*") if path.is_file()}
         pages = {path.stem: path for path in (ROOT / "docs/man").glob("*.1")}
-        self.assertEqual(set(pages), {path.parent.name for path in (ROOT / "Tools").glob("skelda-*/main.cpp")})
+        # Those that are always built; others are for who maintains a server, and say what they take.
+        installed = re.search(r"foreach\(tool (.*?)\)", (ROOT / "Tools/CMakeLists.txt").read_text())[1].split()
+        self.assertLessEqual(set(installed) - {"Shared"}, set(pages))
+        self.assertLessEqual(set(pages), {path.parent.name for path in (ROOT / "Tools").glob("skelda-*/main.cpp")})
         self.assertTrue(tools)
         for name, tool in tools.items():
+            if name not in pages and name not in installed:
+                continue
             with self.subTest(name):
                 page = pages[name].read_text()
                 told = subprocess.run([tool, "--help"], capture_output=True, text=True, timeout=20).stdout
