@@ -1,7 +1,6 @@
 #include "Platform/Foundation/FileManager.h"
 
-#include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -10,6 +9,7 @@
 #include <thread>
 
 #include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/FolderMaking.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -20,6 +20,8 @@ namespace {
 using platform::Data;
 using platform::ErrorRef;
 using platform::FileManager;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 const std::string kOld = "old content";
 const std::string kNew(300'000, 'n');
@@ -185,28 +187,15 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
   plan->failKind("read", 1, {.error = EINTR, .times = 2});
   EXPECT_TRUE(manager_.writeData(Data(kNew), source_, true));
   EXPECT_EQ(manager_.contentsAtPath(source_), Data(kNew));
+  // Bytes that the kernel cannot copy, on a disk that is full.
+  plan->failKind("copyRange", 1, {.error = EXDEV});
+  plan->failKind("write", 1, {.error = ENOSPC});
+  EXPECT_FALSE(manager_.copyItemAtPath(source_, committed_ + "/full"));
+  EXPECT_FALSE(manager_.fileExistsAtPath(committed_ + "/full"));
   plan->failKind("read", 1, {.error = EIO});
   ErrorRef error;
   EXPECT_EQ(manager_.contentsAtPath(source_, &error), std::nullopt);
   EXPECT_EQ(error->code(), EIO);
-}
-
-TEST_F(FileManagerTest, AFullDiskLeavesTheOldFileAndNoCopy) {
-  const std::string archive = storage_ + "/archive";
-  writeFile(archive, kOld);
-  // The limit on a file's size stands in for the disk's end, in a child so that nothing else
-  // meets it.
-  ChildProcess limited([&] {
-    const struct ::rlimit limit { 100'000, 100'000 };
-    ::signal(SIGXFSZ, SIG_IGN);
-    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
-    const bool copied = manager_.copyItemAtPath(source_, destination_);
-    return copied || manager_.writeData(Data(kNew), archive, true) ? 1 : 0;
-  });
-  EXPECT_EQ(limited.wait(), 0);
-  EXPECT_EQ(readFile(archive), kOld);
-  EXPECT_FALSE(manager_.fileExistsAtPath(destination_));
-  EXPECT_FALSE(hasTemporaries());
 }
 
 TEST_F(FileManagerTest, FoldersAndFilesAreThePrivateOnesOfTheirOwner) {
@@ -255,6 +244,34 @@ TEST_F(FileManagerTest, BackupExclusionIsAnAttributeOfTheFile) {
   EXPECT_FALSE(manager_.excludeFromBackup(storage_ + "/absent"));
   EXPECT_GT(manager_.attributesOfFileSystemForPath(storage_)->size, 0u);
   EXPECT_EQ(manager_.attributesOfFileSystemForPath(storage_ + "/absent"), std::nullopt);
+}
+
+TEST(FolderMaking, MakesWhatIsMissingWithoutWaitingAndSynchronisesItWhenAsked) {
+  const TemporaryDirectory root;
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  std::vector<std::string> changed;
+  EXPECT_TRUE(platform::makeFolders(root / "a/b/c", changed));
+  EXPECT_TRUE(std::filesystem::is_directory(root / "a/b/c"));
+  EXPECT_EQ(std::filesystem::status(root / "a").permissions(), std::filesystem::perms::owner_all);
+  EXPECT_THAT(changed, ElementsAre(root.path(), root / "a", root / "a/b"));
+  EXPECT_EQ(plan->calls("sync"), 0u);
+  std::vector<std::string> again;
+  EXPECT_TRUE(platform::makeFolders(root / "a/b/c", again));
+  EXPECT_THAT(again, IsEmpty());
+
+  platform::ErrorRef error;
+  EXPECT_TRUE(platform::synchronizeFolders(changed, &error));
+  EXPECT_EQ(plan->calls("sync"), 3u);
+  EXPECT_EQ(error, nullptr);
+  changed.insert(changed.begin(), root / "gone");
+  EXPECT_FALSE(platform::synchronizeFolders(changed, &error));
+  EXPECT_EQ(error->code(), ENOENT);
+  EXPECT_EQ(plan->calls("sync"), 6u) << "one that fails does not stop the others";
+
+  writeFile(root / "file", "in the way");
+  EXPECT_FALSE(platform::makeFolders(root / "file/a", again, &error));
+  EXPECT_EQ(error->code(), ENOTDIR);
 }
 
 TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {

@@ -7,16 +7,22 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/JSONWriter.h"
+#include "Platform/Foundation/KeyedArchive.h"
+#include "Platform/Foundation/TextCoding.h"
 #include "Platform/Platform.h"
 
 namespace {
 
 using nlohmann::ordered_json;
 using platform::Array;
+using platform::base64Decoded;
+using platform::base64Encoded;
 using platform::Dictionary;
 using platform::jsonText;
+using platform::KeyedArchive;
 using platform::readJSON;
 using platform::Value;
 
@@ -33,7 +39,7 @@ struct Pair {
 class RandomPairs {
  public:
   Pair next(int depth = 0) {
-    switch (number(depth < 4 ? 8 : 6)) {
+    switch (number(depth < 4 ? 10 : 8)) {
       case 0:
         return {nullptr, nullptr};
       case 1:
@@ -50,6 +56,14 @@ class RandomPairs {
         return {Value(bytes), ordered_json(bytes)};
       }
       case 6: {
+        const std::string bytes = text();
+        return {platform::Data(bytes), base64Encoded(bytes)};
+      }
+      case 7: {
+        const auto microseconds = std::bit_cast<std::int64_t>(random_()) >> number(63);
+        return {platform::Date(platform::Date::Microseconds(microseconds)), microseconds / 1000};
+      }
+      case 8: {
         Pair pair{Array(), ordered_json::array()};
         for (std::uint64_t i = number(6); i > 0; --i) {
           Pair element = next(depth + 1);
@@ -71,7 +85,7 @@ class RandomPairs {
     }
   }
 
-  /// Plain, escaped, multi-byte and broken pieces, mixed.
+  /// Plain, escaped, multi-byte and broken pieces and random bytes, mixed.
   std::string text() {
     static const std::string kPieces[] = {"lap",          "\"",
                                           "\\",           "/",
@@ -82,7 +96,15 @@ class RandomPairs {
                                           "\xC0\xAF",     "\xFF",
                                           "\xE2\x98",     "0123456789abcdef"};
     std::string result;
-    for (std::uint64_t i = number(8); i > 0; --i) result += kPieces[number(std::size(kPieces))];
+    for (std::uint64_t i = number(8); i > 0; --i) {
+      const std::uint64_t bytes = random_();
+      const auto which = number(std::size(kPieces) + 4);
+      if (which < std::size(kPieces)) {
+        result += kPieces[which];
+      } else {
+        result.append(reinterpret_cast<const char*>(&bytes), sizeof bytes);
+      }
+    }
     return result;
   }
 
@@ -110,15 +132,6 @@ TEST(JSONTest, WritesRandomValuesAsTheLibraryDoesByteForByteAndReadsThemBack) {
       // Texts that were not UTF-8 have become so on the way.
       ASSERT_EQ(jsonText(*again, pretty), text);
     }
-  }
-}
-
-TEST(JSONWriterTest, WritesRandomBytesAsTheLibraryReplacesThem) {
-  RandomPairs pairs;
-  for (int i = 0; i < 4000; ++i) {
-    const std::array<std::uint64_t, 3> words{pairs.bits(), pairs.bits(), pairs.bits()};
-    const std::string bytes(reinterpret_cast<const char*>(words.data()), sizeof words);
-    ASSERT_EQ(jsonText(bytes), dumped(bytes));
   }
 }
 
@@ -156,14 +169,6 @@ TEST(JSONWriterTest, WritesRealNumbersInTheShortestTextThatReadsBack) {
     EXPECT_EQ(jsonText(number), ordered_json(number).dump());
   for (const float number : {0.1F, 1e5F, 1e6F, 999999.0F, 16777216.0F, 1e-5F})
     EXPECT_EQ(jsonText(number), FloatJSON(number).dump());
-}
-
-TEST(JSONWriterTest, WritesBytesAsBase64AndDatesAsMilliseconds) {
-  using Microseconds = platform::Date::Microseconds;
-  const Value value =
-      Array{platform::Data("lap", 3), platform::Date(Microseconds(1714566600123999)),
-            platform::Date(Microseconds(-1999))};
-  EXPECT_EQ(jsonText(value), R"(["bGFw",1714566600123,-1])");
 }
 
 TEST(JSONReaderTest, TakesTheKindFromTheText) {
@@ -214,6 +219,136 @@ TEST(JSONReaderTest, HoldsToItsLimits) {
   EXPECT_TRUE(readJSON("[1,222]", nullptr, limits));
   EXPECT_FALSE(readJSON("[1,2222]", nullptr, limits));
   EXPECT_FALSE(readJSON("[1,2,3]", nullptr, limits));
+}
+
+std::string archived(const Value& root) {
+  return platform::archivedData({"NSDictionary", root}).string();
+}
+
+TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  const Value cases[] = {
+      nullptr,
+      Array{true, -5, std::numeric_limits<std::int64_t>::min(), 5U,
+            std::numeric_limits<std::uint64_t>::max()},
+      Array{3.0, -0.0, 0.1, 5e-324, std::numeric_limits<double>::max(), -infinity},
+      std::numeric_limits<double>::quiet_NaN(),
+      Array{0.1F, 0x1.5c87fap-84F, std::numeric_limits<float>::max(), static_cast<float>(infinity)},
+      Array{"text \"\n\xC3\xA5", "not UTF-8: \xFF", std::string("nul \0 inside", 12)},
+      Array{platform::Data("\0\xFF", 2), platform::Data(), Array(), Dictionary()},
+      Array{platform::Date(platform::Date::Microseconds(-1)), platform::Date::distantFuture()},
+      {{"b", 1}, {"a", {{"c", 2.5F}}}},
+      {{"$data", "looks like a tag"}},
+      {{"$dict", {{"$dict", 1}}}},
+      {{"$data", 1}, {"and", 2}},
+      {{"\xFF", {{"\xFE", 1U}}}, {"$x", "\xFD"}},
+  };
+  for (const Value& value : cases) {
+    const KeyedArchive again = platform::unarchivedObject(platform::archivedData({"Class", value}));
+    EXPECT_EQ(again.className, "Class");
+    EXPECT_EQ(again.root.kind(), value.kind()) << value.description();
+    // The text tells kinds apart at every depth, where equality does not.
+    EXPECT_EQ(archived(again.root), archived(value));
+    EXPECT_EQ(again.root, value) << value.description();
+  }
+}
+
+TEST(KeyedArchiveTest, IsAReadableText) {
+  EXPECT_EQ(archived({{"at", platform::Date(platform::Date::Microseconds(12))},
+                      {"bytes", platform::Data("lap", 3)},
+                      {"n", 1}}),
+            R"({"archive":"skelda","version":1,"class":"NSDictionary","root":)"
+            R"({"at":{"$date":12},"bytes":{"$data":"bGFw"},"n":1}})");
+}
+
+TEST(KeyedArchiveTest, RefusesWhatIsNotAnArchive) {
+  const auto with = [](std::string_view root) {
+    return R"({"archive":"skelda","version":1,"class":"C","root":)" + std::string(root) + "}";
+  };
+  const auto expectRefused = [](const std::string& text) {
+    try {
+      platform::unarchivedObject(platform::Data(text));
+      ADD_FAILURE() << "was taken: " << text;
+    } catch (const platform::Exception& exception) {
+      EXPECT_EQ(exception.name(), "NSInvalidUnarchiveOperationException");
+    }
+  };
+  ASSERT_NO_THROW(platform::unarchivedObject(platform::Data(with("{}"))));
+  for (const char* text : {"", "{}", "[]", R"({"archive":"skelda","version":1,"class":"C"})",
+                           R"({"archive":"other","version":1,"class":"C","root":{}})",
+                           R"({"archive":"skelda","version":2,"class":"C","root":{}})",
+                           R"({"archive":"skelda","version":1,"class":1,"root":{}})"})
+    expectRefused(text);
+  for (const char* root :
+       {R"({"$unknown":1})", R"({"$data":"not base64"})", R"({"$data":1})", R"({"$date":1.5})",
+        R"({"$uint":-1})", R"({"$float":1e300})", R"({"$float":"one"})", R"({"$real":{}})",
+        R"({"$dict":[]})", R"({"$pairs":["odd"]})", R"({"$pairs":[1,2]})"})
+    expectRefused(with(root));
+  expectRefused(with("{}").substr(0, 50));
+  expectRefused(with("{}") + "x");
+  expectRefused(with(std::string(1000, '[') + std::string(1000, ']')));
+}
+
+TEST(KeyedArchiveTest, WritesNothingThatItWouldNotRead) {
+  Value deep = 1;
+  for (int i = 0; i < 250; ++i) deep = Array{std::move(deep)};
+  EXPECT_EQ(platform::unarchivedObject(platform::archivedData({"C", deep})).root, deep);
+  for (int i = 0; i < 10; ++i) deep = Array{std::move(deep)};
+  EXPECT_THROW(platform::archivedData({"C", deep}), platform::Exception);
+  EXPECT_THROW(platform::archivedData({"\xFF", 1}), platform::Exception);
+}
+
+TEST(Base64Test, AgreesWithThePublishedVectors) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"},
+      {"\xFB\xEF\xFF", "++//"},
+  };
+  for (const auto& [bytes, text] : cases) {
+    EXPECT_EQ(base64Encoded(bytes), text);
+    ASSERT_TRUE(base64Decoded(text)) << text;
+    EXPECT_EQ(base64Decoded(text)->view(), bytes);
+  }
+}
+
+TEST(Base64Test, RefusesWhatNoEncoderWrites) {
+  for (const std::string_view text : {"Z", "Zg", "Zg=", "Zm9v\n", "Zm9\n", "Zm9vZg==Zm9v", "====",
+                                      "=Zg=", "Z===", "Zh==", "Zm9=", "Zm-_", "Zm 9", "Zg=v"})
+    EXPECT_FALSE(base64Decoded(text)) << text;
+}
+
+TEST(UTF8Test, TellsWellFormedTextFromTheRest) {
+  // Wherever it stands in a text.
+  const auto around = [](std::string_view bytes) {
+    return "12345" + std::string(bytes) + "6789abcdef";
+  };
+  for (const std::string_view text : {"", "\xC2\x80", "\xE0\xA0\x80", "\xED\x9F\xBF",
+                                      "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+    EXPECT_TRUE(platform::isValidUTF8(text)) << testing::PrintToString(text);
+    EXPECT_TRUE(platform::isValidUTF8(around(text))) << testing::PrintToString(text);
+  }
+  const std::string_view broken[] = {"\x80", "\xFF", "\xC3", "\xF0\x9F\x8F", "\xE2\x98\xC3\xA5",
+                                     // over-long
+                                     "\xC1\xBF", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF",
+                                     // surrogates
+                                     "\xED\xA0\x80", "\xED\xBF\xBF",
+                                     // past the last code point
+                                     "\xF4\x90\x80\x80"};
+  for (const std::string_view text : broken) {
+    EXPECT_FALSE(platform::isValidUTF8(text)) << testing::PrintToString(text);
+    EXPECT_FALSE(platform::isValidUTF8(around(text))) << testing::PrintToString(text);
+  }
+}
+
+TEST(StableHashTest, IsFNV1aForEver) {
+  EXPECT_EQ(platform::stableHash(""), 0xCBF29CE484222325U);
+  EXPECT_EQ(platform::stableHash("a"), 0xAF63DC4C8601EC8CU);
+  EXPECT_EQ(platform::stableHash("foobar"), 0x85944171F73967E8U);
 }
 
 }  // namespace

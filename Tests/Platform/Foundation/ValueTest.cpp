@@ -72,6 +72,10 @@ TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
     std::uint64_t unsignedInteger;
     double real;
   } cases[] = {
+      {true, 1, 1, 1},
+      {-5, -5, 0, -5},
+      {0.0F, 0, 0, 0},
+      {0.1, 0, 0, 0.1},
       {kUnsignedMax, kSignedMax, kUnsignedMax, 18446744073709551616.0},
       {-2.9, -2, 0, -2.9},
       {1e300, kSignedMax, kUnsignedMax, 1e300},
@@ -89,16 +93,11 @@ TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
     EXPECT_EQ(value.integerValue(), integer) << value.description();
     EXPECT_EQ(value.unsignedValue(), unsignedInteger) << value.description();
     EXPECT_EQ(value.doubleValue(), real) << value.description();
+    EXPECT_EQ(value.boolValue(), value.isNumber() && real != 0) << value.description();
   }
+  EXPECT_TRUE(Value(kNaN).boolValue());
   EXPECT_EQ(Value(kNaN).integerValue(), 0);
   EXPECT_EQ(Value(kNaN).unsignedValue(), 0U);
-}
-
-TEST(ValueTest, IsTrueOnlyForNumbersThatAreNotZero) {
-  for (const Value& value : {Value(true), Value(-1), Value(0.1), Value(kNaN)})
-    EXPECT_TRUE(value.boolValue()) << value.description();
-  for (const Value& value : {Value(false), Value(0U), Value(0.0F), Value("1"), Value()})
-    EXPECT_FALSE(value.boolValue()) << value.description();
 }
 
 TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {

@@ -1,15 +1,40 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include <atomic>
+#include <cerrno>
+#include <thread>
 
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
+#include "Platform/WatchConnectivity/WCSocketTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/LogCapture.h"
+#include "Tests/Support/TemporaryDirectory.h"
+#include "Tools/skelda-phone/PhoneLink.h"
 
+// accept4() as the program sees it: refused for want of descriptors while the test says so.
+namespace {
+std::atomic<bool> refuseToAccept{false};
+std::atomic<int> refusals{0};
+}  // namespace
+extern "C" int __real_accept4(int, sockaddr*, socklen_t*, int);
+extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
+  if (!refuseToAccept) return __real_accept4(listener, address, length, flags);
+  ++refusals;
+  errno = EMFILE;
+  return -1;
+}
+
+using namespace std::chrono_literals;
 using platform::Dictionary;
 using platform::WCDefaultSession;
+using platform::WCPacket;
 using platform::WCPairTransport;
+using testing::Contains;
 using testing::ElementsAre;
 
 namespace {
@@ -89,6 +114,166 @@ TEST_F(WCSessionTest, BytesThatAreNoPacketCostThePeerItsLink) {
   phoneEnd_->send(platform::Data(std::string("garbage")));
   EXPECT_EQ(atWatch_->wait(3).back(), "peer went");
   EXPECT_FALSE(watch_->sendMessage({{"a", 1}}));
+}
+
+class WCSocketTransportTest : public testing::Test {
+ protected:
+  WCSocketTransportTest() {
+    session_ = open(path());
+    session_->setDelegate(delegate_);
+    session_->activateSession();
+    delegate_->wait(1);
+  }
+
+  static std::shared_ptr<platform::WCDefaultSession> open(const std::string& path) {
+    return platform::WCDefaultSession::make(platform::WCSocketTransport::make(path));
+  }
+  std::string path() const { return folder_ / "watch.sock"; }
+  static PhoneLink::Clock::time_point soon() { return PhoneLink::Clock::now() + 10s; }
+
+  skelda::testing::TemporaryDirectory folder_;
+  std::shared_ptr<platform::WCDefaultSession> session_;
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+};
+
+TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
+  struct stat status {};
+  ASSERT_EQ(::stat(path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  PhoneLink phone(path());
+  ASSERT_TRUE(phone.connect(soon()));
+  ASSERT_TRUE(phone.send({WCPacket::Kind::userInfo, 5, {{"skelda://id1", "v"}}}, 1ms));
+  const auto answer = phone.receive(soon());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->kind, WCPacket::Kind::received);
+  EXPECT_EQ(answer->identifier, 5u);
+  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"skelda://id1":"v"})"));
+  session_->transferUserInfo({{"skelda://id3", "YES"}});
+  EXPECT_EQ(phone.receive(soon())->content, (platform::Dictionary{{"skelda://id3", "YES"}}));
+}
+
+TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
+  const auto whole = platform::WCPacketFraming::framed(
+      WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
+  std::vector<std::string> attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced",
+                                   std::string(4, '\0'), std::string(4, '\xff'),
+                                   std::string("\x05\x00\x00\x00", 4) + "trash"};
+  for (std::size_t cut = 0; cut < whole->length(); ++cut)
+    attacks.push_back(whole->string().substr(0, cut));
+  std::size_t heard = delegate_->heard().size();
+  for (const auto& attack : attacks) {
+    PhoneLink hostile(path());
+    ASSERT_TRUE(hostile.connect(soon()));
+    hostile.sendBytes(attack);
+    const bool understood =
+        attack.size() < 4 || attack.substr(4) == whole->string().substr(4, attack.size() - 4);
+    EXPECT_TRUE(understood || !hostile.receive(soon())) << "the watch hangs up";
+    hostile.hangUp();
+    EXPECT_EQ(delegate_->wait(heard += 2).back(), "peer went");
+  }
+  PhoneLink phone(path());
+  ASSERT_TRUE(phone.connect(soon()));
+  phone.send({WCPacket::Kind::userInfo, 9, {{"after", "all"}}});
+  const auto answer = phone.receive(soon());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->identifier, 9u);
+  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"after":"all"})"));
+  EXPECT_THAT(delegate_->heard(), testing::Not(Contains(R"(info {"k":"v"})")));
+}
+
+TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
+  const auto outcomeOf = [](const std::string& socket) {
+    const auto session = open(socket);
+    const auto delegate = std::make_shared<RecordingDelegate>();
+    session->setDelegate(delegate);
+    session->activateSession();
+    return delegate->wait(1);
+  };
+  {
+    const skelda::testing::LogCapture log;
+    EXPECT_THAT(outcomeOf(path()), testing::ElementsAre("not activated"));
+    EXPECT_EQ(log.count("Address already in use"), 1u);
+  }
+
+  // A process that was killed leaves its socket behind.
+  const std::string stale = folder_ / "stale.sock";
+  skelda::testing::ChildProcess child([&] {
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    stale.copy(address.sun_path, sizeof address.sun_path - 1);
+    return ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  });
+  ASSERT_EQ(child.wait(), 0);
+  EXPECT_THAT(outcomeOf(stale), testing::ElementsAre("activated"));
+}
+
+TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRunsInCircles) {
+  refuseToAccept = true;
+  PhoneLink phone(path());
+  ASSERT_TRUE(phone.connect(soon()));
+  while (refusals == 0) std::this_thread::yield();
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(refusals, 1);
+  refuseToAccept = false;
+  phone.send({WCPacket::Kind::userInfo, 7, {{"late", "but here"}}});
+  const auto answer = phone.receive(soon());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->identifier, 7u);
+}
+
+/// Keeps the places of what it hears until it is told to give them up.
+struct SlowReceiver {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t count = 0;
+  std::vector<platform::WCTransport::Place> places;
+
+  platform::WCTransport::Receiver receiver() {
+    return {.peerDidChange = [](bool) {},
+            .didReceivePacket =
+                [this](auto&&, platform::WCTransport::Place place) {
+                  const std::lock_guard lock(mutex);
+                  ++count;
+                  places.push_back(std::move(place));
+                  changed.notify_all();
+                }};
+  }
+  std::size_t waitFor(std::size_t wanted, std::chrono::milliseconds limit = 10s) {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, limit, [&] { return count >= wanted; });
+    return count;
+  }
+  void giveUp() {
+    std::vector<platform::WCTransport::Place> gone;
+    const std::lock_guard lock(mutex);
+    places.swap(gone);
+  }
+};
+
+TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMeanwhile) {
+  struct Case {
+    std::size_t packets, length, atMost;
+  };
+  for (const auto& [packets, length, atMost] : {Case{300, 100, 64}, Case{12, 300 << 10, 4}}) {
+    skelda::testing::TemporaryDirectory folder;
+    SlowReceiver slow;
+    const auto transport = platform::WCSocketTransport::make(folder / "watch.sock");
+    ASSERT_TRUE(transport->open(slow.receiver(), nullptr));
+    std::thread sender([&, count = packets, size = length] {
+      PhoneLink phone(folder / "watch.sock");
+      ASSERT_TRUE(phone.connect(PhoneLink::Clock::now() + 10s));
+      const auto frame = platform::WCPacketFraming::framed(platform::Data(std::string(size, 'x')));
+      for (std::size_t i = 0; i < count; ++i) phone.sendBytes(frame->view());
+      slow.waitFor(count);
+    });
+    EXPECT_EQ(slow.waitFor(atMost), atMost);
+    EXPECT_EQ(slow.waitFor(atMost + 1, 50ms), atMost);
+    for (std::size_t heard = atMost; heard < packets; heard = slow.waitFor(heard + 1))
+      slow.giveUp();
+    sender.join();
+    EXPECT_EQ(slow.waitFor(packets), packets) << "all of them, in the end";
+  }
 }
 
 }  // namespace
