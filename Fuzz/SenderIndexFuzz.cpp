@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
       static_cast<void>(block->description());
     }
   }
-  const Map again = read(platform::archivedData(SkeldaDataSenderIndex::archiveOf(map, true)));
+  const Map again = read(SkeldaDataSenderIndex::archivedDataOf(map, true));
   require(again.size() == map.size());
   for (const auto& [key, blocks] : map) {
     const auto& others = again.at(key);

@@ -92,6 +92,8 @@ class SkeldaUtil {
   /// Replaces the file atomically. A dictionary is archived under the class name "NSDictionary".
   static bool archiveObject(const platform::Value& object, const std::string& path) noexcept;
   static bool archiveObject(const platform::KeyedArchive& object, const std::string& path) noexcept;
+  /// An archive that is a text already.
+  static bool storeArchive(const platform::Data& archive, const std::string& path) noexcept;
   static bool archiveDictionary(const platform::Value& dictionary,
                                 const std::string& path) noexcept;
   static bool _archiveObject(const platform::KeyedArchive& object,

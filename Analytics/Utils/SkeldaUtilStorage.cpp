@@ -147,10 +147,14 @@ bool SkeldaUtil::archiveDictionary(const platform::Value& dictionary,
 
 bool SkeldaUtil::_archiveObject(const platform::KeyedArchive& object,
                                 const std::string& path) noexcept {
+  return skelda::guardedResult(false,
+                               [&] { return storeArchive(platform::archivedData(object), path); });
+}
+
+bool SkeldaUtil::storeArchive(const platform::Data& archive, const std::string& path) noexcept {
   constexpr std::string_view kMethod = "+[SkeldaUtil _archiveObject:toPath:]";
   return skelda::guardedResult(false, [&] {
-    const bool saved =
-        FileManager::defaultManager()->writeData(platform::archivedData(object), path, true);
+    const bool saved = FileManager::defaultManager()->writeData(archive, path, true);
     if (saved) {
       SKELDA_LOG(2, "{}: map saved to disk at path[{}]", kMethod, path);
     } else {

@@ -26,6 +26,9 @@ bool rest();
 Json callCost(unsigned threads, std::uint64_t callsPerThread);
 /// The first call, which builds everything: milliseconds.
 Json firstCall();
+/// So many calls in a loop: how many were answered 1, how many the account says were accepted, and
+/// the memory that they added at most.
+Json flood(std::uint64_t events);
 /// Frames made durable per second by the whole pipeline, and user CPU per event. The logs go to
 /// `keepSent`, so that bareLoop() can write the same.
 Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent);

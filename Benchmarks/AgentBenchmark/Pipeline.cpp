@@ -23,6 +23,15 @@ double userSeconds(int who) {
          static_cast<double>(usage.ru_utime.tv_usec) / 1e6;
 }
 
+/// How often the agent's threads have given the processor up: all threads but the calling one.
+std::int64_t voluntarySwitches() {
+  rusage all{};
+  rusage own{};
+  ::getrusage(RUSAGE_SELF, &all);
+  ::getrusage(RUSAGE_THREAD, &own);
+  return all.ru_nvcsw - own.ru_nvcsw;
+}
+
 /// When the open log was last written to: the moment the pipeline had caught up.
 double lastWritten() {
   struct stat status {};
@@ -43,6 +52,7 @@ Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent) {
   logEvent(0);
   rest();
   const double userBefore = userSeconds(RUSAGE_SELF);
+  const auto switchesBefore = voluntarySwitches();
   const double began = wallClock();
   burst(events);
   const double called = wallClock();
@@ -55,6 +65,7 @@ Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent) {
           {"seconds", lastWritten() - began},
           {"calling_seconds", called - began},
           {"user_us_per_event", used * 1e6 / static_cast<double>(events)},
+          {"voluntary_switches", voluntarySwitches() - switchesBefore},
           {"rested", rested}};
 }
 

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
   call->add_option("--threads", threads);
   call->add_option("--events", events);
   add("first", [] { return measure::firstCall(); });
+  add("flood", [&] { return measure::flood(events); })->add_option("--events", events);
   auto* pipeline = add("pipeline", [&] { return measure::pipeline(events, folder); });
   pipeline->add_option("--events", events);
   pipeline->add_option("--keep-sent", folder);

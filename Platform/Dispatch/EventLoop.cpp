@@ -15,18 +15,17 @@
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/RetryDelay.h"
 #include "Platform/Base/Thread.h"
+#include "Platform/Dispatch/TimeParts.h"
 #include "Platform/Dispatch/WorkerPool.h"
 
 namespace skelda::platform {
 
 namespace {
 
-constexpr long kTickNanoseconds = 1'000'000;
-
 /// Has epoll tell of the descriptor by `context`.
-bool addTo(int epoll, int descriptor, void* context) noexcept {
+bool addTo(int epoll, int descriptor, void* context, std::uint32_t events = EPOLLIN) noexcept {
   epoll_event event{};
-  event.events = EPOLLIN;
+  event.events = events;
   event.data.ptr = context;
   return epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
@@ -69,7 +68,8 @@ bool EventLoop::stand() noexcept {
     tick_ = aboveStandardDescriptors(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
   }
   if (epoll_ < 0 || tick_ < 0) return false;
-  if (!tickIsWatched_) tickIsWatched_ = addTo(epoll_, tick_, nullptr);
+  // Each tick is told once without being read.
+  if (!tickIsWatched_) tickIsWatched_ = addTo(epoll_, tick_, nullptr, EPOLLIN | EPOLLET);
   if (!tickIsWatched_ || !startThread("skelda-events", &EventLoop::run, this)) return false;
   stands_.store(true, std::memory_order_release);
   return true;
@@ -80,32 +80,26 @@ bool EventLoop::obtain() noexcept {
     const MutexLock lock(mutex_);
     if (!stand()) return false;
   }
-  if (tickIsOn_.load()) arm(true);
+  if (const auto after = tickAfter_.load(); after.count() != 0) arm(after);
   return true;
 }
 
-void EventLoop::setPoolTick(bool on) noexcept {
-  tickIsOn_.store(on);
-  if (stands_.load(std::memory_order_acquire)) return arm(on);
-  if (on && !obtain()) askAgain();
+void EventLoop::setPoolTick(std::chrono::nanoseconds after) noexcept {
+  tickAfter_.store(after);
+  if (stands_.load(std::memory_order_acquire)) return arm(after);
+  if (after.count() != 0 && !obtain()) askAgain();
 }
 
 bool EventLoop::keepAsking() noexcept {
   if (!stands_.load(std::memory_order_acquire) && !obtain()) return false;
-  if (!asks_.load()) arm(true);
+  if (!asks_.load()) arm(std::chrono::milliseconds(1));
   return true;
 }
 
-void EventLoop::arm(bool on) const noexcept {
+void EventLoop::arm(std::chrono::nanoseconds after) const noexcept {
   itimerspec when{};
-  when.it_value.tv_nsec = on ? kTickNanoseconds : 0;
+  when.it_value = timespecOf(after.count());
   timerfd_settime(tick_, 0, &when, nullptr);
-}
-
-void EventLoop::takeTick() const noexcept {
-  std::uint64_t expirations = 0;
-  if (read(tick_, &expirations, sizeof expirations) < 0) return;
-  WorkerPool::shared().tick();
 }
 
 void EventLoop::run(void* self) {
@@ -137,7 +131,7 @@ void EventLoop::run() {
     for (int i = 0; i < count; ++i) {
       auto* const source = static_cast<Source*>(events[static_cast<std::size_t>(i)].data.ptr);
       if (source == nullptr) {
-        takeTick();
+        WorkerPool::shared().tick();
       } else {
         tell(*source);
       }

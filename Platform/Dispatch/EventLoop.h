@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/Wanted.h"
@@ -39,8 +40,8 @@ class EventLoop final : public Wanted {
 
   static EventLoop& shared();
 
-  /// Calls WorkerPool::tick() once, in a millisecond; or does not, after all.
-  void setPoolTick(bool on) noexcept;
+  /// Calls WorkerPool::tick() once, so much later; zero: does not, after all.
+  void setPoolTick(std::chrono::nanoseconds after) noexcept;
   /// Has the thread ask for what is wanted; false where there is no thread.
   bool keepAsking() noexcept;
 
@@ -51,8 +52,7 @@ class EventLoop final : public Wanted {
   bool obtain() noexcept override;
   bool watch(Source& source) noexcept;
   bool stand() noexcept REQUIRES(mutex_);
-  void arm(bool on) const noexcept;
-  void takeTick() const noexcept;
+  void arm(std::chrono::nanoseconds after) const noexcept;
 
   Mutex mutex_;
   // Both stay what they are once the thread stands.
@@ -60,7 +60,7 @@ class EventLoop final : public Wanted {
   int tick_ = -1;
   bool tickIsWatched_ GUARDED_BY(mutex_) = false;
   std::atomic<bool> stands_{false};
-  std::atomic<bool> tickIsOn_{false};
+  std::atomic<std::chrono::nanoseconds> tickAfter_{};
   std::atomic<bool> asks_{false};  // wakes up by itself, to ask for what is wanted
 };
 

@@ -25,6 +25,9 @@ constexpr std::uint32_t kInjectedEvery = 8;  // turns between looks at the share
 constexpr std::uint32_t kLowestEvery = 64;   // takings between those of the lowest priority
 constexpr std::uint32_t kStuckTicks = 5;     // without progress, before a worker is added
 constexpr std::uint32_t kMostExtra = 64;
+constexpr std::chrono::milliseconds kTick{1};
+constexpr std::chrono::milliseconds kTickWhileAllMoves{4};
+constexpr std::uint32_t kMovingTicks = 4;  // before they come less often
 constexpr int kPollsBeforeSleep = 12;
 constexpr int kPausesPerPoll = 8;
 constexpr std::chrono::seconds kLinger{2};
@@ -130,7 +133,7 @@ Work* WorkerPool::takeInjected() noexcept {
 void WorkerPool::armTick() noexcept {
   if (tickArmed_.load(std::memory_order_seq_cst)) return;
   const MutexLock lock(tickMutex_);
-  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(true);
+  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(kTick);
 }
 
 /// Called when the last one goes to sleep: a tick would wake the event thread for nothing.
@@ -138,7 +141,7 @@ void WorkerPool::disarmTick() noexcept {
   if (!tickArmed_.load(std::memory_order_relaxed)) return;
   {
     const MutexLock lock(tickMutex_);
-    if (tickArmed_.exchange(false)) EventLoop::shared().setPoolTick(false);
+    if (tickArmed_.exchange(false)) EventLoop::shared().setPoolTick({});
   }
   // One who was waiting and is back may have submitted something just before.
   if (anythingWaits()) armTick();
@@ -405,10 +408,13 @@ void WorkerPool::tick() noexcept {
   if (waiting != Waiting::nothing) {
     hurry();
     if (waiting == Waiting::lyingStill) helpOut();
+    movingTicks_ = waiting == Waiting::moving ? movingTicks_ + 1 : 0;
+    const auto after = movingTicks_ > kMovingTicks ? kTickWhileAllMoves : kTick;
     const MutexLock lock(tickMutex_);
-    if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(true);
+    if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(after);
     return;
   }
+  movingTicks_ = 0;
   {
     const MutexLock lock(tickMutex_);
     tickArmed_.store(false, std::memory_order_seq_cst);

@@ -17,8 +17,9 @@ namespace skelda::platform {
 /// worker is woken when the shared list gets work and nobody is looking for some, when a worker's
 /// list backs up, and when a worker says that it blocks. What none of these sees (a block that sits
 /// in a system call) is seen by a tick: while a worker's list holds anything, the event thread
-/// looks in every millisecond, lets somebody take what has lain still, asks for the end of long
-/// turns, and adds a worker when none gets on.
+/// looks in every millisecond, and after a while of nothing but progress every fourth, lets
+/// somebody take what has lain still, asks for the end of long turns, and adds a worker when none
+/// gets on.
 ///
 /// At most as many workers run as there are processors, not counting those that wait for others.
 /// Idle ones sleep; all but one of them go after a while.
@@ -105,6 +106,7 @@ class WorkerPool final : public Wanted {
   // The tick's own.
   std::uint64_t progressBefore_ = 0;
   std::uint32_t stuckTicks_ = 0;
+  std::uint32_t movingTicks_ = 0;
 };
 
 }  // namespace skelda::platform

@@ -1,5 +1,6 @@
 #include "Platform/Foundation/FileCalls.h"
 
+#include <dirent.h>
 #include <stdio.h>
 #include <sys/file.h>
 #include <sys/xattr.h>
@@ -86,12 +87,8 @@ int FileCalls::makeDirectory(const char* path, ::mode_t mode) {
 int FileCalls::removeDirectory(const char* path) {
   return ::rmdir(path);
 }
-::DIR* FileCalls::openEntries(int fd) {
-  return ::fdopendir(fd);
-}
-::dirent* FileCalls::nextEntry(::DIR* entries) {
-  errno = 0;
-  return ::readdir(entries);
+::ssize_t FileCalls::entries(int fd, void* room, std::size_t length) {
+  return ::getdents64(fd, room, length);
 }
 int FileCalls::lock(int fd, int operation) {
   return ::flock(fd, operation);

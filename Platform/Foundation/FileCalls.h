@@ -1,6 +1,5 @@
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -46,10 +45,8 @@ class FileCalls {
   virtual int unlink(const char* path);
   virtual int makeDirectory(const char* path, ::mode_t mode);
   virtual int removeDirectory(const char* path);
-  /// The stream owns the descriptor then.
-  virtual ::DIR* openEntries(int fd);
-  /// Null, and errno or 0, at the end.
-  virtual ::dirent* nextEntry(::DIR* entries);
+  /// The next entries of a folder, as many as the room takes, each a dirent64; 0 at the end.
+  virtual ::ssize_t entries(int fd, void* room, std::size_t length);
   virtual int lock(int fd, int operation);
   virtual int setAttribute(const char* path, const char* name, const void* value,
                            std::size_t length);

@@ -14,7 +14,7 @@ namespace skelda::platform {
 namespace {
 
 /// Files that do not tell their size are read in steps of this, and copies move so much at a time.
-constexpr std::size_t kReadStep = std::size_t{16} << 10;
+constexpr std::size_t kReadStep = std::size_t{4} << 10;
 constexpr std::size_t kCopyStep = std::size_t{1} << 30;
 
 /// Whether the kernel says that it cannot copy between these two files, not that a copy failed.
@@ -73,33 +73,43 @@ int FileDescriptor::write(std::string_view bytes, ::off_t offset) const {
 }
 
 int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) const {
-  while (length > 0) {
-    struct ::stat now;
-    if (const int error = status(now)) return error;
-    const auto rest = static_cast<std::uint64_t>(std::max<::off_t>(now.st_size - offset, 0));
-    // One byte more than the file says it has finds its end without another round.
-    const std::uint64_t wanted = rest == 0 ? kReadStep : rest + 1;
-    const auto step = static_cast<std::size_t>(std::min<std::uint64_t>(length, wanted));
-    const std::size_t begin = out.size();
-    // A file may be longer than what 32 bits can hold at once.
-    if (step > out.max_size() - begin) return EFBIG;
-    out.resize(begin + step);
-    std::size_t got = 0;
-    while (got < step) {
-      const ::ssize_t n = fileCall<&FileCalls::read>(fd_, out.data() + begin + got, step - got,
-                                                     offset + static_cast<::off_t>(got));
-      if (n < 0) {
-        const int error = errno;
-        out.resize(begin);
-        return error;
-      }
-      if (n == 0) break;
-      got += static_cast<std::size_t>(n);
+  if (length == 0) return 0;
+  struct ::stat now;
+  if (const int error = status(now)) return error;
+  if (now.st_size <= offset) return readToEnd(out, length, offset);
+  const auto rest = static_cast<std::size_t>(
+      std::min<std::uint64_t>(length, static_cast<std::uint64_t>(now.st_size - offset)));
+  const std::size_t begin = out.size();
+  // A file may be longer than what 32 bits can hold at once.
+  if (rest > out.max_size() - begin) return EFBIG;
+  out.resize(begin + rest);
+  std::size_t got = 0;
+  while (got < rest) {
+    const ::ssize_t n = fileCall<&FileCalls::read>(fd_, out.data() + begin + got, rest - got,
+                                                   offset + static_cast<::off_t>(got));
+    const int error = n < 0 ? errno : 0;
+    if (n <= 0) {
+      out.resize(error == 0 ? begin + got : begin);
+      return error;
     }
-    out.resize(begin + got);
-    if (got < step) return 0;
-    length -= got;
-    offset += static_cast<::off_t>(got);
+    got += static_cast<std::size_t>(n);
+  }
+  return 0;
+}
+
+/// Of a file that does not tell its size, or grows.
+int FileDescriptor::readToEnd(std::string& out, std::size_t length, ::off_t offset) const {
+  const std::size_t begin = out.size();
+  char step[kReadStep];
+  while (length > 0) {
+    const ::ssize_t n =
+        fileCall<&FileCalls::read>(fd_, step, std::min(length, sizeof step), offset);
+    const int error = n < 0 ? errno : 0;
+    if (error != 0) out.resize(begin);
+    if (n <= 0) return error;
+    out.append(step, static_cast<std::size_t>(n));
+    length -= static_cast<std::size_t>(n);
+    offset += n;
   }
   return 0;
 }
@@ -107,9 +117,12 @@ int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) c
 int FileDescriptor::copyFrom(const FileDescriptor& from) const {
   ::off_t fromOffset = 0;
   ::off_t toOffset = 0;
+  struct ::stat now;
+  if (const int error = from.status(now)) return error;
   while (true) {
     const ::ssize_t copied =
         fileCall<&FileCalls::copyRange>(from.fd_, &fromOffset, fd_, &toOffset, kCopyStep);
+    if (copied > 0 && fromOffset == now.st_size) return 0;
     if (copied > 0) continue;
     if (copied == 0) break;
     if (!cannotCopyRange(errno)) return errno;

@@ -40,10 +40,10 @@ class FileDescriptor {
 
   /// All of the bytes.
   int write(std::string_view bytes, ::off_t offset) const;
-  /// Appends at most `length` bytes to `out`, fewer only where the file ends.
+  /// Appends at most `length` bytes to `out`, fewer only where the file ends or ended at the call.
   int read(std::string& out, std::size_t length, ::off_t offset) const;
-  /// Everything that `from` holds, from its begin, to this file's begin: shared extents or a copy
-  /// inside the kernel where there is one.
+  /// Everything that `from` holds at the call, from its begin, to this file's begin: shared extents
+  /// or a copy inside the kernel where there is one.
   int copyFrom(const FileDescriptor& from) const;
   int status(struct ::stat& status) const;
   int truncate(::off_t length) const;
@@ -52,6 +52,8 @@ class FileDescriptor {
   int lock(int operation) const;
 
  private:
+  int readToEnd(std::string& out, std::size_t length, ::off_t offset) const;
+
   int fd_ = -1;
 };
 

@@ -42,12 +42,15 @@ class PosixFileHandle : public FileHandle {
 
   std::uint64_t seekToEndOfFile() override {
     offset_ = length("seek");
+    knownLength_ = offset_;
     return offset_;
   }
 
   void writeData(const Data& data) override {
     cutBack();
-    const std::uint64_t before = length("write");
+    // Mostly a seek to the end has just said it.
+    const auto known = std::exchange(knownLength_, std::nullopt);
+    const std::uint64_t before = known ? *known : length("write");
     const int error =
         withReserve([&] { return file_.write(data.view(), static_cast<::off_t>(offset_)); });
     if (error != 0) {
@@ -60,6 +63,7 @@ class PosixFileHandle : public FileHandle {
   }
 
   void truncateFileAtOffset(std::uint64_t offset) override {
+    knownLength_.reset();
     check("truncate", file_.truncate(static_cast<::off_t>(offset)));
     offset_ = offset;
   }
@@ -87,6 +91,7 @@ class PosixFileHandle : public FileHandle {
   FileDescriptor file_;
   std::string path_;
   std::uint64_t offset_ = 0;
+  std::optional<std::uint64_t> knownLength_;
   std::optional<std::uint64_t> lengthToCutBackTo_;
 };
 

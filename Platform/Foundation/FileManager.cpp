@@ -1,6 +1,8 @@
 #include "Platform/Foundation/FileManager.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,6 +32,15 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
   return code == 0;
 }
 
+/// Asked of the system once, and once more in a forked child.
+::pid_t processID() {
+  static constinit std::atomic<::pid_t> known{0};
+  static const int atFork = ::pthread_atfork(nullptr, nullptr, [] { known.store(0); });
+  if (atFork != 0) return ::getpid();
+  if (known.load(std::memory_order_relaxed) == 0) known.store(::getpid());
+  return known.load(std::memory_order_relaxed);
+}
+
 /// What the temporary names of this process begin with: a sweep passes over them. The process id
 /// tells a forked child, and the random number a later process with the same id.
 std::string ownTemporaryPrefix() {
@@ -37,21 +48,12 @@ std::string ownTemporaryPrefix() {
     std::random_device device;
     return fmt::format("{:08x}{:08x}", device(), device());
   });
-  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, *random, ::getpid());
+  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, *random, processID());
 }
 
 std::string temporaryPath(const std::string& folder) {
   static constinit std::atomic<std::uint64_t> count{0};
   return fmt::format("{}/{}{}", folder, ownTemporaryPrefix(), ++count);
-}
-
-/// 0 where both are on one file system, EXDEV where they are not.
-int compareFileSystems(const std::string& a, const std::string& b) {
-  struct ::stat first;
-  struct ::stat second;
-  if (const int error = fileError<&FileCalls::statusAt>(a.c_str(), &first)) return error;
-  if (const int error = fileError<&FileCalls::statusAt>(b.c_str(), &second)) return error;
-  return first.st_dev == second.st_dev ? 0 : EXDEV;
 }
 
 /// Moves `from` to `to`, which must not exist. File systems that have no such rename still have
@@ -73,11 +75,6 @@ int copyRegularFile(const std::string& source, const std::string& destination) {
 
   const std::string folder = parentFolder(destination);
   const std::string staging = folder + "/..";
-  struct ::stat existing;
-  error = fileError<&FileCalls::linkStatusAt>(destination.c_str(), &existing);
-  if (error != ENOENT) return error == 0 ? EEXIST : error;
-  if ((error = compareFileSystems(folder, staging)) != 0) return error;
-
   const std::string temporary = temporaryPath(staging);
   FileDescriptor to =
       FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, error);
@@ -203,21 +200,20 @@ bool FileManager::storeNewFile(const Data& data, const std::string& path, ErrorR
 std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
     const std::string& path, ErrorRef* error) const {
   int code = 0;
-  FileDescriptor folder = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY, code);
-  ::DIR* stream = folder ? FileCalls::current().openEntries(folder.get()) : nullptr;
-  if (stream == nullptr) {
-    succeeded(folder ? errno : code, path, error);
-    return std::nullopt;
-  }
-  // The stream owns the descriptor from here on.
-  static_cast<void>(folder.release());
+  const FileDescriptor folder = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY, code);
   std::vector<std::string> names;
-  while (const ::dirent* entry = FileCalls::current().nextEntry(stream)) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
-  }
-  code = errno;
-  ::closedir(stream);
+  ::ssize_t length = 0;
+  do {
+    alignas(::dirent64) char room[4096];
+    length = folder ? fileCall<&FileCalls::entries>(folder.get(), room, sizeof room) : 0;
+    if (length < 0) code = errno;
+    for (::ssize_t at = 0; at < length;) {
+      const auto& entry = *reinterpret_cast<const ::dirent64*>(room + at);
+      const std::string_view name = entry.d_name;
+      if (name != "." && name != "..") names.emplace_back(name);
+      at += entry.d_reclen;
+    }
+  } while (length > 0);
   if (!succeeded(code, path, error)) return std::nullopt;
   return names;
 }

@@ -30,39 +30,6 @@ class Archiver {
  public:
   explicit Archiver(std::string& out) : writer_(out) {}
 
-  void archive(const KeyedArchive& archive) {
-    if (!isValidUTF8(archive.className)) refuseWriting("The class name is not UTF-8.");
-    open();
-    writer_.key("archive");
-    writer_.text(kFormat);
-    writer_.key("version");
-    writer_.integer(kVersion);
-    writer_.key("class");
-    writer_.text(archive.className);
-    writer_.key("root");
-    write(archive.root);
-    close();
-  }
-
- private:
-  void open() {
-    if (++depth_ > kMaximumDepth) refuseWriting("The object is nested too deeply.");
-    writer_.beginObject();
-  }
-  void close() {
-    --depth_;
-    writer_.endObject();
-  }
-
-  /// An object of one "$" key, whose value `content` writes.
-  template <class Content>
-  void tagged(std::string_view tag, Content content) {
-    open();
-    writer_.key(tag);
-    content();
-    close();
-  }
-
   void write(const Value& value) {
     switch (value.kind()) {
       case Value::Kind::unsignedInteger:
@@ -85,6 +52,25 @@ class Archiver {
       default:
         return writer_.value(value);
     }
+  }
+
+ private:
+  void open() {
+    if (++depth_ > kMaximumDepth) refuseWriting("The object is nested too deeply.");
+    writer_.beginObject();
+  }
+  void close() {
+    --depth_;
+    writer_.endObject();
+  }
+
+  /// An object of one "$" key, whose value `content` writes.
+  template <class Content>
+  void tagged(std::string_view tag, Content content) {
+    open();
+    writer_.key(tag);
+    content();
+    close();
   }
 
   /// JSON has no word for numbers that are not finite.
@@ -151,7 +137,7 @@ class Archiver {
   }
 
   JSONWriter writer_;
-  std::size_t depth_ = 0;
+  std::size_t depth_ = 1;  // the archive's own object
 };
 
 Value restored(Value value);
@@ -245,9 +231,31 @@ Value restored(Value value) {
 }  // namespace
 
 Data archivedData(const KeyedArchive& archive) {
+  return archivedData(archive.className, archivedText(archive.root));
+}
+
+Data archivedData(std::string_view className, std::string_view rootText) {
+  if (!isValidUTF8(className)) refuseWriting("The class name is not UTF-8.");
   std::string text;
-  Archiver(text).archive(archive);
+  text.reserve(rootText.size() + 128);
+  JSONWriter writer(text);
+  writer.beginObject();
+  writer.key("archive");
+  writer.text(kFormat);
+  writer.key("version");
+  writer.integer(kVersion);
+  writer.key("class");
+  writer.text(className);
+  writer.key("root");
+  text += rootText;
+  writer.endObject();
   return Data(std::move(text));
+}
+
+std::string archivedText(const Value& value) {
+  std::string text;
+  Archiver(text).write(value);
+  return text;
 }
 
 KeyedArchive unarchivedObject(const Data& data) {

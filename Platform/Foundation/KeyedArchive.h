@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/Foundation/Data.h"
 #include "Platform/Foundation/Error.h"
@@ -22,6 +23,10 @@ struct KeyedArchive {
 /// with one "$" key: {"$data": base64}, {"$date": microseconds}, {"$float": number},
 /// {"$uint": number}; a dictionary that would look like one is wrapped as {"$dict": {...}}.
 Data archivedData(const KeyedArchive& archive);
+/// The same where the root's text is there already.
+Data archivedData(std::string_view className, std::string_view rootText);
+/// What stands for the value in an archive's text.
+std::string archivedText(const Value& value);
 
 /// Throws Exception ("NSInvalidUnarchiveOperationException") on anything that is not an archive.
 KeyedArchive unarchivedObject(const Data& data);

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "Platform/Base/NeverDestroyed.h"
+#include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FileManager.h"
 
@@ -33,7 +34,16 @@ std::optional<std::string> readSystemFile(std::string_view path, int* error) {
   int failure = 0;
   const FileDescriptor file = FileDescriptor::open(systemPath(path), O_RDONLY, failure);
   std::string text;
-  if (file) failure = file.read(text, kMaximum, 0);
+  while (file && text.size() < kMaximum) {
+    char step[4096];
+    const ::ssize_t n = fileCall<&FileCalls::read>(file.get(), step, sizeof step,
+                                                   static_cast<::off_t>(text.size()));
+    if (n < 0) failure = errno;
+    if (n <= 0) break;
+    text.append(step, static_cast<std::size_t>(n));
+    // The kernel writes such a file anew for each reader, as whole lines: that was all of it.
+    if (static_cast<std::size_t>(n) < sizeof step && text.back() == '\n') break;
+  }
   if (error != nullptr) *error = failure;
   if (failure != 0) return std::nullopt;
   return text;

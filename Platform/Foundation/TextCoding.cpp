@@ -95,8 +95,8 @@ bool isValidUTF8(std::string_view bytes) noexcept {
   return true;
 }
 
-std::uint64_t stableHash(std::string_view text) noexcept {
-  std::uint64_t hash = 0xCBF29CE484222325U;
+std::uint64_t stableHash(std::string_view text, std::uint64_t before) noexcept {
+  std::uint64_t hash = before;
   for (const char c : text) {
     hash ^= static_cast<unsigned char>(c);
     hash *= 0x100000001B3U;

@@ -17,7 +17,9 @@ std::optional<Data> base64Decoded(std::string_view text);
 /// Whether the bytes are well-formed UTF-8 (no surrogates, nothing over-long).
 bool isValidUTF8(std::string_view bytes) noexcept;
 
-/// 64-bit FNV-1a: the hash of texts that land in file names and keys. Never changes.
-std::uint64_t stableHash(std::string_view text) noexcept;
+/// 64-bit FNV-1a: the hash of texts that land in file names and keys. Never changes. `before` is
+/// the hash of what stands in front of the text.
+std::uint64_t stableHash(std::string_view text,
+                         std::uint64_t before = 0xCBF29CE484222325U) noexcept;
 
 }  // namespace skelda::platform

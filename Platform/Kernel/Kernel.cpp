@@ -24,33 +24,47 @@ std::optional<Number> leadingNumber(std::string_view text) {
   return number;
 }
 
-/// The bytes of a "Name:   123 kB" line.
-std::optional<std::uint64_t> meminfoBytes(std::string_view meminfo, std::string_view name) {
-  while (!meminfo.empty()) {
-    const std::size_t end = std::min(meminfo.find('\n'), meminfo.size() - 1);
-    const std::string_view line = meminfo.substr(0, end);
-    if (line.starts_with(name) && line.substr(name.size()).starts_with(":")) {
-      const auto kilobytes = leadingNumber<std::uint64_t>(line.substr(name.size() + 1));
-      if (kilobytes) return *kilobytes * 1024;
-      return std::nullopt;
-    }
-    meminfo.remove_prefix(end + 1);
+/// The bytes of the line "Name:   123 kB" whose begin is `lead`, a line feed and "Name:". The first
+/// line is preceded by none.
+std::optional<std::uint64_t> meminfoBytes(std::string_view meminfo, std::string_view lead) {
+  std::size_t after = lead.size() - 1;
+  if (!meminfo.starts_with(lead.substr(1))) {
+    const std::size_t at = meminfo.find(lead);
+    if (at == std::string_view::npos) return std::nullopt;
+    after = at + lead.size();
   }
-  return std::nullopt;
+  const auto kilobytes = leadingNumber<std::uint64_t>(meminfo.substr(after));
+  if (!kilobytes) return std::nullopt;
+  return *kilobytes * 1024;
 }
 
-/// The blank-separated field, counted from 1 as proc(5) does, of a thread's stat line. The name in
-/// the second field may hold anything, so counting begins after its last parenthesis.
-std::optional<std::uint64_t> statField(std::string_view stat, int number) {
+/// What a thread's stat line says of its time, in ticks.
+struct ThreadTimes {
+  std::uint64_t used = 0;  ///< by itself and by the kernel for it
+  std::uint64_t began = 0;
+};
+
+/// Fields are separated by blanks and counted from 1, as proc(5) does. The name in the second field
+/// may hold anything, so counting begins after its last parenthesis.
+std::optional<ThreadTimes> threadTimes(std::string_view stat) {
+  constexpr int kUser = 14;
+  constexpr int kSystem = 15;
+  constexpr int kBegan = 22;
   const std::size_t name = stat.rfind(')');
   if (name == std::string_view::npos) return std::nullopt;
-  stat.remove_prefix(name + 1);
-  for (int field = 3; !stat.empty(); ++field) {
-    stat.remove_prefix(std::min(stat.find_first_not_of(' '), stat.size()));
-    if (field == number) return leadingNumber<std::uint64_t>(stat);
-    stat.remove_prefix(std::min(stat.find(' '), stat.size()));
+  const char* at = stat.data() + name + 1;
+  const char* const end = stat.data() + stat.size();
+  ThreadTimes times;
+  for (int field = 3; field <= kBegan; ++field) {
+    while (at != end && *at == ' ') ++at;
+    if (field == kUser || field == kSystem || field == kBegan) {
+      std::uint64_t number = 0;
+      if (std::from_chars(at, end, number).ec != std::errc{}) return std::nullopt;
+      (field == kBegan ? times.began : times.used) += number;
+    }
+    while (at != end && *at != ' ') ++at;
   }
-  return std::nullopt;
+  return times;
 }
 
 }  // namespace
@@ -58,15 +72,15 @@ std::optional<std::uint64_t> statField(std::string_view stat, int number) {
 std::optional<VirtualMemoryStatistics> hostVirtualMemoryStatistics() {
   const auto meminfo = readSystemFile("/proc/meminfo");
   if (!meminfo) return std::nullopt;
-  const auto total = meminfoBytes(*meminfo, "MemTotal");
-  const auto free = meminfoBytes(*meminfo, "MemFree");
+  const auto total = meminfoBytes(*meminfo, "\nMemTotal:");
+  const auto free = meminfoBytes(*meminfo, "\nMemFree:");
   if (!total || !free) return std::nullopt;
   VirtualMemoryStatistics statistics;
   statistics.total = *total;
   statistics.free = *free;
-  statistics.active = meminfoBytes(*meminfo, "Active").value_or(0);
-  statistics.inactive = meminfoBytes(*meminfo, "Inactive").value_or(0);
-  for (const auto name : {"Unevictable", "SUnreclaim", "PageTables", "KernelStack"}) {
+  statistics.active = meminfoBytes(*meminfo, "\nActive:").value_or(0);
+  statistics.inactive = meminfoBytes(*meminfo, "\nInactive:").value_or(0);
+  for (const auto name : {"\nUnevictable:", "\nSUnreclaim:", "\nPageTables:", "\nKernelStack:"}) {
     statistics.wired += meminfoBytes(*meminfo, name).value_or(0);
   }
   return statistics;
@@ -84,12 +98,10 @@ std::optional<float> taskThreadsCPUUsage() {
     // A thread may have ended since the folder was read.
     const auto stat = readSystemFile("/proc/self/task/" + thread + "/stat");
     if (!stat) continue;
-    const auto user = statField(*stat, 14);
-    const auto system = statField(*stat, 15);
-    const auto began = statField(*stat, 22);
-    if (!user || !system || !began) continue;
-    const double lived = std::max(ticksNow - static_cast<double>(*began), 1.0);
-    percent += 100.0 * static_cast<double>(*user + *system) / lived;
+    const auto times = threadTimes(*stat);
+    if (!times) continue;
+    const double lived = std::max(ticksNow - static_cast<double>(times->began), 1.0);
+    percent += 100.0 * static_cast<double>(times->used) / lived;
   }
   return static_cast<float>(percent);
 }

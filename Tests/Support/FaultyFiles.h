@@ -84,8 +84,8 @@ class FaultyFileCalls : public platform::FileCalls {
   int makeDirectory(const char* path, ::mode_t mode) override {
     return fails("makeDirectory", path) ? -1 : FileCalls::makeDirectory(path, mode);
   }
-  ::DIR* openEntries(int fd) override {
-    return fails("openEntries", fd) ? nullptr : FileCalls::openEntries(fd);
+  ::ssize_t entries(int fd, void* room, std::size_t length) override {
+    return fails("entries", fd) ? -1 : FileCalls::entries(fd, room, length);
   }
   int lock(int fd, int operation) override {
     return fails("lock", fd) ? -1 : FileCalls::lock(fd, operation);

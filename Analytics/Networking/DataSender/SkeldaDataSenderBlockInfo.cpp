@@ -13,6 +13,7 @@
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileManager.h"
+#include "Platform/Foundation/KeyedArchive.h"
 
 namespace {
 
@@ -55,9 +56,17 @@ SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithCoder(
     return nullptr;
   }
   BlockRef block(new SkeldaDataSenderBlockInfo(*identifier->text(), {}));
-  block->dataSize_ = size->unsignedValue();
-  block->creationDate_ = *date->date();
+  block->isOf(size->unsignedValue(), *date->date());
   return block;
+}
+
+/// The index is written anew with each block, the texts of the others are not.
+void SkeldaDataSenderBlockInfo::isOf(std::uint64_t dataSize, platform::Date creationDate) {
+  dataSize_ = dataSize;
+  creationDate_ = creationDate;
+  archivedText_ = platform::archivedText(encoded());
+  checkedLine_ = fmt::format("{} {} {}\n", identifier_, dataSize_,
+                             creationDate_.microsecondsSince1970().count());
 }
 
 platform::Value SkeldaDataSenderBlockInfo::encoded() const {
@@ -82,10 +91,10 @@ SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithFile(
     return nullptr;
   }
   dataKey.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-  block->dataSize_ = static_cast<std::uint64_t>(status.st_size);
-  block->creationDate_ = platform::Date(std::chrono::duration_cast<platform::Date::Microseconds>(
-      std::chrono::seconds(status.st_mtim.tv_sec) +
-      std::chrono::nanoseconds(status.st_mtim.tv_nsec)));
+  block->isOf(static_cast<std::uint64_t>(status.st_size),
+              platform::Date(std::chrono::duration_cast<platform::Date::Microseconds>(
+                  std::chrono::seconds(status.st_mtim.tv_sec) +
+                  std::chrono::nanoseconds(status.st_mtim.tv_nsec))));
   return block;
 }
 
@@ -149,8 +158,7 @@ bool SkeldaDataSenderBlockInfo::setData(const platform::Data& data) {
     SKELDA_LOG(1, "Skelda: Failed store block with id [{}]", identifier_);
     return false;
   }
-  dataSize_ = data.length();
-  creationDate_ = platform::Date::now();
+  isOf(data.length(), platform::Date::now());
   return true;
 }
 

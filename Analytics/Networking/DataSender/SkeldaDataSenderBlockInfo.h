@@ -30,6 +30,10 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   /// From an archive; null for what is no block, or names a file that no block can have.
   static BlockRef blockWithCoder(const platform::Value& archived);
   platform::Value encoded() const;
+  /// The text of encoded() in an archive.
+  const std::string& archivedText() const noexcept { return archivedText_; }
+  /// What a checksum of the index covers of this block: a line.
+  const std::string& checkedLine() const noexcept { return checkedLine_; }
   /// From a block's file alone, stored when the file was. Null, and in `error`: ENODATA where the
   /// file does not say its key, ENOENT where it is gone, else what is in the way just now. On a
   /// file system without attributes the block comes with an empty key.
@@ -55,6 +59,7 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   SkeldaDataSenderBlockInfo(std::string identifier, std::string dataKey);
   std::string filePath() const;
   bool storeFile(const platform::Data& data, const std::string& path) const;
+  void isOf(std::uint64_t dataSize, platform::Date creationDate);
 
   const std::string identifier_;
   const std::string dataKey_;  // of a block that is stored here; the index knows the others'
@@ -63,4 +68,6 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   std::string groupIdentifier_ GUARDED_BY(mutex_);
   std::uint64_t dataSize_ = 0;
   platform::Date creationDate_{};
+  std::string archivedText_;
+  std::string checkedLine_;
 };

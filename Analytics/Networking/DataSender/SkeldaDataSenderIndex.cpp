@@ -18,34 +18,12 @@
 
 namespace {
 
-constexpr std::string_view kIndex = "index";
-constexpr std::string_view kSentReportSuccessfully = "SkeldaSentReportSuccessfulKey";
-constexpr std::string_view kChecksum = "checksum";
-
-bool sentReportSuccessfullyIn(const platform::KeyedArchive& archive) {
-  const auto* root = archive.root.dictionary();
-  const auto* flag = root != nullptr ? root->find(kSentReportSuccessfully) : nullptr;
-  return flag != nullptr && flag->boolValue();
-}
-
 /// How long the file may be behind removals: what a kill leaves is an entry without a file, which
 /// is dropped when its turn comes.
 constexpr std::chrono::seconds kSaveDelay{2};
 /// A write of the index that fails is made again at once: a log waits for it in a folder that holds
 /// four.
 constexpr int kWriteTries = 3;
-
-std::string checksumOf(const SkeldaDataSenderIndex::Map& map) {
-  std::string text;
-  for (const auto& [key, blocks] : map) {
-    text += fmt::format("{}\n", key);
-    for (const auto& block : blocks) {
-      text += fmt::format("{} {} {}\n", block->identifier(), block->dataSize(),
-                          block->creationDate().microsecondsSince1970().count());
-    }
-  }
-  return fmt::format("{:016x}", platform::stableHash(text));
-}
 
 void account(SkeldaDataSenderIndex::Fate fate, std::size_t blocks) noexcept {
   using Fate = SkeldaDataSenderIndex::Fate;
@@ -72,49 +50,6 @@ std::shared_ptr<SkeldaDataSenderIndex> SkeldaDataSenderIndex::instantiatedIndexW
   std::shared_ptr<SkeldaDataSenderIndex> index(new SkeldaDataSenderIndex(fileName));
   index->isReadable();
   return index;
-}
-
-// -- The archive
-
-SkeldaDataSenderIndex::Map SkeldaDataSenderIndex::blocksFromArchive(
-    const platform::KeyedArchive& archive) {
-  Map map;
-  const auto* root = archive.root.dictionary();
-  const auto* index = root != nullptr ? root->find(kIndex) : nullptr;
-  if (index == nullptr || index->dictionary() == nullptr) return map;
-  std::set<std::string> seen;
-  for (const auto& [key, entries] : *index->dictionary()) {
-    if (key.empty() || entries.array() == nullptr) continue;
-    auto& blocks = map[key];
-    for (const auto& entry : *entries.array()) {
-      auto block = SkeldaDataSenderBlockInfo::blockWithCoder(entry);
-      if (block == nullptr || !seen.insert(block->identifier()).second) continue;
-      blocks.push_back(std::move(block));
-    }
-  }
-  return map;
-}
-
-platform::KeyedArchive SkeldaDataSenderIndex::archiveOf(const Map& map,
-                                                        bool sentReportSuccessfully) {
-  platform::Dictionary index;
-  for (const auto& [key, blocks] : map) {
-    platform::Array entries;
-    entries.reserve(blocks.size());
-    for (const auto& block : blocks) entries.push_back(block->encoded());
-    index.append(key, std::move(entries));
-  }
-  return {"SkeldaDataSenderIndex",
-          {{std::string(kIndex), std::move(index)},
-           {std::string(kSentReportSuccessfully), sentReportSuccessfully},
-           {std::string(kChecksum), checksumOf(map)}}};
-}
-
-bool SkeldaDataSenderIndex::isUndamaged(const platform::KeyedArchive& archive) {
-  const auto* root = archive.root.dictionary();
-  const auto* checksum = root != nullptr ? root->find(kChecksum) : nullptr;
-  if (checksum == nullptr) return root != nullptr;
-  return checksum->text() != nullptr && *checksum->text() == checksumOf(blocksFromArchive(archive));
 }
 
 // -- Reading and writing the file
@@ -145,7 +80,7 @@ bool SkeldaDataSenderIndex::onqueue_read() {
   read_ = true;
   onqueue_settleAccount();
   if (undamaged) {
-    sentReportSuccessfully_ = sentReportSuccessfullyIn(*archive);
+    sentReportSuccessfully_ = saysSentReportSuccessfully(*archive);
     SKELDA_LOG(2, "SkeldaSender restored from index: {}", onqueue_description());
   }
   return true;
@@ -278,15 +213,15 @@ bool SkeldaDataSenderIndex::onsavequeue_write() {
   const platform::BlockingRegion disk;
   const std::string path = filePath();
   if (!SkeldaUtil::assert_(!path.empty(), "0 != thePath.length")) return false;
-  platform::KeyedArchive archive;
+  platform::Data archive;
   bool removalsPending = false;
   indexMapQueue_->sync([&] {
     removalsPending = std::exchange(savePending_, false);
-    if (onqueue_read()) archive = archiveOf(indexMap_, sentReportSuccessfully_);
+    if (onqueue_read()) archive = archivedDataOf(indexMap_, sentReportSuccessfully_);
   });
-  if (archive.className.empty()) return false;
+  if (archive.empty()) return false;
   for (int tries = 0; tries < kWriteTries; ++tries) {
-    if (SkeldaUtil::archiveObject(archive, path)) return true;
+    if (SkeldaUtil::storeArchive(archive, path)) return true;
   }
   if (removalsPending) indexMapQueue_->sync([&] { onqueue_saveSoon(); });
   return false;

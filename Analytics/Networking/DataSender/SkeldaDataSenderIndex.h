@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
@@ -70,12 +71,16 @@ class SkeldaDataSenderIndex : public platform::Object,
   void setSentReportSuccessfully(bool sent);
   const std::string& fileName() const noexcept { return fileName_; }
 
+  // -- The archive (SkeldaDataSenderIndexArchive.cpp)
+
+  static constexpr std::string_view kArchiveClass = "SkeldaDataSenderIndex";
   /// What an archive of the index holds; entries that are no blocks, or say the same twice, are
   /// left out.
   static Map blocksFromArchive(const platform::KeyedArchive& archive);
-  static platform::KeyedArchive archiveOf(const Map& map, bool sentReportSuccessfully);
+  static platform::Data archivedDataOf(const Map& map, bool sentReportSuccessfully);
   /// Whether the archive names what was put into it. One of an earlier version does not say.
   static bool isUndamaged(const platform::KeyedArchive& archive);
+  static bool saysSentReportSuccessfully(const platform::KeyedArchive& archive);
 
   // -- Fixed by the system, and not called by the agent itself
   /// As discardOutdatedBlocksForDataKey(), the oldest by creation date.

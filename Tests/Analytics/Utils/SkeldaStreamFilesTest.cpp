@@ -39,7 +39,7 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformIsReportedByTheManager) {
       {"renameNoReplace", [&] { return manager_.copyFileFrom(path_, folder); }},
       {"unlink", [&] { return manager_.removeItemAtPath(path_); }},
       {"open", [&] { return manager_.createFileAtPath(folder); }},
-      {"openEntries",
+      {"entries",
        [&] { return manager_.fileNamesAtPath(directory_.path(), &error_).has_value(); }},
   };
   for (const auto& [kind, operation] : cases) {

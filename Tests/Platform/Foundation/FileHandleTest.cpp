@@ -58,7 +58,7 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
   handle->seekToEndOfFile();
   // Three bytes go in, then the disk is full.
   plan->failKind("write", 1, {.shortLength = 3});
-  plan->failCall(3, {.error = ENOSPC});
+  plan->failCall(2, {.error = ENOSPC});
   EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
   EXPECT_EQ(plan->faults(), 2u);
   EXPECT_EQ(readFile(path_), "0123456789");

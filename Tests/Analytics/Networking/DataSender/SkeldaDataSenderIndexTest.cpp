@@ -45,6 +45,10 @@ TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
   EXPECT_EQ(texts(index), (std::vector<std::string>{"one", "three"}));
   EXPECT_EQ(blockFiles().size(), 2u);
   EXPECT_TRUE(index->sentReportSuccessfully());
+  const platform::Data written =
+      bytes(readFile(SkeldaAgentFiles::inStorageFolder(std::string(kSkeldaSenderIndexFileName))));
+  EXPECT_EQ(platform::archivedData(platform::unarchivedObject(written)), written)
+      << "put together as the archiver would";
   const auto first = index->notSentBlocksForDataKey("Data_1_261").front();
   EXPECT_EQ(first->dataSize(), 3u);
   EXPECT_TRUE(first->groupIdentifier().empty());
