@@ -12,7 +12,7 @@
 #include "Platform/Dispatch/EventLoop.h"
 #include "Platform/Dispatch/Futex.h"
 #include "Platform/Dispatch/QueueCore.h"
-#include "Platform/Dispatch/StealingRing.h"
+#include "Platform/Dispatch/Worker.h"
 
 namespace skelda::platform {
 
@@ -23,11 +23,6 @@ constexpr std::uint32_t kKeptIdle = 1;       // workers that sleep for ever inst
 constexpr std::uint32_t kBackedUp = 2;       // work in a ring above which others are called
 constexpr std::uint32_t kInjectedEvery = 8;  // turns between looks at the shared lists
 constexpr std::uint32_t kLowestEvery = 64;   // takings between those of the lowest priority
-constexpr std::uint32_t kStuckTicks = 5;     // without progress, before a worker is added
-constexpr std::uint32_t kMostExtra = 64;
-constexpr std::chrono::milliseconds kTick{1};
-constexpr std::chrono::milliseconds kTickWhileAllMoves{4};
-constexpr std::uint32_t kMovingTicks = 4;  // before they come less often
 constexpr int kPollsBeforeSleep = 12;
 constexpr int kPausesPerPoll = 8;
 constexpr std::chrono::seconds kLinger{2};
@@ -36,28 +31,6 @@ constexpr std::chrono::milliseconds kPatience{50};  // between askings for what 
 thread_local void* thisWorker __attribute__((tls_model("initial-exec"))) = nullptr;
 
 }  // namespace
-
-struct WorkerPool::Worker {
-  StealingRing ring;
-  std::atomic<std::uint32_t> woken{0};
-  std::atomic<std::uint32_t> progress{0};  // blocks run so far
-  std::atomic<bool> yield{false};          // the tick asks for the end of this turn
-  std::uint32_t turns = 0;
-  std::uint32_t blockingDepth = 0;
-  bool mayBeOneTooMany = false;
-
-  const Worker* watched = nullptr;  // whose ring held a single piece at the last poll
-  std::uint32_t watchedTaken = 0;
-
-  std::uint32_t takenBefore = 0;  // the tick's own
-
-  // Under the pool's lock.
-  bool hasThread = false;
-  bool isIdle = false;
-  Worker* nextIdle = nullptr;  // or retired
-
-  Worker* nextOfAll = nullptr;  // never changes once it is in the list
-};
 
 WorkerPool::WorkerPool()
     : limit_(std::clamp(std::thread::hardware_concurrency(), 2U, kMostRunning)) {}
@@ -128,23 +101,6 @@ Work* WorkerPool::takeInjected() noexcept {
   Work* const work = popInjected();
   mutex_.unlock();
   return work;
-}
-
-void WorkerPool::armTick() noexcept {
-  if (tickArmed_.load(std::memory_order_seq_cst)) return;
-  const MutexLock lock(tickMutex_);
-  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(kTick);
-}
-
-/// Called when the last one goes to sleep: a tick would wake the event thread for nothing.
-void WorkerPool::disarmTick() noexcept {
-  if (!tickArmed_.load(std::memory_order_relaxed)) return;
-  {
-    const MutexLock lock(tickMutex_);
-    if (tickArmed_.exchange(false)) EventLoop::shared().setPoolTick({});
-  }
-  // One who was waiting and is back may have submitted something just before.
-  if (anythingWaits()) armTick();
 }
 
 // ---- Workers come and go
@@ -399,79 +355,6 @@ void WorkerPool::endBlocking() noexcept {
   if (--me.blockingDepth > 0) return;
   blocked_.fetch_sub(1, std::memory_order_seq_cst);
   me.mayBeOneTooMany = true;
-}
-
-// ---- The tick
-
-void WorkerPool::tick() noexcept {
-  const Waiting waiting = lookAround();
-  if (waiting != Waiting::nothing) {
-    hurry();
-    if (waiting == Waiting::lyingStill) helpOut();
-    movingTicks_ = waiting == Waiting::moving ? movingTicks_ + 1 : 0;
-    const auto after = movingTicks_ > kMovingTicks ? kTickWhileAllMoves : kTick;
-    const MutexLock lock(tickMutex_);
-    if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(after);
-    return;
-  }
-  movingTicks_ = 0;
-  {
-    const MutexLock lock(tickMutex_);
-    tickArmed_.store(false, std::memory_order_seq_cst);
-  }
-  // A piece that came since then has armed the tick, or is seen here.
-  if (anythingWaits()) armTick();
-}
-
-bool WorkerPool::anythingWaits() const noexcept {
-  if (injected_.load(std::memory_order_seq_cst) > 0) return true;
-  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
-       worker = worker->nextOfAll) {
-    if (worker->ring.size() > 0) return true;
-  }
-  return false;
-}
-
-/// Lying still is what has waited since the last tick.
-WorkerPool::Waiting WorkerPool::lookAround() noexcept {
-  Waiting waiting =
-      injected_.load(std::memory_order_seq_cst) > 0 ? Waiting::lyingStill : Waiting::nothing;
-  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
-       worker = worker->nextOfAll) {
-    const std::uint32_t taken = worker->ring.taken();
-    if (worker->ring.size() > 0) {
-      waiting =
-          std::max(waiting, taken == worker->takenBefore ? Waiting::lyingStill : Waiting::moving);
-    }
-    worker->takenBefore = taken;
-  }
-  return waiting;
-}
-
-/// Asks for the end of long turns, and counts the ticks during which nobody got on.
-void WorkerPool::hurry() noexcept {
-  std::uint64_t progress = 0;
-  for (Worker* worker = all_.load(std::memory_order_acquire); worker != nullptr;
-       worker = worker->nextOfAll) {
-    worker->yield.store(true, std::memory_order_relaxed);
-    progress += worker->progress.load(std::memory_order_relaxed);
-  }
-  const bool stuck = std::exchange(progressBefore_, progress) == progress;
-  stuckTicks_ = stuck ? stuckTicks_ + 1 : 0;
-}
-
-/// Lets somebody take what lies still, one more than usual where all are stuck.
-void WorkerPool::helpOut() noexcept {
-  Called called;
-  {
-    const MutexLock lock(mutex_);
-    if (stuckTicks_ >= kStuckTicks && running() >= limit_ + extra_ && extra_ < kMostExtra) {
-      ++extra_;
-      stuckTicks_ = 0;
-    }
-    called = callSomebody();
-  }
-  wake(called);
 }
 
 }  // namespace skelda::platform

@@ -140,6 +140,7 @@ class SkeldaIntakeFile {
 
  private:
   friend class SkeldaIntakeOpening;
+  friend class SkeldaIntakeRepair;
   using Place = SkeldaIntakeLayout::Place;
   using Slot = SkeldaIntakeLayout::Record;
   struct Reservation {

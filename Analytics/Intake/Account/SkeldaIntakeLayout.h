@@ -29,6 +29,7 @@ inline constexpr std::uint32_t kFormat = 1;
 /// so that whoever compares one with what it has seen cannot be deceived by its coming back.
 class Place {
  public:
+  static constexpr std::uint64_t kFirstGeneration = SkeldaIntakeFile::kSegmentCount;
   static constexpr unsigned kOffsetBits = 24;
   static constexpr std::uint64_t kOffsetMask = (std::uint64_t{1} << kOffsetBits) - 1;
 

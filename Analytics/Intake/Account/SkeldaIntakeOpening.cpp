@@ -1,4 +1,4 @@
-// How the intake file comes to be: made, found, taken over from another version, put right.
+// How the intake file comes to be: made, found, taken over from another version.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -14,6 +14,7 @@
 
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
+#include "Analytics/Intake/Account/SkeldaIntakeRepair.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FileManager.h"
@@ -30,7 +31,6 @@ constexpr std::size_t kPageSize = 4096;
 /// What an offset can tell; and at least a page.
 constexpr std::size_t kLongestSegment =
     (Place::kOffsetMask + 1) * SkeldaIntakeFile::kAlignment - kPageSize;
-constexpr std::uint64_t kFirstGeneration = SkeldaIntakeFile::kSegmentCount;
 
 std::size_t segmentLengthFor(std::size_t capacity) {
   const std::size_t each = std::min(capacity / SkeldaIntakeFile::kSegmentCount, kLongestSegment);
@@ -114,7 +114,7 @@ class SkeldaIntakeOpening {
     }
     if (error == 0 && isMade) error = load(path_, *file_);
     if (error != 0) return error;
-    putRight(*file_);
+    SkeldaIntakeRepair(*file_, keyHash_, name_.versionField()).run();
     mergeOthers();
     return anewIfCapacityChanged();
   }
@@ -153,7 +153,7 @@ class SkeldaIntakeOpening {
     page.checksum = page.staticChecksum();
     page.keyHash.store(keyHash);
     page.version = version;
-    page.tail.store(Place(kFirstGeneration, 0).word());
+    page.tail.store(Place(Place::kFirstGeneration, 0).word());
   }
 
   static void adopt(SkeldaIntakeFile& file, void* mapping, std::size_t length) {
@@ -191,7 +191,7 @@ class SkeldaIntakeOpening {
       const auto theirs = made();
       if (!theirs || load(other, *theirs) != 0) continue;
       theirs->page_->version = {};  // its name counts
-      putRight(*theirs);
+      SkeldaIntakeRepair(*theirs, keyHash_, name_.versionField()).run();
       // First removed: counts that a kill cuts short are made good, those taken twice are not.
       if (FileCalls::current().unlink(other.c_str()) != 0) continue;
       file_->opening_.otherVersion += theirs->opening_.otherVersion;
@@ -286,7 +286,7 @@ class SkeldaIntakeOpening {
     const auto isSoundPlace = [&](std::uint64_t word, std::size_t segment) {
       const Place place(word);
       return word == 0 || (place.segment() == segment && place.units() <= units &&
-                           place.generation() >= kFirstGeneration);
+                           place.generation() >= Place::kFirstGeneration);
     };
     if (page.magic != kMagic || page.format != kFormat ||
         page.headerLength != SkeldaIntakeFile::kHeaderLength ||
@@ -312,103 +312,6 @@ class SkeldaIntakeOpening {
     if (FileCalls::current().rename(path_.c_str(), aside.c_str()) != 0) return errno;
     file_->opening_.setAside = std::move(aside);
     return 0;
-  }
-
-  // ---- Putting right
-
-  void putRight(SkeldaIntakeFile& file) {
-    const platform::MutexLock lock(file.mutex_);
-    completeIntent(*file.page_, file);
-    file.earlierRuns_ = file.page_->tail.load();
-    const Place tail(file.earlierRuns_);
-    for (std::size_t i = 0; i < SkeldaIntakeFile::kSegmentCount; ++i) {
-      const Place end = i == tail.segment() ? tail : Place(file.page_->left[i].load());
-      if (file.page_->settled[i].load() != end.word()) file.readAhead(i, end.units());
-    }
-    const std::uint64_t oldest =
-        std::max(tail.generation(), kFirstGeneration + SkeldaIntakeFile::kSegmentCount - 1) -
-        (SkeldaIntakeFile::kSegmentCount - 1);
-    std::vector<Place> waiting;
-    for (Place at = file.nextOfEarlierRuns(Place(oldest, 0)); at < tail;
-         at = file.nextOfEarlierRuns(at.plus(file.slot(at).units()))) {
-      waiting.push_back(at);
-      ++file.opening_.waiting[file.slot(at).kind() - std::size_t{1}];
-    }
-    measure(file, waiting);
-    balance(file);
-    for (const Place at : waiting) dropOrKeep(file, at);
-    if (file.page_->keyHash.load() != keyHash_) file.page_->keyHash.store(keyHash_);
-    if (file.page_->version != name_.versionField()) file.page_->version = name_.versionField();
-    const bool isEmpty = file.opening_.waiting[0] + file.opening_.waiting[1] == 0;
-    file.cursor_ =
-        isEmpty ? file.page_->tail.load() : file.nextOfEarlierRuns(Place(oldest, 0)).word();
-  }
-
-  static void completeIntent(Page& page, SkeldaIntakeFile& file) {
-    const Place place(page.intentTicket.load());
-    const std::uint64_t counter = page.intentCounter.load();
-    if (place.word() == kSkeldaNoTicket) return;
-    if (place < file.tail() && counter < 2 * kSkeldaIntakeOutcomeCount &&
-        (place.units() + unitsFor(0)) * SkeldaIntakeFile::kAlignment <= file.segmentLength_) {
-      Word& word = file.slot(place).state;
-      State state = State::of(word.load(), file.salt_);
-      if (state.generation == place.generation()) {
-        state.phase = State::settled;
-        word.store(state.word(file.salt_));
-      }
-      const auto index = static_cast<std::size_t>(counter);
-      page.account.settled[index / kSkeldaIntakeOutcomeCount][index % kSkeldaIntakeOutcomeCount]
-          .store(page.intentValue.load());
-    }
-    page.intentTicket.store(kSkeldaNoTicket);
-  }
-
-  /// All that is not a waiting record counts as settled: holes, too.
-  static void measure(SkeldaIntakeFile& file, const std::vector<Place>& waiting) {
-    Page& page = *file.page_;
-    const Place tail = file.tail();
-    for (std::size_t i = 0; i < SkeldaIntakeFile::kSegmentCount; ++i) {
-      const std::uint64_t end = i == tail.segment() ? tail.word() : page.left[i].load();
-      std::uint64_t units = 0;
-      for (const Place at : waiting) units += at.segment() == i ? file.slot(at).units() : 0;
-      page.settled[i].store(end - units);
-    }
-  }
-
-  static void balance(SkeldaIntakeFile& file) {
-    SkeldaAccountPage& account = file.page_->account;
-    for (std::size_t kind = 0; kind < 2; ++kind) {
-      std::uint64_t known = file.opening_.waiting[kind] + account.cutOff[kind].load();
-      for (const auto& settled : account.settled[kind]) known += settled.load();
-      const std::uint64_t accepted = account.accepted[kind].load();
-      const std::uint64_t missing = accepted > known ? accepted - known : 0;
-      if (accepted < known || missing > SkeldaIntakeFile::kMostCutOff) {
-        file.opening_.wasInconsistent = true;
-      }
-      if (accepted < known) account.accepted[kind].store(known);
-      account.cutOff[kind] += missing;
-      file.opening_.cutOff[kind] = missing;
-    }
-    if (file.opening_.wasInconsistent) ++account.inconsistent;
-  }
-
-  void dropOrKeep(SkeldaIntakeFile& file, Place at) REQUIRES(file.mutex_) {
-    const State state = State::of(file.slot(at).state.load(), file.salt_);
-    SkeldaIntakeFile::Opening& opening = file.opening_;
-    const std::size_t kind = file.slot(at).kind() - std::size_t{1};
-    const auto drop = [&](SkeldaIntakeOutcome outcome, std::uint64_t& count) REQUIRES(file.mutex_) {
-      if (!file.settleLocked(at, outcome)) return;
-      ++count;
-      --opening.waiting[kind];
-    };
-    if (file.page_->version != name_.versionField()) {
-      drop(SkeldaIntakeOutcome::otherVersion, opening.otherVersion);
-    } else if (file.page_->keyHash.load() != keyHash_) {
-      drop(SkeldaIntakeOutcome::otherKey, opening.otherKey);
-    } else if (state.attempts >=
-               SkeldaIntakeFile::kAttemptsBesideOthers + SkeldaIntakeFile::kAttemptsAlone) {
-      drop(SkeldaIntakeOutcome::replayedTooOften, opening.replayedTooOften);
-    }
   }
 
   /// The account goes over into the new file; where that cannot be made, the old one does.

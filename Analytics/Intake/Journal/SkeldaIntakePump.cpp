@@ -216,6 +216,12 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
   auto* const v = call.values.data();
   const auto event = [&](auto feed) { return onqueue_turnTo(sources_.events, feed); };
   const auto property = [&](auto feed) { return onqueue_turnTo(sources_.userProperties, feed); };
+  using OfTwo =
+      void (ISkeldaUserPropertiesSource::*)(platform::Value, platform::Value, SkeldaIntakeOrigin);
+  const auto ofTwo = [&](OfTwo method) {
+    return property(
+        [&](auto& source) { (source.*method)(std::move(v[0]), std::move(v[1]), origin); });
+  };
   switch (call.kind) {
     case Kind::event:
     case Kind::startTimedEvent:
@@ -235,21 +241,13 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
                            std::move(transaction), dateOf(record), origin);
       });
     case Kind::setProperties:
-      return property([&](auto& source) {
-        source.setUserProperties(std::move(v[0]), std::move(v[1]), origin);
-      });
+      return ofTwo(&ISkeldaUserPropertiesSource::setUserProperties);
     case Kind::setPropertyValue:
-      return property([&](auto& source) {
-        source.setUserPropertiesValue(std::move(v[0]), std::move(v[1]), origin);
-      });
+      return ofTwo(&ISkeldaUserPropertiesSource::setUserPropertiesValue);
     case Kind::addProperties:
-      return property([&](auto& source) {
-        source.addUserProperties(std::move(v[0]), std::move(v[1]), origin);
-      });
+      return ofTwo(&ISkeldaUserPropertiesSource::addUserProperties);
     case Kind::removeProperties:
-      return property([&](auto& source) {
-        source.removeUserProperties(std::move(v[0]), std::move(v[1]), origin);
-      });
+      return ofTwo(&ISkeldaUserPropertiesSource::removeUserProperties);
     case Kind::clearProperties:
       return property([&](auto& source) { source.removeUserProperties(std::move(v[0]), origin); });
     case Kind::flagProperties:

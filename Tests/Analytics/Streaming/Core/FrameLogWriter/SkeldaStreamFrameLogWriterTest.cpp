@@ -127,7 +127,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
       {"syncData", EIO, 2, ""},
       {"sync", EIO, 2, "CommitedFrameLogs"},
       {"copyRange", EIO, 2, ""},
-      {"linkStatusAt", EIO, 2, ""},
+      {"renameNoReplace", EIO, 2, ""},
       {"makeDirectory", ENOSPC, 2, ""},
       {"close", EIO, 2, ""},
   };
