@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "Platform/Foundation/EnvironmentMonitor.h"
@@ -11,6 +10,7 @@
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TimeZone.h"
 #include "Platform/Platform.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
@@ -113,46 +113,42 @@ TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheSystemsFiles) {
 /// What the notifications tell, and what is to be read when they come.
 class Observer {
  public:
-  explicit Observer(const std::string& root) : seen_(std::make_shared<Seen>()) {
-    const auto observe = [&](std::string_view name, int Seen::*count) {
+  explicit Observer(const std::string& root) {
+    for (const std::string_view name : {platform::kCurrentLocaleDidChangeNotification,
+                                        platform::kSystemTimeZoneDidChangeNotification}) {
       // The record is shared: an observer may still run when it has been removed.
-      const auto look = [seen = seen_, root, count](const platform::Notification&) {
-        const std::lock_guard guard(seen->lock);
-        ++((*seen).*count);
-        seen->locale = Locale::current(root);
-        seen->zone = TimeZone::local(root);
-        seen->changed.notify_all();
+      const auto look = [seen = seen_, root, name](const platform::Notification&) {
+        seen->add({name, Locale::current(root), TimeZone::local(root)});
       };
       tokens_.push_back(NotificationCenter::defaultCenter().addObserver(name, look));
-    };
-    observe(platform::kCurrentLocaleDidChangeNotification, &Seen::locales);
-    observe(platform::kSystemTimeZoneDidChangeNotification, &Seen::zones);
+    }
   }
   ~Observer() {
     for (const auto token : tokens_) NotificationCenter::defaultCenter().removeObserver(token);
   }
-  bool sees(int locales, int zones) {
-    return waitFor([&] { return seen_->locales == locales && seen_->zones == zones; });
+  bool sees(std::ptrdiff_t locales, std::ptrdiff_t zones) {
+    return seen_->waitUntil([&](const std::vector<Sight>& all) {
+      const auto of = [&](std::string_view name) {
+        return std::ranges::count(all, name, &Sight::notification);
+      };
+      return of(platform::kCurrentLocaleDidChangeNotification) == locales &&
+             of(platform::kSystemTimeZoneDidChangeNotification) == zones;
+    });
   }
   bool sees(const Locale& locale, const char* zone) {
-    return waitFor([&] { return seen_->locale == locale && seen_->zone.name == zone; });
+    return seen_->waitUntil([&](const std::vector<Sight>& all) {
+      return !all.empty() && all.back().locale == locale && all.back().zone.name == zone;
+    });
   }
 
  private:
-  struct Seen {
-    std::mutex lock;
-    std::condition_variable changed;
-    int locales = 0;
-    int zones = 0;
+  struct Sight {
+    std::string_view notification;
     Locale locale;
     TimeZone zone;
   };
-  template <class Condition>
-  bool waitFor(Condition condition) {
-    std::unique_lock guard(seen_->lock);
-    return seen_->changed.wait_for(guard, std::chrono::seconds(20), condition);
-  }
-  std::shared_ptr<Seen> seen_;
+  std::shared_ptr<skelda::testing::Recorded<Sight>> seen_ =
+      std::make_shared<skelda::testing::Recorded<Sight>>();
   std::vector<NotificationCenter::Token> tokens_;
 };
 

@@ -2,15 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Platform.h"
 #include "Platform/WatchConnectivity/Session/WCSession.h"
+#include "Tests/Support/Recorded.h"
 
 /// A delegate that writes down what it hears, to be waited for.
 class RecordingDelegate : public platform::WCSessionDelegate {
@@ -39,21 +37,11 @@ class RecordingDelegate : public platform::WCSessionDelegate {
   }
 
   /// Waits until so many calls have come; what has come by the deadline is returned.
-  std::vector<std::string> wait(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return heard_.size() >= count; });
-    return heard_;
-  }
-  std::vector<std::string> heard() { return wait(0); }
+  std::vector<std::string> wait(std::size_t count) { return heard_.wait(count); }
+  std::vector<std::string> heard() { return heard_.all(); }
 
  private:
-  void add(std::string text) {
-    std::lock_guard lock(mutex_);
-    heard_.push_back(std::move(text));
-    changed_.notify_all();
-  }
+  void add(std::string text) { heard_.add(std::move(text)); }
   const unsigned calls_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> heard_;
+  skelda::testing::Recorded<std::string> heard_;
 };

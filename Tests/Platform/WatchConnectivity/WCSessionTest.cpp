@@ -224,30 +224,20 @@ TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRuns
 
 /// Keeps the places of what it hears until it is told to give them up.
 struct SlowReceiver {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::size_t count = 0;
-  std::vector<platform::WCTransport::Place> places;
+  using Place = platform::WCTransport::Place;
+  skelda::testing::Recorded<std::shared_ptr<Place>> heard;
 
   platform::WCTransport::Receiver receiver() {
-    return {.peerDidChange = [](bool) {},
-            .didReceivePacket =
-                [this](auto&&, platform::WCTransport::Place place) {
-                  const std::lock_guard lock(mutex);
-                  ++count;
-                  places.push_back(std::move(place));
-                  changed.notify_all();
-                }};
+    return {
+        .peerDidChange = [](bool) {},
+        .didReceivePacket =
+            [this](auto&&, Place place) { heard.add(std::make_shared<Place>(std::move(place))); }};
   }
   std::size_t waitFor(std::size_t wanted, std::chrono::milliseconds limit = 10s) {
-    std::unique_lock lock(mutex);
-    changed.wait_for(lock, limit, [&] { return count >= wanted; });
-    return count;
+    return heard.wait(wanted, limit).size();
   }
   void giveUp() {
-    std::vector<platform::WCTransport::Place> gone;
-    const std::lock_guard lock(mutex);
-    places.swap(gone);
+    for (const auto& place : heard.all()) *place = Place();
   }
 };
 

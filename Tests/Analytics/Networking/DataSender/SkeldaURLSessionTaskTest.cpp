@@ -1,7 +1,7 @@
 #include "Analytics/Networking/DataSender/SkeldaURLSessionTask.h"
 
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 namespace {

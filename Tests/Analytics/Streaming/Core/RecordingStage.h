@@ -14,7 +14,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 

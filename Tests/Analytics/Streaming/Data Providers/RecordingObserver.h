@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 

@@ -10,7 +10,7 @@
 
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 

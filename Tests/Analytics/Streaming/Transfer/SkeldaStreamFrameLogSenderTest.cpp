@@ -6,7 +6,7 @@
 
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Platform/Foundation/URLError.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 

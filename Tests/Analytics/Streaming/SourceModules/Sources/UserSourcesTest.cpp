@@ -9,7 +9,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Tests/Analytics/Recorded.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Analytics/Threads.h"
 #include "Tests/Support/LogCapture.h"

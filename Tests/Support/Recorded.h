@@ -18,10 +18,17 @@ class Recorded {
     changed_.notify_all();
   }
   /// All of it, once there is so much or twenty seconds have passed.
-  std::vector<Thing> wait(std::size_t count) {
+  std::vector<Thing> wait(std::size_t count,
+                          std::chrono::milliseconds atMost = std::chrono::seconds(20)) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(20), [&] { return things_.size() >= count; });
+    changed_.wait_for(lock, atMost, [&] { return things_.size() >= count; });
     return things_;
+  }
+  /// Whether all of it meets the condition at some time within twenty seconds.
+  template <class Condition>
+  bool waitUntil(Condition condition) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return condition(things_); });
   }
   std::vector<Thing> all() { return wait(0); }
   std::size_t size() { return all().size(); }
