@@ -49,11 +49,11 @@ bool SkeldaStreamFileManager::copyFileFrom(const Path& source, const Path& desti
       SKELDA_LOG(level, "{}: error [{}] while copying file from [{}] to [{}]", kMethod,
                  platform::description(error), *source, *destination);
     };
-    if (!manager->fileExistsAtPath(*source)) {
-      log(2);
-      return false;
-    }
     if (!manager->copyItemAtPath(*source, *destination, &error) || error != nullptr) {
+      if (!manager->fileExistsAtPath(*source)) {
+        log(2);
+        return false;
+      }
       log(1);
       SkeldaUtil::assert_(false, kMethod);
       return false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <type_traits>
@@ -30,9 +31,20 @@ struct Work {
   bool barrier = false;
 };
 
+/// Room for a piece of work. A worker keeps some of what it has run for what it submits, which in a
+/// pipeline is the same number of pieces. (WorkMemory.cpp)
+void* takeWorkMemory(std::size_t size);
+void giveBackWorkMemory(void* room, std::size_t size) noexcept;
+
 /// A callable as work.
 template <class F>
 struct BlockWork final : Work {
+  static void* operator new(std::size_t size) { return takeWorkMemory(size); }
+  static void operator delete(void* room, std::size_t size) noexcept {
+    giveBackWorkMemory(room, size);
+  }
+  static_assert(alignof(F) <= alignof(std::max_align_t));
+
   template <class G>
   explicit BlockWork(G&& callable)
       : Work(Kind::block, &runAndDelete), body(std::forward<G>(callable)) {}

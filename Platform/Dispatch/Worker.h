@@ -15,6 +15,8 @@ struct WorkerPool::Worker {
   std::atomic<std::uint32_t> progress{0};  // blocks run so far
   std::atomic<bool> yield{false};          // the tick asks for the end of this turn
   std::uint32_t turns = 0;
+  void* spareWork = nullptr;  // each begins with a pointer to the next
+  std::uint32_t spareWorkCount = 0;
   std::uint32_t blockingDepth = 0;
   bool mayBeOneTooMany = false;
 
@@ -30,5 +32,8 @@ struct WorkerPool::Worker {
 
   Worker* nextOfAll = nullptr;  // never changes once it is in the list
 };
+
+/// The worker that the calling thread is; null for other threads.
+extern thread_local WorkerPool::Worker* thisWorker __attribute__((tls_model("initial-exec")));
 
 }  // namespace skelda::platform

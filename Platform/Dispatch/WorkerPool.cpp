@@ -28,9 +28,9 @@ constexpr int kPausesPerPoll = 8;
 constexpr std::chrono::seconds kLinger{2};
 constexpr std::chrono::milliseconds kPatience{50};  // between askings for what is wanted
 
-thread_local void* thisWorker __attribute__((tls_model("initial-exec"))) = nullptr;
-
 }  // namespace
+
+thread_local WorkerPool::Worker* thisWorker __attribute__((tls_model("initial-exec"))) = nullptr;
 
 WorkerPool::WorkerPool()
     : limit_(std::clamp(std::thread::hardware_concurrency(), 2U, kMostRunning)) {}
@@ -50,7 +50,7 @@ BlockingRegion::~BlockingRegion() {
 // ---- Submitting
 
 void WorkerPool::submit(Work* work, Queue::Priority priority) {
-  auto* const me = static_cast<Worker*>(thisWorker);
+  Worker* const me = thisWorker;
   if (me == nullptr || priority != Queue::Priority::normal || !me->ring.push(work)) {
     inject(work, priority);
   } else {
@@ -337,7 +337,7 @@ void WorkerPool::emptyRing(Worker& me) noexcept {
 }
 
 void WorkerPool::beginBlocking() noexcept {
-  auto& me = *static_cast<Worker*>(thisWorker);
+  Worker& me = *thisWorker;
   if (me.blockingDepth++ > 0) return;
   blocked_.fetch_add(1, std::memory_order_seq_cst);
   if (me.ring.size() == 0 && injected_.load(std::memory_order_seq_cst) == 0) return;
@@ -351,7 +351,7 @@ void WorkerPool::beginBlocking() noexcept {
 }
 
 void WorkerPool::endBlocking() noexcept {
-  auto& me = *static_cast<Worker*>(thisWorker);
+  Worker& me = *thisWorker;
   if (--me.blockingDepth > 0) return;
   blocked_.fetch_sub(1, std::memory_order_seq_cst);
   me.mayBeOneTooMany = true;

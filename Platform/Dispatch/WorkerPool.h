@@ -25,6 +25,8 @@ namespace skelda::platform {
 /// Idle ones sleep; all but one of them go after a while.
 class WorkerPool final : public Wanted {
  public:
+  struct Worker;
+
   static WorkerPool& shared();
 
   /// From any thread. Takes the work as it is.
@@ -38,7 +40,6 @@ class WorkerPool final : public Wanted {
   void keepAsking() noexcept;
 
  private:
-  struct Worker;
   /// Somebody who has been called to look for work and is yet to be woken, or given a thread.
   struct Called {
     Worker* worker = nullptr;

@@ -47,7 +47,8 @@ FileDescriptor FileDescriptor::open(const std::string& path, int flags, int& err
 FileDescriptor FileDescriptor::openFile(const std::string& path, int flags, int& error,
                                         ::mode_t mode) {
   FileDescriptor file = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, error, mode);
-  if (!file) return file;
+  // What was not there before is a file.
+  if (!file || (flags & O_EXCL) != 0) return file;
   struct ::stat kind;
   error = file.status(kind);
   if (error == 0 && !S_ISREG(kind.st_mode)) error = S_ISDIR(kind.st_mode) ? EISDIR : ENXIO;

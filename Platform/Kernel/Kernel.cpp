@@ -5,9 +5,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/SystemFiles.h"
 
 namespace skelda::platform {
@@ -67,6 +71,48 @@ std::optional<ThreadTimes> threadTimes(std::string_view stat) {
   return times;
 }
 
+/// When a thread began does not change, and what it has used the kernel says without a file.
+struct KnownThreads {
+  Mutex mutex;
+  std::map<::pid_t, std::uint64_t> began GUARDED_BY(mutex);  ///< in ticks
+};
+
+KnownThreads& knownThreads() {
+  static NeverDestroyed<KnownThreads> shared;
+  return *shared;
+}
+
+/// Seconds of the processor that a thread of this process has used.
+std::optional<double> usedBy(::pid_t thread) {
+  // As pthread_getcpuclockid() makes it of a thread that it knows.
+  const auto clock = static_cast<::clockid_t>(~static_cast<unsigned>(thread) << 3 | 6U);
+  struct ::timespec used;
+  if (::clock_gettime(clock, &used) != 0) return std::nullopt;
+  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+/// How much of a processor one thread has used since it began, in percent; nothing where it has
+/// ended. `known` is that of the threads before, `still` takes this one.
+std::optional<double> usageOf(const std::string& name, double secondsNow, double ticksPerSecond,
+                              const std::map<::pid_t, std::uint64_t>& known,
+                              std::map<::pid_t, std::uint64_t>& still) {
+  ::pid_t thread = 0;
+  std::from_chars(name.data(), name.data() + name.size(), thread);
+  const auto found = known.find(thread);
+  std::optional<double> used = found != known.end() ? usedBy(thread) : std::nullopt;
+  std::uint64_t began = found != known.end() ? found->second : 0;
+  if (!used) {
+    const auto stat = readSystemFile("/proc/self/task/" + name + "/stat");
+    const auto times = stat ? threadTimes(*stat) : std::nullopt;
+    if (!times) return std::nullopt;
+    began = times->began;
+    used = static_cast<double>(times->used) / ticksPerSecond;
+  }
+  still.emplace(thread, began);
+  const double lived = secondsNow - static_cast<double>(began) / ticksPerSecond;
+  return 100.0 * *used / std::max(lived, 1 / ticksPerSecond);
+}
+
 }  // namespace
 
 std::optional<VirtualMemoryStatistics> hostVirtualMemoryStatistics() {
@@ -91,18 +137,19 @@ std::optional<float> taskThreadsCPUUsage() {
   const auto now = uptime();
   const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
   if (threads.empty() || !now || ticksPerSecond <= 0) return std::nullopt;
-  const double ticksNow =
-      std::chrono::duration<double>(*now).count() * static_cast<double>(ticksPerSecond);
+  const double seconds = std::chrono::duration<double>(*now).count();
+  KnownThreads& known = knownThreads();
+  const MutexLock lock(known.mutex);
+  // Below another root are other threads.
+  if (!systemPath("").empty()) known.began.clear();
+  std::map<::pid_t, std::uint64_t> still;
   double percent = 0;
   for (const std::string& thread : threads) {
     // A thread may have ended since the folder was read.
-    const auto stat = readSystemFile("/proc/self/task/" + thread + "/stat");
-    if (!stat) continue;
-    const auto times = threadTimes(*stat);
-    if (!times) continue;
-    const double lived = std::max(ticksNow - static_cast<double>(times->began), 1.0);
-    percent += 100.0 * static_cast<double>(times->used) / lived;
+    percent += usageOf(thread, seconds, static_cast<double>(ticksPerSecond), known.began, still)
+                   .value_or(0);
   }
+  known.began = systemPath("").empty() ? std::move(still) : decltype(still)();
   return static_cast<float>(percent);
 }
 

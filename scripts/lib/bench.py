@@ -129,8 +129,8 @@ class Agent:
             return json.loads(done.stdout)
 
     def output(self, *arguments, before=(), environment=None):
-        """What a run under another program says, in memory: nothing of it is timed."""
-        with self.home(scratch_root()) as home:
+        """What a run under another program says: nothing of it is timed."""
+        with self.home() as home:
             command = [*map(str, before), self.bundle / "AgentBenchmark", *map(str, arguments)]
             return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=True,
                                   timeout=900, env=home.environment(SKELDA_LOG="off", **(environment or {}))).stdout
@@ -375,8 +375,8 @@ def compare(other, scratch, rounds):
     counted = {name: Counts(agent, scratch, COUNTER).rows() for name, agent in agents.items()}
     for what in COUNT_BUDGETS:
         pair = [counted[name][what] for name in agents]
-        rows.append((f"{what} an event", *("-" if value is None else shown(value) for value in pair),
-                     "-" if None in pair else f"{pair[1] / pair[0]:.2f}"))
+        rows.append((f"{what} an event", *(shown(value) if value else "-" for value in pair),
+                     f"{pair[1] / pair[0]:.2f}" if all(pair) else "-"))
     head = ("figure", "the other", "this", "ratio")
     widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
     for row in [head, *rows]:
