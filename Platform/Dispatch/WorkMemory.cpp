@@ -9,7 +9,7 @@ namespace skelda::platform {
 namespace {
 
 constexpr std::size_t kRoom = 128;  // what nearly every piece fits into
-constexpr std::uint32_t kMostSpare = 16;
+constexpr std::uint32_t kMostSpare = 64;
 
 /// Where memory is watched for misuse each piece has its own.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

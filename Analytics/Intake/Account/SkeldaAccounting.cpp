@@ -16,6 +16,7 @@ constexpr std::size_t kCounterCount = sizeof(SkeldaAccountPage) / sizeof(Counter
 
 /// What is counted before there is a file, and in a forked child for good.
 alignas(64) constinit SkeldaAccountPage memory{};
+constinit std::atomic<bool> memoryWasAskedFor{false};
 constinit std::atomic<SkeldaIntakeFile*> current{nullptr};
 
 struct Owned {
@@ -80,8 +81,11 @@ void SkeldaAccounting::noteServer(std::string_view address) noexcept {
 
 SkeldaAccountPage& SkeldaAccounting::page() noexcept {
   SkeldaIntakeFile* file = current.load(std::memory_order_acquire);
-  if (file == nullptr) return memory;
-  moveInto(file->page());
+  if (file == nullptr) {
+    memoryWasAskedFor.store(true, std::memory_order_relaxed);
+    return memory;
+  }
+  if (memoryWasAskedFor.load(std::memory_order_relaxed)) moveInto(file->page());
   return file->page();
 }
 

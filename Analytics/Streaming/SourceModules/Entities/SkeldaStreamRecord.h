@@ -36,6 +36,8 @@ class SkeldaStreamRecord : public SkeldaStreamEntityBase {
   bool setMember(const SkeldaRecordField& field, const platform::Value& value);
 
   bool writeJSON(platform::JSONWriter& writer) const override;
+  /// isValidModel(); where not, it is said.
+  bool validOrReported() const;
   /// Fills the record from a payload; false, after a log line, where the payload makes no record.
   bool readJSON(const platform::Data& json);
   /// Whether every required key is there.
@@ -43,7 +45,6 @@ class SkeldaStreamRecord : public SkeldaStreamEntityBase {
                             const platform::Dictionary& dictionary);
 
  private:
-  bool validOrReported() const;
   void writeField(const SkeldaRecordField& field, platform::JSONWriter& writer) const;
 };
 

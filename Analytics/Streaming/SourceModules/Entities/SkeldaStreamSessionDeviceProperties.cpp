@@ -44,23 +44,14 @@ constexpr std::array kTrackedFields{
     tracked<&Tracked::batteryCharging>("battery.charging"),
 };
 
-/// Every property travels as text inside an object of its own.
-void appendProperty(Dictionary& object, std::string name, const Value& value) {
-  if (value.isNull()) return;
-  object.append(std::move(name), Dictionary{{"value", value.description()}});
-}
-
-void appendSnapshot(Dictionary& object, const Tracked& snapshot, std::string_view suffix) {
-  for (const TrackedField& field : kTrackedFields) {
-    appendProperty(object, std::string(field.name).append(suffix), field.get(snapshot));
-  }
-}
+/// Every property travels as text inside an object of its own, under this key.
+constexpr std::string_view kPropertyKey = "value";
 
 /// The text of a property; null where there is none.
 const Value* propertyText(const Dictionary& object, std::string_view name) {
   const Value* property = object.find(name);
   if (property == nullptr || property->dictionary() == nullptr) return nullptr;
-  const Value* text = property->dictionary()->find("value");
+  const Value* text = property->dictionary()->find(kPropertyKey);
   return text != nullptr && text->text() != nullptr ? text : nullptr;
 }
 
@@ -107,15 +98,48 @@ std::span<const SkeldaRecordField> SkeldaStreamSessionDeviceProperties::totalFie
   return kFields;
 }
 
+template <class Take>
+void SkeldaStreamSessionDeviceProperties::forEachProperty(Take take) const {
+  for (const SkeldaRecordField& field : totalFields()) {
+    const Value value = valueOf(field);
+    if (!value.isNull()) take(field.key, value);
+  }
+  std::string name;
+  const auto takeSnapshot = [&](const Tracked& snapshot, std::string_view suffix) {
+    for (const TrackedField& field : kTrackedFields) {
+      name.assign(field.name).append(suffix);
+      take(std::string_view(name), field.get(snapshot));
+    }
+  };
+  if (startProperties_) takeSnapshot(*startProperties_, kStartSuffix);
+  if (endProperties_) takeSnapshot(*endProperties_, kEndSuffix);
+}
+
 Value SkeldaStreamSessionDeviceProperties::sessionProperty() const {
   Dictionary object;
   object.reserve(totalFields().size() + 2 * kTrackedFields.size());
-  for (const SkeldaRecordField& field : totalFields()) {
-    appendProperty(object, std::string(field.key), valueOf(field));
-  }
-  if (startProperties_) appendSnapshot(object, *startProperties_, kStartSuffix);
-  if (endProperties_) appendSnapshot(object, *endProperties_, kEndSuffix);
+  forEachProperty([&](std::string_view name, const Value& value) {
+    object.append(std::string(name), Dictionary{{std::string(kPropertyKey), value.description()}});
+  });
   return object;
+}
+
+/// The same, straight to the text.
+bool SkeldaStreamSessionDeviceProperties::writeJSON(platform::JSONWriter& writer) const {
+  if (!validOrReported()) return false;
+  writer.beginObject();
+  writer.key(kObjectKey);
+  writer.beginObject();
+  forEachProperty([&](std::string_view name, const Value& value) {
+    writer.key(name);
+    writer.beginObject();
+    writer.key(kPropertyKey);
+    writer.text(value.description());
+    writer.endObject();
+  });
+  writer.endObject();
+  writer.endObject();
+  return true;
 }
 
 bool SkeldaStreamSessionDeviceProperties::didRead(const Dictionary& dictionary) {

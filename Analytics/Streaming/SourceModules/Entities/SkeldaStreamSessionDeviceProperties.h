@@ -62,6 +62,10 @@ class SkeldaStreamSessionDeviceProperties final
   void takeTotals(const SkeldaSessionDevicePropertiesData& data);
   static std::span<const SkeldaRecordField> totalFields() noexcept;
   platform::Value sessionProperty() const;
+  bool writeJSON(platform::JSONWriter& writer) const override;
+  /// Calls `take` with the name of each property that there is, and its value.
+  template <class Take>
+  void forEachProperty(Take take) const;
 
   std::uint64_t totalDiskSize_ = 0;
   std::uint64_t availableDiskSize_ = 0;
