@@ -87,7 +87,8 @@ SkeldaStreamFrameLogWriter::SkeldaStreamFrameLogWriter(SkeldaFrameLogWriterParts
       logPath_(currentFrameLogFilePathWithName()),
       retryDelay_(std::chrono::milliseconds(50), kLongestRetryDelay),
       delayWithinARoll_(std::chrono::milliseconds(25)),
-      owed_(kindsOfALog(parts_.frameTypesForRoll)) {}
+      owed_(kindsOfALog(parts_.frameTypesForRoll)),
+      frames_(SkeldaStreamFrameTypeUtil::frameTypesWithRole(SkeldaStreamFrameTypeUtil::kSticky)) {}
 
 void SkeldaStreamFrameLogWriter::setRetryDelays(std::chrono::nanoseconds first,
                                                 std::chrono::nanoseconds withinARoll) noexcept {
@@ -139,13 +140,13 @@ void SkeldaStreamFrameLogWriter::onqueue_streamMessage(const ISkeldaStreamMessag
 
 bool SkeldaStreamFrameLogWriter::onqueue_write(const Message& message) {
   SKELDA_ON_QUEUE();
-  auto frame = parts_.serializer->frameFromStreamMessage(*message);
+  const auto& frame = frames_.frameOf(message, *parts_.serializer);
   if (!frame) {
     SkeldaAccounting::settle(message->intakeTicket(), SkeldaIntakeOutcome::serializer);
     return true;
   }
   const std::uint64_t failedBefore = failedSynchronisations_;
-  if (!onqueue_writeData(std::move(frame), true)) return false;
+  if (!onqueue_writeData(frame, true)) return false;
   ++framesInLog_;
   onqueue_frameIsWritten(message, failedSynchronisations_ == failedBefore);
   if (!contains(parts_.frameTypesForRoll, message->frameType())) return true;

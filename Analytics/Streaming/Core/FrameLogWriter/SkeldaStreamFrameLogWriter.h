@@ -11,6 +11,7 @@
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaFrameLogWriterParts.h"
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaOwedFrames.h"
+#include "Analytics/Streaming/Core/FrameLogWriter/SkeldaReplayedFrames.h"
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
 #include "Platform/Base/RetryDelay.h"
@@ -147,5 +148,6 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   /// Of the frames that no synchronisation has covered yet.
   std::vector<SkeldaIntakeTicket> writtenTickets_;
   SkeldaOwedFrames owed_;
+  SkeldaReplayedFrames frames_;
   bool willPay_ = false;
 };

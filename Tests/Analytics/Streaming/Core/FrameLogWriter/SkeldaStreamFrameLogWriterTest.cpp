@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/StorageReserve.h"
@@ -60,6 +61,26 @@ TEST_F(FrameLogWriter, WritesAndSynchronisesEachFrameAndDoesNothingElse) {
   EXPECT_EQ(plan->calls("write"), 5U);
   EXPECT_EQ(plan->calls("syncData"), 5U);
   EXPECT_EQ(plan->calls() - plan->calls("status"), 10U);
+}
+
+TEST_F(FrameLogWriter, AMessageThatComesAgainIsTheSameFrameAndAnotherOfItsTypeIsNot) {
+  using FrameType = SkeldaStreamFrameTypeUtil;
+  const std::int32_t type = *FrameType::frameTypesWithRole(FrameType::kSticky).begin();
+  const auto serializer = SkeldaStreamMessageSerializer::streamMessageSerializer();
+  startNew();
+  std::string expected = readFile(logPath());
+  auto first = plainMessage(type, R"({"n":1})");
+  for (const auto& message : {first, first, plainMessage(type, R"({"n":2})"), first}) {
+    send(message);
+    expected += serializer->frameFromStreamMessage(*message)->string();
+  }
+  // Where one was that is gone another may lie.
+  for (int i = 3; i < 20; ++i) {
+    first = plainMessage(type, fmt::format(R"({{"n":{}}})", i));
+    send(first);
+    expected += serializer->frameFromStreamMessage(*first)->string();
+  }
+  EXPECT_EQ(readFile(logPath()), expected);
 }
 
 TEST_F(FrameLogWriter, FindsAFreeNameWhereTheTimeIsTaken) {
