@@ -460,6 +460,10 @@ ON_PATH_AT(kLink, linkat,
   }
 READING_FOLDER(readdir, struct dirent)
 READING_FOLDER(readdir64, struct dirent64)
+SHOWN ssize_t getdents64(int fd, void* room, size_t length) noexcept {
+  NEXT(getdents64);
+  return isFileUnder(fd) && fails(kReaddir) ? -1 : real(fd, room, length);
+}
 
 #define MAPPING(name)                                                                             \
   SHOWN void* name(void* at, size_t length, int access, int flags, int fd, off_t from) noexcept { \
