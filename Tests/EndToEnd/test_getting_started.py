@@ -22,6 +22,11 @@ def free_port():
         return str(probe.getsockname()[1])
 
 
+def packages_of_this_machine():
+    architecture = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True).stdout.strip()
+    return sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
+
+
 class GettingStarted(unittest.TestCase):
     def setUp(self):
         sections = dict(re.findall(r"^## (.*?)\n(.*?)(?=^## |\Z)", TEXT, re.M | re.S))
@@ -52,8 +57,7 @@ class GettingStarted(unittest.TestCase):
             self.go_on_to_the_end(shell)
 
     def test_from_packages(self):
-        architecture = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True).stdout.strip()
-        packages = sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
+        packages = packages_of_this_machine()
         if not packages:
             self.skipTest("scripts/package has made no packages here")
         if os.geteuid() != 0 or not typed.can_throw_away():
@@ -63,6 +67,15 @@ class GettingStarted(unittest.TestCase):
             self.assertEqual("/usr/bin/skelda-frames", shell.type("command -v skelda-frames").strip())
             self.go_on_to_the_end(shell)
         self.assertFalse(pathlib.Path("/usr/bin/skelda-frames").exists())
+
+    def test_the_commands_of_the_readme_are_few_and_quick(self):
+        way = ["--built", str(BUILD)]
+        if packages_of_this_machine() and os.geteuid() == 0 and typed.can_throw_away():
+            way = []
+        done = subprocess.run([ROOT / "scripts/first-event", *way, "--port", self.port], text=True, timeout=600,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.assertEqual(0, done.returncode, done.stdout)
+        self.assertIn('on the page: LapDone {"lap": "3", "pace": "5:10"}', done.stdout)
 
 
 if __name__ == "__main__":

@@ -37,21 +37,24 @@ def in_place_of_packages(line, build):
     if line.startswith("apt-get install"):
         return (f"cmake --install '{build}' --prefix \"$HOME/usr\" && "
                 "export PATH=\"$HOME/usr/bin:$PATH\" CMAKE_PREFIX_PATH=\"$HOME/usr\"")
-    return line.replace("/usr/share/doc/libskelda-watch-dev/examples", f"'{ROOT}/Examples'")
+    return line.replace("/usr/share/", "\"$HOME\"/usr/share/")
 
 
 def event_on_page(home, port):
-    """The event as the page asks for it."""
+    """The event as the page asks for it, once it is there."""
     context = ssl.create_default_context(cafile=str(home / "tls/authority.pem"))
     address = f"https://localhost:{port}"
     with urllib.request.urlopen(address + "/", timeout=20, context=context) as page:
         if "text/html" not in page.headers["Content-Type"]:
             raise Failed("there is no page")
-    with urllib.request.urlopen(f"{address}/page/events?name={EVENT}", timeout=20, context=context) as answer:
-        events = json.load(answer)["events"]
-    if not events:
-        raise Failed("the event is not on the page")
-    return events[0]
+    deadline = time.monotonic() + 20
+    while time.monotonic() < deadline:
+        with urllib.request.urlopen(f"{address}/page/events?name={EVENT}", timeout=20, context=context) as answer:
+            events = json.load(answer)["events"]
+        if events:
+            return events[0]
+        time.sleep(0.1)
+    raise Failed("the event is not on the page")
 
 
 def main():
@@ -67,8 +70,9 @@ def main():
         sys.exit("packages are installed only where that can be undone: as root, with overlays; --built DIR does without")
     else:
         kept = packages()
-    typed = [line.replace("skelda-collector ", f"skelda-collector --listen 127.0.0.1:{options.port} ").replace("8443", options.port)
-             if options.port != "8443" else line for line in typed]
+    if options.port != "8443":
+        listen = f"skelda-collector --listen 127.0.0.1:{options.port} "
+        typed = [line.replace("8443", options.port).replace("skelda-collector ", listen) for line in typed]
 
     began = time.monotonic()
     with Shell(thrown_away=not options.built, keep=kept, echo=lambda line: print(line, flush=True)) as shell:
@@ -77,7 +81,8 @@ def main():
         event = event_on_page(shell.home, options.port)
         took = time.monotonic() - began
     how = f"installed from {options.built}" if options.built else "with packages, in a layer that is gone again"
-    print(f"on the page: {event['name']} {json.dumps(event['parameters'], ensure_ascii=False)}")
+    parameters = event["payload"]["sk.event.user.parameters"]
+    print(f"on the page: {event['payload']['sk.event.name']} {json.dumps(parameters, ensure_ascii=False)}")
     print(f"{how}: {len(typed)} commands, {took:.1f} s")
     if len(typed) > COMMANDS or took > SECONDS:
         sys.exit(f"more than {COMMANDS} commands or {SECONDS} s")

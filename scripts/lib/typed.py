@@ -7,6 +7,7 @@ A command that ends in "&" goes on beside the others; a remark behind a command,
 import contextlib
 import os
 import pathlib
+import pty
 import re
 import shutil
 import signal
@@ -64,15 +65,22 @@ class Shell:
         command = ["bash", "--norc"]
         if thrown_away:
             command = ["unshare", "--mount", "bash", "-euc", LAYER + "unset LAYER HIDDEN; exec bash --norc"]
+        # A terminal, as a reader has: programs say their lines when they have them.
+        terminal, its_end = pty.openpty()
         self.process = subprocess.Popen(command, cwd=self.home, env=environment, stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
-        threading.Thread(target=self._read, daemon=True).start()
+                                        stdout=its_end, stderr=its_end, start_new_session=True)
+        os.close(its_end)
+        self._terminal = os.fdopen(terminal, "rb", buffering=0)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
 
     def _read(self):
-        for line in self.process.stdout:
-            with self._new:
-                self.lines.append(line.decode(errors="replace").rstrip("\n"))
-                self._new.notify_all()
+        # Reading fails when nobody has the terminal any more.
+        with contextlib.suppress(OSError):
+            for line in self._terminal:
+                with self._new:
+                    self.lines.append(line.decode(errors="replace").rstrip("\r\n"))
+                    self._new.notify_all()
         with self._new:
             self.lines.append(None)
             self._new.notify_all()
@@ -95,7 +103,7 @@ class Shell:
         command = command[:remark.start()] if remark else re.sub(r"\s+#\s.*$", "", command)
         self.typed += 1
         if self._echo:
-            self._echo(f"$ {command}")
+            self._echo(f"$ {' '.join(command.split())}")
         since, mark = len(self.lines), f"-- {self.typed} is done: "
         self.process.stdin.write(f"{command}\nprintf '\\n{mark}%d\\n' $?\n".encode())
         self.process.stdin.flush()
@@ -114,4 +122,6 @@ class Shell:
         with contextlib.suppress(ProcessLookupError):
             os.killpg(self.process.pid, signal.SIGKILL)
         self.process.wait()
+        self._reader.join(10)
+        self._terminal.close()
         shutil.rmtree(self.home, ignore_errors=True)
