@@ -23,8 +23,12 @@ def free_port():
 
 
 def packages_of_this_machine():
+    """Those that scripts/package has made of this very tree."""
     architecture = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True).stdout.strip()
-    return sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
+    packages = sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
+    sources = [path.stat().st_mtime for folder in ("Analytics", "Examples", "Library", "Platform", "Tools", "include")
+               for path in (ROOT / folder).rglob("*") if path.is_file()]
+    return packages if packages and min(p.stat().st_mtime for p in packages) > max(sources) else []
 
 
 class GettingStarted(unittest.TestCase):
@@ -59,7 +63,7 @@ class GettingStarted(unittest.TestCase):
     def test_from_packages(self):
         packages = packages_of_this_machine()
         if not packages:
-            self.skipTest("scripts/package has made no packages here")
+            self.skipTest("scripts/package has made no packages of this tree")
         if os.geteuid() != 0 or not typed.can_throw_away():
             self.skipTest("packages are installed only where that can be undone: as root, with overlays")
         with typed.Shell(thrown_away=True, keep=packages) as shell:
