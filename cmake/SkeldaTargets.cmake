@@ -44,6 +44,15 @@ if(SKELDA_SANITIZE)
   target_link_options(skelda_flags INTERFACE -fsanitize=${SKELDA_SANITIZE})
 endif()
 
+# Objects hold both: what a linker of all in sight needs, and code as it is. Only the shared library
+# takes the former; tests would link for minutes.
+set(skelda_lto)
+if(SKELDA_LTO AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set(skelda_lto -flto -ffat-lto-objects)
+  target_link_options(skelda_flags INTERFACE
+    $<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>>:-fno-lto>)
+endif()
+
 # The source files below FOLDER, but for those in the folders named behind it.
 function(skelda_component_sources result folder)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
@@ -69,16 +78,7 @@ function(skelda_component name folder)
   endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC skelda_flags ${arg_DEPENDS})
-  set(objects ${name})
-  if(SKELDA_LTO)
-    add_library(${name}_lto OBJECT ${sources})
-    target_link_libraries(${name}_lto PRIVATE skelda_flags ${arg_DEPENDS})
-    target_compile_options(${name}_lto PRIVATE -flto)
-    list(APPEND objects ${name}_lto)
-  endif()
-  foreach(target IN LISTS objects)
-    target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-Os>)
-  endforeach()
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-Os> ${skelda_lto})
   if(arg_HOT AND CMAKE_BUILD_TYPE STREQUAL "Release")
     list(FILTER sources INCLUDE REGEX "${arg_HOT}")
     set_source_files_properties(${sources} PROPERTIES COMPILE_OPTIONS -O2)

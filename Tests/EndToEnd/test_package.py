@@ -1,4 +1,6 @@
-"""The installed package, as somebody outside meets it."""
+"""The installed package, as somebody outside meets it. Where SKELDA_PACKAGES names a folder of
+Debian packages, what they unpack to is what is looked at, otherwise what cmake --install installs.
+"""
 
 import concurrent.futures
 import os
@@ -6,36 +8,36 @@ import pathlib
 import plistlib
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 
 import frame_log
-from support import BUILD, ROOT, Home
+from support import BUILD, PHONE, ROOT, Home, Process, eventually
 
-PROJECT = """
-cmake_minimum_required(VERSION 3.25)
-project(Outside LANGUAGES CXX)
-find_package(Skelda_Watch 1.0 REQUIRED COMPONENTS %(component)s)
-add_executable(Outside main.cpp)
-target_link_libraries(Outside PRIVATE Skelda_Watch::%(component)s)
-target_compile_options(Outside PRIVATE -Wall -Wextra -Wpedantic -Werror)
-"""
-HOST = """
-#include <Skelda_Watch/SkeldaWatch.h>
-#include <Skelda_Watch/Skelda_Watch.h>
-int main() {
-  const unsigned logged = SkeldaWatch::logWatchEvent("LapDone", {{"lap", 3}, {"pace", "5:10"}});
-  return logged == 0 && !SkeldaWatch::apiKey() && Skelda_WatchVersionNumber == 1.0 ? 0 : 1;
-}
-"""
-STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only", "-x", "c++", "-"]
+sys.path.insert(0, str(ROOT / "scripts/lib"))
+import exports  # noqa: E402
+
+CONSUMERS = ROOT / "Tests/EndToEnd/consumers"
+STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only"]
+README = (ROOT / "README.md").read_text()
+
+
+def asked(*command, **more):
+    return subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=900, **more)
 
 
 def run(*command, **more):
-    done = subprocess.run([str(part) for part in command], capture_output=True, text=True, timeout=300, **more)
+    done = asked(*command, **more)
     if done.returncode != 0:
-        raise AssertionError(f"{command}\n{done.stdout[-3000:]}{done.stderr[-3000:]}")
+        raise AssertionError(f"{command}\n{done.stdout[-6000:]}")
     return done.stdout
+
+
+def fenced(language, text=README):
+    """The first block of that language in a document."""
+    return text.split(f"```{language}\n")[1].split("```")[0]
 
 
 class Package(unittest.TestCase):
@@ -44,85 +46,163 @@ class Package(unittest.TestCase):
         folder = tempfile.TemporaryDirectory(prefix="skelda-package-")
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
-        cls.prefix = cls.folder / "prefix"
-        run("cmake", "--install", BUILD, "--prefix", cls.prefix)
+        first, cls.prefix = cls.folder / "first", cls.folder / "prefix"
+        packages = os.environ.get("SKELDA_PACKAGES")
+        if packages:
+            for package in pathlib.Path(packages).glob("*.deb"):
+                run("dpkg", "-x", package, cls.folder / "unpacked")
+            (cls.folder / "unpacked/usr").rename(first)
+        else:
+            run("cmake", "--install", BUILD, "--prefix", first)
+        first.rename(cls.prefix)  # nothing in it may know where it was put
         cls.library, = cls.prefix.rglob("libSkelda_Watch.so")
+        cls.pkgconfig = next(cls.prefix.rglob("Skelda_Watch.pc")).parent
 
-    def built(self, component, program, name=None):
-        """That program, linked by a project of its own."""
-        source = self.folder / (name or component)
-        source.mkdir()
-        (source / "CMakeLists.txt").write_text(PROJECT % {"component": component})
-        (source / "main.cpp").write_text(program)
-        run("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}")
-        run("ninja", "-C", source / "build")
-        return source / "build/Outside"
+    def flags(self, *arguments, path=None):
+        """What pkg-config says."""
+        found = str(path or self.pkgconfig)
+        return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_PATH": found}).split()
 
-    def consume(self, component):
-        program = self.built(component, HOST)
-        with Home() as home:
-            run(program, env=home.environment())
+    def compiled(self, name, *flags, source=CONSUMERS / "main.cpp", standard="c++17"):
+        program = self.folder / name
+        run("g++", f"-std={standard}", source, "-o", program, *flags)
+        return program
+
+    def configured(self, name, source, *arguments):
+        tree = self.folder / name
+        run("cmake", "-G", "Ninja", "-S", source, "-B", tree, f"-DCMAKE_PREFIX_PATH={self.prefix}", *arguments)
+        return tree
+
+    def home(self, program, settings=None):
+        """A home for that program in a bundle of its own."""
+        bundle = self.folder / f"{program.name}.app/PlugIns/Extension.appex"
+        bundle.mkdir(parents=True, exist_ok=True)
+        shutil.copy(program, bundle / "Extension")
+        settings = settings or {"CFBundleIdentifier": f"com.example.{program.name}", "Skelda Watch API Key": "KEY"}
+        (bundle / "Info.plist").write_bytes(plistlib.dumps(settings))
+        return Home(bundle=bundle)
+
+    def leaves_its_event(self, program):
+        with self.home(program) as home:
+            output = run(home.bundle / "Extension", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
+            event, = home.current_events()
+            self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
+            return output
+
+    def needs(self, program):
+        """The libraries that a program asks for by itself."""
+        return [line.split("[")[1][:-1] for line in run("readelf", "-d", program).splitlines() if "(NEEDED)" in line]
+
+    def test_programs_that_cmake_builds_with_the_package_leave_their_event_in_the_open_log(self):
+        tree = self.configured("consumers", CONSUMERS)
+        run("ninja", "-C", tree)
+        for name, linked in (("FromShared", True), ("FromStatic", False), ("FromC", True), ("Loading", False)):
+            with self.subTest(program=name):
+                self.assertEqual(linked, "libSkelda_Watch.so.1" in self.needs(tree / name))
+                self.leaves_its_event(tree / name)
+        for name in ("FromShared", "FromStatic"):
+            with self.subTest(program=name):
+                self.assertEqual("sockets: 0", self.leaves_its_event(tree / name).strip())
+                self.hears_a_phone_and_the_network(tree / name)
+
+    def sockets_of(self, pid):
+        return sum(os.readlink(entry).startswith("socket:") for entry in pathlib.Path(f"/proc/{pid}/fd").iterdir())
+
+    def hears_a_phone_and_the_network(self, program):
+        with self.home(program) as home:
+            socket = home.path / "phone"
+            with Process([home.bundle / "Extension", socket], env=home.environment(
+                    LD_LIBRARY_PATH=self.library.parent)) as host, Process([PHONE, socket]) as phone:
+                self.assertEqual(0, phone.wait(30), phone.output + host.output)
+                # One hears the phone, one follows the links.
+                self.assertTrue(eventually(lambda: self.sockets_of(host.pid) >= 2))
+                self.assertEqual(0, host.terminate())
+
+    def test_a_program_takes_the_project_in_and_gets_the_library_alone(self):
+        cached = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
+        tree = self.configured("around", CONSUMERS / "around", f"-DSKELDA_SOURCE={ROOT}", "-DCMAKE_BUILD_TYPE=None",
+                               "-DCMAKE_CXX_FLAGS=-O0", *cached)
+        targets = run("ninja", "-C", tree, "-t", "targets", "all")
+        self.assertIn("libSkelda_Watch.a", targets)
+        for other in ("skelda-frames", "MorningRun", "_tests", "benchmark"):
+            self.assertNotIn(other, targets)
+        run("ninja", "-C", tree, "Around")
+        self.leaves_its_event(tree / "Around")
+
+    def test_programs_that_a_compiler_builds_with_the_flags_of_pkg_config_leave_their_event(self):
+        alone = self.folder / "alone"
+        shutil.copytree(self.prefix, alone, symlinks=True)
+        for library in alone.rglob("*.so*"):
+            library.unlink()
+        for name, shared, arguments, path in (
+                ("shared", True, ["Skelda_Watch"], self.pkgconfig),
+                ("static", False, ["Skelda_Watch-static"], self.pkgconfig),
+                ("alone", False, ["--static", "Skelda_Watch"], alone / self.pkgconfig.relative_to(self.prefix))):
+            with self.subTest(name):
+                program = self.compiled(f"by-{name}", *self.flags("--cflags", "--libs", *arguments, path=path))
+                self.assertEqual(shared, "libSkelda_Watch.so.1" in self.needs(program))
+                self.leaves_its_event(program)
+
+    def test_a_program_that_a_compiler_builds_with_two_folders_named_leaves_its_event(self):
+        self.leaves_its_event(self.compiled("plain", f"-I{self.prefix / 'include'}", f"-L{self.library.parent}",
+                                            "-lSkelda_Watch"))
 
     def test_the_first_program_of_the_readme_leaves_its_event_where_the_text_says(self):
-        text = (ROOT / "README.md").read_text()
-        bundle = self.folder / "Some.app/PlugIns/Extension.appex"
-        bundle.mkdir(parents=True)
-        program = text.split("```cpp\n")[1].split("```")[0]
-        shutil.copy(self.built("shared", program, "readme"), bundle / "Extension")
+        source = self.folder / "Extension.cpp"
+        source.write_text(fenced("cpp"))
+        program = self.compiled("readme", *self.flags("--cflags", "--libs", "Skelda_Watch"), source=source)
         settings = {"CFBundleIdentifier": "com.example.readme", "Skelda Watch API Key": "KEY"}
-        self.assertTrue(all(f'"{key}"' in text for key in settings))
-        (bundle / "Info.plist").write_bytes(plistlib.dumps(settings))
-        place = text.split("`${XDG_DATA_HOME:-~/.local/share}/")[1].split("`")[0]
-        with Home(bundle=bundle) as home:
-            run(bundle / "Extension", env=home.environment())
+        self.assertTrue(all(f'"{key}"' in README for key in settings))
+        place = README.split("`${XDG_DATA_HOME:-~/.local/share}/")[1].split("`")[0]
+        with self.home(program, settings) as home:
+            run(home.bundle / "Extension", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
             log = home.path / "data" / place.replace("<CFBundleIdentifier>", settings["CFBundleIdentifier"])
             event, = [frame for frame in frame_log.frames_in(log) if frame.type == frame_log.EVENT]
             self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
 
-    def test_an_outside_project_links_the_shared_library(self):
-        self.consume("shared")
-
-    def test_an_outside_project_links_the_static_library(self):
-        self.consume("static")
-
-    def test_a_component_that_there_is_not_is_not_found(self):
-        with self.assertRaises(AssertionError):
-            self.consume("balloon")
+    def test_what_cannot_work_is_refused_by_cmake_with_a_sentence(self):
+        source = self.folder / "refused"
+        source.mkdir()
+        (source / "main.cpp").write_text("int main() {}\n")
+        (source / "CMakeLists.txt").write_text("""
+            cmake_minimum_required(VERSION 3.25)
+            project(Refused LANGUAGES CXX)
+            find_package(Skelda_Watch COMPONENTS shared watchconnectivity)
+            find_package(Skelda_Watch REQUIRED COMPONENTS shared static)
+            add_library(Part STATIC main.cpp)
+            target_link_libraries(Part PUBLIC Skelda_Watch::static)
+            add_executable(Both main.cpp)
+            target_link_libraries(Both PRIVATE Skelda_Watch::shared Part)
+        """)
+        done = asked("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}")
+        said = " ".join(done.stdout.split())
+        self.assertNotEqual(0, done.returncode)
+        self.assertIn('Skelda_Watch has no component "watchconnectivity": it has shared and static', said)
+        self.assertIn("INTERFACE_Skelda_Watch_is_linked_as_one_library", said)
 
     def test_each_installed_header_compiles_alone_as_either_standard_with_either_compiler(self):
         include = self.prefix / "include"
         headers = sorted(header.relative_to(include) for header in include.rglob("*.h"))
         self.assertGreater(len(headers), 15)
         self.assertEqual({"Skelda_Watch"}, {header.parts[0] for header in headers})
+        plain = [("c", header) for header in headers if header.name == "skelda_watch.h"]
+        ways = [(compiler, language, standard, header) for compiler in ("g++", "clang++")
+                for language, header, standards in [("c++", header, ("c++17", "c++20")) for header in headers]
+                + [(language, header, ("c11", "c17")) for language, header in plain] for standard in standards]
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-            asked = [(header, compiler, standard,
-                      pool.submit(run, compiler, f"-std=c++{standard}", f"-I{include}", *STRICT,
-                                  input=f"#include <{header}>\n"))
-                     for header in headers for compiler in ("g++", "clang++") for standard in (17, 20)]
-            for header, compiler, standard, outcome in asked:
+            outcomes = [(way, pool.submit(run, way[0], "-x", way[1], f"-std={way[2]}", f"-I{include}", *STRICT, "-",
+                                          input=f"#include <{way[3]}>\n")) for way in ways]
+            for (compiler, _, standard, header), outcome in outcomes:
                 with self.subTest(header=str(header), compiler=compiler, standard=standard):
                     outcome.result()
 
-    def test_pkg_config_gives_the_flags_that_a_compiler_needs(self):
-        source = self.folder / "plain.cpp"
-        source.write_text(HOST)
-        found, = self.prefix.rglob("Skelda_Watch.pc")
-        environment = {**os.environ, "PKG_CONFIG_PATH": str(found.parent)}
-        flags = run("pkg-config", f"--define-variable=prefix={self.prefix}", "--cflags", "--libs", "Skelda_Watch",
-                    env=environment).split()
-        run("g++", "-std=c++20", source, "-o", self.folder / "plain", *flags)
-        with Home() as home:
-            run(self.folder / "plain", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
+    def test_the_shared_library_exports_what_the_list_says_and_nothing_else(self):
+        self.assertEqual("libSkelda_Watch.so.1", os.readlink(self.library))
+        found, listed = exports.exports_of(self.library), exports.listed()
+        self.assertEqual(([], []), (sorted({*found} - {*listed}), sorted({*listed} - {*found})))
 
-    def test_the_shared_library_exports_the_public_face_and_nothing_else(self):
-        names = {line.split(" ", 2)[2].replace("[abi:cxx11]", "") for line in
-                 run("nm", "--dynamic", "--defined-only", "--demangle", self.library).splitlines()}
-        allowed = ("SkeldaWatch::", "SkeldaUserProperties::", "SkeldaConsent::", "SkeldaCCPA::", "SkeldaProperty",
-                   "kSkelda", "Skelda_WatchVersion", "total_cpu_usage(", "wiredMemoryUsage(", "activeMemoryUsage(",
-                   "inActiveMemoryUsage(", "freeMemoryUsage(", "skelda::platform::Value::",
-                   "skelda::platform::Dictionary::", "skelda::platform::Date::", "skelda::platform::Log::",
-                   "skelda::platform::MainQueue::", "skelda::platform::operator==(", "skelda_")
-        self.assertEqual([], sorted(name for name in names if not name.startswith(allowed)))
-        for needed in ("SkeldaWatch::apiKey()", "Skelda_WatchVersionString", "Skelda_WatchVersionNumber",
-                       "kSkeldaNetworkStatusChangedNotification", "SkeldaPropertySubscriber", "total_cpu_usage()"):
-            self.assertIn(needed, names)
+    def test_the_tools_and_their_pages_are_installed(self):
+        for tool in (ROOT / "Tools").glob("skelda-*"):
+            with self.subTest(tool=tool.name):
+                self.assertIn("Usage:", run(self.prefix / "bin" / tool.name, "--help"))
+                self.assertTrue(list((self.prefix / "share/man/man1").glob(f"{tool.name}.1*")))
