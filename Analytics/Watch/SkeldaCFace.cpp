@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "Skelda_Watch/SkeldaOptional.h"
 #include "Skelda_Watch/Skelda_Watch.h"
 #include "Skelda_Watch/skelda_watch.h"
 
@@ -93,6 +94,9 @@ skelda_account_records recordsOf(const SkeldaAccount::Records& records) noexcept
           .replayed = records.replayed,
           .unprotected = records.unprotected};
 }
+
+// Both are numbers of 64 bits: what the account learns is told in C, too, at the end of the struct.
+static_assert(sizeof(skelda_account) == sizeof(SkeldaAccount));
 
 skelda_account accountNow() noexcept {
   const auto now = SkeldaWatch::account();
@@ -260,6 +264,17 @@ void skelda_set_data_sale_opt_out(bool opt_out) {
 
 void skelda_request_deletion() {
   entry([] { SkeldaCCPA::setDelete(); });
+}
+
+// -- The phone and the network
+
+void skelda_listen_for_phone(const char* socket_path) {
+  // A path that is missing is refused like one that is empty, and said.
+  entry([&] { SkeldaListenForPhone(socket_path == nullptr ? "" : socket_path); });
+}
+
+bool skelda_follow_network() {
+  return entry(false, [] { return SkeldaReachabilityLink(); });
 }
 
 // -- The account

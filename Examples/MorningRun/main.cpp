@@ -55,26 +55,40 @@ void describe(CLI::App& app, Options& options) {
   app.add_option("--recording", options.recording, "Another recording than the bundle's own");
   app.add_option("--server", options.server, "The address that logs are uploaded to");
   app.add_option("--phone", options.phone, "Socket on which to wait for the paired phone");
-  app.add_flag(
-      "--choices", options.choices,
-      "Tell the agent the runner's properties and consent, and at the end an opt-out and a "
-      "request to delete");
+  app.add_flag("--follow-network", options.followNetwork,
+               "Follow the machine's links and routes: what waits goes out when they come back");
+  app.add_flag("--choices", options.choices,
+               "Tell the agent who runs, properties, consent and a purchase, and at the end an "
+               "opt-out and a request to delete");
   app.add_option("--linger", options.linger,
                  "Seconds to wait at most, at the end, for the files on disk to come to rest")
       ->capture_default_str();
+}
+
+/// What everybody asks first: why nothing has come to the server.
+void sayHowLogsGetAway(const Options& options) {
+  if (options.phone.empty()) {
+    std::puts(
+        "Logs are uploaded once a phone has given its identifiers: --phone SOCKET waits for it.");
+  } else {
+    std::printf("Waiting for a phone; to stand in for one: skelda-phone %s\n",
+                options.phone.c_str());
+  }
+  if (options.server.empty()) std::puts("Nothing leaves this machine without --server ADDRESS.");
 }
 
 int run(const Options& options) {
   const auto recording =
       Recording::read(options.recording.empty() ? besideThisProgram("morning-run.csv").string()
                                                 : options.recording);
+  sayHowLogsGetAway(options);
   if (options.followNetwork) SkeldaReachabilityLink();
   if (!options.phone.empty()) SkeldaListenForPhone(options.phone);
   if (!options.server.empty()) SkeldaWatch::setServerURL(options.server);
 
-  if (options.choices) Choices::atTheStart();
+  unsigned chosen = options.choices ? Choices::atTheStart() : 0;
   const auto counts = Replay(recording, options.replay).run();
-  if (options.choices) Choices::atTheEnd();
+  if (options.choices) chosen += Choices::atTheEnd();
   std::printf("logged in %.1f s\n", counts.took.count());
   std::fflush(stdout);
 
@@ -85,7 +99,7 @@ int run(const Options& options) {
               options.linger <= 0 ? "not waited for"
               : rested            ? "at rest"
                                   : "still changing",
-              static_cast<unsigned long long>(counts.accepted),
+              static_cast<unsigned long long>(counts.accepted + chosen),
               static_cast<unsigned long long>(counts.refused));
   return 0;
 }

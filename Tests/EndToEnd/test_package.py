@@ -202,7 +202,7 @@ class Package(unittest.TestCase):
         self.assertEqual(([], []), (sorted({*found} - {*listed}), sorted({*listed} - {*found})))
 
     def test_the_tools_and_their_pages_are_installed(self):
-        for tool in (ROOT / "Tools").glob("skelda-*"):
-            with self.subTest(tool=tool.name):
-                self.assertIn("Usage:", run(self.prefix / "bin" / tool.name, "--help"))
-                self.assertTrue(list((self.prefix / "share/man/man1").glob(f"{tool.name}.1*")))
+        for page in (ROOT / "docs/man").glob("*.1"):
+            with self.subTest(tool=page.stem):
+                self.assertIn("Usage:", run(self.prefix / "bin" / page.stem, "--help"))
+                self.assertTrue(list((self.prefix / "share/man/man1").glob(f"{page.stem}.1*")))

@@ -99,6 +99,12 @@ SKELDA_EXPORT void skelda_set_data_sale_opt_out(bool opt_out);
 /// The user wants their data deleted.
 SKELDA_EXPORT void skelda_request_deletion(void);
 
+// -- The phone and the network: asleep until asked for, which is done before the first event
+
+/// The path of a Unix-domain socket, at which the paired phone is waited for.
+SKELDA_EXPORT void skelda_listen_for_phone(const char* socket_path);
+SKELDA_EXPORT bool skelda_follow_network(void);
+
 // -- The account: what became of everything
 
 /// Events, or choices. SkeldaAccount.h says what each number is.

@@ -128,6 +128,16 @@ void sayNothing() {
   expect(!skelda_update_consent(true, nullptr, false), "in scope without a string");
   expect(skelda_update_consent(false, nullptr, false), "out of scope");
   skelda_set_server_url(nullptr);
+  for (auto* const call :
+       {skelda_user_property_set, skelda_user_property_add, skelda_user_property_remove_value}) {
+    call(nullptr, nullptr);
+  }
+  for (auto* const call : {skelda_user_property_set_values, skelda_user_property_add_values,
+                           skelda_user_property_remove_values}) {
+    call("p", nullptr);
+  }
+  skelda_user_property_remove(nullptr);
+  skelda_user_property_flag(nullptr);
   noMemory = true;
   expect(!skelda_log_event("a name that is longer than a text without memory", nullptr), "memory");
   skelda_user_property_set("a name that is longer than a text without memory", nullptr);
@@ -174,6 +184,8 @@ constexpr std::string_view kSaid =
 const Scenario fromC("from C", [] {
   becomeHost(kWatch);
   skelda_set_log_sink(countAndThrow, &lines);
+  skelda_listen_for_phone(nullptr);
+  expect(skelda_follow_network(), "the network");
   const auto recorder = recordSources();
   sayEverything();
   sayNothing();
