@@ -90,10 +90,14 @@ void ofStorage(const SkeldaSight& sight, Findings& findings) {
                                          "application is refused.",
                                          sight.holder));
   }
+  if (sight.couldNotStart) {
+    findings.holdsUp("not-started", "The agent could not be started: every event is refused.",
+                     "Its log says why (SKELDA_LOG=stderr).");
+  }
   if (!sight.accountProblem.empty()) {
     findings.note("no-account",
                   fmt::format("The intake file cannot be read: {}.", sight.accountProblem),
-                  "The next start sets it aside and begins anew.");
+                  "Look as the program's user. What is damaged the next start sets aside.");
   }
 }
 
@@ -133,6 +137,19 @@ void ofRecords(const SkeldaSight& sight, Findings& findings) {
                                 {events.droppedOtherVersion, "of another version"},
                                 {events.droppedReplayedTooOften, "that three starts died of"}});
   if (!others.empty()) findings.note("dropped", fmt::format("Events were dropped: {}.", others));
+}
+
+void ofOtherKeys(const SkeldaSight& sight, Findings& findings) {
+  const auto& account = sight.account;
+  const auto waiting = account.events.waiting + account.choices.waiting;
+  const auto text = countsOf({{sight.blocksOfOtherKeys, "stored logs"},
+                              {sight.journalIsOfOtherKey ? waiting : 0, "events and choices"}});
+  if (text.empty() || !sight.hasKey) return;
+  findings.holdsUp("other-key",
+                   fmt::format("Accepted under another API key than the one in the Info.plist, and "
+                               "deleted by the next start: {}.",
+                               text),
+                   "Put the former key back until they have been sent, if they are wanted.");
 }
 
 void ofPhone(const SkeldaSight& sight, Findings& findings) {
@@ -271,12 +288,13 @@ SkeldaStatus SkeldaSight::status() const {
   Findings findings(status.findings);
   ofBundle(*this, findings);
   ofStorage(*this, findings);
-  if (!hasAccount && !isOwn && !status.holdsUp()) {
+  if (!hasAccount && accountProblem.empty() && !isOwn && !status.holdsUp()) {
     findings.holdsUp("nothing-yet", fmt::format("No event was ever accepted in {}.", storage),
                      "Run the program. If it did run, look as its user and with its XDG_DATA_HOME, "
                      "and at what logWatchEvent() answers.");
   }
   ofRecords(*this, findings);
+  ofOtherKeys(*this, findings);
   if (hasAccount) ofPhone(*this, findings);
   ofLogs(*this, findings);
   ofTransfer(*this, findings);

@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <charconv>
 #include <filesystem>
 #include <set>
 #include <sstream>
 
 #include "Analytics/Intake/Account/SkeldaIntakeReading.h"
+#include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
@@ -19,6 +21,7 @@
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FolderMaking.h"
+#include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
@@ -108,6 +111,22 @@ void lookAtStorage(SkeldaSight& sight) {
   lookForHolder(sight);
 }
 
+std::uint64_t blocksOfOtherKeysIn(const std::string& storage) {
+  const auto own = SkeldaAgentFiles::dataKey(SkeldaHostSettings::apiKey());
+  std::uint64_t count = 0;
+  std::error_code error;
+  for (fs::directory_iterator entry(storage, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::array<char, 256> key;
+    const auto length = platform::fileCall<&platform::FileCalls::attribute>(
+        entry->path().c_str(), SkeldaDataSenderBlockInfo::kDataKeyAttribute, key.data(),
+        key.size());
+    if (length > 0 && std::string_view(key.data(), static_cast<std::size_t>(length)) != own)
+      ++count;
+  }
+  return count;
+}
+
 void lookAtAccount(SkeldaSight& sight) {
   platform::ErrorRef error;
   const auto reading = SkeldaIntakeReading::of(
@@ -116,11 +135,14 @@ void lookAtAccount(SkeldaSight& sight) {
     sight.hasAccount = true;
     sight.account = reading->account;
     sight.server = reading->server;
+    const auto key = SkeldaHostSettings::apiKey();
+    sight.journalIsOfOtherKey = key && reading->keyHash != platform::stableHash(*key);
   } else if (error->code() != ENOENT && error->code() != ENOTDIR) {
     sight.accountProblem = error->localizedDescription();
   }
   sight.account.logs.waiting = SkeldaAgentFiles::commitedFrameLogCount(sight.storage).value_or(0);
   sight.account.blocks.waiting = SkeldaAgentFiles::blockCount(sight.storage).value_or(0);
+  sight.blocksOfOtherKeys = blocksOfOtherKeysIn(sight.storage);
 }
 
 void lookForIdentifiers(SkeldaSight& sight) {

@@ -48,10 +48,14 @@ struct SkeldaSight {
   Seen identifiers = Seen::unknown;
   std::uint64_t openEvents = 0;      ///< in the open log
   std::vector<std::string> missing;  ///< records that it must hold, and does not
+  /// Of another API key than the bundle's: stored blocks, and events and choices that wait.
   std::uint64_t blocksOfOtherKeys = 0;
+  bool journalIsOfOtherKey = false;
 
-  /// Whether this is the process that the agent works in.
+  // What only the process knows that the agent works in.
   bool isOwn = false;
+  bool couldNotStart = false;
+  std::string lastFailure;  ///< why the last request had no answer; empty where it had one
 
   /// From the settings and files of the main bundle.
   static SkeldaSight ofFiles();

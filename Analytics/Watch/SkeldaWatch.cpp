@@ -6,12 +6,14 @@
 #include <memory>
 #include <utility>
 
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 #include "Analytics/Status/SkeldaSight.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaAppInfoSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
+#include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Analytics/Watch/SkeldaPublicEntry.h"
@@ -21,43 +23,26 @@
 
 namespace {
 
-constexpr std::string_view kAPIKeyKey = "Skelda Watch API Key";
-constexpr std::string_view kAppVersionKey = "Skelda Watch App Version";
-constexpr std::string_view kDisableConnectivityKey = "Skelda Disable WatchConnectivity";
-constexpr std::string_view kDebugKey = "Skelda Watch Debug";
-constexpr std::string_view kUserIDKey = "Skelda Watch User ID";
 constexpr unsigned kDebugLogLevel = 2;
 
 constinit platform::Once startOnce;
 /// Whether the agent runs; false for good where it could not be built.
 constinit std::atomic<bool> running{false};
 
-SkeldaValue settingOf(std::string_view key) {
-  return platform::Bundle::main()->objectForInfoDictionaryKey(key);
-}
-
-/// A number that is not 0, or the text YES in any case.
-bool isSwitchedOn(std::string_view key) {
-  const auto value = settingOf(key);
-  if (value.isNumber()) return value.boolValue();
-  const auto* text = value.text();
-  return text != nullptr && std::equal(text->begin(), text->end(), std::string_view("YES").begin(),
-                                       std::string_view("YES").end(), [](char a, char b) {
-                                         return (a >= 'a' && a <= 'z' ? a - ' ' : a) == b;
-                                       });
-}
-
 /// Read once for the process; empty where there is none.
 const std::optional<std::string>& keptAPIKey() {
   static const auto& key = *new std::optional<std::string>([]() -> std::optional<std::string> {
-    const auto value = settingOf(kAPIKeyKey);
-    if (value.text() != nullptr && !value.text()->empty()) return *value.text();
+    if (auto text = SkeldaHostSettings::apiKey()) return text;
+    const auto bundle = platform::Bundle::main();
+    const auto name = SkeldaHostSettings::kAPIKey.key;
     SKELDA_LOG(1, "API Key not provided in plist with key {}, unable to create watch session",
-               kAPIKeyKey);
-    SKELDA_NOTICE(
-        "Skelda: no \"{}\" in the Info.plist of {}: events are refused. It is a text, the key of "
-        "the account that they belong to",
-        kAPIKeyKey, platform::Bundle::main()->bundlePath());
+               name);
+    const auto like = SkeldaBundleCheck::keyLike(name, bundle->infoDictionary());
+    SKELDA_NOTICE("Skelda: no \"{}\" in the Info.plist of {}: events are refused. {}", name,
+                  bundle->bundlePath(),
+                  like.empty()
+                      ? "It is a text, the key of the account that they belong to"
+                      : fmt::format("\"{}\" stands there, and is none that the agent knows", like));
     return std::nullopt;
   }());
   return key;
@@ -180,6 +165,8 @@ SkeldaStatus SkeldaWatch::status() noexcept {
   return skelda::publicEntry(SkeldaStatus(), [] {
     auto sight = SkeldaSight::ofFiles();
     sight.isOwn = true;
+    sight.couldNotStart = startOnce.isDone() && !running.load(std::memory_order_acquire);
+    sight.lastFailure = SkeldaDataSender::lastFailure();
     // What this process counted before it had a file, and what it sends to, no file tells.
     if (SkeldaIntake::isOpen() || !sight.hasAccount) {
       sight.account = SkeldaIntake::account();
@@ -233,7 +220,7 @@ void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
 
 void SkeldaWatch::loadWatchDebug() noexcept {
   skelda::publicEntry([] {
-    if (!isSwitchedOn(kDebugKey)) return;
+    if (!SkeldaHostSettings::isSwitchedOn(SkeldaHostSettings::kDebug)) return;
     SkeldaUtil::setLogLevel(kDebugLogLevel);
     platform::Log::showDetails();
   });
@@ -241,16 +228,18 @@ void SkeldaWatch::loadWatchDebug() noexcept {
 
 void SkeldaWatch::loadWatchDisableWatchConnectivity() noexcept {
   skelda::publicEntry([] {
-    if (isSwitchedOn(kDisableConnectivityKey)) {
+    if (SkeldaHostSettings::isSwitchedOn(SkeldaHostSettings::kDisableConnectivity)) {
       SkeldaWatchConnectivity::defaultConnectivty()->disableWatchConnectivity();
     }
   });
 }
 
 SkeldaValue SkeldaWatch::loadWatchUserID() noexcept {
-  return skelda::publicEntry(SkeldaValue(), [] { return settingOf(kUserIDKey); });
+  return skelda::publicEntry(
+      SkeldaValue(), [] { return SkeldaHostSettings::valueOf(SkeldaHostSettings::kUserID); });
 }
 
 SkeldaValue SkeldaWatch::loadAppVersionOverride() noexcept {
-  return skelda::publicEntry(SkeldaValue(), [] { return settingOf(kAppVersionKey); });
+  return skelda::publicEntry(
+      SkeldaValue(), [] { return SkeldaHostSettings::valueOf(SkeldaHostSettings::kAppVersion); });
 }

@@ -210,18 +210,3 @@ class Lifetimes(unittest.TestCase):
                 self.assertEqual(0, run.status, run.output)
                 self.assertIn("early: 1", run.output)
                 self.assertEqual(["early", "main"], [event.event_name for event in home.current_events()[:2]])
-
-    def test_a_second_process_is_refused_and_told_by_whom(self):
-        with Home() as home:
-            with home.start("--rate", "20", "--events", "400") as first:
-                self.assertTrue(eventually(home.current_log.exists))
-                second_log = home.path / "second.log"
-                second = home.run("--events", "20", "--speed", "0", "--linger", "1",
-                                  environment=home.environment(SKELDA_LOG=second_log))
-                self.assertEqual((0, 0), (second.status, second.number("accepted")), second.output)
-                naming = [line for line in second_log.read_text().splitlines() if str(first.pid) in line]
-                self.assertEqual(1, len(naming), second_log.read_text())
-                first.kill()
-            # What was held by the one that is gone is free again.
-            third = home.run("--events", "20", "--speed", "0", "--linger", "5")
-            self.assertGreater(third.number("accepted"), 0)

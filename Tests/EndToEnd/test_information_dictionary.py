@@ -4,7 +4,7 @@ what it can use."""
 import unittest
 
 import frame_log
-from support import NAMELESS, NOWHERE, Home, Process, events_of
+from support import NAMELESS, NOWHERE, Home, events_of
 
 EVENTS = 100
 KEY, THRESHOLD, MINUTES = "Skelda Watch API Key", "Skelda Watch Event Threshold", "Skelda Watch Duration Threshold"
@@ -40,17 +40,6 @@ class InformationDictionary(unittest.TestCase):
             bundle = home.own_bundle()
             (bundle / "Info.plist").unlink()
             self.assertEqual(0, self.start(home, bundle).number("accepted"))
-
-    def test_outside_an_extension_every_event_is_refused(self):
-        with Home() as home:
-            bundle = home.own_bundle()
-            plain = home.path / "plain"
-            plain.mkdir()
-            for name in ("Info.plist", "morning-run.csv", bundle.stem):
-                (bundle / name).rename(plain / name)
-            with Process([plain / bundle.stem, "--events", "10", "--speed", "0"], env=home.environment()) as run:
-                self.assertEqual(0, run.wait(60))
-                self.assertEqual(0, run.number("accepted"))
 
     def test_the_event_threshold_is_read_as_a_whole_number_and_kept_in_its_range(self):
         cases = [(without(THRESHOLD), 10), *((with_value(THRESHOLD, value), expected) for value, expected in (

@@ -75,9 +75,11 @@ class Trouble:
     ending: bool = True  # whether the doctor comes when the program has ended
 
 
+REFUSING = ("no-key", "no-extension", "storage")
 TROUBLES = [
     Trouble("no key", "no-key", (KEY, "Add it"), (KEY, "events are refused"), lambda i: i.pop(KEY)),
-    Trouble("mistyped key", "no-key", ('"Skelda watch ApiKey" stands there', f'write it as "{KEY}"'), (KEY,),
+    Trouble("mistyped key", "no-key", ('"Skelda watch ApiKey" stands there', f'write it as "{KEY}"'),
+            (KEY, '"Skelda watch ApiKey" stands there'),
             renamed(KEY, "Skelda watch ApiKey")),
     Trouble("an app, no extension", "no-extension", ("Runner.app", '".appex"'), ("Runner.app", '".appex"'),
             bundle="Runner.app"),
@@ -124,6 +126,8 @@ class Troubles(unittest.TestCase):
         program = run(home.path / bundle / home.bundle.stem, *arguments, *(["--server", server] if server else []),
                       environment=environment)
         self.assertEqual(0, program.returncode, program.stderr)
+        if trouble.code in REFUSING:
+            self.assertIn("accepted: 0\n", program.stdout)
         self.look_at_output(trouble, program.stderr)
         before = contents(home.path)
         status, found, report = doctor(bundle, environment=environment)
@@ -164,6 +168,8 @@ class Troubles(unittest.TestCase):
             self.assertTrue(doctor(stranger, "--no-network", environment=quiet(home))[1]["other-process"]["blocking"])
             first.kill()
             self.assertEqual(0, doctor(home.bundle, "--no-network", environment=quiet(home))[2]["holder"])
+            # What was held by the one that is gone is free again.
+            self.assertEqual(5, home.run("--events", "5", "--speed", "0").number("accepted"))
 
     def test_a_bundle_with_a_key_alone_keeps_its_files_under_its_own_name(self):
         with Home() as home:
@@ -257,6 +263,7 @@ class Doctor(unittest.TestCase):
                                                                                 "refused"})
                 self.assertEqual(collector.url, report["server"])
                 host.kill()
+                self.assertNotIn("Skelda", host.output)
 
     def test_each_code_is_in_the_document_and_no_other(self):
         sources = "".join((ROOT / path).read_text() for path in ("Analytics/Status/SkeldaFindings.cpp", "Tools/skelda-doctor/Probe.cpp"))
@@ -267,13 +274,19 @@ class Doctor(unittest.TestCase):
 
     def test_the_host_is_told_the_same(self):
         with Home(bundle=HOSTS / "IntakeHost.app/PlugIns/IntakeHost.appex") as home:
-            told = run(home.bundle / "IntakeHost", "status", environment=quiet(home))
-            lines = dict(line.split(": ", 1) for line in told.stdout.splitlines())
-            self.assertEqual(("1", "no-phone no-server session-open"), (lines["held"], " ".join(sorted(lines["found"].split()))))
-            # Of another process it knows what the doctor knows from outside: nothing else holds the folder.
-            self.assertEqual("0", lines["before"])
-            found = set(doctor(home.bundle, "--no-network", environment=quiet(home))[1])
-            self.assertEqual({"no-phone", "no-server", "ended"}, found)
+            with home.start("stays", environment=quiet(home)) as first:
+                self.assertEqual({"no-phone", "session-open", "no-server"}, set(first.line_with("found: ").split()[1:]))
+                second = run(home.bundle / "IntakeHost", "status", environment=quiet(home)).stdout
+                self.assertIn("accepted: 0", second)
+                self.assertIn("other-process", second)
+                found = doctor(home.bundle, "--no-network", environment=quiet(home))[1]
+                self.assertEqual({"no-phone", "session-open", "no-server", "running"}, set(found))
+                first.kill()
+            # What waits was accepted under a key; a start with another one would drop it.
+            run(home.bundle / "IntakeHost", "_exit", environment=quiet(home))
+            bundle = home.own_bundle(lambda information: information.update({KEY: "ANOTHER"}))
+            found = doctor(bundle, "--no-network", environment=quiet(home))[1]
+            self.assertEqual({"no-phone", "ended", "no-server", "other-key"}, set(found) - {"session-limit"})
 
 
 class Bundles(unittest.TestCase):

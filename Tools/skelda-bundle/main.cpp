@@ -13,6 +13,7 @@
 #include "Analytics/Status/SkeldaBundleCheck.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
+#include "Tools/Shared/BundlePath.h"
 #include "Tools/skelda-bundle/InformationList.h"
 
 namespace {
@@ -105,15 +106,6 @@ int make(const Options& options) {
   return kFine;
 }
 
-/// The folder that the agent of a program at that place would take for its bundle.
-std::shared_ptr<const skelda::platform::Bundle> bundleAt(const fs::path& path) {
-  std::error_code error;
-  const fs::path whole = fs::canonical(path, error);
-  if (error) return nullptr;
-  return skelda::platform::Bundle::above(
-      fs::is_directory(whole, error) ? (whole / "program").string() : whole.string());
-}
-
 void printLines(const std::vector<SkeldaBundleCheck::Line>& lines, bool isQuiet) {
   for (const auto& line : lines) {
     if (isQuiet && line.problem.empty()) continue;
@@ -129,8 +121,7 @@ void printLines(const std::vector<SkeldaBundleCheck::Line>& lines, bool isQuiet)
 }
 
 int check(const Options& options) {
-  const auto bundle = bundleAt(options.path);
-  if (bundle == nullptr) return fail(kNotDone, options.path + " is not there");
+  const auto bundle = skelda::platform::Bundle::above(skelda::tools::programOfBundle(options.path));
   const auto lines = SkeldaBundleCheck::linesOf(bundle->infoDictionary());
   const bool isExtension = bundle->bundlePath().ends_with(".appex");
   const bool isRefused =

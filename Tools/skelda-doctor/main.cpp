@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -12,12 +11,12 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Foundation/Bundle.h"
+#include "Tools/Shared/BundlePath.h"
 #include "Tools/skelda-doctor/Probe.h"
 #include "Tools/skelda-doctor/Report.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using URLs = SkeldaNetworkURLsDataProvider;
 
 enum ExitCode { kNothingHoldsUp = 0, kHeldUp = 1, kCannotLook = 2 };
@@ -47,29 +46,11 @@ struct Options {
   bool json = false;
 };
 
-/// The program that would run there, or a stand-in beside it: the agent looks for its bundle from
-/// its program upwards.
-fs::path programAt(const std::string& given) {
-  const fs::path path = fs::canonical(given);
-  if (!fs::is_directory(path)) return path;
-  fs::path folder = path;
-  const fs::path inside = path / "PlugIns";
-  if (path.extension() == ".app" && fs::is_directory(inside)) {
-    for (const auto& entry : fs::directory_iterator(inside)) {
-      if (entry.path().extension() != ".appex") continue;
-      if (folder != path)
-        throw std::runtime_error(path.string() + " has several extensions: name one");
-      folder = entry.path();
-    }
-  }
-  return folder / folder.stem();
-}
-
 int run(const Options& options) {
   using skelda::platform::Bundle;
   // What the agent's code says while it reads is for its own log.
   skelda::platform::Log::setSink({});
-  Bundle::setMain(Bundle::above(programAt(options.bundle).string()));
+  Bundle::setMain(Bundle::above(skelda::tools::programOfBundle(options.bundle)));
   auto sight = SkeldaSight::ofFiles();
   if (!options.server.empty()) sight.server = options.server;
   auto status = sight.status();

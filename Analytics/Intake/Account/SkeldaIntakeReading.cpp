@@ -115,7 +115,7 @@ std::optional<SkeldaIntakeReading> SkeldaIntakeReading::of(const std::string& pa
     return std::nullopt;
   }
   SkeldaIntakeReading reading{SkeldaAccounting::accountOf(page.account),
-                              SkeldaIntakeLayout::serverIn(page)};
+                              SkeldaIntakeLayout::serverIn(page), page.keyHash};
   guessWaiting(reading.account.events);
   guessWaiting(reading.account.choices);
   return reading;

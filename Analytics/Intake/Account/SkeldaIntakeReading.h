@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,8 @@ struct SkeldaIntakeReading {
   SkeldaAccount account;
   /// The address that the host set last; empty where its last start has set none.
   std::string server;
+  /// Of the API key that what waits was accepted under.
+  std::uint64_t keyHash = 0;
 
   /// Nothing, and an error, where there is no such file or it is none of this format.
   static std::optional<SkeldaIntakeReading> of(const std::string& path,

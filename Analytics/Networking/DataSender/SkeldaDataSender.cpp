@@ -21,6 +21,7 @@ constexpr std::int64_t kMalformed = 400;
 struct SharedSender {
   platform::Mutex mutex;
   std::shared_ptr<SkeldaDataSender> sender GUARDED_BY(mutex);
+  platform::ErrorRef lastFailure GUARDED_BY(mutex);
 };
 
 SharedSender& shared() {
@@ -55,6 +56,12 @@ void SkeldaDataSender::setupInstanceWithQueue(
   if (one.sender != nullptr) return;
   one.sender =
       senderWithQueue(std::move(queue), std::move(backgroundTracker), SkeldaHostSettings::apiKey());
+}
+
+std::string SkeldaDataSender::lastFailure() {
+  SharedSender& one = shared();
+  const platform::MutexLock lock(one.mutex);
+  return one.lastFailure != nullptr ? one.lastFailure->localizedDescription() : "";
 }
 
 std::shared_ptr<SkeldaDataSender> SkeldaDataSender::sharedInstance() {
@@ -223,6 +230,11 @@ namespace {
 
 /// An answer means that the server had the whole body.
 void accountAnswer(const SkeldaURLSessionTask& task, const SkeldaHTTPURLResponse& response) {
+  {
+    SharedSender& one = shared();
+    const platform::MutexLock lock(one.mutex);
+    one.lastFailure = response.statusCode() == 0 ? response.error() : nullptr;
+  }
   if (response.statusCode() == 0) return;
   SkeldaAccountPage& page = SkeldaAccounting::page();
   const auto& body = task.task()->originalRequest().body;

@@ -66,53 +66,6 @@ TEST(SkeldaWatch, TheFirstEventStartsTheAgentOnceAndLetsThroughWhatWasSaidBefore
   for (const char* value : {"unseen", "dW5zZWVu"}) EXPECT_EQ(outcome.count(value), 0) << value;
 }
 
-/// Three events of a host with that Info.plist, in that bundle.
-int logThree(platform::Dictionary information, const std::string& bundle) {
-  platform::Bundle::setMain(
-      std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
-  for (int event = 0; event < 3; ++event) SkeldaWatch::logWatchEvent("Lap", {{"lap", event}});
-  SkeldaWatch::waitUntilStored(std::chrono::seconds(20));
-  return 0;
-}
-
-const Scenario wellSet("well set", [] { return logThree(kWatch, "/Watch.appex"); });
-const Scenario debugging("debugging", [] {
-  auto information = kWatch;
-  information.set("Skelda Watch Debug", true);
-  return logThree(information, "/Watch.appex");
-});
-const Scenario withoutKey("without a key", [] {
-  return logThree({{"CFBundleIdentifier", "com.example.run"}}, "/Watch.appex");
-});
-const Scenario withoutExtension("without an extension",
-                                [] { return logThree(kWatch, "/Run.app"); });
-const Scenario withoutIdentifier("without an identifier", [] {
-  return logThree({{"Skelda Watch API Key", "KEY"}}, "/Watch.appex");
-});
-
-TEST(SkeldaWatch, IsQuietButForWhatADeveloperMustActOn) {
-  struct Case {
-    const char* scenario;
-    int lines;
-    const char* part;
-  };
-  const Case cases[] = {
-      {"well set", 0, ""},
-      {"without a key", 1, "no \"Skelda Watch API Key\" in the Info.plist of /Watch.appex"},
-      {"without an extension", 1, "/Run.app is no watch extension"},
-      {"without an identifier", 1, "no CFBundleIdentifier in the Info.plist"},
-  };
-  for (const auto& [scenario, lines, part] : cases) {
-    AgentHome home;
-    const auto outcome = Scenario::run(scenario, "");
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.count("\n"), lines) << scenario << ": " << outcome.output;
-    EXPECT_NE(outcome.output.find(part), std::string::npos) << outcome.output;
-  }
-  AgentHome home;
-  EXPECT_GT(Scenario::run("debugging", "").count("\n"), 0);
-}
-
 /// One round of what a host, its phone and the system can say beside events.
 void sayEverything(const std::string& text) {
   const auto number = static_cast<std::int32_t>(text.size());
@@ -192,6 +145,8 @@ const Scenario startThatThrows("a start that throws", [] {
   SkeldaUserProperties::flag("x");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "first");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "second");
+  const auto found = SkeldaWatch::status().findings;
+  expect(std::ranges::count(found, "not-started", &SkeldaFinding::code) == 1, "told");
   SkeldaCCPA::setDelete();
   return failures;
 });

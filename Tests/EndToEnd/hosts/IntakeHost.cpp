@@ -109,16 +109,16 @@ void waits() {
   print("stored", stored);
 }
 
-/// What the agent says of itself, before it has begun and while it runs.
+/// What the agent says of itself, once an event was refused or has been stored.
 void tellsStatus() {
-  print("before", static_cast<unsigned long long>(SkeldaWatch::status().holder));
-  SkeldaWatch::logWatchEvent("said");
+  print("accepted", SkeldaWatch::logWatchEvent("said"));
   SkeldaWatch::waitUntilStored(20s);
   const auto status = SkeldaWatch::status();
   print("held", status.holdsUp());
   std::string found;
   for (const auto& finding : status.findings) found += " " + finding.code;
   std::printf("found:%s\n", found.c_str());
+  std::fflush(stdout);
 }
 
 /// On the main queue, which nobody serves meanwhile, as the first thing that the agent is asked.
@@ -140,6 +140,10 @@ int main(int, char** arguments) {
   if (way == "flood") flood(static_cast<unsigned>(std::stoul(arguments[2])));
   if (way == "wait") waits();
   if (way == "status") tellsStatus();
+  if (way == "stays") {
+    tellsStatus();
+    ::pause();
+  }
   if (way == "choices") {
     SkeldaCCPA::setDataSaleOptOut(true);
     SkeldaUserProperties::setValue("said", "early");
