@@ -1,9 +1,10 @@
-#include <fmt/ranges.h>
+#include <fmt/format.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <initializer_list>
+#include <string_view>
 #include <utility>
 
 #include "Analytics/Status/SkeldaSight.h"
@@ -17,14 +18,19 @@ namespace {
 class Findings {
  public:
   explicit Findings(std::vector<SkeldaFinding>& found) : found_(found) {}
-  void holdsUp(const char* code, std::string text, std::string next) {
-    found_.push_back({code, true, std::move(text), std::move(next)});
+  void holdsUp(const char* code, std::string_view text, std::string_view next) {
+    add(code, true, text, next);
   }
-  void note(const char* code, std::string text, std::string next = {}) {
-    found_.push_back({code, false, std::move(text), std::move(next)});
+  void note(const char* code, std::string_view text, std::string_view next = {}) {
+    add(code, false, text, next);
   }
 
  private:
+  [[gnu::noinline]] void add(const char* code, bool isBlocking, std::string_view text,
+                             std::string_view next) {
+    found_.push_back({code, isBlocking, std::string(text), std::string(next)});
+  }
+
   std::vector<SkeldaFinding>& found_;
 };
 
@@ -167,11 +173,10 @@ void ofPhone(const SkeldaSight& sight, Findings& findings) {
     findings.note("keychain", "Whether a phone has given its identifiers cannot be read.",
                   "Look as the program's user, with its XDG_STATE_HOME.");
   } else if (sight.openEvents != 0 && !sight.missing.empty()) {
-    findings.holdsUp(
-        "records-missing",
-        fmt::format("The open log cannot be closed without: {}.", fmt::join(sight.missing, ", ")),
-        "The agent observes them by itself, some on the main queue: see that the host "
-        "serves it, where it has taken it over.");
+    findings.holdsUp("records-missing",
+                     fmt::format("The open log cannot be closed without: {}.", sight.missing),
+                     "The agent observes them by itself, some on the main queue: see that the host "
+                     "serves it, where it has taken it over.");
   }
 }
 
@@ -213,9 +218,10 @@ void ofLogs(const SkeldaSight& sight, Findings& findings) {
 std::string timeOf(std::int64_t microseconds) {
   const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
   struct ::tm parts {};
-  ::gmtime_r(&seconds, &parts);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} UTC", parts.tm_year + 1900,
-                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+  char text[40];
+  const auto length =
+      std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", ::gmtime_r(&seconds, &parts));
+  return std::string(text, length);
 }
 
 void ofAnswer(const SkeldaSight& sight, Findings& findings) {

@@ -171,7 +171,9 @@ void lookAtOpenLog(SkeldaSight& sight) {
     if (type == FrameType::kEvent) ++sight.openEvents;
   }
   for (const std::int32_t type : FrameType::frameTypesWithRole(FrameType::kMandatory)) {
-    if (!types.contains(type)) sight.missing.emplace_back(FrameType::classNameForFrameType(type));
+    if (types.contains(type)) continue;
+    if (!sight.missing.empty()) sight.missing += ", ";
+    sight.missing += FrameType::classNameForFrameType(type);
   }
 }
 

@@ -46,8 +46,8 @@ struct SkeldaSight {
   SkeldaAccount account;
   std::string server;
   Seen identifiers = Seen::unknown;
-  std::uint64_t openEvents = 0;      ///< in the open log
-  std::vector<std::string> missing;  ///< records that it must hold, and does not
+  std::uint64_t openEvents = 0;  ///< in the open log
+  std::string missing;           ///< records that it must hold, and does not: "a, b"
   /// Of another API key than the bundle's: stored blocks, and events and choices that wait.
   std::uint64_t blocksOfOtherKeys = 0;
   bool journalIsOfOtherKey = false;

@@ -16,7 +16,7 @@ import threading
 import time
 import unittest
 
-from support import BUILD, EXAMPLE, HOSTS, NAMELESS, NOWHERE, ROOT, Collector, Home, eventually, give_identifiers
+from support import BUILD, EXAMPLE, HOSTS, NAMELESS, NOWHERE, ROOT, Collector, Home, eventually, events_of, give_identifiers
 
 BUNDLE_TOOL = BUILD / "Tools/skelda-bundle/skelda-bundle"
 DOCTOR = BUILD / "Tools/skelda-doctor/skelda-doctor"
@@ -252,7 +252,7 @@ class Doctor(unittest.TestCase):
             give_identifiers(home)
             environment = quiet(home, SSL_CERT_FILE=collector.authority)
             with home.start("--rate", "50", "--events", "2000", "--server", collector.url, environment=environment) as host:
-                self.assertTrue(eventually(collector.entries))
+                self.assertTrue(eventually(lambda: events_of(collector.logs())))
                 # Beside an agent at work, over and over: neither is in the other's way.
                 for _ in range(10):
                     status, found, report = doctor(home.bundle, environment=environment)
@@ -264,6 +264,11 @@ class Doctor(unittest.TestCase):
                 self.assertEqual(collector.url, report["server"])
                 host.kill()
                 self.assertNotIn("Skelda", host.output)
+            # A log of one event alone: it lacks whatever each log must hold beside it.
+            home.current_log.write_bytes(events_of(collector.logs())[0].raw)
+            missing = doctor(home.bundle, "--no-network", environment=environment)[1]["records-missing"]
+            self.assertTrue(missing["blocking"])
+            self.assertIn("SkeldaStreamAppState", missing["text"])
 
     def test_each_code_is_in_the_document_and_no_other(self):
         sources = "".join((ROOT / path).read_text() for path in ("Analytics/Status/SkeldaFindings.cpp", "Tools/skelda-doctor/Probe.cpp"))
