@@ -16,7 +16,7 @@ const PRESETS = [
 
 const byId = (id) => document.getElementById(id);
 const state = {
-  token: "", cards: [], buckets: new Map(), bucketSeconds: 10, account: null, faults: [], faultsAt: 0,
+  token: "", cards: [], buckets: new Map(), bucketSeconds: 10, account: null, faults: [], faultsAt: 0, faultsSequence: 0,
   name: "", session: "", events: [], nextEvents: null, fresh: new Set(), unseen: 0, ready: false,
 };
 
@@ -125,6 +125,7 @@ async function load() {
     state.cards = all.cards;
     state.bucketSeconds = all.bucketSeconds;
     state.buckets = new Map(all.buckets.map((bucket) => [bucket.at, bucket.counts]));
+    state.faultsSequence = 0;
     takeFaults(all.faults);
     state.account = await ask("/page/account");
     state.ready = true;
@@ -157,7 +158,7 @@ function follow(after) {
     bump(4, 1);
     refreshAccount();
   });
-  mine.addEventListener("faults", (message) => takeFaults(JSON.parse(message.data)));
+  mine.addEventListener("faults", (message) => takeFaults({ sequence: Number(message.lastEventId), list: JSON.parse(message.data) }));
 }
 
 function bump(which, amount) {
@@ -490,8 +491,11 @@ function showAccount() {
 
 // -- Faults
 
-function takeFaults(faults) {
-  state.faults = faults;
+/** An answer may be older than a message that came before it. */
+function takeFaults({ sequence, list }) {
+  if (sequence < state.faultsSequence) return;
+  state.faultsSequence = sequence;
+  state.faults = list;
   state.faultsAt = performance.now();
   showFaults();
 }
