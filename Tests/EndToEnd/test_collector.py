@@ -157,8 +157,15 @@ class CollectorTest(unittest.TestCase):
                 self.assertLess(time.monotonic() - began, 5)
                 slow.sendall(LOG[-2:])
                 self.assertIn(b" 200 ", slow.recv(100))
+                # A head has an end, in time and in bytes.
+                dribbling = connect()
+                dribbling.sendall(b"GET /healthz HTTP/1.1\r\nX-More: ")
+                began = time.monotonic()
+                while dribbling.recv(1000):
+                    pass
+                self.assertLess(time.monotonic() - began, 15)
                 endless = connect()
-                with self.assertRaises(OSError):  # a head has an end
+                with self.assertRaises(OSError):
                     while True:
                         endless.sendall(b"GET /healthz HTTP/1.1\r\n" + b"X-More: yes\r\n" * 10000)
                 self.assertEqual(200, Client(collector).post(LOG)[0])

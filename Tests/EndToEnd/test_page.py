@@ -73,7 +73,7 @@ class Page(unittest.TestCase):
 
             self.look_for_markup_and_open_what_is_found(page, collector)
             self.play_a_fault_and_see_repeats_and_gaps(page, collector)
-            for name, settings in (("dark", {"dark": True}), ("phone", {"width": 390, "height": 844, "phone": True}),
+            for name, settings in (("whole", {"height": 1500}), ("dark", {"dark": True}), ("phone", {"width": 390, "height": 844, "phone": True}),
                                    ("phone-dark", {"width": 390, "height": 844, "phone": True, "dark": True})):
                 self.assertFalse(page.screenshot(PICTURES / f"{name}.png", **settings), name)
             self.assertEqual([], page.complaints)
@@ -94,6 +94,7 @@ class Page(unittest.TestCase):
         page.until(f"{NAMES_SHOWN}.length === 1")
         self.assertEqual([HOSTILE[0]], page.see(NAMES_SHOWN))
         rows = page.until("document.querySelectorAll('#log-rows tr').length")
+        self.assertFalse(page.screenshot(PICTURES / "filtered.png"))
         self.assertLess(rows, len(collector.entries()))
         page.press("Escape")
         page.until(f"document.querySelectorAll('#log-rows tr').length === {len(collector.entries())}")

@@ -183,6 +183,11 @@ void Arrivals::refused(int status, const std::string& why) {
   tell("refused", {{"status", status}, {"why", why}});
 }
 
+std::uint64_t Arrivals::sequence() const {
+  const MutexLock lock(mutex_);
+  return sequence_;
+}
+
 void Arrivals::faultsChanged(const Json& faults) {
   const MutexLock lock(mutex_);
   tell("faults", faults);

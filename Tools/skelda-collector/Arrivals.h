@@ -23,6 +23,8 @@ class Arrivals {
 
   void took(const LogStore::Entry& entry, const FrameLogReport& report);
   void refused(int status, const std::string& why);
+  /// Of the last message.
+  std::uint64_t sequence() const;
   /// Tells the pages, who are given `faults`, that these have changed.
   void faultsChanged(const Json& faults);
 

@@ -141,20 +141,27 @@ Json Page::faultList() const {
   return list;
 }
 
+Json Page::faultState() const {
+  // Read first: what is older than a message that a page has seen must not say that it is newer.
+  const auto sequence = arrivals_.sequence();
+  return {{"sequence", sequence}, {"list", faultList()}};
+}
+
 void Page::tellFaults() {
+  const MutexLock inOrder(telling_);
   arrivals_.faultsChanged(faultList());
 }
 
 void Page::sendState(const httplib::Request&, httplib::Response& response) {
   auto state = arrivals_.state();
   state["token"] = token_;
-  state["faults"] = faultList();
+  state["faults"] = faultState();
   answer(response, 200, state);
 }
 
 void Page::sendAccount(const httplib::Request&, httplib::Response& response) {
   auto account = arrivals_.account();
-  account["faults"] = faultList();
+  account["faults"] = faultState();
   answer(response, 200, account);
 }
 
@@ -255,5 +262,5 @@ void Page::changeFaults(const httplib::Request& request, httplib::Response& resp
     return answer(response, 400, {{"error", error.what()}});
   }
   tellFaults();
-  answer(response, 200, faultList());
+  answer(response, 200, faultState());
 }

@@ -63,6 +63,7 @@ class Page {
   void changeFaults(const httplib::Request& request, httplib::Response& response,
                     const httplib::ContentReader& read);
   Json faultList() const;
+  Json faultState() const;
 
   const Options options_;
   const std::string token_;
@@ -70,5 +71,6 @@ class Page {
   Arrivals& arrivals_;
   FaultSequence& faults_;
   std::atomic<int> streams_ = 0;
+  skelda::platform::Mutex telling_;  // so that the last list that is told is the newest
   skelda::platform::Mutex reading_;  // one log at a time is read and decoded
 };

@@ -16,7 +16,7 @@ const PRESETS = [
 
 const byId = (id) => document.getElementById(id);
 const state = {
-  token: "", cards: [], buckets: new Map(), bucketSeconds: 10, account: null, faults: [], faultsAt: 0,
+  token: "", cards: [], buckets: new Map(), bucketSeconds: 10, account: null, faults: [], faultsAt: 0, faultsSequence: 0,
   name: "", session: "", events: [], nextEvents: null, fresh: new Set(), unseen: 0, ready: false,
 };
 
@@ -55,6 +55,8 @@ function visible(text, keepLines = false) {
 }
 
 const nameOf = (text) => (text === "" || text == null ? make("span", { class: "note" }, "no name") : visible(text));
+/** The class of a frame in words. */
+const kindOf = (name) => name.replace(/^Skelda(Stream)?/, "").replace(/([a-z])([A-Z])|([A-Z])([A-Z][a-z])/g, "$1$3 $2$4") || "unknown";
 const count = (number) => Number(number || 0).toLocaleString("en");
 const plural = (number, one, many) => `${count(number)} ${number === 1 ? one : many}`;
 
@@ -123,6 +125,7 @@ async function load() {
     state.cards = all.cards;
     state.bucketSeconds = all.bucketSeconds;
     state.buckets = new Map(all.buckets.map((bucket) => [bucket.at, bucket.counts]));
+    state.faultsSequence = 0;
     takeFaults(all.faults);
     state.account = await ask("/page/account");
     state.ready = true;
@@ -155,7 +158,7 @@ function follow(after) {
     bump(4, 1);
     refreshAccount();
   });
-  mine.addEventListener("faults", (message) => takeFaults(JSON.parse(message.data)));
+  mine.addEventListener("faults", (message) => takeFaults({ sequence: Number(message.lastEventId), list: JSON.parse(message.data) }));
 }
 
 function bump(which, amount) {
@@ -360,10 +363,10 @@ function logRow(card) {
   return make("tr", {
     tabindex: "-1", "data-n": card.n, class: [card.repeat ? "repeat" : "", state.fresh.has(card.n) ? "new" : ""].join(" "),
     "aria-label": `Log ${card.n}, ${plural(card.events, "event", "events")}${card.repeat ? ", a repeat" : ""}`,
-  }, make("td", {}, clock(card.time)), make("td", { class: "n" }, marks, ` ${card.counter ?? "\u2014"}`),
+  }, make("td", {}, clock(card.time)), make("td", { class: "n" }, String(card.counter ?? "\u2014")),
   make("td", { class: "watch" }, visible(card.application.trim() || `key \u2026${card.key}`)),
   make("td", { class: "n" }, count(card.events)), make("td", { class: "n" }, count(card.frames)),
-  make("td", { class: "n" }, count(card.bytes)), make("td", { class: "closed" }, visible(closed)));
+  make("td", { class: "n" }, count(card.bytes)), make("td", { class: "closed", title: closed }, marks, visible(closed)));
 }
 
 function showLogs() {
@@ -481,15 +484,18 @@ function showAccount() {
   byId("watches").replaceChildren(...account.watches.map(watchLine));
   if (!account.watches.length) byId("watches").append(make("p", { class: "empty" }, "No watch has sent anything."));
   bars("names", account.names, "none yet");
-  bars("types", account.types.map(([type, name, number]) => [type, number, `${type} ${name.replace(/^Skelda(Stream)?/, "") || "unknown"}`]), "none yet");
+  bars("types", account.types.map(([type, name, number]) => [type, number, `${type} ${kindOf(name)}`]), "none yet");
   const reasons = { 400: "no whole log", 401: "API key", 413: "too large", 503: "too much at once" };
   bars("refused", account.refused.map(([status, number]) => [status, number, `${status} ${reasons[status] || ""}`]), "none");
 }
 
 // -- Faults
 
-function takeFaults(faults) {
-  state.faults = faults;
+/** An answer may be older than a message that came before it. */
+function takeFaults({ sequence, list }) {
+  if (sequence < state.faultsSequence) return;
+  state.faultsSequence = sequence;
+  state.faults = list;
   state.faultsAt = performance.now();
   showFaults();
 }
@@ -528,7 +534,7 @@ async function changeFaults(change) {
 
 // -- One log, its frames beside its bytes
 
-const opened = { n: 0, frames: [], pieces: new Map(), rows: [], chosen: -1, starts: [0], next: null };
+const opened = { n: 0, content: null, frames: [], pieces: new Map(), rows: [], chosen: -1, starts: [0], next: null };
 
 async function openLog(n, offset = null) {
   opened.n = n;
@@ -568,6 +574,7 @@ async function showFrames() {
   byId("log-note").replaceChildren(visible([`arrived ${clock(line.time, true)}`, `${count(line.bytes)} bytes`, plural(line.frames, "frame", "frames"),
     plural(line.events, "event", "events"), `key \u2026${line.key}`, line.repeat ? `a repeat of log ${line.repeat}` : "", `SHA-256 ${String(line.sha256).slice(0, 16)}\u2026`, line.file].filter(Boolean).join(" \u00b7 ")));
   if (content.environment) showEnvironment(content.environment);
+  opened.content = content;
   opened.frames = content.frames;
   opened.next = content.next;
   opened.chosen = -1;
@@ -592,13 +599,12 @@ function showEnvironment(records) {
     return rows;
   };
   byId("environment-list").replaceChildren(...records.map((record) => make("div", {},
-    make("h3", {}, `${record.type} ${record.class.replace(/^Skelda(Stream)?/, "")}`),
+    make("h3", {}, `${record.type} ${kindOf(record.class)}`),
     make("dl", {}, flat(record.payload, [], []).map(([key, value]) => [make("dt", {}, visible(key.replace(/^sk\./, ""))), make("dd", {}, visible(value))])))));
   byId("environment").hidden = !records.length;
 }
 
 function frameRow(frame, i) {
-  const name = frame.class.replace(/^Skelda(Stream)?/, "") || "unknown";
   const event = frame.payload && frame.payload["sk.event.name"];
   const text = frame.payload ? JSON.stringify(frame.payload) : frame.payloadText || "";
   const facts = `version ${frame.version}${frame.bigEndian ? ", big-endian" : ""}, uptime ${frame.uptime} ms, header ${frame.header} + payload ${frame.payloadLength}`
@@ -606,11 +612,13 @@ function frameRow(frame, i) {
   return make("li", {
     class: "frame", role: "option", id: `frame-${i}`, "aria-selected": "false", onclick: () => chooseFrame(i, "bytes"),
     onpointerenter: () => mark(i, "hovered", true), onpointerleave: () => mark(i, "hovered", false),
-  }, make("div", { class: "line1" }, make("span", { class: "kind" }, `${frame.type} ${name} `, event != null ? nameOf(event) : ""),
+  }, make("div", { class: "line1" }, make("span", { class: "kind" }, `${frame.type} ${kindOf(frame.class)} `, event != null ? nameOf(event) : ""),
     make("span", { class: "place" }, `${frame.offset} +${frame.length} \u00b7 ${frame.time.slice(11, 23) || frame.time}`)),
   make("div", { class: "facts" }, facts),
   make("div", { class: "payload", "data-pretty": "" }, visible(text)));
 }
+
+const NARROW = window.matchMedia("(max-width: 700px)");
 
 function pieceOf(frame, offset) {
   const inside = offset - frame.offset;
@@ -621,7 +629,7 @@ function pieceOf(frame, offset) {
 
 function showBytes(content) {
   const raw = atob(content.bytes);
-  const narrow = window.matchMedia("(max-width: 700px)").matches;
+  const narrow = NARROW.matches;
   const width = narrow ? 8 : 16;
   const box = byId("bytes");
   box.className = narrow ? "bytes narrow" : "bytes";
@@ -682,7 +690,7 @@ function chooseFrame(i, follow = "both") {
   showPayload(i, true);
   byId("frames").setAttribute("aria-activedescendant", `frame-${i}`);
   if (follow !== "bytes") opened.rows[i].scrollIntoView({ block: "nearest" });
-  if (follow !== "frames") opened.pieces.get(i)[0]?.scrollIntoView({ block: "nearest" });
+  if (follow !== "frames") opened.pieces.get(i)[0]?.scrollIntoView({ block: "start" });
 }
 
 async function turn(by) {
@@ -750,6 +758,11 @@ function begin() {
     document.title = "skelda-collector";
   });
   window.addEventListener("resize", paced(showRates, 150));
+  NARROW.addEventListener("change", () => {
+    if (!opened.frames.length) return;
+    showBytes(opened.content);
+    if (opened.chosen >= 0) chooseFrame(opened.chosen);
+  });
   window.matchMedia("(prefers-color-scheme: dark)").addEventListener("change", showRates);
   setInterval(() => {
     if (!state.ready) return;
