@@ -188,7 +188,7 @@ class Package(unittest.TestCase):
         plain = [("c", header) for header in headers if header.name == "skelda_watch.h"]
         ways = [(compiler, language, standard, header) for compiler in ("g++", "clang++")
                 for language, header, standards in [("c++", header, ("c++17", "c++20")) for header in headers]
-                + [(language, header, ("c11", "c17")) for language, header in plain] for standard in standards]
+                + [(language, header, ("c99", "c11")) for language, header in plain] for standard in standards]
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             outcomes = [(way, pool.submit(run, way[0], "-x", way[1], f"-std={way[2]}", f"-I{include}", *STRICT, "-",
                                           input=f"#include <{way[3]}>\n")) for way in ways]

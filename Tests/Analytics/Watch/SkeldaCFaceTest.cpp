@@ -99,6 +99,7 @@ void sayEverything() {
   skelda_put_date(lap.get(), "at", 1'000'000);
   skelda_put_value(lap.get(), "list", list.get());
   skelda_put_text(words.get(), nullptr, "a");
+  skelda_put_text(words.get(), nullptr, "b");
   expect(skelda_log_event("Lap", lap.get()), "event");
   expect(skelda_start_timed_event("Climb", nullptr), "start");
   expect(skelda_end_timed_event("Climb", nullptr), "end");
@@ -168,18 +169,25 @@ void callCancelled() {
 std::atomic<int> lines{0};
 void countAndThrow(const char* line, std::size_t length, void* context) {
   expect(context == &lines && std::strlen(line) == length, "a line, with its length and context");
-  expect(!skelda_log_event("from the sink", nullptr), "refused inside");
+  expect(!skelda_log_event("from the sink", nullptr), "an event inside");
+  expect(!skelda_update_consent(false, nullptr, false), "consent inside");
+  skelda_user_property_flag("from the sink");
+  skelda_request_deletion();
   ++lines;
   throw std::runtime_error("as a C++ host might");
 }
 
-// Events, their names and parameters in base64, the text of a date and of a list among them.
+// Events, their names and parameters in base64, the text of a date and of a list among them. The
+// end of a timed one has an id of its own, as the frame catalogue says.
 constexpr std::string_view kSaid =
-    R"(TGFw{"cGFjZQ==":"NToxMA==","bGFw":"LTkyMjMzNzIwMzY4NTQ3NzU4MDg=","Y2xpbWI=":"MS41",)"
-    R"("b24=":"MQ==","YXQ=":"MTk3MC0wMS0wMVQwMDowMDowMVo=","bGlzdA==":"WyJ0ZWEiLC0zLFsidGVhIiwtM11d"})"
-    "\nQ2xpbWI= start{}\nQ2xpbWI= end{}\nU29ja3M={}bought\n{\"sk.demo.userid\":\"ann\"}\n"
-    "1p[\"1\"]\n1p[\"a\"]\n2p[\"2\"]\n2p[\"a\"]\n3p[\"3\"]\n3p[\"a\"]\n4p[]\n"
-    "6Skelda.Subscriber[\"true\"]\n{\"sk.ccpa.optout\":true}\n{}\nY2FuY2VsbGVk{}\n";
+    R"(1CUSTOM_EVENT TGFw{"cGFjZQ==":"NToxMA==","bGFw":"LTkyMjMzNzIwMzY4NTQ3NzU4MDg=",)"
+    R"("Y2xpbWI=":"MS41","b24=":"MQ==","YXQ=":"MTk3MC0wMS0wMVQwMDowMDowMVo=",)"
+    R"("bGlzdA==":"WyJ0ZWEiLC0zLFsidGVhIiwtM11d"})"
+    "\n2CUSTOM_EVENT Q2xpbWI= start{}\n3CUSTOM_EVENT Q2xpbWI= end{}\n4PURCHASE_EVENT U29ja3M={}"
+    "bought\n{\"sk.demo.userid\":\"ann\"}\n"
+    "1p[\"1\"]\n1p[\"a\",\"b\"]\n2p[\"2\"]\n2p[\"a\",\"b\"]\n3p[\"3\"]\n3p[\"a\",\"b\"]\n4p[]\n"
+    "6Skelda.Subscriber[\"true\"]\n{\"sk.ccpa.optout\":true}\n{}\n"
+    "5CUSTOM_EVENT Y2FuY2VsbGVk{}\n";
 
 const Scenario fromC("from C", [] {
   becomeHost(kWatch);
@@ -195,7 +203,10 @@ const Scenario fromC("from C", [] {
   std::string said;
   for (const auto& message : recorder->messages(23)) {
     if (const auto* e = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
-      said += *e->eventName() + (e->timed() ? e->starting() ? " start" : " end" : "") +
+      expect(platform::Date::now() - *e->timestamp() < std::chrono::minutes(5), "its own time");
+      expect(e->duration() == 0, "no duration, as the frame catalogue says");
+      said += std::to_string(e->eventId()) + *e->eventType() + " " + *e->eventName() +
+              (e->timed() ? e->starting() ? " start" : " end" : "") +
               platform::Value(e->parameters()).description() + (e->transaction() ? "bought" : "");
     } else if (const auto* p = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
       said += std::to_string(p->callType()) + *p->propertyName() +

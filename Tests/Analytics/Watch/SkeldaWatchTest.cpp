@@ -160,31 +160,10 @@ TEST(SkeldaWatch, AStartThatThrowsCountsAsDoneAndIsSaidOnce) {
             1);
 }
 
-// -- Odd moments
-
-const Scenario fromASink("from a sink", [] {
-  becomeHost(kWatch);
-  static std::atomic<unsigned> accepted{0}, lines{0};
-  platform::Log::setSink([](std::string_view) {
-    ++lines;
-    accepted += SkeldaWatch::logWatchEvent("from the sink");
-    accepted += SkeldaConsent::updateConsentInformation({false, {}}) ? 1U : 0U;
-    SkeldaUserProperties::flag("from the sink");
-    SkeldaCCPA::setDelete();
-  });
-  expect(SkeldaWatch::logWatchEvent("Lap") == 1, "outside");
-  recordSources()->messages(8);
-  platform::Log::flush(std::chrono::seconds(10));
-  expect(accepted == 0 && lines > 0, "inside");
-  return failures;
-});
-
-TEST(SkeldaWatch, IsSafeFromManyThreadsAndFromSinks) {
-  for (const char* scenario : {"eight threads", "from a sink"}) {
-    AgentHome home;
-    const auto outcome = Scenario::run(scenario);
-    EXPECT_EQ(outcome.status, 0) << scenario << "\n" << outcome.output;
-  }
+TEST(SkeldaWatch, IsSafeFromManyThreads) {
+  AgentHome home;
+  const auto outcome = Scenario::run("eight threads");
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
 }
 
 // -- Settings and small questions

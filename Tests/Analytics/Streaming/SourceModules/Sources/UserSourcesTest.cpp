@@ -2,17 +2,15 @@
 
 #include <gmock/gmock.h>
 
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
-#include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Tests/Support/Recorded.h"
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Analytics/Threads.h"
 #include "Tests/Support/LogCapture.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 namespace {
@@ -117,37 +115,16 @@ TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough)
   EXPECT_EQ(late->threads.wait(201).size(), 201U);
 }
 
-TEST(UserSources, SendEachChangeAsItsMessage) {
-  SourceRig<SkeldaCCPASource> privacy;
-  privacy->setCCPAOptOut(true);
-  privacy->setCCPADelete();
-  EXPECT_THAT(privacy.texts(), ElementsAre(R"(174 {"sk.ccpa.optout":true})", "175 {}"));
-
+TEST(ConsentSource, SendsWhatWasGivenBeforeItsStartAndEachChange) {
   SourceRig<SkeldaConsentSource> consent;
   SkeldaConsentCore::sharedInstance()->updateUserConsent({true, {{"iab", "x"}}});
-  consent->startup();  // finds consent given before
+  consent->startup();
   EXPECT_EQ(consent.recorder->messages(1).size(), 1U);
   SkeldaConsentCore::sharedInstance()->updateUserConsent({false, {}});
   EXPECT_EQ(consent.recorder->messages(2).size(), 2U);
   EXPECT_THAT(consent.texts(),
               ElementsAre(R"(0 {"sk.consent.isGdprScope":true,"sk.consent.strings":{"iab":"x"}})",
                           R"(0 {"sk.consent.isGdprScope":false,"sk.consent.strings":{}})"));
-
-  SourceRig<SkeldaUserPropertiesSource> properties;
-  properties->setUserProperties("p", Array{"a", "b"});
-  properties->setUserPropertiesValue("p", Array{"c"});
-  properties->addUserProperties("p", Array{"d"});
-  properties->removeUserProperties("p", Array{"e"});
-  properties->removeUserProperties("p");
-  properties->flagUserProperties("p");
-  std::vector<std::string> operations;
-  for (const auto& message : properties.sent()) {
-    const auto& record = dynamic_cast<const SkeldaStreamUserProperties&>(*message);
-    operations.push_back(std::to_string(record.callType()) + *record.propertyName() +
-                         Value(record.propertyValues().value()).description());
-  }
-  EXPECT_THAT(operations, ElementsAre("1p[\"a\",\"b\"]", "1p[\"c\"]", "2p[\"d\"]", "3p[\"e\"]",
-                                      "4p[]", "6p[\"true\"]"));
 }
 
 }  // namespace
