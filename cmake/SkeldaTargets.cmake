@@ -51,6 +51,9 @@ if(SKELDA_LTO AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   set(skelda_lto -flto -ffat-lto-objects)
   target_link_options(skelda_flags INTERFACE
     $<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>>:-fno-lto>)
+  # An archive's index names what the code defines. As the linker's plugin writes it, it also names
+  # what was inlined away, and an archive that stands twice in a command is taken in twice.
+  set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> --plugin /dev/null <TARGET>")
 endif()
 
 # The source files below FOLDER, but for those in the folders named behind it.
