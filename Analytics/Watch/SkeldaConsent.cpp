@@ -18,8 +18,9 @@ bool SkeldaConsent::updateConsentInformation(const SkeldaConsent& consent) noexc
     // The answer is the store's, which is in memory: what is kept is for a start after a kill.
     const bool taken = SkeldaConsentCore::sharedInstance()->updateUserConsent(consent);
     const platform::Value scope(consent.isGDPRScope_), strings(consent.consentStrings_),
-        legitimate(consent.isLICNEnabled_);
-    skelda::keepChoice(SkeldaIntakeCall::Kind::consent, {scope, strings, legitimate});
+        legitContractInterestNecessity(consent.isLICNEnabled_);
+    skelda::keepChoice(SkeldaIntakeCall::Kind::consent,
+                       {scope, strings, legitContractInterestNecessity});
     return taken;
   });
 }

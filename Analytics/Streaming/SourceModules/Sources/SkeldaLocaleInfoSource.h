@@ -15,7 +15,11 @@ class SkeldaLocaleInfoSource
 
  private:
   friend SkeldaSource;
-  SkeldaLocaleInfoSource() : SkeldaNotifiedSource(platform::kCurrentLocaleDidChangeNotification) {}
+  friend SkeldaNotifiedSource;
+  SkeldaLocaleInfoSource()
+      : SkeldaNotifiedSource(platform::kCurrentLocaleDidChangeNotification,
+                             &SkeldaLocaleInfoSource::localeChanged) {}
+  void localeChanged() { post<&SkeldaLocaleInfoSource::onqueue_fetchAndSendLocale>(); }
   void onqueue_fetchAndSend() override { onqueue_fetchAndSendLocale(); }
   void onqueue_fetchAndSendLocale();
 };

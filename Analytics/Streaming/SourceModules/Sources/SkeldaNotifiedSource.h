@@ -17,7 +17,9 @@ class SkeldaNotifiedSource : public SkeldaSource<Self, Protocol> {
   }
 
  protected:
-  explicit SkeldaNotifiedSource(std::string_view notification) : notification_(notification) {}
+  /// HANDLER is called on whichever thread the notification comes, and posts.
+  SkeldaNotifiedSource(std::string_view notification, void (Self::*handler)())
+      : notification_(notification), handler_(handler) {}
   virtual void onqueue_fetchAndSend() = 0;
 
   void onqueue_startup() override {
@@ -34,13 +36,12 @@ class SkeldaNotifiedSource : public SkeldaSource<Self, Protocol> {
     std::weak_ptr<SkeldaNotifiedSource> weakSelf = SkeldaActor::selfOf(this);
     observation_ = platform::NotificationCenter::defaultCenter().addObserver(
         notification_, [weakSelf](const platform::Notification&) {
-          if (const auto self = weakSelf.lock()) {
-            self->template post<&SkeldaNotifiedSource::onqueue_fetchAndSend>();
-          }
+          if (const auto self = weakSelf.lock()) (static_cast<Self&>(*self).*self->handler_)();
         });
     platform::EnvironmentMonitor::startShared();
   }
 
   const std::string_view notification_;
+  void (Self::*const handler_)();
   platform::NotificationCenter::Token observation_ = 0;
 };

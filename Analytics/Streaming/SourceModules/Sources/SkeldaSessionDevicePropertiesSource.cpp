@@ -33,8 +33,14 @@ void SkeldaSessionDevicePropertiesSource::onqueue_reportFactsOf(
         SkeldaStreamSessionDeviceProperties::dataWithSessionDevicePropertiesData(*data));
     return;
   }
+  onqueue_updateWithData(*data);
+}
+
+void SkeldaSessionDevicePropertiesSource::onqueue_updateWithData(
+    const SkeldaSessionDevicePropertiesData& end) {
+  SKELDA_ON_QUEUE();
   auto message = SkeldaStreamSessionDeviceProperties::dataWithSessionDevicePropertiesData(
       *sessionDevicePropertiesData_);
-  message->updateWithData(*data);
+  message->updateWithData(end);
   onqueue_streamMessage(std::move(message));
 }

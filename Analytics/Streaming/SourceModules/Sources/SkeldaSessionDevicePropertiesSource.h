@@ -18,6 +18,7 @@ class SkeldaSessionDevicePropertiesSource
   friend SkeldaSource;
   SkeldaSessionDevicePropertiesSource() = default;
   void onqueue_setSessionDevicePropertiesData(DataRef data);
+  void onqueue_updateWithData(const SkeldaSessionDevicePropertiesData& end);
   void onqueue_reportFactsOf(SkeldaSessionDevicePropertiesDataProvider& provider) override;
 
   DataRef sessionDevicePropertiesData_;

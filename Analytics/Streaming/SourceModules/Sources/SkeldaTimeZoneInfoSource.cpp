@@ -6,10 +6,10 @@
 
 void SkeldaTimeZoneInfoSource::onqueue_fetchAndSendTimeZone() {
   SKELDA_ON_QUEUE();
-  const auto zone = platform::TimeZone::local();
+  const auto localTimeZone = platform::TimeZone::local();
   // The blank at the end is part of the line.
   SKELDA_LOG(2, "{}: Got New TimeZone Info [{}] ",
              "-[SkeldaTimeZoneInfoSource onqueue_fetchAndSendTimeZone]",
-             skelda::textOrNull(zone.name));
-  onqueue_streamMessage(SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(zone.name));
+             skelda::textOrNull(localTimeZone.name));
+  onqueue_streamMessage(SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(localTimeZone.name));
 }

@@ -15,8 +15,11 @@ class SkeldaTimeZoneInfoSource
 
  private:
   friend SkeldaSource;
+  friend SkeldaNotifiedSource;
   SkeldaTimeZoneInfoSource()
-      : SkeldaNotifiedSource(platform::kSystemTimeZoneDidChangeNotification) {}
+      : SkeldaNotifiedSource(platform::kSystemTimeZoneDidChangeNotification,
+                             &SkeldaTimeZoneInfoSource::timeZoneDidChange) {}
+  void timeZoneDidChange() { post<&SkeldaTimeZoneInfoSource::onqueue_fetchAndSendTimeZone>(); }
   void onqueue_fetchAndSend() override { onqueue_fetchAndSendTimeZone(); }
   void onqueue_fetchAndSendTimeZone();
 };
