@@ -13,18 +13,23 @@ namespace skelda::testing {
 /// How a call fails.
 struct Fault {
   int error = 5;  ///< errno; 5 is EIO
-  /// Writes only so many bytes first; the rest is the failure.
+  /// Does only so many bytes, or half of them, and succeeds.
   std::optional<std::size_t> shortLength = std::nullopt;
   /// How many calls fail in a row, from the one named.
   std::size_t times = 1;
 
+  /// It is the last thing that the process does.
+  bool kills = false;
+
   static constexpr std::size_t kForEver = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t kHalf = kForEver;
 };
 
 /// Says which calls of a fake fail, by number or by kind, and remembers what was called. The kind
 /// of a call is the name of its method. Any thread.
 class FaultPlan {
  public:
+  virtual ~FaultPlan() = default;
   /// The `number`th call of any kind from now on, counted from 1.
   void failCall(std::size_t number, Fault fault = {}) {
     std::lock_guard lock(mutex_);
@@ -42,7 +47,7 @@ class FaultPlan {
   }
 
   /// Counts one call and says whether it is to fail. For the fakes.
-  std::optional<Fault> next(std::string_view kind) {
+  virtual std::optional<Fault> next(std::string_view kind) {
     std::lock_guard lock(mutex_);
     const std::string name(kind);
     const std::size_t count = ++counts_[name];

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <utility>
@@ -84,6 +86,9 @@ class FaultyFileCalls : public platform::FileCalls {
   int makeDirectory(const char* path, ::mode_t mode) override {
     return fails("makeDirectory", path) ? -1 : FileCalls::makeDirectory(path, mode);
   }
+  int removeDirectory(const char* path) override {
+    return fails("removeDirectory", path) ? -1 : FileCalls::removeDirectory(path);
+  }
   ::ssize_t entries(int fd, void* room, std::size_t length) override {
     return fails("entries", fd) ? -1 : FileCalls::entries(fd, room, length);
   }
@@ -100,20 +105,19 @@ class FaultyFileCalls : public platform::FileCalls {
   }
 
  private:
-  bool concerns(const std::string& path) const { return path.find(only_) != std::string::npos; }
+  // Nothing is allocated here: allocations may be what fails.
+  bool concerns(std::string_view path) const { return path.find(only_) != path.npos; }
   bool concerns(int fd) const {
     if (only_.empty()) return true;
-    char path[4096];
-    const auto length =
-        ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return length > 0 && concerns(std::string(path, static_cast<std::size_t>(length)));
+    char link[32], path[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const auto length = ::readlink(link, path, sizeof path);
+    return length > 0 && concerns(std::string_view(path, static_cast<std::size_t>(length)));
   }
-  template <class Where>
-  std::optional<Fault> faultAt(const char* kind, const Where& where) {
+  std::optional<Fault> faultAt(const char* kind, auto where) {
     return concerns(where) ? plan_->next(kind) : std::nullopt;
   }
-  template <class Where>
-  bool fails(const char* kind, const Where& where) {
+  bool fails(const char* kind, auto where) {
     const auto fault = faultAt(kind, where);
     if (fault) errno = fault->error;
     return fault.has_value();
@@ -122,9 +126,13 @@ class FaultyFileCalls : public platform::FileCalls {
   ::ssize_t limited(const char* kind, int fd, std::size_t length, Call call) {
     const auto fault = faultAt(kind, fd);
     if (!fault) return call(length);
-    if (fault->shortLength) return call(std::min(*fault->shortLength, length));
-    errno = fault->error;
-    return -1;
+    if (!fault->shortLength) return errno = fault->error, -1;
+    // Half of one byte would be the end of the file.
+    const std::size_t half = std::max(length / 2, std::min<std::size_t>(length, 1));
+    const auto done =
+        call(std::min(fault->shortLength == Fault::kHalf ? half : *fault->shortLength, length));
+    if (fault->kills) ::kill(::getpid(), SIGKILL);
+    return done;
   }
 
   FaultPlanRef plan_;
