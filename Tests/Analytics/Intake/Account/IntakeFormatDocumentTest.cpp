@@ -1,29 +1,12 @@
 // The document of the intake file shows the bytes that the agent writes.
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
+#include "Tests/Support/Documents.h"
 
 namespace skelda::testing {
 namespace {
-
-/// Lines of an offset, the bytes, and the same as text; lines of nothing but zeros are left out.
-std::string hexDump(std::string_view bytes) {
-  std::string dump;
-  for (std::size_t line = 0; line < bytes.size(); line += 16) {
-    const std::string_view part = bytes.substr(line, 16);
-    if (part.find_first_not_of('\0') == std::string_view::npos) continue;
-    std::string hex;
-    std::string text;
-    for (const char c : part) {
-      hex += fmt::format(" {:02x}", static_cast<unsigned char>(c));
-      text += c >= 0x20 && c < 0x7F ? c : '.';
-    }
-    dump += fmt::format("{:08x} {:<48}  {}\n", line, hex, text);
-  }
-  return dump;
-}
 
 TEST(IntakeFormatDocument, ShowsTheBytesThatTheAgentWrites) {
   using namespace SkeldaIntakeLayout;
@@ -53,9 +36,8 @@ TEST(IntakeFormatDocument, ShowsTheBytesThatTheAgentWrites) {
       record.checksum = checksumOf(record, place, kSalt);
     }
   });
-  const std::string document = readFile(std::string(SKELDA_DOCS_FOLDER) + "/intake-format.md");
-  const std::string dump = hexDump(readFile(files.path_));
-  EXPECT_NE(document.find("```hex intake\n" + dump + "```\n"), std::string::npos) << dump;
+  EXPECT_EQ(fencedBlock(document("intake-format.md"), "hex intake"),
+            hexDump(readFile(files.path_)));
 }
 
 }  // namespace
