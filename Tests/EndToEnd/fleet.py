@@ -1,0 +1,177 @@
+"""What stands behind many devices, as processes on loopback ports: the servers of the stream, and
+collectors in front of them."""
+
+import base64
+import json
+import socket
+import subprocess
+import time
+import urllib.parse
+import urllib.request
+
+from support import COLLECTOR, ROOT, Process, eventually
+
+NATS_SERVER = "/usr/sbin/nats-server"
+STREAM = "SKELDA_LOGS"
+
+
+def free_ports(count):
+    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
+    ports = [each.getsockname()[1] for each in sockets]
+    for each in sockets:
+        each.close()
+    return ports
+
+
+class Servers:
+    """Some servers that keep one stream, each in a folder of its own, which outlives it."""
+
+    def __init__(self, folder, count=3):
+        self.folder = folder
+        self.ports, self.routes = free_ports(count), free_ports(count)
+        self.processes = [None] * count
+        for index in range(count):
+            self.start(index)
+
+    @property
+    def url(self):
+        return "nats://" + ",".join(f"127.0.0.1:{port}" for port in self.ports)
+
+    def start(self, index):
+        routes = ",".join(f"nats://127.0.0.1:{port}" for port in self.routes)
+        self.processes[index] = Process(
+            [NATS_SERVER, "-c", str(ROOT / "deploy/nats-server.conf"), "--name", f"skelda-{index}",
+             "--addr", "127.0.0.1", "--port", str(self.ports[index]),
+             "--cluster", f"nats://127.0.0.1:{self.routes[index]}", "--routes", routes,
+             "--store_dir", str(self.folder / f"nats-{index}")])
+
+    def kill(self, index):
+        self.processes[index].kill()
+        self.processes[index].__exit__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for process in self.processes:
+            process.__exit__()
+
+    def ask(self, subject, request=None):
+        """What a server of the stream answers; None where none does."""
+        for port in self.ports:
+            try:
+                with Asking(port) as asking:
+                    return asking.ask(subject, request)
+            except OSError:
+                continue
+        return None
+
+    def leader(self):
+        """The server that leads the stream; None where there is none."""
+        cluster = (self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("cluster", {})
+        return int(cluster["leader"].removeprefix("skelda-")) if cluster.get("leader") else None
+
+    def replicas_hold(self):
+        """How many messages each server has of the stream, those first that are up to date."""
+        info = self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}
+        return [peer.get("current", False) for peer in info.get("cluster", {}).get("replicas", [])]
+
+    def messages(self):
+        """Each message of the stream: its headers and its body."""
+        state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}")["state"]
+        for port in self.ports:
+            try:
+                asking = Asking(port)
+            except OSError:
+                continue
+            with asking:
+                answers = [asking.ask(f"$JS.API.STREAM.MSG.GET.{STREAM}", {"seq": sequence})
+                           for sequence in range(state["first_seq"], state["last_seq"] + 1)]
+            break
+        return [(headers_of(base64.b64decode(answer["message"].get("hdrs", ""))),
+                 base64.b64decode(answer["message"].get("data", "")))
+                for answer in answers if "message" in answer]
+
+
+def headers_of(lines):
+    pairs = [line.split(": ", 1) for line in lines.decode().split("\r\n")[1:] if line]
+    return {name: value for name, value in pairs}
+
+
+class Asking:
+    """As much of a client of the servers as asks one question after the other."""
+
+    def __init__(self, port):
+        self.socket = socket.create_connection(("127.0.0.1", port), 5)
+        self.lines = self.socket.makefile("rb")
+        self.lines.readline()
+        self.socket.sendall(b'CONNECT {"verbose":false,"pedantic":false}\r\nSUB asked 1\r\nPING\r\n')
+        if self.lines.readline() != b"PONG\r\n":
+            raise OSError("no server")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.lines.close()
+        self.socket.close()
+
+    def ask(self, subject, request=None):
+        body = json.dumps(request).encode() if request else b""
+        self.socket.sendall(f"PUB {subject} asked {len(body)}\r\n".encode() + body + b"\r\n")
+        while True:
+            words = self.lines.readline().split()
+            if not words:
+                raise OSError("the server is gone")
+            if words[0] == b"PING":
+                self.socket.sendall(b"PONG\r\n")
+            if words[0] == b"MSG":
+                return json.loads(self.lines.read(int(words[-1]) + 2))
+
+
+class StreamCollector:
+    """skelda-collector in front of the servers. Restarting keeps the port."""
+
+    def __init__(self, folder, servers, *arguments):
+        self.tls = folder / "collector-tls"
+        self.port = free_ports(1)[0]
+        self.servers, self.arguments = servers, arguments
+        self.start()
+
+    def start(self):
+        self.process = Process([COLLECTOR, "--listen", f"127.0.0.1:{self.port}", "--store", self.servers.url,
+                                "--tls-dir", self.tls, *self.arguments])
+        self.url = self.process.line_with("listening on ").split(" ")[-1]
+        self.plain = self.url.startswith("http:")
+
+    def kill(self):
+        self.process.kill()
+        self.process.__exit__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.__exit__()
+
+    @property
+    def authority(self):
+        return self.tls / "authority.pem"
+
+    def is_ready(self):
+        return self.process.lines and self.get("/readyz")[0] == 200
+
+    def await_ready(self, within=60):
+        if not eventually(self.is_ready, within, every=0.1):
+            raise AssertionError(f"not ready after {within} s:\n{self.process.output}")
+
+    def get(self, path):
+        import ssl
+        context = None if self.plain else ssl.create_default_context(cafile=self.authority)
+        try:
+            with urllib.request.urlopen(urllib.parse.urljoin(self.url, path), timeout=10, context=context) as answer:
+                return answer.status, answer.read().decode()
+        except urllib.error.HTTPError as error:
+            return error.code, error.read().decode()
+        except OSError:
+            return 0, ""
