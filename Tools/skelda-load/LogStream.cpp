@@ -202,7 +202,10 @@ bool LogStream::isEmpty() {
   connect();
   jsErrCode code{};
   jsConsumerInfo* info = nullptr;
-  check("consumer", natsSubscription_GetConsumerInfo(&info, consumer_.get(), nullptr, &code), code);
+  check("consumer",
+        js_GetConsumerInfo(&info, stream_.get(), fleet::kStream, options_.durable.c_str(), nullptr,
+                           &code),
+        code);
   const bool isEmpty = info->NumPending == 0 && info->NumAckPending == 0;
   jsConsumerInfo_Destroy(info);
   return isEmpty;
