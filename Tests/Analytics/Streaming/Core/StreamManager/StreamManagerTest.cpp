@@ -1,10 +1,11 @@
-#include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
+// How the pipeline is put together from what is linked in.
 
 #include <gtest/gtest.h>
-
 #include <functional>
 #include <stdexcept>
 
+#include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 #include "Analytics/Utils/SkeldaUtil.h"
@@ -64,13 +65,6 @@ class SkeldaStreamBaseManagerTest : public ::testing::Test {
   std::shared_ptr<Manager> manager_ = Manager::make();
 };
 
-TEST_F(SkeldaStreamBaseManagerTest, NamesItsFilesByTheAgentsVersion) {
-  const auto folder = home_.storageFolder();
-  EXPECT_EQ(Manager::currentFrameLogFilePathWithName(), folder + "/.skeldaFrameLog_261.archive");
-  EXPECT_EQ(Manager::commitedFrameLogsFilePath(), folder + "/CommitedFrameLogs");
-  EXPECT_EQ(Manager::commitedFrameLogFileName(), ".skeldaCommitedFrameLog_261.archive");
-}
-
 TEST_F(SkeldaStreamBaseManagerTest, RaisesForModulesThatAreMissingOrOfTheWrongKind) {
   const auto source = SampleSource::getSourceInstance();
   manager_->setModule(source, SkeldaModuleKey::of<ISampleSource>());
@@ -122,6 +116,48 @@ TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAnd
   EXPECT_EQ(log.count("Skelda: BrokenSource is left out: no memory"), 1U);
   EXPECT_EQ(log.count("Skelda: BrokenProvider is left out: no memory"), 1U);
   EXPECT_EQ(log.count("Skelda: ISampleSource did not start: not today"), 1U);
+}
+
+std::shared_ptr<SkeldaWatchStreamManager> managerWith(platform::Dictionary information) {
+  information.set("CFBundleIdentifier", "com.example.run");
+  const HostBundle bundle(std::move(information));
+  return SkeldaWatchStreamManager::streamManager();
+}
+
+TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
+  const AgentHome home;
+  const std::string event = "Skelda Watch Event Threshold";
+  const std::string duration = "Skelda Watch Duration Threshold";
+  const struct {
+    std::string key;
+    platform::Value value;
+    std::int32_t events, minutes;
+    std::string line;
+  } cases[] = {
+      {event, nullptr, 10, 10, ""},
+      {event, 4, 5, 10, "Watch event threshold may not be below 5"},
+      {event, 50, 50, 10, ""},
+      {event, 51, 50, 10, "Watch event threshold may not be above 50"},
+      {event, "20", 20, 10, ""},
+      {event, "many", 5, 10, "Watch event threshold may not be below 5"},
+      {event, 1e30, 50, 10, "Watch event threshold may not be above 50"},
+      {event, -1, 5, 10, "Watch event threshold may not be below 5"},
+      {event, 7.9, 7, 10, ""},
+      {event, true, 5, 10, "Watch event threshold may not be below 5"},
+      {event, platform::Array{12}, 5, 10, "Watch event threshold may not be below 5"},
+      {event, platform::Data("\x0c"), 5, 10, "Watch event threshold may not be below 5"},
+      {duration, 4, 10, 5, "Watch duration threshold may not be below 5"},
+      {duration, 60, 10, 60, ""},
+      {duration, 61, 10, 60, "Watch duration threshold may not be above 60"},
+  };
+  for (const auto& given : cases) {
+    LogCapture log;
+    const auto manager = managerWith({{given.key, given.value}});
+    EXPECT_EQ(manager->watchSessionEventThreshold(), given.events) << given.line;
+    EXPECT_EQ(manager->watchSessionDurationThreshold(), given.minutes) << given.line;
+    EXPECT_EQ(log.count("threshold may not be"), given.line.empty() ? 0U : 1U);
+    EXPECT_TRUE(given.line.empty() || log.count(given.line) == 1) << given.line;
+  }
 }
 
 }  // namespace
