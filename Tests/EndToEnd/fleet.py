@@ -3,9 +3,11 @@ collectors in front of them."""
 
 import base64
 import json
+import os
 import socket
+import ssl
 import subprocess
-import time
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -13,6 +15,13 @@ from support import COLLECTOR, ROOT, Process, eventually
 
 NATS_SERVER = "/usr/sbin/nats-server"
 STREAM = "SKELDA_LOGS"
+
+
+def is_built():
+    """Whether the collector has the stream, and the machine has the servers."""
+    if not os.path.exists(NATS_SERVER) or not COLLECTOR.exists():
+        return False
+    return "--replicas" in subprocess.run([COLLECTOR, "--help"], capture_output=True, text=True, check=True).stdout
 
 
 def free_ports(count):
@@ -71,10 +80,16 @@ class Servers:
         cluster = (self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("cluster", {})
         return int(cluster["leader"].removeprefix("skelda-")) if cluster.get("leader") else None
 
-    def replicas_hold(self):
-        """How many messages each server has of the stream, those first that are up to date."""
+    def replicas(self):
+        """Of each server beside the leader, whether it has what the leader has."""
         info = self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}
-        return [peer.get("current", False) for peer in info.get("cluster", {}).get("replicas", [])]
+        return [peer.get("current", False) and not peer.get("lag") and not peer.get("offline")
+                for peer in info.get("cluster", {}).get("replicas", [])]
+
+    def subjects(self):
+        """Of the stream's messages, those after its name."""
+        state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}", {"subjects_filter": ">"})["state"]
+        return {subject.removeprefix(STREAM + ".") for subject in state["subjects"]}
 
     def messages(self):
         """Each message of the stream: its headers and its body."""
@@ -166,7 +181,6 @@ class StreamCollector:
             raise AssertionError(f"not ready after {within} s:\n{self.process.output}")
 
     def get(self, path):
-        import ssl
         context = None if self.plain else ssl.create_default_context(cafile=self.authority)
         try:
             with urllib.request.urlopen(urllib.parse.urljoin(self.url, path), timeout=10, context=context) as answer:

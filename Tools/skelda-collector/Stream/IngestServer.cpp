@@ -20,8 +20,6 @@ constexpr std::string_view kLogPath = "/v1/skd.do";
 constexpr std::string_view kGetPaths[] = {"/healthz", "/readyz", "/metrics"};
 constexpr const char* kApiKeyHeader = "X-Skelda-Api-Key";
 constexpr std::size_t kMemoryOfConnection = 8 << 10;
-// What is not taken is read so far that the client reads the answer, and no farther.
-constexpr std::size_t kMostDiscarded = std::size_t{16} << 20;
 constexpr std::size_t kSlowestBody = 1 << 10;  // bytes a second
 constexpr std::chrono::milliseconds kBetweenLooks{500};
 
@@ -76,8 +74,8 @@ struct IngestServer::Callbacks {
       if (request->status != MHD_HTTP_CONTENT_TOO_LARGE) return MHD_YES;
     }
     if (*uploadLength > 0) {
-      const std::string_view bytes(upload, std::exchange(*uploadLength, 0));
-      return server.receive(*request, bytes) ? MHD_YES : MHD_NO;
+      server.receive(*request, {upload, std::exchange(*uploadLength, 0)});
+      return MHD_YES;
     }
     // One that waits for the sink is asked for again once it is resumed.
     if (request->stage == Request::Stage::body && server.take(*request, connection)) return MHD_YES;
@@ -244,23 +242,22 @@ void IngestServer::beginLog(Request& request, MHD_Connection* connection) {
   request.stage = Request::Stage::body;
 }
 
-/// False when there is no more sense in reading on.
-bool IngestServer::receive(Request& request, std::string_view bytes) {
+void IngestServer::receive(Request& request, std::string_view bytes) {
+  // What is not taken is read and dropped, until the time is up: the answer can only come after it.
+  if (request.stage != Request::Stage::body) return;
   request.received += bytes.size();
   request.peer->await(request.began +
                       std::chrono::seconds(options_.bodySeconds + request.received / kSlowestBody));
-  if (request.stage != Request::Stage::body) return request.received <= kMostDiscarded;
-  const auto most = std::min(options_.maxBytes, sink_.largest());
-  const bool isTooLarge = request.received > most;
+  const bool isTooLarge = request.received > std::min(options_.maxBytes, sink_.largest());
   if (isTooLarge || held_ + bytes.size() > options_.maxHeldBytes) {
     held_ -= std::exchange(request.log.bytes, {}).size();
+    request.peer->await(request.began + std::chrono::seconds(options_.bodySeconds));
     request.decide(isTooLarge ? MHD_HTTP_CONTENT_TOO_LARGE : MHD_HTTP_SERVICE_UNAVAILABLE,
                    isTooLarge ? "too large\n" : "too much at once\n");
-    return true;
+    return;
   }
   held_ += bytes.size();
   request.log.bytes.append(bytes);
-  return true;
 }
 
 /// The body is whole. True where the answer is the sink's to give, which it may have done by now.

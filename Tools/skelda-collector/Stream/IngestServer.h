@@ -64,7 +64,7 @@ class IngestServer {
   void start(int listener, const Certificates* certificates);
   Request* begin(MHD_Connection* connection, const char* path, const char* method);
   void beginLog(Request& request, MHD_Connection* connection);
-  bool receive(Request& request, std::string_view bytes);
+  void receive(Request& request, std::string_view bytes);
   bool take(Request& request, MHD_Connection* connection);
   int answer(Request& request, MHD_Connection* connection);
   void end(Request* request);

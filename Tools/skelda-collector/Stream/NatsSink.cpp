@@ -24,6 +24,7 @@ constexpr std::chrono::milliseconds kBetweenTries{250};  // while it is not read
 constexpr std::int64_t kAsk = 2000;
 constexpr std::int64_t kLongestClosing = 5000;
 constexpr std::chrono::nanoseconds kRepeatWindow = std::chrono::minutes(10);
+constexpr std::chrono::nanoseconds kLongestSilence = std::chrono::seconds(4);  // beats: each second
 constexpr std::size_t kHeadersRoom = 4096;  // beside the body, in what a server takes at once
 
 void must(natsStatus status, const char* what) {
@@ -53,6 +54,16 @@ std::string nowText() {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z",
                      fmt::gmtime(std::chrono::system_clock::to_time_t(now)),
                      micros.count() % 1'000'000);
+}
+
+/// Servers of the stream beside its leader that the leader has lately heard of.
+int othersThere(const jsStreamInfo& info) {
+  int there = 0;
+  for (int each = 0; info.Cluster != nullptr && each < info.Cluster->ReplicasLen; ++each) {
+    const auto& peer = *info.Cluster->Replicas[each];
+    there += !peer.Offline && peer.Active < kLongestSilence.count() ? 1 : 0;
+  }
+  return there;
 }
 
 }  // namespace
@@ -258,6 +269,14 @@ std::string NatsSink::lookAtStream() {
   const std::unique_ptr<jsStreamInfo, decltype(&jsStreamInfo_Destroy)> held(info,
                                                                             jsStreamInfo_Destroy);
   const auto replicas = static_cast<int>(info->Config->Replicas);
-  if (replicas >= options_.replicas) return "";
-  return fmt::format("{} has {} replicas of {}", fleet::kStream, replicas, options_.replicas);
+  if (replicas < options_.replicas) {
+    return fmt::format("{} has {} replicas of {}", fleet::kStream, replicas, options_.replicas);
+  }
+  // Without a majority there is a leader for a while, and then none; a server tells of both.
+  if (replicas > 1 && (info->Cluster == nullptr || info->Cluster->Leader == nullptr ||
+                       info->Cluster->Leader[0] == '\0')) {
+    return "no leader";
+  }
+  const int there = 1 + othersThere(*info);
+  return 2 * there > replicas ? "" : fmt::format("{} of {} replicas are there", there, replicas);
 }
