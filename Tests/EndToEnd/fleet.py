@@ -2,15 +2,15 @@
 collectors in front of them."""
 
 import base64
-import json
+import contextlib
 import os
-import socket
 import ssl
 import subprocess
 import urllib.error
 import urllib.parse
 import urllib.request
 
+from loading import Stream, free_ports
 from support import COLLECTOR, ROOT, Process, eventually
 
 NATS_SERVER = "/usr/sbin/nats-server"
@@ -22,14 +22,6 @@ def is_built():
     if not os.path.exists(NATS_SERVER) or not COLLECTOR.exists():
         return False
     return "--replicas" in subprocess.run([COLLECTOR, "--help"], capture_output=True, text=True, check=True).stdout
-
-
-def free_ports(count):
-    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
-    ports = [each.getsockname()[1] for each in sockets]
-    for each in sockets:
-        each.close()
-    return ports
 
 
 class Servers:
@@ -67,13 +59,16 @@ class Servers:
 
     def ask(self, subject, request=None):
         """What a server of the stream answers; None where none does."""
-        for port in self.ports:
-            try:
-                with Asking(port) as asking:
-                    return asking.ask(subject, request)
-            except OSError:
-                continue
+        with contextlib.suppress(OSError), self.client() as client:
+            return client.request(subject, request)
         return None
+
+    def client(self):
+        """A connection to any server that takes one."""
+        for port in self.ports:
+            with contextlib.suppress(OSError):
+                return Stream(port)
+        raise OSError("no server of the stream answers")
 
     def leader(self):
         """The server that leads the stream; None where there is none."""
@@ -94,15 +89,9 @@ class Servers:
     def messages(self):
         """Each message of the stream: its headers and its body."""
         state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}")["state"]
-        for port in self.ports:
-            try:
-                asking = Asking(port)
-            except OSError:
-                continue
-            with asking:
-                answers = [asking.ask(f"$JS.API.STREAM.MSG.GET.{STREAM}", {"seq": sequence})
-                           for sequence in range(state["first_seq"], state["last_seq"] + 1)]
-            break
+        with self.client() as client:
+            answers = [client.request(f"$JS.API.STREAM.MSG.GET.{STREAM}", {"seq": sequence})
+                       for sequence in range(state["first_seq"], state["last_seq"] + 1)]
         return [(headers_of(base64.b64decode(answer["message"].get("hdrs", ""))),
                  base64.b64decode(answer["message"].get("data", "")))
                 for answer in answers if "message" in answer]
@@ -111,37 +100,6 @@ class Servers:
 def headers_of(lines):
     pairs = [line.split(": ", 1) for line in lines.decode().split("\r\n")[1:] if line]
     return {name: value for name, value in pairs}
-
-
-class Asking:
-    """As much of a client of the servers as asks one question after the other."""
-
-    def __init__(self, port):
-        self.socket = socket.create_connection(("127.0.0.1", port), 5)
-        self.lines = self.socket.makefile("rb")
-        self.lines.readline()
-        self.socket.sendall(b'CONNECT {"verbose":false,"pedantic":false}\r\nSUB asked 1\r\nPING\r\n')
-        if self.lines.readline() != b"PONG\r\n":
-            raise OSError("no server")
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.lines.close()
-        self.socket.close()
-
-    def ask(self, subject, request=None):
-        body = json.dumps(request).encode() if request else b""
-        self.socket.sendall(f"PUB {subject} asked {len(body)}\r\n".encode() + body + b"\r\n")
-        while True:
-            words = self.lines.readline().split()
-            if not words:
-                raise OSError("the server is gone")
-            if words[0] == b"PING":
-                self.socket.sendall(b"PONG\r\n")
-            if words[0] == b"MSG":
-                return json.loads(self.lines.read(int(words[-1]) + 2))
 
 
 class StreamCollector:
