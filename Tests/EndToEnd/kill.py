@@ -13,7 +13,6 @@ import subprocess
 import sys
 import time
 
-import account
 import account_file
 import frame_log
 from support import FRAMES_TOOL, HOSTS, Home, eventually, give_identifiers
@@ -45,7 +44,7 @@ class Frames:
         known = self.logs.get(frames[0].raw, b"")
         if known:
             self.repeats += 1
-            if not data.startswith(known) or account.flush_of(frames) != 4:
+            if not data.startswith(known) or frame_log.flush_of(frames) != 4:
                 self.problems.append(f"{name} repeats frames of a log that it does not go on from")
         self.logs[frames[0].raw] = data
         self.events += self._numbers(frame for frame in frames if frame.offset >= len(known))

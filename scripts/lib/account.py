@@ -25,11 +25,6 @@ def counter_of(frames):
     return frames[0].payload["sk.frame.log.counter"]
 
 
-def flush_of(frames):
-    """The status of the flush that closed a log; None for one that is still open."""
-    return frames[-1].payload["sk.flush.frame.code"] if frames and frames[-1].type == frame_log.FLUSH else None
-
-
 def starts_of(logs):
     """Logs (frames each), sorted by counter and split where a start of the host found the log of the
     one before. A log that came twice counts once."""
@@ -37,7 +32,7 @@ def starts_of(logs):
     starts = [[]]
     for counter in sorted(by_counter):
         starts[-1].append(by_counter[counter])
-        if flush_of(by_counter[counter]) == 4:
+        if frame_log.flush_of(by_counter[counter]) == 4:
             starts.append([])
     return starts
 
