@@ -48,6 +48,15 @@ void Database::connect() {
   const char* values[] = {
       "10", "10", "5", "4", "30000", "UTF8", "skelda-load", connectionText_.c_str(), nullptr};
   connection_.reset(PQconnectdbParams(keys, values, 1));
+  try {
+    prepare();
+  } catch (...) {
+    connection_.reset();
+    throw;
+  }
+}
+
+void Database::prepare() {
   if (!connection_ || PQstatus(connection_.get()) != CONNECTION_OK) fail(nullptr);
   PQsetNoticeProcessor(
       connection_.get(), [](void*, const char*) {}, nullptr);
@@ -70,11 +79,18 @@ Database::Result Database::run(const char* command) {
 }
 
 void Database::fail(pg_result* result) {
-  std::string why = result != nullptr ? PQresultErrorMessage(result) : "";
+  const auto field = [&](int which) {
+    const char* text = result != nullptr ? PQresultErrorField(result, which) : nullptr;
+    return std::string(text != nullptr ? text : "");
+  };
+  std::string why = field(PG_DIAG_MESSAGE_PRIMARY);
   if (why.empty() && connection_) why = PQerrorMessage(connection_.get());
-  while (why.ends_with('\n')) why.pop_back();
-  const char* state = result != nullptr ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
-  if (state != nullptr && isOfTheData(state)) throw Refused(why);
+  // One line, which may quote what was sent: it stands in a header of the stream, too.
+  for (char& byte : why) {
+    if (static_cast<unsigned char>(byte) < ' ') byte = ' ';
+  }
+  while (why.ends_with(' ')) why.pop_back();
+  if (isOfTheData(field(PG_DIAG_SQLSTATE))) throw Refused(why);
   throw Unavailable(why.empty() ? "no connection" : why);
 }
 
@@ -94,8 +110,8 @@ void Database::copy(const std::string& target, const std::function<void(const Pu
 
 std::size_t Database::add(std::span<const LogRows> logs,
                           const std::function<void(std::size_t)>& beforeRows) {
+  connect();
   try {
-    connect();
     return addAll(logs, beforeRows);
   } catch (const Refused&) {
     // One of the data's own faults leaves the connection as it is.

@@ -30,6 +30,10 @@ class Database {
   /// `connection` as libpq has it: "host=... dbname=..." or "postgresql://...".
   explicit Database(std::string connection);
 
+  /// Connects, where there is no connection, and makes the schema, where there is none. Throws
+  /// Unavailable.
+  void connect();
+
   /// Adds, in one transaction, those of the logs that are not there yet; tells how many these were.
   /// `beforeRows(i)` is called for each of these before anything of it can be seen; what it throws
   /// undoes everything. Throws Unavailable or Refused; then nothing was added, or, when the
@@ -46,7 +50,7 @@ class Database {
   };
   using Result = std::unique_ptr<pg_result, Clear>;
 
-  void connect();
+  void prepare();
   Result run(const char* command);
   /// Throws for the failure that the connection or the result tells of.
   [[noreturn]] void fail(pg_result* result);

@@ -32,6 +32,8 @@ bool Loader::retrying(Attempt attempt) {
 }
 
 void Loader::run(bool untilEmpty) {
+  // Before there is anything to write: who starts it sees at once whether it can be written.
+  if (!retrying([&] { database_.connect(); })) return;
   while (pause_(0s)) {
     Messages messages;
     bool isEmpty = false;

@@ -142,7 +142,7 @@ class LogRowsReader {
     CopyRow tail(rows_.tail_);
     counter_ ? tail.number(*counter_) : tail.null();
     closed_ ? tail.number(*closed_) : tail.null();
-    device_.empty() ? tail.null() : tail.text(device_.substr(0, kLongestDevice));
+    tail.text(std::string_view(device_).substr(0, kLongestDevice));
     rows_.fault.empty() ? tail.null() : tail.text(rows_.fault);
     return std::move(rows_);
   }

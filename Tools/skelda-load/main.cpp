@@ -105,7 +105,11 @@ int main(int argc, char** argv) {
   options.stream.servers = "nats://127.0.0.1:4222";
   CLI::App app("Carries the logs of the collectors' stream into a PostgreSQL database.");
   describe(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
   if (options.showsSchema) {
     fmt::print("{}", schemaText());
     return 0;

@@ -16,7 +16,8 @@ CREATE TABLE skelda.logs (
   events bigint NOT NULL,                      -- of these
   counter bigint,                              -- the log's number in the life of an installation
   closed bigint,                               -- why the log was closed: the code of its flush
-  device text,                                 -- installation, device or vendor: the first there is
+  device text NOT NULL,                        -- installation, device or vendor: the first that the
+                                               -- log has; empty where it has none
   fault text                                   -- where and why reading ended; null for a whole log
 );
 CREATE INDEX logs_by_device ON skelda.logs (api_key, device, counter);
