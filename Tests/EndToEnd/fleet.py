@@ -10,11 +10,10 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-from loading import Stream, free_ports
+from loading import STREAM, Stream, free_ports
 from support import COLLECTOR, ROOT, Process, eventually
 
 NATS_SERVER = "/usr/sbin/nats-server"
-STREAM = "SKELDA_LOGS"
 
 
 def is_built():

@@ -9,17 +9,26 @@ import os
 import pathlib
 import pwd
 import signal
+import socket
 import struct
 import subprocess
 import time
 
 import frame_log
-from fleet import STREAM, Asking
 from support import BUILD, Process, eventually
 
 LOADER = BUILD / "Tools/skelda-load/skelda-load"
+STREAM = "SKELDA_LOGS"
 API_KEY = "MORNINGRUN0DEMO0KEY7"
 POSTGRES = (sorted(glob.glob("/usr/lib/postgresql/*/bin")) or [""])[-1]
+
+
+def free_ports(count):
+    with contextlib.ExitStack() as stack:
+        sockets = [stack.enter_context(socket.socket()) for _ in range(count)]
+        for each in sockets:
+            each.bind(("127.0.0.1", 0))
+        return [each.getsockname()[1] for each in sockets]
 
 
 def digest(body):
@@ -78,45 +87,63 @@ def usual_log(device, counter, at, events=30):
 # The stream
 
 
-class Publisher(Asking):
-    """A client of the stream's servers that has many questions under way."""
+class Stream:
+    """A client of the stream's servers: requests, and as many of them at once as one likes."""
 
-    def __init__(self, port):
-        super().__init__(port)
-        self.socket.sendall(b'CONNECT {"verbose":false,"headers":true}\r\nSUB several.* 2\r\n')
+    def __init__(self, port, within=5.0):
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=within)
+        self.input = self.socket.makefile("rb")
+        self.input.readline()
+        options = {"verbose": False, "headers": True, "no_responders": True}
+        self.socket.sendall(b"CONNECT " + json.dumps(options).encode() + b"\r\nSUB answers.* 1\r\nPING\r\n")
+        while not self.input.readline().startswith(b"PONG"):
+            pass
 
-    def send(self, number, subject, body, **headers):
-        lines = "".join(f"{name.replace('_', '-')}: {value}\r\n" for name, value in headers.items())
-        head = f"NATS/1.0\r\n{lines}\r\n".encode()
-        self.socket.sendall(f"HPUB {subject} several.{number} {len(head)} {len(head) + len(body)}\r\n".encode()
-                            + head + body + b"\r\n")
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def send(self, number, subject, body, headers=None):
+        lines = "".join(f"{name}: {value}\r\n" for name, value in (headers or {}).items())
+        head = f"NATS/1.0\r\n{lines}\r\n".encode() if headers else b""
+        verb, sizes = ("HPUB", f"{len(head)} {len(head) + len(body)}") if head else ("PUB", f"{len(body)}")
+        self.socket.sendall(f"{verb} {subject} answers.{number} {sizes}\r\n".encode() + head + body + b"\r\n")
 
     def answer(self):
-        """The number of the question that is answered next, and the answer."""
-        while words := self.lines.readline().split():
+        """The number of the next answer and what it says; None where nobody was there to answer."""
+        while True:
+            words = self.input.readline().split()
+            if not words:
+                raise ConnectionError("the server has hung up")
             if words[0] == b"PING":
                 self.socket.sendall(b"PONG\r\n")
-            elif words[0] == b"MSG":
-                return int(words[1].rpartition(b".")[2]), json.loads(self.lines.read(int(words[-1]) + 2))
-        raise OSError("the server is gone")
+            elif words[0] in (b"MSG", b"HMSG"):
+                data = self.input.read(int(words[-1]) + 2)[:-2]
+                data = data[int(words[-2]):] if words[0] == b"HMSG" else data
+                return words[1].decode().rpartition(".")[2], json.loads(data) if data else None
+
+    def request(self, subject, document=None):
+        self.send("once", subject, json.dumps(document).encode() if document is not None else b"")
+        return self.answer()[1]
 
     def publish(self, bodies):
-        """As a collector does. All must be acknowledged: the digests."""
+        """As a collector does. All must be acknowledged."""
         for first in range(0, len(bodies), 256):
             some = bodies[first:first + 256]
             for number, body in enumerate(some):
-                self.send(number, f"{STREAM}.{digest(API_KEY.encode())}", body, Nats_Msg_Id=digest(body),
-                          Skelda_Length=len(body),
-                          Skelda_Received=time.strftime("%Y-%m-%dT%H:%M:%S.000000Z", time.gmtime()))
+                self.send(number, f"{STREAM}.{digest(API_KEY.encode())}", body, {
+                    "Nats-Msg-Id": digest(body), "Skelda-Length": len(body),
+                    "Skelda-Received": time.strftime("%Y-%m-%dT%H:%M:%S.000000Z", time.gmtime())})
             for _ in some:
                 _, said = self.answer()
-                if "seq" not in said:
+                if not said or "seq" not in said:
                     raise AssertionError(said)
-        return {digest(body) for body in bodies}
 
     def bodies(self, name=STREAM):
         """Every message of a stream."""
-        said = self.ask(f"$JS.API.STREAM.INFO.{name}")
+        said = self.request(f"$JS.API.STREAM.INFO.{name}")
         numbers = range(said["state"]["first_seq"], said["state"]["last_seq"] + 1) if "state" in said else ()
         found = []
         for first in range(0, len(numbers), 64):

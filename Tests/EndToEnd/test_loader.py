@@ -7,7 +7,7 @@ import unittest
 
 import frame_log
 from fleet import Servers
-from loading import (LOADER, POSTGRES, STREAM, Database, Publisher, digest, event, frame, load_everything, loader,
+from loading import (LOADER, POSTGRES, STREAM, Database, digest, event, frame, load_everything, loader,
                      locale, make_log, make_stream, session, usual_log)
 from support import ROOT, eventually
 
@@ -31,7 +31,7 @@ class Loading(unittest.TestCase):
         self.servers = self.enterContext(Servers(self.folder))
         self.database = self.enterContext(Database(self.folder / "database"))
         make_stream(self.servers)
-        self.publisher = self.enterContext(Publisher(self.servers.ports[0]))
+        self.publisher = self.enterContext(self.servers.client())
 
     def enterContext(self, manager):
         value = manager.__enter__()
@@ -109,7 +109,7 @@ class Loading(unittest.TestCase):
                 self.servers.kill(index)
                 self.servers.start(index)
             self.assertTrue(eventually(lambda: (self.servers.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("state"), 30))
-            with Publisher(self.servers.ports[0]) as publisher:
+            with self.servers.client() as publisher:
                 publisher.publish(bodies[600:])
             self.assertTrue(eventually(lambda: self.count("events") == 900 * 30, 60), process.output)
             self.assertEqual(0, process.terminate(), process.output)
