@@ -165,7 +165,7 @@ class Run:
         if first.status not in fine:
             self.problems.append(f"the host ended with {first.status}: {first.output[-300:]}")
         second = self.start(home, "second", 4, home.environment())
-        if second.status != 0 or answers_of(second) != {n: 1 for n in range(1, 5)}:
+        if second.status != 0 or answers_of(second) != {n: 1 for n in range(1, 5)} or "rest: 1" not in second.output:
             self.problems.append(f"the next start: {second.status}: {second.output[-300:]}")
         return first, second
 
@@ -203,7 +203,7 @@ class Run:
         if account is None:
             self.problems.append("there is no account")
             return
-        self.problems += account.problems(home, ended=True)
+        self.problems += account.problems(home)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
         more = events.accepted - events.cut_off - answered
