@@ -24,79 +24,13 @@
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
+#include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
 namespace {
-
-/// A folder in memory.
-class FakeFolder : public SkeldaStreamFileManager {
- public:
-  bool removeItemAtPath(const Path& path) override {
-    std::lock_guard lock(mutex_);
-    const std::string name = path->substr(path->rfind('/') + 1);
-    if (undeletable.contains(name)) return false;
-    removed.push_back(name);
-    names.erase(name);
-    return true;
-  }
-  bool isFilePresentAtPath(const Path& path) override {
-    std::lock_guard lock(mutex_);
-    return names.contains(path->substr(path->rfind('/') + 1));
-  }
-  std::optional<std::vector<std::string>> fileNamesAtPath(const Path&,
-                                                          platform::ErrorRef* error) override {
-    std::lock_guard lock(mutex_);
-    platform::setError(error, nullptr);
-    if (unlistable > 0) {
-      --unlistable;
-      return std::nullopt;
-    }
-    namesListed += names.size();
-    return std::vector<std::string>(names.begin(), names.end());
-  }
-
-  std::set<std::string> names;
-  std::set<std::string> undeletable;
-  std::vector<std::string> removed;
-  int unlistable = 0;
-  std::size_t namesListed = 0;
-
- private:
-  std::mutex mutex_;
-};
-
-class FakeMonitor : public ISkeldaNodeDataProvider {
- public:
-  void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> added) override {
-    observer = added;
-  }
-  void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>&) override {}
-  void forceRefresh(Completion completion) override {
-    tell(0);
-    completion(nullptr);
-  }
-  void tell(std::uint32_t change) {
-    if (const auto strong = observer.lock()) strong->fileMonitor(*this, change);
-  }
-
-  std::weak_ptr<SkeldaNodeDataProviderObserver> observer;
-};
-
-/// Keeps what it is given; called on the manager's queue.
-class FakeAgent : public ISkeldaFileTransferAgent {
- public:
-  void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate>) override {}
-  void startTransfer(SkeldaFileStateRef file) override { started.push_back(file->fileName()); }
-  void cancelTransfer(SkeldaFileStateRef file) override { cancelled.push_back(file->fileName()); }
-  void resumeTransfer(SkeldaFileStateRef) override {}
-  std::vector<SkeldaFileStateRef> listTransfers() override { return {}; }
-
-  std::vector<std::string> started;
-  std::vector<std::string> cancelled;
-};
 
 /// The stage half of a file reader, which the transfer side does not use.
 class FakeReader : public ISkeldaStreamFileReader {
