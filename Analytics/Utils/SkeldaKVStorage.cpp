@@ -100,7 +100,9 @@ void SkeldaKVStorage::onqueue_load() {
 
 void SkeldaKVStorage::onqueue_save() {
   SKELDA_ON_QUEUE();
-  saved_ = SkeldaUtil::archiveDictionary(dictionary_, path_);
+  platform::Value root(std::move(dictionary_));
+  saved_ = SkeldaUtil::archiveDictionary(root, path_);
+  dictionary_ = std::move(*root.dictionary());
 }
 
 void SkeldaKVStorage::onqueue_change(std::string key, platform::Value value) {

@@ -67,9 +67,9 @@ bool SkeldaStreamFileManager::removeItemAtPath(const Path& path) {
   if (!SkeldaUtil::assertNotNil(path, kMethod)) return false;
   return skelda::guardedResult(false, [&] {
     const auto manager = defaultFileManager();
-    if (!manager->fileExistsAtPath(*path)) return false;
     platform::ErrorRef error;
     if (!manager->removeItemAtPath(*path, &error)) {
+      if (!manager->fileExistsAtPath(*path)) return false;
       SKELDA_LOG(1, "{}: error [{}] removing file from [{}]", kMethod, platform::description(error),
                  *path);
       SkeldaUtil::assert_(false, kMethod);

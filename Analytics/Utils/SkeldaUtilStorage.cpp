@@ -141,7 +141,8 @@ bool SkeldaUtil::archiveDictionary(const platform::Value& dictionary,
                  "+[SkeldaUtil archiveDictionary:toFile:]", path);
       return false;
     }
-    return _archiveObject({std::string(classNameOf(dictionary)), dictionary}, path);
+    return storeArchive(
+        platform::archivedData(classNameOf(dictionary), platform::archivedText(dictionary)), path);
   });
 }
 

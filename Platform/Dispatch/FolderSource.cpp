@@ -36,9 +36,11 @@ class WatchedFolder final : public FolderSource, public FolderListener {
   }
 
   void resume() override {
-    const MutexLock lock(mutex_);
-    resumed_ = true;
-    postPending();
+    {
+      const MutexLock lock(mutex_);
+      resumed_ = true;
+    }
+    postIfDue();
   }
 
   void cancel() override {
@@ -55,18 +57,30 @@ class WatchedFolder final : public FolderSource, public FolderListener {
   }
 
   void folderChanged(unsigned events) override {
-    const MutexLock lock(mutex_);
-    pending_ |= events;
-    postPending();
+    {
+      const MutexLock lock(mutex_);
+      pending_ |= events;
+    }
+    postIfDue();
   }
 
  private:
-  /// Events that come before the handler has run are told in one call.
-  void postPending() REQUIRES(mutex_) {
-    if (!resumed_ || cancelled_ || posted_ || pending_ == 0) return;
-    queue_->barrierPost(
-        [self = std::static_pointer_cast<WatchedFolder>(shared_from_this())] { self->tell(); });
-    posted_ = true;  // where memory sufficed; else what is pending goes with the next event
+  /// Events that come before the handler has run are told in one call. Whoever is woken by it wants
+  /// the lock.
+  void postIfDue() EXCLUDES(mutex_) {
+    {
+      const MutexLock lock(mutex_);
+      if (!resumed_ || cancelled_ || posted_ || pending_ == 0) return;
+      posted_ = true;
+    }
+    try {
+      queue_->barrierPost(
+          [self = std::static_pointer_cast<WatchedFolder>(shared_from_this())] { self->tell(); });
+    } catch (const std::bad_alloc&) {
+      const MutexLock lock(mutex_);
+      posted_ = false;  // what is pending goes with the next event
+      throw;
+    }
   }
 
   void tell() {

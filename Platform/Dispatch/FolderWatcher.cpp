@@ -125,20 +125,19 @@ void FolderWatcher::dropWatch(WatchId watch) noexcept {
 void FolderWatcher::readEvents(void* raw) {
   auto* const self = static_cast<FolderWatcher*>(raw);
   alignas(inotify_event) std::array<std::byte, 4096> buffer;
-  for (;;) {
-    const ssize_t length = read(self->inotify_.get(), buffer.data(), buffer.size());
-    if (length <= 0) return;
-    {
-      const MutexLock lock(self->mutex_);
-      for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
-        inotify_event event;
-        std::memcpy(&event, buffer.data() + at, sizeof event);
-        at += sizeof event + event.len;
-        self->take(event.wd, event.mask);
-      }
+  // Once: where there is more the event thread comes again.
+  const ssize_t length = read(self->inotify_.get(), buffer.data(), buffer.size());
+  if (length <= 0) return;
+  {
+    const MutexLock lock(self->mutex_);
+    for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+      inotify_event event;
+      std::memcpy(&event, buffer.data() + at, sizeof event);
+      at += sizeof event + event.len;
+      self->take(event.wd, event.mask);
     }
-    while (self->tellOne()) {
-    }
+  }
+  while (self->tellOne()) {
   }
 }
 
@@ -167,8 +166,9 @@ void FolderWatcher::take(WatchId watch, std::uint32_t mask) noexcept {
       if ((mask & kEntryEvents) != 0) events |= kFolderWritten;
       if ((mask & kGoneEvents) != 0) events |= kFolderGone;
     }
-    const bool mayBeUnlinked =
-        watch == folder.parent || watch == folder.folder || (mask & IN_Q_OVERFLOW) != 0;
+    // What happens to an entry of a folder says that the folder is there.
+    const bool mayBeUnlinked = watch == folder.parent || (mask & IN_Q_OVERFLOW) != 0 ||
+                               (watch == folder.folder && (mask & kSelfEvents) != 0);
     if (mayBeUnlinked && isUnlinked(folder.descriptor)) events |= kFolderGone;
     if ((events & kFolderGone) != 0 && std::exchange(folder.gone, true)) events &= ~kFolderGone;
     folder.due |= events;

@@ -37,9 +37,9 @@ void MainThread::push(Work* work) {
   {
     const MutexLock lock(mutex_);
     waiting_.append(work);
-    changed_.notifyAll();
     if (!startLayerThread()) askAgain();
   }
+  changed_.notifyAll();  // behind the lock: whoever is woken wants it
   afterSubmission();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "Platform/Base/Mutex.h"
@@ -17,9 +18,8 @@ namespace skelda::platform {
 /// worker is woken when the shared list gets work and nobody is looking for some, when a worker's
 /// list backs up, and when a worker says that it blocks. What none of these sees (a block that sits
 /// in a system call) is seen by a tick: while a worker's list holds anything, the event thread
-/// looks in every millisecond, and after a while of nothing but progress every fourth, lets
-/// somebody take what has lain still, asks for the end of long turns, and adds a worker when none
-/// gets on.
+/// looks in after a millisecond, or up to 32 where it mostly finds nothing lying still, lets
+/// somebody take what has, asks for the end of long turns, and adds a worker when none gets on.
 ///
 /// At most as many workers run as there are processors, not counting those that wait for others.
 /// Idle ones sleep; all but one of them go after a while.
@@ -88,6 +88,7 @@ class WorkerPool final : public Wanted {
 
   const std::uint32_t limit_;  // workers that run at a time
   std::atomic<bool> tickArmed_{false};
+  std::atomic<std::chrono::milliseconds> tickAfter_{std::chrono::milliseconds(1)};
   std::atomic<std::uint32_t> injected_{0};   // in the shared lists
   std::atomic<std::uint32_t> searching_{0};  // look for work, or have been woken to
   std::atomic<std::uint32_t> blocked_{0};
@@ -107,7 +108,6 @@ class WorkerPool final : public Wanted {
   // The tick's own.
   std::uint64_t progressBefore_ = 0;
   std::uint32_t stuckTicks_ = 0;
-  std::uint32_t movingTicks_ = 0;
 };
 
 }  // namespace skelda::platform

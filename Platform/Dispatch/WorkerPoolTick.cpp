@@ -15,15 +15,14 @@ namespace {
 constexpr std::uint32_t kStuckTicks = 5;  // without progress, before a worker is added
 constexpr std::uint32_t kMostExtra = 64;
 constexpr std::chrono::milliseconds kTick{1};
-constexpr std::chrono::milliseconds kTickWhileAllMoves{4};
-constexpr std::uint32_t kMovingTicks = 4;  // before they come less often
+constexpr std::chrono::milliseconds kLongestTick{32};
 
 }  // namespace
 
 void WorkerPool::armTick() noexcept {
   if (tickArmed_.load(std::memory_order_seq_cst)) return;
   const MutexLock lock(tickMutex_);
-  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(kTick);
+  if (!tickArmed_.exchange(true)) EventLoop::shared().setPoolTick(tickAfter_.load());
 }
 
 /// Called when the last one goes to sleep: a tick would wake the event thread for nothing.
@@ -39,16 +38,18 @@ void WorkerPool::disarmTick() noexcept {
 
 void WorkerPool::tick() noexcept {
   const Waiting waiting = lookAround();
+  const auto after = tickAfter_.load();
+  tickAfter_.store(waiting == Waiting::lyingStill ? std::max(after / 2, kTick)
+                                                  : std::min(after * 2, kLongestTick));
   if (waiting != Waiting::nothing) {
     hurry();
     if (waiting == Waiting::lyingStill) helpOut();
-    movingTicks_ = waiting == Waiting::moving ? movingTicks_ + 1 : 0;
-    const auto after = movingTicks_ > kMovingTicks ? kTickWhileAllMoves : kTick;
     const MutexLock lock(tickMutex_);
-    if (tickArmed_.load(std::memory_order_relaxed)) EventLoop::shared().setPoolTick(after);
+    if (tickArmed_.load(std::memory_order_relaxed)) {
+      EventLoop::shared().setPoolTick(tickAfter_.load());
+    }
     return;
   }
-  movingTicks_ = 0;
   {
     const MutexLock lock(tickMutex_);
     tickArmed_.store(false, std::memory_order_seq_cst);

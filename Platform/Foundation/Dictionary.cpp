@@ -22,8 +22,18 @@ Dictionary Dictionary::withEntries(std::vector<Entry> entries) {
   constexpr std::size_t kFewEntries = 16;
   Dictionary result;
   if (entries.size() <= kFewEntries) {
-    result.reserve(entries.size());
-    for (auto& [key, value] : entries) result.set(std::move(key), std::move(value));
+    auto end = entries.begin();
+    for (Entry& entry : entries) {
+      const auto same = std::find_if(entries.begin(), end,
+                                     [&](const Entry& one) { return one.first == entry.first; });
+      if (same != end) {
+        same->second = std::move(entry.second);
+      } else if (Entry& place = *end++; &place != &entry) {
+        place = std::move(entry);
+      }
+    }
+    entries.erase(end, entries.end());
+    result.entries_ = std::move(entries);
     return result;
   }
   std::vector<std::size_t> order(entries.size());

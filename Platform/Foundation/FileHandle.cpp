@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <optional>
@@ -22,8 +23,9 @@ namespace {
                   std::string(operation) + ": " + posixError(error, path)->localizedDescription());
 }
 
-/// A file that this process has open. Keeps the offset itself, so that an operation is one system
-/// call.
+/// A file that this process has open. Keeps the offset itself, and the length from the first time
+/// that it is asked for, so that an operation is one system call: whoever writes to a file is the
+/// only one who does.
 class PosixFileHandle : public FileHandle {
  public:
   PosixFileHandle(FileDescriptor file, std::string path)
@@ -40,17 +42,11 @@ class PosixFileHandle : public FileHandle {
     return readDataOfLength(std::numeric_limits<std::size_t>::max());
   }
 
-  std::uint64_t seekToEndOfFile() override {
-    offset_ = length("seek");
-    knownLength_ = offset_;
-    return offset_;
-  }
+  std::uint64_t seekToEndOfFile() override { return offset_ = length("seek"); }
 
   void writeData(const Data& data) override {
     cutBack();
-    // Mostly a seek to the end has just said it.
-    const auto known = std::exchange(knownLength_, std::nullopt);
-    const std::uint64_t before = known ? *known : length("write");
+    const std::uint64_t before = length("write");
     const int error =
         withReserve([&] { return file_.write(data.view(), static_cast<::off_t>(offset_)); });
     if (error != 0) {
@@ -60,17 +56,21 @@ class PosixFileHandle : public FileHandle {
       raise("write", path_, error);
     }
     offset_ += data.length();
+    length_ = std::max(before, offset_);
   }
 
   void truncateFileAtOffset(std::uint64_t offset) override {
-    knownLength_.reset();
+    length_.reset();
     check("truncate", file_.truncate(static_cast<::off_t>(offset)));
-    offset_ = offset;
+    length_ = offset_ = offset;
   }
 
   void synchronizeFile() override { check("synchronize", file_.syncData()); }
 
-  void closeFile() override { check("close", file_.close()); }
+  void closeFile() override {
+    length_.reset();
+    check("close", file_.close());
+  }
 
  private:
   /// What could not be cut off after a failed write is cut off before anything else is written.
@@ -82,16 +82,17 @@ class PosixFileHandle : public FileHandle {
   void check(std::string_view operation, int error) const {
     if (error != 0) raise(operation, path_, error);
   }
-  std::uint64_t length(std::string_view operation) const {
+  std::uint64_t length(std::string_view operation) {
+    if (length_) return *length_;
     struct ::stat now;
     check(operation, file_.status(now));
-    return static_cast<std::uint64_t>(now.st_size);
+    return *(length_ = static_cast<std::uint64_t>(now.st_size));
   }
 
   FileDescriptor file_;
   std::string path_;
   std::uint64_t offset_ = 0;
-  std::optional<std::uint64_t> knownLength_;
+  std::optional<std::uint64_t> length_;
   std::optional<std::uint64_t> lengthToCutBackTo_;
 };
 

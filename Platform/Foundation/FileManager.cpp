@@ -43,17 +43,17 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
 
 /// What the temporary names of this process begin with: a sweep passes over them. The process id
 /// tells a forked child, and the random number a later process with the same id.
-std::string ownTemporaryPrefix() {
+std::string ownTemporaryPrefix(std::string_view before = {}) {
   static NeverDestroyed<std::string> random([] {
     std::random_device device;
     return fmt::format("{:08x}{:08x}", device(), device());
   });
-  return fmt::format("{}{}-{}-", FileManager::kTemporaryPrefix, *random, processID());
+  return fmt::format("{}{}{}-{}-", before, FileManager::kTemporaryPrefix, *random, processID());
 }
 
-std::string temporaryPath(const std::string& folder) {
+std::string temporaryPath(std::string folder) {
   static constinit std::atomic<std::uint64_t> count{0};
-  return fmt::format("{}/{}{}", folder, ownTemporaryPrefix(), ++count);
+  return ownTemporaryPrefix(folder += '/') + std::to_string(++count);
 }
 
 /// Moves `from` to `to`, which must not exist. File systems that have no such rename still have
@@ -207,6 +207,8 @@ std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(
     alignas(::dirent64) char room[4096];
     length = folder ? fileCall<&FileCalls::entries>(folder.get(), room, sizeof room) : 0;
     if (length < 0) code = errno;
+    constexpr ::ssize_t kLeastEntry = 24;
+    if (names.empty() && length > 0) names.reserve(static_cast<std::size_t>(length / kLeastEntry));
     for (::ssize_t at = 0; at < length;) {
       const auto& entry = *reinterpret_cast<const ::dirent64*>(room + at);
       const std::string_view name = entry.d_name;

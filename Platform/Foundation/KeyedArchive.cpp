@@ -254,6 +254,7 @@ Data archivedData(std::string_view className, std::string_view rootText) {
 
 std::string archivedText(const Value& value) {
   std::string text;
+  text.reserve(128);
   Archiver(text).write(value);
   return text;
 }

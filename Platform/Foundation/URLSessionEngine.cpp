@@ -49,12 +49,16 @@ void URLSessionEngine::decideRedirect(URLSessionTaskRef task, std::optional<URLR
 }
 
 void URLSessionEngine::submit(Command command) {
-  const MutexLock lock(mutex_);
+  MutexLock lock(mutex_);
   if (resting_ || (!threadRuns_ && command.kind != Command::Kind::start)) return;
   commands_.push_back(std::move(command));
   if (!threadRuns_) return startThread();
-  changed_.notifyOne();
-  if (wakeable_ != nullptr) curl_multi_wakeup(wakeable_);
+  if (waits_) {
+    lock.unlock();  // whoever is woken wants it
+    changed_.notifyOne();
+  } else if (wakeable_ != nullptr) {
+    curl_multi_wakeup(wakeable_);
+  }
 }
 
 void URLSessionEngine::startThread() {
@@ -174,7 +178,9 @@ bool URLSessionEngine::waitForCommands() {
   const auto end = std::chrono::steady_clock::now() + kLinger;
   MutexLock lock(mutex_);
   bool inTime = true;
+  waits_ = true;
   while (commands_.empty() && !resting_ && inTime) inTime = changed_.waitUntil(lock, end);
+  waits_ = false;
   if (!commands_.empty() || resting_) return true;
   wakeable_ = nullptr;
   auto* multi = std::exchange(multi_, nullptr);

@@ -64,8 +64,9 @@ class URLSessionEngine {
   Condition changed_;
   std::list<Command> commands_ GUARDED_BY(mutex_);
   bool threadRuns_ GUARDED_BY(mutex_) = false;
-  bool resting_ GUARDED_BY(mutex_) = false;      // exit() has begun
-  bool atRest_ GUARDED_BY(mutex_) = false;       // and the thread has seen it
+  bool waits_ GUARDED_BY(mutex_) = false;    // the thread has no transfer, and sleeps on changed_
+  bool resting_ GUARDED_BY(mutex_) = false;  // exit() has begun
+  bool atRest_ GUARDED_BY(mutex_) = false;   // and the thread has seen it
   void* wakeable_ GUARDED_BY(mutex_) = nullptr;  // multi_ while others may wake it
 
   // The thread's own.

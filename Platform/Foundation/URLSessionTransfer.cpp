@@ -97,7 +97,7 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   body_.clear();
   cutOff_ = false;
 
-  curl_easy_reset(handle_);
+  if (requests_ > 1) curl_easy_reset(handle_);
   curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
   curl_easy_setopt(handle_, CURLOPT_SHARE, share);
   curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
@@ -159,7 +159,7 @@ bool URLSessionTransfer::setHeaderFields() {
     return longer != nullptr;
   };
   // What the library would add by itself: a line without a value leaves a field out.
-  for (const char* name : {"Accept", "Content-Type", "Expect", "User-Agent"}) {
+  for (const char* name : {"Accept", "Content-Type", "Expect"}) {
     if (fieldNamed(name, request_.headerFields) == nullptr && !add(std::string(name) + ":")) {
       return false;
     }
@@ -232,8 +232,8 @@ int URLSessionTransfer::progressCallback(void* self, std::int64_t, std::int64_t 
 }
 
 int URLSessionTransfer::openSocket(void*, int, curl_sockaddr* address) {
-  return aboveStandardDescriptors(
-      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
+  return aboveStandardDescriptors(::socket(
+      address->family, address->socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address->protocol));
 }
 
 int URLSessionTransfer::connectedCallback(void* self, char*, char*, int, int) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -42,75 +41,33 @@ std::optional<std::uint64_t> meminfoBytes(std::string_view meminfo, std::string_
   return *kilobytes * 1024;
 }
 
-/// What a thread's stat line says of its time, in ticks.
-struct ThreadTimes {
-  std::uint64_t used = 0;  ///< by itself and by the kernel for it
-  std::uint64_t began = 0;
-};
-
-/// Fields are separated by blanks and counted from 1, as proc(5) does. The name in the second field
-/// may hold anything, so counting begins after its last parenthesis.
-std::optional<ThreadTimes> threadTimes(std::string_view stat) {
-  constexpr int kUser = 14;
-  constexpr int kSystem = 15;
+/// When this process began, since boot.
+std::optional<std::chrono::nanoseconds> began() {
+  // Fields are separated by blanks and counted from 1, as proc(5) does. The name in the second one
+  // may hold anything, so counting begins after its last parenthesis.
   constexpr int kBegan = 22;
-  const std::size_t name = stat.rfind(')');
-  if (name == std::string_view::npos) return std::nullopt;
-  const char* at = stat.data() + name + 1;
-  const char* const end = stat.data() + stat.size();
-  ThreadTimes times;
-  for (int field = 3; field <= kBegan; ++field) {
-    while (at != end && *at == ' ') ++at;
-    if (field == kUser || field == kSystem || field == kBegan) {
-      std::uint64_t number = 0;
-      if (std::from_chars(at, end, number).ec != std::errc{}) return std::nullopt;
-      (field == kBegan ? times.began : times.used) += number;
-    }
-    while (at != end && *at != ' ') ++at;
+  const auto stat = readSystemFile("/proc/self/stat");
+  const std::size_t name = stat ? stat->rfind(')') : std::string::npos;
+  const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
+  if (name == std::string::npos || ticksPerSecond <= 0) return std::nullopt;
+  std::string_view rest = std::string_view(*stat).substr(name + 1);
+  for (int field = 3; field < kBegan; ++field) {
+    rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+    rest.remove_prefix(std::min(rest.find(' '), rest.size()));
   }
-  return times;
+  const auto ticks = leadingNumber<std::uint64_t>(rest);
+  if (!ticks) return std::nullopt;
+  return std::chrono::nanoseconds(std::chrono::seconds(1)) * *ticks / ticksPerSecond;
 }
 
-/// When a thread began does not change, and what it has used the kernel says without a file.
-struct KnownThreads {
+struct SharedUsage {
   Mutex mutex;
-  std::map<::pid_t, std::uint64_t> began GUARDED_BY(mutex);  ///< in ticks
+  std::optional<ProcessorUsage> usage GUARDED_BY(mutex);
 };
 
-KnownThreads& knownThreads() {
-  static NeverDestroyed<KnownThreads> shared;
+SharedUsage& sharedUsage() {
+  static NeverDestroyed<SharedUsage> shared;
   return *shared;
-}
-
-/// Seconds of the processor that a thread of this process has used.
-std::optional<double> usedBy(::pid_t thread) {
-  // As pthread_getcpuclockid() makes it of a thread that it knows.
-  const auto clock = static_cast<::clockid_t>(~static_cast<unsigned>(thread) << 3 | 6U);
-  struct ::timespec used;
-  if (::clock_gettime(clock, &used) != 0) return std::nullopt;
-  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
-}
-
-/// How much of a processor one thread has used since it began, in percent; nothing where it has
-/// ended. `known` is that of the threads before, `still` takes this one.
-std::optional<double> usageOf(const std::string& name, double secondsNow, double ticksPerSecond,
-                              const std::map<::pid_t, std::uint64_t>& known,
-                              std::map<::pid_t, std::uint64_t>& still) {
-  ::pid_t thread = 0;
-  std::from_chars(name.data(), name.data() + name.size(), thread);
-  const auto found = known.find(thread);
-  std::optional<double> used = found != known.end() ? usedBy(thread) : std::nullopt;
-  std::uint64_t began = found != known.end() ? found->second : 0;
-  if (!used) {
-    const auto stat = readSystemFile("/proc/self/task/" + name + "/stat");
-    const auto times = stat ? threadTimes(*stat) : std::nullopt;
-    if (!times) return std::nullopt;
-    began = times->began;
-    used = static_cast<double>(times->used) / ticksPerSecond;
-  }
-  still.emplace(thread, began);
-  const double lived = secondsNow - static_cast<double>(began) / ticksPerSecond;
-  return 100.0 * *used / std::max(lived, 1 / ticksPerSecond);
 }
 
 }  // namespace
@@ -132,25 +89,33 @@ std::optional<VirtualMemoryStatistics> hostVirtualMemoryStatistics() {
   return statistics;
 }
 
+float ProcessorUsage::percent(std::chrono::nanoseconds now, std::chrono::nanoseconds used) {
+  using Seconds = std::chrono::duration<double>;
+  constexpr std::chrono::seconds kLeast{1};
+  constexpr Seconds kTick{0.01};
+  if (now - last_.at >= kLeast) from_ = std::exchange(last_, {now, used});
+  return static_cast<float>(
+      100 * (Seconds(used - from_.used) / std::max(Seconds(now - from_.at), kTick)));
+}
+
 std::optional<float> taskThreadsCPUUsage() {
-  const auto threads = systemFolderEntries("/proc/self/task");
-  const auto now = uptime();
-  const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
-  if (threads.empty() || !now || ticksPerSecond <= 0) return std::nullopt;
-  const double seconds = std::chrono::duration<double>(*now).count();
-  KnownThreads& known = knownThreads();
-  const MutexLock lock(known.mutex);
-  // Below another root are other threads.
-  if (!systemPath("").empty()) known.began.clear();
-  std::map<::pid_t, std::uint64_t> still;
-  double percent = 0;
-  for (const std::string& thread : threads) {
-    // A thread may have ended since the folder was read.
-    percent += usageOf(thread, seconds, static_cast<double>(ticksPerSecond), known.began, still)
-                   .value_or(0);
+  SharedUsage& shared = sharedUsage();
+  const MutexLock lock(shared.mutex);
+  // Below another root is another machine.
+  const bool isThisMachine = systemPath("").empty();
+  if (!isThisMachine) shared.usage.reset();
+  if (!shared.usage) {
+    const auto since = began();
+    if (!since) return std::nullopt;
+    shared.usage.emplace(*since);
   }
-  known.began = systemPath("").empty() ? std::move(still) : decltype(still)();
-  return static_cast<float>(percent);
+  const auto now = uptime();
+  struct ::timespec used;
+  if (!now || ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used) != 0) return std::nullopt;
+  const float percent = shared.usage->percent(
+      *now, std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec));
+  if (!isThisMachine) shared.usage.reset();
+  return percent;
 }
 
 std::optional<std::chrono::nanoseconds> uptime() {

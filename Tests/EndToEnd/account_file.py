@@ -79,12 +79,11 @@ class AccountFile:
     capacity: int
     half_settled: bool  # a kill fell into a settling; what it was to become is counted as done
 
-    def problems(self, home=None, killed=False, ended=False):
+    def problems(self, home=None, killed=False):
         """Texts, none when all adds up. With `killed`, no start has come after the last kill: calls
         may be cut off that nothing has counted yet. With a home, its logs and blocks as well, where
-        nothing is under way. A kill, or an end (`ended`) while a log was being stored, may leave some
-        that are there and not counted yet, or counted as gone and still there; but never one that is
-        neither there nor counted."""
+        nothing is under way: a kill may leave some that are there and not counted yet, or counted as
+        gone and still there; but never one that is neither there nor counted."""
         wrong = []
         for name in KINDS:
             records = getattr(self, name)
@@ -100,7 +99,7 @@ class AccountFile:
                     "blocks": (number["blocksStored"], number["blocksAcknowledged"], number["blocksRejected"],
                                len(home.blocks()), sum(self.blocks_removed.values()))}
             wrong += [f"{name}: {whole} are not {' + '.join(map(str, parts))}" for name, (whole, *parts) in sums.items()
-                      if not 0 <= sum(parts) - whole <= (MOST_UNDER_WAY if killed or ended else 0)]
+                      if not 0 <= sum(parts) - whole <= (MOST_UNDER_WAY if killed else 0)]
         return wrong
 
 

@@ -27,12 +27,12 @@ import time
 
 import account_file
 import frame_log
-from support import HOSTS, Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
+from support import Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
 RATE = 15
-SHIM = HOSTS / "libFaultShim.so"  # look-ups of names in HANGING take longer than any host lives
+# The look-up of its name takes longer than any host lives.
 HANGING = "https://server.hangs/v1/skd.do"
 # Beyond it nobody waits between the redirects of a loop. Nine transfers go side by side, and each
 # follows nine at once.
@@ -211,9 +211,9 @@ class Chaos:
     def as_host(self):
         return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
 
-    def start(self, *arguments, server=None, preload="", **popen):
+    def start(self, *arguments, server=None, **popen):
         host = self.home.start(*arguments, "--server", server or self.collector.url, keep_sent=self.sent,
-                               environment={**self.environment, "LD_PRELOAD": str(preload)}, **self.as_host(), **popen)
+                               environment=self.environment, **self.as_host(), **popen)
         self.addresses.pid = host.pid
         return host
 
@@ -368,11 +368,10 @@ class Chaos:
 
     def start_without_names(self):
         """The name server hangs under one host; the next one has another address."""
-        if SHIM.exists():
-            self.start_host(server=HANGING, preload=SHIM)
-            time.sleep(25 if self.length > 150 else 3)
-            self.end_host()
-            self.counts["hanging name servers"] += 1
+        self.start_host(server=HANGING)
+        time.sleep(25 if self.length > 150 else 3)
+        self.end_host()
+        self.counts["hanging name servers"] += 1
         self.start_host()
 
     def start_with_damage(self):

@@ -30,36 +30,39 @@ import frame_log  # noqa: E402
 from support import HOSTS, Home, give_identifiers, scratch_root  # noqa: E402
 
 HOST = HOSTS / "FaultHost.app/PlugIns/FaultHost.appex"
-SHIM = HOSTS / "libFaultShim.so"
 EVENTS = 16
 LONG = 800  # milliseconds for which something is not to be had
 
 FULL, BROKEN, BUSY, NONE, BARRED = errno.ENOSPC, errno.EIO, errno.EINTR, errno.EMFILE, errno.EACCES
 MEMORY = errno.ENOMEM
-# The kinds in the order in which the preloaded library counts them, and what may go wrong with each.
+# Methods of platform::FileCalls, calls of the system and allocations, and what may go wrong with each.
 KINDS = {
     "open": (NONE, BARRED, FULL, BUSY, MEMORY, "kill"),
     "read": (BROKEN, BUSY, "short", "kill"),
     "write": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
-    "pwrite": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
-    "fsync": (FULL, BROKEN, "kill"),
-    "fdatasync": (FULL, BROKEN, "kill"),
+    "close": (BROKEN,),
+    "sync": (FULL, BROKEN, "kill"),
+    "syncData": (FULL, BROKEN, "kill"),
     "rename": (FULL, BARRED, BROKEN, "kill"),
-    "renameat2": (FULL, BARRED, BROKEN, "kill"),
+    "renameNoReplace": (FULL, BARRED, BROKEN, "kill"),
     "link": (FULL, BARRED, "kill"),
-    "copy_file_range": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
-    "ftruncate": (BROKEN, BUSY, BARRED, "kill"),
-    "fallocate": (FULL, BUSY, BROKEN, "kill"),
-    "mkdir": (FULL, BARRED, "kill"),
+    "copyRange": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
+    "truncate": (BROKEN, BUSY, BARRED, "kill"),
+    "allocate": (FULL, BUSY, BROKEN, "kill"),
+    "makeDirectory": (FULL, BARRED, "kill"),
+    "removeDirectory": (BARRED, BROKEN, "kill"),
     "unlink": (BARRED, BROKEN, "kill"),
-    "stat": (BARRED, BROKEN, MEMORY, "kill"),
-    "readdir": (BROKEN,),
-    "flock": (BUSY, errno.ENOLCK),
-    "xattr": (FULL, errno.ENOTSUP, "kill"),
+    "status": (BARRED, BROKEN, MEMORY, "kill"),
+    "statusAt": (BARRED, BROKEN, MEMORY, "kill"),
+    "linkStatusAt": (BARRED, BROKEN, MEMORY, "kill"),
+    "entries": (BROKEN,),
+    "lock": (BUSY, errno.ENOLCK),
+    "attribute": (BROKEN, errno.ENOTSUP, "kill"),
+    "setAttribute": (FULL, errno.ENOTSUP, "kill"),
     "mmap": (MEMORY, BARRED, "kill"),
-    "inotify_init": (NONE, MEMORY),
+    "inotify_init1": (NONE, MEMORY),
     "inotify_add_watch": (FULL, BARRED, MEMORY),
-    "epoll_create": (NONE, MEMORY),
+    "epoll_create1": (NONE, MEMORY),
     "epoll_ctl": (FULL, MEMORY),
     "epoll_wait": (BUSY,),
     "pthread_create": (errno.EAGAIN,),
@@ -150,20 +153,19 @@ class Run:
             home.close()
 
     def start_twice(self, home):
-        environment = home.environment(LD_PRELOAD=SHIM, FAULT_PAGE=self.page,
-                                       FAULT_UNDER=f"{home.path / 'data'}:{home.path / 'state'}")
+        environment = home.environment(FAULT_PAGE=self.page, FAULT_UNDER=home.path, FAULT_KINDS=":".join(KINDS))
         if self.fault:
             environment["FAULT"] = str(self.fault)
         first = self.start(home, "first", EVENTS, environment)
         # What a start accepts that had no journal stands in no file, and it says so.
         self.was_unprotected = any("no intake journal" in line for line in home.log_lines())
-        *counts, self.happened = struct.unpack(f"={len(KINDS) + 1}Q", self.page.read_bytes())
+        *counts, self.happened = struct.unpack_from(f"={len(KINDS) + 1}Q", self.page.read_bytes())
         self.counts = dict(zip(KINDS, counts))
         fine = (0, -signal.SIGKILL) if self.fault and self.fault.kills else (0,)
         if first.status not in fine:
             self.problems.append(f"the host ended with {first.status}: {first.output[-300:]}")
         second = self.start(home, "second", 4, home.environment())
-        if second.status != 0 or answers_of(second) != {n: 1 for n in range(1, 5)}:
+        if second.status != 0 or answers_of(second) != {n: 1 for n in range(1, 5)} or "rest: 1" not in second.output:
             self.problems.append(f"the next start: {second.status}: {second.output[-300:]}")
         return first, second
 
@@ -201,7 +203,7 @@ class Run:
         if account is None:
             self.problems.append("there is no account")
             return
-        self.problems += account.problems(home, ended=True)
+        self.problems += account.problems(home)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
         more = events.accepted - events.cut_off - answered

@@ -96,6 +96,11 @@ def frames_of(data):
     return frames
 
 
+def flush_of(frames):
+    """The status of the flush that closed a log; None for one that is still open."""
+    return frames[-1].payload["sk.flush.frame.code"] if frames and frames[-1].type == FLUSH else None
+
+
 def frames_in(path):
     return frames_of(pathlib.Path(path).read_bytes())
 

@@ -13,7 +13,6 @@ import subprocess
 import sys
 import time
 
-import account
 import account_file
 import frame_log
 from support import FRAMES_TOOL, HOSTS, Home, eventually, give_identifiers
@@ -45,7 +44,7 @@ class Frames:
         known = self.logs.get(frames[0].raw, b"")
         if known:
             self.repeats += 1
-            if not data.startswith(known) or account.flush_of(frames) != 4:
+            if not data.startswith(known) or frame_log.flush_of(frames) != 4:
                 self.problems.append(f"{name} repeats frames of a log that it does not go on from")
         self.logs[frames[0].raw] = data
         self.events += self._numbers(frame for frame in frames if frame.offset >= len(known))
@@ -76,6 +75,7 @@ class Killer:
         self.problems = self.frames.problems
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
         self.replayed, self.named = 0, collections.Counter()
+        self.due = set()  # tickets of records that kills left and that no start had taken up by then
         self.next = 0
         self.account = None
         self.previous = []  # the frames of the log that the last kill left open
@@ -107,8 +107,9 @@ class Killer:
         self.look()
         # A kill may fall before the first call has returned.
         if self.home.has_intake_file() or any(self.told.read_bytes()):
-            wrong = account_file.of(self.home).problems(self.home, killed=True)
-            self.problems += [f"kill {self.kills}: {problem}" for problem in wrong]
+            left = account_file.of(self.home)
+            self.due |= {record.ticket for record in left.waiting if record.attempts == 0}
+            self.problems += [f"kill {self.kills}: {problem}" for problem in left.problems(self.home, killed=True)]
 
     def quiet(self):
         """The account, once it has stood still for a moment and adds up; None before."""
@@ -160,6 +161,9 @@ class Killer:
         missing = [number for number in accepted if found[number] == 0]
         events = self.account.events
         self.named, self.replayed = collections.Counter(events.dropped), events.replayed
+        # A kill may fall between a record's taking up and the mark that says so.
+        if not 0 <= self.replayed - len(self.due) <= self.kills:
+            self.problems.append(f"{when}: {self.replayed} were taken up again, {len(self.due)} had been left")
         # Every session is whole from its first event on, and ends with its last: so nothing is dropped but
         # what three kills in a row have found being written.
         if max(len(missing), self.named.total()) > self.named["replayedTooOften"]:

@@ -4,10 +4,10 @@ what it can use."""
 import unittest
 
 import frame_log
-from support import NAMELESS, NOWHERE, Home, events_of
+from support import NAMELESS, NOWHERE, Home
 
 EVENTS = 100
-KEY, THRESHOLD, MINUTES = "Skelda Watch API Key", "Skelda Watch Event Threshold", "Skelda Watch Duration Threshold"
+KEY, MINUTES = "Skelda Watch API Key", "Skelda Watch Duration Threshold"
 
 
 def without(key):
@@ -40,25 +40,6 @@ class InformationDictionary(unittest.TestCase):
             bundle = home.own_bundle()
             (bundle / "Info.plist").unlink()
             self.assertEqual(0, self.start(home, bundle).number("accepted"))
-
-    def test_the_event_threshold_is_read_as_a_whole_number_and_kept_in_its_range(self):
-        cases = [(without(THRESHOLD), 10), *((with_value(THRESHOLD, value), expected) for value, expected in (
-            (4, 5), (5, 5), (50, 50), (51, 50), (-1, 5), (2**62, 50), (7.9, 7), (True, 5), ("12", 12), ("lots", 5),
-            ([12], 5), ({"a": 1}, 5), (b"\x0c", 5)))]
-        for change, expected in cases:
-            with Home() as home:
-                bundle = home.own_bundle(change=change)
-                with self.subTest(expected=expected, bundle=(bundle / "Info.plist").read_text()[-200:]):
-                    self.start(home, bundle)
-                    self.assertEqual(expected, len(events_of([home.current_log.read_bytes()])))
-
-    def test_thresholds_out_of_range_are_said_in_the_log(self):
-        outside = {THRESHOLD: 4, MINUTES: 61}
-        with Home() as home:
-            self.start(home, home.own_bundle(change=lambda information: information.update(outside)))
-            log = "\n".join(home.log_lines())
-            self.assertIn("Watch event threshold may not be below 5", log)
-            self.assertIn("Watch duration threshold may not be above 60", log)
 
     def test_values_of_other_kinds_elsewhere_do_no_harm(self):
         def change(information):

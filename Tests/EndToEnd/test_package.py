@@ -12,7 +12,6 @@ import sys
 import tempfile
 import unittest
 
-import frame_log
 from support import BUILD, PHONE, ROOT, Home, Process, eventually
 
 sys.path.insert(0, str(ROOT / "scripts/lib"))
@@ -20,7 +19,6 @@ import exports  # noqa: E402
 
 CONSUMERS = ROOT / "Tests/EndToEnd/consumers"
 STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only"]
-README = (ROOT / "README.md").read_text()
 
 
 def asked(*command, **more):
@@ -33,11 +31,6 @@ def run(*command, **more):
     if done.returncode != 0:
         raise AssertionError(f"{command}\n{done.stdout[-6000:]}")
     return done.stdout
-
-
-def fenced(language, text=README):
-    """The first block of that language in a document."""
-    return text.split(f"```{language}\n")[1].split("```")[0]
 
 
 class Package(unittest.TestCase):
@@ -73,12 +66,12 @@ class Package(unittest.TestCase):
         run("cmake", "-G", "Ninja", "-S", source, "-B", tree, f"-DCMAKE_PREFIX_PATH={self.prefix}", *arguments)
         return tree
 
-    def home(self, program, settings=None):
+    def home(self, program):
         """A home for that program in a bundle of its own."""
         bundle = self.folder / f"{program.name}.app/PlugIns/Extension.appex"
         bundle.mkdir(parents=True, exist_ok=True)
         shutil.copy(program, bundle / "Extension")
-        settings = settings or {"CFBundleIdentifier": f"com.example.{program.name}", "Skelda Watch API Key": "KEY"}
+        settings = {"CFBundleIdentifier": f"com.example.{program.name}", "Skelda Watch API Key": "KEY"}
         (bundle / "Info.plist").write_bytes(plistlib.dumps(settings))
         return Home(bundle=bundle)
 
@@ -146,19 +139,6 @@ class Package(unittest.TestCase):
     def test_a_program_that_a_compiler_builds_with_two_folders_named_leaves_its_event(self):
         self.leaves_its_event(self.compiled("plain", f"-I{self.prefix / 'include'}", f"-L{self.library.parent}",
                                             "-lSkelda_Watch"))
-
-    def test_the_first_program_of_the_readme_leaves_its_event_where_the_text_says(self):
-        source = self.folder / "Extension.cpp"
-        source.write_text(fenced("cpp"))
-        program = self.compiled("readme", *self.flags("--cflags", "--libs", "Skelda_Watch"), source=source)
-        settings = {"CFBundleIdentifier": "com.example.readme", "Skelda Watch API Key": "KEY"}
-        self.assertTrue(all(f'"{key}"' in README for key in settings))
-        place = README.split("`${XDG_DATA_HOME:-~/.local/share}/")[1].split("`")[0]
-        with self.home(program, settings) as home:
-            run(home.bundle / "Extension", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
-            log = home.path / "data" / place.replace("<CFBundleIdentifier>", settings["CFBundleIdentifier"])
-            event, = [frame for frame in frame_log.frames_in(log) if frame.type == frame_log.EVENT]
-            self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
 
     def test_what_cannot_work_is_refused_by_cmake_with_a_sentence(self):
         source = self.folder / "refused"

@@ -79,17 +79,6 @@ class DamagedStorage(unittest.TestCase):
                     path.unlink()
                 self.assertWorks(home)
 
-    def test_a_folder_where_a_file_belongs(self):
-        for place in ("current_log", "key_values", "index"):
-            with self.subTest(place), Home() as home:
-                folder = getattr(home, place)
-                (folder / "inside").mkdir(parents=True)
-                run = quick(home, linger=3)
-                self.assertEqual(0, run.status, run.output)
-                self.assertEqual(20 - NAMELESS, run.number("accepted"))
-                shutil.rmtree(folder, ignore_errors=True)
-                self.assertWorks(home)
-
     def test_a_storage_folder_that_is_removed_under_a_running_host(self):
         with Home() as home:
             with home.start("--rate", "200", "--events", "300", "--server", NOWHERE) as host:
@@ -179,31 +168,5 @@ class NoRoom(unittest.TestCase):
                     resource.prlimit(host.pid, resource.RLIMIT_FSIZE, (size, resource.RLIM_INFINITY))
 
                 self.check_recovery(home, host, lambda: limit(600), lambda: limit(resource.RLIM_INFINITY))
-
-    def test_no_more_descriptors(self):
-        with Home() as home:
-            give_identifiers(home)
-            with self.steady(home) as host:
-                def limit(count):
-                    resource.prlimit(host.pid, resource.RLIMIT_NOFILE, (count, 1024))
-
-                self.check_recovery(home, host, lambda: limit(4), lambda: limit(1024))
-
-    def test_a_start_without_descriptors_loses_nothing_of_the_run_before(self):
-        with Home() as home:
-            quick(home)
-            before = [frame.raw for frame in frame_log.frames_in(home.current_log)]
-
-            def few():
-                resource.setrlimit(resource.RLIMIT_NOFILE, (8, 8))
-
-            run = quick(home, linger=3, preexec_fn=few)
-            self.assertEqual(0, run.status, run.output)
-            sent = home.path / "sent"
-            quick(home, keep_sent=sent)
-            kept = {frame.raw for path in [*sent.iterdir(), *home.committed_logs(), *home.blocks(), home.current_log]
-                    for frame in frame_log.readable(path.read_bytes())[0]}
-            self.assertEqual([], [raw for raw in before if raw not in kept])
-
 
 assert RECORDED > 20

@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/Bundle.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
@@ -22,6 +23,17 @@ class AgentHome : public TemporaryHome {
     SkeldaUtil::resetFilePathDirectory();
     SkeldaKVStorage::resetSharedInstance();
   }
+};
+
+/// Makes this process the watch extension of an application with that Info.plist while it lives.
+class HostBundle {
+ public:
+  explicit HostBundle(platform::Dictionary information = {},
+                      const std::string& path = "/Run.app/PlugIns/Watch.appex") {
+    platform::Bundle::setMain(
+        std::make_shared<platform::Bundle>(path, path + "/run", std::move(information)));
+  }
+  ~HostBundle() { platform::Bundle::setMain(nullptr); }
 };
 
 }  // namespace skelda::testing

@@ -1,19 +1,107 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <limits>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Platform.h"
-#include "Tests/Support/FaultPlan.h"
 
 namespace skelda::testing {
+
+/// How a call fails.
+struct Fault {
+  int error = 5;  ///< errno; 5 is EIO
+  /// Does only so many bytes, or half of them, and succeeds.
+  std::optional<std::size_t> shortLength = std::nullopt;
+  /// How many calls fail in a row, from the one named.
+  std::size_t times = 1;
+  /// It is the last thing that the process does.
+  bool kills = false;
+
+  static constexpr std::size_t kForEver = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t kHalf = kForEver;
+};
+
+/// Says which calls of a fake fail, by number or by kind, and remembers what was called. The kind
+/// of a call is the name of its method. Any thread.
+class FaultPlan {
+ public:
+  virtual ~FaultPlan() = default;
+  /// The `number`th call of any kind from now on, counted from 1.
+  void failCall(std::size_t number, Fault fault = {}) {
+    std::lock_guard lock(mutex_);
+    byNumber_ = Armed{calls_ + number, fault};
+  }
+  /// The `nth` call of that kind from now on, counted from 1.
+  void failKind(const std::string& kind, std::size_t nth = 1, Fault fault = {}) {
+    std::lock_guard lock(mutex_);
+    byKind_[kind] = Armed{counts_[kind] + nth, fault};
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    byNumber_.reset();
+    byKind_.clear();
+  }
+
+  /// Counts one call and says whether it is to fail. For the fakes.
+  virtual std::optional<Fault> next(std::string_view kind) {
+    std::lock_guard lock(mutex_);
+    const std::string name(kind);
+    const std::size_t count = ++counts_[name];
+    ++calls_;
+    if (byNumber_ && byNumber_->covers(calls_)) return struck(byNumber_->fault);
+    const auto armed = byKind_.find(name);
+    if (armed != byKind_.end() && armed->second.covers(count)) return struck(armed->second.fault);
+    return std::nullopt;
+  }
+
+  std::size_t calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
+  std::size_t calls(const std::string& kind) const {
+    std::lock_guard lock(mutex_);
+    const auto found = counts_.find(kind);
+    return found == counts_.end() ? 0 : found->second;
+  }
+  /// How many calls failed as told: a test that armed a fault asserts that it struck.
+  std::size_t faults() const {
+    std::lock_guard lock(mutex_);
+    return faults_;
+  }
+
+ private:
+  struct Armed {
+    std::size_t first;
+    Fault fault;
+    bool covers(std::size_t count) const { return count >= first && count - first < fault.times; }
+  };
+  Fault struck(const Fault& fault) {
+    ++faults_;
+    return fault;
+  }
+
+  mutable std::mutex mutex_;
+  std::optional<Armed> byNumber_;
+  std::map<std::string, Armed> byKind_;
+  std::map<std::string, std::size_t> counts_;
+  std::size_t calls_ = 0;
+  std::size_t faults_ = 0;
+};
 
 using FaultPlanRef = std::shared_ptr<FaultPlan>;
 
@@ -84,6 +172,9 @@ class FaultyFileCalls : public platform::FileCalls {
   int makeDirectory(const char* path, ::mode_t mode) override {
     return fails("makeDirectory", path) ? -1 : FileCalls::makeDirectory(path, mode);
   }
+  int removeDirectory(const char* path) override {
+    return fails("removeDirectory", path) ? -1 : FileCalls::removeDirectory(path);
+  }
   ::ssize_t entries(int fd, void* room, std::size_t length) override {
     return fails("entries", fd) ? -1 : FileCalls::entries(fd, room, length);
   }
@@ -100,20 +191,19 @@ class FaultyFileCalls : public platform::FileCalls {
   }
 
  private:
-  bool concerns(const std::string& path) const { return path.find(only_) != std::string::npos; }
+  // Nothing is allocated here: allocations may be what fails.
+  bool concerns(std::string_view path) const { return path.find(only_) != path.npos; }
   bool concerns(int fd) const {
     if (only_.empty()) return true;
-    char path[4096];
-    const auto length =
-        ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return length > 0 && concerns(std::string(path, static_cast<std::size_t>(length)));
+    char link[32], path[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const auto length = ::readlink(link, path, sizeof path);
+    return length > 0 && concerns(std::string_view(path, static_cast<std::size_t>(length)));
   }
-  template <class Where>
-  std::optional<Fault> faultAt(const char* kind, const Where& where) {
+  std::optional<Fault> faultAt(const char* kind, auto where) {
     return concerns(where) ? plan_->next(kind) : std::nullopt;
   }
-  template <class Where>
-  bool fails(const char* kind, const Where& where) {
+  bool fails(const char* kind, auto where) {
     const auto fault = faultAt(kind, where);
     if (fault) errno = fault->error;
     return fault.has_value();
@@ -122,9 +212,13 @@ class FaultyFileCalls : public platform::FileCalls {
   ::ssize_t limited(const char* kind, int fd, std::size_t length, Call call) {
     const auto fault = faultAt(kind, fd);
     if (!fault) return call(length);
-    if (fault->shortLength) return call(std::min(*fault->shortLength, length));
-    errno = fault->error;
-    return -1;
+    if (!fault->shortLength) return errno = fault->error, -1;
+    // Half of one byte would be the end of the file.
+    const std::size_t half = std::max(length / 2, std::min<std::size_t>(length, 1));
+    const auto done =
+        call(std::min(fault->shortLength == Fault::kHalf ? half : *fault->shortLength, length));
+    if (fault->kills) ::kill(::getpid(), SIGKILL);
+    return done;
   }
 
   FaultPlanRef plan_;

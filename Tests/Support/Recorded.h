@@ -3,10 +3,22 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
 namespace skelda::testing {
+
+/// Whether the condition holds at some time within twenty seconds; for what nobody tells of.
+template <class Condition>
+bool becomes(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
 
 /// What was told to a test from other threads, in order. Any thread.
 template <class Thing>

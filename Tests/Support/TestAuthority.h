@@ -1,11 +1,9 @@
 #pragma once
 
-#include <chrono>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "Tests/Support/TemporaryDirectory.h"
+#include "Tools/skelda-collector/Certificates.h"
 
 namespace skelda::testing {
 
@@ -15,30 +13,27 @@ struct TestCertificate {
   std::string keyFile;
 };
 
-/// An authority of a test's own, made at run time. While it lives SSL_CERT_FILE names it, so that
-/// this process trusts it and nobody else.
+/// An authority of a test's own: the collector's, in a folder of its own. While it lives
+/// SSL_CERT_FILE names it, so that this process trusts it and nobody else.
 class TestAuthority {
  public:
-  TestAuthority();
-  ~TestAuthority();
-  TestAuthority(const TestAuthority&) = delete;
-  TestAuthority& operator=(const TestAuthority&) = delete;
+  TestAuthority() {
+    environment_.set("SSL_CERT_FILE", made(Certificates::Kind::good).authorityPath);
+  }
 
-  /// For those names ("DNS:localhost", "IP:127.0.0.1"), valid until so long from now.
-  TestCertificate issue(const std::string& names = "DNS:localhost,IP:127.0.0.1",
-                        std::chrono::hours validity = std::chrono::hours(24));
-  /// The same, but signed by an authority that nobody knows.
-  TestCertificate issueUntrusted();
-  std::string bundleFile() const;
+  /// For "localhost" and 127.0.0.1, or one of the bad ones.
+  TestCertificate issue(Certificates::Kind kind = Certificates::Kind::good) const {
+    const auto paths = made(kind);
+    return {paths.certificatePath, paths.keyPath};
+  }
 
  private:
-  struct Keys;
-  TestCertificate write(Keys& subject);
+  Certificates made(Certificates::Kind kind) const {
+    return Certificates::prepare(folder_.path(), {"localhost", "127.0.0.1"}, kind);
+  }
 
   TemporaryDirectory folder_;
-  std::unique_ptr<Keys> root_;
   ScopedEnvironment environment_;
-  int issued_ = 0;
 };
 
 }  // namespace skelda::testing

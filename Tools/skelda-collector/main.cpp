@@ -18,6 +18,9 @@
 #include "Tools/skelda-collector/Faults.h"
 #include "Tools/skelda-collector/LogStore.h"
 #include "Tools/skelda-collector/Page.h"
+#ifdef SKELDA_FLEET
+#include "Tools/skelda-collector/Stream/StreamCollector.h"
+#endif
 
 namespace {
 
@@ -34,6 +37,9 @@ struct Options {
   std::vector<std::string> apiKeys;
   std::vector<std::string> faults;
   std::size_t maxBytes = CollectorServer::Options{}.maxBytes;
+#ifdef SKELDA_FLEET
+  StreamCollector stream;
+#endif
 };
 
 void describe(CLI::App& app, Options& options) {
@@ -43,7 +49,9 @@ void describe(CLI::App& app, Options& options) {
          "ADDRESS:PORT, as 127.0.0.1:8443 or [::1]:8443; 0.0.0.0 and [::] are every address "
          "of this machine, port 0 is a free one, without a port it is 8443")
       ->capture_default_str();
-  app.add_option("--store", options.store, "Folder for received logs and received.jsonl")
+  app.add_option("--store", options.store,
+                 "Folder for received logs and received.jsonl; or, where the build has it, the "
+                 "servers of a stream that keeps them, nats://HOST:PORT[,HOST:PORT...]")
       ->capture_default_str();
   app.add_option("--page", options.page,
                  "Who may see the page with the logs and the buttons for faults: loopback, whoever "
@@ -87,6 +95,9 @@ void describe(CLI::App& app, Options& options) {
                  "reset-answer=12bytes, redirect=307:URL, drop-answer; with for=10s or times=3 as "
                  "long as that. Repeated, they follow each other")
       ->delimiter('\0');
+#ifdef SKELDA_FLEET
+  options.stream.describe(app);
+#endif
 }
 
 /// The names and addresses that a client may call it by.
@@ -142,6 +153,27 @@ void printAddresses(const Options& options, const ListenAddress& address,
   std::printf("in the application: SkeldaWatch::setServerURL(\"%s\");\n", url.c_str());
 }
 
+bool isStream(const std::string& store) {
+  return store.starts_with("nats://");
+}
+
+/// In front of a stream of several servers, without a state of its own.
+void runStream(const Options& options, int listener,
+               const std::optional<Certificates>& certificates) {
+#ifdef SKELDA_FLEET
+  StreamCollector stream = options.stream;
+  stream.sink.servers = options.store;
+  stream.server.apiKeys = stream.keys({options.apiKeys.begin(), options.apiKeys.end()});
+  stream.server.maxBytes = options.maxBytes;
+  stream.run(listener, certificates ? &*certificates : nullptr);
+#else
+  static_cast<void>(listener);
+  static_cast<void>(certificates);
+  throw std::invalid_argument("--store " + options.store +
+                              ": this build keeps logs in a folder only");
+#endif
+}
+
 int run(const Options& options) {
   // Taken by sigwait() below, so no other thread may have them; made before any thread is.
   sigset_t ends;
@@ -159,6 +191,15 @@ int run(const Options& options) {
   auto names = namesOf(options, address);
   const auto certificates = certificatesFor(options, names);
   const int listener = address.open();
+  if (isStream(options.store)) {
+    auto shown = options;
+    shown.page = Page::Reach::off;
+    printAddresses(shown, address, certificates);
+    std::fflush(stdout);
+    runStream(options, listener, certificates);
+    std::printf("stopped\n");
+    return 0;
+  }
   LogStore store(options.store);
   names.insert({"localhost", "127.0.0.1", "::1"});
   CollectorServer server({.apiKeys = {options.apiKeys.begin(), options.apiKeys.end()},

@@ -9,8 +9,7 @@
 namespace skelda::fleet {
 namespace {
 
-/// Of the transfer manager, which takes it from its configuration; the test that plays a scenario
-/// through both has it from there.
+/// Of the transfer manager, which keeps it to itself; a test plays the same logs through both.
 constexpr std::size_t kMostLogsInFolder = 4;
 
 }  // namespace
@@ -21,6 +20,8 @@ void Steps::clear() {
   folderFull.clear();
   tryFolderAgainAfter.reset();
 }
+
+DeviceSender::DeviceSender() : folderDelay_(SkeldaStreamFrameLogSender::kRetryDelay) {}
 
 // -- The folder of committed logs
 
@@ -60,6 +61,7 @@ void DeviceSender::passOverFolder(Steps& steps) {
 // -- Blocks and requests
 
 bool DeviceSender::store(Log log, Steps& steps) {
+  if (!canStore_) return false;
   // The next block would push out one that the server is about to take.
   if (running_ > 0 && lastWasTaken_ && blocks_.size() >= kSkeldaMostBlocks) return false;
   blocks_.push_back({log & ((1U << 30) - 1), 0, 0});

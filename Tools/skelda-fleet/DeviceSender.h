@@ -35,6 +35,9 @@ struct Steps {
 /// number and whether the server has it. Not thread-safe.
 class DeviceSender {
  public:
+  DeviceSender();
+  /// Whether the disk takes blocks; it does at first.
+  void setCanStore(bool can) noexcept { canStore_ = can; }
   /// A log was closed and lies in the folder.
   void commit(Log log, Steps& steps);
   /// The delay of `tryFolderAgainAfter` is over.
@@ -54,6 +57,7 @@ class DeviceSender {
   std::size_t running() const noexcept { return running_; }
   /// The logs that wait as blocks, oldest first, and those in the folder.
   std::vector<Log> waiting() const;
+  std::size_t blocks() const noexcept { return blocks_.size(); }
   std::size_t inFolder() const noexcept { return folder_.size(); }
 
  private:
@@ -72,8 +76,9 @@ class DeviceSender {
 
   std::vector<Block> blocks_;
   std::vector<Log> folder_;
-  platform::RetryDelay folderDelay_{std::chrono::milliseconds(50), std::chrono::minutes(1)};
+  platform::RetryDelay folderDelay_;
   std::uint8_t running_ = 0;
+  bool canStore_ = true;
   bool lastWasTaken_ = false;
   bool isReadingFolder_ = false;
 };

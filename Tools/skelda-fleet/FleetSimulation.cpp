@@ -11,9 +11,7 @@ namespace {
 constexpr Instant kRoundTrip = std::chrono::milliseconds(60);
 constexpr Instant kNoNetwork = std::chrono::milliseconds(5);
 const double kTimeOut = kSkeldaURLSessionTaskDefaultTimeoutInterval;
-constexpr double kLongestQueue = 1.0;   // seconds, of a server that sheds
-constexpr double kCostOfRefusal = 0.1;  // of what taking a log costs: the handshake stays
-constexpr double kLargestShare = 0.5;   // of the capacity, for one key
+constexpr double kLargestShare = 0.5;  // of the capacity, for one key
 constexpr std::uint32_t kSkewedOneIn = 20;
 
 double seconds(Instant instant) {
@@ -37,6 +35,7 @@ FleetSimulation::FleetSimulation(const Scenario& scenario)
   for (std::uint32_t device = 0; device < scenario_.devices; ++device) {
     at(drawInterval(), Kind::commit, device);
   }
+  if (scenario_.trouble == Trouble::disk) at(begins_, Kind::disk, 0);
   at(returns_, Kind::back, 0);
 }
 
@@ -55,9 +54,12 @@ Figures FleetSimulation::run() {
     events_.pop();
     now_ = event.at;
     handle(event);
-    if (returned_ && waitingSinceReturn_ == 0) break;
+    // Where answers were lost, what the server has is not what the devices know of.
+    const bool isOver = returned_ && waitingSinceReturn_ == 0;
+    if (isOver && scenario_.trouble != Trouble::reset) break;
   }
   figures_.wantingAtEnd = waitingSinceReturn_;
+  for (const auto& device : devices_) figures_.heldAtEnd += device.sender.notStored();
   figures_.simulated = now_;
   return figures_;
 }
@@ -73,6 +75,17 @@ bool FleetSimulation::isTroubled(std::uint32_t device) const noexcept {
     default:
       return true;
   }
+}
+
+/// Has no network just now.
+bool FleetSimulation::isCutOff(std::uint32_t device) const noexcept {
+  const bool cuts = scenario_.trouble == Trouble::network || scenario_.trouble == Trouble::oneKey;
+  return cuts && isInTrouble() && isTroubled(device);
+}
+
+bool FleetSimulation::followsNetwork(std::uint32_t device) const noexcept {
+  // Spread over the numbers, so that it goes with nothing else that is made of them.
+  return (device * 2654435761U) * 0x1p-32 < scenario_.following;
 }
 
 void FleetSimulation::handle(const Event& event) {
@@ -98,6 +111,8 @@ void FleetSimulation::handle(const Event& event) {
     case Kind::lateTaken:
       stored(event.device, event.log);
       break;
+    case Kind::disk:
+      return setCanStore(false);
     case Kind::back:
       return reachReturn();
   }
@@ -105,17 +120,23 @@ void FleetSimulation::handle(const Event& event) {
 }
 
 void FleetSimulation::commit(std::uint32_t index) {
+  if (std::bernoulli_distribution(scenario_.restarts)(random_)) startAgain(index);
   Device& device = devices_[index];
-  if (std::bernoulli_distribution(scenario_.restarts)(random_)) {
-    ++device.generation;
-    device.sender.restart(steps_);
-    carryOut(index);
-    steps_.clear();
-  }
   ++figures_.logs;
+  figures_.logsInTrouble += isInTrouble() ? 1 : 0;
   device.sender.commit(device.next++, steps_);
   carryOut(index);
   at(now_ + drawInterval(), Kind::commit, index);
+}
+
+/// Who follows the network is told at each start what it is.
+void FleetSimulation::startAgain(std::uint32_t index) {
+  Device& device = devices_[index];
+  ++device.generation;
+  device.sender.restart(steps_);
+  if (followsNetwork(index) && !isCutOff(index)) device.sender.networkReturned(steps_);
+  carryOut(index);
+  steps_.clear();
 }
 
 void FleetSimulation::carryOut(std::uint32_t index) {
@@ -133,17 +154,16 @@ void FleetSimulation::carryOut(std::uint32_t index) {
 }
 
 void FleetSimulation::request(std::uint32_t device, Log log) {
+  if (isCutOff(device)) return at(now_ + kNoNetwork, Kind::failed, device, log);
   const bool inTrouble = isInTrouble() && isTroubled(device);
   const Trouble trouble = inTrouble ? scenario_.trouble : Trouble::none;
-  if (trouble == Trouble::network || trouble == Trouble::oneKey) {
-    return at(now_ + kNoNetwork, Kind::failed, device, log);
-  }
   ++figures_.requests;
   const std::int64_t second = now_.count() / 1'000'000;
   if (std::exchange(second_, second) != second) requestsThisSecond_ = 0;
   ++requestsThisSecond_;
-  if (returned_) {
-    figures_.peak = std::max(figures_.peak, static_cast<std::uint32_t>(requestsThisSecond_));
+  if (returned_ || isInTrouble()) {
+    auto& peak = returned_ ? figures_.peak : figures_.peakInTrouble;
+    peak = std::max(peak, static_cast<std::uint32_t>(requestsThisSecond_));
   }
   switch (trouble) {
     case Trouble::refused:
@@ -167,12 +187,12 @@ void FleetSimulation::request(std::uint32_t device, Log log) {
 bool FleetSimulation::mayEnter(std::uint32_t device) {
   const double now = seconds(now_);
   if (scenario_.admission == Admission::queue) return true;
-  if (scenario_.admission == Admission::byKey) {
-    double& freeAt = keyFreeAt_[device % keyFreeAt_.size()];
-    if (freeAt - now > kLongestQueue) return false;
-    freeAt = std::max(freeAt, now) + 1 / (scenario_.capacity * kLargestShare);
-  }
-  return serverFreeAt_ - now <= kLongestQueue;
+  if (serverFreeAt_ - now > scenario_.longestWait) return false;
+  if (scenario_.admission == Admission::shed) return true;
+  double& freeAt = keyFreeAt_[device % keyFreeAt_.size()];
+  if (freeAt - now > scenario_.longestWait) return false;
+  freeAt = std::max(freeAt, now) + 1 / (scenario_.capacity * kLargestShare);
+  return true;
 }
 
 void FleetSimulation::serve(std::uint32_t device, Log log, bool answerReaches) {
@@ -180,7 +200,8 @@ void FleetSimulation::serve(std::uint32_t device, Log log, bool answerReaches) {
   const bool isOther = returned_ && !isTroubled(device);
   figures_.othersRequests += isOther ? 1 : 0;
   const bool enters = mayEnter(device);
-  serverFreeAt_ = std::max(serverFreeAt_, now) + (enters ? 1 : kCostOfRefusal) / scenario_.capacity;
+  serverFreeAt_ =
+      std::max(serverFreeAt_, now) + (enters ? 1 : scenario_.refusalCost) / scenario_.capacity;
   if (!enters) {
     ++figures_.refusals;
     figures_.othersRefusals += isOther ? 1 : 0;
@@ -216,18 +237,22 @@ void FleetSimulation::settle(std::uint32_t index, Log log) {
   if (waitingSinceReturn_ == 0) figures_.all = since;
 }
 
+void FleetSimulation::setCanStore(bool can) {
+  for (auto& device : devices_) device.sender.setCanStore(can);
+}
+
 void FleetSimulation::reachReturn() {
   returned_ = true;
+  setCanStore(true);
   figures_.requestsASecondBefore =
       static_cast<double>(scenario_.devices) / seconds(scenario_.every);
-  const bool hasMonitor =
-      scenario_.trouble == Trouble::network || scenario_.trouble == Trouble::oneKey;
+  const bool wasCut = scenario_.trouble == Trouble::network || scenario_.trouble == Trouble::oneKey;
   std::uniform_real_distribution<double> spread(0, std::max(1e-6, seconds(scenario_.spread)));
   for (std::uint32_t index = 0; index < scenario_.devices; ++index) {
     Device& device = devices_[index];
     device.nextAtReturn = device.next;
     figures_.waitedAtReturn += device.sender.notStored();
-    if (hasMonitor && isTroubled(index)) {
+    if (wasCut && isTroubled(index) && followsNetwork(index)) {
       at(now_ + instant(spread(random_)), Kind::network, index);
     }
   }

@@ -27,12 +27,13 @@ enum class Trouble {
   network,    ///< the devices have no network, and then all have it again within `spread`
   oneKey,     ///< the same for the devices of the first API key alone
   clockSkew,  ///< a twentieth of the devices takes the server's certificate for expired
+  disk,       ///< the devices' disks take no blocks, so that logs stay in the folder
 };
 
 /// What the server does with more than it can take.
 enum class Admission {
   queue,  ///< everything waits its turn
-  shed,   ///< what would wait longer than a second is answered 503 at once
+  shed,   ///< what would wait longer than `longestWait` is answered 503 at once
   byKey,  ///< the same, and no key gets more than half of the capacity
 };
 
@@ -41,24 +42,34 @@ struct Scenario {
   Trouble trouble = Trouble::refused;
   Instant warmUp = std::chrono::minutes(10);
   Instant length = std::chrono::hours(1);
-  /// The run ends once all that waited at the end of the trouble is delivered or lost, or then.
+  /// The run ends once all that waited at the end of the trouble is delivered or lost, or then;
+  /// after lost answers, only then.
   Instant after = std::chrono::hours(48);
   /// Between two logs of a device, in the mean; exponentially distributed.
   Instant every = std::chrono::minutes(30);
   Instant spread = std::chrono::seconds(1);
-  double capacity = 5000;  ///< logs a second that the server takes
+  double capacity = 2000;  ///< logs a second that the server takes
   Admission admission = Admission::queue;
+  double longestWait = 1;  ///< seconds, of a server that does not let everything wait
+  /// Of what taking a log costs: the handshake stays, where one is needed to know whom to refuse.
+  double refusalCost = 0.1;
   std::uint32_t keys = 10;
   /// Of the starts of an extension: so often a log is the first after one.
   double restarts = 0.1;
+  /// Share of the devices whose host asked the agent to follow the network: they send what waits
+  /// when it is there again, and at each start.
+  double following = 1;
   std::uint64_t seed = 1;
 };
 
 struct Figures {
   std::uint64_t logs = 0, requests = 0, taken = 0, repeats = 0, refusals = 0, timeOuts = 0;
   std::uint64_t lostOverLimit = 0, lostInFolder = 0;
+  std::uint64_t logsInTrouble = 0;
   std::uint64_t waitedAtReturn = 0, wantingAtEnd = 0;
+  std::uint64_t heldAtEnd = 0;  ///< by devices, the server has them not: later logs among them
   double requestsASecondBefore = 0;
+  std::uint32_t peakInTrouble = 0;         ///< requests in the fullest second of it
   std::uint32_t peak = 0;                  ///< requests in the fullest second after the return
   std::optional<Instant> half, most, all;  ///< after the return: 50, 99 and 100 % of what waited
   std::optional<Instant> firstLoss;        ///< since the trouble began
@@ -80,7 +91,7 @@ class FleetSimulation {
     Log nextAtReturn = 0;
     std::uint8_t generation = 0;
   };
-  enum class Kind : std::uint8_t { commit, folder, network, taken, failed, lateTaken, back };
+  enum class Kind : std::uint8_t { commit, folder, network, taken, failed, lateTaken, disk, back };
   struct Event {
     Instant at;
     std::uint32_t device;
@@ -91,10 +102,13 @@ class FleetSimulation {
   };
 
   bool isTroubled(std::uint32_t device) const noexcept;
+  bool isCutOff(std::uint32_t device) const noexcept;
+  bool followsNetwork(std::uint32_t device) const noexcept;
   bool isInTrouble() const noexcept { return now_ >= begins_ && now_ < returns_; }
   void at(Instant when, Kind kind, std::uint32_t device, Log log = 0);
   void handle(const Event& event);
   void commit(std::uint32_t device);
+  void startAgain(std::uint32_t device);
   void carryOut(std::uint32_t device);
   void request(std::uint32_t device, Log log);
   /// At a server that is up; `answerReaches` says whether the device hears of it.
@@ -102,6 +116,7 @@ class FleetSimulation {
   bool mayEnter(std::uint32_t device);
   void stored(std::uint32_t device, Log log);
   void settle(std::uint32_t device, Log log);
+  void setCanStore(bool can);
   void reachReturn();
   Instant drawInterval();
 

@@ -113,7 +113,7 @@ def show_logs(logs, sizes):
         extra = [name for kind, name in ((171, "properties"), (174, "opt-out"), (175, "delete")) if kind in kinds]
         show(f"{number:>3} {account.counter_of(frames):>7} {size:>6} {len(frames):>6}"
              f" {sum(frame.type == frame_log.EVENT for frame in frames):>6}  {len(head):>2} sticky"
-             f"  {sessions_of(frames):<42} {CLOSED.get(account.flush_of(frames), 'not closed')}"
+             f"  {sessions_of(frames):<42} {CLOSED.get(frame_log.flush_of(frames), 'not closed')}"
              f"{' (' + ', '.join(extra) + ')' if extra else ''}", " ")
 
 

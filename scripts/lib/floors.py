@@ -40,8 +40,8 @@ GATHERING = {"include/Skelda_Watch/Skelda_Watch.h": "analytics_watch", "include/
 VALUES = ("include/Skelda_Watch/SkeldaConsent.h",)
 
 LIBRARIES = {
-    r"curl/": r"Platform/Foundation/URLSession|Tests/|Benchmarks/",
-    r"openssl/": r"Platform/Security/|Tools/skelda-collector/|Tests/",
+    r"curl/": r"Platform/Foundation/URLSession|Tools/skelda-fleet/|Tests/|Benchmarks/",
+    r"openssl/": r"Platform/Security/|Tools/skelda-(?:collector|fleet)/|Tests/",
     r"plist/": r"Platform/Foundation/PropertyList",
     r"nlohmann/": r"Platform/Foundation/JSONReader|Tools/|Tests/|Benchmarks/",
     r"uuid/": r"Platform/Foundation/UUID",

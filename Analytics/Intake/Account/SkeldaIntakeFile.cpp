@@ -171,7 +171,7 @@ bool SkeldaIntakeFile::hasUntaken() const noexcept {
   return isUntaken(nextUntaken(end), end);
 }
 
-std::optional<SkeldaIntakeFile::Record> SkeldaIntakeFile::takeOldest() {
+std::optional<SkeldaIntakeFile::Record> SkeldaIntakeFile::takeOldest(std::string room) {
   const platform::MutexLock lock(mutex_);
   const Place end = tail();
   const Place place = nextUntaken(end);
@@ -185,6 +185,7 @@ std::optional<SkeldaIntakeFile::Record> SkeldaIntakeFile::takeOldest() {
   record.uptimeMilliseconds = slot.uptimeMilliseconds;
   record.isReplayed = place.word() < earlierRuns_;
   record.isOfThisBoot = !record.isReplayed || (slot.boot == boot_ && boot_ != 0);
+  record.payload = std::move(room);
   record.payload.assign(slot.payload(), slot.length);
   if (record.isReplayed) {
     State state = State::of(slot.state.load(std::memory_order_relaxed), salt_);

@@ -113,8 +113,9 @@ class SkeldaIntakeFile {
   /// The oldest record that was not taken yet, in the order in which places were reserved; nothing
   /// where there is none, where the next one is being written at this moment (its append() returns
   /// later), or where it must go alone and others are under way (their settling comes later). Taken
-  /// for this process. Throws std::bad_alloc, and then nothing is taken.
-  std::optional<Record> takeOldest();
+  /// for this process. Throws std::bad_alloc, and then nothing is taken. `room` is memory for the
+  /// payload.
+  std::optional<Record> takeOldest(std::string room = {});
   /// Whether takeOldest() would find one.
   bool hasUntaken() const noexcept;
 

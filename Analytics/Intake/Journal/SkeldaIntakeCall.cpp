@@ -1,5 +1,6 @@
 #include "Analytics/Intake/Journal/SkeldaIntakeCall.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <string>
@@ -150,6 +151,9 @@ struct Writer {
 /// Reads what write() wrote, and of anything else says that it failed: no length or count is
 /// trusted, since a file may have been tampered with.
 struct Reader {
+  /// What room is made for in advance, whatever a file says.
+  static constexpr std::size_t kTrustedCount = 64;
+
   std::string_view rest;
   bool failed = false;
 
@@ -230,7 +234,9 @@ struct Reader {
   Value dictionary(unsigned level) {
     std::vector<platform::Dictionary::Entry> entries;
     if (level >= SkeldaIntakeCall::kDeepest) failed = true;
-    for (std::size_t left = count(); left > 0 && !failed; --left) {
+    std::size_t left = count();
+    entries.reserve(std::min(left, kTrustedCount));
+    for (; left > 0 && !failed; --left) {
       std::string key = text();
       entries.emplace_back(std::move(key), value(level + 1));
     }
@@ -290,6 +296,7 @@ std::optional<SkeldaIntakeCall> SkeldaIntakeCall::read(std::string_view bytes) {
   call.kind = static_cast<Kind>(reader.byte());
   const auto count = valueCountOf(call.kind);
   if (!count) return std::nullopt;
+  call.values.reserve(*count);
   while (call.values.size() < *count && !reader.failed) call.values.push_back(reader.value(0));
   if (reader.failed || !reader.rest.empty()) return std::nullopt;
   return call;

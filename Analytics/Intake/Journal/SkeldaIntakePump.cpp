@@ -145,8 +145,9 @@ void SkeldaIntakePump::onqueue_start(Sources& sources) {
 void SkeldaIntakePump::onqueue_pump() {
   SKELDA_ON_QUEUE();
   signalled_.exchange(false, std::memory_order_acq_rel);
+  std::string payload;
   while (hasRoom()) {
-    auto record = file_->takeOldest();
+    auto record = file_->takeOldest(std::move(payload));
     // A record that earlier starts died of goes alone: it waits until all others are settled.
     if (!record && replaysLeft_ != 0 && file_->takenCount() != 0) {
       waitsForRoom_.exchange(1, std::memory_order_acq_rel);
@@ -161,6 +162,7 @@ void SkeldaIntakePump::onqueue_pump() {
     // What one record throws is not the next one's loss. It is not settled: the next start takes
     // it up again.
     skelda::guardedResult(false, [&] { return onqueue_feed(*record), true; });
+    payload = std::move(record->payload);
   }
 }
 

@@ -22,7 +22,7 @@
 /// to another source it waits until the one before has handed on what it was given.
 class SkeldaIntakePump : public SkeldaActor {
  public:
-  static constexpr std::size_t kWindow = 256;
+  static constexpr std::size_t kWindow = 64;
 
   /// Where calls go. One that is null is not there: what is for it is settled as unserialized.
   struct Sources {

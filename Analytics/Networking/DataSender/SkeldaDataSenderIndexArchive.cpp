@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -67,7 +68,13 @@ SkeldaDataSenderIndex::Map SkeldaDataSenderIndex::blocksFromArchive(
 
 /// Put together from the blocks' own texts, which do not change: it is written with each block.
 platform::Data SkeldaDataSenderIndex::archivedDataOf(const Map& map, bool sentReportSuccessfully) {
-  std::string text = fmt::format("{{\"{}\":{{", kIndex);
+  std::size_t length = 256;
+  for (const auto& [key, blocks] : map) {
+    for (const auto& block : blocks) length += block->archivedText().size() + 1;
+  }
+  std::string text;
+  text.reserve(length);
+  fmt::format_to(std::back_inserter(text), "{{\"{}\":{{", kIndex);
   for (const auto& [key, blocks] : map) {
     if (!isPlain(key)) return archivedDataByValues(map, sentReportSuccessfully);
     text += platform::archivedText(key) + ":[";
@@ -79,8 +86,8 @@ platform::Data SkeldaDataSenderIndex::archivedDataOf(const Map& map, bool sentRe
     text += "],";
   }
   if (text.back() == ',') text.pop_back();
-  text += fmt::format("}},\"{}\":{},\"{}\":\"{}\"}}", kSentReportSuccessfully,
-                      sentReportSuccessfully, kChecksum, checksumOf(map));
+  fmt::format_to(std::back_inserter(text), "}},\"{}\":{},\"{}\":\"{}\"}}", kSentReportSuccessfully,
+                 sentReportSuccessfully, kChecksum, checksumOf(map));
   return platform::archivedData(kArchiveClass, text);
 }
 

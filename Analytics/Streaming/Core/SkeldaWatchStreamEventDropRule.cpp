@@ -10,6 +10,15 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
+namespace {
+
+void insert(std::uint32_t id, SkeldaWatchStreamEventDropRule::EventIds& ids) {
+  const auto at = std::ranges::lower_bound(ids, id);
+  if (at == ids.end() || *at != id) ids.insert(at, id);
+}
+
+}  // namespace
+
 std::shared_ptr<SkeldaWatchStreamEventDropRule>
 SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(std::int32_t maxEventThreshold,
                                                                    std::int32_t maxDuration) {
@@ -34,7 +43,7 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
   // Before any test, so that even an event that is dropped can move the session's start back.
   initialTimeStamp_ = std::min(initialTimeStamp_, event->timestamp().value_or(initialTimeStamp_));
 
-  const bool repeated = sentEventsSet_.contains(event->eventId());
+  const bool repeated = std::ranges::binary_search(sentEventsSet_, event->eventId());
   // Dropped events count as well: once the cap is reached, all that follow are dropped.
   const bool full = static_cast<std::int64_t>(getEventCount()) >= maxEventThreshold_;
   if (repeated || full || !doesNotExceedSessionMaxDuration(*event)) {
@@ -48,11 +57,11 @@ bool SkeldaWatchStreamEventDropRule::shouldDropMessage(const ISkeldaStreamMessag
           "or {} minutes, and ends once each record that a log must hold is there",
           maxEventThreshold_, maxSessionDuration_);
     }
-    droppedEventsSet_.insert(event->eventId());
+    insert(event->eventId(), droppedEventsSet_);
     return true;
   }
   if (event->eventName()) eventsSet_.insert(*event->eventName());
-  sentEventsSet_.insert(event->eventId());
+  insert(event->eventId(), sentEventsSet_);
   return false;
 }
 

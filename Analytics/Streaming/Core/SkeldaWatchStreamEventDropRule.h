@@ -4,7 +4,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "Analytics/Streaming/Core/ISkeldaStreamDropRule.h"
@@ -19,6 +18,9 @@ class SkeldaStreamEvent;
 /// No lock: used on one queue. Nothing of it outlives the process.
 class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
  public:
+  /// In order, which is mostly that in which they come; its room outlives the session.
+  using EventIds = std::vector<std::uint32_t>;
+
   /// `maxDuration` in minutes.
   static std::shared_ptr<SkeldaWatchStreamEventDropRule> eventDropRuleWithMaxEventThreshold(
       std::int32_t maxEventThreshold, std::int32_t maxDuration);
@@ -34,10 +36,8 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   bool doesNotExceedSessionMaxDuration(const SkeldaStreamEvent& event) const;
 
   const std::set<std::string>& eventsSet() const noexcept { return eventsSet_; }
-  const std::unordered_set<std::uint32_t>& sentEventsSet() const noexcept { return sentEventsSet_; }
-  const std::unordered_set<std::uint32_t>& droppedEventsSet() const noexcept {
-    return droppedEventsSet_;
-  }
+  const EventIds& sentEventsSet() const noexcept { return sentEventsSet_; }
+  const EventIds& droppedEventsSet() const noexcept { return droppedEventsSet_; }
   std::int32_t maxEventThreshold() const noexcept { return maxEventThreshold_; }
   std::int32_t maxSessionDuration() const noexcept { return maxSessionDuration_; }
   platform::Date initialTimeStamp() const noexcept { return initialTimeStamp_; }
@@ -46,8 +46,8 @@ class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
   SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold, std::int32_t maxDuration);
 
   std::set<std::string> eventsSet_;  // Names let through: kept, never consulted.
-  std::unordered_set<std::uint32_t> sentEventsSet_;
-  std::unordered_set<std::uint32_t> droppedEventsSet_;
+  EventIds sentEventsSet_;
+  EventIds droppedEventsSet_;
   const std::int32_t maxEventThreshold_;
   const std::int32_t maxSessionDuration_;
   platform::Date initialTimeStamp_ = platform::Date::distantFuture();

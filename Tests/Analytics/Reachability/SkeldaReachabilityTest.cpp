@@ -2,11 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 #include <string>
 
 #include "Analytics/Streaming/Data Providers/ISkeldaDataProviderObserver.h"
@@ -14,6 +11,7 @@
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Skelda_Watch/SkeldaConstants.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 namespace {
@@ -30,7 +28,7 @@ class Updates : public ISkeldaDataProviderObserver {
   std::atomic<int> count = 0;
 };
 
-/// The values at each notification, in order.
+/// Whether the network was reachable at each notification, in order.
 class Notices {
  public:
   Notices()
@@ -38,23 +36,16 @@ class Notices {
             kSkeldaNetworkStatusChangedNotification, [this](const auto&) {
               const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
               EXPECT_EQ(provider->isNetworkReachable(), provider->networkStatus() != 0);
-              std::lock_guard lock(mutex_);
-              ++count_;
-              reachable_ = provider->isNetworkReachable();
-              changed_.notify_all();
+              reachable_.add(provider->isNetworkReachable());
             })) {}
   ~Notices() { platform::NotificationCenter::defaultCenter().removeObserver(token_); }
   bool wait(bool reachable) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return count_ > 0 && reachable_ == reachable; });
+    return reachable_.waitUntil(
+        [&](const auto& all) { return !all.empty() && all.back() == reachable; });
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
-  bool reachable_ = false;
+  Recorded<bool> reachable_;
   platform::NotificationCenter::Token token_;
 };
 

@@ -7,7 +7,6 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
@@ -33,12 +32,7 @@ class SkeldaUtilTest : public ::testing::Test {
   ~SkeldaUtilTest() override {
     SkeldaUtil::setLogLevel(0);
     SkeldaUtil::setShowErrorInLogEnabled(false);
-    platform::Bundle::setMain(nullptr);
     platform::setSystemRoot("");
-  }
-  static void becomeBundle(const char* path, const char* executable, Dictionary information = {}) {
-    platform::Bundle::setMain(
-        std::make_shared<const platform::Bundle>(path, executable, std::move(information)));
   }
   AgentHome home_;
   LogCapture log_;
@@ -94,7 +88,7 @@ TEST_F(SkeldaUtilTest, QueueAndThreadAssertionsRaise) {
 TEST_F(SkeldaUtilTest, TheStorageFolderIsMadeOnceAndRemembered) {
   SkeldaUtil::setLogLevel(2);
   const std::string folder = home_ / "data/com.example.run/SkeldaFiles";
-  becomeBundle("/x.appex", "/x.appex/x", {{"CFBundleIdentifier", "com.example.run"}});
+  const HostBundle named({{"CFBundleIdentifier", "com.example.run"}});
   writeFile(home_ / "data", "in the way");
   EXPECT_EQ(SkeldaUtil::filePathDirectory(), folder) << "where it cannot be made";
   EXPECT_EQ(log_.take(), Lines{});
@@ -102,7 +96,7 @@ TEST_F(SkeldaUtilTest, TheStorageFolderIsMadeOnceAndRemembered) {
   inThreads(4, [&](unsigned) { EXPECT_EQ(SkeldaUtil::filePathDirectory(), folder); });
   EXPECT_TRUE(SkeldaUtil::dataExistsAtPath(folder));
   EXPECT_EQ(log_.take(), Lines{"Skelda: SkeldaSession directory path [" + folder + "]"});
-  becomeBundle("/y.appex", "/y.appex/y");
+  const HostBundle nameless({}, "/y.appex");
   AgentHome::forget();
   EXPECT_EQ(SkeldaUtil::filePathDirectory(), home_ / "data/y.appex/SkeldaFiles");
 }
@@ -181,7 +175,7 @@ TEST_F(SkeldaUtilTest, IdentifiersAreStableAndNeverTheMachinesOwn) {
   EXPECT_EQ(identifier, SkeldaUtil::getSkeldaId());
   EXPECT_EQ(identifier->size(), 32u);
   EXPECT_NE(*identifier, machine);
-  becomeBundle("/x.appex", "/x.appex/x", {{"CFBundleIdentifier", "com.example.run"}});
+  const HostBundle named({{"CFBundleIdentifier", "com.example.run"}});
   EXPECT_NE(identifier, SkeldaUtil::getSkeldaId());
   EXPECT_TRUE(SkeldaUtil::getIdentifierForVendor());
 }

@@ -190,7 +190,7 @@ constexpr std::string_view kSaid =
     "5CUSTOM_EVENT Y2FuY2VsbGVk{}\n";
 
 const Scenario fromC("from C", [] {
-  becomeHost(kWatch);
+  const HostBundle host(kWatch);
   skelda_set_log_sink(countAndThrow, &lines);
   skelda_listen_for_phone(nullptr);
   expect(skelda_follow_network(), "the network");

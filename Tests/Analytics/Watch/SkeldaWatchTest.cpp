@@ -31,7 +31,7 @@ const Scenario firstEvents("the first events", [] {
   auto information = kWatch;
   information.set("Skelda Watch Debug", "yes");
   information.set("Skelda Watch User ID", "unseen-ann");
-  becomeHost(information);
+  const HostBundle host(information);
   SkeldaUserProperties::flag(SkeldaPropertySubscriber);
   SkeldaCCPA::setDataSaleOptOut(true);
   expect(SkeldaUtil::logLevel() == 0, "choices build no manager");
@@ -104,7 +104,7 @@ void sayEverything(const std::string& text) {
 
 const Scenario manyThreads("eight threads", [] {
   platform::Log::setSink([](std::string_view) {});  // lines are made, and read by nobody
-  becomeHost(kWatch);
+  const HostBundle host(kWatch);
   constexpr unsigned kThreads = 8, kEvents = 100, kAll = kThreads * kEvents + 1;
   std::atomic<unsigned> accepted{0};
   std::vector<std::thread> threads;
@@ -138,7 +138,7 @@ const Scenario manyThreads("eight threads", [] {
 });
 
 const Scenario startThatThrows("a start that throws", [] {
-  becomeHost(kWatch);
+  const HostBundle host(kWatch);
   skelda::registerModules();
   // What the pipeline cannot do without: a module that throws would be left out, and no more.
   platform::ClassRegistry::shared().registerClass({"SkeldaAppStateDataProvider", {}, {}, nullptr});
@@ -175,12 +175,11 @@ TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
   } cases[] = {{"YES", 2}, {"yEs", 2},  {1, 2}, {true, 2},  {"1", 0},
                {"", 0},    {"YESS", 0}, {0, 0}, {false, 0}, {nullptr, 0}};
   for (const auto& given : cases) {
-    becomeHost({{"Skelda Watch Debug", given.value}});
+    const HostBundle host({{"Skelda Watch Debug", given.value}});
     SkeldaUtil::setLogLevel(0);
     SkeldaWatch::loadWatchDebug();
     EXPECT_EQ(SkeldaUtil::logLevel(), given.level) << given.value.description();
   }
-  platform::Bundle::setMain(nullptr);
   SkeldaUtil::setLogLevel(0);
 }
 

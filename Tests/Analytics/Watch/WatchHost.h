@@ -7,17 +7,10 @@
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
-#include "Platform/Foundation/Bundle.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Support/AgentHome.h"
 
 namespace skelda::testing {
-
-/// Makes this process the watch extension of an application with that Info.plist.
-inline void becomeHost(platform::Dictionary information) {
-  const std::string bundle = "/Run.app/PlugIns/Watch.appex";
-  platform::Bundle::setMain(
-      std::make_shared<platform::Bundle>(bundle, bundle + "/run", std::move(information)));
-}
 
 inline const platform::Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
                                          {"CFBundleIdentifier", "com.example.run"}};

@@ -38,12 +38,6 @@ void oddNames() {
   log("name-scripts", "名前 שם नाम 🏃");
 }
 
-SkeldaDictionary numbered(int count) {
-  SkeldaDictionary parameters;
-  for (int i = 0; i < count; ++i) parameters.set("p" + std::to_string(i), i);
-  return parameters;
-}
-
 SkeldaValue nested(int depth) {
   SkeldaValue value = "bottom";
   for (int i = 0; i < depth; ++i) {
@@ -61,32 +55,12 @@ SkeldaValue nested(int depth) {
 }
 
 void parameters() {
-  log("parameters-number", "parameters-number", 7);
-  log("parameters-text", "parameters-text", "k=v");
-  log("parameters-array", "parameters-array", SkeldaArray{"k", "v"});
-  log("parameters-0", "parameters-0", SkeldaDictionary{});
-  log("parameters-10", "parameters-10", numbered(10));
-  log("parameters-11", "parameters-11", numbered(11));
-  log("value-kinds", "value-kinds",
-      {{"true", true},
-       {"minus", -5},
-       {"most", UINT64_MAX},
-       {"least", INT64_MIN},
-       {"tenth", 0.1},
-       {"float", 0.1f},
-       {"whole", 3.0},
-       {"null", SkeldaValue()},
-       {"bytes", skelda::platform::Data(std::string("\0\xff", 2))},
-       {"date", skelda::platform::Date()}});
-  log("value-containers", "value-containers",
-      {{"array", SkeldaArray{1, "two", SkeldaArray{}}}, {"dictionary", {{"a", {{"b", 1}}}}}});
   log("value-deep", "value-deep", {{"deep", nested(62)}});
   log("value-too-deep", "value-too-deep", {{"deep", nested(130000)}});
   log("value-too-long", "value-too-long", {{"long", std::string(1 << 20, 'l')}});
   log("value-huge", "value-huge", {{"huge", kHuge}});
   log("value-odd", "value-odd",
       {{"quotes", "\"\\"}, {"nul", std::string("a\0b", 3)}, {"lines", "a\r\nb"}});
-  log("entries-left-out", "entries-left-out", {{"", "no key"}, {"no value", ""}, {"kept", 1}});
   log("key-not-utf8", "key-not-utf8", {{kNotUTF8, "x"}});
   log("value-not-utf8", "value-not-utf8", {{"k", SkeldaArray{{{"deep", kNotUTF8}}}}});
 }

@@ -60,22 +60,27 @@ TEST_F(DeviceTest, MemoryIsReadFromTheKernelsTable) {
   EXPECT_EQ(memory->wired, 48u * 1024);
 }
 
-TEST_F(DeviceTest, CPUUsageIsTheSumOverTheThreadsThatAreStillThere) {
-  // A name with blanks and parentheses, then fields 3 to 22: half of its life on the processor.
-  const double ticks =
-      std::chrono::duration<double>(*platform::uptime()).count() * 100.0;  // 100 a second
-  const auto life = static_cast<std::uint64_t>(ticks / 2);
-  const auto half = std::to_string(life / 4);
-  const std::string line = "7 (a) b (c)) R 1 2 3 4 5 6 7 8 9 10 " + half + " " + half +
-                           " 0 0 20 0 1 0 " + std::to_string(life) + " 0 0\n";
-  have("/proc/self/task/7/stat", line);
-  have("/proc/self/task/8/stat", line);
-  have("/proc/self/task/9/gone", "");
-  have("/proc/self/task/10/stat", "10 (torn) R 1 2");
-  ASSERT_TRUE(platform::taskThreadsCPUUsage());
-  EXPECT_NEAR(*platform::taskThreadsCPUUsage(), 100.0F, 3.0F);
+TEST_F(DeviceTest, CPUUsageIsThatOfTheLastSecondAtLeast) {
+  using std::chrono::milliseconds;
+  platform::ProcessorUsage usage(milliseconds(5000));
+  const struct {
+    int now, used;
+    float percent;
+  } readings[] = {{5500, 250, 50},  // since the begin
+                  {7000, 400, 20},  {7001, 401, 20}, {8100, 1500, 100},
+                  {8900, 1500, 58}, {9900, 1500, 0}};
+  for (const auto& [now, used, percent] : readings)
+    EXPECT_NEAR(usage.percent(milliseconds(now), milliseconds(used)), percent, 0.5F) << now;
+
+  // A name with blanks and parentheses, then fields 3 to 22.
+  have("/proc/self/stat", "7 (a) b (c)) R 1 2 3 4 5 6 7 8 9 10 11 12 0 0 20 0 1 0 0 0 0\n");
+  const auto sinceBoot = platform::taskThreadsCPUUsage();
+  ASSERT_TRUE(sinceBoot);
+  EXPECT_LT(*sinceBoot, 100.0F);
+  have("/proc/self/stat", "10 (torn) R 1 2");
+  EXPECT_FALSE(platform::taskThreadsCPUUsage());
   platform::setSystemRoot("");
-  EXPECT_GE(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
+  EXPECT_GT(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
 }
 
 TEST_F(DeviceTest, TimeSinceBootGoesOnAndAgreesWithTheClock) {

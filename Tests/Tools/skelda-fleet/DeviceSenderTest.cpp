@@ -9,10 +9,12 @@
 #include <mutex>
 #include <random>
 
+#include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
-#include "Tools/skelda-fleet/FleetSimulation.h"
+#include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 
 namespace skelda::testing {
 namespace {
@@ -34,7 +36,13 @@ class HeldAnswers {
         answers_.erase(log);
         held_.erase(log);
       }
-      if (status != 0) return static_cast<void>(connection.answer(status));
+      if (status / 100 == 2) return static_cast<void>(connection.answer(status));
+      // The agent has no ear for when to come again: who had would come at once.
+      if (status != 0) {
+        return static_cast<void>(connection.send("HTTP/1.1 " + std::to_string(status) +
+                                                 " Later\r\nRetry-After: 0\r\n"
+                                                 "Content-Length: 0\r\n\r\n"));
+      }
       // Not before the first byte: what a kept connection loses so early is sent again below us.
       connection.send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n");
       connection.reset();
@@ -121,6 +129,16 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
     // come into play, which steps alone never reach.
     const bool isGoodSpell = (step / 100) % 2 == 1;
     const auto dice = random() % 100;
+    const auto end = [&](Log log, int status) {
+      ++ends[status];
+      modelRunning_.erase(log);
+      answers_.answer(log, status);
+      model_.ended(log,
+                   status / 100 == 2 ? Ending::taken
+                   : status == 400   ? Ending::malformed
+                                     : Ending::failed,
+                   steps);
+    };
     if (dice < (isGoodSpell ? 15 : 75)) {
       what = "a log";
       const Log log = next++;
@@ -132,6 +150,13 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
       what = "the network";
       platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
       model_.networkReturned(steps);
+    } else if (dice < 78) {
+      what = "a start";
+      // An answer that comes after the end would be one that the server gave and nobody heard.
+      while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503);
+      finish();
+      sender_ = makeSender();
+      model_.restart(steps);
     } else if (!modelRunning_.empty()) {
       auto one = modelRunning_.begin();
       std::advance(one, static_cast<long>(random() % modelRunning_.size()));
@@ -140,14 +165,7 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
       constexpr int kBad[] = {503, 429, 0, 503};
       const int status = (isGoodSpell ? kGood : kBad)[random() % 4];
       what = "answer " + std::to_string(status);
-      ++ends[status];
-      modelRunning_.erase(log);
-      answers_.answer(log, status);
-      model_.ended(log,
-                   status / 100 == 2 ? Ending::taken
-                   : status == 400   ? Ending::malformed
-                                     : Ending::failed,
-                   steps);
+      end(log, status);
     }
     apply(steps);
     expectTheSame(what + " at step " + std::to_string(step));
@@ -162,6 +180,57 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
     apply(steps);
     expectTheSame("the rest");
   }
+}
+
+/// A disk that now takes blocks and now does not.
+TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
+  const auto monitor = std::make_shared<FakeMonitor>();
+  const auto folder = std::make_shared<FakeFolder>();
+  const auto agent = std::make_shared<FakeAgent>();
+  const auto manager = SkeldaStreamTransferManager::transferManagerWithConfig(
+      {{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}, monitor, "/logs", folder, agent);
+  const auto settle = [&] {
+    for (int posted = 0; posted < 2; ++posted) manager->syncBlock([] {});
+  };
+  const auto complete = [&](const platform::ErrorRef& error) {
+    manager->didCompleteTransfer(agent->started.back(), error);
+    settle();
+  };
+  manager->startup(nullptr);
+  DeviceSender model;
+  std::mt19937 random(3);
+  std::size_t given = 0, lost = 0;
+  bool canStore = true;
+  // What is given while the disk takes nothing waits for its next try.
+  const auto storeWhatIsGiven = [&] {
+    while (given < agent->started.size()) {
+      ++given;
+      if (canStore) complete(nullptr);
+    }
+  };
+  for (Log next = 0, step = 0; step < 2000 && !::testing::Test::HasFailure(); ++step) {
+    Steps steps;
+    const auto dice = random() % 10;
+    if (dice < 6) {
+      folder->names.insert("log" + std::to_string(next));
+      monitor->tell(0);
+      settle();
+      model.commit(next++, steps);
+    } else if (dice < 8) {
+      canStore = !canStore;
+      model.setCanStore(canStore);
+    } else if (model.inFolder() > 0) {
+      complete(platform::urlError(platform::kURLErrorNetworkConnectionLost, "not stored"));
+      model.tryFolderAgain(steps);
+    }
+    storeWhatIsGiven();
+    lost += steps.folderFull.size();
+    EXPECT_EQ(folder->names.size(), model.inFolder()) << step;
+    for (const Log log : steps.folderFull) {
+      EXPECT_FALSE(folder->names.contains("log" + std::to_string(log))) << step;
+    }
+  }
+  EXPECT_GT(lost, 100u);
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
-#include "Analytics/Intake/Journal/SkeldaIntakePump.h"
-
 #include <gtest/gtest.h>
-
+#include <filesystem>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
+#include "Analytics/Intake/Journal/SkeldaIntake.h"
+#include "Analytics/Intake/Journal/SkeldaIntakePump.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
@@ -14,12 +15,14 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaEventFrameSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Analytics/Threads.h"
+#include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 
 namespace skelda::testing {
@@ -270,6 +273,23 @@ TEST(SkeldaIntakePump, GivesARecordOfAnotherBootTheUptimeOfItsReplay) {
     EXPECT_EQ(event.uptime(), event.relativeTimeStamp());
     EXPECT_EQ(event.relativeTimeStamp() == kLongUptime, sameBoot);
   }
+}
+
+TEST(SkeldaIntakeAccount, ALogThatIsThereCountsAndOneThatNobodyCountedAsGoneIsNamed) {
+  const AgentHome home;
+  auto& page = SkeldaAccounting::page();
+  const auto& unreadable = page.logsRemoved[static_cast<std::size_t>(SkeldaLogRemoval::unreadable)];
+  const std::string folder = SkeldaAgentFiles::commitedFrameLogsFolder();
+  std::filesystem::create_directories(folder);
+  std::ofstream(folder + '/' + SkeldaAgentFiles::commitedFrameLogName() + "_1.000000");
+  const std::uint64_t commited = page.logsCommited, gone = unreadable;
+  SkeldaIntake::settleLogs();
+  EXPECT_EQ(page.logsCommited, commited + 1);
+  EXPECT_EQ(unreadable, gone);
+  std::filesystem::remove_all(folder);
+  SkeldaIntake::settleLogs();
+  EXPECT_EQ(page.logsCommited, commited + 1);
+  EXPECT_EQ(unreadable, gone + 1);
 }
 
 }  // namespace

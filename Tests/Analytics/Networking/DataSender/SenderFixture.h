@@ -16,6 +16,7 @@
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/LoopbackServer.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 
@@ -36,12 +37,6 @@ class SenderTest : public ::testing::Test {
         SkeldaDataSender::senderWithQueue(platform::Queue::serial("test.Analytics.LogSender"),
                                           std::make_shared<SkeldaBackgroundTaskTracker>(), apiKey));
     return senders_.back();
-  }
-  /// Whether it does, sooner or later.
-  static bool becomes(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    return condition();
   }
   /// Until nothing is under way any more: what came later would find another folder.
   void finish() {

@@ -60,20 +60,6 @@ TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
   EXPECT_TRUE(blockFiles().empty()) << "another key's bytes are gone";
 }
 
-TEST_F(SkeldaDataSenderIndexTest, TheFiftyFirstBlockStaysUntilOutdatedOnesAreDiscarded) {
-  const auto index = load();
-  for (int i = 0; i < 52; ++i) add(index, std::to_string(i));
-  EXPECT_EQ(texts(index).size(), 52u);
-  index->discardOutdatedBlocksForDataKey("Data_1_261");
-  const auto kept = texts(index);
-  ASSERT_EQ(kept.size(), 50u);
-  EXPECT_EQ(kept.front(), "2");
-  EXPECT_EQ(kept.back(), "51");
-  EXPECT_TRUE(drain(index));
-  EXPECT_EQ(blockFiles().size(), 50u);
-  EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 2u);
-}
-
 TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile) {
   const std::string stranger = home_.storageFolder() + "/../stranger";
   writeFile(stranger, "not ours");

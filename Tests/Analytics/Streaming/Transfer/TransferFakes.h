@@ -1,14 +1,11 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
 #include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -80,27 +77,6 @@ class FakeAgent : public ISkeldaFileTransferAgent {
 
   std::vector<std::string> started;
   std::vector<std::string> cancelled;
-};
-
-/// The stage half of a file reader, which the transfer side does not use.
-class FakeReader : public ISkeldaStreamFileReader {
- public:
-  void streamMessage(ISkeldaStreamMessage::Ref) override {}
-  std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return {}; }
-  void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void asyncStreamResponse(platform::ObjectRef) override {}
-  void syncStreamResponse(platform::ObjectRef) override {}
-  void startup() override {}
-  void processFile(const std::string& fileName, const std::string& path) override {
-    processed.push_back(path + "/" + fileName);
-  }
-  void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> given) override {
-    delegate = given;
-  }
-
-  std::vector<std::string> processed;
-  std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate;
 };
 
 }  // namespace skelda::testing

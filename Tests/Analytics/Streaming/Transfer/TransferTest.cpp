@@ -1,21 +1,471 @@
+// From the folder of committed logs to the data sender.
+
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
-
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
+#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
+#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Platform/Foundation/URLError.h"
+#include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
+#include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
 namespace {
+
+/// The stage half of a file reader, which the transfer side does not use.
+class FakeReader : public ISkeldaStreamFileReader {
+ public:
+  void streamMessage(ISkeldaStreamMessage::Ref) override {}
+  std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return {}; }
+  void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
+  void asyncStreamResponse(platform::ObjectRef) override {}
+  void syncStreamResponse(platform::ObjectRef) override {}
+  void startup() override {}
+  void processFile(const std::string& fileName, const std::string& path) override {
+    processed.push_back(path + "/" + fileName);
+  }
+  void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> given) override {
+    delegate = given;
+  }
+
+  std::vector<std::string> processed;
+  std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate;
+};
+
+using Names = std::vector<std::string>;
+
+class SkeldaStreamTransferManagerTest : public ::testing::Test {
+ protected:
+  ~SkeldaStreamTransferManagerTest() override { EXPECT_EQ(swallowedExceptions(), swallowed_); }
+
+  void make(platform::Dictionary config = {}) {
+    manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(std::move(config), monitor_,
+                                                                      "/logs", folder_, agent_);
+    manager_->startup(nullptr);
+    settle();
+  }
+  void makeWithOneUpload() { make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}); }
+  /// Until the manager has nothing left to do.
+  void settle() {
+    for (int posted = 0; posted < 2; ++posted) manager_->syncBlock([] {});
+  }
+  void put(int count) {
+    for (int i = 1; i <= count; ++i) folder_->names.insert("log" + std::to_string(i));
+  }
+  void folderChanged() {
+    monitor_->tell(0);
+    settle();
+  }
+  void complete(const std::string& name, platform::ErrorRef error = nullptr) {
+    manager_->didCompleteTransfer(name, std::move(error));
+    settle();
+  }
+  SkeldaFileStateRef record(const std::string& name) {
+    return manager_->fileUploadStatusDictionary()[name];
+  }
+  static std::uint64_t removed(SkeldaLogRemoval reason) {
+    return SkeldaAccounting::page().logsRemoved[static_cast<std::size_t>(reason)];
+  }
+  static platform::ErrorRef otherError() {
+    return std::make_shared<const platform::Error>(platform::makeErrorDomain("other"), 0);
+  }
+
+  const std::uint64_t swallowed_ = swallowedExceptions();
+  std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
+  std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
+  std::shared_ptr<FakeAgent> agent_ = std::make_shared<FakeAgent>();
+  std::shared_ptr<SkeldaStreamTransferManager> manager_;
+};
+
+TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirst) {
+  folder_->names = {"log10", "log9", ".log2", "log9b"};
+  makeWithOneUpload();
+  EXPECT_EQ(agent_->started, Names{".log2"});
+  EXPECT_EQ(record(".log2")->fileState(), 1u);
+  for (const char* next : {".log2", "log9", "log9b"}) complete(next);
+  EXPECT_EQ(agent_->started, (Names{".log2", "log9", "log9b", "log10"}));
+  EXPECT_EQ(folder_->removed, (Names{".log2", "log9", "log9b"}));
+  complete("log10");
+  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
+  EXPECT_EQ(manager_->currentUploadCount(), 0);
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, OrdersNamesByTheirNumbers) {
+  const char* ordered[] = {
+      "", ".a", "a", "a1", "a2", "a2b10", "a2b11", "a10", "a010b", "a18446744073709551616", "b"};
+  for (std::size_t i = 0; i < std::size(ordered); ++i) {
+    for (std::size_t j = 0; j < std::size(ordered); ++j) {
+      EXPECT_EQ(SkeldaStreamTransferManager::isOrderedBefore(ordered[i], ordered[j]), i < j)
+          << ordered[i] << " " << ordered[j];
+    }
+  }
+  EXPECT_NE(SkeldaStreamTransferManager::isOrderedBefore("a1", "a01"),
+            SkeldaStreamTransferManager::isOrderedBefore("a01", "a1"));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFolderOverItsLimitLosesItsOldestFiles) {
+  struct Case {
+    int files;
+    std::size_t deleted;
+  };
+  for (const auto& one : {Case{4, 0}, Case{5, 2}, Case{10, 7}}) {
+    folder_ = std::make_shared<FakeFolder>();
+    agent_ = std::make_shared<FakeAgent>();
+    put(one.files);
+    const std::uint64_t before = removed(SkeldaLogRemoval::folderFull);
+    makeWithOneUpload();
+    EXPECT_EQ(removed(SkeldaLogRemoval::folderFull), before + one.deleted);
+    EXPECT_EQ(folder_->removed.size(), one.deleted);
+    if (one.deleted > 0) {
+      EXPECT_EQ(folder_->removed.front(), "log1");
+      EXPECT_EQ(folder_->removed.back(), "log" + std::to_string(one.deleted));
+    }
+    EXPECT_EQ(agent_->started, Names{"log" + std::to_string(one.deleted + 1)});
+  }
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFileUnderWayIsNotDeletedForTheLimit) {
+  put(1);
+  makeWithOneUpload();
+  put(5);
+  folderChanged();
+  EXPECT_EQ(folder_->removed, (Names{"log2", "log3"}));
+  complete("log1");
+  EXPECT_EQ(agent_->started, (Names{"log1", "log4"}));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, BeingOfflineCostsNoAttemptAndFreesThePlace) {
+  put(2);
+  makeWithOneUpload();
+  for (int i = 0; i < 5; ++i) {
+    const auto code = i % 2 == 0 ? platform::kURLErrorNotConnectedToInternet
+                                 : platform::kURLErrorNetworkConnectionLost;
+    complete("log1", platform::urlError(code));
+    EXPECT_EQ(record("log1")->fileUploadRetryCounter(), 0);
+    EXPECT_EQ(record("log1")->fileState(), 1u) << "and it is under way again";
+    EXPECT_EQ(manager_->currentUploadCount(), 1);
+  }
+  EXPECT_EQ(agent_->started.size(), 6u);
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
+  put(2);
+  makeWithOneUpload();
+  // The same text and code in another domain object is not the same error.
+  const auto lookalike = std::make_shared<const platform::Error>(
+      platform::makeErrorDomain(platform::urlErrorDomain()->c_str()),
+      platform::kURLErrorNotConnectedToInternet);
+  const std::uint64_t before = removed(SkeldaLogRemoval::thirdFailedTry);
+  for (const auto& error : {lookalike, otherError(), platform::urlError(-1001)}) {
+    EXPECT_TRUE(folder_->removed.empty());
+    complete("log1", error);
+  }
+  EXPECT_EQ(removed(SkeldaLogRemoval::thirdFailedTry), before + 1);
+  EXPECT_EQ(folder_->removed, Names{"log1"});
+  EXPECT_EQ(agent_->started, (Names{"log1", "log1", "log1", "log2"}));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFileThatCannotBeDeletedEndsInErrorAndIsNotSentAgain) {
+  put(1);
+  folder_->undeletable.insert("log1");
+  makeWithOneUpload();
+  complete("log1");
+  for (const unsigned state : {5u, 5u, 6u}) {
+    EXPECT_EQ(record("log1")->fileState(), 5u);
+    folderChanged();
+    EXPECT_EQ(record("log1")->fileState(), state);
+  }
+  EXPECT_EQ(agent_->started, Names{"log1"});
+  EXPECT_EQ(manager_->currentUploadCount(), 0);
+  // It goes when the folder is over its limit.
+  folder_->undeletable.clear();
+  folderChanged();
+  EXPECT_TRUE(folder_->removed.empty());
+  put(5);
+  folderChanged();
+  EXPECT_EQ(folder_->removed, (Names{"log1", "log2"}));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AVanishedFileIsCancelledAndItsPlaceGivenOn) {
+  put(2);
+  makeWithOneUpload();
+  folder_->names.erase("log1");
+  folderChanged();
+  EXPECT_EQ(agent_->cancelled, Names{"log1"});
+  EXPECT_EQ(agent_->started, (Names{"log1", "log2"}));
+  complete("log1");
+  EXPECT_EQ(manager_->currentUploadCount(), 1) << "its late end changes nothing";
+  complete("log2");
+  EXPECT_EQ(folder_->removed, Names{"log2"});
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFileThatTheAgentGaveUpDoesNotHoldItsPlace) {
+  put(2);
+  makeWithOneUpload();
+  record("log1")->setFileState(kSkeldaFileStateError);
+  manager_->didAbandonTransfer();
+  settle();
+  EXPECT_EQ(agent_->started, (Names{"log1", "log2"}));
+  EXPECT_EQ(folder_->removed, Names{}) << "it stays where it is";
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, ACompletionOfAnUnknownNameStillRunsAPass) {
+  makeWithOneUpload();
+  put(1);
+  folder_->unlistable = 1;
+  folderChanged();
+  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
+  monitor_->tell(1);  // no change that matters
+  settle();
+  EXPECT_TRUE(agent_->started.empty());
+  folderChanged();
+  record("log1")->setFileState(kSkeldaFileStateWaiting);
+  complete("unknown");
+  EXPECT_EQ(agent_->started, (Names{"log1", "log1"}));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithTheirNumberOnly) {
+  // Sent one by one, each a change of the folder as it goes: how many names were listed for it.
+  const auto namesListedFor = [&](int count) {
+    folder_ = std::make_shared<FakeFolder>();
+    agent_ = std::make_shared<FakeAgent>();
+    put(count);
+    make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
+          {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+    for (int i = 0; i < count; ++i) {
+      manager_->didCompleteTransfer(agent_->started.back(), nullptr);
+      settle();
+      for (int changes = 0; changes < 3; ++changes) monitor_->tell(0);
+      settle();
+    }
+    EXPECT_EQ(agent_->started.size(), static_cast<std::size_t>(count));
+    EXPECT_TRUE(folder_->names.empty());
+    return static_cast<double>(folder_->namesListed);
+  };
+  const double of250 = namesListedFor(250);
+  EXPECT_LT(namesListedFor(2000) / of250, 2 * 2000 / 250);
+  EXPECT_LT(of250, 20 * 250);
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, AFileThatComesWhileManyWaitIsSeenSoon) {
+  put(100);
+  make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
+        {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+  folder_->names.insert("log0");
+  monitor_->tell(0);
+  EXPECT_TRUE(becomes([&] { return record("log0") != nullptr; }));
+}
+
+TEST_F(SkeldaStreamTransferManagerTest, WhatCameWhileTheFolderCouldNotBeListedIsSentAllTheSame) {
+  const auto listedAgain = [&] {
+    agent_->started.clear();
+    folder_->unlistable = 1;
+    folderChanged();
+    EXPECT_TRUE(becomes([&] { return manager_->currentUploadCount() > 0; }));
+  };
+  makeWithOneUpload();
+  put(10);
+  listedAgain();
+  for (int i = 1; i <= 10; ++i) complete("log" + std::to_string(i));
+  EXPECT_EQ(agent_->started, folder_->removed);
+  EXPECT_EQ(agent_->started.size(), 10u);
+  // Where they cannot be sent, the limit holds for them as for all others.
+  put(10);
+  listedAgain();
+  complete("log1", platform::urlError(platform::kURLErrorNetworkConnectionLost));
+  settle();
+  EXPECT_EQ(folder_->names.size(), 3u);
+}
+
+class Completions : public ISkeldaFileTransferAgentDelegate {
+ public:
+  void didCompleteTransfer(const std::string& fileName, platform::ErrorRef withError) override {
+    told.push_back(fileName + (withError == nullptr ? " sent" : ": " + withError->domain()));
+  }
+  void didAbandonTransfer() override { told.push_back("abandoned"); }
+  std::vector<std::string> told;
+};
+
+class SkeldaLocalTransferAgentTest : public ::testing::Test {
+ protected:
+  SkeldaLocalTransferAgentTest() { agent_->setDelegate(delegate_); }
+  static SkeldaFileStateRef file(const std::string& name) {
+    return std::make_shared<SkeldaFileState>(name, "/logs", 1, 0, 0, nullptr);
+  }
+
+  std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
+  std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
+  std::shared_ptr<Completions> delegate_ = std::make_shared<Completions>();
+  std::shared_ptr<SkeldaLocalTransferAgent> agent_ =
+      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(reader_, folder_);
+};
+
+TEST_F(SkeldaLocalTransferAgentTest, TurnsTheReadersOutcomeIntoACompletion) {
+  folder_->names = {"a", "b", "c"};
+  const auto a = file("a"), b = file("b"), c = file("c");
+  for (const auto& one : {a, b, c}) agent_->startTransfer(one);
+  EXPECT_EQ(agent_->listTransfers(), (std::vector{a, b, c}));
+  EXPECT_EQ(reader_->processed, (std::vector<std::string>{"/logs/a", "/logs/b", "/logs/c"}));
+  EXPECT_EQ(a->fileState(), 3u);
+  EXPECT_EQ(reader_->delegate.lock(), agent_);
+
+  agent_->processingCompleteForFile("a");
+  const auto snapshot = agent_->listTransfers();
+  agent_->processingFailedForFile(
+      "b", std::make_shared<const platform::Error>(platform::makeErrorDomain("read"), 4));
+  agent_->processingFailedForFile("c", nullptr);
+  EXPECT_TRUE(agent_->listTransfers().empty());
+  EXPECT_EQ(snapshot, (std::vector{b, c})) << "a copy";
+  // An empty file has no error to show, and is a failure all the same.
+  EXPECT_EQ(delegate_->told, (std::vector<std::string>{"a sent", "b: read", "c: file is empty"}));
+}
+
+TEST_F(SkeldaLocalTransferAgentTest, AMissingFileIsAnErrorWithoutACompletion) {
+  const auto missing = file("missing");
+  agent_->startTransfer(missing);
+  EXPECT_EQ(agent_->listTransfers(), std::vector{missing});
+  EXPECT_EQ(missing->fileState(), 6u);
+  EXPECT_TRUE(reader_->processed.empty());
+  EXPECT_EQ(delegate_->told, std::vector<std::string>{"abandoned"});
+}
+
+TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancelled) {
+  const auto first = file("same"), second = file("same"), other = file("other");
+  for (const auto& one : {first, second, first, other}) agent_->resumeTransfer(one);
+  agent_->finishTransferWithFileName("same");
+  agent_->finishTransferWithFileName("unknown");
+  EXPECT_EQ(agent_->listTransfers(), (std::vector{second, other}));
+  agent_->cancelTransfer(other);
+  EXPECT_EQ(agent_->listTransfers(), std::vector{second});
+}
+
+class FakeDataSender : public ISkeldaFrameLogDataSender {
+ public:
+  bool sendFrameLogData(platform::Data data) override {
+    if (failures > 0) {
+      --failures;
+      return false;
+    }
+    sent.push_back(data.string());
+    return true;
+  }
+  int failures = 0;
+  std::vector<std::string> sent;
+};
+
+struct Outcome {
+  std::string name;
+  bool succeeded;
+  platform::ErrorRef error;
+};
+
+class Outcomes : public ISkeldaStreamFileReaderDelegate, public Recorded<Outcome> {
+ public:
+  void processingCompleteForFile(const std::string& name) override { add({name, true, nullptr}); }
+  void processingFailedForFile(const std::string& name, platform::ErrorRef with) override {
+    add({name, false, std::move(with)});
+  }
+};
+
+class SkeldaStreamFrameLogSenderTest : public ::testing::Test {
+ protected:
+  SkeldaStreamFrameLogSenderTest() { sender_->setDelegate(outcomes_); }
+  Outcome process(const std::string& name) {
+    const std::size_t before = outcomes_->size();
+    sender_->processFile(name, folder_.path());
+    const auto outcomes = outcomes_->wait(before + 1);
+    EXPECT_EQ(outcomes.size(), before + 1);
+    EXPECT_EQ(outcomes.back().name, name);
+    return outcomes.back();
+  }
+
+  static bool isLostConnection(const Outcome& outcome) {
+    return !outcome.succeeded && outcome.error->hasDomain(platform::urlErrorDomain()) &&
+           outcome.error->code() == platform::kURLErrorNetworkConnectionLost;
+  }
+
+  TemporaryDirectory folder_;
+  std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
+  std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
+  std::shared_ptr<SkeldaStreamFrameLogSender> sender_ =
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
+                                                               dataSender_);
+};
+
+TEST_F(SkeldaStreamFrameLogSenderTest, ReportsWhatItCannotRead) {
+  const auto missing = process("missing");
+  ASSERT_NE(missing.error, nullptr);
+  EXPECT_EQ(missing.error->code(), 5);
+  writeFile(folder_ / "empty", "");
+  const auto empty = process("empty");
+  EXPECT_FALSE(empty.succeeded);
+  EXPECT_EQ(empty.error, nullptr);
+  std::filesystem::create_directory(folder_ / "folder");
+  const auto unreadable = process("folder");
+  EXPECT_FALSE(unreadable.succeeded);
+  EXPECT_NE(unreadable.error, nullptr);
+  EXPECT_TRUE(dataSender_->sent.empty());
+}
+
+TEST_F(SkeldaStreamFrameLogSenderTest,
+       WhatCannotBeStoredIsALostConnectionAfterALongerAndLongerWait) {
+  using Clock = std::chrono::steady_clock;
+  writeFile(folder_ / "log", "bytes");
+  dataSender_->failures = 2;
+  for (const auto least : {std::chrono::milliseconds(50), std::chrono::milliseconds(100)}) {
+    const auto begin = Clock::now();
+    const auto outcome = process("log");
+    EXPECT_GE(Clock::now() - begin, least);
+    EXPECT_TRUE(isLostConnection(outcome));
+  }
+  EXPECT_TRUE(process("log").succeeded);
+}
+
+TEST_F(SkeldaStreamFrameLogSenderTest, ALogThatCannotBeReadJustNowIsALostConnection) {
+  sender_ = SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
+      SkeldaStreamFileHandle::fileHandle(), dataSender_,
+      platform::RetryDelay(std::chrono::milliseconds(1), std::chrono::milliseconds(8)));
+  sender_->setDelegate(outcomes_);
+  writeFile(folder_ / "log", "bytes");
+  const struct {
+    const char* call;
+    int error;
+    int lostConnections;  // of eight tries, before it is a failure like any other
+  } cases[] = {{"open", EMFILE, 8}, {"open", ENFILE, 8}, {"open", ENOMEM, 8},
+               {"open", EACCES, 3}, {"read", EIO, 3},    {"open", ENXIO, 0}};
+  for (const auto& one : cases) {
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind(one.call, 1, {.error = one.error, .times = Fault::kForEver});
+    int lost = 0;
+    for (int tries = 0; tries < 8; ++tries) lost += isLostConnection(process("log")) ? 1 : 0;
+    EXPECT_EQ(lost, one.lostConnections) << one.call << " " << one.error;
+    plan->clear();
+    EXPECT_TRUE(process("log").succeeded);
+  }
+  EXPECT_EQ(dataSender_->sent.size(), std::size(cases));
+}
 
 using TransferTest = SenderTest;
 

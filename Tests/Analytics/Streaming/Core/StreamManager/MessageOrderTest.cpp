@@ -17,7 +17,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserPropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
-#include "Platform/Foundation/Bundle.h"
 #include "Tests/Analytics/Streaming/Core/LogWords.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
@@ -230,12 +229,9 @@ const std::pair<const char*, const char*> kOrder[] = {
 
 TEST(MessageOrder, IsFixedForEveryEndOfASessionAndOfALog) {
   const LogCapture quiet;
-  platform::Bundle::setMain(std::make_shared<platform::Bundle>(
-      "/Run.app/Watch.appex", "/Run.app/Watch.appex/run",
-      platform::Dictionary{{"CFBundleIdentifier", "com.example.run"},
-                           {"Skelda Watch Event Threshold", 5}}));
+  const HostBundle bundle(
+      {{"CFBundleIdentifier", "com.example.run"}, {"Skelda Watch Event Threshold", 5}});
   for (const auto& [words, logs] : kOrder) EXPECT_EQ(logsAfter(words), logs) << words;
-  platform::Bundle::setMain(nullptr);
   SkeldaUtil::setLogLevel(0);
 }
 
@@ -246,9 +242,7 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
     platform::Log::resetSink();
     const AgentHome home;
     LogCapture log;
-    platform::Bundle::setMain(std::make_shared<platform::Bundle>(
-        "/Run.app/Watch.appex", "/Run.app/Watch.appex/run",
-        platform::Dictionary{{"CFBundleIdentifier", "com.example.run"}}));
+    const HostBundle bundle({{"CFBundleIdentifier", "com.example.run"}});
     const auto pipeline = Pipeline::make();
     const auto events = pipeline->module<ISkeldaEventFrameSource>();
     const auto now = platform::Date::now();
@@ -274,7 +268,6 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
       EXPECT_EQ(log.count(value) > 0, shown) << value;
     }
     EXPECT_EQ(log.count("(not shown)") > 0, !shown);
-    platform::Bundle::setMain(nullptr);
   }
   environment.set("SKELDA_LOG_VALUES", "0");
   platform::Log::resetSink();

@@ -1,5 +1,8 @@
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
+#include <map>
+#include <sstream>
+
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
@@ -23,168 +26,126 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
+#include "Platform/Foundation/JSONReader.h"
+#include "Platform/Foundation/JSONWriter.h"
+#include "Tests/Support/Documents.h"
 
 namespace skelda::testing {
 namespace {
 
-using Types = SkeldaStreamFrameTypeUtil;
-constexpr std::int32_t kNoFrameType = 0;
+using Read = std::shared_ptr<SkeldaStreamRecord> (*)(const platform::Data&);
 
-platform::Date dateAt(std::int64_t milliseconds) {
-  return SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(milliseconds);
+template <class... Entities>
+std::map<std::string, Read, std::less<>> readersOf() {
+  return {{std::string(Entities::kClassName),
+           [](const platform::Data& json) -> std::shared_ptr<SkeldaStreamRecord> {
+             return Entities::streamEntityFromJSONData(json);
+           }}...};
 }
 
-template <class Entity>
-EntitySample sample(std::int32_t type, std::shared_ptr<Entity> entity, std::string payload) {
-  return {type, std::move(entity), std::move(payload),
-          [](const platform::Data& json) -> std::shared_ptr<SkeldaStreamRecord> {
-            return Entity::streamEntityFromJSONData(json);
-          }};
+SkeldaStreamSessionTrackedProperties snapshot(std::uint64_t seed, float cpu, float battery) {
+  return {.freeMemory = seed * 6,
+          .activeMemory = seed * 4,
+          .wiredMemory = seed * 2,
+          .inactiveMemory = seed,
+          .cpuUsage = cpu,
+          .batteryLevel = battery,
+          .batteryCharging = battery > 0};
 }
 
-std::shared_ptr<SkeldaStreamEvent> event() {
-  auto event = SkeldaStreamEvent::streamEventWithEventName("LapDone", "CUSTOM_EVENT", true, true,
-                                                           {{"lap", 3}, {"pace", "5:10"}}, nullptr,
-                                                           dateAt(1600000000123));
-  event->setSkeldaParameters({{"a", "b"}});
-  event->setEventId(7);
-  event->setDuration(1500);
-  event->setUptime(5123);
-  return event;
-}
-
-std::shared_ptr<SkeldaStreamSessionId> sessionId() {
-  auto session = SkeldaStreamSessionId::sessionIdWithStartupTime(dateAt(1600000000123), 5123, 2);
-  session->setElapsedEndTime(605123);
-  return session;
-}
-
-SkeldaStreamSessionTrackedProperties snapshot(std::uint64_t seed) {
-  return {.freeMemory = seed,
-          .activeMemory = seed + 1,
-          .wiredMemory = seed + 2,
-          .inactiveMemory = seed + 3,
-          .cpuUsage = 0.1F,
-          .batteryLevel = seed == 10 ? 0.5F : -1.0F,
-          .batteryCharging = 1};
-}
-
-std::shared_ptr<SkeldaStreamSessionDeviceProperties> sessionDeviceProperties() {
-  auto properties = SkeldaStreamSessionDeviceProperties::sessionDeviceProperties();
-  properties->setTotalDiskSize(18446744073709551615U);
-  properties->setAvailableDiskSize(2000);
-  properties->setUsedDiskSize(3000);
-  properties->setTotalMemory(1073741824);
-  properties->setLastBootTime(1599999995);
-  properties->setCarrierName("unavailable");
-  properties->setCarrierMNC("01");
-  properties->setCarrierMCC("262");
-  properties->setStartProperties(snapshot(10));
-  properties->setEndProperties(snapshot(20));
-  return properties;
-}
-
-std::string snapshotJSON(const char* suffix, const char* memory, const char* battery) {
-  std::string json;
-  const std::pair<const char*, std::string> members[] = {
-      {"memory.available", memory + std::string("0")},
-      {"memory.used.active", memory + std::string("1")},
-      {"memory.used.wired", memory + std::string("2")},
-      {"memory.used.inactive", memory + std::string("3")},
-      {"cpu.load", "0.1"},
-      {"battery.remaining", battery},
-      {"battery.charging", "1"}};
-  for (const auto& [name, value] : members) {
-    json += ",\"" + std::string(name) + suffix + "\":{\"value\":\"" + value + "\"}";
+/// Where members could be taken for each other the entity is made by hand, otherwise it is read.
+std::shared_ptr<SkeldaStreamRecord> madeByHand(std::string_view name) {
+  const auto date = SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(1600000000123);
+  if (name == SkeldaStreamSessionId::kClassName) {
+    auto session = SkeldaStreamSessionId::sessionIdWithStartupTime(date, 5123, 0);
+    session->setElapsedEndTime(605123);
+    return session;
   }
-  return json;
+  if (name == SkeldaStreamEvent::kClassName) {
+    auto event = SkeldaStreamEvent::streamEventWithEventName(
+        "LapDone", "CUSTOM_EVENT", true, false, {{"lap", 3}, {"pace", "5:10"}}, nullptr, date);
+    event->setEventId(7);
+    event->setUptime(5123);
+    return event;
+  }
+  if (name == SkeldaStreamDeviceProperties::kClassName) {
+    return SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel("Watch6,2", "9.1", "arm32",
+                                                                         "34", 396, 484);
+  }
+  if (name == SkeldaStreamReportedIdentifers::kClassName) {
+    return SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(
+        {{15, "3q2+78r+ur7erb7vyv66vg=="},
+         {7, "0f343b0931126a20f133d67c2b018a3b"},
+         {6, "5B2B7F0C-95C2-4B7E-9D2A-0D6A6E1F4C11"}},
+        false);
+  }
+  if (name == SkeldaStreamSessionDeviceProperties::kClassName) {
+    auto properties = SkeldaStreamSessionDeviceProperties::sessionDeviceProperties();
+    properties->setTotalDiskSize(18446744073709551615U);
+    properties->setAvailableDiskSize(20132659200);
+    properties->setUsedDiskSize(12079595520);
+    properties->setTotalMemory(1073741824);
+    properties->setLastBootTime(1599999995);
+    properties->setCarrierName("unavailable");
+    properties->setCarrierMNC("01");
+    properties->setCarrierMCC("262");
+    properties->setStartProperties(snapshot(67108864, 12.5F, -1));
+    properties->setEndProperties(snapshot(33554432, 0.1F, 0.5F));
+    return properties;
+  }
+  return nullptr;
 }
 
-std::shared_ptr<SkeldaStreamUserProperties> userProperties() {
-  return SkeldaStreamUserProperties::updateUserPropertiesName("shoe \"A\"",
-                                                              platform::Array{"44", "45"}, 2);
+/// The first text between backticks.
+std::string betweenBackticks(const std::string& line) {
+  const std::size_t begin = line.find('`') + 1;
+  return line.substr(begin, line.find('`', begin) - begin);
+}
+
+/// An entry is headed "## <type or "no type"> `<class>`", its keys head the rows of a table, and
+/// its example is fenced.
+std::vector<EntitySample> entriesOfThePage() {
+  std::vector<EntitySample> entries;
+  std::istringstream page(document("frame-catalogue.md"));
+  bool inExample = false;
+  for (std::string line; std::getline(page, line);) {
+    if (line.starts_with("## ")) {
+      entries.emplace_back().name = betweenBackticks(line);
+      entries.back().frameType = line.starts_with("## no type") ? 0 : std::stoi(line.substr(3));
+    } else if (!entries.empty() && line.starts_with("```")) {
+      inExample = line == "```json";
+    } else if (inExample) {
+      entries.back().payload += line;
+    } else if (line.starts_with("| `")) {
+      entries.back().keys.insert(betweenBackticks(line));
+    }
+  }
+  return entries;
 }
 
 }  // namespace
 
 std::vector<EntitySample> entitySamples() {
-  const auto properties = userProperties();
-  return {
-      sample(Types::kFlush, SkeldaStreamFlush::streamFlushWithStatus(6),
-             R"({"sk.flush.frame.code":6,)"
-             R"("sk.flush.frame.reason":"App user has CCPA delete frame"})"),
-      sample(Types::kCounter, SkeldaStreamCounter::counterFrameWithCounter(-12),
-             R"({"sk.frame.log.counter":-12})"),
-      sample(Types::kSessionId, sessionId(),
-             R"({"sk.session.id":1600000000123,"sk.session.id.current.state":2,)"
-             R"("sk.session.elapsed.start.time":5123,"sk.session.elapsed.end.time":605123})"),
-      sample(Types::kAppState, SkeldaStreamAppState::appState(1, 2),
-             R"({"sk.app.current.state":1,"sk.app.previous.state":2})"),
-      sample(Types::kAppInfo,
-             SkeldaStreamAppInfo::appInfoWithVersion("1.2", "34", "1.3", "org.example.run", 255),
-             R"({"sk.app.version":"1.2","sk.bundle.id":"org.example.run",)"
-             R"("sk.app.version.override":"1.3","sk.app.version.code":"34",)"
-             R"("sk.build.environment":255})"),
-      sample(Types::kEvent, event(),
-             R"({"sk.event.id":7,"sk.event.name":"TGFwRG9uZQ==","sk.event.timed":true,)"
-             R"("sk.event.type":"CUSTOM_EVENT","sk.timed.event.starting":true,)"
-             R"("sk.event.timestamp":1600000000123,)"
-             R"("sk.event.user.parameters":{"bGFw":"Mw==","cGFjZQ==":"NToxMA=="},)"
-             R"("sk.event.skelda.parameters":{"a":"b"},)"
-             R"("sk.timed.event.duration":1500,"sk.event.uptime":5123})"),
-      sample(Types::kDeviceProperties,
-             SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel("Watch6,2", "9.1",
-                                                                           "arm32", "34", 396, 0),
-             R"({"sk.device.properties":{"device.arch":"arm32","device.os.version":"9.1",)"
-             R"("device.model.1":"Watch6,2","scr.height":"0","scr.width":"396",)"
-             R"("bnd.ver":"34"}})"),
-      sample(Types::kReportedIdentifers,
-             SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(
-                 {{15, "aW5z"}, {7, "adv"}, {6, "ven"}}, true),
-             R"({"sk.reported.id":{"VendorId":"ven","iOSAdvertisingId":"adv",)"
-             R"("iOSInstallationId":"aW5z"},"sk.ad.tracking":true})"),
-      sample(Types::kSessionInitInfo,
-             SkeldaSessionInitInfo::sessionInitInfoWithAgentPlatform(65535, 261, "KEY", 7, true),
-             R"({"sk.apikey":"KEY","sk.agent.platform":65535,"sk.agent.report.key":7,)"
-             R"("sk.agent.version":261,"sk.background.session.metrics":true,)"
-             R"("sk.play.service.availability":-1})"),
-      sample(Types::kUserId, SkeldaStreamUserId::userIdWithUserId("runner\n7"),
-             R"({"sk.demo.userid":"runner\n7"})"),
-      sample(Types::kLocaleInfo, SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry("DE", "de"),
-             R"({"sk.country":"DE","sk.language":"de"})"),
-      sample(Types::kNetworkStatus,
-             std::make_shared<SkeldaStreamNetworkStatus>(2, -70, "wifi", "none"),
-             R"({"sk.network.status":2})"),
-      sample(Types::kSessionDeviceProperties, sessionDeviceProperties(),
-             R"({"sk.session.property":{"disk.size.total":{"value":"18446744073709551615"},)"
-             R"("disk.size.available":{"value":"2000"},"boot.time":{"value":"1599999995"},)"
-             R"("memory.total":{"value":"1073741824"},"disk.size.used":{"value":"3000"},)"
-             R"("carrier.name":{"value":"unavailable"},"carrier.mnc":{"value":"01"},)"
-             R"("carrier.mcc":{"value":"262"})" +
-                 snapshotJSON(".start", "1", "0.5") + snapshotJSON(".end", "2", "-1") + "}}"),
-      sample(Types::kAppOrientation, SkeldaStreamAppOrientation::appOrientationWithOrientation(1),
-             R"({"sk.app.orientation":1})"),
-      sample(Types::kTimeZoneInfo,
-             SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone("Europe/Berlin"),
-             R"({"sk.timezone.value":"Europe/Berlin"})"),
-      sample(Types::kUserProperties, properties,
-             R"({"sk.user.property.id":)" + std::to_string(properties->userPropertyId()) +
-                 R"(,"sk.user.property.uptime":)" + std::to_string(properties->uptime()) +
-                 R"(,"sk.user.property.key":"shoe \"A\"","sk.user.property.values":["44","45"],)"
-                 R"("sk.user.property.call.type":2})"),
-      sample(Types::kCCPAOptOut, SkeldaStreamCCPAOptOut::updateCCPAOptOut(true),
-             R"({"sk.ccpa.optout":true})"),
-      sample(Types::kCCPADelete, SkeldaStreamCCPADelete::updateCCPADelete(), "{}"),
-      sample(kNoFrameType, SkeldaStreamEventSummary::streamWithEventCount(4000000000U, false),
-             R"({"sk.event.count":4000000000,"sk.event.set.complete":false})"),
-      sample(kNoFrameType, SkeldaStreamUserGender::userGenderWithGender(-1),
-             R"({"sk.demo.gender":-1})"),
-      sample(kNoFrameType, SkeldaStreamUserBirthdate::userBirthdateWithDate(dateAt(-86400000)),
-             R"({"sk.demo.birthdate":-86400000})"),
-      sample(kNoFrameType,
-             SkeldaStreamConsent::gdprScope(true, platform::Dictionary{{"IAB", "yes"}}),
-             R"({"sk.consent.isGdprScope":true,"sk.consent.strings":{"IAB":"yes"}})"),
-  };
+  auto readers =
+      readersOf<SkeldaSessionInitInfo, SkeldaStreamAppInfo, SkeldaStreamAppOrientation,
+                SkeldaStreamAppState, SkeldaStreamCCPADelete, SkeldaStreamCCPAOptOut,
+                SkeldaStreamConsent, SkeldaStreamCounter, SkeldaStreamDeviceProperties,
+                SkeldaStreamEvent, SkeldaStreamEventSummary, SkeldaStreamFlush,
+                SkeldaStreamLocaleInfo, SkeldaStreamNetworkStatus, SkeldaStreamReportedIdentifers,
+                SkeldaStreamSessionDeviceProperties, SkeldaStreamSessionId,
+                SkeldaStreamTimeZoneInfo, SkeldaStreamUserBirthdate, SkeldaStreamUserGender,
+                SkeldaStreamUserId, SkeldaStreamUserProperties>();
+  auto samples = entriesOfThePage();
+  for (auto& sample : samples) {
+    sample.readBack = readers.extract(sample.name).mapped();
+    sample.payload = platform::jsonText(platform::readJSON(sample.payload).value());
+    sample.entity = madeByHand(sample.name);
+    if (sample.entity == nullptr) {
+      sample.entity = sample.readBack(platform::Data(sample.payload.data(), sample.payload.size()));
+    }
+  }
+  if (!readers.empty()) throw std::runtime_error("no entry: " + readers.begin()->first);
+  return samples;
 }
 
 }  // namespace skelda::testing

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,15 +44,17 @@ inline SkeldaStreamMessage message(std::int8_t version, std::int32_t type,
   return message;
 }
 
-/// One entity with everything set, what it writes, and how its class reads that back.
+/// An entry of docs/frame-catalogue.md, whose example is the sample.
 struct EntitySample {
-  std::int32_t frameType;
-  std::shared_ptr<SkeldaStreamRecord> entity;
+  std::string name;
+  std::int32_t frameType = 0;  ///< 0 for what reaches no log
+  std::set<std::string> keys;
   std::string payload;
-  std::shared_ptr<SkeldaStreamRecord> (*readBack)(const platform::Data&);
+  std::shared_ptr<SkeldaStreamRecord> entity;
+  std::shared_ptr<SkeldaStreamRecord> (*readBack)(const platform::Data&) = nullptr;
 };
 
-/// One or more of every entity class.
+/// All of them, in the order of the page.
 std::vector<EntitySample> entitySamples();
 
 }  // namespace skelda::testing

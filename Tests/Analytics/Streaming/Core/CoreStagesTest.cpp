@@ -1,0 +1,189 @@
+// The stages between the sources and the log, and the rules that they keep.
+
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
+#include "Analytics/Streaming/Core/SkeldaStreamCoreBuffer.h"
+#include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
+#include "Analytics/Streaming/Core/SkeldaWatchStreamEventDropRule.h"
+#include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Support/AgentHome.h"
+
+namespace skelda::testing {
+namespace {
+
+class PlainStage : public SkeldaActorStreamComponentBase {
+ public:
+  PlainStage() : SkeldaActorStreamComponentBase("PlainStage") {}
+};
+class CoreStage : public SkeldaActorStreamCoreComponent {
+ public:
+  CoreStage() : SkeldaActorStreamCoreComponent("CoreStage") {}
+  void nextStageDidChangeState(std::int32_t state) override { becomeReadyWithNextStage(state); }
+};
+
+TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
+  const auto stage = SkeldaActor::made(new PlainStage());
+  const auto events = std::make_shared<RecordingStage>();
+  const auto all = std::make_shared<RecordingStage>();
+  const auto none = std::make_shared<RecordingStage>();
+  events->types = {SkeldaStreamFrameTypeUtil::kEvent};
+  none->types = std::nullopt;
+  stage->registerNextStageComponent(events);
+  stage->registerNextStageComponent(all);
+  stage->registerNextStageComponent(events);
+  stage->registerNextStageComponent(none);
+  stage->registerNextStageComponent(nullptr);
+  for (const int type : {134, 148, 9999, 134}) stage->streamMessage(plainMessage(type));
+  stage->streamMessage(nullptr);
+  settle(*stage);
+  EXPECT_EQ(events->words(), "134 134 134 134") << "registered twice, delivered twice";
+  EXPECT_EQ(all->words(), "134 148 134");
+  EXPECT_EQ(none->words(), "");
+  const auto map = stage->frameTypeToNextStageComponentsMap();
+  EXPECT_EQ(map.size(), SkeldaStreamFrameTypeUtil::kTable.size());
+  EXPECT_EQ(*map.find(134), (SkeldaNextStageMap::Stages{events, all, events}));
+  EXPECT_EQ(map.find(9999), nullptr);
+}
+
+TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrder) {
+  for (const bool started : {false, true}) {
+    const auto stage = SkeldaActor::made(new CoreStage());
+    const auto next = std::make_shared<RecordingStage>();
+    const auto previous = std::make_shared<RecordingStage>();
+    stage->registerNextStageComponent(next);
+    stage->registerPreviousStageComponent(previous);
+    EXPECT_EQ(stage->moduleState(), 1);
+    if (started) stage->startup();
+    EXPECT_EQ(stage->moduleState(), started ? 2 : 1);
+
+    for (const int ms : {1, 2, 3}) stage->streamMessage(eventAt(ms));
+    settle(*stage);
+    stage->nextStageDidChangeState(2);
+    settle(*stage);
+    EXPECT_EQ(next->words(), "");
+    EXPECT_EQ(stage->deferredMessageQueue().size(), 3U);
+
+    stage->nextStageDidChangeState(3);
+    stage->streamMessage(eventAt(4));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4");
+    stage->updateState(3);
+    stage->updateState(1);
+    stage->streamMessage(eventAt(5));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4 e1 e2 e3") << "what was held goes out again";
+    EXPECT_EQ(previous->states(), (std::vector<std::int32_t>{3, 3, 1}));
+  }
+}
+
+TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {
+  constexpr std::uint32_t kSources = 4;
+  constexpr std::uint32_t kMessages = 200;
+  const auto buffer = SkeldaStreamCoreBuffer::streamBuffer();
+  const auto next = std::make_shared<RecordingStage>();
+  buffer->registerNextStageComponent(next);
+  buffer->pause();
+  std::vector<std::thread> sources;
+  for (std::uint32_t source = 0; source < kSources; ++source) {
+    sources.emplace_back([&buffer, source] {
+      for (std::uint32_t i = 0; i < kMessages; ++i) {
+        buffer->streamMessage(eventAt(source * kMessages + i));
+      }
+    });
+  }
+  buffer->nextStageDidChangeState(3);
+  settle(*buffer);
+  EXPECT_EQ(next->words(), "") << "ready, but paused";
+  for (int i = 0; i < 20; ++i) {
+    buffer->resume();
+    buffer->pause();
+  }
+  for (auto& source : sources) source.join();
+  buffer->resume();
+
+  std::vector<std::uint32_t> seen(kSources, 0);
+  for (const auto& message : next->messages(kSources * kMessages)) {
+    const auto id = std::dynamic_pointer_cast<SkeldaStreamEvent>(message)->eventId();
+    EXPECT_EQ(id % kMessages, seen[id / kMessages]++);
+  }
+  EXPECT_EQ(seen, std::vector<std::uint32_t>(kSources, kMessages));
+}
+
+static_assert(sessionLimitInMilliseconds(10) == 600000);
+static_assert(sessionLimitInMilliseconds(35791) == 2147460000);
+static_assert(sessionLimitInMilliseconds(35792) == -2147447296, "wraps around");
+
+TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
+  const struct {
+    std::int32_t threshold;
+    std::int32_t minutes;
+    std::vector<std::int64_t> events;  // By time; the time is the id.
+    const char* kept;
+    std::uint32_t count;
+  } cases[] = {
+      {3, 10, {}, "", 0},
+      {3, 10, {1, 2, 3, 4, 5}, "e1 e2 e3", 5},
+      {3, 10, {1, 1, 2, 3}, "e1 e2", 4},                    // A repeat counts as one more.
+      {9, 10, {1, 600001, 600002, 3}, "e1 e600001 e3", 4},  // At the limit and behind it.
+      {9, 10, {600001, 1, 600002}, "e600001 e1", 3},        // An earlier one moves the start,
+      {1, 10, {600001, 1, 600002}, "e600001", 3},           // even one that is dropped.
+      {9, 35792, {5, 6, 5}, "e5", 3},                       // A limit that wrapped around.
+  };
+  for (const auto& [threshold, minutes, events, kept, count] : cases) {
+    SCOPED_TRACE(kept);
+    const auto rule =
+        SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(threshold, minutes);
+    std::string words;
+    for (const auto ms : events) {
+      if (!rule->shouldDropMessage(eventAt(ms))) addWord(words, "e" + std::to_string(ms));
+    }
+    EXPECT_EQ(words, kept);
+    EXPECT_FALSE(rule->shouldDropMessage(plainMessage(148)));
+
+    EXPECT_TRUE(rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(1)).empty());
+    const auto before = rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(3));
+    ASSERT_EQ(before.size(), 1U);
+    const auto summary = std::dynamic_pointer_cast<SkeldaStreamEventSummary>(before[0]);
+    ASSERT_NE(summary, nullptr);
+    EXPECT_EQ(summary->eventCount(), count);
+    EXPECT_EQ(summary->setComplete(), rule->droppedEventsSet().empty());
+
+    rule->reset();
+    EXPECT_EQ(rule->getEventCount(), 0U);
+    EXPECT_EQ(rule->initialTimeStamp(), platform::Date::distantFuture());
+  }
+}
+
+using Rule = SkeldaWatchStreamSessionRule;
+
+/// What comes out of a policy whose sessions have at most 5 events or 10 minutes, for the mandatory
+/// app info (133) and events at these times.
+std::string sent(Rule::ModuleLookup lookup, std::initializer_list<std::int64_t> events) {
+  const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
+      {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, std::move(lookup))});
+  const auto next = readyBeforeRecorder(*policy);
+  policy->streamMessage(plainMessage(133));
+  for (const auto ms : events) policy->streamMessage(eventAt(ms));
+  settle(*policy);
+  return next->words();
+}
+
+TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+  const AgentHome home;
+  const auto throwing = [](std::string_view) -> platform::ObjectRef {
+    platform::assertionFailure("id is missing!");
+  };
+  for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
+    EXPECT_EQ(sent(lookup, {0, 600001, 600002, 600003, 600004, 600005}),
+              "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "
+              "propsStart flush1 e600001 session@600001 e600002 e600003 e600004 "
+              "session@600001..600012 e600005 flush3");
+  }
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,164 @@
+// How the pipeline is put together from what is linked in.
+
+#include <gtest/gtest.h>
+#include <functional>
+#include <stdexcept>
+
+#include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
+#include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/LogCapture.h"
+
+namespace skelda::testing {
+
+class ISampleSource : public virtual ISkeldaFrameSource {
+ public:
+  static constexpr std::string_view kProtocolName = "ISampleSource";
+};
+
+/// Counts its start-ups.
+class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
+ public:
+  static constexpr std::string_view kClassName = "SampleSource";
+  void startup() override {
+    if (throws) throw std::runtime_error("not today");
+    ++starts;
+  }
+  int starts = 0;
+  bool throws = false;
+
+ private:
+  friend SkeldaSource;
+  SampleSource() = default;
+};
+
+namespace {
+
+/// Opens to the test what a concrete manager uses while it is made.
+class Manager : public SkeldaStreamBaseManager {
+ public:
+  static std::shared_ptr<Manager> make() { return made(new Manager()); }
+  std::string_view className() const noexcept override { return "Manager"; }
+  using SkeldaStreamBaseManager::createOrGetProviderModule;
+  using SkeldaStreamBaseManager::startup;
+
+ private:
+  Manager() : SkeldaStreamBaseManager("Manager") {}
+};
+
+class SkeldaStreamBaseManagerTest : public ::testing::Test {
+ protected:
+  SkeldaStreamBaseManagerTest() {
+    platform::ClassRegistry::shared().registerClass(
+        {"SampleSource",
+         "SkeldaActorStreamComponentBase",
+         {"ISampleSource", "ISkeldaFrameSource"},
+         [] { return SampleSource::getSourceInstance(); }});
+  }
+  ~SkeldaStreamBaseManagerTest() override { SkeldaUtil::setLogLevel(0); }
+
+  AgentHome home_;
+  std::shared_ptr<Manager> manager_ = Manager::make();
+};
+
+TEST_F(SkeldaStreamBaseManagerTest, RaisesForModulesThatAreMissingOrOfTheWrongKind) {
+  const auto source = SampleSource::getSourceInstance();
+  manager_->setModule(source, SkeldaModuleKey::of<ISampleSource>());
+  manager_->setModule(nullptr, SkeldaModuleKey::of<ISampleSource>());  // does not take its place
+  EXPECT_EQ(manager_->module<ISampleSource>(), source);
+  manager_->setModule(source, SkeldaModuleKey::forProtocol("ISkeldaEventFrameSource"));
+  const std::function<void()> calls[] = {
+      [&] { manager_->getObjectForSourceModule("absent"); },
+      [&] { manager_->getObjectForSourceModule("ISkeldaEventFrameSource"); },
+      [&] { manager_->addModule(source, "ISampleSource"); },
+      [&] { manager_->createOrGetProviderModule("SampleSource"); },
+      [&] { manager_->createOrGetProviderModule("NoSuchClass"); },
+      [&] { manager_->chainProviderClassObservers({{"one"}}); },
+      [&] { manager_->startup({"never mentioned"}); },
+  };
+  for (const auto& call : calls) EXPECT_THROW(call(), platform::Exception);
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDependsOnThem) {
+  manager_->helperSetupCoreStreamingModules();
+  manager_->chainSourceModules(
+      {{"NoSuchSource", "INoSuchSource"}, {"SampleSource", "ISampleSource"}});
+  manager_->chainProviderClassObservers(
+      {{"NoSuchProvider", "ISampleSource"}, {"SkeldaSessionInfoDataProvider", "INoSuchSource"}});
+  EXPECT_EQ(manager_->moduleIfPresent("INoSuchSource"), nullptr);
+  EXPECT_NE(manager_->module<SkeldaSessionInfoDataProvider>(), nullptr);
+  manager_->startup({"INoSuchSource", "NoSuchProvider", "ISampleSource"});
+  EXPECT_EQ(std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
+}
+
+TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAndIsNamed) {
+  LogCapture log;
+  const auto make = []() -> platform::ObjectRef { throw std::runtime_error("no memory"); };
+  auto& registry = platform::ClassRegistry::shared();
+  registry.registerClass(
+      {"BrokenSource", "SkeldaActorStreamComponentBase", {"ISkeldaFrameSource"}, make});
+  registry.registerClass({"BrokenProvider", "SkeldaDataProvider", {}, make});
+  manager_->chainSourceModules({{"BrokenSource", "IBrokenSource"},
+                                {"SampleSource", "ISampleSource"},
+                                {"SampleSource", "ISkeldaFrameSource"}});
+  manager_->chainProviderClassObservers(
+      {{"BrokenProvider", ""}, {"SkeldaSessionInfoDataProvider", "IBrokenSource"}});
+  const auto source = std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>());
+  source->throws = true;
+  manager_->startup({"IBrokenSource", "BrokenProvider", "ISampleSource", "ISkeldaFrameSource"});
+  const auto next =
+      std::dynamic_pointer_cast<SampleSource>(manager_->moduleIfPresent("ISkeldaFrameSource"));
+  EXPECT_EQ(next->starts, 1);
+  EXPECT_EQ(log.count("Skelda: BrokenSource is left out: no memory"), 1U);
+  EXPECT_EQ(log.count("Skelda: BrokenProvider is left out: no memory"), 1U);
+  EXPECT_EQ(log.count("Skelda: ISampleSource did not start: not today"), 1U);
+}
+
+std::shared_ptr<SkeldaWatchStreamManager> managerWith(platform::Dictionary information) {
+  information.set("CFBundleIdentifier", "com.example.run");
+  const HostBundle bundle(std::move(information));
+  return SkeldaWatchStreamManager::streamManager();
+}
+
+TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
+  const AgentHome home;
+  const std::string event = "Skelda Watch Event Threshold";
+  const std::string duration = "Skelda Watch Duration Threshold";
+  const struct {
+    std::string key;
+    platform::Value value;
+    std::int32_t events, minutes;
+    std::string line;
+  } cases[] = {
+      {event, nullptr, 10, 10, ""},
+      {event, 4, 5, 10, "Watch event threshold may not be below 5"},
+      {event, 50, 50, 10, ""},
+      {event, 51, 50, 10, "Watch event threshold may not be above 50"},
+      {event, "20", 20, 10, ""},
+      {event, "many", 5, 10, "Watch event threshold may not be below 5"},
+      {event, 1e30, 50, 10, "Watch event threshold may not be above 50"},
+      {event, -1, 5, 10, "Watch event threshold may not be below 5"},
+      {event, 7.9, 7, 10, ""},
+      {event, true, 5, 10, "Watch event threshold may not be below 5"},
+      {event, platform::Array{12}, 5, 10, "Watch event threshold may not be below 5"},
+      {event, platform::Data("\x0c"), 5, 10, "Watch event threshold may not be below 5"},
+      {duration, 4, 10, 5, "Watch duration threshold may not be below 5"},
+      {duration, 60, 10, 60, ""},
+      {duration, 61, 10, 60, "Watch duration threshold may not be above 60"},
+  };
+  for (const auto& given : cases) {
+    LogCapture log;
+    const auto manager = managerWith({{given.key, given.value}});
+    EXPECT_EQ(manager->watchSessionEventThreshold(), given.events) << given.line;
+    EXPECT_EQ(manager->watchSessionDurationThreshold(), given.minutes) << given.line;
+    EXPECT_EQ(log.count("threshold may not be"), given.line.empty() ? 0U : 1U);
+    EXPECT_TRUE(given.line.empty() || log.count(given.line) == 1) << given.line;
+  }
+}
+
+}  // namespace
+}  // namespace skelda::testing

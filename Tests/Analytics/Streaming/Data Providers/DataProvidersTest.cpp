@@ -1,0 +1,312 @@
+// What the providers know, and whom they tell.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+
+#include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
+#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
+#include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Platform/Foundation/ClassRegistry.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/WatchKit/WKExtension.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+/// Waits until what was posted to the provider has run, and what that posted in turn.
+inline void settle(SkeldaDataProvider& provider) {
+  for (int hops = 0; hops < 3; ++hops) provider.syncBlock([] {});
+}
+
+class Provider : public SkeldaDataProvider {
+ public:
+  static std::shared_ptr<Provider> make() { return made(new Provider()); }
+  bool canSendData() const override { return hasFacts; }
+  std::atomic<bool> hasFacts{false};
+
+ private:
+  Provider() : SkeldaDataProvider("Provider") {}
+};
+
+/// How often the observers of a provider are told.
+class Observer : public virtual ISkeldaDataProviderObserver {
+ public:
+  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { told.add(true); }
+  Recorded<bool> told;
+};
+struct Observed {
+  explicit Observed(std::shared_ptr<SkeldaDataProvider> watched) : provider(std::move(watched)) {
+    provider->registerObserver(observer);
+  }
+  int updates() const {
+    settle(*provider);
+    return static_cast<int>(observer->told.size());
+  }
+  std::shared_ptr<SkeldaDataProvider> provider;
+  std::shared_ptr<Observer> observer = std::make_shared<Observer>();
+};
+
+TEST(SkeldaDataProvider, TellsEachObserverOncePerChangeUntilItIsRemoved) {
+  const auto provider = Provider::make();
+  const Observed observed(provider);
+  provider->registerObserver(observed.observer);
+  provider->registerObserver(nullptr);
+  provider->removeObserver(std::make_shared<Observer>());
+  provider->notifyObservers();
+  EXPECT_EQ(observed.updates(), 1);
+  EXPECT_GT(observed.observer.use_count(), 1) << "a provider holds its observers";
+  provider->removeObserver(observed.observer);
+  provider->notifyObservers();
+  EXPECT_EQ(observed.updates(), 1);
+
+  // Where there are facts, whoever comes is told at once, and again when it comes again.
+  provider->hasFacts = true;
+  const Observed late(provider);
+  provider->registerObserver(late.observer);
+  EXPECT_EQ(late.updates(), 2);
+}
+
+TEST(SkeldaSessionInfoDataProvider, HasFactsFromStartUpOnAndNewOnesWithEachChange) {
+  const auto provider = SkeldaSessionInfoDataProvider::getInstance();
+  const Observed observed(provider);
+  provider->setIncludeBackgroundSessionsInMetrics(true);  // waits for the facts that carry it
+  EXPECT_EQ(provider->sessionInfoData(), nullptr);
+  EXPECT_EQ(observed.updates(), 0);
+  provider->startUpWithApiKey("KEY");
+  EXPECT_EQ(observed.updates(), 1);
+  const auto facts = provider->sessionInfoData();
+  provider->setIncludeBackgroundSessionsInMetrics(false);
+  EXPECT_FALSE(provider->sessionInfoData()->includeBackgroundSessionsInMetrics());
+  EXPECT_TRUE(facts->includeBackgroundSessionsInMetrics()) << "those handed out stay as they were";
+  EXPECT_EQ(observed.updates(), 2);
+}
+
+TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffersFromTheLast) {
+  auto& extension = platform::WKExtension::sharedExtension();
+  extension.setApplicationState(platform::WKExtension::ApplicationState::background);
+  const auto provider = SkeldaAppStateDataProvider::getInstance();
+  const Observed observed(provider);
+  provider->startup();
+  ASSERT_EQ(observed.observer->told.wait(1).size(), 1u);
+  extension.setApplicationState(platform::WKExtension::ApplicationState::active);
+  struct Step {
+    std::int32_t state, previous;
+    int updates;
+  };
+  for (const auto& step : {Step{2, -1, 1}, Step{0, 2, 2}, Step{0, 2, 2}, Step{2, 0, 3}}) {
+    provider->sendWatchState(step.state);
+    EXPECT_EQ(observed.updates(), step.updates);
+    EXPECT_EQ(provider->appStateData()->currentState(), step.state);
+    EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
+  }
+}
+
+/// A provider of the test's own: the shared one keeps its state from test to test.
+class NetworkProvider : public SkeldaNetworkReachabilityDataProvider {
+ public:
+  static std::shared_ptr<NetworkProvider> make() { return made(new NetworkProvider()); }
+};
+
+class Monitor : public platform::Object, public ISkeldaReachability {
+ public:
+  std::string_view className() const noexcept override { return "SkeldaReachability"; }
+  void startup() override { ++starts; }
+  int starts = 0;
+};
+
+TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnected) {
+  const auto provider = NetworkProvider::make();
+  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
+  provider->setConnectedToNetwork(true);
+  EXPECT_TRUE(provider->isNetworkReachable());
+  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
+  provider->setNetworkLikelyNotReachable();
+  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
+  EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
+  EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
+  // The same text is another domain all the same.
+  const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
+  provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
+  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
+}
+
+TEST(SkeldaNetworkReachabilityDataProvider, StartsTheMonitorThatIsLinkedOnce) {
+  const auto monitor = std::make_shared<Monitor>();
+  auto& registry = platform::ClassRegistry::shared();
+  registry.registerClass({"SkeldaReachability", {}, {}, [monitor] { return monitor; }});
+  const auto provider = NetworkProvider::make();
+  provider->startup();
+  provider->startup();
+  settle(*provider);
+  EXPECT_EQ(monitor->starts, 1);
+  EXPECT_EQ(provider->reachability(), monitor);
+  registry.registerClass({"SkeldaReachability", {}, {}, nullptr});
+}
+
+std::atomic<bool> noMoreWatches = false;
+extern "C" int __real_inotify_add_watch(int inotify, const char* path, std::uint32_t mask);
+extern "C" int __wrap_inotify_add_watch(int inotify, const char* path, std::uint32_t mask) {
+  if (!noMoreWatches) return __real_inotify_add_watch(inotify, path, mask);
+  errno = ENOSPC;
+  return -1;
+}
+
+class Changes : public SkeldaNodeDataProviderObserver {
+ public:
+  void fileMonitor(ISkeldaNodeDataProvider&, std::uint32_t didSeeChange) override {
+    EXPECT_EQ(didSeeChange, 0u);
+    seen_.add(didSeeChange);
+  }
+  std::size_t count() { return seen_.size(); }
+  /// Until one more than `before` was seen.
+  bool waitPast(std::size_t before) { return seen_.wait(before + 1).size() > before; }
+
+ private:
+  Recorded<std::uint32_t> seen_;
+};
+
+class SkeldaNodeDataProviderTest : public ::testing::Test {
+ protected:
+  SkeldaNodeDataProviderTest() { provider_->addObserver(changes_); }
+  ~SkeldaNodeDataProviderTest() override { provider_->removeObserver(changes_); }
+  void start() {
+    provider_->forceRefresh(nullptr);
+    ASSERT_TRUE(changes_->waitPast(0));
+  }
+  /// What is written now must be told.
+  void expectTold(const std::string& name) {
+    settle();
+    const std::size_t before = changes_->count();
+    writeFile(watched_ + "/" + name, "x");
+    EXPECT_TRUE(changes_->waitPast(before)) << name;
+  }
+  /// An old watch or a try that failed may still be telling: of several files, one is told.
+  void expectToldInTheEnd(int round) {
+    EXPECT_TRUE(becomes([&] { return std::filesystem::is_directory(watched_); }));
+    bool told = false;
+    for (int n = 0; n < 100 && !told; ++n) {
+      settle();
+      const std::size_t seen = changes_->count();
+      std::error_code ignored;
+      std::filesystem::create_directories(fmt::format("{}/{}.{}", watched_, round, n), ignored);
+      told = changes_->waitPast(seen);
+    }
+    EXPECT_TRUE(told) << round;
+  }
+  void settle() {
+    provider_->syncBlock([] {});
+  }
+  static std::size_t openDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+  }
+
+  TemporaryDirectory home_;
+  const std::string watched_ = home_ / "a/logs";
+  std::shared_ptr<Changes> changes_ = std::make_shared<Changes>();
+  std::shared_ptr<SkeldaNodeDataProvider> provider_ =
+      SkeldaNodeDataProvider::nodeDataProviderWithFilePath(watched_,
+                                                           SkeldaStreamFileManager::fileManager());
+};
+
+TEST_F(SkeldaNodeDataProviderTest, MakesTheFolderAndTellsOfWhatIsThereAndOfWhatComes) {
+  std::atomic<bool> completed = false;
+  provider_->forceRefresh([&](platform::ErrorRef error) { completed = error == nullptr; });
+  ASSERT_TRUE(changes_->waitPast(0));
+  settle();
+  EXPECT_TRUE(completed);
+  EXPECT_TRUE(std::filesystem::is_directory(watched_));
+  expectTold("one");
+  const auto late = std::make_shared<Changes>();
+  provider_->addObserver(late);
+  EXPECT_EQ(late->count(), 1u) << "told at once of the change that was seen";
+  provider_->removeObserver(late);
+  expectTold("two");
+  EXPECT_EQ(late->count(), 1u);
+}
+
+TEST_F(SkeldaNodeDataProviderTest, AFolderThatIsRemovedOrReplacedIsWatchedAgain) {
+  start();
+  for (int i = 0; i < 3; ++i) {
+    settle();
+    const std::size_t before = changes_->count();
+    std::error_code ignored;  // the folder may be made again while it is being removed
+    if (i == 0) {
+      std::filesystem::remove_all(watched_, ignored);
+    } else if (i == 1) {
+      std::filesystem::remove_all(home_ / "a", ignored);
+    } else {
+      std::filesystem::rename(watched_, home_ / "moved");
+      std::filesystem::create_directory(watched_, ignored);
+    }
+    // The watch that stands again tells of it itself.
+    ASSERT_TRUE(changes_->waitPast(before)) << i;
+    expectToldInTheEnd(i);
+  }
+}
+
+TEST_F(SkeldaNodeDataProviderTest, AWatchMadeAgainLeavesNoDescriptor) {
+  start();
+  expectTold("before");
+  settle();
+  const std::size_t before = openDescriptors();
+  for (int i = 0; i < 10; ++i) {
+    const std::size_t seen = changes_->count();
+    provider_->recreateDispatchSource();
+    ASSERT_TRUE(changes_->waitPast(seen));
+  }
+  provider_->forceRefresh(nullptr);
+  expectTold("after");
+  EXPECT_TRUE(becomes([&] { return openDescriptors() <= before; }));
+}
+
+TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatchIsTriedAgain) {
+  start();
+  const auto plan = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls(plan);
+  // No descriptor for the folder, or one for the folder and no watch.
+  for (const bool hasDescriptor : {false, true}) {
+    settle();
+    noMoreWatches = hasDescriptor;
+    if (!hasDescriptor) plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    provider_->recreateDispatchSource();
+    // Once the first try has failed a commit is told; before, the old watch stood.
+    std::size_t seen = changes_->count();
+    EXPECT_TRUE(becomes([&] {
+      platform::NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
+      settle();
+      return changes_->count() >= seen + 3;
+    }));
+    noMoreWatches = false;
+    plan->clear();
+    seen = changes_->count();
+    ASSERT_TRUE(changes_->waitPast(seen)) << "the watch that stands again tells of it itself";
+    expectToldInTheEnd(hasDescriptor);
+  }
+  settle();
+}
+
+TEST_F(SkeldaNodeDataProviderTest, WhereNoFolderCanBeMadeItIsTriedAgain) {
+  writeFile(home_ / "a", "a file in the way");
+  provider_->forceRefresh(nullptr);
+  settle();
+  EXPECT_EQ(changes_->count(), 0u);
+  std::filesystem::remove(home_ / "a");
+  EXPECT_TRUE(changes_->waitPast(0));
+  expectTold("one");
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,329 @@
+// Every entity class: what it writes, what it reads back, when it refuses; and what an event takes.
+
+#include <gtest/gtest.h>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamDeviceProperties.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamLocaleInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamReportedIdentifers.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserGender.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
+#include "Analytics/Utils/SkeldaDateUtil.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/JSONReader.h"
+#include "Platform/Foundation/JSONWriter.h"
+#include "Platform/Foundation/TextCoding.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
+
+using namespace skelda::testing;
+
+namespace {
+
+platform::Data jsonData(std::string_view json) {
+  return platform::Data(json.data(), json.size());
+}
+
+}  // namespace
+
+TEST(EntityPayload, IsTheSameTextByEveryWayAndComesBackAsItWentIn) {
+  for (const EntitySample& sample : entitySamples()) {
+    const SkeldaStreamRecord& entity = *sample.entity;
+    ASSERT_TRUE(entity.isValidModel()) << sample.name;
+    EXPECT_EQ(entity.frameVersion(), 1);
+    EXPECT_EQ(entity.frameType(), sample.frameType) << sample.name;
+    EXPECT_EQ(entity.className(), sample.name);
+    EXPECT_EQ(entity.jsonRepresentation(), sample.payload) << sample.name;
+    EXPECT_EQ(entity.payload()->string(), sample.payload);
+    EXPECT_EQ(platform::jsonText(*entity.dictionaryRepresentation()), sample.payload);
+
+    const auto read = sample.readBack(jsonData(sample.payload));
+    ASSERT_NE(read, nullptr) << entity.className();
+    EXPECT_EQ(read->payload()->string(), sample.payload);
+    EXPECT_EQ(read->frameType(), sample.frameType);
+    EXPECT_EQ(read->className(), entity.className());
+  }
+}
+
+TEST(EntityPayload, IsRefusedWhereARequiredKeyIsMissingOrOfTheWrongKind) {
+  for (const EntitySample& sample : entitySamples()) {
+    const auto name = sample.entity->className();
+    platform::Dictionary required;
+    for (const SkeldaRecordField& field : sample.entity->fields()) {
+      const auto whole = *platform::readJSON(sample.payload)->dictionary();
+      platform::Dictionary without = whole;
+      ASSERT_TRUE(without.erase(field.key)) << field.key;
+      EXPECT_EQ(sample.readBack(jsonData(platform::jsonText(without))) == nullptr, field.isRequired)
+          << name << " " << field.key;
+      if (!field.isRequired) continue;
+      required.append(std::string(field.key), *whole.find(field.key));
+      platform::Dictionary wrong = whole;
+      wrong.set(std::string(field.key), nullptr);
+      EXPECT_EQ(sample.readBack(jsonData(platform::jsonText(wrong))), nullptr)
+          << name << " " << field.key;
+    }
+    EXPECT_NE(sample.readBack(jsonData(platform::jsonText(required))), nullptr) << name;
+    for (const char* text : {"", "{", "[]", "null", "7", "\xFF", "{}{}"}) {
+      EXPECT_EQ(sample.readBack(jsonData(text)), nullptr) << name << " " << text;
+    }
+  }
+}
+
+TEST(EntityPayload, IsAbsentForARecordThatIsNotValid) {
+  const auto nothing = std::nullopt;
+  const std::shared_ptr<SkeldaStreamRecord> invalid[] = {
+      SkeldaStreamFlush::streamFlushWithStatus(2),
+      SkeldaStreamFlush::streamFlushWithStatus(7),
+      SkeldaStreamFlush::streamFlushWithStatus(-1),
+      SkeldaStreamSessionId::sessionIdWithStartupTime(nothing, 1, 0),
+      SkeldaSessionInitInfo::sessionInitInfoWithAgentPlatform(1, 2, nothing, 3, true),
+      SkeldaStreamAppInfo::appInfoWithVersion("1", "2", "3", nothing, 0),
+      SkeldaStreamAppInfo::appInfoWithVersion(nothing, "2", "3", "4", 0),
+      SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel("m", "o", nothing, "v", 1, 1),
+      SkeldaStreamSessionDeviceProperties::sessionDeviceProperties(),
+      SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry(nothing, "de"),
+      SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry("DE", nothing),
+      SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(nothing),
+      SkeldaStreamUserId::userIdWithUserId(nothing),
+      SkeldaStreamUserGender::userGenderWithGender(2),
+      SkeldaStreamUserGender::userGenderWithGender(-2),
+      SkeldaStreamUserBirthdate::userBirthdateWithDate(nothing),
+      SkeldaStreamConsent::gdprScope(true, nothing),
+      SkeldaStreamUserProperties::updateUserPropertiesName("n", platform::Array{}, 0),
+      SkeldaStreamUserProperties::updateUserPropertiesName("n", platform::Array{}, 7),
+      SkeldaStreamUserProperties::updateUserPropertiesName(nothing, platform::Array{}, 1),
+      SkeldaStreamUserProperties::updateUserPropertiesName("n", nothing, 1),
+      std::make_shared<SkeldaStreamUserProperties>(),
+  };
+  for (const auto& entity : invalid) {
+    EXPECT_EQ(entity->payload(), std::nullopt) << entity->className();
+    EXPECT_EQ(entity->dictionaryRepresentation(), std::nullopt) << entity->className();
+    std::string out = "kept";
+    EXPECT_FALSE(entity->appendPayload(out));
+    EXPECT_EQ(out, "kept");
+  }
+}
+
+TEST(EntityPayload, LeavesOutWhatIsNil) {
+  const auto nothing = std::nullopt;
+  EXPECT_EQ(SkeldaStreamAppInfo("1.2", nothing, nothing, "b", 0).jsonRepresentation(),
+            R"({"sk.app.version":"1.2","sk.bundle.id":"b","sk.build.environment":0})");
+
+  SkeldaStreamSessionDeviceProperties started;
+  started.setStartProperties(SkeldaStreamSessionTrackedProperties{});
+  const auto json = *started.jsonRepresentation();
+  EXPECT_EQ(json.find(".end"), std::string::npos);
+  EXPECT_EQ(json.find("carrier"), std::string::npos);
+  EXPECT_NE(json.find(R"("cpu.load.start":{"value":"0"})"), std::string::npos) << json;
+  EXPECT_EQ(SkeldaStreamSessionDeviceProperties::streamEntityFromJSONData(jsonData(json))
+                ->endProperties(),
+            std::nullopt);
+
+  const SkeldaStreamReportedIdentifers identifiers({{6, "ven"}, {9, "?"}, {15, nothing}}, false);
+  EXPECT_EQ(identifiers.jsonRepresentation(),
+            R"({"sk.reported.id":{"VendorId":"ven"},"sk.ad.tracking":false})");
+}
+
+template <class Record>
+constexpr bool kIsCopied = requires(const Record& record) {
+  record.copy();
+};
+
+TEST(Entity, IsStampedWhenMadeAndItsCopyKeepsTheStampsAndTheSessionsOwnFields) {
+  const auto now = platform::Date::now();
+  const auto uptime = SkeldaUtil::uptimeInMilliseconds();
+  SkeldaStreamSessionId session(platform::Date(), 5, 2);
+  const auto epoch = std::chrono::milliseconds(session.epochTimeStamp());
+  EXPECT_LT(std::chrono::abs(platform::Date(epoch) - now), std::chrono::seconds(10));
+  EXPECT_NEAR(static_cast<double>(session.relativeTimeStamp()), static_cast<double>(uptime), 1e4);
+  session.setFrameVersion(0);
+  session.setEpochTimeStamp(1);
+  session.setRelativeTimeStamp(2);
+  session.setElapsedEndTime(7);
+  const auto copied = session.copy();
+  EXPECT_EQ(copied->frameVersion(), 0);
+  EXPECT_EQ(copied->epochTimeStamp(), 1);
+  EXPECT_EQ(copied->relativeTimeStamp(), 2);
+  EXPECT_EQ(copied->payload(), session.payload());
+  // A class that is never sent twice has no copy that could drop its fields.
+  EXPECT_TRUE(kIsCopied<SkeldaSessionInitInfo>);
+  EXPECT_FALSE(kIsCopied<SkeldaStreamFlush>);
+}
+
+TEST(SkeldaStreamSessionId, ReadsItsStartAsAFloatingPointNumber) {
+  const auto read = SkeldaStreamSessionId::streamEntityFromJSONData(
+      jsonData(R"({"sk.session.id":1,"sk.session.elapsed.start.time":9007199254740993})"));
+  EXPECT_EQ(read->elapsedStartTime(), 9007199254740992);
+  EXPECT_EQ(read->elapsedEndTime(), 0);
+}
+
+TEST(SkeldaStreamSessionId, ComesBackFromItsArchiveAndFromNoOther) {
+  SkeldaStreamSessionId session(platform::Date::now(), 5, -2);
+  session.setElapsedEndTime(7);
+  const platform::KeyedArchive archive = session.archive();
+  const auto restored =
+      SkeldaStreamSessionId::fromArchive(platform::unarchivedObject(archivedData(archive)));
+  ASSERT_NE(restored, nullptr);
+  EXPECT_EQ(restored->startupTime(), session.startupTime());
+  EXPECT_EQ(restored->payload(), session.payload());
+
+  EXPECT_EQ(SkeldaStreamSessionId::fromArchive({"NSDictionary", archive.root}), nullptr);
+  EXPECT_EQ(SkeldaStreamSessionId::fromArchive({archive.className, "text"}), nullptr);
+  for (const auto& [key, value] : *archive.root.dictionary()) {
+    platform::Dictionary without = *archive.root.dictionary();
+    without.erase(key);
+    EXPECT_EQ(SkeldaStreamSessionId::fromArchive({archive.className, without}), nullptr) << key;
+    without.set(key, "text");
+    EXPECT_EQ(SkeldaStreamSessionId::fromArchive({archive.className, without}), nullptr) << key;
+  }
+}
+
+namespace {
+
+constexpr std::int64_t kNoon = 1600000000000;
+
+std::string encoded(std::string_view text) {
+  return platform::base64Encoded(text);
+}
+
+platform::Date dateAt(std::int64_t milliseconds) {
+  return SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(milliseconds);
+}
+
+std::shared_ptr<SkeldaStreamEvent> event(const platform::Value& parameters, bool timed = false,
+                                         std::shared_ptr<SkeldaTransaction> transaction = nullptr,
+                                         std::int64_t at = kNoon) {
+  return SkeldaStreamEvent::streamEventWithEventName(
+      "name", "CUSTOM_EVENT", timed, timed, parameters, std::move(transaction), dateAt(at));
+}
+
+/// Parameters "<prefix>0" to "<prefix>count-1", each with the value `value`.
+platform::Dictionary parameters(int count, const std::string& prefix = "k",
+                                const char* value = "v") {
+  platform::Dictionary dictionary;
+  for (int i = 0; i < count; ++i) dictionary.append(prefix + std::to_string(i), value);
+  return dictionary;
+}
+
+}  // namespace
+
+TEST(SkeldaStreamEvent, LeavesOutWhatIsEmptyAndOfElevenParametersAllButTheirCount) {
+  EXPECT_EQ(event({{"n", 3}, {"", "x"}, {"empty", ""}, {"bad", "\xFF"}})->parameters(),
+            (platform::Dictionary{{encoded("n"), encoded("3")}}));
+  EXPECT_EQ(event(parameters(10))->parameters().size(), 10U);
+  const auto purchase = SkeldaTransaction::transactionUsingUserDictionary({{"sk.ProductID", "p"}});
+  const auto eleven = event(parameters(11), false, purchase);
+  EXPECT_TRUE(eleven->parameters().empty());
+  EXPECT_EQ(eleven->skeldaParameters(),
+            (platform::Dictionary{{encoded("sk.parameter.limit.exceeded"), encoded("11")},
+                                  {encoded("sk.ProductID"), encoded("p")},
+                                  {encoded("sk.store.id"), encoded("1")}}));
+  EXPECT_EQ(SkeldaStreamEvent::streamEntityFromJSONData(*eleven->payload())->skeldaParameters(),
+            eleven->skeldaParameters());
+}
+
+TEST(SkeldaStreamEvent, IsNotValidWithoutANameOrATime) {
+  const auto make = [](std::optional<std::string_view> name, std::optional<platform::Date> date) {
+    return SkeldaStreamEvent::streamEventWithEventName(name, std::nullopt, false, false, nullptr,
+                                                       nullptr, date);
+  };
+  EXPECT_EQ(make(std::nullopt, dateAt(1))->payload(), std::nullopt);
+  EXPECT_EQ(make("", dateAt(1))->payload(), std::nullopt);
+  EXPECT_EQ(make("\xFF", dateAt(1))->payload(), std::nullopt);
+  EXPECT_EQ(make("name", std::nullopt)->payload(), std::nullopt);
+  const auto json = make("name", dateAt(1))->jsonRepresentation();
+  ASSERT_TRUE(json);
+  EXPECT_EQ(json->find("sk.event.type"), std::string::npos);
+}
+
+TEST(SkeldaStreamEvent, EndsWithTheIdOfItsStartAndTheTimeBetween) {
+  const auto start = event({{"k", "start"}}, true);
+  const auto end = start->counterpartEndTimedEventWithTimestamp(dateAt(kNoon + 1500));
+  ASSERT_NE(end, nullptr);
+  EXPECT_EQ(end->uptime(), start->uptime() + 1500);
+  end->populateEndEventFields(*start);
+  EXPECT_EQ(end->duration(), 1500);
+  const auto json = *end->dictionaryRepresentation();
+  EXPECT_EQ(*json.find("sk.event.id"), start->eventId());
+  EXPECT_EQ(*json.find("sk.event.name"), encoded("name"));
+  EXPECT_EQ(*json.find("sk.event.timed"), true);
+  EXPECT_EQ(*json.find("sk.timed.event.starting"), false);
+
+  EXPECT_EQ(event(nullptr)->counterpartEndTimedEventWithTimestamp(dateAt(kNoon)), nullptr);
+}
+
+TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
+  platform::Dictionary atStart = parameters(4, "s");
+  atStart.append("uuid", "1");
+  atStart.append("both", "start");
+  platform::Dictionary atEnd = parameters(5, "e");
+  atEnd.append("both", "end");
+  const auto start = event(atStart, true);
+
+  const auto end = event(atEnd, true);
+  end->populateEndEventFields(*start);
+  EXPECT_EQ(end->parameters().size(), 10U);
+  EXPECT_EQ(*end->parameters().find(encoded("both")), encoded("end"));
+  EXPECT_FALSE(end->parameters().contains(encoded("uuid")));
+  EXPECT_TRUE(end->parameters().contains(encoded("s3")));
+
+  atEnd.append("one", "more");
+  const auto crowded = event(atEnd, true);
+  crowded->populateEndEventFields(*start);
+  EXPECT_EQ(crowded->parameters().size(), 7U) << "past the limit the end keeps its own";
+  const auto purchase = event(atEnd, true, std::make_shared<SkeldaTransaction>());
+  purchase->populateEndEventFields(*start);
+  EXPECT_EQ(purchase->parameters().size(), 11U) << "a purchase is not held to it";
+}
+
+TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {
+  const platform::Dictionary full{{"sk.TransactionIdentifier", "t"},
+                                  {"sk.OriginalTransactionIdentifier", "o"},
+                                  {"sk.ProductID", "p"},
+                                  {"sk.Quantity", "2"},
+                                  {"sk.Price", "3.5"},
+                                  {"sk.Currency", "EUR"},
+                                  {"sk.ProductName", "n"},
+                                  {"sk.Receipt", platform::Data("\0\xFFr", 3)},
+                                  {"sk.store.id", "9"},
+                                  {"sk.country.code", "DE"}};
+  auto transaction = SkeldaTransaction::transactionUsingDictionary(full);
+  EXPECT_EQ(transaction->dictionaryRepresentation(), full);
+  const auto encodedForm = transaction->encoded2TransactionDictionary();
+  EXPECT_EQ(encodedForm.size(), 10U);
+  EXPECT_EQ(*encodedForm.find(encoded("sk.Quantity")), encoded("2"));
+  EXPECT_EQ(*encodedForm.find(encoded("sk.Receipt")), encoded(std::string("\0\xFFr", 3)));
+
+  transaction->setTransactionState("Success");
+  EXPECT_FALSE(transaction->dictionaryRepresentation().contains("sk.TransactionState"));
+  const auto archive = transaction->archive();
+  EXPECT_TRUE(archive.root.dictionary()->contains("quanity"));
+  const auto restored =
+      SkeldaTransaction::fromArchive(platform::unarchivedObject(archivedData(archive)));
+  ASSERT_NE(restored, nullptr);
+  EXPECT_EQ(restored->storeId(), std::nullopt) << "archives do without it";
+  EXPECT_EQ(restored->transactionState(), "Success");
+  transaction->setStoreId(std::nullopt);
+  EXPECT_EQ(restored->dictionaryRepresentation(), transaction->dictionaryRepresentation());
+  EXPECT_EQ(SkeldaTransaction::fromArchive({"Other", archive.root}), nullptr);
+  EXPECT_EQ(SkeldaTransaction::fromArchive({archive.className, platform::Dictionary{{"price", 1}}}),
+            nullptr);
+}
+
+TEST(SkeldaTransaction, TakesFromAHostWhatAHostMaySay) {
+  const auto transaction =
+      SkeldaTransaction::transactionUsingUserDictionary({{"sk.OriginalTransactionIdentifier", "o"},
+                                                         {"sk.Price", 3.5},
+                                                         {"sk.Receipt", "text"},
+                                                         {"sk.store.id", "9"}});
+  EXPECT_EQ(transaction->dictionaryRepresentation(),
+            (platform::Dictionary{{"sk.Price", "3.5"}, {"sk.store.id", "1"}}));
+}

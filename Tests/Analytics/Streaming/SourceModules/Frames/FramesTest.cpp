@@ -1,0 +1,276 @@
+// Messages to frames, frames to messages, and a log frame by frame.
+
+#include <gtest/gtest.h>
+
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPADelete.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
+#include "Analytics/Utils/SkeldaStreamFileHandle.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/LogCapture.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+using namespace skelda::testing;
+
+namespace {
+
+std::optional<std::string> frameOf(const ISkeldaStreamMessage& message) {
+  const auto frame =
+      SkeldaStreamMessageSerializer::streamMessageSerializer()->frameFromStreamMessage(message);
+  return frame ? std::optional(frame->string()) : std::nullopt;
+}
+
+std::string lastFour(std::uint32_t number) {
+  std::string bytes;
+  for (unsigned i = 0; i < 4; ++i) bytes += static_cast<char>(number >> (8 * i));
+  return bytes;
+}
+
+}  // namespace
+
+TEST(SkeldaStreamMessageSerializer, GivesAFooterToTheWholeVersionZeroAlone) {
+  ASSERT_EQ(static_cast<std::uint32_t>(SkeldaUtil::dataChecksum(std::string_view("123456789"))),
+            0xCBF43926U);
+  ASSERT_EQ(SkeldaUtil::dataChecksum(std::string_view()), 0);
+
+  const std::string body = frameBytes(0, 134, "{}");
+  const auto crc = static_cast<std::uint32_t>(SkeldaUtil::dataChecksum(std::string_view(body)));
+  EXPECT_EQ(frameOf(message(0, 134, "{}")), body + lastFour(crc));
+  // Four bits of the version fit into the frame; whether there is a footer goes by all of it.
+  EXPECT_EQ(frameOf(message(16, 134, "{}")), body);
+  EXPECT_EQ(frameOf(message(-1, 134, "{}")), frameBytes(15, 134, "{}"));
+}
+
+TEST(SkeldaStreamMessageSerializer, RefusesWhatHasNoPayloadOrNoKnownType) {
+  for (const auto& refused : {message(1, 134, std::nullopt), message(1, 134, ""),
+                              message(1, 0, "{}"), message(1, 3, "{}"), message(1, 129, "{}"),
+                              message(1, 176, "{}"), message(1, 134 | 1 << 24, "{}")}) {
+    EXPECT_FALSE(SkeldaStreamMessageSerializer::isValidStreamMessage(refused));
+    EXPECT_EQ(frameOf(refused), std::nullopt) << refused.frameType();
+  }
+  // Four gibibytes, without making them.
+  LogCapture log;
+  SkeldaUtil::setLogLevel(1);
+  EXPECT_TRUE(SkeldaStreamMessageSerializer::hasRoomForPayload(UINT32_MAX - 28, 134));
+  EXPECT_EQ(log.count("too long"), 0U);
+  EXPECT_FALSE(SkeldaStreamMessageSerializer::hasRoomForPayload(UINT32_MAX - 27, 134));
+  SkeldaUtil::setLogLevel(0);
+  EXPECT_EQ(log.count("a payload of 4294967268 bytes is too long for a frame of type 134"), 1U);
+  const SkeldaStreamFlush invalid(2);
+  EXPECT_FALSE(SkeldaStreamMessageSerializer::isValidStreamMessage(invalid));
+  EXPECT_EQ(frameOf(invalid), std::nullopt);
+  EXPECT_TRUE(SkeldaStreamMessageSerializer::isValidStreamMessage(SkeldaStreamCCPADelete()));
+}
+
+TEST(SkeldaStreamMessageSerializer, WritesAnEntityAsItWritesAMessageThatCarriesItsPayload) {
+  for (const EntitySample& sample : entitySamples()) {
+    EXPECT_EQ(sample.entity->frameType(), sample.frameType) << sample.entity->className();
+    if (sample.frameType == 0) {
+      EXPECT_EQ(frameOf(*sample.entity), std::nullopt) << sample.entity->className();
+      continue;
+    }
+    EXPECT_EQ(SkeldaStreamFrameTypeUtil::frameTypeToModelClass().at(sample.frameType),
+              sample.entity->className());
+    const auto carrier = SkeldaStreamMessage::streamMessageFromFrame(*sample.entity);
+    EXPECT_EQ(frameOf(*carrier),
+              frameBytes(1, static_cast<std::uint32_t>(sample.frameType), sample.payload,
+                         sample.entity->epochTimeStamp(), sample.entity->relativeTimeStamp()));
+    EXPECT_EQ(frameOf(*sample.entity), frameOf(*carrier));
+  }
+}
+
+namespace {
+
+const auto kReader = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
+
+std::string headerAnnouncing(std::uint32_t length, int version) {
+  std::string header = frameBytes(version, 134, "");
+  for (unsigned i = 0; i < 4; ++i) header[20 + i] = static_cast<char>(length >> (8 * i));
+  return header;
+}
+
+}  // namespace
+
+TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces) {
+  struct Case {
+    std::string bytes;
+    bool isWhole;
+    std::uint32_t length;
+  };
+  const Case cases[] = {
+      {"", false, 0},
+      {std::string(23, '\1'), false, 0},
+      {frameBytes(1, 134, "{}"), true, 26},
+      {frameBytes(1, 134, "{}") + "more", true, 26},
+      {frameBytes(1, 134, ""), true, 24},
+      {frameBytes(0, 134, "{}") + "123", false, 30},
+      {frameBytes(0, 134, "{}") + "1234", true, 30},
+      {frameBytes(0x80, 134, "{}"), false, 30},
+      {headerAnnouncing(100, 1) + std::string(50, ' '), false, 124},
+      {headerAnnouncing(100, 0) + std::string(50, ' '), false, 128},
+      // Lengths that would wrap around into small ones.
+      {headerAnnouncing(0xFFFFFFFF, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
+      {headerAnnouncing(0xFFFFFFFF - 24, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
+      {headerAnnouncing(0xFFFFFFFF - 26, 0) + std::string(50, ' '), false, 0xFFFFFFFF},
+  };
+  for (const Case& tried : cases) {
+    std::uint32_t length = 99;
+    EXPECT_EQ(kReader->isAtLeastOneFrameInData(tried.bytes, &length), tried.isWhole);
+    EXPECT_EQ(kReader->isAtLeastOneFrameInData(tried.bytes), tried.isWhole);
+    EXPECT_EQ(length, tried.length) << tried.bytes.size() << " bytes";
+  }
+}
+
+TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
+  std::size_t consumed = 0;
+  platform::ErrorRef error;
+  const std::string bytes =
+      frameBytes(0, 0xFEDC86, "payload", -1, -2) + "\x01\x02\x03\x84" + "rest";
+  const auto frame = kReader->streamFrameFromData(bytes, &consumed, &error);
+  EXPECT_EQ(frame->frameVersion(), 0);
+  EXPECT_EQ(frame->frameType(), 0xFEDC86);
+  EXPECT_EQ(frame->epochTimeStamp(), -1);
+  EXPECT_EQ(frame->relativeTimeStamp(), -2);
+  EXPECT_EQ(frame->payload().string(), "payload");
+  EXPECT_EQ(static_cast<std::uint32_t>(frame->crc32()), 0x84030201U);
+  EXPECT_EQ(frame->totalLength(), 35U);
+  EXPECT_EQ(consumed, 35U);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(frame->frameClass(), std::nullopt);
+
+  // The byte-order flag is nobody's version, and the type has three bytes whatever stands behind.
+  const auto flagged = kReader->streamFrameFromData(frameBytes(0x81, 134, "\xFF", 0xAB));
+  EXPECT_EQ(flagged->frameVersion(), 1);
+  EXPECT_EQ(flagged->frameType(), 134);
+  EXPECT_EQ(flagged->crc32(), 0);
+  EXPECT_EQ(flagged->frameClass(), "SkeldaStreamEvent");
+  EXPECT_EQ(flagged->payloadString(), std::nullopt);
+  EXPECT_EQ(kReader->frameTypeFromData(frameBytes(0x81, 134, "")), 134U);
+}
+
+namespace {
+
+/// Remembers what was asked for.
+class RecordingHandle : public SkeldaStreamFileHandle {
+ public:
+  std::optional<platform::Data> readDataOfLength(std::size_t length,
+                                                 platform::ErrorRef* error) override {
+    requests.push_back(length);
+    return SkeldaStreamFileHandle::readDataOfLength(length, error);
+  }
+  std::vector<std::size_t> requests;
+};
+
+std::string frames(std::size_t count, std::size_t length) {
+  std::string bytes;
+  for (std::size_t i = 0; i < count; ++i)
+    bytes += frameOfLength(length, static_cast<char>('a' + i));
+  return bytes;
+}
+
+class SkeldaStreamFrameIteratorTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<SkeldaStreamFrameIterator> iterator(const platform::Dictionary& config = {}) {
+    return SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
+        handle_, SkeldaStreamFrameDeserializer::streamFrameDeserializer(), config);
+  }
+  /// Reads to the end; the payloads' first bytes, one a frame.
+  static std::string drain(SkeldaStreamFrameIterator& iterator) {
+    std::string seen;
+    while (iterator.hasNext()) seen += iterator.nextWithError()->payload().string()[0];
+    return seen;
+  }
+
+  TemporaryDirectory folder_;
+  std::string path_ = folder_ / "log";
+  FaultPlanRef plan_ = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls_{plan_};
+  std::shared_ptr<RecordingHandle> handle_ = std::make_shared<RecordingHandle>();
+};
+
+}  // namespace
+
+TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
+  struct Case {
+    const char* what;
+    std::string file;
+    std::int32_t opened;
+    std::string seen;
+    std::int32_t last;
+    std::vector<std::size_t> requests;
+  };
+  const auto wrapped = [](std::uint32_t buffered, std::uint32_t length) {
+    return std::size_t{buffered - length};
+  };
+  const Case cases[] = {
+      {"an empty file", "", 3, "", 3, {1000}},
+      {"three frames in one fill", frames(3, 200), 1, "abc", 3, {1000}},
+      {"a frame across the fill", frames(10, 150), 1, "abcdefghij", 3, {1000, 900}},
+      {"the buffer drains at a frame's end: over, though the file goes on",
+       frames(16, 125),
+       1,
+       "abcdefgh",
+       3,
+       {1000}},
+      {"a frame that just fits", frames(1, 1000) + frames(1, 30), 1, "a", 3, {1000}},
+      {"a frame longer than the buffer takes the rest of the file",
+       frames(2, 3000),
+       1,
+       "ab",
+       3,
+       {1000, wrapped(1000, 3000)}},
+      {"a torn last frame", frames(2, 100) + frames(1, 100).substr(0, 60), 1, "ab", 2, {1000, 940}},
+      {"a torn header", frames(1, 100) + "\1", 1, "a", 2, {1000, 999}},
+      {"a torn long frame: the buffer is past its limit, and is not refilled",
+       frames(1, 900) + frames(2, 3000).substr(0, 4500),
+       1,
+       "aa",
+       2,
+       {1000, wrapped(100, 3000)}},
+      {"nothing but a torn frame", frames(1, 500).substr(0, 400), 1, "", 2, {1000, 600}},
+  };
+  for (const Case& tried : cases) {
+    writeFile(path_, tried.file);
+    handle_->requests.clear();
+    const auto reading = iterator();
+    EXPECT_EQ(reading->state(), 0);
+    platform::ErrorRef error;
+    EXPECT_EQ(reading->open(path_, &error), tried.opened) << tried.what;
+    EXPECT_EQ(drain(*reading), tried.seen) << tried.what;
+    EXPECT_EQ(reading->state(), tried.last) << tried.what;
+    EXPECT_FALSE(reading->hasNext()) << tried.what;
+    EXPECT_EQ(handle_->requests, tried.requests) << tried.what;
+    EXPECT_EQ(error, nullptr) << tried.what;
+    reading->open(path_);
+    EXPECT_EQ(drain(*reading), tried.seen) << "an iterator can be opened again";
+    reading->close();
+    EXPECT_EQ(reading->state(), 3);
+    EXPECT_TRUE(reading->buffer().empty());
+  }
+}
+
+TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
+  platform::ErrorRef error;
+  const auto reading = iterator();
+  EXPECT_EQ(reading->open(folder_ / "absent", &error), 2);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 5);
+  EXPECT_FALSE(reading->hasNext());
+
+  writeFile(path_, frames(10, 150));
+  plan_->failKind("read");
+  EXPECT_EQ(reading->open(path_, &error), 2);
+  EXPECT_EQ(error->code(), 4);
+
+  plan_->failKind("read", 2);
+  EXPECT_EQ(reading->open(path_), 1);
+  EXPECT_EQ(drain(*reading), "abcdef");
+  EXPECT_EQ(reading->state(), 2);
+  EXPECT_EQ(plan_->faults(), 2U);
+}

@@ -1,0 +1,254 @@
+// The sources of the session, the application and its environment, and of what a host says of its
+// user.
+
+#include <gmock/gmock.h>
+
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaAppInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaAppStateSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaDevicePropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaLocaleInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionDevicePropertiesSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaSessionInitInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaTimeZoneInfoSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
+#include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
+#include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
+#include "Tests/Analytics/Threads.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/LogCapture.h"
+#include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
+  ScopedEnvironment environment;
+  environment.set("SKELDA_SCREEN", "396x484");
+  const HostBundle bundle({{"CFBundleShortVersionString", "2.1"},
+                           {"CFBundleVersion", 77},
+                           {"CFBundleIdentifier", "com.example.run"}});
+  SourceRig<SkeldaAppInfoSource> app;
+  app->setAppVersion("3.0");
+  app->setAppVersion("bad \xff");
+  EXPECT_THAT(app.texts(), IsEmpty());
+  app->startup();
+  app->setAppVersion("4.0");
+  EXPECT_THAT(app.texts(),
+              ElementsAre(R"(133 {"sk.app.version":"2.1","sk.bundle.id":"com.example.run",)"
+                          R"("sk.app.version.override":"3.0","sk.app.version.code":"77",)"
+                          R"("sk.build.environment":0})"));
+
+  SourceRig<SkeldaDevicePropertiesSource> device;
+  device->startup();
+  for (const char* part :
+       {R"("device.arch":"arm32")", R"("device.os.version":)", R"("device.model.1":)",
+        R"("scr.height":"484","scr.width":"396")", R"("bnd.ver":"77")"}) {
+    EXPECT_THAT(device.texts(), ElementsAre(HasSubstr(part)));
+  }
+}
+
+// The privacy page says so: observation goes on while the host is silent.
+TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
+  ScopedEnvironment environment;
+  environment.set("LC_ALL", "nb_NO.UTF-8");
+  environment.set("TZ", "Europe/Oslo");
+  SourceRig<SkeldaLocaleInfoSource> locale;
+  SourceRig<SkeldaTimeZoneInfoSource> zone;
+  auto& center = platform::NotificationCenter::defaultCenter();
+  center.post(platform::kCurrentLocaleDidChangeNotification);  // nobody listens before the start
+  EXPECT_THAT(locale.texts(), IsEmpty());
+  locale->startup();
+  zone->startup();
+  // The environment's own monitor may notice the test's changes as well, and repeat the last one.
+  EXPECT_THAT(locale.texts(), Each(R"(148 {"sk.country":"NO","sk.language":"nb"})"));
+  EXPECT_THAT(zone.texts(), Each(R"(162 {"sk.timezone.value":"Europe/Oslo"})"));
+  EXPECT_FALSE(locale.sent().empty() || zone.sent().empty());
+
+  environment.set("LC_ALL", "de_CH");
+  environment.set("TZ", "Europe/Zurich");
+  center.post(platform::kCurrentLocaleDidChangeNotification);
+  center.post(platform::kSystemTimeZoneDidChangeNotification);
+  EXPECT_EQ(locale.texts().back(), R"(148 {"sk.country":"CH","sk.language":"de"})");
+  EXPECT_EQ(zone.texts().back(), R"(162 {"sk.timezone.value":"Europe/Zurich"})");
+  locale.source.reset();
+  center.post(platform::kCurrentLocaleDidChangeNotification);  // a source that is gone is not told
+}
+
+TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
+  const auto states = SkeldaAppStateDataProvider::getInstance();
+  const auto sessions = SkeldaSessionInfoDataProvider::getInstance();
+  const std::shared_ptr<SkeldaDataProvider> providers[] = {states, sessions};
+  SourceRig<SkeldaAppStateSource> appState;
+  SourceRig<SkeldaSessionInitInfoSource> initInfo;
+  const auto tellBothOfBoth = [&] {
+    for (const auto& provider : providers) {
+      appState->dataProviderDidUpdate(provider);
+      initInfo->dataProviderDidUpdate(provider);
+    }
+  };
+  tellBothOfBoth();  // nobody has facts yet
+  EXPECT_TRUE(appState.sent().empty() && initInfo.sent().empty());
+
+  states->sendWatchState(0);
+  sessions->setIncludeBackgroundSessionsInMetrics(true);
+  sessions->startUpWithApiKey("KEY");
+  tellBothOfBoth();
+  EXPECT_THAT(appState.texts(),
+              ElementsAre(R"(132 {"sk.app.current.state":0,"sk.app.previous.state":-1})"));
+  // The session's facts are reported once, as they are at first.
+  EXPECT_EQ(initInfo.sent().size(), 1U);
+  sessions->setIncludeBackgroundSessionsInMetrics(false);
+  tellBothOfBoth();
+  EXPECT_THAT(initInfo.texts(),
+              ElementsAre(R"(141 {"sk.apikey":"KEY","sk.agent.platform":2,"sk.agent.report.key":2,)"
+                          R"("sk.agent.version":261,"sk.background.session.metrics":true,)"
+                          R"("sk.play.service.availability":-1})"));
+}
+
+TEST(SessionDevicePropertiesSource, KeepsTheStartAndSendsAnEndTogetherWithIt) {
+  SourceRig<SkeldaSessionDevicePropertiesSource> rig;
+  const auto provider = SkeldaSessionDevicePropertiesDataProvider::getInstance();
+  const auto snapshot = [](std::uint64_t freeMemory, bool start) {
+    return SkeldaSessionDevicePropertiesData::dataWithFreeMemory(freeMemory, 0, 0, 0, 0, 0, 0, 0,
+                                                                 -1, false, "", "", "", start);
+  };
+  /// Free memory at the start and at the end, 0 without one.
+  const auto afterUpdate = [&](std::uint64_t freeMemory, bool start) {
+    provider->setDevicePropertiesData(snapshot(freeMemory, start));
+    rig->dataProviderDidUpdate(provider);
+    const auto message = rig.last<SkeldaStreamSessionDeviceProperties>();
+    const auto end = message->endProperties();
+    return std::pair(message->startProperties()->freeMemory, end ? end->freeMemory : 0);
+  };
+  EXPECT_EQ(afterUpdate(1, false), std::pair(1UL, 0UL)) << "an end that comes first is a start";
+  EXPECT_EQ(afterUpdate(2, false), std::pair(1UL, 2UL));
+  EXPECT_EQ(afterUpdate(3, true), std::pair(3UL, 0UL));
+  rig->setSessionDevicePropertiesData(snapshot(4, true));
+  EXPECT_EQ(rig->sessionDevicePropertiesData()->freeMemory(), 4U);
+  EXPECT_EQ(afterUpdate(5, false), std::pair(4UL, 5UL));
+}
+
+using platform::Array;
+using platform::Value;
+using ::testing::ElementsAre;
+
+TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
+  SkeldaUtil::setLogLevel(2);
+  LogCapture log;
+  SourceRig<SkeldaUserPropertiesSource> rig;
+  const struct {
+    Value name, values;
+    std::string reason;
+    bool nameIsGood;
+  } cases[] = {
+      {"", Array{}, "due to invalid user property name", false},
+      {nullptr, Array{}, "due to invalid user property name", false},
+      {5, Array{}, "due to invalid user property name", false},
+      {"\xc0\x80", Array{}, "its name is not UTF-8 text", false},
+      {"p", nullptr, "name[(not shown)] due to invalid values array", true},
+      {"p", "text", "name[(not shown)] due to invalid values array", true},
+      {"p", Array{"a", 5, 6}, "invalid user property value = (not shown)", true},
+      {"p", Array{nullptr}, "invalid user property value = (not shown)", true},
+      {"p", Array{"\xff"}, "a value is not UTF-8 text", true},
+  };
+  for (const auto& [name, values, reason, nameIsGood] : cases) {
+    log.take();
+    rig->setUserProperties(name, values);
+    rig->addUserProperties(name, values);
+    rig->removeUserProperties(name, values);
+    if (!nameIsGood) {
+      rig->removeUserProperties(name);
+      rig->flagUserProperties(name);
+    }
+    EXPECT_TRUE(rig.sent().empty()) << reason;
+    EXPECT_EQ(log.count(reason), nameIsGood ? 3U : 5U) << reason;
+  }
+  SkeldaUtil::setLogLevel(0);
+}
+
+TEST(UserDemographicsSource, CarriesUserIdsOfAnyKindAndSizeAndTakesThemBack) {
+  const std::string huge(1 << 20, 'h');
+  SourceRig<SkeldaUserDemographicsSource> rig;
+  rig->setUserId(nullptr);  // there was none: no news
+  rig->setUserId("bad \xff");
+  const std::pair<Value, std::string> ids[] = {{std::string("a\0b", 3), std::string("a\0b", 3)},
+                                               {huge, huge},
+                                               {Array{1, "a"}, "[1,\"a\"]"},
+                                               {true, "1"}};
+  for (const auto& [given, text] : ids) {
+    rig->setUserId(given);
+    EXPECT_EQ(rig->getUserId(), text);
+  }
+  rig->setUserId(Array{"bad \xff"});
+  EXPECT_EQ(rig->getUserId(), "1");
+  rig->setUserId(nullptr);
+  EXPECT_EQ(rig->getUserId(), std::nullopt);
+  EXPECT_THAT(rig.texts(), ElementsAre(R"(146 {"sk.demo.userid":"a\u0000b"})",
+                                       R"(146 {"sk.demo.userid":")" + huge + R"("})",
+                                       R"(146 {"sk.demo.userid":"[1,\"a\"]"})",
+                                       R"(146 {"sk.demo.userid":"1"})", "146 nothing"));
+}
+
+class Observer : public ISkeldaConsentObserver {
+ public:
+  explicit Observer(std::shared_ptr<SkeldaConsentCore> core) : core_(std::move(core)) {}
+  void consentUpdated() override {
+    core_->getConsent();  // the lock is free: the call comes from outside it
+    threads.add(std::this_thread::get_id());
+  }
+  Recorded<std::thread::id> threads;
+
+ private:
+  const std::shared_ptr<SkeldaConsentCore> core_;
+};
+
+TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough) {
+  const auto core = std::make_shared<SkeldaConsentCore>();
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotProvided);
+  const auto early = std::make_shared<Observer>(core);
+  core->registerObserver(early, platform::Queue::serial("consent"));
+  EXPECT_FALSE(core->updateUserConsent({true, {}}));
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kInGDPRScope);
+  EXPECT_TRUE(core->updateUserConsent({true, {{"iab", "x"}}, true}));
+  EXPECT_TRUE(core->updateUserConsent({false, {}}));
+  EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotInGDPRScope);
+  EXPECT_EQ(early->threads.wait(3).size(), 3U);
+
+  // One that comes late is told at once; one that is gone is forgotten.
+  const auto late = std::make_shared<Observer>(core);
+  core->registerObserver(late, nullptr);
+  core->registerObserver(std::make_shared<Observer>(core), nullptr);
+  ASSERT_EQ(late->threads.wait(1).size(), 1U);
+  EXPECT_NE(late->threads.wait(1).front(), std::this_thread::get_id());
+
+  // Updates may come from many threads, and none is lost.
+  inThreads(4, [&](unsigned) {
+    for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
+  });
+  EXPECT_EQ(late->threads.wait(201).size(), 201U);
+}
+
+TEST(ConsentSource, SendsWhatWasGivenBeforeItsStartAndEachChange) {
+  SourceRig<SkeldaConsentSource> consent;
+  SkeldaConsentCore::sharedInstance()->updateUserConsent({true, {{"iab", "x"}}});
+  consent->startup();
+  EXPECT_EQ(consent.recorder->messages(1).size(), 1U);
+  SkeldaConsentCore::sharedInstance()->updateUserConsent({false, {}});
+  EXPECT_EQ(consent.recorder->messages(2).size(), 2U);
+  EXPECT_THAT(consent.texts(),
+              ElementsAre(R"(0 {"sk.consent.isGdprScope":true,"sk.consent.strings":{"iab":"x"}})",
+                          R"(0 {"sk.consent.isGdprScope":false,"sk.consent.strings":{}})"));
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,359 @@
+// The agent's files, its key-value store and its keychain.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <filesystem>
+#include <functional>
+
+#include "Analytics/Utils/SkeldaKVStorage.h"
+#include "Analytics/Utils/SkeldaKeychainWrapper.h"
+#include "Analytics/Utils/SkeldaStreamFileHandle.h"
+#include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Platform/Foundation/KeyedArchive.h"
+#include "Platform/Security/Keychain.h"
+#include "Tests/Support/AgentHome.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace skelda::testing {
+namespace {
+
+using platform::Data;
+using platform::ErrorRef;
+
+std::int64_t codeOf(const ErrorRef& error) {
+  return error ? error->code() : 0;
+}
+
+/// The agent's file manager and handle over calls that fail as told.
+class StreamFilesTest : public ::testing::Test {
+ protected:
+  StreamFilesTest() { writeFile(path_, "0123456789"); }
+
+  TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "file";
+  const std::string absent_ = directory_ / "absent";
+  FaultPlanRef plan_ = std::make_shared<FaultPlan>();
+  FaultyFileCalls calls_{plan_};
+  SkeldaStreamFileManager manager_;
+  SkeldaStreamFileHandle handle_;
+  ErrorRef error_;
+};
+
+TEST_F(StreamFilesTest, EveryFailureOfThePlatformIsReportedByTheManager) {
+  const std::string folder = directory_ / "folder";
+  const std::pair<const char*, std::function<bool()>> cases[] = {
+      {"makeDirectory", [&] { return manager_.createIfNotPresentDirectoryAtPath(folder); }},
+      {"renameNoReplace", [&] { return manager_.copyFileFrom(path_, folder); }},
+      {"unlink", [&] { return manager_.removeItemAtPath(path_); }},
+      {"open", [&] { return manager_.createFileAtPath(folder); }},
+      {"entries", [&] { return manager_.fileNamesAtPath(directory_.path(), &error_).has_value(); }},
+  };
+  for (const auto& [kind, operation] : cases) {
+    plan_->failKind(kind, 1, {.error = EMFILE});
+    EXPECT_FALSE(operation()) << kind;
+  }
+  EXPECT_EQ(plan_->faults(), std::size(cases));
+  EXPECT_EQ(codeOf(error_), EMFILE);
+  plan_->failKind("statusAt", 1, {.error = EIO});
+  EXPECT_TRUE(manager_.isFilePresentAtPath(absent_)) << "cannot say is not absent";
+  EXPECT_FALSE(manager_.isFilePresentAtPath(absent_));
+}
+
+TEST_F(StreamFilesTest, NilPathsAreRefused) {
+  EXPECT_FALSE(manager_.createFileAtPath(std::nullopt) || manager_.truncateFileAtPath({}) ||
+               manager_.removeItemAtPath({}) || manager_.isFilePresentAtPath({}) ||
+               manager_.createIfNotPresentDirectoryAtPath({}) || manager_.copyFileFrom({}, path_) ||
+               manager_.copyFileFrom(path_, {}));
+  EXPECT_EQ(manager_.fileNamesAtPath(std::nullopt, &error_), std::nullopt);
+  EXPECT_EQ(codeOf(error_), 12);
+  EXPECT_EQ(plan_->calls(), 0u);
+  EXPECT_FALSE(handle_.isOpenFile(std::nullopt));
+  handle_.openForWritingFile(std::nullopt, &error_);
+  EXPECT_EQ(codeOf(error_), 1);
+  for (const auto& noURL : {std::string(), std::string("a\0b", 3), std::string("\xff")}) {
+    handle_.openForReadingFile(noURL, &error_);
+    EXPECT_EQ(codeOf(error_), 2);
+  }
+}
+
+TEST_F(StreamFilesTest, TheHandleReadsToTheEndAndNoFurther) {
+  handle_.openForWritingFile(absent_, &error_);
+  EXPECT_EQ(codeOf(error_), 5);
+  EXPECT_EQ(handle_.openFilePath(), std::nullopt);
+  handle_.openForReadingFile(path_, &error_);
+  EXPECT_EQ(handle_.readDataOfLength(4, &error_), Data("0123"));
+  EXPECT_EQ(handle_.availableDataWithError(&error_), Data("456789"));
+  EXPECT_EQ(handle_.readDataOfLength(4, &error_), Data());
+  EXPECT_EQ(error_, nullptr);
+  EXPECT_EQ(handle_.readDataOfLength(0, &error_), std::nullopt);
+  EXPECT_EQ(codeOf(error_), 1);
+  handle_.closeFile();
+  EXPECT_FALSE(handle_.isOpenFile(path_));
+}
+
+TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
+  const std::function<bool()> read = [&] {
+    return handle_.readDataOfLength(4, &error_).has_value();
+  };
+  const std::function<bool()> readAll = [&] {
+    return handle_.availableDataWithError(&error_).has_value();
+  };
+  const std::function<bool()> write = [&] {
+    handle_.writeData(Data("lost"), &error_);
+    return error_ == nullptr;
+  };
+  const std::function<bool()> open = [&] {
+    handle_.openForWritingFile(path_, &error_);
+    return error_ == nullptr;
+  };
+  const struct {
+    const char* kind;
+    std::function<bool()> operation;
+    int code;        ///< of the platform's failure
+    int closedCode;  ///< without a handle
+  } cases[] = {
+      {"read", read, 4, 1},
+      {"read", readAll, 4, 1},
+      {"write", write, 6, 1},
+      {"status", [&] { return handle_.seekToEndOfFile(); }, 0, 0},
+      {"truncate", [&] { return handle_.truncateFileToZeroBytes(); }, 0, 0},
+      {"syncData", [&] { return handle_.synchronizeFile(); }, 0, 0},
+  };
+  for (const auto& row : cases) {
+    handle_.openForReadingFile(path_, nullptr);
+    plan_->failKind(row.kind);
+    error_ = nullptr;
+    EXPECT_FALSE(row.operation()) << row.kind;
+    EXPECT_EQ(codeOf(error_), row.code) << row.kind;
+    handle_.closeFile();
+    EXPECT_FALSE(row.operation()) << row.kind;
+    EXPECT_EQ(codeOf(error_), row.closedCode) << row.kind;
+  }
+  EXPECT_EQ(readFile(path_), "0123456789");
+  EXPECT_EQ(plan_->faults(), std::size(cases));
+  plan_->failKind("open", 1, {.error = EMFILE});
+  EXPECT_FALSE(open());
+  EXPECT_EQ(codeOf(error_), 5);
+  EXPECT_FALSE(handle_.isOpenFile(path_));
+  EXPECT_TRUE(open());
+  handle_.writeData(std::nullopt, &error_);
+  EXPECT_EQ(codeOf(error_), 1);
+  plan_->failKind("close");
+  handle_.closeFile();
+  EXPECT_FALSE(handle_.isOpenFile(path_));
+}
+
+using platform::Array;
+using platform::Data;
+using platform::Dictionary;
+using platform::Value;
+
+class KVStorageTest : public ::testing::Test {
+ protected:
+  static SkeldaKVStorage& store() { return *SkeldaKVStorage::sharedInstance(); }
+  /// What the file alone tells.
+  static void restart() { SkeldaKVStorage::resetSharedInstance(); }
+
+  AgentHome home_;
+  const std::string path_ = home_.storageFolder() + "Skelda.KV.storage";
+};
+
+TEST_F(KVStorageTest, EveryKindSurvivesARestart) {
+  EXPECT_EQ(SkeldaKVStorage::defaultFilePath(), path_);
+  EXPECT_EQ(store().allKeys().size(), 0u);
+  EXPECT_NE(readFile(path_), "") << "an empty store is written out at once";
+  store().setInteger(-42, "integer");
+  store().setBoolean(true, "boolean");
+  store().setFloat(0.1F, "float");
+  store().setDouble(2.5, "double");
+  store().setString("text", "string");
+  store().setData(Data("\0\xff", 2), "data");
+  store().setObject(Array{1, Dictionary{{"a", platform::Date()}}}, "object");
+  store().setObjectForKeyedSubscript("gone", "gone");
+  EXPECT_EQ(store()["gone"], Value("gone")) << "a read sees the writes before it";
+  store().removeObjectForKey("gone");
+  EXPECT_TRUE(store().isPersisted());
+  restart();
+  EXPECT_EQ(store().integerForKey("integer"), -42);
+  EXPECT_TRUE(store().booleanForKey("boolean"));
+  EXPECT_EQ(store().floatForKey("float"), 0.1F);
+  EXPECT_EQ(store().objectForKey("float").kind(), Value::Kind::real32);
+  EXPECT_EQ(store().doubleForKey("double"), 2.5);
+  EXPECT_EQ(store().stringForKey("string"), "text");
+  EXPECT_EQ(store().dataForKey("data"), Data("\0\xff", 2));
+  EXPECT_EQ(store().objectForKey("object"), Value(Array{1, Dictionary{{"a", platform::Date()}}}));
+  EXPECT_EQ(store().integerForKey("string", 3), 3) << "another kind is no value";
+  EXPECT_EQ(store().stringForKey("integer"), std::nullopt);
+  EXPECT_TRUE(store().booleanForKey("absent", true));
+  store().removeAllObjects();
+  restart();
+  EXPECT_EQ(store().allKeys().size(), 0u);
+}
+
+TEST_F(KVStorageTest, NilKeysAndWhatNoPropertyListHoldsAreRefused) {
+  Value deep = 1;
+  for (int i = 0; i < 100; ++i) deep = Value(Array{std::move(deep)});
+  for (const Value& refused : {Value(), Value(Array{nullptr}), Value(Dictionary{{"a", nullptr}}),
+                               Value("\xff"), Value(Dictionary{{"\xff", 1}}), deep}) {
+    store().setObject(refused, "key");
+  }
+  store().setObject(1, std::nullopt);
+  store().setString(std::nullopt, "key");
+  EXPECT_EQ(store().allKeys().size(), 0u);
+  EXPECT_TRUE(store().isPersisted());
+}
+
+TEST_F(KVStorageTest, AForeignOrMalformedFileIsAnEmptyStore) {
+  SkeldaUtil::filePathDirectory();
+  for (const std::string& content :
+       {std::string(), std::string("garbage"), std::string("{\"archive\":\"skelda\",\"version\":1"),
+        platform::archivedData({"NSArray", Array{1, 2}}).string(), std::string(100, '[')}) {
+    writeFile(path_, content);
+    restart();
+    EXPECT_EQ(store().allKeys().size(), 0u) << content;
+    store().setInteger(1, "one");
+    restart();
+    EXPECT_EQ(store().integerForKey("one"), 1) << content;
+  }
+}
+
+TEST_F(KVStorageTest, WhatStandsInTheFilesPlaceAndIsNoneIsSetAside) {
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"a folder", [&] { std::filesystem::create_directories(path_ + "/inside"); }},
+      {"a pipe", [&] { ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0); }},
+      {"a link", [&] { std::filesystem::create_symlink("/dev/zero", path_); }},
+  };
+  SkeldaUtil::filePathDirectory();
+  for (const auto& [what, make] : cases) {
+    std::filesystem::remove(path_);
+    make();
+    restart();
+    EXPECT_TRUE(store().isReadable()) << what;
+    EXPECT_TRUE(store().storeObject(1, "one")) << what;
+    restart();
+    EXPECT_EQ(store().integerForKey("one"), 1) << what;
+  }
+  std::size_t aside = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(path_).parent_path())) {
+    aside += entry.path().string().starts_with(path_ + ".unread_") ? 1 : 0;
+  }
+  EXPECT_EQ(aside, std::size(cases));
+}
+
+TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
+  store().setInteger(57, "counter");
+  store().setInteger(1, "removed");
+  EXPECT_TRUE(store().isPersisted());
+  restart();
+  const std::string before = readFile(path_);
+  const auto plan = std::make_shared<FaultPlan>();
+  {
+    FaultyFileCalls calls(plan);
+    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    store().setInteger(2, "new");
+    store().removeObjectForKey("removed");
+    EXPECT_EQ(store().integerForKey("new"), 2);
+    EXPECT_FALSE(store().isPersisted());
+    plan->clear();
+    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
+    EXPECT_EQ(store().integerForKey("counter"), 0);
+    EXPECT_FALSE(store().isReadable());
+    EXPECT_EQ(readFile(path_), before);
+    EXPECT_GE(plan->faults(), 4u);
+  }
+  EXPECT_EQ(store().integerForKey("counter"), 57) << "read again when it can be";
+  EXPECT_TRUE(store().isPersisted());
+  restart();
+  EXPECT_EQ(store().integerForKey("counter"), 57);
+  EXPECT_EQ(store().integerForKey("new"), 2);
+  EXPECT_TRUE(store()["removed"].isNull());
+}
+
+TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
+  store().setInteger(1, "one");
+  EXPECT_TRUE(store().isPersisted());
+  const std::string before = readFile(path_);
+  const auto plan = std::make_shared<FaultPlan>();
+  {
+    FaultyFileCalls calls(plan);
+    for (const auto kind : {"open", "write", "syncData", "close", "rename"}) {
+      plan->failKind(kind, 1, {.error = ENOSPC});
+      EXPECT_FALSE(store().storeObject(2, "two")) << kind;
+      EXPECT_EQ(readFile(path_), before) << kind;
+    }
+  }
+  EXPECT_EQ(store().integerForKey("two"), 2) << "kept in memory";
+  EXPECT_TRUE(store().storeObject(3, "three"));
+  restart();
+  EXPECT_EQ(store().integerForKey("two"), 2);
+}
+
+using platform::Data;
+using platform::KeyedArchive;
+
+class KeychainWrapperTest : public ::testing::Test {
+ protected:
+  ~KeychainWrapperTest() override { platform::DeviceLock::setLocked(false); }
+  TemporaryHome home_;
+};
+
+TEST_F(KeychainWrapperTest, TheServiceIsTheBundlesIdentifierAndTheGivenOne) {
+  const HostBundle nameless;
+  EXPECT_EQ(SkeldaKeychainWrapper("id").identifier(), "id");
+  const HostBundle bundle({{"CFBundleIdentifier", "com.example.run"}});
+  const auto wrapper = SkeldaKeychainWrapper::keychainWrapperWithIdentifier("id");
+  EXPECT_EQ(wrapper->identifier(), "com.example.runid");
+  EXPECT_TRUE(wrapper->setString("mine", "key"));
+  EXPECT_EQ(SkeldaKeychainWrapper("other").stringForKey("key"), std::nullopt);
+  EXPECT_TRUE(kSkeldaKeychainIdentifier.ends_with(".analytics"));
+}
+
+TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
+  SkeldaKeychainWrapper wrapper(kSkeldaKeychainIdentifier);
+  EXPECT_TRUE(wrapper.isAbsent("key"));
+  EXPECT_TRUE(wrapper.setString("one", "key"));
+  EXPECT_FALSE(wrapper.isAbsent("key"));
+  platform::DeviceLock::setLocked(true);
+  EXPECT_FALSE(wrapper.isAbsent("key"));
+  platform::DeviceLock::setLocked(false);
+  for (const char* call : {"open", "read", "status"}) {
+    const auto plan = std::make_shared<FaultPlan>();
+    const FaultyFileCalls calls(plan);
+    plan->failKind(call, 1, {.error = EMFILE});
+    EXPECT_FALSE(wrapper.isAbsent("key")) << call;
+    EXPECT_EQ(plan->faults(), 1u) << call;
+  }
+}
+
+TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
+  SkeldaKeychainWrapper wrapper(kSkeldaKeychainIdentifier);
+  EXPECT_TRUE(wrapper.setString("one", "key"));
+  EXPECT_TRUE(wrapper.setThisDeviceString("two", "key"));
+  EXPECT_EQ(wrapper.stringForKey("key"), "two");
+  platform::DeviceLock::setLocked(true);
+  EXPECT_EQ(wrapper.stringForKey("key"), std::nullopt) << "the first accessibility is kept";
+  EXPECT_FALSE(wrapper.setString("three", "key"));
+  EXPECT_TRUE(wrapper.setThisDeviceString("here", "device"));
+  EXPECT_EQ(wrapper.stringForKey("device"), "here");
+  platform::DeviceLock::setLocked(false);
+
+  EXPECT_TRUE(wrapper.setObject(KeyedArchive{"Thing", {{"a", 1}}}, "object"));
+  EXPECT_EQ(wrapper.objectForKey("object")->className, "Thing");
+  EXPECT_EQ(wrapper.objectForKey("key").has_value(), false);
+  EXPECT_TRUE(wrapper.setData(Data("\xff"), "bytes"));
+  EXPECT_EQ(wrapper.dataForKey("bytes"), Data("\xff"));
+  EXPECT_EQ(wrapper.stringForKey("bytes"), std::nullopt);
+  EXPECT_TRUE(wrapper.updateValueData(Data("new"), "bytes"));
+  EXPECT_EQ(wrapper.stringForKey("bytes"), "new");
+  EXPECT_TRUE(wrapper.removeObjectForKey("bytes"));
+  EXPECT_EQ(wrapper.dataForKey("bytes"), std::nullopt);
+
+  EXPECT_FALSE(wrapper.setString("x", "") || wrapper.setString(std::nullopt, "k"));
+  EXPECT_FALSE(wrapper.updateValueData(Data("x"), "absent"));
+  EXPECT_FALSE(wrapper.removeObjectForKey("absent"));
+}
+
+}  // namespace
+}  // namespace skelda::testing

@@ -1,0 +1,148 @@
+"""What stands behind many devices, as processes on loopback ports: the servers of the stream, and
+collectors in front of them."""
+
+import base64
+import contextlib
+import os
+import ssl
+import subprocess
+import urllib.error
+import urllib.parse
+import urllib.request
+
+from loading import STREAM, Stream, free_ports
+from support import COLLECTOR, ROOT, Process, eventually
+
+NATS_SERVER = "/usr/sbin/nats-server"
+
+
+def is_built():
+    """Whether the collector has the stream, and the machine has the servers."""
+    if not os.path.exists(NATS_SERVER) or not COLLECTOR.exists():
+        return False
+    return "--replicas" in subprocess.run([COLLECTOR, "--help"], capture_output=True, text=True, check=True).stdout
+
+
+class Servers:
+    """Some servers that keep one stream, each in a folder of its own, which outlives it."""
+
+    def __init__(self, folder, count=3):
+        self.folder = folder
+        self.ports, self.routes = free_ports(count), free_ports(count)
+        self.processes = [None] * count
+        for index in range(count):
+            self.start(index)
+
+    @property
+    def url(self):
+        return "nats://" + ",".join(f"127.0.0.1:{port}" for port in self.ports)
+
+    def start(self, index):
+        routes = ",".join(f"nats://127.0.0.1:{port}" for port in self.routes)
+        self.processes[index] = Process(
+            [NATS_SERVER, "-c", str(ROOT / "deploy/nats-server.conf"), "--name", f"skelda-{index}",
+             "--addr", "127.0.0.1", "--port", str(self.ports[index]),
+             "--cluster", f"nats://127.0.0.1:{self.routes[index]}", "--routes", routes,
+             "--store_dir", str(self.folder / f"nats-{index}")])
+
+    def kill(self, index):
+        self.processes[index].kill()
+        self.processes[index].__exit__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for process in self.processes:
+            process.__exit__()
+
+    def ask(self, subject, request=None):
+        """What a server of the stream answers; None where none does."""
+        with contextlib.suppress(OSError), self.client() as client:
+            return client.request(subject, request)
+        return None
+
+    def client(self):
+        """A connection to any server that takes one."""
+        for port in self.ports:
+            with contextlib.suppress(OSError):
+                return Stream(port)
+        raise OSError("no server of the stream answers")
+
+    def leader(self):
+        """The server that leads the stream; None where there is none."""
+        cluster = (self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("cluster", {})
+        return int(cluster["leader"].removeprefix("skelda-")) if cluster.get("leader") else None
+
+    def replicas(self):
+        """Of each server beside the leader, whether it has what the leader has."""
+        info = self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}
+        return [peer.get("current", False) and not peer.get("lag") and not peer.get("offline")
+                for peer in info.get("cluster", {}).get("replicas", [])]
+
+    def subjects(self):
+        """Of the stream's messages, those after its name."""
+        state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}", {"subjects_filter": ">"})["state"]
+        return {subject.removeprefix(STREAM + ".") for subject in state["subjects"]}
+
+    def messages(self):
+        """Each message of the stream: its headers and its body."""
+        state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}")["state"]
+        with self.client() as client:
+            answers = [client.request(f"$JS.API.STREAM.MSG.GET.{STREAM}", {"seq": sequence})
+                       for sequence in range(state["first_seq"], state["last_seq"] + 1)]
+        return [(headers_of(base64.b64decode(answer["message"].get("hdrs", ""))),
+                 base64.b64decode(answer["message"].get("data", "")))
+                for answer in answers if "message" in answer]
+
+
+def headers_of(lines):
+    pairs = [line.split(": ", 1) for line in lines.decode().split("\r\n")[1:] if line]
+    return {name: value for name, value in pairs}
+
+
+class StreamCollector:
+    """skelda-collector in front of the servers. Restarting keeps the port."""
+
+    def __init__(self, folder, servers, *arguments):
+        self.tls = folder / "collector-tls"
+        self.port = free_ports(1)[0]
+        self.servers, self.arguments = servers, arguments
+        self.start()
+
+    def start(self):
+        self.process = Process([COLLECTOR, "--listen", f"127.0.0.1:{self.port}", "--store", self.servers.url,
+                                "--tls-dir", self.tls, *self.arguments])
+        self.url = self.process.line_with("listening on ").split(" ")[-1]
+        self.plain = self.url.startswith("http:")
+
+    def kill(self):
+        self.process.kill()
+        self.process.__exit__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.__exit__()
+
+    @property
+    def authority(self):
+        return self.tls / "authority.pem"
+
+    def is_ready(self):
+        return self.process.lines and self.get("/readyz")[0] == 200
+
+    def await_ready(self, within=60):
+        if not eventually(self.is_ready, within, every=0.1):
+            raise AssertionError(f"not ready after {within} s:\n{self.process.output}")
+
+    def get(self, path):
+        context = None if self.plain else ssl.create_default_context(cafile=self.authority)
+        try:
+            with urllib.request.urlopen(urllib.parse.urljoin(self.url, path), timeout=10, context=context) as answer:
+                return answer.status, answer.read().decode()
+        except urllib.error.HTTPError as error:
+            return error.code, error.read().decode()
+        except OSError:
+            return 0, ""

@@ -1,0 +1,116 @@
+"""From the stream into the database, and the questions that are asked there."""
+
+import pathlib
+import re
+import tempfile
+import unittest
+
+import frame_log
+from fleet import Servers
+from loading import (LOADER, POSTGRES, STREAM, Database, digest, event, frame, load_everything, loader,
+                     locale, make_log, make_stream, session, usual_log)
+from support import ROOT, eventually
+
+DAY = 86400 * 1000
+MONDAY = 1795392000000  # 2026-11-23
+
+
+def questions():
+    """The SQL of the document, by its headings."""
+    text = (ROOT / "docs/fleet-questions.md").read_text()
+    return dict(re.findall(r"^## ([^\n]*)\n(?:(?!## |```)[^\n]*\n)*```sql\n(.*?)^```", text, re.MULTILINE | re.DOTALL))
+
+
+@unittest.skipUnless(LOADER.exists() and POSTGRES, "built without SKELDA_FLEET, or no PostgreSQL")
+class Loading(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="skelda-", dir="/var/tmp")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.folder.chmod(0o755)
+        self.servers = self.enterContext(Servers(self.folder))
+        self.database = self.enterContext(Database(self.folder / "database"))
+        make_stream(self.servers)
+        self.publisher = self.enterContext(self.servers.client())
+
+    def enterContext(self, manager):
+        value = manager.__enter__()
+        self.addCleanup(manager.__exit__, None, None, None)
+        return value
+
+    def count(self, table, where="true"):
+        return int(self.database.ask(f"SELECT count(*) FROM skelda.{table} WHERE {where}")[0][0])
+
+    def test_the_questions_of_the_document_are_answered(self):
+        at, next_day = MONDAY + 1000, MONDAY + DAY
+        self.publisher.publish([
+            # A session over two logs, the second of which is cut before it tells of it.
+            make_log("anna", 1, at, session(at), event(1, at, "Start"), event(2, at + 1, "Lap")),
+            make_log("anna", 2, at, event(3, at + 2, "Lap"), session(at), event(4, at + 3, "Lap"),
+                     session(at, 9000), event(5, at + 9, "Stop")),
+            make_log("anna", 5, next_day, session(next_day), event(1, next_day, "Lap"), locale(next_day, "FR"),
+                     event(2, next_day, "Lap"), version="1.5"),
+            make_log("beat", 1, at, session(at), version="1.5", country="DE")])
+        load_everything(self.servers, self.database)
+        answers = {
+            "Sessions a day": [["2026-11-23", "2", "2"], ["2026-11-24", "1", "1"]],
+            "Events a session": [["2026-11-23", "2.5", "0", "5"], ["2026-11-24", "2.0", "2", "2"]],
+            "Versions in the field": [["1.5", "27", "9.1", "2"]],
+            "Devices with gaps in the counter": [["anna", "3", "4"]],
+            "Events by name and country": [["Lap", "CH", "4", "1"], ["Lap", "FR", "1", "1"], ["Start", "CH", "1", "1"],
+                                           ["Stop", "CH", "1", "1"]]}
+        self.assertEqual(answers, {name: self.database.ask(sql) for name, sql in questions().items()})
+        self.assertEqual([["9000"]], self.database.ask("SELECT milliseconds FROM skelda.sessions WHERE device = 'anna'"
+                                                       f" AND session = {at}"))
+
+    def test_whatever_is_in_a_log_it_is_loaded_or_kept_aside_and_never_twice(self):
+        at = MONDAY
+        good = usual_log("good", 1, at)
+        odd = make_log("odd\0\u00e9" + "x" * 5000, 2**63 - 1, at, session(2**62),
+                       event(1, 2**63 - 1, "a\0b\tc\\d\n" + "n" * 9000, **{"k\0": "\\u0000", "emoji": "\U0001f3c3"}),
+                       frame(frame_log.EVENT, at, {"sk.event.name": "no base64!", "sk.event.id": "none"}),
+                       frame(frame_log.EVENT, at, {}), frame(999, at, {"new": {"deep": [1e308, "\\", "\0"]}}))
+        refused = make_log("refused", 1, at, event(1, at, "Forbidden"))
+        damaged = [good[:-3], b"no log at all" * 9, b"", make_log("crc", 1, at, b"\0" + event(1, at, "CRC")[1:] + b"1234")]
+        load_everything(self.servers, self.database)
+        self.database.ask("ALTER TABLE skelda.events ADD CHECK (name <> 'Forbidden')")
+        self.publisher.publish([good, odd, refused, *damaged])
+        self.assertIn("7 logs, 63 events", said := load_everything(self.servers, self.database))
+        self.assertIn("5 damaged, 0 repeats", said)
+
+        faults = dict(self.database.ask("SELECT encode(digest, 'hex'), fault FROM skelda.logs WHERE fault IS NOT NULL"))
+        self.assertEqual({digest(body) for body in (refused, *damaged)}, set(faults))
+        self.assertIn("check constraint", faults[digest(refused)])
+        self.assertRegex(faults[digest(damaged[3])], r"offset \d+: CRC ")
+        self.assertEqual({refused, *damaged}, set(self.publisher.bodies("SKELDA_DAMAGED")))
+        self.assertEqual([["a\ufffdb\\tc\\\\d\\n", '{"k\ufffd": "\\\\u0000", "emoji": "\U0001f3c3"}']], self.database.ask(
+            "SELECT left(replace(replace(replace(name, '\\', '\\\\'), chr(9), '\\t'), chr(10), '\\n'), 11), parameters "
+            "FROM skelda.events WHERE number = 1 AND at IS NULL"))
+        # All of it once more, as after an end between the commit and its acknowledgement.
+        self.assertIn("0 logs, 0 events", said := load_everything(self.servers, self.database, "--durable", "again"))
+        self.assertIn("7 repeats", said)
+        self.assertEqual((7, 63, 5), (self.count("logs"), self.count("events"), len(
+            self.publisher.bodies("SKELDA_DAMAGED"))))
+
+    def test_it_goes_on_after_an_end_of_the_database_of_the_servers_and_of_itself(self):
+        bodies = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(900)]
+        with loader(self.servers, self.database, "--batch", "16", "--ack-wait", "2") as first:
+            self.publisher.publish(bodies[:300])
+            self.assertTrue(eventually(lambda: self.database.ask("SELECT 1 FROM skelda.logs LIMIT 1"), 30))
+            first.kill()
+        with loader(self.servers, self.database, "--batch", "16") as process:
+            self.database.kill(all_of_it=True)
+            self.publisher.publish(bodies[300:600])
+            process.line_with("database: ", 30)
+            self.database.start()
+            self.database.await_ready()
+            self.assertTrue(eventually(lambda: self.count("logs") == 600, 40))
+            for index in range(3):
+                self.servers.kill(index)
+                self.servers.start(index)
+            self.assertTrue(eventually(lambda: (self.servers.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("state"), 30))
+            with self.servers.client() as publisher:
+                publisher.publish(bodies[600:])
+            self.assertTrue(eventually(lambda: self.count("events") == 900 * 30, 60), process.output)
+            self.assertEqual(0, process.terminate(), process.output)
+        self.assertEqual(900, self.count("logs", "fault IS NULL"))

@@ -1,0 +1,308 @@
+"""Changes the code by one line at a time and asks the tests whether they notice.
+
+    python3 Tests/Mutants/run.py [FILTER ...] [--resume | --survivors] [--at-home] [--matrix FILE] [--jobs N]
+
+mutants.tsv has a mutant a line: the file, what is replaced, by what, and, for one that changes nothing
+that anybody could notice, the reason. What is replaced stands in its file, a source file, exactly once.
+FILTER picks mutants whose line has that text in it. A mutant's one object is compiled and put before
+the libraries of a test program. The program of its own room runs first, its quick tests before its slow
+ones, and where it notices nothing every other that links the library of that object. A test that
+notices must do so twice; one that takes several times as long as it does undisturbed hangs.
+Equivalents are judged too: one that is noticed is none.
+
+What was judged is in build/mutants/judged.tsv as it comes. --resume goes on where a run was
+interrupted; --survivors judges again what lived. --at-home asks no other programs. With --matrix no program stops at the first test that
+notices, and FILE gets a line for each mutant with all of them: a test that is the only one is not to
+be cut.
+
+Builds in a copy of the tree, build/mutants/tree, which a later run uses again: the tree may change
+meanwhile. Ends with 1 where a mutant lives that is not said to be equivalent, or does not compile or
+apply.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import dataclasses
+import json
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+LIST = pathlib.Path(__file__).with_name("mutants.tsv")
+WORK = ROOT / "build/mutants"
+# Where a file's own tests are: the longest folder that fits.
+PROGRAMS = {
+    "Platform/Base": "base_tests", "Platform/Dispatch": "dispatch_tests", "Platform/Foundation": "foundation_tests",
+    "Platform/Security": "security_tests", "Platform/WatchKit": "device_tests", "Platform/Kernel": "device_tests",
+    "Platform/WatchConnectivity": "watchconnectivity_tests", "Platform/Reachability": "reachability_tests",
+    "Analytics/Intake/Account": "account_tests", "Analytics/Intake/Journal": "journal_tests",
+    "Analytics/Utils": "utils_tests", "Analytics/Streaming/SourceModules": "frames_tests",
+    "Analytics/Streaming/SourceModules/Sources": "sources_tests", "Analytics/Streaming/Core": "core_tests",
+    "Analytics/Streaming/Core/StreamManager": "manager_tests", "Analytics/Streaming/Data Providers": "providers_tests",
+    "Analytics/Streaming/Transfer": "transfer_tests", "Analytics/Networking": "networking_tests",
+    "Analytics/Reachability": "reachability_tests", "Analytics": "watch_tests", "Tools": "tools_tests",
+    "include": "watch_tests",
+}
+# Run by its tests as a process, where it lies.
+TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
+QUICK = 300  # milliseconds
+
+
+@dataclasses.dataclass(frozen=True)
+class Mutant:
+    file: str
+    old: str
+    new: str
+    equivalent: str = ""
+
+    def __str__(self):
+        return f"{self.file}: {self.old} -> {self.new}"
+
+    def own_program(self):
+        return PROGRAMS[max((folder for folder in PROGRAMS if self.file.startswith(folder + "/")), key=len)]
+
+
+@dataclasses.dataclass
+class Verdict:
+    kind: str  # noticed, lives at home (others were not asked yet), lives or broken
+    why: list  # the tests that noticed, or what is wrong with the mutant
+
+
+def mutants(filters):
+    lines = [line for line in LIST.read_text().splitlines() if line and not line.startswith("#")]
+    return [Mutant(*line.split("\t")) for line in lines if not filters or any(text in line for text in filters)]
+
+
+def judged_before():
+    path = WORK / "judged.tsv"
+    rows = [line.split("\t") for line in path.read_text().splitlines()] if path.exists() else []
+    return {(file, old, new): Verdict(kind, why) for kind, file, old, new, *why in rows}
+
+
+class Build:
+    """A copy of the tree, its test programs, and how each object and program of it is made."""
+
+    def __init__(self):
+        self.tree, self.folder = WORK / "tree", WORK / "tree/build/debug"
+        self.programs = sorted(set(PROGRAMS.values()))
+        self.copy()
+        launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
+        linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=mold"] if shutil.which("mold") else []
+        self.call("cmake", "--preset", "debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", *launcher, *linker)
+        self.call("ninja", "-C", self.folder, *self.programs)
+        self.compiling = {entry["file"]: entry for entry in json.loads((self.folder / "compile_commands.json").read_text())}
+        self.linking = {name: self.call("ninja", "-C", self.folder, "-t", "commands", "-s", target).strip()
+                        for name, target in [(name, f"Tests/{name}") for name in self.programs] + [(name, name) for name in TOOL.values()]}
+        commands = self.call("ninja", "-C", self.folder, "-t", "commands", *self.programs)
+        self.library = {member: library for library, members in re.findall(r"ar qc (\S+) (.*?) && ", commands)
+                        for member in members.split()}
+        self.calm = self.undisturbed()
+        self.tool = threading.Lock()
+
+    def copy(self):
+        """Files that differ alone are written, so that little is built anew; what is gone goes here, too."""
+        names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "-z"], cwd=ROOT, capture_output=True,
+                               check=True).stdout.decode().split("\0")
+        names = {name for name in names if name and (ROOT / name).is_file()}
+        for name in names:
+            source, target = ROOT / name, self.tree / name
+            if not target.exists() or target.read_bytes() != source.read_bytes():
+                target.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copyfile(source, target)
+                shutil.copymode(source, target)
+        for folder in self.tree.iterdir():
+            for file in folder.rglob("*") if folder.name != "build" and folder.is_dir() else ():
+                if file.is_file() and str(file.relative_to(self.tree)) not in names:
+                    file.unlink()
+
+    def call(self, *command):
+        run = subprocess.run(command, cwd=self.tree, capture_output=True, text=True)
+        if run.returncode:
+            raise SystemExit(f"{' '.join(map(str, command))}: {run.stdout}{run.stderr}")
+        return run.stdout
+
+    def undisturbed(self):
+        """Each test's milliseconds, by program; kept with the program's age."""
+        path = WORK / "calm.json"
+        kept = json.loads(path.read_text()) if path.exists() else {}
+        for name in self.programs:
+            age = (self.folder / "Tests" / name).stat().st_mtime_ns
+            if kept.get(name, {}).get("age") == age:
+                continue
+            ended, broken, status = self.run(self.folder / "Tests" / name, None)
+            if status or broken:
+                raise SystemExit(f"{name} fails without a mutant: {broken or [t for t, how in ended.items() if how[0]]}")
+            kept[name] = {"age": age, "tests": {test: took for test, (_, took) in ended.items()}}
+            path.write_text(json.dumps(kept))
+        return {name: kept[name]["tests"] for name in self.programs}
+
+    def run(self, program, limit, *options):
+        """(Each test that ended, with whether it failed and its milliseconds; those that began and did not; status.)"""
+        try:
+            run = subprocess.run([program, *options], cwd=self.tree, capture_output=True, text=True, errors="replace",
+                                 timeout=limit)
+            output, status = run.stdout, run.returncode
+        except subprocess.TimeoutExpired as late:
+            output, status = (late.stdout or b"").decode(errors="replace"), None
+        ended = {test: (word == "  FAILED ", int(took)) for word, test, took in
+                 re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", output, re.MULTILINE)}
+        broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in ended]
+        return ended, broken, status
+
+    def compiled(self, source, text, folder):
+        """The object of a source file that has another text; None where that is no program."""
+        entry = self.compiling[str(self.tree / source)]
+        words = [word for word in shlex.split(entry["command"]) if word not in ("ccache", "-Werror")]
+        (folder / "mutant.cpp").write_text(text)
+        member = words[words.index("-o") + 1]
+        words[words.index("-o") + 1], words[words.index("-c") + 1] = folder / "mutant.o", folder / "mutant.cpp"
+        run = subprocess.run([*words, "-w"], cwd=self.folder, capture_output=True)
+        return member if run.returncode == 0 else None
+
+    def concerns(self, program, member):
+        return member in self.linking[program] or f" {self.library.get(member)} " in self.linking[program]
+
+    def linked(self, program, member, folder, target):
+        """Makes a program with the mutant's object in place of that member of its library."""
+        command = self.linking[program].replace(f" {member} ", " ")
+        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} -o {target} ", command, count=1)
+        run = subprocess.run(command, shell=True, cwd=self.folder, capture_output=True, text=True)
+        if run.returncode or not found:
+            raise SystemExit(f"{command}: {run.stderr}")
+        return target
+
+
+class Trial:
+    """A mutant's object among the test programs."""
+
+    def __init__(self, build, member, folder):
+        self.build, self.member, self.folder = build, member, folder
+
+    def chosen(self, name, tests, *options):
+        """Those of the tests that fail, crash or hang; those that did not end; the status."""
+        limit = 10 + 4 * sum(self.build.calm[name][test] for test in tests) / 1000
+        ended, broken, status = self.build.run(self.folder / name, limit, f"--gtest_filter={':'.join(tests)}", *options)
+        return [test for test, (fails, _) in ended.items() if fails] + broken, broken, status
+
+    def first(self, name):
+        """[One test that notices, twice], or []."""
+        calm = self.build.calm[name]
+        for tests in ([test for test in calm if calm[test] < QUICK], [test for test in calm if calm[test] >= QUICK]):
+            for again in range(2 if tests else 0):
+                failed, _, status = self.chosen(name, tests, "--gtest_fail_fast")
+                if status == 0:
+                    break
+                if not failed:  # before or behind all tests
+                    return [f"{name}:?"]
+                if again or self.chosen(name, failed[:1])[2] != 0:
+                    return [f"{name}:{failed[0]}"]
+        return []
+
+    def every(self, name):
+        found, tests = [], list(self.build.calm[name])
+        while tests:
+            failed, broken, status = self.chosen(name, tests)
+            found += failed
+            if status == 0 or not broken:
+                found += [] if status == 0 or failed else ["?"]
+                break
+            tests = tests[tests.index(broken[-1]) + 1:]
+        return [f"{name}:{test}" for test in dict.fromkeys(found)]
+
+    def asked(self, name, how):
+        tool = self.build.folder / TOOL.get(name, "-")
+        if name not in TOOL or not self.build.concerns(TOOL[name], self.member):
+            self.build.linked(name, self.member, self.folder, self.folder / name)
+            return how(name)
+        with self.build.tool:
+            shutil.copy(self.build.folder / "Tests" / name, self.folder / name)
+            tool.rename(self.folder / "tool")
+            try:
+                self.build.linked(TOOL[name], self.member, self.folder, tool)
+                return how(name)
+            finally:
+                shutil.move(self.folder / "tool", tool)
+
+
+def judge(build, mutant, whole, at_home):
+    """What the program of its own room says of a mutant, or, where that has noticed nothing, what the others do."""
+    text = (build.tree / mutant.file).read_text() if (build.tree / mutant.file).exists() else ""
+    if text.count(mutant.old) != 1:
+        return Verdict("broken", [f"stands there {text.count(mutant.old)} times"])
+    with tempfile.TemporaryDirectory(dir=WORK) as folder:
+        folder = pathlib.Path(folder)
+        member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
+        if member is None:
+            return Verdict("broken", ["does not compile"])
+        trial, own = Trial(build, member, folder), mutant.own_program()
+        others = [name for name in build.programs if name != own and build.concerns(name, member)]
+        found = []
+        for name in [own] * (at_home or whole) + others * (whole or not at_home):
+            if whole or not found:
+                found += trial.asked(name, trial.every if whole else trial.first)
+        left = others and at_home and not whole
+        return Verdict("noticed" if found else "lives at home" if left else "lives", found)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("filters", nargs="*")
+    parser.add_argument("--matrix", type=pathlib.Path)
+    parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
+    group = parser.add_mutually_exclusive_group()
+    group.add_argument("--resume", action="store_true")
+    group.add_argument("--survivors", action="store_true")
+    parser.add_argument("--at-home", action="store_true")
+    options = parser.parse_args()
+    known = judged_before()
+    verdicts = {mutant: known.get((mutant.file, mutant.old, mutant.new)) for mutant in mutants(options.filters)}
+    for mutant, verdict in verdicts.items():
+        if verdict and not (options.resume or options.survivors and verdict.kind == "noticed"):
+            verdicts[mutant] = None
+    started, build, judged = time.monotonic(), None, set()
+    WORK.mkdir(parents=True, exist_ok=True)
+
+    def report(mutant, verdict):
+        verdicts[mutant] = verdict
+        row = mutant.file, mutant.old, mutant.new, *verdict.why
+        for path, begin in (WORK / "judged.tsv", (verdict.kind,)), (options.matrix, ()):
+            if path:
+                with path.open("a") as file:
+                    print(*begin, *row, sep="\t", file=file)
+        if (verdict.kind == "noticed") == bool(mutant.equivalent) or verdict.kind == "broken":
+            print(f"{' '.join([verdict.kind, *verdict.why])}: {mutant}", flush=True)
+
+    # All of them at home first: most end there.
+    for at_home in (True,) if options.at_home else (True, False):
+        todo = [mutant for mutant, verdict in verdicts.items()
+                if (not verdict if at_home else verdict.kind == "lives at home")]
+        judged.update(todo)
+        build = build or (Build() if todo else None)
+        with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
+            judging = {jobs.submit(judge, build, mutant, options.matrix is not None, at_home): mutant for mutant in todo}
+            try:
+                for done in concurrent.futures.as_completed(judging):
+                    report(judging[done], done.result())
+            except BaseException:
+                jobs.shutdown(wait=False, cancel_futures=True)
+                raise
+    counts = collections.Counter("equivalent" if mutant.equivalent and verdict.kind.startswith("lives") else
+                                 verdict.kind.split(" ")[0] for mutant, verdict in verdicts.items())
+    share = 100 * counts["noticed"] / max(counts["noticed"] + counts["lives"], 1)
+    print(f"{len(verdicts)} mutants, {len(judged)} of them judged now: {counts['noticed']} noticed, {counts['lives']} live, "
+          f"{counts['equivalent']} equivalent, {counts['broken']} do not compile or apply; {share:.1f} % noticed, "
+          f"{time.monotonic() - started:.0f} s")
+    return 1 if counts["lives"] or counts["broken"] else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,65 @@
+#include "Tools/skelda-fleet/FleetTables.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+namespace skelda::testing {
+namespace {
+
+using namespace skelda::fleet;
+
+/// Each table stands in the document behind the command that makes it. Of the rows, those of small
+/// fleets are made again: the others come of the same code.
+TEST(FleetTablesTest, TheDocumentSaysWhatTheSimulationDoes) {
+  std::ifstream file(SKELDA_DOCS_FOLDER "/fleet.md");
+  const std::string document{std::istreambuf_iterator<char>(file), {}};
+  for (const std::string& name : FleetTables::names()) {
+    const auto command = document.find("`skelda-fleet table " + name + "`");
+    ASSERT_NE(command, std::string::npos) << name;
+    const auto begin = document.find("\n| ", command);
+    const auto end = document.find("\n\n", begin);
+    ASSERT_NE(end, std::string::npos) << name;
+    std::set<std::string> written, made;
+    std::vector<std::uint32_t> devices;
+    std::istringstream lines(document.substr(begin + 1, end - begin));
+    for (std::string line; std::getline(lines, line);) {
+      const bool isOfALargeFleet =
+          line.starts_with("| 100,000 ") || line.starts_with("| 1,000,000 ");
+      if (isOfALargeFleet) continue;
+      for (const auto& [text, count] : {std::pair{"| 1,000 ", 1'000U}, {"| 10,000 ", 10'000U}}) {
+        if (line.starts_with(text) && (devices.empty() || devices.back() != count)) {
+          devices.push_back(count);
+        }
+      }
+      written.insert(line);
+    }
+    ASSERT_FALSE(devices.empty()) << name;
+    FleetTables::print(name, devices, [&](const std::string& line) { made.insert(line); });
+    EXPECT_EQ(written, made) << name;
+  }
+}
+
+TEST(FleetTablesTest, NoLogOfARunIsWithoutAFate) {
+  for (const Trouble trouble : {Trouble::refused, Trouble::silent, Trouble::reset, Trouble::network,
+                                Trouble::disk, Trouble::clockSkew}) {
+    const Figures figures = FleetSimulation({.devices = 100,
+                                             .trouble = trouble,
+                                             .length = std::chrono::hours(30),
+                                             .after = std::chrono::hours(100),
+                                             .every = std::chrono::minutes(20)})
+                                .run();
+    const auto name = static_cast<int>(trouble);
+    EXPECT_EQ(figures.wantingAtEnd, 0u) << name;
+    EXPECT_EQ(figures.taken - figures.repeats + figures.lostOverLimit + figures.lostInFolder +
+                  figures.heldAtEnd,
+              figures.logs)
+        << name;
+  }
+}
+
+}  // namespace
+}  // namespace skelda::testing

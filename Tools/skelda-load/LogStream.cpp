@@ -1,0 +1,214 @@
+#include "Tools/skelda-load/LogStream.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "Tools/Shared/FleetStream.h"
+
+namespace skelda::tools {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::int64_t kNanosecondsASecond = 1'000'000'000;
+/// Given out and not acknowledged, to all who share the consumer: a few batches each.
+constexpr std::int64_t kMostOutstanding = 16384;
+
+[[noreturn]] void fail(const char* what, natsStatus status, jsErrCode code = {}) {
+  const char* last = nats_GetLastError(nullptr);
+  const std::string_view more = last != nullptr ? last : "";
+  throw LogStream::Unavailable(
+      fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
+                  code != 0 ? fmt::format(" ({})", static_cast<int>(code)) : "",
+                  more.empty() ? "" : fmt::format(": {}", more)));
+}
+
+void check(const char* what, natsStatus status, jsErrCode code = {}) {
+  if (status != NATS_OK) fail(what, status, code);
+}
+
+}  // namespace
+
+std::string_view StreamedMessage::header(const char* name) const {
+  const char* value = nullptr;
+  const bool isThere = natsMsgHeader_Get(message_.get(), name, &value) == NATS_OK;
+  return isThere && value != nullptr ? value : "";
+}
+
+StreamedLog StreamedMessage::log() const {
+  std::string_view subject = natsMsg_GetSubject(message_.get());
+  subject.remove_prefix(std::min(subject.size(), std::string_view(fleet::kSubjectPrefix).size()));
+  return {{natsMsg_GetData(message_.get()),
+           static_cast<std::size_t>(natsMsg_GetDataLength(message_.get()))},
+          subject,
+          header(fleet::kReceivedHeader),
+          header(fleet::kFaultHeader)};
+}
+
+LogStream::LogStream(Options options) : options_(std::move(options)) {}
+
+void LogStream::disconnect() {
+  consumer_.reset();
+  stream_.reset();
+  connection_.reset();
+}
+
+void LogStream::connect() {
+  if (consumer_) return;
+  disconnect();
+  natsOptions* raw = nullptr;
+  check("options", natsOptions_Create(&raw));
+  const std::unique_ptr<natsOptions, Destroy<natsOptions, natsOptions_Destroy>> options(raw);
+  std::vector<std::string> servers;
+  for (std::size_t at = 0; at <= options_.servers.size();) {
+    const std::size_t end = std::min(options_.servers.find(',', at), options_.servers.size());
+    std::string server = options_.servers.substr(at, end - at);
+    servers.push_back(server.find("://") == std::string::npos ? "nats://" + server : server);
+    at = end + 1;
+  }
+  std::vector<const char*> names;
+  for (const std::string& server : servers) names.push_back(server.c_str());
+  check("servers", natsOptions_SetServers(raw, names.data(), static_cast<int>(names.size())));
+  check("name", natsOptions_SetName(raw, "skelda-load"));
+  check("timeout", natsOptions_SetTimeout(raw, 2000));
+  // A server that has gone without a word is noticed in ten seconds, and then another is tried.
+  check("pings", natsOptions_SetPingInterval(raw, 5000));
+  check("pings", natsOptions_SetMaxPingsOut(raw, 2));
+  check("reconnecting", natsOptions_SetMaxReconnect(raw, -1));
+  check("reconnecting", natsOptions_SetReconnectWait(raw, 250));
+  natsConnection* connection = nullptr;
+  check("connecting", natsConnection_Connect(&connection, raw));
+  connection_.reset(connection);
+  jsOptions defaults;
+  check("options", jsOptions_Init(&defaults));
+  jsCtx* stream = nullptr;
+  check("connecting", natsConnection_JetStream(&stream, connection, &defaults));
+  stream_.reset(stream);
+  makeConsumer();
+  hasDamagedStream_ = false;
+}
+
+void LogStream::makeConsumer() {
+  jsErrCode code{};
+  jsConsumerInfo* info = nullptr;
+  natsStatus status = js_GetConsumerInfo(&info, stream_.get(), fleet::kStream,
+                                         options_.durable.c_str(), nullptr, &code);
+  jsConsumerInfo_Destroy(info);
+  if (status == NATS_NOT_FOUND && code != JSStreamNotFoundErr) {
+    jsConsumerConfig config;
+    check("consumer", jsConsumerConfig_Init(&config));
+    config.Durable = options_.durable.c_str();
+    config.DeliverPolicy = js_DeliverAll;
+    config.AckPolicy = js_AckExplicit;
+    config.AckWait = options_.ackWait.count() * 1'000'000;
+    config.MaxDeliver = -1;
+    config.MaxAckPending = kMostOutstanding;
+    status = js_AddConsumer(nullptr, stream_.get(), fleet::kStream, &config, nullptr, &code);
+  }
+  check("consumer", status, code);
+  jsSubOptions subscription;
+  check("consumer", jsSubOptions_Init(&subscription));
+  subscription.Stream = fleet::kStream;
+  subscription.Consumer = options_.durable.c_str();
+  natsSubscription* consumer = nullptr;
+  check("consumer",
+        js_PullSubscribe(&consumer, stream_.get(), nullptr, options_.durable.c_str(), nullptr,
+                         &subscription, &code),
+        code);
+  consumer_.reset(consumer);
+}
+
+std::vector<StreamedMessage> LogStream::fetch(bool waits) {
+  jsFetchRequest request;
+  check("fetching", jsFetchRequest_Init(&request));
+  request.Batch = waits ? 1 : options_.logs;
+  // A log that is larger than all that may be asked for would never come.
+  request.MaxBytes = std::max(options_.bytes, 2 * natsConnection_GetMaxPayload(connection_.get()));
+  request.Expires = waits ? kNanosecondsASecond : 2 * kNanosecondsASecond;
+  request.NoWait = !waits;
+  natsMsgList list{};
+  const natsStatus status = natsSubscription_FetchRequest(&list, consumer_.get(), &request);
+  std::vector<StreamedMessage> messages;
+  for (int i = 0; i < list.Count; ++i) {
+    messages.emplace_back(std::exchange(list.Msgs[i], nullptr));
+  }
+  natsMsgList_Destroy(&list);
+  if (status != NATS_OK && status != NATS_TIMEOUT && status != NATS_NOT_FOUND && messages.empty()) {
+    fail("fetching", status);
+  }
+  return messages;
+}
+
+std::vector<StreamedMessage> LogStream::take() {
+  connect();
+  auto messages = fetch(false);
+  return messages.empty() ? fetch(true) : std::move(messages);
+}
+
+void LogStream::acknowledge(const std::vector<StreamedMessage>& messages) {
+  for (const StreamedMessage& message : messages) natsMsg_Ack(message.get(), nullptr);
+  if (connection_) natsConnection_FlushTimeout(connection_.get(), 2000);
+}
+
+void LogStream::makeDamagedStream() {
+  if (hasDamagedStream_) return;
+  jsErrCode code{};
+  jsStreamInfo* info = nullptr;
+  natsStatus status = js_GetStreamInfo(&info, stream_.get(), fleet::kDamagedStream, nullptr, &code);
+  if (status == NATS_NOT_FOUND) {
+    check("stream", js_GetStreamInfo(&info, stream_.get(), fleet::kStream, nullptr, &code), code);
+    const char* subjects[] = {fleet::kDamagedSubjects};
+    jsStreamConfig config;
+    check("stream", jsStreamConfig_Init(&config));
+    config.Name = fleet::kDamagedStream;
+    config.Subjects = subjects;
+    config.SubjectsLen = 1;
+    config.Storage = js_FileStorage;
+    config.Discard = js_DiscardNew;
+    config.Replicas = info->Config->Replicas;
+    config.Duplicates = 600 * kNanosecondsASecond;
+    status = js_AddStream(nullptr, stream_.get(), &config, nullptr, &code);
+  }
+  jsStreamInfo_Destroy(info);
+  check("stream of damaged logs", status, code);
+  hasDamagedStream_ = true;
+}
+
+void LogStream::keepDamaged(const StreamedMessage& message, const std::string& fault) {
+  connect();
+  makeDamagedStream();
+  const StreamedLog log = message.log();
+  natsMsg* raw = nullptr;
+  check("damaged log",
+        natsMsg_Create(&raw, (fleet::kDamagedPrefix + std::string(log.apiKey)).c_str(), nullptr,
+                       log.body.data(), static_cast<int>(log.body.size())));
+  const StreamedMessage copy(raw);
+  // Not those of the stream itself, but for the id: they would say where this message must go.
+  for (const char* name :
+       {fleet::kIdHeader, fleet::kReceivedHeader, fleet::kLengthHeader, fleet::kFramesHeader}) {
+    const char* value = nullptr;
+    if (natsMsgHeader_Get(message.get(), name, &value) == NATS_OK && value != nullptr) {
+      check("damaged log", natsMsgHeader_Set(raw, name, value));
+    }
+  }
+  check("damaged log", natsMsgHeader_Set(raw, fleet::kFaultHeader, fault.c_str()));
+  jsErrCode code{};
+  check("damaged log", js_PublishMsg(nullptr, stream_.get(), raw, nullptr, &code), code);
+}
+
+bool LogStream::isEmpty() {
+  connect();
+  jsErrCode code{};
+  jsConsumerInfo* info = nullptr;
+  check("consumer",
+        js_GetConsumerInfo(&info, stream_.get(), fleet::kStream, options_.durable.c_str(), nullptr,
+                           &code),
+        code);
+  const bool isEmpty = info->NumPending == 0 && info->NumAckPending == 0;
+  jsConsumerInfo_Destroy(info);
+  return isEmpty;
+}
+
+}  // namespace skelda::tools
