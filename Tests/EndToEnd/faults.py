@@ -235,6 +235,8 @@ class Runner:
         calm = self.run(None)
         if calm.problems or calm.missing:
             raise AssertionError(f"without a fault: {calm.problems}, missing {calm.missing}")
+        if not all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")):
+            raise AssertionError(f"calls go past the host's: {calm.counts}")
         faults = []
         for kind, whats in KINDS.items():
             for at in range(1, calm.counts[kind] + 1, STRIDE.get(kind, 1)):

@@ -20,6 +20,12 @@ bool becomes(Condition condition) {
   return true;
 }
 
+/// Waits until what was posted to the actor has run, and what that posted in turn.
+template <class Actor>
+void settle(Actor& actor) {
+  for (int hops = 0; hops < 3; ++hops) actor.syncBlock([] {});
+}
+
 /// What was told to a test from other threads, in order. Any thread.
 template <class Thing>
 class Recorded {

@@ -93,11 +93,6 @@ class RecordingStage : public platform::Object,
   Recorded<std::int32_t> states_;
 };
 
-/// Waits until what was posted to the stage has run, with the hop that a message takes behind it.
-inline void settle(SkeldaActorStreamComponentBase& stage) {
-  for (int hops = 0; hops < 3; ++hops) stage.syncBlock([] {});
-}
-
 /// A stage between two recorders, ready to forward.
 template <class Stage>
 std::shared_ptr<RecordingStage> readyBeforeRecorder(Stage& stage) {

@@ -25,11 +25,6 @@
 namespace skelda::testing {
 namespace {
 
-/// Waits until what was posted to the provider has run, and what that posted in turn.
-inline void settle(SkeldaDataProvider& provider) {
-  for (int hops = 0; hops < 3; ++hops) provider.syncBlock([] {});
-}
-
 class Provider : public SkeldaDataProvider {
  public:
   static std::shared_ptr<Provider> make() { return made(new Provider()); }

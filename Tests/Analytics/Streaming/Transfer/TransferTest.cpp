@@ -67,9 +67,7 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
   }
   void makeWithOneUpload() { make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}); }
   /// Until the manager has nothing left to do.
-  void settle() {
-    for (int posted = 0; posted < 2; ++posted) manager_->syncBlock([] {});
-  }
+  void settle() { testing::settle(*manager_); }
   void put(int count) {
     for (int i = 1; i <= count; ++i) folder_->names.insert("log" + std::to_string(i));
   }

@@ -79,7 +79,7 @@ class Pipeline : public SkeldaWatchStreamManager {
   static void settleActor(const std::shared_ptr<T>& module) {
     const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module);
     ASSERT_NE(actor, nullptr);
-    for (int hops = 0; hops < 3; ++hops) actor->syncBlock([] {});
+    settle(*actor);
   }
   std::vector<StageRef> stages_;
 };
