@@ -315,13 +315,14 @@ void SkeldaDataSenderIndex::discardBlocksBeyondMost(const std::string& dataKey,
 }
 
 void SkeldaDataSenderIndex::discardOutdatedBlocksForDataKey(const std::string& dataKey) {
-  indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
-    self->onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
+  indexMapQueue_->sync([&] {
+    onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
     // Everything was taken: on disk at once, or a next start would send it again.
-    const auto found = self->indexMap_.find(dataKey);
-    if (found == self->indexMap_.end() || !found->second.empty()) return;
-    self->saveQueue_->async(skelda::guarded([self] { self->onsavequeue_writePending(); }));
-  }));
+    const auto found = indexMap_.find(dataKey);
+    if (found == indexMap_.end() || !found->second.empty()) return;
+    saveQueue_->async(
+        skelda::guarded([self = shared_from_this()] { self->onsavequeue_writePending(); }));
+  });
 }
 
 void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKey) {

@@ -83,16 +83,14 @@ void SkeldaNodeDataProvider::onqueue_beginMonitoringFile() {
   const int descriptor = platform::fileCall<&platform::FileCalls::open>(
       filePath_.c_str(), O_PATH | O_DIRECTORY, ::mode_t{0});
   fileDescriptor_ = descriptor;
-  source_ = platform::FolderSource::make(
-      descriptor,
-      platform::Queue::serial("SkeldaNodeDataProvider.events", platform::Queue::global()));
+  source_ = platform::FolderSource::make(descriptor, queue());
   const std::weak_ptr<SkeldaNodeDataProvider> weak = selfOf(this);
   source_->setEventHandler([weak, descriptor](unsigned events) {
     const auto self = weak.lock();
     if (self == nullptr) return;
-    self->asyncBlock([self, descriptor, events] {
+    self->wrapAsyncBlock([self, descriptor, events] {
       if (self->fileDescriptor_ == descriptor) self->onqueue_alertDelegateOfEvents(events);
-    });
+    })();
   });
   source_->setCancelHandler([weak, descriptor] {
     if (const auto self = weak.lock()) {
