@@ -4,6 +4,7 @@ collectors in front of them."""
 import base64
 import contextlib
 import os
+import re
 import ssl
 import subprocess
 import urllib.error
@@ -23,6 +24,23 @@ def is_built():
     return "--replicas" in subprocess.run([COLLECTOR, "--help"], capture_output=True, text=True, check=True).stdout
 
 
+def deployed(unit, name, **environment):
+    """What a service unit of deploy/ would run, with the example's environment, other values for some
+    of it, and the tree's own files."""
+    text = (ROOT / "deploy" / f"{unit}@.service").read_text().replace("\\\n", "")
+    command = re.search("^ExecStart=(.*)", text, re.MULTILINE)[1].split()
+    example = (ROOT / "deploy/example" / f"{unit.removeprefix('skelda-')}-1.env").read_text()
+    values = dict(line.split("=", 1) for line in example.splitlines()) | environment
+    words = []
+    for word in command:
+        if word.startswith("$") and not word.startswith("${"):
+            words += values[word[1:]].split()  # as the service manager does
+            continue
+        word = re.sub(r"\$\{(\w+)\}", lambda found: str(values[found[1]]), word).replace("%i", name)
+        words.append(word.replace("/etc/skelda-fleet/", f"{ROOT}/deploy/"))
+    return words
+
+
 class Servers:
     """Some servers that keep one stream, each in a folder of its own, which outlives it."""
 
@@ -39,11 +57,9 @@ class Servers:
 
     def start(self, index):
         routes = ",".join(f"nats://127.0.0.1:{port}" for port in self.routes)
-        self.processes[index] = Process(
-            [NATS_SERVER, "-c", str(ROOT / "deploy/nats-server.conf"), "--name", f"skelda-{index}",
-             "--addr", "127.0.0.1", "--port", str(self.ports[index]),
-             "--cluster", f"nats://127.0.0.1:{self.routes[index]}", "--routes", routes,
-             "--store_dir", str(self.folder / f"nats-{index}")])
+        self.processes[index] = Process(deployed(
+            "skelda-nats", f"skelda-{index}", PORT=self.ports[index], CLUSTER=f"127.0.0.1:{self.routes[index]}",
+            ROUTES=routes, STATE_DIRECTORY=self.folder / f"nats-{index}"))
 
     def kill(self, index):
         self.processes[index].kill()
