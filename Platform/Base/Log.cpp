@@ -210,18 +210,16 @@ void Lines::showDetails() {
 // -- Saying a line
 
 void Lines::say(std::string_view line, Log::Kind kind) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
   const MutexLock lock(mutex_);
   if (destination_ == nullptr) useEnvironment();
   // Where lines are missing stands their number, not the next line.
   if (dropped_ > 0 && !saidWhatWasDropped()) return drop();
-  take({kind, now, std::string(line)});
+  take({kind, {}, std::string(line)});
 }
 
 void Lines::take(Line line) {
   if (!isShown(line.kind, destination_->shows())) return;
-  if (line.when.tv_sec == 0) clock_gettime(CLOCK_REALTIME, &line.when);
+  clock_gettime(CLOCK_REALTIME, &line.when);
   if (waiting_.empty() && !isDelivering_ && wasWrittenNow(line)) return;
   keep(std::move(line));
 }

@@ -58,16 +58,18 @@ bool ReadWatcher::tell(WatchId id, Watch& watch) noexcept {
   event.data.u64 = id;
   const int how = watch.isKnown ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
   if (epoll_ctl(epoll, how, watch.descriptor, &event) != 0) {
-    return errno != ENOMEM && errno != ENOSPC;
+    watch.isDue = errno == ENOMEM || errno == ENOSPC;
+    return !watch.isDue;
   }
   watch.isKnown = true;
+  watch.isDue = false;
   return true;
 }
 
 bool ReadWatcher::obtain() noexcept {
   const MutexLock lock(mutex_);
   bool all = true;
-  for (auto& [id, watch] : watches_) all = (watch.isKnown || tell(id, watch)) && all;
+  for (auto& [id, watch] : watches_) all = (!watch.isDue || tell(id, watch)) && all;
   return all;
 }
 

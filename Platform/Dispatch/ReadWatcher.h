@@ -35,6 +35,7 @@ class ReadWatcher final : public Wanted {
     std::weak_ptr<ReadListener> listener;
     bool isArmed = false;
     bool isKnown = false;  // to epoll
+    bool isDue = true;     // the system was not told, or refused
   };
 
   static int make(const void*) noexcept;

@@ -11,7 +11,7 @@ notices must do so twice; one that takes several times as long as it does undist
 Equivalents are judged too: one that is noticed is none.
 
 What was judged is in build/mutants/judged.tsv as it comes. --resume goes on where a run was
-interrupted; --survivors judges again what lived. --at-home asks no other programs. With --matrix no program stops at the first test that
+interrupted, in the copy of the tree as it was; --survivors judges again what lived. --at-home asks no other programs. With --matrix no program stops at the first test that
 notices, and FILE gets a line for each mutant with all of them: a test that is the only one is not to
 be cut.
 
@@ -55,6 +55,7 @@ PROGRAMS = {
 # Run by its tests as a process, where it lies.
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
 QUICK = 300  # milliseconds
+COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -91,15 +92,15 @@ def judged_before():
 class Build:
     """A copy of the tree, its test programs, and how each object and program of it is made."""
 
-    def __init__(self):
+    def __init__(self, as_it_was):
         self.tree, self.folder = WORK / "tree", WORK / "tree/build/debug"
         self.programs = sorted(set(PROGRAMS.values()))
-        self.copy()
-        launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
-        linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=mold"] if shutil.which("mold") else []
-        self.call("cmake", "--preset", "debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", *launcher, *linker)
-        self.call("ninja", "-C", self.folder, *self.programs)
+        if not as_it_was or not self.folder.exists():
+            self.make()
         self.compiling = {entry["file"]: entry for entry in json.loads((self.folder / "compile_commands.json").read_text())}
+        # What most files include, read once.
+        (WORK / "common.h").write_text("".join(f"#include <{name}>\n" for name in COMMON.split()))
+        self.call(*self.compiler("Platform/Base/Log.cpp", WORK / "common.h", WORK / "common.h.gch"))
         self.linking = {name: self.call("ninja", "-C", self.folder, "-t", "commands", "-s", target).strip()
                         for name, target in [(name, f"Tests/{name}") for name in self.programs] + [(name, name) for name in TOOL.values()]}
         commands = self.call("ninja", "-C", self.folder, "-t", "commands", *self.programs)
@@ -107,6 +108,13 @@ class Build:
                         for member in members.split()}
         self.calm = self.undisturbed()
         self.tool = threading.Lock()
+
+    def make(self):
+        self.copy()
+        launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
+        linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=mold"] if shutil.which("mold") else []
+        self.call("cmake", "--preset", "debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", *launcher, *linker)
+        self.call("ninja", "-C", self.folder, *self.programs)
 
     def copy(self):
         """Files that differ alone are written, so that little is built anew; what is gone goes here, too."""
@@ -158,14 +166,18 @@ class Build:
         broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in ended]
         return ended, broken, status
 
+    def compiler(self, like, source, target):
+        words = shlex.split(self.compiling[str(self.tree / like)]["command"])
+        words[words.index("-o") + 1], words[words.index("-c") + 1] = target, source
+        return [word for word in words if word not in ("ccache", "-Werror")] + ["-w"]
+
     def compiled(self, source, text, folder):
         """The object of a source file that has another text; None where that is no program."""
-        entry = self.compiling[str(self.tree / source)]
-        words = [word for word in shlex.split(entry["command"]) if word not in ("ccache", "-Werror")]
         (folder / "mutant.cpp").write_text(text)
-        member = words[words.index("-o") + 1]
-        words[words.index("-o") + 1], words[words.index("-c") + 1] = folder / "mutant.o", folder / "mutant.cpp"
-        run = subprocess.run([*words, "-w"], cwd=self.folder, capture_output=True)
+        words = self.compiler(source, folder / "mutant.cpp", folder / "mutant.o")
+        run = subprocess.run([*words, "-include", WORK / "common.h"], cwd=self.folder, capture_output=True)
+        entry = self.compiling[str(self.tree / source)]
+        member = re.search(r" -o (\S+) ", entry["command"])[1]
         return member if run.returncode == 0 else None
 
     def concerns(self, program, member):
@@ -286,7 +298,7 @@ def main():
         todo = [mutant for mutant, verdict in verdicts.items()
                 if (not verdict if at_home else verdict.kind == "lives at home")]
         judged.update(todo)
-        build = build or (Build() if todo else None)
+        build = build or (Build(options.resume) if todo else None)
         with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
             judging = {jobs.submit(judge, build, mutant, options.matrix is not None, at_home): mutant for mutant in todo}
             try:

@@ -10,12 +10,23 @@
 #include <functional>
 
 #include "Tests/Platform/Dispatch/Waiting.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::platform {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// How many watches the process has, of all of its watchers.
+std::size_t systemsWatches() {
+  std::size_t count = 0;
+  for (const auto& descriptor : fs::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(descriptor.path());
+    for (std::string line; std::getline(info, line);) count += line.starts_with("inotify");
+  }
+  return count;
+}
 
 class FolderSourceTest : public ::testing::Test {
  protected:
@@ -31,17 +42,14 @@ class FolderSourceTest : public ::testing::Test {
   }
   std::shared_ptr<FolderSource> watch() {
     auto source = FolderSource::make(descriptor_, queue_);
-    source->setEventHandler([this](unsigned events) {
-      seen_ |= events;
-      const std::lock_guard lock(mutex_);
-      changed_.notify_all();
-    });
+    source->setEventHandler([this](unsigned events) { seen_.add(events); });
     return source;
   }
-  bool sees(unsigned events) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return (seen_ & events) == events; });
+  /// Whether that was told, behind the first `from` events.
+  bool sees(unsigned event, std::size_t from = 0) {
+    return seen_.waitUntil([&](const std::vector<unsigned>& all) {
+      return all.size() > from && (all.back() & event) != 0;
+    });
   }
 
   const skelda::testing::TemporaryDirectory temporary_;
@@ -49,16 +57,14 @@ class FolderSourceTest : public ::testing::Test {
   const fs::path folder_ = outer_ / "watched";
   int descriptor_ = -1;
   QueueRef queue_ = Queue::serial("events");
-  std::atomic<unsigned> seen_{0};
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  skelda::testing::Recorded<unsigned> seen_;
   std::shared_ptr<FolderSource> source_;
 };
 
 TEST_F(FolderSourceTest, EntriesThatComeGoOrAreRenamedAreToldOnceItIsResumed) {
   std::ofstream(folder_ / "first") << "early";
   expectDrained(queue_);
-  EXPECT_EQ(seen_, 0U);
+  EXPECT_EQ(seen_.size(), 0U);
   source_->resume();
   EXPECT_TRUE(sees(kFolderWritten));
 
@@ -71,27 +77,42 @@ TEST_F(FolderSourceTest, EntriesThatComeGoOrAreRenamedAreToldOnceItIsResumed) {
   };
   for (const auto& change : changes) {
     expectDrained(queue_);
-    seen_ = 0;
+    const std::size_t before = seen_.size();
     change();
-    EXPECT_TRUE(sees(kFolderWritten));
+    EXPECT_TRUE(sees(kFolderWritten, before));
   }
-  EXPECT_EQ(seen_ & kFolderGone, 0U);
+  for (const unsigned events : seen_.all()) EXPECT_EQ(events & kFolderGone, 0U);
+  fs::remove_all(folder_);
+  EXPECT_TRUE(sees(kFolderGone)) << "removed while it is open";
 }
 
-TEST_F(FolderSourceTest, AFolderThatIsRemovedWhileItIsOpenIsGone) {
+TEST_F(FolderSourceTest, WhatComesBeforeTheHandlerHasRunIsToldInOneCall) {
+  skelda::testing::Recorded<unsigned> besides;  // later in the row, so the first has heard by then
+  const QueueRef queue = Queue::serial("beside");
+  const auto second = FolderSource::make(descriptor_, queue);
+  second->setEventHandler([&](unsigned events) { besides.add(events); });
+  second->resume();
   source_->resume();
-  fs::remove(folder_);
-  EXPECT_TRUE(sees(kFolderGone));
+  queue_->suspend();
+  for (std::size_t i = 1; i < 4; ++i) {
+    fs::create_directory(folder_ / std::to_string(i));
+    EXPECT_EQ(besides.wait(i).size(), i);
+  }
+  queue_->resume();
+  expectDrained(queue_);
+  EXPECT_EQ(seen_.size(), 1U);
+  second->cancel();
+  expectDrained(queue);
 }
 
-TEST_F(FolderSourceTest, AFolderThatIsRenamedOrReplacedIsGone) {
+TEST_F(FolderSourceTest, AFolderThatIsRenamedIsGoneForEverySourceOfIt) {
   const auto second = watch();
   source_->resume();
   fs::rename(folder_, outer_ / "elsewhere");
   EXPECT_TRUE(sees(kFolderGone));
-  seen_ = 0;
+  const std::size_t before = seen_.size();
   second->resume();
-  EXPECT_TRUE(sees(kFolderGone)) << "every source of one folder hears of it";
+  EXPECT_TRUE(sees(kFolderGone, before));
   second->cancel();
 }
 
@@ -106,13 +127,18 @@ TEST_F(FolderSourceTest, TheCancelHandlerComesOnceAndNothingAfterIt) {
   queue_->resume();
   expectDrained(queue_);
   EXPECT_EQ(cancelled, 1);
-  EXPECT_EQ(seen_, 0U);
+  EXPECT_EQ(seen_.size(), 0U);
 
-  auto letGo = watch();
-  letGo->setCancelHandler([&] { ++cancelled; });
-  letGo.reset();
-  expectDrained(queue_);
-  EXPECT_EQ(cancelled, 2);
+  const std::size_t before = systemsWatches();
+  for (int i = 2; i < 5; ++i) {
+    auto letGo = watch();
+    EXPECT_GT(systemsWatches(), before);
+    letGo->setCancelHandler([&] { ++cancelled; });
+    letGo.reset();
+    expectDrained(queue_);
+    EXPECT_EQ(cancelled, i);
+  }
+  EXPECT_EQ(systemsWatches(), before);
 }
 
 }  // namespace

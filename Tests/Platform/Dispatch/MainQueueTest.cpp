@@ -71,7 +71,18 @@ TEST(MainQueueTest, AStopThatComesBeforeTheHostServesIsNotLost) {
 }
 
 TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
+  const Happening busy, leave;
+  std::atomic<bool> left{false};
+  Queue::serial("above", Queue::main())->async([&] {
+    busy.happen();
+    EXPECT_TRUE(leave.cameInTime());
+    left = true;
+  });
+  ASSERT_TRUE(busy.cameInTime());
   std::thread host([] { EXPECT_TRUE(MainQueue::run()); });
+  Queue::main()->async([&] { EXPECT_TRUE(left) << "one block at a time, whoever serves"; });
+  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(10)));
+  leave.happen();
   while (threadOfMainQueue() != host.get_id()) std::this_thread::yield();
   std::atomic<int> afterTheStop{0};
   Queue::main()->async([&] {

@@ -60,6 +60,7 @@ TEST(OnceTest, WaitingForTheBodyLetsThePoolGrow) {
       for (int i = 0; i < 32; ++i) {
         Queue::global()->async([&] {
           once([] { FAIL(); });
+          EXPECT_TRUE(once.isDone());
           all.happen();
         });
       }

@@ -13,21 +13,6 @@
 namespace skelda::platform {
 namespace {
 
-TEST(QueueTest, ASerialQueueKeepsTheOrderOfAnyMixOfSubmissions) {
-  const QueueRef queue = Queue::serial("mixed");
-  const GroupRef group = Group::make();
-  std::vector<int> ran;
-  for (int i = 0; i < 1000; i += 5) {
-    queue->async([&ran, i] { ran.push_back(i); });
-    queue->barrierAsync([&ran, i] { ran.push_back(i + 1); });
-    queue->groupAsync(group, [&ran, i] { ran.push_back(i + 2); });
-    queue->post([&ran, i] { ran.push_back(i + 3); });
-    queue->sync([&ran, i] { ran.push_back(i + 4); });
-    ASSERT_EQ(ran.size(), static_cast<std::size_t>(i) + 5) << "sync comes after what was there";
-  }
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(ran[static_cast<std::size_t>(i)], i);
-}
-
 TEST(QueueTest, ASynchronousBlockRunsOnTheCallerWhetherTheQueueIsIdleOrBusy) {
   const QueueRef target = Queue::serial("target");
   for (const QueueRef& queue :
@@ -271,20 +256,22 @@ TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
   std::atomic<bool> stop{false};
   struct Greedy {
     std::atomic<bool>& stop;
-    QueueRef queue = Queue::serial("greedy");
+    Queue::Priority priority;
+    QueueRef queue = Queue::serial("greedy", Queue::global(priority));
     void again() {
       if (!stop) queue->async([this] { again(); });
     }
   };
   std::vector<std::unique_ptr<Greedy>> greedy;
   for (int i = 0; i < 16; ++i) {
-    greedy.emplace_back(new Greedy{stop});
+    greedy.emplace_back(
+        new Greedy{stop, i % 2 == 0 ? Queue::Priority::high : Queue::Priority::normal});
     greedy.back()->again();
     greedy.back()->again();
   }
   for (const auto priority : {Queue::Priority::normal, Queue::Priority::background}) {
     const QueueRef modest = Queue::serial("modest", Queue::global(priority));
-    for (int i = 0; i < 20; ++i) expectDrained(modest);
+    for (int i = 0; i < 5; ++i) expectDrained(modest);
   }
   stop = true;
   for (const auto& one : greedy) {

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 
+#include "Platform/Dispatch/Wanted.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace skelda::platform {
@@ -29,6 +30,7 @@ TEST(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
   EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(10)));
   expectDrained(queue);
   EXPECT_EQ(told, 0);
+  EXPECT_FALSE(Wanted::any()) << "nobody goes on asking for what is there";
   source->resume();
   EXPECT_TRUE(hungUp.cameInTime());
   source->cancel();

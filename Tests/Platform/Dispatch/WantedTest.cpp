@@ -132,7 +132,9 @@ TEST_F(WantedDeathTest, WhatTheSystemRefusesOnceOrSeveralTimesIsHadLater) {
       const auto useWithRefusals = [&] {
         call->refusals = times;
         useEverything();
-        std::_Exit(call->refusals > 0 ? 2 : 0);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (Wanted::any() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+        std::_Exit(call->refusals > 0 ? 2 : Wanted::any() ? 3 : 0);
       };
       EXPECT_EXIT(useWithRefusals(), ::testing::ExitedWithCode(0), "")
           << call->name << " " << times;
@@ -155,6 +157,22 @@ TEST_F(WantedDeathTest, ADelayedBlockComesThoughNobodySubmitsAnythingAfterIt) {
     };
     EXPECT_EXIT(delayOne(), ::testing::ExitedWithCode(0), "") << call->name;
   }
+}
+
+TEST_F(WantedDeathTest, AReaderIsToldThoughNobodySubmitsAnythingAfterIt) {
+  const auto readOne = [] {
+    static Unseen canBeRead;
+    Queue::global()->sync([] {});
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0 || write(ends[1], "x", 1) != 1) std::abort();
+    const auto reader = ReadSource::make(ends[0], Queue::serial("pipe"));
+    reader->setEventHandler([] { canBeRead.happen(); });
+    watches.refusals = 4;
+    reader->resume();
+    canBeRead.expect("the reader");
+    std::_Exit(watches.refusals > 0 ? 2 : 0);
+  };
+  EXPECT_EXIT(readOne(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(WantedDeathTest, NothingOfTheLayerTakesTheNumberOfAStandardDescriptor) {

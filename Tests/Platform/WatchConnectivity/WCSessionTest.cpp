@@ -107,15 +107,6 @@ TEST_F(WCSessionTest, OnlyAnsweredCallsAreMadeAndADelegateThatThrowsIsContained)
   EXPECT_THAT(narrow->wait(1), ElementsAre(R"(info {"n":2})"));
 }
 
-TEST_F(WCSessionTest, BytesThatAreNoPacketCostThePeerItsLink) {
-  activate();
-  watchEnd_->setJoined(true);
-  atWatch_->wait(2);
-  phoneEnd_->send(platform::Data(std::string("garbage")));
-  EXPECT_EQ(atWatch_->wait(3).back(), "peer went");
-  EXPECT_FALSE(watch_->sendMessage({{"a", 1}}));
-}
-
 class WCSocketTransportTest : public testing::Test {
  protected:
   WCSocketTransportTest() {

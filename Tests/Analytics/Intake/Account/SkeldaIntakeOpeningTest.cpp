@@ -187,7 +187,9 @@ TEST_F(SkeldaIntakeOpeningTest, ASettlingThatAKillCutShortIsCompleted) {
 TEST_F(SkeldaIntakeOpeningTest, WhatStartsDieOfIsTakenAloneAndDroppedInTheEnd) {
   for (const char* payload : {"poison", "harmless"}) append(*open(), payload);
   for (unsigned start = 0; start < SkeldaIntakeFile::kAttemptsBesideOthers; ++start) {
-    EXPECT_EQ(payloadsOf(*open()).size(), 2U) << start;
+    const auto file = open();
+    EXPECT_EQ(payloadsOf(*file).size(), 2U) << start;
+    EXPECT_EQ(file->page().replayed[0], 2U) << "each counts once, at start " << start;
   }
   for (unsigned start = 0; start < SkeldaIntakeFile::kAttemptsAlone; ++start) {
     EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"poison"}) << start;
