@@ -184,6 +184,7 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
     const auto sender = makeSender();
     counted();
     const std::uint64_t requests = SkeldaAccounting::page().requests;
+    const std::uint64_t bytesSent = SkeldaAccounting::page().bytesSent;
     EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
     ASSERT_TRUE(server.waitForRequests(1));
     ASSERT_TRUE(server.waitUntil([&] { return isIdle(sender); }));
@@ -192,6 +193,7 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
     EXPECT_EQ(server.requests().size(), 1u) << one.status;
     EXPECT_EQ(counted(), (Counts{1, one.status / 100 == 2, one.status == 400, 0, 0, 0}));
     EXPECT_EQ(SkeldaAccounting::page().requests, requests + 1);
+    EXPECT_EQ(SkeldaAccounting::page().bytesSent, bytesSent + (one.status != 0 ? 3 : 0));
     if (one.status != 0) {
       EXPECT_EQ(SkeldaAccounting::page().lastAnswer, static_cast<std::uint64_t>(one.status));
     }
@@ -240,6 +242,11 @@ TEST_F(SkeldaDataSenderTest, WaitingBlocksGoOutAgainAfterASuccessOrWhenTheNetwor
   EXPECT_TRUE(sender->sendFrameLogData(bytes("d")));
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty(); }));
   EXPECT_EQ(server.requests().size(), 10u);
+  EXPECT_TRUE(sender->dataIndex()->sentReportSuccessfully());
+  status = 500;
+  EXPECT_TRUE(sender->sendFrameLogData(bytes("e")));
+  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 11 && isIdle(sender); }));
+  EXPECT_FALSE(sender->dataIndex()->sentReportSuccessfully());
 }
 
 TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
@@ -277,11 +284,14 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   const auto sender = makeSender();
   counted();
   std::vector<std::string> identifiers;
-  for (const char* text : {"whole", "missing", "truncated"}) {
+  for (const char* text : {"whole", "missing", "truncated", "linked"}) {
     identifiers.push_back(sender->storeData(bytes(text)).value_or(""));
   }
   std::filesystem::remove(home_.storageFolder() + "/" + identifiers[1]);
   writeFile(home_.storageFolder() + "/" + identifiers[2], "trunc");
+  const std::string linked = home_.storageFolder() + "/" + identifiers[3];
+  std::filesystem::rename(linked, home_ / "elsewhere");
+  std::filesystem::create_symlink(home_ / "elsewhere", linked);
   {
     const auto plan = std::make_shared<FaultPlan>();
     FaultyFileCalls calls(plan);
@@ -294,7 +304,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   sendTo(server);
   sender->retransmitNotSentBlocks();
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty() && isIdle(sender); }));
-  EXPECT_EQ(counted(), (Counts{3, 1, 0, 0, 0, 2}));
+  EXPECT_EQ(counted(), (Counts{4, 1, 0, 0, 0, 3}));
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].body, "whole");
 }
@@ -383,11 +393,14 @@ TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {
   const auto sender = makeSender();
   for (const char* text : {"a", "b"}) EXPECT_TRUE(sender->sendFrameLogData(bytes(text)));
   ASSERT_TRUE(server.waitUntil([&] { return server.held() == 2; }));
+  EXPECT_TRUE(sender->storeData(bytes("c")));
+  sender->retransmitNotSentBlocks();
+  ASSERT_TRUE(server.waitUntil([&] { return server.held() == 3; })) << "beside those under way";
   sender->queue()->sync([&] { sender->cancelTasks(); });
   EXPECT_TRUE(isIdle(sender));
-  ASSERT_TRUE(server.waitUntil([&] { return log_.count("Could not connect to server: ") == 2; }));
+  ASSERT_TRUE(server.waitUntil([&] { return log_.count("Could not connect to server: ") == 3; }));
   EXPECT_TRUE(isIdle(sender)) << "the late ends find nothing to do";
-  EXPECT_EQ(blocks(sender).size(), 2u);
+  EXPECT_EQ(blocks(sender).size(), 3u);
   server.release();
 }
 
