@@ -20,6 +20,11 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime development tools)
+if(SKELDA_FLEET)
+  # Alone: what the others need must not come to be more for it.
+  set(CPACK_COMPONENTS_ALL fleet)
+  set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/SkeldaPackagePapers.cmake)
@@ -57,6 +62,16 @@ skelda_package(tools skelda-tools devel
   "tools for developers whose applications carry the Skelda_Watch agent"
   "An ingestion endpoint for one's own machine, a stand-in for the paired phone,
 a reader of frame logs, and what else helps to see that events arrive.")
+if(SKELDA_FLEET)
+  skelda_package(fleet skelda-fleet net
+    "ingestion endpoint for many devices that carry the Skelda_Watch agent"
+    "Collectors without a state of their own in front of a replicated stream, a loader
+that writes what arrives into a database, and a program that plays many devices.
+.
+Its collector takes the place of that of skelda-tools, and does what that one does.")
+  set(CPACK_DEBIAN_FLEET_PACKAGE_REPLACES skelda-tools)
+  set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS "nats-server, postgresql")
+endif()
 
 set(runtime libskelda-watch${PROJECT_VERSION_MAJOR})
 if(SKELDA_PACKAGE_DEPENDS)
@@ -65,6 +80,7 @@ if(SKELDA_PACKAGE_DEPENDS)
 else()
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_FLEET_PACKAGE_SHLIBDEPS ON)
 endif()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${debian}/triggers)

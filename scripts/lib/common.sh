@@ -10,6 +10,9 @@ jobs="${SKELDA_JOBS:-$(nproc 2>/dev/null || echo 2)}"
 packages_build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libplist-dev
   nlohmann-json3-dev libfmt-dev uuid-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev libcli11-dev python3)
+# With SKELDA_FLEET: what is built, and what it runs against.
+packages_fleet=(libnats-dev libmicrohttpd-dev libpq-dev)
+packages_fleet_run=(nats-server postgresql iproute2)
 packages_fuzz=(clang libclang-rt-14-dev)
 packages_format=(clang-format)
 # A browser for the page of the collector: 120 MB to fetch, 420 MB installed. Without it its test is
