@@ -1,4 +1,4 @@
-"""skelda-fleet's load: many devices that send to a collector over HTTPS."""
+"""skelda-fleet's load, many devices that send to a collector over HTTPS; and what builds without all that."""
 
 import collections
 import hashlib
@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 from frame_log import COUNTER, FLUSH, frames_of
-from support import BUILD, Collector
+from support import BUILD, ROOT, Collector
 from test_collector import frame
 
 FLEET = BUILD / "Tools/skelda-fleet/skelda-fleet"
@@ -49,3 +49,12 @@ class FleetLoad(unittest.TestCase):
             self.assertEqual(8, len(counters))
             for device, numbers in counters.items():
                 self.assertEqual(list(range(1, len(numbers) + 1)), sorted(numbers), device)
+
+
+class WithoutTheFleet(unittest.TestCase):
+    def test_who_builds_the_library_and_its_tools_is_asked_for_nothing_of_it(self):
+        with tempfile.TemporaryDirectory(prefix="skelda-fleet-") as tree:
+            subprocess.run(["cmake", "-G", "Ninja", "-S", ROOT, "-B", tree, "-DSKELDA_TOOLS=ON"], check=True, timeout=300,
+                           stdout=subprocess.DEVNULL)
+            for file in ("CMakeCache.txt", "build.ninja", "Tools/cmake_install.cmake"):
+                self.assertNotRegex((pathlib.Path(tree) / file).read_text(), r"(?i)nats|libpq|postgres|microhttpd|skelda-load")
