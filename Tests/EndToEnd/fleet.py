@@ -42,10 +42,12 @@ def deployed(unit, name, **environment):
 
 
 class Servers:
-    """Some servers that keep one stream, each in a folder of its own, which outlives it."""
+    """Some servers that keep one stream, each in a folder of its own, which outlives it. `hosts` are
+    their addresses, and `inside` what stands before the command that starts each, where it matters."""
 
-    def __init__(self, folder, count=3):
+    def __init__(self, folder, count=3, hosts=None, inside=None):
         self.folder = folder
+        self.hosts, self.inside = hosts or ["127.0.0.1"] * count, inside or [[]] * count
         self.ports, self.routes = free_ports(count), free_ports(count)
         self.processes = [None] * count
         for index in range(count):
@@ -53,13 +55,14 @@ class Servers:
 
     @property
     def url(self):
-        return "nats://" + ",".join(f"127.0.0.1:{port}" for port in self.ports)
+        return "nats://" + ",".join(f"{host}:{port}" for host, port in zip(self.hosts, self.ports))
 
     def start(self, index):
-        routes = ",".join(f"nats://127.0.0.1:{port}" for port in self.routes)
-        self.processes[index] = Process(deployed(
-            "skelda-nats", f"skelda-{index}", PORT=self.ports[index], CLUSTER=f"127.0.0.1:{self.routes[index]}",
-            ROUTES=routes, STATE_DIRECTORY=self.folder / f"nats-{index}"))
+        routes = ",".join(f"nats://{host}:{port}" for host, port in zip(self.hosts, self.routes))
+        self.processes[index] = Process([*self.inside[index], *deployed(
+            "skelda-nats", f"skelda-{index}", ADDRESS=self.hosts[index], PORT=self.ports[index],
+            CLUSTER=f"{self.hosts[index]}:{self.routes[index]}", ROUTES=routes,
+            STATE_DIRECTORY=self.folder / f"nats-{index}")])
 
     def kill(self, index):
         self.processes[index].kill()
@@ -80,9 +83,9 @@ class Servers:
 
     def client(self):
         """A connection to any server that takes one."""
-        for port in self.ports:
+        for host, port in zip(self.hosts, self.ports):
             with contextlib.suppress(OSError):
-                return Stream(port)
+                return Stream(port, host=host)
         raise OSError("no server of the stream answers")
 
     def leader(self):

@@ -90,8 +90,8 @@ def usual_log(device, counter, at, events=30):
 class Stream:
     """A client of the stream's servers: requests, and as many of them at once as one likes."""
 
-    def __init__(self, port, within=5.0):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=within)
+    def __init__(self, port, within=5.0, host="127.0.0.1"):
+        self.socket = socket.create_connection((host, port), timeout=within)
         self.input = self.socket.makefile("rb")
         self.input.readline()
         options = {"verbose": False, "headers": True, "no_responders": True}

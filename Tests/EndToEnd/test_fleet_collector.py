@@ -42,10 +42,13 @@ class Sender(threading.Thread):
         self.acknowledged, self.refused = [], 0
         self.ends = threading.Event()
 
+    def make(self, count):
+        return LOG + frame(134, {"sender": self.number, "n": count})
+
     def run(self):
         clients = {}
         for count in range(1_000_000):
-            log = LOG + frame(134, {"sender": self.number, "n": count})
+            log = self.make(count)
             for attempt in range(1_000_000):
                 if self.ends.is_set():
                     return

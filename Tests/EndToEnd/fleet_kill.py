@@ -1,0 +1,352 @@
+"""Everything behind the address is killed under load: servers of the stream, collectors, the loader,
+the database; one server's disk is full, another is cut off; and agents are killed and started. In the
+end every log that was acknowledged is in the stream and in the database, once, with all its events.
+
+    python3 Tests/EndToEnd/fleet_kill.py MINUTES [--seed N] [--rate LOGS]
+"""
+
+import argparse
+import collections
+import contextlib
+import os
+import pathlib
+import random
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import fleet
+import frame_log
+from loading import Database, digest, loader, usual_log
+from support import Home, eventually, fill, give_identifiers
+from test_fleet_collector import Sender, resident
+
+SENDERS = 8
+DAMAGED = 40  # every so many logs of a sender one that ends in rubbish
+SMALL, APART = 1, 2  # the server whose disk is small, and the one that can be cut off
+
+
+class SteadySender(Sender):
+    """Logs of 10 KB, as many a second as are wanted."""
+
+    def __init__(self, number, collectors, rate):
+        super().__init__(number, collectors)
+        self.pause, self.began, self.events = 1 / rate, int(time.time() * 1000), 0
+
+    def make(self, count):
+        self.ends.wait(self.pause)
+        log = usual_log(f"sender-{self.number}", count + 1, self.began + count)
+        return log + b"rubbish" if count % DAMAGED == DAMAGED - 1 else log
+
+
+class Apart:
+    """A network namespace with a link to it that can be cut."""
+
+    def __init__(self):
+        self.name = f"skelda{os.getpid()}"
+        self.here, self.there = (f"10.213.{os.getpid() % 256}.{n}" for n in (1, 2))
+        near, self.far = f"sk{os.getpid()}a", f"sk{os.getpid()}b"
+        steps = (f"netns add {self.name}", f"link add {near} type veth peer name {self.far} netns {self.name}",
+                 f"addr add {self.here}/30 dev {near}", f"link set {near} up",
+                 f"-n {self.name} addr add {self.there}/30 dev {self.far}", f"-n {self.name} link set {self.far} up",
+                 f"-n {self.name} link set lo up")
+        self.is_there = shutil.which("ip") is not None and all(self.ip(step) for step in steps)
+
+    @staticmethod
+    def ip(words):
+        return subprocess.run(["ip", *words.split()], capture_output=True).returncode == 0
+
+    def cut(self, is_cut):
+        self.ip(f"-n {self.name} link set {self.far} {'down' if is_cut else 'up'}")
+
+    def close(self):
+        self.ip(f"netns del {self.name}")
+
+
+class FleetKill:
+    def __init__(self, minutes, seed, rate=80):
+        self.length, self.chance, self.rate = minutes * 60, random.Random(seed), rate
+        self.counts, self.problems, self.lines = collections.Counter(), [], []
+        self.most = collections.Counter()  # resident bytes
+        self.agents = []
+        self.stack = contextlib.ExitStack()
+
+    def __enter__(self):
+        try:
+            self.prepare()
+        except BaseException:
+            self.stack.close()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.stack.close()
+
+    def prepare(self):
+        enter, done = self.stack.enter_context, self.stack.callback
+        self.folder = pathlib.Path(enter(tempfile.TemporaryDirectory(prefix="skelda-fleet-", dir="/var/tmp")))
+        self.folder.chmod(0o755)
+        self.apart = Apart()
+        done(self.apart.close)
+        here, there = (self.apart.here, self.apart.there) if self.apart.is_there else ("127.0.0.1", "127.0.0.1")
+        inside = ["ip", "netns", "exec", self.apart.name] if self.apart.is_there else []
+        small = self.folder / f"nats-{SMALL}"
+        small.mkdir()
+        self.small = small if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=3g", "tmpfs", small],
+                                             capture_output=True).returncode == 0 else None
+        if self.small:
+            done(lambda: subprocess.run(["umount", "-l", small], check=False))
+        self.servers = enter(fleet.Servers(self.folder, 3, [here, here, there], [[], [], inside]))
+        self.database = enter(Database(self.folder / "database"))
+        self.start_loader()
+        done(lambda: self.loader.__exit__())
+        self.collectors = [enter(fleet.StreamCollector(self.folder, self.servers)) for _ in range(2)]
+        for collector in self.collectors:
+            collector.await_ready()
+        for number in range(2):
+            home = enter(Home())
+            give_identifiers(home)
+            self.agents.append((home, self.collectors[number], []))
+            self.start_agent(number)
+        done(self.stop_agents)
+        self.senders = [SteadySender(n, self.collectors, self.rate / SENDERS) for n in range(SENDERS)]
+        for sender in self.senders:
+            sender.start()
+        done(lambda: [sender.ends.set() for sender in self.senders])
+
+    # What there is
+
+    def start_loader(self):
+        self.loader = loader(self.servers, self.database, "--batch", "64", "--ack-wait", "5")
+        self.counts["loaders"] += 1
+
+    def start_agent(self, number, *arguments):
+        home, collector, running = self.agents[number]
+        arguments = arguments or ("--rate", "20", "--events", "1000000")
+        running[:] = [home.start(*arguments, "--server", collector.url, keep_sent=home.path / "sent",
+                                 environment=home.environment(SSL_CERT_FILE=collector.authority))]
+
+    def stop_agents(self):
+        for _, _, running in self.agents:
+            for process in running:
+                process.__exit__()
+
+    def taken(self):
+        return sum(len(sender.acknowledged) for sender in self.senders)
+
+    def look(self):
+        """At the memory of what must not grow."""
+        for name, process in [("loader", self.loader), *(("collector", each.process) for each in self.collectors)]:
+            with contextlib.suppress(OSError, StopIteration):
+                self.most[name] = max(self.most[name], resident(process.pid))
+
+    # What goes wrong
+
+    def pause(self, longest):
+        time.sleep(self.chance.uniform(0.2, longest))
+
+    def kill_servers(self, which):
+        for index in which:
+            self.servers.kill(index)
+        self.pause(3)
+        for index in which:
+            self.servers.start(index)
+
+    def server(self):
+        self.kill_servers([self.chance.randrange(3)])
+
+    def two_servers(self):
+        self.kill_servers(self.chance.sample(range(3), 2))
+
+    def all_servers(self):
+        self.kill_servers(range(3))
+
+    def collector(self):
+        which = self.chance.choice(self.collectors)
+        which.kill()
+        self.pause(2)
+        which.start()
+
+    def load(self):
+        self.loader.kill()
+        self.loader.__exit__()
+        self.pause(1)
+        self.start_loader()
+
+    def whole_database(self):
+        self.database.kill(all_of_it=True)
+        self.pause(3)
+        self.database.start()
+
+    def part_of_the_database(self):
+        self.database.kill(all_of_it=False)
+
+    def agent(self):
+        number = self.chance.randrange(len(self.agents))
+        for process in self.agents[number][2]:
+            process.kill()
+            process.__exit__()
+        self.start_agent(number)
+
+    def full_disk(self):
+        ballast = self.small / "ballast"
+        with contextlib.suppress(OSError), open(ballast, "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, shutil.disk_usage(self.small).free - (1 << 16))
+        fill(self.small / "rest")
+        self.pause(5)
+        ballast.unlink()
+        (self.small / "rest").unlink()
+        # As whoever made room would do: a server whose disk was full has put the stream aside.
+        self.kill_servers([SMALL])
+
+    def partition(self):
+        self.apart.cut(True)
+        time.sleep(self.chance.uniform(4, 15))
+        self.apart.cut(False)
+
+    # The run
+
+    def run(self):
+        kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
+                 self.two_servers, self.all_servers, *([self.full_disk] if self.small else []),
+                 *([self.partition] if self.apart.is_there else [])]
+        began, rounds, to_come = time.monotonic(), 0, list(kinds)
+        self.chance.shuffle(to_come)
+        while rounds == 0 or time.monotonic() - began < self.length:
+            before = self.taken()
+            kind = to_come.pop()
+            kind()
+            self.look()
+            self.counts[kind.__name__] += 1
+            # The next one comes while all are at it again, or before.
+            eventually(lambda: self.taken() > before + 20, self.chance.uniform(0.5, 6))
+            if not to_come:
+                rounds, to_come = rounds + 1, self.chance.sample(kinds, len(kinds))
+        self.counts["rounds"] = rounds
+        self.settle(time.monotonic() - began)
+        return self
+
+    def settle(self, elapsed):
+        """All is well again: what was held back comes in, and is loaded."""
+        for collector in self.collectors:
+            collector.await_ready(120)
+        if not eventually(lambda: self.servers.replicas() == [True, True], 120, every=0.5):
+            self.problems.append("a replica lags behind")
+        before = self.taken()
+        if not eventually(lambda: self.taken() > before + 50, 60):
+            self.problems.append("the senders stand")
+        for sender in self.senders:
+            sender.ends.set()
+        for sender in self.senders:
+            sender.join(30)
+        for number, (home, _, running) in enumerate(self.agents):
+            for process in running:
+                process.kill()
+                process.__exit__()
+            for _ in range(2):
+                self.start_agent(number, "--rate", "50", "--events", "30", "--linger", "40")
+                running[0].wait(120)
+            if home.blocks() or home.committed_logs():
+                self.problems.append(f"an agent keeps {len(home.blocks())} blocks when all is well")
+        began = time.monotonic()
+
+        def loaded():
+            said = self.servers.ask(f"$JS.API.CONSUMER.INFO.{fleet.STREAM}.skelda-load") or {}
+            return said.get("num_pending") == 0 and said.get("num_ack_pending") == 0
+
+        if not eventually(loaded, 120, every=0.2):
+            self.problems.append("the loader does not come to an end:\n" + self.loader.output[-2000:])
+        self.look()
+        self.lines.append(f"{elapsed:.0f} s, {self.taken()} logs acknowledged ({self.taken() / elapsed:.0f} a second), "
+                          f"loaded {time.monotonic() - began:.1f} s after the last")
+        self.account()
+
+    # The account
+
+    def account(self):
+        """The leader's disk is lost first: what is then in the stream was on more than one."""
+        leader = eventually(lambda: [n for n in [self.servers.leader()] if n is not None], 30)[0]
+        self.servers.kill(leader)
+        for path in self.servers.folder.glob(f"nats-{leader}/*"):
+            shutil.rmtree(path)
+        if not eventually(lambda: self.servers.leader() not in (None, leader), 60):
+            self.problems.append("two of three servers have no leader")
+        with self.servers.client() as client:
+            bodies = client.bodies()
+            aside = {digest(body) for body in client.bodies("SKELDA_DAMAGED")}
+        stream = collections.Counter(map(digest, bodies))
+        rows = self.database.ask(
+            "SELECT encode(digest, 'hex'), fault IS NOT NULL, count(place), coalesce(sum(place), 0) FROM skelda.logs "
+            "LEFT JOIN skelda.events USING (log) GROUP BY digest, fault") or []
+        there = {name: (fault == "t", int(count), int(places)) for name, fault, count, places in rows}
+        wanted = {}
+        for body in bodies:
+            frames, torn = frame_log.readable(body)
+            places = [frame.offset for frame in frames if frame.type == frame_log.EVENT]
+            wanted[digest(body)] = (torn is not None, len(places), sum(places))
+
+        def hold(text, names):
+            if names:
+                self.problems.append(f"{len(names)} {text}: {sorted(names)[:5]}")
+
+        acknowledged = {name for sender in self.senders for name in sender.acknowledged}
+        hold("logs acknowledged and not in the stream", acknowledged - stream.keys())
+        hold("logs twice in the stream", {name for name, count in stream.items() if count > 1})
+        hold("logs in the stream and not in the database", stream.keys() - there.keys())
+        hold("logs in the database and not in the stream", there.keys() - stream.keys())
+        hold("logs with other events in the database than in the stream",
+             {name for name in wanted.keys() & there.keys() if wanted[name] != there[name]})
+        hold("damaged logs that are not kept aside", {name for name, each in wanted.items() if each[0]} - aside)
+        events = int(self.database.ask("SELECT count(*) FROM skelda.events")[0][0])
+        if events != sum(each[1] for each in there.values()):
+            self.problems.append("there are events of no log")
+        sent = self.account_of_agents(stream, hold)
+        self.lines += [
+            "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
+            f"stream: {len(bodies)} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
+            f"database: {len(there)} logs, {events} events",
+            "resident at most: " + ", ".join(f"{name} {most >> 20} MiB" for name, most in sorted(self.most.items()))]
+
+    def account_of_agents(self, stream, hold):
+        """Of the logs that agents committed, how many came. What an agent gave up it has said so."""
+        came = 0
+        for home, _, _ in self.agents:
+            log = "\n".join(home.log_lines())
+            given_up = set(re.findall(r"Removed File :(\S+) as we have reached|Hence removing file\.File Name:(\S+)"
+                                      r"|3 tries failed to upload the file\.File Name:(\S+)", log))
+            given_up = {name for names in given_up for name in names}
+            sent = {path.name: digest(path.read_bytes()) for path in (home.path / "sent").glob(".skelda*_*[0-9]")}
+            missing = {name for name, each in sent.items() if each not in stream and name not in given_up}
+            if len(missing) > log.count("discard outdated block id"):
+                hold("logs of an agent that did not come", missing)
+            self.counts["logs given up by agents"] += len(sent) - sum(each in stream for each in sent.values())
+            came += sum(each in stream for each in sent.values())
+        if came == 0:
+            self.problems.append("no log of an agent came")
+        return came
+
+    def report(self):
+        return "\n".join(self.lines)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("minutes", type=float, nargs="?", default=10)
+    parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
+    parser.add_argument("--rate", type=float, default=80, help="logs a second")
+    options = parser.parse_args()
+    print(f"seed {options.seed}", flush=True)
+    with FleetKill(options.minutes, options.seed, options.rate) as run:
+        run.run()
+        print(run.report())
+        for problem in run.problems:
+            print(problem)
+        print(f"{len(run.problems)} problems")
+        return 1 if run.problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
