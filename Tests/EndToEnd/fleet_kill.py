@@ -204,14 +204,14 @@ class FleetKill:
 
     def partition(self):
         self.apart.cut(True)
-        time.sleep(self.chance.uniform(4, 15))
+        time.sleep(self.chance.uniform(4, 15 if self.length > 60 else 5))
         self.apart.cut(False)
 
     # The run
 
     def run(self):
         kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
-                 self.two_servers, self.all_servers, *([self.full_disk] if self.small else []),
+                 *([self.two_servers, self.all_servers] if self.length > 60 else []), *([self.full_disk] if self.small else []),
                  *([self.partition] if self.apart.is_there else [])]
         began, rounds, to_come = time.monotonic(), 0, list(kinds)
         self.chance.shuffle(to_come)

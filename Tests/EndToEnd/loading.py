@@ -91,6 +91,7 @@ class Stream:
     """A client of the stream's servers: requests, and as many of them at once as one likes."""
 
     def __init__(self, port, within=5.0, host="127.0.0.1"):
+        self.within = within
         self.socket = socket.create_connection((host, port), timeout=within)
         self.input = self.socket.makefile("rb")
         self.input.readline()
@@ -113,10 +114,13 @@ class Stream:
 
     def answer(self):
         """The number of the next answer and what it says; None where nobody was there to answer."""
+        deadline = time.monotonic() + self.within
         while True:
             words = self.input.readline().split()
             if not words:
                 raise ConnectionError("the server has hung up")
+            if time.monotonic() > deadline:
+                raise TimeoutError("the server is there and does not answer")
             if words[0] == b"PING":
                 self.socket.sendall(b"PONG\r\n")
             elif words[0] in (b"MSG", b"HMSG"):
