@@ -126,14 +126,15 @@ auto inside(Call call) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see the system's one in the place of the other of a pair.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = fails("new") ? nullptr : std::malloc(size == 0 ? 1 : size);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
