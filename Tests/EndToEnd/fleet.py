@@ -12,7 +12,7 @@ import urllib.parse
 import urllib.request
 
 from loading import STREAM, Stream, free_ports
-from support import COLLECTOR, ROOT, Process, eventually
+from support import BUILD, COLLECTOR, ROOT, Process, eventually
 
 NATS_SERVER = "/usr/sbin/nats-server"
 
@@ -26,7 +26,7 @@ def is_built():
 
 def deployed(unit, name, **environment):
     """What a service unit of deploy/ would run, with the example's environment, other values for some
-    of it, and the tree's own files."""
+    of it, and the files of the tree and the build."""
     text = (ROOT / "deploy" / f"{unit}@.service").read_text().replace("\\\n", "")
     command = re.search("^ExecStart=(.*)", text, re.MULTILINE)[1].split()
     example = (ROOT / "deploy/example" / f"{unit.removeprefix('skelda-')}-1.env").read_text()
@@ -38,6 +38,7 @@ def deployed(unit, name, **environment):
             continue
         word = re.sub(r"\$\{(\w+)\}", lambda found: str(values[found[1]]), word).replace("%i", name)
         words.append(word.replace("/etc/skelda-fleet/", f"{ROOT}/deploy/"))
+    words[0] = re.sub("^/usr/bin/(skelda-.*)", rf"{BUILD}/Tools/\1/\1", words[0])
     return words
 
 

@@ -19,7 +19,7 @@ sys.dont_write_bytecode = True
 
 import fleet  # noqa: E402
 import loading  # noqa: E402
-from support import BUILD, COLLECTOR, Home, Process, eventually  # noqa: E402
+from support import BUILD, COLLECTOR, Home, Process, eventually, give_identifiers  # noqa: E402
 
 DEVICES = BUILD / "Tools/skelda-fleet/skelda-fleet"
 KEYS = ROOT / "deploy/example/keys"
@@ -76,6 +76,7 @@ def make_credentials(folder):
 def morning_run(home, collector, sent):
     """A recorded run by a real agent, until nothing of it waits any more: the logs that it sent."""
     environment = home.environment(SSL_CERT_FILE=collector.authority, LANG="de_CH.UTF-8", TZ="Europe/Zurich")
+    give_identifiers(home)
     for _ in range(2):  # the second start sends what the first left open
         host = home.run("--server", collector.url, "--speed", "0", "--linger", "20", environment=environment,
                         keep_sent=sent, within=120)
