@@ -13,15 +13,13 @@ packages_build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev
 # With SKELDA_FLEET: what is built, and what it runs against.
 packages_fleet=(libnats-dev libmicrohttpd-dev libpq-dev)
 packages_fleet_run=(nats-server postgresql iproute2)
+fleet_programs=(skelda-collector skelda-load skelda-fleet skelda-frames skelda-phone skelda-bundle
+  MorningRun KeepingMorningRun)
 packages_fuzz=(clang libclang-rt-14-dev)
 packages_format=(clang-format)
 # A browser for the page of the collector: 120 MB to fetch, 420 MB installed. Without it its test is
 # skipped.
 packages_browser=(chromium)
-# What stands behind the address of many devices: a stream of several servers, and a database.
-packages_fleet=(nats-server libnats-dev libmicrohttpd-dev libpq-dev postgresql)
-fleet_programs=(skelda-collector skelda-load skelda-fleet skelda-frames skelda-phone skelda-bundle
-  MorningRun KeepingMorningRun)
 packages_documents=(doxygen mandoc man-db python3)
 
 say() { printf '%s\n' "$*"; }
