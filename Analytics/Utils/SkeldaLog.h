@@ -12,10 +12,10 @@
 /// One line of the platform log, in {fmt} syntax, when the process log level is at least
 /// `minimumLevel` (0: whatever the level) and somebody reads. The arguments are evaluated only
 /// then.
-#define SKELDA_LOG(minimumLevel, ...)                                         \
-  do {                                                                        \
-    if (SkeldaUtil::logs(minimumLevel) && ::skelda::platform::Log::enabled()) \
-      ::skelda::platform::Log::write(::fmt::format(__VA_ARGS__));             \
+#define SKELDA_LOG(minimumLevel, ...)                                                     \
+  do {                                                                                    \
+    if (SkeldaUtil::logs(minimumLevel) && ::skelda::platform::Log::enabled())             \
+      ::skelda::platform::sayLogLine(::skelda::platform::Log::Kind::detail, __VA_ARGS__); \
   } while (false)
 
 /// What a developer or an operator must act on, whatever the level: shown by default, so there are

@@ -8,7 +8,7 @@
 
 /// One open platform file of the stream. The operations of all instances are serialised by one
 /// recursive lock of the process.
-class SkeldaStreamFileHandle : public platform::Object, public virtual ISkeldaStreamFileHandle {
+class SkeldaStreamFileHandle : public platform::Object, public ISkeldaStreamFileHandle {
  public:
   /// A closed handle.
   static std::shared_ptr<SkeldaStreamFileHandle> fileHandle();

@@ -10,13 +10,6 @@ namespace {
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-/// The two characters of every 12-bit half of a three-byte group.
-constexpr auto kPairs = [] {
-  std::array<std::array<char, 2>, 4096> pairs{};
-  for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {kAlphabet[i >> 6], kAlphabet[i & 63]};
-  return pairs;
-}();
-
 constexpr std::uint8_t kNotBase64 = 0xFF;
 
 constexpr auto kDigits = [] {
@@ -40,13 +33,16 @@ std::string base64Encoded(std::string_view bytes) {
   std::size_t left = bytes.size();
   for (; left >= 3; left -= 3, in += 3, out += 4) {
     const std::uint32_t group = std::uint32_t{in[0]} << 16 | std::uint32_t{in[1]} << 8 | in[2];
-    std::memcpy(out, kPairs[group >> 12].data(), 2);
-    std::memcpy(out + 2, kPairs[group & 0xFFF].data(), 2);
+    out[0] = kAlphabet[group >> 18];
+    out[1] = kAlphabet[group >> 12 & 63];
+    out[2] = kAlphabet[group >> 6 & 63];
+    out[3] = kAlphabet[group & 63];
   }
   if (left == 0) return text;
   const std::uint32_t group =
       std::uint32_t{in[0]} << 16 | (left == 2 ? std::uint32_t{in[1]} << 8 : 0);
-  std::memcpy(out, kPairs[group >> 12].data(), 2);
+  out[0] = kAlphabet[group >> 18];
+  out[1] = kAlphabet[group >> 12 & 63];
   if (left == 2) out[2] = kAlphabet[group >> 6 & 63];
   return text;
 }

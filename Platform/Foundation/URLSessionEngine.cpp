@@ -13,6 +13,7 @@
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/Thread.h"
+#include "Platform/Foundation/LibraryPages.h"
 #include "Platform/Foundation/URLSessionTransfer.h"
 
 namespace skelda::platform {
@@ -189,6 +190,7 @@ bool URLSessionEngine::waitForCommands() {
   lock.unlock();  // from here on a new thread may be at work
   curl_multi_cleanup(multi);
   curl_share_cleanup(share);
+  giveBackLibraryPages();
   return false;
 }
 

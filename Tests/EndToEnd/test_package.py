@@ -18,6 +18,7 @@ sys.path.insert(0, str(ROOT / "scripts/lib"))
 import exports  # noqa: E402
 
 CONSUMERS = ROOT / "Tests/EndToEnd/consumers"
+MOST_BYTES = 920 * 1024  # of the stripped shared library; to come down to 720
 STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only"]
 
 
@@ -180,6 +181,15 @@ class Package(unittest.TestCase):
         self.assertEqual("libSkelda_Watch.so.1", os.readlink(self.library))
         found, listed = exports.exports_of(self.library), exports.listed()
         self.assertEqual(([], []), (sorted({*found} - {*listed}), sorted({*listed} - {*found})))
+
+    def test_the_shared_library_of_a_release_is_no_bigger_than_it_may_be(self):
+        """In every watch application there is one. Built for a debugger, or for another processor, it is no measure."""
+        linked_for_size = "SKELDA_LTO:BOOL=ON" in (BUILD / "CMakeCache.txt").read_text()
+        if not linked_for_size or os.environ.get("SKELDA_PACKAGES") or os.uname().machine != "x86_64":
+            self.skipTest("not what a release links")
+        stripped = self.folder / "stripped.so"
+        run("strip", "-o", stripped, self.library)
+        self.assertLessEqual(stripped.stat().st_size, MOST_BYTES)
 
     def test_the_tools_and_their_pages_are_installed(self):
         for page in (ROOT / "docs/man").glob("*.1"):

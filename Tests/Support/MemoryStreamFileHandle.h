@@ -9,7 +9,7 @@
 namespace skelda::testing {
 
 /// A file that is read from memory, whatever its path. The bytes must outlive it.
-class MemoryStreamFileHandle final : public virtual ISkeldaStreamFileHandle {
+class MemoryStreamFileHandle final : public ISkeldaStreamFileHandle {
  public:
   explicit MemoryStreamFileHandle(std::string_view bytes) : bytes_(bytes) {}
 

@@ -10,7 +10,7 @@
 /// on in order of arrival. While paused, messages wait in order. Holds, drops and adds nothing
 /// else.
 class SkeldaStreamCoreBuffer : public SkeldaActorStreamCoreComponent,
-                               public virtual ISkeldaStreamCoreBuffer {
+                               public ISkeldaStreamCoreBuffer {
  public:
   static std::shared_ptr<SkeldaStreamCoreBuffer> streamBuffer();
   std::string_view className() const noexcept override { return "SkeldaStreamCoreBuffer"; }

@@ -12,7 +12,7 @@
 /// it, the message and the flush (either may come first), what the rules put after it. Drops
 /// nothing.
 class SkeldaStreamCorePolicy : public SkeldaActorStreamCoreComponent,
-                               public virtual ISkeldaStreamCorePolicy {
+                               public ISkeldaStreamCorePolicy {
  public:
   /// A set; the rules are asked in the order given.
   using FlushRules = std::vector<std::shared_ptr<ISkeldaStreamFlushRule>>;

@@ -12,9 +12,8 @@
 /// Remembers the latest message of each sticky frame type and passes all of them on again right
 /// behind a replay trigger, so that they open the log which the trigger begins. The stored objects
 /// themselves are passed on; nothing is ever forgotten, and nothing is stored on disk.
-class SkeldaStreamCoreStickyMessagesHandler
-    : public SkeldaActorStreamCoreComponent,
-      public virtual ISkeldaStreamCoreStickyMessagesHandler {
+class SkeldaStreamCoreStickyMessagesHandler : public SkeldaActorStreamCoreComponent,
+                                              public ISkeldaStreamCoreStickyMessagesHandler {
  public:
   using FrameTypes = std::set<std::int32_t>;
   using StickyMessages = std::map<std::int32_t, ISkeldaStreamMessage::Ref>;

@@ -9,7 +9,7 @@
 
 /// What the data providers have in common: the observers, kept and told on the provider's queue.
 /// A concrete provider adds its facts, canSendData(), startup() and a static getInstance().
-class SkeldaDataProvider : public SkeldaActor, public virtual ISkeldaDataProvider {
+class SkeldaDataProvider : public SkeldaActor, public ISkeldaDataProvider {
  public:
   /// A provider is made by its own class; asking the base for one ends the process.
   [[noreturn]] static std::shared_ptr<SkeldaDataProvider> getInstance();

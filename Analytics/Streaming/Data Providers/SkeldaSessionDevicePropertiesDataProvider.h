@@ -7,7 +7,7 @@
 
 /// Takes a snapshot of the device's resource figures when asked and offers the last one.
 class SkeldaSessionDevicePropertiesDataProvider : public SkeldaDataProvider,
-                                                  public virtual ISkeldaDataProviderObserver {
+                                                  public ISkeldaDataProviderObserver {
  public:
   static constexpr std::string_view kClassName = "SkeldaSessionDevicePropertiesDataProvider";
   using DataRef = std::shared_ptr<const SkeldaSessionDevicePropertiesData>;

@@ -104,6 +104,16 @@ void SkeldaActor::runCallback(platform::Block callback, const platform::QueueRef
   }
 }
 
+void SkeldaActor::runInside(void* body, void (*take)(void* body, Step step)) noexcept {
+  const Context context(*this);
+  try {
+    take(body, Step::run);
+  } catch (...) {
+    skelda::countException();
+  }
+  take(body, Step::drop);
+}
+
 platform::Block SkeldaActor::wrapSyncBlock(platform::Block block, ExceptionHandOff handOff,
                                            std::thread::id thread) {
   return [self = shared_from_this(), body = std::move(block), hand = std::move(handOff),

@@ -249,6 +249,12 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     }
   }
 
+  /// What is done with the body of a posted block.
+  enum class Step : bool { run, drop };
+  /// Runs the body in the context of this actor, where what it throws is dropped and counted, and
+  /// drops it there, so that what it held may still call into the actor as it goes.
+  void runInside(void* body, void (*take)(void* body, Step step)) noexcept;
+
   /// wrapAsyncBlock for any callable, in one piece with it.
   template <SkeldaActorBlock F>
   auto wrapped(F&& block) {
@@ -256,16 +262,12 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     if constexpr (std::is_null_pointer_v<std::remove_cvref_t<F>>) {
       return [] {};
     } else {
-      return [self = shared_from_this(),
-              body = std::optional<std::decay_t<F>>(std::forward<F>(block))]() mutable {
-        const Context context(*self);
-        try {
-          (*body)();
-        } catch (...) {
-          skelda::countException();
-        }
-        // In here, so that what it held may still call into the actor as it goes.
-        body.reset();
+      using Body = std::optional<std::decay_t<F>>;
+      return [self = shared_from_this(), body = Body(std::forward<F>(block))]() mutable {
+        self->runInside(&body, [](void* kept, Step step) {
+          auto& held = *static_cast<Body*>(kept);
+          step == Step::run ? static_cast<void>((*held)()) : held.reset();
+        });
       };
     }
   }

@@ -35,7 +35,7 @@ class SkeldaStreamSessionId;
 ///
 /// A frame that cannot be written is owed (SkeldaOwedFrames), and tried again by itself.
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
-                                   public virtual ISkeldaStreamFrameLogWriter {
+                                   public ISkeldaStreamFrameLogWriter {
  public:
   static constexpr std::string_view kFrameCounterKey = "SkeldaStreamFrameCounterKey";
   static constexpr std::string_view kCrashFlagKey = "SkeldaStreamWatchCrashBetween2Sessions";

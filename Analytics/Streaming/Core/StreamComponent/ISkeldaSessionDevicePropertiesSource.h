@@ -7,7 +7,7 @@
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
 
 /// Reports the device's resource figures at the start and the end of a session.
-class ISkeldaSessionDevicePropertiesSource : public virtual ISkeldaFrameSource {
+class ISkeldaSessionDevicePropertiesSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaSessionDevicePropertiesSource";
   using DataRef = std::shared_ptr<const SkeldaSessionDevicePropertiesData>;

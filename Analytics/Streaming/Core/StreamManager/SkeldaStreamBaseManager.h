@@ -20,7 +20,7 @@
 ///
 /// Checks that a list or a call is right come in two kinds: soft ones (SkeldaUtil::assert_), after
 /// which the call goes on as well as it can, and assertion failures, which raise.
-class SkeldaStreamBaseManager : public SkeldaActor, public virtual ISkeldaStreamManager {
+class SkeldaStreamBaseManager : public SkeldaActor, public ISkeldaStreamManager {
  public:
   // Where the logs are: the agent's folder for the current one, a folder in it for the committed.
   static std::string currentFrameLogFilePath() { return SkeldaAgentFiles::storageFolder(); }

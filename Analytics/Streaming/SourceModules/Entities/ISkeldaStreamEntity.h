@@ -8,7 +8,7 @@
 
 /// A message that is a record: it has a JSON form. A class that is read back also has a static
 /// streamEntityFromJSONData().
-class ISkeldaStreamEntity : public virtual ISkeldaStreamMessage {
+class ISkeldaStreamEntity : public ISkeldaStreamMessage {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamEntity";
 

@@ -7,7 +7,7 @@
 
 /// The writer of the frame format. It never looks inside a payload.
 class SkeldaStreamMessageSerializer : public platform::Object,
-                                      public virtual ISkeldaStreamMessageSerializer {
+                                      public ISkeldaStreamMessageSerializer {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamMessageSerializer";
 

@@ -7,7 +7,7 @@
 #include "Platform/Platform.h"
 
 /// Reports the host application at start-up.
-class ISkeldaAppInfoSource : public virtual ISkeldaFrameSource {
+class ISkeldaAppInfoSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaAppInfoSource";
   /// A text, or null for none. Counts only when it is set before startup(). Any thread, returns at

@@ -6,7 +6,7 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaFrameSource.h"
 
 /// Reports the user's CCPA requests. Any thread, returns at once.
-class ISkeldaCCPASource : public virtual ISkeldaFrameSource {
+class ISkeldaCCPASource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaCCPASource";
   virtual void setCCPAOptOut(bool optOut, SkeldaIntakeOrigin origin = {}) = 0;

@@ -13,7 +13,7 @@ class SkeldaTransaction;
 
 /// Turns the host's event calls into event messages, in call order. Any thread, returns at once;
 /// what the source refuses it says in the log and, where the call has an origin, settles.
-class ISkeldaEventFrameSource : public virtual ISkeldaFrameSource {
+class ISkeldaEventFrameSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaEventFrameSource";
   virtual void recordEvent(platform::Value name, platform::Value parameters, bool timed,

@@ -6,7 +6,7 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaFrameSource.h"
 
 /// Reports once per process what the agent is and whose application it serves.
-class ISkeldaSessionInitInfoSource : public virtual ISkeldaFrameSource {
+class ISkeldaSessionInitInfoSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaSessionInitInfoSource";
   /// The reported agent version in decimal, "0" before there is one. Waits for the source's queue.

@@ -6,7 +6,7 @@
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaFrameSource.h"
 
 /// Forces a log roll from outside the pipeline.
-class ISkeldaStreamFlushSource : public virtual ISkeldaFrameSource {
+class ISkeldaStreamFlushSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFlushSource";
   /// Any thread, returns at once.

@@ -13,7 +13,7 @@
 
 /// Reports who the user is. Setters return at once, getters wait for the source's queue; any
 /// thread. Only the user id reaches a log: gender and birth date have no frame type.
-class ISkeldaUserDemographicsSource : public virtual ISkeldaFrameSource {
+class ISkeldaUserDemographicsSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaUserDemographicsSource";
   /// A text, or null for none.

@@ -10,7 +10,7 @@
 /// Reports changes of the user's named properties, in call order. Any thread, returns at once.
 /// A name is a text that is not empty, values are an array of texts; what is refused is said in the
 /// log and, where the call has an origin, settled.
-class ISkeldaUserPropertiesSource : public virtual ISkeldaFrameSource {
+class ISkeldaUserPropertiesSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaUserPropertiesSource";
   virtual void setUserProperties(platform::Value name, platform::Value values,

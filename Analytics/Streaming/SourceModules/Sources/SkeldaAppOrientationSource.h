@@ -5,7 +5,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
 /// Reports the orientation of the application.
-class ISkeldaAppOrientationSource : public virtual ISkeldaFrameSource {
+class ISkeldaAppOrientationSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaAppOrientationSource";
 };

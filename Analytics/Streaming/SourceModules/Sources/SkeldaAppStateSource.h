@@ -4,7 +4,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
 /// Reports the state of the watch extension.
-class ISkeldaAppStateSource : public virtual ISkeldaFrameSource {
+class ISkeldaAppStateSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaAppStateSource";
 };

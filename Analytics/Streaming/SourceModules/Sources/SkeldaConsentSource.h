@@ -5,7 +5,7 @@
 #include "Skelda_Watch/SkeldaConsent.h"
 
 /// Turns changes of consent into consent messages.
-class ISkeldaConsentSource : public virtual ISkeldaFrameSource {
+class ISkeldaConsentSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaConsentSource";
   /// Any thread, returns at once.
@@ -15,7 +15,7 @@ class ISkeldaConsentSource : public virtual ISkeldaFrameSource {
 /// Observes the consent store from its start-up on. The manager does not start it, and consent
 /// messages have no frame type: consent stays in memory.
 class SkeldaConsentSource : public SkeldaSource<SkeldaConsentSource, ISkeldaConsentSource>,
-                            public virtual ISkeldaConsentObserver {
+                            public ISkeldaConsentObserver {
  public:
   static constexpr std::string_view kClassName = "SkeldaConsentSource";
   void consentUpdated() override;

@@ -5,7 +5,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
 /// Reports the device at start-up.
-class ISkeldaDevicePropertiesSource : public virtual ISkeldaFrameSource {
+class ISkeldaDevicePropertiesSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaDevicePropertiesSource";
 };

@@ -3,7 +3,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaNotifiedSource.h"
 
 /// Reports the user's locale.
-class ISkeldaLocaleInfoSource : public virtual ISkeldaFrameSource {
+class ISkeldaLocaleInfoSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaLocaleInfoSource";
 };

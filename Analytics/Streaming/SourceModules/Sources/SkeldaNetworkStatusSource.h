@@ -4,7 +4,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 
 /// Reports the network status.
-class ISkeldaNetworkStatusSource : public virtual ISkeldaFrameSource {
+class ISkeldaNetworkStatusSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaNetworkStatusSource";
 };

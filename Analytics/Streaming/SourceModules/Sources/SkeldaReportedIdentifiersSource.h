@@ -24,7 +24,7 @@ class SkeldaKeychainWrapper;
 /// asked again. Until they have come no watch session is flushed.
 class SkeldaReportedIdentifiersSource
     : public SkeldaSource<SkeldaReportedIdentifiersSource, ISkeldaReportedIdentifiersSource>,
-      public virtual ISkeldaWatchConnectivityReceiver {
+      public ISkeldaWatchConnectivityReceiver {
  public:
   static constexpr std::string_view kClassName = "SkeldaReportedIdentifiersSource";
   static constexpr std::string_view kWatchVendorIDItem = "SkeldaWatchSessionVendorIDKey";

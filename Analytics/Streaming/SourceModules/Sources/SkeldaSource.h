@@ -13,7 +13,7 @@
 /// and, when the manager starts it, runs onqueue_startup() there. Self is the concrete class; it
 /// names itself in kClassName and befriends this base, which makes it.
 template <class Self, class Protocol>
-class SkeldaSource : public SkeldaActorStreamComponentBase, public virtual Protocol {
+class SkeldaSource : public SkeldaActorStreamComponentBase, public Protocol {
  public:
   static constexpr std::string_view kKey = Protocol::kProtocolName;
   /// The class of the data provider that it observes; empty for none.
@@ -35,7 +35,7 @@ class SkeldaSource : public SkeldaActorStreamComponentBase, public virtual Proto
 /// of any other provider are ignored.
 template <class Self, class Protocol, class Provider>
 class SkeldaProviderFedSource : public SkeldaSource<Self, Protocol>,
-                                public virtual ISkeldaDataProviderObserver {
+                                public ISkeldaDataProviderObserver {
  public:
   static constexpr std::string_view kProvider = Provider::kClassName;
 

@@ -3,7 +3,7 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaNotifiedSource.h"
 
 /// Reports the local time zone.
-class ISkeldaTimeZoneInfoSource : public virtual ISkeldaFrameSource {
+class ISkeldaTimeZoneInfoSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaTimeZoneInfoSource";
 };

@@ -15,7 +15,7 @@
 
 namespace skelda::testing {
 
-class ISampleSource : public virtual ISkeldaFrameSource {
+class ISampleSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISampleSource";
 };
