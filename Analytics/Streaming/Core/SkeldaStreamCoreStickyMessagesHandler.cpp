@@ -73,9 +73,10 @@ void SkeldaStreamCoreStickyMessagesHandler::onqueue_keepStickyMessage(
 
 void SkeldaStreamCoreStickyMessagesHandler::onqueue_resendStickyMessages() {
   SKELDA_ON_QUEUE();
-  using Core = SkeldaActorStreamCoreComponent;
-  for (const auto& [frameType, message] : stickyMessages_) Core::onqueue_streamMessage(message);
+  std::vector<ISkeldaStreamMessage::Ref> replayed;
+  for (const auto& [frameType, message] : stickyMessages_) replayed.push_back(message);
   for (const auto& [frameType, messages] : stickyMessageArrays_) {
-    for (const auto& message : messages) Core::onqueue_streamMessage(message);
+    replayed.insert(replayed.end(), messages.begin(), messages.end());
   }
+  onqueue_streamMessages(replayed);
 }

@@ -131,6 +131,16 @@ std::shared_ptr<SkeldaStreamSessionId> SkeldaStreamFrameLogWriter::sessionIdFrom
   return sessionId;
 }
 
+void SkeldaStreamFrameLogWriter::streamMessages(Messages messages) {
+  post<&SkeldaStreamFrameLogWriter::onqueue_takeMessages>(std::move(messages));
+}
+
+void SkeldaStreamFrameLogWriter::onqueue_takeMessages(const Messages& messages) {
+  SKELDA_ON_QUEUE();
+  // What one of them throws is not the next one's loss.
+  for (const auto& message : messages) skelda::guarded([&] { onqueue_streamMessage(message); })();
+}
+
 void SkeldaStreamFrameLogWriter::onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) {
   SKELDA_LOG(0, "{}: message = {}", kStreamMessage, skelda::descriptionOf(message));
   if (!message || contains(parts_.frameTypesToDrop, message->frameType())) return;

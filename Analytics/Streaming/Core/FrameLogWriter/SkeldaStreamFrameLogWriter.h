@@ -37,6 +37,8 @@ class SkeldaStreamSessionId;
 class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
                                    public ISkeldaStreamFrameLogWriter {
  public:
+  using Messages = std::vector<ISkeldaStreamMessage::Ref>;
+
   static constexpr std::string_view kFrameCounterKey = "SkeldaStreamFrameCounterKey";
   static constexpr std::string_view kCrashFlagKey = "SkeldaStreamWatchCrashBetween2Sessions";
 
@@ -51,6 +53,8 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   static std::shared_ptr<SkeldaStreamFrameLogWriter> writerOf(SkeldaFrameLogWriterParts parts);
   std::string_view className() const noexcept override { return "SkeldaStreamFrameLogWriter"; }
 
+  /// In one block: what is replayed at the head of each log is many.
+  void streamMessages(Messages messages) override;
   void startup() override;
   void writePendingFiles() override;
   /// Nothing comes after the last stage: aborts.
@@ -94,7 +98,9 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
 
  private:
   using Message = ISkeldaStreamMessage::Ref;
+
   explicit SkeldaStreamFrameLogWriter(SkeldaFrameLogWriterParts parts);
+  void onqueue_takeMessages(const Messages& messages);
 
   // Writing (SkeldaStreamFrameLogWriter.cpp). Those that answer bool say whether it is done.
   bool onqueue_write(const Message& message);

@@ -5,6 +5,8 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamMessage.h"
 #include "Platform/Foundation/Object.h"
@@ -20,6 +22,10 @@ class ISkeldaStreamComponent {
 
   /// Hands a message over. Messages of one caller keep their order.
   virtual void streamMessage(ISkeldaStreamMessage::Ref message) = 0;
+  /// Several, in their order.
+  virtual void streamMessages(std::vector<ISkeldaStreamMessage::Ref> messages) {
+    for (auto& message : messages) streamMessage(std::move(message));
+  }
   /// The frame types that the stage takes; empty when it has no say, which refuses registration.
   virtual std::optional<std::set<std::int32_t>> supportedFrameTypes() const = 0;
   /// From now on `stage` receives the frame types that it supports. Held strongly. Registering a

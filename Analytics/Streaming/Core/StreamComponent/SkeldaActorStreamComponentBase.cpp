@@ -84,6 +84,23 @@ void SkeldaActorStreamComponentBase::onqueue_streamMessage(
   for (const auto& stage : *stages) stage->streamMessage(message);
 }
 
+void SkeldaActorStreamComponentBase::onqueue_streamMessages(
+    const std::vector<ISkeldaStreamMessage::Ref>& messages) {
+  SKELDA_ON_QUEUE();
+  using Stage = std::shared_ptr<ISkeldaStreamComponent>;
+  std::vector<std::pair<Stage, std::vector<ISkeldaStreamMessage::Ref>>> shares;
+  for (const auto& message : messages) {
+    const auto* stages = frameTypeToNextStageComponentsMap_.find(message->frameType());
+    if (stages == nullptr) continue;
+    for (const auto& stage : *stages) {
+      auto share = std::ranges::find(shares, stage, [](const auto& one) { return one.first; });
+      if (share == shares.end()) share = shares.insert(shares.end(), {stage, {}});
+      share->second.push_back(message);
+    }
+  }
+  for (auto& [stage, share] : shares) stage->streamMessages(std::move(share));
+}
+
 void SkeldaActorStreamComponentBase::onqueue_registerNextStageComponent(
     const std::shared_ptr<ISkeldaStreamComponent>& stage) {
   SKELDA_ON_QUEUE();

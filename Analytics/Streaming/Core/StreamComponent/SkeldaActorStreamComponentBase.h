@@ -42,6 +42,8 @@ class SkeldaActorStreamComponentBase : public SkeldaActor, public virtual ISkeld
 
   /// Forwards by frame type; a message that no stage takes is lost without a trace.
   virtual void onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message);
+  /// The same for several: each stage is handed all of its share at once.
+  void onqueue_streamMessages(const std::vector<ISkeldaStreamMessage::Ref>& messages);
   virtual void onqueue_registerNextStageComponent(
       const std::shared_ptr<ISkeldaStreamComponent>& stage);
   virtual void onqueue_registerPreviousStageComponent(

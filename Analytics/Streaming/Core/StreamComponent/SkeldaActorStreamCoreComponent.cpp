@@ -44,6 +44,17 @@ void SkeldaActorStreamCoreComponent::onqueue_streamMessage(
   post<&SkeldaActorStreamCoreComponent::onqueue_holdOrForward>(message);
 }
 
+void SkeldaActorStreamCoreComponent::onqueue_streamMessages(
+    const std::vector<ISkeldaStreamMessage::Ref>& messages) {
+  SKELDA_ON_QUEUE();
+  if (moduleState_ == kStateReady && messagesOnTheirHop_ == 0) {
+    return SkeldaActorStreamComponentBase::onqueue_streamMessages(messages);
+  }
+  for (const auto& message : messages) {
+    SkeldaActorStreamCoreComponent::onqueue_streamMessage(message);
+  }
+}
+
 void SkeldaActorStreamCoreComponent::onqueue_holdOrForward(
     const ISkeldaStreamMessage::Ref& message) {
   SKELDA_ON_QUEUE();

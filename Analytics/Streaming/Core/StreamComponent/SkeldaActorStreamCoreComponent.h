@@ -34,6 +34,8 @@ class SkeldaActorStreamCoreComponent : public SkeldaActorStreamComponentBase,
   /// The holding step: a ready stage forwards at once; else one more hop on the own queue, then
   /// holds or forwards, by the state of that moment.
   void onqueue_streamMessage(const ISkeldaStreamMessage::Ref& message) override;
+  /// The same for several, none of them null.
+  void onqueue_streamMessages(const std::vector<ISkeldaStreamMessage::Ref>& messages);
   virtual void onqueue_startup();
   virtual void onqueue_updateState(std::int32_t state);
   void onqueue_notifyChangedState(std::int32_t state);
