@@ -307,7 +307,9 @@ class FleetKill:
         self.lines += [
             "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
             f"stream: {len(bodies)} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
-            f"database: {len(there)} logs, {events} events",
+            f"database: {len(there)} logs, {events} events; of agents that number committed twice: "
+            + self.database.ask("SELECT count(*) FROM (SELECT 1 FROM skelda.logs WHERE device NOT LIKE 'sender%' "
+                                "GROUP BY api_key, device, counter HAVING count(*) > 1) AS twice")[0][0],
             "resident at most: " + ", ".join(f"{name} {most >> 20} MiB" for name, most in sorted(self.most.items()))]
 
     def account_of_agents(self, stream, hold):

@@ -45,6 +45,7 @@ void Loader::run(bool untilEmpty) {
     if (messages.empty()) continue;
     if (!retrying([&] { load(messages); })) return;
     stream_.acknowledge(messages);
+    figures_.behind = messages.back().behind();
   }
 }
 

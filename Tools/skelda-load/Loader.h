@@ -21,6 +21,7 @@ class Loader {
     std::uint64_t events = 0;
     std::uint64_t repeats = 0;
     std::uint64_t damaged = 0;  // of the new ones
+    std::uint64_t behind = 0;   // logs in the stream that no loader had been given yet
     std::uint64_t retries = 0;  // batches and pulls that had to be tried again
   };
   /// Waits so long; false when it is time to end.

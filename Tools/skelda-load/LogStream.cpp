@@ -47,6 +47,14 @@ StreamedLog StreamedMessage::log() const {
           header(fleet::kFaultHeader)};
 }
 
+std::uint64_t StreamedMessage::behind() const {
+  jsMsgMetaData* data = nullptr;
+  if (natsMsg_GetMetaData(&data, message_.get()) != NATS_OK) return 0;
+  const std::uint64_t behind = data->NumPending;
+  jsMsgMetaData_Destroy(data);
+  return behind;
+}
+
 LogStream::LogStream(Options options) : options_(std::move(options)) {}
 
 void LogStream::disconnect() {

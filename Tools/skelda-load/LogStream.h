@@ -19,6 +19,8 @@ class StreamedMessage {
 
   /// Valid as long as this is.
   StreamedLog log() const;
+  /// How many there were behind it when it was given out.
+  std::uint64_t behind() const;
   natsMsg* get() const { return message_.get(); }
 
  private:

@@ -65,9 +65,9 @@ class Figures {
     const double seconds = std::chrono::duration<double>(at - at_).count();
     fmt::print(stderr,
                "skelda-load: {} logs, {} events ({:.0f} a second), {} damaged, {} repeats, {} "
-               "retries\n",
+               "behind, {} retries\n",
                now.logs, now.events, static_cast<double>(now.events - told_.events) / seconds,
-               now.damaged, now.repeats, now.retries);
+               now.damaged, now.repeats, now.behind, now.retries);
     told_ = now;
     at_ = at;
     next_ = at + kEvery;
