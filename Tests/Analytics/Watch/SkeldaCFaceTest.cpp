@@ -19,8 +19,11 @@ namespace {
 thread_local bool noMemory = false;
 }
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return noMemory ? nullptr : std::malloc(size);
+}
 void* operator new(std::size_t size) {
-  void* const memory = noMemory ? nullptr : std::malloc(size);
+  void* const memory = operator new(size, std::nothrow);
   return memory ? memory : throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {

@@ -127,8 +127,11 @@ auto inside(Call call) {
 }  // namespace
 
 // Not inlined: the compiler would see the system's one in the place of the other of a pair.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return fails("new") ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = fails("new") ? nullptr : std::malloc(size == 0 ? 1 : size);
+  void* const memory = operator new(size, std::nothrow);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
