@@ -19,17 +19,18 @@ namespace {
 thread_local bool noMemory = false;
 }
 
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+// Not inlined: the compiler would see the system's one in the place of the other of a pair.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return noMemory ? nullptr : std::malloc(size);
 }
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = operator new(size, std::nothrow);
   return memory ? memory : throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
