@@ -328,13 +328,17 @@ void CollectorServer::accept(const httplib::Request& request, httplib::Response&
                    {"offset", report.offset},
                    {"frames", report.frames},
                    {"bytes", body.size()}});
-  const auto entry = store_.add(body, report, key);
-  arrivals_.took(entry, report);
-  answer(response, status, entry.line);
-  const auto repeat = LogStore::numberIn(entry.line, "repeat");
-  print("log from " + lastFour(key) + ": " + std::to_string(body.size()) + " bytes, " +
-        std::to_string(report.frames) + " frames, " + std::to_string(report.sessions) +
-        " sessions, " + std::to_string(report.events) + " events, sha256 " +
-        LogStore::textIn(entry.line, "sha256").substr(0, 16) +
-        (repeat ? ", a repeat of log " + std::to_string(repeat) : ""));
+  sink_.keep({body, key, {}}, [&](LogSink::Outcome outcome, const Json& line) {
+    if (outcome == LogSink::Outcome::notNow) {
+      print("failed: " + LogStore::textIn(line, "error"));
+      return answer(response, 500, line);
+    }
+    answer(response, status, line);
+    const auto repeat = LogStore::numberIn(line, "repeat");
+    print("log from " + lastFour(key) + ": " + std::to_string(body.size()) + " bytes, " +
+          std::to_string(report.frames) + " frames, " + std::to_string(report.sessions) +
+          " sessions, " + std::to_string(report.events) + " events, sha256 " +
+          LogStore::textIn(line, "sha256").substr(0, 16) +
+          (repeat ? ", a repeat of log " + std::to_string(repeat) : ""));
+  });
 }

@@ -11,6 +11,7 @@
 #include "Tools/skelda-collector/Arrivals.h"
 #include "Tools/skelda-collector/Certificates.h"
 #include "Tools/skelda-collector/Faults.h"
+#include "Tools/skelda-collector/FolderSink.h"
 #include "Tools/skelda-collector/GuardedServer.h"
 #include "Tools/skelda-collector/LogStore.h"
 #include "Tools/skelda-collector/Page.h"
@@ -63,6 +64,7 @@ class CollectorServer {
   LogStore& store_;
   FaultSequence& faults_;
   Arrivals arrivals_;
+  FolderSink sink_{store_, arrivals_};
   Page page_;
   GuardedServer server_;
   std::atomic<std::size_t> held_ = 0;  // bytes of bodies in memory

@@ -277,7 +277,7 @@ bool IngestServer::take(Request& request, MHD_Connection* connection) {
   MHD_suspend_connection(connection);
   const std::size_t length = log.bytes.size();
   sink_.keep(std::exchange(log, {}),
-             [this, &request, connection, length](LogSink::Outcome outcome) {
+             [this, &request, connection, length](LogSink::Outcome outcome, const auto&) {
                using enum LogSink::Outcome;
                held_ -= length;
                repeats_ += outcome == repeat ? 1 : 0;

@@ -12,8 +12,8 @@
 
 #include "Platform/Base/Mutex.h"
 #include "Tools/skelda-collector/Certificates.h"
+#include "Tools/skelda-collector/LogSink.h"
 #include "Tools/skelda-collector/Stream/KeyAdmission.h"
-#include "Tools/skelda-collector/Stream/LogSink.h"
 
 struct MHD_Connection;
 struct MHD_Daemon;

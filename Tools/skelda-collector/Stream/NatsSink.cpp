@@ -156,7 +156,7 @@ void NatsSink::stop() {
   }
   toSend_.notifyAll();
   stopped_.notifyAll();
-  for (const auto& [message, done] : over) done(Outcome::notNow);
+  for (const auto& [message, done] : over) done(Outcome::notNow, nullptr);
 }
 
 void NatsSink::keep(ArrivedLog log, Done done) {
@@ -170,7 +170,7 @@ void NatsSink::keep(ArrivedLog log, Done done) {
       queue_.push_back(std::move(message));
     }
   }
-  if (!takes) return done(Outcome::notNow);
+  if (!takes) return done(Outcome::notNow, nullptr);
   toSend_.notifyOne();
 }
 
@@ -217,7 +217,7 @@ void NatsSink::end(const natsMsg* message, Outcome outcome) {
     done = std::move(found->second);
     pending_.erase(found);
   }
-  done(outcome);
+  done(outcome, nullptr);
 }
 
 void NatsSink::watch() {

@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "Platform/Base/Mutex.h"
-#include "Tools/skelda-collector/Stream/LogSink.h"
+#include "Tools/skelda-collector/LogSink.h"
 
 struct __natsConnection;
 struct __natsMsg;

@@ -2,9 +2,10 @@
 
 #include <cstddef>
 #include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "Tools/skelda-collector/Stream/LogCheck.h"
+#include "Tools/skelda-collector/LogCheck.h"
 
 /// A log as it arrived.
 struct ArrivedLog {
@@ -21,7 +22,8 @@ class LogSink {
     repeat,  ///< the same, and it had been before
     notNow,  ///< not known to be kept: the sender has to keep it
   };
-  using Done = std::function<void(Outcome)>;
+  /// `line` is what there is to say of it, such as why it could not be kept; null for nothing.
+  using Done = std::function<void(Outcome, const nlohmann::ordered_json& line)>;
 
   virtual ~LogSink() = default;
   /// `done` is called exactly once, on any thread, also before this returns, and within a bounded

@@ -1,4 +1,4 @@
-#include "Tools/skelda-collector/Stream/LogCheck.h"
+#include "Tools/skelda-collector/LogCheck.h"
 
 #include <fmt/format.h>
 
