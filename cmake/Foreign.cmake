@@ -6,7 +6,8 @@ set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${skelda_processor}
 cmake_path(NORMAL_PATH CMAKE_SYSROOT)
 set(CMAKE_C_COMPILER ${skelda_triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${skelda_triplet}-g++)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${skelda_emulator} -L ${CMAKE_SYSROOT} -E SKELDA_EMULATED=1)
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  ${CMAKE_CURRENT_LIST_DIR}/../scripts/lib/emulated ${skelda_emulator} ${CMAKE_SYSROOT})
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

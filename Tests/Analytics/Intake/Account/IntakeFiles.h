@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -105,6 +106,13 @@ inline bool canPopulate() {
   alignas(4096) static char page[4096];
   return ::madvise(page, sizeof page, kPopulateWrite) == 0;
 }
+
+/// Whether a sanitizer of threads or an emulator touches pages of its own at each access.
+#ifdef __SANITIZE_THREAD__
+inline const bool kIsWatched = true;
+#else
+inline const bool kIsWatched = std::getenv("SKELDA_EMULATED") != nullptr;
+#endif
 
 inline long pageFaultsOfThisThread() {
   ::rusage usage{};
