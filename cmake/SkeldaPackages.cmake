@@ -65,10 +65,11 @@ a reader of frame logs, and what else helps to see that events arrive.")
 if(SKELDA_FLEET)
   skelda_package(fleet skelda-fleet net
     "ingestion endpoint for many devices that carry the Skelda_Watch agent"
-    "Collectors without a state of their own in front of a replicated stream, a loader
-that writes what arrives into a database, and a program that plays many devices.
+    "Collectors without a state of their own in front of a replicated stream,
+a loader that writes what arrives into a database, and a program that plays
+many devices.
 .
-Its collector takes the place of that of skelda-tools, and does what that one does.")
+Its collector takes the place of that of skelda-tools, and does the same.")
   set(CPACK_DEBIAN_FLEET_PACKAGE_REPLACES skelda-tools)
   set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS "nats-server, postgresql")
 endif()

@@ -39,7 +39,3 @@ class Contributing(unittest.TestCase):
                 output += run(step, tree, environment)
         for line in shown:
             self.assertTrue(says(output, line), f"{line}\n{output[-4000:]}")
-
-
-if __name__ == "__main__":
-    unittest.main()

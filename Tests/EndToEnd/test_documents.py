@@ -85,7 +85,3 @@ class ManPages(unittest.TestCase):
                 self.assertEqual(taken, set(re.findall(r"^\.It Fl (?:\w , )?-([a-z][a-z-]*)", page, re.M)))
                 synopsis = page.split(".Sh SYNOPSIS")[1].split(".Sh DESCRIPTION")[0]
                 self.assertEqual(taken, set(re.findall(r"-([a-z][a-z-]*[a-z])", synopsis.replace(name, ""))))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -203,7 +203,3 @@ class FleetCollectorTest(unittest.TestCase):
                     connection.sendall(b"0\r\n\r\n")
                 self.assertIn(b"413", connection.recv(100))
         self.assertLess(resident(collector.process.pid) - before, 256 * MEGABYTES)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -80,7 +80,3 @@ class GettingStarted(unittest.TestCase):
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.assertEqual(0, done.returncode, done.stdout)
         self.assertIn('on the page: LapDone {"lap": "3", "pace": "5:10"}', done.stdout)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -140,7 +140,3 @@ class Page(unittest.TestCase):
         self.assertEqual([["Repeats", "1"], ["Refused", "1"], ["Missing", "4"]], page.see(
             "[...document.querySelectorAll('#figures > div')].slice(3).map((e) => [...e.children].map((c) => c.textContent))"))
         self.assertEqual(1, page.see("document.querySelectorAll('#log-rows .mark:not(.bad)').length"))
-
-
-if __name__ == "__main__":
-    unittest.main()

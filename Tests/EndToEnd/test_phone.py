@@ -37,7 +37,3 @@ class Phones(unittest.TestCase):
             taken = [frame for frame in frames if frame.type == 140]
             self.assertEqual(taken[-1].payload["sk.reported.id"]["iOSInstallationId"],
                              base64.b64encode(bytes.fromhex(GOOD)).decode())
-
-
-if __name__ == "__main__":
-    unittest.main()

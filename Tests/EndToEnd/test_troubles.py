@@ -371,7 +371,3 @@ class Bundles(unittest.TestCase):
         self.assertEqual(status, done.returncode, done.stderr)
         self.assertNotIn(SECRET, done.stdout)
         return {line["key"]: line for line in json.loads(done.stdout)["keys"]}
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -51,6 +51,10 @@ class FaultPlan {
     std::lock_guard lock(mutex_);
     byKind_[kind] = Armed{counts_[kind] + nth, fault};
   }
+  /// Every call of that kind from now on.
+  void failAll(const std::string& kind, int error) {
+    failKind(kind, 1, {.error = error, .times = Fault::kForEver});
+  }
   void clear() {
     std::lock_guard lock(mutex_);
     byNumber_.reset();
@@ -114,7 +118,11 @@ class FaultyFileCalls : public platform::FileCalls {
       : plan_(std::move(plan)), only_(std::move(only)) {
     install(this);
   }
+  /// With a plan of its own, reached by ->.
+  explicit FaultyFileCalls(std::string only = {})
+      : FaultyFileCalls(std::make_shared<FaultPlan>(), std::move(only)) {}
   ~FaultyFileCalls() override { install(nullptr); }
+  FaultPlan* operator->() const { return plan_.get(); }
 
   int open(const char* path, int flags, ::mode_t mode) override {
     return fails("open", path) ? -1 : FileCalls::open(path, flags, mode);

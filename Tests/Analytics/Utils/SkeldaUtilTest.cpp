@@ -108,8 +108,7 @@ TEST_F(SkeldaUtilTest, ArchivesComeBackAndMalformedOnesAreDeleted) {
   EXPECT_FALSE(SkeldaUtil::archiveObject(Value("text"), home_ / "absent/archive"));
   ErrorRef error;
   {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     for (const auto& [kind, code] : {std::pair{"open", EMFILE}, {"read", EIO}, {"open", EACCES}}) {
       plan->failKind(kind, 1, {.error = code});
       EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());

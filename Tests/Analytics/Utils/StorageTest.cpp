@@ -251,13 +251,13 @@ TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
   const auto plan = std::make_shared<FaultPlan>();
   {
     FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    plan->failAll("open", EMFILE);
     store().setInteger(2, "new");
     store().removeObjectForKey("removed");
     EXPECT_EQ(store().integerForKey("new"), 2);
     EXPECT_FALSE(store().isPersisted());
     plan->clear();
-    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
+    plan->failAll("read", EIO);
     EXPECT_EQ(store().integerForKey("counter"), 0);
     EXPECT_FALSE(store().isReadable());
     EXPECT_EQ(readFile(path_), before);
@@ -319,8 +319,7 @@ TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
   EXPECT_FALSE(wrapper.isAbsent("key"));
   platform::DeviceLock::setLocked(false);
   for (const char* call : {"open", "read", "status"}) {
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failKind(call, 1, {.error = EMFILE});
     EXPECT_FALSE(wrapper.isAbsent("key")) << call;
     EXPECT_EQ(plan->faults(), 1u) << call;

@@ -280,9 +280,8 @@ TEST_F(SkeldaIntakeOpeningTest, AnAccountThatDoesNotAddUpIsCorrectedAndSaid) {
 
 TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFileIsLeftAlone) {
   for (const char* kind : {"open", "allocate", "write", "rename"}) {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
-    plan->failKind(kind, 1, {.error = EIO, .times = Fault::kForEver});
+    const FaultyFileCalls plan;
+    plan->failAll(kind, EIO);
     platform::ErrorRef error;
     const auto file = SkeldaIntakeFile::open(path_, kCapacity, kKey, &error);
     EXPECT_FALSE(file->isProtected()) << kind;
@@ -294,9 +293,8 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
   }
   append(*open(), "kept");
   {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EACCES, .times = Fault::kForEver});
+    const FaultyFileCalls plan;
+    plan->failAll("open", EACCES);
     EXPECT_FALSE(SkeldaIntakeFile::open(path_, kCapacity, kKey)->isProtected());
   }
   EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"kept"});

@@ -108,12 +108,12 @@ TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
   Index index;
   {
     FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    plan->failAll("open", EMFILE);
     index = load();
     EXPECT_FALSE(index->isReadable());
     EXPECT_FALSE(index->saveState());
     plan->clear();
-    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
+    plan->failAll("read", EIO);
     const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
     EXPECT_FALSE(index->addBlockInfo(block, "Data_1_261"));
     block->deletePersistentData();
@@ -208,11 +208,9 @@ TEST_F(SkeldaDataSenderIndexTest, WithoutAnIndexWholeBlocksOfTheCurrentKeyAreTak
                {EIO, false, {}, 4}};
   for (const auto& one : cases) {
     AgentHome home;
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     const auto fault = [&](const char* kind) {
-      if (one.attributes != 0)
-        plan->failKind(kind, 1, {.error = one.attributes, .times = Fault::kForEver});
+      if (one.attributes != 0) plan->failAll(kind, one.attributes);
     };
     if (one.attributes == ENOTSUP) fault("setAttribute");
     const auto young = SkeldaDataSenderBlockInfo::blockWithData(bytes("young"), "current");
@@ -250,8 +248,7 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
   const auto index = load();
   std::vector<SkeldaDataSenderIndex::BlockRef> blocks;
   for (int i = 0; i < 20; ++i) blocks.push_back(add(index, std::to_string(i)));
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   const auto named = [&] {
     const std::string file = readFile(indexFile());
     return std::count_if(blocks.begin(), blocks.end(), [&](const auto& block) {
@@ -291,8 +288,7 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {
   }
   writeFile(path, "eight by");
   {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failKind("open", 1, {EMFILE});
     EXPECT_EQ(block->data(&status), std::nullopt);
     EXPECT_EQ(status, Status::unreadable);

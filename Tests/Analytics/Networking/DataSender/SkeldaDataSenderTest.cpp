@@ -293,9 +293,8 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   std::filesystem::rename(linked, home_ / "elsewhere");
   std::filesystem::create_symlink(home_ / "elsewhere", linked);
   {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    const FaultyFileCalls plan;
+    plan->failAll("open", EMFILE);
     sender->retransmitNotSentBlocks();
     EXPECT_TRUE(isIdle(sender));
     drain(sender->dataIndex());
@@ -317,8 +316,7 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   const std::pair<const char*, std::size_t> failing[] = {
       {"write", 1}, {"write", 2}, {"syncData", 1}, {"syncData", 2}, {"rename", 1}, {"rename", 2}};
   for (const auto& [kind, call] : failing) {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failKind(kind, call, {.error = ENOSPC, .times = Fault::kForEver});
     EXPECT_FALSE(sender->sendFrameLogData(bytes("log"))) << kind << " " << call;
   }
@@ -326,8 +324,7 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   EXPECT_TRUE(blocks(sender).empty());
   EXPECT_EQ(server.connections(), 0u) << "what is not stored is not sent";
   // One write of the index that fails holds nothing up.
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   plan->failKind("write", 2, {EIO});
   EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
   EXPECT_EQ(plan->faults(), 1u);

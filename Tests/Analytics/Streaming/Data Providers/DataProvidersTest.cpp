@@ -269,13 +269,12 @@ TEST_F(SkeldaNodeDataProviderTest, AWatchMadeAgainLeavesNoDescriptor) {
 
 TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatchIsTriedAgain) {
   start();
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   // No descriptor for the folder, or one for the folder and no watch.
   for (const bool hasDescriptor : {false, true}) {
     settle();
     noMoreWatches = hasDescriptor;
-    if (!hasDescriptor) plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    if (!hasDescriptor) plan->failAll("open", EMFILE);
     provider_->recreateDispatchSource();
     // Once the first try has failed a commit is told; before, the old watch stood.
     std::size_t seen = changes_->count();

@@ -453,9 +453,8 @@ TEST_F(SkeldaStreamFrameLogSenderTest, ALogThatCannotBeReadJustNowIsALostConnect
   } cases[] = {{"open", EMFILE, 8}, {"open", ENFILE, 8}, {"open", ENOMEM, 8},
                {"open", EACCES, 3}, {"read", EIO, 3},    {"open", ENXIO, 0}};
   for (const auto& one : cases) {
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
-    plan->failKind(one.call, 1, {.error = one.error, .times = Fault::kForEver});
+    const FaultyFileCalls plan;
+    plan->failAll(one.call, one.error);
     int lost = 0;
     for (int tries = 0; tries < 8; ++tries) lost += isLostConnection(process("log")) ? 1 : 0;
     EXPECT_EQ(lost, one.lostConnections) << one.call << " " << one.error;
@@ -480,9 +479,8 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   };
   LoopbackServer server(answering(200));
   sendTo(server);
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
-  plan->failKind("syncData", 1, {.error = ENOSPC, .times = Fault::kForEver});
+  const FaultyFileCalls plan;
+  plan->failAll("syncData", ENOSPC);
   const std::string earlier = commit("of an earlier run");
   // Neither of these is a log; the pipe would hold whoever opened it.
   ASSERT_EQ(::mkfifo((folder + "/a pipe").c_str(), 0600), 0);

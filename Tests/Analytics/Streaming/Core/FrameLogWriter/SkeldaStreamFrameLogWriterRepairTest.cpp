@@ -107,8 +107,7 @@ TEST_F(FrameLogRepairTest, SaysWhatItCutAndWhy) {
 
 TEST_F(FrameLogRepairTest, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {
   leave(first_ + "torn");
-  const auto plan = std::make_shared<FaultPlan>();
-  const FaultyFileCalls calls(plan, ".skelda-tmp-");
+  const FaultyFileCalls plan(".skelda-tmp-");
   plan->failKind("write", 1, {.error = ENOSPC});
   startNew();
   EXPECT_EQ(plan->faults(), 1U);
@@ -135,8 +134,7 @@ TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
     send(eventAt(1));
     EXPECT_TRUE(crashFlag());
     AgentHome::forget();
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan, row.where);
+    const FaultyFileCalls plan(row.where);
     plan->failKind(row.kind, 1, {.error = row.error, .times = row.times});
     startNew();
     EXPECT_EQ(plan->faults(), row.times);
@@ -161,9 +159,8 @@ TEST_F(FrameLogRepairTest, SetsALogAsideThatStaysUnreadableOrIsNone) {
     SCOPED_TRACE(what);
     emptyHome();
     make();
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan, "/log");
-    plan->failKind("read", 1, {.error = EIO, .times = Fault::kForEver});
+    const FaultyFileCalls plan("/log");
+    plan->failAll("read", EIO);
     startNew();
     EXPECT_EQ(allLogs(), "counter1");
     int aside = 0;

@@ -55,8 +55,7 @@ TEST_F(FrameLogWriter, RollsOnEveryFlushAndKeepsTheCrashFlagOfItsStatus) {
 
 TEST_F(FrameLogWriter, WritesAndSynchronisesEachFrameAndDoesNothingElse) {
   startNew();
-  const auto plan = std::make_shared<FaultPlan>();
-  const FaultyFileCalls counted(plan);
+  const FaultyFileCalls plan;
   for (int i = 0; i < 5; ++i) send(eventAt(i));
   EXPECT_EQ(plan->calls("write"), 5U);
   EXPECT_EQ(plan->calls("syncData"), 5U);
@@ -104,8 +103,7 @@ TEST_F(FrameLogWriter, TriesACopyThreeTimesBeforeItGivesTheLogUpWithALine) {
   const LogCapture log;
   SkeldaUtil::setLogLevel(1);
   startNew();
-  const auto plan = std::make_shared<FaultPlan>();
-  const FaultyFileCalls calls(plan, commitedFolder());
+  const FaultyFileCalls plan(commitedFolder());
   for (const std::size_t times : {2U, 3U}) {
     send(eventAt(1));
     plan->failKind("renameNoReplace", 1, {.error = EIO, .times = times});
@@ -156,8 +154,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
     SCOPED_TRACE(::testing::Message() << row.kind << " " << row.error << " " << row.where);
     emptyHome();
     startNew();
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan, row.where);
+    const FaultyFileCalls plan(row.where);
     plan->failKind(row.kind, 1, {.error = row.error, .times = row.times});
     for (const int ms : {1, 2, 3}) {
       send(eventAt(ms));
@@ -199,8 +196,7 @@ TEST_F(FrameLogWriter, LosesNothingWhicheverCallFails) {
   for (std::size_t call = 1;; ++call) {
     SCOPED_TRACE(call);
     emptyHome();
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failCall(call, {.error = EIO});
     startNew();
     send(eventAt(1));
@@ -218,13 +214,12 @@ TEST_F(FrameLogWriter, SaysEachSynchronisationThatFailedAndGivesUpByNameWhatStay
   const LogCapture log;
   SkeldaUtil::setLogLevel(1);
   startNew();
-  const auto plan = std::make_shared<FaultPlan>();
-  const FaultyFileCalls calls(plan, "/log");
+  const FaultyFileCalls plan("/log");
   plan->failKind("syncData", 1, {.error = EIO, .times = 2});
   send(eventAt(1));
   send(eventAt(2));
   EXPECT_EQ(log.count("unable to synchronise frame log file"), 2U);
-  plan->failKind("write", 1, {.error = EIO, .times = Fault::kForEver});
+  plan->failAll("write", EIO);
   send(eventAt(3));
   flush(5);
   EXPECT_TRUE(becomes([&] { return log.count("given up, message = SkeldaStreamEvent") == 1; }));
@@ -241,8 +236,7 @@ TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
     std::vector<std::string> durable;
     bool died = false;
     {
-      const auto plan = std::make_shared<FaultPlan>();
-      const FaultyFileCalls calls(plan);
+      const FaultyFileCalls plan;
       // Tries again when the test is over: a dead process does not.
       makeWriter().setRetryDelays(std::chrono::minutes(1), std::chrono::nanoseconds(1));
       writer_->writePendingFiles();

@@ -138,9 +138,8 @@ TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
   const AgentHome home;
   const auto own = SkeldaReportedIdentifiersSource::installationIDForSessionReport();
   {
-    const auto plan = std::make_shared<FaultPlan>();
-    const FaultyFileCalls calls(plan);
-    plan->failKind("open", 1, {.error = EMFILE, .times = Fault::kForEver});
+    const FaultyFileCalls plan;
+    plan->failAll("open", EMFILE);
     EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
   }
   EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
