@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,6 +79,13 @@ void publish(const fs::path& log, const fs::path& folder, const std::string& nam
   synchroniseFolder(folder);
 }
 
+/// How often the calling thread has given the processor up.
+std::int64_t voluntarySwitches() {
+  rusage usage{};
+  ::getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
+
 std::vector<std::string_view> framesOf(std::string_view log) {
   std::vector<std::string_view> frames;
   while (log.size() >= 24) {
@@ -111,6 +119,7 @@ Json bareLoop(const fs::path& folder, const fs::path& scratch, bool withTransfer
   const std::string settings(200, 's');
   const std::string index(4500, 'i');
 
+  const auto switchesBefore = voluntarySwitches();
   const auto began = std::chrono::steady_clock::now();
   const File log(scratch / "log", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
   std::uint64_t frames = 0;
@@ -132,8 +141,12 @@ Json bareLoop(const fs::path& folder, const fs::path& scratch, bool withTransfer
     fs::remove(committed / ("log_" + std::to_string(i)));
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+  const auto switches = voluntarySwitches() - switchesBefore;
   fs::remove_all(scratch);
-  return {{"frames", frames}, {"logs", logs.size()}, {"seconds", took.count()}};
+  return {{"frames", frames},
+          {"logs", logs.size()},
+          {"seconds", took.count()},
+          {"voluntary_switches", switches}};
 }
 
 }  // namespace measure

@@ -34,7 +34,8 @@ Json flood(std::uint64_t events);
 Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent);
 /// Writes the logs of that folder by itself, as the pipeline has to: each frame synchronised, each
 /// log rolled (copied and published, counter and flag replaced). In `scratch`. With the transfer
-/// each log is stored as a block too, and an index replaced.
+/// each log is stored as a block too, and an index replaced. Says as well how often that alone
+/// gives the processor up.
 Json bareLoop(const std::filesystem::path& logs, const std::filesystem::path& scratch,
               bool withTransfer);
 /// Memory that the agent adds, its threads, and how often they wake when idle.
