@@ -91,7 +91,7 @@ TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
     if (i % 7 == 0) {
       queue->barrierAsync([&] {
         EXPECT_EQ(inside.fetch_add(1), 0);
-        for (int pause = 0; pause < 20; ++pause) std::this_thread::yield();
+        for (int pause = 0; pause < 3; ++pause) std::this_thread::yield();
         EXPECT_EQ(inside.load(), 1) << "nobody comes in while a barrier block runs";
         ++barriers;
         inside.fetch_sub(1);

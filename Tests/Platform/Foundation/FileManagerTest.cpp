@@ -158,6 +158,7 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
       {"copyRange", {.shortLength = 7, .times = 5}, "copyRange"},
       {"copyRange", {.error = EXDEV}, "write"},
       {"copyRange", {.error = ENOSYS}, "read"},
+      {"copyRange", {.error = EPERM}, "read"},
       {"syncData", {.error = EINTR}, "syncData"},
       {"sync", {.error = EINVAL}, "sync"},
       {"renameNoReplace", {.error = EINVAL}, "link"},
@@ -192,6 +193,8 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
   plan->failKind("write", 1, {.error = ENOSPC});
   EXPECT_FALSE(manager_.copyItemAtPath(source_, committed_ + "/full"));
   EXPECT_FALSE(manager_.fileExistsAtPath(committed_ + "/full"));
+  writeFile(storage_ + "/empty", "");
+  EXPECT_TRUE(manager_.copyItemAtPath(storage_ + "/empty", committed_ + "/empty"));
   plan->failKind("read", 1, {.error = EIO});
   ErrorRef error;
   EXPECT_EQ(manager_.contentsAtPath(source_, &error), std::nullopt);
