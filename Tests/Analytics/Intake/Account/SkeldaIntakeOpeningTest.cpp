@@ -224,6 +224,7 @@ TEST_F(SkeldaIntakeOpeningTest, RecordsOfAnotherKeyOrVersionAreDroppedWithThatRe
   const auto file = open(kKey + 1);
   EXPECT_EQ(names(), std::vector<std::string>{".intake_261.journal"});
   EXPECT_EQ(payloadsOf(*file), std::vector<std::string>{"three"});
+  EXPECT_EQ(file->opening().otherVersion, 1U);
   const auto& page = file->page();
   const auto& settled = page.settled;
   EXPECT_EQ(settled[1][static_cast<std::size_t>(Outcome::otherKey)], 2U);
@@ -290,6 +291,17 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
     EXPECT_EQ(file->capacity(), kCapacity) << kind;
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket) << kind;
     EXPECT_EQ(names(), std::vector<std::string>{}) << kind;
+  }
+  {
+    // A file system that reserves nothing is written to.
+    const auto plan = std::make_shared<FaultPlan>();
+    FaultyFileCalls calls(plan);
+    plan->failKind("allocate", 1, {.error = EOPNOTSUPP});
+    EXPECT_TRUE(open()->isProtected());
+    struct ::stat status {};
+    ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+    EXPECT_GE(status.st_blocks * 512, status.st_size);
+    EXPECT_GT(status.st_size, std::int64_t{kCapacity});
   }
   append(*open(), "kept");
   {
