@@ -27,6 +27,7 @@ struct Options {
   bool followNetwork = false;
   bool choices = false;
   double linger = 10;
+  double rest = 1;
 };
 
 fs::path besideThisProgram(const char* name) {
@@ -63,6 +64,8 @@ void describe(CLI::App& app, Options& options) {
   app.add_option("--linger", options.linger,
                  "Seconds to wait at most, at the end, for the files on disk to come to rest")
       ->capture_default_str();
+  app.add_option("--rest", options.rest, "Seconds without a change that count as rest")
+      ->capture_default_str();
 }
 
 /// What everybody asks first: why nothing has come to the server.
@@ -92,9 +95,12 @@ int run(const Options& options) {
   std::printf("logged in %.1f s\n", counts.took.count());
   std::fflush(stdout);
 
-  using namespace std::chrono_literals;
-  const auto atMost = std::chrono::milliseconds(static_cast<std::int64_t>(options.linger * 1000));
-  const bool rested = options.linger <= 0 || QuietFolder(storageFolder()).wait(1s, atMost);
+  const auto milliseconds = [](double seconds) {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+  };
+  const bool rested =
+      options.linger <= 0 ||
+      QuietFolder(storageFolder()).wait(milliseconds(options.rest), milliseconds(options.linger));
   std::printf("files on disk: %s\naccepted: %llu\nrefused: %llu\n",
               options.linger <= 0 ? "not waited for"
               : rested            ? "at rest"

@@ -155,6 +155,8 @@ class Home:
     def start(self, *arguments, bundle=None, environment=None, keep_sent=None, **popen):
         """Starts the bundle's program; with `keep_sent`, the example that copies what it sends into that folder."""
         bundle = bundle or (KEEPING_EXAMPLE if keep_sent else self.bundle)
+        if EMULATOR:  # a handshake alone takes seconds
+            arguments = [*arguments, "--rest", "8"]
         environment = dict(environment or self.environment())
         if keep_sent:
             environment["SKELDA_TEST_KEEP_SENT"] = str(keep_sent)

@@ -50,7 +50,7 @@ class MorningRun(unittest.TestCase):
             sent = home.path / "sent"
             # As fast as an emulated agent keeps up with, so that the session rule drops nothing.
             rate = "40" if EMULATOR else "200"
-            run = home.run("--rate", rate, "--server", collector.url, "--linger", "30", keep_sent=sent,
+            run = home.run("--rate", rate, "--server", collector.url, "--linger", "120", within=180, keep_sent=sent,
                            environment=home.environment(SSL_CERT_FILE=collector.authority))
             self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
             received = collector.logs()
