@@ -30,6 +30,7 @@ import pathlib
 import re
 import shlex
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -156,12 +157,14 @@ class Build:
 
     def run(self, program, limit, *options):
         """(Each test that ended, with whether it failed and its milliseconds; those that began and did not; status.)"""
-        try:
-            run = subprocess.run([program, *options], cwd=self.tree, capture_output=True, text=True, errors="replace",
-                                 timeout=limit)
-            output, status = run.stdout, run.returncode
-        except subprocess.TimeoutExpired as late:
-            output, status = (late.stdout or b"").decode(errors="replace"), None
+        with subprocess.Popen([program, *options], cwd=self.tree, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              text=True, errors="replace", start_new_session=True) as process:
+            try:
+                output, status = process.communicate(timeout=limit)[0], process.returncode
+            except subprocess.TimeoutExpired:
+                # What it has started, a death test's process say, hangs as well.
+                os.killpg(process.pid, signal.SIGKILL)
+                output, status = process.communicate()[0], None
         ended = {test: (word == "  FAILED ", int(took)) for word, test, took in
                  re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", output, re.MULTILINE)}
         broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in ended]
