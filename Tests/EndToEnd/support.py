@@ -27,6 +27,8 @@ HOSTS = BUILD / "Tests/EndToEnd/hosts"
 KEEPING_EXAMPLE = HOSTS / "MorningRun.app/PlugIns/MorningRunExtension.appex"
 FRAMES_TOOL = BUILD / "Tools/skelda-frames/skelda-frames"
 COLLECTOR = BUILD / "Tools/skelda-collector/skelda-collector"
+if not COLLECTOR.exists():  # none is built for that processor: this machine's own
+    COLLECTOR = str(ROOT / "build/release/Tools/skelda-collector/skelda-collector")
 PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
 # What stands before a program of the build where that is for another processor.
 EMULATOR = shlex.split(os.environ.get("SKELDA_EMULATOR", ""))

@@ -104,7 +104,7 @@ Arrivals::Arrivals(const LogStore& store) : store_(store) {
   for (std::size_t number = 1; const auto entry = store.entry(number); ++number)
     if (!entry->line.contains("repeat")) noteWatch(entry->line, nullptr);
   std::vector<LogStore::Entry> again;
-  std::size_t bytes = 0;
+  std::uint64_t bytes = 0;
   for (auto& entry : store.newestFirst(SIZE_MAX, kMostCards)) {
     bytes += LogStore::numberIn(entry.line, "bytes");
     if (bytes > kBytesReadAgain) break;
@@ -252,7 +252,8 @@ std::string Arrivals::messagesAfter(std::uint64_t& sequence,
   if (sequence < first || sequence > sequence_) {
     text = messageOf(sequence_, "forgotten", Json::object());
   } else {
-    for (auto at = sequence - first; at < messages_.size(); ++at) text += messages_[at];
+    for (auto at = static_cast<std::size_t>(sequence - first); at < messages_.size(); ++at)
+      text += messages_[at];
   }
   sequence = sequence_;
   return text;

@@ -177,7 +177,8 @@ void CollectorServer::routeLines() {
     };
     auto progress = std::make_shared<Progress>();
     if (const auto limit = request.get_param_value("limit"); !limit.empty())
-      progress->left = std::strtoull(limit.c_str(), nullptr, 10);
+      progress->left = static_cast<std::size_t>(
+          std::min<std::uint64_t>(std::strtoull(limit.c_str(), nullptr, 10), SIZE_MAX));
     response.set_chunked_content_provider(
         "application/json", [this, progress](std::size_t, httplib::DataSink& sink) {
           const auto lines =
@@ -306,9 +307,10 @@ bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
     const auto whole = "HTTP/1.1 " + std::to_string(response.status) +
                        " As it is\r\nContent-Type: application/json\r\nContent-Length: " +
                        std::to_string(response.body.size()) + "\r\n\r\n" + response.body;
-    const auto sent = fault.resetAnswer.value_or(whole.size() / 2);
+    const auto sent =
+        std::min<std::uint64_t>(fault.resetAnswer.value_or(whole.size() / 2), whole.size());
     auto& connection = Connection::current();
-    connection.write(whole.data(), std::min<std::size_t>(sent, whole.size()));
+    connection.write(whole.data(), static_cast<std::size_t>(sent));
     connection.reset();
     return false;
   }

@@ -111,7 +111,8 @@ Json LogReading::frames(std::string_view log, std::uint64_t first) {
     end = frame.offset + lengthOf(frame);
     return true;
   });
-  const auto bytes = log.substr(begin, std::min(end - begin, kMostBytes));
+  const auto bytes = log.substr(static_cast<std::size_t>(begin),
+                                static_cast<std::size_t>(std::min(end - begin, kMostBytes)));
   return {{"frames", std::move(frames)},
           {"bytes", platform::base64Encoded(bytes)},
           {"from", begin},

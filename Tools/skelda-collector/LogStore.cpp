@@ -202,7 +202,7 @@ void LogStore::keep(std::string_view log, const std::string& name) const {
 
 LogStore::Json LogStore::lineAt(std::size_t number) const {
   const auto [offset, end] = places_[number - 1];
-  std::string text(end - offset, '\0');
+  std::string text(static_cast<std::size_t>(end - offset), '\0');
   for (std::size_t done = 0; done < text.size();) {
     const auto got =
         ::pread(lines_, text.data() + done, text.size() - done, static_cast<off_t>(offset + done));
@@ -214,18 +214,19 @@ LogStore::Json LogStore::lineAt(std::size_t number) const {
   return line.is_object() ? line : Json::object();
 }
 
-std::vector<LogStore::Entry> LogStore::newestFirst(std::size_t below, std::size_t limit) const {
+std::vector<LogStore::Entry> LogStore::newestFirst(std::uint64_t below, std::size_t limit) const {
   const MutexLock lock(mutex_);
   std::vector<Entry> entries;
-  for (auto number = std::min(below, places_.size() + 1); number-- > 1 && entries.size() < limit;)
-    entries.push_back({number, lineAt(number)});
+  auto number = static_cast<std::size_t>(std::min<std::uint64_t>(below, places_.size() + 1));
+  for (; number-- > 1 && entries.size() < limit;) entries.push_back({number, lineAt(number)});
   return entries;
 }
 
-std::optional<LogStore::Entry> LogStore::entry(std::size_t number) const {
+std::optional<LogStore::Entry> LogStore::entry(std::uint64_t number) const {
   const MutexLock lock(mutex_);
   if (number == 0 || number > places_.size()) return std::nullopt;
-  return Entry{number, lineAt(number)};
+  const auto at = static_cast<std::size_t>(number);
+  return Entry{at, lineAt(at)};
 }
 
 std::optional<std::string> LogStore::bytesOf(const Json& line) const {

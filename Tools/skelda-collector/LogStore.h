@@ -47,8 +47,8 @@ class LogStore {
   Entry add(std::string_view log, const FrameLogReport& report, std::string_view apiKey);
 
   /// The lines of received.jsonl, newest first, below the one of that number, at most `limit`.
-  std::vector<Entry> newestFirst(std::size_t below, std::size_t limit) const;
-  std::optional<Entry> entry(std::size_t number) const;
+  std::vector<Entry> newestFirst(std::uint64_t below, std::size_t limit) const;
+  std::optional<Entry> entry(std::uint64_t number) const;
   /// The bytes of a line's log; nothing where its file is not there any more.
   std::optional<std::string> bytesOf(const Json& line) const;
   /// Those of earlier runs included.

@@ -64,8 +64,8 @@ inline bool addsUp(SkeldaIntakeFile& file) {
 
 /// A payload that says which one it is.
 struct Numbered {
-  std::uint64_t thread = 0;
-  std::uint64_t index = 0;
+  std::size_t thread = 0;
+  std::size_t index = 0;
   std::uint64_t length = 0;
 
   std::string text() const {

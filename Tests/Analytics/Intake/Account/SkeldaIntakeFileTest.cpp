@@ -81,13 +81,13 @@ TEST_F(SkeldaIntakeFileTest, WhatDoesNotFitIsRefusedAndLeavesNothingBehind) {
 }
 
 TEST_F(SkeldaIntakeFileTest, FourThreadsAtOnceLoseNothingAndKeepTheirOrder) {
-  constexpr std::uint64_t kEach = 20000;
+  constexpr std::size_t kEach = 20000;
   const auto file = open();
   std::map<std::uint64_t, std::uint64_t> next;
   inThreads(5, [&](unsigned thread) {
     std::mt19937 chance(thread);
     if (thread < 4) {
-      for (std::uint64_t i = 0; i < kEach; ++i) {
+      for (std::size_t i = 0; i < kEach; ++i) {
         const Numbered payload{thread, i, chance() % 300};
         while (append(*file, payload.text()) == kSkeldaNoTicket) std::this_thread::yield();
       }

@@ -45,7 +45,7 @@ std::vector<std::string> payloadsOf(SkeldaIntakeFile& file) {
 struct Told {
   static constexpr std::size_t kMost = 1 << 20;
   struct Thread {
-    std::atomic<std::uint64_t> returned;                  ///< calls, numbered from 0
+    std::atomic<std::size_t> returned;                    ///< calls, numbered from 0
     std::array<std::atomic<std::uint8_t>, kMost> stored;  ///< times that the call's record was
   };
   std::array<Thread, 4> threads;
@@ -55,7 +55,7 @@ struct Told {
 void work(const std::shared_ptr<SkeldaIntakeFile>& file, Told& told, std::mt19937 chance) {
   for (std::size_t thread = 0; thread < told.threads.size(); ++thread) {
     std::thread([file, &mine = told.threads[thread], thread, sizes = chance]() mutable {
-      for (std::uint64_t index = mine.returned + 1;; ++index) {
+      for (std::size_t index = mine.returned + 1;; ++index) {
         const Numbered payload{thread, index, sizes() % (index % 50 == 0 ? 3000 : 200)};
         while (append(*file, payload.text(), index % 7 == 0 ? Kind::choice : Kind::event) == 0) {
           std::this_thread::yield();
@@ -107,7 +107,7 @@ TEST_F(SkeldaIntakeOpeningTest, AKillAtAnyInstantLosesNoCallThatHadReturned) {
     cutOff += opening.cutOff[0] + opening.cutOff[1];
     ASSERT_LE(opening.cutOff[0] + opening.cutOff[1], 4U) << kill;
     // Some of what is left goes through, now or with a later start; the rest waits on.
-    std::array<std::set<std::uint64_t>, 4> waiting;
+    std::array<std::set<std::size_t>, 4> waiting;
     std::uint64_t count = 0;
     std::vector<SkeldaIntakeTicket> tickets;
     while (const auto record = file->takeOldest()) {
@@ -126,7 +126,7 @@ TEST_F(SkeldaIntakeOpeningTest, AKillAtAnyInstantLosesNoCallThatHadReturned) {
     ASSERT_EQ(count, opening.waiting[0] + opening.waiting[1]);
     for (std::size_t thread = 0; thread < 4; ++thread) {
       Told::Thread& one = told->threads[thread];
-      for (std::uint64_t index = 1; index <= one.returned; ++index) {
+      for (std::size_t index = 1; index <= one.returned; ++index) {
         ASSERT_TRUE(one.stored[index] > 0 || waiting[thread].contains(index))
             << "kill " << kill << ": call " << index << " of thread " << thread;
       }

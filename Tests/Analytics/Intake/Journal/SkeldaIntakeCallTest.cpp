@@ -27,7 +27,7 @@ std::string encoded(Call::Kind kind, Call::Values values) {
 
 class RandomValues {
  public:
-  std::uint64_t number(std::uint64_t end) { return random_() % end; }
+  std::size_t number(std::size_t end) { return static_cast<std::size_t>(random_() % end); }
 
   Value value(unsigned deepest) {
     switch (number(deepest == 0 ? 9 : 11)) {
