@@ -11,5 +11,6 @@ void SkeldaTimeZoneInfoSource::onqueue_fetchAndSendTimeZone() {
   SKELDA_LOG(2, "{}: Got New TimeZone Info [{}] ",
              "-[SkeldaTimeZoneInfoSource onqueue_fetchAndSendTimeZone]",
              skelda::textOrNull(localTimeZone.name));
-  onqueue_streamMessage(SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(localTimeZone.name));
+  onqueue_streamMessage(
+      SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(localTimeZone.name));
 }
