@@ -25,10 +25,9 @@ SkeldaReachability::NetworkStatus statusFor(platform::NetworkLink link) noexcept
 
 void SkeldaReachability::registerClass() {
   platform::ClassRegistry::shared().registerClass(
-      {std::string(kClassName),
-       {},
-       {std::string(ISkeldaReachability::kProtocolName)},
-       [] { return std::make_shared<SkeldaReachability>(); }});
+      {std::string(kClassName), {}, {std::string(ISkeldaReachability::kProtocolName)}, [] {
+         return std::make_shared<SkeldaReachability>();
+       }});
 }
 
 SkeldaReachability::SkeldaReachability()

@@ -52,7 +52,9 @@ bool isNegative(plist_t node) {
   std::uint32_t length = 0;
   plist_to_xml(node, &text, &length);
   const MemoryRef owner(text);
-  return text != nullptr && std::string_view(text, static_cast<std::size_t>(length)).find("<integer>-") != std::string::npos;
+  return text != nullptr &&
+         std::string_view(text, static_cast<std::size_t>(length)).find("<integer>-") !=
+             std::string::npos;
 }
 
 Value integerOf(plist_t node) {

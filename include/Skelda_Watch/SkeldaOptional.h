@@ -11,6 +11,6 @@
 /// network comes back, and events say how the watch is connected. False where memory ran out.
 SKELDA_EXPORT bool SkeldaReachabilityLink() noexcept;
 
-/// The agent gets the identifiers of the paired phone, which it waits for on a Unix-domain socket at
-/// that path; a stale one there is replaced.
+/// The agent gets the identifiers of the paired phone, which it waits for on a Unix-domain socket
+/// at that path; a stale one there is replaced.
 SKELDA_EXPORT void SkeldaListenForPhone(const std::string& socketPath) noexcept;

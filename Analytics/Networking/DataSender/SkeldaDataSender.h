@@ -41,9 +41,9 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
       platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker =
                                     SkeldaBackgroundTaskTracker::defaultTracker());
   /// Null before set-up.
+  static std::shared_ptr<SkeldaDataSender> sharedInstance();
   /// Why the last request of this process had no answer; empty where it had one.
   static std::string lastFailure();
-  static std::shared_ptr<SkeldaDataSender> sharedInstance();
   /// An instance of one's own, with a key of one's own. Two must not use one storage folder.
   static std::shared_ptr<SkeldaDataSender> senderWithQueue(
       platform::QueueRef queue, std::shared_ptr<SkeldaBackgroundTaskTracker> backgroundTracker,
