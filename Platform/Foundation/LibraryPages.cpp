@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <new>
 #include <string_view>
 
 #include "Platform/Foundation/FileCalls.h"
@@ -30,7 +31,7 @@ bool isOfFile(std::uint64_t page) noexcept {
 /// Looks at the process's pages through the file that tells of them.
 class Pages {
  public:
-  Pages() noexcept {
+  Pages() {
     int error = 0;
     file_ = FileDescriptor::open("/proc/self/pagemap", O_RDONLY, error);
   }
@@ -81,8 +82,12 @@ int giveBackParts(dl_phdr_info* library, std::size_t, void* pages) noexcept {
 }  // namespace
 
 void giveBackLibraryPages() noexcept {
-  Pages pages;
-  ::dl_iterate_phdr(&giveBackParts, &pages);
+  try {
+    Pages pages;
+    ::dl_iterate_phdr(&giveBackParts, &pages);
+  } catch (const std::bad_alloc&) {
+    // Without memory to look with nothing is given back; the next time may have it.
+  }
 }
 
 }  // namespace skelda::platform
