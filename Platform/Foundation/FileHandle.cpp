@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <optional>
@@ -23,9 +22,8 @@ namespace {
                   std::string(operation) + ": " + posixError(error, path)->localizedDescription());
 }
 
-/// A file that this process has open. Keeps the offset itself, and the length from the first time
-/// that it is asked for, so that an operation is one system call: whoever writes to a file is the
-/// only one who does.
+/// A file that this process has open. Keeps the offset itself, so that an operation is one system
+/// call.
 class PosixFileHandle : public FileHandle {
  public:
   PosixFileHandle(FileDescriptor file, std::string path)
@@ -42,11 +40,17 @@ class PosixFileHandle : public FileHandle {
     return readDataOfLength(std::numeric_limits<std::size_t>::max());
   }
 
-  std::uint64_t seekToEndOfFile() override { return offset_ = length("seek"); }
+  std::uint64_t seekToEndOfFile() override {
+    offset_ = length("seek");
+    knownLength_ = offset_;
+    return offset_;
+  }
 
   void writeData(const Data& data) override {
     cutBack();
-    const std::uint64_t before = length("write");
+    // Mostly a seek to the end has just said it.
+    const auto known = std::exchange(knownLength_, std::nullopt);
+    const std::uint64_t before = known ? *known : length("write");
     const int error =
         withReserve([&] { return file_.write(data.view(), static_cast<::off_t>(offset_)); });
     if (error != 0) {
@@ -56,21 +60,17 @@ class PosixFileHandle : public FileHandle {
       raise("write", path_, error);
     }
     offset_ += data.length();
-    length_ = std::max(before, offset_);
   }
 
   void truncateFileAtOffset(std::uint64_t offset) override {
-    length_.reset();
+    knownLength_.reset();
     check("truncate", file_.truncate(static_cast<::off_t>(offset)));
-    length_ = offset_ = offset;
+    offset_ = offset;
   }
 
   void synchronizeFile() override { check("synchronize", file_.syncData()); }
 
-  void closeFile() override {
-    length_.reset();
-    check("close", file_.close());
-  }
+  void closeFile() override { check("close", file_.close()); }
 
  private:
   /// What could not be cut off after a failed write is cut off before anything else is written.
@@ -82,17 +82,16 @@ class PosixFileHandle : public FileHandle {
   void check(std::string_view operation, int error) const {
     if (error != 0) raise(operation, path_, error);
   }
-  std::uint64_t length(std::string_view operation) {
-    if (length_) return *length_;
+  std::uint64_t length(std::string_view operation) const {
     struct ::stat now;
     check(operation, file_.status(now));
-    return *(length_ = static_cast<std::uint64_t>(now.st_size));
+    return static_cast<std::uint64_t>(now.st_size);
   }
 
   FileDescriptor file_;
   std::string path_;
   std::uint64_t offset_ = 0;
-  std::optional<std::uint64_t> length_;
+  std::optional<std::uint64_t> knownLength_;
   std::optional<std::uint64_t> lengthToCutBackTo_;
 };
 

@@ -140,7 +140,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
       {"rename", EINTR, 20, ""},
       {"statusAt", EIO, 3, "/log"},
       {"statusAt", EIO, 2, ""},
-      {"status", EIO, 2, "/log"},
+      {"status", EIO, 4, "/log"},
       {"truncate", EIO, 2, "/log"},
       {"syncData", EIO, 4, "/log"},
       {"syncData", EIO, 2, ""},
