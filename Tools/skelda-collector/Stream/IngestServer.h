@@ -19,9 +19,11 @@ struct MHD_Connection;
 struct MHD_Daemon;
 
 /// The ingestion endpoint without a state of its own:
-///   POST /v1/skd.do   a frame log; 200 once the sink has it, 503 with Retry-After where it does
-///   not GET /healthz      whether the process serves GET /readyz       200 where a log that came
-///   now could be kept, else 503 GET /metrics      figures, in the text form of Prometheus
+///  - POST /v1/skd.do: a frame log; 200 once the sink has it, else 503 with Retry-After
+///  - GET /healthz: whether the process serves
+///  - GET /readyz: 200 where a log that came now could be kept, else 503
+///  - GET /metrics: figures, in the text form of Prometheus
+///
 /// A few threads serve all connections; one that waits for its peer, or for the sink, holds none.
 /// Whoever is slower than a bound for each step, from the handshake to the end of the body, is
 /// broken off.
