@@ -58,14 +58,7 @@ platform::Dictionary SkeldaUtil::dictionary2Base64UTF8Dictionary(
 }
 
 std::string SkeldaUtil::hexadecimalStringForData(const platform::Data& data) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(data.length() * 2);
-  for (const char byte : data.view()) {
-    text += kDigits[static_cast<unsigned char>(byte) >> 4];
-    text += kDigits[static_cast<unsigned char>(byte) & 0x0F];
-  }
-  return text;
+  return platform::hexadecimal(data.view());
 }
 
 std::optional<platform::Data> SkeldaUtil::dataFromHexString(std::optional<std::string_view> text) {

@@ -77,6 +77,17 @@ std::optional<Data> base64Decoded(std::string_view text) {
   return Data(std::move(bytes));
 }
 
+std::string hexadecimal(std::string_view bytes) {
+  static constexpr char kHexadecimal[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char byte : bytes) {
+    text += kHexadecimal[static_cast<unsigned char>(byte) >> 4];
+    text += kHexadecimal[static_cast<unsigned char>(byte) & 0x0F];
+  }
+  return text;
+}
+
 bool isValidUTF8(std::string_view bytes) noexcept {
   constexpr std::uint64_t kHighBits = 0x8080808080808080U;
   const auto* at = reinterpret_cast<const std::uint8_t*>(bytes.data());

@@ -14,6 +14,9 @@ std::string base64Encoded(std::string_view bytes);
 /// Nothing for text that is not base64; line breaks are not accepted.
 std::optional<Data> base64Decoded(std::string_view text);
 
+/// Two digits, 0 to 9 and a to f, for each byte.
+std::string hexadecimal(std::string_view bytes);
+
 /// Whether the bytes are well-formed UTF-8 (no surrogates, nothing over-long).
 bool isValidUTF8(std::string_view bytes) noexcept;
 

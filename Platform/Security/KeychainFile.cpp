@@ -20,13 +20,7 @@ constexpr KeychainAccessibility kAccessibilities[] = {
     KeychainAccessibility::whenUnlocked, KeychainAccessibility::afterFirstUnlockThisDeviceOnly};
 
 std::string fileNameOf(std::string_view service) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string name;
-  for (const char byte : sha256(service).substr(0, 16)) {
-    name += kDigits[static_cast<unsigned char>(byte) >> 4];
-    name += kDigits[static_cast<unsigned char>(byte) & 0x0F];
-  }
-  return name + ".json";
+  return hexadecimal(std::string_view(sha256(service)).substr(0, 16)) + ".json";
 }
 
 const std::string* textUnder(const Dictionary& dictionary, std::string_view key) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "Tools/Shared/Digest.h"
 #include "Tools/Shared/PayloadText.h"
 #include "Tools/skelda-collector/Connection.h"
 #include "Tools/skelda-collector/FrameLogReport.h"
@@ -289,7 +290,7 @@ bool CollectorServer::meet(const Fault& fault, const httplib::Request& request,
   }
   if (fault.status && *fault.status / 100 != 2) {
     print("fault: status " + std::to_string(*fault.status) + " for " +
-          LogStore::sha256(body).substr(0, 16));
+          skelda::tools::digestOf(body).substr(0, 16));
     answer(response, *fault.status, {{"error", "as asked for"}});
     return true;
   }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <openssl/sha.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +15,10 @@
 #include <iterator>
 #include <system_error>
 
+#include "Tools/Shared/Digest.h"
+
 using skelda::platform::MutexLock;
+using skelda::tools::digestOf;
 
 namespace {
 
@@ -69,7 +71,7 @@ bool isFileName(const std::string& name) {
          name.ends_with(".framelog");
 }
 
-std::optional<std::array<unsigned char, 16>> digestOf(const std::string& hexadecimal) {
+std::optional<std::array<unsigned char, 16>> keyOf(const std::string& hexadecimal) {
   std::array<unsigned char, 16> digest{};
   if (hexadecimal.size() != 64) return std::nullopt;
   for (std::size_t at = 0; at < digest.size(); ++at) {
@@ -96,12 +98,6 @@ std::string LogStore::textIn(const Json& line, const char* key) {
 std::uint64_t LogStore::numberIn(const Json& line, const char* key) {
   const auto found = line.find(key);
   return found != line.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
-}
-
-std::string LogStore::sha256(std::string_view bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  return fmt::format("{:02x}", fmt::join(digest, ""));
 }
 
 std::size_t LogStore::DigestHash::operator()(const Digest& digest) const {
@@ -144,14 +140,14 @@ void LogStore::note(const Json& line, std::uint64_t offset, std::uint64_t end) {
     totals_.bytes += numberIn(line, "bytes");
     totals_.events += numberIn(line, "events");
   }
-  if (const auto digest = digestOf(textIn(line, "sha256"))) numbers_[*digest] = places_.size();
+  if (const auto digest = keyOf(textIn(line, "sha256"))) numbers_[*digest] = places_.size();
 }
 
 LogStore::Entry LogStore::add(std::string_view log, const FrameLogReport& report,
                               std::string_view apiKey) {
-  const std::string digest = sha256(log);
+  const std::string digest = digestOf(log);
   const MutexLock lock(mutex_);
-  const auto known = numbers_.find(*digestOf(digest));
+  const auto known = numbers_.find(*keyOf(digest));
   const bool repeat = known != numbers_.end();
   std::string name = repeat ? textIn(lineAt(known->second), "file") : "";
   if (!isFileName(name) || !std::filesystem::exists(pathOf(name))) {

@@ -39,9 +39,6 @@ class LogStore {
   static std::string textIn(const Json& line, const char* key);
   static std::uint64_t numberIn(const Json& line, const char* key);
 
-  /// In hexadecimal digits.
-  static std::string sha256(std::string_view bytes);
-
   /// Keeps a log that a client sent with that API key. Throws std::system_error when it could not
   /// be kept; then there is no line.
   Entry add(std::string_view log, const FrameLogReport& report, std::string_view apiKey);

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "Tools/Shared/Digest.h"
+
 namespace skelda::fleet {
 namespace {
 
@@ -147,7 +149,7 @@ void FleetLoad::ended(std::uint32_t device, Log log, const HttpsRequests::Result
     ++taken_;
     bytes_ += body.size();
     latencies_.push_back(static_cast<std::uint32_t>(result.took.count()));
-    writeLedger(fmt::format("{} {} {} {}\n", digestOf(body), body.size(), device, log + 1));
+    writeLedger(fmt::format("{} {} {} {}\n", tools::digestOf(body), body.size(), device, log + 1));
   }
   steps_.clear();
   of.sender.ended(log, ending, steps_);

@@ -1,7 +1,6 @@
 #include "Tools/skelda-fleet/LoadBodies.h"
 
 #include <fmt/format.h>
-#include <openssl/evp.h>
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -10,6 +9,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Platform/Foundation/TextCoding.h"
+#include "Tools/Shared/Digest.h"
 #include "Tools/Shared/FrameInputs.h"
 #include "Tools/Shared/FrameLogReader.h"
 
@@ -36,15 +36,6 @@ std::shared_ptr<SkeldaStreamMessage> messageOf(const tools::FrameRecord& record)
 }
 
 }  // namespace
-
-std::string digestOf(std::string_view bytes) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
-    throw std::runtime_error("no SHA-256");
-  }
-  return fmt::format("{:02x}", fmt::join(digest, digest + length, ""));
-}
 
 LoadBodies::LoadBodies(const std::vector<std::string>& paths, std::size_t leastBytes,
                        std::string run, std::int64_t beginsAt)
@@ -93,7 +84,7 @@ void LoadBodies::read(const std::string& path, std::size_t leastBytes) {
 }
 
 std::string LoadBodies::identifier(std::uint32_t device) const {
-  return digestOf(fmt::format("{} {}", run_, device)).substr(0, 32);
+  return tools::digestOf(fmt::format("{} {}", run_, device)).substr(0, 32);
 }
 
 LoadBodies::Body LoadBodies::body(std::uint32_t device, std::uint32_t log) {

@@ -53,7 +53,4 @@ class LoadBodies {
   std::vector<Recording> recordings_;
 };
 
-/// SHA-256, 64 lower-case hexadecimal digits.
-std::string digestOf(std::string_view bytes);
-
 }  // namespace skelda::fleet

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
-#include "Platform/Security/Digest.h"
+#include "Tools/Shared/Digest.h"
 #include "Tools/Shared/FrameLogReader.h"
 #include "Tools/Shared/PayloadText.h"
 #include "Tools/skelda-load/CopyRow.h"
@@ -69,12 +69,6 @@ const Value* memberOf(const Dictionary& payload, const EnvironmentColumn& column
   return object->dictionary()->find(column.key);
 }
 
-std::string hexadecimal(std::string_view bytes) {
-  std::string out;
-  for (const char byte : bytes) out += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-  return out;
-}
-
 /// As "2026-11-23T12:24:39.123456Z", which the database is sure to take.
 bool isStamp(std::string_view text) {
   constexpr std::string_view kForm = "0000-00-00T00:00:00.000000Z";
@@ -106,7 +100,7 @@ const std::array<std::string, LogTable::count>& LogTable::targets() {
 class LogRowsReader {
  public:
   explicit LogRowsReader(const StreamedLog& log) : log_(log) {
-    rows_.digest = hexadecimal(platform::sha256(log.body));
+    rows_.digest = digestOf(log.body);
     fields_.fill("\\N");
   }
 

@@ -41,7 +41,7 @@ VALUES = ("include/Skelda_Watch/SkeldaConsent.h",)
 
 LIBRARIES = {
     r"curl/": r"Platform/Foundation/URLSession|Tools/skelda-fleet/|Tests/|Benchmarks/",
-    r"openssl/": r"Platform/Security/|Tools/skelda-(?:collector|fleet)/|Tests/",
+    r"openssl/": r"Platform/Security/|Tools/skelda-collector/|Tests/",
     r"plist/": r"Platform/Foundation/PropertyList",
     r"nlohmann/": r"Platform/Foundation/JSONReader|Tools/|Tests/|Benchmarks/",
     r"uuid/": r"Platform/Foundation/UUID",

@@ -6,12 +6,13 @@
 
 #include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "Tools/Shared/Digest.h"
 #include "Tools/Shared/FleetStream.h"
-#include "Tools/skelda-collector/LogStore.h"
 
 namespace fleet = skelda::tools::fleet;
 
@@ -74,14 +75,14 @@ void NatsSink::Freer::operator()(__natsMsg* message) const {
 
 NatsSink::Message NatsSink::messageOf(const ArrivedLog& log) {
   natsMsg* made = nullptr;
-  const std::string subject = fleet::kSubjectPrefix + LogStore::sha256(log.apiKey);
+  const std::string subject = fleet::kSubjectPrefix + skelda::tools::digestOf(log.apiKey);
   if (natsMsg_Create(&made, subject.c_str(), nullptr, log.bytes.data(),
                      static_cast<int>(log.bytes.size())) != NATS_OK) {
     return nullptr;
   }
   Message message(made);
   const std::pair<const char*, std::string> headers[] = {
-      {fleet::kIdHeader, LogStore::sha256(log.bytes)},
+      {fleet::kIdHeader, skelda::tools::digestOf(log.bytes)},
       {fleet::kReceivedHeader, nowText()},
       {fleet::kLengthHeader, std::to_string(log.bytes.size())},
       {fleet::kFramesHeader, std::to_string(log.check.frames)},
