@@ -73,6 +73,9 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   bool sendFrameLogData(platform::Data data, CompletionHandler completionHandler);
   bool sendSessionsData(platform::Data data, CompletionHandler completionHandler = nullptr);
   bool everSentReportSuccessfully() const noexcept;
+  /// Held weakly, and told nothing. Set before the first payload is given.
+  void setDataSenderDelegate(const platform::ObjectRef& delegate) { dataSenderDelegate_ = delegate; }
+  platform::ObjectRef dataSenderDelegate() const { return dataSenderDelegate_.lock(); }
 
  private:
   SkeldaDataSender(platform::QueueRef queue,
@@ -95,4 +98,5 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   const std::string dataKey_;
   const std::shared_ptr<SkeldaDataSenderIndex> dataIndex_;
   bool indexPrepared_ = false;
+  std::weak_ptr<platform::Object> dataSenderDelegate_;
 };
