@@ -74,7 +74,9 @@ class SkeldaDataSender : public SkeldaDataSenderBase,
   bool sendSessionsData(platform::Data data, CompletionHandler completionHandler = nullptr);
   bool everSentReportSuccessfully() const noexcept;
   /// Held weakly, and told nothing. Set before the first payload is given.
-  void setDataSenderDelegate(const platform::ObjectRef& delegate) { dataSenderDelegate_ = delegate; }
+  void setDataSenderDelegate(const platform::ObjectRef& delegate) {
+    dataSenderDelegate_ = delegate;
+  }
   platform::ObjectRef dataSenderDelegate() const { return dataSenderDelegate_.lock(); }
 
  private:
