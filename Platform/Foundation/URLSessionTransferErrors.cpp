@@ -5,8 +5,11 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
+#include <string_view>
 
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/URLSessionParsedURL.h"
@@ -70,6 +73,17 @@ std::int64_t codeFor(CURLcode result, long systemError) noexcept {
   }
 }
 
+/// Whether a handshake failed where a signature was verified. A certificate under the name of an
+/// authority that is trusted, but signed with another key, ends so: the library then names the
+/// first step that failed, and not that the certificate is refused.
+bool isOfASignature(std::string_view flaw) noexcept {
+  constexpr std::string_view kRoutines[] = {
+      ":asn1 encoding routines:", ":rsa routines:", ":elliptic curve routines:",
+      ":digital envelope routines:"};
+  return std::any_of(std::begin(kRoutines), std::end(kRoutines),
+                     [&](auto name) { return flaw.find(name) != std::string_view::npos; });
+}
+
 }  // namespace
 
 ErrorRef URLSessionTransfer::errorFor(int result) const {
@@ -78,7 +92,10 @@ ErrorRef URLSessionTransfer::errorFor(int result) const {
   curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &systemError);
   const auto code = static_cast<CURLcode>(result);
   const std::int64_t error = codeFor(code, systemError);
-  if (error == kURLErrorServerCertificateUntrusted) return errorOfCertificate();
+  if (error == kURLErrorServerCertificateUntrusted ||
+      (code == CURLE_SSL_CONNECT_ERROR && isOfASignature(flaw_.data()))) {
+    return errorOfCertificate();
+  }
   return urlError(error, curl_easy_strerror(code));
 }
 

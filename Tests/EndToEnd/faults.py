@@ -39,7 +39,7 @@ MEMORY = errno.ENOMEM
 KINDS = {
     "open": (NONE, BARRED, FULL, BUSY, MEMORY, "kill"),
     "read": (BROKEN, BUSY, "short", "kill"),
-    "write": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
+    "write": (FULL, BROKEN, errno.EFBIG, BUSY, "short", "torn", "kill"),
     "close": (BROKEN,),
     "sync": (FULL, BROKEN, "kill"),
     "syncData": (FULL, BROKEN, "kill"),

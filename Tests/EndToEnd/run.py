@@ -22,7 +22,7 @@ sys.path.insert(0, str(HERE))
 sys.dont_write_bytecode = True
 
 # Those that take longest begin first.
-LONG = ("test_chaos", "test_faults", "test_storage_faults", "test_information_dictionary")
+LONG = ("test_chaos", "test_faults", "test_storage_faults")
 
 
 class Report(unittest.TestResult):

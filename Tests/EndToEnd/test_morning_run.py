@@ -75,23 +75,3 @@ class MorningRun(unittest.TestCase):
         lines = subprocess.run([*EMULATOR, FRAMES_TOOL, "--json", collector.store], capture_output=True, timeout=60)
         total = sum(len(frame_log.frames_of(log)) for log in collector.logs())
         self.assertEqual(total, len(lines.stdout.splitlines()))
-
-    def test_a_hundred_thousand_events_by_eight_threads_all_pass_through(self):
-        with Home() as home:
-            give_identifiers(home)
-            count = 100_000
-            # As fast as they can be said: room for all of them.
-            bundle = home.own_bundle(lambda information: information.update({"Skelda Watch Intake Capacity": 65536}))
-            run = home.run("--speed", "0", "--events", str(count), "--threads", "8", "--linger", "240", "--server",
-                           NOWHERE, within=300, bundle=bundle, environment=home.environment(SKELDA_LOG="off"))
-            self.assertEqual(0, run.status, run.output)
-            self.assertIn("at rest", run.output)
-            refused = run.number("refused")
-            self.assertIn(refused, (count // RECORDED, count // RECORDED + 1))
-            self.assertEqual(count - refused, run.number("accepted"))
-            logs = [path.read_bytes() for path in [*home.committed_logs(), *home.blocks(), home.current_log]]
-            numbers = [frame.payload["sk.event.id"] for frame in events_of(logs)]
-            # The stages keep the order, so the last event on disk says that all have passed.
-            self.assertEqual(count - refused, max(numbers))
-            self.assertLessEqual(len(home.committed_logs()), 5)
-            self.assertLessEqual(len(home.blocks()), 51)

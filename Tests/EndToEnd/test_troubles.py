@@ -75,9 +75,11 @@ class Trouble:
     ending: bool = True  # whether the doctor comes when the program has ended
 
 
-REFUSING = ("no-key", "no-extension", "storage")
+REFUSING = ("no-key", "no-information", "no-extension", "storage")
 TROUBLES = [
     Trouble("no key", "no-key", (KEY, "Add it"), (KEY, "events are refused"), lambda i: i.pop(KEY)),
+    Trouble("a key that is no text", "no-key", (KEY,), (KEY,), lambda i: i.update({KEY: ["K"]})),
+    Trouble("no settings", "no-information", ("holds no settings", "skelda-bundle"), (), lambda i: i.clear()),
     Trouble("mistyped key", "no-key", ('"Skelda watch ApiKey" stands there', f'write it as "{KEY}"'),
             (KEY, '"Skelda watch ApiKey" stands there'),
             renamed(KEY, "Skelda watch ApiKey")),
@@ -128,6 +130,7 @@ class Troubles(unittest.TestCase):
         self.assertEqual(0, program.returncode, program.stderr)
         if trouble.code in REFUSING:
             self.assertIn("accepted: 0\n", program.stdout)
+            self.assertEqual([], [path for path in (home.path / "data").rglob("*") if path.is_file()])
         self.look_at_output(trouble, program.stderr)
         before = contents(home.path)
         status, found, report = doctor(bundle, environment=environment)

@@ -180,7 +180,7 @@ TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
 
 TEST(URLSession, FailuresCarryTheirCodes) {
   using namespace platform;  // NOLINT: the codes
-  TestAuthority authority;
+  const TestAuthority before, authority;
   const auto afterRequest = [](auto act) {
     return LoopbackServer::raw([act](ServerConnection& connection) {
       ReceivedRequest request;
@@ -233,6 +233,8 @@ TEST(URLSession, FailuresCarryTheirCodes) {
     check("a certificate with a flaw", secure(authority.issue(flaw)),
           kURLErrorServerCertificateUntrusted);
   }
+  check("an authority made anew under its name", secure(before.issue()),
+        kURLErrorServerCertificateUntrusted);
   check("an old TLS", secure(authority.issue(), TLS1_1_VERSION), kURLErrorSecureConnectionFailed);
 
   auto plain = LoopbackServer::raw([](ServerConnection& connection) { connection.send("plain"); });
