@@ -39,7 +39,11 @@ int FileCalls::close(int fd) {
   return ::pread(fd, bytes, length, offset);
 }
 ::ssize_t FileCalls::write(int fd, const void* bytes, std::size_t length, ::off_t offset) {
-  return ::pwrite(fd, bytes, length, offset);
+  return offset == kAtEnd ? ::write(fd, bytes, length) : ::pwrite(fd, bytes, length, offset);
+}
+int FileCalls::alwaysAppend(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags < 0 ? flags : ::fcntl(fd, F_SETFL, flags | O_APPEND);
 }
 int FileCalls::status(int fd, struct ::stat* status) {
   return ::fstat(fd, status);

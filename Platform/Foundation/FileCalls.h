@@ -25,7 +25,10 @@ class FileCalls {
   virtual int open(const char* path, int flags, ::mode_t mode);
   virtual int close(int fd);
   virtual ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t offset);
+  /// At kAtEnd: where the file ends by then, of a file that alwaysAppend() was said of.
   virtual ::ssize_t write(int fd, const void* bytes, std::size_t length, ::off_t offset);
+  static constexpr ::off_t kAtEnd = -1;
+  virtual int alwaysAppend(int fd);
   virtual int status(int fd, struct ::stat* status);
   virtual int statusAt(const char* path, struct ::stat* status);
   /// Of a link itself.

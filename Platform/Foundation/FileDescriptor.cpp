@@ -62,13 +62,13 @@ int FileDescriptor::close() noexcept {
   return result < 0 && errno != EINTR ? errno : 0;
 }
 
-int FileDescriptor::write(std::string_view bytes, ::off_t offset) const {
-  while (!bytes.empty()) {
-    const ::ssize_t written = fileCall<&FileCalls::write>(fd_, bytes.data(), bytes.size(), offset);
+int FileDescriptor::writeRest(std::string_view& rest, ::off_t offset) const {
+  while (!rest.empty()) {
+    const ::ssize_t written = fileCall<&FileCalls::write>(fd_, rest.data(), rest.size(), offset);
     if (written < 0) return errno;
     if (written == 0) return EIO;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-    offset += written;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+    if (offset != FileCalls::kAtEnd) offset += written;
   }
   return 0;
 }
@@ -148,6 +148,10 @@ int FileDescriptor::status(struct ::stat& status) const {
 
 int FileDescriptor::truncate(::off_t length) const {
   return fileError<&FileCalls::truncate>(fd_, length);
+}
+
+int FileDescriptor::alwaysAppend() const {
+  return fileError<&FileCalls::alwaysAppend>(fd_);
 }
 
 int FileDescriptor::syncData() const {

@@ -39,7 +39,10 @@ class FileDescriptor {
   int close() noexcept;
 
   /// All of the bytes.
-  int write(std::string_view bytes, ::off_t offset) const;
+  int write(std::string_view bytes, ::off_t offset) const { return writeRest(bytes, offset); }
+  /// The same, and takes off `rest` what is written: a failure leaves what is not. The offset may
+  /// be FileCalls::kAtEnd.
+  int writeRest(std::string_view& rest, ::off_t offset) const;
   /// Appends at most `length` bytes to `out`, fewer only where the file ends or ended at the call.
   int read(std::string& out, std::size_t length, ::off_t offset) const;
   /// Everything that `from` holds at the call, from its begin, to this file's begin: shared extents
@@ -47,6 +50,7 @@ class FileDescriptor {
   int copyFrom(const FileDescriptor& from) const;
   int status(struct ::stat& status) const;
   int truncate(::off_t length) const;
+  int alwaysAppend() const;
   int syncData() const;
   /// LOCK_SH, LOCK_EX and the like of flock.
   int lock(int operation) const;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <optional>
@@ -10,6 +11,7 @@
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/StorageReserve.h"
 
@@ -40,22 +42,24 @@ class PosixFileHandle : public FileHandle {
     return readDataOfLength(std::numeric_limits<std::size_t>::max());
   }
 
-  std::uint64_t seekToEndOfFile() override {
-    offset_ = length("seek");
-    knownLength_ = offset_;
-    return offset_;
+  void seekToEndOfFile() override {
+    if (!appends_) check("seek", file_.alwaysAppend());
+    appends_ = true;
   }
 
   void writeData(const Data& data) override {
     cutBack();
-    // Mostly a seek to the end has just said it.
-    const auto known = std::exchange(knownLength_, std::nullopt);
-    const std::uint64_t before = known ? *known : length("write");
-    const int error =
-        withReserve([&] { return file_.write(data.view(), static_cast<::off_t>(offset_)); });
+    // Where it ends a file is only asked for by what fails.
+    const auto before = appends_ ? std::nullopt : std::optional(length("write"));
+    std::string_view rest = data.view();
+    const auto written = [&] { return data.length() - rest.size(); };
+    const int error = withReserve([&] {
+      const auto offset = static_cast<::off_t>(offset_ + written());
+      return file_.writeRest(rest, appends_ ? FileCalls::kAtEnd : offset);
+    });
     if (error != 0) {
       // Half a record would hide everything that is appended after it.
-      lengthToCutBackTo_ = before;
+      if (written() > 0) torn_ = Torn{before, written()};
       cutBack();
       raise("write", path_, error);
     }
@@ -63,21 +67,32 @@ class PosixFileHandle : public FileHandle {
   }
 
   void truncateFileAtOffset(std::uint64_t offset) override {
-    knownLength_.reset();
     check("truncate", file_.truncate(static_cast<::off_t>(offset)));
     offset_ = offset;
   }
 
   void synchronizeFile() override { check("synchronize", file_.syncData()); }
 
-  void closeFile() override { check("close", file_.close()); }
+  void closeFile() override {
+    appends_ = false;
+    check("close", file_.close());
+  }
 
  private:
+  /// What a failed write has left at the end.
+  struct Torn {
+    std::optional<std::uint64_t> lengthBefore;
+    std::uint64_t written;
+  };
+
   /// What could not be cut off after a failed write is cut off before anything else is written.
   void cutBack() {
-    if (!lengthToCutBackTo_) return;
-    truncateFileAtOffset(*lengthToCutBackTo_);
-    lengthToCutBackTo_.reset();
+    if (!torn_) return;
+    const std::uint64_t now = length("write");
+    if (!torn_->lengthBefore) torn_->lengthBefore = now - std::min(now, torn_->written);
+    // A file that is shorter by now would be made longer.
+    if (now > *torn_->lengthBefore) truncateFileAtOffset(*torn_->lengthBefore);
+    torn_.reset();
   }
   void check(std::string_view operation, int error) const {
     if (error != 0) raise(operation, path_, error);
@@ -91,8 +106,8 @@ class PosixFileHandle : public FileHandle {
   FileDescriptor file_;
   std::string path_;
   std::uint64_t offset_ = 0;
-  std::optional<std::uint64_t> knownLength_;
-  std::optional<std::uint64_t> lengthToCutBackTo_;
+  bool appends_ = false;
+  std::optional<Torn> torn_;
 };
 
 std::shared_ptr<FileHandle> opened(const std::string& path, int flags) {

@@ -23,8 +23,9 @@ class FileHandle {
   /// for what the file can still give, never for `length` itself.
   virtual Data readDataOfLength(std::size_t length) = 0;
   virtual Data readDataToEndOfFile() = 0;
-  /// The new offset.
-  virtual std::uint64_t seekToEndOfFile() = 0;
+  /// From here on each write goes to where the file ends by then: where somebody else has cut it
+  /// meanwhile, it leaves no hole.
+  virtual void seekToEndOfFile() = 0;
   /// All of it, or an exception with the file as long as it was before.
   virtual void writeData(const Data& data) = 0;
   /// Also moves the offset there.

@@ -154,6 +154,9 @@ class FaultyFileCalls : public platform::FileCalls {
   int truncate(int fd, ::off_t length) override {
     return fails("truncate", fd) ? -1 : FileCalls::truncate(fd, length);
   }
+  int alwaysAppend(int fd) override {
+    return fails("alwaysAppend", fd) ? -1 : FileCalls::alwaysAppend(fd);
+  }
   int allocate(int fd, ::off_t length) override {
     return fails("allocate", fd) ? -1 : FileCalls::allocate(fd, length);
   }

@@ -116,7 +116,7 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
       {"read", read, 4, 1},
       {"read", readAll, 4, 1},
       {"write", write, 6, 1},
-      {"status", [&] { return handle_.seekToEndOfFile(); }, 0, 0},
+      {"alwaysAppend", [&] { return handle_.seekToEndOfFile(); }, 0, 0},
       {"truncate", [&] { return handle_.truncateFileToZeroBytes(); }, 0, 0},
       {"syncData", [&] { return handle_.synchronizeFile(); }, 0, 0},
   };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "Platform/Foundation/Exception.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -38,7 +40,7 @@ TEST_F(FileHandleTest, WritesWhereItStandsAndNeverMakesAFile) {
   EXPECT_EQ(FileHandle::forWritingAtPath(directory_.path()), nullptr);
   const auto handle = FileHandle::forWritingAtPath(path_);
   handle->writeData(Data("AB"));
-  EXPECT_EQ(handle->seekToEndOfFile(), 10u);
+  handle->seekToEndOfFile();
   handle->writeData(Data("CD"));
   EXPECT_EQ(readFile(path_), "AB23456789CD");
   handle->truncateFileAtOffset(3);
@@ -66,16 +68,30 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
   EXPECT_EQ(readFile(path_), "0123456789kept");
 
   // Where not even the cut succeeds, it is made before the next write.
+  for (const auto kind : {"status", "truncate"}) {
+    plan->failKind("write", 1, {.shortLength = 3});
+    plan->failCall(2, {.error = EIO});
+    plan->failKind(kind, 1, {.error = EIO});
+    EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+    EXPECT_TRUE(readFile(path_).ends_with("los"));
+    handle->seekToEndOfFile();
+    handle->writeData(Data("+"));
+  }
+  EXPECT_EQ(readFile(path_), "0123456789kept++");
+
+  // Somebody else cuts the file: no hole is left, neither by a write nor by a cut that is due.
+  std::filesystem::resize_file(path_, 3);
+  handle->writeData(Data("kept"));
+  EXPECT_EQ(readFile(path_), "012kept");
   plan->failKind("write", 1, {.shortLength = 3});
-  plan->failCall(3, {.error = EIO});
+  plan->failCall(2, {.error = EIO});
   plan->failKind("truncate", 1, {.error = EIO});
   EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
-  EXPECT_EQ(readFile(path_), "0123456789keptlos");
-  handle->seekToEndOfFile();
+  std::filesystem::resize_file(path_, 1);
   handle->writeData(Data("too"));
-  EXPECT_EQ(readFile(path_), "0123456789kepttoo");
+  EXPECT_EQ(readFile(path_), "0too");
 
-  for (const auto kind : {"status", "write", "truncate", "syncData", "close"}) {
+  for (const auto kind : {"write", "truncate", "syncData", "close"}) {
     plan->failKind(kind, 1, {.error = EIO});
     EXPECT_THROW(
         {
