@@ -6,14 +6,14 @@ mutants.tsv has a mutant a line: the file, what is replaced, by what, and, for o
 that anybody could notice, the reason. What is replaced stands in its file, a source file, exactly once.
 FILTER picks mutants whose line has that text in it. A mutant's one object is compiled and put before
 the libraries of a test program. The program of its own room runs first, its quick tests before its slow
-ones, and where it notices nothing every other that links the library of that object. A test that
-notices must do so twice; one that takes several times as long as it does undisturbed hangs.
-Equivalents are judged too: one that is noticed is none.
+ones, and where it notices nothing the quick tests of every other that links the library of that object.
+A test that fails or hangs must do so twice, a crash is one at once; one that takes several times as long
+as it does undisturbed hangs. Equivalents are judged too: one that is noticed is none.
 
 What was judged is in build/mutants/judged.tsv as it comes. --resume goes on where a run was
-interrupted, in the copy of the tree as it was; --survivors judges again what lived. --at-home asks no other programs. With --matrix no program stops at the first test that
-notices, and FILE gets a line for each mutant with all of them: a test that is the only one is not to
-be cut.
+interrupted, in the copy of the tree as it was; --survivors judges again what lived. --at-home asks no
+other programs. With --matrix no program stops at the first test that notices, and FILE gets a line for
+each mutant with all of them: a test that is the only one is not to be cut.
 
 Builds in a copy of the tree, build/mutants/tree, which a later run uses again: the tree may change
 meanwhile. Ends with 1 where a mutant lives that is not said to be equivalent, or does not compile or
@@ -23,6 +23,7 @@ apply.
 import argparse
 import collections
 import concurrent.futures
+import contextlib
 import dataclasses
 import json
 import os
@@ -56,7 +57,7 @@ PROGRAMS = {
 }
 # Run by its tests as a process, where it lies.
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
-QUICK = 300  # milliseconds
+QUICK, SLOW = 300, 1500  # milliseconds
 COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
 
@@ -110,6 +111,7 @@ class Build:
                         for member in members.split()}
         self.calm = self.undisturbed()
         self.tool = threading.Lock()
+        self.spent = collections.Counter()  # seconds of all jobs together, by phase
 
     def make(self):
         self.copy()
@@ -154,6 +156,12 @@ class Build:
             kept[name] = {"age": age, "tests": {test: took for test, (_, took) in ended.items()}}
             path.write_text(json.dumps(kept))
         return {name: kept[name]["tests"] for name in self.programs}
+
+    @contextlib.contextmanager
+    def timed(self, phase):
+        began = time.monotonic()
+        yield
+        self.spent[phase] += time.monotonic() - began
 
     def run(self, program, limit, *options):
         """(Each test that ended, with whether it failed and its milliseconds; those that began and did not; status.)"""
@@ -205,23 +213,30 @@ class Trial:
 
     def chosen(self, name, tests, *options):
         """Those of the tests that fail, crash or hang; those that did not end; the status."""
-        limit = 10 + 4 * sum(self.build.calm[name][test] for test in tests) / 1000
-        ended, broken, status = self.build.run(self.folder / name, limit, f"--gtest_filter={':'.join(tests)}", *options)
+        calm = [self.build.calm[name][test] for test in tests]
+        with self.build.timed("quick tests" if max(calm) < QUICK else "slow tests"):
+            ended, broken, status = self.build.run(self.folder / name, 5 + 4 * sum(calm) / 1000,
+                                                   f"--gtest_filter={':'.join(tests)}", *options)
         return [test for test, (fails, _) in ended.items() if fails] + broken, broken, status
 
-    def first(self, name):
-        """[One test that notices, twice], or []."""
+    def first(self, name, slowest=float("inf")):
+        """[One test that notices], or []."""
         calm = self.build.calm[name]
-        for tests in ([test for test in calm if calm[test] < QUICK], [test for test in calm if calm[test] >= QUICK]):
+        for least, most in (0, QUICK), (QUICK, SLOW), (SLOW, float("inf")):
+            tests = [test for test in calm if least <= calm[test] < min(most, slowest)]
             for again in range(2 if tests else 0):
-                failed, _, status = self.chosen(name, tests, "--gtest_fail_fast")
+                failed, broken, status = self.chosen(name, tests, "--gtest_fail_fast")
                 if status == 0:
                     break
                 if not failed:  # before or behind all tests
                     return [f"{name}:?"]
-                if again or self.chosen(name, failed[:1])[2] != 0:
+                crashed = broken and status is not None
+                if again or crashed or self.chosen(name, failed[:1])[2] != 0:
                     return [f"{name}:{failed[0]}"]
         return []
+
+    def others_first(self, name):
+        return self.first(name, QUICK)
 
     def every(self, name):
         found, tests = [], list(self.build.calm[name])
@@ -237,7 +252,8 @@ class Trial:
     def asked(self, name, how):
         tool = self.build.folder / TOOL.get(name, "-")
         if name not in TOOL or not self.build.concerns(TOOL[name], self.member):
-            self.build.linked(name, self.member, self.folder, self.folder / name)
+            with self.build.timed("linking"):
+                self.build.linked(name, self.member, self.folder, self.folder / name)
             return how(name)
         with self.build.tool:
             shutil.copy(self.build.folder / "Tests" / name, self.folder / name)
@@ -256,7 +272,8 @@ def judge(build, mutant, whole, at_home):
         return Verdict("broken", [f"stands there {text.count(mutant.old)} times"])
     with tempfile.TemporaryDirectory(dir=WORK) as folder:
         folder = pathlib.Path(folder)
-        member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
+        with build.timed("compiling"):
+            member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
         if member is None:
             return Verdict("broken", ["does not compile"])
         trial, own = Trial(build, member, folder), mutant.own_program()
@@ -264,7 +281,7 @@ def judge(build, mutant, whole, at_home):
         found = []
         for name in [own] * (at_home or whole) + others * (whole or not at_home):
             if whole or not found:
-                found += trial.asked(name, trial.every if whole else trial.first)
+                found += trial.asked(name, trial.every if whole else trial.first if name == own else trial.others_first)
         left = others and at_home and not whole
         return Verdict("noticed" if found else "lives at home" if left else "lives", found)
 
@@ -319,6 +336,8 @@ def main():
     print(f"{len(verdicts)} mutants, {len(judged)} of them judged now: {counts['noticed']} noticed, {counts['lives']} live, "
           f"{counts['equivalent']} equivalent, {counts['broken']} do not compile or apply; {share:.1f} % noticed, "
           f"{time.monotonic() - started:.0f} s")
+    if build:
+        print("Seconds of all jobs:", ", ".join(f"{phase} {spent:.0f}" for phase, spent in build.spent.most_common()))
     return 1 if counts["lives"] or counts["broken"] else 0
 
 
