@@ -1,19 +1,10 @@
 // What a start finds in the intake file that an earlier process left.
 
-#include <fmt/format.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <atomic>
 #include <filesystem>
 #include <functional>
-#include <random>
-#include <set>
-#include <thread>
 
-#include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Support/FaultyFiles.h"
 
@@ -39,109 +30,6 @@ std::vector<std::string> payloadsOf(SkeldaIntakeFile& file) {
   std::vector<std::string> payloads;
   while (const auto record = file.takeOldest()) payloads.push_back(record->payload);
   return payloads;
-}
-
-/// What threads of a child that is killed tell its parent.
-struct Told {
-  static constexpr std::size_t kMost = 1 << 20;
-  struct Thread {
-    std::atomic<std::size_t> returned;                    ///< calls, numbered from 0
-    std::array<std::atomic<std::uint8_t>, kMost> stored;  ///< times that the call's record was
-  };
-  std::array<Thread, 4> threads;
-  std::atomic<bool> isAtWork;
-};
-
-void work(const std::shared_ptr<SkeldaIntakeFile>& file, Told& told, std::mt19937 chance) {
-  for (std::size_t thread = 0; thread < told.threads.size(); ++thread) {
-    std::thread([file, &mine = told.threads[thread], thread, sizes = chance]() mutable {
-      for (std::size_t index = mine.returned + 1;; ++index) {
-        const Numbered payload{thread, index, sizes() % (index % 50 == 0 ? 3000 : 200)};
-        while (append(*file, payload.text(), index % 7 == 0 ? Kind::choice : Kind::event) == 0) {
-          std::this_thread::yield();
-        }
-        mine.returned.store(index);
-      }
-    }).detach();
-  }
-  // Some are always under way.
-  std::vector<std::pair<SkeldaIntakeTicket, Numbered>> underWay;
-  for (;;) {
-    while (const auto record = file->takeOldest()) {
-      underWay.emplace_back(record->ticket, Numbered::of(record->payload).value());
-      if (underWay.size() >= 30) break;
-    }
-    told.isAtWork = true;
-    std::shuffle(underWay.begin(), underWay.end(), chance);
-    for (std::size_t left = underWay.size() / 2; underWay.size() > left; underWay.pop_back()) {
-      const auto& [ticket, which] = underWay.back();
-      ++told.threads[which.thread].stored[which.index];
-      file->settle(ticket, static_cast<Outcome>(which.index % kSkeldaIntakeOutcomeCount));
-    }
-  }
-}
-
-TEST_F(SkeldaIntakeOpeningTest, AKillAtAnyInstantLosesNoCallThatHadReturned) {
-  auto* told = static_cast<Told*>(
-      ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(told, MAP_FAILED);
-  std::mt19937 chance(20260101);
-  std::uint64_t cutOff = 0;
-  std::uint64_t twice = 0;
-  for (int kill = 0; kill < 200; ++kill) {
-    // In the smaller one callers wait for room most of the time, and it is gone round many times.
-    const std::size_t capacity = kill % 5 == 0 ? 32 * kCapacity : kCapacity;
-    {
-      told->isAtWork = false;
-      ChildProcess child([&] {
-        work(open(kKey, capacity), *told, chance);
-        return 0;
-      });
-      while (!told->isAtWork) std::this_thread::yield();
-      std::this_thread::sleep_for(std::chrono::microseconds(chance() % 3000));
-    }
-    const auto file = open(kKey, capacity);
-    ASSERT_FALSE(file->opening().wasInconsistent) << kill;
-    ASSERT_TRUE(addsUp(*file)) << kill;
-    const auto& opening = file->opening();
-    cutOff += opening.cutOff[0] + opening.cutOff[1];
-    ASSERT_LE(opening.cutOff[0] + opening.cutOff[1], 4U) << kill;
-    // Some of what is left goes through, now or with a later start; the rest waits on.
-    std::array<std::set<std::size_t>, 4> waiting;
-    std::uint64_t count = 0;
-    std::vector<SkeldaIntakeTicket> tickets;
-    while (const auto record = file->takeOldest()) {
-      const auto which = Numbered::of(record->payload);
-      ASSERT_TRUE(which && record->isReplayed && record->isOfThisBoot);
-      ASSERT_TRUE(waiting[which->thread].insert(which->index).second);
-      twice += told->threads[which->thread].stored[which->index];
-      tickets.push_back(record->ticket);
-      ++count;
-      if (file->takenCount() > 0 && !file->hasUntaken()) {
-        // The next one goes alone: what is under way must be done before.
-        for (const auto ticket : tickets) file->settle(ticket, Outcome::stored);
-        tickets.clear();
-      }
-    }
-    ASSERT_EQ(count, opening.waiting[0] + opening.waiting[1]);
-    for (std::size_t thread = 0; thread < 4; ++thread) {
-      Told::Thread& one = told->threads[thread];
-      for (std::size_t index = 1; index <= one.returned; ++index) {
-        ASSERT_TRUE(one.stored[index] > 0 || waiting[thread].contains(index))
-            << "kill " << kill << ": call " << index << " of thread " << thread;
-      }
-      for (const auto index : waiting[thread]) ++one.stored[index];
-      // The call that the kill fell into may be there as well.
-      if (waiting[thread].contains(one.returned + 1) || one.stored[one.returned + 1] > 0) {
-        ++one.returned;
-      }
-    }
-    for (const auto ticket : tickets) file->settle(ticket, Outcome::stored);
-    ASSERT_TRUE(file->waitUntilSettled(std::chrono::steady_clock::now()));
-  }
-  RecordProperty("cutOff", static_cast<int>(cutOff));
-  RecordProperty("storedTwice", static_cast<int>(twice));
-  ::munmap(told, sizeof(Told));
 }
 
 TEST_F(SkeldaIntakeOpeningTest, ASettlingThatAKillCutShortIsCompleted) {
