@@ -18,6 +18,11 @@ class AgentHome : public TemporaryHome {
 
   /// The agent's storage folder; made when it is first asked for.
   std::string storageFolder() const { return SkeldaUtil::filePathDirectory(); }
+  /// As on the day of installation.
+  void empty() {
+    std::filesystem::remove_all(path());
+    forget();
+  }
   /// What a new process would find: folder and store are looked up and read again.
   static void forget() {
     SkeldaUtil::resetFilePathDirectory();

@@ -104,10 +104,9 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
 TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
   add(load(), "stored");
   const std::string before = readFile(indexFile());
-  const auto plan = std::make_shared<FaultPlan>();
   Index index;
   {
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failAll("open", EMFILE);
     index = load();
     EXPECT_FALSE(index->isReadable());
@@ -128,10 +127,9 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
   add(index, "kept");
   // Whichever system call fails: afterwards either both are there or neither is.
   for (std::size_t call = 1; call < 30; ++call) {
-    const auto plan = std::make_shared<FaultPlan>();
     bool added = false;
     {
-      FaultyFileCalls calls(plan);
+      const FaultyFileCalls plan;
       plan->failCall(call, {ENOSPC});
       const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
       added = block != nullptr && index->addBlockInfo(block, "Data_1_261");
@@ -165,7 +163,7 @@ TEST_F(SkeldaDataSenderIndexTest,
   auto& page = SkeldaAccounting::page();
   auto& damaged = page.blocksRemoved[static_cast<std::size_t>(SkeldaBlockRemoval::damaged)];
   for (const bool counted : {false, true}) {
-    AgentHome home;
+    home_.empty();
     const auto gone = add(load(), "gone");
     add(load(), "there");
     gone->deletePersistentData();
@@ -207,39 +205,27 @@ TEST_F(SkeldaDataSenderIndexTest, WithoutAnIndexWholeBlocksOfTheCurrentKeyAreTak
                {ENOTSUP, true, {"old", "another key's", "young"}, 3},
                {EIO, false, {}, 4}};
   for (const auto& one : cases) {
-    AgentHome home;
+    home_.empty();
     const FaultyFileCalls plan;
-    const auto fault = [&](const char* kind) {
-      if (one.attributes != 0) plan->failAll(kind, one.attributes);
-    };
-    if (one.attributes == ENOTSUP) fault("setAttribute");
-    const auto young = SkeldaDataSenderBlockInfo::blockWithData(bytes("young"), "current");
-    const auto old = SkeldaDataSenderBlockInfo::blockWithData(bytes("old"), "current");
-    const auto other = SkeldaDataSenderBlockInfo::blockWithData(bytes("another key's"), "other");
-    const auto ofAge = [&](const auto& block, int minutes) {
+    if (one.attributes == ENOTSUP) plan->failAll("setAttribute", ENOTSUP);
+    const auto leave = [&](const char* text, const char* key, int minutesAgo) {
+      const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text), key);
       std::filesystem::last_write_time(
-          home.storageFolder() + "/" + block->identifier(),
-          std::filesystem::file_time_type::clock::now() - std::chrono::minutes(minutes));
+          home_.storageFolder() + "/" + block->identifier(),
+          std::filesystem::file_time_type::clock::now() - std::chrono::minutes(minutesAgo));
     };
-    ofAge(old, 3);
-    ofAge(other, 2);
-    ofAge(young, 1);
+    leave("young", "current", 1);
+    leave("old", "current", 3);
+    leave("another key's", "other", 2);
     const std::string torn = "01234567-89AB-CDEF-0123-456789ABCDEF";
-    if (one.attributes != ENOTSUP) writeFile(home.storageFolder() + "/" + torn, "no attribute");
-    fault("attribute");
+    if (one.attributes != ENOTSUP) writeFile(home_.storageFolder() + "/" + torn, "no attribute");
+    if (one.attributes != 0) plan->failAll("attribute", one.attributes);
     const auto index = load();
     EXPECT_EQ(index->isReadable(), one.readable) << one.attributes;
     if (one.readable) index->setupForCurrentDataKey("current");
     EXPECT_EQ(texts(index, "current"), one.current) << one.attributes;
     EXPECT_EQ(drain(index), one.readable);
-    const std::filesystem::directory_iterator all(home.storageFolder());
-    EXPECT_EQ(std::count_if(begin(all), end(all),
-                            [](const auto& entry) {
-                              return SkeldaDataSenderBlockInfo::isBlockFileName(
-                                  entry.path().filename().string());
-                            }),
-              static_cast<std::ptrdiff_t>(one.files))
-        << one.attributes;
+    EXPECT_EQ(blockFiles().size(), one.files) << one.attributes;
     plan->clear();
   }
 }
@@ -272,31 +258,6 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
   EXPECT_EQ(plan->calls("rename"), 3u);
   EXPECT_TRUE(load()->sentReportSuccessfully());
   EXPECT_TRUE(drain(index));
-}
-
-TEST_F(SkeldaDataSenderIndexTest, ABlockIsReadWholeOrNotAtAll) {
-  using Status = SkeldaDataSenderBlockInfo::ReadStatus;
-  const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("eight by"), "key");
-  const std::string path = home_.storageFolder() + "/" + block->identifier();
-  Status status = Status::whole;
-  EXPECT_EQ(block->data(&status), bytes("eight by"));
-  EXPECT_EQ(status, Status::whole);
-  for (const char* text : {"eight", "eight bytes"}) {
-    writeFile(path, text);
-    EXPECT_EQ(block->data(&status), std::nullopt) << text;
-    EXPECT_EQ(status, Status::gone);
-  }
-  writeFile(path, "eight by");
-  {
-    const FaultyFileCalls plan;
-    plan->failKind("open", 1, {EMFILE});
-    EXPECT_EQ(block->data(&status), std::nullopt);
-    EXPECT_EQ(status, Status::unreadable);
-  }
-  block->deletePersistentData();
-  EXPECT_EQ(block->data(&status), std::nullopt);
-  EXPECT_EQ(status, Status::gone);
-  EXPECT_EQ(SkeldaDataSenderBlockInfo::blockWithData({}, "key"), nullptr);
 }
 
 }  // namespace

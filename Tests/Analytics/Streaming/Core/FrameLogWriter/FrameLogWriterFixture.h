@@ -67,10 +67,6 @@ class FrameLogWriterFixture : public ::testing::Test {
     for (const auto& words : commited()) logs += words + " | ";
     return logs + log();
   }
-  void emptyHome() {
-    std::filesystem::remove_all(home_.path());
-    AgentHome::forget();
-  }
   std::int64_t counter() const {
     return SkeldaKVStorage::sharedInstance()->integerForKey(std::string(Writer::kFrameCounterKey));
   }

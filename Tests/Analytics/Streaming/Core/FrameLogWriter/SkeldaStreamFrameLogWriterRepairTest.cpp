@@ -128,7 +128,7 @@ TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(::testing::Message() << row.kind << " " << row.error << " " << row.where);
-    emptyHome();
+    home_.empty();
     startNew();
     setCrashFlag(true);
     send(eventAt(1));
@@ -157,7 +157,7 @@ TEST_F(FrameLogRepairTest, SetsALogAsideThatStaysUnreadableOrIsNone) {
   };
   for (const auto& [what, make] : cases) {
     SCOPED_TRACE(what);
-    emptyHome();
+    home_.empty();
     make();
     const FaultyFileCalls plan("/log");
     plan->failAll("read", EIO);

@@ -156,7 +156,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(::testing::Message() << row.kind << " " << row.error << " " << row.where);
-    emptyHome();
+    home_.empty();
     startNew();
     const FaultyFileCalls plan(row.where);
     plan->failKind(row.kind, 1, {.error = row.error, .times = row.times});
@@ -199,7 +199,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileThereAreNoDescriptors) {
 TEST_F(FrameLogWriter, LosesNothingWhicheverCallFails) {
   for (std::size_t call = 1;; ++call) {
     SCOPED_TRACE(call);
-    emptyHome();
+    home_.empty();
     const FaultyFileCalls plan;
     plan->failCall(call, {.error = EIO});
     startNew();
@@ -236,7 +236,7 @@ TEST_F(FrameLogWriter, SaysEachSynchronisationThatFailedAndGivesUpByNameWhatStay
 TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
   for (std::size_t call = 1;; ++call) {
     SCOPED_TRACE(call);
-    emptyHome();
+    home_.empty();
     std::vector<std::string> durable;
     bool died = false;
     {
