@@ -1,57 +1,23 @@
 // From the folder of committed logs to the data sender.
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFileReader.h"
-#include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
-#include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
-#include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Foundation/URLError.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/Recorded.h"
-#include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
 namespace {
-
-/// The stage half of a file reader, which the transfer side does not use.
-class FakeReader : public ISkeldaStreamFileReader {
- public:
-  void streamMessage(ISkeldaStreamMessage::Ref) override {}
-  std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return {}; }
-  void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void asyncStreamResponse(platform::ObjectRef) override {}
-  void syncStreamResponse(platform::ObjectRef) override {}
-  void startup() override {}
-  void processFile(const std::string& fileName, const std::string& path) override {
-    processed.push_back(path + "/" + fileName);
-  }
-  void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> given) override {
-    delegate = given;
-  }
-
-  std::vector<std::string> processed;
-  std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate;
-};
 
 using Names = std::vector<std::string>;
 
@@ -123,23 +89,17 @@ TEST_F(SkeldaStreamTransferManagerTest, OrdersNamesByTheirNumbers) {
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, AFolderOverItsLimitLosesItsOldestFiles) {
-  struct Case {
-    int files;
-    std::size_t deleted;
-  };
-  for (const auto& one : {Case{4, 0}, Case{5, 2}, Case{10, 7}}) {
+  for (const auto& [files, gone] : {std::pair{4, 0}, {5, 2}, {10, 7}}) {
     folder_ = std::make_shared<FakeFolder>();
     agent_ = std::make_shared<FakeAgent>();
-    put(one.files);
+    put(files);
     const std::uint64_t before = removed(SkeldaLogRemoval::folderFull);
     makeWithOneUpload();
-    EXPECT_EQ(removed(SkeldaLogRemoval::folderFull), before + one.deleted);
-    EXPECT_EQ(folder_->removed.size(), one.deleted);
-    if (one.deleted > 0) {
-      EXPECT_EQ(folder_->removed.front(), "log1");
-      EXPECT_EQ(folder_->removed.back(), "log" + std::to_string(one.deleted));
-    }
-    EXPECT_EQ(agent_->started, Names{"log" + std::to_string(one.deleted + 1)});
+    EXPECT_EQ(removed(SkeldaLogRemoval::folderFull), before + static_cast<unsigned>(gone));
+    Names expected;
+    for (int i = 1; i <= gone; ++i) expected.push_back("log" + std::to_string(i));
+    EXPECT_EQ(folder_->removed, expected);
+    EXPECT_EQ(agent_->started, Names{"log" + std::to_string(gone + 1)});
   }
 }
 
@@ -296,56 +256,79 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatCameWhileTheFolderCouldNotBeListedIs
   EXPECT_EQ(folder_->names.size(), 3u);
 }
 
-class Completions : public ISkeldaFileTransferAgentDelegate {
+class FakeDataSender : public ISkeldaFrameLogDataSender {
  public:
-  void didCompleteTransfer(const std::string& fileName, platform::ErrorRef withError) override {
-    told.push_back(fileName + (withError == nullptr ? " sent" : ": " + withError->domain()));
+  bool sendFrameLogData(platform::Data data) override {
+    if (failures > 0) return --failures, false;
+    sent.push_back(data.string());
+    return true;
   }
-  void didAbandonTransfer() override { told.push_back("abandoned"); }
-  std::vector<std::string> told;
+  int failures = 0;
+  std::vector<std::string> sent;
 };
 
+struct Outcome {
+  std::string name;
+  platform::ErrorRef error;
+
+  bool isLostConnection() const {
+    return error != nullptr && error->hasDomain(platform::urlErrorDomain()) &&
+           error->code() == platform::kURLErrorNetworkConnectionLost;
+  }
+};
+
+class Outcomes : public ISkeldaFileTransferAgentDelegate, public Recorded<Outcome> {
+ public:
+  void didCompleteTransfer(const std::string& name, platform::ErrorRef error) override {
+    add({name, std::move(error)});
+  }
+  void didAbandonTransfer() override { add({"abandoned", nullptr}); }
+};
+
+/// The agent, and behind it what reads the files.
 class SkeldaLocalTransferAgentTest : public ::testing::Test {
  protected:
-  SkeldaLocalTransferAgentTest() { agent_->setDelegate(delegate_); }
-  static SkeldaFileStateRef file(const std::string& name) {
-    return std::make_shared<SkeldaFileState>(name, "/logs", 1, 0, 0, nullptr);
+  SkeldaLocalTransferAgentTest() {
+    agent_->setDelegate(outcomes_);
+    writeFile(folder_ / "log", "bytes");
+  }
+  SkeldaFileStateRef file(const std::string& name) const {
+    return std::make_shared<SkeldaFileState>(name, folder_.path(), 1, 0, 0, nullptr);
+  }
+  Outcome transfer(const SkeldaFileStateRef& file) {
+    const std::size_t before = outcomes_->size();
+    agent_->startTransfer(file);
+    const auto outcomes = outcomes_->wait(before + 1);
+    EXPECT_EQ(outcomes.size(), before + 1);
+    return outcomes.back();
   }
 
-  std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
-  std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
-  std::shared_ptr<Completions> delegate_ = std::make_shared<Completions>();
+  TemporaryDirectory folder_;
+  std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
+  std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
   std::shared_ptr<SkeldaLocalTransferAgent> agent_ =
-      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(reader_, folder_);
+      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
+          SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
+              SkeldaStreamFileHandle::fileHandle(), dataSender_),
+          SkeldaStreamFileManager::fileManager());
 };
 
-TEST_F(SkeldaLocalTransferAgentTest, TurnsTheReadersOutcomeIntoACompletion) {
-  folder_->names = {"a", "b", "c"};
-  const auto a = file("a"), b = file("b"), c = file("c");
-  for (const auto& one : {a, b, c}) agent_->startTransfer(one);
-  EXPECT_EQ(agent_->listTransfers(), (std::vector{a, b, c}));
-  EXPECT_EQ(reader_->processed, (std::vector<std::string>{"/logs/a", "/logs/b", "/logs/c"}));
-  EXPECT_EQ(a->fileState(), 3u);
-  EXPECT_EQ(reader_->delegate.lock(), agent_);
-
-  agent_->processingCompleteForFile("a");
-  const auto snapshot = agent_->listTransfers();
-  agent_->processingFailedForFile(
-      "b", std::make_shared<const platform::Error>(platform::makeErrorDomain("read"), 4));
-  agent_->processingFailedForFile("c", nullptr);
+TEST_F(SkeldaLocalTransferAgentTest, TellsWhatBecameOfAFile) {
+  const auto sent = transfer(file("log"));
+  EXPECT_EQ(sent.name, "log");
+  EXPECT_EQ(sent.error, nullptr);
+  writeFile(folder_ / "empty", "");
+  EXPECT_EQ(transfer(file("empty")).error->domain(), "file is empty");
+  std::filesystem::create_directory(folder_ / "folder");
+  const auto unreadable = transfer(file("folder"));
+  ASSERT_NE(unreadable.error, nullptr);
+  EXPECT_FALSE(unreadable.isLostConnection());
   EXPECT_TRUE(agent_->listTransfers().empty());
-  EXPECT_EQ(snapshot, (std::vector{b, c})) << "a copy";
-  // An empty file has no error to show, and is a failure all the same.
-  EXPECT_EQ(delegate_->told, (std::vector<std::string>{"a sent", "b: read", "c: file is empty"}));
-}
-
-TEST_F(SkeldaLocalTransferAgentTest, AMissingFileIsAnErrorWithoutACompletion) {
   const auto missing = file("missing");
-  agent_->startTransfer(missing);
-  EXPECT_EQ(agent_->listTransfers(), std::vector{missing});
+  EXPECT_EQ(transfer(missing).name, "abandoned");
   EXPECT_EQ(missing->fileState(), 6u);
-  EXPECT_TRUE(reader_->processed.empty());
-  EXPECT_EQ(delegate_->told, std::vector<std::string>{"abandoned"});
+  EXPECT_EQ(agent_->listTransfers(), std::vector{missing});
+  EXPECT_EQ(dataSender_->sent, Names{"bytes"});
 }
 
 TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancelled) {
@@ -358,94 +341,24 @@ TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancell
   EXPECT_EQ(agent_->listTransfers(), std::vector{second});
 }
 
-class FakeDataSender : public ISkeldaFrameLogDataSender {
- public:
-  bool sendFrameLogData(platform::Data data) override {
-    if (failures > 0) {
-      --failures;
-      return false;
-    }
-    sent.push_back(data.string());
-    return true;
-  }
-  int failures = 0;
-  std::vector<std::string> sent;
-};
-
-struct Outcome {
-  std::string name;
-  bool succeeded;
-  platform::ErrorRef error;
-};
-
-class Outcomes : public ISkeldaStreamFileReaderDelegate, public Recorded<Outcome> {
- public:
-  void processingCompleteForFile(const std::string& name) override { add({name, true, nullptr}); }
-  void processingFailedForFile(const std::string& name, platform::ErrorRef with) override {
-    add({name, false, std::move(with)});
-  }
-};
-
-class SkeldaStreamFrameLogSenderTest : public ::testing::Test {
- protected:
-  SkeldaStreamFrameLogSenderTest() { sender_->setDelegate(outcomes_); }
-  Outcome process(const std::string& name) {
-    const std::size_t before = outcomes_->size();
-    sender_->processFile(name, folder_.path());
-    const auto outcomes = outcomes_->wait(before + 1);
-    EXPECT_EQ(outcomes.size(), before + 1);
-    EXPECT_EQ(outcomes.back().name, name);
-    return outcomes.back();
-  }
-
-  static bool isLostConnection(const Outcome& outcome) {
-    return !outcome.succeeded && outcome.error->hasDomain(platform::urlErrorDomain()) &&
-           outcome.error->code() == platform::kURLErrorNetworkConnectionLost;
-  }
-
-  TemporaryDirectory folder_;
-  std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
-  std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
-  std::shared_ptr<SkeldaStreamFrameLogSender> sender_ =
-      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
-                                                               dataSender_);
-};
-
-TEST_F(SkeldaStreamFrameLogSenderTest, ReportsWhatItCannotRead) {
-  const auto missing = process("missing");
-  ASSERT_NE(missing.error, nullptr);
-  EXPECT_EQ(missing.error->code(), 5);
-  writeFile(folder_ / "empty", "");
-  const auto empty = process("empty");
-  EXPECT_FALSE(empty.succeeded);
-  EXPECT_EQ(empty.error, nullptr);
-  std::filesystem::create_directory(folder_ / "folder");
-  const auto unreadable = process("folder");
-  EXPECT_FALSE(unreadable.succeeded);
-  EXPECT_NE(unreadable.error, nullptr);
-  EXPECT_TRUE(dataSender_->sent.empty());
-}
-
-TEST_F(SkeldaStreamFrameLogSenderTest,
-       WhatCannotBeStoredIsALostConnectionAfterALongerAndLongerWait) {
+TEST_F(SkeldaLocalTransferAgentTest, WhatCannotBeStoredIsALostConnectionAfterALongerAndLongerWait) {
   using Clock = std::chrono::steady_clock;
-  writeFile(folder_ / "log", "bytes");
   dataSender_->failures = 2;
   for (const auto least : {std::chrono::milliseconds(50), std::chrono::milliseconds(100)}) {
     const auto begin = Clock::now();
-    const auto outcome = process("log");
+    EXPECT_TRUE(transfer(file("log")).isLostConnection());
     EXPECT_GE(Clock::now() - begin, least);
-    EXPECT_TRUE(isLostConnection(outcome));
   }
-  EXPECT_TRUE(process("log").succeeded);
+  EXPECT_EQ(transfer(file("log")).error, nullptr);
 }
 
-TEST_F(SkeldaStreamFrameLogSenderTest, ALogThatCannotBeReadJustNowIsALostConnection) {
-  sender_ = SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-      SkeldaStreamFileHandle::fileHandle(), dataSender_,
-      platform::RetryDelay(std::chrono::milliseconds(1), std::chrono::milliseconds(8)));
-  sender_->setDelegate(outcomes_);
-  writeFile(folder_ / "log", "bytes");
+TEST_F(SkeldaLocalTransferAgentTest, ALogThatCannotBeReadJustNowIsALostConnection) {
+  agent_ = SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
+          SkeldaStreamFileHandle::fileHandle(), dataSender_,
+          platform::RetryDelay(std::chrono::milliseconds(1), std::chrono::milliseconds(8))),
+      SkeldaStreamFileManager::fileManager());
+  agent_->setDelegate(outcomes_);
   const struct {
     const char* call;
     int error;
@@ -456,12 +369,11 @@ TEST_F(SkeldaStreamFrameLogSenderTest, ALogThatCannotBeReadJustNowIsALostConnect
     const FaultyFileCalls plan;
     plan->failAll(one.call, one.error);
     int lost = 0;
-    for (int tries = 0; tries < 8; ++tries) lost += isLostConnection(process("log")) ? 1 : 0;
+    for (int tries = 0; tries < 8; ++tries) lost += transfer(file("log")).isLostConnection();
     EXPECT_EQ(lost, one.lostConnections) << one.call << " " << one.error;
     plan->clear();
-    EXPECT_TRUE(process("log").succeeded);
+    EXPECT_EQ(transfer(file("log")).error, nullptr);
   }
-  EXPECT_EQ(dataSender_->sent.size(), std::size(cases));
 }
 
 using TransferTest = SenderTest;
