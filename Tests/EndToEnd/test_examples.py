@@ -1,6 +1,8 @@
-"""The small examples: each event comes to the collector as it was logged."""
+"""The small examples, and hosts in other languages: each event comes to the collector as it was logged."""
 
 import base64
+import shutil
+import sys
 import unittest
 
 import frame_log
@@ -17,7 +19,7 @@ class Examples(unittest.TestCase):
     def received(self, home, *arguments, count=1):
         """What the collector has when the host has ended by itself: events, and all other frames by type."""
         with Collector(home.path / "collector") as collector:
-            environment = home.environment(SSL_CERT_FILE=collector.authority)
+            environment = home.environment(SSL_CERT_FILE=collector.authority, PYTHONHOME=sys.base_prefix)
             socket = home.path / "phone.socket"
             with home.start(*arguments, collector.url, socket, environment=environment) as host:
                 stored = eventually(lambda: home.current_log.exists() and len(home.current_events()) == count)
@@ -53,3 +55,15 @@ class Examples(unittest.TestCase):
             self.assertEqual({"sk.demo.userid": "rider-7"}, others[146])
             self.assertEqual(("bicycle", ["steel"]), (others[171]["sk.user.property.key"],
                                                       others[171]["sk.user.property.values"]))
+
+    def test_a_host_in_python_loads_the_library_and_its_event_arrives(self):
+        # The bundle is found from the running program, which is the interpreter.
+        with Home(bundle=bundle_of("PlainC")) as home:
+            bundle = home.own_bundle()
+            shutil.copy(sys.executable, bundle / "PlainC")
+            library = BUILD / "Library/libSkelda_Watch.so"
+            home.bundle = bundle
+            (event,), _ = self.received(home, ROOT / "Tests/EndToEnd/hosts/ctypes_host.py", library)
+            self.assertEqual(("SwimDone", {"style": "自由泳", "lengths": "40", "pace": "1.75",
+                                           "since": "2020-09-13T12:26:40.123Z", "lanes": '["Bahn 4 – außen"]'}),
+                             (event.event_name, event.event_parameters))
