@@ -220,6 +220,19 @@ class Database:
                                 "-c", question], capture_output=True, text=True, timeout=120)
         return [line.split("\t") for line in asked.stdout.splitlines()] if asked.returncode == 0 else None
 
+    @contextlib.contextmanager
+    def locked(self, table):
+        """Nobody can write into the table meanwhile."""
+        command = ["psql", "-X", "-q", "-A", "-t", self.connection]
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as holder:
+            holder.stdin.write(f"BEGIN; LOCK TABLE {table} IN EXCLUSIVE MODE; SELECT 'locked';\n")
+            holder.stdin.flush()
+            holder.stdout.readline()
+            try:
+                yield
+            finally:
+                holder.stdin.close()
+
     def __enter__(self):
         self.await_ready()
         return self

@@ -94,6 +94,10 @@ class Loading(unittest.TestCase):
 
     def test_it_goes_on_after_an_end_of_the_database_of_the_servers_and_of_itself(self):
         bodies = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(900)]
+
+        def consumer():
+            return self.servers.ask(f"$JS.API.CONSUMER.INFO.{STREAM}.skelda-load") or {}
+
         with loader(self.servers, self.database, "--batch", "16", "--ack-wait", "2") as first:
             self.publisher.publish(bodies[:300])
             self.assertTrue(eventually(lambda: self.database.ask("SELECT 1 FROM skelda.logs LIMIT 1"), 30))
@@ -105,12 +109,17 @@ class Loading(unittest.TestCase):
             self.database.start()
             self.database.await_ready()
             self.assertTrue(eventually(lambda: self.count("logs") == 600, 40))
+            # The servers end between a batch and its acknowledgement, while what is damaged is kept aside.
+            with self.database.locked("skelda.logs"):
+                self.publisher.publish([bodies[0] + b"rubbish", *bodies[600:]])
+                self.assertTrue(eventually(lambda: consumer().get("num_ack_pending"), 30))
+                for index in range(3):
+                    self.servers.kill(index)
+            process.line_with("damaged log", 60)
             for index in range(3):
-                self.servers.kill(index)
                 self.servers.start(index)
-            self.assertTrue(eventually(lambda: (self.servers.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("state"), 30))
-            with self.servers.client() as publisher:
-                publisher.publish(bodies[600:])
-            self.assertTrue(eventually(lambda: self.count("events") == 900 * 30, 60), process.output)
+            self.assertTrue(eventually(lambda: self.count("events") == 901 * 30, 60), process.output)
+            self.assertTrue(eventually(lambda: (0, 0) == (consumer().get("num_pending"), consumer().get("num_ack_pending")),
+                                       60), process.output)
             self.assertEqual(0, process.terminate(), process.output)
-        self.assertEqual(900, self.count("logs", "fault IS NULL"))
+        self.assertEqual((900, 1), (self.count("logs", "fault IS NULL"), self.count("logs", "fault IS NOT NULL")))

@@ -15,6 +15,7 @@ using namespace std::chrono_literals;
 constexpr std::int64_t kNanosecondsASecond = 1'000'000'000;
 /// Given out and not acknowledged, to all who share the consumer: a few batches each.
 constexpr std::int64_t kMostOutstanding = 16384;
+constexpr std::string_view kTaken = "+ACK";
 
 [[noreturn]] void fail(const char* what, natsStatus status, jsErrCode code = {}) {
   const char* last = nats_GetLastError(nullptr);
@@ -156,8 +157,14 @@ std::vector<StreamedMessage> LogStream::take() {
 }
 
 void LogStream::acknowledge(const std::vector<StreamedMessage>& messages) {
-  for (const StreamedMessage& message : messages) natsMsg_Ack(message.get(), nullptr);
-  if (connection_) natsConnection_FlushTimeout(connection_.get(), 2000);
+  if (!connection_) return;
+  // By the connection that there is now: the one that brought a message may have been given up, and
+  // the library's own way of acknowledging would still use what is gone with it.
+  for (const StreamedMessage& message : messages) {
+    natsConnection_Publish(connection_.get(), natsMsg_GetReply(message.get()), kTaken.data(),
+                           static_cast<int>(kTaken.size()));
+  }
+  natsConnection_FlushTimeout(connection_.get(), 2000);
 }
 
 void LogStream::makeDamagedStream() {
