@@ -194,6 +194,8 @@ TEST(SkeldaDateUtilTest, IntervalsAreTruncatedToMillisecondsAndHeldInTheirRange)
   }
   const auto date = [](std::int64_t us) { return Date(Date::Microseconds(us)); };
   EXPECT_EQ(SkeldaDateUtil::timeIntervalSince1970InMilliseconds(date(-1999)), -1);
+  EXPECT_TRUE(SkeldaDateUtil::isEqualToDateInMilliseconds(date(1000), date(1999)));
+  EXPECT_FALSE(SkeldaDateUtil::isEqualToDateInMilliseconds(date(1999), date(2000)));
   const std::tuple<std::int64_t, std::int64_t, std::int64_t> differences[] = {
       {5999, 1000, 4},
       {1000, 5999, -4},

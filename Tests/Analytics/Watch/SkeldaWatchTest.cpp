@@ -183,6 +183,16 @@ TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
   SkeldaUtil::setLogLevel(0);
 }
 
+TEST(SkeldaWatch, KnowsTheAgentsOwnUserInfoByItsKeys) {
+  for (const char* key : {"skelda://id1", "skelda://id2", "skelda://id3", "skelda://id4"}) {
+    const bool own = std::string_view(key) != "skelda://id4";
+    for (const SkeldaValue& info : {SkeldaValue{{key, 1}}, SkeldaValue(SkeldaArray{7, key})}) {
+      EXPECT_EQ(SkeldaWatch::isSkeldaUserInfo(info), own) << info.description();
+    }
+    EXPECT_FALSE(SkeldaWatch::skeldaUserInfo(key));
+  }
+}
+
 TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
   const auto urls = SkeldaNetworkURLsDataProvider::sharedInstance();
   SkeldaWatch::setServerURL("https://localhost/v1/skd.do");

@@ -81,6 +81,8 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->code(), row.code) << row.destination;
   }
+  EXPECT_FALSE(manager_.fileExistsAtPath(source_ + '\0'));
+  EXPECT_EQ(manager_.contentsAtPath(source_ + '\0'), std::nullopt);
   EXPECT_EQ(readFile(destination_), kOld);
   EXPECT_EQ(names(committed_), std::vector<std::string>{"log_1"});
   EXPECT_FALSE(hasTemporaries());
@@ -193,6 +195,8 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
   plan->failKind("write", 1, {.error = ENOSPC});
   EXPECT_FALSE(manager_.copyItemAtPath(source_, committed_ + "/full"));
   EXPECT_FALSE(manager_.fileExistsAtPath(committed_ + "/full"));
+  plan->failKind("syncData", 1, {.error = EIO});
+  EXPECT_FALSE(manager_.storeNewFile(Data(kNew), committed_ + "/block"));
   writeFile(storage_ + "/empty", "");
   EXPECT_TRUE(manager_.copyItemAtPath(storage_ + "/empty", committed_ + "/empty"));
   plan->failKind("read", 1, {.error = EIO});

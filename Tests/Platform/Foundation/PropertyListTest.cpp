@@ -134,7 +134,10 @@ TEST(PropertyListTest, RefusesXMLThatIsMalformedOrHostile) {
 }
 
 TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
-  ASSERT_EQ(readBinary({{"\x51x"}}), Value("x"));
+  ASSERT_EQ(readBinary({{"\x08", "\x51x"}, 1}), Value("x"));
+  const std::string longest((1 << 20) - 48, 'd');  // its list is as long as one may be
+  EXPECT_EQ(readBinary({{"\x4F\x12" + BinaryList::bigEndian(longest.size(), 4) + longest}}),
+            Value(Data(longest)));
   std::vector<BinaryList> cases = {
       {{}},
       {{std::string(1, '\0')}},  // the null object

@@ -32,6 +32,9 @@ TEST(StorageLockTest, TheHolderMayAskAgainButAForkedChildIsAnother) {
   EXPECT_EQ(child.wait(), 0);
   EXPECT_EQ(readFile(folder / "lock"), std::to_string(self) + "\n");
   StorageLock::release(folder / "lock");
+  ChildProcess next(
+      [&] { return StorageLock::acquire(folder / "lock").status == Status::held ? 0 : 1; });
+  EXPECT_EQ(next.wait(), 0);
 }
 
 TEST(StorageLockTest, FailuresAreNeitherHeldNorAnothers) {

@@ -134,6 +134,10 @@ TEST(URLSession, ProposesAndFollowsRedirects) {
     EXPECT_EQ(last.field("x-key"), "secret");
     EXPECT_EQ(last.field("content-type").empty(), status == 303);
 
+    auto head = getRequest(server.url("/" + std::to_string(status)));
+    head.method = "HEAD";
+    perform(std::move(head));
+    EXPECT_EQ(server.requests().back().method, "HEAD") << status;
     const auto refused = perform(postRequest(server.url("/" + std::to_string(status)), "bytes"),
                                  [](auto) { return std::nullopt; });
     EXPECT_EQ(refused->status(), status);

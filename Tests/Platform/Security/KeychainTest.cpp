@@ -157,6 +157,7 @@ TEST_F(KeychainTest, TamperedItemsDoNotOpen) {
     OSStatus status = errSecDecode;
   } changes[] = {
       {"\"sealed\": \"", "\"sealed\": \"AAAA"},
+      {"\"sealed\": \"", "\"another\": \"", errSecItemNotFound},
       {"\"nonce\": \"", "\"nonce\": \"AAAA"},
       {"afterFirstUnlockThisDeviceOnly", "whenUnlocked"},
       {"afterFirstUnlockThisDeviceOnly", "always", errSecItemNotFound},
@@ -299,7 +300,7 @@ TEST_F(KeychainTest, ThreadsAndProcessesLoseNothingOfEachOther) {
   }
 }
 
-TEST(SealingTest, NeverUsesANonceTwiceAndRefusesAShortKeyAndShortBytes) {
+TEST(SealingTest, NeverUsesANonceTwiceAndRefusesLengthsThatDoNotFit) {
   SealingKey key;
   EXPECT_FALSE(key.assign(std::string(SealingKey::kLength - 1, 'k')));
   ASSERT_TRUE(key.makeRandom());
@@ -308,6 +309,10 @@ TEST(SealingTest, NeverUsesANonceTwiceAndRefusesAShortKeyAndShortBytes) {
   EXPECT_NE(sealed->nonce, seal(key, "secret", "context")->nonce);
   EXPECT_EQ(unseal(SealingKey(), *sealed, "context"), std::nullopt);
   EXPECT_EQ(unseal(key, {std::string(12, 'n'), "short"}, "context"), std::nullopt);
+  // The library counts in int, of which this length would become one.
+  const std::string_view tooLong("c", (std::size_t{1} << 32) + 1);
+  EXPECT_FALSE(seal(key, "secret", tooLong));
+  EXPECT_EQ(unseal(key, *seal(key, "secret", "c"), tooLong), std::nullopt);
   EXPECT_EQ(hmacSHA256("key", "The quick brown fox jumps over the lazy dog").substr(0, 4),
             "\xf7\xbc\x83\xf4");
 }

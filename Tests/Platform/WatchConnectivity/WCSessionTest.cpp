@@ -71,6 +71,18 @@ TEST_F(WCSessionTest, UserInfosWaitForThePeerAndArriveInOrderOnce) {
                                              R"(finished {"n":1})", R"(finished {"n":2})"));
 }
 
+TEST_F(WCSessionTest, WhatIsTooLongFailsAndHoldsNothingUp) {
+  activate();
+  watchEnd_->setJoined(true);
+  atWatch_->wait(2);
+  const auto without = WCPacket{WCPacket::Kind::userInfo, 1, {{"n", ""}}}.encoded().length();
+  const std::string longest(platform::WCPacketFraming::kMaximumLength - without, 'x');
+  watch_->transferUserInfo({{"n", longest + "x"}});
+  watch_->transferUserInfo({{"n", longest}});
+  EXPECT_TRUE(atWatch_->wait(3).back().starts_with("failed")) << "one byte too long";
+  EXPECT_TRUE(atWatch_->wait(4).back().starts_with("finished"));
+}
+
 TEST_F(WCSessionTest, WhatAPeerTookWithItUnacknowledgedIsOfferedAgain) {
   activate();
   // A peer that listens and never acknowledges: the bare transport.

@@ -128,6 +128,8 @@ TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   };
   const std::string first = identifier('a', "com.example.a");
   EXPECT_EQ(first.size(), 36u);
+  EXPECT_EQ(first[14], '8') << "a version of the maker's own";
+  EXPECT_NE(std::string("89AB").find(first[19]), std::string::npos) << first;
   EXPECT_EQ(first.find("aaaa"), std::string::npos);
   EXPECT_EQ(first, identifier('a', "com.example.a"));
   EXPECT_NE(first, identifier('b', "com.example.a"));

@@ -143,14 +143,15 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
 
 TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
   const auto counted = runOn(kCounter + sessionId(1) + event("Lap") + event("Run") + event("Lap") +
-                                 sessionId(1) + sessionId(2) + frameBytes(1, 134, "?"),
+                                 sessionId(1) + sessionId(2) + frameBytes(1, 128, "{}") +
+                                 frameBytes(1, 134, "?"),
                              "--summary");
   EXPECT_EQ(counted.out,
-            "frames 8\npayload bytes 246\n"
+            "frames 9\npayload bytes 248\n"
             "from 2020-09-13T12:26:40.000Z\nto 2020-09-13T12:26:40.000Z\n"
             "sessions 2\n"
             "type 2 SkeldaStreamCounter 1\n"
-            "type 128 SkeldaStreamSessionId 3\n"
+            "type 128 SkeldaStreamSessionId 4\n"
             "type 134 SkeldaStreamEvent 4\n"
             "events 4\nevent 2 Lap\nevent 1 Run\nevent 1 (other names)\n");
 }

@@ -206,6 +206,7 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
   {
     AgentRun killed(files.open());  // before it started the agent
     killed.call(Kind::deletion);
+    killed.call(Kind::addProperties, "shoe", platform::Array{"red"});
     killed.call(Kind::consent, true, platform::Dictionary{{"iab", "s"}}, true);
   }
   {
@@ -213,7 +214,7 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
     killed.pipeline->stores = false;
     killed.event("first");
     killed.start();
-    killed.pipeline->messages(2);
+    killed.pipeline->messages(3);
   }
   const auto after = platform::Date::now().microsecondsSince1970().count() / 1000;
   const auto uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
@@ -221,19 +222,23 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
   run.event("second");
   run.start();
   ASSERT_TRUE(run.isStored());
-  const auto messages = run.pipeline->messages(3);
-  ASSERT_EQ(messages.size(), 3U);
+  const auto messages = run.pipeline->messages(4);
+  ASSERT_EQ(messages.size(), 4U);
   EXPECT_EQ(messages[0]->frameType(), SkeldaStreamFrameTypeUtil::kCCPADelete);
-  EXPECT_EQ(saidBy(messages[1]), "first");
-  EXPECT_EQ(saidBy(messages[2]), "second");
-  for (const auto& message : {messages[0], messages[1]}) {
+  EXPECT_EQ(saidBy(messages[1]), "shoe");
+  EXPECT_EQ(saidBy(messages[2]), "first");
+  EXPECT_EQ(saidBy(messages[3]), "second");
+  for (const auto& message : {messages[0], messages[1], messages[2]}) {
     EXPECT_GE(message->epochTimeStamp(), before);
     EXPECT_LE(message->epochTimeStamp(), after);
     EXPECT_GE(message->relativeTimeStamp(), uptimeBefore);
     EXPECT_LE(message->relativeTimeStamp(), uptimeAfter);
   }
-  const auto& first = dynamic_cast<const SkeldaStreamEvent&>(*messages[1]);
-  EXPECT_EQ(first.uptime(), messages[1]->relativeTimeStamp());
+  const auto& property = dynamic_cast<const SkeldaStreamUserProperties&>(*messages[1]);
+  EXPECT_EQ(*property.dictionaryRepresentation()->find("sk.user.property.uptime"),
+            property.relativeTimeStamp());
+  const auto& first = dynamic_cast<const SkeldaStreamEvent&>(*messages[2]);
+  EXPECT_EQ(first.uptime(), first.relativeTimeStamp());
   EXPECT_TRUE(SkeldaConsentCore::sharedInstance()->getConsent().isGDPRScope());
   EXPECT_TRUE(addsUp(*run.file));
 }

@@ -238,7 +238,10 @@ TEST(SkeldaStreamEvent, IsNotValidWithoutANameOrATime) {
   EXPECT_EQ(make(std::nullopt, dateAt(1))->payload(), std::nullopt);
   EXPECT_EQ(make("", dateAt(1))->payload(), std::nullopt);
   EXPECT_EQ(make("\xFF", dateAt(1))->payload(), std::nullopt);
-  EXPECT_EQ(make("name", std::nullopt)->payload(), std::nullopt);
+  const auto undated = make("name", std::nullopt);
+  EXPECT_EQ(undated->payload(), std::nullopt);
+  undated->populateEndEventFields(*undated);
+  EXPECT_EQ(undated->duration(), 0);
   const auto json = make("name", dateAt(1))->jsonRepresentation();
   ASSERT_TRUE(json);
   EXPECT_EQ(json->find("sk.event.type"), std::string::npos);
@@ -248,6 +251,7 @@ TEST(SkeldaStreamEvent, EndsWithTheIdOfItsStartAndTheTimeBetween) {
   const auto start = event({{"k", "start"}}, true);
   const auto end = start->counterpartEndTimedEventWithTimestamp(dateAt(kNoon + 1500));
   ASSERT_NE(end, nullptr);
+  EXPECT_EQ(start->uptime(), start->relativeTimeStamp() + kNoon - start->epochTimeStamp());
   EXPECT_EQ(end->uptime(), start->uptime() + 1500);
   end->populateEndEventFields(*start);
   EXPECT_EQ(end->duration(), 1500);

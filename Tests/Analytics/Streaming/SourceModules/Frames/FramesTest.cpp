@@ -11,6 +11,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
@@ -252,6 +253,14 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
     reading->close();
     EXPECT_EQ(reading->state(), 3);
     EXPECT_TRUE(reading->buffer().empty());
+  }
+  const std::pair<std::uint64_t, std::size_t> limits[] = {
+      {500, 500}, {(std::uint64_t{1} << 32) + 1, 0xFFFFFFFF}};
+  for (const auto& [limit, asked] : limits) {
+    handle_->requests.clear();
+    iterator({{std::string(kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile), limit}})
+        ->open(path_);
+    EXPECT_EQ(handle_->requests, std::vector{asked});
   }
 }
 
