@@ -1,7 +1,3 @@
-#include "Analytics/Utils/SkeldaUtil.h"
-
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 
 #include "Analytics/Utils/SkeldaDateUtil.h"
@@ -55,19 +51,16 @@ TEST_F(SkeldaUtilTest, LinesAreFormattedOnlyWhereLevelAndReaderAskForThem) {
 
 TEST_F(SkeldaUtilTest, CaughtThingsOfAnyKindAreShownOnDemand) {
   const std::exception_ptr caught[] = {
-      std::make_exception_ptr(platform::Exception("Name", "reason", Value("info"))),
-      std::make_exception_ptr(std::out_of_range("far")),
-      std::make_exception_ptr(platform::urlError(7)), std::make_exception_ptr(Value(5)),
-      std::make_exception_ptr(3.5)};
+      std::exception_ptr(), std::make_exception_ptr(platform::Exception("Name", "reason")),
+      std::make_exception_ptr(std::out_of_range("far")), std::make_exception_ptr(3.5)};
   SkeldaUtil::setLogLevel(2);
   for (const bool shown : {false, true}) {
     SkeldaUtil::setShowErrorInLogEnabled(shown);
     for (const auto& one : caught) {
       SkeldaUtil::handleException(one);
-      EXPECT_EQ(log_.take().empty(), !shown);
+      EXPECT_EQ(log_.take().empty(), !shown || !one);
     }
   }
-  SkeldaUtil::handleException(std::exception_ptr());
 }
 
 TEST_F(SkeldaUtilTest, QueueAndThreadAssertionsRaise) {
