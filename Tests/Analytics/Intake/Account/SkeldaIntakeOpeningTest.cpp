@@ -86,6 +86,7 @@ TEST_F(SkeldaIntakeOpeningTest, WhatStartsDieOfIsTakenAloneAndDroppedInTheEnd) {
   EXPECT_EQ(file->opening().replayedTooOften, 1U);
   const auto record = file->takeOldest().value();
   EXPECT_EQ(record.payload, "harmless");
+  EXPECT_TRUE(record.isReplayed && record.isOfThisBoot);
   append(*file, "new");
   EXPECT_FALSE(file->hasUntaken());
   EXPECT_TRUE(file->settle(record.ticket, Outcome::stored));

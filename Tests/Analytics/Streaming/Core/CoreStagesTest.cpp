@@ -1,6 +1,5 @@
 // The stages between the sources and the log, and the rules that they keep.
 
-#include <gtest/gtest.h>
 #include <thread>
 
 #include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
@@ -18,11 +17,6 @@ namespace {
 class PlainStage : public SkeldaActorStreamComponentBase {
  public:
   PlainStage() : SkeldaActorStreamComponentBase("PlainStage") {}
-};
-class CoreStage : public SkeldaActorStreamCoreComponent {
- public:
-  CoreStage() : SkeldaActorStreamCoreComponent("CoreStage") {}
-  void nextStageDidChangeState(std::int32_t state) override { becomeReadyWithNextStage(state); }
 };
 
 TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
@@ -49,40 +43,8 @@ TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
   EXPECT_EQ(map.find(9999), nullptr);
 }
 
-TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrder) {
-  for (const bool started : {false, true}) {
-    const auto stage = SkeldaActor::made(new CoreStage());
-    const auto next = std::make_shared<RecordingStage>();
-    const auto previous = std::make_shared<RecordingStage>();
-    stage->registerNextStageComponent(next);
-    stage->registerPreviousStageComponent(previous);
-    EXPECT_EQ(stage->moduleState(), 1);
-    if (started) stage->startup();
-    EXPECT_EQ(stage->moduleState(), started ? 2 : 1);
-
-    for (const int ms : {1, 2, 3}) stage->streamMessage(eventAt(ms));
-    settle(*stage);
-    stage->nextStageDidChangeState(2);
-    settle(*stage);
-    EXPECT_EQ(next->words(), "");
-    EXPECT_EQ(stage->deferredMessageQueue().size(), 3U);
-
-    stage->nextStageDidChangeState(3);
-    stage->streamMessage(eventAt(4));
-    settle(*stage);
-    EXPECT_EQ(next->words(), "e1 e2 e3 e4");
-    stage->updateState(3);
-    stage->updateState(1);
-    stage->streamMessage(eventAt(5));
-    settle(*stage);
-    EXPECT_EQ(next->words(), "e1 e2 e3 e4 e1 e2 e3") << "what was held goes out again";
-    EXPECT_EQ(previous->states(), (std::vector<std::int32_t>{3, 3, 1}));
-  }
-}
-
 TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {
-  constexpr std::uint32_t kSources = 4;
-  constexpr std::uint32_t kMessages = 200;
+  constexpr std::uint32_t kSources = 4, kMessages = 200;
   const auto buffer = SkeldaStreamCoreBuffer::streamBuffer();
   const auto next = std::make_shared<RecordingStage>();
   buffer->registerNextStageComponent(next);
@@ -158,27 +120,25 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
   }
 }
 
-using Rule = SkeldaWatchStreamSessionRule;
-
-/// What comes out of a policy whose sessions have at most 5 events or 10 minutes, for the mandatory
-/// app info (133) and events at these times.
-std::string sent(Rule::ModuleLookup lookup, std::initializer_list<std::int64_t> events) {
-  const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
-      {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, std::move(lookup))});
-  const auto next = readyBeforeRecorder(*policy);
-  policy->streamMessage(plainMessage(133));
-  for (const auto ms : events) policy->streamMessage(eventAt(ms));
-  settle(*policy);
-  return next->words();
-}
-
+// Sessions of at most 5 events or 10 minutes, with the app info (133) as their mandatory message.
 TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
+  using Rule = SkeldaWatchStreamSessionRule;
   const AgentHome home;
   const auto throwing = [](std::string_view) -> platform::ObjectRef {
     platform::assertionFailure("id is missing!");
   };
   for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
-    EXPECT_EQ(sent(lookup, {0, 600001, 600002, 600003, 600004, 600005}),
+    const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
+        {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, lookup)});
+    const auto next = std::make_shared<RecordingStage>();
+    policy->registerNextStageComponent(next);
+    policy->updateState(ISkeldaStreamCoreComponent::kStateReady);
+    policy->streamMessage(plainMessage(133));
+    for (const int ms : {0, 600001, 600002, 600003, 600004, 600005}) {
+      policy->streamMessage(eventAt(ms));
+    }
+    settle(*policy);
+    EXPECT_EQ(next->words(),
               "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "
               "propsStart flush1 e600001 session@600001 e600002 e600003 e600004 "
               "session@600001..600012 e600005 flush3");

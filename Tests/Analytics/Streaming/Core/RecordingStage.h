@@ -93,13 +93,4 @@ class RecordingStage : public platform::Object,
   Recorded<std::int32_t> states_;
 };
 
-/// A stage between two recorders, ready to forward.
-template <class Stage>
-std::shared_ptr<RecordingStage> readyBeforeRecorder(Stage& stage) {
-  auto recorder = std::make_shared<RecordingStage>();
-  stage.registerNextStageComponent(recorder);
-  stage.updateState(ISkeldaStreamCoreComponent::kStateReady);
-  return recorder;
-}
-
 }  // namespace skelda::testing

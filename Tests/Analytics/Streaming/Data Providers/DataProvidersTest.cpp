@@ -8,14 +8,10 @@
 #include <filesystem>
 #include <memory>
 
-#include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
-#include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/WatchKit/WKExtension.h"
 #include "Tests/Support/FaultyFiles.h"
@@ -73,21 +69,6 @@ TEST(SkeldaDataProvider, TellsEachObserverOncePerChangeUntilItIsRemoved) {
   EXPECT_EQ(late.updates(), 2);
 }
 
-TEST(SkeldaSessionInfoDataProvider, HasFactsFromStartUpOnAndNewOnesWithEachChange) {
-  const auto provider = SkeldaSessionInfoDataProvider::getInstance();
-  const Observed observed(provider);
-  provider->setIncludeBackgroundSessionsInMetrics(true);  // waits for the facts that carry it
-  EXPECT_EQ(provider->sessionInfoData(), nullptr);
-  EXPECT_EQ(observed.updates(), 0);
-  provider->startUpWithApiKey("KEY");
-  EXPECT_EQ(observed.updates(), 1);
-  const auto facts = provider->sessionInfoData();
-  provider->setIncludeBackgroundSessionsInMetrics(false);
-  EXPECT_FALSE(provider->sessionInfoData()->includeBackgroundSessionsInMetrics());
-  EXPECT_TRUE(facts->includeBackgroundSessionsInMetrics()) << "those handed out stay as they were";
-  EXPECT_EQ(observed.updates(), 2);
-}
-
 TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffersFromTheLast) {
   auto& extension = platform::WKExtension::sharedExtension();
   extension.setApplicationState(platform::WKExtension::ApplicationState::background);
@@ -114,13 +95,6 @@ class NetworkProvider : public SkeldaNetworkReachabilityDataProvider {
   static std::shared_ptr<NetworkProvider> make() { return made(new NetworkProvider()); }
 };
 
-class Monitor : public platform::Object, public ISkeldaReachability {
- public:
-  std::string_view className() const noexcept override { return "SkeldaReachability"; }
-  void startup() override { ++starts; }
-  int starts = 0;
-};
-
 TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnected) {
   const auto provider = NetworkProvider::make();
   EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
@@ -135,19 +109,6 @@ TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnec
   const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
   provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
   EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
-}
-
-TEST(SkeldaNetworkReachabilityDataProvider, StartsTheMonitorThatIsLinkedOnce) {
-  const auto monitor = std::make_shared<Monitor>();
-  auto& registry = platform::ClassRegistry::shared();
-  registry.registerClass({"SkeldaReachability", {}, {}, [monitor] { return monitor; }});
-  const auto provider = NetworkProvider::make();
-  provider->startup();
-  provider->startup();
-  settle(*provider);
-  EXPECT_EQ(monitor->starts, 1);
-  EXPECT_EQ(provider->reachability(), monitor);
-  registry.registerClass({"SkeldaReachability", {}, {}, nullptr});
 }
 
 std::atomic<bool> noMoreWatches = false;

@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <functional>
 
-#include "Analytics/Streaming/Core/FrameLogWriter/FrameLogRepair.h"
 #include "Tests/Analytics/Streaming/Core/FrameLogWriter/FrameLogWriterFixture.h"
 
 namespace skelda::testing {
@@ -76,33 +74,6 @@ TEST_F(FrameLogRepairTest, KeepsTheLongestReadablePrefix) {
 
 TEST_F(FrameLogRepairTest, ALogOfNoBytesIsNoCrash) {
   EXPECT_EQ(commitedAtStart(""), Logs{});
-}
-
-TEST_F(FrameLogRepairTest, SaysWhatItCutAndWhy) {
-  using Repair = ::FrameLogRepair;
-  const std::pair<std::string, Repair::End> cases[] = {
-      {"", Repair::End::whole},
-      {"torn", Repair::End::partOfAFrame},
-      {frame(*plainMessage(148, "[1]")), Repair::End::payloadIsNoObject},
-      {frame(*plainMessage(148)).replace(1, 1, 1, 'M'), Repair::End::frameCannotBeWrittenAgain},
-  };
-  const auto handle = SkeldaStreamFileHandle::fileHandle();
-  const auto serializer = SkeldaStreamMessageSerializer::streamMessageSerializer();
-  Repair repair(logPath(), handle, serializer,
-                SkeldaStreamFrameDeserializer::streamFrameDeserializer());
-  EXPECT_FALSE(repair.read().has_value()) << "there is no log";
-  for (const auto& [tail, end] : cases) {
-    leave(first_ + tail);
-    const auto log = repair.read();
-    ASSERT_TRUE(log.has_value());
-    EXPECT_EQ(log->end, end) << Repair::text(log->end);
-    EXPECT_EQ(log->countOfFrames, 2U);
-    EXPECT_EQ(log->lengthInFile, first_.size());
-    EXPECT_EQ(log->lengthOfFile, first_.size() + tail.size());
-    EXPECT_EQ(readFile(logPath()), first_ + tail);
-    EXPECT_TRUE(repair.cut(*log));
-    EXPECT_EQ(readFile(logPath()), first_);
-  }
 }
 
 TEST_F(FrameLogRepairTest, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {

@@ -107,7 +107,10 @@ TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
               ElementsAre(R"(132 {"sk.app.current.state":0,"sk.app.previous.state":-1})"));
   // The session's facts are reported once, as they are at first.
   EXPECT_EQ(initInfo.sent().size(), 1U);
+  const auto facts = sessions->sessionInfoData();
   sessions->setIncludeBackgroundSessionsInMetrics(false);
+  EXPECT_FALSE(sessions->sessionInfoData()->includeBackgroundSessionsInMetrics());
+  EXPECT_TRUE(facts->includeBackgroundSessionsInMetrics()) << "those handed out stay as they were";
   tellBothOfBoth();
   EXPECT_THAT(initInfo.texts(),
               ElementsAre(R"(141 {"sk.apikey":"KEY","sk.agent.platform":2,"sk.agent.report.key":2,)"
