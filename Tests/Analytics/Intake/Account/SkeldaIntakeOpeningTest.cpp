@@ -213,6 +213,8 @@ TEST_F(SkeldaIntakeOpeningTest, AnotherCapacityIsTakenOnOnceNothingWaits) {
   EXPECT_EQ(file->page().accepted[0], 1U);
   EXPECT_TRUE(addsUp(*file));
   EXPECT_EQ(std::filesystem::file_size(path_), 4096 + 2 * kCapacity);
+  append(*file, "two");
+  EXPECT_EQ(payloadsOf(*open(kKey, 2 * kCapacity)), std::vector<std::string>{"two"});
   struct ::stat status;
   ASSERT_EQ(::stat(path_.c_str(), &status), 0);
   EXPECT_GE(static_cast<std::size_t>(status.st_blocks) * 512, 2 * kCapacity);
