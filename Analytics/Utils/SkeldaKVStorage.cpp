@@ -105,15 +105,14 @@ void SkeldaKVStorage::onqueue_save() {
   dictionary_ = std::move(*root.dictionary());
 }
 
-void SkeldaKVStorage::onqueue_change(std::string key, platform::Value value) {
+void SkeldaKVStorage::onqueue_change(const platform::Dictionary& changes) {
   SKELDA_ON_QUEUE();
   onqueue_load();
-  apply(dictionary_, key, value);
-  if (loaded_) {
-    onqueue_save();
-  } else {
-    pending_.emplace_back(std::move(key), std::move(value));
+  for (const auto& [key, value] : changes) {
+    apply(dictionary_, key, value);
+    if (!loaded_) pending_.emplace_back(key, value);
   }
+  if (loaded_) onqueue_save();
 }
 
 void SkeldaKVStorage::onqueue_removeAll() {
@@ -135,7 +134,7 @@ bool SkeldaKVStorage::isStorable(const platform::Value& object,
 void SkeldaKVStorage::set(platform::Value object, const std::optional<std::string>& key,
                           std::string_view method) {
   if (!isStorable(object, key, method)) return;
-  post<&SkeldaKVStorage::onqueue_change>(*key, std::move(object));
+  post<&SkeldaKVStorage::onqueue_change>(platform::Dictionary{{*key, std::move(object)}});
 }
 
 void SkeldaKVStorage::setObject(const platform::Value& object,
@@ -143,12 +142,13 @@ void SkeldaKVStorage::setObject(const platform::Value& object,
   set(object, key, "-[SkeldaKVStorage setObject:forKey:]");
 }
 
-bool SkeldaKVStorage::storeObject(const platform::Value& object,
-                                  const std::optional<std::string>& key) {
-  if (!isStorable(object, key, "-[SkeldaKVStorage storeObject:forKey:]")) return false;
+bool SkeldaKVStorage::storeObjects(const platform::Dictionary& objects) {
+  for (const auto& [key, object] : objects) {
+    if (!isStorable(object, key, "-[SkeldaKVStorage storeObjects:]")) return false;
+  }
   bool stored = false;
   syncBlock([&] {
-    onqueue_change(*key, object);
+    onqueue_change(objects);
     stored = loaded_ && saved_;
   });
   return stored;
@@ -192,7 +192,7 @@ void SkeldaKVStorage::setBoolean(bool value, const std::optional<std::string>& k
 
 void SkeldaKVStorage::removeObjectForKey(const std::optional<std::string>& key) {
   if (!SkeldaUtil::assertNotNil(key, "-[SkeldaKVStorage removeObjectForKey:]")) return;
-  post<&SkeldaKVStorage::onqueue_change>(*key, platform::Value());
+  post<&SkeldaKVStorage::onqueue_change>(platform::Dictionary{{*key, platform::Value()}});
 }
 
 void SkeldaKVStorage::removeAllObjects() {

@@ -18,7 +18,7 @@
 /// archive file, atomically and synchronised, after every change. Writes are posted to its queue
 /// and return at once; reads wait on it, so that a read after a write of the same thread sees the
 /// write. A change that could not be written lives in memory and goes with the next one:
-/// storeObject() and isPersisted() say what is on disk.
+/// storeObjects() and isPersisted() say what is on disk.
 ///
 /// A file that is absent or malformed is an empty store; what stands in its place and is no file is
 /// set aside. A file that cannot be read just now is tried again at every operation; until then
@@ -44,9 +44,10 @@ class SkeldaKVStorage : public SkeldaActor {
   void setFloat(float value, const std::optional<std::string>& key);
   void setDouble(double value, const std::optional<std::string>& key);
   void setBoolean(bool value, const std::optional<std::string>& key);
-  /// As setObject(), but waits, and says whether the change is on disk. On the caller's own thread
-  /// where the store has nothing else to do, which spares two changes of thread.
-  bool storeObject(const platform::Value& object, const std::optional<std::string>& key);
+  /// As setObject() for each, but in one write, waits, and says whether the change is on disk. On
+  /// the caller's own thread where the store has nothing else to do, which spares two changes of
+  /// thread.
+  bool storeObjects(const platform::Dictionary& objects);
   void removeObjectForKey(const std::optional<std::string>& key);
   void removeAllObjects();
 
@@ -84,8 +85,8 @@ class SkeldaKVStorage : public SkeldaActor {
                          std::string_view method);
   void set(platform::Value object, const std::optional<std::string>& key, std::string_view method);
   void onqueue_load();
-  /// A null value removes.
-  void onqueue_change(std::string key, platform::Value value);
+  /// Null values remove.
+  void onqueue_change(const platform::Dictionary& changes);
   void onqueue_removeAll();
   void onqueue_save();
 

@@ -20,6 +20,7 @@
 
 namespace skelda::platform {
 class Queue;
+struct FileSystemAttributes;
 }
 
 /// What every other class leans on: log level, the sink of caught exceptions, soft assertions, the
@@ -158,7 +159,8 @@ class SkeldaUtil {
   static std::string devicePlatform();
   /// 0 by 0 where no screen is known.
   static platform::ScreenBounds deviceScreenBounds();
-  /// Bytes; 0 and a log line on failure.
+  /// Of the file system that holds the user's documents, in bytes; 0 and a log line on failure.
+  static platform::FileSystemAttributes documentsFileSystem();
   static std::uint64_t getDiskSize();
   static std::uint64_t getFreeDiskspace();
   /// Code of the environment that the program was built for: SKELDA_BUILD_ENVIRONMENT (0 to 255),

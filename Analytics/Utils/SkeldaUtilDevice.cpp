@@ -11,18 +11,6 @@
 
 namespace {
 
-/// Sizes of the file system that holds the user's documents; zeroes on failure.
-platform::FileSystemAttributes documentsFileSystem() {
-  platform::ErrorRef error;
-  const auto sizes = platform::FileManager::defaultManager()->attributesOfFileSystemForPath(
-      platform::FileManager::documentsDirectory(), &error);
-  if (!sizes) {
-    SKELDA_LOG(2, "Error Obtaining System Memory Info: Domain = {}, Code = {}", error->domain(),
-               error->code());
-  }
-  return sizes.value_or(platform::FileSystemAttributes{});
-}
-
 std::string_view environment(const char* name) {
   const char* value = ::secure_getenv(name);
   return value != nullptr ? std::string_view(value) : std::string_view();
@@ -51,6 +39,16 @@ platform::ScreenBounds SkeldaUtil::deviceScreenBounds() {
   return device != nullptr ? device->screenBounds() : platform::ScreenBounds{};
 }
 
+platform::FileSystemAttributes SkeldaUtil::documentsFileSystem() {
+  platform::ErrorRef error;
+  const auto sizes = platform::FileManager::defaultManager()->attributesOfFileSystemForPath(
+      platform::FileManager::documentsDirectory(), &error);
+  if (!sizes) {
+    SKELDA_LOG(2, "Error Obtaining System Memory Info: Domain = {}, Code = {}", error->domain(),
+               error->code());
+  }
+  return sizes.value_or(platform::FileSystemAttributes{});
+}
 std::uint64_t SkeldaUtil::getDiskSize() {
   return documentsFileSystem().size;
 }

@@ -129,10 +129,9 @@ Json bareLoop(const fs::path& folder, const fs::path& scratch, bool withTransfer
       log.synchronise();
       ++frames;
     }
-    replace(scratch / "settings", settings);  // the flag
+    replace(scratch / "settings", settings);  // counter and flag
     publish(scratch / "log", committed, "log_" + std::to_string(i));
     check(::ftruncate(log.descriptor(), 0) == 0, "ftruncate");
-    replace(scratch / "settings", settings);  // the counter
     if (!withTransfer) continue;
     const File block(scratch / ("block_" + std::to_string(i)), O_WRONLY | O_CREAT | O_EXCL);
     block.write(logs[i]);

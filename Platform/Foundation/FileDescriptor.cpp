@@ -29,6 +29,7 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
   if (this != &other) {
     close();
     fd_ = std::exchange(other.fd_, -1);
+    lengthAtOpen_ = other.lengthAtOpen_;
   }
   return *this;
 }
@@ -52,7 +53,9 @@ FileDescriptor FileDescriptor::openFile(const std::string& path, int flags, int&
   struct ::stat kind;
   error = file.status(kind);
   if (error == 0 && !S_ISREG(kind.st_mode)) error = S_ISDIR(kind.st_mode) ? EISDIR : ENXIO;
-  return error == 0 ? std::move(file) : FileDescriptor();
+  if (error != 0) return {};
+  file.lengthAtOpen_ = kind.st_size;
+  return file;
 }
 
 int FileDescriptor::close() noexcept {
@@ -75,11 +78,11 @@ int FileDescriptor::writeRest(std::string_view& rest, ::off_t offset) const {
 
 int FileDescriptor::read(std::string& out, std::size_t length, ::off_t offset) const {
   if (length == 0) return 0;
-  struct ::stat now;
-  if (const int error = status(now)) return error;
-  if (now.st_size <= offset) return readToEnd(out, length, offset);
+  ::off_t end = 0;
+  if (const int error = lengthNow(end)) return error;
+  if (end <= offset) return readToEnd(out, length, offset);
   const auto rest = static_cast<std::size_t>(
-      std::min<std::uint64_t>(length, static_cast<std::uint64_t>(now.st_size - offset)));
+      std::min<std::uint64_t>(length, static_cast<std::uint64_t>(end - offset)));
   const std::size_t begin = out.size();
   // A file may be longer than what 32 bits can hold at once.
   if (rest > out.max_size() - begin) return EFBIG;
@@ -118,12 +121,12 @@ int FileDescriptor::readToEnd(std::string& out, std::size_t length, ::off_t offs
 int FileDescriptor::copyFrom(const FileDescriptor& from) const {
   ::off_t fromOffset = 0;
   ::off_t toOffset = 0;
-  struct ::stat now;
-  if (const int error = from.status(now)) return error;
+  ::off_t end = 0;
+  if (const int error = from.lengthNow(end)) return error;
   while (true) {
     const ::ssize_t copied =
         fileCall<&FileCalls::copyRange>(from.fd_, &fromOffset, fd_, &toOffset, kCopyStep);
-    if (copied > 0 && fromOffset == now.st_size) return 0;
+    if (copied > 0 && fromOffset == end) return 0;
     if (copied > 0) continue;
     if (copied == 0) break;
     if (!cannotCopyRange(errno)) return errno;
@@ -144,6 +147,17 @@ int FileDescriptor::copyFrom(const FileDescriptor& from) const {
 
 int FileDescriptor::status(struct ::stat& status) const {
   return fileError<&FileCalls::status>(fd_, &status);
+}
+
+int FileDescriptor::lengthNow(::off_t& length) const {
+  if (lengthAtOpen_) {
+    length = *std::exchange(lengthAtOpen_, std::nullopt);
+    return 0;
+  }
+  struct ::stat now;
+  const int error = status(now);
+  if (error == 0) length = now.st_size;
+  return error;
 }
 
 int FileDescriptor::truncate(::off_t length) const {

@@ -18,7 +18,8 @@ class FileDescriptor {
  public:
   FileDescriptor() = default;
   explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  FileDescriptor(FileDescriptor&& other) noexcept
+      : fd_(std::exchange(other.fd_, -1)), lengthAtOpen_(other.lengthAtOpen_) {}
   FileDescriptor& operator=(FileDescriptor&& other) noexcept;
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -43,10 +44,11 @@ class FileDescriptor {
   /// The same, and takes off `rest` what is written: a failure leaves what is not. The offset may
   /// be FileCalls::kAtEnd.
   int writeRest(std::string_view& rest, ::off_t offset) const;
-  /// Appends at most `length` bytes to `out`, fewer only where the file ends or ended at the call.
+  /// Appends at most `length` bytes to `out`, fewer only where the file ends or ended at the call;
+  /// for the first call behind openFile(), at that.
   int read(std::string& out, std::size_t length, ::off_t offset) const;
-  /// Everything that `from` holds at the call, from its begin, to this file's begin: shared extents
-  /// or a copy inside the kernel where there is one.
+  /// Everything that `from` holds at the call, or held at an openFile() just before, from its
+  /// begin, to this file's begin: shared extents or a copy inside the kernel where there is one.
   int copyFrom(const FileDescriptor& from) const;
   int status(struct ::stat& status) const;
   int truncate(::off_t length) const;
@@ -57,8 +59,11 @@ class FileDescriptor {
 
  private:
   int readToEnd(std::string& out, std::size_t length, ::off_t offset) const;
+  int lengthNow(::off_t& length) const;
 
   int fd_ = -1;
+  /// As openFile() saw it, for the first who asks.
+  mutable std::optional<::off_t> lengthAtOpen_;
 };
 
 /// Whether the error says that what stands in a file's place is a folder, a pipe, a link or the

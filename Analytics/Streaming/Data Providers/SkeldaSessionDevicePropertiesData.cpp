@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Foundation/FileManager.h"
 #include "Platform/Kernel/Kernel.h"
 #include "Skelda_Watch/SkeldaResourceUsage.h"
 
@@ -18,15 +19,16 @@ std::string carrierFigure(std::string_view key) {
 
 std::shared_ptr<const SkeldaSessionDevicePropertiesData>
 SkeldaSessionDevicePropertiesData::currentSnapshot(bool isStart) {
-  // All memory figures from one reading, so that they belong together.
+  // Figures of one kind from one reading, so that they belong together.
   const auto memory = platform::hostVirtualMemoryStatistics();
   if (!memory) SKELDA_LOG(2, "Failed to fetch vm statistics");
   const auto figures = memory.value_or(platform::VirtualMemoryStatistics{});
-  return dataWithFreeMemory(
-      figures.free, figures.active, figures.inactive, figures.wired, total_cpu_usage(),
-      SkeldaUtil::getDiskSize(), SkeldaUtil::getFreeDiskspace(), SkeldaUtil::lastBootTime(),
-      /*batteryLevel=*/-1.0F, /*batteryCharging=*/false, carrierFigure("carrierName"),
-      carrierFigure("mobileNetworkCode"), carrierFigure("mobileCountryCode"), isStart);
+  const auto disk = SkeldaUtil::documentsFileSystem();
+  return dataWithFreeMemory(figures.free, figures.active, figures.inactive, figures.wired,
+                            total_cpu_usage(), disk.size, disk.freeSize, SkeldaUtil::lastBootTime(),
+                            /*batteryLevel=*/-1.0F, /*batteryCharging=*/false,
+                            carrierFigure("carrierName"), carrierFigure("mobileNetworkCode"),
+                            carrierFigure("mobileCountryCode"), isStart);
 }
 
 std::shared_ptr<SkeldaSessionDevicePropertiesData>

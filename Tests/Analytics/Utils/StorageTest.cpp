@@ -198,7 +198,7 @@ TEST_F(KVStorageTest, WhatIsNoStoreIsAnEmptyOneAndIsSetAsideWhereItIsNoFile) {
     restart();
     EXPECT_EQ(store().allKeys().size(), 0u);
     EXPECT_TRUE(store().isReadable());
-    EXPECT_TRUE(store().storeObject(1, "one"));
+    EXPECT_TRUE(store().storeObjects({{"one", 1}}));
     restart();
     EXPECT_EQ(store().integerForKey("one"), 1);
   }
@@ -246,12 +246,12 @@ TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
     const FaultyFileCalls plan;
     for (const auto kind : {"open", "write", "syncData", "close", "rename"}) {
       plan->failKind(kind, 1, {.error = ENOSPC});
-      EXPECT_FALSE(store().storeObject(2, "two")) << kind;
+      EXPECT_FALSE(store().storeObjects({{"two", 2}})) << kind;
       EXPECT_EQ(readFile(path_), before) << kind;
     }
   }
   EXPECT_EQ(store().integerForKey("two"), 2) << "kept in memory";
-  EXPECT_TRUE(store().storeObject(3, "three"));
+  EXPECT_TRUE(store().storeObjects({{"three", 3}}));
   restart();
   EXPECT_EQ(store().integerForKey("two"), 2);
 }

@@ -164,10 +164,11 @@ bool SkeldaStreamFrameLogWriter::onqueue_write(const Message& message) {
   // True from the end of a session until the next one has all its sticky messages: a process that
   // stops in between leaves a session whose data is incomplete.
   const auto status = skelda::flushStatusOf(message);
-  if (status == Flush::kSessionFinalized) onqueue_store(true, kCrashFlagKey);
-  if (status == Flush::kStickySetComplete) onqueue_store(false, kCrashFlagKey);
+  std::optional<bool> crashFlag;
+  if (status == Flush::kSessionFinalized) crashFlag = true;
+  if (status == Flush::kStickySetComplete) crashFlag = false;
   SKELDA_LOG(2, "{}: !! Rolling Log File !!", kStreamMessage);
-  onqueue_rollLogFile();
+  onqueue_rollLogFile(crashFlag);
   return true;
 }
 
@@ -206,12 +207,12 @@ void SkeldaStreamFrameLogWriter::onqueue_logIsLost() {
 
 void SkeldaStreamFrameLogWriter::onqueue_transferUserInfo(const platform::Value& /*userInfo*/) {}
 
-void SkeldaStreamFrameLogWriter::onqueue_rollLogFile() {
+void SkeldaStreamFrameLogWriter::onqueue_rollLogFile(std::optional<bool> crashFlag) {
   SKELDA_ON_QUEUE();
+  const Message counter = onqueue_nextCounter(crashFlag);
   // Whether or not the copy succeeded the log is emptied: one that cannot be committed is given up,
   // so that the next session starts a log of its own.
   if (!onqueue_moveCurrentLogFileToCommitedLogFilesPath()) onqueue_logIsLost();
-  const Message counter = onqueue_nextCounter();
   if (!onqueue_openFileHandleIfNeeded() || !parts_.fileHandle->truncateFileToZeroBytes()) {
     // What is in it is left to the committed copy and must not go into the next one.
     parts_.fileHandle->closeFile();
@@ -312,13 +313,15 @@ void SkeldaStreamFrameLogWriter::onqueue_synchronize() {
   SkeldaAccounting::add(SkeldaAccounting::page().synchronizationsFailed);
 }
 
-SkeldaStreamFrameLogWriter::Message SkeldaStreamFrameLogWriter::onqueue_nextCounter() {
+SkeldaStreamFrameLogWriter::Message SkeldaStreamFrameLogWriter::onqueue_nextCounter(
+    std::optional<bool> crashFlag) {
   SKELDA_ON_QUEUE();
   const auto last = static_cast<std::uint32_t>(
       SkeldaKVStorage::sharedInstance()->integerForKey(std::string(kFrameCounterKey)));
   const auto counter = static_cast<std::int32_t>(last + 1U);
-  // On disk before the frame is, so that no log begins with a number that is given again.
-  onqueue_store(counter, kFrameCounterKey);
+  platform::Dictionary values{{std::string(kFrameCounterKey), counter}};
+  if (crashFlag) values.append(std::string(kCrashFlagKey), *crashFlag);
+  onqueue_store(values);
   return SkeldaStreamCounter::counterFrameWithCounter(counter);
 }
 
@@ -330,14 +333,15 @@ void SkeldaStreamFrameLogWriter::onqueue_writeCounterFrame(const Message& counte
   onqueue_payLater();
 }
 
-void SkeldaStreamFrameLogWriter::onqueue_store(const platform::Value& value, std::string_view key) {
+/// On disk before the log is rolled, so that the crash flag does not lag behind it and no log
+/// begins with a number that is given again: one write for both.
+void SkeldaStreamFrameLogWriter::onqueue_store(const platform::Dictionary& values) {
   SKELDA_ON_QUEUE();
-  // On disk before the log is rolled: counter and crash flag never lag behind it.
   for (int tries = 1; tries <= kTries; ++tries) {
-    if (SkeldaKVStorage::sharedInstance()->storeObject(value, std::string(key))) return;
+    if (SkeldaKVStorage::sharedInstance()->storeObjects(values)) return;
     if (tries < kTries) std::this_thread::sleep_for(delayWithinARoll_ * tries);
   }
-  SKELDA_LOG(1, "{}: {} is not on disk", kStreamMessage, key);
+  SKELDA_LOG(1, "{}: {} is not on disk", kStreamMessage, platform::Value(values).description());
 }
 
 void SkeldaStreamFrameLogWriter::onqueue_owe(const Message& message) {

@@ -113,16 +113,17 @@ class SkeldaStreamFrameLogWriter : public SkeldaActorStreamCoreComponent,
   void onqueue_areLost(const SkeldaOwedFrames::Messages& messages);
   /// The log could not be committed; with it go the frames that were written to it.
   void onqueue_logIsLost();
-  void onqueue_rollLogFile();
+  void onqueue_rollLogFile(std::optional<bool> crashFlag = std::nullopt);
   bool onqueue_moveCurrentLogFileToCommitedLogFilesPath();
   bool onqueue_commitLog();
   std::string onqueue_freshCommitedPath() const;
   bool onqueue_openFileHandleIfNeeded();
   bool onqueue_writeData(const std::optional<platform::Data>& data, bool seekToEOF);
   void onqueue_synchronize();
-  Message onqueue_nextCounter();
+  /// Stored, and with it the crash flag where it is to change.
+  Message onqueue_nextCounter(std::optional<bool> crashFlag = std::nullopt);
   void onqueue_writeCounterFrame(const Message& counter);
-  void onqueue_store(const platform::Value& value, std::string_view key);
+  void onqueue_store(const platform::Dictionary& values);
 
   // What is owed.
   void onqueue_owe(const Message& message);
