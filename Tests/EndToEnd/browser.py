@@ -1,6 +1,7 @@
 """Chromium without a window, driven over its debugging pipe. Standard library only."""
 
 import base64
+import contextlib
 import json
 import os
 import pathlib
@@ -13,7 +14,7 @@ import time
 PROGRAM = shutil.which("chromium")
 
 
-class Browser:
+class Browser(contextlib.AbstractContextManager):
     """One page. What its console complains of, and every address that it asked for, is kept."""
 
     def __init__(self, width=1360, height=900):
@@ -38,9 +39,6 @@ class Browser:
         self._session = self.call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
         for domain in ("Page", "Runtime", "Log", "Network"):
             self.call(f"{domain}.enable")
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.child.kill()

@@ -6,10 +6,8 @@ either at the server or accounted for.
     python3 Tests/EndToEnd/chaos.py MINUTES [--seed N]
 """
 
-import argparse
 import collections
 import contextlib
-import ctypes
 import dataclasses
 import hashlib
 import os
@@ -17,17 +15,14 @@ import pathlib
 import random
 import re
 import resource
-import select
 import shutil
-import struct
 import subprocess
 import sys
-import threading
 import time
 
 import account_file
 import frame_log
-from support import Collector, Home, Process, eventually, fill, give_identifiers, move_to_small_disk
+from support import Collector, Home, eventually, fill, give_identifiers, move_to_small_disk, play
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -54,83 +49,6 @@ def keeps_attributes(folder):
     finally:
         probe.unlink()
     return True
-
-
-class Tap(threading.Thread):
-    """Sees every file that appears in a folder, and keeps what is in it when it can still be read."""
-
-    CREATE, MOVED_TO, CLOSE_WRITE = 0x100, 0x80, 0x8
-
-    def __init__(self, folder, wanted):
-        super().__init__(daemon=True)
-        self.folder, self.wanted = folder, wanted
-        self.contents = {}  # name to bytes, or None where it was gone at once
-        self.libc = ctypes.CDLL(None, use_errno=True)
-        self.fd = self.libc.inotify_init1(os.O_CLOEXEC)
-        watch = self.libc.inotify_add_watch(self.fd, os.fsencode(folder), self.CREATE | self.MOVED_TO | self.CLOSE_WRITE)
-        if self.fd < 0 or watch < 0:
-            raise OSError(ctypes.get_errno(), "inotify")
-        self.ending = False
-        for path in folder.iterdir():
-            self.see(path.name)
-        self.start()
-
-    def see(self, name):
-        if not self.wanted(name):
-            return
-        data = None
-        with contextlib.suppress(OSError):
-            data = (self.folder / name).read_bytes()
-        self.contents[name] = self.contents.get(name) or data or None
-
-    def run(self):
-        while not self.ending:
-            if not select.select([self.fd], [], [], 0.2)[0]:
-                continue
-            events = os.read(self.fd, 1 << 16)
-            while events:
-                length, = struct.unpack_from("I", events, 12)
-                self.see(os.fsdecode(events[16:16 + length].rstrip(b"\0")))
-                events = events[16 + length:]
-
-    def stop(self):
-        self.ending = True
-        self.join()
-        os.close(self.fd)
-
-
-class Addresses(threading.Thread):
-    """Samples which addresses a process is connected to."""
-
-    def __init__(self):
-        super().__init__(daemon=True)
-        self.pid = None
-        self.seen = set()
-        self.ending = False
-        self.start()
-
-    def run(self):
-        while not self.ending:
-            with contextlib.suppress(OSError):
-                if self.pid:
-                    self.sample(self.pid)
-            time.sleep(0.05)
-
-    def sample(self, pid):
-        inodes = set()
-        for entry in os.listdir(f"/proc/{pid}/fd"):
-            with contextlib.suppress(OSError):
-                inodes.update(re.findall(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{entry}")))
-        for table in ("tcp", "tcp6", "udp", "udp6"):
-            for line in pathlib.Path(f"/proc/{pid}/net/{table}").read_text().splitlines()[1:]:
-                fields = line.split()
-                if fields[9] in inodes and fields[3] != "0A":
-                    self.seen.add(fields[2])
-
-    def elsewhere(self, ports):
-        """The addresses that are not loopback on one of the ports."""
-        loopback = {f"0100007F:{port:04X}" for port in ports}
-        return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
 
 
 # Nine requests at most go side by side, and their connections are kept for the next ones while logs
@@ -161,25 +79,22 @@ class Usage:
         return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(opened) - sockets, sockets)
 
 
-class Chaos:
+class Chaos(contextlib.AbstractContextManager):
     def __init__(self, minutes, seed):
         self.length = minutes * 60
         self.chance = random.Random(seed)
         self.home = Home()
-        self.sent = self.home.path / "sent"
-        self.sent.mkdir()
+        self.contents = {}  # of every log and block that is gone, by name, as it was at first
         self.tampered = {}  # digest or name of what was damaged, to how
         self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
         self.counts = collections.Counter()
         self.renumberings = 0  # the settings were damaged, and numbering may begin anew
         self.decks = {}
         self.problems = []
-        self.refused_early = []
         self.untrusted = 0
         self.collector_output = []
-        self.host = None
+        self.host = self.collector = None
         self.small = None  # where a disk that fills may be mounted
-        self.host_lines = []
 
     # The pieces
 
@@ -187,20 +102,23 @@ class Chaos:
         if ROOT_USER:
             self.small = move_to_small_disk(self.home, 16)
         give_identifiers(self.home)
-        self.home.committed.mkdir(parents=True)
+        self.kept = self.home.path / "data/kept"  # on the disk of what is kept, which costs no room at first
+        self.kept.mkdir()
         self.collector = Collector(self.home.path / "collector")
-        self.port = self.collector.port
         authority = self.home.path / "authority.pem"
         shutil.copyfile(self.collector.authority, authority)
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
-        self.blocks_carry_keys = keeps_attributes(self.home.storage)
+        self.blocks_carry_keys = keeps_attributes(self.kept)
         if ROOT_USER:
             for folder, names, files in os.walk(self.home.path):
                 for name in [".", *files]:
                     os.chown(os.path.join(folder, name), NOBODY, NOBODY)
-        self.committed = Tap(self.home.committed, lambda name: "CommitedFrameLog" in name)
-        self.blocks = Tap(self.home.storage, lambda name: len(name) == 36 and name.count("-") == 4)
-        self.addresses = Addresses()
+
+    def collect(self):
+        """Takes what hosts have removed off the disk."""
+        for path in self.kept.iterdir():
+            self.contents.setdefault(path.name, path.read_bytes())
+            path.unlink()
 
     def one_of(self, *choices):
         """One by chance; each comes once before any comes again."""
@@ -212,10 +130,8 @@ class Chaos:
         return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
 
     def start(self, *arguments, server=None, **popen):
-        host = self.home.start(*arguments, "--server", server or self.collector.url, keep_sent=self.sent,
+        return self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
                                environment=self.environment, **self.as_host(), **popen)
-        self.addresses.pid = host.pid
-        return host
 
     def start_host(self, threads=2, **how):
         self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
@@ -233,8 +149,7 @@ class Chaos:
                 if (file := os.readlink(f"/proc/{self.host.pid}/fd/{number}")).startswith(str(self.home.path)):
                     self.problems.append(f"standard stream {number} is {file}")
         self.host.kill()
-        self.host.__exit__()
-        self.host_lines += self.host.lines
+        self.collect()
         self.hold_account(killed=True)
 
     def hold_account(self, killed):
@@ -302,8 +217,8 @@ class Chaos:
         with contextlib.suppress(OSError):
             data = path.read_bytes()
             self.note_damage(path)
-            self.tampered[path.name] = how
-            self.tampered[digest(data)] = how
+            self.tampered[path.name] = self.tampered[digest(data)] = how
+            self.contents.setdefault(path.name, data)
             if how == "deleted":
                 path.unlink()
             elif how == "truncated":
@@ -411,6 +326,7 @@ class Chaos:
                 usage = Usage.of(self.host.pid)
             self.one_of(Chaos.serve_badly, Chaos.serve_untrusted, Chaos.damage, Chaos.fill_disk, Chaos.starve)(self, spell)
             self.restart_collector()
+            self.collect()
             time.sleep(self.chance.uniform(1, 3))
         self.settle(usage)
         return self
@@ -440,12 +356,7 @@ class Chaos:
                                  "logs are left when all is well")
         if self.home.leftovers():
             self.problems.append(f"left behind: {self.home.leftovers()}")
-        self.committed.stop()
-        self.blocks.stop()
-        self.addresses.ending = True
-        elsewhere = self.addresses.elsewhere({self.port})
-        if elsewhere:
-            self.problems.append(f"connected to {elsewhere}")
+        self.collect()
         self.collector.stop()
         self.collector_output += self.collector.process.lines
 
@@ -458,49 +369,35 @@ class Chaos:
         capacity = set(re.findall(r"Removed File :(\S+) as we have reached", log))
         capacity |= set(re.findall(r"Hence removing file\.File Name:(\S+)", log))
         third = set(re.findall(r"3 tries failed to upload the file\.File Name:(\S+)", log))
-        discarded = {digest(self.blocks.contents[name]) for name in re.findall(r"discard outdated block id \[([^\]]+)\]", log)
-                     if self.blocks.contents.get(name)}
+        discarded = {digest(self.contents[name]) for name in re.findall(r"discard outdated block id \[([^\]]+)\]", log)
+                     if name in self.contents}
         output = "\n".join(line for line in self.collector_output if line)
         rejected = set(re.findall(r"fault: status 400 for ([0-9a-f]+)", output))
 
-        contents = dict(self.committed.contents)
-        for path in self.sent.iterdir():
-            contents[path.name] = contents.get(path.name) or path.read_bytes()
-        self.hold_numbering(contents.values())
+        logs = {name: data for name, data in self.contents.items() if "CommitedFrameLog" in name}
+        logs.update((path.name, path.read_bytes()) for path in self.home.committed_logs())
+        self.hold_numbering(logs.values())
         fates = {}
-        for name, data in contents.items():
-            key = digest(data) if data else None
+        for name, data in logs.items():
+            key = digest(data)
             fates[name] = ("received" if key in received else
                            "damaged by this test" if name in self.tampered or key in self.tampered
                            or key in self.lost_to_tampering else
                            "removed: folder full" if name in capacity else
                            "removed: third failed upload" if name in third else
                            "removed: 51st block" if key in discarded else
-                           "removed: answered 400" if key and key[:16] in rejected else
+                           "removed: answered 400" if key[:16] in rejected else
                            "LOST")
-        known = {digest(data) for data in contents.values() if data}
         for entry in self.collector.entries():
-            if entry["sha256"] in known:
-                continue
             data = (self.collector.store / entry["file"]).read_bytes()
-            if name := self.unread_log(data, contents):
-                fates[name] = "received"
-            elif not any(original and original.startswith(data) for original in contents.values()):
+            if not any(log.startswith(data) for log in logs.values()):
                 fates[entry["file"]] = "RECEIVED, NEVER COMMITTED"
         return fates
-
-    @staticmethod
-    def unread_log(data, contents):
-        """Of the names that were gone before they could be read, and not kept for want of a
-        descriptor, the one that was committed when this arrival ended."""
-        ended = max((frame.epoch / 1000 for frame in frame_log.readable(data)[0]), default=0)
-        return next((name for name, read in contents.items()
-                     if not read and abs(float(name.rsplit("_", 1)[1]) - ended) < 1), None)
 
     def hold_numbering(self, logs):
         """A number is given again only where the settings had been damaged."""
         given = collections.defaultdict(set)
-        for log in filter(None, logs):
+        for log in logs:
             for frame in frame_log.readable(log)[0][:1]:
                 # One that was committed twice has its end twice, but not its beginning.
                 given[frame.payload.get("sk.frame.log.counter")].add(frame.raw)
@@ -528,42 +425,14 @@ class Chaos:
                 self.problems.append(f"the server holds {entry['file']}, {torn}")
         return "\n".join(lines)
 
-    def close(self):
-        for process in (self.host, getattr(self, "collector", None) and self.collector.process):
-            if isinstance(process, Process):
-                process.__exit__()
+    def __exit__(self, *_):
+        for process in (self.host, self.collector):
+            if process:
+                process.kill()
         if self.small:
             subprocess.run(["umount", "-l", self.small], check=False)
         self.home.close()
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("minutes", type=float, nargs="?", default=10)
-    parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
-    parser.add_argument("--keep", action="store_true", help="keep the directories to look at")
-    options = parser.parse_args()
-    print(f"seed {options.seed}", flush=True)
-    chaos = Chaos(options.minutes, options.seed)
-    try:
-        chaos.run()
-        print(chaos.report())
-        for problem in chaos.problems:
-            print(problem)
-        print(f"{len(chaos.problems)} problems")
-        return 1 if chaos.problems else 0
-    finally:
-        if options.keep:
-            print(f"kept: {chaos.home.path}")
-        else:
-            chaos.close()
-
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(play(__doc__, Chaos))

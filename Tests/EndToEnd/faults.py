@@ -11,6 +11,7 @@ every event whose call answered 1 found again, or named by the account.
 import argparse
 import collections
 import concurrent.futures
+import contextlib
 import dataclasses
 import errno
 import os
@@ -215,13 +216,10 @@ class Run:
         self.missing = []
 
 
-class Runner:
+class Runner(contextlib.AbstractContextManager):
     def __init__(self):
         self.folder = tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root())
         self.template = Template(pathlib.Path(self.folder.name) / "template")
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.folder.cleanup()

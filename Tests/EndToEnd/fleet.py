@@ -1,18 +1,13 @@
 """What stands behind many devices, as processes on loopback ports: the servers of the stream, and
 collectors in front of them."""
 
-import base64
 import contextlib
 import os
 import re
-import ssl
 import subprocess
-import urllib.error
-import urllib.parse
-import urllib.request
 
 from loading import STREAM, Stream, free_ports
-from support import BUILD, COLLECTOR, ROOT, Process, eventually
+from support import BUILD, COLLECTOR, ROOT, Collector, Process, eventually
 
 NATS_SERVER = "/usr/sbin/nats-server"
 
@@ -42,7 +37,7 @@ def deployed(unit, name, **environment):
     return words
 
 
-class Servers:
+class Servers(contextlib.AbstractContextManager):
     """Some servers that keep one stream, each in a folder of its own, which outlives it. `hosts` are
     their addresses, and `inside` what stands before the command that starts each, where it matters."""
 
@@ -67,14 +62,10 @@ class Servers:
 
     def kill(self, index):
         self.processes[index].kill()
-        self.processes[index].__exit__()
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         for process in self.processes:
-            process.__exit__()
+            process.kill()
 
     def ask(self, subject, request=None):
         """What a server of the stream answers; None where none does."""
@@ -106,63 +97,25 @@ class Servers:
         return {subject.removeprefix(STREAM + ".") for subject in state["subjects"]}
 
     def messages(self):
-        """Each message of the stream: its headers and its body."""
-        state = self.ask(f"$JS.API.STREAM.INFO.{STREAM}")["state"]
         with self.client() as client:
-            answers = [client.request(f"$JS.API.STREAM.MSG.GET.{STREAM}", {"seq": sequence})
-                       for sequence in range(state["first_seq"], state["last_seq"] + 1)]
-        return [(headers_of(base64.b64decode(answer["message"].get("hdrs", ""))),
-                 base64.b64decode(answer["message"].get("data", "")))
-                for answer in answers if "message" in answer]
+            return client.messages()
 
 
-def headers_of(lines):
-    pairs = [line.split(": ", 1) for line in lines.decode().split("\r\n")[1:] if line]
-    return {name: value for name, value in pairs}
+def resident(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        return next(int(line.split()[1]) * 1024 for line in status if line.startswith("VmRSS"))
 
 
-class StreamCollector:
-    """skelda-collector in front of the servers. Restarting keeps the port."""
+class StreamCollector(Collector):
+    """skelda-collector in front of the servers. Restarting keeps what it was started with."""
 
-    def __init__(self, folder, servers, *arguments):
-        self.tls = folder / "collector-tls"
-        self.port = free_ports(1)[0]
-        self.servers, self.arguments = servers, arguments
-        self.start()
+    def __init__(self, folder, servers, *arguments, **more):
+        self.arguments = arguments
+        super().__init__(folder, store=servers.url, **more)
 
-    def start(self):
-        self.process = Process([COLLECTOR, "--listen", f"127.0.0.1:{self.port}", "--store", self.servers.url,
-                                "--tls-dir", self.tls, *self.arguments])
-        self.url = self.process.line_with("listening on ").split(" ")[-1]
-        self.plain = self.url.startswith("http:")
-
-    def kill(self):
-        self.process.kill()
-        self.process.__exit__()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.__exit__()
-
-    @property
-    def authority(self):
-        return self.tls / "authority.pem"
-
-    def is_ready(self):
-        return self.process.lines and self.get("/readyz")[0] == 200
+    def command(self, listen):
+        return super().command(listen, *self.arguments)
 
     def await_ready(self, within=60):
-        if not eventually(self.is_ready, within, every=0.1):
+        if not eventually(lambda: self.get("/readyz")[0] == 200, within, every=0.1):
             raise AssertionError(f"not ready after {within} s:\n{self.process.output}")
-
-    def get(self, path):
-        context = None if self.plain else ssl.create_default_context(cafile=self.authority)
-        try:
-            with urllib.request.urlopen(urllib.parse.urljoin(self.url, path), timeout=10, context=context) as answer:
-                return answer.status, answer.read().decode()
-        except urllib.error.HTTPError as error:
-            return error.code, error.read().decode()
-        except OSError:
-            return 0, ""

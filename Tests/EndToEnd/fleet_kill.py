@@ -5,9 +5,10 @@ end every log that was acknowledged is in the stream and in the database, once, 
     python3 Tests/EndToEnd/fleet_kill.py MINUTES [--seed N] [--rate LOGS]
 """
 
-import argparse
 import collections
 import contextlib
+import http.client
+import itertools
 import os
 import pathlib
 import random
@@ -16,30 +17,50 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import fleet
 import frame_log
 from loading import Database, digest, loader, usual_log
-from support import Home, eventually, fill, give_identifiers
-from test_fleet_collector import Sender, resident
+from support import Client, Home, eventually, fill, give_identifiers, play
 
 SENDERS = 8
 DAMAGED = 40  # every so many logs of a sender one that ends in rubbish
 SMALL, APART = 1, 2  # the server whose disk is small, and the one that can be cut off
 
 
-class SteadySender(Sender):
-    """Logs of 10 KB, as many a second as are wanted."""
+class Sender(threading.Thread):
+    """Sends logs of 10 KB one after the other, as many a second as are wanted, each until a collector
+    takes it, as agents do."""
 
     def __init__(self, number, collectors, rate):
-        super().__init__(number, collectors)
-        self.pause, self.began, self.events = 1 / rate, int(time.time() * 1000), 0
+        super().__init__(daemon=True)
+        self.number, self.collectors, self.pause = number, collectors, 1 / rate
+        self.acknowledged = []
+        self.ends = threading.Event()
 
-    def make(self, count):
-        self.ends.wait(self.pause)
-        log = usual_log(f"sender-{self.number}", count + 1, self.began + count)
-        return log + b"rubbish" if count % DAMAGED == DAMAGED - 1 else log
+    def logs(self):
+        began = int(time.time() * 1000)
+        for count in itertools.count(1):
+            log = usual_log(f"sender-{self.number}", count, began + count)
+            yield log + b"rubbish" if count % DAMAGED == 0 else log
+
+    def run(self):
+        clients = {}
+        for log in self.logs():
+            self.ends.wait(self.pause)
+            for which in itertools.islice(itertools.cycle(range(len(self.collectors))), self.number, None):
+                if self.ends.is_set():
+                    return
+                try:
+                    client = clients.get(which) or clients.setdefault(which, Client(self.collectors[which]))
+                    if client.post(log, f"key {self.number}")[0] == 200:
+                        break
+                except (OSError, http.client.HTTPException):
+                    clients.pop(which, None)
+                self.ends.wait(0.05)  # the agent has rules of its own; this one is in a hurry
+            self.acknowledged.append(digest(log))
 
 
 class Apart:
@@ -102,7 +123,7 @@ class FleetKill:
         self.servers = enter(fleet.Servers(self.folder, 3, [here, here, there], [[], [], inside]))
         self.database = enter(Database(self.folder / "database"))
         self.start_loader()
-        done(lambda: self.loader.__exit__())
+        done(lambda: self.loader.kill())
         self.collectors = [enter(fleet.StreamCollector(self.folder, self.servers)) for _ in range(2)]
         for collector in self.collectors:
             collector.await_ready()
@@ -112,7 +133,7 @@ class FleetKill:
             self.agents.append((home, self.collectors[number], []))
             self.start_agent(number)
         done(self.stop_agents)
-        self.senders = [SteadySender(n, self.collectors, self.rate / SENDERS) for n in range(SENDERS)]
+        self.senders = [Sender(n, self.collectors, self.rate / SENDERS) for n in range(SENDERS)]
         for sender in self.senders:
             sender.start()
         done(lambda: [sender.ends.set() for sender in self.senders])
@@ -126,13 +147,13 @@ class FleetKill:
     def start_agent(self, number, *arguments):
         home, collector, running = self.agents[number]
         arguments = arguments or ("--rate", "20", "--events", "1000000")
-        running[:] = [home.start(*arguments, "--server", collector.url, keep_sent=home.path / "sent",
+        running[:] = [home.start(*arguments, "--server", collector.url, keep=home.path / "kept",
                                  environment=home.environment(SSL_CERT_FILE=collector.authority))]
 
     def stop_agents(self):
         for _, _, running in self.agents:
             for process in running:
-                process.__exit__()
+                process.kill()
 
     def taken(self):
         return sum(len(sender.acknowledged) for sender in self.senders)
@@ -141,7 +162,7 @@ class FleetKill:
         """At the memory of what must not grow."""
         for name, process in [("loader", self.loader), *(("collector", each.process) for each in self.collectors)]:
             with contextlib.suppress(OSError, StopIteration):
-                self.most[name] = max(self.most[name], resident(process.pid))
+                self.most[name] = max(self.most[name], fleet.resident(process.pid))
 
     # What goes wrong
 
@@ -172,7 +193,6 @@ class FleetKill:
 
     def load(self):
         self.loader.kill()
-        self.loader.__exit__()
         self.pause(1)
         self.start_loader()
 
@@ -188,7 +208,6 @@ class FleetKill:
         number = self.chance.randrange(len(self.agents))
         for process in self.agents[number][2]:
             process.kill()
-            process.__exit__()
         self.start_agent(number)
 
     def full_disk(self):
@@ -211,8 +230,8 @@ class FleetKill:
 
     def run(self):
         kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
-                 *([self.two_servers, self.all_servers] if self.length > 60 else []), *([self.full_disk] if self.small else []),
-                 *([self.partition] if self.apart.is_there else [])]
+                 self.all_servers, *([self.two_servers] if self.length > 60 else []),
+                 *([self.full_disk] if self.small else []), *([self.partition] if self.apart.is_there else [])]
         began, rounds, to_come = time.monotonic(), 0, list(kinds)
         self.chance.shuffle(to_come)
         while rounds == 0 or time.monotonic() - began < self.length:
@@ -245,7 +264,6 @@ class FleetKill:
         for number, (home, _, running) in enumerate(self.agents):
             for process in running:
                 process.kill()
-                process.__exit__()
             for _ in range(2):
                 self.start_agent(number, "--rate", "50", "--events", "30", "--linger", "40")
                 running[0].wait(120)
@@ -320,7 +338,7 @@ class FleetKill:
             given_up = set(re.findall(r"Removed File :(\S+) as we have reached|Hence removing file\.File Name:(\S+)"
                                       r"|3 tries failed to upload the file\.File Name:(\S+)", log))
             given_up = {name for names in given_up for name in names}
-            sent = {path.name: digest(path.read_bytes()) for path in (home.path / "sent").glob(".skelda*_*[0-9]")}
+            sent = {path.name: digest(path.read_bytes()) for path in (home.path / "kept").glob(".skelda*_*[0-9]")}
             missing = {name for name, each in sent.items() if each not in stream and name not in given_up}
             if len(missing) > log.count("discard outdated block id"):
                 hold("logs of an agent that did not come", missing)
@@ -334,21 +352,5 @@ class FleetKill:
         return "\n".join(self.lines)
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("minutes", type=float, nargs="?", default=10)
-    parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
-    parser.add_argument("--rate", type=float, default=80, help="logs a second")
-    options = parser.parse_args()
-    print(f"seed {options.seed}", flush=True)
-    with FleetKill(options.minutes, options.seed, options.rate) as run:
-        run.run()
-        print(run.report())
-        for problem in run.problems:
-            print(problem)
-        print(f"{len(run.problems)} problems")
-        return 1 if run.problems else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(play(__doc__, FleetKill, rate=80.0))

@@ -48,6 +48,13 @@ class Frame:
         return {decoded(k): decoded(v) for k, v in self.payload["sk.event.user.parameters"].items()}
 
 
+def frame(kind, payload, epoch=1, version=1):
+    """The bytes of one."""
+    body = json.dumps(payload, separators=(",", ":")).encode()
+    made = struct.pack("<B3sqqI", version, kind.to_bytes(3, "little"), epoch, 5000, len(body)) + body
+    return made + (struct.pack("<I", zlib.crc32(made)) if version == 0 else b"")
+
+
 def _frame_at(data, offset):
     left = len(data) - offset
     if left < HEADER:

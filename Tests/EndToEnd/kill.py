@@ -83,7 +83,7 @@ class Killer:
     def start(self, events, threads, rate, end):
         first, self.next = self.next, self.next + events
         return self.home.start(str(first), str(events), str(threads), str(rate), end, self.told, bundle=HOST,
-                               environment=self.home.environment(SKELDA_TEST_KEEP_REMOVED=self.archive))
+                               environment=self.home.environment(SKELDA_TEST_KEEP=self.archive))
 
     def once(self, events=None, threads=None, end=None):
         """A start, and a kill at or after its last call or somewhere before."""
@@ -122,7 +122,7 @@ class Killer:
         for path in self.home.committed_logs():
             if not (self.archive / path.name).exists():
                 shutil.copyfile(path, self.archive / path.name)
-        for path in sorted(self.archive.iterdir()):
+        for path in sorted(self.archive.glob(".skelda*")):
             if path.name not in self.seen:
                 self.seen.add(path.name)
                 self.frames.add(path.name, path.read_bytes())

@@ -10,11 +10,11 @@ import pathlib
 import pwd
 import signal
 import socket
-import struct
 import subprocess
 import time
 
 import frame_log
+from frame_log import frame
 from support import BUILD, Process, eventually
 
 LOADER = BUILD / "Tools/skelda-load/skelda-load"
@@ -38,32 +38,27 @@ def digest(body):
 # Logs
 
 
-def frame(kind, epoch, payload):
-    body = json.dumps(payload, separators=(",", ":")).encode()
-    return struct.pack("<B3sqqI", 1, kind.to_bytes(3, "little"), epoch, 5000, len(body)) + body
-
-
 def coded(text):
     return base64.b64encode(text.encode()).decode()
 
 
 def event(number, at, name, **parameters):
-    return frame(frame_log.EVENT, at, {
+    return frame(frame_log.EVENT, {
         "sk.event.id": number, "sk.event.name": coded(name), "sk.event.timed": False,
         "sk.event.type": "CUSTOM_EVENT", "sk.timed.event.starting": False, "sk.event.timestamp": at,
         "sk.event.user.parameters": {coded(k): coded(v) for k, v in parameters.items()},
-        "sk.event.skelda.parameters": {}, "sk.timed.event.duration": 0, "sk.event.uptime": 5000})
+        "sk.event.skelda.parameters": {}, "sk.timed.event.duration": 0, "sk.event.uptime": 5000}, at)
 
 
 def session(at, milliseconds=None):
     """The frame of its start, or of its end after so long."""
-    return frame(frame_log.SESSION_ID, at, {
+    return frame(frame_log.SESSION_ID, {
         "sk.session.id": at, "sk.session.id.current.state": 0, "sk.session.elapsed.start.time": 5000,
-        "sk.session.elapsed.end.time": 0 if milliseconds is None else 5000 + milliseconds})
+        "sk.session.elapsed.end.time": 0 if milliseconds is None else 5000 + milliseconds}, at)
 
 
 def locale(at, country):
-    return frame(148, at, {"sk.country": country, "sk.language": "de"})
+    return frame(148, {"sk.country": country, "sk.language": "de"}, at)
 
 
 def make_log(device, counter, at, *frames, version="1.4", country="CH"):
@@ -73,8 +68,8 @@ def make_log(device, counter, at, *frames, version="1.4", country="CH"):
             (139, {"sk.device.properties": {"device.arch": "arm32", "device.os.version": "9.1", "bnd.ver": "27",
                                             "device.model.1": "Watch6,2", "scr.height": "484", "scr.width": "396"}}),
             (140, {"sk.reported.id": {"iOSInstallationId": device}, "sk.ad.tracking": False}))
-    end = frame(frame_log.FLUSH, at, {"sk.flush.frame.code": 3, "sk.flush.frame.reason": "Session is finalized"})
-    return b"".join([*(frame(kind, at, payload) for kind, payload in head), locale(at, country), *frames, end])
+    end = frame(frame_log.FLUSH, {"sk.flush.frame.code": 3, "sk.flush.frame.reason": "Session is finalized"}, at)
+    return b"".join([*(frame(kind, payload, at) for kind, payload in head), locale(at, country), *frames, end])
 
 
 def usual_log(device, counter, at, events=30):
@@ -87,7 +82,7 @@ def usual_log(device, counter, at, events=30):
 # The stream
 
 
-class Stream:
+class Stream(contextlib.AbstractContextManager):
     """A client of the stream's servers: requests, and as many of them at once as one likes."""
 
     def __init__(self, port, within=5.0, host="127.0.0.1"):
@@ -99,9 +94,6 @@ class Stream:
         self.socket.sendall(b"CONNECT " + json.dumps(options).encode() + b"\r\nSUB answers.* 1\r\nPING\r\n")
         while not self.input.readline().startswith(b"PONG"):
             pass
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.socket.close()
@@ -145,8 +137,8 @@ class Stream:
                 if not said or "seq" not in said:
                     raise AssertionError(said)
 
-    def bodies(self, name=STREAM):
-        """Every message of a stream."""
+    def messages(self, name=STREAM):
+        """Every message of a stream: its headers and its body."""
         said = self.request(f"$JS.API.STREAM.INFO.{name}")
         numbers = range(said["state"]["first_seq"], said["state"]["last_seq"] + 1) if "state" in said else ()
         found = []
@@ -154,9 +146,17 @@ class Stream:
             some = numbers[first:first + 64]
             for number in some:
                 self.send(number, f"$JS.API.STREAM.MSG.GET.{name}", json.dumps({"seq": number}).encode())
-            answers = [self.answer()[1] for _ in some]
-            found += [base64.b64decode(each["message"].get("data", "")) for each in answers if "message" in each]
+            answers = [self.answer()[1].get("message") for _ in some]
+            found += [(headers_of(base64.b64decode(each.get("hdrs", ""))), base64.b64decode(each.get("data", "")))
+                      for each in answers if each]
         return found
+
+    def bodies(self, name=STREAM):
+        return [body for _, body in self.messages(name)]
+
+
+def headers_of(lines):
+    return dict(line.split(": ", 1) for line in lines.decode().split("\r\n")[1:] if line)
 
 
 def make_stream(servers, name=STREAM):
@@ -212,7 +212,6 @@ class Database:
                 os.kill(int(child), signal.SIGKILL)
         if all_of_it:
             self.process.kill()
-            self.process.__exit__()
 
     def ask(self, question):
         """The rows of the answer, as texts; None where there is none."""
@@ -242,7 +241,7 @@ class Database:
             self.process.child.send_signal(signal.SIGINT)
             with contextlib.suppress(AssertionError):
                 self.process.wait(20)
-        self.process.__exit__()
+        self.process.kill()
 
 
 def loader(servers, database, *arguments):

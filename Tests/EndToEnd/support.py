@@ -4,14 +4,16 @@ Every process runs in a home of its own, is bounded in time, and is ended by the
 it, and by no other.
 """
 
+import argparse
 import contextlib
+import http.client
 import json
 import os
 import pathlib
 import plistlib
 import shlex
 import shutil
-import signal
+import ssl
 import subprocess
 import tempfile
 import threading
@@ -33,6 +35,9 @@ PHONE = BUILD / "Tools/skelda-phone/skelda-phone"
 # What stands before a program of the build where that is for another processor.
 EMULATOR = shlex.split(os.environ.get("SKELDA_EMULATOR", ""))
 
+# What a client of a collector says, unless it says otherwise.
+KEY = "A1B2C3D4E5"
+PATH = "/v1/skd.do"
 # A port on which nobody listens: what is committed ends as blocks, as it does off line.
 NOWHERE = "https://127.0.0.1:9/v1/skd.do"
 
@@ -59,7 +64,7 @@ def eventually(what, within=20.0, every=0.02):
         time.sleep(every)
 
 
-class Home:
+class Home(contextlib.AbstractContextManager):
     """The directories of one installation: what the agent keeps across starts."""
 
     def __init__(self, on_disk=False, bundle=EXAMPLE, path=None):
@@ -83,9 +88,6 @@ class Home:
             with contextlib.suppress(OSError):
                 os.chmod(folder, 0o700)
         shutil.rmtree(self.path, ignore_errors=True)
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.close()
@@ -154,14 +156,15 @@ class Home:
         environment.update({k: str(v) for k, v in more.items()})
         return environment
 
-    def start(self, *arguments, bundle=None, environment=None, keep_sent=None, **popen):
-        """Starts the bundle's program; with `keep_sent`, the example that copies what it sends into that folder."""
-        bundle = bundle or (KEEPING_EXAMPLE if keep_sent else self.bundle)
+    def start(self, *arguments, bundle=None, environment=None, keep=None, **popen):
+        """Starts the bundle's program; with `keep`, the example that links what it removes into that folder."""
+        bundle = bundle or (KEEPING_EXAMPLE if keep else self.bundle)
         if EMULATOR:  # a handshake alone takes seconds
             arguments = [*arguments, "--rest", "8"]
         environment = dict(environment or self.environment())
-        if keep_sent:
-            environment["SKELDA_TEST_KEEP_SENT"] = str(keep_sent)
+        if keep:
+            keep.mkdir(exist_ok=True)
+            environment["SKELDA_TEST_KEEP"] = str(keep)
         return Process([bundle / bundle.stem, *arguments], env=environment, **popen)
 
     def run(self, *arguments, within=60.0, **more):
@@ -171,7 +174,7 @@ class Home:
             return process
 
 
-class Process:
+class Process(contextlib.AbstractContextManager):
     """A child with its output collected. Leaving the block ends it, whatever its state."""
 
     def __init__(self, command, **popen):
@@ -192,9 +195,6 @@ class Process:
         with self._new:
             self.lines.append(None)
             self._new.notify_all()
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         if self.child.poll() is None:
@@ -224,8 +224,7 @@ class Process:
         return self.child.returncode
 
     def kill(self):
-        self.child.send_signal(signal.SIGKILL)
-        return self.wait(10)
+        self.__exit__()
 
     def terminate(self, within=10.0):
         self.child.terminate()
@@ -249,27 +248,25 @@ class Process:
         return int(self.line_with(f"{name}: ", 0.1).split(": ", 1)[1])
 
 
-class Collector:
+class Collector(contextlib.AbstractContextManager):
     """skelda-collector on a loopback port of its own. Restarting keeps the port and the store."""
 
-    def __init__(self, folder, *arguments, plain=False, listen=None):
+    def __init__(self, folder, *arguments, plain=False, listen=None, store=None):
         self.folder = pathlib.Path(folder)
-        self.store = self.folder / "received"
-        self.tls = self.folder / "tls"
-        self.plain = plain
-        self.port = 0
-        self.process = None
+        self.store, self.tls = store or self.folder / "received", self.folder / "tls"
+        self.plain, self.port = plain, 0
         self.start(*arguments, listen=listen)
 
-    def start(self, *arguments, listen=None):
-        listen = listen or f"127.0.0.1:{self.port}"
+    def command(self, listen, *arguments):
         scheme = ["--http"] if self.plain else []
-        self.process = Process([COLLECTOR, "--listen", listen, "--store", self.store, "--tls-dir", self.tls,
-                                *scheme, *arguments])
+        return [COLLECTOR, "--listen", listen, "--store", self.store, "--tls-dir", self.tls, *scheme, *arguments]
+
+    def start(self, *arguments, listen=None):
+        self.process = Process(self.command(listen or f"127.0.0.1:{self.port}", *arguments))
         try:
             line = self.process.line_with("listening on ")
         except AssertionError:
-            self.process.__exit__()
+            self.process.kill()
             raise
         self.url = line.split(" ")[-1]
         self.port = urllib.parse.urlsplit(self.url).port
@@ -277,19 +274,25 @@ class Collector:
     def stop(self):
         """Ends it as a service manager would; it must obey, cleanly."""
         status = self.process.terminate()
-        self.process.__exit__()
+        self.process.kill()
         if status != 0:
             raise AssertionError(f"the collector ended with {status}:\n{self.process.output}")
 
-    def __enter__(self):
-        return self
+    def kill(self):
+        self.process.kill()
 
     def __exit__(self, *_):
-        self.process.__exit__()
+        self.kill()
 
     @property
     def authority(self):
         return self.tls / "authority.pem"
+
+    def get(self, path):
+        """The status and what is said; 0 where nobody answers."""
+        with contextlib.suppress(OSError, http.client.HTTPException):
+            return Client(self).ask("GET", path, key=None)
+        return 0, ""
 
     def entries(self):
         with contextlib.suppress(FileNotFoundError):
@@ -299,6 +302,25 @@ class Collector:
     def logs(self):
         """The bytes of every stored log, in the order of arrival."""
         return [(self.store / entry["file"]).read_bytes() for entry in self.entries()]
+
+
+class Client:
+    """A connection to a collector."""
+
+    def __init__(self, collector):
+        context = None if collector.plain else ssl.create_default_context(cafile=collector.authority)
+        self.connection = (http.client.HTTPConnection("127.0.0.1", collector.port, timeout=20) if collector.plain else
+                           http.client.HTTPSConnection("localhost", collector.port, timeout=20, context=context))
+
+    def ask(self, method, path, body=None, key=KEY):
+        """The status, and the answer's text or what it says in JSON."""
+        self.connection.request(method, path, body, {"X-Skelda-Api-Key": key} if key else {})
+        answer = self.connection.getresponse()
+        text = answer.read().decode()
+        return answer.status, json.loads(text) if text.startswith(("{", "[")) else text
+
+    def post(self, body, key=KEY):
+        return self.ask("POST", PATH, body, key)
 
 
 def move_to_small_disk(home, megabytes):
@@ -320,6 +342,20 @@ def fill(ballast):
     with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
         while True:
             file.write(bytes(1024))
+
+
+def play(document, make, **options):
+    """What a run at length does when it is called: it says how it went, and which problems there were."""
+    parser = argparse.ArgumentParser(description=document)
+    parser.add_argument("minutes", type=float, nargs="?", default=10)
+    for name, value in {"seed": int.from_bytes(os.urandom(4), "little"), **options}.items():
+        parser.add_argument(f"--{name}", type=type(value), default=value)
+    chosen = vars(parser.parse_args())
+    print(f"seed {chosen['seed']}", flush=True)
+    with make(**chosen) as run:
+        run.run()
+        print("\n".join([run.report(), *run.problems, f"{len(run.problems)} problems"]))
+        return 1 if run.problems else 0
 
 
 def give_identifiers(home):

@@ -3,7 +3,6 @@
 import contextlib
 import hashlib
 import http.client
-import json
 import socket
 import ssl
 import struct
@@ -11,46 +10,17 @@ import tempfile
 import time
 import unittest
 import urllib.parse
-import zlib
 
-from support import COLLECTOR, Collector, Process
+from frame_log import frame
+from support import COLLECTOR, KEY, PATH, Client, Collector, Process
 
-KEY = "A1B2C3D4E5"
-PATH = "/v1/skd.do"
-
-
-def frame(kind, payload, version=1):
-    body = json.dumps(payload).encode()
-    head = struct.pack("<BBBBqqI", version, kind & 255, kind >> 8 & 255, kind >> 16, 1, 2, len(body)) + body
-    return head + (struct.pack("<I", zlib.crc32(head)) if version == 0 else b"")
-
-
-LOG = (frame(2, {"sk.frame.log.counter": 1}) + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 1}, 0)
+LOG = (frame(2, {"sk.frame.log.counter": 1}) + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 1}, version=0)
        + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 2}))
-
-
-class Client:
-    def __init__(self, collector, trust=True):
-        self.collector = collector
-        context = ssl.create_default_context(cafile=str(collector.authority)) if not collector.plain else None
-        self.connection = (http.client.HTTPConnection("127.0.0.1", collector.port, timeout=20) if collector.plain else
-                           http.client.HTTPSConnection("localhost", collector.port, timeout=20, context=context))
-
-    def ask(self, method, path, body=None, key=KEY):
-        self.connection.request(method, path, body, {"X-Skelda-Api-Key": key} if key else {})
-        answer = self.connection.getresponse()
-        text = answer.read()
-        return answer.status, json.loads(text) if text.startswith((b"{", b"[")) else text
-
-    def post(self, body, key=KEY):
-        return self.ask("POST", PATH, body, key)
 
 
 class CollectorTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="skelda-collector-")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="skelda-collector-"))
 
     def start(self, *arguments, **more):
         return Collector(self.folder, *arguments, **more)
@@ -80,7 +50,7 @@ class CollectorTest(unittest.TestCase):
 
     def test_what_is_no_whole_log_is_refused_with_reason_and_offset(self):
         first = len(frame(2, {"sk.frame.log.counter": 1}))
-        broken = bytearray(frame(2, {"a": 1}, 0))
+        broken = bytearray(frame(2, {"a": 1}, version=0))
         broken[-1] ^= 1
         with self.start() as collector:
             client = Client(collector)

@@ -8,9 +8,8 @@ import subprocess
 import tempfile
 import unittest
 
-from frame_log import COUNTER, FLUSH, frames_of
+from frame_log import COUNTER, FLUSH, frame, frames_of
 from support import BUILD, ROOT, Collector
-from test_collector import frame
 
 FLEET = BUILD / "Tools/skelda-fleet/skelda-fleet"
 RECORDED = (frame(2, {"sk.frame.log.counter": 7}) + frame(140, {"sk.reported.id": {"VendorId": "recorded"}})

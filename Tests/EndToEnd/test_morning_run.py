@@ -35,9 +35,9 @@ class MorningRun(unittest.TestCase):
             self.assertEqual(RECORDED - NAMELESS, first.number("accepted"))
             self.assertEqual(NAMELESS, first.number("refused"))
             left = frame_log.frames_in(home.current_log)
-            sent = home.path / "sent"
-            home.run("--events", "1", "--speed", "0", "--server", NOWHERE, keep_sent=sent)
-            logs = [frame_log.frames_in(path) for path in sent.iterdir()]
+            kept = home.path / "kept"
+            home.run("--events", "1", "--speed", "0", "--server", NOWHERE, keep=kept)
+            logs = [frame_log.frames_in(path) for path in kept.glob(".skelda*")]
             self.assertEqual(1, len(logs))
             self.assertEqual([f.raw for f in left], [f.raw for f in logs[0][:-1]])
             self.assertEqual(4, frame_log.flush_of(logs[0]))
@@ -47,14 +47,14 @@ class MorningRun(unittest.TestCase):
     def test_every_event_arrives_as_it_was_recorded_and_every_byte_as_it_was_written(self):
         with Home() as home, Collector(home.path / "collector") as collector:
             give_identifiers(home)
-            sent = home.path / "sent"
+            kept = home.path / "kept"
             # As fast as an emulated agent keeps up with, so that the session rule drops nothing.
             rate = "40" if EMULATOR else "200"
-            run = home.run("--rate", rate, "--server", collector.url, "--linger", "120", within=180, keep_sent=sent,
+            run = home.run("--rate", rate, "--server", collector.url, "--linger", "120", within=180, keep=kept,
                            environment=home.environment(SSL_CERT_FILE=collector.authority))
             self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
             received = collector.logs()
-            self.assertEqual(sorted(path.read_bytes() for path in sent.iterdir()), sorted(set(received)))
+            self.assertEqual({path.read_bytes() for path in kept.iterdir()}, set(received))
             self.check_events(home, received)
             self.check_reader_of_the_tree(collector)
 

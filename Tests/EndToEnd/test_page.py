@@ -6,8 +6,8 @@ import unittest
 
 import browser
 import frame_log
-from support import BUILD, EXAMPLE, Collector, Home, eventually, events_of, give_identifiers
-from test_collector import Client, frame
+from frame_log import frame
+from support import BUILD, EXAMPLE, Client, Collector, Home, eventually, events_of, give_identifiers
 
 PICTURES = BUILD / "screenshots"
 

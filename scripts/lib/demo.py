@@ -62,7 +62,7 @@ def run_host(home, collector, sent, *arguments, phone_after=None):
                  "--linger", "30", *arguments]
     if phone_after is not None:
         arguments += ["--phone", socket]
-    with home.start(*arguments, environment=environment, keep_sent=sent) as host:
+    with home.start(*arguments, environment=environment, keep=sent) as host:
         if phone_after is not None:
             time.sleep(phone_after)
             with Process([PHONE, socket]) as phone:
@@ -136,15 +136,15 @@ def summary(home, collector, sent, accepted, threshold):
     starts = account.starts_of(logs)
     accounts = [account.settle(count, start, open_log if count is accepted[-1] and start is starts[-1] else [], threshold)
                 for count, start in zip(accepted, starts)]
-    originals = sorted(hashlib.sha256(path.read_bytes()).hexdigest() for path in sent.iterdir())
+    originals = sorted(hashlib.sha256(path.read_bytes()).hexdigest() for path in sent.glob(".skelda*"))
     arrived = sorted({entry["sha256"] for entry in entries})
     sizes = {entry["sha256"]: entry["bytes"] for entry in entries}
 
     title("The host beside the collector")
     rows = [
         ("logs", len(originals), len(arrived)),
-        ("bytes", sum(path.stat().st_size for path in sent.iterdir()), sum(sizes.values())),
-        ("frames", sum(len(frame_log.frames_in(path)) for path in sent.iterdir()),
+        ("bytes", sum(path.stat().st_size for path in sent.glob(".skelda*")), sum(sizes.values())),
+        ("frames", sum(len(frame_log.frames_in(path)) for path in sent.glob(".skelda*")),
          sum({entry["sha256"]: entry["frames"] for entry in entries}.values())),
         ("events in them", sum(a.in_logs for a in accounts),
          sum({entry["sha256"]: entry["events"] for entry in entries}.values())),

@@ -51,24 +51,21 @@ def table(database, question, most=12):
 class DeployedCollector(fleet.StreamCollector):
     """A collector that runs as its service unit says, with the certificate of that folder."""
 
-    def start(self):
-        self.process = Process(fleet.deployed(
-            "skelda-collector", "1", LISTEN=f"127.0.0.1:{self.port}", STREAM=self.servers.url,
-            CREDENTIALS_DIRECTORY=self.arguments[0]))
-        self.url = self.process.line_with("listening on ").split(" ")[-1]
-        self.plain = False
+    def command(self, listen):
+        return fleet.deployed("skelda-collector", "1", LISTEN=listen, STREAM=self.store,
+                              CREDENTIALS_DIRECTORY=self.arguments[0])
 
 
 def make_credentials(folder):
     """What the service manager hands to a collector: a certificate, its key, the keys that may send."""
     with Process([COLLECTOR, "--listen", "127.0.0.1:0", "--store", folder / "store", "--tls-dir",
-                  folder / "collector-tls"]) as maker:
+                  folder / "tls"]) as maker:
         maker.line_with("listening on ")
         maker.terminate()
     credentials = folder / "credentials"
     credentials.mkdir()
     for name, of in (("certificate.pem", "server.pem"), ("key.pem", "server-key.pem")):
-        (credentials / name).symlink_to(folder / "collector-tls" / of)
+        (credentials / name).symlink_to(folder / "tls" / of)
     (credentials / "keys").symlink_to(KEYS)
     return credentials
 
@@ -79,7 +76,7 @@ def morning_run(home, collector, sent):
     give_identifiers(home)
     for _ in range(2):  # the second start sends what the first left open
         host = home.run("--server", collector.url, "--speed", "0", "--linger", "20", environment=environment,
-                        keep_sent=sent, within=120)
+                        keep=sent, within=120)
         show(host.output)
     if not eventually(lambda: not home.blocks() and not home.committed_logs()):
         raise SystemExit("logs still wait on the watch")
