@@ -316,7 +316,7 @@ class Chaos(contextlib.AbstractContextManager):
         calm_from = self.length * 0.5  # from here on one process lives to the end
         usage = None
         spell = max(3.0, min(8.0, self.length / 12))
-        while (now := time.monotonic() - began) < self.length:
+        while (now := time.monotonic() - began) < self.length or usage is None:
             if now < calm_from:
                 for _ in range(3):
                     time.sleep(self.chance.uniform(0.1, 1))
