@@ -1,16 +1,11 @@
 """A reading of the agent's intake file of its own, to hold the agent's account against: what is
-counted there, and which records wait. Of a live agent or of a dead one. Standard library only.
-
-    python3 Tests/EndToEnd/account_file.py FILE
-
-The bytes are told in docs/intake-format.md.
+counted there, and which records wait. Of a live agent or of a dead one. The bytes are told in
+docs/intake-format.md.
 """
 
+import collections
 import dataclasses
-import pathlib
-import pprint
 import struct
-import sys
 
 HEADER, SEGMENTS, UNIT, RECORD = 4096, 4, 16, 48
 OFFSET_BITS, KIND_SHIFT = 24, 56
@@ -18,10 +13,7 @@ PUBLISHED, SETTLED = 1, 2
 KINDS = ("events", "choices")
 OUTCOMES = ("stored", "sessionCap", "sessionDuration", "repeated", "notUTF8", "wrongKind", "serializer", "otherKey",
             "otherVersion", "replayedTooOften")
-REFUSALS = ("noKey", "notAnExtension", "badName", "insideSink", "otherProcess", "overTheBound", "forkedChild",
-            "tooDeep", "tooLong", "noMemory")
-LOG_REMOVALS = ("folderFull", "thirdFailedTry", "unreadable", "copyFailed")
-BLOCK_REMOVALS = ("overLimit", "otherKey", "damaged")
+COPY_FAILED = 3  # the last of the reasons why logs were removed
 # In the order of the page, with how many numbers each has.
 COUNTERS = (("accepted", 2), ("cutOff", 2), ("replayed", 2), ("unprotected", 2), ("settled", 20), ("refused", 10),
             ("framesWritten", 1), ("framesLost", 1), ("synchronizationsFailed", 1), ("logsCommited", 1),
@@ -34,19 +26,7 @@ MOST_CUT_OFF, MOST_UNDER_WAY = 64, 8
 _MASK = (1 << 64) - 1
 
 
-class NoIntakeFile(Exception):
-    """What is at the path is no intake file."""
-
-
-@dataclasses.dataclass(frozen=True)
-class Record:
-    ticket: int
-    kind: str
-    sequence: int
-    microseconds: int
-    uptime: int
-    attempts: int
-    payload: bytes
+Record = collections.namedtuple("Record", "ticket kind attempts payload")
 
 
 @dataclasses.dataclass
@@ -60,7 +40,6 @@ class Records:
     cut_off: int
     dropped: dict
     replayed: int
-    unprotected: int
 
     @property
     def missing(self):
@@ -71,13 +50,8 @@ class Records:
 class AccountFile:
     events: Records
     choices: Records
-    refused: dict
-    logs_removed: dict
-    blocks_removed: dict
-    numbers: dict  # every other counter, by its name in the page
+    numbers: dict  # every counter, by its name in the page, and those of several as lists
     waiting: list  # Records, oldest first
-    capacity: int
-    half_settled: bool  # a kill fell into a settling; what it was to become is counted as done
 
     def problems(self, home=None, killed=False):
         """Texts, none when all adds up. With `killed`, no start has come after the last kill: calls
@@ -89,15 +63,15 @@ class AccountFile:
             records = getattr(self, name)
             if not 0 <= records.missing <= (MOST_CUT_OFF if killed else 0):
                 wrong.append(f"{name}: {records.missing} are missing of {records}")
-        if self.numbers["inconsistent"]:
-            wrong.append(f"{self.numbers['inconsistent']} starts had to correct the account")
+        number = self.numbers
+        if number["inconsistent"]:
+            wrong.append(f"{number['inconsistent']} starts had to correct the account")
         if home is not None:
-            number = self.numbers
             # A log that could not be copied was lost before it was committed.
             sums = {"logs": (number["logsCommited"], number["logsStored"], len(home.committed_logs()),
-                             sum(self.logs_removed.values()) - self.logs_removed["copyFailed"]),
+                             sum(number["logsRemoved"][:COPY_FAILED])),
                     "blocks": (number["blocksStored"], number["blocksAcknowledged"], number["blocksRejected"],
-                               len(home.blocks()), sum(self.blocks_removed.values()))}
+                               len(home.blocks()), sum(number["blocksRemoved"]))}
             wrong += [f"{name}: {whole} are not {' + '.join(map(str, parts))}" for name, (whole, *parts) in sums.items()
                       if not 0 <= sum(parts) - whole <= (MOST_UNDER_WAY if killed else 0)]
         return wrong
@@ -121,36 +95,32 @@ def checksum(salt, place, data):
 class _File:
     def __init__(self, data):
         if len(data) < HEADER or data[:8] != b"SkIntake":
-            raise NoIntakeFile("no intake file")
+            raise ValueError("no intake file")
         self.data = data
         version, header, self.segment_length, self.salt, stored = struct.unpack_from("<IIQQQ", data, 8)
         if version != 1 or header != HEADER or stored != checksum(0, 0, data[:32]):
-            raise NoIntakeFile(f"format {version}, or a damaged head")
+            raise ValueError(f"format {version}, or a damaged head")
         if len(data) != HEADER + SEGMENTS * self.segment_length:
-            raise NoIntakeFile(f"{len(data)} bytes")
+            raise ValueError(f"{len(data)} bytes")
         self.tail, = struct.unpack_from("<Q", data, 64)
         self.left = struct.unpack_from("<4Q", data, 128)
         self.settled = struct.unpack_from("<4Q", data, 160)
         self.intent = struct.unpack_from("<3Q", data, 192)
 
     def record(self, generation, unit, end):
-        """The record there, with its phase; None where none is."""
+        """The record there, with its phase and its length in units; None where none is."""
         at = HEADER + generation % SEGMENTS * self.segment_length + unit * UNIT
-        state = struct.unpack_from("<Q", self.data, at + 40)[0] ^ self.salt
+        length, _, numbered, _, _, stored, state = struct.unpack_from("<IIQqqQQ", self.data, at)
+        state ^= self.salt
+        units = (RECORD + length + UNIT - 1) // UNIT
+        kind, place = numbered >> KIND_SHIFT, generation << OFFSET_BITS | unit
         if state >> OFFSET_BITS != generation or state & 0xFF not in (PUBLISHED, SETTLED):
             return None
-        length, _, numbered, date, uptime, stored = struct.unpack_from("<IIQqqQ", self.data, at)
-        units = (RECORD + length + UNIT - 1) // UNIT
-        kind = numbered >> KIND_SHIFT
-        place = generation << OFFSET_BITS | unit
-        if unit + units > end or kind not in (1, 2):
-            return None
         payload = self.data[at + RECORD:at + units * UNIT]
-        if stored != checksum(self.salt, place, self.data[at:at + 32] + payload):
+        if unit + units > end or kind not in (1, 2) or stored != checksum(self.salt, place,
+                                                                          self.data[at:at + 32] + payload):
             return None
-        record = Record(place, KINDS[kind - 1], numbered & (1 << KIND_SHIFT) - 1, date, uptime, state >> 8 & 0xFF,
-                        bytes(payload[:length]))
-        return record, state & 0xFF, units
+        return Record(place, KINDS[kind - 1], state >> 8 & 0xFF, bytes(payload[:length])), state & 0xFF, units
 
     def waiting(self):
         last = self.tail >> OFFSET_BITS
@@ -170,15 +140,15 @@ class _File:
                 unit += found[2]
 
 
-def read(path):
+def read(data):
     """The account at this moment; sums of a live agent hold where nothing is under way."""
-    file = _File(pathlib.Path(path).read_bytes())
+    file = _File(data)
     counters, at = {}, 256
     for name, count in COUNTERS:
-        counters[name] = list(struct.unpack_from(f"<{count}Q", file.data, at))
+        counters[name] = list(struct.unpack_from(f"<{count}Q", data, at))
         at += 8 * count
     ticket, counter, value = file.intent
-    if ticket:
+    if ticket:  # a kill fell into a settling; what it was to become is counted as done
         counters["settled"][counter] = value
     waiting = list(file.waiting())
 
@@ -186,26 +156,13 @@ def read(path):
         settled = dict(zip(OUTCOMES, counters["settled"][10 * index:10 * index + 10]))
         return Records(accepted=counters["accepted"][index], stored=settled.pop("stored"),
                        waiting=sum(record.kind == KINDS[index] for record in waiting),
-                       cut_off=counters["cutOff"][index], dropped=settled, replayed=counters["replayed"][index],
-                       unprotected=counters["unprotected"][index])
+                       cut_off=counters["cutOff"][index], dropped=settled, replayed=counters["replayed"][index])
 
-    return AccountFile(events=records(0), choices=records(1), refused=dict(zip(REFUSALS, counters["refused"])),
-                       logs_removed=dict(zip(LOG_REMOVALS, counters["logsRemoved"])),
-                       blocks_removed=dict(zip(BLOCK_REMOVALS, counters["blocksRemoved"])),
-                       numbers={name: counters[name][0] for name, count in COUNTERS if count == 1}, waiting=waiting,
-                       capacity=SEGMENTS * file.segment_length, half_settled=bool(ticket))
+    numbers = {name: values[0] if len(values) == 1 else values for name, values in counters.items()}
+    return AccountFile(events=records(0), choices=records(1), numbers=numbers, waiting=waiting)
 
 
 def of(home):
-    """Of an installation: see support.Home. The agent's version is part of the name."""
-    found = sorted(home.storage.glob(".skeldaIntake_*.journal"))
-    if len(found) != 1:
-        raise NoIntakeFile(f"{len(found)} intake files in {home.storage}")
-    return read(found[0])
-
-
-if __name__ == "__main__":
-    try:
-        pprint.pprint(read(sys.argv[1]), width=110, compact=True)
-    except BrokenPipeError:
-        pass
+    """Of an installation: see support.Home. None where it has no intake file."""
+    found = sorted(home.storage.glob(".skeldaIntake_*.journal"))  # the agent's version is part of the name
+    return read(found[0].read_bytes()) if len(found) == 1 else None

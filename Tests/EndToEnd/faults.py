@@ -100,7 +100,7 @@ class Template:
         before = home.run("before", "6")
         assert before.status == 0 and answers_of(before) == {n: 1 for n in range(1, 7)}, before.output
         self.events = events_in(home)
-        self.has_account = account_of(home) is not None
+        self.has_account = account_file.of(home) is not None
         assert sum(self.events.values()) >= 3, self.events  # on disk before: there after every fault
 
     def home(self, path):
@@ -116,13 +116,6 @@ def answers_of(run):
 
 def logs_of(home):
     return [*home.committed_logs(), *home.blocks(), *([home.current_log] if home.current_log.exists() else [])]
-
-
-def account_of(home):
-    try:
-        return account_file.of(home)
-    except account_file.NoIntakeFile:
-        return None
 
 
 def events_in(home):
@@ -200,7 +193,7 @@ class Run:
 
     def check_account(self, home, answered):
         """What is missing has been named, and nothing else is wrong."""
-        account = account_of(home)
+        account = account_file.of(home)
         if account is None:
             self.problems.append("there is no account")
             return

@@ -1,7 +1,5 @@
 """The reader of intake files understands what their document shows."""
 
-import pathlib
-import tempfile
 import unittest
 
 import account_file
@@ -15,10 +13,7 @@ class IntakeFile(unittest.TestCase):
         for line in text.splitlines():
             at = int(line[:8], 16)
             data[at:at + 16] = bytes.fromhex(line[9:57])
-        with tempfile.TemporaryDirectory() as folder:
-            path = pathlib.Path(folder, "file")
-            path.write_bytes(data)
-            account = account_file.read(path)
+        account = account_file.read(bytes(data))
         self.assertEqual([], account.problems())
         self.assertEqual((1, 1, 0), (account.events.accepted, account.events.stored, account.events.waiting))
         self.assertEqual((1, 0, 1), (account.choices.accepted, account.choices.stored, account.choices.waiting))
