@@ -8,9 +8,6 @@
 #include <set>
 #include <sstream>
 
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"

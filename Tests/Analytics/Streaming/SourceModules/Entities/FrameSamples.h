@@ -7,7 +7,28 @@
 #include <string_view>
 #include <vector>
 
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamRecord.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppState.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPADelete.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPAOptOut.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamDeviceProperties.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamLocaleInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamNetworkStatus.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamReportedIdentifers.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserGender.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
+#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
 
 namespace skelda::testing {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPADelete.h"
-#include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
@@ -190,64 +188,51 @@ class SkeldaStreamFrameIteratorTest : public ::testing::Test {
 
   TemporaryDirectory folder_;
   std::string path_ = folder_ / "log";
-  FaultPlanRef plan_ = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls_{plan_};
+  const FaultyFileCalls plan_;
   std::shared_ptr<RecordingHandle> handle_ = std::make_shared<RecordingHandle>();
 };
 
 }  // namespace
 
 TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
-  struct Case {
-    const char* what;
-    std::string file;
-    std::int32_t opened;
-    std::string seen;
-    std::int32_t last;
-    std::vector<std::size_t> requests;
-  };
   const auto wrapped = [](std::uint32_t buffered, std::uint32_t length) {
     return std::size_t{buffered - length};
   };
-  const Case cases[] = {
-      {"an empty file", "", 3, "", 3, {1000}},
-      {"three frames in one fill", frames(3, 200), 1, "abc", 3, {1000}},
-      {"a frame across the fill", frames(10, 150), 1, "abcdefghij", 3, {1000, 900}},
-      {"the buffer drains at a frame's end: over, though the file goes on",
-       frames(16, 125),
-       1,
-       "abcdefgh",
-       3,
-       {1000}},
-      {"a frame that just fits", frames(1, 1000) + frames(1, 30), 1, "a", 3, {1000}},
-      {"a frame longer than the buffer takes the rest of the file",
-       frames(2, 3000),
-       1,
-       "ab",
-       3,
-       {1000, wrapped(1000, 3000)}},
-      {"a torn last frame", frames(2, 100) + frames(1, 100).substr(0, 60), 1, "ab", 2, {1000, 940}},
-      {"a torn header", frames(1, 100) + "\1", 1, "a", 2, {1000, 999}},
+  const struct {
+    const char* what;
+    std::string file;
+    std::string seen;
+    std::int32_t last;
+    std::vector<std::size_t> requests;
+  } cases[] = {
+      {"an empty file", "", "", 3, {1000}},
+      {"three frames in one fill", frames(3, 200), "abc", 3, {1000}},
+      {"a frame across the fill", frames(10, 150), "abcdefghij", 3, {1000, 900}},
+      {"a fill that ends as a frame does: over", frames(16, 125), "abcdefgh", 3, {1000}},
+      {"a frame that just fits", frames(1, 1000) + frames(1, 30), "a", 3, {1000}},
+      {"a frame longer than the fill", frames(2, 3000), "ab", 3, {1000, wrapped(1000, 3000)}},
+      {"a torn last frame", frames(2, 100) + frames(1, 100).substr(0, 60), "ab", 2, {1000, 940}},
+      {"a torn header", frames(1, 100) + "\1", "a", 2, {1000, 999}},
       {"a torn long frame: the buffer is past its limit, and is not refilled",
        frames(1, 900) + frames(2, 3000).substr(0, 4500),
-       1,
        "aa",
        2,
        {1000, wrapped(100, 3000)}},
-      {"nothing but a torn frame", frames(1, 500).substr(0, 400), 1, "", 2, {1000, 600}},
+      {"nothing but a torn frame", frames(1, 500).substr(0, 400), "", 2, {1000, 600}},
   };
-  for (const Case& tried : cases) {
+  for (const auto& tried : cases) {
+    SCOPED_TRACE(tried.what);
     writeFile(path_, tried.file);
     handle_->requests.clear();
     const auto reading = iterator();
     EXPECT_EQ(reading->state(), 0);
     platform::ErrorRef error;
-    EXPECT_EQ(reading->open(path_, &error), tried.opened) << tried.what;
-    EXPECT_EQ(drain(*reading), tried.seen) << tried.what;
-    EXPECT_EQ(reading->state(), tried.last) << tried.what;
-    EXPECT_FALSE(reading->hasNext()) << tried.what;
-    EXPECT_EQ(handle_->requests, tried.requests) << tried.what;
-    EXPECT_EQ(error, nullptr) << tried.what;
+    EXPECT_EQ(reading->open(path_, &error), tried.file.empty() ? 3 : 1);
+    EXPECT_EQ(drain(*reading), tried.seen);
+    EXPECT_EQ(reading->state(), tried.last);
+    EXPECT_FALSE(reading->hasNext());
+    EXPECT_EQ(handle_->requests, tried.requests);
+    EXPECT_EQ(error, nullptr);
     reading->open(path_);
     EXPECT_EQ(drain(*reading), tried.seen) << "an iterator can be opened again";
     reading->close();
