@@ -67,11 +67,13 @@ class Stage {
     return SkeldaDataSender::senderWithQueue(platform::Queue::serial("benchmark.LogSender"),
                                              SkeldaBackgroundTaskTracker::defaultTracker(), "key");
   }
-  void startTransferSide(std::shared_ptr<ISkeldaFrameLogDataSender> sender) {
+  void startTransferSide(std::shared_ptr<ISkeldaFrameLogDataSender> sender, int mostLogs = 0) {
     const auto files = SkeldaStreamFileManager::fileManager();
     monitor_ = SkeldaNodeDataProvider::nodeDataProviderWithFilePath(folder(), files);
     manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(
-        {{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}, monitor_, folder(), files,
+        {{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
+         {kSkeldaStreamConfigOptionMaxFileTransferCount, mostLogs}},
+        monitor_, folder(), files,
         SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
             SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
                 SkeldaStreamFileHandle::fileHandle(), std::move(sender)),
@@ -248,9 +250,9 @@ class Sink : public ISkeldaFrameLogDataSender {
   bool sendFrameLogData(platform::Data) override { return true; }
 };
 
-void make1000Logs(const Stage& stage) {
+void makeLogs(const Stage& stage, int count) {
   std::filesystem::create_directories(stage.folder());
-  for (int i = 0; i < 1000; ++i) writeFile(stage.folder() + "/.log" + std::to_string(i), "x");
+  for (int i = 0; i < count; ++i) writeFile(stage.folder() + "/.log" + std::to_string(i), "x");
 }
 
 /// Lists the folder, and reads and removes what is in it.
@@ -266,24 +268,27 @@ double bareEmptyingSeconds(const Stage& stage) {
   return seconds(Clock::now() - begin);
 }
 
-/// A start with 1,000 logs in the folder: listed, cut back to the limit, the rest handed on.
-void StartWith1000CommittedLogs(benchmark::State& state) {
+/// A start with many logs in the folder, and a limit that allows for them: each is handed on.
+void StartWithCommittedLogs(benchmark::State& state) {
+  const auto count = static_cast<int>(state.range(0));
   std::vector<double> bare, agent;
   for ([[maybe_unused]] auto round : state) {
     Stage stage;
-    make1000Logs(stage);
+    makeLogs(stage, count);
     bare.push_back(bareEmptyingSeconds(stage));
-    make1000Logs(stage);
+    makeLogs(stage, count);
     const auto begin = Clock::now();
-    stage.startTransferSide(std::make_shared<Sink>());
-    while (!std::filesystem::is_empty(stage.folder())) std::this_thread::yield();
+    stage.startTransferSide(std::make_shared<Sink>(), 2 * count);
+    pollUntil([&] { return std::filesystem::is_empty(stage.folder()); });
     agent.push_back(seconds(Clock::now() - begin));
     state.SetIterationTime(agent.back());
   }
   state.counters["bare_ms"] = quantile(bare, 0.5) * 1000;
   state.counters["agent_ms"] = quantile(agent, 0.5) * 1000;
 }
-BENCHMARK(StartWith1000CommittedLogs)
+BENCHMARK(StartWithCommittedLogs)
+    ->Arg(1'000)
+    ->Arg(10'000)
     ->UseManualTime()
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);

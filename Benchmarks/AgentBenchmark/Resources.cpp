@@ -37,27 +37,35 @@ Threads threads() {
   return result;
 }
 
-std::uint64_t residentKiB() {
-  return statusOf("/proc/self/status", "VmRSS:");
-}
+/// Anonymous is what was allocated, in the heap or elsewhere; the rest are pages of files.
+struct Memory {
+  std::uint64_t resident = statusOf("/proc/self/smaps_rollup", "Rss:");
+  std::uint64_t anonymous = statusOf("/proc/self/smaps_rollup", "Anonymous:");
+};
 
 }  // namespace
 
 Json resources(std::uint64_t events) {
-  const auto memoryBefore = residentKiB();
+  const Memory before;
   const auto threadsBefore = threads().count;
   for (std::uint64_t i = 0; i < events; ++i) {
     logEvent(i);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   rest();
+  const auto settled = threads();
   // Threads that have nothing to do are given the time to go.
   std::this_thread::sleep_for(std::chrono::seconds(12));
   const auto idle = threads();
-  const auto memory = residentKiB();
+  const Memory after;
   std::this_thread::sleep_for(std::chrono::seconds(5));
   const auto later = threads();
-  return {{"memory_kib", memory - memoryBefore},
+  const auto added = [](std::uint64_t now, std::uint64_t then) {
+    return static_cast<std::int64_t>(now) - static_cast<std::int64_t>(then);
+  };
+  return {{"memory_kib", added(after.resident, before.resident)},
+          {"anonymous_kib", added(after.anonymous, before.anonymous)},
+          {"threads_settled", settled.count - threadsBefore},
           {"threads", idle.count - threadsBefore},
           {"wake_ups", later.wakeUps - idle.wakeUps},
           {"seconds", 5}};

@@ -43,6 +43,10 @@ class WatchedFolder final : public FolderSource, public FolderListener {
     postIfDue();
   }
 
+  void expectRemoval(const std::string& name) override {
+    FolderWatcher::shared().expectRemoval(*this, name);
+  }
+
   void cancel() override {
     std::function<void(unsigned)> handler;  // what it holds goes after the lock
     Block cancelHandler;

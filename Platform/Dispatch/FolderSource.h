@@ -29,6 +29,8 @@ class FolderSource {
   virtual void setEventHandler(std::function<void(unsigned events)> handler) = 0;
   virtual void setCancelHandler(Block handler) = 0;
   virtual void resume() = 0;
+  /// The next removal of that entry is the caller's own, and not told. Said before it is removed.
+  virtual void expectRemoval(const std::string& name) = 0;
   virtual void cancel() = 0;
 };
 

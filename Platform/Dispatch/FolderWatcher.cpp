@@ -102,6 +102,15 @@ int FolderWatcher::watchParentOf(Folder& folder) {
   return folder.parent < 0 ? errno : 0;
 }
 
+void FolderWatcher::expectRemoval(const FolderListener& listener, const std::string& name) {
+  const MutexLock lock(mutex_);
+  for (Folder& folder : folders_) {
+    if (folder.identity != &listener) continue;
+    auto& names = folder.expectedRemovals;
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  }
+}
+
 void FolderWatcher::remove(const FolderListener& listener) noexcept {
   const MutexLock lock(mutex_);
   const auto at = std::find_if(folders_.begin(), folders_.end(), [&listener](const Folder& folder) {
@@ -133,8 +142,10 @@ void FolderWatcher::readEvents(void* raw) {
     for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
       inotify_event event;
       std::memcpy(&event, buffer.data() + at, sizeof event);
+      // The name ends in zero bytes, as many as it takes to the next event.
+      const auto* const name = reinterpret_cast<const char*>(buffer.data() + at + sizeof event);
       at += sizeof event + event.len;
-      self->take(event.wd, event.mask);
+      self->take(event.wd, event.mask, {name, strnlen(name, event.len)});
     }
   }
   while (self->tellOne()) {
@@ -157,13 +168,18 @@ bool FolderWatcher::tellOne() {
   return true;
 }
 
-void FolderWatcher::take(WatchId watch, std::uint32_t mask) noexcept {
+void FolderWatcher::take(WatchId watch, std::uint32_t mask, std::string_view name) noexcept {
   for (Folder& folder : folders_) {
     unsigned events = 0;
     // What was lost may have been anybody's.
-    if ((mask & IN_Q_OVERFLOW) != 0) events |= kFolderWritten;
+    if ((mask & IN_Q_OVERFLOW) != 0) {
+      events |= kFolderWritten;
+      folder.expectedRemovals.clear();
+    }
     if (watch == folder.folder) {
-      if ((mask & kEntryEvents) != 0) events |= kFolderWritten;
+      const bool isExpected =
+          (mask & IN_DELETE) != 0 && std::erase(folder.expectedRemovals, name) > 0;
+      if ((mask & kEntryEvents) != 0 && !isExpected) events |= kFolderWritten;
       if ((mask & kGoneEvents) != 0) events |= kFolderGone;
     }
     // What happens to an entry of a folder says that the folder is there.

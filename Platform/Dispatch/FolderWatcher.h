@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/Base/Mutex.h"
@@ -25,6 +26,8 @@ class FolderWatcher {
 
   /// False, and errno, when the descriptor does not stand for a folder, or the system refuses.
   bool add(int descriptor, const std::shared_ptr<FolderListener>& listener);
+  /// The listener's own removal of that entry is not told to it.
+  void expectRemoval(const FolderListener& listener, const std::string& name);
   /// Nothing is told to the listener after a call that has begun is over.
   void remove(const FolderListener& listener) noexcept;
 
@@ -39,13 +42,14 @@ class FolderWatcher {
     WatchId folder;
     WatchId parent;  // or none
     bool gone = false;
-    unsigned due = 0;  // events, not yet told
+    unsigned due = 0;                             // events, not yet told
+    std::vector<std::string> expectedRemovals{};  // of names
   };
 
   static int make(const void*) noexcept;
   static void readEvents(void* self);
   // Neither allocates: an event that was read is not lost.
-  void take(WatchId watch, std::uint32_t mask) noexcept REQUIRES(mutex_);
+  void take(WatchId watch, std::uint32_t mask, std::string_view name) noexcept REQUIRES(mutex_);
   bool tellOne();
   void dropWatch(WatchId watch) noexcept REQUIRES(mutex_);
   WatchId addWatch(const std::string& path, std::uint32_t events) REQUIRES(mutex_);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "Platform/Foundation/Error.h"
@@ -36,4 +37,6 @@ class ISkeldaNodeDataProvider {
   /// stands, so that what is in the folder already is seen. Then the completion, which may be
   /// empty.
   virtual void forceRefresh(Completion completion) = 0;
+  /// An entry of the folder is about to be removed by the caller, who knows: that is no change.
+  virtual void willRemove(const std::string& name) = 0;
 };

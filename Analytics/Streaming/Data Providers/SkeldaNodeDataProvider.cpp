@@ -63,6 +63,12 @@ void SkeldaNodeDataProvider::forceRefresh(Completion completion) {
   post<&SkeldaNodeDataProvider::onqueue_forceRefresh>(std::move(completion));
 }
 
+void SkeldaNodeDataProvider::willRemove(const std::string& name) {
+  syncBlock([&] {
+    if (source_ != nullptr) source_->expectRemoval(name);
+  });
+}
+
 void SkeldaNodeDataProvider::recreateDispatchSource() {
   post<&SkeldaNodeDataProvider::onqueue_recreateDispatchSource>();
 }

@@ -30,6 +30,7 @@ class SkeldaNodeDataProvider : public SkeldaActor, public ISkeldaNodeDataProvide
   const std::string& filePath() const noexcept { return filePath_; }
   void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> observer) override;
   void forceRefresh(Completion completion) override;
+  void willRemove(const std::string& name) override;
 
   // -- Fixed by the system, and not called by the agent itself
   void removeObserver(const std::shared_ptr<SkeldaNodeDataProviderObserver>& observer) override;

@@ -230,6 +230,7 @@ bool SkeldaStreamTransferManager::onqueue_mayDelete() const noexcept {
 
 bool SkeldaStreamTransferManager::onqueue_deleteFile(const SkeldaFileStateRef& file) {
   SKELDA_ON_QUEUE();
+  nodeDataProvider_->willRemove(file->fileName());
   if (!fileManager_->removeItemAtPath(file->fullPath())) {
     file->setFileRemoveRetryCounter(file->fileRemoveRetryCounter() + 1);
     onqueue_endArrears();

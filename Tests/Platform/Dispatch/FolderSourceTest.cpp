@@ -105,6 +105,29 @@ TEST_F(FolderSourceTest, WhatComesBeforeTheHandlerHasRunIsToldInOneCall) {
   expectDrained(queue);
 }
 
+TEST_F(FolderSourceTest, ARemovalThatWasAnnouncedIsNotToldButTheNextOneIs) {
+  skelda::testing::Recorded<unsigned> besides;  // later in the row, so the first has heard by then
+  const QueueRef queue = Queue::serial("beside");
+  const auto second = FolderSource::make(descriptor_, queue);
+  second->setEventHandler([&](unsigned events) { besides.add(events); });
+  second->resume();
+  source_->resume();
+  const auto told = [&](const std::function<void()>& change) {
+    const std::size_t before = seen_.size(), beside = besides.size();
+    change();
+    EXPECT_GT(besides.wait(beside + 1).size(), beside);
+    expectDrained(queue_);
+    return seen_.size() - before;
+  };
+  for (const std::size_t expected : {0U, 1U}) {
+    EXPECT_EQ(told([&] { fs::create_directory(folder_ / "own"); }), 1U);
+    if (expected == 0) source_->expectRemoval("own");
+    EXPECT_EQ(told([&] { fs::remove(folder_ / "own"); }), expected);
+  }
+  second->cancel();
+  expectDrained(queue);
+}
+
 TEST_F(FolderSourceTest, AFolderThatIsRenamedIsGoneForEverySourceOfIt) {
   const auto second = watch();
   source_->resume();

@@ -59,11 +59,13 @@ class FakeMonitor : public ISkeldaNodeDataProvider {
     tell(0);
     completion(nullptr);
   }
+  void willRemove(const std::string& name) override { announced.push_back(name); }
   void tell(std::uint32_t change) {
     if (const auto strong = observer.lock()) strong->fileMonitor(*this, change);
   }
 
   std::weak_ptr<SkeldaNodeDataProviderObserver> observer;
+  std::vector<std::string> announced;
 };
 
 /// Keeps what it is given; called on the manager's queue.

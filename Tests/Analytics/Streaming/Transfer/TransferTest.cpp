@@ -70,6 +70,7 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirs
   for (const char* next : {".log2", "log9", "log9b"}) complete(next);
   EXPECT_EQ(agent_->started, (Names{".log2", "log9", "log9b", "log10"}));
   EXPECT_EQ(folder_->removed, (Names{".log2", "log9", "log9b"}));
+  EXPECT_EQ(monitor_->announced, folder_->removed) << "or it would look for what it knows";
   complete("log10");
   EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
   EXPECT_EQ(manager_->currentUploadCount(), 0);
