@@ -27,6 +27,15 @@ class ISkeldaStreamFileHandle {
                                                          platform::ErrorRef* error) = 0;
   /// Everything up to the end of the file.
   virtual std::optional<platform::Data> availableDataWithError(platform::ErrorRef* error) = 0;
+  /// The three at once: opens the file, takes everything, closes it.
+  virtual std::optional<platform::Data> contentsOfFile(const Path& path,
+                                                       platform::ErrorRef* error) {
+    openForReadingFile(path, error);
+    if (*error != nullptr) return std::nullopt;
+    auto data = availableDataWithError(error);
+    closeFile();
+    return data;
+  }
   virtual bool seekToEndOfFile() = 0;
   /// All of it, or an error with the file as long as it was before.
   virtual void writeData(const std::optional<platform::Data>& data, platform::ErrorRef* error) = 0;

@@ -132,6 +132,13 @@ std::optional<platform::Data> SkeldaStreamFileHandle::availableDataWithError(
   return data;
 }
 
+std::optional<platform::Data> SkeldaStreamFileHandle::contentsOfFile(const Path& path,
+                                                                     platform::ErrorRef* error) {
+  // The lock is waited for once, and not behind each frame that is being written meanwhile.
+  const platform::RecursiveMutexLock lock(fileHandleLock());
+  return ISkeldaStreamFileHandle::contentsOfFile(path, error);
+}
+
 bool SkeldaStreamFileHandle::seekToEndOfFile() {
   const platform::RecursiveMutexLock lock(fileHandleLock());
   if (!SkeldaUtil::assertNotNil(fileHandle_)) return false;

@@ -27,6 +27,8 @@ class SkeldaStreamFileHandle : public platform::Object, public ISkeldaStreamFile
   std::optional<platform::Data> readDataOfLength(std::size_t length,
                                                  platform::ErrorRef* error) override;
   std::optional<platform::Data> availableDataWithError(platform::ErrorRef* error) override;
+  std::optional<platform::Data> contentsOfFile(const Path& path,
+                                               platform::ErrorRef* error) override;
   bool seekToEndOfFile() override;
   void writeData(const std::optional<platform::Data>& data, platform::ErrorRef* error) override;
   void closeFile() override;

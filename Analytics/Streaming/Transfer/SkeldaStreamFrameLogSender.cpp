@@ -6,6 +6,7 @@
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/FileManager.h"
@@ -115,14 +116,11 @@ void SkeldaStreamFrameLogSender::onqueue_processFile(const std::string& fileName
 std::optional<platform::Data> SkeldaStreamFrameLogSender::onqueue_contentsOfFile(
     const std::string& fullPath, platform::ErrorRef* error) {
   SKELDA_ON_QUEUE();
-  fileHandle_->openForReadingFile(fullPath, error);
-  if (*error != nullptr) {
+  using Errors = SkeldaStreamErrorConstants;
+  auto data = fileHandle_->contentsOfFile(fullPath, error);
+  if (*error != nullptr && (*error)->code() != Errors::kFileReadFailure) {
     SKELDA_LOG(1, "{}: unable to open file for reading", kProcessFile);
-    return std::nullopt;
-  }
-  auto data = fileHandle_->availableDataWithError(error);
-  fileHandle_->closeFile();
-  if (*error != nullptr || !data || data->empty()) {
+  } else if (*error != nullptr || !data || data->empty()) {
     SKELDA_LOG(1, "{}: unable to get data from file", kProcessFile);
   }
   return data;
