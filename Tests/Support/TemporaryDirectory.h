@@ -62,6 +62,18 @@ class ScopedEnvironment {
   std::map<std::string, std::optional<std::string>> saved_;
 };
 
+/// While it lives new folders are in memory, where the system has a place for that: of use to tests
+/// that start hundreds of processes, each of which waits for the disk a dozen times.
+class FoldersInMemory {
+ public:
+  FoldersInMemory() {
+    if (std::filesystem::exists("/dev/shm")) environment_.set("TMPDIR", "/dev/shm");
+  }
+
+ private:
+  ScopedEnvironment environment_;
+};
+
 /// A home folder of the test's own: HOME and the XDG folders point into it.
 class TemporaryHome : public TemporaryDirectory {
  public:

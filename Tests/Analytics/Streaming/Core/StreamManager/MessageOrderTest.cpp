@@ -116,8 +116,7 @@ std::string withoutOrderOfStickies(const std::string& words) {
 /// Sends the words through processes of one installation; "restart" kills one and starts the next.
 /// Answers all its logs, oldest first, the open one behind the last bar.
 std::string logsAfter(const std::string& words) {
-  ScopedEnvironment environment;
-  if (std::filesystem::exists("/dev/shm")) environment.set("TMPDIR", "/dev/shm");
+  const FoldersInMemory inMemory;
   const AgentHome home;
   std::istringstream in(words);
   std::shared_ptr<Pipeline> pipeline;
