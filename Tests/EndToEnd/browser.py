@@ -1,4 +1,4 @@
-"""Chromium without a window, driven over its debugging pipe. Standard library only."""
+"""Chromium without a window, driven over its debugging pipe."""
 
 import base64
 import contextlib
@@ -10,6 +10,8 @@ import subprocess
 import tempfile
 import threading
 import time
+
+from support import eventually
 
 PROGRAM = shutil.which("chromium")
 
@@ -97,12 +99,9 @@ class Browser(contextlib.AbstractContextManager):
 
     def until(self, expression, within=20.0):
         """Waits until the expression is true, and gives its value."""
-        deadline = time.monotonic() + within
-        while not (value := self.see(expression)):
-            if time.monotonic() > deadline:
-                raise AssertionError(f"not within {within} s: {expression}\n{self.complaints}")
-            time.sleep(0.05)
-        return value
+        if value := eventually(lambda: self.see(expression), within, every=0.05):
+            return value
+        raise AssertionError(f"not within {within} s: {expression}\n{self.complaints}")
 
     def press(self, *keys):
         codes = {"Enter": 13, "Escape": 27, "ArrowDown": 40, "ArrowUp": 38, "Tab": 9, "End": 35, "Home": 36}

@@ -3,23 +3,17 @@
 import os
 import pathlib
 import re
-import socket
 import subprocess
 import sys
 import unittest
 
+from loading import free_ports
 from support import BUILD, ROOT
 
 sys.path.insert(0, str(ROOT / "scripts/lib"))
 import typed  # noqa: E402
 
 TEXT = (ROOT / "docs/getting-started.md").read_text()
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return str(probe.getsockname()[1])
 
 
 def packages_of_this_machine():
@@ -36,7 +30,7 @@ class GettingStarted(unittest.TestCase):
         sections = dict(re.findall(r"^## (.*?)\n(.*?)(?=^## |\Z)", TEXT, re.M | re.S))
         self.packages, self.source = sections.pop("Install the packages"), sections.pop("Or build and install")
         self.rest = list(sections.values())
-        self.port = free_port()
+        self.port = str(*free_ports(1))
 
     def type_all(self, shell, text):
         for name, content in re.findall(r"^`([^`\n]+)`\n\n```\w+\n(.*?)^```$", text, re.M | re.S):
