@@ -27,6 +27,8 @@ from support import Collector, Home, eventually, fill, give_identifiers, move_to
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
 RATE = 15
+# The look-up of its name takes longer than any host lives.
+HANGING = "https://server.hangs/v1/skd.do"
 # Beyond it nobody waits between the redirects of a loop. Nine transfers go side by side, and each
 # follows nine at once.
 MOST_REDIRECTS_A_SECOND = 60
@@ -127,8 +129,8 @@ class Chaos(contextlib.AbstractContextManager):
     def as_host(self):
         return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
 
-    def start(self, *arguments, **popen):
-        return self.home.start(*arguments, "--server", self.collector.url, keep=self.kept,
+    def start(self, *arguments, server=None, **popen):
+        return self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
                                environment=self.environment, **self.as_host(), **popen)
 
     def start_host(self, threads=2, **how):
@@ -263,7 +265,7 @@ class Chaos(contextlib.AbstractContextManager):
         self.end_host()
         self.counts["kills"] += 1
         self.one_of(Chaos.start_host, Chaos.start_without_error_stream, Chaos.start_without_threads,
-                    Chaos.start_with_damage)(self)
+                    Chaos.start_with_damage, Chaos.start_without_names)(self)
 
     def start_without_error_stream(self):
         self.start_host(preexec_fn=lambda: os.close(2))
@@ -278,6 +280,14 @@ class Chaos(contextlib.AbstractContextManager):
         if not eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10):
             self.problems.append(f"after a start without threads there are but {Usage.of(self.host.pid)}")
         self.counts["starts without threads"] += 1
+
+    def start_without_names(self):
+        """The name server hangs under one host; the next one has another address."""
+        self.start_host(server=HANGING)
+        time.sleep(25 if self.length > 150 else 3)
+        self.end_host()
+        self.counts["hanging name servers"] += 1
+        self.start_host()
 
     def start_with_damage(self):
         """Blocks wait, and a byte of their index, of the settings or of both is another one."""

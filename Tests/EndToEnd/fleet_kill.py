@@ -1,5 +1,6 @@
 """Everything behind the address is killed under load: servers of the stream, collectors, the loader,
-the database; one server's disk is full, another is cut off. In the end every log that was acknowledged is in the stream and in the database, once, with all its events.
+the database; one server's disk is full, another is cut off; and agents are killed and started. In the
+end every log that was acknowledged is in the stream and in the database, once, with all its events.
 
     python3 Tests/EndToEnd/fleet_kill.py MINUTES [--seed N] [--rate LOGS]
 """
@@ -11,6 +12,7 @@ import itertools
 import os
 import pathlib
 import random
+import re
 import shutil
 import subprocess
 import sys
@@ -21,7 +23,7 @@ import time
 import fleet
 import frame_log
 from loading import Database, digest, loader, usual_log
-from support import Client, eventually, fill, play
+from support import Client, Home, eventually, fill, give_identifiers, play
 
 SENDERS = 8
 DAMAGED = 40  # every so many logs of a sender one that ends in rubbish
@@ -90,6 +92,7 @@ class FleetKill:
         self.length, self.chance, self.rate = minutes * 60, random.Random(seed), rate
         self.counts, self.problems, self.lines = collections.Counter(), [], []
         self.most = collections.Counter()  # resident bytes
+        self.agents = []
         self.stack = contextlib.ExitStack()
 
     def __enter__(self):
@@ -124,6 +127,12 @@ class FleetKill:
         self.collectors = [enter(fleet.StreamCollector(self.folder, self.servers)) for _ in range(2)]
         for collector in self.collectors:
             collector.await_ready()
+        for number in range(2):
+            home = enter(Home())
+            give_identifiers(home)
+            self.agents.append((home, self.collectors[number], []))
+            self.start_agent(number)
+        done(self.stop_agents)
         self.senders = [Sender(n, self.collectors, self.rate / SENDERS) for n in range(SENDERS)]
         for sender in self.senders:
             sender.start()
@@ -134,6 +143,17 @@ class FleetKill:
     def start_loader(self):
         self.loader = loader(self.servers, self.database, "--batch", "64", "--ack-wait", "5")
         self.counts["loaders"] += 1
+
+    def start_agent(self, number, *arguments):
+        home, collector, running = self.agents[number]
+        arguments = arguments or ("--rate", "20", "--events", "1000000")
+        running[:] = [home.start(*arguments, "--server", collector.url, keep=home.path / "kept",
+                                 environment=home.environment(SSL_CERT_FILE=collector.authority))]
+
+    def stop_agents(self):
+        for _, _, running in self.agents:
+            for process in running:
+                process.kill()
 
     def taken(self):
         return sum(len(sender.acknowledged) for sender in self.senders)
@@ -184,6 +204,12 @@ class FleetKill:
     def part_of_the_database(self):
         self.database.kill(all_of_it=False)
 
+    def agent(self):
+        number = self.chance.randrange(len(self.agents))
+        for process in self.agents[number][2]:
+            process.kill()
+        self.start_agent(number)
+
     def full_disk(self):
         ballast = self.small / "ballast"
         with contextlib.suppress(OSError), open(ballast, "wb") as file:
@@ -203,7 +229,7 @@ class FleetKill:
     # The run
 
     def run(self):
-        kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database,
+        kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
                  self.all_servers, *([self.two_servers] if self.length > 60 else []),
                  *([self.full_disk] if self.small else []), *([self.partition] if self.apart.is_there else [])]
         began, rounds, to_come = time.monotonic(), 0, list(kinds)
@@ -235,6 +261,14 @@ class FleetKill:
             sender.ends.set()
         for sender in self.senders:
             sender.join(30)
+        for number, (home, _, running) in enumerate(self.agents):
+            for process in running:
+                process.kill()
+            for _ in range(2):
+                self.start_agent(number, "--rate", "50", "--events", "30", "--linger", "40")
+                running[0].wait(120)
+            if home.blocks() or home.committed_logs():
+                self.problems.append(f"an agent keeps {len(home.blocks())} blocks when all is well")
         began = time.monotonic()
 
         def loaded():
@@ -287,11 +321,32 @@ class FleetKill:
         events = int(self.database.ask("SELECT count(*) FROM skelda.events")[0][0])
         if events != sum(each[1] for each in there.values()):
             self.problems.append("there are events of no log")
+        sent = self.account_of_agents(stream, hold)
         self.lines += [
             "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
-            f"stream: {len(bodies)} messages, {len(stream)} different, damaged {len(aside)}",
-            f"database: {len(there)} logs, {events} events",
+            f"stream: {len(bodies)} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
+            f"database: {len(there)} logs, {events} events; of agents that number committed twice: "
+            + self.database.ask("SELECT count(*) FROM (SELECT 1 FROM skelda.logs WHERE device NOT LIKE 'sender%' "
+                                "GROUP BY api_key, device, counter HAVING count(*) > 1) AS twice")[0][0],
             "resident at most: " + ", ".join(f"{name} {most >> 20} MiB" for name, most in sorted(self.most.items()))]
+
+    def account_of_agents(self, stream, hold):
+        """Of the logs that agents committed, how many came. What an agent gave up it has said so."""
+        came = 0
+        for home, _, _ in self.agents:
+            log = "\n".join(home.log_lines())
+            given_up = set(re.findall(r"Removed File :(\S+) as we have reached|Hence removing file\.File Name:(\S+)"
+                                      r"|3 tries failed to upload the file\.File Name:(\S+)", log))
+            given_up = {name for names in given_up for name in names}
+            sent = {path.name: digest(path.read_bytes()) for path in (home.path / "kept").glob(".skelda*_*[0-9]")}
+            missing = {name for name, each in sent.items() if each not in stream and name not in given_up}
+            if len(missing) > log.count("discard outdated block id"):
+                hold("logs of an agent that did not come", missing)
+            self.counts["logs given up by agents"] += len(sent) - sum(each in stream for each in sent.values())
+            came += sum(each in stream for each in sent.values())
+        if came == 0:
+            self.problems.append("no log of an agent came")
+        return came
 
     def report(self):
         return "\n".join(self.lines)

@@ -1,6 +1,9 @@
 // Linked beside a watch application: from before its main on, whatever becomes of a committed log
-// or a block, it stays in the folder of SKELDA_TEST_KEEP under its name.
+// or a block, it stays in the folder of SKELDA_TEST_KEEP under its name. And the name server hangs
+// where a name in "hangs" is looked up.
 
+#include <dlfcn.h>
+#include <netdb.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,3 +41,13 @@ const bool kKept = [] {
 }();
 
 }  // namespace
+
+extern "C" [[gnu::visibility("default")]] int getaddrinfo(const char* name, const char* service,
+                                                          const addrinfo* hints, addrinfo** found) {
+  static const auto real =
+      reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (name == nullptr || !std::string_view(name).ends_with(".hangs"))
+    return real(name, service, hints, found);
+  ::sleep(45);
+  return EAI_AGAIN;
+}
