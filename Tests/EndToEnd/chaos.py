@@ -18,6 +18,7 @@ import resource
 import shutil
 import subprocess
 import sys
+import threading
 import time
 
 import account_file
@@ -49,6 +50,40 @@ def keeps_attributes(folder):
     finally:
         probe.unlink()
     return True
+
+
+class Addresses(threading.Thread):
+    """Samples which addresses a process is connected to."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.pid = None
+        self.seen = set()
+        self.ending = False
+        self.start()
+
+    def run(self):
+        while not self.ending:
+            with contextlib.suppress(OSError):
+                if self.pid:
+                    self.sample(self.pid)
+            time.sleep(0.05)
+
+    def sample(self, pid):
+        inodes = set()
+        for entry in os.listdir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(OSError):
+                inodes.update(re.findall(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{entry}")))
+        for table in ("tcp", "tcp6", "udp", "udp6"):
+            for line in pathlib.Path(f"/proc/{pid}/net/{table}").read_text().splitlines()[1:]:
+                fields = line.split()
+                if fields[9] in inodes and fields[3] != "0A":
+                    self.seen.add(fields[2])
+
+    def elsewhere(self, ports):
+        """The addresses that are not loopback on one of the ports."""
+        loopback = {f"0100007F:{port:04X}" for port in ports}
+        return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
 
 
 # Nine requests at most go side by side, and their connections are kept for the next ones while logs
@@ -109,6 +144,7 @@ class Chaos(contextlib.AbstractContextManager):
         shutil.copyfile(self.collector.authority, authority)
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
         self.blocks_carry_keys = keeps_attributes(self.kept)
+        self.addresses = Addresses()
         if ROOT_USER:
             for folder, names, files in os.walk(self.home.path):
                 for name in [".", *files]:
@@ -130,8 +166,10 @@ class Chaos(contextlib.AbstractContextManager):
         return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
 
     def start(self, *arguments, server=None, **popen):
-        return self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
+        host = self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
                                environment=self.environment, **self.as_host(), **popen)
+        self.addresses.pid = host.pid
+        return host
 
     def start_host(self, threads=2, **how):
         self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
@@ -356,6 +394,9 @@ class Chaos(contextlib.AbstractContextManager):
                                  "logs are left when all is well")
         if self.home.leftovers():
             self.problems.append(f"left behind: {self.home.leftovers()}")
+        self.addresses.ending = True
+        if elsewhere := self.addresses.elsewhere({self.collector.port}):
+            self.problems.append(f"connected to {elsewhere}")
         self.collect()
         self.collector.stop()
         self.collector_output += self.collector.process.lines
