@@ -316,10 +316,11 @@ bool WorkerPool::sleep(Worker& me, Sleep how) noexcept {
   return true;
 }
 
-/// Whether one whose time to linger is over goes: others are idle, and nobody has called it.
+/// Whether one whose time to linger is over goes: nobody has called it. The one that was idle first
+/// has no such time, and is called last.
 bool WorkerPool::mayGo(Worker& me) noexcept {
   const MutexLock lock(mutex_);
-  if (!me.isIdle || idle_ <= kKeptIdle) return false;
+  if (!me.isIdle) return false;
   Worker** link = &idleWorkers_;
   while (*link != &me) link = &(*link)->nextIdle;
   *link = me.nextIdle;

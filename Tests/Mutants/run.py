@@ -57,6 +57,8 @@ PROGRAMS = {
 }
 # Run by its tests as a process, where it lies.
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
+# Where another needs something of the member that the mutant has no more, the mutant's still come first.
+TWICE = "-Wl,--allow-multiple-definition"
 QUICK, SLOW = 300, 1500  # milliseconds
 COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
@@ -198,7 +200,7 @@ class Build:
     def linked(self, program, member, folder, target):
         """Makes a program with the mutant's object in place of that member of its library."""
         command = self.linking[program].replace(f" {member} ", " ")
-        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} -o {target} ", command, count=1)
+        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} {TWICE} -o {target} ", command, count=1)
         run = subprocess.run(command, shell=True, cwd=self.folder, capture_output=True, text=True)
         if run.returncode or not found:
             raise SystemExit(f"{command}: {run.stderr}")

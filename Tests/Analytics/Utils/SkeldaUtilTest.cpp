@@ -1,6 +1,7 @@
 #include <stdexcept>
 
 #include "Analytics/Utils/SkeldaDateUtil.h"
+#include "Analytics/Utils/SkeldaJSON.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Foundation/Exception.h"
@@ -149,6 +150,9 @@ TEST_F(SkeldaUtilTest, TextsAreEncodedAndDecoded) {
   for (std::size_t length = 0; length < std::size(kept); ++length) {
     EXPECT_EQ(SkeldaUtil::trimString(accented, length), accented.substr(0, kept[length]));
   }
+  EXPECT_EQ(SkeldaUtil::trimString("\x80\x80\x80", 1), "") << "nothing but ends";
+  EXPECT_EQ(SkeldaUtil::hexadecimalStringForData(Data("\x9f\x05", 2)), "9f05");
+  EXPECT_EQ(SkeldaJSON::skeldaJsonStringWithPrettyPrint({{"k", 1}}, false), R"({"k":1})");
 }
 
 TEST_F(SkeldaUtilTest, IdentifiersAreStableAndNeverTheMachinesOwn) {

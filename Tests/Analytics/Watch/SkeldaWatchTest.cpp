@@ -13,10 +13,12 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
+#include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/StorageLock.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
@@ -44,7 +46,13 @@ const Scenario firstEvents("the first events", [] {
 
   // 2 events, user property, opt-out, user id, and one each of what start-up sends.
   std::map<std::int32_t, int> counts;
-  for (const auto& message : recorder->messages(14)) ++counts[message->frameType()];
+  std::vector<std::uint32_t> ids;
+  for (const auto& message : recorder->messages(14)) {
+    ++counts[message->frameType()];
+    const auto event = std::dynamic_pointer_cast<SkeldaStreamEvent>(message);
+    if (event != nullptr) ids.push_back(event->eventId());
+  }
+  expect(ids == std::vector<std::uint32_t>{1, 2}, "ids in order from 1");
   const std::map<std::int32_t, int> expected{{132, 1}, {133, 1}, {134, 2}, {139, 1}, {141, 1},
                                              {146, 1}, {148, 1}, {149, 1}, {153, 1}, {156, 1},
                                              {162, 1}, {171, 1}, {174, 1}};
@@ -145,6 +153,7 @@ const Scenario startThatThrows("a start that throws", [] {
   SkeldaUserProperties::flag("x");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "first");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "second");
+  expect(SkeldaWatch::account().refused.otherProcess == 2, "counted");
   const auto found = SkeldaWatch::status().findings;
   expect(std::ranges::count(found, "not-started", &SkeldaFinding::code) == 1, "told");
   SkeldaCCPA::setDelete();
@@ -157,6 +166,25 @@ TEST(SkeldaWatch, AStartThatThrowsCountsAsDoneAndIsSaidOnce) {
   EXPECT_EQ(outcome.status, 0) << outcome.output;
   EXPECT_EQ(outcome.count("Skelda: the agent could not be built, nothing is logged: "
                           "wrong class being sent"),
+            1);
+}
+
+const Scenario folderOfAnother("a folder that another process holds", [] {
+  const HostBundle host(kWatch);
+  expect(SkeldaWatch::logWatchEvent("Lap") == 0, "refused");
+  expect(SkeldaWatch::account().refused.otherProcess == 1, "counted");
+  return failures;
+});
+
+TEST(SkeldaWatch, LogsNothingWhereAnotherProcessHoldsTheFolder) {
+  AgentHome home;
+  const HostBundle host(kWatch);
+  const std::string lock = SkeldaAgentFiles::lockFile();
+  ASSERT_EQ(platform::StorageLock::acquire(lock).status, platform::StorageLock::Status::held);
+  const auto outcome = Scenario::run("a folder that another process holds");
+  platform::StorageLock::release(lock);
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  EXPECT_EQ(outcome.count("process " + std::to_string(::getpid()) + " holds the storage folder"),
             1);
 }
 

@@ -260,6 +260,10 @@ TEST_F(LogTest, AHangingStandardErrorIsGivenUpForASink) {
   Log::write("to the sink");
   EXPECT_TRUE(Log::flush(kPatience));
   EXPECT_EQ(lines, 1);
+  select("stderr");
+  for (int i = 0; i < 3; ++i) Log::write("to nobody");
+  select("off");
+  EXPECT_TRUE(Log::flush(kPatience)) << "what waits for standard error is said to nobody";
   ::close(ends[0]);
   ::close(ends[1]);
 }

@@ -244,12 +244,18 @@ TEST(QueueTest, AWaitThatCannotEndIsRefusedWithTheNamesOfBothQueues) {
 
 TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {
   const Happening ran;
+  std::weak_ptr<Queue> below;
   {
     const QueueRef queue = Queue::serial("short-lived", Queue::concurrent("as short"));
-    for (int i = 0; i < 300; ++i) queue->async([] { std::this_thread::yield(); });
-    queue->async([ran] { ran.happen(); });
+    const QueueRef gate = Queue::concurrent("shorter", queue);
+    below = gate;
+    for (int i = 0; i < 300; ++i) gate->async([] { std::this_thread::yield(); });
+    gate->async([ran] { ran.happen(); });
   }
   EXPECT_TRUE(ran.cameInTime());
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!below.expired() && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+  EXPECT_TRUE(below.expired()) << "and no longer";
 }
 
 TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {

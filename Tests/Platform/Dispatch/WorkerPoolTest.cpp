@@ -16,8 +16,8 @@
 namespace skelda::platform {
 namespace {
 
-/// Threads of the layer, and how often each has gone to sleep by itself.
-std::map<std::string, long> layerThreads() {
+/// Threads of the layer with names that begin so, and how often each has gone to sleep by itself.
+std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
   std::map<std::string, long> threads;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::ifstream status(task.path() / "status");
@@ -25,7 +25,7 @@ std::map<std::string, long> layerThreads() {
     std::string name;
     while (std::getline(status, line)) {
       if (line.starts_with("Name:")) name = line.substr(6);
-      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with("skelda-")) {
+      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin)) {
         threads[task.path().filename().string()] = std::stol(line.substr(24));
       }
     }
@@ -99,6 +99,7 @@ TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   EXPECT_LE(layerThreads().size(), 2U);
+  EXPECT_EQ(layerThreads("skelda-worker").size(), 1U);
   // The last one may still be on its way to sleep; after that the counts stand.
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   const auto before = layerThreads();

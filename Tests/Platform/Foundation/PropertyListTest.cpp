@@ -155,6 +155,10 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
       {{"\xD1\x01\x02", std::string("\x52k\0", 3), "\x09"}},      // and in ASCII
       {{"\x51\xE5"}},                                             // text that is not UTF-8
       {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},                 // a date past every calendar
+      {{std::string("\x33\x41\xDF\xFF\xFF\xFF\xC0\0\0",
+                    9)}},  // and past what the library counts in
+      {{std::string("\x33\x41\xE0\0\0\0\0\0\0", 9)}},
+      {{"\xD1\x01\x02", "\x51\xE5", "\x09"}},  // a key that is not UTF-8
       {{"\x51x"}, 1},
       {{"\x51x"}, 0, 7},
       {{"\x51x"}, 0, 1 << 20},

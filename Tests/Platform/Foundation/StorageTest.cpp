@@ -64,6 +64,7 @@ class StorageReserveTest : public ::testing::Test {
     std::filesystem::create_directories(folder_ / "commited");
     writeFile(folder_ / "log", "frames");
     StorageReserve::take(reserve_);
+    EXPECT_EQ(std::filesystem::file_size(reserve_), StorageReserve::kFileLength);
   }
   ~StorageReserveTest() override { StorageReserve::forget(); }
   /// What must not fail: a copy, a new file, an archive.
@@ -100,7 +101,6 @@ TEST_F(StorageReserveTest, IsThereWhereDescriptorsRunOut) {
 }
 
 TEST_F(StorageReserveTest, GivesItsFileUpWhereTheDiskIsFullAndTakesItAnew) {
-  EXPECT_EQ(std::filesystem::file_size(reserve_), StorageReserve::kFileLength);
   const auto plan = std::make_shared<FaultPlan>();
   const FaultyFileCalls calls(plan);
   plan->failKind("allocate", 1, {.error = ENOSPC, .times = Fault::kForEver});

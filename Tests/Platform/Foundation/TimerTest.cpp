@@ -47,6 +47,7 @@ TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
   expectDrained(queue);
   EXPECT_EQ(ticks, 0);
   invalidated.reset();
+  Timer::scheduled(std::chrono::hours(1), false, queue, [held](Timer&) {})->invalidate();
   EXPECT_EQ(held.use_count(), 1);
 }
 

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <openssl/ssl.h>
 #include <unistd.h>
@@ -290,6 +292,20 @@ TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
   EXPECT_EQ(undecided->code, platform::kURLErrorTimedOut);
 }
 
+constexpr const char* kUnknownHost = "unknown.example";
+unsigned interfaceFlags = 0;  // of the only interface that the machine has
+
+TEST(URLSession, AHostIsNotFoundOnlyWhereThereIsANetwork) {
+  const std::pair<unsigned, std::int64_t> cases[] = {
+      {IFF_UP | IFF_RUNNING, platform::kURLErrorCannotFindHost},
+      {IFF_UP, platform::kURLErrorNotConnectedToInternet},
+      {IFF_UP | IFF_RUNNING | IFF_LOOPBACK, platform::kURLErrorNotConnectedToInternet}};
+  for (const auto& [flags, code] : cases) {
+    interfaceFlags = flags;
+    EXPECT_EQ(perform(getRequest(std::string("http://") + kUnknownHost))->code, code) << flags;
+  }
+}
+
 TEST(URLSession, ANameServerThatHangsHoldsNeitherItsRequestNorOthers) {
   LoopbackServer server(answerWell);
   const HangingNameServer hanging;
@@ -438,7 +454,19 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
     HangingNameServer::ask();
     return EAI_AGAIN;
   }
+  if (node != nullptr && std::string_view(node) == skelda::testing::kUnknownHost) {
+    return EAI_NONAME;
+  }
   using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
   static const auto systems = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getaddrinfo"));
   return systems(node, service, hints, result);
 }
+extern "C" __attribute__((visibility("default"))) int getifaddrs(ifaddrs** all) noexcept {
+  static sockaddr address{.sa_family = AF_INET, .sa_data = {}};
+  static ifaddrs only{};
+  only.ifa_addr = &address;
+  only.ifa_flags = skelda::testing::interfaceFlags;
+  *all = &only;
+  return 0;
+}
+extern "C" __attribute__((visibility("default"))) void freeifaddrs(ifaddrs*) noexcept {}

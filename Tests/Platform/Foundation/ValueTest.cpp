@@ -4,6 +4,7 @@
 
 #include <limits>
 
+#include "Platform/Foundation/Error.h"
 #include "Platform/Platform.h"
 
 namespace {
@@ -25,6 +26,7 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
   } cases[] = {
       {false, 0.0F, true},
       {-1, kUnsignedMax, false},
+      {kSignedMax, static_cast<std::uint64_t>(kSignedMax), true},
       // Neither fits a double, which rounds both to 2 to the 63rd and 64th.
       {kSignedMax, 9223372036854775808.0, false},
       {kSignedMin, -9223372036854775808.0, true},
@@ -39,6 +41,11 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
     EXPECT_EQ(a == b, equal) << a.description() << " and " << b.description();
     EXPECT_EQ(b == a, equal) << b.description() << " and " << a.description();
   }
+}
+
+TEST(ErrorTest, SaysWhatItIsWhereItsInformationHasNoText) {
+  const platform::Error error(platform::makeErrorDomain("d"), 7, Dictionary{{"key", 1}});
+  EXPECT_EQ(error.localizedDescription(), "The operation could not be completed. (d error 7.)");
 }
 
 TEST(ValueTest, NestsAsDeepAsMemoryGoes) {

@@ -309,6 +309,7 @@ TEST(SealingTest, NeverUsesANonceTwiceAndRefusesLengthsThatDoNotFit) {
   EXPECT_NE(sealed->nonce, seal(key, "secret", "context")->nonce);
   EXPECT_EQ(unseal(SealingKey(), *sealed, "context"), std::nullopt);
   EXPECT_EQ(unseal(key, {std::string(12, 'n'), "short"}, "context"), std::nullopt);
+  EXPECT_EQ(unseal(key, {sealed->nonce + "n", sealed->bytes}, "context"), std::nullopt);
   // The library counts in int, of which this length would become one.
   const std::string_view tooLong("c", (std::size_t{1} << 32) + 1);
   EXPECT_FALSE(seal(key, "secret", tooLong));

@@ -17,6 +17,7 @@ TEST(WCPacket, WhatIsNoPacketIsRefused) {
         R"({"kind":"received"})", R"({"kind":"message","content":"text"})",
         R"({"kind":"message","content":{}} tail)", "\xff\xfe"})
     EXPECT_FALSE(WCPacket::decoded(text)) << text;
+  EXPECT_TRUE(WCPacket::decoded(R"({"kind":"received","id":0})"));
   const std::string deep(100, '[');
   EXPECT_FALSE(WCPacket::decoded(R"({"kind":"message","content":{"a":)" + deep));
 }

@@ -93,6 +93,10 @@ TEST_F(SkeldaFramesTool, ShowsOneLineAFrame) {
             std::string::npos)
       << out;
   EXPECT_TRUE(out.ends_with(":wrong {}\n")) << out;
+  const auto plain =
+      runOn(frameBytes(1, 134, R"({"sk.event.name":"TGFw"})", 253402300799999), "--plain").out;
+  EXPECT_NE(plain.find("9999-12-31T23:59:59.999Z"), std::string::npos) << plain;
+  EXPECT_TRUE(plain.ends_with("{\"sk.event.name\":\"Lap\"}\n")) << plain;
 }
 
 TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
@@ -144,16 +148,16 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
 TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
   const auto counted = runOn(kCounter + sessionId(1) + event("Lap") + event("Run") + event("Lap") +
                                  sessionId(1) + sessionId(2) + frameBytes(1, 128, "{}") +
-                                 frameBytes(1, 134, "?"),
+                                 frameBytes(1, 134, "?") + frameBytes(1, 134, "{}"),
                              "--summary");
   EXPECT_EQ(counted.out,
-            "frames 9\npayload bytes 248\n"
+            "frames 10\npayload bytes 250\n"
             "from 2020-09-13T12:26:40.000Z\nto 2020-09-13T12:26:40.000Z\n"
             "sessions 2\n"
             "type 2 SkeldaStreamCounter 1\n"
             "type 128 SkeldaStreamSessionId 4\n"
-            "type 134 SkeldaStreamEvent 4\n"
-            "events 4\nevent 2 Lap\nevent 1 Run\nevent 1 (other names)\n");
+            "type 134 SkeldaStreamEvent 5\n"
+            "events 5\nevent 2 Lap\nevent 1 Run\nevent 2 (other names)\n");
 }
 
 TEST_F(SkeldaFramesTool, SaysByItsExitStatusWhatWentWrong) {

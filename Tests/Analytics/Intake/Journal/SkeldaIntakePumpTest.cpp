@@ -123,6 +123,9 @@ TEST(SkeldaIntakePump, KeepsTheOrderOfCallsOverAllSources) {
       case 3:
         run.call(Kind::deletion), said.emplace_back("175");
         break;
+      case 4:
+        run.call(Kind::clearProperties, Value(text)), said.push_back(text);
+        break;
       default:
         run.event(text), said.push_back(text);
     }
@@ -140,13 +143,14 @@ TEST(SkeldaIntakePump, SettlesWhatASourceRefusesWithItsReason) {
   run.call(Kind::event, broken, none);
   run.call(Kind::event, name, name);
   run.call(Kind::purchase, name, none, name);
+  run.call(Kind::purchase, name, none, Value(platform::Dictionary{{"\xff", "p"}}));
   run.call(Kind::setProperties, name, name);
   run.call(Kind::addProperties, name, Value(platform::Array{"\xff"}));
   run.call(Kind::userId, broken);
   run.call(Kind::userId, none);  // no news
   ASSERT_TRUE(run.isStored());
   using Of = SkeldaIntakeFile::Kind;
-  EXPECT_EQ(run.settled(Of::event, Outcome::notUTF8), 1U);
+  EXPECT_EQ(run.settled(Of::event, Outcome::notUTF8), 2U);
   EXPECT_EQ(run.settled(Of::event, Outcome::wrongKind), 2U);
   EXPECT_EQ(run.settled(Of::choice, Outcome::wrongKind), 1U);
   EXPECT_EQ(run.settled(Of::choice, Outcome::notUTF8), 2U);
@@ -212,7 +216,8 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
   {
     AgentRun killed(files.open());  // with its first event on its way
     killed.pipeline->stores = false;
-    killed.event("first");
+    killed.call(Kind::purchase, "first", platform::Dictionary{{"lap", "1"}},
+                platform::Dictionary{{"sk.ProductID", "p"}});
     killed.start();
     killed.pipeline->messages(3);
   }
@@ -239,6 +244,7 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
             property.relativeTimeStamp());
   const auto& first = dynamic_cast<const SkeldaStreamEvent&>(*messages[2]);
   EXPECT_EQ(first.uptime(), first.relativeTimeStamp());
+  EXPECT_EQ(first.parameters(), (platform::Dictionary{{"bGFw", "MQ=="}}));
   EXPECT_TRUE(SkeldaConsentCore::sharedInstance()->getConsent().isGDPRScope());
   EXPECT_TRUE(addsUp(*run.file));
 }
@@ -282,6 +288,7 @@ TEST(SkeldaIntakePump, GivesARecordOfAnotherBootTheUptimeOfItsReplay) {
 
 TEST(SkeldaIntakeAccount, ALogThatIsThereCountsAndOneThatNobodyCountedAsGoneIsNamed) {
   const AgentHome home;
+  EXPECT_TRUE(SkeldaIntake::waitUntilStored({})) << "nothing was accepted yet";
   auto& page = SkeldaAccounting::page();
   const auto& unreadable = page.logsRemoved[static_cast<std::size_t>(SkeldaLogRemoval::unreadable)];
   const std::string folder = SkeldaAgentFiles::commitedFrameLogsFolder();

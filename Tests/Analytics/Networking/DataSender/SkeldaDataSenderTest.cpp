@@ -57,6 +57,9 @@ TEST_F(SkeldaURLSessionTaskTest, HasTheAnswerAndTellsTheNetworkProviderWhereTher
   EXPECT_EQ(error->code(), platform::kURLErrorCannotConnectToHost);
   post(server.url("/500"), "bytes");
   EXPECT_EQ(provider->lastNetworkOperationError(), nullptr) << "an answer is no error";
+  const auto without = SkeldaURLSessionTask::post(server.url("/204"), delegate_);
+  EXPECT_EQ(delegate_->wait(2).size(), 2u);
+  EXPECT_EQ(server.requests().back().method, "POST");
 }
 
 TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirstRequest) {
@@ -245,7 +248,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   const auto sender = makeSender();
   counted();
   std::vector<std::string> identifiers;
-  for (const char* text : {"whole", "missing", "truncated", "lengthened", "linked"}) {
+  for (const char* text : {"whole", "missing", "truncated", "lengthened", "linked", "swapped"}) {
     identifiers.push_back(sender->storeData(bytes(text)).value_or(""));
   }
   std::filesystem::remove(home_.storageFolder() + "/" + identifiers[1]);
@@ -262,10 +265,12 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
     drain(sender->dataIndex());
   }
   EXPECT_GE(blocks(sender).size(), 1u);
+  const FaultyFileCalls swapped(identifiers[5]);  // for a link, by the time that it is opened
+  swapped->failAll("open", ELOOP);
   sendTo(server);
   sender->retransmitNotSentBlocks();
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty() && isIdle(sender); }));
-  EXPECT_EQ(counted(), (Counts{5, 1, 0, 0, 0, 4}));
+  EXPECT_EQ(counted(), (Counts{6, 1, 0, 0, 0, 5}));
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].body, "whole");
 }

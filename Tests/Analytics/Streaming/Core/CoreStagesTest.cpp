@@ -120,6 +120,14 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
   }
 }
 
+/// One that has nothing to say, behind one that has.
+struct SilentRule : ISkeldaStreamFlushRule {
+  SkeldaStreamFlushResponse refreshFlushStatusForMessage(const ISkeldaStreamMessage::Ref&,
+                                                         Messages&, Messages&) override {
+    return {};
+  }
+};
+
 // Sessions of at most 5 events or 10 minutes, with the app info (133) as their mandatory message.
 TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
   using Rule = SkeldaWatchStreamSessionRule;
@@ -129,7 +137,8 @@ TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
   };
   for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
     const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
-        {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, lookup)});
+        {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, lookup),
+         std::make_shared<SilentRule>()});
     const auto next = std::make_shared<RecordingStage>();
     policy->registerNextStageComponent(next);
     policy->updateState(ISkeldaStreamCoreComponent::kStateReady);

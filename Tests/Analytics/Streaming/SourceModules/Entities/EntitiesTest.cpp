@@ -84,6 +84,10 @@ TEST(EntityPayload, IsAbsentForARecordThatIsNotValid) {
       SkeldaStreamUserProperties::updateUserPropertiesName(nothing, platform::Array{}, 1),
       SkeldaStreamUserProperties::updateUserPropertiesName("n", nothing, 1),
       std::make_shared<SkeldaStreamUserProperties>(),
+      SkeldaStreamUserProperties::streamEntityFromJSONData(
+          jsonData(R"({"sk.user.property.id":0,"sk.user.property.uptime":1,)"
+                   R"("sk.user.property.key":"k","sk.user.property.values":["v"],)"
+                   R"("sk.user.property.call.type":1})")),
   };
   for (const auto& entity : invalid) {
     EXPECT_EQ(entity->payload(), std::nullopt) << entity->className();
