@@ -6,7 +6,7 @@
 #include <chrono>
 
 #include "Benchmarks/AgentBenchmark/Measurements.h"
-#include "Tests/Support/SentLogKeeper.h"
+#include "Benchmarks/AgentBenchmark/SentLogKeeper.h"
 
 namespace measure {
 

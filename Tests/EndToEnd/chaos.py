@@ -153,6 +153,7 @@ class Chaos(contextlib.AbstractContextManager):
     def collect(self):
         """Takes what hosts have removed off the disk."""
         for path in self.kept.iterdir():
+            path.chmod(0o600)
             self.contents.setdefault(path.name, path.read_bytes())
             path.unlink()
 
@@ -448,15 +449,14 @@ class Chaos(contextlib.AbstractContextManager):
 
     def report(self):
         fates = self.account()
-        by_fate = {}
+        by_fate = collections.defaultdict(list)
         for name, fate in fates.items():
-            by_fate.setdefault(fate, []).append(name)
+            by_fate[fate].append(name)
         lines = [f"{self.length / 60:g} minutes: " + ", ".join(f"{n} {what}" for what, n in self.counts.items())
                  + f", {self.untrusted} untrusted certificates",
                  f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:"]
         lines += [f"  {len(names):5} {fate}" for fate, names in sorted(by_fate.items(), key=lambda i: -len(i[1]))]
-        lines.append("usage of the last host, early and late: {} KiB, {} threads, {} descriptors, {} sockets; "
-                     "{} KiB, {} threads, {} descriptors, {} sockets".format(*(value for usage in self.usage for value in dataclasses.astuple(usage))))
+        lines += [f"the last host, {when}: {usage}" for when, usage in zip(("early", "late"), self.usage)]
         for fate in ("LOST", "RECEIVED, NEVER COMMITTED"):
             self.problems += [f"{fate}: {name}" for name in by_fate.get(fate, [])]
         for entry in self.collector.entries():

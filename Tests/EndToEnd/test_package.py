@@ -137,10 +137,6 @@ class Package(unittest.TestCase):
                 self.assertEqual(shared, "libSkelda_Watch.so.1" in self.needs(program))
                 self.leaves_its_event(program)
 
-    def test_a_program_that_a_compiler_builds_with_two_folders_named_leaves_its_event(self):
-        self.leaves_its_event(self.compiled("plain", f"-I{self.prefix / 'include'}", f"-L{self.library.parent}",
-                                            "-lSkelda_Watch"))
-
     def test_what_cannot_work_is_refused_by_cmake_with_a_sentence(self):
         source = self.folder / "refused"
         source.mkdir()

@@ -21,7 +21,7 @@ class Keeping : public skelda::platform::FileCalls {
   int unlink(const char* path) override {
     const std::string_view name =
         std::string_view(path).substr(std::string_view(path).rfind('/') + 1);
-    const bool isBlock = name.size() == 36 && std::ranges::count(name, '-') == 4;
+    const bool isBlock = name.size() == 36 && name[0] != '.' && std::ranges::count(name, '-') == 4;
     if (isBlock || name.starts_with(".skeldaCommitedFrameLog_")) {
       // It may be there: a kill fell between this and the removal.
       if (::link(path, (folder_ + '/' + std::string(name)).c_str()) != 0 && errno != EEXIST)

@@ -1,4 +1,4 @@
-#include "Tests/Support/SentLogKeeper.h"
+#include "Benchmarks/AgentBenchmark/SentLogKeeper.h"
 
 #include <cstdio>
 #include <system_error>
