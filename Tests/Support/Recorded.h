@@ -26,6 +26,16 @@ void settle(Actor& actor) {
   for (int hops = 0; hops < 3; ++hops) actor.syncBlock([] {});
 }
 
+/// Runs `body(0)` to `body(count - 1)` side by side, each in a thread of its own, to their ends.
+template <class Body>
+void inThreads(unsigned count, Body&& body) {
+  std::vector<std::thread> threads;
+  for (unsigned thread = 0; thread < count; ++thread) {
+    threads.emplace_back([&body, thread] { body(thread); });
+  }
+  for (auto& thread : threads) thread.join();
+}
+
 /// What was told to a test from other threads, in order. Any thread.
 template <class Thing>
 class Recorded {

@@ -8,10 +8,10 @@
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Foundation/URLError.h"
-#include "Tests/Analytics/Threads.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 namespace {

@@ -7,8 +7,8 @@
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
-#include "Tests/Analytics/Threads.h"
 #include "Tests/Support/Documents.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 namespace {

@@ -21,7 +21,6 @@
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
-#include "Tests/Analytics/Threads.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 

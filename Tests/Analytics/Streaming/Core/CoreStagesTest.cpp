@@ -49,14 +49,13 @@ TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStag
   const auto next = std::make_shared<RecordingStage>();
   buffer->registerNextStageComponent(next);
   buffer->pause();
-  std::vector<std::thread> sources;
-  for (std::uint32_t source = 0; source < kSources; ++source) {
-    sources.emplace_back([&buffer, source] {
-      for (std::uint32_t i = 0; i < kMessages; ++i) {
+  std::thread sources([&buffer] {
+    inThreads(kSources, [&buffer](unsigned source) {
+      for (unsigned i = 0; i < kMessages; ++i) {
         buffer->streamMessage(eventAt(source * kMessages + i));
       }
     });
-  }
+  });
   buffer->nextStageDidChangeState(3);
   settle(*buffer);
   EXPECT_EQ(next->words(), "") << "ready, but paused";
@@ -64,7 +63,7 @@ TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStag
     buffer->resume();
     buffer->pause();
   }
-  for (auto& source : sources) source.join();
+  sources.join();
   buffer->resume();
 
   std::vector<std::uint32_t> seen(kSources, 0);

@@ -7,7 +7,6 @@
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
-#include "Tests/Analytics/Threads.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 
 using platform::Dictionary;

@@ -22,7 +22,6 @@
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
-#include "Tests/Analytics/Threads.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
