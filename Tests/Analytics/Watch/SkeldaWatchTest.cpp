@@ -174,6 +174,7 @@ TEST(SkeldaWatch, LogsNothingWhereAnotherProcessHoldsTheFolder) {
 }
 
 TEST(SkeldaWatch, IsSafeFromManyThreads) {
+  const FoldersInMemory inMemory;
   AgentHome home;
   const auto outcome = Scenario::run("eight threads");
   EXPECT_EQ(outcome.status, 0) << outcome.output;
