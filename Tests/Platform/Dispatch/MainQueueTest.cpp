@@ -81,7 +81,7 @@ TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
   ASSERT_TRUE(busy.cameInTime());
   std::thread host([] { EXPECT_TRUE(MainQueue::run()); });
   Queue::main()->async([&] { EXPECT_TRUE(left) << "one block at a time, whoever serves"; });
-  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(100)));
+  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(10)));
   leave.happen();
   while (threadOfMainQueue() != host.get_id()) std::this_thread::yield();
   std::atomic<int> afterTheStop{0};
