@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 #include <set>
 #include <utility>
 
@@ -74,7 +73,8 @@ platform::Data SkeldaDataSenderIndex::archivedDataOf(const Map& map, bool sentRe
   }
   std::string text;
   text.reserve(length);
-  fmt::format_to(std::back_inserter(text), "{{\"{}\":{{", kIndex);
+  // Not format_to(), which would bring the formatting of every kind of number into the library.
+  text.append("{\"").append(kIndex).append("\":{");
   for (const auto& [key, blocks] : map) {
     if (!isPlain(key)) return archivedDataByValues(map, sentReportSuccessfully);
     text += platform::archivedText(key) + ":[";
@@ -86,8 +86,9 @@ platform::Data SkeldaDataSenderIndex::archivedDataOf(const Map& map, bool sentRe
     text += "],";
   }
   if (text.back() == ',') text.pop_back();
-  fmt::format_to(std::back_inserter(text), "}},\"{}\":{},\"{}\":\"{}\"}}", kSentReportSuccessfully,
-                 sentReportSuccessfully, kChecksum, checksumOf(map));
+  text.append("},\"").append(kSentReportSuccessfully);
+  text.append(sentReportSuccessfully ? "\":true,\"" : "\":false,\"").append(kChecksum);
+  text.append("\":\"").append(checksumOf(map)).append("\"}");
   return platform::archivedData(kArchiveClass, text);
 }
 
