@@ -21,6 +21,45 @@ HOST = HOSTS / "KillHost.app/PlugIns/KillHost.appex"
 REFUSED, ACCEPTED = 1, 2
 
 
+class Frames:
+    """The events of every log that was ever seen, by number, each log once: a kill between a log's
+    copy and its emptying makes the next start commit it again, with crash frames behind it."""
+
+    def __init__(self):
+        self.events = collections.Counter()
+        self.logs = {}  # the bytes of a log, by its first frame
+        self.repeats = 0
+        self.problems = []
+
+    @staticmethod
+    def _numbers(frames):
+        return collections.Counter(int(frame.event_parameters["n"]) for frame in frames if frame.type == frame_log.EVENT)
+
+    def add(self, name, data):
+        frames, torn = frame_log.readable(data)
+        if torn:
+            self.problems.append(f"{name}: {torn}")
+        if not frames:
+            return
+        known = self.logs.get(frames[0].raw, b"")
+        if known:
+            self.repeats += 1
+            if not data.startswith(known) or frame_log.flush_of(frames) != 4:
+                self.problems.append(f"{name} repeats frames of a log that it does not go on from")
+        self.logs[frames[0].raw] = data
+        self.events += self._numbers(frame for frame in frames if frame.offset >= len(known))
+
+    def with_open(self, frames):
+        """The events, and those of the open log that no committed one has."""
+        known = len(self.logs.get(frames[0].raw, b"")) if frames else 0
+        return self.events + self._numbers(frame for frame in frames if frame.offset >= known)
+
+    def has(self, frame, first):
+        """Whether a frame is in the log that begins with that one."""
+        data = self.logs.get(first.raw, b"")
+        return data[frame.offset:frame.offset + frame.length] == frame.raw
+
+
 class Killer:
     """Keeps what the disk held right after each kill. `problems` is empty when all went well."""
 
@@ -31,10 +70,9 @@ class Killer:
         self.archive.mkdir()
         self.told = home.path / "told"
         self.told.write_bytes(bytes(most))
+        self.frames = Frames()
         self.seen = set()
-        self.firsts = set()  # a kill between a log's copy and its emptying makes the next start commit it again
-        self.frames = {}  # each that was ever in a committed log, by its bytes
-        self.problems = []
+        self.problems = self.frames.problems
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
         self.replayed, self.named = 0, collections.Counter()
         self.due = set()  # tickets of records that kills left and that no start had taken up by then
@@ -84,22 +122,17 @@ class Killer:
         for path in self.home.committed_logs():
             if not (self.archive / path.name).exists():
                 shutil.copyfile(path, self.archive / path.name)
-        for path in sorted(self.archive.glob(".skeldaCommited*")):
+        for path in sorted(self.archive.glob(".skelda*")):
             if path.name not in self.seen:
                 self.seen.add(path.name)
-                frames, torn = frame_log.readable(path.read_bytes())
-                if torn:
-                    self.problems.append(f"{path.name}: {torn}")
-                self.firsts |= {frame.raw for frame in frames[:1]}
-                self.frames |= {frame.raw: frame for frame in frames}
+                self.frames.add(path.name, path.read_bytes())
         frames, torn = [], None
         if self.home.current_log.exists():
             frames, torn = frame_log.readable(self.home.current_log.read_bytes())
         self.torn += torn is not None
-        there = self.frames | {frame.raw: frame for frame in frames}
-        self.found = collections.Counter(int(frame.event_parameters["n"]) for frame in there.values()
-                                         if frame.type == frame_log.EVENT)
-        lost = [frame for frame in self.previous if frame.raw not in there]
+        still = {frame.raw for frame in frames}
+        lost = [frame for frame in self.previous
+                if frame.raw not in still and not self.frames.has(frame, self.previous[0])]
         if lost:
             self.problems.append(f"kill {self.kills}: {len(lost)} of {len(self.previous)} durable frames are gone, "
                                  f"first at offset {lost[0].offset}")
@@ -121,7 +154,7 @@ class Killer:
             host.kill()
         self.look()
         self.checks += 1
-        found = self.found
+        found = self.frames.with_open(self.previous)
         told = self.told.read_bytes()[:self.next]
         accepted = [number for number, answer in enumerate(told) if answer == ACCEPTED]
         self.accepted = len(accepted)
@@ -142,16 +175,13 @@ class Killer:
             self.problems.append(f"{len(often)} events are there more than twice, first {often[0]}")
         return len(accepted) - len(missing)
 
-    def repeats(self):
-        return len(self.seen) - len(self.firsts)
-
     def finish(self):
         self.check()
         verify = subprocess.run([FRAMES_TOOL, "--verify", self.archive], capture_output=True, text=True, timeout=300)
         if verify.returncode != 0:
             self.problems.append(f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
-        if self.repeats() > self.kills:
-            self.problems.append(f"{self.repeats()} repeated logs by {self.kills} kills")
+        if self.frames.repeats > self.kills:
+            self.problems.append(f"{self.frames.repeats} repeated logs by {self.kills} kills")
         if self.twice > self.kills * 50:
             self.problems.append(f"{self.twice} events twice by {self.kills} kills")
         if self.home.leftovers():
@@ -163,7 +193,7 @@ class Killer:
         return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted, "
                 f"{dict(+self.named)} of them dropped by name and the others found, {self.replayed} taken up again, {self.twice} there twice; "
                 f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
-                f"committed, {self.repeats()} twice, {len(self.problems)} problems")
+                f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
 
 
 def kill_often(count, seed, on_disk=True, progress=lambda killer: None):
