@@ -7,8 +7,9 @@ import re
 import subprocess
 
 from loading import STREAM, Stream, free_ports
-from support import BUILD, COLLECTOR, ROOT, Collector, Process, eventually
+from support import BUILD, COLLECTOR, ROOT, Collector, Process, eventually, give_identifiers
 
+DEVICES = BUILD / "Tools/skelda-fleet/skelda-fleet"
 NATS_SERVER = "/usr/sbin/nats-server"
 
 
@@ -80,9 +81,9 @@ class Servers(contextlib.AbstractContextManager):
                 return Stream(port, host=host)
         raise OSError("no server of the stream answers")
 
-    def leader(self):
+    def leader(self, name=STREAM):
         """The server that leads the stream; None where there is none."""
-        cluster = (self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}).get("cluster", {})
+        cluster = (self.ask(f"$JS.API.STREAM.INFO.{name}") or {}).get("cluster", {})
         return int(cluster["leader"].removeprefix("skelda-")) if cluster.get("leader") else None
 
     def replicas(self):
@@ -119,3 +120,15 @@ class StreamCollector(Collector):
     def await_ready(self, within=60):
         if not eventually(lambda: self.get("/readyz")[0] == 200, within, every=0.1):
             raise AssertionError(f"not ready after {within} s:\n{self.process.output}")
+
+
+def recorded_run(home, collector, sent):
+    """A morning run by a real agent, until nothing of it waits any more; what the host said. The logs that
+    it sent are in the folder `sent`."""
+    environment = home.environment(SSL_CERT_FILE=collector.authority, LANG="de_CH.UTF-8", TZ="Europe/Zurich")
+    give_identifiers(home)
+    said = [home.run("--server", collector.url, "--speed", "0", "--linger", "20", environment=environment,
+                     keep=sent, within=120).output for _ in range(2)]  # the second sends what the first left open
+    if not eventually(lambda: not home.blocks() and not home.committed_logs()):
+        raise AssertionError("logs still wait on the watch")
+    return said

@@ -23,20 +23,20 @@ import time
 import fleet
 import frame_log
 from loading import Database, digest, loader, usual_log
-from support import Client, Home, eventually, fill, give_identifiers, play
+from support import Client, Home, Process, eventually, fill, give_identifiers, play
 
-SENDERS = 8
-DAMAGED = 40  # every so many logs of a sender one that ends in rubbish
+DEVICES = 400  # that skelda-fleet plays
+SENDERS = 2  # that send damaged logs, too: every so many one that ends in rubbish
+DAMAGED = 10
 SMALL, APART = 1, 2  # the server whose disk is small, and the one that can be cut off
 
 
 class Sender(threading.Thread):
-    """Sends logs of 10 KB one after the other, as many a second as are wanted, each until a collector
-    takes it, as agents do."""
+    """Sends logs of 10 KB one after the other, each until a collector takes it, as agents do."""
 
-    def __init__(self, number, collectors, rate):
+    def __init__(self, number, collectors):
         super().__init__(daemon=True)
-        self.number, self.collectors, self.pause = number, collectors, 1 / rate
+        self.number, self.collectors = number, collectors
         self.acknowledged = []
         self.ends = threading.Event()
 
@@ -49,7 +49,7 @@ class Sender(threading.Thread):
     def run(self):
         clients = {}
         for log in self.logs():
-            self.ends.wait(self.pause)
+            self.ends.wait(0.1)
             for which in itertools.islice(itertools.cycle(range(len(self.collectors))), self.number, None):
                 if self.ends.is_set():
                     return
@@ -61,6 +61,37 @@ class Sender(threading.Thread):
                     clients.pop(which, None)
                 self.ends.wait(0.05)  # the agent has rules of its own; this one is in a hurry
             self.acknowledged.append(digest(log))
+
+
+class Load(Process):
+    """Many devices that send logs of 10 KB, written anew from recorded ones, and what was acknowledged."""
+
+    def __init__(self, folder, collectors, recorded, rate):
+        self.ledger, self.rest, self.acknowledged = folder / "ledger", "", set()
+        self.ledger.touch()
+        self.file = open(self.ledger, encoding="ascii")
+        super().__init__([fleet.DEVICES, "load", "--to", "https://" + ",".join(f"localhost:{c.port}" for c in collectors),
+                          "--bodies", recorded, "--bytes", "10000", "--devices", str(DEVICES), "--rate", str(rate),
+                          "--seconds", "86400", "--authority", collectors[0].authority, "--ledger", self.ledger])
+
+    def look(self):
+        *lines, self.rest = (self.rest + self.file.read()).split("\n")
+        self.acknowledged.update(line.split(" ", 1)[0] for line in lines)
+        return len(self.acknowledged)
+
+
+def places_of_events(body):
+    """Whether the log is torn, and where its events are."""
+    offset, places = 0, []
+    while offset + frame_log.HEADER <= len(body):
+        first, kind, size = body[offset], body[offset + 1:offset + 4], body[offset + 20:offset + 24]
+        if kind == frame_log.EVENT.to_bytes(3, "little"):
+            places.append(offset)
+        offset += frame_log.HEADER + int.from_bytes(size, "little") + (0 if first & 0x0F else 4)
+    if offset == len(body) and body:
+        return False, places
+    frames, _ = frame_log.readable(body)
+    return True, [frame.offset for frame in frames if frame.type == frame_log.EVENT]
 
 
 class Apart:
@@ -88,7 +119,7 @@ class Apart:
 
 
 class FleetKill:
-    def __init__(self, minutes, seed, rate=80):
+    def __init__(self, minutes, seed, rate=300):
         self.length, self.chance, self.rate = minutes * 60, random.Random(seed), rate
         self.counts, self.problems, self.lines = collections.Counter(), [], []
         self.most = collections.Counter()  # resident bytes
@@ -133,7 +164,10 @@ class FleetKill:
             self.agents.append((home, self.collectors[number], []))
             self.start_agent(number)
         done(self.stop_agents)
-        self.senders = [Sender(n, self.collectors, self.rate / SENDERS) for n in range(SENDERS)]
+        home = enter(Home())
+        fleet.recorded_run(home, self.collectors[0], home.path / "sent")
+        self.devices = enter(Load(self.folder, self.collectors, home.path / "sent", self.rate))
+        self.senders = [Sender(n, self.collectors) for n in range(SENDERS)]
         for sender in self.senders:
             sender.start()
         done(lambda: [sender.ends.set() for sender in self.senders])
@@ -141,7 +175,7 @@ class FleetKill:
     # What there is
 
     def start_loader(self):
-        self.loader = loader(self.servers, self.database, "--batch", "64", "--ack-wait", "5")
+        self.loader = loader(self.servers, self.database, "--batch", "128", "--ack-wait", "5")
         self.counts["loaders"] += 1
 
     def start_agent(self, number, *arguments):
@@ -156,7 +190,7 @@ class FleetKill:
                 process.kill()
 
     def taken(self):
-        return sum(len(sender.acknowledged) for sender in self.senders)
+        return self.devices.look() + sum(len(sender.acknowledged) for sender in self.senders)
 
     def look(self):
         """At the memory of what must not grow."""
@@ -261,6 +295,7 @@ class FleetKill:
             sender.ends.set()
         for sender in self.senders:
             sender.join(30)
+        self.devices.terminate(60)
         for number, (home, _, running) in enumerate(self.agents):
             for process in running:
                 process.kill()
@@ -275,7 +310,7 @@ class FleetKill:
             said = self.servers.ask(f"$JS.API.CONSUMER.INFO.{fleet.STREAM}.skelda-load") or {}
             return said.get("num_pending") == 0 and said.get("num_ack_pending") == 0
 
-        if not eventually(loaded, 120, every=0.2):
+        if not eventually(loaded, 120 + self.length, every=0.2):
             self.problems.append("the loader does not come to an end:\n" + self.loader.output[-2000:])
         self.look()
         self.lines.append(f"{elapsed:.0f} s, {self.taken()} logs acknowledged ({self.taken() / elapsed:.0f} a second), "
@@ -292,25 +327,24 @@ class FleetKill:
             shutil.rmtree(path)
         if not eventually(lambda: self.servers.leader() not in (None, leader), 60):
             self.problems.append("two of three servers have no leader")
+        stream, wanted = collections.Counter(), {}
         with self.servers.client() as client:
-            bodies = client.bodies()
-            aside = {digest(body) for body in client.bodies("SKELDA_DAMAGED")}
-        stream = collections.Counter(map(digest, bodies))
+            for _, body in client.each_message():
+                name = digest(body)
+                stream[name] += 1
+                torn, places = places_of_events(body)
+                wanted[name] = (torn, len(places), sum(places))
+            aside = {digest(body) for _, body in client.each_message("SKELDA_DAMAGED")}
         rows = self.database.ask(
             "SELECT encode(digest, 'hex'), fault IS NOT NULL, count(place), coalesce(sum(place), 0) FROM skelda.logs "
             "LEFT JOIN skelda.events USING (log) GROUP BY digest, fault") or []
         there = {name: (fault == "t", int(count), int(places)) for name, fault, count, places in rows}
-        wanted = {}
-        for body in bodies:
-            frames, torn = frame_log.readable(body)
-            places = [frame.offset for frame in frames if frame.type == frame_log.EVENT]
-            wanted[digest(body)] = (torn is not None, len(places), sum(places))
 
         def hold(text, names):
             if names:
                 self.problems.append(f"{len(names)} {text}: {sorted(names)[:5]}")
 
-        acknowledged = {name for sender in self.senders for name in sender.acknowledged}
+        acknowledged = self.devices.acknowledged.union(*(sender.acknowledged for sender in self.senders))
         hold("logs acknowledged and not in the stream", acknowledged - stream.keys())
         hold("logs twice in the stream", {name for name, count in stream.items() if count > 1})
         hold("logs in the stream and not in the database", stream.keys() - there.keys())
@@ -324,8 +358,8 @@ class FleetKill:
         sent = self.account_of_agents(stream, hold)
         self.lines += [
             "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
-            f"stream: {len(bodies)} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
-            f"database: {len(there)} logs, {events} events; of agents that number committed twice: "
+            f"stream: {stream.total()} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
+            f"database: {len(there)} logs, {events} events; numbers of logs that a device committed twice: "
             + self.database.ask("SELECT count(*) FROM (SELECT 1 FROM skelda.logs WHERE device NOT LIKE 'sender%' "
                                 "GROUP BY api_key, device, counter HAVING count(*) > 1) AS twice")[0][0],
             "resident at most: " + ", ".join(f"{name} {most >> 20} MiB" for name, most in sorted(self.most.items()))]
@@ -353,4 +387,4 @@ class FleetKill:
 
 
 if __name__ == "__main__":
-    sys.exit(play(__doc__, FleetKill, rate=80.0))
+    sys.exit(play(__doc__, FleetKill, rate=300.0))

@@ -137,19 +137,20 @@ class Stream(contextlib.AbstractContextManager):
                 if not said or "seq" not in said:
                     raise AssertionError(said)
 
-    def messages(self, name=STREAM):
-        """Every message of a stream: its headers and its body."""
+    def each_message(self, name=STREAM):
+        """Of a stream: its headers and its body."""
         said = self.request(f"$JS.API.STREAM.INFO.{name}")
         numbers = range(said["state"]["first_seq"], said["state"]["last_seq"] + 1) if "state" in said else ()
-        found = []
         for first in range(0, len(numbers), 64):
             some = numbers[first:first + 64]
             for number in some:
                 self.send(number, f"$JS.API.STREAM.MSG.GET.{name}", json.dumps({"seq": number}).encode())
-            answers = [self.answer()[1].get("message") for _ in some]
-            found += [(headers_of(base64.b64decode(each.get("hdrs", ""))), base64.b64decode(each.get("data", "")))
-                      for each in answers if each]
-        return found
+            for each in [self.answer()[1].get("message") for _ in some]:
+                if each:
+                    yield headers_of(base64.b64decode(each.get("hdrs", ""))), base64.b64decode(each.get("data", ""))
+
+    def messages(self, name=STREAM):
+        return list(self.each_message(name))
 
     def bodies(self, name=STREAM):
         return [body for _, body in self.messages(name)]

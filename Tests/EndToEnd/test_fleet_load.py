@@ -8,15 +8,15 @@ import subprocess
 import tempfile
 import unittest
 
+from fleet import DEVICES
 from frame_log import COUNTER, FLUSH, frame, frames_of
-from support import BUILD, ROOT, Collector
+from support import ROOT, Collector
 
-FLEET = BUILD / "Tools/skelda-fleet/skelda-fleet"
 RECORDED = (frame(2, {"sk.frame.log.counter": 7}) + frame(140, {"sk.reported.id": {"VendorId": "recorded"}})
             + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 1}) + frame(1, {"sk.flush.frame.code": 3}))
 
 
-@unittest.skipUnless(FLEET.exists(), "built only with SKELDA_FLEET")
+@unittest.skipUnless(DEVICES.exists(), "built only with SKELDA_FLEET")
 class FleetLoad(unittest.TestCase):
     def test_each_log_that_was_acknowledged_is_there_whole_once_whatever_went_wrong_between(self):
         with tempfile.TemporaryDirectory(prefix="skelda-fleet-") as name:
@@ -28,7 +28,7 @@ class FleetLoad(unittest.TestCase):
             faults = ["status=503,times=5", "drop-answer,times=3", "status=429,times=2", "reset-after=100bytes,times=2"]
             with Collector(name, *(part for fault in faults for part in ("--fault", fault))) as collector:
                 done = subprocess.run(
-                    [FLEET, "load", "--to", f"https://localhost:{collector.port}", "--bodies", recorded, "--devices", "8",
+                    [DEVICES, "load", "--to", f"https://localhost:{collector.port}", "--bodies", recorded, "--devices", "8",
                      "--seconds", "2", "--bytes", "900", "--authority", collector.authority, "--ledger", folder / "ledger",
                      "--json"], text=True, stdout=subprocess.PIPE, timeout=120, check=True)
                 kept = [path.read_bytes() for path in collector.store.glob("*.framelog")]

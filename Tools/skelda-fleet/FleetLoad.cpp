@@ -25,6 +25,8 @@ FleetLoad::FleetLoad(const Options& options, LoadBodies& bodies)
   if (options_.ledger.empty()) return;
   ledger_ = std::fopen(options_.ledger.c_str(), "ae");
   if (ledger_ == nullptr) failLedger(options_.ledger);
+  // Whoever follows it, or finds it after a kill, has each line that was written whole.
+  std::setvbuf(ledger_, nullptr, _IOLBF, BUFSIZ);
 }
 
 FleetLoad::~FleetLoad() {

@@ -19,9 +19,8 @@ sys.dont_write_bytecode = True
 
 import fleet  # noqa: E402
 import loading  # noqa: E402
-from support import BUILD, COLLECTOR, Home, Process, eventually, give_identifiers  # noqa: E402
+from support import COLLECTOR, Home, Process, eventually  # noqa: E402
 
-DEVICES = BUILD / "Tools/skelda-fleet/skelda-fleet"
 KEYS = ROOT / "deploy/example/keys"
 
 
@@ -70,25 +69,11 @@ def make_credentials(folder):
     return credentials
 
 
-def morning_run(home, collector, sent):
-    """A recorded run by a real agent, until nothing of it waits any more: the logs that it sent."""
-    environment = home.environment(SSL_CERT_FILE=collector.authority, LANG="de_CH.UTF-8", TZ="Europe/Zurich")
-    give_identifiers(home)
-    for _ in range(2):  # the second start sends what the first left open
-        host = home.run("--server", collector.url, "--speed", "0", "--linger", "20", environment=environment,
-                        keep=sent, within=120)
-        show(host.output)
-    if not eventually(lambda: not home.blocks() and not home.committed_logs()):
-        raise SystemExit("logs still wait on the watch")
-    # Blocks alone: of closed logs some are given up, where many come at once.
-    return {loading.digest(path.read_bytes()) for path in sent.glob("[!.]*")}
-
-
 def many_devices(options, collectors, sent, ledger):
     """Those logs, sent over and over as many devices' own: the digests of those that were taken."""
     to = "https://" + ",".join(f"localhost:{each.port}" for each in collectors)
     done = subprocess.run(
-        [DEVICES, "load", "--to", to, "--bodies", sent, "--devices", str(options.devices), "--seconds",
+        [fleet.DEVICES, "load", "--to", to, "--bodies", sent, "--devices", str(options.devices), "--seconds",
          str(options.seconds), "--rate", "200", "--api-key", KEYS.read_text().split()[-1], "--ledger", ledger,
          "--authority", collectors[0].authority], capture_output=True, text=True, timeout=600, check=False)
     show(done.stdout + done.stderr)
@@ -122,7 +107,10 @@ def run(options, folder):
         with loading.loader(servers, database) as loader:
             title("A morning run on a watch")
             sent = home.path / "sent"
-            acknowledged = morning_run(home, one, sent)
+            for said in fleet.recorded_run(home, one, sent):
+                show(said)
+            # Blocks alone: of closed logs some are given up, where many come at once.
+            acknowledged = {loading.digest(path.read_bytes()) for path in sent.glob("[!.]*")}
             title(f"{options.devices} devices for {options.seconds} seconds")
             acknowledged |= many_devices(options, (one, two), sent, folder / "ledger")
             loaded = eventually(lambda: database.ask("SELECT count(*) FROM skelda.logs") == [[str(len(acknowledged))]], 120,

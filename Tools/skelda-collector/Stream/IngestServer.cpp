@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -21,6 +23,8 @@ constexpr std::string_view kGetPaths[] = {"/healthz", "/readyz", "/metrics"};
 constexpr const char* kApiKeyHeader = "X-Skelda-Api-Key";
 constexpr std::size_t kMemoryOfConnection = 8 << 10;
 constexpr std::size_t kSlowestBody = 1 << 10;  // bytes a second
+constexpr std::uint64_t kWorthReading =
+    64 << 10;  // of a body that is refused; else the end is cheaper
 constexpr std::chrono::milliseconds kBetweenLooks{500};
 
 std::string contentsOf(const std::string& path) {
@@ -28,6 +32,19 @@ std::string contentsOf(const std::string& path) {
   std::string text{std::istreambuf_iterator<char>(file), {}};
   if (text.empty()) throw std::runtime_error(path + " cannot be read");
   return text;
+}
+
+constexpr auto kNotAnnounced = std::numeric_limits<std::uint64_t>::max();
+
+std::string headerOf(MHD_Connection* connection, const char* name) {
+  const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+  return value != nullptr ? value : "";
+}
+
+/// Bytes of the body that is to come, as its head says it: 0 for none.
+std::uint64_t announcedLength(MHD_Connection* connection) {
+  if (!headerOf(connection, "Transfer-Encoding").empty()) return kNotAnnounced;
+  return std::strtoull(headerOf(connection, "Content-Length").c_str(), nullptr, 10);
 }
 
 }  // namespace
@@ -46,6 +63,7 @@ struct IngestServer::Request {
 
   Stage stage = Stage::head;
   bool isLog = false;
+  std::uint64_t announced = 0;  // bytes of the body
   unsigned status = 0;
   std::string text;          // of the answer
   std::size_t received = 0;  // bytes of the body
@@ -70,8 +88,9 @@ struct IngestServer::Callbacks {
     if (request == nullptr) {
       request = server.begin(connection, path, method);
       *state = request;
-      // What is announced as too large is not read: the answer comes first, and the end.
-      if (request->status != MHD_HTTP_CONTENT_TOO_LARGE) return MHD_YES;
+      // A large body that is refused is not read: the answer comes first, and the end.
+      const bool isRefused = request->stage == Request::Stage::decided;
+      if (!isRefused || request->announced <= kWorthReading) return MHD_YES;
     }
     if (*uploadLength > 0) {
       server.receive(*request, {upload, std::exchange(*uploadLength, 0)});
@@ -195,6 +214,7 @@ IngestServer::Request* IngestServer::begin(MHD_Connection* connection, const cha
                                            const char* method) {
   auto request = std::make_unique<Request>();
   request->peer = peerOf(connection);
+  request->announced = announcedLength(connection);
   request->peer->await(request->began + std::chrono::seconds(options_.bodySeconds));
   const std::string_view at = path;
   const bool isGet = std::strcmp(method, "GET") == 0;
@@ -219,18 +239,16 @@ IngestServer::Request* IngestServer::begin(MHD_Connection* connection, const cha
 }
 
 void IngestServer::beginLog(Request& request, MHD_Connection* connection) {
-  const auto header = [&](const char* name) {
-    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
-    return std::string(value != nullptr ? value : "");
-  };
-  request.log.apiKey = header(kApiKeyHeader);
-  const std::string length = header("Content-Length");
+  request.log.apiKey = headerOf(connection, kApiKeyHeader);
   if (request.log.apiKey.empty() ||
       (!options_.apiKeys.empty() && !options_.apiKeys.contains(request.log.apiKey))) {
     return request.decide(MHD_HTTP_UNAUTHORIZED, "unknown API key\n");
   }
-  if (!length.empty() &&
-      std::strtoull(length.c_str(), nullptr, 10) > std::min(options_.maxBytes, sink_.largest())) {
+  // How large the others are cannot be known before they have been read. Agents always say it.
+  if (request.announced == kNotAnnounced) {
+    return request.decide(MHD_HTTP_LENGTH_REQUIRED, "length required\n");
+  }
+  if (request.announced > std::min(options_.maxBytes, sink_.largest())) {
     return request.decide(MHD_HTTP_CONTENT_TOO_LARGE, "too large\n");
   }
   if (!admission_.admit(request.log.apiKey, request.began)) {
@@ -248,13 +266,10 @@ void IngestServer::receive(Request& request, std::string_view bytes) {
   request.received += bytes.size();
   request.peer->await(request.began +
                       std::chrono::seconds(options_.bodySeconds + request.received / kSlowestBody));
-  const bool isTooLarge = request.received > std::min(options_.maxBytes, sink_.largest());
-  if (isTooLarge || held_ + bytes.size() > options_.maxHeldBytes) {
+  if (held_ + bytes.size() > options_.maxHeldBytes) {
     held_ -= std::exchange(request.log.bytes, {}).size();
     request.peer->await(request.began + std::chrono::seconds(options_.bodySeconds));
-    request.decide(isTooLarge ? MHD_HTTP_CONTENT_TOO_LARGE : MHD_HTTP_SERVICE_UNAVAILABLE,
-                   isTooLarge ? "too large\n" : "too much at once\n");
-    return;
+    return request.decide(MHD_HTTP_SERVICE_UNAVAILABLE, "too much at once\n");
   }
   held_ += bytes.size();
   request.log.bytes.append(bytes);

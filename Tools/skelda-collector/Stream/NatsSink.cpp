@@ -203,7 +203,8 @@ void NatsSink::onAnswer(jsCtx*, natsMsg* message, jsPubAck* kept, jsPubAckErr*, 
   Outcome outcome = Outcome::notNow;
   if (kept != nullptr && kept->Stream != nullptr &&
       std::strcmp(kept->Stream, fleet::kStream) == 0) {
-    outcome = kept->Duplicate ? Outcome::repeat : Outcome::kept;
+    // Its place in the stream is what says that it is there; there is none before the first.
+    if (kept->Sequence > 0) outcome = kept->Duplicate ? Outcome::repeat : Outcome::kept;
   }
   static_cast<NatsSink*>(self)->end(message, outcome);
 }
