@@ -15,7 +15,9 @@ import unittest
 
 import fleet
 from fleet import resident
+from fleet_kill import FleetKill
 from frame_log import frame
+from loading import LOADER, POSTGRES
 from support import KEY, PATH, Client, eventually, scratch_root
 from test_collector import LOG
 
@@ -159,3 +161,13 @@ def pestering(collector):
     finally:
         is_over.set()
         sender.join(60)
+
+
+@unittest.skipUnless(LOADER.exists() and POSTGRES, "no loader, or no PostgreSQL")
+class KillsBehindTheAddress(unittest.TestCase):
+    """A short run of what scripts/fleet does at length."""
+
+    def test_what_was_acknowledged_is_in_the_stream_and_in_the_database_once(self):
+        with FleetKill(0.1, seed=12) as run:
+            run.run()
+            self.assertEqual([], run.problems, run.report())
