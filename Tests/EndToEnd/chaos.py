@@ -9,7 +9,6 @@ either at the server or accounted for.
 import collections
 import contextlib
 import dataclasses
-import hashlib
 import os
 import pathlib
 import random
@@ -23,7 +22,7 @@ import time
 
 import account_file
 import frame_log
-from support import Collector, Home, eventually, fill, give_identifiers, move_to_small_disk, play
+from support import Collector, Home, digest, eventually, fill, give_identifiers, move_to_small_disk, play
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -33,10 +32,6 @@ HANGING = "https://server.hangs/v1/skd.do"
 # Beyond it nobody waits between the redirects of a loop. Nine transfers go side by side, and each
 # follows nine at once.
 MOST_REDIRECTS_A_SECOND = 60
-
-
-def digest(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 def keeps_attributes(folder):

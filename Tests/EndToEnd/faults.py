@@ -28,9 +28,9 @@ sys.dont_write_bytecode = True
 
 import account_file  # noqa: E402
 import frame_log  # noqa: E402
-from support import HOSTS, Home, give_identifiers, scratch_root  # noqa: E402
+from support import Home, bundle_of, give_identifiers, scratch_root  # noqa: E402
 
-HOST = HOSTS / "FaultHost.app/PlugIns/FaultHost.appex"
+HOST = bundle_of("FaultHost")
 EVENTS = 16
 LONG = 800  # milliseconds for which something is not to be had
 

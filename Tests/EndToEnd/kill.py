@@ -15,9 +15,9 @@ import time
 
 import account_file
 import frame_log
-from support import FRAMES_TOOL, HOSTS, Home, eventually, give_identifiers
+from support import FRAMES_TOOL, Home, bundle_of, eventually, give_identifiers
 
-HOST = HOSTS / "KillHost.app/PlugIns/KillHost.appex"
+HOST = bundle_of("KillHost")
 REFUSED, ACCEPTED = 1, 2
 
 

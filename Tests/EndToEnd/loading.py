@@ -3,7 +3,6 @@
 import base64
 import contextlib
 import glob
-import hashlib
 import json
 import os
 import pathlib
@@ -15,7 +14,7 @@ import time
 
 import frame_log
 from frame_log import frame
-from support import BUILD, Process, eventually
+from support import BUILD, Process, digest, eventually
 
 LOADER = BUILD / "Tools/skelda-load/skelda-load"
 STREAM = "SKELDA_LOGS"
@@ -29,10 +28,6 @@ def free_ports(count):
         for each in sockets:
             each.bind(("127.0.0.1", 0))
         return [each.getsockname()[1] for each in sockets]
-
-
-def digest(body):
-    return hashlib.sha256(body).hexdigest()
 
 
 # Logs

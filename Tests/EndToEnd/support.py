@@ -6,6 +6,8 @@ it, and by no other.
 
 import argparse
 import contextlib
+import csv
+import hashlib
 import http.client
 import json
 import os
@@ -52,6 +54,21 @@ def scratch_root():
     if memory.is_dir() and os.access(memory, os.W_OK) and shutil.disk_usage(memory).free > 1 << 30:
         return str(memory)
     return None
+
+
+def bundle_of(name, folder=HOSTS):
+    """Of a host of the tests, or of another program that is built in such a folder."""
+    return folder / f"{name}.app/PlugIns/{name}.appex"
+
+
+def recording():
+    """The rows of what the example plays: at what time, the name, keys and values in turn; the first is the head."""
+    with open(EXAMPLE / "morning-run.csv", encoding="utf-8", newline="") as file:
+        return list(csv.reader(file))
+
+
+def digest(body):
+    return hashlib.sha256(body).hexdigest()
 
 
 def eventually(what, within=20.0, every=0.02):

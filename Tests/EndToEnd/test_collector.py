@@ -1,7 +1,6 @@
 """The collector on its own: what it takes, what it refuses, what goes wrong on demand."""
 
 import contextlib
-import hashlib
 import http.client
 import socket
 import ssl
@@ -12,7 +11,7 @@ import unittest
 import urllib.parse
 
 from frame_log import frame
-from support import COLLECTOR, KEY, PATH, Client, Collector, Process
+from support import COLLECTOR, KEY, PATH, Client, Collector, Process, digest
 
 LOG = (frame(2, {"sk.frame.log.counter": 1}) + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 1}, version=0)
        + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 2}))
@@ -33,7 +32,7 @@ class CollectorTest(unittest.TestCase):
             entry, again = collector.entries()
             self.assertEqual([LOG, LOG], collector.logs())
             self.assertEqual((None, 1, entry["file"]), (entry.get("repeat"), again["repeat"], again["file"]))
-            self.assertEqual(("D4E5", len(LOG), 5, 1, 2, hashlib.sha256(LOG).hexdigest()),
+            self.assertEqual(("D4E5", len(LOG), 5, 1, 2, digest(LOG)),
                              tuple(entry[k] for k in ("key", "bytes", "frames", "sessions", "events", "sha256")))
             self.assertEqual((200, [again, entry]), client.ask("GET", "/v1/logs"))
             collector.process.line_with("5 frames, 1 sessions, 2 events")

@@ -6,13 +6,9 @@ import sys
 import unittest
 
 import frame_log
-from support import BUILD, PHONE, ROOT, Collector, Home, Process, eventually
+from support import BUILD, PHONE, ROOT, Collector, Home, Process, bundle_of, eventually
 
 EXAMPLES = BUILD / "Examples"
-
-
-def bundle_of(name):
-    return EXAMPLES / name / f"{name}.app/PlugIns/{name}.appex"
 
 
 class Examples(unittest.TestCase):
@@ -34,13 +30,13 @@ class Examples(unittest.TestCase):
     def test_the_first_event_is_the_program_of_the_readme_and_arrives(self):
         text = (ROOT / "README.md").read_text()
         self.assertEqual((ROOT / "Examples/FirstEvent/main.cpp").read_text(), text.split("```cpp\n")[1].split("```")[0])
-        with Home(bundle=bundle_of("FirstEvent")) as home:
+        with Home(bundle=bundle_of("FirstEvent", EXAMPLES / "FirstEvent")) as home:
             self.assertIn(f"`${{XDG_DATA_HOME:-~/.local/share}}/<CFBundleIdentifier>/SkeldaFiles/{home.current_log.name}`", text)
             (event,), _ = self.received(home)
             self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
 
     def test_a_host_in_plain_c_says_events_times_a_purchase_and_its_user(self):
-        with Home(bundle=bundle_of("PlainC")) as home:
+        with Home(bundle=bundle_of("PlainC", EXAMPLES / "PlainC")) as home:
             events, others = self.received(home, count=4)
             told = [(event.event_name, event.event_parameters, event.payload["sk.event.timed"],
                      event.payload["sk.timed.event.starting"], event.payload["sk.event.type"]) for event in events]
@@ -58,7 +54,7 @@ class Examples(unittest.TestCase):
 
     def test_a_host_in_python_loads_the_library_and_its_event_arrives(self):
         # The bundle is found from the running program, which is the interpreter.
-        with Home(bundle=bundle_of("PlainC")) as home:
+        with Home(bundle=bundle_of("PlainC", EXAMPLES / "PlainC")) as home:
             bundle = home.own_bundle()
             shutil.copy(sys.executable, bundle / "PlainC")
             library = BUILD / "Library/libSkelda_Watch.so"

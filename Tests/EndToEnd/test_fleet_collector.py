@@ -1,7 +1,6 @@
 """Collectors in front of a stream of three servers: what they answer, and what they withstand."""
 
 import contextlib
-import hashlib
 import json
 import multiprocessing
 import pathlib
@@ -18,7 +17,7 @@ from fleet import resident
 from fleet_kill import FleetKill
 from frame_log import frame
 from loading import LOADER, POSTGRES
-from support import KEY, PATH, Client, eventually, scratch_root
+from support import KEY, PATH, Client, digest, eventually, scratch_root
 from test_collector import LOG
 
 NO_LOGS = {"text": b"hello", "a page": b"<html><body>" * 100, "JSON": json.dumps([{"a": 1}] * 100).encode(),
@@ -63,12 +62,12 @@ class FleetCollectorTest(unittest.TestCase):
         messages = self.servers.messages()
         self.assertEqual([LOG, damaged, NO_LOGS["a page"]], [body for _, body in messages])
         for headers, body in messages:
-            self.assertEqual((hashlib.sha256(body).hexdigest(), str(len(body))),
+            self.assertEqual((digest(body), str(len(body))),
                              (headers["Nats-Msg-Id"], headers["Skelda-Length"]))
             self.assertRegex(headers["Skelda-Received"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z$")
         self.assertEqual([("5", None), ("5", f"at {len(LOG)}"), ("0", "at 0")],
                          [(h["Skelda-Frames"], h.get("Skelda-Fault", "").split(":")[0] or None) for h, _ in messages])
-        self.assertEqual({hashlib.sha256(KEY.encode()).hexdigest()}, self.servers.subjects())
+        self.assertEqual({digest(KEY.encode())}, self.servers.subjects())
         figures = collector.get("/metrics")[1]
         for line in ('logs_total{status="400"} 5', f"repeats_total {1 + rate.count(200)}", "damaged_logs_total 1", "held_bytes 0"):
             self.assertIn(f"skelda_collector_{line}", figures)

@@ -1,7 +1,6 @@
 """skelda-fleet's load, many devices that send to a collector over HTTPS; and what builds without all that."""
 
 import collections
-import hashlib
 import json
 import pathlib
 import subprocess
@@ -10,7 +9,7 @@ import unittest
 
 from fleet import DEVICES
 from frame_log import COUNTER, FLUSH, frame, frames_of
-from support import ROOT, Collector
+from support import ROOT, Collector, digest
 
 RECORDED = (frame(2, {"sk.frame.log.counter": 7}) + frame(140, {"sk.reported.id": {"VendorId": "recorded"}})
             + frame(128, {"sk.session.id": 5}) + frame(134, {"n": 1}) + frame(1, {"sk.flush.frame.code": 3}))
@@ -34,7 +33,7 @@ class FleetLoad(unittest.TestCase):
                 kept = [path.read_bytes() for path in collector.store.glob("*.framelog")]
             report = json.loads(done.stdout)
             ledger = [line.split() for line in (folder / "ledger").read_text().splitlines()]
-            self.assertEqual(sorted(hashlib.sha256(log).hexdigest() for log in kept), sorted(line[0] for line in ledger))
+            self.assertEqual(sorted(digest(log) for log in kept), sorted(line[0] for line in ledger))
             self.assertEqual((len(kept), 0, 0), (report["taken"], report["waiting"], report["givenUp"]))
             self.assertEqual((5, 2), (report["statuses"]["503"], report["statuses"]["429"]))
             self.assertTrue(report["problems"])

@@ -9,7 +9,7 @@ import unittest
 
 import account_file
 import frame_log
-from support import BUILD, HOSTS, Home, Process, eventually
+from support import BUILD, Home, Process, bundle_of, eventually
 
 SANITIZED = BUILD.name in ("asan", "tsan")
 
@@ -17,15 +17,11 @@ SANITIZED = BUILD.name in ("asan", "tsan")
 WITHOUT_PROC = ["unshare", "--map-root-user", "--mount", "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
 
 
-def bundle(name):
-    return HOSTS / f"{name}.app/PlugIns/{name}.appex"
-
-
 class BareMachine(unittest.TestCase):
     def test_what_cannot_be_found_out_is_left_out_and_the_rest_is_logged(self):
         if not shutil.which("unshare") or subprocess.run([*WITHOUT_PROC, "true"], capture_output=True).returncode:
             self.skipTest("mount namespaces are not allowed here")
-        with Home(bundle=bundle("IntakeHost")) as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             environment = home.environment(LANG="C", TZ="CET-1CEST", XDG_DOCUMENTS_DIR=home.path / "absent")
             with Process([*WITHOUT_PROC, home.bundle / "IntakeHost", "stays"], env=environment) as host:
                 host.line_with("found:")
@@ -60,14 +56,14 @@ class Intake(unittest.TestCase):
 
     def test_twenty_thousand_waiting_survive_every_way_to_end(self):
         for way in ("exit", "quick_exit", "_exit"):
-            with self.subTest(way), Home(bundle=bundle("IntakeHost")) as home:
+            with self.subTest(way), Home(bundle=bundle_of("IntakeHost")) as home:
                 self.assertEqual(20000, self.run_host(home, way).number("accepted"))
                 self.assertEqual(20000, account_file.of(home).events.accepted)
                 events = self.settled(home).events
                 self.assertEqual((20004, 20004), (events.accepted, events.stored + sum(events.dropped.values())))
 
     def test_choices_before_the_first_event_start_nothing_and_reach_the_log_of_the_next_start(self):
-        with Home(bundle=bundle("IntakeHost")) as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             self.run_host(home, "choices")
             self.assertEqual((4, False), (account_file.of(home).choices.waiting, home.current_log.exists()))
             self.assertEqual((5, 5), (self.settled(home).choices.accepted, account_file.of(home).choices.stored))
@@ -78,7 +74,7 @@ class Intake(unittest.TestCase):
             self.assertEqual([174, 171, 146, 175], choices)
 
     def test_waiting_ends_with_what_was_accepted(self):
-        with Home(bundle=bundle("IntakeHost")) as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             run = self.run_host(home, "wait")
             self.assertEqual((1, 0), (run.number("nothing-yet"), run.number("only-a-choice")))
             kinds = self.run_host(home, "kinds")
@@ -91,7 +87,7 @@ class Intake(unittest.TestCase):
             self.assertEqual("PURCHASE_EVENT", events[2]["sk.event.type"])
 
     def test_a_flood_is_answered_truthfully_and_takes_little_memory(self):
-        with Home(bundle=bundle("IntakeHost")) as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             calls = 2000000 if BUILD.name == "release" else 50000
             run = self.run_host(home, "flood", str(calls))
             accepted = run.number("accepted")
@@ -104,7 +100,7 @@ class Intake(unittest.TestCase):
             self.settled(home)
 
     def test_a_forked_child_is_refused_touches_nothing_and_gives_up_the_lock(self):
-        with Home(bundle=bundle("IntakeHost")) as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             with home.start("fork") as parent:
                 parent.line_with("ready: 1")
                 child = parent.number("child")
@@ -133,7 +129,7 @@ class Intake(unittest.TestCase):
 class Lifetimes(unittest.TestCase):
     def test_events_before_main_and_during_exit_do_no_harm(self):
         for _ in range(5):
-            with Home(bundle=bundle("EarlyAndLateHost")) as home:
+            with Home(bundle=bundle_of("EarlyAndLateHost")) as home:
                 run = home.run()
                 self.assertEqual(0, run.status, run.output)
                 self.assertIn("early: 1", run.output)

@@ -1,21 +1,18 @@
 """The example, from its calls to the frames on disk."""
 
-import csv
 import subprocess
 import unittest
 
 import frame_log
-from support import (EMULATOR, EXAMPLE, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
-                     give_identifiers)
+from support import (EMULATOR, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
+                     give_identifiers, recording)
 
 THRESHOLD = 25
 
 
 def recorded():
     """The recording, read on its own: (name, parameters as text) of each row, in order."""
-    with open(EXAMPLE / "morning-run.csv", encoding="utf-8", newline="") as file:
-        rows = list(csv.reader(file))[1:]
-    return [(row[1], dict(zip(row[2::2], row[3::2]))) for row in rows]
+    return [(row[1], dict(zip(row[2::2], row[3::2]))) for row in recording()[1:]]
 
 
 def as_text(value):

@@ -7,7 +7,7 @@ import unittest
 import browser
 import frame_log
 from frame_log import frame
-from support import BUILD, EXAMPLE, Client, Collector, Home, eventually, events_of, give_identifiers
+from support import BUILD, Client, Collector, Home, eventually, events_of, give_identifiers, recording
 
 PICTURES = BUILD / "screenshots"
 
@@ -32,15 +32,14 @@ def shown(name):
 class Page(unittest.TestCase):
     def run_agent(self, home, collector):
         """A morning run between whose events stand those that mean harm."""
-        with open(EXAMPLE / "morning-run.csv", encoding="utf-8", newline="") as file:
-            head, *rows = csv.reader(file)
+        head, *rows = recording()
         for i, name in enumerate(HOSTILE):
             rows.insert(3 + 4 * i, [rows[2 + 4 * i][0], name, HOSTILE[-1 - i] or "key", name])
-        recording = home.path / "hostile.csv"
-        with open(recording, "w", encoding="utf-8", newline="") as file:
+        hostile = home.path / "hostile.csv"
+        with open(hostile, "w", encoding="utf-8", newline="") as file:
             csv.writer(file, lineterminator="\n").writerows([head, *rows])
         give_identifiers(home)
-        return home.run("--recording", recording, "--rate", "100", "--server", collector.url, "--linger", "30",
+        return home.run("--recording", hostile, "--rate", "100", "--server", collector.url, "--linger", "30",
                         environment=home.environment(SSL_CERT_FILE=collector.authority))
 
     def test_a_morning_run_with_hostile_names_is_seen_searched_and_opened_and_faults_are_played(self):

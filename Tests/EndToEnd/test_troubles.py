@@ -3,7 +3,6 @@ usual troubles the program's own output, with nothing asked for, or skelda-docto
 the cure; and neither says more than that."""
 
 import contextlib
-import csv
 import dataclasses
 import email.utils
 import http.server
@@ -16,7 +15,8 @@ import threading
 import time
 import unittest
 
-from support import BUILD, EXAMPLE, HOSTS, NAMELESS, NOWHERE, ROOT, Collector, Home, eventually, events_of, give_identifiers
+from support import (BUILD, EXAMPLE, NAMELESS, NOWHERE, ROOT, Collector, Home, bundle_of, eventually, events_of,
+                     give_identifiers, recording)
 
 BUNDLE_TOOL = BUILD / "Tools/skelda-bundle/skelda-bundle"
 DOCTOR = BUILD / "Tools/skelda-doctor/skelda-doctor"
@@ -152,8 +152,7 @@ class Troubles(unittest.TestCase):
         self.assertLessEqual(len(lines), 5, output)
         for words in trouble.said:
             self.assertIn(words, output)
-        with open(EXAMPLE / "morning-run.csv", encoding="utf-8", newline="") as file:
-            values = {value for row in list(csv.reader(file))[1:] for value in row[1:] if len(value) > 5}
+        values = {value for row in recording()[1:] for value in row[1:] if len(value) > 5}
         self.assertGreater(len(values), 50)
         self.assertFalse([value for value in (*values, SECRET, USER) if value in output], output)
 
@@ -281,7 +280,7 @@ class Doctor(unittest.TestCase):
         self.assertEqual(said, set(re.findall(r"^\| `([a-z-]+)`", rows, re.M)))
 
     def test_the_host_is_told_the_same(self):
-        with Home(bundle=HOSTS / "IntakeHost.app/PlugIns/IntakeHost.appex") as home:
+        with Home(bundle=bundle_of("IntakeHost")) as home:
             with home.start("stays", environment=quiet(home)) as first:
                 self.assertEqual({"no-phone", "session-open", "no-server"}, set(first.line_with("found: ").split()[1:]))
                 second = run(home.bundle / "IntakeHost", "status", environment=quiet(home)).stdout
@@ -304,7 +303,7 @@ class Bundles(unittest.TestCase):
             def tool(*arguments):
                 return run(BUNDLE_TOOL, *arguments, environment=quiet(home))
 
-            program = HOSTS / "IntakeHost.app/PlugIns/IntakeHost.appex/IntakeHost"
+            program = bundle_of("IntakeHost") / "IntakeHost"
             made = tool(program, "--identifier", "com.example.<made>&", "--key", SECRET, "--in", home.path, "--app", "Some",
                         "--extension", "Extension", "--event-threshold", 20, "--debug", "--user-id", "ann & bob")
             self.assertEqual(0, made.returncode, made.stderr)
