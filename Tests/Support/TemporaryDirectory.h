@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Platform.h"
 
@@ -97,6 +99,25 @@ inline void writeFile(const std::string& path, std::string_view text) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
   ASSERT_TRUE(out.good()) << path;
+}
+/// The names in a folder, in order; none where there is no folder.
+inline std::vector<std::string> namesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code absent;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, absent)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+/// The paths under which what stood at that path was set aside.
+inline std::vector<std::string> setAsideOf(const std::string& path) {
+  const std::string folder = std::filesystem::path(path).parent_path();
+  std::vector<std::string> paths;
+  for (const auto& name : namesIn(folder)) {
+    if ((folder + "/" + name).starts_with(path + ".unread_")) paths.push_back(folder + "/" + name);
+  }
+  return paths;
 }
 
 }  // namespace skelda::testing

@@ -1,5 +1,3 @@
-#include <stdexcept>
-
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaJSON.h"
 #include "Analytics/Utils/SkeldaLog.h"
@@ -27,7 +25,6 @@ using Lines = std::vector<std::string>;
 class SkeldaUtilTest : public ::testing::Test {
  protected:
   ~SkeldaUtilTest() override {
-    SkeldaUtil::setLogLevel(0);
     SkeldaUtil::setShowErrorInLogEnabled(false);
     platform::setSystemRoot("");
   }

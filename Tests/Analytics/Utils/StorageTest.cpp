@@ -4,7 +4,6 @@
 
 #include <functional>
 
-#include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -202,12 +201,7 @@ TEST_F(KVStorageTest, WhatIsNoStoreIsAnEmptyOneAndIsSetAsideWhereItIsNoFile) {
     restart();
     EXPECT_EQ(store().integerForKey("one"), 1);
   }
-  std::size_t aside = 0;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(std::filesystem::path(path_).parent_path())) {
-    aside += entry.path().string().starts_with(path_ + ".unread_") ? 1 : 0;
-  }
-  EXPECT_EQ(aside, 3u);
+  EXPECT_EQ(setAsideOf(path_).size(), 3u);
 }
 
 TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {

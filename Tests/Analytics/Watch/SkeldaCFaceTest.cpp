@@ -1,18 +1,15 @@
 #include "Skelda_Watch/skelda_watch.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <stdexcept>
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Skelda_Watch/SkeldaHost.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
-#include "Tests/Support/AgentHome.h"
 #include "Tests/Support/Scenario.h"
 
 namespace {

@@ -1,10 +1,5 @@
 #include "Skelda_Watch/Skelda_Watch.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <thread>
-
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
@@ -20,7 +15,6 @@
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
-#include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/Scenario.h"
 

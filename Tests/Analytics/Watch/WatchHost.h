@@ -1,9 +1,6 @@
 #pragma once
 
 #include <cstdio>
-#include <memory>
-#include <string>
-#include <utility>
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"

@@ -1,16 +1,11 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <optional>
-#include <string>
 
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"

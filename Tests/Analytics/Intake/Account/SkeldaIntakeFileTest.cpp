@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
 #include <atomic>
-#include <map>
 #include <random>
 #include <set>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
-#include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Support/Documents.h"
 #include "Tests/Support/Recorded.h"

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <functional>
 
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
@@ -14,17 +13,7 @@ namespace {
 using Kind = SkeldaIntakeFile::Kind;
 using Outcome = SkeldaIntakeOutcome;
 
-class SkeldaIntakeOpeningTest : public ::testing::Test, protected IntakeFiles {
- protected:
-  std::vector<std::string> names() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
-      names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-};
+class SkeldaIntakeOpeningTest : public ::testing::Test, protected IntakeFiles {};
 
 std::vector<std::string> payloadsOf(SkeldaIntakeFile& file) {
   std::vector<std::string> payloads;
@@ -111,7 +100,7 @@ TEST_F(SkeldaIntakeOpeningTest, RecordsOfAnotherKeyOrVersionAreDroppedWithThatRe
   // Both versions' files side by side: the other one's account is added and its file goes.
   std::filesystem::copy(path_, directory_ / ".intake_9.journal");
   const auto file = open(kKey + 1);
-  EXPECT_EQ(names(), std::vector<std::string>{".intake_261.journal"});
+  EXPECT_EQ(namesIn(directory_.path()), std::vector<std::string>{".intake_261.journal"});
   EXPECT_EQ(payloadsOf(*file), std::vector<std::string>{"three"});
   EXPECT_EQ(file->opening().otherVersion, 1U);
   const auto& page = file->page();
@@ -143,7 +132,8 @@ TEST_F(SkeldaIntakeOpeningTest, WhatIsNoIntakeFileIsSetAsideAndBegunAnew) {
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket);
     EXPECT_TRUE(addsUp(*file));
     EXPECT_EQ(payloadsOf(*open()), std::vector<std::string>{"one"});
-    for (const auto& name : names()) std::filesystem::remove_all(directory_ / name);
+    for (const auto& name : namesIn(directory_.path()))
+      std::filesystem::remove_all(directory_ / name);
   }
 }
 
@@ -179,7 +169,7 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
     EXPECT_EQ(error->code(), EIO) << kind;
     EXPECT_EQ(file->capacity(), kCapacity) << kind;
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket) << kind;
-    EXPECT_EQ(names(), std::vector<std::string>{}) << kind;
+    EXPECT_EQ(namesIn(directory_.path()), std::vector<std::string>{}) << kind;
   }
   {
     // A file system that reserves nothing is written to.

@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
@@ -16,7 +11,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"

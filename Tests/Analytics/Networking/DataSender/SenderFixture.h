@@ -1,13 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
@@ -26,7 +18,6 @@ class SenderTest : public ::testing::Test {
   SenderTest() { SkeldaUtil::setLogLevel(2); }
   ~SenderTest() override {
     finish();
-    SkeldaUtil::setLogLevel(0);
     SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(false);
     EXPECT_EQ(swallowedExceptions(), swallowed_);
   }
@@ -61,11 +52,9 @@ class SenderTest : public ::testing::Test {
   static platform::Data bytes(const std::string& text) { return platform::Data(text); }
 
   std::vector<std::string> blockFiles() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(home_.storageFolder())) {
-      const std::string name = entry.path().filename();
-      if (SkeldaDataSenderBlockInfo::isBlockFileName(name)) names.push_back(name);
-    }
+    auto names = namesIn(home_.storageFolder());
+    std::erase_if(names,
+                  [](auto& name) { return !SkeldaDataSenderBlockInfo::isBlockFileName(name); });
     return names;
   }
   /// What the index names, whatever is pending there done.

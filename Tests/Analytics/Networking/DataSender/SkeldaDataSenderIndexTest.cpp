@@ -1,8 +1,5 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 
-#include <algorithm>
-#include <cerrno>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 

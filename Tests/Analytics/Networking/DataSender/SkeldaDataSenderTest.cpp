@@ -1,5 +1,3 @@
-#include <set>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Networking/DataSender/SkeldaURLSessionTask.h"
 #include "Platform/Foundation/NotificationCenter.h"

@@ -1,7 +1,5 @@
 // The stages between the sources and the log, and the rules that they keep.
 
-#include <thread>
-
 #include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"

@@ -1,14 +1,8 @@
 #pragma once
 
-#include <algorithm>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
+#include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
 
@@ -44,12 +38,8 @@ inline std::string logWords(std::string_view bytes) {
 
 /// The paths of the logs in a folder, oldest first: their names end with the time.
 inline std::vector<std::string> logPaths(const std::string& folder) {
-  std::vector<std::string> paths;
-  std::error_code absent;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, absent)) {
-    paths.push_back(entry.path().string());
-  }
-  std::sort(paths.begin(), paths.end());
+  auto paths = namesIn(folder);
+  for (auto& path : paths) path.insert(0, folder + "/");
   return paths;
 }
 

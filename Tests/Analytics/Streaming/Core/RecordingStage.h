@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"

@@ -1,12 +1,8 @@
 // What the providers know, and whom they tell.
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <atomic>
-#include <cerrno>
-#include <filesystem>
-#include <memory>
 
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"

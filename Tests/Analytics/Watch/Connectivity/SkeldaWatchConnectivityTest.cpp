@@ -1,7 +1,6 @@
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/ClassRegistry.h"

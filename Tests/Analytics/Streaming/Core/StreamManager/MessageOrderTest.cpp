@@ -1,7 +1,5 @@
 // What reaches the logs, frame by frame, whatever ends a session or a log.
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
@@ -231,7 +229,6 @@ TEST(MessageOrder, IsFixedForEveryEndOfASessionAndOfALog) {
   const HostBundle bundle(
       {{"CFBundleIdentifier", "com.example.run"}, {"Skelda Watch Event Threshold", 5}});
   for (const auto& [words, logs] : kOrder) EXPECT_EQ(logsAfter(words), logs) << words;
-  SkeldaUtil::setLogLevel(0);
 }
 
 TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
@@ -270,7 +267,6 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
   }
   environment.set("SKELDA_LOG_VALUES", "0");
   platform::Log::resetSink();
-  SkeldaUtil::setLogLevel(0);
 }
 
 }  // namespace

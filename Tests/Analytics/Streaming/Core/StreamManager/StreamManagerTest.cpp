@@ -1,13 +1,9 @@
 // How the pipeline is put together from what is linked in.
 
-#include <gtest/gtest.h>
-#include <stdexcept>
-
 #include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
-#include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
@@ -57,7 +53,6 @@ class SkeldaStreamBaseManagerTest : public ::testing::Test {
          {"ISampleSource", "ISkeldaFrameSource"},
          [] { return SampleSource::getSourceInstance(); }});
   }
-  ~SkeldaStreamBaseManagerTest() override { SkeldaUtil::setLogLevel(0); }
 
   AgentHome home_;
   std::shared_ptr<Manager> manager_ = Manager::make();

@@ -1,11 +1,6 @@
 // The documents of the format say what the code does.
 
-#include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <regex>
-#include <set>
 #include <sstream>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"

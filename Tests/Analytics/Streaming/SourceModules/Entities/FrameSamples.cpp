@@ -1,6 +1,5 @@
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
-#include <map>
 #include <sstream>
 
 #include "Analytics/Utils/SkeldaDateUtil.h"

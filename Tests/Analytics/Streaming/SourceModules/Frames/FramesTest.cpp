@@ -1,7 +1,5 @@
 // Messages to frames, frames to messages, and a log frame by frame.
 
-#include <gtest/gtest.h>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"

@@ -1,11 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 
 namespace skelda::testing {

@@ -320,29 +320,26 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
   EXPECT_EQ(second->watchInstallationIDForSessionReport(), "0A");
 }
 
-/// As a first start with an empty keychain takes them, but for the sealing key, which is there.
-void receiveBothUnder(const FaultPlanRef& plan, std::size_t failingRename) {
-  EXPECT_NE(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
-  Rig rig;
-  const FaultyFileCalls calls(plan);
-  plan->failKind("rename", failingRename, {.error = ENOSPC, .times = Fault::kForEver});
-  rig->didReceiveUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
-  EXPECT_EQ(rig.sent().size(), 1U);
-}
-
 TEST(ReportedIdentifiersSource, KeepsBothIdentifiersInOneWriteOrNeitherAndSaysSo) {
   using Source = SkeldaReportedIdentifiersSource;
-  SkeldaUtil::setLogLevel(1);
   for (const std::size_t failingRename : {1, 2}) {
     const AgentHome home;
+    SkeldaUtil::setLogLevel(1);
     LogCapture log;
-    receiveBothUnder(std::make_shared<FaultPlan>(), failingRename);
+    // As a first start with an empty keychain takes them, but for the sealing key, which is there.
+    EXPECT_NE(Source::installationIDForSessionReport(), "");
+    {
+      Rig rig;
+      const FaultyFileCalls plan;
+      plan->failKind("rename", failingRename, {.error = ENOSPC, .times = Fault::kForEver});
+      rig->didReceiveUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
+      EXPECT_EQ(rig.sent().size(), 1U);
+    }
     const bool kept = failingRename > 1;
     EXPECT_EQ(Source::watchVendorIDForSessionReport().has_value(), kept);
     EXPECT_EQ(Source::watchInstallationIDForSessionReport().has_value(), kept);
     EXPECT_EQ(log.count("the phone's identifiers cannot be kept"), kept ? 0U : 1U);
   }
-  SkeldaUtil::setLogLevel(0);
 }
 
 /// Asks soon for what it does not know yet, and yet not before it is there.
