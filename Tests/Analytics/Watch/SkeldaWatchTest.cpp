@@ -203,11 +203,12 @@ TEST(SkeldaWatch, KnowsTheAgentsOwnUserInfoByItsKeys) {
 
 TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
   const auto urls = SkeldaNetworkURLsDataProvider::sharedInstance();
+  LogCapture log;
   SkeldaWatch::setServerURL("https://localhost/v1/skd.do");
+  EXPECT_EQ(log.count("is no absolute http"), 0U);
   const std::string huge(1 << 20, 'h');
   const SkeldaDictionary odd{{"", ""}, {huge, huge}};
   EXPECT_TRUE(SkeldaConsent::updateConsentInformation({true, odd, true}));
-  LogCapture log;
   SkeldaWatch::setServerURL(7);
   SkeldaWatch::setServerURL("\xff");
   EXPECT_FALSE(SkeldaConsent::updateConsentInformation({false, {{"iab", "\xff"}}}));

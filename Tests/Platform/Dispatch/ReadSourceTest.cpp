@@ -18,6 +18,7 @@ TEST(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
   const QueueRef queue = Queue::serial("reads");
   const auto source = ReadSource::make(ends[0], queue);
+  EXPECT_FALSE(Wanted::any()) << "nothing was refused";
   std::atomic<int> told{0};
   std::atomic<int> cancelled{0};
   Happening hungUp;

@@ -44,7 +44,8 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
 }
 
 TEST(ErrorTest, SaysWhatItIsWhereItsInformationHasNoText) {
-  const platform::Error error(platform::makeErrorDomain("d"), 7, Dictionary{{"key", 1}});
+  const platform::Error error(platform::makeErrorDomain("d"), 7,
+                              Dictionary{{"NSLocalizedDescription", 1}});
   EXPECT_EQ(error.localizedDescription(), "The operation could not be completed. (d error 7.)");
 }
 

@@ -63,7 +63,6 @@ class WCSessionTest : public testing::Test {
 
 TEST_F(WCSessionTest, UserInfosWaitForThePeerAndArriveInOrderOnce) {
   activate();
-  EXPECT_FALSE(watch_->sendMessage({{"now", 1}})) << "to nobody";
   for (int i = 0; i < 3; ++i) watch_->transferUserInfo({{"n", i}});
   watchEnd_->setJoined(true);
   EXPECT_THAT(atPhone_->wait(5), ElementsAre("activated", "peer came", R"(info {"n":0})",

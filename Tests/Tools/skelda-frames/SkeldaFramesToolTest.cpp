@@ -146,12 +146,13 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
 }
 
 TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
-  const auto counted = runOn(kCounter + sessionId(1) + event("Lap") + event("Run") + event("Lap") +
-                                 sessionId(1) + sessionId(2) + frameBytes(1, 128, "{}") +
-                                 frameBytes(1, 134, "?") + frameBytes(1, 134, "{}"),
-                             "--summary");
+  const auto counted =
+      runOn(kCounter + sessionId(1) + event("Lap") + event("Run") + event("Lap") + sessionId(1) +
+                sessionId(2) + frameBytes(1, 128, "{}") + frameBytes(1, 134, "?") +
+                frameBytes(1, 134, R"({"sk.event.name":7})"),
+            "--summary");
   EXPECT_EQ(counted.out,
-            "frames 10\npayload bytes 250\n"
+            "frames 10\npayload bytes 267\n"
             "from 2020-09-13T12:26:40.000Z\nto 2020-09-13T12:26:40.000Z\n"
             "sessions 2\n"
             "type 2 SkeldaStreamCounter 1\n"
