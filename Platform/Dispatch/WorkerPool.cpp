@@ -25,7 +25,7 @@ constexpr std::uint32_t kInjectedEvery = 8;  // turns between looks at the share
 constexpr std::uint32_t kLowestEvery = 64;   // takings between those of the lowest priority
 constexpr int kPollsBeforeSleep = 12;
 constexpr int kPausesPerPoll = 8;
-constexpr std::chrono::seconds kLinger{2};
+constexpr std::chrono::milliseconds kLinger{500};
 constexpr std::chrono::milliseconds kPatience{50};  // between askings for what is wanted
 
 }  // namespace
