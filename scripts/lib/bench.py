@@ -12,6 +12,7 @@ not held against its budget, and the table says so.
 """
 
 import argparse
+import collections
 import contextlib
 import json
 import os
@@ -136,8 +137,12 @@ class Agent:
                                   timeout=900, env=home.environment(SKELDA_LOG="off", **(environment or {}))).stdout
 
 
+# Rounds of the small benchmarks, each one's among the others'.
+MICRO = ("--benchmark_repetitions=5", "--benchmark_min_time=0.1", "--benchmark_enable_random_interleaving=true")
+
+
 def google(name, *arguments):
-    """The median of each benchmark of a program, by name; empty when the program is not there."""
+    """The runs of each benchmark of a program, by name; empty when the program is not there."""
     program = BUILD / "benchmarks" / name
     if not program.exists():
         return {}
@@ -145,8 +150,16 @@ def google(name, *arguments):
     if done.returncode != 0:
         print(done.stderr, file=sys.stderr)
         return {}
-    return {entry["run_name"]: entry for entry in json.loads(done.stdout)["benchmarks"]
-            if entry.get("aggregate_name", "median") == "median"}
+    runs = collections.defaultdict(list)
+    for entry in json.loads(done.stdout)["benchmarks"]:
+        if entry["run_type"] == "iteration":
+            runs[entry["run_name"]].append(entry)
+    return runs
+
+
+def runs_of(runs, name):
+    """Of the first benchmark whose name begins so."""
+    return next((entries for key, entries in runs.items() if key.startswith(name)), [])
 
 
 def caller(table, agent, rounds):
@@ -302,15 +315,14 @@ def library(table, scratch):
 
 
 def dispatch(table):
-    run = google("DispatchBenchmark", "--benchmark_repetitions=5")
+    runs = google("DispatchBenchmark", *MICRO, "--benchmark_filter=^(sync|hop)/")
     for figure, ours, limit, what, budget in (
             ("uncontended syncBlock", "sync/actor_sync_block", "sync/mutex_lock", "mutex lock", 100),
             ("asyncBlock hop under load", "hop/actor_async_block", "hop/condition_variable", "hand-over by condition", 250)):
-        mine = next((entry for name, entry in run.items() if name.startswith(ours)), None)
-        plain = next((entry for name, entry in run.items() if name.startswith(limit)), None)
+        mine, plain = ([per_item(entry) for entry in runs_of(runs, name)] for name in (ours, limit))
         if mine and plain:
-            ours_ns, plain_ns = per_item(mine), per_item(plain)
-            table.add(figure, micro(ours_ns), f"{micro(plain_ns)} ({what})", f"{ours_ns / plain_ns:.2f}",
+            ours_ns, plain_ns = statistics.median(mine), statistics.median(plain)
+            table.add(figure, spread(mine, micro), f"{micro(plain_ns)} ({what})", f"{ours_ns / plain_ns:.2f}",
                       f"at most {budget} ns", ours_ns <= budget, timed=True)
 
 
@@ -323,25 +335,26 @@ def per_item(entry):
 
 
 def frames(table):
-    run = google("FrameBenchmark", "--benchmark_repetitions=5")
+    runs = google("FrameBenchmark", *MICRO, "--benchmark_filter=Frame[A-Z][a-z]+/(1024|65536)(/1000)?$")
 
-    def speed(name):
-        return next((entry["bytes_per_second"] for key, entry in run.items() if key.startswith(name)), None)
+    def speeds(name):
+        return [entry["bytes_per_second"] / 1e9 for entry in runs_of(runs, name)]
 
     for operation, least in (("Encode", 0.3), ("Decode", 0.3), ("Iterate", 0.45)):
         for size, label in ((1 << 10, "1 KiB"), (64 << 10, "64 KiB")):
-            ours, copy = speed(f"BM_Frame{operation}/{size}"), speed(f"BM_FrameCopy/{size}")
+            ours, copy = speeds(f"BM_Frame{operation}/{size}"), speeds(f"BM_FrameCopy/{size}")
             if ours and copy:
-                table.add(f"frame {operation.lower()}, {label}", f"{ours / 1e9:.2f} GB/s",
-                          f"{copy / 1e9:.2f} GB/s (memcpy)", f"{ours / copy:.2f}", f"at least {least:.2f}", ours / copy >= least,
-                          timed=True)
+                ratio = statistics.median(ours) / statistics.median(copy)
+                table.add(f"frame {operation.lower()}, {label}", spread(ours, "{:.2f} GB/s".format),
+                          f"{statistics.median(copy):.2f} GB/s (memcpy)", f"{ratio:.2f}", f"at least {least:.2f}",
+                          ratio >= least, timed=True)
 
 
 def uploads(table):
-    run = google("UploadBenchmark")
+    runs = google("UploadBenchmark")
 
     def entry(name):
-        return next((entry for key, entry in run.items() if key.startswith(name)), None)
+        return next(iter(runs_of(runs, name)), None)
 
     for size in ("1 KB", "10 KB", "100 KB"):
         row = entry(f"BacklogOf50AgainstABareLoop/{size.split()[0]}000/")
@@ -369,10 +382,13 @@ def uploads(table):
 
 
 def json_writer(table):
-    run = google("JSONBenchmark", "--benchmark_repetitions=5")
-    if "BM_StreamedEvent" in run:
-        ours, document = per_item(run["BM_StreamedEvent"]), per_item(run["BM_EventThroughDocument"])
-        table.add("an event's JSON", micro(ours), f"{micro(document)} (document model)", f"{ours / document:.2f}")
+    runs = google("JSONBenchmark", *MICRO, "--benchmark_filter=Event")
+    ours, document = ([per_item(entry) for entry in runs_of(runs, name)]
+                      for name in ("BM_StreamedEvent", "BM_EventThroughDocument"))
+    if ours and document:
+        plain = statistics.median(document)
+        table.add("an event's JSON", spread(ours, micro), f"{micro(plain)} (document model)",
+                  f"{statistics.median(ours) / plain:.2f}")
 
 
 def compare(other, scratch, rounds):
