@@ -30,36 +30,27 @@ class RandomValues {
   std::size_t number(std::size_t end) { return static_cast<std::size_t>(random_() % end); }
 
   Value value(unsigned deepest) {
-    switch (number(deepest == 0 ? 9 : 11)) {
-      case 0:
-        return {};
-      case 1:
-        return number(2) == 0;
-      case 2:
-        return std::bit_cast<std::int64_t>(random_()) >> number(64);
-      case 3:
-        return random_() >> number(64);
-      case 4:
-        return std::bit_cast<double>(random_());
-      case 5:
-        return std::bit_cast<float>(static_cast<std::uint32_t>(random_()));
-      case 6:
-        return text();
-      case 7:
-        return platform::Data(text());
-      case 8:
-        return platform::Date(platform::Date::Microseconds(std::bit_cast<std::int64_t>(random_())));
-      case 9: {
-        platform::Array array;
-        for (auto left = number(6); left > 0; --left) array.push_back(value(deepest - 1));
-        return array;
-      }
-      default: {
-        platform::Dictionary dictionary;
-        for (auto left = number(6); left > 0; --left) dictionary.set(text(), value(deepest - 1));
-        return dictionary;
-      }
+    const auto kind = number(deepest == 0 ? 9 : 11);
+    if (kind == 1) return number(2) == 0;
+    if (kind == 2) return std::bit_cast<std::int64_t>(random_()) >> number(64);
+    if (kind == 3) return random_() >> number(64);
+    if (kind == 4) return std::bit_cast<double>(random_());
+    if (kind == 5) return std::bit_cast<float>(static_cast<std::uint32_t>(random_()));
+    if (kind == 6) return text();
+    if (kind == 7) return platform::Data(text());
+    if (kind == 8)
+      return platform::Date(platform::Date::Microseconds(std::bit_cast<std::int64_t>(random_())));
+    if (kind == 9) {
+      platform::Array array;
+      for (auto left = number(6); left > 0; --left) array.push_back(value(deepest - 1));
+      return array;
     }
+    if (kind == 10) {
+      platform::Dictionary dictionary;
+      for (auto left = number(6); left > 0; --left) dictionary.set(text(), value(deepest - 1));
+      return dictionary;
+    }
+    return {};
   }
   std::string text() {
     std::string text(number(4) == 0 ? number(300) : number(12), ' ');

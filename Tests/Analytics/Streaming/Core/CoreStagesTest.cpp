@@ -35,10 +35,6 @@ TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
   EXPECT_EQ(events->words(), "134 134 134 134") << "registered twice, delivered twice";
   EXPECT_EQ(all->words(), "134 148 134");
   EXPECT_EQ(none->words(), "");
-  const auto map = stage->frameTypeToNextStageComponentsMap();
-  EXPECT_EQ(map.size(), SkeldaStreamFrameTypeUtil::kTable.size());
-  EXPECT_EQ(*map.find(134), (SkeldaNextStageMap::Stages{events, all, events}));
-  EXPECT_EQ(map.find(9999), nullptr);
 }
 
 TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {

@@ -5,7 +5,6 @@
 #include <atomic>
 
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
-#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -83,28 +82,6 @@ TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffers
     EXPECT_EQ(provider->appStateData()->currentState(), step.state);
     EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
   }
-}
-
-/// A provider of the test's own: the shared one keeps its state from test to test.
-class NetworkProvider : public SkeldaNetworkReachabilityDataProvider {
- public:
-  static std::shared_ptr<NetworkProvider> make() { return made(new NetworkProvider()); }
-};
-
-TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnected) {
-  const auto provider = NetworkProvider::make();
-  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
-  provider->setConnectedToNetwork(true);
-  EXPECT_TRUE(provider->isNetworkReachable());
-  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
-  provider->setNetworkLikelyNotReachable();
-  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
-  EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
-  EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
-  // The same text is another domain all the same.
-  const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
-  provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
-  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
 }
 
 std::atomic<bool> noMoreWatches = false;
