@@ -1,5 +1,6 @@
 #include "Skelda_Watch/Skelda_Watch.h"
 
+#include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
@@ -51,6 +52,7 @@ const Scenario firstEvents("the first events", [] {
                                              {146, 1}, {148, 1}, {149, 1}, {153, 1}, {156, 1},
                                              {162, 1}, {171, 1}, {174, 1}};
   expect(counts == expected, "each message once");
+  expect(SkeldaDataSender::sharedInstance() != nullptr, "somebody sends");
   expect(swallowedExceptions() == 0, "nothing swallowed");
   return failures;
 });

@@ -47,8 +47,10 @@ TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
   expectDrained(queue);
   EXPECT_EQ(ticks, 0);
   invalidated.reset();
-  Timer::scheduled(std::chrono::hours(1), false, queue, [held](Timer&) {})->invalidate();
   EXPECT_EQ(held.use_count(), 1);
+  const QueueRef own = Queue::serial("own");
+  Timer::scheduled(std::chrono::hours(1), false, own, [](Timer&) {})->invalidate();
+  EXPECT_EQ(own.use_count(), 1) << "nothing waits for its time";
 }
 
 }  // namespace
