@@ -6,14 +6,11 @@
 //   FAULT_KINDS=KIND[:KIND]    the kinds of calls that count: methods of platform::FileCalls, calls
 //                              that are wrapped below, allocations of the caller and of the agent
 //   FAULT_UNDER=FOLDER         only files in that folder count
-//   FAULT_PAGE=FILE            64-bit counts of each kind and then of the faults that happened, in
-//   a
-//                              file that outlives a kill
-//   FAULT=KIND:N:WHAT[:MS]     the N-th call of KIND (from 1); with MS, every one from then on for
-//   so
-//                              many milliseconds. WHAT is the number of an error, "short" (half of
-//                              what was asked for), "kill", or "torn" (half is written, then a
-//                              kill)
+//   FAULT_PAGE=FILE            64-bit counts of each kind and then of the faults that happened: in
+//                              a file that outlives a kill
+//   FAULT=KIND:N:WHAT[:MS]     the N-th call of KIND (from 1); with MS, all from then on for as
+//                              long. WHAT is the number of an error, "short" (half of what was
+//                              asked for), "kill", or "torn" (half is written, then a kill)
 
 #include <sys/epoll.h>
 #include <sys/inotify.h>
