@@ -52,6 +52,11 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     atPhone_->wait(2);  // activated, and the watch has come
     drain();
   }
+  std::shared_ptr<RecordingDelegate> setHost(unsigned calls = platform::kWCAllDelegateCalls) {
+    auto host = std::make_shared<RecordingDelegate>(calls);
+    session_->setDelegate(host);
+    return host;
+  }
   bool isProxyInstalled() const {
     const auto delegate = session_->delegate();
     return delegate != nullptr && delegate->className() == "SkeldaWatchConnectivityProxy";
@@ -72,8 +77,7 @@ class SkeldaWatchConnectivityTest : public testing::Test {
 };
 
 TEST_F(SkeldaWatchConnectivityTest, TheHostKeepsHearingWhateverDelegateItSetsAndWhenever) {
-  const auto before = std::make_shared<RecordingDelegate>();
-  session_->setDelegate(before);
+  const auto before = setHost();
   setup();
   EXPECT_TRUE(isProxyInstalled());
   fromPhone({{"host", 1}});
@@ -97,8 +101,7 @@ TEST_F(SkeldaWatchConnectivityTest, TheHostKeepsHearingWhateverDelegateItSetsAnd
 }
 
 TEST_F(SkeldaWatchConnectivityTest, TheAgentsOwnMessagesDoNotReachTheHostOthersReachBoth) {
-  const auto host = std::make_shared<RecordingDelegate>();
-  session_->setDelegate(host);
+  const auto host = setHost();
   setup();
   fromPhone({{"skelda://id1", "vendor"}, {"hosts", "too"}});
   fromPhone({{"skelda://id3", "YES"}});
@@ -118,8 +121,7 @@ TEST_F(SkeldaWatchConnectivityTest, TheAgentsOwnMessagesDoNotReachTheHostOthersR
 }
 
 TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersIt) {
-  const auto deaf = std::make_shared<RecordingDelegate>(platform::kWCDidReceiveMessage);
-  session_->setDelegate(deaf);
+  const auto deaf = setHost(platform::kWCDidReceiveMessage);
   setup();
   EXPECT_EQ(session_->delegate()->answeredCalls(), platform::kWCDidReceiveMessage |
                                                        platform::kWCDidReceiveUserInfo |
@@ -128,8 +130,7 @@ TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersI
   phone_->sendMessage({{"m", 1}});
   EXPECT_THAT(deaf->wait(1), ElementsAre(R"(message {"m":1})"));
 
-  const auto host = std::make_shared<RecordingDelegate>();
-  session_->setDelegate(host);
+  const auto host = setHost();
   drain();
   watchEnd_->setJoined(false);
   watchEnd_->setJoined(true);
@@ -138,8 +139,7 @@ TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersI
 }
 
 TEST_F(SkeldaWatchConnectivityTest, ADelegateThatIsGoneIsNotCalledAndItsClassIsRemembered) {
-  auto host = std::make_shared<RecordingDelegate>(platform::kWCDidReceiveMessage);
-  session_->setDelegate(host);
+  auto host = setHost(platform::kWCDidReceiveMessage);
   setup();
   host.reset();
   phone_->sendMessage({{"m", 1}});
@@ -153,8 +153,7 @@ TEST_F(SkeldaWatchConnectivityTest, DisablingStopsSetUpAndTrackingButLeavesAnIns
   connectivity_->disableWatchConnectivity();
   drain();
   EXPECT_TRUE(isProxyInstalled());
-  const auto host = std::make_shared<RecordingDelegate>();
-  session_->setDelegate(host);
+  const auto host = setHost();
   drain();
   EXPECT_EQ(session_->delegate(), host);
 
@@ -166,8 +165,7 @@ TEST_F(SkeldaWatchConnectivityTest, DisablingStopsSetUpAndTrackingButLeavesAnIns
 }
 
 TEST_F(SkeldaWatchConnectivityTest, TearingDownGivesTheHostItsSessionBack) {
-  const auto host = std::make_shared<RecordingDelegate>();
-  session_->setDelegate(host);
+  const auto host = setHost();
   setup();
   connectivity_->teardown();
   drain();

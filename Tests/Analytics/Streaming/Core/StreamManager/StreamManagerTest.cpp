@@ -93,12 +93,6 @@ TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAnd
   EXPECT_EQ(log.count("Skelda: ISampleSource did not start: not today"), 1U);
 }
 
-std::shared_ptr<SkeldaWatchStreamManager> managerWith(platform::Dictionary information) {
-  information.set("CFBundleIdentifier", "com.example.run");
-  const HostBundle bundle(std::move(information));
-  return SkeldaWatchStreamManager::streamManager();
-}
-
 TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   const AgentHome home;
   const std::string event = "Skelda Watch Event Threshold";
@@ -127,7 +121,8 @@ TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   };
   for (const auto& given : cases) {
     LogCapture log;
-    const auto manager = managerWith({{given.key, given.value}});
+    const HostBundle bundle({{given.key, given.value}});
+    const auto manager = SkeldaWatchStreamManager::streamManager();
     EXPECT_EQ(manager->watchSessionEventThreshold(), given.events) << given.line;
     EXPECT_EQ(manager->watchSessionDurationThreshold(), given.minutes) << given.line;
     EXPECT_EQ(log.count("threshold may not be"), given.line.empty() ? 0U : 1U);
