@@ -69,21 +69,6 @@ TEST_F(StreamFilesTest, NilPathsAreRefused) {
   }
 }
 
-TEST_F(StreamFilesTest, TheHandleReadsToTheEndAndNoFurther) {
-  handle_.openForWritingFile(absent_, &error_);
-  EXPECT_EQ(codeOf(error_), 5);
-  EXPECT_EQ(handle_.openFilePath(), std::nullopt);
-  handle_.openForReadingFile(path_, &error_);
-  EXPECT_EQ(handle_.readDataOfLength(4, &error_), Data("0123"));
-  EXPECT_EQ(handle_.availableDataWithError(&error_), Data("456789"));
-  EXPECT_EQ(handle_.readDataOfLength(4, &error_), Data());
-  EXPECT_EQ(error_, nullptr);
-  EXPECT_EQ(handle_.readDataOfLength(0, &error_), std::nullopt);
-  EXPECT_EQ(codeOf(error_), 1);
-  handle_.closeFile();
-  EXPECT_FALSE(handle_.isOpenFile(path_));
-}
-
 TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   const struct {
     const char* kind;
