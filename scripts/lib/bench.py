@@ -22,6 +22,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "Tests" / "EndToEnd"))
@@ -42,8 +43,10 @@ class Busy:
 
     MOST = 0.125
 
-    def __enter__(self):
+    def __init__(self):
         self.before = self.reading()
+
+    def __enter__(self):
         return self
 
     def __exit__(self, *_):
@@ -74,7 +77,7 @@ def spread(values, text):
 class Table:
     def __init__(self):
         self.rows = []
-        self.busy = Busy()
+        self.busy = Busy()  # since what is timed just now began
 
     def measuring(self):
         """Around what is timed."""
@@ -430,6 +433,8 @@ def main():
     arguments = parser.parse_args()
     rounds = 1 if arguments.quick else 5
     table = Table()
+    began = time.monotonic()
+    whole = Busy()
     # On a real disk: a file system in memory synchronises for nothing.
     with tempfile.TemporaryDirectory(dir=BUILD, prefix="bench-") as folder:
         scratch = pathlib.Path(folder)
@@ -455,6 +460,7 @@ def main():
     with table.measuring():
         uploads(table)
     print(table)
+    print(f"Measured in {(time.monotonic() - began) / 60:.0f} minutes; others took {whole.share:.0%} of the machine.")
 
 
 if __name__ == "__main__":
