@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -30,9 +31,11 @@ extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length
 }
 
 using namespace std::chrono_literals;
+using platform::Data;
 using platform::Dictionary;
 using platform::WCDefaultSession;
 using platform::WCPacket;
+using platform::WCPacketFraming;
 using platform::WCPairTransport;
 using testing::Contains;
 using testing::ElementsAre;
@@ -76,7 +79,7 @@ TEST_F(WCSessionTest, WhatIsTooLongFailsAndHoldsNothingUp) {
   watchEnd_->setJoined(true);
   atWatch_->wait(2);
   const auto without = WCPacket{WCPacket::Kind::userInfo, 1, {{"n", ""}}}.encoded().length();
-  const std::string longest(platform::WCPacketFraming::kMaximumLength - without, 'x');
+  const std::string longest(WCPacketFraming::kMaximumLength - without, 'x');
   watch_->transferUserInfo({{"n", longest + "x"}});
   watch_->transferUserInfo({{"n", longest}});
   EXPECT_TRUE(atWatch_->wait(3).back().starts_with("failed")) << "one byte too long";
@@ -156,8 +159,8 @@ TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
 }
 
 TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
-  const auto whole = platform::WCPacketFraming::framed(
-      WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
+  const auto whole =
+      WCPacketFraming::framed(WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
   std::vector<std::string> attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced",
                                    std::string(4, '\0'), std::string(4, '\xff'),
                                    std::string("\x05\x00\x00\x00", 4) + "trash"};
@@ -256,7 +259,7 @@ TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMe
     std::thread sender([&, count = packets, size = length] {
       PhoneLink phone(folder / "watch.sock");
       ASSERT_TRUE(phone.connect(PhoneLink::Clock::now() + 10s));
-      const auto frame = platform::WCPacketFraming::framed(platform::Data(std::string(size, 'x')));
+      const auto frame = WCPacketFraming::framed(platform::Data(std::string(size, 'x')));
       for (std::size_t i = 0; i < count; ++i) phone.sendBytes(frame->view());
       slow.waitFor(count);
     });
@@ -267,6 +270,65 @@ TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMe
     sender.join();
     EXPECT_EQ(slow.waitFor(packets), packets) << "all of them, in the end";
   }
+}
+
+TEST(WCPacket, WhatIsNoPacketIsRefused) {
+  for (const char* text :
+       {"", "{}", "[]", "null", R"({"kind":"else","id":1})", R"({"kind":7})",
+        R"({"kind":"userInfo","content":{}})", R"({"kind":"userInfo","id":-1,"content":{}})",
+        R"({"kind":"userInfo","id":1})", R"({"kind":"userInfo","id":1,"content":[]})",
+        R"({"kind":"received"})", R"({"kind":"message","content":"text"})",
+        R"({"kind":"message","content":{}} tail)", "\xff\xfe"})
+    EXPECT_FALSE(WCPacket::decoded(text)) << text;
+  EXPECT_TRUE(WCPacket::decoded(R"({"kind":"received","id":0})"));
+  const std::string deep(100, '[');
+  EXPECT_FALSE(WCPacket::decoded(R"({"kind":"message","content":{"a":)" + deep));
+}
+
+TEST(WCPacketFraming, PacketsComeOffTheStreamWhereverItIsCut) {
+  std::string stream;
+  for (const char* text : {"one", "x", "three is longer"})
+    stream += WCPacketFraming::framed(Data(std::string(text)))->string();
+  for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+    WCPacketFraming framing;
+    std::string taken;
+    const auto take = [&] {
+      while (auto packet = framing.next()) taken += packet->string() + "|";
+    };
+    framing.append(stream.data(), cut);
+    take();
+    framing.append(stream.data() + cut, stream.size() - cut);
+    take();
+    EXPECT_EQ(taken, "one|x|three is longer|") << "cut at " << cut;
+    EXPECT_FALSE(framing.isBroken());
+  }
+}
+
+TEST(WCPacketFraming, TheMemoryOfALongPacketIsGivenBackWithIt) {
+  const auto framed = WCPacketFraming::framed(Data(std::string(300 << 10, 'x')));
+  WCPacketFraming framing;
+  const auto before = mallinfo2().uordblks + mallinfo2().hblkhd;
+  framing.append(framed->bytes(), framed->length());
+  framing.append("\x05", 1);
+  EXPECT_EQ(framing.next()->length(), 300U << 10);
+  EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (100 << 10));
+}
+
+TEST(WCPacketFraming, ALengthThatCannotBeBreaksTheStreamForGood) {
+  // 0, one more than the maximum, 1 GiB, and all bits.
+  for (const auto& length : {std::string(4, '\0'), std::string("\x01\x00\x10\x00", 4),
+                             std::string("\x00\x00\x00\x40", 4), std::string(4, '\xff')}) {
+    WCPacketFraming framing;
+    framing.append(length.data(), length.size());
+    EXPECT_FALSE(framing.next());
+    EXPECT_TRUE(framing.isBroken());
+    const auto whole = WCPacketFraming::framed(Data(std::string("late")));
+    framing.append(whole->bytes(), whole->length());
+    EXPECT_FALSE(framing.next());
+  }
+  EXPECT_FALSE(WCPacketFraming::framed(Data()));
+  EXPECT_FALSE(
+      WCPacketFraming::framed(Data(std::string(WCPacketFraming::kMaximumLength + 1, 'x'))));
 }
 
 }  // namespace

@@ -1,0 +1,204 @@
+// What is waited for: times, groups, and a body that runs once.
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Platform/Base/Log.h"
+#include "Platform/Dispatch/Group.h"
+#include "Platform/Dispatch/Once.h"
+#include "Platform/Dispatch/Time.h"
+#include "Tests/Platform/Dispatch/Waiting.h"
+
+namespace skelda::platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(TimeTest, TimesSaturateInsteadOfWrappingAround) {
+  EXPECT_EQ(dispatchTimeAfter(std::chrono::nanoseconds::max()), DispatchTime::forever);
+  EXPECT_EQ(dispatchWallTime(std::numeric_limits<std::int64_t>::max(), 0), DispatchTime::forever);
+  EXPECT_EQ(dispatchWallTime(-4, 0), dispatchWallTime(0, 0));
+  EXPECT_EQ(dispatchWallTime(std::numeric_limits<std::int64_t>::min(), 0), dispatchWallTime(0, 0));
+  const DispatchTime now = dispatchTimeAfter({});
+  EXPECT_GE(dispatchTimeAfter(milliseconds(-5)), now);
+}
+
+/// Whether one of the system's timers of the wall clock is told when that is set.
+bool aTimerSeesTheClockSet() {
+  for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(descriptor.path());
+    std::stringstream text;
+    text << info.rdbuf();
+    if (text.str().find("clockid: 0\n") == std::string::npos) continue;
+    if (text.str().find("settime flags: 03\n") != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST(TimeTest, DelayedBlocksComeInTheOrderOfTheirTimesAndNotBeforeThem) {
+  const QueueRef queue = Queue::serial("delayed");
+  std::vector<int> ran;
+  Happening all(5);
+  const auto begun = std::chrono::steady_clock::now();
+  const auto add = [&](int number, milliseconds delay) {
+    queue->after(dispatchTimeAfter(delay), [&, number, delay] {
+      EXPECT_GE(std::chrono::steady_clock::now() - begun, delay);
+      ran.push_back(number);
+      all.happen();
+    });
+  };
+  add(4, milliseconds(40));
+  add(2, milliseconds(20));
+  add(3, milliseconds(30));
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  queue->after(dispatchWallTime(now.tv_sec, now.tv_nsec + 5'000'000), [&] {
+    ran.push_back(1);
+    all.happen();
+  });
+  add(0, milliseconds(-1));
+  EXPECT_TRUE(aTimerSeesTheClockSet());
+  ASSERT_TRUE(all.cameInTime());
+  EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(TimeTest, ADueBlockIsHeldByASuspensionAndOneForEverIsThrownAway) {
+  const QueueRef queue = Queue::serial("delayed");
+  const auto held = std::make_shared<int>();
+  queue->after(DispatchTime::forever, [held] { FAIL(); });
+  EXPECT_EQ(held.use_count(), 1);
+
+  std::atomic<bool> ran{false};
+  Happening due;
+  queue->suspend();
+  queue->after(dispatchTimeAfter(milliseconds(1)), [&] { ran = true; });
+  Queue::global()->after(dispatchTimeAfter(milliseconds(10)), [&] { due.happen(); });
+  ASSERT_TRUE(due.cameInTime());
+  EXPECT_FALSE(ran);
+  queue->resume();
+  expectDrained(queue);
+  EXPECT_TRUE(ran);
+}
+
+DispatchTime wallTimeIn(std::chrono::nanoseconds delta) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return dispatchWallTime(now.tv_sec, now.tv_nsec + delta.count());
+}
+
+TEST(GroupTest, AWaitTellsWhetherTheGroupEmptiedOrTheTimeCame) {
+  const GroupRef group = Group::make();
+  EXPECT_EQ(group->wait(DispatchTime::now), 0);
+  EXPECT_EQ(group->wait(DispatchTime::forever), 0);
+  group->enter();
+  for (const DispatchTime past :
+       {DispatchTime::now, dispatchTimeAfter(std::chrono::seconds(-5)),
+        dispatchTimeAfter(std::chrono::milliseconds(2)), wallTimeIn(std::chrono::milliseconds(2)),
+        wallTimeIn({}), dispatchWallTime(-1, 0)}) {
+    EXPECT_NE(group->wait(past), 0);
+  }
+  Queue::global()->async([group] { group->leave(); });
+  EXPECT_EQ(group->wait(wallTimeIn(std::chrono::seconds(20))), 0);
+}
+
+TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
+  const GroupRef group = Group::make();
+  const QueueRef queue = Queue::serial("notified");
+  std::atomic<int> notified{0};
+  Happening all(3);
+  const auto note = [&] {
+    ++notified;
+    all.happen();
+  };
+  group->notify(queue, note);
+  expectDrained(queue);
+  EXPECT_EQ(notified, 1);
+
+  group->enter();
+  group->enter();
+  group->notify(queue, note);
+  group->notify(queue, note);
+  group->leave();
+  expectDrained(queue);
+  EXPECT_EQ(notified, 1);
+  group->leave();
+  EXPECT_TRUE(all.cameInTime());
+}
+
+TEST(GroupDeathTest, LeavingMoreOftenThanEnteringEndsTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(Group::make()->leave(), "as often as it is entered");
+}
+
+TEST(OnceTest, OneCallerRunsTheBodyAndTheOthersSeeWhatItDid) {
+  for (int round = 0; round < 50; ++round) {
+    Once once;
+    int made = 0;
+    std::atomic<int> ran{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; ++i) {
+      callers.emplace_back([&] {
+        if (once([&] { ++made; })) ++ran;
+        EXPECT_EQ(made, 1);
+      });
+    }
+    for (auto& caller : callers) caller.join();
+    EXPECT_EQ(ran, 1);
+  }
+}
+
+TEST(OnceTest, ABodyThatThrowsCountsAsDone) {
+  Once once;
+  EXPECT_THROW(once([] { throw std::runtime_error("thrown"); }), std::runtime_error);
+  EXPECT_TRUE(once.isDone());
+  EXPECT_FALSE(once([] { FAIL(); }));
+}
+
+TEST(OnceTest, ABodyThatCallsItsOwnGuardGoesOnWithALogLine) {
+  std::atomic<int> lines{0};
+  Log::setSink([&](std::string_view) { ++lines; });
+  Once once;
+  bool inner = true;
+  EXPECT_TRUE(once([&] { inner = once([] { FAIL(); }); }));
+  Log::resetSink();
+  EXPECT_FALSE(inner);
+  EXPECT_EQ(lines, 1);
+}
+
+TEST(OnceTest, WaitingForTheBodyLetsThePoolGrow) {
+  // The body needs a thread of the pool while many of them wait for it.
+  Once once;
+  Happening begun;
+  Happening all(33);
+  Queue::global()->async([&] {
+    once([&] {
+      begun.happen();
+      Happening done;
+      for (int i = 0; i < 32; ++i) {
+        Queue::global()->async([&] {
+          once([] { FAIL(); });
+          EXPECT_TRUE(once.isDone());
+          all.happen();
+        });
+      }
+      Queue::global()->async([&] { done.happen(); });
+      EXPECT_TRUE(done.cameInTime());
+    });
+    all.happen();
+  });
+  EXPECT_TRUE(begun.cameInTime());
+  EXPECT_TRUE(all.cameInTime());
+}
+
+}  // namespace
+}  // namespace skelda::platform
