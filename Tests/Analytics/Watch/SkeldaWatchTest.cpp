@@ -157,6 +157,20 @@ const Scenario folderOfAnother("a folder that another process holds", [] {
   return failures;
 });
 
+const Scenario choicesAlone("choices and then the end", [] {
+  const HostBundle host(kWatch);
+  SkeldaUserProperties::flag(SkeldaPropertySubscriber);
+  SkeldaCCPA::setDelete();
+  return 0;
+});
+
+TEST(SkeldaWatch, SaysWhatAnEarlierProcessHasLeftWaiting) {
+  AgentHome home;
+  EXPECT_EQ(Scenario::run("choices and then the end").count("brought back"), 0);
+  const auto outcome = Scenario::run("choices and then the end");
+  EXPECT_EQ(outcome.count("brought back 0 events and 2 choices"), 1) << outcome.output;
+}
+
 TEST(SkeldaWatch, LogsNothingWhereAnotherProcessHoldsTheFolder) {
   AgentHome home;
   const HostBundle host(kWatch);

@@ -396,7 +396,7 @@ TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
     std::size_t times;
     const char* where;
   } cases[] = {
-      {"open", EMFILE, 2, "/log"},  {"read", EIO, 2, "/log"},   {"open", EMFILE, 12, ".storage"},
+      {"open", EMFILE, 2, "/log"},  {"read", EIO, 8, "/log"},   {"open", EMFILE, 12, ".storage"},
       {"read", EIO, 3, ".storage"}, {"open", EMFILE, 3, ""},    {"statusAt", EIO, 1, "/log"},
       {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"},
   };
