@@ -6,7 +6,7 @@ mutants.tsv has a mutant a line: the file, what is replaced, by what, and, for o
 that anybody could notice, the reason. What is replaced stands in its file, a source file, exactly once.
 FILTER picks mutants whose line has that text in it. A mutant's one object is compiled and put before
 the libraries of a test program. The program of its own room runs first, its quick tests before its slow
-ones, and where it notices nothing the short tests of every other that links the library of that object.
+ones, and where it notices nothing all but the slowest of every other that links the library of that object.
 A test that fails or hangs must do so twice, a crash is one at once; one that takes several times as long
 as it does undisturbed hangs. Equivalents are judged at home: one that is noticed is none.
 
@@ -59,7 +59,7 @@ PROGRAMS = {
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
 # Where another needs something of the member that the mutant has no more, the mutant's still come first.
 TWICE = "-Wl,--allow-multiple-definition"
-QUICK, SHORT, SLOW = 300, 1000, 1500  # milliseconds
+QUICK, SLOW = 300, 1500  # milliseconds
 COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
 
@@ -238,7 +238,7 @@ class Trial:
         return []
 
     def others_first(self, name):
-        return self.first(name, SHORT)
+        return self.first(name, SLOW)
 
     def every(self, name):
         found, tests = [], list(self.build.calm[name])
