@@ -172,13 +172,25 @@ TEST_F(FrameLogWriter, TriesACopyThreeTimesBeforeItGivesTheLogUpWithALine) {
   startNew();
   const FaultyFileCalls plan(commitedFolder());
   for (const std::size_t times : {2U, 3U}) {
-    send(eventAt(1));
+    for (std::size_t event = 1; event < times; ++event) send(eventAt(1));
     plan->failKind("renameNoReplace", 1, {.error = EIO, .times = times});
     flush(3);
   }
   EXPECT_EQ(plan->faults(), 5U);
   EXPECT_EQ(allLogs(), "counter1 e1 flush3 | counter3");
-  EXPECT_EQ(log.count("3 frames are lost"), 1U);
+  EXPECT_EQ(log.count("4 frames are lost"), 1U);
+}
+
+TEST_F(FrameLogWriter, TheNextNumberIsOnDiskWhereTheStoreCouldBeWrittenTheThirdTime) {
+  startNew();
+  {
+    const FaultyFileCalls plan(".storage");
+    plan->failKind("rename", 1, {.error = ENOSPC, .times = 2});
+    flush(5);
+    EXPECT_EQ(plan->faults(), 2U);
+  }
+  AgentHome::forget();
+  EXPECT_EQ(counter(), 2);
 }
 
 // A device that lacks something for a moment: everything is in the logs, once and in order.
