@@ -74,5 +74,5 @@ class SkeldaIntakePump : public SkeldaActor {
   /// Of what earlier runs left.
   std::uint64_t replaysLeft_;
   Sources sources_;
-  ISkeldaStreamComponent* lastFed_ = nullptr;
+  ISkeldaFrameSource* lastFed_ = nullptr;
 };

@@ -98,9 +98,9 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// out references to itself.
   template <class T>
   static std::shared_ptr<T> made(T* fresh) {
-    std::shared_ptr<T> actor(fresh);
-    static_cast<SkeldaActor&>(*actor).didInit();
-    return actor;
+    std::shared_ptr<SkeldaActor> actor(fresh);  // Counted as an actor: one kind of count for all.
+    actor->didInit();
+    return {std::move(actor), fresh};
   }
   template <class T>
   static std::shared_ptr<T> selfOf(T* self) {

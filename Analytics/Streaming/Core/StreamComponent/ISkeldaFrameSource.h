@@ -1,10 +1,11 @@
 #pragma once
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
+#include <string_view>
 
 /// A stage that makes messages. Each source class has a static getSourceInstance(), which the class
 /// registry calls by the class's name.
-class ISkeldaFrameSource : public virtual ISkeldaStreamComponent {
+class ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaFrameSource";
+  virtual ~ISkeldaFrameSource() = default;
 };

@@ -15,6 +15,10 @@
 /// A stage of the stream pipeline, as its neighbours see it. Every call may come from any thread;
 /// a stage works on its own queue, so all but syncStreamResponse() and supportedFrameTypes() return
 /// before anything has happened.
+///
+/// A class is a stage by its base alone. What else it is (ISkeldaFrameSource,
+/// ISkeldaStreamCoreBuffer and their like) does not derive from this one: the diamond would take
+/// tables for the making of each class.
 class ISkeldaStreamComponent {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamComponent";

@@ -1,9 +1,12 @@
 #pragma once
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
+#include <string_view>
 
 /// The first core stage: every source feeds it.
-class ISkeldaStreamCoreBuffer : public virtual ISkeldaStreamComponent {
+class ISkeldaStreamCoreBuffer {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamCoreBuffer";
+
+ protected:
+  ~ISkeldaStreamCoreBuffer() = default;
 };

@@ -1,9 +1,12 @@
 #pragma once
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
+#include <string_view>
 
 /// The stage that decides where watch sessions and frame logs end.
-class ISkeldaStreamCorePolicy : public virtual ISkeldaStreamComponent {
+class ISkeldaStreamCorePolicy {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamCorePolicy";
+
+ protected:
+  ~ISkeldaStreamCorePolicy() = default;
 };

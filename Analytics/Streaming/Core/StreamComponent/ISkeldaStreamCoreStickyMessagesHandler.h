@@ -1,9 +1,12 @@
 #pragma once
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
+#include <string_view>
 
 /// The stage that replays the environment at the head of every log.
-class ISkeldaStreamCoreStickyMessagesHandler : public virtual ISkeldaStreamComponent {
+class ISkeldaStreamCoreStickyMessagesHandler {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamCoreStickyMessagesHandler";
+
+ protected:
+  ~ISkeldaStreamCoreStickyMessagesHandler() = default;
 };

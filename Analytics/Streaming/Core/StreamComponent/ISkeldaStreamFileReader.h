@@ -2,9 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamComponent.h"
 #include "Platform/Foundation/Error.h"
+#include "Platform/Platform.h"
 
 /// Who hears what became of a file that a reader was given: exactly one call per file.
 class ISkeldaStreamFileReaderDelegate {
@@ -17,9 +18,10 @@ class ISkeldaStreamFileReaderDelegate {
 };
 
 /// A stage of the transfer side that reads committed frame logs.
-class ISkeldaStreamFileReader : public virtual ISkeldaStreamComponent {
+class ISkeldaStreamFileReader {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFileReader";
+  virtual ~ISkeldaStreamFileReader() = default;
 
   /// Reads the file `fileName` of the folder `path`. Any thread; returns at once.
   virtual void processFile(const std::string& fileName, const std::string& path) = 0;

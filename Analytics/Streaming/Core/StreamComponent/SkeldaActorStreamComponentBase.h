@@ -17,7 +17,7 @@
 /// Lives on its own actor queue. Next stages are held strongly and previous ones weakly, so a
 /// pipeline is owned from its front. What is missing (a null stage, a null response) is reported
 /// by the debug checks and otherwise ignored.
-class SkeldaActorStreamComponentBase : public SkeldaActor, public virtual ISkeldaStreamComponent {
+class SkeldaActorStreamComponentBase : public SkeldaActor, public ISkeldaStreamComponent {
  public:
   /// A stage needs a description: aborts.
   SkeldaActorStreamComponentBase();

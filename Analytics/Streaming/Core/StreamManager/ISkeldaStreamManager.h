@@ -11,11 +11,10 @@
 
 class ISkeldaFileTransferAgent;
 class ISkeldaNodeDataProvider;
-class ISkeldaStreamCoreBuffer;
 class ISkeldaStreamFrameDeserializer;
-class ISkeldaStreamFrameLogWriter;
 class ISkeldaStreamMessageSerializer;
 class ISkeldaStreamTransferManager;
+class SkeldaStreamFrameLogWriter;
 
 /// Owns and wires the pipeline. The operations below, but for startup() and the getters, build it
 /// and are called while the manager is being made, before it is shared.
@@ -40,10 +39,10 @@ class ISkeldaStreamManager {
   virtual void setupPipelineWithCorePolicy(const StageRef& policy, const StageRef& dropHandler,
                                            const StageRef& stickyHandler) = 0;
 
-  virtual const std::shared_ptr<ISkeldaStreamCoreBuffer>& streamBuffer() const = 0;
+  virtual const StageRef& streamBuffer() const = 0;
   virtual const std::shared_ptr<ISkeldaStreamMessageSerializer>& serializer() const = 0;
   virtual const std::shared_ptr<ISkeldaStreamFrameDeserializer>& deserializer() const = 0;
-  virtual const std::shared_ptr<ISkeldaStreamFrameLogWriter>& logwriter() const = 0;
+  virtual const std::shared_ptr<SkeldaStreamFrameLogWriter>& logwriter() const = 0;
   virtual const std::shared_ptr<ISkeldaFileTransferAgent>& fileTransferAgent() const = 0;
   virtual const std::shared_ptr<ISkeldaNodeDataProvider>& nodeDataProvider() const = 0;
   virtual const std::shared_ptr<ISkeldaStreamTransferManager>& transferManager() const = 0;

@@ -54,16 +54,14 @@ class SkeldaStreamBaseManager : public SkeldaActor, public ISkeldaStreamManager 
   void setupPipelineWithCorePolicy(const StageRef& policy, const StageRef& dropHandler,
                                    const StageRef& stickyHandler) override;
 
-  const std::shared_ptr<ISkeldaStreamCoreBuffer>& streamBuffer() const override {
-    return streamBuffer_;
-  }
+  const StageRef& streamBuffer() const override { return streamBuffer_; }
   const std::shared_ptr<ISkeldaStreamMessageSerializer>& serializer() const override {
     return serializer_;
   }
   const std::shared_ptr<ISkeldaStreamFrameDeserializer>& deserializer() const override {
     return deserializer_;
   }
-  const std::shared_ptr<ISkeldaStreamFrameLogWriter>& logwriter() const override {
+  const std::shared_ptr<SkeldaStreamFrameLogWriter>& logwriter() const override {
     return logwriter_;
   }
   const std::shared_ptr<ISkeldaFileTransferAgent>& fileTransferAgent() const override {
@@ -108,10 +106,10 @@ class SkeldaStreamBaseManager : public SkeldaActor, public ISkeldaStreamManager 
 
   std::map<std::string, platform::ObjectRef, std::less<>> map_;
   std::set<std::string, std::less<>> leftOut_;
-  std::shared_ptr<ISkeldaStreamCoreBuffer> streamBuffer_;
+  StageRef streamBuffer_;
   std::shared_ptr<ISkeldaStreamMessageSerializer> serializer_;
   std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer_;
-  std::shared_ptr<ISkeldaStreamFrameLogWriter> logwriter_;
+  std::shared_ptr<SkeldaStreamFrameLogWriter> logwriter_;
   std::shared_ptr<ISkeldaFileTransferAgent> fileTransferAgent_;
   std::shared_ptr<ISkeldaNodeDataProvider> nodeDataProvider_;
   std::shared_ptr<ISkeldaStreamTransferManager> transferManager_;

@@ -3,12 +3,12 @@
 #include <chrono>
 #include <utility>
 
+#include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCoreStickyMessagesHandler.h"
 #include "Analytics/Streaming/Core/SkeldaStreamDropHandler.h"
 #include "Analytics/Streaming/Core/SkeldaWatchStreamEventDropRule.h"
 #include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
@@ -153,9 +153,7 @@ void SkeldaWatchStreamManager::startup() {
 void SkeldaWatchStreamManager::onqueue_startup() {
   SKELDA_ON_QUEUE();
   // On the writer's queue, so that no frame is written into a folder that may not last.
-  if (const auto writer = std::dynamic_pointer_cast<SkeldaActor>(logwriter())) {
-    writer->asyncBlock([] { SkeldaUtil::synchronizeFilePathDirectory(); });
-  }
+  logwriter()->asyncBlock([] { SkeldaUtil::synchronizeFilePathDirectory(); });
   logwriter()->writePendingFiles();
   startup(skelda::startOrder());
 }

@@ -62,7 +62,7 @@ inline void addWord(std::string& words, const std::string& word) {
 
 /// A neighbour that writes down what it is told. Any thread.
 class RecordingStage : public platform::Object,
-                       public virtual ISkeldaStreamComponent,
+                       public ISkeldaStreamComponent,
                        public ISkeldaStreamCoreComponent {
  public:
   std::string_view className() const noexcept override { return "RecordingStage"; }

@@ -2,8 +2,7 @@
 
 #include <sstream>
 
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
-#include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamFrameLogWriter.h"
+#include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
