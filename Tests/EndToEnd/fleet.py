@@ -2,9 +2,11 @@
 collectors in front of them."""
 
 import contextlib
+import json
 import os
 import re
 import subprocess
+import urllib.request
 
 from loading import STREAM, Stream, free_ports
 from support import BUILD, COLLECTOR, ROOT, Collector, Process, eventually, give_identifiers
@@ -45,7 +47,7 @@ class Servers(contextlib.AbstractContextManager):
     def __init__(self, folder, count=3, hosts=None, inside=None):
         self.folder = folder
         self.hosts, self.inside = hosts or ["127.0.0.1"] * count, inside or [[]] * count
-        self.ports, self.routes = free_ports(count), free_ports(count)
+        self.ports, self.routes, self.monitors = free_ports(count), free_ports(count), free_ports(count)
         self.processes = [None] * count
         for index in range(count):
             self.start(index)
@@ -58,7 +60,7 @@ class Servers(contextlib.AbstractContextManager):
         routes = ",".join(f"nats://{host}:{port}" for host, port in zip(self.hosts, self.routes))
         self.processes[index] = Process([*self.inside[index], *deployed(
             "skelda-nats", f"skelda-{index}", ADDRESS=self.hosts[index], PORT=self.ports[index],
-            CLUSTER=f"{self.hosts[index]}:{self.routes[index]}", ROUTES=routes,
+            MONITOR=self.monitors[index], CLUSTER=f"{self.hosts[index]}:{self.routes[index]}", ROUTES=routes,
             STATE_DIRECTORY=self.folder / f"nats-{index}")])
 
     def kill(self, index):
@@ -86,11 +88,21 @@ class Servers(contextlib.AbstractContextManager):
         cluster = (self.ask(f"$JS.API.STREAM.INFO.{name}") or {}).get("cluster", {})
         return int(cluster["leader"].removeprefix("skelda-")) if cluster.get("leader") else None
 
-    def replicas(self):
-        """Of each server beside the leader, whether it has what the leader has."""
-        info = self.ask(f"$JS.API.STREAM.INFO.{STREAM}") or {}
-        return [peer.get("current", False) and not peer.get("lag") and not peer.get("offline")
-                for peer in info.get("cluster", {}).get("replicas", [])]
+    def holding(self, index):
+        """How many messages of the stream a server has itself; None while it says that it is not up to date."""
+        monitor = f"http://{self.hosts[index]}:{self.monitors[index]}"
+        with contextlib.suppress(OSError, KeyError, ValueError):
+            urllib.request.urlopen(f"{monitor}/healthz", timeout=5).close()
+            with urllib.request.urlopen(f"{monitor}/jsz?streams=true", timeout=5) as answer:
+                accounts = json.load(answer)["account_details"]
+            return sum(each["state"]["messages"] for account in accounts for each in account["stream_detail"]
+                       if each["name"] == STREAM)
+        return None
+
+    def are_level(self):
+        """Whether each has what any of them had a moment before."""
+        before, now = ([self.holding(index) for index in range(len(self.ports))] for _ in range(2))
+        return None not in before + now and min(now) >= max(before)
 
     def subjects(self):
         """Of the stream's messages, those after its name."""
