@@ -204,8 +204,7 @@ class FleetKill:
         time.sleep(self.chance.uniform(0.2, longest))
 
     def await_level(self):
-        """One trouble of the servers at a time: a server that is killed, or loses the others, while one of them
-        still catches up can make them forget what they have acknowledged, which docs/operations.md says."""
+        """One trouble of the servers at a time: docs/operations.md says why."""
         if not eventually(self.servers.are_level, 120, every=0.1):
             held = [self.servers.holding(index) for index in range(3)]
             self.problems.append(f"the servers do not come to have the same: {held} messages")
@@ -252,11 +251,20 @@ class FleetKill:
             process.kill()
         self.start_agent(number)
 
+    def small_follows(self):
+        leader = self.servers.leader()
+        if leader == SMALL:
+            self.servers.ask(f"$JS.API.STREAM.LEADER.STEPDOWN.{fleet.STREAM}")
+        return leader not in (None, SMALL)
+
     def resize(self, size):
         subprocess.run(["mount", "-o", f"remount,size={size}", self.small], check=True)
 
     def full_disk(self):
+        """Under a server that does not lead: docs/operations.md says what else comes of it, and how to avoid it."""
         self.await_level()
+        if not eventually(self.small_follows, 60, every=0.5):
+            self.problems.append("the server with the small disk does not give up the lead")
         room = shutil.disk_usage(self.small)
         self.resize(room.used + (8 << 20))
         fill(self.small / "rest")
