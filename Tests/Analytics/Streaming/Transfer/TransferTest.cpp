@@ -186,6 +186,21 @@ TEST_F(SkeldaStreamTransferManagerTest, AFileThatTheAgentGaveUpDoesNotHoldItsPla
   EXPECT_EQ(folder_->removed, Names{}) << "it stays where it is";
 }
 
+TEST_F(SkeldaStreamTransferManagerTest, ACompletionOfAnUnknownNameStillRunsAPass) {
+  makeWithOneUpload();
+  put(1);
+  folder_->unlistable = 1;
+  folderChanged();
+  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
+  monitor_->tell(1);  // no change that matters
+  settle();
+  EXPECT_TRUE(agent_->started.empty());
+  folderChanged();
+  record("log1")->setFileState(kSkeldaFileStateWaiting);
+  complete("unknown");
+  EXPECT_EQ(agent_->started, (Names{"log1", "log1"}));
+}
+
 TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithTheirNumberOnly) {
   // Sent one by one, each a change of the folder as it goes: how many names were listed for it.
   const auto namesListedFor = [&](int count) {

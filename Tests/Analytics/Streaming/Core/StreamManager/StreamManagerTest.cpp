@@ -38,6 +38,7 @@ class Manager : public SkeldaStreamBaseManager {
  public:
   static std::shared_ptr<Manager> make() { return made(new Manager()); }
   std::string_view className() const noexcept override { return "Manager"; }
+  using SkeldaStreamBaseManager::createOrGetProviderModule;
   using SkeldaStreamBaseManager::startup;
 
  private:
@@ -57,6 +58,24 @@ class SkeldaStreamBaseManagerTest : public ::testing::Test {
   AgentHome home_;
   std::shared_ptr<Manager> manager_ = Manager::make();
 };
+
+TEST_F(SkeldaStreamBaseManagerTest, RaisesForModulesThatAreMissingOrOfTheWrongKind) {
+  const auto source = SampleSource::getSourceInstance();
+  manager_->setModule(source, SkeldaModuleKey::of<ISampleSource>());
+  manager_->setModule(nullptr, SkeldaModuleKey::of<ISampleSource>());  // does not take its place
+  EXPECT_EQ(manager_->module<ISampleSource>(), source);
+  manager_->setModule(source, SkeldaModuleKey::forProtocol("ISkeldaEventFrameSource"));
+  const std::function<void()> calls[] = {
+      [&] { manager_->getObjectForSourceModule("absent"); },
+      [&] { manager_->getObjectForSourceModule("ISkeldaEventFrameSource"); },
+      [&] { manager_->addModule(source, "ISampleSource"); },
+      [&] { manager_->createOrGetProviderModule("SampleSource"); },
+      [&] { manager_->createOrGetProviderModule("NoSuchClass"); },
+      [&] { manager_->chainProviderClassObservers({{"one"}}); },
+      [&] { manager_->startup({"never mentioned"}); },
+  };
+  for (const auto& call : calls) EXPECT_THROW(call(), platform::Exception);
+}
 
 TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDependsOnThem) {
   manager_->helperSetupCoreStreamingModules();
