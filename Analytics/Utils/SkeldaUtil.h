@@ -21,7 +21,7 @@
 namespace skelda::platform {
 class Queue;
 struct FileSystemAttributes;
-}
+}  // namespace skelda::platform
 
 /// What every other class leans on: log level, the sink of caught exceptions, soft assertions, the
 /// storage folder, archives, text helpers, uptime, counters and device figures. Class methods only,
