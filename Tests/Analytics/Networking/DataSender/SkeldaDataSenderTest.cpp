@@ -271,6 +271,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   EXPECT_EQ(counted(), (Counts{6, 1, 0, 0, 0, 5}));
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].body, "whole");
+  finish();  // before the calls go
 }
 
 TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
