@@ -151,7 +151,8 @@ TEST_F(WantedDeathTest, ADelayedBlockComesThoughNobodySubmitsAnythingAfterIt) {
     const auto delayOne = [call = call, refusals = times] {
       static Unseen delayed;
       call->refusals = refusals;
-      Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(1)),
+      // Long enough for it not to be due before anything is asked for, wherever this runs.
+      Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(50)),
                              [] { delayed.happen(); });
       delayed.expect("the delayed block");
       std::_Exit(call->refusals == refusals ? 2 : 0);  // on a busy machine it may need fewer
