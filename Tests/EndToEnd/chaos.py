@@ -193,11 +193,14 @@ class Chaos(contextlib.AbstractContextManager):
                               for problem in account_file.of(self.home).problems(killed=killed)]
 
     def restart_collector(self, *arguments, away=0.0):
+        """How many logs had arrived by then."""
         self.collector.stop()
+        arrived = len(self.collector.entries())
         self.collector_output += self.collector.process.lines
         time.sleep(away)
         self.collector.start(*arguments)
         self.counts["server restarts"] += 1
+        return arrived
 
     # What goes wrong
 
@@ -224,9 +227,8 @@ class Chaos(contextlib.AbstractContextManager):
             self.problems.append(f"{redirects} redirects were followed in {seconds:.0f} s")
 
     def serve_untrusted(self, seconds):
-        before = len(self.collector.entries())
         kind = self.chance.choice(["expired", "self-signed", "wrong-name"])
-        self.restart_collector("--certificate", kind)
+        before = self.restart_collector("--certificate", kind)
         time.sleep(seconds)
         requests = [line for line in self.collector.process.lines if line and line.startswith(("log ", "refused", "fault"))]
         if requests or len(self.collector.entries()) != before:
