@@ -49,6 +49,7 @@ platform::FileSystemAttributes SkeldaUtil::documentsFileSystem() {
   }
   return sizes.value_or(platform::FileSystemAttributes{});
 }
+
 std::uint64_t SkeldaUtil::getDiskSize() {
   return documentsFileSystem().size;
 }

@@ -105,9 +105,7 @@ int FolderWatcher::watchParentOf(Folder& folder) {
 void FolderWatcher::expectRemoval(const FolderListener& listener, const std::string& name) {
   const MutexLock lock(mutex_);
   for (Folder& folder : folders_) {
-    if (folder.identity != &listener) continue;
-    auto& names = folder.expectedRemovals;
-    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    if (folder.identity == &listener) folder.expectedRemovals.insert(name);
   }
 }
 
@@ -177,9 +175,13 @@ void FolderWatcher::take(WatchId watch, std::uint32_t mask, std::string_view nam
       folder.expectedRemovals.clear();
     }
     if (watch == folder.folder) {
-      const bool isExpected =
-          (mask & IN_DELETE) != 0 && std::erase(folder.expectedRemovals, name) > 0;
-      if ((mask & kEntryEvents) != 0 && !isExpected) events |= kFolderWritten;
+      auto& expected = folder.expectedRemovals;
+      const auto own = (mask & IN_DELETE) != 0 ? expected.find(name) : expected.end();
+      if (own != expected.end()) {
+        expected.erase(own);
+      } else if ((mask & kEntryEvents) != 0) {
+        events |= kFolderWritten;
+      }
       if ((mask & kGoneEvents) != 0) events |= kFolderGone;
     }
     // What happens to an entry of a folder says that the folder is there.

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,8 +44,8 @@ class FolderWatcher {
     WatchId folder;
     WatchId parent;  // or none
     bool gone = false;
-    unsigned due = 0;                             // events, not yet told
-    std::vector<std::string> expectedRemovals{};  // of names
+    unsigned due = 0;                                       // events, not yet told
+    std::set<std::string, std::less<>> expectedRemovals{};  // of names
   };
 
   static int make(const void*) noexcept;

@@ -66,6 +66,7 @@ int FileDescriptor::close() noexcept {
 }
 
 int FileDescriptor::writeRest(std::string_view& rest, ::off_t offset) const {
+  lengthAtOpen_.reset();
   while (!rest.empty()) {
     const ::ssize_t written = fileCall<&FileCalls::write>(fd_, rest.data(), rest.size(), offset);
     if (written < 0) return errno;
@@ -161,6 +162,7 @@ int FileDescriptor::lengthNow(::off_t& length) const {
 }
 
 int FileDescriptor::truncate(::off_t length) const {
+  lengthAtOpen_.reset();
   return fileError<&FileCalls::truncate>(fd_, length);
 }
 

@@ -62,7 +62,7 @@ class FileDescriptor {
   int lengthNow(::off_t& length) const;
 
   int fd_ = -1;
-  /// As openFile() saw it, for the first who asks.
+  /// As openFile() saw it, for the first who asks; nothing once it was changed by this.
   mutable std::optional<::off_t> lengthAtOpen_;
 };
 

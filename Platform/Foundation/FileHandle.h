@@ -19,7 +19,8 @@ class FileHandle {
   static std::shared_ptr<FileHandle> forWritingAtPath(const std::string& path);
   virtual ~FileHandle() = default;
 
-  /// At most `length` bytes from the current offset; fewer only at the end of the file. Allocates
+  /// At most `length` bytes from the current offset; fewer only at the end of the file, which for
+  /// the first call is where it ended when it was opened. Allocates
   /// for what the file can still give, never for `length` itself.
   virtual Data readDataOfLength(std::size_t length) = 0;
   virtual Data readDataToEndOfFile() = 0;

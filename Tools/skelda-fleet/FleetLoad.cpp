@@ -26,7 +26,7 @@ FleetLoad::FleetLoad(const Options& options, LoadBodies& bodies)
   ledger_ = std::fopen(options_.ledger.c_str(), "ae");
   if (ledger_ == nullptr) failLedger(options_.ledger);
   // Whoever follows it, or finds it after a kill, has each line that was written whole.
-  std::setvbuf(ledger_, nullptr, _IOLBF, BUFSIZ);
+  if (std::setvbuf(ledger_, nullptr, _IOLBF, BUFSIZ) != 0) failLedger(options_.ledger);
 }
 
 FleetLoad::~FleetLoad() {

@@ -1,6 +1,7 @@
 #include "Tools/skelda-fleet/LoadBodies.h"
 
 #include <fmt/format.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>

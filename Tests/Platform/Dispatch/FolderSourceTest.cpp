@@ -28,6 +28,22 @@ std::size_t systemsWatches() {
   return count;
 }
 
+/// Another source on the same folder, later in the row: the first has heard of what this has seen.
+struct Beside {
+  explicit Beside(int descriptor) : source(FolderSource::make(descriptor, queue)) {
+    source->setEventHandler([this](unsigned events) { seen.add(events); });
+    source->resume();
+  }
+  ~Beside() {
+    source->cancel();
+    expectDrained(queue);
+  }
+
+  skelda::testing::Recorded<unsigned> seen;
+  const QueueRef queue = Queue::serial("beside");
+  const std::shared_ptr<FolderSource> source;
+};
+
 class FolderSourceTest : public ::testing::Test {
  protected:
   FolderSourceTest() {
@@ -87,35 +103,25 @@ TEST_F(FolderSourceTest, EntriesThatComeGoOrAreRenamedAreToldOnceItIsResumed) {
 }
 
 TEST_F(FolderSourceTest, WhatComesBeforeTheHandlerHasRunIsToldInOneCall) {
-  skelda::testing::Recorded<unsigned> besides;  // later in the row, so the first has heard by then
-  const QueueRef queue = Queue::serial("beside");
-  const auto second = FolderSource::make(descriptor_, queue);
-  second->setEventHandler([&](unsigned events) { besides.add(events); });
-  second->resume();
+  Beside beside(descriptor_);
   source_->resume();
   queue_->suspend();
   for (std::size_t i = 1; i < 4; ++i) {
     fs::create_directory(folder_ / std::to_string(i));
-    EXPECT_EQ(besides.wait(i).size(), i);
+    EXPECT_EQ(beside.seen.wait(i).size(), i);
   }
   queue_->resume();
   expectDrained(queue_);
   EXPECT_EQ(seen_.size(), 1U);
-  second->cancel();
-  expectDrained(queue);
 }
 
 TEST_F(FolderSourceTest, ARemovalThatWasAnnouncedIsNotToldButTheNextOneIs) {
-  skelda::testing::Recorded<unsigned> besides;  // later in the row, so the first has heard by then
-  const QueueRef queue = Queue::serial("beside");
-  const auto second = FolderSource::make(descriptor_, queue);
-  second->setEventHandler([&](unsigned events) { besides.add(events); });
-  second->resume();
+  Beside beside(descriptor_);
   source_->resume();
   const auto told = [&](const std::function<void()>& change) {
-    const std::size_t before = seen_.size(), beside = besides.size();
+    const std::size_t before = seen_.size(), there = beside.seen.size();
     change();
-    EXPECT_GT(besides.wait(beside + 1).size(), beside);
+    EXPECT_GT(beside.seen.wait(there + 1).size(), there);
     expectDrained(queue_);
     return seen_.size() - before;
   };
@@ -124,8 +130,6 @@ TEST_F(FolderSourceTest, ARemovalThatWasAnnouncedIsNotToldButTheNextOneIs) {
     if (expected == 0) source_->expectRemoval("own");
     EXPECT_EQ(told([&] { fs::remove(folder_ / "own"); }), expected);
   }
-  second->cancel();
-  expectDrained(queue);
 }
 
 TEST_F(FolderSourceTest, AFolderThatIsRenamedIsGoneForEverySourceOfIt) {

@@ -1,10 +1,12 @@
 #include "Platform/Foundation/FileHandle.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileDescriptor.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -30,6 +32,17 @@ TEST_F(FileHandleTest, ReadsWhatTheFileStillGivesWhateverIsAskedFor) {
   EXPECT_TRUE(handle->readDataOfLength(100).empty());
   writeFile(path_, "0123456789 and more");
   EXPECT_EQ(handle->readDataToEndOfFile().view(), " and more");
+  // The first call gives what was there at the opening.
+  const auto other = FileHandle::forReadingAtPath(path_);
+  writeFile(path_, "0123456789 and more!");
+  EXPECT_EQ(other->readDataToEndOfFile().view(), "0123456789 and more");
+  EXPECT_EQ(other->readDataToEndOfFile().view(), "!");
+  // But for one's own changes.
+  int error = 0;
+  const auto both = platform::FileDescriptor::openFile(path_, O_RDWR, error);
+  std::string whole;
+  EXPECT_EQ(both.write("?", 20) | both.read(whole, 100, 0), 0);
+  EXPECT_EQ(whole, "0123456789 and more!?");
   // A file that does not tell its size.
   EXPECT_GT(FileHandle::forReadingAtPath("/proc/self/status")->readDataToEndOfFile().length(), 99u);
 }

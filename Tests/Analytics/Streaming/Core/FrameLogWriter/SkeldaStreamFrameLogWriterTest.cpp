@@ -23,6 +23,14 @@
 namespace skelda::testing {
 namespace {
 
+/// What a device lacks for a moment: a call fails so many times, on paths that hold a text.
+struct Lack {
+  const char* kind;
+  int error;
+  std::size_t times;
+  const char* where;
+};
+
 using Logs = std::vector<std::string>;
 
 /// A home with a writer in it, and its logs in words (see logWords).
@@ -195,12 +203,7 @@ TEST_F(FrameLogWriter, TheNextNumberIsOnDiskWhereTheStoreCouldBeWrittenTheThirdT
 
 // A device that lacks something for a moment: everything is in the logs, once and in order.
 TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
-  const struct {
-    const char* kind;
-    int error;
-    std::size_t times;
-    const char* where;
-  } cases[] = {
+  const Lack cases[] = {
       {"open", EMFILE, 2, ""},
       {"write", ENOSPC, 5, ""},
       {"write", EIO, 3, "/log"},
@@ -402,12 +405,7 @@ TEST_F(FrameLogRepairTest, CutsTheLogInPlaceWhereThereIsNoRoomForACopy) {
 
 // Nothing is begun while what the last run left, or the store, cannot be read or closed.
 TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
-  const struct {
-    const char* kind;
-    int error;
-    std::size_t times;
-    const char* where;
-  } cases[] = {
+  const Lack cases[] = {
       {"open", EMFILE, 2, "/log"},  {"read", EIO, 8, "/log"},   {"open", EMFILE, 12, ".storage"},
       {"read", EIO, 3, ".storage"}, {"open", EMFILE, 3, ""},    {"statusAt", EIO, 1, "/log"},
       {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"},
