@@ -16,8 +16,8 @@ namespace {
 
 /// Header and length reach the disk before the payload does where power is lost: then what stands
 /// in its place is zeros.
-bool isObject(const platform::Data& payload) {
-  const auto value = platform::readJSON(payload.view(), nullptr, {.maximumDepth = 512});
+bool isObject(std::string_view payload) {
+  const auto value = platform::readJSON(payload, nullptr, {.maximumDepth = 512});
   return value && value->dictionary() != nullptr;
 }
 
@@ -59,7 +59,7 @@ std::optional<FrameLogRepair::ReadableLog> FrameLogRepair::read() {
 std::optional<FrameLogRepair::End> FrameLogRepair::keepFrame(const SkeldaStreamFrame::Ref& frame,
                                                              ReadableLog& readable) {
   if (!frame) return End::frameCannotBeWrittenAgain;
-  if (!isObject(frame->payload())) return End::payloadIsNoObject;
+  if (!isObject(frame->payloadView())) return End::payloadIsNoObject;
   const std::size_t length = frame->totalLength();
   const auto message = SkeldaStreamMessage::streamMessageFromFrame(std::move(*frame));
   const auto bytes = serializer_->frameFromStreamMessage(*message);

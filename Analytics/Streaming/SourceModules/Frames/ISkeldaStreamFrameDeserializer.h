@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -9,7 +11,7 @@
 #include "Platform/Foundation/Error.h"
 
 /// Turns bytes into frames. Stateless and re-entrant: any queue. Every out-pointer may be null; the
-/// bytes are only looked at during the call.
+/// bytes are only looked at during the call, but for an owner's.
 class ISkeldaStreamFrameDeserializer {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFrameDeserializer";
@@ -22,10 +24,13 @@ class ISkeldaStreamFrameDeserializer {
                                        std::uint32_t* totalBytesInFrame = nullptr) const = 0;
 
   /// Decodes the first frame. The caller must have been told by isAtLeastOneFrameInData() that
-  /// there is one: nothing is checked here. Never sets the error, never returns null.
-  virtual SkeldaStreamFrame::Ref streamFrameFromData(std::string_view data,
-                                                     std::size_t* bytesReadSoFar = nullptr,
-                                                     platform::ErrorRef* error = nullptr) const = 0;
+  /// there is one: nothing is checked here. Never sets the error, never returns null. Where `owner`
+  /// is given, which has the data in it and is not changed any more, the frame shares it, and
+  /// nothing is copied.
+  virtual SkeldaStreamFrame::Ref streamFrameFromData(
+      std::string_view data, std::size_t* bytesReadSoFar = nullptr,
+      platform::ErrorRef* error = nullptr,
+      const std::shared_ptr<const std::string>& owner = nullptr) const = 0;
 
   /// The type of the first frame, from bytes 1 to 3; the caller has at least 4 bytes. Never sets
   /// the error.

@@ -11,8 +11,8 @@ std::optional<std::string_view> SkeldaStreamFrame::frameClass() const noexcept {
 }
 
 std::optional<std::string> SkeldaStreamFrame::payloadString() const {
-  if (!platform::isValidUTF8(payload_.view())) return std::nullopt;
-  return payload_.string();
+  if (!platform::isValidUTF8(payloadView())) return std::nullopt;
+  return std::string(payloadView());
 }
 
 std::string SkeldaStreamFrame::description() const {
@@ -21,6 +21,6 @@ std::string SkeldaStreamFrame::description() const {
       "relative timestamp = [{}], crc = [{}], payload len = [{}], payload = {}, "
       "total len = [{}]]",
       static_cast<const void*>(this), frameType_, frameClass().value_or("(null)"), epochTimeStamp_,
-      relativeTimeStamp_, crc32_, payload_.length(), payloadString().value_or("(null)"),
+      relativeTimeStamp_, crc32_, payloadView().size(), payloadString().value_or("(null)"),
       totalLength_);
 }

@@ -62,7 +62,8 @@ bool SkeldaStreamFrameDeserializer::isAtLeastOneFrameInData(
 }
 
 SkeldaStreamFrame::Ref SkeldaStreamFrameDeserializer::streamFrameFromData(
-    std::string_view data, std::size_t* bytesReadSoFar, platform::ErrorRef*) const {
+    std::string_view data, std::size_t* bytesReadSoFar, platform::ErrorRef*,
+    const std::shared_ptr<const std::string>& owner) const {
   auto frame = std::make_shared<SkeldaStreamFrame>();
   const std::uint8_t version = versionOf(data);
   const auto payloadLength = numberAt<std::uint32_t>(data, format::kPayloadLengthOffset);
@@ -70,7 +71,12 @@ SkeldaStreamFrame::Ref SkeldaStreamFrameDeserializer::streamFrameFromData(
   frame->setFrameType(static_cast<std::int32_t>(typeOf(data)));
   frame->setEpochTimeStamp(numberAt<std::int64_t>(data, format::kEpochTimeStampOffset));
   frame->setRelativeTimeStamp(numberAt<std::int64_t>(data, format::kRelativeTimeStampOffset));
-  frame->setPayload(platform::Data(data.data() + format::kHeaderLength, payloadLength));
+  const std::string_view payload = data.substr(format::kHeaderLength, payloadLength);
+  if (owner != nullptr) {
+    frame->setPayload(owner, payload);
+  } else {
+    frame->setPayload(platform::Data(std::string(payload)));
+  }
   std::size_t consumed = format::kHeaderLength + payloadLength;
   if (version == format::kVersionWithFooter) {
     // Carried, not compared: a frame whose CRC is wrong is accepted as it stands.

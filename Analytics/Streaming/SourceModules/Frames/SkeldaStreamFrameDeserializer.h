@@ -17,9 +17,10 @@ class SkeldaStreamFrameDeserializer : public platform::Object,
   std::string_view className() const noexcept override { return kClassName; }
   bool isAtLeastOneFrameInData(std::string_view data,
                                std::uint32_t* totalBytesInFrame = nullptr) const override;
-  SkeldaStreamFrame::Ref streamFrameFromData(std::string_view data,
-                                             std::size_t* bytesReadSoFar = nullptr,
-                                             platform::ErrorRef* error = nullptr) const override;
+  SkeldaStreamFrame::Ref streamFrameFromData(
+      std::string_view data, std::size_t* bytesReadSoFar = nullptr,
+      platform::ErrorRef* error = nullptr,
+      const std::shared_ptr<const std::string>& owner = nullptr) const override;
   std::uint32_t frameTypeFromData(std::string_view data,
                                   platform::ErrorRef* error = nullptr) const override;
   std::vector<SkeldaStreamFrame::Ref> allStreamFramesFromData(

@@ -119,7 +119,8 @@ bool SkeldaStreamFrameIterator::hasNext() {
 SkeldaStreamFrame::Ref SkeldaStreamFrameIterator::nextWithError(platform::ErrorRef* error) {
   std::size_t consumed = 0;
   platform::ErrorRef failure;
-  SkeldaStreamFrame::Ref frame = deserializer_->streamFrameFromData(front(), &consumed, &failure);
+  SkeldaStreamFrame::Ref frame =
+      deserializer_->streamFrameFromData(front(), &consumed, &failure, front_.bytes);
   if (failure != nullptr) {
     platform::setError(error, std::move(failure));
     state_ = kError;
@@ -159,7 +160,7 @@ void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
     return;
   }
   if (data && !data->empty()) {
-    appendToBuffer(std::move(*data).string());
+    appendToBuffer({std::make_shared<std::string>(std::move(*data).string())});
     return;
   }
   if (bufferedLength() == 0) state_ = kComplete;
@@ -171,44 +172,41 @@ std::string SkeldaStreamFrameIterator::buffer() const {
   return std::string(front()).append(next());
 }
 
-void SkeldaStreamFrameIterator::appendToBuffer(std::string bytes) {
+void SkeldaStreamFrameIterator::appendToBuffer(Piece piece) {
   if (front().empty()) {
-    front_ = std::move(bytes);
-    frontBegin_ = 0;
+    front_ = std::move(piece);
     return;
   }
   // `next_` is used up: a refill is asked for only when the first frame is not whole, and then all
   // that is buffered has been drawn to the front.
-  next_ = std::move(bytes);
-  nextBegin_ = 0;
-  front_.erase(0, std::exchange(frontBegin_, 0));
+  next_ = std::move(piece);
   completeFirstFrame();
 }
 
 /// Draws bytes to the front until it holds a whole frame or everything.
 void SkeldaStreamFrameIterator::completeFirstFrame() {
+  // In a string of its own: frames that were handed out may share the one that it was begun in.
+  auto drawn = std::make_shared<std::string>(front());
   std::uint32_t frameLength = 0;
-  while (!next().empty() && !deserializer_->isAtLeastOneFrameInData(front(), &frameLength)) {
+  while (!next().empty() && !deserializer_->isAtLeastOneFrameInData(*drawn, &frameLength)) {
     // First the header, which tells how long the frame is, then the frame.
     const std::size_t wanted =
         std::max<std::size_t>(frameLength, deserializer_->lengthOfFrameHeader());
-    const std::size_t missing = wanted > front().size() ? wanted - front().size() : next().size();
+    const std::size_t missing = wanted > drawn->size() ? wanted - drawn->size() : next().size();
     const std::string_view piece = next().substr(0, missing);
-    front_.append(piece);
-    nextBegin_ += piece.size();
+    drawn->append(piece);
+    next_.begin += piece.size();
   }
+  front_ = {std::move(drawn)};
 }
 
 void SkeldaStreamFrameIterator::consume(std::size_t length) {
-  frontBegin_ += std::min(length, front().size());
+  front_.begin += std::min(length, front().size());
   if (!front().empty() || next().empty()) return;
   front_ = std::exchange(next_, {});
-  frontBegin_ = std::exchange(nextBegin_, 0);
 }
 
 void SkeldaStreamFrameIterator::clearBuffer() noexcept {
-  front_.clear();
-  frontBegin_ = 0;
-  next_.clear();
-  nextBegin_ = 0;
+  front_ = {};
+  next_ = {};
 }

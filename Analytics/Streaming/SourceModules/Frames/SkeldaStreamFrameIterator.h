@@ -54,13 +54,23 @@ class SkeldaStreamFrameIterator : public platform::Object {
 
  private:
   void fillupDataBufferWithLength(std::uint32_t length, platform::ErrorRef* error);
-  void appendToBuffer(std::string bytes);
+  /// Bytes that were read, of which the first `begin` have been handed out. Nobody changes them
+  /// while frames share them.
+  struct Piece {
+    std::shared_ptr<const std::string> bytes;
+    std::size_t begin = 0;
+    std::string_view rest() const noexcept {
+      return bytes ? std::string_view(*bytes).substr(begin) : std::string_view();
+    }
+  };
+
+  void appendToBuffer(Piece piece);
   void completeFirstFrame();
   void consume(std::size_t length);
   void clearBuffer() noexcept;
   std::size_t bufferedLength() const noexcept { return front().size() + next().size(); }
-  std::string_view front() const noexcept { return std::string_view(front_).substr(frontBegin_); }
-  std::string_view next() const noexcept { return std::string_view(next_).substr(nextBegin_); }
+  std::string_view front() const noexcept { return front_.rest(); }
+  std::string_view next() const noexcept { return next_.rest(); }
 
   std::int32_t state_ = kIdle;
   std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer_;
@@ -70,9 +80,7 @@ class SkeldaStreamFrameIterator : public platform::Object {
   // The buffer, in two pieces, so that neither a refill nor the taking of a frame moves the bytes
   // that stay: what the last refill brought waits in `next_`, while `front_` is completed to the
   // one frame that lies across both. The first frame is thus whole in `front_` whenever the buffer
-  // holds it. The first bytes of each piece, as counted, have been handed out.
-  std::string front_;
-  std::size_t frontBegin_ = 0;
-  std::string next_;
-  std::size_t nextBegin_ = 0;
+  // holds it.
+  Piece front_;
+  Piece next_;
 };
