@@ -4,18 +4,16 @@ was durable stays, what a call had accepted is found again, and the agent's acco
     python3 Tests/EndToEnd/kill.py COUNT [--seed N]
 """
 
-import argparse
 import collections
-import os
+import contextlib
 import random
 import shutil
-import subprocess
 import sys
 import time
 
 import account_file
 import frame_log
-from support import FRAMES_TOOL, Home, bundle_of, eventually, give_identifiers
+from support import FRAMES_TOOL, Home, bundle_of, eventually, give_identifiers, play, told
 
 HOST = bundle_of("KillHost")
 REFUSED, ACCEPTED = 1, 2
@@ -25,11 +23,11 @@ class Frames:
     """The events of every log that was ever seen, by number, each log once: a kill between a log's
     copy and its emptying makes the next start commit it again, with crash frames behind it."""
 
-    def __init__(self):
+    def __init__(self, problems):
         self.events = collections.Counter()
         self.logs = {}  # the bytes of a log, by its first frame
         self.repeats = 0
-        self.problems = []
+        self.problems = problems
 
     @staticmethod
     def _numbers(frames):
@@ -60,39 +58,43 @@ class Frames:
         return data[frame.offset:frame.offset + frame.length] == frame.raw
 
 
-class Killer:
+class Kills(contextlib.AbstractContextManager):
     """Keeps what the disk held right after each kill. `problems` is empty when all went well."""
 
-    def __init__(self, home, chance, most):
-        self.home = home
-        self.chance = chance
-        self.archive = home.path / "archive"  # every committed log that was ever seen, by name
+    def __init__(self, count, seed, on_disk=True):
+        self.home, self.count, self.chance = Home(on_disk=on_disk), count, random.Random(seed)
+        self.archive = self.home.path / "archive"  # every committed log that was ever seen, by name
         self.archive.mkdir()
-        self.told = home.path / "told"
-        self.told.write_bytes(bytes(most))
-        self.frames = Frames()
-        self.seen = set()
-        self.problems = self.frames.problems
-        self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = 0
-        self.replayed, self.named = 0, collections.Counter()
+        self.told = self.home.path / "told"
+        self.told.write_bytes(bytes(count * 400 + 4000))
+        self.problems, self.seen = [], set()
+        self.frames = Frames(self.problems)
+        self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = self.next = 0
+        self.replayed, self.named, self.account = 0, collections.Counter(), None
         self.due = set()  # tickets of records that kills left and that no start had taken up by then
-        self.next = 0
-        self.account = None
         self.previous = []  # the frames of the log that the last kill left open
+
+    def __exit__(self, *_):
+        self.home.close()
+
+    def expect(self, good, problem):
+        if not good:
+            self.problems.append(f"kill {self.kills}: {problem}")
 
     def start(self, events, threads, rate, end):
         first, self.next = self.next, self.next + events
-        return self.home.start(str(first), str(events), str(threads), str(rate), end, self.told, bundle=HOST,
+        return self.home.start(*map(str, (first, events, threads, rate)), end, self.told, bundle=HOST,
                                environment=self.home.environment(SKELDA_TEST_KEEP=self.archive))
 
-    def once(self, events=None, threads=None, end=None):
+    def once(self):
         """A start, and a kill at or after its last call or somewhere before."""
-        threads = threads or self.chance.choice([1, 4])
-        end = end or self.chance.choice(["kill", "linger", "between"])
-        events = events or self.chance.choice([1, 5, 20, 50, 200])
-        rate = 0
+        end = self.chance.choice(["kill", "linger", "between"])
+        events, rate = self.chance.choice([1, 5, 20, 50, 200]), 0
         if end == "between":
             events, rate = 300, self.chance.choice([0, 100, 300])
+        self.kill(events, self.chance.choice([1, 4]), rate, end)
+
+    def kill(self, events, threads, rate, end):
         with self.start(events, threads, rate, "kill" if end == "kill" else "linger") as host:
             if end == "kill":
                 host.wait(60)
@@ -100,22 +102,20 @@ class Killer:
                 if end == "linger":
                     host.line_with("done")
                 time.sleep(self.chance.uniform(0.0, 0.15))
-                if host.child.poll() is not None:
-                    self.problems.append(f"start {self.kills} ended by itself with {host.status}: {host.output}")
-                host.kill()
+                self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output}")
         self.kills += 1
         self.look()
         # A kill may fall before the first call has returned.
         if self.home.has_intake_file() or any(self.told.read_bytes()):
             left = account_file.of(self.home)
             self.due |= {record.ticket for record in left.waiting if record.attempts == 0}
-            self.problems += [f"kill {self.kills}: {problem}" for problem in left.problems(self.home, killed=True)]
+            for problem in left.problems(self.home, killed=True):
+                self.expect(False, problem)
 
     def quiet(self):
-        """The account, once it has stood still for a moment and adds up; None before."""
+        """Whether the account has stood still for a moment and adds up."""
         before, self.account = self.account, account_file.of(self.home)
-        still = self.account == before and not self.home.committed_logs()
-        return self.account if still and not self.account.problems(self.home) else None
+        return self.account == before and not self.home.committed_logs() and not self.account.problems(self.home)
 
     def look(self):
         """Takes up the logs that are new, and finds again what was durable in the open one before."""
@@ -126,121 +126,72 @@ class Killer:
             if path.name not in self.seen:
                 self.seen.add(path.name)
                 self.frames.add(path.name, path.read_bytes())
-        frames, torn = [], None
-        if self.home.current_log.exists():
-            frames, torn = frame_log.readable(self.home.current_log.read_bytes())
+        open_log = self.home.current_log
+        frames, torn = frame_log.readable(open_log.read_bytes() if open_log.exists() else b"")
         self.torn += torn is not None
         still = {frame.raw for frame in frames}
-        lost = [frame for frame in self.previous
+        lost = [frame.offset for frame in self.previous
                 if frame.raw not in still and not self.frames.has(frame, self.previous[0])]
-        if lost:
-            self.problems.append(f"kill {self.kills}: {len(lost)} of {len(self.previous)} durable frames are gone, "
-                                 f"first at offset {lost[0].offset}")
+        self.expect(not lost, f"{len(lost)} of {len(self.previous)} durable frames are gone, first at offsets {lost[:3]}")
         self.durable += len(self.previous)
         self.previous = frames
 
     def check(self):
         """A start that is killed once it has nothing left to do: all that calls had accepted is in frames then."""
-        when = f"the start after kill {self.kills}"
         with self.start(1, 1, 0, "stored") as host:
-            if host.line_with("stored: ", 120) != "stored: 1":
-                self.problems.append(f"{when} did not store all: {host.output}")
+            self.expect(host.line_with("stored: ", 120) == "stored: 1", f"the next start did not store all: {host.output}")
             # Its logs become blocks, and what nobody takes of those is removed: then all adds up.
-            if not eventually(self.quiet):
-                self.problems.append(f"{when} comes to no rest in which all adds up: "
-                                     f"{len(self.home.committed_logs())} logs wait, {self.account.problems(self.home)}")
-            if host.child.poll() is not None:
-                self.problems.append(f"{when} ended by itself with {host.status}: {host.output}")
-            host.kill()
+            self.expect(eventually(self.quiet), "the next start comes to no rest in which all adds up: "
+                        f"{len(self.home.committed_logs())} logs wait, {self.account.problems(self.home)}")
+            self.expect(host.child.poll() is None, f"the next start ended by itself with {host.status}: {host.output}")
         self.look()
         self.checks += 1
         found = self.frames.with_open(self.previous)
-        told = self.told.read_bytes()[:self.next]
-        accepted = [number for number, answer in enumerate(told) if answer == ACCEPTED]
-        self.accepted = len(accepted)
+        answers = self.told.read_bytes()[:self.next]
+        accepted = [number for number, answer in enumerate(answers) if answer == ACCEPTED]
         missing = [number for number in accepted if found[number] == 0]
         events = self.account.events
-        self.named, self.replayed = collections.Counter(events.dropped), events.replayed
+        self.accepted, self.named, self.replayed = len(accepted), collections.Counter(events.dropped), events.replayed
         # A kill may fall between a record's taking up and the mark that says so.
-        if not 0 <= self.replayed - len(self.due) <= self.kills:
-            self.problems.append(f"{when}: {self.replayed} were taken up again, {len(self.due)} had been left")
+        self.expect(0 <= self.replayed - len(self.due) <= self.kills,
+                    f"{self.replayed} were taken up again, {len(self.due)} had been left")
         # Every session is whole from its first event on, and ends with its last: so nothing is dropped but
         # what three kills in a row have found being written.
-        if max(len(missing), self.named.total()) > self.named["replayedTooOften"]:
-            self.problems.append(f"{when}: {len(missing)} events are gone, first {missing[:1]}, {+self.named} are named")
-        if unasked := [number for number in found if told[number] == REFUSED]:
-            self.problems.append(f"{len(unasked)} refused events are there, first {unasked[0]}")
+        self.expect(max(len(missing), self.named.total()) <= self.named["replayedTooOften"],
+                    f"{len(missing)} events are gone, first {missing[:1]}, {+self.named} are named")
+        unasked = [number for number in found if answers[number] == REFUSED]
+        self.expect(not unasked, f"{len(unasked)} refused events are there, first {unasked[:1]}")
         self.twice = sum(count > 1 for count in found.values())
-        if often := [number for number, count in found.items() if count > 2]:
-            self.problems.append(f"{len(often)} events are there more than twice, first {often[0]}")
-        return len(accepted) - len(missing)
+        often = [number for number, count in found.items() if count > 2]
+        self.expect(not often, f"{len(often)} events are there more than twice, first {often[:1]}")
 
-    def finish(self):
+    def run(self):
+        give_identifiers(self.home)
+        for threads in (1, 4):
+            self.kill(1000, threads, 0, "kill")  # behind the last call
+            self.expect(self.told.read_bytes()[self.next - 1000:self.next] == bytes([ACCEPTED]) * 1000,
+                        f"not all of 1,000 calls by {threads} threads answered 1")
+            self.check()
+        for number in range(self.count):
+            self.once()
+            if self.chance.random() < 0.5:
+                self.check()
+            if number % 20 == 19:
+                print(self.report(), flush=True)
         self.check()
-        verify = subprocess.run([FRAMES_TOOL, "--verify", self.archive], capture_output=True, text=True, timeout=300)
-        if verify.returncode != 0:
-            self.problems.append(f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
-        if self.frames.repeats > self.kills:
-            self.problems.append(f"{self.frames.repeats} repeated logs by {self.kills} kills")
-        if self.twice > self.kills * 50:
-            self.problems.append(f"{self.twice} events twice by {self.kills} kills")
-        if self.home.leftovers():
-            self.problems.append(f"left behind: {self.home.leftovers()}")
-        if len(self.home.blocks()) > 51:
-            self.problems.append(f"{len(self.home.blocks())} blocks")
+        verify = told(FRAMES_TOOL, "--verify", self.archive, within=300)
+        self.expect(verify.returncode == 0, f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
+        self.expect(self.frames.repeats <= self.kills, f"{self.frames.repeats} logs are repeated")
+        self.expect(self.twice <= self.kills * 50, f"{self.twice} events are there twice")
+        self.expect(not self.home.leftovers(), f"left behind: {self.home.leftovers()}")
+        self.expect(len(self.home.blocks()) <= 51, f"{len(self.home.blocks())} blocks")
 
-    def __str__(self):
+    def report(self):
         return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted, "
                 f"{dict(+self.named)} of them dropped by name and the others found, {self.replayed} taken up again, {self.twice} there twice; "
                 f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
                 f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
 
 
-def kill_often(count, seed, on_disk=True, progress=lambda killer: None):
-    with Home(on_disk=on_disk) as home:
-        give_identifiers(home)
-        killer = Killer(home, random.Random(seed), most=(count + 2) * 400 + 2000)
-        for _ in range(count):
-            killer.once()
-            if killer.chance.random() < 0.5:
-                killer.check()
-            progress(killer)
-        killer.finish()
-        return killer
-
-
-def survivors(threads):
-    """Of 1,000 calls, at a kill behind the last of them, after the next start."""
-    with Home() as home:
-        give_identifiers(home)
-        killer = Killer(home, random.Random(0), most=1002)
-        killer.once(events=1000, threads=threads, end="kill")
-        return killer.check() - 1, killer
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("count", type=int, nargs="?", default=200)
-    parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
-    options = parser.parse_args()
-    print(f"seed {options.seed}", flush=True)
-    for threads in (1, 4):
-        kept, killer = survivors(threads)
-        print(f"{kept} of 1,000 events by {threads} threads are there after a kill behind the last call", flush=True)
-        if kept != 1000 or killer.problems:
-            print("\n".join([*killer.problems, str(killer)]))
-            return 1
-
-    def progress(killer):
-        if killer.kills % 20 == 0:
-            print(killer, flush=True)
-
-    killer = kill_often(options.count, options.seed, progress=progress)
-    for problem in killer.problems:
-        print(problem)
-    print(killer)
-    return 1 if killer.problems else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(play(__doc__, Kills, ("count", 200)))

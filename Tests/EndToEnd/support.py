@@ -81,6 +81,20 @@ def eventually(what, within=20.0, every=0.02):
         time.sleep(every)
 
 
+def told(*command, within=60, **more):
+    """A program that has run to its end, with what it said."""
+    return subprocess.run([str(part) for part in command], text=True, capture_output=True, timeout=within, **more)
+
+
+def open_files(pid):
+    """What each descriptor of a process stands for."""
+    names = []
+    for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # closed while we look
+            names.append(os.readlink(path))
+    return names
+
+
 class Home(contextlib.AbstractContextManager):
     """The directories of one installation: what the agent keeps across starts."""
 
@@ -100,14 +114,13 @@ class Home(contextlib.AbstractContextManager):
         self.committed = self.storage / "CommitedFrameLogs"
         self.index = self.storage / "SkeldaSenderIndex.info"
 
-    def close(self):
+    def close(self, *_):
         for folder, _, _ in os.walk(self.path):
             with contextlib.suppress(OSError):
                 os.chmod(folder, 0o700)
         shutil.rmtree(self.path, ignore_errors=True)
 
-    def __exit__(self, *_):
-        self.close()
+    __exit__ = close
 
     # What is there
 
@@ -118,9 +131,14 @@ class Home(contextlib.AbstractContextManager):
 
     def blocks(self):
         """Files of the storage folder that are data blocks."""
-        with contextlib.suppress(FileNotFoundError):
-            return [p for p in self.storage.iterdir() if len(p.name) == 36 and p.name.count("-") == 4]
-        return []
+        return [p for p in self.storage.glob("*-*-*-*-*") if len(p.name) == 36]
+
+    def logs(self):
+        """All that is there: committed ones, blocks, the open one."""
+        return [*self.committed_logs(), *self.blocks(), *([self.current_log] if self.current_log.exists() else [])]
+
+    def is_sent(self):
+        return not self.blocks() and not self.committed_logs()
 
     def has_intake_file(self):
         return any(self.storage.glob(".skeldaIntake_*.journal"))
@@ -157,21 +175,12 @@ class Home(contextlib.AbstractContextManager):
         return copy
 
     def environment(self, **more):
-        environment = {
-            "PATH": os.environ["PATH"],
-            "HOME": str(self.path),
-            "XDG_DATA_HOME": str(self.path / "data"),
-            "XDG_STATE_HOME": str(self.path / "state"),
-            "XDG_DOCUMENTS_DIR": str(self.path / "documents"),
-            "TMPDIR": str(self.path / "tmp"),
-            "LANG": "C.UTF-8",
-            "SKELDA_LOG": str(self.log),
-        }
-        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
-            if name in os.environ:
-                environment[name] = os.environ[name]
-        environment.update({k: str(v) for k, v in more.items()})
-        return environment
+        kept = {name: value for name, value in os.environ.items() if name == "PATH" or name.endswith("SAN_OPTIONS")}
+        folders = {"HOME": "", "XDG_DATA_HOME": "data", "XDG_STATE_HOME": "state", "XDG_DOCUMENTS_DIR": "documents",
+                   "TMPDIR": "tmp"}
+        own = {name: self.path / folder for name, folder in folders.items()}
+        own |= {"LANG": "C.UTF-8", "SKELDA_LOG": self.log}
+        return kept | {name: str(value) for name, value in (own | more).items()}
 
     def start(self, *arguments, bundle=None, environment=None, keep=None, **popen):
         """Starts the bundle's program; with `keep`, the example that links what it removes into that folder."""
@@ -197,32 +206,25 @@ class Process(contextlib.AbstractContextManager):
     def __init__(self, command, **popen):
         emulator = EMULATOR if isinstance(command[0], pathlib.Path) else []
         self.command = [str(part) for part in [*emulator, *command]]
-        self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                      stderr=subprocess.STDOUT, **popen)
-        self.lines = []
-        self._new = threading.Condition()
+        self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
+                                      errors="replace", stderr=subprocess.STDOUT, **popen)
+        self.pid, self.lines = self.child.pid, []
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
     def _read(self):
         for line in self.child.stdout:
-            with self._new:
-                self.lines.append(line.decode(errors="replace").rstrip("\n"))
-                self._new.notify_all()
-        with self._new:
-            self.lines.append(None)
-            self._new.notify_all()
+            self.lines.append(line.rstrip("\n"))
 
-    def __exit__(self, *_):
+    def kill(self):
         if self.child.poll() is None:
             self.child.kill()
         self.child.wait()
         self._reader.join(5)
         self.child.stdout.close()
 
-    @property
-    def pid(self):
-        return self.child.pid
+    def __exit__(self, *_):
+        self.kill()
 
     @property
     def status(self):
@@ -230,7 +232,7 @@ class Process(contextlib.AbstractContextManager):
 
     @property
     def output(self):
-        return "\n".join(line for line in self.lines if line is not None)
+        return "\n".join(self.lines)
 
     def wait(self, within):
         try:
@@ -238,10 +240,7 @@ class Process(contextlib.AbstractContextManager):
         except subprocess.TimeoutExpired:
             raise AssertionError(f"{self.command} still runs after {within} s:\n{self.output}") from None
         self._reader.join(5)
-        return self.child.returncode
-
-    def kill(self):
-        self.__exit__()
+        return self.status
 
     def terminate(self, within=10.0):
         self.child.terminate()
@@ -249,16 +248,14 @@ class Process(contextlib.AbstractContextManager):
 
     def line_with(self, text, within=20.0):
         """The first line that contains `text`, waited for."""
-        deadline = time.monotonic() + within
-        with self._new:
-            while True:
-                for line in self.lines:
-                    if line is not None and text in line:
-                        return line
-                left = deadline - time.monotonic()
-                if left <= 0 or (self.lines and self.lines[-1] is None):
-                    raise AssertionError(f"no line with {text!r} from {self.command}:\n{self.output}")
-                self._new.wait(left)
+        def found():
+            ended = not self._reader.is_alive()
+            return next((line for line in self.lines if text in line), ended)
+
+        line = eventually(found, within)
+        if not isinstance(line, str):
+            raise AssertionError(f"no line with {text!r} from {self.command}:\n{self.output}")
+        return line
 
     def number(self, name):
         """What stands behind "name: " in the output."""
@@ -295,11 +292,10 @@ class Collector(contextlib.AbstractContextManager):
         if status != 0:
             raise AssertionError(f"the collector ended with {status}:\n{self.process.output}")
 
-    def kill(self):
+    def kill(self, *_):
         self.process.kill()
 
-    def __exit__(self, *_):
-        self.kill()
+    __exit__ = kill
 
     @property
     def authority(self):
@@ -361,10 +357,10 @@ def fill(ballast):
             file.write(bytes(1024))
 
 
-def play(document, make, **options):
+def play(document, make, length=("minutes", 10.0), **options):
     """What a run at length does when it is called: it says how it went, and which problems there were."""
     parser = argparse.ArgumentParser(description=document)
-    parser.add_argument("minutes", type=float, nargs="?", default=10)
+    parser.add_argument(length[0], type=type(length[1]), nargs="?", default=length[1])
     for name, value in {"seed": int.from_bytes(os.urandom(4), "little"), **options}.items():
         parser.add_argument(f"--{name}", type=type(value), default=value)
     chosen = vars(parser.parse_args())

@@ -5,11 +5,12 @@ import shutil
 import signal
 import subprocess
 import sys
+import time
 import unittest
 
 import account_file
 import frame_log
-from support import BUILD, Home, Process, bundle_of, eventually
+from support import BUILD, Home, Process, bundle_of, eventually, open_files
 
 SANITIZED = BUILD.name in ("asan", "tsan")
 
@@ -23,8 +24,8 @@ class BareMachine(unittest.TestCase):
             self.skipTest("mount namespaces are not allowed here")
         with Home(bundle=bundle_of("IntakeHost")) as home:
             environment = home.environment(LANG="C", TZ="CET-1CEST", XDG_DOCUMENTS_DIR=home.path / "absent")
-            with Process([*WITHOUT_PROC, home.bundle / "IntakeHost", "stays"], env=environment) as host:
-                host.line_with("found:")
+            with Process([*WITHOUT_PROC, home.bundle / "IntakeHost", "event", "stored", "stay"], env=environment) as host:
+                host.line_with("stay:")
                 expected = {2, 128, 132, 133, 134, 139, 141, 149, 153, 156}
                 eventually(lambda: expected <= {f.type for f in frame_log.readable(home.current_log.read_bytes())[0]})
                 self.assertEqual(None, host.child.poll(), host.output)
@@ -41,82 +42,86 @@ class BareMachine(unittest.TestCase):
 class Intake(unittest.TestCase):
     """What was accepted is there after whatever ends the process, and every account adds up."""
 
-    def run_host(self, home, *way):
-        run = home.run(*way, within=120)
-        self.assertEqual(0, run.status, run.output)
-        return run
+    def setUp(self):
+        self.home = self.enterContext(Home(bundle=bundle_of("IntakeHost")))
 
-    def settled(self, home):
+    def says(self, *words):
+        """What the host answered to each word but the last that ends it, in order."""
+        run = self.home.run(*words, within=120)
+        self.assertEqual(0, run.status, run.output)
+        return [int(line.split(": ")[1]) for line in run.lines]
+
+    def account(self):
+        return account_file.of(self.home)
+
+    def settled(self):
         """Starts the agent once more, which stores what is left; what became of it all."""
-        self.assertEqual(4, self.run_host(home, "wait").number("stored"))
-        account = account_file.of(home)
+        self.assertEqual([4], self.says("each-stored"))
+        account = self.account()
         self.assertEqual([], account.problems())
         self.assertEqual((0, 0), (account.events.waiting, account.choices.waiting))
         return account
 
     def test_twenty_thousand_waiting_survive_every_way_to_end(self):
-        for way in ("exit", "quick_exit", "_exit"):
-            with self.subTest(way), Home(bundle=bundle_of("IntakeHost")) as home:
-                self.assertEqual(20000, self.run_host(home, way).number("accepted"))
-                self.assertEqual(20000, account_file.of(home).events.accepted)
-                events = self.settled(home).events
-                self.assertEqual((20004, 20004), (events.accepted, events.stored + sum(events.dropped.values())))
+        accepted = 0
+        for way in ([], ["quick_exit"], ["_exit"]):
+            with self.subTest(way):
+                self.assertEqual([20000], self.says("burst=5000", *way))
+                self.assertEqual(accepted + 20000, self.account().events.accepted)
+                events, accepted = self.settled().events, accepted + 20004
+                self.assertEqual((accepted, accepted), (events.accepted, events.stored + sum(events.dropped.values())))
 
     def test_choices_before_the_first_event_start_nothing_and_reach_the_log_of_the_next_start(self):
-        with Home(bundle=bundle_of("IntakeHost")) as home:
-            self.run_host(home, "choices")
-            self.assertEqual((4, False), (account_file.of(home).choices.waiting, home.current_log.exists()))
-            self.assertEqual((5, 5), (self.settled(home).choices.accepted, account_file.of(home).choices.stored))
-            # In the order in which they were said; the deletion has the log closed.
-            # The end may come when the block is there and its log, too.
-            closed, = {path.read_bytes() for path in [*home.committed_logs(), *home.blocks()]}
-            choices = [frame.type for frame in frame_log.frames_of(closed) if frame.type in (146, 171, 174, 175)]
-            self.assertEqual([174, 171, 146, 175], choices)
+        self.says("opt-out", "property", "user", "delete", "_exit")
+        self.assertEqual((4, False), (self.account().choices.waiting, self.home.current_log.exists()))
+        self.assertEqual((4, 4), (self.settled().choices.accepted, self.account().choices.stored))
+        # In the order in which they were said; the deletion has the log closed.
+        # The end may come when the block is there and its log, too.
+        closed, = {path.read_bytes() for path in [*self.home.committed_logs(), *self.home.blocks()]}
+        choices = [frame.type for frame in frame_log.frames_of(closed) if frame.type in (146, 171, 174, 175)]
+        self.assertEqual([174, 171, 146, 175], choices)
 
     def test_waiting_ends_with_what_was_accepted(self):
-        with Home(bundle=bundle_of("IntakeHost")) as home:
-            run = self.run_host(home, "wait")
-            self.assertEqual((1, 0), (run.number("nothing-yet"), run.number("only-a-choice")))
-            kinds = self.run_host(home, "kinds")
-            self.assertEqual((3, 1), (kinds.number("accepted"), kinds.number("stored")))
-            if not SANITIZED:
-                self.assertLess(kinds.number("milliseconds"), 2000, "the main queue is not served meanwhile")
-            events = [event.payload for event in home.current_events()][-3:]
-            self.assertEqual([(True, True), (True, False), (False, False)],
-                             [(event["sk.event.timed"], event["sk.timed.event.starting"]) for event in events])
-            self.assertEqual("PURCHASE_EVENT", events[2]["sk.event.type"])
+        self.assertEqual([1, 1, 0, 4], self.says("stored-now", "property", "stored", "each-stored"))
+        began = time.monotonic()
+        self.assertEqual([2, 1, 1], self.says("on-main", "timed", "purchase", "stored"))
+        if not SANITIZED:
+            self.assertLess(time.monotonic() - began, 2, "the main queue is not served meanwhile")
+        events = [event.payload for event in self.home.current_events()][-3:]
+        self.assertEqual([(True, True), (True, False), (False, False)],
+                         [(event["sk.event.timed"], event["sk.timed.event.starting"]) for event in events])
+        self.assertEqual("PURCHASE_EVENT", events[2]["sk.event.type"])
 
     def test_a_flood_is_answered_truthfully_and_takes_little_memory(self):
-        with Home(bundle=bundle_of("IntakeHost")) as home:
-            calls = 2000000 if BUILD.name == "release" else 50000
-            run = self.run_host(home, "flood", str(calls))
-            accepted = run.number("accepted")
-            self.assertEqual(accepted + 1, run.number("account-accepted"))
-            self.assertEqual(calls - accepted, run.number("account-refused"))
-            if not SANITIZED:
-                self.assertLess(run.number("added-KiB"), 24 << 10)
-            said = [line for line in home.log_lines() if "wait to be written, calls are refused" in line]
-            self.assertLess(len(said), 20 + run.number("account-refused") // 10000, "once per episode")
-            self.settled(home)
+        calls = 2000000 if BUILD.name == "release" else 50000
+        words = ("event", "stored", "VmRSS", f"flood={calls}", "VmHWM", "accepted", "refused")
+        _, _, before, answered, most, accepted, refused = self.says(*words)
+        self.assertEqual((answered + 1, calls - answered), (accepted, refused))
+        if not SANITIZED:
+            self.assertLess(most - before, 24 << 10)
+        said = [line for line in self.home.log_lines() if "wait to be written, calls are refused" in line]
+        self.assertLess(len(said), 20 + refused // 10000, "once per episode")
+        self.settled()
 
     def test_a_forked_child_is_refused_touches_nothing_and_gives_up_the_lock(self):
-        with Home(bundle=bundle_of("IntakeHost")) as home:
-            with home.start("fork") as parent:
-                parent.line_with("ready: 1")
-                child = parent.number("child")
-                parent.line_with("child-locks")
-                try:
-                    answers = {name: parent.number(name) for name in (
-                        "before", "stored", "parent-locks", "child-event", "child-consent", "child-waits",
-                        "child-locks", "after", "stored-after")}
-                    parent.child.kill()
-                    # The child lives, and holds nothing that the next start needs.
-                    events = self.settled(home).events
-                finally:
-                    os.kill(child, signal.SIGKILL)
-            self.assertEqual({"before": 1, "stored": 1, "parent-locks": 1, "child-event": 0, "child-consent": 0,
-                              "child-waits": 0, "child-locks": 0, "after": 1, "stored-after": 1}, answers)
-            self.assertEqual((6, 6), (events.accepted, events.stored))
+        words = ("event", "stored", "fork", "child-event", "child-delete", "child-consent", "child-stored", "event",
+                 "stored", "stay")
+        with self.home.start(*words) as parent:
+            parent.line_with("stay:")
+            child = parent.number("fork")
+            try:
+                parent.line_with("child-stored:")
+                lines = sorted(parent.lines, key=lambda line: line.startswith("child-"))
+                locks = [sum(".skelda-lock" in name for name in open_files(pid)) for pid in (parent.pid, child)]
+                parent.child.kill()
+                # The child lives, and holds nothing that the next start needs.
+                events = self.settled().events
+            finally:
+                os.kill(child, signal.SIGKILL)
+        self.assertEqual(["event: 1", "stored: 1", f"fork: {child}", "event: 1", "stored: 1", "stay: ", "child-event: 0",
+                          "child-delete: 1", "child-consent: 0", "child-stored: 0"], lines)
+        self.assertEqual([1, 0], locks)
+        self.assertEqual((6, 6, 0), (events.accepted, events.stored, self.account().choices.accepted))
 
     def test_the_shared_library_is_never_unloaded(self):
         library, = [path for path in (BUILD / "Library").glob("libSkelda_Watch.so*") if not path.is_symlink()]

@@ -281,16 +281,16 @@ class Doctor(unittest.TestCase):
 
     def test_the_host_is_told_the_same(self):
         with Home(bundle=bundle_of("IntakeHost")) as home:
-            with home.start("stays", environment=quiet(home)) as first:
+            with home.start("event", "stored", "found", "stay", environment=quiet(home)) as first:
                 self.assertEqual({"no-phone", "session-open", "no-server"}, set(first.line_with("found: ").split()[1:]))
-                second = run(home.bundle / "IntakeHost", "status", environment=quiet(home)).stdout
-                self.assertIn("accepted: 0", second)
+                second = run(home.bundle / "IntakeHost", "event", "found", environment=quiet(home)).stdout
+                self.assertIn("event: 0", second)
                 self.assertIn("other-process", second)
                 found = doctor(home.bundle, "--no-network", environment=quiet(home))[1]
                 self.assertEqual({"no-phone", "session-open", "no-server", "running"}, set(found))
                 first.kill()
             # What waits was accepted under a key; a start with another one would drop it.
-            run(home.bundle / "IntakeHost", "_exit", environment=quiet(home))
+            run(home.bundle / "IntakeHost", "burst=5000", "_exit", environment=quiet(home))
             bundle = home.own_bundle(lambda information: information.update({KEY: "ANOTHER"}))
             found = doctor(bundle, "--no-network", environment=quiet(home))[1]
             self.assertIn("events and choices", found["other-key"]["text"])
@@ -313,7 +313,7 @@ class Bundles(unittest.TestCase):
             self.assertEqual({IDENTIFIER: "com.example.<made>&", KEY: SECRET, "Skelda Watch Event Threshold": 20,
                               "Skelda Watch Debug": "YES", "Skelda Watch User ID": "ann & bob"},
                              {key: information[key] for key in information if "Skelda" in key or key == IDENTIFIER})
-            self.assertIn("accepted: 3", run(path, "kinds", environment=quiet(home)).stdout)
+            self.assertIn("event: 1", run(path, "event", environment=quiet(home)).stdout)
             self.assertEqual(0, tool("--check", path.parent).returncode)
             for wrong in (["--identifier", "x"], ["--key", "x"], ["--identifier", "x", "--key", ""],
                           ["--identifier", "x", "--key", "x", "--event-threshold", 51],

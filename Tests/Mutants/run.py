@@ -23,8 +23,7 @@ apply.
 import argparse
 import collections
 import concurrent.futures
-import contextlib
-import dataclasses
+import functools
 import json
 import os
 import pathlib
@@ -37,6 +36,7 @@ import sys
 import tempfile
 import threading
 import time
+import typing
 import zlib
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -63,8 +63,7 @@ QUICK, SLOW = 300, 1500  # milliseconds
 COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
 
-@dataclasses.dataclass(frozen=True)
-class Mutant:
+class Mutant(typing.NamedTuple):
     file: str
     old: str
     new: str
@@ -73,25 +72,26 @@ class Mutant:
     def __str__(self):
         return f"{self.file}: {self.old} -> {self.new}"
 
+    @property
     def own_program(self):
         return PROGRAMS[max((folder for folder in PROGRAMS if self.file.startswith(folder + "/")), key=len)]
 
 
-@dataclasses.dataclass
-class Verdict:
-    kind: str  # noticed, lives at home (others were not asked yet), lives or broken
+class Verdict(typing.NamedTuple):
+    kind: str  # noticed, lives at home (others were not asked), lives or broken
     why: list  # the tests that noticed, or what is wrong with the mutant
 
 
-def mutants(filters):
-    lines = [line for line in LIST.read_text().splitlines() if line and not line.startswith("#")]
-    return [Mutant(*line.split("\t")) for line in lines if not filters or any(text in line for text in filters)]
+class Run(typing.NamedTuple):
+    took: dict  # milliseconds of each test that ended
+    failed: list  # tests
+    broken: list  # those that began and did not end
+    status: int  # None when it hung
 
 
-def judged_before():
-    path = WORK / "judged.tsv"
-    rows = [line.split("\t") for line in path.read_text().splitlines()] if path.exists() else []
-    return {(file, old, new): Verdict(kind, why) for kind, file, old, new, *why in rows}
+def rows(path):
+    lines = path.read_text().splitlines() if path.exists() else []
+    return [line.split("\t") for line in lines if line and not line.startswith("#")]
 
 
 class Build:
@@ -100,43 +100,28 @@ class Build:
     def __init__(self, as_it_was):
         self.tree, self.folder = WORK / "tree", WORK / "tree/build/debug"
         self.programs = sorted(set(PROGRAMS.values()))
+        self.tool = threading.Lock()
         if not as_it_was or not self.folder.exists():
             self.make()
-        self.compiling = {entry["file"]: entry for entry in json.loads((self.folder / "compile_commands.json").read_text())}
+        self.compiling = {entry["file"]: entry["command"]
+                          for entry in json.loads((self.folder / "compile_commands.json").read_text())}
         # What most files include, read once.
         (WORK / "common.h").write_text("".join(f"#include <{name}>\n" for name in COMMON.split()))
         self.call(*self.compiler("Platform/Base/Log.cpp", WORK / "common.h", WORK / "common.h.gch"))
-        self.linking = {name: self.call("ninja", "-C", self.folder, "-t", "commands", "-s", target).strip()
-                        for name, target in [(name, f"Tests/{name}") for name in self.programs] + [(name, name) for name in TOOL.values()]}
-        commands = self.call("ninja", "-C", self.folder, "-t", "commands", *self.programs)
-        self.library = {member: library for library, members in re.findall(r"ar qc (\S+) (.*?) && ", commands)
-                        for member in members.split()}
-        self.calm = self.undisturbed()
-        self.tool = threading.Lock()
-        self.spent = collections.Counter()  # seconds of all jobs together, by phase
+        ninja = "ninja", "-C", self.folder, "-t", "commands"
+        self.linking = {name: self.call(*ninja, "-s", target).strip() for name, target in
+                        [*((name, f"Tests/{name}") for name in self.programs), *((tool, tool) for tool in TOOL.values())]}
+        archives = re.findall(r"ar qc (\S+) (.*?) && ", self.call(*ninja, *self.programs))
+        self.library = {member: library for library, members in archives for member in members.split()}
 
     def make(self):
-        self.copy()
+        """Files that differ alone are written, so that little is built anew."""
+        self.tree.mkdir(exist_ok=True)
+        self.call("rsync", "-rlpc", "--delete", "--exclude=/.git", "--exclude=/build", f"{ROOT}/", ".")
         launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
         linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=mold"] if shutil.which("mold") else []
         self.call("cmake", "--preset", "debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", *launcher, *linker)
         self.call("ninja", "-C", self.folder, *self.programs)
-
-    def copy(self):
-        """Files that differ alone are written, so that little is built anew; what is gone goes here, too."""
-        names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "-z"], cwd=ROOT, capture_output=True,
-                               check=True).stdout.decode().split("\0")
-        names = {name for name in names if name and (ROOT / name).is_file()}
-        for name in names:
-            source, target = ROOT / name, self.tree / name
-            if not target.exists() or target.read_bytes() != source.read_bytes():
-                target.parent.mkdir(parents=True, exist_ok=True)
-                shutil.copyfile(source, target)
-                shutil.copymode(source, target)
-        for folder in self.tree.iterdir():
-            for file in folder.rglob("*") if folder.name != "build" and folder.is_dir() else ():
-                if file.is_file() and str(file.relative_to(self.tree)) not in names:
-                    file.unlink()
 
     def call(self, *command):
         run = subprocess.run(command, cwd=self.tree, capture_output=True, text=True)
@@ -144,29 +129,15 @@ class Build:
             raise SystemExit(f"{' '.join(map(str, command))}: {run.stdout}{run.stderr}")
         return run.stdout
 
-    def undisturbed(self):
-        """Each test's milliseconds, by program; kept with the program's age."""
-        path = WORK / "calm.json"
-        kept = json.loads(path.read_text()) if path.exists() else {}
-        for name in self.programs:
-            age = (self.folder / "Tests" / name).stat().st_mtime_ns
-            if kept.get(name, {}).get("age") == age:
-                continue
-            ended, broken, status = self.run(self.folder / "Tests" / name, None)
-            if status or broken:
-                raise SystemExit(f"{name} fails without a mutant: {broken or [t for t, how in ended.items() if how[0]]}")
-            kept[name] = {"age": age, "tests": {test: took for test, (_, took) in ended.items()}}
-            path.write_text(json.dumps(kept))
-        return {name: kept[name]["tests"] for name in self.programs}
-
-    @contextlib.contextmanager
-    def timed(self, phase):
-        began = time.monotonic()
-        yield
-        self.spent[phase] += time.monotonic() - began
+    @functools.cache
+    def calm(self, name):
+        """Each test's milliseconds where nothing is changed."""
+        run = self.run(self.folder / "Tests" / name, None)
+        if run.status or run.broken:
+            raise SystemExit(f"{name} fails without a mutant: {run.failed + run.broken}")
+        return run.took
 
     def run(self, program, limit, *options):
-        """(Each test that ended, with whether it failed and its milliseconds; those that began and did not; status.)"""
         with subprocess.Popen([program, *options], cwd=self.tree, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                               text=True, errors="replace", start_new_session=True) as process:
             try:
@@ -175,36 +146,33 @@ class Build:
                 # What it has started, a death test's process say, hangs as well.
                 os.killpg(process.pid, signal.SIGKILL)
                 output, status = process.communicate()[0], None
-        ended = {test: (word == "  FAILED ", int(took)) for word, test, took in
-                 re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", output, re.MULTILINE)}
-        broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in ended]
-        return ended, broken, status
+        ended = re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", output, re.MULTILINE)
+        took = {test: int(took) for _, test, took in ended}
+        broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in took]
+        return Run(took, [test for word, test, _ in ended if word == "  FAILED "], broken, status)
 
     def compiler(self, like, source, target):
-        words = shlex.split(self.compiling[str(self.tree / like)]["command"])
+        words = shlex.split(self.compiling[str(self.tree / like)])
         words[words.index("-o") + 1], words[words.index("-c") + 1] = target, source
         return [word for word in words if word not in ("ccache", "-Werror")] + ["-w"]
 
     def compiled(self, source, text, folder):
-        """The object of a source file that has another text; None where that is no program."""
+        """The object that is to be replaced, where the other text of a source file is a program."""
         (folder / "mutant.cpp").write_text(text)
         words = self.compiler(source, folder / "mutant.cpp", folder / "mutant.o")
         run = subprocess.run([*words, "-include", WORK / "common.h"], cwd=self.folder, capture_output=True)
-        entry = self.compiling[str(self.tree / source)]
-        member = re.search(r" -o (\S+) ", entry["command"])[1]
-        return member if run.returncode == 0 else None
+        return None if run.returncode else re.search(r" -o (\S+) ", self.compiling[str(self.tree / source)])[1]
 
     def concerns(self, program, member):
         return member in self.linking[program] or f" {self.library.get(member)} " in self.linking[program]
 
-    def linked(self, program, member, folder, target):
+    def link(self, program, member, folder, target):
         """Makes a program with the mutant's object in place of that member of its library."""
         command = self.linking[program].replace(f" {member} ", " ")
         command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} {TWICE} -o {target} ", command, count=1)
         run = subprocess.run(command, shell=True, cwd=self.folder, capture_output=True, text=True)
         if run.returncode or not found:
             raise SystemExit(f"{command}: {run.stderr}")
-        return target
 
 
 class Trial:
@@ -214,78 +182,70 @@ class Trial:
         self.build, self.member, self.folder = build, member, folder
 
     def chosen(self, name, tests, *options):
-        """Those of the tests that fail, crash or hang; those that did not end; the status."""
-        calm = [self.build.calm[name][test] for test in tests]
-        with self.build.timed("quick tests" if max(calm) < QUICK else "slow tests"):
-            ended, broken, status = self.build.run(self.folder / name, 5 + 4 * sum(calm) / 1000,
-                                                   f"--gtest_filter={':'.join(tests)}", *options)
-        return [test for test, (fails, _) in ended.items() if fails] + broken, broken, status
+        limit = 5 + 4 * sum(self.build.calm(name)[test] for test in tests) / 1000
+        return self.build.run(self.folder / name, limit, f"--gtest_filter={':'.join(tests)}", *options)
 
     def first(self, name, slowest=float("inf")):
         """[One test that notices], or []."""
-        calm = self.build.calm[name]
+        calm = self.build.calm(name)
         for least, most in (0, QUICK), (QUICK, SLOW), (SLOW, float("inf")):
             tests = [test for test in calm if least <= calm[test] < min(most, slowest)]
             for again in range(2 if tests else 0):
-                failed, broken, status = self.chosen(name, tests, "--gtest_fail_fast")
-                if status == 0:
+                run = self.chosen(name, tests, "--gtest_fail_fast")
+                if run.status == 0:
                     break
-                if not failed:  # before or behind all tests
-                    return [f"{name}:?"]
-                crashed = broken and status is not None
-                if again or crashed or self.chosen(name, failed[:1])[2] != 0:
-                    return [f"{name}:{failed[0]}"]
+                failed = (run.failed + run.broken)[:1]
+                crashed = run.broken and run.status is not None
+                # Behind "?" stands what fails before or behind all tests.
+                if not failed or again or crashed or self.chosen(name, failed).status != 0:
+                    return [f"{name}:{''.join(failed) or '?'}"]
         return []
 
-    def others_first(self, name):
-        return self.first(name, SLOW)
-
     def every(self, name):
-        found, tests = [], list(self.build.calm[name])
+        found, tests = [], list(self.build.calm(name))
         while tests:
-            failed, broken, status = self.chosen(name, tests)
-            found += failed
-            if status == 0 or not broken:
-                found += [] if status == 0 or failed else ["?"]
+            run = self.chosen(name, tests)
+            found += run.failed + run.broken
+            if not run.broken:
+                found += [] if run.status == 0 or run.failed else ["?"]
                 break
-            tests = tests[tests.index(broken[-1]) + 1:]
+            tests = tests[tests.index(run.broken[-1]) + 1:]
         return [f"{name}:{test}" for test in dict.fromkeys(found)]
 
-    def asked(self, name, how):
+    def asked(self, name, how, *arguments):
         tool = self.build.folder / TOOL.get(name, "-")
         if name not in TOOL or not self.build.concerns(TOOL[name], self.member):
-            with self.build.timed("linking"):
-                self.build.linked(name, self.member, self.folder, self.folder / name)
-            return how(name)
+            self.build.link(name, self.member, self.folder, self.folder / name)
+            return how(name, *arguments)
         with self.build.tool:
             shutil.copy(self.build.folder / "Tests" / name, self.folder / name)
             tool.rename(self.folder / "tool")
             try:
-                self.build.linked(TOOL[name], self.member, self.folder, tool)
-                return how(name)
+                self.build.link(TOOL[name], self.member, self.folder, tool)
+                return how(name, *arguments)
             finally:
                 shutil.move(self.folder / "tool", tool)
 
 
 def judge(build, mutant, whole, at_home):
     """What the program of its own room says of a mutant, or, where that has noticed nothing, what the others do."""
-    text = (build.tree / mutant.file).read_text() if (build.tree / mutant.file).exists() else ""
+    source = build.tree / mutant.file
+    text = source.read_text() if source.exists() else ""
     if text.count(mutant.old) != 1:
         return Verdict("broken", [f"stands there {text.count(mutant.old)} times"])
     with tempfile.TemporaryDirectory(dir=WORK) as folder:
         folder = pathlib.Path(folder)
-        with build.timed("compiling"):
-            member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
+        member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
         if member is None:
             return Verdict("broken", ["does not compile"])
-        trial, own = Trial(build, member, folder), mutant.own_program()
+        trial, own = Trial(build, member, folder), mutant.own_program
+        found = trial.asked(own, trial.every if whole else trial.first)
         others = [name for name in build.programs if name != own and build.concerns(name, member)]
-        found = []
-        for name in [own] * (at_home or whole) + others * (whole or not at_home):
+        stays = (at_home or mutant.equivalent) and not whole
+        for name in () if stays else others:
             if whole or not found:
-                found += trial.asked(name, trial.every if whole else trial.first if name == own else trial.others_first)
-        left = others and at_home and not whole
-        return Verdict("noticed" if found else "lives at home" if left else "lives", found)
+                found += trial.asked(name, trial.every) if whole else trial.asked(name, trial.first, SLOW)
+    return Verdict("noticed" if found else "lives at home" if stays and others else "lives", found)
 
 
 def main():
@@ -298,48 +258,43 @@ def main():
     group.add_argument("--survivors", action="store_true")
     parser.add_argument("--at-home", action="store_true")
     options = parser.parse_args()
-    known = judged_before()
-    verdicts = {mutant: known.get((mutant.file, mutant.old, mutant.new)) for mutant in mutants(options.filters)}
-    for mutant, verdict in verdicts.items():
-        if verdict and not (options.resume or options.survivors and verdict.kind == "noticed"):
-            verdicts[mutant] = None
-    started, build, judged = time.monotonic(), None, set()
     WORK.mkdir(parents=True, exist_ok=True)
+    known = {(file, old, new): Verdict(kind, why) for kind, file, old, new, *why in rows(WORK / "judged.tsv")}
+    mutants = [Mutant(*row) for row in rows(LIST)
+               if not options.filters or any(text in "\t".join(row) for text in options.filters)]
 
-    def report(mutant, verdict):
-        verdicts[mutant] = verdict
-        row = mutant.file, mutant.old, mutant.new, *verdict.why
-        for path, begin in (WORK / "judged.tsv", (verdict.kind,)), (options.matrix, ()):
-            if path:
-                with path.open("a") as file:
-                    print(*begin, *row, sep="\t", file=file)
-        if (verdict.kind == "noticed") == bool(mutant.equivalent) or verdict.kind == "broken":
-            print(f"{' '.join([verdict.kind, *verdict.why])}: {mutant}", flush=True)
+    def is_settled(mutant):
+        verdict = known.get(mutant[:3])
+        if not verdict or not options.resume:
+            return verdict and options.survivors and verdict.kind == "noticed"
+        return verdict.kind != "lives at home" or options.at_home or mutant.equivalent
 
-    # All of them at home first: most end there.
-    for at_home in (True,) if options.at_home else (True, False):
-        todo = [mutant for mutant, verdict in verdicts.items()
-                if (not verdict if at_home else verdict.kind == "lives at home" and not mutant.equivalent)]
-        # Mixed, but always in the same way: a run that is interrupted has seen every room.
-        todo.sort(key=lambda mutant: zlib.crc32(str(mutant).encode()))
-        judged.update(todo)
-        build = build or (Build(options.resume) if todo else None)
-        with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
-            judging = {jobs.submit(judge, build, mutant, options.matrix is not None, at_home): mutant for mutant in todo}
-            try:
-                for done in concurrent.futures.as_completed(judging):
-                    report(judging[done], done.result())
-            except BaseException:
-                jobs.shutdown(wait=False, cancel_futures=True)
-                raise
+    verdicts = {mutant: known[mutant[:3]] for mutant in mutants if is_settled(mutant)}
+    # Mixed, but always in the same way: a run that is interrupted has seen every room.
+    todo = sorted(set(mutants) - set(verdicts), key=lambda mutant: zlib.crc32(str(mutant).encode()))
+    started, build = time.monotonic(), Build(options.resume) if todo else None
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
+        judging = {jobs.submit(judge, build, mutant, options.matrix is not None, options.at_home): mutant
+                   for mutant in todo}
+        try:
+            for done in concurrent.futures.as_completed(judging):
+                mutant, verdict = judging[done], done.result()
+                verdicts[mutant] = verdict
+                for path, begin in (WORK / "judged.tsv", [verdict.kind]), (options.matrix, []):
+                    if path:
+                        with path.open("a") as file:
+                            print(*begin, *mutant[:3], *verdict.why, sep="\t", file=file)
+                if (verdict.kind == "noticed") == bool(mutant.equivalent) or verdict.kind == "broken":
+                    print(f"{' '.join([verdict.kind, *verdict.why])}: {mutant}", flush=True)
+        except BaseException:
+            jobs.shutdown(wait=False, cancel_futures=True)
+            raise
     counts = collections.Counter("equivalent" if mutant.equivalent and verdict.kind.startswith("lives") else
                                  verdict.kind.split(" ")[0] for mutant, verdict in verdicts.items())
     share = 100 * counts["noticed"] / max(counts["noticed"] + counts["lives"], 1)
-    print(f"{len(verdicts)} mutants, {len(judged)} of them judged now: {counts['noticed']} noticed, {counts['lives']} live, "
+    print(f"{len(verdicts)} mutants, {len(todo)} of them judged now: {counts['noticed']} noticed, {counts['lives']} live, "
           f"{counts['equivalent']} equivalent, {counts['broken']} do not compile or apply; {share:.1f} % noticed, "
           f"{time.monotonic() - started:.0f} s")
-    if build:
-        print("Seconds of all jobs:", ", ".join(f"{phase} {spent:.0f}" for phase, spent in build.spent.most_common()))
     return 1 if counts["lives"] or counts["broken"] else 0
 
 
