@@ -5,6 +5,7 @@
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
+#include "Platform/Foundation/URLError.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
@@ -23,7 +24,10 @@ using Lines = std::vector<std::string>;
 
 class SkeldaUtilTest : public ::testing::Test {
  protected:
-  ~SkeldaUtilTest() override { platform::setSystemRoot(""); }
+  ~SkeldaUtilTest() override {
+    SkeldaUtil::setShowErrorInLogEnabled(false);
+    platform::setSystemRoot("");
+  }
   AgentHome home_;
   LogCapture log_;
 };
@@ -41,6 +45,23 @@ TEST_F(SkeldaUtilTest, LinesAreFormattedOnlyWhereLevelAndReaderAskForThem) {
   platform::Log::setSink({});
   SKELDA_LOG(0, "{}", argument());
   EXPECT_EQ(formatted, 2);
+}
+
+TEST_F(SkeldaUtilTest, CaughtThingsOfAnyKindAreShownOnDemand) {
+  const std::exception_ptr caught[] = {
+      std::make_exception_ptr(platform::Exception("Name", "reason", Value("info"))),
+      std::make_exception_ptr(std::out_of_range("far")),
+      std::make_exception_ptr(platform::urlError(7)), std::make_exception_ptr(Value(5)),
+      std::make_exception_ptr(3.5)};
+  SkeldaUtil::setLogLevel(2);
+  for (const bool shown : {false, true}) {
+    SkeldaUtil::setShowErrorInLogEnabled(shown);
+    for (const auto& one : caught) {
+      SkeldaUtil::handleException(one);
+      EXPECT_EQ(log_.take().empty(), !shown);
+    }
+  }
+  SkeldaUtil::handleException(std::exception_ptr());
 }
 
 TEST_F(SkeldaUtilTest, QueueAndThreadAssertionsRaise) {

@@ -111,7 +111,9 @@ const Scenario manyThreads("eight threads", [] {
   const HostBundle host(kWatch);
   constexpr unsigned kThreads = 8, kEvents = 100, kAll = kThreads * kEvents + 1;
   std::atomic<unsigned> accepted{0};
-  inThreads(kThreads, [&](unsigned) {
+  std::shared_ptr<RecordingStage> recorder;
+  inThreads(kThreads, [&](unsigned thread) {
+    if (thread == 0) recorder = recordSources();  // comes at some point of the stream
     for (unsigned i = 0; i < kEvents; ++i) {
       accepted += SkeldaWatch::logWatchEvent("Lap", {{"i", i}});
       if (i % 50 == 0) sayEverything(std::string(1 + i / 50, 'a'));
@@ -122,6 +124,17 @@ const Scenario manyThreads("eight threads", [] {
   expect(SkeldaWatch::waitUntilStored(std::chrono::seconds(20)), "all gone through");
   const auto events = SkeldaWatch::account().events;
   expect(events.accepted == kAll && events.waiting == 0 && events.addsUp(), "an account of all");
+  const auto lastOf = [](const auto& messages) {
+    std::uint32_t last = 0;
+    for (const auto& message : messages) {
+      const auto event = std::dynamic_pointer_cast<SkeldaStreamEvent>(message);
+      if (event == nullptr) continue;
+      expect(last == 0 || event->eventId() == last + 1, "no gap");
+      last = event->eventId();
+    }
+    return last;
+  };
+  expect(becomes([&] { return lastOf(recorder->messages()) == kAll; }), "the last event");
   expect(swallowedExceptions() == 0, "nothing swallowed");
   return failures;
 });

@@ -155,7 +155,7 @@ TEST_F(WantedDeathTest, ADelayedBlockComesThoughNobodySubmitsAnythingAfterIt) {
       Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(50)),
                              [] { delayed.happen(); });
       delayed.expect("the delayed block");
-      std::_Exit(call->refusals == refusals ? 2 : 0);  // on a busy machine it may need fewer
+      std::_Exit(call->refusals > 0 ? 2 : 0);
     };
     EXPECT_EXIT(delayOne(), ::testing::ExitedWithCode(0), "") << call->name;
   }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -64,6 +65,14 @@ TEST_F(FileHandleTest, WritesWhereItStandsAndNeverMakesAFile) {
   EXPECT_THROW(handle->writeData(Data("F")), Exception);
   EXPECT_THROW(handle->seekToEndOfFile(), Exception);
   EXPECT_NO_THROW(handle->closeFile());
+
+  // A host may have closed its standard input: then its number is a file's like any other.
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
+  FileHandle::forReadingAtPath(path_)->closeFile();
+  EXPECT_LT(::fcntl(STDIN_FILENO, F_GETFD), 0);
+  ::dup2(input, STDIN_FILENO);
+  ::close(input);
 }
 
 TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {

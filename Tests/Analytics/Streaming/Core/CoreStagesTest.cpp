@@ -16,6 +16,10 @@ class PlainStage : public SkeldaActorStreamComponentBase {
  public:
   PlainStage() : SkeldaActorStreamComponentBase("PlainStage") {}
 };
+struct CoreStage : SkeldaActorStreamCoreComponent {
+  CoreStage() : SkeldaActorStreamCoreComponent("CoreStage") {}
+  void nextStageDidChangeState(std::int32_t state) override { becomeReadyWithNextStage(state); }
+};
 
 TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
   const auto stage = SkeldaActor::made(new PlainStage());
@@ -35,6 +39,31 @@ TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
   EXPECT_EQ(events->words(), "134 134 134 134") << "registered twice, delivered twice";
   EXPECT_EQ(all->words(), "134 148 134");
   EXPECT_EQ(none->words(), "");
+}
+
+TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrderAndKeepsWhatItHeld) {
+  for (const bool started : {false, true}) {
+    const auto stage = SkeldaActor::made(new CoreStage());
+    const auto next = std::make_shared<RecordingStage>();
+    const auto previous = std::make_shared<RecordingStage>();
+    stage->registerNextStageComponent(next);
+    stage->registerPreviousStageComponent(previous);
+    if (started) stage->startup();
+    EXPECT_EQ(stage->moduleState(), started ? 2 : 1);
+    for (const int ms : {1, 2, 3}) stage->streamMessage(eventAt(ms));
+    stage->nextStageDidChangeState(2);
+    settle(*stage);
+    EXPECT_EQ(next->words(), "");
+    stage->nextStageDidChangeState(3);
+    stage->streamMessage(eventAt(4));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4");
+    for (const int state : {3, 1}) stage->updateState(state);
+    stage->streamMessage(eventAt(5));
+    settle(*stage);
+    EXPECT_EQ(next->words(), "e1 e2 e3 e4 e1 e2 e3") << "what was held goes out again";
+    EXPECT_EQ(previous->states(), (std::vector<std::int32_t>{3, 3, 1}));
+  }
 }
 
 TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {

@@ -5,8 +5,11 @@
 #include <atomic>
 
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
+#include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/WatchKit/WKExtension.h"
 #include "Tests/Support/FaultyFiles.h"
@@ -82,6 +85,45 @@ TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffers
     EXPECT_EQ(provider->appStateData()->currentState(), step.state);
     EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
   }
+}
+
+/// A provider of the test's own: the shared one keeps its state from test to test.
+struct NetworkProvider : SkeldaNetworkReachabilityDataProvider {
+  static std::shared_ptr<NetworkProvider> make() { return made(new NetworkProvider()); }
+};
+
+TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnected) {
+  const auto provider = NetworkProvider::make();
+  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
+  provider->setConnectedToNetwork(true);
+  EXPECT_TRUE(provider->isNetworkReachable());
+  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
+  provider->setNetworkLikelyNotReachable();
+  EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
+  EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
+  EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
+  // The same text is another domain all the same.
+  const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
+  provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
+  EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
+}
+
+struct Monitor : platform::Object, ISkeldaReachability {
+  std::string_view className() const noexcept override { return kClassName; }
+  void startup() override { ++starts; }
+  int starts = 0;
+};
+
+TEST(SkeldaNetworkReachabilityDataProvider, StartsTheMonitorThatIsLinkedOnce) {
+  const auto monitor = std::make_shared<Monitor>();
+  auto& registry = platform::ClassRegistry::shared();
+  registry.registerClass({"SkeldaReachability", {}, {}, [monitor] { return monitor; }});
+  const auto provider = NetworkProvider::make();
+  for (int start = 0; start < 2; ++start) provider->startup();
+  settle(*provider);
+  EXPECT_EQ(monitor->starts, 1);
+  EXPECT_EQ(provider->reachability(), monitor);
+  registry.registerClass({"SkeldaReachability", {}, {}, nullptr});
 }
 
 std::atomic<bool> noMoreWatches = false;

@@ -122,8 +122,36 @@ TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
     })();
     EXPECT_THROW(wrap([] { throw 7; })(), int);
     expectLeft(actor_);
+    actor_->wrapAsyncBlock([&] {
+      EXPECT_EQ(actor_->activeThread(), std::this_thread::get_id());
+      throw 7;
+    })();
+    expectLeft(actor_);
   }).join();
   EXPECT_EQ(handedOff, "handed off");
+  expectSwallowed(1);
+}
+
+TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
+  const std::function<void()> none;
+  const std::optional<std::string> nothing;
+  const std::function<void()> calls[] = {
+      [] { SkeldaActor(); },
+      [&] { SkeldaActor actor(nothing); },
+      [&] { actor_->asyncBlock(nullptr); },
+      [&] { actor_->asyncBlock(none, platform::Group::make()); },
+      [&] { actor_->asyncCallback(nullptr, kSkeldaActorNoQueue); },
+      [&] { actor_->asyncCallback(none, kSkeldaActorNoQueue); },
+      [&] { actor_->wrapAsyncBlock(none); },
+      [] { SkeldaActorDeferredQueue(); },
+      [&] { SkeldaActorDeferredQueue(nothing, actor_); },
+      [] { SkeldaActorDeferredQueue("Gate", nullptr); },
+  };
+  for (const auto& call : calls) EXPECT_THROW(call(), platform::Exception) << &call - calls;
+  actor_->syncBlock(nullptr);
+  actor_->syncBlock(none);
+  actor_->syncMainThreadBlock(none);
+  actor_->createDeferredQueueWithDescription("Gate")->syncBlock(nullptr);
 }
 
 // The capture's destructor calls into the actor, and waits for it.

@@ -201,18 +201,35 @@ TEST_F(FrameLogWriter, TheNextNumberIsOnDiskWhereTheStoreCouldBeWrittenTheThirdT
   EXPECT_EQ(counter(), 2);
 }
 
+TEST_F(FrameLogWriter, GoesOnWhereSomebodyRemovesOrCutsTheLog) {
+  startNew();
+  std::filesystem::remove(logPath());
+  flush(5);
+  send(eventAt(1));
+  EXPECT_EQ(log(), "counter2 e1");
+  std::filesystem::resize_file(logPath(), 0);
+  send(eventAt(2));
+  EXPECT_EQ(log(), "e2");
+}
+
 // A device that lacks something for a moment: everything is in the logs, once and in order.
 TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
   const Lack cases[] = {
       {"open", EMFILE, 2, ""},
+      {"open", ENFILE, 2, "CommitedFrameLogs"},
       {"write", ENOSPC, 5, ""},
       {"write", EIO, 3, "/log"},
       {"write", ENOSPC, 2, ".skelda-tmp-"},
       {"renameNoReplace", EINTR, 20, ""},
+      {"renameNoReplace", EIO, 2, ""},
+      {"rename", EINTR, 20, ""},
       {"statusAt", EIO, 3, "/log"},
+      {"statusAt", EIO, 2, ""},
       {"status", EIO, 2, "/log"},
       {"truncate", EIO, 2, "/log"},
       {"syncData", EIO, 4, "/log"},
+      {"syncData", EIO, 2, ""},
+      {"sync", EIO, 2, "CommitedFrameLogs"},
       {"copyRange", EIO, 2, ""},
       {"makeDirectory", ENOSPC, 2, ""},
       {"close", EIO, 2, ""},
