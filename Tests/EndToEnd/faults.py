@@ -12,8 +12,8 @@ import argparse
 import collections
 import concurrent.futures
 import contextlib
-import dataclasses
 import errno
+import itertools
 import os
 import pathlib
 import random
@@ -23,12 +23,11 @@ import signal
 import struct
 import sys
 import tempfile
+import typing
 
-sys.dont_write_bytecode = True
-
-import account_file  # noqa: E402
-import frame_log  # noqa: E402
-from support import Home, bundle_of, give_identifiers, scratch_root  # noqa: E402
+import account_file
+import frame_log
+from support import Home, bundle_of, give_identifiers, scratch_root
 
 HOST = bundle_of("FaultHost")
 EVENTS = 16
@@ -74,158 +73,119 @@ KINDS = {
 STRIDE = {"new_caller": 7, "new_agent": 29}
 
 
-@dataclasses.dataclass(frozen=True)
-class Fault:
+class Fault(typing.NamedTuple):
     kind: str
     at: int
     what: object
     milliseconds: int = 0
 
     def __str__(self):
-        return f"{self.kind}:{self.at}:{self.what}" + (f":{self.milliseconds}" if self.milliseconds else "")
+        return ":".join(str(part) for part in self if part)
 
     @property
     def kills(self):
         return self.what in ("kill", "torn")
 
 
-class Template:
-    """An installation that knows its phone, and has a log left open and blocks that wait: every run
-    begins with a copy."""
-
-    def __init__(self, path):
-        self.path = pathlib.Path(path)
-        home = Home(bundle=HOST, path=self.path)
-        give_identifiers(home)
-        before = home.run("before", "6")
-        assert before.status == 0 and answers_of(before) == {n: 1 for n in range(1, 7)}, before.output
-        self.events = events_in(home)
-        self.has_account = account_file.of(home) is not None
-        assert sum(self.events.values()) >= 3, self.events  # on disk before: there after every fault
-
-    def home(self, path):
-        shutil.copytree(self.path, path, symlinks=True)
-        home = Home(bundle=HOST, path=path)
-        home.log.unlink(missing_ok=True)
-        return home
-
-
 def answers_of(run):
     return {int(number): int(answer) for number, answer in re.findall(r"^event (\d+): (\d+)$", run.output, re.MULTILINE)}
-
-
-def logs_of(home):
-    return [*home.committed_logs(), *home.blocks(), *([home.current_log] if home.current_log.exists() else [])]
 
 
 def events_in(home):
     """How often each event is there, by start and number. A log that is there twice, byte for byte, is
     one that was taken over and not yet removed."""
-    found = collections.Counter()
-    for log in {path.read_bytes() for path in logs_of(home)}:
-        for frame in frame_log.readable(log)[0]:
-            if frame.type == frame_log.EVENT:
-                parameters = frame.event_parameters
-                found[parameters["start"], int(parameters["number"])] += 1
-    return found
+    frames = [frame for log in {path.read_bytes() for path in home.logs()} for frame in frame_log.readable(log)[0]]
+    parameters = [frame.event_parameters for frame in frames if frame.type == frame_log.EVENT]
+    return collections.Counter((event["start"], int(event["number"])) for event in parameters)
 
 
 class Run:
-    """One fault, from a fresh installation to the account."""
+    """One fault, from a fresh installation, in which `before` are the events, to the account."""
 
-    def __init__(self, template, folder, fault):
-        self.fault = fault
-        self.problems, self.missing = [], []
-        self.page = pathlib.Path(folder) / "page"
-        self.counts = {}
-        self.happened = 0
-        home = template.home(pathlib.Path(folder) / "home")
-        try:
-            first, second = self.start_twice(home)
-            self.check(home, template, first, second)
-        finally:
-            home.close()
-
-    def start_twice(self, home):
-        environment = home.environment(FAULT_PAGE=self.page, FAULT_UNDER=home.path, FAULT_KINDS=":".join(KINDS))
-        if self.fault:
-            environment["FAULT"] = str(self.fault)
-        first = self.start(home, "first", EVENTS, environment)
+    def __init__(self, home, before, fault):
+        self.home, self.fault, self.problems = home, fault, []
+        page = home.path / "page"
+        environment = home.environment(FAULT_PAGE=page, FAULT_UNDER=home.path, FAULT_KINDS=":".join(KINDS), FAULT=fault or "")
+        fine = {0, -signal.SIGKILL} if fault and fault.kills else {0}
+        self.answered = list(before)
+        self.start("first", EVENTS, fine, environment)
         # What a start accepts that had no journal stands in no file, and it says so.
         self.was_unprotected = any("no intake journal" in line for line in home.log_lines())
-        *counts, self.happened = struct.unpack_from(f"={len(KINDS) + 1}Q", self.page.read_bytes())
+        *counts, self.happened = struct.unpack_from(f"={len(KINDS) + 1}Q", page.read_bytes())
         self.counts = dict(zip(KINDS, counts))
-        fine = (0, -signal.SIGKILL) if self.fault and self.fault.kills else (0,)
-        if first.status not in fine:
-            self.problems.append(f"the host ended with {first.status}: {first.output[-300:]}")
-        second = self.start(home, "second", 4, home.environment())
-        if second.status != 0 or answers_of(second) != {n: 1 for n in range(1, 5)} or "rest: 1" not in second.output:
-            self.problems.append(f"the next start: {second.status}: {second.output[-300:]}")
-        return first, second
+        second = self.start("second", 4, {0}, home.environment())
+        self.expect(answers_of(second) == dict.fromkeys(range(1, 5), 1) and "rest: 1" in second.output,
+                    f"the next start: {second.output[-300:]}")
+        self.look_at_logs()
+        self.look_at_account()
 
-    def start(self, home, name, events, environment):
-        process = home.start(name, str(events), environment=environment)
-        with process:
+    def expect(self, good, problem):
+        if not good:
+            self.problems.append(problem)
+
+    def start(self, name, events, fine, environment):
+        with self.home.start(name, str(events), environment=environment) as process:
             try:
                 process.wait(60)
             except AssertionError:
                 self.problems.append(f"start {name} hangs")
-            return process
+        self.expect(process.status in fine, f"start {name} ended with {process.status}: {process.output[-300:]}")
+        self.answered += [(name, number) for number, answer in answers_of(process).items() if answer == 1]
+        return process
 
-    def check(self, home, template, first, second):
-        for path in logs_of(home):
+    def look_at_logs(self):
+        for path in self.home.logs():
             frames, torn = frame_log.readable(path.read_bytes())
-            if torn:
-                self.problems.append(f"{path.name}: {torn}")
+            self.expect(not torn, f"{path.name}: {torn}")
             ids = [frame.payload.get("sk.frame.log.counter") for frame in frames if frame.type == frame_log.COUNTER]
-            if len(ids) > 1:
-                self.problems.append(f"{path.name}: counters {ids}")
-        found = events_in(home)
-        many = [event for event, count in found.items() if count > 2]
-        if many:
-            self.problems.append(f"more than twice: {many}")
-        taken = list(template.events)
-        taken += [("first", n) for n, answer in answers_of(first).items() if answer == 1]
-        taken += [("second", n) for n, answer in answers_of(second).items() if answer == 1]
-        self.missing = [event for event in taken if not found[event]]
-        if template.has_account:
-            self.check_account(home, len(taken))
+            self.expect(len(ids) <= 1, f"{path.name}: counters {ids}")
 
-    def check_account(self, home, answered):
+    def look_at_account(self):
         """What is missing has been named, and nothing else is wrong."""
-        account = account_file.of(home)
+        found, account = events_in(self.home), account_file.of(self.home)
+        many = [event for event, count in found.items() if count > 2]
+        self.expect(not many, f"more than twice: {many}")
         if account is None:
             self.problems.append("there is no account")
             return
-        self.problems += account.problems(home)
+        self.problems += account.problems(self.home)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
-        more = events.accepted - events.cut_off - answered
-        if not (0 <= more <= (self.fault is not None and self.fault.kills) or self.was_unprotected):
-            self.problems.append(f"{answered} calls answered 1, the account has {events}")
-        named = sum(events.dropped.values()) + events.waiting + account.numbers["framesLost"]
-        if len(self.missing) > named:
-            self.problems.append(f"missing, and not named by {account}: {self.missing}")
-        self.missing = []
+        more = events.accepted - events.cut_off - len(self.answered)
+        self.expect(0 <= more <= (self.fault is not None and self.fault.kills) or self.was_unprotected,
+                    f"{len(self.answered)} calls answered 1, the account has {events}")
+        missing = [event for event in self.answered if not found[event]]
+        self.expect(len(missing) <= sum(events.dropped.values()) + events.waiting + account.numbers["framesLost"],
+                    f"missing, and not named by {account}: {missing}")
 
 
 class Runner(contextlib.AbstractContextManager):
+    """Every run begins with a copy of an installation that knows its phone, and has a log left open and
+    blocks that wait."""
+
     def __init__(self):
         self.folder = tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root())
-        self.template = Template(pathlib.Path(self.folder.name) / "template")
+        self.template = Home(bundle=HOST, path=pathlib.Path(self.folder.name) / "template")
+        give_identifiers(self.template)
+        before = self.template.run("before", "6")
+        assert before.status == 0 and answers_of(before) == dict.fromkeys(range(1, 7), 1), before.output
+        self.events = list(events_in(self.template))
+        assert len(self.events) >= 3, self.events  # on disk before: there after every fault
 
     def __exit__(self, *_):
         self.folder.cleanup()
 
     def run(self, fault):
         with tempfile.TemporaryDirectory(dir=self.folder.name) as folder:
-            return Run(self.template, folder, fault)
+            with Home(bundle=HOST, path=shutil.copytree(self.template.path, f"{folder}/home", symlinks=True)) as home:
+                home.log.unlink(missing_ok=True)
+                return Run(home, self.events, fault)
 
     def all_faults(self):
         """What can go wrong in a start in which nothing does: its calls are counted."""
         calm = self.run(None)
-        if calm.problems or calm.missing:
-            raise AssertionError(f"without a fault: {calm.problems}, missing {calm.missing}")
+        if calm.problems:
+            raise AssertionError(f"without a fault: {calm.problems}")
         if not all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")):
             raise AssertionError(f"calls go past the host's: {calm.counts}")
         faults = []
@@ -238,16 +198,11 @@ class Runner(contextlib.AbstractContextManager):
 
 def spread(faults, count, seed):
     """So many of them, of every kind about as many."""
-    chance = random.Random(seed)
     by_kind = collections.defaultdict(list)
-    for fault in faults:
+    for fault in random.Random(seed).sample(faults, len(faults)):
         by_kind[fault.kind].append(fault)
-    for of_kind in by_kind.values():
-        chance.shuffle(of_kind)
-    chosen = []
-    while len(chosen) < count and any(by_kind.values()):
-        chosen += [of_kind.pop() for of_kind in by_kind.values() if of_kind]
-    return chosen[:count]
+    in_turn = itertools.zip_longest(*by_kind.values())
+    return [fault for turn in in_turn for fault in turn if fault][:count]
 
 
 def main():
@@ -263,18 +218,14 @@ def main():
             faults = [Fault(kind, int(at), int(what) if what.isdigit() else what, *map(int, milliseconds))]
         else:
             faults = [f for f in runner.all_faults() if str(f).startswith(options.only)]
-            if options.runs is not None:
-                faults = spread(faults, options.runs, options.seed)
-        bad = unreached = short = 0
+            faults = spread(faults, len(faults) if options.runs is None else options.runs, options.seed)
+        bad = unreached = 0
         for run in pool.map(runner.run, faults):
             bad += bool(run.problems)
             unreached += run.happened == 0
-            short += bool(run.missing)
             for problem in run.problems:
                 print(f"{run.fault}: {problem}", flush=True)
-            if run.missing:
-                print(f"{run.fault}: missing: {run.missing}", flush=True)
-        print(f"{len(faults)} faults, {unreached} of them not reached; {bad} runs with problems, {short} with events missing")
+        print(f"{len(faults)} faults, {unreached} of them not reached; {bad} runs with problems")
     return 1 if bad or not faults else 0
 
 

@@ -8,7 +8,6 @@ many test files run side by side.
 """
 
 import argparse
-import collections
 import concurrent.futures
 import os
 import pathlib
@@ -30,9 +29,7 @@ class Report(unittest.TestResult):
 
     def __init__(self, results, label):
         super().__init__()
-        self.results, self.label = results, label
-        self.count = collections.Counter()
-        self.began = time.monotonic()
+        self.results, self.label, self.began = results, label, time.monotonic()
 
     def startTest(self, test):
         super().startTest(test)
@@ -40,11 +37,10 @@ class Report(unittest.TestResult):
 
     def note(self, outcome, test, why=""):
         name = test.id().removeprefix("test_")
-        self.count[outcome] += 1
         print(f"{outcome:8}{time.monotonic() - self.began:7.1f} s  {name}"
               + (f"\n{why}" if outcome == "failed" else ""), flush=True)
-        short = " ".join((why.strip().split("\n") or [""])[-1].split())[:300]
         if self.results:
+            short = " ".join(why.strip().split("\n")[-1].split())[:300]
             with open(self.results, "a", encoding="utf-8") as out:
                 out.write(f"{outcome}\t{self.label}: {name}\t{short}\n")
 
@@ -53,34 +49,24 @@ class Report(unittest.TestResult):
 
     def addError(self, test, err):
         super().addError(test, err)
-        self.note("failed", test, self._exc_info_to_string(err, test))
+        self.note("failed", test, self.errors[-1][1])
 
     addFailure = addError
 
     def addSubTest(self, test, subtest, err):
-        super().addSubTest(test, subtest, err)
         if err is not None:
-            self.note("failed", subtest, self._exc_info_to_string(err, test))
+            self.addError(subtest, err)
 
     def addSkip(self, test, reason):
-        super().addSkip(test, reason)
         self.note("skipped", test, reason)
 
 
-def flatten(suite):
-    for item in suite:
-        if isinstance(item, unittest.TestSuite):
-            yield from flatten(item)
-        else:
-            yield item
-
-
 def run_here(names, results, label):
-    found = unittest.defaultTestLoader.discover(str(HERE), pattern="test_*.py")
-    cases = [case for case in flatten(found) if not names or any(name in case.id() for name in names)]
-    report = Report(results, label)
-    unittest.TestSuite(cases).run(report)
-    return report.count["failed"] == 0 and bool(cases)
+    loader = unittest.TestLoader()
+    loader.testNamePatterns = [f"*{name}*" for name in names] or None
+    cases, report = loader.discover(str(HERE), pattern="test_*.py"), Report(results, label)
+    cases.run(report)
+    return report.wasSuccessful() and cases.countTestCases() > 0
 
 
 def run_beside(jobs, results):
@@ -110,11 +96,9 @@ def main():
     os.environ["SKELDA_BUILD"] = str(pathlib.Path(arguments.build).resolve())
     if arguments.emulator:
         os.environ["SKELDA_EMULATOR"] = arguments.emulator
-    if arguments.jobs > 1 and not arguments.names:
-        good = run_beside(arguments.jobs, arguments.results)
-    else:
-        good = run_here(arguments.names, arguments.results, arguments.label)
-    return 0 if good else 1
+    beside = arguments.jobs > 1 and not arguments.names
+    return not (run_beside(arguments.jobs, arguments.results) if beside else
+                run_here(arguments.names, arguments.results, arguments.label))
 
 
 if __name__ == "__main__":
