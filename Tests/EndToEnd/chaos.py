@@ -8,7 +8,6 @@ either at the server or accounted for.
 
 import collections
 import contextlib
-import dataclasses
 import os
 import pathlib
 import random
@@ -17,12 +16,14 @@ import resource
 import shutil
 import subprocess
 import sys
+import tempfile
 import threading
 import time
+import typing
 
 import account_file
 import frame_log
-from support import Collector, Home, digest, eventually, fill, give_identifiers, move_to_small_disk, play
+from support import (Collector, Home, digest, eventually, fill, give_identifiers, move_to_small_disk, open_files, play)
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -34,68 +35,28 @@ HANGING = "https://server.hangs/v1/skd.do"
 MOST_REDIRECTS_A_SECOND = 60
 
 
-def keeps_attributes(folder):
-    """Whether a file there can carry attributes: a block's has its key with it then."""
-    probe = folder / "probe"
-    probe.touch()
-    try:
-        os.setxattr(probe, "user.probe", b"1")
-    except OSError:
-        return False
-    finally:
-        probe.unlink()
-    return True
-
-
-class Addresses(threading.Thread):
-    """Samples which addresses a process is connected to."""
-
-    def __init__(self):
-        super().__init__(daemon=True)
-        self.pid = None
-        self.seen = set()
-        self.ending = False
-        self.start()
-
-    def run(self):
-        while not self.ending:
-            with contextlib.suppress(OSError):
-                if self.pid:
-                    self.sample(self.pid)
-            time.sleep(0.05)
-
-    def sample(self, pid):
-        inodes = set()
-        for entry in os.listdir(f"/proc/{pid}/fd"):
-            with contextlib.suppress(OSError):
-                inodes.update(re.findall(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{entry}")))
-        for table in ("tcp", "tcp6", "udp", "udp6"):
-            for line in pathlib.Path(f"/proc/{pid}/net/{table}").read_text().splitlines()[1:]:
-                fields = line.split()
-                if fields[9] in inodes and fields[3] != "0A":
-                    self.seen.add(fields[2])
-
-    def elsewhere(self, ports):
-        """The addresses that are not loopback on one of the ports."""
-        loopback = {f"0100007F:{port:04X}" for port in ports}
-        return {address for address in self.seen if address not in loopback and not address.endswith(":0000")}
-
-
 # Nine requests at most go side by side, and their connections are kept for the next ones while logs
 # go out; with the pair by which the network thread is woken.
 MOST_SOCKETS = 9 + 2
 
 
-def open_files(pid):
-    names = []
-    for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
-        with contextlib.suppress(FileNotFoundError):  # closed while we look
-            names.append(os.readlink(path))
-    return names
+def keeps_attributes(folder):
+    """Whether a file there can carry attributes: a block's has its key with it then."""
+    with tempfile.NamedTemporaryFile(dir=folder) as probe, contextlib.suppress(OSError):
+        os.setxattr(probe.name, "user.probe", b"1")
+        return True
+    return False
 
 
-@dataclasses.dataclass
-class Usage:
+def connections(pid):
+    """The addresses that a process is connected to."""
+    inodes = {name[8:-1] for name in open_files(pid) if name.startswith("socket:[")}
+    rows = [line.split() for table in ("tcp", "tcp6", "udp", "udp6")
+            for line in pathlib.Path(f"/proc/{pid}/net/{table}").read_text().splitlines()]
+    return {row[2] for row in rows if row[9] in inodes and row[3] != "0A" and not row[2].endswith(":0000")}
+
+
+class Usage(typing.NamedTuple):
     memory: int
     threads: int
     descriptors: int  # without sockets
@@ -111,19 +72,15 @@ class Usage:
 
 class Chaos(contextlib.AbstractContextManager):
     def __init__(self, minutes, seed):
-        self.length = minutes * 60
-        self.chance = random.Random(seed)
-        self.home = Home()
+        self.length, self.chance, self.home = minutes * 60, random.Random(seed), Home()
         self.contents = {}  # of every log and block that is gone, by name, as it was at first
         self.tampered = {}  # digest or name of what was damaged, to how
         self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
         self.counts = collections.Counter()
         self.renumberings = 0  # the settings were damaged, and numbering may begin anew
-        self.decks = {}
-        self.problems = []
-        self.untrusted = 0
-        self.collector_output = []
-        self.host = self.collector = None
+        self.decks, self.problems, self.collector_output, self.addresses = {}, [], [], set()
+        self.ending = threading.Event()
+        self.host = self.collector = self.pid = None
         self.small = None  # where a disk that fills may be mounted
 
     # The pieces
@@ -139,11 +96,20 @@ class Chaos(contextlib.AbstractContextManager):
         shutil.copyfile(self.collector.authority, authority)
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
         self.blocks_carry_keys = keeps_attributes(self.kept)
-        self.addresses = Addresses()
+        threading.Thread(target=self.watch_addresses, daemon=True).start()
         if ROOT_USER:
             for folder, names, files in os.walk(self.home.path):
                 for name in [".", *files]:
                     os.chown(os.path.join(folder, name), NOBODY, NOBODY)
+
+    def expect(self, good, problem):
+        if not good:
+            self.problems.append(problem)
+
+    def watch_addresses(self):
+        while not self.ending.wait(0.05):
+            with contextlib.suppress(OSError):
+                self.addresses |= connections(self.pid)
 
     def collect(self):
         """Takes what hosts have removed off the disk."""
@@ -164,7 +130,7 @@ class Chaos(contextlib.AbstractContextManager):
     def start(self, *arguments, server=None, **popen):
         host = self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
                                environment=self.environment, **self.as_host(), **popen)
-        self.addresses.pid = host.pid
+        self.pid = host.pid
         return host
 
     def start_host(self, threads=2, **how):
@@ -176,12 +142,12 @@ class Chaos(contextlib.AbstractContextManager):
         subprocess.run(["prlimit", "--pid", str(self.host.pid), *limits], check=True, **self.as_host())
 
     def end_host(self):
-        if self.host.child.poll() is not None:
-            self.problems.append(f"the host ended by itself with {self.host.status}: {self.host.output[-2000:]}")
+        self.expect(self.host.child.poll() is None,
+                    f"the host ended by itself with {self.host.status}: {self.host.output[-2000:]}")
         with contextlib.suppress(FileNotFoundError):
             for number in range(3):
-                if (file := os.readlink(f"/proc/{self.host.pid}/fd/{number}")).startswith(str(self.home.path)):
-                    self.problems.append(f"standard stream {number} is {file}")
+                file = os.readlink(f"/proc/{self.host.pid}/fd/{number}")
+                self.expect(not file.startswith(str(self.home.path)), f"standard stream {number} is {file}")
         self.host.kill()
         self.collect()
         self.hold_account(killed=True)
@@ -192,11 +158,14 @@ class Chaos(contextlib.AbstractContextManager):
             self.problems += [f"after {self.counts['kills']} kills: {problem}"
                               for problem in account_file.of(self.home).problems(killed=killed)]
 
+    def stop_collector(self):
+        self.collector.stop()
+        self.collector_output += self.collector.process.lines
+
     def restart_collector(self, *arguments, away=0.0):
         """How many logs had arrived by then."""
-        self.collector.stop()
+        self.stop_collector()
         arrived = len(self.collector.entries())
-        self.collector_output += self.collector.process.lines
         time.sleep(away)
         self.collector.start(*arguments)
         self.counts["server restarts"] += 1
@@ -222,18 +191,18 @@ class Chaos(contextlib.AbstractContextManager):
             chosen += ["--fault", fault if "times" in fault else f"{fault},for={seconds / 4:.0f}s"]
         self.restart_collector(*chosen, away=self.chance.choice([0, 0, 0.5, 2]))
         time.sleep(first + seconds / 2)
-        redirects = sum("fault: redirect" in (line or "") for line in self.collector.process.lines)
-        if redirects > MOST_REDIRECTS_A_SECOND * seconds:
-            self.problems.append(f"{redirects} redirects were followed in {seconds:.0f} s")
+        redirects = sum("fault: redirect" in line for line in self.collector.process.lines)
+        self.expect(redirects <= MOST_REDIRECTS_A_SECOND * seconds,
+                    f"{redirects} redirects were followed in {seconds:.0f} s")
 
     def serve_untrusted(self, seconds):
         kind = self.chance.choice(["expired", "self-signed", "wrong-name"])
         before = self.restart_collector("--certificate", kind)
         time.sleep(seconds)
-        requests = [line for line in self.collector.process.lines if line and line.startswith(("log ", "refused", "fault"))]
-        if requests or len(self.collector.entries()) != before:
-            self.problems.append(f"something was sent over a connection with a certificate that is {kind}: {requests}")
-        self.untrusted += 1
+        requests = [line for line in self.collector.process.lines if line.startswith(("log ", "refused", "fault"))]
+        self.expect(not requests and len(self.collector.entries()) == before,
+                    f"something was sent over a connection with a certificate that is {kind}: {requests}")
+        self.counts["untrusted certificates"] += 1
 
     def fill_disk(self, seconds):
         if not self.small:
@@ -313,8 +282,8 @@ class Chaos(contextlib.AbstractContextManager):
         self.start_host(threads=1, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (0, most[1])))
         time.sleep(self.chance.uniform(0.2, 1))
         self.limit(nproc=most[0])
-        if not eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10):
-            self.problems.append(f"after a start without threads there are but {Usage.of(self.host.pid)}")
+        self.expect(eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10),
+                    f"after a start without threads there are but {Usage.of(self.host.pid)}")
         self.counts["starts without threads"] += 1
 
     def start_without_names(self):
@@ -327,8 +296,7 @@ class Chaos(contextlib.AbstractContextManager):
 
     def start_with_damage(self):
         """Blocks wait, and a byte of their index, of the settings or of both is another one."""
-        self.collector.stop()
-        self.collector_output += self.collector.process.lines
+        self.stop_collector()
         self.start_host()
         eventually(lambda: len(self.home.blocks()) >= 3, within=15)
         self.end_host()
@@ -365,7 +333,6 @@ class Chaos(contextlib.AbstractContextManager):
             self.collect()
             time.sleep(self.chance.uniform(1, 3))
         self.settle(usage)
-        return self
 
     def settle(self, usage):
         """All is well again: the host goes on for a while, then what it left open is sent."""
@@ -378,43 +345,37 @@ class Chaos(contextlib.AbstractContextManager):
                     or after.descriptors > usage.descriptors + 3 or after.sockets > MOST_SOCKETS)
 
         # What goes on just now may hold some; what stays is a leak.
-        if not eventually(lambda: not grown(), within=20):
-            self.problems.append(f"grown from {usage} to {Usage.of(self.host.pid)}: {open_files(self.host.pid)}")
-        self.usage = (usage, Usage.of(self.host.pid))
+        self.expect(eventually(lambda: not grown()), f"grown from {usage} to {Usage.of(self.pid)}: {open_files(self.pid)}")
+        self.usage = (usage, Usage.of(self.pid))
         self.end_host()
         for _ in range(2):
             with self.start("--rate", "20", "--events", "40", "--linger", "60") as last:
                 last.wait(120)
             self.hold_account(killed=False)
-        waiting = eventually(lambda: not self.home.blocks() and not self.home.committed_logs(), within=5)
-        if not waiting:
-            self.problems.append(f"{len(self.home.blocks())} blocks and {len(self.home.committed_logs())} committed "
-                                 "logs are left when all is well")
-        if self.home.leftovers():
-            self.problems.append(f"left behind: {self.home.leftovers()}")
-        self.addresses.ending = True
-        if elsewhere := self.addresses.elsewhere({self.collector.port}):
-            self.problems.append(f"connected to {elsewhere}")
+        self.expect(eventually(self.home.is_sent, within=5), f"{self.home.blocks()} and {self.home.committed_logs()} "
+                    "are left when all is well")
+        self.expect(not self.home.leftovers(), f"left behind: {self.home.leftovers()}")
+        self.ending.set()
+        elsewhere = self.addresses - {f"0100007F:{self.collector.port:04X}"}
+        self.expect(not elsewhere, f"connected to {elsewhere}")
         self.collect()
-        self.collector.stop()
-        self.collector_output += self.collector.process.lines
+        self.stop_collector()
 
     # The account
 
     def account(self):
         """Where every committed log went: a word for each name."""
-        log = "\n".join(self.home.log_lines())
+        log, output = "\n".join(self.home.log_lines()), "\n".join(self.collector_output)
         received = {entry["sha256"] for entry in self.collector.entries()}
         capacity = set(re.findall(r"Removed File :(\S+) as we have reached", log))
         capacity |= set(re.findall(r"Hence removing file\.File Name:(\S+)", log))
         third = set(re.findall(r"3 tries failed to upload the file\.File Name:(\S+)", log))
         discarded = {digest(self.contents[name]) for name in re.findall(r"discard outdated block id \[([^\]]+)\]", log)
                      if name in self.contents}
-        output = "\n".join(line for line in self.collector_output if line)
         rejected = set(re.findall(r"fault: status 400 for ([0-9a-f]+)", output))
 
         logs = {name: data for name, data in self.contents.items() if "CommitedFrameLog" in name}
-        logs.update((path.name, path.read_bytes()) for path in self.home.committed_logs())
+        logs |= {path.name: path.read_bytes() for path in self.home.committed_logs()}
         self.hold_numbering(logs.values())
         fates = {}
         for name, data in logs.items():
@@ -427,10 +388,11 @@ class Chaos(contextlib.AbstractContextManager):
                            "removed: 51st block" if key in discarded else
                            "removed: answered 400" if key[:16] in rejected else
                            "LOST")
-        for entry in self.collector.entries():
-            data = (self.collector.store / entry["file"]).read_bytes()
+        for entry, data in zip(self.collector.entries(), self.collector.logs()):
             if not any(log.startswith(data) for log in logs.values()):
                 fates[entry["file"]] = "RECEIVED, NEVER COMMITTED"
+            _, torn = frame_log.readable(data)
+            self.expect(not torn, f"the server holds {entry['file']}, {torn}")
         return fates
 
     def hold_numbering(self, logs):
@@ -441,27 +403,18 @@ class Chaos(contextlib.AbstractContextManager):
                 # One that was committed twice has its end twice, but not its beginning.
                 given[frame.payload.get("sk.frame.log.counter")].add(frame.raw)
         for number, beginnings in given.items():
-            if number and len(beginnings) > 1 + self.renumberings:
-                self.problems.append(f"{len(beginnings)} logs are numbered {number}, {self.renumberings} damages")
+            self.expect(not number or len(beginnings) <= 1 + self.renumberings,
+                        f"{len(beginnings)} logs are numbered {number}, {self.renumberings} damages")
 
     def report(self):
         fates = self.account()
-        by_fate = collections.defaultdict(list)
-        for name, fate in fates.items():
-            by_fate[fate].append(name)
-        lines = [f"{self.length / 60:g} minutes: " + ", ".join(f"{n} {what}" for what, n in self.counts.items())
-                 + f", {self.untrusted} untrusted certificates",
-                 f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:"]
-        lines += [f"  {len(names):5} {fate}" for fate, names in sorted(by_fate.items(), key=lambda i: -len(i[1]))]
-        lines += [f"the last host, {when}: {usage}" for when, usage in zip(("early", "late"), self.usage)]
-        for fate in ("LOST", "RECEIVED, NEVER COMMITTED"):
-            self.problems += [f"{fate}: {name}" for name in by_fate.get(fate, [])]
-        for entry in self.collector.entries():
-            try:
-                frame_log.frames_in(self.collector.store / entry["file"])
-            except frame_log.Torn as torn:
-                self.problems.append(f"the server holds {entry['file']}, {torn}")
-        return "\n".join(lines)
+        by_fate = collections.Counter(fates.values())
+        self.problems += [f"{fate}: {name}" for name, fate in fates.items() if fate.isupper()]
+        return "\n".join([
+            f"{self.length / 60:g} minutes: " + ", ".join(f"{n} {what}" for what, n in self.counts.items()),
+            f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:",
+            *(f"  {count:5} {fate}" for fate, count in by_fate.most_common()),
+            *(f"the last host, {when}: {usage}" for when, usage in zip(("early", "late"), self.usage))])
 
     def __exit__(self, *_):
         for process in (self.host, self.collector):
