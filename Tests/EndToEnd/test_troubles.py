@@ -10,51 +10,45 @@ import json
 import plistlib
 import re
 import shutil
-import subprocess
 import threading
 import time
 import unittest
 
 from support import (BUILD, EXAMPLE, NAMELESS, NOWHERE, ROOT, Collector, Home, bundle_of, eventually, events_of,
-                     give_identifiers, recording)
+                     give_identifiers, recording, told)
 
 BUNDLE_TOOL = BUILD / "Tools/skelda-bundle/skelda-bundle"
 DOCTOR = BUILD / "Tools/skelda-doctor/skelda-doctor"
-KEY, IDENTIFIER = "Skelda Watch API Key", "CFBundleIdentifier"
-SECRET = plistlib.loads((EXAMPLE / "Info.plist").read_bytes())[KEY]
-USER = plistlib.loads((EXAMPLE / "Info.plist").read_bytes())["Skelda Watch User ID"]
+KEY, IDENTIFIER, USER_ID = "Skelda Watch API Key", "CFBundleIdentifier", "Skelda Watch User ID"
+SECRET, USER = map(plistlib.loads((EXAMPLE / "Info.plist").read_bytes()).get, (KEY, USER_ID))
 EVENTS = 40
 CAP = 25  # of the example's sessions
 
 
-def quiet(home, **more):
-    """As a developer starts a program who has asked for nothing."""
-    environment = home.environment(**more)
-    del environment["SKELDA_LOG"]
-    return environment
+class Installation(Home):
+    """As a developer has one who has asked for nothing."""
 
+    def environment(self, **more):
+        environment = super().environment(**more)
+        return environment if "SKELDA_LOG" in more else {k: v for k, v in environment.items() if k != "SKELDA_LOG"}
 
-def run(program, *arguments, environment, within=60):
-    return subprocess.run([str(part) for part in (program, *arguments)], env=environment, text=True,
-                          capture_output=True, timeout=within)
+    def told(self, program, *arguments, **environment):
+        return told(program, *arguments, env=self.environment(**environment))
 
+    def doctor(self, *arguments, **environment):
+        """The status, the findings by code, and the whole report."""
+        done = self.told(DOCTOR, "--json", *arguments, **environment)
+        report = json.loads(done.stdout)
+        return done.returncode, {finding["code"]: finding for finding in report["findings"]}, report
 
-def doctor(bundle, *arguments, environment):
-    """The status, the findings by code, and the whole report."""
-    done = run(DOCTOR, "--json", bundle, *arguments, environment=environment)
-    report = json.loads(done.stdout) if done.stdout else {"findings": []}
-    found = {finding["code"]: finding for finding in report["findings"]}
-    return done.returncode, found, report
+    def findings(self, bundle=None):
+        return self.doctor(bundle or self.bundle, "--no-network")[1]
 
 
 def contents(folder):
     """All that there is below it, times and bytes included."""
     return {str(path): (path.lstat().st_mtime_ns, path.read_bytes() if path.is_file() else None)
             for path in sorted(folder.rglob("*"))}
-
-
-def renamed(old, new):
-    return lambda information: information.update({new: information.pop(old)})
 
 
 @dataclasses.dataclass
@@ -72,7 +66,6 @@ class Trouble:
     linger: str = "3"
     environment: dict = dataclasses.field(default_factory=dict)
     blocking: bool = True
-    ending: bool = True  # whether the doctor comes when the program has ended
 
 
 REFUSING = ("no-key", "no-information", "no-extension", "storage")
@@ -81,8 +74,7 @@ TROUBLES = [
     Trouble("a key that is no text", "no-key", (KEY,), (KEY,), lambda i: i.update({KEY: ["K"]})),
     Trouble("no settings", "no-information", ("holds no settings", "skelda-bundle"), (), lambda i: i.clear()),
     Trouble("mistyped key", "no-key", ('"Skelda watch ApiKey" stands there', f'write it as "{KEY}"'),
-            (KEY, '"Skelda watch ApiKey" stands there'),
-            renamed(KEY, "Skelda watch ApiKey")),
+            (KEY, '"Skelda watch ApiKey" stands there'), lambda i: i.update({"Skelda watch ApiKey": i.pop(KEY)})),
     Trouble("an app, no extension", "no-extension", ("Runner.app", '".appex"'), ("Runner.app", '".appex"'),
             bundle="Runner.app"),
     Trouble("no address", "no-server", ("resolves nowhere", "setServerURL()"), server=""),
@@ -105,9 +97,12 @@ TROUBLES = [
 class Troubles(unittest.TestCase):
     """What the program says is read whole: a handful of lines, and none of them gives anything away."""
 
+    def setUp(self):
+        self.home = self.enterContext(Installation())
+
     def test_each_is_named_with_its_cure_and_nothing_else_is_said(self):
         for trouble in TROUBLES:
-            with self.subTest(trouble.name), Home() as home, contextlib.ExitStack() as stack:
+            with self.subTest(trouble.name), Installation() as home, contextlib.ExitStack() as stack:
                 self.meet(trouble, home, stack)
 
     def meet(self, trouble, home, stack):
@@ -122,29 +117,24 @@ class Troubles(unittest.TestCase):
             collector = stack.enter_context(Collector(home.path / "collector", *trouble.collector))
             server = collector.url.replace("/v1/skd.do", trouble.path)
             environment.setdefault("SSL_CERT_FILE", collector.authority)
-        environment = quiet(home, **{name: home.path / value if name.startswith("XDG") else value
-                                     for name, value in environment.items()})
-        arguments = ["--events", EVENTS, "--speed", 0, "--linger", trouble.linger]
-        program = run(home.path / bundle / home.bundle.stem, *arguments, *(["--server", server] if server else []),
-                      environment=environment)
+        environment = {name: home.path / value if name.startswith("XDG") else value for name, value in environment.items()}
+        program = home.told(bundle / home.bundle.stem, "--events", EVENTS, "--speed", 0, "--linger", trouble.linger,
+                            *(["--server", server] if server else []), **environment)
         self.assertEqual(0, program.returncode, program.stderr)
         if trouble.code in REFUSING:
             self.assertIn("accepted: 0\n", program.stdout)
             self.assertEqual([], [path for path in (home.path / "data").rglob("*") if path.is_file()])
         self.look_at_output(trouble, program.stderr)
         before = contents(home.path)
-        status, found, report = doctor(bundle, environment=environment)
+        status, found, report = home.doctor(bundle, **environment)
         self.assertEqual(before, contents(home.path), "the doctor changes nothing")
         self.assertIn(trouble.code, found, report)
         finding = found[trouble.code]
         for words in trouble.told:
             self.assertIn(words, finding["text"] + " " + finding["next"])
-        self.assertEqual(trouble.blocking, finding["blocking"])
-        self.assertEqual(1 if report["holdsUp"] else 0, status)
-        self.assertTrue(report["holdsUp"], report)
-        plain = run(DOCTOR, "--no-network", bundle, environment=environment)
-        for text in (json.dumps(report), plain.stdout + plain.stderr):
-            self.assertNotIn(SECRET, text)
+        self.assertEqual((trouble.blocking, True, 1), (finding["blocking"], report["holdsUp"], status), report)
+        plain = home.told(DOCTOR, "--no-network", bundle, **environment)
+        self.assertNotIn(SECRET, json.dumps(report) + plain.stdout + plain.stderr)
 
     def look_at_output(self, trouble, output):
         lines = output.splitlines()
@@ -157,48 +147,36 @@ class Troubles(unittest.TestCase):
         self.assertFalse([value for value in (*values, SECRET, USER) if value in output], output)
 
     def test_a_second_process_is_told_and_the_doctor_knows_which_is_at_work(self):
-        with Home() as home, home.start("--rate", "20", "--events", "400") as first:
+        home = self.home
+        with home.start("--rate", "20", "--events", "400") as first:
             self.assertTrue(eventually(home.current_log.exists))
-            second = run(home.bundle / home.bundle.stem, "--events", 5, "--speed", 0, "--linger", 0,
-                         environment=quiet(home))
+            second = home.told(home.bundle / home.bundle.stem, "--events", 5, "--speed", 0, "--linger", 0)
             self.assertIn(f"process {first.pid} holds", second.stderr)
-            _, found, report = doctor(home.bundle, "--no-network", environment=quiet(home))
+            _, found, report = home.doctor(home.bundle, "--no-network")
             self.assertEqual(first.pid, report["holder"])
             self.assertIn(f"Process {first.pid} ", found["running"]["text"])
             # From a bundle that only has the same identifier it is somebody else.
-            stranger = home.own_bundle()
-            self.assertTrue(doctor(stranger, "--no-network", environment=quiet(home))[1]["other-process"]["blocking"])
-            first.kill()
-            self.assertEqual(0, doctor(home.bundle, "--no-network", environment=quiet(home))[2]["holder"])
-            # What was held by the one that is gone is free again.
-            self.assertGreater(home.run("--events", "5", "--speed", "0").number("accepted"), 0)
+            self.assertTrue(home.findings(home.own_bundle())["other-process"]["blocking"])
+        self.assertEqual(0, home.doctor(home.bundle, "--no-network")[2]["holder"])
+        # What was held by the one that is gone is free again.
+        self.assertGreater(home.run("--events", "5", "--speed", "0").number("accepted"), 0)
 
     def test_a_bundle_with_a_key_alone_keeps_its_files_under_its_own_name(self):
-        with Home() as home:
-            settings = plistlib.dumps({KEY: SECRET})
-            for name in ("One", "Two"):
-                bundle = home.own_bundle(text=settings)
-                bundle = shutil.move(bundle, bundle.with_name(f"{name}.appex"))
-                program = run(home.path / bundle / home.bundle.stem, "--events", 3, "--speed", 0, "--linger", 1,
-                              environment=quiet(home))
-                self.assertIn("no CFBundleIdentifier", program.stderr)
-                self.assertTrue((home.path / f"data/{name}.appex/SkeldaFiles").is_dir())
-                found = doctor(bundle, "--no-network", environment=quiet(home))[1]
-                self.assertFalse(found["no-identifier"]["blocking"])
+        for name in ("One", "Two"):
+            bundle = self.home.own_bundle(text=plistlib.dumps({KEY: SECRET}))
+            bundle = shutil.move(bundle, bundle.with_name(f"{name}.appex"))
+            program = self.home.told(bundle / self.home.bundle.stem, "--events", 3, "--speed", 0, "--linger", 1)
+            self.assertIn("no CFBundleIdentifier", program.stderr)
+            self.assertTrue((self.home.path / f"data/{name}.appex/SkeldaFiles").is_dir())
+            self.assertFalse(self.home.findings(bundle)["no-identifier"]["blocking"])
 
     def test_the_debug_setting_shows_what_the_agent_does_and_no_values(self):
-        with Home() as home:
-            bundle = home.own_bundle(lambda information: information.update({"Skelda Watch Debug": "YES"}))
-            said = {}
-            for log in (None, "off"):
-                environment = quiet(home, **({"SKELDA_LOG": log} if log else {})) if not log else home.environment(SKELDA_LOG=log)
-                said[log] = run(bundle / bundle.stem, "--events", 3, "--speed", 0, "--linger", 2, "--server", NOWHERE,
-                                environment=environment).stderr
-            self.assertGreater(len(said[None].splitlines()), 50)
-            self.assertIn("Recording Event", said[None])
-            self.assertNotIn(SECRET, said[None])
-            self.assertNotIn(USER, said[None])
-            self.assertEqual("", said["off"])
+        bundle = self.home.own_bundle(lambda information: information.update({"Skelda Watch Debug": "YES"}))
+        said, silent = [self.home.told(bundle / bundle.stem, "--events", 3, "--speed", 0, "--linger", 2, "--server", NOWHERE,
+                                       **log).stderr for log in ({}, {"SKELDA_LOG": "off"})]
+        self.assertGreater(len(said.splitlines()), 50)
+        self.assertIn("Recording Event", said)
+        self.assertEqual(([], ""), ([value for value in (SECRET, USER) if value in said], silent))
 
 
 class Clock(http.server.BaseHTTPRequestHandler):
@@ -214,63 +192,56 @@ class Clock(http.server.BaseHTTPRequestHandler):
 
 
 class Doctor(unittest.TestCase):
-    def test_it_says_which_flaw_stands_between_the_program_and_the_server(self):
-        flaws = {"expired": ("certificate", "expired"), "self-signed": ("certificate", "self"),
-                 "wrong-name": ("certificate", "name")}
-        with Home() as home:
-            def asked(address, **more):
-                return doctor(home.bundle, "--server", address, environment=quiet(home, **more))[1]
+    def setUp(self):
+        self.home = self.enterContext(Installation())
 
-            for flaw, (code, words) in flaws.items():
-                with self.subTest(flaw), Collector(home.path / flaw, "--certificate", flaw) as collector:
-                    finding = asked(collector.url, SSL_CERT_FILE=collector.authority)[code]
-                    self.assertIn(words, finding["text"].lower())
-                    self.assertTrue(finding["blocking"])
-            with Collector(home.path / "well") as collector:
-                self.assertIn("reached", asked(collector.url, SSL_CERT_FILE=collector.authority))
-                self.assertIn("no-answer-now", asked(collector.url.replace("https", "http")))
-            self.assertIn("no-connection", asked(NOWHERE))
-            self.assertIn("no-host", asked("https://nobody.invalid/"))
-            server = http.server.HTTPServer(("127.0.0.1", 0), Clock)
-            thread = threading.Thread(target=server.serve_forever, daemon=True)
-            thread.start()
-            try:
-                self.assertIn("ahead of", asked(f"http://127.0.0.1:{server.server_port}/")["clock"]["text"])
-            finally:
-                server.shutdown()
-                server.server_close()
-                thread.join(5)
+    def test_it_says_which_flaw_stands_between_the_program_and_the_server(self):
+        def asked(address, **environment):
+            return self.home.doctor(self.home.bundle, "--server", address, **environment)[1]
+
+        for flaw, words in {"expired": "expired", "self-signed": "self", "wrong-name": "name"}.items():
+            with self.subTest(flaw), Collector(self.home.path / flaw, "--certificate", flaw) as collector:
+                finding = asked(collector.url, SSL_CERT_FILE=collector.authority)["certificate"]
+                self.assertIn(words, finding["text"].lower())
+                self.assertTrue(finding["blocking"])
+        with Collector(self.home.path / "well") as collector:
+            self.assertIn("reached", asked(collector.url, SSL_CERT_FILE=collector.authority))
+            self.assertIn("no-answer-now", asked(collector.url.replace("https", "http")))
+        self.assertIn("no-connection", asked(NOWHERE))
+        self.assertIn("no-host", asked("https://nobody.invalid/"))
+        with http.server.HTTPServer(("127.0.0.1", 0), Clock) as server:
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            self.addCleanup(server.shutdown)
+            self.assertIn("ahead of", asked(f"http://127.0.0.1:{server.server_port}/")["clock"]["text"])
 
     def test_it_cannot_look_where_there_is_nothing(self):
-        with Home() as home:
-            for arguments in ([home.path / "No.appex"], [], [home.bundle, "--sideways"]):
-                self.assertEqual(2, run(DOCTOR, *arguments, environment=quiet(home)).returncode)
-            status, found, _ = doctor(home.bundle, "--no-network", environment=quiet(home))
-            self.assertEqual((1, True), (status, found["nothing-yet"]["blocking"]))
-            self.assertEqual([], list((home.path / "data").iterdir()))
+        for arguments in ([self.home.path / "No.appex"], [], [self.home.bundle, "--sideways"]):
+            self.assertEqual(2, self.home.told(DOCTOR, *arguments).returncode)
+        status, found, _ = self.home.doctor(self.home.bundle, "--no-network")
+        self.assertEqual((1, True), (status, found["nothing-yet"]["blocking"]))
+        self.assertEqual([], list((self.home.path / "data").iterdir()))
 
     def test_where_all_is_well_nothing_holds_up(self):
-        with Home() as home, Collector(home.path / "collector") as collector:
-            give_identifiers(home)
-            environment = quiet(home, SSL_CERT_FILE=collector.authority)
-            with home.start("--rate", "50", "--events", "2000", "--server", collector.url, environment=environment) as host:
-                self.assertTrue(eventually(lambda: events_of(collector.logs())))
-                # Beside an agent at work, over and over: neither is in the other's way.
-                for _ in range(10):
-                    status, found, report = doctor(home.bundle, environment=environment)
-                    if status == 0:
-                        break
-                self.assertEqual((0, False), (status, report["holdsUp"]), found)
-                self.assertEqual({"running", "answer", "reached"}, set(found) - {"session-open", "blocks-wait", "logs-wait",
-                                                                                "refused"})
-                self.assertEqual(collector.url, report["server"])
-                host.kill()
-                self.assertNotIn("Skelda", host.output)
-            # A log of one event alone: it lacks whatever each log must hold beside it.
-            home.current_log.write_bytes(events_of(collector.logs())[0].raw)
-            missing = doctor(home.bundle, "--no-network", environment=environment)[1]["records-missing"]
-            self.assertTrue(missing["blocking"])
-            self.assertIn("SkeldaStreamAppState", missing["text"])
+        home, collector = self.home, self.enterContext(Collector(self.home.path / "collector"))
+        give_identifiers(home)
+        trusting = {"SSL_CERT_FILE": collector.authority}
+        with home.start("--rate", "50", "--events", "2000", "--server", collector.url,
+                        environment=home.environment(**trusting)) as host:
+            self.assertTrue(eventually(lambda: events_of(collector.logs())))
+            # Beside an agent at work, over and over: neither is in the other's way.
+            for _ in range(10):
+                status, found, report = home.doctor(home.bundle, **trusting)
+                if status == 0:
+                    break
+            self.assertEqual((0, False, collector.url), (status, report["holdsUp"], report["server"]), found)
+            self.assertEqual({"running", "answer", "reached"}, set(found) - {"session-open", "blocks-wait", "logs-wait",
+                                                                            "refused"})
+        self.assertNotIn("Skelda", host.output)
+        # A log of one event alone: it lacks whatever each log must hold beside it.
+        home.current_log.write_bytes(events_of(collector.logs())[0].raw)
+        missing = home.findings()["records-missing"]
+        self.assertTrue(missing["blocking"])
+        self.assertIn("SkeldaStreamAppState", missing["text"])
 
     def test_each_code_is_in_the_document_and_no_other(self):
         sources = "".join((ROOT / path).read_text() for path in ("Analytics/Status/SkeldaFindings.cpp", "Tools/skelda-doctor/Probe.cpp"))
@@ -280,96 +251,90 @@ class Doctor(unittest.TestCase):
         self.assertEqual(said, set(re.findall(r"^\| `([a-z-]+)`", rows, re.M)))
 
     def test_the_host_is_told_the_same(self):
-        with Home(bundle=bundle_of("IntakeHost")) as home:
-            with home.start("event", "stored", "found", "stay", environment=quiet(home)) as first:
+        with Installation(bundle=bundle_of("IntakeHost")) as home:
+            program = home.bundle / "IntakeHost"
+            with home.start("event", "stored", "found", "stay") as first:
                 self.assertEqual({"no-phone", "session-open", "no-server"}, set(first.line_with("found: ").split()[1:]))
-                second = run(home.bundle / "IntakeHost", "event", "found", environment=quiet(home)).stdout
-                self.assertIn("event: 0", second)
-                self.assertIn("other-process", second)
-                found = doctor(home.bundle, "--no-network", environment=quiet(home))[1]
-                self.assertEqual({"no-phone", "session-open", "no-server", "running"}, set(found))
-                first.kill()
+                self.assertRegex(home.told(program, "event", "found").stdout, "event: 0\nfound: .*other-process")
+                self.assertEqual({"no-phone", "session-open", "no-server", "running"}, set(home.findings()))
             # What waits was accepted under a key; a start with another one would drop it.
-            run(home.bundle / "IntakeHost", "burst=5000", "_exit", environment=quiet(home))
-            bundle = home.own_bundle(lambda information: information.update({KEY: "ANOTHER"}))
-            found = doctor(bundle, "--no-network", environment=quiet(home))[1]
+            home.told(program, "burst=5000", "_exit")
+            found = home.findings(home.own_bundle(lambda information: information.update({KEY: "ANOTHER"})))
             self.assertIn("events and choices", found["other-key"]["text"])
             self.assertTrue(found["ended"]["blocking"] and found["other-key"]["blocking"])
 
 
 class Bundles(unittest.TestCase):
+    def setUp(self):
+        self.home = self.enterContext(Installation())
+
+    def tool(self, *arguments):
+        return self.home.told(BUNDLE_TOOL, *arguments)
+
     def test_one_is_made_around_a_program_and_checked_as_the_agent_takes_it(self):
-        with Home() as home:
-            def tool(*arguments):
-                return run(BUNDLE_TOOL, *arguments, environment=quiet(home))
+        home, program = self.home, bundle_of("IntakeHost") / "IntakeHost"
+        made = self.tool(program, "--identifier", "com.example.<made>&", "--key", SECRET, "--in", home.path, "--app", "Some",
+                         "--extension", "Extension", "--event-threshold", 20, "--debug", "--user-id", "ann & bob")
+        self.assertEqual(0, made.returncode, made.stderr)
+        path = home.path / "Some.app/PlugIns/Extension.appex/Extension"
+        self.assertEqual(str(path), made.stdout.strip())
+        information = plistlib.loads((path.parent / "Info.plist").read_bytes())
+        self.assertEqual({IDENTIFIER: "com.example.<made>&", KEY: SECRET, "Skelda Watch Event Threshold": 20,
+                          "Skelda Watch Debug": "YES", USER_ID: "ann & bob"},
+                         {key: information[key] for key in information if "Skelda" in key or key == IDENTIFIER})
+        self.assertIn("event: 1", home.told(path, "event").stdout)
+        self.assertEqual(0, self.tool("--check", path.parent).returncode)
+        needed = ["--identifier", "x", "--key", "x"]
+        for wrong in (needed[:2], needed[2:], [*needed[:3], ""], [*needed, "--event-threshold", 51], [*needed, "--app", "a/b"]):
+            self.assertEqual(2, self.tool(program, "--in", home.path / "none", *wrong).returncode, wrong)
+        self.assertFalse((home.path / "none").exists())
+        again = self.tool(program, *needed, "--in", home.path, "--app", "Some", "--extension", "Extension")
+        self.assertEqual(3, again.returncode, "one is there already")
 
-            program = bundle_of("IntakeHost") / "IntakeHost"
-            made = tool(program, "--identifier", "com.example.<made>&", "--key", SECRET, "--in", home.path, "--app", "Some",
-                        "--extension", "Extension", "--event-threshold", 20, "--debug", "--user-id", "ann & bob")
-            self.assertEqual(0, made.returncode, made.stderr)
-            path = home.path / "Some.app/PlugIns/Extension.appex/Extension"
-            self.assertEqual(str(path), made.stdout.strip())
-            information = plistlib.loads((path.parent / "Info.plist").read_bytes())
-            self.assertEqual({IDENTIFIER: "com.example.<made>&", KEY: SECRET, "Skelda Watch Event Threshold": 20,
-                              "Skelda Watch Debug": "YES", "Skelda Watch User ID": "ann & bob"},
-                             {key: information[key] for key in information if "Skelda" in key or key == IDENTIFIER})
-            self.assertIn("event: 1", run(path, "event", environment=quiet(home)).stdout)
-            self.assertEqual(0, tool("--check", path.parent).returncode)
-            for wrong in (["--identifier", "x"], ["--key", "x"], ["--identifier", "x", "--key", ""],
-                          ["--identifier", "x", "--key", "x", "--event-threshold", 51],
-                          ["--identifier", "x", "--key", "x", "--app", "a/b"]):
-                self.assertEqual(2, tool(program, "--in", home.path / "none", *wrong).returncode, wrong)
-            self.assertFalse((home.path / "none").exists())
-            self.assertEqual(3, tool(program, "--identifier", "x", "--key", "x", "--in", home.path, "--app", "Some",
-                                     "--extension", "Extension").returncode, "one is there already")
+        lines = self.checked(path, {KEY: SECRET, "Skelda Watch Event Treshold": 7, "Skelda Watch Duration Threshold": 90,
+                                    USER_ID: 5, "Skelda Watch Debug": "perhaps", "Other": 1})
+        problems = {IDENTIFIER: "is missing", "Skelda Watch Event Treshold": '"Skelda Watch Event Threshold"',
+                    "Skelda Watch Duration Threshold": "60 is used", USER_ID: "is no text", "Skelda Watch Debug": "off"}
+        self.assertEqual(set(problems), {key for key, line in lines.items() if line["problem"]})
+        for key, words in problems.items():
+            self.assertIn(words, lines[key]["problem"])
+        self.assertEqual(("10", "(not shown)"), (lines["Skelda Watch Event Threshold"]["value"], lines[KEY]["value"]))
+        self.assertTrue(self.checked(path, {"API Key": SECRET}, status=1)[KEY]["blocking"])
 
-            lines = self.checked(tool, path, {KEY: SECRET, "Skelda Watch Event Treshold": 7, "Skelda Watch Duration Threshold": 90,
-                                              "Skelda Watch User ID": 5, "Skelda Watch Debug": "perhaps", "Other": 1})
-            self.assertEqual({IDENTIFIER: "is missing", "Skelda Watch Event Treshold": '"Skelda Watch Event Threshold"',
-                              "Skelda Watch Duration Threshold": "60 is used", "Skelda Watch User ID": "is no text",
-                              "Skelda Watch Debug": "off"},
-                             {key: next((word for word in ("is missing", '"Skelda Watch Event Threshold"', "60 is used",
-                                                           "is no text", "off") if word in line["problem"]), line["problem"])
-                              for key, line in lines.items() if line["problem"]})
-            self.assertEqual(("10", "(not shown)"), (lines["Skelda Watch Event Threshold"]["value"], lines[KEY]["value"]))
-            self.assertTrue(self.checked(tool, path, {"API Key": SECRET}, status=1)[KEY]["blocking"])
-
-    def test_cmake_makes_the_same_without_a_tool_and_has_a_tool_look_where_there_is_one(self):
-        with Home() as home:
-            source, bundle = home.path / "source", home.path / "build/Some.app/PlugIns/Lap.appex"
-            source.mkdir()
-            (source / "main.c").write_text("int main(void) { return 0; }")
-
-            def built(call, tool):
-                (source / "CMakeLists.txt").write_text(
-                    f"cmake_minimum_required(VERSION 3.25)\nproject(Lap C)\nadd_executable(Lap main.c)\n"
-                    f"include({ROOT}/cmake/SkeldaWatchExtension.cmake)\nskelda_add_watch_extension({call})\n")
-                configured = run("cmake", "--fresh", "-G", "Ninja", "-S", source, "-B", home.path / "build",
-                                 f"-DSKELDA_BUNDLE_PROGRAM={tool}", environment=quiet(home))
-                if configured.returncode != 0:
-                    return configured
-                return run("ninja", "-C", home.path / "build", environment=quiet(home))
-
-            both = 'IDENTIFIER "com.example.<lap>&" API_KEY 0123'
-            more = '"Skelda Watch Event Threshold" 20 "Skelda Watch User ID" 7 CFBundleVersion 3'
-            for tool in ("SKELDA_BUNDLE_PROGRAM-NOTFOUND", BUNDLE_TOOL):
-                done = built(f"Lap {both} APP Some SETTINGS {more}", tool)
-                self.assertEqual(0, done.returncode, done.stdout + done.stderr)
-                information = plistlib.loads((bundle / "Info.plist").read_bytes())
-                self.assertEqual(["com.example.<lap>&", "0123", 20, "7", "3"], [information[key] for key in (
-                    IDENTIFIER, KEY, "Skelda Watch Event Threshold", "Skelda Watch User ID", "CFBundleVersion")])
-                self.assertTrue((bundle / "Lap").is_file())
-            (source / "Own.plist").write_bytes(plistlib.dumps({"Skelda watch Key": "K"}))
-            self.assertIn(f"REFUSED  {KEY}", built("Lap INFO_PLIST Own.plist", BUNDLE_TOOL).stdout)
-            for call, sentence in (("Lap IDENTIFIER x", "IDENTIFIER and API_KEY are needed"), ("Nap " + both, "no such target"),
-                                   (f"Lap {both} ODD", '"ODD" is no argument'), (f"Lap {both} SETTINGS a", "are pairs")):
-                refused = built(call, BUNDLE_TOOL)
-                self.assertNotEqual(0, refused.returncode)
-                self.assertIn(sentence, " ".join(refused.stderr.split()))
-
-    def checked(self, tool, path, information, status=0):
+    def checked(self, path, information, status=0):
         (path.parent / "Info.plist").write_bytes(plistlib.dumps(information))
-        done = tool("--check", "--json", path)
+        done = self.tool("--check", "--json", path)
         self.assertEqual(status, done.returncode, done.stderr)
         self.assertNotIn(SECRET, done.stdout)
         return {line["key"]: line for line in json.loads(done.stdout)["keys"]}
+
+    def test_cmake_makes_the_same_without_a_tool_and_has_a_tool_look_where_there_is_one(self):
+        source, build = self.home.path / "source", self.home.path / "build"
+        source.mkdir()
+        (source / "main.c").write_text("int main(void) { return 0; }")
+
+        def built(call, tool=BUNDLE_TOOL):
+            (source / "CMakeLists.txt").write_text(
+                f"cmake_minimum_required(VERSION 3.25)\nproject(Lap C)\nadd_executable(Lap main.c)\n"
+                f"include({ROOT}/cmake/SkeldaWatchExtension.cmake)\nskelda_add_watch_extension({call})\n")
+            configured = self.home.told("cmake", "--fresh", "-G", "Ninja", "-S", source, "-B", build,
+                                        f"-DSKELDA_BUNDLE_PROGRAM={tool}")
+            return configured if configured.returncode else self.home.told("ninja", "-C", build)
+
+        both = 'IDENTIFIER "com.example.<lap>&" API_KEY 0123'
+        more = '"Skelda Watch Event Threshold" 20 "Skelda Watch User ID" 7 CFBundleVersion 3'
+        for tool in ("SKELDA_BUNDLE_PROGRAM-NOTFOUND", BUNDLE_TOOL):
+            done = built(f"Lap {both} APP Some SETTINGS {more}", tool)
+            self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+            bundle = build / "Some.app/PlugIns/Lap.appex"
+            information = plistlib.loads((bundle / "Info.plist").read_bytes())
+            self.assertEqual(["com.example.<lap>&", "0123", 20, "7", "3"], [information[key] for key in (
+                IDENTIFIER, KEY, "Skelda Watch Event Threshold", USER_ID, "CFBundleVersion")])
+            self.assertTrue((bundle / "Lap").is_file())
+        (source / "Own.plist").write_bytes(plistlib.dumps({"Skelda watch Key": "K"}))
+        self.assertIn(f"REFUSED  {KEY}", built("Lap INFO_PLIST Own.plist").stdout)
+        for call, sentence in (("Lap IDENTIFIER x", "IDENTIFIER and API_KEY are needed"), ("Nap " + both, "no such target"),
+                               (f"Lap {both} ODD", '"ODD" is no argument'), (f"Lap {both} SETTINGS a", "are pairs")):
+            refused = built(call)
+            self.assertNotEqual(0, refused.returncode)
+            self.assertIn(sentence, " ".join(refused.stderr.split()))
