@@ -3,9 +3,8 @@ counted there, and which records wait. Of a live agent or of a dead one. The byt
 docs/intake-format.md.
 """
 
-import collections
-import dataclasses
 import struct
+import typing
 
 HEADER, SEGMENTS, UNIT, RECORD = 4096, 4, 16, 48
 OFFSET_BITS, KIND_SHIFT = 24, 56
@@ -26,11 +25,14 @@ MOST_CUT_OFF, MOST_UNDER_WAY = 64, 8
 _MASK = (1 << 64) - 1
 
 
-Record = collections.namedtuple("Record", "ticket kind attempts payload")
+class Record(typing.NamedTuple):
+    ticket: int
+    kind: str
+    attempts: int
+    payload: bytes
 
 
-@dataclasses.dataclass
-class Records:
+class Records(typing.NamedTuple):
     """Of events or of choices. `missing` are numbered, but neither settled nor found waiting: calls
     that a kill cut off, or that are under way."""
 
@@ -46,8 +48,7 @@ class Records:
         return self.accepted - self.stored - sum(self.dropped.values()) - self.waiting - self.cut_off
 
 
-@dataclasses.dataclass
-class AccountFile:
+class AccountFile(typing.NamedTuple):
     events: Records
     choices: Records
     numbers: dict  # every counter, by its name in the page, and those of several as lists
@@ -92,65 +93,47 @@ def checksum(salt, place, data):
     return value ^ value >> 32
 
 
-class _File:
-    def __init__(self, data):
-        if len(data) < HEADER or data[:8] != b"SkIntake":
-            raise ValueError("no intake file")
-        self.data = data
-        version, header, self.segment_length, self.salt, stored = struct.unpack_from("<IIQQQ", data, 8)
-        if version != 1 or header != HEADER or stored != checksum(0, 0, data[:32]):
-            raise ValueError(f"format {version}, or a damaged head")
-        if len(data) != HEADER + SEGMENTS * self.segment_length:
-            raise ValueError(f"{len(data)} bytes")
-        self.tail, = struct.unpack_from("<Q", data, 64)
-        self.left = struct.unpack_from("<4Q", data, 128)
-        self.settled = struct.unpack_from("<4Q", data, 160)
-        self.intent = struct.unpack_from("<3Q", data, 192)
-
-    def record(self, generation, unit, end):
-        """The record there, with its phase and its length in units; None where none is."""
-        at = HEADER + generation % SEGMENTS * self.segment_length + unit * UNIT
-        length, _, numbered, _, _, stored, state = struct.unpack_from("<IIQqqQQ", self.data, at)
-        state ^= self.salt
-        units = (RECORD + length + UNIT - 1) // UNIT
-        kind, place = numbered >> KIND_SHIFT, generation << OFFSET_BITS | unit
-        if state >> OFFSET_BITS != generation or state & 0xFF not in (PUBLISHED, SETTLED):
-            return None
-        payload = self.data[at + RECORD:at + units * UNIT]
-        if unit + units > end or kind not in (1, 2) or stored != checksum(self.salt, place,
-                                                                          self.data[at:at + 32] + payload):
-            return None
-        return Record(place, KINDS[kind - 1], state >> 8 & 0xFF, bytes(payload[:length])), state & 0xFF, units
-
-    def waiting(self):
-        last = self.tail >> OFFSET_BITS
-        for generation in range(max(last - SEGMENTS + 1, 0), last + 1):
-            index = generation % SEGMENTS
-            end = self.tail if generation == last else self.left[index]
-            if end >> OFFSET_BITS != generation or self.settled[index] == end:
-                continue
-            unit, units = 0, end & (1 << OFFSET_BITS) - 1
-            while unit + RECORD // UNIT <= units:
-                found = self.record(generation, unit, units)
-                if found is None:
-                    unit += 1  # a call that was cut off left a hole of some length
-                    continue
-                if found[1] == PUBLISHED and found[0].ticket != self.intent[0]:
-                    yield found[0]
-                unit += found[2]
+def _waiting(segment, salt, generation, units):
+    """The records that wait in so many units of a segment."""
+    unit = 0
+    while unit + RECORD // UNIT <= units:
+        at = unit * UNIT
+        length, _, numbered, _, _, stored, state = struct.unpack_from("<IIQqqQQ", segment, at)
+        state ^= salt
+        end, kind, place = unit + -(-(RECORD + length) // UNIT), numbered >> KIND_SHIFT, generation << OFFSET_BITS | unit
+        payload = segment[at + RECORD:end * UNIT]
+        if (state >> OFFSET_BITS != generation or state & 0xFF not in (PUBLISHED, SETTLED) or end > units
+                or kind not in (1, 2) or stored != checksum(salt, place, segment[at:at + 32] + payload)):
+            unit += 1  # a call that was cut off left a hole of some length
+            continue
+        if state & 0xFF == PUBLISHED:
+            yield Record(place, KINDS[kind - 1], state >> 8 & 0xFF, bytes(payload[:length]))
+        unit = end
 
 
 def read(data):
     """The account at this moment; sums of a live agent hold where nothing is under way."""
-    file = _File(data)
+    magic, version, header, segment_length, salt, stored = struct.unpack_from("<8sIIQQQ", data)
+    if (magic, version, header, stored) != (b"SkIntake", 1, HEADER, checksum(0, 0, data[:32])):
+        raise ValueError(f"no intake file, or one with a damaged head: {data[:40]}")
+    if len(data) != HEADER + SEGMENTS * segment_length:
+        raise ValueError(f"{len(data)} bytes")
+    tail, = struct.unpack_from("<Q", data, 64)
+    *left_and_settled, ticket, counter, value = struct.unpack_from("<11Q", data, 128)
     counters, at = {}, 256
     for name, count in COUNTERS:
         counters[name] = list(struct.unpack_from(f"<{count}Q", data, at))
         at += 8 * count
-    ticket, counter, value = file.intent
     if ticket:  # a kill fell into a settling; what it was to become is counted as done
         counters["settled"][counter] = value
-    waiting = list(file.waiting())
+    waiting, last = [], tail >> OFFSET_BITS
+    for generation in range(max(last - SEGMENTS + 1, 0), last + 1):
+        index = generation % SEGMENTS
+        end = tail if generation == last else left_and_settled[index]
+        if end >> OFFSET_BITS == generation and left_and_settled[SEGMENTS + index] != end:
+            segment = data[HEADER + index * segment_length:][:segment_length]
+            waiting += _waiting(segment, salt, generation, end & (1 << OFFSET_BITS) - 1)
+    waiting = [record for record in waiting if record.ticket != ticket]
 
     def records(index):
         settled = dict(zip(OUTCOMES, counters["settled"][10 * index:10 * index + 10]))
