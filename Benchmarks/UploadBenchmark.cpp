@@ -2,6 +2,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -244,10 +245,14 @@ void MemoryOf50WaitingMebibytes(benchmark::State& state) {
 }
 BENCHMARK(MemoryOf50WaitingMebibytes)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-/// Takes everything at once.
+/// Takes everything at once, and counts it.
 class Sink : public ISkeldaFrameLogDataSender {
  public:
-  bool sendFrameLogData(platform::Data) override { return true; }
+  bool sendFrameLogData(platform::Data) override { return ++taken_ > 0; }
+  int taken() const noexcept { return taken_; }
+
+ private:
+  std::atomic<int> taken_ = 0;
 };
 
 void makeLogs(const Stage& stage, int count) {
@@ -277,8 +282,11 @@ void StartWithCommittedLogs(benchmark::State& state) {
     makeLogs(stage, count);
     bare.push_back(bareEmptyingSeconds(stage));
     makeLogs(stage, count);
+    const auto sink = std::make_shared<Sink>();
     const auto begin = Clock::now();
-    stage.startTransferSide(std::make_shared<Sink>(), 2 * count);
+    stage.startTransferSide(sink, 2 * count);
+    // Whoever looks into the folder keeps removals from it waiting: so not before the last.
+    pollUntil([&] { return sink->taken() >= count; });
     pollUntil([&] { return std::filesystem::is_empty(stage.folder()); });
     agent.push_back(seconds(Clock::now() - begin));
     state.SetIterationTime(agent.back());
