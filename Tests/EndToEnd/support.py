@@ -301,6 +301,10 @@ class Collector(contextlib.AbstractContextManager):
     def authority(self):
         return self.tls / "authority.pem"
 
+    @property
+    def trusting(self):
+        return ssl.create_default_context(cafile=self.authority)
+
     def get(self, path):
         """The status and what is said; 0 where nobody answers."""
         with contextlib.suppress(OSError, http.client.HTTPException):
@@ -321,16 +325,15 @@ class Client:
     """A connection to a collector."""
 
     def __init__(self, collector):
-        context = None if collector.plain else ssl.create_default_context(cafile=collector.authority)
         self.connection = (http.client.HTTPConnection("127.0.0.1", collector.port, timeout=20) if collector.plain else
-                           http.client.HTTPSConnection("localhost", collector.port, timeout=20, context=context))
+                           http.client.HTTPSConnection("localhost", collector.port, timeout=20, context=collector.trusting))
 
-    def ask(self, method, path, body=None, key=KEY):
+    def ask(self, method, path, body=None, key=KEY, **headers):
         """The status, and the answer's text or what it says in JSON."""
-        self.connection.request(method, path, body, {"X-Skelda-Api-Key": key} if key else {})
-        answer = self.connection.getresponse()
-        text = answer.read().decode()
-        return answer.status, json.loads(text) if text.startswith(("{", "[")) else text
+        self.connection.request(method, path, body, headers | ({"X-Skelda-Api-Key": key} if key else {}))
+        self.answer = self.connection.getresponse()
+        text = self.answer.read().decode()
+        return self.answer.status, json.loads(text) if text.startswith(("{", "[")) else text
 
     def post(self, body, key=KEY):
         return self.ask("POST", PATH, body, key)

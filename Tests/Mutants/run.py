@@ -132,10 +132,11 @@ class Build:
     @functools.cache
     def calm(self, name):
         """Each test's milliseconds where nothing is changed."""
-        run = self.run(self.folder / "Tests" / name, None)
-        if run.status or run.broken:
-            raise SystemExit(f"{name} fails without a mutant: {run.failed + run.broken}")
-        return run.took
+        for _ in range(2):
+            run = self.run(self.folder / "Tests" / name, None)
+            if run.status == 0:
+                return run.took
+        raise SystemExit(f"{name} fails without a mutant: {run.failed + run.broken}")
 
     def run(self, program, limit, *options):
         with subprocess.Popen([program, *options], cwd=self.tree, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,

@@ -3,28 +3,22 @@
 #include <stdio.h>
 #include <string.h>
 
-/// The function of that name in the library, at `place`.
-static void take(void* library, const char* name, void* place) {
-  void* found = dlsym(library, name);
-  memcpy(place, &found, sizeof found);
-}
+/// A variable that is the library's function of that name.
+#define TAKE(variable, name)                 \
+  __typeof__(&name) variable = NULL;         \
+  memcpy(&variable, &(void*){dlsym(library, #name)}, sizeof variable)
 
 int main(void) {
   void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
   if (library == NULL) return puts(dlerror()), 2;
-  skelda_value* (*dictionary)(void);
-  bool (*putInteger)(skelda_value*, const char*, int64_t);
-  bool (*putText)(skelda_value*, const char*, const char*);
-  bool (*logEvent)(const char*, const skelda_value*);
-  bool (*waitUntilStored)(int64_t);
-  take(library, "skelda_dictionary_new", &dictionary);
-  take(library, "skelda_put_integer", &putInteger);
-  take(library, "skelda_put_text", &putText);
-  take(library, "skelda_log_event", &logEvent);
-  take(library, "skelda_wait_until_stored", &waitUntilStored);
+  TAKE(dictionary, skelda_dictionary_new);
+  TAKE(putInteger, skelda_put_integer);
+  TAKE(putText, skelda_put_text);
+  TAKE(logEvent, skelda_log_event);
+  TAKE(waitUntilStored, skelda_wait_until_stored);
   skelda_value* parameters = dictionary();
   if (!putInteger(parameters, "lap", 3) || !putText(parameters, "pace", "5:10")) return 1;
   if (!logEvent("LapDone", parameters) || !waitUntilStored(60000)) return 1;
   // What works on in threads of its own stays, whoever lets it go.
-  return dlclose(library);
+  return dlclose(library) != 0 || dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD) == NULL;
 }
