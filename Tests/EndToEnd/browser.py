@@ -1,7 +1,9 @@
 """Chromium without a window, driven over its debugging pipe."""
 
 import base64
+import concurrent.futures
 import contextlib
+import itertools
 import json
 import os
 import pathlib
@@ -9,7 +11,6 @@ import shutil
 import subprocess
 import tempfile
 import threading
-import time
 
 from support import eventually
 
@@ -34,11 +35,11 @@ class Browser(contextlib.AbstractContextManager):
         os.close(requests)
         os.close(answers)
         self.complaints, self.addresses = [], []
-        self._answers, self._number, self._new = {}, 0, threading.Condition()
-        self._session = None
+        self._answers, self._numbers, self._session = {}, itertools.count(1), {}
         threading.Thread(target=self._read, daemon=True).start()
         target = self.call("Target.createTarget", url="about:blank")["targetId"]
-        self._session = self.call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
+        attached = self.call("Target.attachToTarget", targetId=target, flatten=True)
+        self._session = {"sessionId": attached["sessionId"]}
         for domain in ("Page", "Runtime", "Log", "Network"):
             self.call(f"{domain}.enable")
 
@@ -58,33 +59,19 @@ class Browser(contextlib.AbstractContextManager):
 
     def _take(self, message):
         method, what = message.get("method"), message.get("params", {})
-        with self._new:
-            if "id" in message:
-                self._answers[message["id"]] = message
-                self._new.notify_all()
-            elif method == "Network.requestWillBeSent":
-                self.addresses.append(what["request"]["url"])
-            elif method == "Runtime.exceptionThrown":
-                self.complaints.append(what["exceptionDetails"].get("exception", {}).get("description", str(what)))
-            elif method == "Log.entryAdded" and what["entry"]["level"] == "error":
-                self.complaints.append(f"{what['entry']['text']} {what['entry'].get('url', '')}")
-            elif method == "Page.javascriptDialogOpening":
-                self.complaints.append(f"a dialog: {what['message']}")
+        if "id" in message:
+            self._answers.pop(message["id"]).set_result(message)
+        elif method == "Network.requestWillBeSent":
+            self.addresses.append(what["request"]["url"])
+        elif (method in ("Runtime.exceptionThrown", "Page.javascriptDialogOpening")
+              or method == "Log.entryAdded" and what["entry"]["level"] == "error"):
+            self.complaints.append(what)
 
     def call(self, method, within=30.0, **what):
-        with self._new:
-            self._number += 1
-            number = self._number
-        message = {"id": number, "method": method, "params": what}
-        if self._session:
-            message["sessionId"] = self._session
-        os.write(self._out, json.dumps(message).encode() + b"\0")
-        deadline = time.monotonic() + within
-        with self._new:
-            while number not in self._answers:
-                if not self._new.wait(deadline - time.monotonic()):
-                    raise AssertionError(f"the browser does not answer {method}")
-            answer = self._answers.pop(number)
+        number = next(self._numbers)
+        future = self._answers[number] = concurrent.futures.Future()
+        os.write(self._out, json.dumps({"id": number, "method": method, "params": what} | self._session).encode() + b"\0")
+        answer = future.result(within)
         if "error" in answer:
             raise AssertionError(f"{method}: {answer['error']}")
         return answer["result"]

@@ -2,10 +2,9 @@
 
 import collections
 import re
-import subprocess
 import unittest
 
-from support import BUILD, ROOT
+from support import BUILD, ROOT, told
 
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
 LITERALS = re.compile(rf"(?:{LITERAL}\s*)+")
@@ -81,8 +80,7 @@ class ManPages(unittest.TestCase):
                 continue
             with self.subTest(name):
                 page = pages[name].read_text()
-                told = subprocess.run([tool, "--help"], capture_output=True, text=True, timeout=20).stdout
-                taken = set(re.findall(r"^ +(?:-\w,)?--([a-z][a-z-]*)", told, re.M))
+                taken = set(re.findall(r"^ +(?:-\w,)?--([a-z][a-z-]*)", told(tool, "--help").stdout, re.M))
                 self.assertIn("help", taken)
                 self.assertEqual(taken, set(re.findall(r"^\.It Fl (?:\w , )?-([a-z][a-z-]*)", page, re.M)))
                 synopsis = page.split(".Sh SYNOPSIS")[1].split(".Sh DESCRIPTION")[0]

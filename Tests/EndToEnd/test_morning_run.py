@@ -1,11 +1,10 @@
 """The example, from its calls to the frames on disk."""
 
-import subprocess
 import unittest
 
 import frame_log
 from support import (EMULATOR, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collector, Home, eventually, events_of,
-                     give_identifiers, recording)
+                     give_identifiers, recording, told)
 
 THRESHOLD = 25
 
@@ -49,7 +48,7 @@ class MorningRun(unittest.TestCase):
             rate = "40" if EMULATOR else "200"
             run = home.run("--rate", rate, "--server", collector.url, "--linger", "120", within=180, keep=kept,
                            environment=home.environment(SSL_CERT_FILE=collector.authority))
-            self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
+            self.assertTrue(eventually(home.is_sent), run.output)
             received = collector.logs()
             self.assertEqual({path.read_bytes() for path in kept.iterdir()}, set(received))
             self.check_events(home, received)
@@ -67,8 +66,7 @@ class MorningRun(unittest.TestCase):
 
     def check_reader_of_the_tree(self, collector):
         """skelda-frames and the reading of these tests see the same."""
-        verified = subprocess.run([*EMULATOR, FRAMES_TOOL, "--verify", collector.store], capture_output=True, timeout=60)
+        verified, shown = [told(*EMULATOR, FRAMES_TOOL, how, collector.store) for how in ("--verify", "--json")]
         self.assertEqual(0, verified.returncode, verified.stdout + verified.stderr)
-        lines = subprocess.run([*EMULATOR, FRAMES_TOOL, "--json", collector.store], capture_output=True, timeout=60)
         total = sum(len(frame_log.frames_of(log)) for log in collector.logs())
-        self.assertEqual(total, len(lines.stdout.splitlines()))
+        self.assertEqual(total, len(shown.stdout.splitlines()))

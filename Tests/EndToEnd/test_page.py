@@ -10,6 +10,7 @@ from frame_log import frame
 from support import BUILD, Client, Collector, Home, eventually, events_of, give_identifiers, recording
 
 PICTURES = BUILD / "screenshots"
+PHONE = {"width": 390, "height": 844, "phone": True}
 
 # Names that a careless page would run, break on, or show as something else.
 HOSTILE = [
@@ -30,6 +31,10 @@ def shown(name):
 
 @unittest.skipUnless(browser.PROGRAM, "no Chromium here (Debian's package chromium)")
 class Page(unittest.TestCase):
+    def picture(self, name, **settings):
+        """Of the page as it is now, on which nothing may stick out at the side."""
+        self.assertFalse(self.page.screenshot(PICTURES / f"{name}.png", **settings), name)
+
     def run_agent(self, home, collector):
         """A morning run between whose events stand those that mean harm."""
         head, *rows = recording()
@@ -44,21 +49,22 @@ class Page(unittest.TestCase):
 
     def test_a_morning_run_with_hostile_names_is_seen_searched_and_opened_and_faults_are_played(self):
         with Home() as home, Collector(home.path / "collector") as collector, browser.Browser() as page:
+            self.page = page
             page.call("Page.addScriptToEvaluateOnNewDocument", source="window.shift = 0; new PerformanceObserver((list) => {"
                       "for (const e of list.getEntries()) if (!e.hadRecentInput) window.shift += e.value;"
                       "}).observe({ type: 'layout-shift', buffered: true });")
             page.call("Page.navigate", url=f"https://localhost:{collector.port}/")
             page.until("document.querySelector('.link.live') && document.getElementById('logs-empty').textContent")
-            self.assertFalse(page.screenshot(PICTURES / "empty.png"))
+            self.picture("empty")
 
             # Everything arrives by itself, decoded, and nothing of it runs.
             run = self.run_agent(home, collector)
-            self.assertTrue(eventually(lambda: not home.blocks() and not home.committed_logs()), run.output)
+            self.assertTrue(eventually(home.is_sent), run.output)
             logs = collector.logs()
             page.until(f"document.querySelectorAll('#log-rows tr').length === {len(logs)}")
             page.until(f"document.querySelector('#figures dd').textContent === '{len(logs)}'")
             self.assertLess(page.see("window.shift"), 0.1)
-            self.assertFalse(page.screenshot(PICTURES / "light.png"))
+            self.picture("light")
             expected = [shown(event.event_name) for event in events_of(logs)][::-1]
             page.until("document.querySelector('#event-rows li')")
             while page.see("!document.getElementById('more-events').hidden"):
@@ -72,9 +78,9 @@ class Page(unittest.TestCase):
 
             self.look_for_markup_and_open_what_is_found(page, collector)
             self.play_a_fault_and_see_repeats_and_gaps(page, collector)
-            for name, settings in (("whole", {"height": 1500}), ("dark", {"dark": True}), ("phone", {"width": 390, "height": 844, "phone": True}),
-                                   ("phone-dark", {"width": 390, "height": 844, "phone": True, "dark": True})):
-                self.assertFalse(page.screenshot(PICTURES / f"{name}.png", **settings), name)
+            for name, settings in (("whole", {"height": 1500}), ("dark", {"dark": True}), ("phone", PHONE),
+                                   ("phone-dark", PHONE | {"dark": True})):
+                self.picture(name, **settings)
             self.assertEqual([], page.complaints)
             self.assertEqual([], [url for url in page.addresses if not url.startswith(f"https://localhost:{collector.port}/")])
 
@@ -93,7 +99,7 @@ class Page(unittest.TestCase):
         page.until(f"{NAMES_SHOWN}.length === 1")
         self.assertEqual([HOSTILE[0]], page.see(NAMES_SHOWN))
         rows = page.until("document.querySelectorAll('#log-rows tr').length")
-        self.assertFalse(page.screenshot(PICTURES / "filtered.png"))
+        self.picture("filtered")
         self.assertLess(rows, len(collector.entries()))
         page.press("Escape")
         page.until(f"document.querySelectorAll('#log-rows tr').length === {len(collector.entries())}")
@@ -111,12 +117,12 @@ class Page(unittest.TestCase):
         self.assertEqual(frames[0].raw.hex(), page.see(CHOSEN_BYTES))
         page.see("document.getElementById('environment').open = true")
         self.assertIn("bundle.id", page.see("document.getElementById('environment').textContent"))
-        self.assertFalse(page.screenshot(PICTURES / "log.png"))
+        self.picture("log")
         page.see("document.getElementById('environment').open = false")
         page.press("End")
-        for name, settings in (("log-dark", {"dark": True}), ("log-phone", {"width": 390, "height": 844, "phone": True})):
-            self.assertFalse(page.screenshot(PICTURES / f"{name}.png", **settings), name)
-        page.screenshot(PICTURES / "light.png")
+        self.picture("log-dark", dark=True)
+        self.picture("log-phone", **PHONE)
+        self.picture("log")
         page.press("Escape")
         page.until("!document.querySelector('dialog[open]')")
         self.assertEqual(str(number), page.see("document.activeElement.dataset.n"))

@@ -1,11 +1,10 @@
 """Phones that do not behave, before one that does."""
 
 import base64
-import subprocess
 import unittest
 
 import frame_log
-from support import PHONE, Home, Process
+from support import PHONE, Home, Process, told
 
 GOOD = "00112233445566778899aabbccddeeff"
 
@@ -27,13 +26,11 @@ class Phones(unittest.TestCase):
             socket = home.path / "phone.socket"
             with home.start("--events", "150", "--rate", "15", "--phone", socket, "--linger", "30") as host:
                 for name, (arguments, expected) in ODD_PHONES.items():
-                    odd = subprocess.run([PHONE, socket, *arguments], capture_output=True, text=True, timeout=60)
+                    odd = told(PHONE, socket, *arguments)
                     self.assertEqual((odd.returncode, expected in odd.stdout), (0, True), name + odd.stdout + odd.stderr)
                     with Process([PHONE, socket, "--installation-id", GOOD]) as good:
                         self.assertEqual(good.wait(30), 0, name + good.output)
                 self.assertEqual(host.wait(60), 0, host.output)
-            frames = [frame for log in [*home.committed_logs(), *home.blocks(), home.current_log]
-                      for frame in frame_log.readable(log.read_bytes())[0]]
-            taken = [frame for frame in frames if frame.type == 140]
+            taken = [frame for log in home.logs() for frame in frame_log.readable(log.read_bytes())[0] if frame.type == 140]
             self.assertEqual(taken[-1].payload["sk.reported.id"]["iOSInstallationId"],
                              base64.b64encode(bytes.fromhex(GOOD)).decode())
