@@ -119,10 +119,12 @@ class Chaos(contextlib.AbstractContextManager):
             path.unlink()
 
     def one_of(self, *choices):
-        """One by chance; each comes once before any comes again."""
+        """One by chance, counted by its name; each comes once before any comes again."""
         if not self.decks.get(choices):
             self.decks[choices] = self.chance.sample(choices, len(choices))
-        return self.decks[choices].pop()
+        chosen = self.decks[choices].pop()
+        self.counts[getattr(chosen, "__name__", str(chosen))] += 1
+        return chosen
 
     def as_host(self):
         return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
@@ -155,7 +157,7 @@ class Chaos(contextlib.AbstractContextManager):
     def hold_account(self, killed):
         """Of events and choices. Logs and blocks are tampered with, which the agent cannot count."""
         if self.home.has_intake_file():
-            self.problems += [f"after {self.counts['kills']} kills: {problem}"
+            self.problems += [f"after {dict(self.counts)}: {problem}"
                               for problem in account_file.of(self.home).problems(killed=killed)]
 
     def stop_collector(self):
@@ -183,7 +185,6 @@ class Chaos(contextlib.AbstractContextManager):
         # At length it stays silent for longer than a request waits.
         longest = self.one_of("redirect", "delay=1h")
         first = 25 if longest == "delay=1h" and self.length > 150 else seconds / 2
-        self.counts["redirect loops" if longest == "redirect" else "silent servers"] += 1
         if longest == "redirect":
             longest += f"={self.chance.choice([301, 302, 307, 308])}:{here}"
         chosen = ["--fault", f"{longest},for={first:.0f}s"]
@@ -202,14 +203,10 @@ class Chaos(contextlib.AbstractContextManager):
         requests = [line for line in self.collector.process.lines if line.startswith(("log ", "refused", "fault"))]
         self.expect(not requests and len(self.collector.entries()) == before,
                     f"something was sent over a connection with a certificate that is {kind}: {requests}")
-        self.counts["untrusted certificates"] += 1
 
     def fill_disk(self, seconds):
-        if not self.small:
-            return
         ballast = self.small / "ballast"
         fill(ballast)
-        self.counts["full disks"] += 1
         time.sleep(seconds)
         ballast.unlink()
 
@@ -237,8 +234,7 @@ class Chaos(contextlib.AbstractContextManager):
             self.counts["tamperings"] += 1
 
     def damage(self, seconds):
-        until = time.monotonic() + seconds
-        while time.monotonic() < until:
+        for _ in range(round(seconds * 2)):
             self.tamper()
             time.sleep(0.5)
 
@@ -261,20 +257,17 @@ class Chaos(contextlib.AbstractContextManager):
             self.limit(**{name: none[name] for name in self.one_of(("nofile",), ("nproc",), ("nofile", "nproc"))})
             time.sleep(self.chance.uniform(0.05, 1))
             self.limit(**usual)
-            self.counts["starvations"] += 1
             time.sleep(0.3)
 
     # What a start finds
 
     def kill(self):
         self.end_host()
-        self.counts["kills"] += 1
         self.one_of(Chaos.start_host, Chaos.start_without_error_stream, Chaos.start_without_threads,
                     Chaos.start_with_damage, Chaos.start_without_names)(self)
 
     def start_without_error_stream(self):
         self.start_host(preexec_fn=lambda: os.close(2))
-        self.counts["closed error streams"] += 1
 
     def start_without_threads(self):
         """For up to a second. The host itself makes do with the one it has."""
@@ -284,14 +277,12 @@ class Chaos(contextlib.AbstractContextManager):
         self.limit(nproc=most[0])
         self.expect(eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10),
                     f"after a start without threads there are but {Usage.of(self.host.pid)}")
-        self.counts["starts without threads"] += 1
 
     def start_without_names(self):
         """The name server hangs under one host; the next one has another address."""
         self.start_host(server=HANGING)
         time.sleep(25 if self.length > 150 else 3)
         self.end_host()
-        self.counts["hanging name servers"] += 1
         self.start_host()
 
     def start_with_damage(self):
@@ -306,7 +297,6 @@ class Chaos(contextlib.AbstractContextManager):
             data[self.chance.randrange(len(data))] ^= 1 << self.chance.randrange(8)
             self.note_damage(path)
             path.write_bytes(data)
-        self.counts["starts with damaged files"] += 1
         self.start_host()
         time.sleep(1)
         self.collector.start()
@@ -328,7 +318,8 @@ class Chaos(contextlib.AbstractContextManager):
             elif usage is None:
                 time.sleep(min(10.0, self.length / 12))
                 usage = Usage.of(self.host.pid)
-            self.one_of(Chaos.serve_badly, Chaos.serve_untrusted, Chaos.damage, Chaos.fill_disk, Chaos.starve)(self, spell)
+            self.one_of(Chaos.serve_badly, Chaos.serve_untrusted, Chaos.damage, Chaos.starve,
+                        *([Chaos.fill_disk] if self.small else []))(self, spell)
             self.restart_collector()
             self.collect()
             time.sleep(self.chance.uniform(1, 3))

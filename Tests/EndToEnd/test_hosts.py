@@ -122,12 +122,9 @@ class Intake(unittest.TestCase):
         self.assertEqual([1, 0], locks)
         self.assertEqual((6, 6, 0), (events.accepted, events.stored, self.account().choices.accepted))
 
-
-class Lifetimes(unittest.TestCase):
     def test_events_before_main_and_during_exit_do_no_harm(self):
         for _ in range(5):
-            with Home(bundle=bundle_of("EarlyAndLateHost")) as home:
-                run = home.run()
-                self.assertEqual(0, run.status, run.output)
-                self.assertIn("early: 1", run.output)
-                self.assertEqual(["early", "main"], [event.event_name for event in home.current_events()[:2]])
+            with Home(bundle=bundle_of("IntakeHost")) as home:
+                run = home.run("early", "event", "stored", "exit-late", "for-ever", environment=home.environment(EARLY=1))
+                self.assertEqual((0, ["early: 1", "event: 1", "stored: 1", "exit-late: 1", "for-ever: 1"]), (run.status, run.lines))
+                self.assertEqual(["early", "event"], [event.event_name for event in home.current_events()[:2]])

@@ -103,6 +103,10 @@ class Build:
         self.tool = threading.Lock()
         if not as_it_was or not self.folder.exists():
             self.make()
+        for name, tool in TOOL.items():  # a mutant's, where a run was killed
+            (self.folder / tool).unlink(missing_ok=True)
+            self.call("ninja", "-C", self.folder, tool)
+            self.calm(name)
         self.compiling = {entry["file"]: entry["command"]
                           for entry in json.loads((self.folder / "compile_commands.json").read_text())}
         # What most files include, read once.

@@ -1,6 +1,7 @@
 // Does what its arguments say, one word after the other, and prints what each answered, "word:
 // number". Behind "fork" words that begin with "child-" are the child's, which then stays, and the
-// others the parent's.
+// others the parent's. With EARLY in its environment it logs an event before main() begins, too,
+// and one when all is over.
 
 #include <unistd.h>
 
@@ -22,6 +23,14 @@ using namespace std::chrono_literals;
 namespace {
 
 using Number = unsigned long long;
+
+struct Early {
+  const bool isAsked = std::getenv("EARLY") != nullptr;
+  const Number answer = isAsked ? SkeldaWatch::logWatchEvent("early") : 0;
+  ~Early() {
+    if (isAsked) SkeldaWatch::logWatchEvent("late", {{"when", "static destructor"}});
+  }
+} early;
 
 Number fromThreads(Number threads, const auto& work) {
   std::atomic<Number> sum{0};
@@ -72,6 +81,12 @@ Number answerTo(const std::string& word) {
       SkeldaWatch::logWatchEvent("waited for");
       return SkeldaWatch::waitUntilStored(20s);
     });
+  }
+  if (word == "early") return early.answer;
+  if (word == "exit-late") return std::atexit([] { SkeldaWatch::logWatchEvent("late"); }) == 0;
+  if (word == "for-ever") {
+    for (int i = 0; i < 2; ++i) std::thread(burst, 1, ~0ULL).detach();
+    return std::this_thread::sleep_for(20ms), 1;
   }
   if (word == "accepted") return SkeldaWatch::account().events.accepted;
   if (word == "refused") return SkeldaWatch::account().refused.overTheBound;
