@@ -4,8 +4,8 @@
 #include <string.h>
 
 /// A variable that is the library's function of that name.
-#define TAKE(variable, name)                 \
-  __typeof__(&name) variable = NULL;         \
+#define TAKE(variable, name)         \
+  __typeof__(&name) variable = NULL; \
   memcpy(&variable, &(void*){dlsym(library, #name)}, sizeof variable)
 
 int main(void) {

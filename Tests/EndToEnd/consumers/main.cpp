@@ -2,26 +2,10 @@
 #include <Skelda_Watch/SkeldaWatch.h>
 
 #include <csignal>
-#include <filesystem>
-#include <iostream>
+#include <cstdlib>
 
-namespace {
-
-/// Sockets that this process has open.
-int sockets() {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const auto target = std::filesystem::read_symlink(entry.path(), gone).string();
-    if (target.rfind("socket:", 0) == 0) ++count;
-  }
-  return count;
-}
-
-}  // namespace
-
-/// Logs an event. With an argument it waits for a phone at that socket, follows the network, and
-/// stays until it is asked to end.
+/// Logs an event, and says how many sockets are open. With an argument it waits for a phone at that
+/// socket, follows the network, and stays until it is asked to end.
 int main(int count, char** arguments) {
   sigset_t ending;
   sigemptyset(&ending);
@@ -32,7 +16,7 @@ int main(int count, char** arguments) {
   if (wantsMore) SkeldaListenForPhone(arguments[1]);
   if (SkeldaWatch::logWatchEvent("LapDone", {{"lap", 3}, {"pace", "5:10"}}) != 1) return 1;
   if (!SkeldaWatch::waitUntilStored(std::chrono::seconds(60))) return 1;
-  std::cout << "sockets: " << sockets() << std::endl;
+  if (std::system("echo sockets: $(ls -l /proc/$PPID/fd | grep -c socket:)") != 0) return 1;
   int signal = 0;
   return wantsMore ? sigwait(&ending, &signal) : 0;
 }
