@@ -8,7 +8,6 @@ After each: no crash and no hang, every closed log whole, nothing gone that was 
 every event whose call answered 1 found again, or named by the account.
 """
 
-import argparse
 import collections
 import concurrent.futures
 import contextlib
@@ -27,7 +26,7 @@ import typing
 
 import account_file
 import frame_log
-from support import Home, bundle_of, give_identifiers, scratch_root
+from support import Home, bundle_of, give_identifiers, play, scratch_root
 
 HOST = bundle_of("FaultHost")
 EVENTS = 16
@@ -163,7 +162,9 @@ class Runner(contextlib.AbstractContextManager):
     """Every run begins with a copy of an installation that knows its phone, and has a log left open and
     blocks that wait."""
 
-    def __init__(self):
+    def __init__(self, runs, seed, only="", jobs=4):
+        self.runs, self.seed, self.only, self.jobs = runs, seed, only, jobs
+        self.faults, self.problems, self.unreached = [], [], 0
         self.folder = tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root())
         self.template = Home(bundle=HOST, path=pathlib.Path(self.folder.name) / "template")
         give_identifiers(self.template)
@@ -175,7 +176,7 @@ class Runner(contextlib.AbstractContextManager):
     def __exit__(self, *_):
         self.folder.cleanup()
 
-    def run(self, fault):
+    def under(self, fault):
         with tempfile.TemporaryDirectory(dir=self.folder.name) as folder:
             with Home(bundle=HOST, path=shutil.copytree(self.template.path, f"{folder}/home", symlinks=True)) as home:
                 home.log.unlink(missing_ok=True)
@@ -183,7 +184,7 @@ class Runner(contextlib.AbstractContextManager):
 
     def all_faults(self):
         """What can go wrong in a start in which nothing does: its calls are counted."""
-        calm = self.run(None)
+        calm = self.under(None)
         if calm.problems:
             raise AssertionError(f"without a fault: {calm.problems}")
         if not all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")):
@@ -195,39 +196,31 @@ class Runner(contextlib.AbstractContextManager):
                 faults += [Fault(kind, at, what, LONG) for what in whats if isinstance(what, int)][:2]
         return faults
 
-
-def spread(faults, count, seed):
-    """So many of them, of every kind about as many."""
-    by_kind = collections.defaultdict(list)
-    for fault in random.Random(seed).sample(faults, len(faults)):
-        by_kind[fault.kind].append(fault)
-    in_turn = itertools.zip_longest(*by_kind.values())
-    return [fault for turn in in_turn for fault in turn if fault][:count]
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("runs", nargs="?", type=int)
-    parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--only", default="")
-    parser.add_argument("--jobs", type=int, default=max(2, os.cpu_count() or 2))
-    options = parser.parse_args()
-    with Runner() as runner, concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        if options.only.count(":") >= 2:
-            kind, at, what, *milliseconds = options.only.split(":")
-            faults = [Fault(kind, int(at), int(what) if what.isdigit() else what, *map(int, milliseconds))]
+    def run(self):
+        if self.only.count(":") >= 2:
+            kind, at, what, *milliseconds = self.only.split(":")
+            self.faults = [Fault(kind, int(at), int(what) if what.isdigit() else what, *map(int, milliseconds))]
         else:
-            faults = [f for f in runner.all_faults() if str(f).startswith(options.only)]
-            faults = spread(faults, len(faults) if options.runs is None else options.runs, options.seed)
-        bad = unreached = 0
-        for run in pool.map(runner.run, faults):
-            bad += bool(run.problems)
-            unreached += run.happened == 0
-            for problem in run.problems:
-                print(f"{run.fault}: {problem}", flush=True)
-        print(f"{len(faults)} faults, {unreached} of them not reached; {bad} runs with problems")
-    return 1 if bad or not faults else 0
+            self.faults = self.spread([f for f in self.all_faults() if str(f).startswith(self.only)])
+        self.problems += [] if self.faults else ["there is no such fault"]
+        with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
+            for run in pool.map(self.under, self.faults):
+                self.unreached += run.happened == 0
+                for problem in run.problems:
+                    self.problems.append(f"{run.fault}: {problem}")
+                    print(self.problems[-1], flush=True)
+
+    def spread(self, faults):
+        """So many of them as are wanted, of every kind about as many."""
+        by_kind = collections.defaultdict(list)
+        for fault in random.Random(self.seed).sample(faults, len(faults)):
+            by_kind[fault.kind].append(fault)
+        in_turn = itertools.zip_longest(*by_kind.values())
+        return [fault for turn in in_turn for fault in turn if fault][:self.runs or None]
+
+    def report(self):
+        return f"{len(self.faults)} faults, {self.unreached} of them not reached"
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(play(__doc__, Runner, ("runs", 0), only="", jobs=max(2, os.cpu_count() or 2)))

@@ -1,6 +1,5 @@
 """Short runs of what scripts/chaos, scripts/faults and scripts/kill-test do at length."""
 
-import concurrent.futures
 import unittest
 
 import account_file
@@ -23,12 +22,10 @@ class AtLength(unittest.TestCase):
 
     @unittest.skipIf(SANITIZED, "a sanitizer has the allocations")
     def test_a_call_that_goes_wrong_harms_nothing_and_loses_nothing_in_silence(self):
-        with faults.Runner() as runner, concurrent.futures.ThreadPoolExecutor(4) as pool:
-            runs = list(pool.map(runner.run, faults.spread(runner.all_faults(), FAULTS, seed=8)))
-        self.assertGreater(sum(run.happened > 0 for run in runs), FAULTS * 3 // 4)
-        for run in runs:
-            with self.subTest(str(run.fault)):
-                self.assertEqual([], run.problems)
+        with faults.Runner(FAULTS, seed=8) as runner:
+            runner.run()
+            self.assertEqual([], runner.problems)
+            self.assertLess(runner.unreached, FAULTS // 4)
 
     def test_what_was_durable_or_accepted_before_a_kill_is_found_by_the_next_start(self):
         with kill.Kills(15, seed=20240519, on_disk=False) as kills:
