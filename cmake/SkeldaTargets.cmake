@@ -44,6 +44,13 @@ if(SKELDA_SANITIZE)
   target_link_options(skelda_flags INTERFACE -fsanitize=${SKELDA_SANITIZE})
 endif()
 
+# What -Os leaves on and still takes room for speed: loops made longer to do less in each turn, code
+# that runs seldom set apart with tables of its own.
+set(skelda_size -Os)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND skelda_size -fno-gcse -fno-ivopts -fno-tree-loop-im -fno-reorder-blocks-and-partition)
+endif()
+
 # Objects hold both: what a linker of all in sight needs, and code as it is. Only the shared library
 # takes the former; tests would link for minutes.
 set(skelda_lto)
@@ -65,14 +72,13 @@ function(skelda_component_sources result folder)
   set(${result} ${sources} PARENT_SCOPE)
 endfunction()
 
-# skelda_component(NAME FOLDER [HOT regex] [WITHOUT folder ...] [DEPENDS target ...])
+# skelda_component(NAME FOLDER [WITHOUT folder ...] [DEPENDS target ...])
 # One folder of the library: every source file in it, recursively, as a static library, but for the
 # folders in it named WITHOUT, which are components of their own. FOLDER is relative to the source
 # tree's root. DEPENDS names every component that its files include, and no other; these arrows run
-# in no circle (scripts/lib/floors.py). A release is built for size, half of what speed takes; for
-# speed only the files whose names match HOT, on the path of every event.
+# in no circle (scripts/lib/floors.py). A release is built for size.
 function(skelda_component name folder)
-  cmake_parse_arguments(arg "" "HOT" "WITHOUT;DEPENDS" ${ARGN})
+  cmake_parse_arguments(arg "" "" "WITHOUT;DEPENDS" ${ARGN})
   skelda_component_sources(sources "${folder}" ${arg_WITHOUT})
   if(NOT sources)
     add_library(${name} INTERFACE)
@@ -81,11 +87,7 @@ function(skelda_component name folder)
   endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC skelda_flags ${arg_DEPENDS})
-  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-Os> ${skelda_lto})
-  if(arg_HOT AND CMAKE_BUILD_TYPE STREQUAL "Release")
-    list(FILTER sources INCLUDE REGEX "${arg_HOT}")
-    set_source_files_properties(${sources} PROPERTIES COMPILE_OPTIONS -O2)
-  endif()
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:${skelda_size}> ${skelda_lto})
   set_property(GLOBAL APPEND PROPERTY SKELDA_COMPONENTS ${name})
 endfunction()
 

@@ -69,7 +69,7 @@ def components_of(tree):
             words = [quoted or bare for quoted, bare in re.findall(r'"([^"]*)"|([^\s"]+)', call.group(1))]
             parts, key = collections.defaultdict(list), "folder"
             for word in words[1:]:
-                if word in ("HOT", "WITHOUT", "DEPENDS"):
+                if word in ("WITHOUT", "DEPENDS"):
                     key = word
                 else:
                     parts[key].append(word)
