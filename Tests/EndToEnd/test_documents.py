@@ -1,10 +1,17 @@
-"""What the documents say is there, and what is there they say."""
+"""What the documents say is there, what is there they say, and what they tell to type is typed as it stands."""
 
 import collections
+import os
+import pathlib
 import re
+import sys
 import unittest
 
+from loading import free_ports
 from support import BUILD, ROOT, told
+
+sys.path.insert(0, str(ROOT / "scripts/lib"))
+import typed  # noqa: E402
 
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
 LITERALS = re.compile(rf"(?:{LITERAL}\s*)+")
@@ -85,3 +92,110 @@ class ManPages(unittest.TestCase):
                 self.assertEqual(taken, set(re.findall(r"^\.It Fl (?:\w , )?-([a-z][a-z-]*)", page, re.M)))
                 synopsis = page.split(".Sh SYNOPSIS")[1].split(".Sh DESCRIPTION")[0]
                 self.assertEqual(taken, set(re.findall(r"-([a-z][a-z-]*[a-z])", synopsis.replace(name, ""))))
+
+
+def like_this_build():
+    """Arguments that make another tree's build share this one's compiler cache."""
+    cache = dict(line.split("=", 1) for line in (BUILD / "CMakeCache.txt").read_text().splitlines()
+                 if "=" in line and not line.startswith(("#", "//")))
+    wanted = ("CMAKE_CXX_COMPILER_LAUNCHER", "CMAKE_BUILD_TYPE", "CMAKE_CXX_FLAGS_DEBUG", "CMAKE_CXX_FLAGS_RELEASE",
+              "CMAKE_EXE_LINKER_FLAGS", "SKELDA_SANITIZE", "SKELDA_BENCHMARKS")
+    return "".join(f" '-D{key}={value}'" for key, value in cache.items() if value and key.split(":")[0] in wanted)
+
+
+class Contributing(unittest.TestCase):
+    """The worked example of CONTRIBUTING.md, done as it says, in a copy of the tree."""
+
+    def test_the_worked_example_applies_passes_its_tests_and_leaves_its_records(self):
+        text = (ROOT / "CONTRIBUTING.md").read_text()
+        files = re.findall(r"^`([^`\n]+)`\n\n```cpp\n(.*?)^```$", text, re.M | re.S)
+        changes = re.findall(r"^(?:```|~~~~)diff\n(.*?)^(?:```|~~~~)$", text, re.M | re.S)
+        steps = typed.lines_of(typed.blocks_of(text)[-1])
+        shown = [line for block in typed.blocks_of(text, "text") for line in block.splitlines()]
+        self.assertTrue(len(files) > 5 and len(changes) > 5 and shown and steps)
+        output = ""
+        with typed.Shell() as shell:
+            tree = shell.home / "tree"
+            told("rsync", "-rlp", "--exclude=/build*", "--exclude=.git", "--exclude=__pycache__", f"{ROOT}/", tree)
+            for name, value in {"DIR": os.environ.get("CCACHE_DIR", pathlib.Path.home() / ".cache/ccache"),
+                                "BASEDIR": tree, "NOHASHDIR": 1,
+                                "SLOPPINESS": "include_file_ctime,include_file_mtime"}.items():
+                shell.type(f"export CCACHE_{name}='{value}'")
+            shell.type(f"cd '{tree}'")
+            for name, content in files:
+                self.assertFalse((tree / name).exists(), name)
+                (tree / name).write_text(content)
+            for change in changes:
+                (shell.home / "change.diff").write_text(change)
+                self.assertIn("patching", shell.type("patch -p1 -i ../change.diff"))
+            shell.type("python3 scripts/lib/floors.py")
+            for step in steps:
+                if step.startswith("cmake --preset"):
+                    step += like_this_build()
+                if step.startswith("cmake --build"):
+                    step += f" -j{os.cpu_count()}"
+                output += shell.type(step, within=600)
+        for line in shown:  # in which ... stands for anything
+            self.assertRegex(output, ".*".join(map(re.escape, line.split("..."))))
+
+
+def packages_of_this_machine():
+    """Those that scripts/package has made of this very tree."""
+    architecture = told("dpkg", "--print-architecture").stdout.strip()
+    packages = sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
+    sources = [path.stat().st_mtime for folder in ("Analytics", "Examples", "Library", "Platform", "Tools", "include")
+               for path in (ROOT / folder).rglob("*") if path.is_file()]
+    return packages if packages and min(p.stat().st_mtime for p in packages) > max(sources) else []
+
+
+class GettingStarted(unittest.TestCase):
+    """docs/getting-started.md, typed as it stands."""
+
+    def setUp(self):
+        text = (ROOT / "docs/getting-started.md").read_text()
+        sections = dict(re.findall(r"^## (.*?)\n(.*?)(?=^## |\Z)", text, re.M | re.S))
+        self.packages, self.source = sections.pop("Install the packages"), sections.pop("Or build and install")
+        self.rest = list(sections.values())
+        self.port = str(*free_ports(1))
+
+    def type_all(self, shell, text):
+        for name, content in re.findall(r"^`([^`\n]+)`\n\n```\w+\n(.*?)^```$", text, re.M | re.S):
+            file = shell.home / name
+            file.parent.mkdir(parents=True, exist_ok=True)
+            file.write_text(content.replace("8443", self.port))
+        for block in typed.blocks_of(text):
+            for line in typed.lines_of(block):
+                shell.type(line.replace("8443", self.port))
+
+    def go_on_to_the_end(self, shell):
+        self.assertGreater(len(self.rest), 4)
+        for section in self.rest:
+            self.type_all(shell, section)
+
+    def test_from_a_source_tree(self):
+        # The tree's own build, which is there already: configuring and building it is little.
+        self.assertIn("build/release", self.source)
+        with typed.Shell() as shell:
+            shell.type(f"cd '{ROOT}'")
+            self.type_all(shell, self.source.replace("build/release", f"'{BUILD}'").replace("--preset release", f"'{BUILD}'"))
+            self.go_on_to_the_end(shell)
+
+    def test_from_packages(self):
+        packages = packages_of_this_machine()
+        if not packages:
+            self.skipTest("scripts/package has made no packages of this tree")
+        if os.geteuid() != 0 or not typed.can_throw_away():
+            self.skipTest("packages are installed only where that can be undone: as root, with overlays")
+        with typed.Shell(thrown_away=True, keep=packages) as shell:
+            self.type_all(shell, self.packages)
+            self.assertEqual("/usr/bin/skelda-frames", shell.type("command -v skelda-frames").strip())
+            self.go_on_to_the_end(shell)
+        self.assertFalse(pathlib.Path("/usr/bin/skelda-frames").exists())
+
+    def test_the_commands_of_the_readme_are_few_and_quick(self):
+        way = ["--built", str(BUILD)]
+        if packages_of_this_machine() and os.geteuid() == 0 and typed.can_throw_away():
+            way = []
+        done = told(ROOT / "scripts/first-event", *way, "--port", self.port, within=600)
+        self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+        self.assertIn('on the page: LapDone {"lap": "3", "pace": "5:10"}', done.stdout)

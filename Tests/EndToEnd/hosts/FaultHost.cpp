@@ -112,13 +112,11 @@ bool fails(std::string_view kind) {
   return fault.has_value();
 }
 
-template <class Call>
-auto inside(Call call) {
-  struct Inside {
-    Inside() { isInside = true; }
-    ~Inside() { isInside = false; }
-  } within;
-  return call();
+unsigned inside(auto call) {
+  isInside = true;
+  const unsigned answer = call();
+  isInside = false;
+  return answer;
 }
 
 }  // namespace
@@ -172,9 +170,9 @@ int main(int, char** argv) {
   }
   // Values are made outside and given away: what is allocated inside is the agent's.
   SkeldaValue address = "https://127.0.0.1:9/v1/skd.do";
-  inside([&] { SkeldaWatch::setServerURL(std::move(address)); });
+  inside([&] { return SkeldaWatch::setServerURL(std::move(address)), 1; });
   SkeldaValue property = "shoes", kind = "Wolke 7";
-  inside([&] { SkeldaUserProperties::setValue(std::move(property), std::move(kind)); });
+  inside([&] { return SkeldaUserProperties::setValue(std::move(property), std::move(kind)), 1; });
   for (int number = 1; number <= events; ++number) {
     SkeldaValue name = "event";
     SkeldaValue parameters = {{"start", start}, {"number", number}};
@@ -182,7 +180,7 @@ int main(int, char** argv) {
         inside([&] { return SkeldaWatch::logWatchEvent(std::move(name), std::move(parameters)); });
     std::printf("event %d: %u\n", number, answer);
     std::fflush(stdout);
-    if (number == events / 2) inside([] { SkeldaCCPA::setDelete(); });
+    if (number == events / 2) inside([] { return SkeldaCCPA::setDelete(), 1; });
   }
   std::printf("stored: %d\n", SkeldaWatch::waitUntilStored(3s));
   const auto storage =
