@@ -1,9 +1,7 @@
 // Any bytes taken for a payload make a record or none; a record that is written and read again is
 // the same.
 
-#include <cstdint>
-#include <cstdlib>
-
+#include "Fuzz/Fuzz.h"
 #include "Platform/Base/Log.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 

@@ -1,19 +1,13 @@
 // Any bytes split into frames that lie back to back, and each frame is written again as it was
 // read.
 
-#include <cstdint>
-#include <cstdlib>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
+#include "Fuzz/Fuzz.h"
 #include "Platform/Base/Log.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// Whether the bytes are the frame that the agent would write of it, the first byte excepted, whose
 /// upper bits a reader passes over, and the CRC, which it does not look at.

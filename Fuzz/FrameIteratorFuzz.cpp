@@ -1,22 +1,12 @@
 // Whatever the file and the size of the buffer, the iterator ends, and hands out the frames of the
 // file in order, up to where its rules let it go.
 
-#include <cstdint>
-#include <cstdlib>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
+#include "Fuzz/Fuzz.h"
 #include "Platform/Base/Log.h"
 #include "Tests/Support/MemoryStreamFileHandle.h"
 #include "include/Skelda_Watch/SkeldaConstants.h"
-
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   platform::Log::setSink({});

@@ -4,29 +4,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <condition_variable>
-#include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <thread>
-
+#include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/URLSession.h"
-#include "Platform/Platform.h"
 
 // A hostile server on the loopback: it answers a request with the given bytes, in pieces, and hangs
 // up. The task ends once, soon, with a bounded body, and no request goes anywhere else.
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 class Server {
  public:

@@ -1,6 +1,4 @@
-#include <cstdint>
-#include <cstdlib>
-
+#include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Foundation/PropertyList.h"
 #include "Platform/Foundation/PropertyListScreen.h"

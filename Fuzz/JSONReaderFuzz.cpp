@@ -1,7 +1,4 @@
-#include <cstdint>
-#include <cstdlib>
-#include <string_view>
-
+#include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Foundation/TextCoding.h"

@@ -1,9 +1,5 @@
-#include <cstdint>
-#include <cstdlib>
-#include <set>
-#include <string>
-
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
+#include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/KeyedArchive.h"
 
@@ -11,10 +7,6 @@
 // named, each once, and what was read is written and read back the same.
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 using Map = SkeldaDataSenderIndex::Map;
 

@@ -1,16 +1,5 @@
 // A leftover log of any bytes is cut to its longest readable prefix, closed and committed.
 
-#include <stdlib.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <string_view>
-
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
@@ -21,6 +10,7 @@
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Fuzz/Fuzz.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Foundation/JSONReader.h"
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/Bundle.h"
@@ -36,12 +34,11 @@ class AgentHome : public TemporaryHome {
 /// Makes this process the watch extension of an application with that Info.plist while it lives.
 class HostBundle {
  public:
-  explicit HostBundle(platform::Dictionary information = {},
+  explicit HostBundle(Dictionary information = {},
                       const std::string& path = "/Run.app/PlugIns/Watch.appex") {
-    platform::Bundle::setMain(
-        std::make_shared<platform::Bundle>(path, path + "/run", std::move(information)));
+    Bundle::setMain(std::make_shared<Bundle>(path, path + "/run", std::move(information)));
   }
-  ~HostBundle() { platform::Bundle::setMain(nullptr); }
+  ~HostBundle() { Bundle::setMain(nullptr); }
 };
 
 }  // namespace skelda::testing

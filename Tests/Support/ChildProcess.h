@@ -1,11 +1,6 @@
 #pragma once
 
-#include <signal.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

@@ -2,9 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <string>
-#include <string_view>
-
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {

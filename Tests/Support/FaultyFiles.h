@@ -1,24 +1,7 @@
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdio>
-#include <limits>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-
 #include "Platform/Foundation/FileCalls.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -110,9 +93,9 @@ class FaultPlan {
 using FaultPlanRef = std::shared_ptr<FaultPlan>;
 
 /// System calls that fail as planned, installed for as long as the object lives. Kinds are the
-/// method names of platform::FileCalls. A short length makes a read, write or copy do only so much
+/// method names of FileCalls. A short length makes a read, write or copy do only so much
 /// and succeed, as the kernel may. With a text, only calls on paths that hold it are planned.
-class FaultyFileCalls : public platform::FileCalls {
+class FaultyFileCalls : public FileCalls {
  public:
   explicit FaultyFileCalls(FaultPlanRef plan, std::string only = {})
       : plan_(std::move(plan)), only_(std::move(only)) {
@@ -124,9 +107,37 @@ class FaultyFileCalls : public platform::FileCalls {
   ~FaultyFileCalls() override { install(nullptr); }
   FaultPlan* operator->() const { return plan_.get(); }
 
-  int open(const char* path, int flags, ::mode_t mode) override {
-    return fails("open", path) ? -1 : FileCalls::open(path, flags, mode);
+#define SKELDA_MAY_FAIL(result, call, where, parameters, arguments) \
+  result call parameters override {                                 \
+    return fails(#call, where) ? -1 : FileCalls::call arguments;    \
   }
+  SKELDA_MAY_FAIL(int, open, path, (const char* path, int flags, ::mode_t mode),
+                  (path, flags, mode))
+  SKELDA_MAY_FAIL(int, status, fd, (int fd, struct ::stat* status), (fd, status))
+  SKELDA_MAY_FAIL(int, statusAt, path, (const char* path, struct ::stat* status), (path, status))
+  SKELDA_MAY_FAIL(int, linkStatusAt, path, (const char* path, struct ::stat* status),
+                  (path, status))
+  SKELDA_MAY_FAIL(int, truncate, fd, (int fd, ::off_t length), (fd, length))
+  SKELDA_MAY_FAIL(int, alwaysAppend, fd, (int fd), (fd))
+  SKELDA_MAY_FAIL(int, allocate, fd, (int fd, ::off_t length), (fd, length))
+  SKELDA_MAY_FAIL(int, syncData, fd, (int fd), (fd))
+  SKELDA_MAY_FAIL(int, sync, fd, (int fd), (fd))
+  SKELDA_MAY_FAIL(int, rename, to, (const char* from, const char* to), (from, to))
+  SKELDA_MAY_FAIL(int, renameNoReplace, to, (const char* from, const char* to), (from, to))
+  SKELDA_MAY_FAIL(int, link, to, (const char* from, const char* to), (from, to))
+  SKELDA_MAY_FAIL(int, unlink, path, (const char* path), (path))
+  SKELDA_MAY_FAIL(int, makeDirectory, path, (const char* path, ::mode_t mode), (path, mode))
+  SKELDA_MAY_FAIL(int, removeDirectory, path, (const char* path), (path))
+  SKELDA_MAY_FAIL(::ssize_t, entries, fd, (int fd, void* room, std::size_t length),
+                  (fd, room, length))
+  SKELDA_MAY_FAIL(int, lock, fd, (int fd, int operation), (fd, operation))
+  SKELDA_MAY_FAIL(::ssize_t, attribute, path,
+                  (const char* path, const char* name, void* value, std::size_t length),
+                  (path, name, value, length))
+  SKELDA_MAY_FAIL(int, setAttribute, path,
+                  (const char* path, const char* name, const void* value, std::size_t length),
+                  (path, name, value, length))
+#undef SKELDA_MAY_FAIL
   ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t offset) override {
     return limited("read", fd, length,
                    [&](std::size_t n) { return FileCalls::read(fd, bytes, n, offset); });
@@ -142,68 +153,18 @@ class FaultyFileCalls : public platform::FileCalls {
     errno = isToFail ? error : errno;
     return isToFail ? -1 : result;
   }
-  int status(int fd, struct ::stat* status) override {
-    return fails("status", fd) ? -1 : FileCalls::status(fd, status);
-  }
-  int statusAt(const char* path, struct ::stat* status) override {
-    return fails("statusAt", path) ? -1 : FileCalls::statusAt(path, status);
-  }
-  int linkStatusAt(const char* path, struct ::stat* status) override {
-    return fails("linkStatusAt", path) ? -1 : FileCalls::linkStatusAt(path, status);
-  }
-  int truncate(int fd, ::off_t length) override {
-    return fails("truncate", fd) ? -1 : FileCalls::truncate(fd, length);
-  }
-  int alwaysAppend(int fd) override {
-    return fails("alwaysAppend", fd) ? -1 : FileCalls::alwaysAppend(fd);
-  }
-  int allocate(int fd, ::off_t length) override {
-    return fails("allocate", fd) ? -1 : FileCalls::allocate(fd, length);
-  }
-  int syncData(int fd) override { return fails("syncData", fd) ? -1 : FileCalls::syncData(fd); }
-  int sync(int fd) override { return fails("sync", fd) ? -1 : FileCalls::sync(fd); }
   ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,
                       std::size_t length) override {
     return limited("copyRange", from, length, [&](std::size_t n) {
       return FileCalls::copyRange(from, fromOffset, to, toOffset, n);
     });
   }
-  int rename(const char* from, const char* to) override {
-    return fails("rename", to) ? -1 : FileCalls::rename(from, to);
-  }
-  int renameNoReplace(const char* from, const char* to) override {
-    return fails("renameNoReplace", to) ? -1 : FileCalls::renameNoReplace(from, to);
-  }
-  int link(const char* from, const char* to) override {
-    return fails("link", to) ? -1 : FileCalls::link(from, to);
-  }
-  int unlink(const char* path) override {
-    return fails("unlink", path) ? -1 : FileCalls::unlink(path);
-  }
-  int makeDirectory(const char* path, ::mode_t mode) override {
-    return fails("makeDirectory", path) ? -1 : FileCalls::makeDirectory(path, mode);
-  }
-  int removeDirectory(const char* path) override {
-    return fails("removeDirectory", path) ? -1 : FileCalls::removeDirectory(path);
-  }
-  ::ssize_t entries(int fd, void* room, std::size_t length) override {
-    return fails("entries", fd) ? -1 : FileCalls::entries(fd, room, length);
-  }
-  int lock(int fd, int operation) override {
-    return fails("lock", fd) ? -1 : FileCalls::lock(fd, operation);
-  }
-  ::ssize_t attribute(const char* path, const char* name, void* value,
-                      std::size_t length) override {
-    return fails("attribute", path) ? -1 : FileCalls::attribute(path, name, value, length);
-  }
-  int setAttribute(const char* path, const char* name, const void* value,
-                   std::size_t length) override {
-    return fails("setAttribute", path) ? -1 : FileCalls::setAttribute(path, name, value, length);
-  }
 
  private:
   // Nothing is allocated here: allocations may be what fails.
-  bool concerns(std::string_view path) const { return path.find(only_) != path.npos; }
+  bool concerns(std::string_view path) const {
+    return path.find(only_) != path.npos;
+  }
   bool concerns(int fd) const {
     if (only_.empty()) return true;
     char link[32], path[4096];

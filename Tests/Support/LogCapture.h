@@ -1,17 +1,7 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
 #include "Platform/Base/Log.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -19,12 +9,12 @@ namespace skelda::testing {
 class LogCapture {
  public:
   LogCapture() {
-    platform::Log::setSink([this](std::string_view line) {
+    Log::setSink([this](std::string_view line) {
       std::lock_guard lock(mutex_);
       lines_.emplace_back(line);
     });
   }
-  ~LogCapture() { platform::Log::setSink({}); }
+  ~LogCapture() { Log::setSink({}); }
 
   /// What was said since the last call.
   std::vector<std::string> take() {
@@ -41,7 +31,7 @@ class LogCapture {
   }
 
  private:
-  static void arrive() { EXPECT_TRUE(platform::Log::flush(std::chrono::seconds(10))); }
+  static void arrive() { EXPECT_TRUE(Log::flush(std::chrono::seconds(10))); }
 
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;

@@ -6,14 +6,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cctype>
-#include <csignal>
-#include <cstdlib>
-#include <stdexcept>
 
 namespace skelda::testing {
 

@@ -1,21 +1,5 @@
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <set>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "Tests/Support/TestAuthority.h"
 
 struct ssl_ctx_st;

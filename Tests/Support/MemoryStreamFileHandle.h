@@ -1,10 +1,7 @@
 #pragma once
 
-#include <cstddef>
-#include <optional>
-#include <string_view>
-
 #include "Analytics/Utils/ISkeldaStreamFileHandle.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -14,18 +11,18 @@ class MemoryStreamFileHandle final : public ISkeldaStreamFileHandle {
   explicit MemoryStreamFileHandle(std::string_view bytes) : bytes_(bytes) {}
 
   bool isOpenFile(const Path&) override { return true; }
-  void openForWritingFile(const Path&, platform::ErrorRef*) override {}
-  void openForReadingFile(const Path&, platform::ErrorRef*) override { offset_ = 0; }
-  std::optional<platform::Data> readDataOfLength(std::size_t length, platform::ErrorRef*) override {
+  void openForWritingFile(const Path&, ErrorRef*) override {}
+  void openForReadingFile(const Path&, ErrorRef*) override { offset_ = 0; }
+  std::optional<Data> readDataOfLength(std::size_t length, ErrorRef*) override {
     const std::string_view piece = bytes_.substr(offset_, length);
     offset_ += piece.size();
-    return platform::Data(piece.data(), piece.size());
+    return Data(piece.data(), piece.size());
   }
-  std::optional<platform::Data> availableDataWithError(platform::ErrorRef* error) override {
+  std::optional<Data> availableDataWithError(ErrorRef* error) override {
     return readDataOfLength(bytes_.size(), error);
   }
   bool seekToEndOfFile() override { return false; }
-  void writeData(const std::optional<platform::Data>&, platform::ErrorRef*) override {}
+  void writeData(const std::optional<Data>&, ErrorRef*) override {}
   void closeFile() override {}
   bool truncateFileToZeroBytes() override { return false; }
   bool synchronizeFile() override { return false; }

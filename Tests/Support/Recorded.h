@@ -1,11 +1,6 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-#include <utility>
-#include <vector>
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

@@ -1,14 +1,6 @@
 #pragma once
 
-#include <stdlib.h>
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <map>
-#include <stdexcept>
-#include <string>
-#include <string_view>
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

@@ -1,50 +1,36 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "Platform/Foundation/URLSession.h"
-#include "Platform/Platform.h"
 #include "Tests/Support/LoopbackServer.h"
 
 namespace skelda::testing {
 
 /// A session delegate that keeps what it is told.
-class SessionProbe : public platform::URLSessionDelegate {
+class SessionProbe : public URLSessionDelegate {
  public:
-  using RedirectRule =
-      std::function<std::optional<platform::URLRequest>(platform::URLRequest proposed)>;
+  using RedirectRule = std::function<std::optional<URLRequest>(URLRequest proposed)>;
 
   explicit SessionProbe(RedirectRule rule = nullptr) : rule_(std::move(rule)) {}
 
-  void didReceiveData(platform::URLSession&, platform::URLSessionTask&,
-                      platform::Data data) override {
+  void didReceiveData(URLSession&, URLSessionTask&, Data data) override {
     std::lock_guard lock(mutex_);
     body.append(data.view());
   }
-  void willPerformHTTPRedirection(platform::URLSession&, platform::URLSessionTask&,
-                                  const platform::HTTPURLResponse& redirecting,
-                                  platform::URLRequest proposed, RedirectDecision decide) override {
+  void willPerformHTTPRedirection(URLSession&, URLSessionTask&, const HTTPURLResponse& redirecting,
+                                  URLRequest proposed, RedirectDecision decide) override {
     {
       std::lock_guard lock(mutex_);
       redirects.push_back(redirecting.statusCode);
     }
     decide(rule_ ? rule_(std::move(proposed)) : std::optional(std::move(proposed)));
   }
-  void didCompleteWithError(platform::URLSession& session, platform::URLSessionTask& task,
-                            const platform::ErrorRef& error) override {
+  void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                            const ErrorRef& error) override {
     std::lock_guard lock(mutex_);
     ++completions;
     wasOnQueue = session.delegateQueue()->isCurrent();
     code = error != nullptr ? error->code() : 0;
-    isURLError = error == nullptr || error->hasDomain(platform::urlErrorDomain());
+    isURLError = error == nullptr || error->hasDomain(urlErrorDomain());
     response = task.response();
     changed_.notify_all();
   }
@@ -61,8 +47,8 @@ class SessionProbe : public platform::URLSessionDelegate {
   bool isURLError = false;
   std::int64_t code = 0;
   std::vector<std::int64_t> redirects;
-  platform::Data body;
-  platform::HTTPURLResponseRef response;
+  Data body;
+  HTTPURLResponseRef response;
 
  private:
   const RedirectRule rule_;
@@ -71,22 +57,22 @@ class SessionProbe : public platform::URLSessionDelegate {
 };
 
 /// Starts a request in a session of its own.
-inline platform::URLSessionTaskRef startRequest(
-    const std::shared_ptr<SessionProbe>& probe, platform::URLRequest request,
-    platform::URLSessionConfiguration configuration = {}) {
-  const auto session = platform::URLSession::session(configuration, probe);
+inline URLSessionTaskRef startRequest(const std::shared_ptr<SessionProbe>& probe,
+                                      URLRequest request,
+                                      URLSessionConfiguration configuration = {}) {
+  const auto session = URLSession::session(configuration, probe);
   auto task = session->dataTask(std::move(request));
   task->resume();
   session->finishTasksAndInvalidate();
   return task;
 }
 
-inline platform::URLRequest postRequest(const std::string& url, std::string body) {
-  platform::URLRequest request;
+inline URLRequest postRequest(const std::string& url, std::string body) {
+  URLRequest request;
   request.url = url;
   request.method = "POST";
   request.headerFields = {{"content-type", "application/octet-stream"}, {"X-Key", "secret"}};
-  request.body = std::make_shared<const platform::Data>(std::move(body));
+  request.body = std::make_shared<const Data>(std::move(body));
   return request;
 }
 

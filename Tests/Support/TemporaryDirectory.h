@@ -1,20 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

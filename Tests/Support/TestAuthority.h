@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "Tests/Support/TemporaryDirectory.h"
 #include "Tools/skelda-collector/Certificates.h"
 

@@ -1,11 +1,5 @@
 #include "Analytics/Reachability/SkeldaReachability.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-
 #include "Analytics/Streaming/Data Providers/ISkeldaDataProviderObserver.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Utils/SkeldaGuards.h"
@@ -32,13 +26,13 @@ class Updates : public ISkeldaDataProviderObserver {
 class Notices {
  public:
   Notices()
-      : token_(platform::NotificationCenter::defaultCenter().addObserver(
+      : token_(NotificationCenter::defaultCenter().addObserver(
             kSkeldaNetworkStatusChangedNotification, [this](const auto&) {
               const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
               EXPECT_EQ(provider->isNetworkReachable(), provider->networkStatus() != 0);
               reachable_.add(provider->isNetworkReachable());
             })) {}
-  ~Notices() { platform::NotificationCenter::defaultCenter().removeObserver(token_); }
+  ~Notices() { NotificationCenter::defaultCenter().removeObserver(token_); }
   bool wait(bool reachable) {
     return reachable_.waitUntil(
         [&](const auto& all) { return !all.empty() && all.back() == reachable; });
@@ -46,7 +40,7 @@ class Notices {
 
  private:
   Recorded<bool> reachable_;
-  platform::NotificationCenter::Token token_;
+  NotificationCenter::Token token_;
 };
 
 TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {

@@ -1,8 +1,6 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaJSON.h"
 #include "Analytics/Utils/SkeldaLog.h"
-#include "Platform/Dispatch/Queue.h"
-#include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Foundation/URLError.h"
@@ -14,19 +12,13 @@
 namespace skelda::testing {
 namespace {
 
-using platform::Data;
-using platform::Date;
-using platform::Dictionary;
-using platform::ErrorRef;
-using platform::KeyedArchive;
-using platform::Value;
 using Lines = std::vector<std::string>;
 
 class SkeldaUtilTest : public ::testing::Test {
  protected:
   ~SkeldaUtilTest() override {
     SkeldaUtil::setShowErrorInLogEnabled(false);
-    platform::setSystemRoot("");
+    setSystemRoot("");
   }
   AgentHome home_;
   LogCapture log_;
@@ -42,17 +34,16 @@ TEST_F(SkeldaUtilTest, LinesAreFormattedOnlyWhereLevelAndReaderAskForThem) {
   SKELDA_LOG(2, "{}", argument());
   SKELDA_LOG(3, "{}", argument());
   EXPECT_EQ(log_.take(), (Lines{"1", "2"}));
-  platform::Log::setSink({});
+  Log::setSink({});
   SKELDA_LOG(0, "{}", argument());
   EXPECT_EQ(formatted, 2);
 }
 
 TEST_F(SkeldaUtilTest, CaughtThingsOfAnyKindAreShownOnDemand) {
   const std::exception_ptr caught[] = {
-      std::make_exception_ptr(platform::Exception("Name", "reason", Value("info"))),
-      std::make_exception_ptr(std::out_of_range("far")),
-      std::make_exception_ptr(platform::urlError(7)), std::make_exception_ptr(Value(5)),
-      std::make_exception_ptr(3.5)};
+      std::make_exception_ptr(Exception("Name", "reason", Value("info"))),
+      std::make_exception_ptr(std::out_of_range("far")), std::make_exception_ptr(urlError(7)),
+      std::make_exception_ptr(Value(5)), std::make_exception_ptr(3.5)};
   SkeldaUtil::setLogLevel(2);
   for (const bool shown : {false, true}) {
     SkeldaUtil::setShowErrorInLogEnabled(shown);
@@ -65,13 +56,13 @@ TEST_F(SkeldaUtilTest, CaughtThingsOfAnyKindAreShownOnDemand) {
 }
 
 TEST_F(SkeldaUtilTest, QueueAndThreadAssertionsRaise) {
-  const auto queue = platform::Queue::serial("asserted");
-  EXPECT_THROW(SkeldaUtil::assertRunningOnQueue(queue), platform::Exception);
+  const auto queue = Queue::serial("asserted");
+  EXPECT_THROW(SkeldaUtil::assertRunningOnQueue(queue), Exception);
   EXPECT_NO_THROW(SkeldaUtil::assertNotRunningOnQueue(queue));
   EXPECT_NO_THROW(SkeldaUtil::assertThreadIsNotMain());
   queue->sync([&] {
     EXPECT_NO_THROW(SkeldaUtil::assertRunningOnQueue(queue));
-    EXPECT_THROW(SkeldaUtil::assertNotRunningOnQueue(queue), platform::Exception);
+    EXPECT_THROW(SkeldaUtil::assertNotRunningOnQueue(queue), Exception);
   });
 }
 
@@ -156,11 +147,11 @@ TEST_F(SkeldaUtilTest, TextsAreEncodedAndDecoded) {
 }
 
 TEST_F(SkeldaUtilTest, IdentifiersAreStableAndNeverTheMachinesOwn) {
-  platform::setSystemRoot(home_.path());
+  setSystemRoot(home_.path());
   EXPECT_EQ(SkeldaUtil::getSkeldaId(), std::nullopt);
   EXPECT_EQ(SkeldaUtil::getIdentifierForVendor(), std::nullopt);
   const std::string machine = "0123456789abcdef0123456789abcdef";
-  ASSERT_TRUE(platform::FileManager::defaultManager()->createDirectoryAtPath(home_ / "etc", true));
+  ASSERT_TRUE(FileManager::defaultManager()->createDirectoryAtPath(home_ / "etc", true));
   writeFile(home_ / "etc/machine-id", machine + "\n");
   const auto identifier = SkeldaUtil::getSkeldaId();
   ASSERT_TRUE(identifier);

@@ -1,9 +1,5 @@
 // The agent's files, its key-value store and its keychain.
 
-#include <sys/stat.h>
-
-#include <functional>
-
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -13,9 +9,6 @@
 
 namespace skelda::testing {
 namespace {
-
-using platform::Data;
-using platform::ErrorRef;
 
 std::int64_t codeOf(const ErrorRef& error) {
   return error ? error->code() : 0;
@@ -102,10 +95,6 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   EXPECT_EQ(plan_->faults(), 2 * std::size(cases) + 1);
 }
 
-using platform::Array;
-using platform::Dictionary;
-using platform::Value;
-
 class KVStorageTest : public ::testing::Test {
  protected:
   static SkeldaKVStorage& store() { return *SkeldaKVStorage::sharedInstance(); }
@@ -125,7 +114,7 @@ TEST_F(KVStorageTest, EveryKindSurvivesARestart) {
   store().setDouble(2.5, "double");
   store().setString("text", "string");
   store().setData(Data("\0\xff", 2), "data");
-  store().setObject(Array{1, Dictionary{{"a", platform::Date()}}}, "object");
+  store().setObject(Array{1, Dictionary{{"a", Date()}}}, "object");
   store().setObjectForKeyedSubscript("gone", "gone");
   EXPECT_EQ(store()["gone"], Value("gone")) << "a read sees the writes before it";
   store().removeObjectForKey("gone");
@@ -138,7 +127,7 @@ TEST_F(KVStorageTest, EveryKindSurvivesARestart) {
   EXPECT_EQ(store().doubleForKey("double"), 2.5);
   EXPECT_EQ(store().stringForKey("string"), "text");
   EXPECT_EQ(store().dataForKey("data"), Data("\0\xff", 2));
-  EXPECT_EQ(store().objectForKey("object"), Value(Array{1, Dictionary{{"a", platform::Date()}}}));
+  EXPECT_EQ(store().objectForKey("object"), Value(Array{1, Dictionary{{"a", Date()}}}));
   EXPECT_EQ(store().integerForKey("string", 3), 3) << "another kind is no value";
   EXPECT_EQ(store().stringForKey("integer"), std::nullopt);
   EXPECT_TRUE(store().booleanForKey("absent", true));
@@ -168,7 +157,7 @@ TEST_F(KVStorageTest, WhatIsNoStoreIsAnEmptyOneAndIsSetAsideWhereItIsNoFile) {
       holding(""),
       holding("garbage"),
       holding("{\"archive\":\"skelda\",\"version\":1"),
-      holding(platform::archivedData({"NSArray", Array{1, 2}}).string()),
+      holding(archivedData({"NSArray", Array{1, 2}}).string()),
       holding(std::string(100, '[')),
       [&] { std::filesystem::create_directories(path_ + "/inside"); },
       [&] { ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0); },
@@ -237,7 +226,7 @@ TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
 
 class KeychainWrapperTest : public ::testing::Test {
  protected:
-  ~KeychainWrapperTest() override { platform::DeviceLock::setLocked(false); }
+  ~KeychainWrapperTest() override { DeviceLock::setLocked(false); }
   TemporaryHome home_;
 };
 
@@ -257,9 +246,9 @@ TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
   EXPECT_TRUE(wrapper.isAbsent("key"));
   EXPECT_TRUE(wrapper.setString("one", "key"));
   EXPECT_FALSE(wrapper.isAbsent("key"));
-  platform::DeviceLock::setLocked(true);
+  DeviceLock::setLocked(true);
   EXPECT_FALSE(wrapper.isAbsent("key"));
-  platform::DeviceLock::setLocked(false);
+  DeviceLock::setLocked(false);
   for (const char* call : {"open", "read", "status"}) {
     const FaultyFileCalls plan;
     plan->failKind(call, 1, {.error = EMFILE});
@@ -273,14 +262,14 @@ TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
   EXPECT_TRUE(wrapper.setString("one", "key"));
   EXPECT_TRUE(wrapper.setThisDeviceString("two", "key"));
   EXPECT_EQ(wrapper.stringForKey("key"), "two");
-  platform::DeviceLock::setLocked(true);
+  DeviceLock::setLocked(true);
   EXPECT_EQ(wrapper.stringForKey("key"), std::nullopt) << "the first accessibility is kept";
   EXPECT_FALSE(wrapper.setString("three", "key"));
   EXPECT_TRUE(wrapper.setThisDeviceString("here", "device"));
   EXPECT_EQ(wrapper.stringForKey("device"), "here");
-  platform::DeviceLock::setLocked(false);
+  DeviceLock::setLocked(false);
 
-  EXPECT_TRUE(wrapper.setObject(platform::KeyedArchive{"Thing", {{"a", 1}}}, "object"));
+  EXPECT_TRUE(wrapper.setObject(KeyedArchive{"Thing", {{"a", 1}}}, "object"));
   EXPECT_EQ(wrapper.objectForKey("object")->className, "Thing");
   EXPECT_EQ(wrapper.objectForKey("key").has_value(), false);
   EXPECT_TRUE(wrapper.setData(Data("\xff"), "bytes"));

@@ -2,9 +2,6 @@
 
 #include <pthread.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
@@ -205,14 +202,14 @@ const Scenario fromC("from C", [] {
   std::string said;
   for (const auto& message : recorder->messages(24)) {
     if (const auto* e = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
-      expect(platform::Date::now() - *e->timestamp() < std::chrono::minutes(5), "its own time");
+      expect(Date::now() - *e->timestamp() < 5min, "its own time");
       expect(e->duration() == 0, "no duration, as the frame catalogue says");
       said += std::to_string(e->eventId()) + *e->eventType() + " " + *e->eventName() +
               (e->timed() ? e->starting() ? " start" : " end" : "") +
-              platform::Value(e->parameters()).description() + (e->transaction() ? "bought" : "");
+              Value(e->parameters()).description() + (e->transaction() ? "bought" : "");
     } else if (const auto* p = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
       said += std::to_string(p->callType()) + *p->propertyName() +
-              platform::Value(p->propertyValues().value()).description();
+              Value(p->propertyValues().value()).description();
     } else if (message->frameType() == 146 || message->frameType() >= 174) {
       const auto payload = message->payload();
       said += payload ? payload->string() : "nobody";

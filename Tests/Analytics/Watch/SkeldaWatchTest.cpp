@@ -9,8 +9,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaStreamFlushSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
-#include "Analytics/Utils/SkeldaAgentFiles.h"
-#include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -101,13 +99,13 @@ void sayEverything(const std::string& text) {
   const auto network = SkeldaNetworkReachabilityDataProvider::sharedInstance();
   network->setInternalNetworkStatus(number);
   network->notifyObservers();
-  auto& center = platform::NotificationCenter::defaultCenter();
-  center.post(platform::kCurrentLocaleDidChangeNotification);
-  center.post(platform::kSystemTimeZoneDidChangeNotification);
+  auto& center = NotificationCenter::defaultCenter();
+  center.post(kCurrentLocaleDidChangeNotification);
+  center.post(kSystemTimeZoneDidChangeNotification);
 }
 
 const Scenario manyThreads("eight threads", [] {
-  platform::Log::setSink([](std::string_view) {});  // lines are made, and read by nobody
+  Log::setSink([](std::string_view) {});  // lines are made, and read by nobody
   const HostBundle host(kWatch);
   constexpr unsigned kThreads = 8, kEvents = 100, kAll = kThreads * kEvents + 1;
   std::atomic<unsigned> accepted{0};
@@ -121,7 +119,7 @@ const Scenario manyThreads("eight threads", [] {
   });
   accepted += SkeldaWatch::logWatchEvent("last");
   expect(accepted == kAll, "all accepted");
-  expect(SkeldaWatch::waitUntilStored(std::chrono::seconds(20)), "all gone through");
+  expect(SkeldaWatch::waitUntilStored(20s), "all gone through");
   const auto events = SkeldaWatch::account().events;
   expect(events.accepted == kAll && events.waiting == 0 && events.addsUp(), "an account of all");
   const auto lastOf = [](const auto& messages) {
@@ -143,7 +141,7 @@ const Scenario startThatThrows("a start that throws", [] {
   const HostBundle host(kWatch);
   skelda::registerModules();
   // What the pipeline cannot do without: a module that throws would be left out, and no more.
-  platform::ClassRegistry::shared().registerClass({"SkeldaAppStateDataProvider", {}, {}, nullptr});
+  ClassRegistry::shared().registerClass({"SkeldaAppStateDataProvider", {}, {}, nullptr});
   SkeldaUserProperties::flag("x");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "first");
   expect(SkeldaWatch::logWatchEvent("Lap") == 0, "second");
@@ -189,9 +187,9 @@ TEST(SkeldaWatch, LogsNothingWhereAnotherProcessHoldsTheFolder) {
   AgentHome home;
   const HostBundle host(kWatch);
   const std::string lock = SkeldaAgentFiles::lockFile();
-  ASSERT_EQ(platform::StorageLock::acquire(lock).status, platform::StorageLock::Status::held);
+  ASSERT_EQ(StorageLock::acquire(lock).status, StorageLock::Status::held);
   const auto outcome = Scenario::run("a folder that another process holds");
-  platform::StorageLock::release(lock);
+  StorageLock::release(lock);
   EXPECT_EQ(outcome.status, 0) << outcome.output;
   EXPECT_EQ(outcome.count("process " + std::to_string(::getpid()) + " holds the storage folder"),
             1);
@@ -207,16 +205,14 @@ TEST(SkeldaWatch, IsSafeFromManyThreads) {
 // -- Settings and small questions
 
 TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
-  const struct {
-    SkeldaValue value;
-    unsigned level;
-  } cases[] = {{"YES", 2}, {"yEs", 2},  {1, 2}, {true, 2},  {"1", 0},
-               {"", 0},    {"YESS", 0}, {0, 0}, {false, 0}, {nullptr, 0}};
-  for (const auto& given : cases) {
-    const HostBundle host({{"Skelda Watch Debug", given.value}});
+  const std::pair<SkeldaValue, unsigned> cases[] = {{"YES", 2}, {"yEs", 2},  {1, 2},      {true, 2},
+                                                    {"1", 0},   {"", 0},     {"YESS", 0}, {0, 0},
+                                                    {false, 0}, {nullptr, 0}};
+  for (const auto& [value, level] : cases) {
+    const HostBundle host({{"Skelda Watch Debug", value}});
     SkeldaUtil::setLogLevel(0);
     SkeldaWatch::loadWatchDebug();
-    EXPECT_EQ(SkeldaUtil::logLevel(), given.level) << given.value.description();
+    EXPECT_EQ(SkeldaUtil::logLevel(), level) << value.description();
   }
   SkeldaUtil::setLogLevel(0);
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdio>
-
 #include "Analytics/Streaming/Core/StreamComponent/ISkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
@@ -9,8 +7,8 @@
 
 namespace skelda::testing {
 
-inline const platform::Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
-                                         {"CFBundleIdentifier", "com.example.run"}};
+inline const Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
+                               {"CFBundleIdentifier", "com.example.run"}};
 
 /// Everything that the sources send from now on.
 inline std::shared_ptr<RecordingStage> recordSources() {

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Scenario.h"
 
 int main(int argc, char** argv) {

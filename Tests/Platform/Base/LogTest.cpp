@@ -1,31 +1,22 @@
 #include "Platform/Base/Log.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <future>
-#include <mutex>
-#include <optional>
-#include <sstream>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "Platform/Base/LogDestination.h"
 #include "Platform/Base/LogFormat.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
 
-using platform::Log;
+using namespace platform;
+using namespace std::chrono_literals;
+
 using skelda::testing::readFile;
 
 constexpr std::chrono::seconds kPatience{30};
@@ -131,22 +122,17 @@ TEST_F(LogTest, ShowsNoticesAloneUntilSomebodyAsks) {
         std::exit(values ? 0 : 1);
       },
       testing::ExitedWithCode(0), "asked for by the host's settings");
-  struct Case {
-    std::optional<std::string> setting;
-    std::string expected;
-  };
-  const Case cases[] = {
+  const std::pair<std::optional<std::string>, std::string> cases[] = {
       {std::nullopt, "notice\n"},     {"", "notice\n"},
       {"stderr", "detail\nnotice\n"}, {"off", ""},
       {folder_ / "elsewhere", ""},    {folder_ / "absent/log", "detail\nnotice\n"}};
-  for (const Case& each : cases) {
+  for (const auto& [setting, expected] : cases) {
     StandardError errors(folder_ / "stderr");
-    environment_.set("SKELDA_LOG", each.setting);
+    environment_.set("SKELDA_LOG", setting);
     Log::resetSink();
     Log::write("detail");
     SKELDA_PLATFORM_NOTICE("{}", "notice");
-    EXPECT_EQ(errors.linesWithoutPrefix("SKELDA_LOG"), each.expected)
-        << each.setting.value_or("unset");
+    EXPECT_EQ(errors.linesWithoutPrefix("SKELDA_LOG"), expected) << setting.value_or("unset");
   }
   EXPECT_FALSE(Log::showsValues());
 }
@@ -243,7 +229,7 @@ TEST_F(LogTest, ASinkThatWaitsForALockHoldsNobody) {
   {
     const std::lock_guard lock(hosts);
     Log::write("said while the host holds its lock");
-    EXPECT_FALSE(Log::flush(std::chrono::milliseconds(1)));
+    EXPECT_FALSE(Log::flush(1ms));
   }
   EXPECT_TRUE(Log::flush(kPatience));
   EXPECT_EQ(lines.size(), 1u);
@@ -292,10 +278,10 @@ TEST_F(LogTest, SpeaksToTheSystemsLogInItsWords) {
   address.sun_family = AF_UNIX;
   (folder_ / "log").copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(log, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  const auto destination = platform::LogDestination::toSyslog(address.sun_path);
+  const auto destination = LogDestination::toSyslog(address.sun_path);
   const std::string text = destination->text({}, "one\nline");
   std::string_view rest(text);
-  EXPECT_EQ(destination->writeNow(rest), platform::LogDestination::Result::written);
+  EXPECT_EQ(destination->writeNow(rest), LogDestination::Result::written);
   char received[256] = {};
   ASSERT_GT(::recv(log, received, sizeof received - 1, 0), 0);
   EXPECT_THAT(received, testing::MatchesRegex("<14>.*\\[[0-9]+\\]: one\\\\nline"));
@@ -307,17 +293,13 @@ TEST_F(LogTest, KeepsLinesOfManyThreadsWhole) {
   const std::string path = folder_ / "agent.log";
   select(path);
   constexpr int kLines = 200;
-  std::vector<std::thread> writers;
-  for (int i = 0; i < 4; ++i)
-    writers.emplace_back([i] {
-      for (int line = 0; line < kLines; ++line)
-        Log::write(std::string(300, static_cast<char>('a' + i)));
-    });
-  for (std::thread& writer : writers) writer.join();
+  skelda::testing::inThreads(4, [](unsigned i) {
+    for (int line = 0; line < kLines; ++line)
+      Log::write(std::string(300, static_cast<char>('a' + i)));
+  });
   std::istringstream lines(readFile(path));
-  std::string line;
   int whole = 0;
-  while (std::getline(lines, line)) {
+  for (std::string line; std::getline(lines, line);) {
     const std::string text = line.substr(line.find("] ") + 2);
     EXPECT_EQ(text, std::string(300, text[0]));
     ++whole;

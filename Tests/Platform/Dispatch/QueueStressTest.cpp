@@ -1,13 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <memory>
-#include <random>
-#include <thread>
-#include <vector>
-
-#include "Platform/Dispatch/Queue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace skelda::platform {
@@ -57,7 +47,7 @@ struct WatchedQueue {
 
 void submitAtRandom(std::vector<std::unique_ptr<WatchedQueue>>& queues, std::size_t thread,
                     const GroupRef& group) {
-  std::mt19937 random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()) +
+  std::mt19937 random(static_cast<unsigned>(::testing::UnitTest::GetInstance()->random_seed()) +
                       static_cast<unsigned>(thread));
   for (int number = 1; number <= kSubmissions; ++number) {
     WatchedQueue* const on = queues[random() % queues.size()].get();
@@ -121,12 +111,8 @@ TEST(QueueStressTest, QueuesOverQueuesKeepTheirPromisesUnderAnyMix) {
   }
 
   const GroupRef group = Group::make();
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&queues, i, &group] { submitAtRandom(queues, i, group); });
-  }
-  for (auto& thread : threads) thread.join();
-  ASSERT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(60))), 0);
+  inThreads(kThreads, [&](std::size_t i) { submitAtRandom(queues, i, group); });
+  ASSERT_EQ(group->wait(dispatchTimeAfter(60s)), 0);
   // From the top down: what stands above a queue may still be on its way to it.
   for (auto at = queues.rbegin(); at != queues.rend(); ++at) expectDrained((*at)->queue);
   for (const auto& queue : queues) queue->queue->barrierSync([] {});

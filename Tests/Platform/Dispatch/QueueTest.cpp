@@ -1,13 +1,6 @@
-#include "Platform/Dispatch/Queue.h"
-
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
+#include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace skelda::platform {
@@ -19,8 +12,7 @@ TEST(QueueTest, ASynchronousBlockRunsOnTheCallerWhetherTheQueueIsIdleOrBusy) {
        {Queue::serial("serial"), Queue::concurrent("concurrent"), Queue::serial("above", target),
         Queue::concurrent("gate", target), Queue::global()}) {
     for (const bool busy : {false, true}) {
-      Happening started;
-      Happening ended(busy ? 1 : 0);
+      Happening started, ended(busy ? 1 : 0);
       std::atomic<bool> release{false};
       if (busy) {
         queue->barrierAsync([&] {
@@ -58,10 +50,8 @@ TEST(QueueTest, WhatASynchronousBlockThrowsReachesTheCallerAndLeavesTheQueueUsab
 }
 
 TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
-  const QueueRef bottom = Queue::serial("bottom");
-  const QueueRef middle = Queue::concurrent("middle", bottom);
-  const QueueRef top = Queue::serial("top", middle);
-  const QueueRef other = Queue::serial("other", bottom);
+  const QueueRef bottom = Queue::serial("bottom"), middle = Queue::concurrent("middle", bottom);
+  const QueueRef top = Queue::serial("top", middle), other = Queue::serial("other", bottom);
   const auto look = [&] {
     for (const QueueRef& queue : {top, middle, bottom}) EXPECT_TRUE(queue->isCurrent());
     EXPECT_FALSE(other->isCurrent());
@@ -74,8 +64,7 @@ TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
 TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
   const QueueRef queue = Queue::concurrent("concurrent");
   // Each of the pair waits for the other: one at a time they would wait for ever.
-  Happening bothRun(2);
-  Happening bothMet(2);
+  Happening bothRun(2), bothMet(2);
   for (int i = 0; i < 2; ++i) {
     queue->async([&] {
       bothRun.happen();
@@ -85,8 +74,7 @@ TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
   }
   ASSERT_TRUE(bothMet.cameInTime());
 
-  std::atomic<int> inside{0};
-  std::atomic<int> barriers{0};
+  std::atomic<int> inside{0}, barriers{0};
   for (int i = 0; i < 2000; ++i) {
     if (i % 7 == 0) {
       queue->barrierAsync([&] {
@@ -107,13 +95,13 @@ TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
   queue->barrierSync([&] { EXPECT_EQ(barriers.load(), 286); });
 }
 
-class SuspensionTest : public testing::TestWithParam<bool> {
+class SuspensionTest : public ::testing::TestWithParam<bool> {
  protected:
   QueueRef make() {
     return GetParam() ? Queue::concurrent("gate", Queue::serial("target")) : Queue::serial("q");
   }
 };
-INSTANTIATE_TEST_SUITE_P(SerialAndConcurrent, SuspensionTest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(SerialAndConcurrent, SuspensionTest, ::testing::Bool());
 
 TEST_P(SuspensionTest, SuspensionsCountAndHoldTheOrder) {
   const QueueRef queue = make();
@@ -125,7 +113,7 @@ TEST_P(SuspensionTest, SuspensionsCountAndHoldTheOrder) {
   std::thread caller([&] { queue->sync([&] { synchronousRan = true; }); });
   queue->resume();
   const Happening later;
-  EXPECT_FALSE(later.cameInTime(std::chrono::milliseconds(20)));
+  EXPECT_FALSE(later.cameInTime(20ms));
   EXPECT_TRUE(ran.empty());
   EXPECT_FALSE(synchronousRan);
   queue->resume();
@@ -145,7 +133,7 @@ TEST_P(SuspensionTest, ABlockThatSuspendsItsQueueIsTheLastOne) {
   });
   ASSERT_TRUE(suspended.cameInTime());
   queue->async([&] { overran = true; });
-  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(20)));
+  EXPECT_FALSE(Happening().cameInTime(20ms));
   EXPECT_FALSE(overran);
   queue->resume();
   expectDrained(queue);
@@ -154,8 +142,7 @@ TEST_P(SuspensionTest, ABlockThatSuspendsItsQueueIsTheLastOne) {
 
 TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocksAndThoseOfTheQueuesAboveIt) {
   for (const bool early : {false, true}) {
-    QueueRef queue = make();
-    QueueRef above = Queue::serial("above", queue);
+    QueueRef queue = make(), above = Queue::serial("above", queue);
     const auto held = std::make_shared<int>();
     const GroupRef group = Group::make();
     queue->suspend();
@@ -171,7 +158,7 @@ TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocksAndThoseOf
     caller.join();
     above.reset();
     // A drain that was under way may still hold it for a moment.
-    EXPECT_EQ(group->wait(dispatchTimeAfter(std::chrono::seconds(20))), 0);
+    EXPECT_EQ(group->wait(dispatchTimeAfter(20s)), 0);
     EXPECT_EQ(held.use_count(), 1);
   }
 }
@@ -201,8 +188,7 @@ TEST(QueueTest, ASynchronousBlockAboveAQueueThatItsCallerHoldsRunsAtOnce) {
 }
 
 TEST(QueueTest, WhereABlockRunsForACallerThatWaitsTheCallersQueuesAreCurrent) {
-  const QueueRef shared = Queue::serial("shared");
-  const QueueRef outer = Queue::serial("outer", shared);
+  const QueueRef shared = Queue::serial("shared"), outer = Queue::serial("outer", shared);
   const QueueRef onMain = Queue::serial("on main", Queue::main());
   int ran = 0;
   outer->sync([&] {
@@ -235,9 +221,9 @@ TEST(QueueTest, AWaitThatCannotEndIsRefusedWithTheNamesOfBothQueues) {
     EXPECT_EQ(refusal(queue),
               "platform::Queue: a synchronous block on \"the waiting one\" would wait for ever for "
               "\"the waiting one\"");
-    EXPECT_THAT(refusal(closed), testing::HasSubstr("the closed one"));
+    EXPECT_THAT(refusal(closed), ::testing::HasSubstr("the closed one"));
   });
-  alone->sync([&] { EXPECT_THAT(refusal(alone), testing::HasSubstr("with a barrier")); });
+  alone->sync([&] { EXPECT_THAT(refusal(alone), ::testing::HasSubstr("with a barrier")); });
   closed->resume();
   for (const QueueRef& each : {queue, closed, alone}) expectDrained(each);
 }
@@ -253,9 +239,7 @@ TEST(QueueTest, AQueueKeepsItselfAliveWhileItHasBlocks) {
     gate->async([ran] { ran.happen(); });
   }
   EXPECT_TRUE(ran.cameInTime());
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!below.expired() && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
-  EXPECT_TRUE(below.expired()) << "and no longer";
+  EXPECT_TRUE(becomes([&] { return below.expired(); })) << "and no longer";
 }
 
 TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
@@ -284,6 +268,85 @@ TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
     expectDrained(one->queue);
     expectDrained(one->queue);  // what was posted just before it was to stop
   }
+}
+
+std::thread::id threadOfMainQueue() {
+  std::thread::id id;
+  Queue::main()->sync([&] {
+    EXPECT_TRUE(MainQueue::isMainThread());
+    EXPECT_TRUE(Queue::main()->isCurrent());
+    id = std::this_thread::get_id();
+  });
+  return id;
+}
+
+TEST(MainQueueTest, AThreadOfTheLayerServesItAndNobodyElseIsTheMainThread) {
+  EXPECT_NE(threadOfMainQueue(), std::this_thread::get_id());
+  EXPECT_FALSE(MainQueue::isMainThread());
+  Queue::global()->sync([] { EXPECT_FALSE(MainQueue::isMainThread()); });
+}
+
+TEST(MainQueueTest, QueuesAboveItRunOnTheMainThreadTooEvenSynchronously) {
+  const QueueRef above = Queue::serial("above main", Queue::main());
+  const QueueRef gate = Queue::concurrent("gate on main", above);
+  bool isMain = false;
+  gate->sync([&] { isMain = MainQueue::isMainThread(); });
+  EXPECT_TRUE(isMain);
+  EXPECT_THROW(above->sync([] { throw std::runtime_error("thrown"); }), std::runtime_error);
+}
+
+TEST(MainQueueTest, AHostThreadTakesItOverAndGivesItBack) {
+  for (int round = 0; round < 3; ++round) {
+    Happening serving, over;
+    std::thread host([&] {
+      // The layer's thread may be quicker, then it is too early to look.
+      Queue::main()->async([&] { serving.happen(); });
+      EXPECT_TRUE(MainQueue::run());
+      EXPECT_FALSE(MainQueue::isMainThread());
+      over.happen();
+    });
+    ASSERT_TRUE(serving.cameInTime());
+    EXPECT_TRUE(becomes([&] { return threadOfMainQueue() == host.get_id(); }));
+    EXPECT_FALSE(MainQueue::run()) << "one host at a time";
+    Queue::main()->sync([] { EXPECT_FALSE(MainQueue::run()); });
+    Queue::main()->async([] { MainQueue::stop(); });
+    EXPECT_TRUE(over.cameInTime());
+    EXPECT_NE(threadOfMainQueue(), host.get_id());
+    host.join();
+  }
+}
+
+TEST(MainQueueTest, AStopThatComesBeforeTheHostServesIsNotLost) {
+  MainQueue::stop();
+  threadOfMainQueue();  // served by the layer meanwhile
+  EXPECT_TRUE(MainQueue::run());
+}
+
+TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
+  const Happening busy, leave;
+  std::atomic<bool> left{false};
+  Queue::serial("above", Queue::main())->async([&] {
+    busy.happen();
+    EXPECT_TRUE(leave.cameInTime());
+    left = true;
+  });
+  ASSERT_TRUE(busy.cameInTime());
+  std::thread host([] { EXPECT_TRUE(MainQueue::run()); });
+  Queue::main()->async([&] { EXPECT_TRUE(left) << "one block at a time, whoever serves"; });
+  EXPECT_FALSE(Happening().cameInTime(10ms));
+  leave.happen();
+  while (threadOfMainQueue() != host.get_id()) std::this_thread::yield();
+  std::atomic<int> afterTheStop{0};
+  Queue::main()->async([&] {
+    for (int i = 0; i < 20; ++i) {
+      Queue::main()->async([&] { afterTheStop += std::this_thread::get_id() == host.get_id(); });
+    }
+    MainQueue::stop();
+  });
+  expectDrained(Queue::main());  // the block, which puts twenty more behind
+  expectDrained(Queue::main());
+  EXPECT_EQ(afterTheStop, 0);
+  host.join();
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <utility>
-
 #include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Queue.h"
+#include "Tests/Support/Recorded.h"
 
 namespace skelda::platform {
+
+using testing::becomes;
+using testing::inThreads;
+using namespace std::chrono_literals;
 
 /// Something that happens once, or `times` times, and is waited for with a deadline.
 class Happening {
@@ -17,7 +17,7 @@ class Happening {
     for (int i = 0; i < times; ++i) group_->enter();
   }
   void happen() const { group_->leave(); }
-  [[nodiscard]] bool cameInTime(std::chrono::nanoseconds limit = std::chrono::seconds(20)) const {
+  [[nodiscard]] bool cameInTime(std::chrono::nanoseconds limit = 20s) const {
     return group_->wait(dispatchTimeAfter(limit)) == 0;
   }
   const GroupRef& group() const { return group_; }

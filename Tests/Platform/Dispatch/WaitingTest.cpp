@@ -1,22 +1,7 @@
 // What is waited for: times, groups, and a body that runs once.
 
-#include <gtest/gtest.h>
-#include <time.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <limits>
-#include <sstream>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
 #include "Platform/Base/Log.h"
-#include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Once.h"
-#include "Platform/Dispatch/Time.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace skelda::platform {
@@ -30,7 +15,7 @@ TEST(TimeTest, TimesSaturateInsteadOfWrappingAround) {
   EXPECT_EQ(dispatchWallTime(-4, 0), dispatchWallTime(0, 0));
   EXPECT_EQ(dispatchWallTime(std::numeric_limits<std::int64_t>::min(), 0), dispatchWallTime(0, 0));
   const DispatchTime now = dispatchTimeAfter({});
-  EXPECT_GE(dispatchTimeAfter(milliseconds(-5)), now);
+  EXPECT_GE(dispatchTimeAfter(-5ms), now);
 }
 
 /// Whether one of the system's timers of the wall clock is told when that is set.
@@ -57,16 +42,16 @@ TEST(TimeTest, DelayedBlocksComeInTheOrderOfTheirTimesAndNotBeforeThem) {
       all.happen();
     });
   };
-  add(4, milliseconds(40));
-  add(2, milliseconds(20));
-  add(3, milliseconds(30));
+  add(4, 40ms);
+  add(2, 20ms);
+  add(3, 30ms);
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   queue->after(dispatchWallTime(now.tv_sec, now.tv_nsec + 5'000'000), [&] {
     ran.push_back(1);
     all.happen();
   });
-  add(0, milliseconds(-1));
+  add(0, -1ms);
   EXPECT_TRUE(aTimerSeesTheClockSet());
   ASSERT_TRUE(all.cameInTime());
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
@@ -81,8 +66,8 @@ TEST(TimeTest, ADueBlockIsHeldByASuspensionAndOneForEverIsThrownAway) {
   std::atomic<bool> ran{false};
   Happening due;
   queue->suspend();
-  queue->after(dispatchTimeAfter(milliseconds(1)), [&] { ran = true; });
-  Queue::global()->after(dispatchTimeAfter(milliseconds(10)), [&] { due.happen(); });
+  queue->after(dispatchTimeAfter(1ms), [&] { ran = true; });
+  Queue::global()->after(dispatchTimeAfter(10ms), [&] { due.happen(); });
   ASSERT_TRUE(due.cameInTime());
   EXPECT_FALSE(ran);
   queue->resume();
@@ -101,14 +86,12 @@ TEST(GroupTest, AWaitTellsWhetherTheGroupEmptiedOrTheTimeCame) {
   EXPECT_EQ(group->wait(DispatchTime::now), 0);
   EXPECT_EQ(group->wait(DispatchTime::forever), 0);
   group->enter();
-  for (const DispatchTime past :
-       {DispatchTime::now, dispatchTimeAfter(std::chrono::seconds(-5)),
-        dispatchTimeAfter(std::chrono::milliseconds(2)), wallTimeIn(std::chrono::milliseconds(2)),
-        wallTimeIn({}), dispatchWallTime(-1, 0)}) {
+  for (const DispatchTime past : {DispatchTime::now, dispatchTimeAfter(-5s), dispatchTimeAfter(2ms),
+                                  wallTimeIn(2ms), wallTimeIn({}), dispatchWallTime(-1, 0)}) {
     EXPECT_NE(group->wait(past), 0);
   }
   Queue::global()->async([group] { group->leave(); });
-  EXPECT_EQ(group->wait(wallTimeIn(std::chrono::seconds(20))), 0);
+  EXPECT_EQ(group->wait(wallTimeIn(20s)), 0);
 }
 
 TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
@@ -136,7 +119,7 @@ TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
 }
 
 TEST(GroupDeathTest, LeavingMoreOftenThanEnteringEndsTheProcess) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_DEATH(Group::make()->leave(), "as often as it is entered");
 }
 
@@ -145,14 +128,10 @@ TEST(OnceTest, OneCallerRunsTheBodyAndTheOthersSeeWhatItDid) {
     Once once;
     int made = 0;
     std::atomic<int> ran{0};
-    std::vector<std::thread> callers;
-    for (int i = 0; i < 4; ++i) {
-      callers.emplace_back([&] {
-        if (once([&] { ++made; })) ++ran;
-        EXPECT_EQ(made, 1);
-      });
-    }
-    for (auto& caller : callers) caller.join();
+    inThreads(4, [&](unsigned) {
+      ran += once([&] { ++made; });
+      EXPECT_EQ(made, 1);
+    });
     EXPECT_EQ(ran, 1);
   }
 }
@@ -178,8 +157,7 @@ TEST(OnceTest, ABodyThatCallsItsOwnGuardGoesOnWithALogLine) {
 TEST(OnceTest, WaitingForTheBodyLetsThePoolGrow) {
   // The body needs a thread of the pool while many of them wait for it.
   Once once;
-  Happening begun;
-  Happening all(33);
+  Happening begun, all(33);
   Queue::global()->async([&] {
     once([&] {
       begun.happen();

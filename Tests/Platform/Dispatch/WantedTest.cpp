@@ -3,28 +3,14 @@
 
 #include "Platform/Dispatch/Wanted.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <semaphore>
-#include <string>
-#include <thread>
-#include <utility>
 
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/MainQueue.h"
@@ -79,7 +65,7 @@ class Unseen {
  public:
   void happen() { semaphore_.release(); }
   void expect(const char* what) {
-    if (semaphore_.try_acquire_for(std::chrono::seconds(20))) return;
+    if (semaphore_.try_acquire_for(20s)) return;
     std::fprintf(stderr, "never: %s\n", what);
     std::_Exit(1);
   }
@@ -91,7 +77,7 @@ class Unseen {
 /// Everything that the layer has, used for the first time.
 void useEverything() {
   static Unseen delayed, onMain, onWorker, folderChanged, canBeRead;  // outlive an early end
-  Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(5)), [] { delayed.happen(); });
+  Queue::global()->after(dispatchTimeAfter(5ms), [] { delayed.happen(); });
   Queue::main()->async([] { onMain.happen(); });
   Queue::global()->async([] { onWorker.happen(); });
 
@@ -133,7 +119,7 @@ TEST_F(WantedDeathTest, WhatTheSystemRefusesOnceOrSeveralTimesIsHadLater) {
       const auto useWithRefusals = [&] {
         call->refusals = times;
         useEverything();
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto end = std::chrono::steady_clock::now() + 20s;
         while (Wanted::any() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
         std::_Exit(call->refusals > 0 ? 2 : Wanted::any() ? 3 : 0);
       };
@@ -152,8 +138,7 @@ TEST_F(WantedDeathTest, ADelayedBlockComesThoughNobodySubmitsAnythingAfterIt) {
       static Unseen delayed;
       call->refusals = refusals;
       // Long enough for it not to be due before anything is asked for, wherever this runs.
-      Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(50)),
-                             [] { delayed.happen(); });
+      Queue::global()->after(dispatchTimeAfter(50ms), [] { delayed.happen(); });
       delayed.expect("the delayed block");
       std::_Exit(call->refusals > 0 ? 2 : 0);
     };
@@ -181,7 +166,7 @@ TEST_F(WantedDeathTest, NothingOfTheLayerTakesTheNumberOfAStandardDescriptor) {
   if (std::getenv("SKELDA_EMULATED") != nullptr) GTEST_SKIP() << "the emulator has files, too";
   const auto useWithoutThem = [] {
     for (const int standard : {0, 1, 2}) close(standard);
-    Queue::global()->after(dispatchTimeAfter(std::chrono::milliseconds(1)), [] {});
+    Queue::global()->after(dispatchTimeAfter(1ms), [] {});
     const auto source = FolderSource::make(open("/", O_PATH), Queue::serial("folder"));
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0) std::abort();

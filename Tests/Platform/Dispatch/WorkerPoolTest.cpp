@@ -1,14 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <map>
 #include <semaphore>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
@@ -21,8 +11,7 @@ std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
   std::map<std::string, long> threads;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::ifstream status(task.path() / "status");
-    std::string line;
-    std::string name;
+    std::string line, name;
     while (std::getline(status, line)) {
       if (line.starts_with("Name:")) name = line.substr(6);
       if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin)) {
@@ -37,8 +26,7 @@ TEST(WorkerPoolTest, SixtyFourChainedSynchronousWaitsDoNotDeadlock) {
   constexpr std::size_t kQueues = 64;
   std::vector<QueueRef> queues;
   for (std::size_t i = 0; i < kQueues; ++i) queues.push_back(Queue::serial("link"));
-  Happening allInside(kQueues);
-  Happening end(kQueues);
+  Happening allInside(kQueues), end(kQueues);
   for (std::size_t i = 0; i < kQueues; ++i) {
     queues[i]->async([&, i] {
       allInside.happen();
@@ -80,8 +68,7 @@ TEST(WorkerPoolTest, WhenEveryWorkerIsStuckAnotherOneIsAdded) {
 }
 
 TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
-  Happening blocked(40);
-  Happening gone(40);
+  Happening blocked(40), gone(40);
   for (int i = 0; i < 40; ++i) {
     Queue::global()->async([&] {
       blocked.happen();
@@ -94,16 +81,16 @@ TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
   EXPECT_GE(layerThreads().size(), 40U);
 
   // The one for events and one worker stay.
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto limit = std::chrono::steady_clock::now() + 30s;
   while (layerThreads().size() > 2 && std::chrono::steady_clock::now() < limit) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(50ms);
   }
   EXPECT_LE(layerThreads().size(), 2U);
   EXPECT_EQ(layerThreads("skelda-worker").size(), 1U);
   // The last one may still be on its way to sleep; after that the counts stand.
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::this_thread::sleep_for(100ms);
   const auto before = layerThreads();
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  std::this_thread::sleep_for(500ms);
   EXPECT_EQ(layerThreads(), before);
 
   // Nor is the thread for events woken behind work that is over, unless the machine got in between.
@@ -114,14 +101,14 @@ TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
     const Happening over;
     first->async([&] { second->async([&] { over.happen(); }); });
     EXPECT_TRUE(over.cameInTime());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(50ms);
     isQuiet = layerThreads("skelda-events") == events;
   }
   EXPECT_TRUE(isQuiet);
 }
 
 TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const auto exitWhileWorking = [] {
     // Reached by nothing but the work itself: as leaky as it gets.
     struct Restless {
@@ -131,8 +118,8 @@ TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
       }
     };
     for (int i = 0; i < 8; ++i) Restless::again(std::make_shared<Restless>());
-    Queue::global()->after(dispatchTimeAfter(std::chrono::hours(1)), [] {});
-    Queue::main()->async([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
+    Queue::global()->after(dispatchTimeAfter(1h), [] {});
+    Queue::main()->async([] { std::this_thread::sleep_for(1h); });
     Queue::global()->async([] { Queue::main()->sync([] {}); });
     Happening underWay(1000);
     const QueueRef queue = Queue::serial("counted");
@@ -140,7 +127,7 @@ TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
     if (!underWay.cameInTime()) std::abort();
     std::exit(0);
   };
-  EXPECT_EXIT(exitWhileWorking(), testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT(exitWhileWorking(), ::testing::ExitedWithCode(0), "^$");
 }
 
 }  // namespace

@@ -1,24 +1,70 @@
-#include <gtest/gtest.h>
+// What the host and its system say: the bundle, locale and time zone.
 
-#include <algorithm>
-#include <filesystem>
-#include <memory>
-#include <vector>
-
+#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/EnvironmentMonitor.h"
 #include "Platform/Foundation/Locale.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TimeZone.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
 
-using platform::Locale;
-using platform::NotificationCenter;
-using platform::TimeZone;
+using namespace platform;
+
 using skelda::testing::writeFile;
+
+constexpr std::string_view kInformation =
+    "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.example.run</string>"
+    "<key>Number</key><integer>7</integer></dict></plist>";
+
+class BundleTest : public testing::Test {
+ protected:
+  /// The bundle above a program in `folder`, below the test's own folder.
+  std::shared_ptr<const Bundle> above(const std::string& folder) {
+    std::filesystem::create_directories(root_ / folder);
+    return Bundle::above(root_ / folder + "/program");
+  }
+
+  skelda::testing::TemporaryDirectory root_;
+  skelda::testing::LogCapture log_;
+};
+
+TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary) {
+  std::filesystem::create_directories(root_ / "Run.app/PlugIns/Watch.appex/bin/Inner.app");
+  writeFile(root_ / "Run.app/Info.plist", "<plist><dict/></plist>");
+  writeFile(root_ / "Run.app/PlugIns/Info.plist", kInformation);
+  writeFile(root_ / "Run.app/PlugIns/Watch.appex/Info.plist", kInformation);
+  const auto bundle = above("Run.app/PlugIns/Watch.appex/bin/Inner.app");
+  EXPECT_EQ(bundle->bundlePath(), root_ / "Run.app/PlugIns/Watch.appex");
+  EXPECT_EQ(bundle->executablePath(), root_ / "Run.app/PlugIns/Watch.appex/bin/Inner.app/program");
+  EXPECT_EQ(bundle->bundleIdentifier(), "com.example.run");
+  EXPECT_EQ(bundle->objectForInfoDictionaryKey("Number"), Value(7));
+  EXPECT_TRUE(bundle->objectForInfoDictionaryKey("Absent").isNull());
+  EXPECT_EQ(above("Run.app/bin")->bundlePath(), root_ / "Run.app");
+  EXPECT_EQ(log_.take().size(), 0u);
+}
+
+TEST_F(BundleTest, IsTheProgramsOwnFolderWhereThereIsNone) {
+  const auto bundle = above("plain.apple/bin");
+  EXPECT_EQ(bundle->bundlePath(), root_ / "plain.apple/bin");
+  EXPECT_TRUE(bundle->infoDictionary().empty());
+  EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
+  EXPECT_EQ(log_.take().size(), 1u);
+}
+
+TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
+  const std::string information = root_ / "Run.app/Info.plist";
+  std::filesystem::create_directories(root_ / "Run.app");
+  writeFile(information, std::string(2 << 20, 'a'));
+  EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
+  EXPECT_EQ(log_.take().size(), 1u);
+  // A pipe without a writer would hold a plain read for ever.
+  std::filesystem::remove(information);
+  ASSERT_EQ(::mkfifo(information.c_str(), 0600), 0);
+  EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
+}
 
 /// A system of the test's own: no variables, and a folder for its files.
 class EnvironmentTest : public testing::Test {
@@ -114,10 +160,10 @@ TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheSystemsFiles) {
 class Observer {
  public:
   explicit Observer(const std::string& root) {
-    for (const std::string_view name : {platform::kCurrentLocaleDidChangeNotification,
-                                        platform::kSystemTimeZoneDidChangeNotification}) {
+    for (const std::string_view name :
+         {kCurrentLocaleDidChangeNotification, kSystemTimeZoneDidChangeNotification}) {
       // The record is shared: an observer may still run when it has been removed.
-      const auto look = [seen = seen_, root, name](const platform::Notification&) {
+      const auto look = [seen = seen_, root, name](const Notification&) {
         seen->add({name, Locale::current(root), TimeZone::local(root)});
       };
       tokens_.push_back(NotificationCenter::defaultCenter().addObserver(name, look));
@@ -131,8 +177,8 @@ class Observer {
       const auto of = [&](std::string_view name) {
         return std::ranges::count(all, name, &Sight::notification);
       };
-      return of(platform::kCurrentLocaleDidChangeNotification) == locales &&
-             of(platform::kSystemTimeZoneDidChangeNotification) == zones;
+      return of(kCurrentLocaleDidChangeNotification) == locales &&
+             of(kSystemTimeZoneDidChangeNotification) == zones;
     });
   }
   bool sees(const Locale& locale, const char* zone) {
@@ -157,7 +203,7 @@ TEST_F(EnvironmentTest, PostsWhenWhatTheFilesSayHasChanged) {
   std::filesystem::remove(root_ / "etc/default");
   replace("etc/locale.conf", "LANG=en_GB\n");
   link("/usr/share/zoneinfo/Europe/Oslo");
-  const platform::EnvironmentMonitor monitor(root_.path());
+  const EnvironmentMonitor monitor(root_.path());
 
   link("/usr/share/zoneinfo/Europe/Paris");
   ASSERT_TRUE(observer.sees(0, 1));
@@ -181,7 +227,7 @@ TEST_F(EnvironmentTest, NoticesTheLastOfAThousandQuickChanges) {
                                "/usr/share/zoneinfo/../../secret",
                                "/usr/share/zoneinfo/Europe/Oslo"};
   Observer observer(root_.path());
-  const platform::EnvironmentMonitor monitor(root_.path());
+  const EnvironmentMonitor monitor(root_.path());
   for (std::size_t i = 0; i < 1000; ++i) {
     replace("etc/locale.conf", locales[i % 5]);
     link(zones[i % 5]);

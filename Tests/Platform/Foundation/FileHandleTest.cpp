@@ -1,11 +1,5 @@
 #include "Platform/Foundation/FileHandle.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Tests/Support/FaultyFiles.h"
@@ -13,10 +7,6 @@
 
 namespace skelda::testing {
 namespace {
-
-using platform::Data;
-using platform::Exception;
-using platform::FileHandle;
 
 class FileHandleTest : public ::testing::Test {
  protected:
@@ -40,7 +30,7 @@ TEST_F(FileHandleTest, ReadsWhatTheFileStillGivesWhateverIsAskedFor) {
   EXPECT_EQ(other->readDataToEndOfFile().view(), "!");
   // But for one's own changes.
   int error = 0;
-  const auto both = platform::FileDescriptor::openFile(path_, O_RDWR, error);
+  const auto both = FileDescriptor::openFile(path_, O_RDWR, error);
   std::string whole;
   EXPECT_EQ(both.write("?", 20) | both.read(whole, 100, 0), 0);
   EXPECT_EQ(whole, "0123456789 and more!?");
@@ -76,8 +66,7 @@ TEST_F(FileHandleTest, WritesWhereItStandsAndNeverMakesAFile) {
 }
 
 TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   const auto handle = FileHandle::forWritingAtPath(path_);
   handle->seekToEndOfFile();
   // Three bytes go in, then the disk is full.

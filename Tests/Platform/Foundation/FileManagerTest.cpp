@@ -1,12 +1,7 @@
 #include "Platform/Foundation/FileManager.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <thread>
 
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FolderMaking.h"
@@ -17,9 +12,6 @@
 namespace skelda::testing {
 namespace {
 
-using platform::Data;
-using platform::ErrorRef;
-using platform::FileManager;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -65,21 +57,17 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
   EXPECT_EQ(modeOf(destination_), 0600u);
 
   writeFile(destination_, kOld);
-  const struct {
-    std::string source;
-    std::string destination;
-    int code;
-  } refused[] = {
+  const std::tuple<std::string, std::string, int> refused[] = {
       {source_, destination_, EEXIST},
       {storage_ + "/absent", committed_ + "/x", ENOENT},
       {committed_, committed_ + "/x", EISDIR},
       {source_, storage_ + "/absent/x", ENOENT},
       {source_, std::string("nul\0", 4), EINVAL},
   };
-  for (const auto& row : refused) {
-    EXPECT_FALSE(manager_.copyItemAtPath(row.source, row.destination, &error)) << row.destination;
+  for (const auto& [source, destination, code] : refused) {
+    EXPECT_FALSE(manager_.copyItemAtPath(source, destination, &error)) << destination;
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), row.code) << row.destination;
+    EXPECT_EQ(error->code(), code) << destination;
   }
   EXPECT_FALSE(manager_.fileExistsAtPath(source_ + '\0'));
   EXPECT_EQ(manager_.contentsAtPath(source_ + '\0'), std::nullopt);
@@ -169,12 +157,11 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
   };
   for (const auto& row : cases) {
     std::filesystem::remove(destination_);
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failKind(row.kind, 1, row.fault);
     ErrorRef error;
     EXPECT_TRUE(manager_.copyItemAtPath(source_, destination_, &error))
-        << row.kind << platform::description(error);
+        << row.kind << description(error);
     EXPECT_EQ(readFile(destination_), kNew) << row.kind;
     EXPECT_TRUE(manager_.excludeFromBackup(destination_));
     EXPECT_GT(plan->faults(), 0u) << row.kind;
@@ -184,8 +171,7 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
     plan->failKind(row.kind, 1, row.fault);
     EXPECT_FALSE(manager_.copyItemAtPath(source_, destination_));
   }
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   plan->failKind("write", 1, {.shortLength = 1, .times = 4});
   plan->failKind("read", 1, {.error = EINTR, .times = 2});
   EXPECT_TRUE(manager_.writeData(Data(kNew), source_, true));
@@ -255,39 +241,37 @@ TEST_F(FileManagerTest, BackupExclusionIsAnAttributeOfTheFile) {
 
 TEST(FolderMaking, MakesWhatIsMissingWithoutWaitingAndSynchronisesItWhenAsked) {
   const TemporaryDirectory root;
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   std::vector<std::string> changed;
-  EXPECT_TRUE(platform::makeFolders(root / "a/b/c", changed));
+  EXPECT_TRUE(makeFolders(root / "a/b/c", changed));
   EXPECT_TRUE(std::filesystem::is_directory(root / "a/b/c"));
   EXPECT_EQ(std::filesystem::status(root / "a").permissions(), std::filesystem::perms::owner_all);
   EXPECT_THAT(changed, ElementsAre(root.path(), root / "a", root / "a/b"));
   EXPECT_EQ(plan->calls("sync"), 0u);
   std::vector<std::string> again;
-  EXPECT_TRUE(platform::makeFolders(root / "a/b/c", again));
+  EXPECT_TRUE(makeFolders(root / "a/b/c", again));
   EXPECT_THAT(again, IsEmpty());
 
-  platform::ErrorRef error;
-  EXPECT_TRUE(platform::synchronizeFolders(changed, &error));
+  ErrorRef error;
+  EXPECT_TRUE(synchronizeFolders(changed, &error));
   EXPECT_EQ(plan->calls("sync"), 3u);
   EXPECT_EQ(error, nullptr);
   changed.insert(changed.begin(), root / "gone");
-  EXPECT_FALSE(platform::synchronizeFolders(changed, &error));
+  EXPECT_FALSE(synchronizeFolders(changed, &error));
   EXPECT_EQ(error->code(), ENOENT);
   EXPECT_EQ(plan->calls("sync"), 6u) << "one that fails does not stop the others";
 
   writeFile(root / "file", "in the way");
-  EXPECT_FALSE(platform::makeFolders(root / "file/a", again, &error));
+  EXPECT_FALSE(makeFolders(root / "file/a", again, &error));
   EXPECT_EQ(error->code(), ENOTDIR);
 }
 
 TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
   TemporaryHome home;
   const auto withIdentifier = [](const char* identifier) {
-    platform::Dictionary information;
+    Dictionary information;
     if (identifier != nullptr) information.set("CFBundleIdentifier", identifier);
-    platform::Bundle::setMain(
-        std::make_shared<const platform::Bundle>("/x.appex", "/x.appex/x", information));
+    Bundle::setMain(std::make_shared<const Bundle>("/x.appex", "/x.appex/x", information));
     return FileManager::applicationSupportDirectory();
   };
   EXPECT_EQ(withIdentifier("com.example.run"), home / "data/com.example.run");
@@ -300,7 +284,7 @@ TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
   EXPECT_EQ(withIdentifier("b"), home / ".local/share/b");
   EXPECT_EQ(FileManager::stateDirectory(), home / ".local/state");
   EXPECT_EQ(FileManager::documentsDirectory(), home.path());
-  platform::Bundle::setMain(nullptr);
+  Bundle::setMain(nullptr);
 }
 
 }  // namespace

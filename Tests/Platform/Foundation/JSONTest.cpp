@@ -1,30 +1,17 @@
-#include <gtest/gtest.h>
-
-#include <array>
-#include <bit>
-#include <cmath>
-#include <limits>
 #include <nlohmann/json.hpp>
-#include <random>
 
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Foundation/KeyedArchive.h"
 #include "Platform/Foundation/TextCoding.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
+using namespace platform;
+
 using nlohmann::ordered_json;
-using platform::Array;
-using platform::base64Decoded;
-using platform::base64Encoded;
-using platform::Dictionary;
-using platform::jsonText;
-using platform::KeyedArchive;
-using platform::readJSON;
-using platform::Value;
 
 std::string dumped(const ordered_json& json, bool pretty = false) {
   return json.dump(pretty ? 4 : -1, ' ', false, ordered_json::error_handler_t::replace);
@@ -161,9 +148,7 @@ TEST(JSONWriterTest, WritesRealNumbersInTheShortestTextThatReadsBack) {
 }
 
 TEST(JSONWriterTest, WritesDataInBase64AndDatesInMilliseconds) {
-  EXPECT_EQ(jsonText(Array{platform::Data("lap", 3),
-                           platform::Date(platform::Date::Microseconds(-1999))}),
-            R"(["bGFw",-1])");
+  EXPECT_EQ(jsonText(Array{Data("lap", 3), Date(Date::Microseconds(-1999))}), R"(["bGFw",-1])");
 }
 
 TEST(JSONReaderTest, TakesTheKindFromTheText) {
@@ -186,7 +171,7 @@ TEST(JSONReaderTest, TakesTheKindFromTheText) {
 
 TEST(JSONReaderTest, RefusesWhatIsNotOneValidText) {
   const auto expectRefused = [](std::string_view text) {
-    platform::ErrorRef error;
+    ErrorRef error;
     EXPECT_FALSE(readJSON(text, &error)) << text;
     ASSERT_NE(error, nullptr) << text;
     EXPECT_EQ(error->code(), 3840);
@@ -208,7 +193,7 @@ TEST(JSONReaderTest, HoldsToItsLimits) {
   EXPECT_TRUE(readJSON(nested(64)));
   EXPECT_FALSE(readJSON(nested(65)));
   EXPECT_FALSE(readJSON(std::string(1000000, '[')));
-  platform::JSONLimits limits;
+  JSONLimits limits;
   limits.maximumBytes = 7;
   limits.maximumValues = 3;
   EXPECT_TRUE(readJSON("[1,222]", nullptr, limits));
@@ -217,7 +202,7 @@ TEST(JSONReaderTest, HoldsToItsLimits) {
 }
 
 std::string archived(const Value& root) {
-  return platform::archivedData({"NSDictionary", root}).string();
+  return archivedData({"NSDictionary", root}).string();
 }
 
 TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
@@ -230,8 +215,8 @@ TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
       std::numeric_limits<double>::quiet_NaN(),
       Array{0.1F, 0x1.5c87fap-84F, std::numeric_limits<float>::max(), static_cast<float>(infinity)},
       Array{"text \"\n\xC3\xA5", "not UTF-8: \xFF", std::string("nul \0 inside", 12)},
-      Array{platform::Data("\0\xFF", 2), platform::Data(), Array(), Dictionary()},
-      Array{platform::Date(platform::Date::Microseconds(-1)), platform::Date::distantFuture()},
+      Array{Data("\0\xFF", 2), Data(), Array(), Dictionary()},
+      Array{Date(Date::Microseconds(-1)), Date::distantFuture()},
       {{"b", 1}, {"a", {{"c", 2.5F}}}},
       {{"$data", "looks like a tag"}},
       {{"$dict", {{"$dict", 1}}}},
@@ -239,7 +224,7 @@ TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
       {{"\xFF", {{"\xFE", 1U}}}, {"$x", "\xFD"}},
   };
   for (const Value& value : cases) {
-    const KeyedArchive again = platform::unarchivedObject(platform::archivedData({"Class", value}));
+    const KeyedArchive again = unarchivedObject(archivedData({"Class", value}));
     EXPECT_EQ(again.className, "Class");
     EXPECT_EQ(again.root.kind(), value.kind()) << value.description();
     // The text tells kinds apart at every depth, where equality does not.
@@ -249,9 +234,7 @@ TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentIn) {
 }
 
 TEST(KeyedArchiveTest, IsAReadableText) {
-  EXPECT_EQ(archived({{"at", platform::Date(platform::Date::Microseconds(12))},
-                      {"bytes", platform::Data("lap", 3)},
-                      {"n", 1}}),
+  EXPECT_EQ(archived({{"at", Date(Date::Microseconds(12))}, {"bytes", Data("lap", 3)}, {"n", 1}}),
             R"({"archive":"skelda","version":1,"class":"NSDictionary","root":)"
             R"({"at":{"$date":12},"bytes":{"$data":"bGFw"},"n":1}})");
 }
@@ -262,13 +245,13 @@ TEST(KeyedArchiveTest, RefusesWhatIsNotAnArchive) {
   };
   const auto expectRefused = [](const std::string& text) {
     try {
-      platform::unarchivedObject(platform::Data(text));
+      unarchivedObject(Data(text));
       ADD_FAILURE() << "was taken: " << text;
-    } catch (const platform::Exception& exception) {
+    } catch (const Exception& exception) {
       EXPECT_EQ(exception.name(), "NSInvalidUnarchiveOperationException");
     }
   };
-  ASSERT_NO_THROW(platform::unarchivedObject(platform::Data(with("{}"))));
+  ASSERT_NO_THROW(unarchivedObject(Data(with("{}"))));
   for (const char* text : {"", "{}", "[]", R"({"archive":"skelda","version":1,"class":"C"})",
                            R"({"archive":"other","version":1,"class":"C","root":{}})",
                            R"({"archive":"skelda","version":2,"class":"C","root":{}})",
@@ -287,10 +270,10 @@ TEST(KeyedArchiveTest, RefusesWhatIsNotAnArchive) {
 TEST(KeyedArchiveTest, WritesNothingThatItWouldNotRead) {
   Value deep = 1;
   for (int i = 0; i < 250; ++i) deep = Array{std::move(deep)};
-  EXPECT_EQ(platform::unarchivedObject(platform::archivedData({"C", deep})).root, deep);
+  EXPECT_EQ(unarchivedObject(archivedData({"C", deep})).root, deep);
   for (int i = 0; i < 10; ++i) deep = Array{std::move(deep)};
-  EXPECT_THROW(platform::archivedData({"C", deep}), platform::Exception);
-  EXPECT_THROW(platform::archivedData({"\xFF", 1}), platform::Exception);
+  EXPECT_THROW(archivedData({"C", deep}), Exception);
+  EXPECT_THROW(archivedData({"\xFF", 1}), Exception);
 }
 
 TEST(Base64Test, AgreesWithThePublishedVectors) {
@@ -324,8 +307,8 @@ TEST(UTF8Test, TellsWellFormedTextFromTheRest) {
   };
   for (const std::string_view text : {"", "\xC2\x80", "\xE0\xA0\x80", "\xED\x9F\xBF",
                                       "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
-    EXPECT_TRUE(platform::isValidUTF8(text)) << testing::PrintToString(text);
-    EXPECT_TRUE(platform::isValidUTF8(around(text))) << testing::PrintToString(text);
+    EXPECT_TRUE(isValidUTF8(text)) << testing::PrintToString(text);
+    EXPECT_TRUE(isValidUTF8(around(text))) << testing::PrintToString(text);
   }
   const std::string_view broken[] = {"\x80", "\xFF", "\xC3", "\xF0\x9F\x8F", "\xE2\x98\xC3\xA5",
                                      // over-long
@@ -335,15 +318,15 @@ TEST(UTF8Test, TellsWellFormedTextFromTheRest) {
                                      // past the last code point
                                      "\xF4\x90\x80\x80"};
   for (const std::string_view text : broken) {
-    EXPECT_FALSE(platform::isValidUTF8(text)) << testing::PrintToString(text);
-    EXPECT_FALSE(platform::isValidUTF8(around(text))) << testing::PrintToString(text);
+    EXPECT_FALSE(isValidUTF8(text)) << testing::PrintToString(text);
+    EXPECT_FALSE(isValidUTF8(around(text))) << testing::PrintToString(text);
   }
 }
 
 TEST(StableHashTest, IsFNV1aForEver) {
-  EXPECT_EQ(platform::stableHash(""), 0xCBF29CE484222325U);
-  EXPECT_EQ(platform::stableHash("a"), 0xAF63DC4C8601EC8CU);
-  EXPECT_EQ(platform::stableHash("foobar"), 0x85944171F73967E8U);
+  EXPECT_EQ(stableHash(""), 0xCBF29CE484222325U);
+  EXPECT_EQ(stableHash("a"), 0xAF63DC4C8601EC8CU);
+  EXPECT_EQ(stableHash("foobar"), 0x85944171F73967E8U);
 }
 
 }  // namespace

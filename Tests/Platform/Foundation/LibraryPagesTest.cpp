@@ -1,14 +1,8 @@
 #include "Platform/Foundation/LibraryPages.h"
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <cstdint>
-#include <fstream>
-#include <sstream>
-#include <string>
-
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 

@@ -1,17 +1,9 @@
 #include "Platform/Foundation/NotificationCenter.h"
-
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
-using platform::Notification;
-using platform::NotificationCenter;
+using namespace platform;
 
 NotificationCenter& center() {
   return NotificationCenter::defaultCenter();

@@ -1,18 +1,9 @@
 #include "Platform/Foundation/PropertyList.h"
-
-#include <gtest/gtest.h>
-
-#include <limits>
-
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
-using platform::Array;
-using platform::Data;
-using platform::Dictionary;
-using platform::readPropertyList;
-using platform::Value;
+using namespace platform;
 
 std::string xml(std::string_view content) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//X//EN\" "
@@ -88,7 +79,7 @@ TEST(PropertyListTest, ReadsEveryKindOfAnXMLList) {
                        {"on", true},
                        {"off", false},
                        {"bytes", Data("\0\1\xFF", 3)},
-                       {"when", platform::Date(platform::Date::Microseconds(1714566600000000))},
+                       {"when", Date(Date::Microseconds(1714566600000000))},
                        {"list", Array{1, Dictionary(), Array()}}};
   EXPECT_EQ(*value, expected) << value->description();
   EXPECT_EQ(value->description(), expected.description());
@@ -102,15 +93,14 @@ TEST(PropertyListTest, ReadsEveryKindOfABinaryList) {
                          std::string("\x62\0G\0\xE5", 5), "\x42\1\2", "\xD1\x5\x9", "\x10\xC8"}};
   const auto value = readBinary(list);
   ASSERT_TRUE(value);
-  EXPECT_EQ(*value, Value(Array{true, -5, 1.5,
-                                platform::Date(platform::Date::Microseconds(978307198500000)),
-                                "lap", "G\xC3\xA5", Data("\1\2", 2), Value{{"lap", 200}}, 200}))
+  EXPECT_EQ(*value, Value(Array{true, -5, 1.5, Date(Date::Microseconds(978307198500000)), "lap",
+                                "G\xC3\xA5", Data("\1\2", 2), Value{{"lap", 200}}, 200}))
       << value->description();
 }
 
 TEST(PropertyListTest, RefusesXMLThatIsMalformedOrHostile) {
   const auto expectRefused = [](const std::string& text) {
-    platform::ErrorRef error;
+    ErrorRef error;
     EXPECT_FALSE(readPropertyList(Data(text), &error)) << text.substr(0, 200);
     EXPECT_NE(error, nullptr);
   };

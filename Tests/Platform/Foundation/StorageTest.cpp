@@ -1,9 +1,4 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"
@@ -15,9 +10,6 @@
 namespace skelda::testing {
 namespace {
 
-using platform::Data;
-using platform::StorageLock;
-using platform::StorageReserve;
 using Status = StorageLock::Status;
 
 TEST(StorageLockTest, TheHolderMayAskAgainButAForkedChildIsAnother) {
@@ -46,8 +38,7 @@ TEST(StorageLockTest, FailuresAreNeitherHeldNorAnothers) {
   std::filesystem::create_symlink(folder / "target", folder / "link");
   EXPECT_EQ(StorageLock::acquire(folder / "link").status, Status::failed);
   EXPECT_EQ(readFile(folder / "target"), "of a link");
-  const auto plan = std::make_shared<FaultPlan>();
-  FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   plan->failKind("lock", 1, {.error = ENOLCK});
   EXPECT_EQ(StorageLock::acquire(folder / "lock").status, Status::failed);
   plan->failKind("open", 1, {.error = EMFILE});
@@ -69,7 +60,7 @@ class StorageReserveTest : public ::testing::Test {
   ~StorageReserveTest() override { StorageReserve::forget(); }
   /// What must not fail: a copy, a new file, an archive.
   bool all() {
-    auto& files = *platform::FileManager::defaultManager();
+    auto& files = *FileManager::defaultManager();
     ++round_;
     const std::string number = std::to_string(round_);
     return files.copyItemAtPath(folder_ / "log", folder_ / ("commited/" + number)) &&
@@ -101,12 +92,11 @@ TEST_F(StorageReserveTest, IsThereWhereDescriptorsRunOut) {
 }
 
 TEST_F(StorageReserveTest, GivesItsFileUpWhereTheDiskIsFullAndTakesItAnew) {
-  const auto plan = std::make_shared<FaultPlan>();
-  const FaultyFileCalls calls(plan);
+  const FaultyFileCalls plan;
   plan->failKind("allocate", 1, {.error = ENOSPC, .times = Fault::kForEver});
   plan->failKind("write", 1, {.error = ENOSPC});
   EXPECT_TRUE(all());
-  EXPECT_FALSE(platform::FileManager::defaultManager()->fileExistsAtPath(reserve_));
+  EXPECT_FALSE(FileManager::defaultManager()->fileExistsAtPath(reserve_));
   plan->failKind("write", 1, {.error = ENOSPC});
   EXPECT_FALSE(all()) << "nothing is left to give";
   plan->clear();

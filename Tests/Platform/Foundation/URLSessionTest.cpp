@@ -1,29 +1,13 @@
-#include "Platform/Foundation/URLSession.h"
-
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <openssl/ssl.h>
-#include <unistd.h>
 
-#include <condition_variable>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
-#include <set>
-#include <sstream>
-
-#include "Tests/Support/LoopbackServer.h"
 #include "Tests/Support/SessionProbe.h"
-#include "Tests/Support/TestAuthority.h"
 
 namespace skelda::testing {
 namespace {
-
-using namespace std::chrono_literals;
 
 /// While it lives, whoever asks for the address of its host waits.
 class HangingNameServer {
@@ -60,9 +44,8 @@ class HangingNameServer {
   static inline int waiting = 0;
 };
 
-std::shared_ptr<SessionProbe> perform(platform::URLRequest request,
-                                      SessionProbe::RedirectRule rule = nullptr,
-                                      platform::URLSessionConfiguration configuration = {}) {
+std::shared_ptr<SessionProbe> perform(URLRequest request, SessionProbe::RedirectRule rule = nullptr,
+                                      URLSessionConfiguration configuration = {}) {
   auto probe = std::make_shared<SessionProbe>(std::move(rule));
   startRequest(probe, std::move(request), configuration);
   EXPECT_TRUE(probe->wait());
@@ -73,8 +56,8 @@ void answerWell(ServerConnection& connection, const ReceivedRequest&) {
   connection.answer(200, "ok");
 }
 
-platform::URLRequest getRequest(const std::string& url) {
-  platform::URLRequest request;
+URLRequest getRequest(const std::string& url) {
+  URLRequest request;
   request.url = url;
   return request;
 }
@@ -152,10 +135,9 @@ TEST(URLSession, FollowsTheTenthRedirectAndThoseBehindItSlower) {
   LoopbackServer server([](ServerConnection& connection, const ReceivedRequest&) {
     connection.answer(302, "", "Location: /again\r\n");
   });
-  platform::URLSessionConfiguration brief;
+  URLSessionConfiguration brief;
   brief.resourceTimeout = 2s;  // the tenth waits a second, the eleventh two
-  EXPECT_EQ(perform(postRequest(server.url(), "bytes"), nullptr, brief)->code,
-            platform::kURLErrorTimedOut);
+  EXPECT_EQ(perform(postRequest(server.url(), "bytes"), nullptr, brief)->code, kURLErrorTimedOut);
   EXPECT_EQ(server.requestCount(), 11u);
 }
 
@@ -180,7 +162,7 @@ TEST(URLSession, NeverGoesFromHTTPSToAnythingElse) {
     proposed.url = plain.url();
     return proposed;
   });
-  EXPECT_EQ(probe->code, platform::kURLErrorUnsupportedURL);
+  EXPECT_EQ(probe->code, kURLErrorUnsupportedURL);
   EXPECT_EQ(plain.connections(), 0u);
 }
 
@@ -266,7 +248,7 @@ TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
   });
   auto hanging = getRequest(server->url("/hang"));
   hanging.timeoutInterval = 300ms;
-  EXPECT_EQ(perform(hanging)->code, platform::kURLErrorTimedOut);
+  EXPECT_EQ(perform(hanging)->code, kURLErrorTimedOut);
 
   auto slow = getRequest(server->url("/slow"));
   slow.timeoutInterval = 600ms;
@@ -274,22 +256,21 @@ TEST(URLSession, TimesOutWithoutProgressAndAsAWhole) {
   EXPECT_EQ(done->code, 0);
   EXPECT_EQ(done->body.length(), 20u);
 
-  platform::URLSessionConfiguration brief;
+  URLSessionConfiguration brief;
   brief.resourceTimeout = 400ms;
-  EXPECT_EQ(perform(slow, nullptr, brief)->code, platform::kURLErrorTimedOut);
+  EXPECT_EQ(perform(slow, nullptr, brief)->code, kURLErrorTimedOut);
   // Nor does a delegate that never decides hold a task for ever.
   LoopbackServer redirecting([](ServerConnection& connection, const ReceivedRequest&) {
     connection.answer(302, "", "Location: /there\r\n");
   });
   struct Undecided : SessionProbe {
-    void willPerformHTTPRedirection(platform::URLSession&, platform::URLSessionTask&,
-                                    const platform::HTTPURLResponse&, platform::URLRequest,
-                                    RedirectDecision) override {}
+    void willPerformHTTPRedirection(URLSession&, URLSessionTask&, const HTTPURLResponse&,
+                                    URLRequest, RedirectDecision) override {}
   };
   const auto undecided = std::make_shared<Undecided>();
   startRequest(undecided, getRequest(redirecting.url()), brief);
   ASSERT_TRUE(undecided->wait());
-  EXPECT_EQ(undecided->code, platform::kURLErrorTimedOut);
+  EXPECT_EQ(undecided->code, kURLErrorTimedOut);
 }
 
 constexpr const char* kUnknownHost = "unknown.example";
@@ -297,9 +278,9 @@ unsigned interfaceFlags = 0;  // of the only interface that the machine has
 
 TEST(URLSession, AHostIsNotFoundOnlyWhereThereIsANetwork) {
   const std::pair<unsigned, std::int64_t> cases[] = {
-      {IFF_UP | IFF_RUNNING, platform::kURLErrorCannotFindHost},
-      {IFF_UP, platform::kURLErrorNotConnectedToInternet},
-      {IFF_UP | IFF_RUNNING | IFF_LOOPBACK, platform::kURLErrorNotConnectedToInternet}};
+      {IFF_UP | IFF_RUNNING, kURLErrorCannotFindHost},
+      {IFF_UP, kURLErrorNotConnectedToInternet},
+      {IFF_UP | IFF_RUNNING | IFF_LOOPBACK, kURLErrorNotConnectedToInternet}};
   for (const auto& [flags, code] : cases) {
     interfaceFlags = flags;
     EXPECT_EQ(perform(getRequest(std::string("http://") + kUnknownHost))->code, code) << flags;
@@ -316,7 +297,7 @@ TEST(URLSession, ANameServerThatHangsHoldsNeitherItsRequestNorOthers) {
   ASSERT_TRUE(hanging.waitUntilAsked());
   EXPECT_EQ(perform(postRequest(server.url(), "bytes"))->status(), 200);
   ASSERT_TRUE(probe->wait());
-  EXPECT_EQ(probe->code, platform::kURLErrorTimedOut);
+  EXPECT_EQ(probe->code, kURLErrorTimedOut);
   EXPECT_EQ(perform(postRequest(server.url(), "bytes"))->status(), 200) << "while it still hangs";
 }
 
@@ -355,7 +336,7 @@ TEST(URLSession, ACancelledTaskEndsOnceWhateverItWasDoing) {
   });
   std::vector<std::shared_ptr<SessionProbe>> probes;
   const auto newProbe = [&] { return probes.emplace_back(std::make_shared<SessionProbe>()); };
-  const auto session = platform::URLSession::session({}, newProbe());
+  const auto session = URLSession::session({}, newProbe());
   const auto unstarted = session->dataTask(getRequest(server.url("/never")));
   unstarted->cancel();
   unstarted->resume();
@@ -366,7 +347,7 @@ TEST(URLSession, ACancelledTaskEndsOnceWhateverItWasDoing) {
   running->cancel();
   for (const auto& each : probes) {
     ASSERT_TRUE(each->wait());
-    EXPECT_EQ(each->code, platform::kURLErrorCancelled);
+    EXPECT_EQ(each->code, kURLErrorCancelled);
   }
   // Cancelled from another thread while it is starting or ending.
   for (int i = 0; i < 50; ++i) {

@@ -1,17 +1,11 @@
 #include "Platform/Foundation/Value.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-
 #include "Platform/Foundation/Error.h"
-#include "Platform/Platform.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
-using platform::Array;
-using platform::Dictionary;
-using platform::Value;
+using namespace platform;
 
 constexpr auto kSignedMax = std::numeric_limits<std::int64_t>::max();
 constexpr auto kSignedMin = std::numeric_limits<std::int64_t>::min();
@@ -44,8 +38,7 @@ TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
 }
 
 TEST(ErrorTest, SaysWhatItIsWhereItsInformationHasNoText) {
-  const platform::Error error(platform::makeErrorDomain("d"), 7,
-                              Dictionary{{"NSLocalizedDescription", 1}});
+  const Error error(makeErrorDomain("d"), 7, Dictionary{{"NSLocalizedDescription", 1}});
   EXPECT_EQ(error.localizedDescription(), "The operation could not be completed. (d error 7.)");
 }
 
@@ -125,9 +118,9 @@ TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {
       {kNaN, "nan"},
       {-kInfinity, "-inf"},
       {"as it is\n", "as it is\n"},
-      {platform::Data("\0\1", 2), "AAE="},
-      {platform::Date(platform::Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
-      {platform::Date(platform::Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
+      {Data("\0\1", 2), "AAE="},
+      {Date(Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
+      {Date(Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
       {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"},
   };
   for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
@@ -157,7 +150,7 @@ TEST(DateTest, RoundsSecondsToTheNearestMicrosecondAndSaturates) {
       {kNaN, 0},
   };
   for (const auto& [seconds, microseconds] : cases)
-    EXPECT_EQ(platform::Date::withTimeIntervalSince1970(seconds).microsecondsSince1970().count(),
+    EXPECT_EQ(Date::withTimeIntervalSince1970(seconds).microsecondsSince1970().count(),
               microseconds);
 }
 

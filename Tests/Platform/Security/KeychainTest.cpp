@@ -1,17 +1,8 @@
 #include "Platform/Security/Keychain.h"
 
-#include <gtest/gtest.h>
 #include <malloc.h>
-#include <sys/stat.h>
 
-#include <array>
-#include <atomic>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <functional>
 #include <new>
-#include <thread>
 
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Security/Digest.h"
@@ -207,7 +198,7 @@ TEST_F(KeychainTest, AKeyThatIsNoneIsSetAsideByTheNextWrite) {
     EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), errSecDecode);
     EXPECT_EQ(SecItemUpdate(query("id"), Data("new")), errSecSuccess);
     EXPECT_EQ(valueOf(query("id")), "new");
-    Log::flush(std::chrono::seconds(20));
+    Log::flush(20s);
     EXPECT_EQ(log.count("sealing.key is no key"), 1u);
   }
   EXPECT_EQ(readFile(key + ".damaged"), std::string(33, 'k'));

@@ -1,12 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "Platform/Foundation/JSONWriter.h"
-#include "Platform/Platform.h"
 #include "Platform/WatchConnectivity/Session/WCSession.h"
 #include "Tests/Support/Recorded.h"
 

@@ -1,12 +1,7 @@
 #include <gmock/gmock.h>
 #include <malloc.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-
-#include <atomic>
-#include <cerrno>
-#include <thread>
 
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
@@ -19,6 +14,9 @@
 
 // accept4() as the program sees it: refused for want of descriptors while the test says so.
 namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
 std::atomic<bool> refuseToAccept{false};
 std::atomic<int> refusals{0};
 }  // namespace
@@ -30,13 +28,6 @@ extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length
   return -1;
 }
 
-using namespace std::chrono_literals;
-using platform::Data;
-using platform::Dictionary;
-using platform::WCDefaultSession;
-using platform::WCPacket;
-using platform::WCPacketFraming;
-using platform::WCPairTransport;
 using testing::Contains;
 using testing::ElementsAre;
 
@@ -105,10 +96,10 @@ TEST_F(WCSessionTest, WhatAPeerTookWithItUnacknowledgedIsOfferedAgain) {
 }
 
 TEST_F(WCSessionTest, OnlyAnsweredCallsAreMadeAndADelegateThatThrowsIsContained) {
-  struct Throwing : platform::WCSessionDelegate {
-    void sessionDidReceiveUserInfo(platform::WCSession&, const Dictionary&) override { throw 1; }
+  struct Throwing : WCSessionDelegate {
+    void sessionDidReceiveUserInfo(WCSession&, const Dictionary&) override { throw 1; }
   };
-  const auto narrow = std::make_shared<RecordingDelegate>(platform::kWCDidReceiveUserInfo);
+  const auto narrow = std::make_shared<RecordingDelegate>(kWCDidReceiveUserInfo);
   activate();
   watchEnd_->setJoined(true);
   atWatch_->wait(2);
@@ -131,14 +122,14 @@ class WCSocketTransportTest : public testing::Test {
     delegate_->wait(1);
   }
 
-  static std::shared_ptr<platform::WCDefaultSession> open(const std::string& path) {
-    return platform::WCDefaultSession::make(platform::WCSocketTransport::make(path));
+  static std::shared_ptr<WCDefaultSession> open(const std::string& path) {
+    return WCDefaultSession::make(WCSocketTransport::make(path));
   }
   std::string path() const { return folder_ / "watch.sock"; }
   static PhoneLink::Clock::time_point soon() { return PhoneLink::Clock::now() + 10s; }
 
   skelda::testing::TemporaryDirectory folder_;
-  std::shared_ptr<platform::WCDefaultSession> session_;
+  std::shared_ptr<WCDefaultSession> session_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 };
 
@@ -155,7 +146,7 @@ TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
   EXPECT_EQ(answer->identifier, 5u);
   EXPECT_THAT(delegate_->heard(), Contains(R"(info {"skelda://id1":"v"})"));
   session_->transferUserInfo({{"skelda://id3", "YES"}});
-  EXPECT_EQ(phone.receive(soon())->content, (platform::Dictionary{{"skelda://id3", "YES"}}));
+  EXPECT_EQ(phone.receive(soon())->content, (Dictionary{{"skelda://id3", "YES"}}));
 }
 
 TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
@@ -230,10 +221,10 @@ TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRuns
 
 /// Keeps the places of what it hears until it is told to give them up.
 struct SlowReceiver {
-  using Place = platform::WCTransport::Place;
+  using Place = WCTransport::Place;
   skelda::testing::Recorded<std::shared_ptr<Place>> heard;
 
-  platform::WCTransport::Receiver receiver() {
+  WCTransport::Receiver receiver() {
     return {
         .peerDidChange = [](bool) {},
         .didReceivePacket =
@@ -254,12 +245,12 @@ TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMe
   for (const auto& [packets, length, atMost] : {Case{300, 100, 64}, Case{12, 300 << 10, 4}}) {
     skelda::testing::TemporaryDirectory folder;
     SlowReceiver slow;
-    const auto transport = platform::WCSocketTransport::make(folder / "watch.sock");
+    const auto transport = WCSocketTransport::make(folder / "watch.sock");
     ASSERT_TRUE(transport->open(slow.receiver(), nullptr));
     std::thread sender([&, count = packets, size = length] {
       PhoneLink phone(folder / "watch.sock");
       ASSERT_TRUE(phone.connect(PhoneLink::Clock::now() + 10s));
-      const auto frame = WCPacketFraming::framed(platform::Data(std::string(size, 'x')));
+      const auto frame = WCPacketFraming::framed(Data(std::string(size, 'x')));
       for (std::size_t i = 0; i < count; ++i) phone.sendBytes(frame->view());
       slow.waitFor(count);
     });

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Kernel/Kernel.h"
@@ -15,10 +11,10 @@ namespace {
 class DeviceTest : public ::testing::Test {
  protected:
   DeviceTest() {
-    platform::setSystemRoot(root_.path());
+    setSystemRoot(root_.path());
     environment_.set("SKELDA_SCREEN", std::nullopt);
   }
-  ~DeviceTest() override { platform::setSystemRoot(""); }
+  ~DeviceTest() override { setSystemRoot(""); }
   void have(const std::string& path, std::string_view text) {
     std::filesystem::create_directories(std::filesystem::path(root_.path() + path).parent_path());
     writeFile(root_.path() + path, text);
@@ -26,24 +22,24 @@ class DeviceTest : public ::testing::Test {
 
   TemporaryDirectory root_;
   ScopedEnvironment environment_;
-  platform::WKInterfaceDevice& device_ = *platform::WKInterfaceDevice::currentDevice();
+  WKInterfaceDevice& device_ = *WKInterfaceDevice::currentDevice();
 };
 
 TEST_F(DeviceTest, WhatTheMachineDoesNotHaveIsNothing) {
-  EXPECT_FALSE(platform::hostVirtualMemoryStatistics());
-  EXPECT_FALSE(platform::taskThreadsCPUUsage());
+  EXPECT_FALSE(hostVirtualMemoryStatistics());
+  EXPECT_FALSE(taskThreadsCPUUsage());
   int error = -1;
-  EXPECT_FALSE(platform::machineID(&error));
+  EXPECT_FALSE(machineID(&error));
   EXPECT_EQ(error, 0) << "is not a failure";
   EXPECT_EQ(device_.identifierForVendor(), "");
   EXPECT_EQ(device_.screenBounds().width, 0);
   EXPECT_NE(device_.systemVersion(), "") << "the kernel's release at least";
   EXPECT_NE(device_.model(), "") << "the architecture at least";
   have("/proc/meminfo", "MemTotal: many kB\nMemFree:");
-  EXPECT_FALSE(platform::hostVirtualMemoryStatistics());
+  EXPECT_FALSE(hostVirtualMemoryStatistics());
   for (const auto text : {"", "\n", "uninitialized\n", "0123456789abcdef0123456789abcdeg"}) {
     have("/etc/machine-id", text);
-    EXPECT_EQ(platform::machineID(), std::nullopt) << text;
+    EXPECT_EQ(machineID(), std::nullopt) << text;
   }
 }
 
@@ -53,7 +49,7 @@ TEST_F(DeviceTest, MemoryIsReadFromTheKernelsTable) {
        "Active:          300 kB\nInactive:        150 kB\nActive(anon):     10 kB\n"
        "Unevictable:       7 kB\nKernelStack:     11 kB\nPageTables:      13 kB\n"
        "SUnreclaim:       17 kB");
-  const auto memory = platform::hostVirtualMemoryStatistics();
+  const auto memory = hostVirtualMemoryStatistics();
   ASSERT_TRUE(memory);
   EXPECT_EQ(memory->total, 1000u * 1024);
   EXPECT_EQ(memory->free, 200u * 1024);
@@ -64,7 +60,7 @@ TEST_F(DeviceTest, MemoryIsReadFromTheKernelsTable) {
 
 TEST_F(DeviceTest, CPUUsageIsThatOfTheLastSecondAtLeast) {
   using std::chrono::milliseconds;
-  platform::ProcessorUsage usage(milliseconds(5000));
+  ProcessorUsage usage(5000ms);
   const struct {
     int now, used;
     float percent;
@@ -76,24 +72,21 @@ TEST_F(DeviceTest, CPUUsageIsThatOfTheLastSecondAtLeast) {
 
   // A name with blanks and parentheses, then fields 3 to 22.
   have("/proc/self/stat", "7 (a) b (c)) R 1 2 3 4 5 6 7 8 9 10 11 12 0 0 20 0 1 0 0 0 0\n");
-  const auto sinceBoot = platform::taskThreadsCPUUsage();
+  const auto sinceBoot = taskThreadsCPUUsage();
   ASSERT_TRUE(sinceBoot);
   EXPECT_LT(*sinceBoot, 100.0F);
   have("/proc/self/stat", "10 (torn) R 1 2");
-  EXPECT_FALSE(platform::taskThreadsCPUUsage());
-  platform::setSystemRoot("");
-  EXPECT_GT(platform::taskThreadsCPUUsage().value_or(-1), 0.0F);
+  EXPECT_FALSE(taskThreadsCPUUsage());
+  setSystemRoot("");
+  EXPECT_GT(taskThreadsCPUUsage().value_or(-1), 0.0F);
 }
 
 TEST_F(DeviceTest, TimeSinceBootGoesOnAndAgreesWithTheClock) {
-  const auto before = *platform::uptime();
+  const auto before = *uptime();
   EXPECT_GT(before.count(), 0);
-  const auto gap = platform::Date::now() - *platform::bootTime();
-  EXPECT_GE(gap + platform::Date::Microseconds(1),
-            std::chrono::duration_cast<platform::Date::Microseconds>(before));
-  EXPECT_LT(std::chrono::abs(gap - std::chrono::duration_cast<platform::Date::Microseconds>(
-                                       *platform::uptime())),
-            std::chrono::seconds(5));
+  const auto gap = Date::now() - *bootTime();
+  EXPECT_GE(gap + Date::Microseconds(1), std::chrono::duration_cast<Date::Microseconds>(before));
+  EXPECT_LT(std::chrono::abs(gap - std::chrono::duration_cast<Date::Microseconds>(*uptime())), 5s);
 }
 
 TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {
@@ -124,8 +117,8 @@ TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {
 TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   const auto identifier = [&](char machine, const char* bundle) {
     have("/etc/machine-id", std::string(32, machine) + "\n");
-    platform::Bundle::setMain(std::make_shared<const platform::Bundle>(
-        "/x.appex", "/x.appex/x", platform::Dictionary{{"CFBundleIdentifier", bundle}}));
+    Bundle::setMain(std::make_shared<const Bundle>("/x.appex", "/x.appex/x",
+                                                   Dictionary{{"CFBundleIdentifier", bundle}}));
     return device_.identifierForVendor();
   };
   const std::string first = identifier('a', "com.example.a");
@@ -136,7 +129,7 @@ TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   EXPECT_EQ(first, identifier('a', "com.example.a"));
   EXPECT_NE(first, identifier('b', "com.example.a"));
   EXPECT_NE(first, identifier('a', "com.example.b"));
-  platform::Bundle::setMain(nullptr);
+  Bundle::setMain(nullptr);
 }
 
 }  // namespace

@@ -1,12 +1,6 @@
 // skelda-frames, run as a process on logs made for it.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
 
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/JSONReader.h"
@@ -26,7 +20,7 @@ struct Outcome {
 
 std::string event(std::string_view name, std::string_view parameters = "{}") {
   return frameBytes(1, 134,
-                    "{\"sk.event.name\":\"" + platform::base64Encoded(name) +
+                    "{\"sk.event.name\":\"" + base64Encoded(name) +
                         "\",\"sk.event.user.parameters\":" + std::string(parameters) + "}");
 }
 
@@ -106,7 +100,7 @@ TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
   const auto json = runOn(event("a\u009b", "{\"k\":\"\x7f\"}"), "--json --plain");
   EXPECT_NE(json.out.find(R"("sk.event.name":"a\u009b")"), std::string::npos) << json.out;
   EXPECT_NE(json.out.find(R"({"k":"\u007f"})"), std::string::npos) << json.out;
-  ASSERT_TRUE(platform::readJSON(json.out));
+  ASSERT_TRUE(readJSON(json.out));
 }
 
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {

@@ -3,10 +3,6 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-
 #include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Tests/Support/ChildProcess.h"
@@ -26,9 +22,9 @@ struct IntakeFiles {
 
   std::shared_ptr<SkeldaIntakeFile> open(std::uint64_t key = kKey,
                                          std::size_t capacity = kCapacity) const {
-    platform::ErrorRef error;
+    ErrorRef error;
     auto file = SkeldaIntakeFile::open(path_, capacity, key, &error);
-    EXPECT_TRUE(file->isProtected()) << platform::description(error);
+    EXPECT_TRUE(file->isProtected()) << description(error);
     return file;
   }
 };

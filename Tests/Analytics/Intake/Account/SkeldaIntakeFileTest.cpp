@@ -1,7 +1,3 @@
-#include <atomic>
-#include <random>
-#include <set>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Support/Documents.h"
@@ -13,7 +9,7 @@ namespace {
 using std::chrono::steady_clock;
 
 steady_clock::time_point inTwentySeconds() {
-  return steady_clock::now() + std::chrono::seconds(20);
+  return steady_clock::now() + 20s;
 }
 
 class SkeldaIntakeFileTest : public ::testing::Test, protected IntakeFiles {};
@@ -120,7 +116,7 @@ TEST_F(SkeldaIntakeFileTest, WaitingEndsWithWhatWasThereAtItsBegin) {
   for (std::size_t i = 1; i < taken.size(); ++i) {
     file->settle(taken[i], SkeldaIntakeOutcome::stored);
   }
-  EXPECT_FALSE(file->waitUntilSettled(steady_clock::now() + std::chrono::milliseconds(1)));
+  EXPECT_FALSE(file->waitUntilSettled(steady_clock::now() + 1ms));
   std::atomic<bool> isOver{false};
   inThreads(2, [&](unsigned thread) {
     if (thread == 0) {

@@ -1,9 +1,5 @@
 // What a start finds in the intake file that an earlier process left.
 
-#include <sys/stat.h>
-
-#include <functional>
-
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Support/FaultyFiles.h"
 
@@ -162,7 +158,7 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
   for (const char* kind : {"open", "allocate", "write", "rename"}) {
     const FaultyFileCalls plan;
     plan->failAll(kind, EIO);
-    platform::ErrorRef error;
+    ErrorRef error;
     const auto file = SkeldaIntakeFile::open(path_, kCapacity, kKey, &error);
     EXPECT_FALSE(file->isProtected()) << kind;
     ASSERT_NE(error, nullptr) << kind;
@@ -173,8 +169,7 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
   }
   {
     // A file system that reserves nothing is written to.
-    const auto plan = std::make_shared<FaultPlan>();
-    FaultyFileCalls calls(plan);
+    const FaultyFileCalls plan;
     plan->failKind("allocate", 1, {.error = EOPNOTSUPP});
     EXPECT_TRUE(open()->isProtected());
     struct ::stat status {};

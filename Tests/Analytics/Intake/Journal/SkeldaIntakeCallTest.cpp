@@ -1,19 +1,14 @@
 #include "Analytics/Intake/Journal/SkeldaIntakeCall.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
-#include <bit>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <random>
-#include <string>
+#include "Tests/Support/RandomValues.h"
 
 namespace {
 
+using namespace platform;
+
 using Call = SkeldaIntakeCall;
-using platform::Value;
 
 std::string encoded(Call::Kind kind, Call::Values values) {
   const auto size = Call::sizeOf(values);
@@ -29,29 +24,8 @@ class RandomValues {
  public:
   std::size_t number(std::size_t end) { return static_cast<std::size_t>(random_() % end); }
 
-  Value value(unsigned deepest) {
-    const auto kind = number(deepest == 0 ? 9 : 11);
-    if (kind == 1) return number(2) == 0;
-    if (kind == 2) return std::bit_cast<std::int64_t>(random_()) >> number(64);
-    if (kind == 3) return random_() >> number(64);
-    if (kind == 4) return std::bit_cast<double>(random_());
-    if (kind == 5) return std::bit_cast<float>(static_cast<std::uint32_t>(random_()));
-    if (kind == 6) return text();
-    if (kind == 7) return platform::Data(text());
-    if (kind == 8)
-      return platform::Date(platform::Date::Microseconds(std::bit_cast<std::int64_t>(random_())));
-    if (kind == 9) {
-      platform::Array array;
-      for (auto left = number(6); left > 0; --left) array.push_back(value(deepest - 1));
-      return array;
-    }
-    if (kind == 10) {
-      platform::Dictionary dictionary;
-      for (auto left = number(6); left > 0; --left) dictionary.set(text(), value(deepest - 1));
-      return dictionary;
-    }
-    return {};
-  }
+  std::uint64_t bits() { return random_(); }
+  Value value(unsigned deepest) { return skelda::testing::randomValue(*this, deepest); }
   std::string text() {
     std::string text(number(4) == 0 ? number(300) : number(12), ' ');
     for (char& byte : text) byte = static_cast<char>(random_());
@@ -100,7 +74,7 @@ TEST(SkeldaIntakeCall, IsWrittenAsTheDocumentShows) {
 Value nested(unsigned levels) {
   Value value = "bottom";
   for (unsigned level = 0; level < levels; ++level) {
-    platform::Array around;
+    Array around;
     around.push_back(std::move(value));
     value = std::move(around);
   }
@@ -120,7 +94,7 @@ TEST(SkeldaIntakeCall, TakesSixtyFourLevelsAndAMebibyte) {
   const std::size_t overhead = 1 + 1 + 3;  // the call's kind, the value's, three digits of length
   EXPECT_FALSE(refusal(std::string(Call::kLongest - overhead, 't')));
   EXPECT_EQ(refusal(std::string(Call::kLongest - overhead + 1, 't')), SkeldaRefusal::tooLong);
-  EXPECT_EQ(refusal(platform::Array(Call::kLongest)), SkeldaRefusal::tooLong);
+  EXPECT_EQ(refusal(Array(Call::kLongest)), SkeldaRefusal::tooLong);
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <random>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
 #include "Analytics/Intake/Journal/SkeldaIntakePump.h"
@@ -23,7 +21,6 @@ namespace {
 
 using Kind = SkeldaIntakeCall::Kind;
 using Outcome = SkeldaIntakeOutcome;
-using platform::Value;
 
 /// What stands for everything from the core buffer to the disk.
 class Pipeline : public RecordingStage {
@@ -50,7 +47,7 @@ struct AgentRun {
     pump->syncBlock([] {});
     SkeldaAccounting::setFile(nullptr);
     // A source may be settling in it at this moment; an agent's own file is never let go of.
-    static platform::NeverDestroyed<std::vector<std::shared_ptr<SkeldaIntakeFile>>> kept;
+    static NeverDestroyed<std::vector<std::shared_ptr<SkeldaIntakeFile>>> kept;
     kept->push_back(std::move(file));
   }
   template <class Source>
@@ -72,9 +69,7 @@ struct AgentRun {
     }(Value(given)...);
   }
   bool event(const std::string& name) const { return call(Kind::event, name, nullptr); }
-  bool isStored() const {
-    return file->waitUntilSettled(std::chrono::steady_clock::now() + std::chrono::seconds(20));
-  }
+  bool isStored() const { return file->waitUntilSettled(std::chrono::steady_clock::now() + 20s); }
   std::uint64_t settled(SkeldaIntakeFile::Kind kind, Outcome outcome) const {
     return file->page()
         .settled[static_cast<std::size_t>(kind) - 1][static_cast<std::size_t>(outcome)];
@@ -84,7 +79,7 @@ struct AgentRun {
 /// What the call behind the message said.
 std::string saidBy(const Message& message) {
   if (const auto* event = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
-    return platform::base64Decoded(*event->eventName())->string();
+    return base64Decoded(*event->eventName())->string();
   }
   if (const auto* property = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
     return *property->propertyName();
@@ -107,7 +102,7 @@ TEST(SkeldaIntakePump, KeepsTheOrderOfCallsOverAllSources) {
         run.call(Kind::userId, Value(text)), said.push_back(text);
         break;
       case 1:
-        run.call(Kind::addProperties, Value(text), Value(platform::Array{"v"}));
+        run.call(Kind::addProperties, Value(text), Value(Array{"v"}));
         said.push_back(text);
         break;
       case 2:
@@ -136,9 +131,9 @@ TEST(SkeldaIntakePump, SettlesWhatASourceRefusesWithItsReason) {
   run.call(Kind::event, broken, none);
   run.call(Kind::event, name, name);
   run.call(Kind::purchase, name, none, name);
-  run.call(Kind::purchase, name, none, Value(platform::Dictionary{{"\xff", "p"}}));
+  run.call(Kind::purchase, name, none, Value(Dictionary{{"\xff", "p"}}));
   run.call(Kind::setProperties, name, name);
-  run.call(Kind::addProperties, name, Value(platform::Array{"\xff"}));
+  run.call(Kind::addProperties, name, Value(Array{"\xff"}));
   run.call(Kind::userId, broken);
   run.call(Kind::userId, none);  // no news
   ASSERT_TRUE(run.isStored());
@@ -198,23 +193,23 @@ TEST(SkeldaIntakePump, LosesNoWakeUpHoweverSettlingAndCallsMeet) {
 
 TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
   const IntakeFiles files;
-  const auto before = platform::Date::now().microsecondsSince1970().count() / 1000;
+  const auto before = Date::now().microsecondsSince1970().count() / 1000;
   const auto uptimeBefore = SkeldaUtil::uptimeInMilliseconds();
   {
     AgentRun killed(files.open());  // before it started the agent
     killed.call(Kind::deletion);
-    killed.call(Kind::addProperties, "shoe", platform::Array{"red"});
-    killed.call(Kind::consent, true, platform::Dictionary{{"iab", "s"}}, true);
+    killed.call(Kind::addProperties, "shoe", Array{"red"});
+    killed.call(Kind::consent, true, Dictionary{{"iab", "s"}}, true);
   }
   {
     AgentRun killed(files.open());  // with its first event on its way
     killed.pipeline->stores = false;
-    killed.call(Kind::purchase, "first", platform::Dictionary{{"lap", "1"}},
-                platform::Dictionary{{"sk.ProductID", "p"}});
+    killed.call(Kind::purchase, "first", Dictionary{{"lap", "1"}},
+                Dictionary{{"sk.ProductID", "p"}});
     killed.start();
     killed.pipeline->messages(3);
   }
-  const auto after = platform::Date::now().microsecondsSince1970().count() / 1000;
+  const auto after = Date::now().microsecondsSince1970().count() / 1000;
   const auto uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
   AgentRun run(files.open());
   run.event("second");
@@ -237,7 +232,7 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
             property.relativeTimeStamp());
   const auto& first = dynamic_cast<const SkeldaStreamEvent&>(*messages[2]);
   EXPECT_EQ(first.uptime(), first.relativeTimeStamp());
-  EXPECT_EQ(first.parameters(), (platform::Dictionary{{"bGFw", "MQ=="}}));
+  EXPECT_EQ(first.parameters(), (Dictionary{{"bGFw", "MQ=="}}));
   EXPECT_TRUE(SkeldaConsentCore::sharedInstance()->getConsent().isGDPRScope());
   EXPECT_TRUE(addsUp(*run.file));
 }

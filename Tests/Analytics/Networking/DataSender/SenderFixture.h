@@ -3,7 +3,6 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSender.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
-#include "Analytics/Utils/SkeldaGuards.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
@@ -25,7 +24,7 @@ class SenderTest : public ::testing::Test {
   /// As after a start of the process: with what the folder holds.
   std::shared_ptr<SkeldaDataSender> makeSender(const std::string& apiKey = "key") {
     senders_.push_back(
-        SkeldaDataSender::senderWithQueue(platform::Queue::serial("test.Analytics.LogSender"),
+        SkeldaDataSender::senderWithQueue(Queue::serial("test.Analytics.LogSender"),
                                           std::make_shared<SkeldaBackgroundTaskTracker>(), apiKey));
     return senders_.back();
   }
@@ -49,7 +48,7 @@ class SenderTest : public ::testing::Test {
   static void sendTo(const LoopbackServer& server) {
     SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(server.url());
   }
-  static platform::Data bytes(const std::string& text) { return platform::Data(text); }
+  static Data bytes(const std::string& text) { return Data(text); }
 
   std::vector<std::string> blockFiles() const {
     auto names = namesIn(home_.storageFolder());

@@ -1,5 +1,3 @@
-#include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
@@ -42,14 +40,14 @@ TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
   EXPECT_EQ(texts(index), (std::vector<std::string>{"one", "three"}));
   EXPECT_EQ(blockFiles().size(), 2u);
   EXPECT_TRUE(index->sentReportSuccessfully());
-  const platform::Data written =
+  const Data written =
       bytes(readFile(SkeldaAgentFiles::inStorageFolder(std::string(kSkeldaSenderIndexFileName))));
-  EXPECT_EQ(platform::archivedData(platform::unarchivedObject(written)), written)
+  EXPECT_EQ(archivedData(unarchivedObject(written)), written)
       << "put together as the archiver would";
   const auto first = index->notSentBlocksForDataKey("Data_1_261").front();
   EXPECT_EQ(first->dataSize(), 3u);
   EXPECT_TRUE(first->groupIdentifier().empty());
-  EXPECT_LT(platform::Date::now() - first->creationDate(), std::chrono::minutes(5));
+  EXPECT_LT(Date::now() - first->creationDate(), 5min);
 
   index->setupForCurrentDataKey("Data_2_261");
   EXPECT_TRUE(index->saveState());
@@ -68,10 +66,7 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
            "}";
   };
   const std::string uuid = "01234567-89AB-CDEF-0123-456789ABCDEF";
-  const struct {
-    std::string bytes;
-    std::size_t blocks;
-  } cases[] = {
+  const std::pair<std::string, std::size_t> cases[] = {
       {"", 0},
       {"garbage", 0},
       {archive("[]"), 0},
@@ -82,12 +77,12 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
       {archive(R"({"index":{"k":[)" + entry("") + "]}}"), 0},
       {archive(R"({"index":{"k":[)" + entry(uuid) + "," + entry(uuid) + "]}}"), 1},
   };
-  for (const auto& one : cases) {
-    writeFile(indexFile(), one.bytes);
+  for (const auto& [text, blocks] : cases) {
+    writeFile(indexFile(), text);
     writeFile(home_.storageFolder() + "/" + uuid, "8 bytes!");
     const auto index = load();
-    EXPECT_TRUE(index->isReadable()) << one.bytes;
-    EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), one.blocks) << one.bytes;
+    EXPECT_TRUE(index->isReadable()) << text;
+    EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), blocks) << text;
     index->setupForCurrentDataKey("other");
     EXPECT_TRUE(index->saveState());
   }

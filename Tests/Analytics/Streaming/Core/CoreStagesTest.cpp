@@ -138,7 +138,7 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
 
     rule->reset();
     EXPECT_EQ(rule->getEventCount(), 0U);
-    EXPECT_EQ(rule->initialTimeStamp(), platform::Date::distantFuture());
+    EXPECT_EQ(rule->initialTimeStamp(), Date::distantFuture());
   }
 }
 
@@ -154,9 +154,7 @@ struct SilentRule : ISkeldaStreamFlushRule {
 TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
   using Rule = SkeldaWatchStreamSessionRule;
   const AgentHome home;
-  const auto throwing = [](std::string_view) -> platform::ObjectRef {
-    platform::assertionFailure("id is missing!");
-  };
+  const auto throwing = [](std::string_view) -> ObjectRef { assertionFailure("id is missing!"); };
   for (const Rule::ModuleLookup& lookup : {Rule::ModuleLookup(), Rule::ModuleLookup(throwing)}) {
     const auto policy = SkeldaStreamCorePolicy::streamPolicyWithFlushRules(
         {Rule::sessionRuleWithFlushTriggerMap({}, {128, 133}, 5, 10, lookup),

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-
 #include "Analytics/Streaming/Core/StreamComponent/SkeldaActorStreamCoreComponent.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
@@ -22,8 +17,7 @@ using Message = ISkeldaStreamMessage::Ref;
 /// An event that happened `ms` after 1970, at an uptime of `ms` + 7; its id is `ms`.
 inline std::shared_ptr<SkeldaStreamEvent> eventAt(std::int64_t ms) {
   auto event = SkeldaStreamEvent::streamEventWithEventName(
-      "Lap", "CUSTOM_EVENT", false, false, {}, nullptr,
-      platform::Date(platform::Date::Microseconds(ms * 1000)));
+      "Lap", "CUSTOM_EVENT", false, false, {}, nullptr, Date(Date::Microseconds(ms * 1000)));
   event->setEventId(static_cast<std::uint32_t>(ms));
   event->setEpochTimeStamp(0);
   event->setRelativeTimeStamp(7);
@@ -34,7 +28,7 @@ inline std::shared_ptr<SkeldaStreamMessage> plainMessage(std::int32_t frameType,
   auto message = std::make_shared<SkeldaStreamMessage>();
   message->setFrameVersion(1);
   message->setFrameType(frameType);
-  message->setPayload(platform::Data(std::move(payload)));
+  message->setPayload(Data(std::move(payload)));
   return message;
 }
 
@@ -61,7 +55,7 @@ inline void addWord(std::string& words, const std::string& word) {
 }
 
 /// A neighbour that writes down what it is told. Any thread.
-class RecordingStage : public platform::Object,
+class RecordingStage : public Object,
                        public ISkeldaStreamComponent,
                        public ISkeldaStreamCoreComponent {
  public:
@@ -70,8 +64,8 @@ class RecordingStage : public platform::Object,
   std::optional<std::set<std::int32_t>> supportedFrameTypes() const override { return types; }
   void registerNextStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
   void registerPreviousStageComponent(std::shared_ptr<ISkeldaStreamComponent>) override {}
-  void asyncStreamResponse(platform::ObjectRef) override {}
-  void syncStreamResponse(platform::ObjectRef) override {}
+  void asyncStreamResponse(ObjectRef) override {}
+  void syncStreamResponse(ObjectRef) override {}
   void nextStageDidChangeState(std::int32_t state) override { states_.add(state); }
   void startup() override {}
 

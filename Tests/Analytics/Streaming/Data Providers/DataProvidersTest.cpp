@@ -2,10 +2,9 @@
 
 #include <fmt/format.h>
 #include <sys/inotify.h>
-#include <atomic>
 
-#include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -68,13 +67,13 @@ TEST(SkeldaDataProvider, TellsEachObserverOncePerChangeUntilItIsRemoved) {
 }
 
 TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffersFromTheLast) {
-  auto& extension = platform::WKExtension::sharedExtension();
-  extension.setApplicationState(platform::WKExtension::ApplicationState::background);
+  auto& extension = WKExtension::sharedExtension();
+  extension.setApplicationState(WKExtension::ApplicationState::background);
   const auto provider = SkeldaAppStateDataProvider::getInstance();
   const Observed observed(provider);
   provider->startup();
   ASSERT_EQ(observed.observer->told.wait(1).size(), 1u);
-  extension.setApplicationState(platform::WKExtension::ApplicationState::active);
+  extension.setApplicationState(WKExtension::ApplicationState::active);
   struct Step {
     std::int32_t state, previous;
     int updates;
@@ -103,12 +102,12 @@ TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnec
   EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
   EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
   // The same text is another domain all the same.
-  const auto namesake = platform::makeErrorDomain("kCFErrorDomainCFNetwork");
-  provider->setLastNetworkOperationError(std::make_shared<platform::Error>(namesake, 1));
+  const auto namesake = makeErrorDomain("kCFErrorDomainCFNetwork");
+  provider->setLastNetworkOperationError(std::make_shared<Error>(namesake, 1));
   EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
 }
 
-struct Monitor : platform::Object, ISkeldaReachability {
+struct Monitor : Object, ISkeldaReachability {
   std::string_view className() const noexcept override { return kClassName; }
   void startup() override { ++starts; }
   int starts = 0;
@@ -116,7 +115,7 @@ struct Monitor : platform::Object, ISkeldaReachability {
 
 TEST(SkeldaNetworkReachabilityDataProvider, StartsTheMonitorThatIsLinkedOnce) {
   const auto monitor = std::make_shared<Monitor>();
-  auto& registry = platform::ClassRegistry::shared();
+  auto& registry = ClassRegistry::shared();
   registry.registerClass({"SkeldaReachability", {}, {}, [monitor] { return monitor; }});
   const auto provider = NetworkProvider::make();
   for (int start = 0; start < 2; ++start) provider->startup();
@@ -194,7 +193,7 @@ class SkeldaNodeDataProviderTest : public ::testing::Test {
 
 TEST_F(SkeldaNodeDataProviderTest, MakesTheFolderAndTellsOfWhatIsThereAndOfWhatComes) {
   std::atomic<bool> completed = false;
-  provider_->forceRefresh([&](platform::ErrorRef error) { completed = error == nullptr; });
+  provider_->forceRefresh([&](ErrorRef error) { completed = error == nullptr; });
   ASSERT_TRUE(changes_->waitPast(0));
   settle();
   EXPECT_TRUE(completed);
@@ -255,7 +254,7 @@ TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatch
     // Once the first try has failed a commit is told; before, the old watch stood.
     std::size_t seen = changes_->count();
     EXPECT_TRUE(becomes([&] {
-      platform::NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
+      NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
       settle();
       return changes_->count() >= seen + 3;
     }));

@@ -1,14 +1,9 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
-
 #include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Transfer/ISkeldaFileTransferAgent.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -27,10 +22,9 @@ class FakeFolder : public SkeldaStreamFileManager {
     std::lock_guard lock(mutex_);
     return names.contains(path->substr(path->rfind('/') + 1));
   }
-  std::optional<std::vector<std::string>> fileNamesAtPath(const Path&,
-                                                          platform::ErrorRef* error) override {
+  std::optional<std::vector<std::string>> fileNamesAtPath(const Path&, ErrorRef* error) override {
     std::lock_guard lock(mutex_);
-    platform::setError(error, nullptr);
+    setError(error, nullptr);
     if (unlistable > 0) {
       --unlistable;
       return std::nullopt;

@@ -1,15 +1,11 @@
 // From the folder of committed logs to the data sender.
 
-#include <sys/stat.h>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamFrameLogSender.h"
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
-#include "Platform/Foundation/URLError.h"
-#include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 
@@ -22,7 +18,7 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
  protected:
   ~SkeldaStreamTransferManagerTest() override { EXPECT_EQ(swallowedExceptions(), swallowed_); }
 
-  void make(platform::Dictionary config = {}) {
+  void make(Dictionary config = {}) {
     manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(std::move(config), monitor_,
                                                                       "/logs", folder_, agent_);
     manager_->startup(nullptr);
@@ -38,7 +34,7 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
     monitor_->tell(0);
     settle();
   }
-  void complete(const std::string& name, platform::ErrorRef error = nullptr) {
+  void complete(const std::string& name, ErrorRef error = nullptr) {
     manager_->didCompleteTransfer(name, std::move(error));
     settle();
   }
@@ -48,8 +44,8 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
   static std::uint64_t removed(SkeldaLogRemoval reason) {
     return SkeldaAccounting::page().logsRemoved[static_cast<std::size_t>(reason)];
   }
-  static platform::ErrorRef otherError() {
-    return std::make_shared<const platform::Error>(platform::makeErrorDomain("other"), 0);
+  static ErrorRef otherError() {
+    return std::make_shared<const Error>(makeErrorDomain("other"), 0);
   }
 
   const std::uint64_t swallowed_ = swallowedExceptions();
@@ -115,9 +111,8 @@ TEST_F(SkeldaStreamTransferManagerTest, BeingOfflineCostsNoAttemptAndFreesThePla
   put(2);
   makeWithOneUpload();
   for (int i = 0; i < 5; ++i) {
-    const auto code = i % 2 == 0 ? platform::kURLErrorNotConnectedToInternet
-                                 : platform::kURLErrorNetworkConnectionLost;
-    complete("log1", platform::urlError(code));
+    const auto code = i % 2 == 0 ? kURLErrorNotConnectedToInternet : kURLErrorNetworkConnectionLost;
+    complete("log1", urlError(code));
     EXPECT_EQ(record("log1")->fileUploadRetryCounter(), 0);
     EXPECT_EQ(record("log1")->fileState(), 1u) << "and it is under way again";
     EXPECT_EQ(manager_->currentUploadCount(), 1);
@@ -129,11 +124,10 @@ TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
   put(2);
   makeWithOneUpload();
   // The same text and code in another domain object is not the same error.
-  const auto lookalike = std::make_shared<const platform::Error>(
-      platform::makeErrorDomain(platform::urlErrorDomain()->c_str()),
-      platform::kURLErrorNotConnectedToInternet);
+  const auto lookalike = std::make_shared<const Error>(makeErrorDomain(urlErrorDomain()->c_str()),
+                                                       kURLErrorNotConnectedToInternet);
   const std::uint64_t before = removed(SkeldaLogRemoval::thirdFailedTry);
-  for (const auto& error : {lookalike, otherError(), platform::urlError(-1001)}) {
+  for (const auto& error : {lookalike, otherError(), urlError(-1001)}) {
     EXPECT_TRUE(folder_->removed.empty());
     complete("log1", error);
   }
@@ -249,14 +243,14 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatCameWhileTheFolderCouldNotBeListedIs
   // Where they cannot be sent, the limit holds for them as for all others.
   put(10);
   listedAgain();
-  complete("log1", platform::urlError(platform::kURLErrorNetworkConnectionLost));
+  complete("log1", urlError(kURLErrorNetworkConnectionLost));
   settle();
   EXPECT_EQ(folder_->names.size(), 3u);
 }
 
 class FakeDataSender : public ISkeldaFrameLogDataSender {
  public:
-  bool sendFrameLogData(platform::Data data) override {
+  bool sendFrameLogData(Data data) override {
     if (failures > 0) return --failures, false;
     sent.push_back(data.string());
     return true;
@@ -267,17 +261,17 @@ class FakeDataSender : public ISkeldaFrameLogDataSender {
 
 struct Outcome {
   std::string name;
-  platform::ErrorRef error;
+  ErrorRef error;
 
   bool isLostConnection() const {
-    return error != nullptr && error->hasDomain(platform::urlErrorDomain()) &&
-           error->code() == platform::kURLErrorNetworkConnectionLost;
+    return error != nullptr && error->hasDomain(urlErrorDomain()) &&
+           error->code() == kURLErrorNetworkConnectionLost;
   }
 };
 
 class Outcomes : public ISkeldaFileTransferAgentDelegate, public Recorded<Outcome> {
  public:
-  void didCompleteTransfer(const std::string& name, platform::ErrorRef error) override {
+  void didCompleteTransfer(const std::string& name, ErrorRef error) override {
     add({name, std::move(error)});
   }
   void didAbandonTransfer() override { add({"abandoned", nullptr}); }
@@ -342,7 +336,7 @@ TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancell
 TEST_F(SkeldaLocalTransferAgentTest, WhatCannotBeStoredIsALostConnectionAfterALongerAndLongerWait) {
   using Clock = std::chrono::steady_clock;
   dataSender_->failures = 2;
-  for (const auto least : {std::chrono::milliseconds(50), std::chrono::milliseconds(100)}) {
+  for (const auto least : {50ms, 100ms}) {
     const auto begin = Clock::now();
     EXPECT_TRUE(transfer(file("log")).isLostConnection());
     EXPECT_GE(Clock::now() - begin, least);
@@ -352,23 +346,20 @@ TEST_F(SkeldaLocalTransferAgentTest, WhatCannotBeStoredIsALostConnectionAfterALo
 
 TEST_F(SkeldaLocalTransferAgentTest, ALogThatCannotBeReadJustNowIsALostConnection) {
   agent_ = SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
-      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-          SkeldaStreamFileHandle::fileHandle(), dataSender_,
-          platform::RetryDelay(std::chrono::milliseconds(1), std::chrono::milliseconds(8))),
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
+                                                               dataSender_, RetryDelay(1ms, 8ms)),
       SkeldaStreamFileManager::fileManager());
   agent_->setDelegate(outcomes_);
-  const struct {
-    const char* call;
-    int error;
-    int lostConnections;  // of eight tries, before it is a failure like any other
-  } cases[] = {{"open", EMFILE, 8}, {"open", ENFILE, 8}, {"open", ENOMEM, 8},
-               {"open", EACCES, 3}, {"read", EIO, 3},    {"open", ENXIO, 0}};
-  for (const auto& one : cases) {
+  // A lost connection so many times of eight, before it is a failure like any other.
+  const std::tuple<const char*, int, int> cases[] = {{"open", EMFILE, 8}, {"open", ENFILE, 8},
+                                                     {"open", ENOMEM, 8}, {"open", EACCES, 3},
+                                                     {"read", EIO, 3},    {"open", ENXIO, 0}};
+  for (const auto& [call, error, expected] : cases) {
     const FaultyFileCalls plan;
-    plan->failAll(one.call, one.error);
+    plan->failAll(call, error);
     int lost = 0;
     for (int tries = 0; tries < 8; ++tries) lost += transfer(file("log")).isLostConnection();
-    EXPECT_EQ(lost, one.lostConnections) << one.call << " " << one.error;
+    EXPECT_EQ(lost, expected) << call << " " << error;
     plan->clear();
     EXPECT_EQ(transfer(file("log")).error, nullptr);
   }

@@ -1,6 +1,3 @@
-#include <stdexcept>
-#include <thread>
-
 #include "Analytics/Utils/SkeldaActor/SkeldaActorDeferredQueue.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActorOperationQueue.h"
 #include "Platform/Dispatch/MainQueue.h"
@@ -8,11 +5,11 @@
 
 namespace {
 
-using platform::Happening;
+using namespace platform;
 
 class Counter : public SkeldaActor {
  public:
-  explicit Counter(platform::QueueRef target = nullptr) : SkeldaActor("Counter", target) {}
+  explicit Counter(QueueRef target = nullptr) : SkeldaActor("Counter", target) {}
   static std::shared_ptr<Counter> counter() { return made(new Counter); }
 
   void add(int n) { post<&Counter::onqueue_add>(n); }
@@ -79,7 +76,7 @@ TEST_F(SkeldaActorTest, SynchronousCallsFromWithinRunInlineThroughOtherActorsToo
 }
 
 TEST_F(SkeldaActorTest, WhatASynchronousBlockThrowsReachesTheCaller) {
-  struct Special : platform::Exception {
+  struct Special : Exception {
     Special() : Exception("Special", "of its own class") {}
   };
   for (const bool fromWithin : {false, true}) {
@@ -96,12 +93,12 @@ TEST_F(SkeldaActorTest, WhatASynchronousBlockThrowsReachesTheCaller) {
 }
 
 TEST_F(SkeldaActorTest, WhatAnAsynchronousBlockThrowsIsDroppedAndCounted) {
-  const platform::GroupRef group = platform::Group::make();
-  actor_->asyncBlock([] { throw platform::Exception("Name", "reason"); });
+  const GroupRef group = Group::make();
+  actor_->asyncBlock([] { throw Exception("Name", "reason"); });
   actor_->asyncBlock([] { throw 7; }, group);
   actor_->add(1);
   EXPECT_EQ(actor_->total(), 1);
-  EXPECT_EQ(actor_->syncGroup(group, platform::DispatchTime::now), 0);
+  EXPECT_EQ(actor_->syncGroup(group, DispatchTime::now), 0);
   expectLeft(actor_);
   expectSwallowed(2);
 }
@@ -109,8 +106,8 @@ TEST_F(SkeldaActorTest, WhatAnAsynchronousBlockThrowsIsDroppedAndCounted) {
 TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
   const std::thread::id owner = std::this_thread::get_id();
   std::string handedOff;
-  const auto handOff = [&](const platform::Exception& e) { handedOff = e.reason(); };
-  const auto wrap = [&](platform::Block block) {
+  const auto handOff = [&](const Exception& e) { handedOff = e.reason(); };
+  const auto wrap = [&](Block block) {
     return actor_->wrapSyncBlock(std::move(block), handOff, owner);
   };
   // Elsewhere than on the owner's thread.
@@ -118,7 +115,7 @@ TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
     wrap([&] {
       EXPECT_EQ(SkeldaActor::currentActor(), actor_);
       EXPECT_EQ(actor_->activeThread(), owner);
-      throw platform::Exception("Name", "handed off");
+      throw Exception("Name", "handed off");
     })();
     EXPECT_THROW(wrap([] { throw 7; })(), int);
     expectLeft(actor_);
@@ -139,7 +136,7 @@ TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
       [] { SkeldaActor(); },
       [&] { SkeldaActor actor(nothing); },
       [&] { actor_->asyncBlock(nullptr); },
-      [&] { actor_->asyncBlock(none, platform::Group::make()); },
+      [&] { actor_->asyncBlock(none, Group::make()); },
       [&] { actor_->asyncCallback(nullptr, kSkeldaActorNoQueue); },
       [&] { actor_->asyncCallback(none, kSkeldaActorNoQueue); },
       [&] { actor_->wrapAsyncBlock(none); },
@@ -147,7 +144,7 @@ TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
       [&] { SkeldaActorDeferredQueue(nothing, actor_); },
       [] { SkeldaActorDeferredQueue("Gate", nullptr); },
   };
-  for (const auto& call : calls) EXPECT_THROW(call(), platform::Exception) << &call - calls;
+  for (const auto& call : calls) EXPECT_THROW(call(), Exception) << &call - calls;
   actor_->syncBlock(nullptr);
   actor_->syncBlock(none);
   actor_->syncMainThreadBlock(none);
@@ -168,17 +165,17 @@ TEST_F(SkeldaActorTest, WhatAPostedBlockHeldGoesInsideTheActor) {
 // The block runs on another thread than its caller's, who waits inside an actor: it is still the
 // caller that calls into that actor again.
 TEST_F(SkeldaActorTest, AWaitingChainIsOneCaller) {
-  const auto onMain = SkeldaActor::made(new Counter(platform::Queue::main()));
+  const auto onMain = SkeldaActor::made(new Counter(Queue::main()));
   int reached = 0;
   actor_->syncBlock([&] {
     onMain->syncBlock([&] {
-      EXPECT_TRUE(platform::MainQueue::isMainThread());
+      EXPECT_TRUE(MainQueue::isMainThread());
       actor_->syncBlock([&] { ++reached; });
       onMain->syncBlock([&] { ++reached; });
     });
     actor_->syncMainThreadBlock([&] { actor_->syncBlock([&] { ++reached; }); });
   });
-  const auto shared = platform::Queue::serial("shared");
+  const auto shared = Queue::serial("shared");
   const auto one = SkeldaActor::made(new Counter(shared));
   const auto other = SkeldaActor::made(new Counter(shared));
   one->syncBlock([&] { other->syncBlock([&] { one->syncBlock([&] { ++reached; }); }); });
@@ -186,7 +183,7 @@ TEST_F(SkeldaActorTest, AWaitingChainIsOneCaller) {
 }
 
 TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {
-  const platform::GroupRef group = platform::Group::make();
+  const GroupRef group = Group::make();
   std::atomic<int> ran{0};
   Happening all(5);
   const auto inside = [&] {
@@ -199,33 +196,33 @@ TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {
   actor_->asyncBlock(inside, group);
   actor_->syncBlock([] {});
   EXPECT_EQ(ran, 1);
-  EXPECT_NE(actor_->syncGroup(group, platform::DispatchTime::now), 0);
+  EXPECT_NE(actor_->syncGroup(group, DispatchTime::now), 0);
   actor_->groupLeave(group);
-  EXPECT_EQ(actor_->syncGroup(group, platform::DispatchTime::forever), 0);
+  EXPECT_EQ(actor_->syncGroup(group, DispatchTime::forever), 0);
   actor_->asyncBlock(inside, std::int64_t{1'000'000});
-  actor_->asyncBlock(inside, platform::Date::now() + platform::Date::Microseconds(1000));
-  actor_->asyncBlock(inside, platform::Date::withTimeIntervalSince1970(-1.5));
+  actor_->asyncBlock(inside, Date::now() + Date::Microseconds(1000));
+  actor_->asyncBlock(inside, Date::withTimeIntervalSince1970(-1.5));
   EXPECT_TRUE(all.cameInTime());
 }
 
 TEST_F(SkeldaActorTest, CallbacksComeOutsideTheActorOnTheQueueAskedFor) {
-  const platform::QueueRef queue = platform::Queue::serial("callbacks");
+  const QueueRef queue = Queue::serial("callbacks");
   Happening called(3);
   actor_->syncBlock([&] {
     bool inlineCalled = false;
     actor_->asyncCallback([&] { inlineCalled = true; }, kSkeldaActorNoQueue);
     EXPECT_TRUE(inlineCalled);
-    for (const auto& on : {queue, platform::QueueRef()}) {
+    for (const auto& on : {queue, QueueRef()}) {
       actor_->asyncCallback(
           [&, on] {
             EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
-            EXPECT_TRUE((on != nullptr ? on : platform::Queue::global())->isCurrent());
+            EXPECT_TRUE((on != nullptr ? on : Queue::global())->isCurrent());
             called.happen();
           },
           on);
     }
     actor_->syncMainThreadBlock([&] {
-      EXPECT_TRUE(platform::MainQueue::isMainThread());
+      EXPECT_TRUE(MainQueue::isMainThread());
       actor_->syncMainThreadBlock([&] { called.happen(); });
     });
   });
@@ -234,7 +231,7 @@ TEST_F(SkeldaActorTest, CallbacksComeOutsideTheActorOnTheQueueAskedFor) {
 
 TEST_F(SkeldaActorTest, APostedBlockHoldsItsActor) {
   const std::weak_ptr<Counter> watched = other_;
-  const platform::QueueRef queue = other_->queue();
+  const QueueRef queue = other_->queue();
   queue->suspend();
   other_->asyncBlock([] {});
   other_.reset();
@@ -292,11 +289,11 @@ TEST_F(SkeldaActorDeferredQueueTest, ASynchronousBlockPassesAClosedGateOnlyFromI
   std::thread outside([&] {
     EXPECT_THROW(gate_->syncBlock([&] {
       passed = true;
-      throw platform::Exception("Name", "reason");
+      throw Exception("Name", "reason");
     }),
-                 platform::Exception);
+                 Exception);
   });
-  EXPECT_FALSE(Happening().cameInTime(std::chrono::milliseconds(20)));
+  EXPECT_FALSE(Happening().cameInTime(20ms));
   EXPECT_FALSE(passed);
   gate_->resume();
   outside.join();
@@ -324,7 +321,7 @@ TEST(SkeldaActorOperationQueueTest,
   const auto before = skelda::swallowedExceptions();
   std::vector<int> ran;
   const auto operation = [&](int number) {
-    return std::make_shared<platform::BlockOperation>([&, number] {
+    return std::make_shared<BlockOperation>([&, number] {
       actor->assertRunningInActor();
       ran.push_back(number);
       if (number % 2 != 0) throw number;

@@ -8,17 +8,18 @@
 #include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 
-using platform::Dictionary;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;
 
 namespace {
 
+using namespace platform;
+
 class Receiver : public ISkeldaWatchConnectivityReceiver {
  public:
   bool didReceiveUserInfo(const Dictionary& userInfo) override {
-    received.push_back(platform::jsonText(userInfo));
+    received.push_back(jsonText(userInfo));
     return userInfo.contains(kIOSVendorIDKey);
   }
   bool isSkeldaUserInfo(const Dictionary& userInfo) override {
@@ -30,12 +31,11 @@ class Receiver : public ISkeldaWatchConnectivityReceiver {
 class SkeldaWatchConnectivityTest : public testing::Test {
  protected:
   SkeldaWatchConnectivityTest() {
-    std::tie(watchEnd_, phoneEnd_) = platform::WCPairTransport::make();
-    platform::installWatchConnectivity(watchEnd_);
-    session_ = std::dynamic_pointer_cast<platform::WCSession>(
-        platform::ClassRegistry::shared().make("WCSession"));
+    std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
+    installWatchConnectivity(watchEnd_);
+    session_ = std::dynamic_pointer_cast<WCSession>(ClassRegistry::shared().make("WCSession"));
     connectivity_ = SkeldaWatchConnectivity::connectivity();
-    phone_ = platform::WCDefaultSession::make(phoneEnd_);
+    phone_ = WCDefaultSession::make(phoneEnd_);
     phone_->setDelegate(atPhone_);
     phone_->activateSession();
     watchEnd_->setJoined(true);
@@ -52,7 +52,7 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     atPhone_->wait(2);  // activated, and the watch has come
     drain();
   }
-  std::shared_ptr<RecordingDelegate> setHost(unsigned calls = platform::kWCAllDelegateCalls) {
+  std::shared_ptr<RecordingDelegate> setHost(unsigned calls = kWCAllDelegateCalls) {
     auto host = std::make_shared<RecordingDelegate>(calls);
     session_->setDelegate(host);
     return host;
@@ -68,9 +68,9 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     drain();
   }
 
-  platform::WCPairTransport::Ref watchEnd_, phoneEnd_;
-  std::shared_ptr<platform::WCSession> session_;
-  std::shared_ptr<platform::WCDefaultSession> phone_;
+  WCPairTransport::Ref watchEnd_, phoneEnd_;
+  std::shared_ptr<WCSession> session_;
+  std::shared_ptr<WCDefaultSession> phone_;
   std::shared_ptr<RecordingDelegate> atPhone_ = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Receiver> receiver_ = std::make_shared<Receiver>();
   std::shared_ptr<SkeldaWatchConnectivity> connectivity_;
@@ -121,11 +121,10 @@ TEST_F(SkeldaWatchConnectivityTest, TheAgentsOwnMessagesDoNotReachTheHostOthersR
 }
 
 TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersIt) {
-  const auto deaf = setHost(platform::kWCDidReceiveMessage);
+  const auto deaf = setHost(kWCDidReceiveMessage);
   setup();
-  EXPECT_EQ(session_->delegate()->answeredCalls(), platform::kWCDidReceiveMessage |
-                                                       platform::kWCDidReceiveUserInfo |
-                                                       platform::kWCDidFinishUserInfoTransfer);
+  EXPECT_EQ(session_->delegate()->answeredCalls(),
+            kWCDidReceiveMessage | kWCDidReceiveUserInfo | kWCDidFinishUserInfoTransfer);
   fromPhone({{"a", 1}});
   phone_->sendMessage({{"m", 1}});
   EXPECT_THAT(deaf->wait(1), ElementsAre(R"(message {"m":1})"));
@@ -139,13 +138,13 @@ TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersI
 }
 
 TEST_F(SkeldaWatchConnectivityTest, ADelegateThatIsGoneIsNotCalledAndItsClassIsRemembered) {
-  auto host = setHost(platform::kWCDidReceiveMessage);
+  auto host = setHost(kWCDidReceiveMessage);
   setup();
   host.reset();
   phone_->sendMessage({{"m", 1}});
   fromPhone({{"a", 1}});
   EXPECT_EQ(receiver_->received.size(), 1u);
-  EXPECT_TRUE(session_->delegate()->answeredCalls() & platform::kWCDidReceiveMessage);
+  EXPECT_TRUE(session_->delegate()->answeredCalls() & kWCDidReceiveMessage);
 }
 
 TEST_F(SkeldaWatchConnectivityTest, DisablingStopsSetUpAndTrackingButLeavesAnInstalledProxy) {
@@ -199,7 +198,7 @@ TEST_F(SkeldaWatchConnectivityTest, DelegatesSetFromManyThreadsEndWithTheProxyIn
 }
 
 TEST(SkeldaWatchConnectivityWithoutAPhone, IsInert) {
-  platform::ClassRegistry::shared().registerClass(
+  ClassRegistry::shared().registerClass(
       {.name = "WCSession", .superclass = {}, .protocols = {}, .factory = {}});
   const auto connectivity = SkeldaWatchConnectivity::connectivity();
   connectivity->setup();

@@ -2,10 +2,6 @@
 
 #include <fmt/format.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-
-#include <atomic>
-#include <functional>
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
@@ -46,7 +42,7 @@ class FrameLogWriter : public ::testing::Test {
         SkeldaStreamFileHandle::fileHandle(),
         SkeldaStreamMessageSerializer::streamMessageSerializer(),
         SkeldaStreamFrameDeserializer::streamFrameDeserializer(), {1}, {});
-    writer_->setRetryDelays(std::chrono::microseconds(10), std::chrono::microseconds(10));
+    writer_->setRetryDelays(10us, 10us);
     return *writer_;
   }
   /// Waits until it is ready, however often it has to try.
@@ -104,9 +100,9 @@ TEST_F(FrameLogWriter, RollsOnEveryFlushAndKeepsTheCrashFlagOfItsStatus) {
   startNew();
   std::size_t logs = 0;
   std::atomic<std::size_t> told = 0;
-  auto& center = platform::NotificationCenter::defaultCenter();
+  auto& center = NotificationCenter::defaultCenter();
   const auto token = center.addObserver(kSkeldaFrameLogWasCommitedNotification,
-                                        [&](const platform::Notification&) { ++told; });
+                                        [&](const Notification&) { ++told; });
   for (const int status : {0, 1, 3, 4, 5, 6}) {
     for (const bool before : {false, true}) {
       setCrashFlag(before);
@@ -255,7 +251,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
 
 // For as long as it takes: the reserve is given up and taken anew at each roll.
 TEST_F(FrameLogWriter, LosesNothingWhileThereAreNoDescriptors) {
-  platform::StorageReserve::take(SkeldaAgentFiles::reserveFile());
+  StorageReserve::take(SkeldaAgentFiles::reserveFile());
   startNew();
   struct ::rlimit before {};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -273,7 +269,7 @@ TEST_F(FrameLogWriter, LosesNothingWhileThereAreNoDescriptors) {
   for (const int fd : taken) ::close(fd);
   EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
   EXPECT_EQ(allLogs(), expected + "counter6");
-  platform::StorageReserve::forget();
+  StorageReserve::forget();
 }
 
 TEST_F(FrameLogWriter, LosesNothingWhicheverCallFails) {
@@ -321,7 +317,7 @@ TEST_F(FrameLogWriter, LosesNothingThatWasSynchronisedWhereverTheProcessDies) {
     {
       const FaultyFileCalls plan;
       // Tries again when the test is over: a dead process does not.
-      makeWriter().setRetryDelays(std::chrono::minutes(1), std::chrono::nanoseconds(1));
+      makeWriter().setRetryDelays(1min, 1ns);
       writer_->writePendingFiles();
       settle(*writer_);
       // From this call on nothing of the process reaches the disk any more.

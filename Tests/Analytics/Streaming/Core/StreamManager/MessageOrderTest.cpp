@@ -1,7 +1,5 @@
 // What reaches the logs, frame by frame, whatever ends a session or a log.
 
-#include <sstream>
-
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
@@ -234,22 +232,22 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
   ScopedEnvironment environment;
   for (const bool shown : {false, true}) {
     environment.set("SKELDA_LOG_VALUES", shown ? "1" : "0");
-    platform::Log::resetSink();
+    Log::resetSink();
     const AgentHome home;
     LogCapture log;
     const HostBundle bundle({{"CFBundleIdentifier", "com.example.run"}});
     const auto pipeline = Pipeline::make();
     const auto events = pipeline->module<ISkeldaEventFrameSource>();
-    const auto now = platform::Date::now();
-    const platform::Dictionary parameters{{"Secret", "Secret"}};
+    const auto now = Date::now();
+    const Dictionary parameters{{"Secret", "Secret"}};
     events->recordEvent("Secret", parameters, true, now);
     events->recordEvent("Secret", "no parameters", false, now);
-    events->recordEvent(platform::Array{"Secret"}, parameters, false, now);
+    events->recordEvent(Array{"Secret"}, parameters, false, now);
     events->endTimedEvent("Secret", parameters, now);
     const auto properties = pipeline->module<ISkeldaUserPropertiesSource>();
-    properties->setUserProperties("Secret", platform::Array{"Secret"});
+    properties->setUserProperties("Secret", Array{"Secret"});
     properties->setUserProperties("Secret", "no values");
-    properties->setUserProperties("Size", platform::Array{platform::Array{"Secret"}});
+    properties->setUserProperties("Size", Array{Array{"Secret"}});
     pipeline->module<ISkeldaUserDemographicsSource>()->setUserId("Secret");
     const auto sessionInfo = pipeline->module<SkeldaSessionInfoDataProvider>();
     sessionInfo->startUpWithApiKey("Secret");
@@ -265,7 +263,7 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
     EXPECT_EQ(log.count("(not shown)") > 0, !shown);
   }
   environment.set("SKELDA_LOG_VALUES", "0");
-  platform::Log::resetSink();
+  Log::resetSink();
 }
 
 }  // namespace

@@ -48,11 +48,10 @@ class Manager : public SkeldaStreamBaseManager {
 class SkeldaStreamBaseManagerTest : public ::testing::Test {
  protected:
   SkeldaStreamBaseManagerTest() {
-    platform::ClassRegistry::shared().registerClass(
-        {"SampleSource",
-         "SkeldaActorStreamComponentBase",
-         {"ISampleSource", "ISkeldaFrameSource"},
-         [] { return SampleSource::getSourceInstance(); }});
+    ClassRegistry::shared().registerClass({"SampleSource",
+                                           "SkeldaActorStreamComponentBase",
+                                           {"ISampleSource", "ISkeldaFrameSource"},
+                                           [] { return SampleSource::getSourceInstance(); }});
   }
 
   AgentHome home_;
@@ -74,7 +73,7 @@ TEST_F(SkeldaStreamBaseManagerTest, RaisesForModulesThatAreMissingOrOfTheWrongKi
       [&] { manager_->chainProviderClassObservers({{"one"}}); },
       [&] { manager_->startup({"never mentioned"}); },
   };
-  for (const auto& call : calls) EXPECT_THROW(call(), platform::Exception);
+  for (const auto& call : calls) EXPECT_THROW(call(), Exception);
 }
 
 TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDependsOnThem) {
@@ -91,8 +90,8 @@ TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDe
 
 TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAndIsNamed) {
   LogCapture log;
-  const auto make = []() -> platform::ObjectRef { throw std::runtime_error("no memory"); };
-  auto& registry = platform::ClassRegistry::shared();
+  const auto make = []() -> ObjectRef { throw std::runtime_error("no memory"); };
+  auto& registry = ClassRegistry::shared();
   registry.registerClass(
       {"BrokenSource", "SkeldaActorStreamComponentBase", {"ISkeldaFrameSource"}, make});
   registry.registerClass({"BrokenProvider", "SkeldaDataProvider", {}, make});
@@ -118,7 +117,7 @@ TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   const std::string duration = "Skelda Watch Duration Threshold";
   const struct {
     std::string key;
-    platform::Value value;
+    Value value;
     std::int32_t events, minutes;
     std::string line;
   } cases[] = {
@@ -132,8 +131,8 @@ TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
       {event, -1, 5, 10, "Watch event threshold may not be below 5"},
       {event, 7.9, 7, 10, ""},
       {event, true, 5, 10, "Watch event threshold may not be below 5"},
-      {event, platform::Array{12}, 5, 10, "Watch event threshold may not be below 5"},
-      {event, platform::Data("\x0c"), 5, 10, "Watch event threshold may not be below 5"},
+      {event, Array{12}, 5, 10, "Watch event threshold may not be below 5"},
+      {event, Data("\x0c"), 5, 10, "Watch event threshold may not be below 5"},
       {duration, 4, 10, 5, "Watch duration threshold may not be below 5"},
       {duration, 60, 10, 60, ""},
       {duration, 61, 10, 60, "Watch duration threshold may not be above 60"},

@@ -1,11 +1,8 @@
 // Every entity class: what it writes, what it reads back, when it refuses; and what an event takes.
 
-#include <gtest/gtest.h>
-
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/JSONReader.h"
-#include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
@@ -13,8 +10,8 @@ using namespace skelda::testing;
 
 namespace {
 
-platform::Data jsonData(std::string_view json) {
-  return platform::Data(json.data(), json.size());
+Data jsonData(std::string_view json) {
+  return Data(json.data(), json.size());
 }
 
 }  // namespace
@@ -28,7 +25,7 @@ TEST(EntityPayload, IsTheSameTextByEveryWayAndComesBackAsItWentIn) {
     EXPECT_EQ(entity.className(), sample.name);
     EXPECT_EQ(entity.jsonRepresentation(), sample.payload) << sample.name;
     EXPECT_EQ(entity.payload()->string(), sample.payload);
-    EXPECT_EQ(platform::jsonText(*entity.dictionaryRepresentation()), sample.payload);
+    EXPECT_EQ(jsonText(*entity.dictionaryRepresentation()), sample.payload);
 
     const auto read = sample.readBack(jsonData(sample.payload));
     ASSERT_NE(read, nullptr) << entity.className();
@@ -41,21 +38,20 @@ TEST(EntityPayload, IsTheSameTextByEveryWayAndComesBackAsItWentIn) {
 TEST(EntityPayload, IsRefusedWhereARequiredKeyIsMissingOrOfTheWrongKind) {
   for (const EntitySample& sample : entitySamples()) {
     const auto name = sample.entity->className();
-    platform::Dictionary required;
+    Dictionary required;
     for (const SkeldaRecordField& field : sample.entity->fields()) {
-      const auto whole = *platform::readJSON(sample.payload)->dictionary();
-      platform::Dictionary without = whole;
+      const auto whole = *readJSON(sample.payload)->dictionary();
+      Dictionary without = whole;
       ASSERT_TRUE(without.erase(field.key)) << field.key;
-      EXPECT_EQ(sample.readBack(jsonData(platform::jsonText(without))) == nullptr, field.isRequired)
+      EXPECT_EQ(sample.readBack(jsonData(jsonText(without))) == nullptr, field.isRequired)
           << name << " " << field.key;
       if (!field.isRequired) continue;
       required.append(std::string(field.key), *whole.find(field.key));
-      platform::Dictionary wrong = whole;
+      Dictionary wrong = whole;
       wrong.set(std::string(field.key), nullptr);
-      EXPECT_EQ(sample.readBack(jsonData(platform::jsonText(wrong))), nullptr)
-          << name << " " << field.key;
+      EXPECT_EQ(sample.readBack(jsonData(jsonText(wrong))), nullptr) << name << " " << field.key;
     }
-    EXPECT_NE(sample.readBack(jsonData(platform::jsonText(required))), nullptr) << name;
+    EXPECT_NE(sample.readBack(jsonData(jsonText(required))), nullptr) << name;
     for (const char* text : {"", "{", "[]", "null", "7", "\xFF", "{}{}"}) {
       EXPECT_EQ(sample.readBack(jsonData(text)), nullptr) << name << " " << text;
     }
@@ -79,9 +75,9 @@ TEST(EntityPayload, IsAbsentForARecordThatIsNotValid) {
       SkeldaStreamUserGender::userGenderWithGender(2),
       SkeldaStreamUserBirthdate::userBirthdateWithDate(nothing),
       SkeldaStreamConsent::gdprScope(true, nothing),
-      SkeldaStreamUserProperties::updateUserPropertiesName("n", platform::Array{}, 0),
-      SkeldaStreamUserProperties::updateUserPropertiesName("n", platform::Array{}, 7),
-      SkeldaStreamUserProperties::updateUserPropertiesName(nothing, platform::Array{}, 1),
+      SkeldaStreamUserProperties::updateUserPropertiesName("n", Array{}, 0),
+      SkeldaStreamUserProperties::updateUserPropertiesName("n", Array{}, 7),
+      SkeldaStreamUserProperties::updateUserPropertiesName(nothing, Array{}, 1),
       SkeldaStreamUserProperties::updateUserPropertiesName("n", nothing, 1),
       std::make_shared<SkeldaStreamUserProperties>(),
       SkeldaStreamUserProperties::streamEntityFromJSONData(
@@ -119,11 +115,11 @@ TEST(EntityPayload, LeavesOutWhatIsNil) {
 }
 
 TEST(Entity, IsStampedWhenMadeAndItsCopyKeepsTheStampsAndTheSessionsOwnFields) {
-  const auto now = platform::Date::now();
+  const auto now = Date::now();
   const auto uptime = SkeldaUtil::uptimeInMilliseconds();
-  SkeldaStreamSessionId session(platform::Date(), 5, 2);
+  SkeldaStreamSessionId session(Date(), 5, 2);
   const auto epoch = std::chrono::milliseconds(session.epochTimeStamp());
-  EXPECT_LT(std::chrono::abs(platform::Date(epoch) - now), std::chrono::seconds(10));
+  EXPECT_LT(std::chrono::abs(Date(epoch) - now), 10s);
   EXPECT_NEAR(static_cast<double>(session.relativeTimeStamp()), static_cast<double>(uptime), 1e4);
   session.setFrameVersion(0);
   session.setEpochTimeStamp(1);
@@ -144,11 +140,10 @@ TEST(SkeldaStreamSessionId, ReadsItsStartAsAFloatingPointNumber) {
 }
 
 TEST(SkeldaStreamSessionId, ComesBackFromItsArchiveAndFromNoOther) {
-  SkeldaStreamSessionId session(platform::Date::now(), 5, -2);
+  SkeldaStreamSessionId session(Date::now(), 5, -2);
   session.setElapsedEndTime(7);
-  const platform::KeyedArchive archive = session.archive();
-  const auto restored =
-      SkeldaStreamSessionId::fromArchive(platform::unarchivedObject(archivedData(archive)));
+  const KeyedArchive archive = session.archive();
+  const auto restored = SkeldaStreamSessionId::fromArchive(unarchivedObject(archivedData(archive)));
   ASSERT_NE(restored, nullptr);
   EXPECT_EQ(restored->startupTime(), session.startupTime());
   EXPECT_EQ(restored->payload(), session.payload());
@@ -156,7 +151,7 @@ TEST(SkeldaStreamSessionId, ComesBackFromItsArchiveAndFromNoOther) {
   EXPECT_EQ(SkeldaStreamSessionId::fromArchive({"NSDictionary", archive.root}), nullptr);
   EXPECT_EQ(SkeldaStreamSessionId::fromArchive({archive.className, "text"}), nullptr);
   for (const auto& [key, value] : *archive.root.dictionary()) {
-    platform::Dictionary without = *archive.root.dictionary();
+    Dictionary without = *archive.root.dictionary();
     without.erase(key);
     EXPECT_EQ(SkeldaStreamSessionId::fromArchive({archive.className, without}), nullptr) << key;
     without.set(key, "text");
@@ -169,14 +164,14 @@ namespace {
 constexpr std::int64_t kNoon = 1600000000000;
 
 std::string encoded(std::string_view text) {
-  return platform::base64Encoded(text);
+  return base64Encoded(text);
 }
 
-platform::Date dateAt(std::int64_t milliseconds) {
+Date dateAt(std::int64_t milliseconds) {
   return SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(milliseconds);
 }
 
-std::shared_ptr<SkeldaStreamEvent> event(const platform::Value& parameters, bool timed = false,
+std::shared_ptr<SkeldaStreamEvent> event(const Value& parameters, bool timed = false,
                                          std::shared_ptr<SkeldaTransaction> transaction = nullptr,
                                          std::int64_t at = kNoon) {
   return SkeldaStreamEvent::streamEventWithEventName(
@@ -184,9 +179,8 @@ std::shared_ptr<SkeldaStreamEvent> event(const platform::Value& parameters, bool
 }
 
 /// Parameters "<prefix>0" to "<prefix>count-1", each with the value `value`.
-platform::Dictionary parameters(int count, const std::string& prefix = "k",
-                                const char* value = "v") {
-  platform::Dictionary dictionary;
+Dictionary parameters(int count, const std::string& prefix = "k", const char* value = "v") {
+  Dictionary dictionary;
   for (int i = 0; i < count; ++i) dictionary.append(prefix + std::to_string(i), value);
   return dictionary;
 }
@@ -195,21 +189,21 @@ platform::Dictionary parameters(int count, const std::string& prefix = "k",
 
 TEST(SkeldaStreamEvent, LeavesOutWhatIsEmptyAndOfElevenParametersAllButTheirCount) {
   EXPECT_EQ(event({{"n", 3}, {"", "x"}, {"empty", ""}, {"bad", "\xFF"}})->parameters(),
-            (platform::Dictionary{{encoded("n"), encoded("3")}}));
+            (Dictionary{{encoded("n"), encoded("3")}}));
   EXPECT_EQ(event(parameters(10))->parameters().size(), 10U);
   const auto purchase = SkeldaTransaction::transactionUsingUserDictionary({{"sk.ProductID", "p"}});
   const auto eleven = event(parameters(11), false, purchase);
   EXPECT_TRUE(eleven->parameters().empty());
   EXPECT_EQ(eleven->skeldaParameters(),
-            (platform::Dictionary{{encoded("sk.parameter.limit.exceeded"), encoded("11")},
-                                  {encoded("sk.ProductID"), encoded("p")},
-                                  {encoded("sk.store.id"), encoded("1")}}));
+            (Dictionary{{encoded("sk.parameter.limit.exceeded"), encoded("11")},
+                        {encoded("sk.ProductID"), encoded("p")},
+                        {encoded("sk.store.id"), encoded("1")}}));
   EXPECT_EQ(SkeldaStreamEvent::streamEntityFromJSONData(*eleven->payload())->skeldaParameters(),
             eleven->skeldaParameters());
 }
 
 TEST(SkeldaStreamEvent, IsNotValidWithoutANameOrATime) {
-  const auto make = [](std::optional<std::string_view> name, std::optional<platform::Date> date) {
+  const auto make = [](std::optional<std::string_view> name, std::optional<Date> date) {
     return SkeldaStreamEvent::streamEventWithEventName(name, std::nullopt, false, false, nullptr,
                                                        nullptr, date);
   };
@@ -243,10 +237,10 @@ TEST(SkeldaStreamEvent, EndsWithTheIdOfItsStartAndTheTimeBetween) {
 }
 
 TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
-  platform::Dictionary atStart = parameters(4, "s");
+  Dictionary atStart = parameters(4, "s");
   atStart.append("uuid", "1");
   atStart.append("both", "start");
-  platform::Dictionary atEnd = parameters(5, "e");
+  Dictionary atEnd = parameters(5, "e");
   atEnd.append("both", "end");
   const auto start = event(atStart, true);
 
@@ -267,16 +261,16 @@ TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
 }
 
 TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {
-  const platform::Dictionary full{{"sk.TransactionIdentifier", "t"},
-                                  {"sk.OriginalTransactionIdentifier", "o"},
-                                  {"sk.ProductID", "p"},
-                                  {"sk.Quantity", "2"},
-                                  {"sk.Price", "3.5"},
-                                  {"sk.Currency", "EUR"},
-                                  {"sk.ProductName", "n"},
-                                  {"sk.Receipt", platform::Data("\0\xFFr", 3)},
-                                  {"sk.store.id", "9"},
-                                  {"sk.country.code", "DE"}};
+  const Dictionary full{{"sk.TransactionIdentifier", "t"},
+                        {"sk.OriginalTransactionIdentifier", "o"},
+                        {"sk.ProductID", "p"},
+                        {"sk.Quantity", "2"},
+                        {"sk.Price", "3.5"},
+                        {"sk.Currency", "EUR"},
+                        {"sk.ProductName", "n"},
+                        {"sk.Receipt", Data("\0\xFFr", 3)},
+                        {"sk.store.id", "9"},
+                        {"sk.country.code", "DE"}};
   auto transaction = SkeldaTransaction::transactionUsingDictionary(full);
   EXPECT_EQ(transaction->dictionaryRepresentation(), full);
   const auto encodedForm = transaction->encoded2TransactionDictionary();
@@ -286,16 +280,14 @@ TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {
   transaction->setTransactionState("Success");
   const auto archive = transaction->archive();
   EXPECT_TRUE(archive.root.dictionary()->contains("quanity"));
-  const auto restored =
-      SkeldaTransaction::fromArchive(platform::unarchivedObject(archivedData(archive)));
+  const auto restored = SkeldaTransaction::fromArchive(unarchivedObject(archivedData(archive)));
   ASSERT_NE(restored, nullptr);
   EXPECT_EQ(restored->storeId(), std::nullopt) << "archives do without it";
   EXPECT_EQ(restored->transactionState(), "Success");
   transaction->setStoreId(std::nullopt);
   EXPECT_EQ(restored->dictionaryRepresentation(), transaction->dictionaryRepresentation());
   EXPECT_EQ(SkeldaTransaction::fromArchive({"Other", archive.root}), nullptr);
-  EXPECT_EQ(SkeldaTransaction::fromArchive({archive.className, platform::Dictionary{{"price", 1}}}),
-            nullptr);
+  EXPECT_EQ(SkeldaTransaction::fromArchive({archive.className, Dictionary{{"price", 1}}}), nullptr);
 }
 
 TEST(SkeldaTransaction, TakesFromAHostWhatAHostMaySay) {
@@ -305,5 +297,5 @@ TEST(SkeldaTransaction, TakesFromAHostWhatAHostMaySay) {
                                                          {"sk.Receipt", "text"},
                                                          {"sk.store.id", "9"}});
   EXPECT_EQ(transaction->dictionaryRepresentation(),
-            (platform::Dictionary{{"sk.Price", "3.5"}, {"sk.store.id", "1"}}));
+            (Dictionary{{"sk.Price", "3.5"}, {"sk.store.id", "1"}}));
 }

@@ -1,9 +1,7 @@
 // The documents of the format say what the code does.
 
 #include <regex>
-#include <sstream>
 
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
@@ -23,7 +21,7 @@ std::string frameOf(std::shared_ptr<Entity> entity, std::int8_t version) {
 }
 
 /// The keys of a payload and of the objects in it, those excepted that a host makes up.
-void addKeys(const platform::Dictionary& payload, std::set<std::string>& keys) {
+void addKeys(const Dictionary& payload, std::set<std::string>& keys) {
   static const std::set<std::string> kHostsOwn = {
       "sk.event.user.parameters", "sk.event.skelda.parameters", "sk.consent.strings"};
   for (const auto& [key, value] : payload) {

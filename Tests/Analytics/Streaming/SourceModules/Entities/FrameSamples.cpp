@@ -1,21 +1,18 @@
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 
-#include <sstream>
-
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Platform/Foundation/JSONReader.h"
-#include "Platform/Foundation/JSONWriter.h"
 #include "Tests/Support/Documents.h"
 
 namespace skelda::testing {
 namespace {
 
-using Read = std::shared_ptr<SkeldaStreamRecord> (*)(const platform::Data&);
+using Read = std::shared_ptr<SkeldaStreamRecord> (*)(const Data&);
 
 template <class... Entities>
 std::map<std::string, Read, std::less<>> readersOf() {
   return {{std::string(Entities::kClassName),
-           [](const platform::Data& json) -> std::shared_ptr<SkeldaStreamRecord> {
+           [](const Data& json) -> std::shared_ptr<SkeldaStreamRecord> {
              return Entities::streamEntityFromJSONData(json);
            }}...};
 }
@@ -115,10 +112,10 @@ std::vector<EntitySample> entitySamples() {
   auto samples = entriesOfThePage();
   for (auto& sample : samples) {
     sample.readBack = readers.extract(sample.name).mapped();
-    sample.payload = platform::jsonText(platform::readJSON(sample.payload).value());
+    sample.payload = jsonText(readJSON(sample.payload).value());
     sample.entity = madeByHand(sample.name);
     if (sample.entity == nullptr) {
-      sample.entity = sample.readBack(platform::Data(sample.payload.data(), sample.payload.size()));
+      sample.entity = sample.readBack(Data(sample.payload.data(), sample.payload.size()));
     }
   }
   if (!readers.empty()) throw std::runtime_error("no entry: " + readers.begin()->first);

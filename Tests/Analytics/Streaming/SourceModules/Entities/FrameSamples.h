@@ -1,12 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <set>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
@@ -30,6 +23,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -61,7 +55,7 @@ inline SkeldaStreamMessage message(std::int8_t version, std::int32_t type,
   message.setFrameType(type);
   message.setEpochTimeStamp(1600000000000);
   message.setRelativeTimeStamp(5000);
-  if (payload) message.setPayload(platform::Data(*std::move(payload)));
+  if (payload) message.setPayload(Data(*std::move(payload)));
   return message;
 }
 
@@ -72,7 +66,7 @@ struct EntitySample {
   std::set<std::string> keys;
   std::string payload;
   std::shared_ptr<SkeldaStreamRecord> entity;
-  std::shared_ptr<SkeldaStreamRecord> (*readBack)(const platform::Data&) = nullptr;
+  std::shared_ptr<SkeldaStreamRecord> (*readBack)(const Data&) = nullptr;
 };
 
 /// All of them, in the order of the page.

@@ -3,7 +3,6 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaUtil.h"
@@ -126,7 +125,7 @@ TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces)
 
 TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
   std::size_t consumed = 0;
-  platform::ErrorRef error;
+  ErrorRef error;
   const std::string bytes =
       frameBytes(0, 0xFEDC86, "payload", -1, -2) + "\x01\x02\x03\x84" + "rest";
   const auto frame = kReader->streamFrameFromData(bytes, &consumed, &error);
@@ -156,8 +155,7 @@ namespace {
 /// Remembers what was asked for.
 class RecordingHandle : public SkeldaStreamFileHandle {
  public:
-  std::optional<platform::Data> readDataOfLength(std::size_t length,
-                                                 platform::ErrorRef* error) override {
+  std::optional<Data> readDataOfLength(std::size_t length, ErrorRef* error) override {
     requests.push_back(length);
     return SkeldaStreamFileHandle::readDataOfLength(length, error);
   }
@@ -173,7 +171,7 @@ std::string frames(std::size_t count, std::size_t length) {
 
 class SkeldaStreamFrameIteratorTest : public ::testing::Test {
  protected:
-  std::shared_ptr<SkeldaStreamFrameIterator> iterator(const platform::Dictionary& config = {}) {
+  std::shared_ptr<SkeldaStreamFrameIterator> iterator(const Dictionary& config = {}) {
     return SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
         handle_, SkeldaStreamFrameDeserializer::streamFrameDeserializer(), config);
   }
@@ -230,7 +228,7 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
     handle_->requests.clear();
     const auto reading = iterator();
     EXPECT_EQ(reading->state(), 0);
-    platform::ErrorRef error;
+    ErrorRef error;
     EXPECT_EQ(reading->open(path_, &error), tried.file.empty() ? 3 : 1);
     EXPECT_EQ(drain(*reading), tried.seen);
     EXPECT_EQ(reading->state(), tried.last);
@@ -254,7 +252,7 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
 }
 
 TEST_F(SkeldaStreamFrameIteratorTest, PassesOnWhyAFileCannotBeOpenedOrRead) {
-  platform::ErrorRef error;
+  ErrorRef error;
   const auto reading = iterator();
   EXPECT_EQ(reading->open(folder_ / "absent", &error), 2);
   ASSERT_NE(error, nullptr);

@@ -30,8 +30,6 @@
 namespace skelda::testing {
 namespace {
 
-using platform::Array;
-using platform::Value;
 using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
@@ -71,8 +69,8 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
   environment.set("TZ", "Europe/Oslo");
   SourceRig<SkeldaLocaleInfoSource> locale;
   SourceRig<SkeldaTimeZoneInfoSource> zone;
-  auto& center = platform::NotificationCenter::defaultCenter();
-  center.post(platform::kCurrentLocaleDidChangeNotification);  // nobody listens before the start
+  auto& center = NotificationCenter::defaultCenter();
+  center.post(kCurrentLocaleDidChangeNotification);  // nobody listens before the start
   EXPECT_THAT(locale.texts(), IsEmpty());
   locale->startup();
   zone->startup();
@@ -83,12 +81,12 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
 
   environment.set("LC_ALL", "de_CH");
   environment.set("TZ", "Europe/Zurich");
-  center.post(platform::kCurrentLocaleDidChangeNotification);
-  center.post(platform::kSystemTimeZoneDidChangeNotification);
+  center.post(kCurrentLocaleDidChangeNotification);
+  center.post(kSystemTimeZoneDidChangeNotification);
   EXPECT_EQ(locale.texts().back(), R"(148 {"sk.country":"CH","sk.language":"de"})");
   EXPECT_EQ(zone.texts().back(), R"(162 {"sk.timezone.value":"Europe/Zurich"})");
   locale.source.reset();
-  center.post(platform::kCurrentLocaleDidChangeNotification);  // a source that is gone is not told
+  center.post(kCurrentLocaleDidChangeNotification);  // a source that is gone is not told
 }
 
 TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
@@ -222,7 +220,7 @@ TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough)
   const auto core = std::make_shared<SkeldaConsentCore>();
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotProvided);
   const auto early = std::make_shared<Observer>(core);
-  core->registerObserver(early, platform::Queue::serial("consent"));
+  core->registerObserver(early, Queue::serial("consent"));
   EXPECT_FALSE(core->updateUserConsent({true, {}}));
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kInGDPRScope);
   EXPECT_TRUE(core->updateUserConsent({true, {{"iab", "x"}}, true}));
@@ -262,10 +260,10 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
   static bool isRepeated = false;
   if (std::exchange(isRepeated, true)) GTEST_SKIP() << "a process connects its phone once";
   const AgentHome home;
-  const auto [watchEnd, phoneEnd] = platform::WCPairTransport::make();
-  platform::installWatchConnectivity(watchEnd);
+  const auto [watchEnd, phoneEnd] = WCPairTransport::make();
+  installWatchConnectivity(watchEnd);
   const auto atPhone = std::make_shared<RecordingDelegate>();
-  const auto phone = platform::WCDefaultSession::make(phoneEnd);
+  const auto phone = WCDefaultSession::make(phoneEnd);
   phone->setDelegate(atPhone);
   phone->activateSession();
   const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
@@ -282,13 +280,12 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 
   // What holds no identifier changes nothing, and what cannot be one is not kept.
   EXPECT_FALSE(first->didReceiveUserInfo({{"host", "x"}}));
-  const std::pair<platform::Value, platform::Value> bad[] = {
-      {7, "no hex"},
-      {"", ""},
-      {nullptr, nullptr},
-      {"\xff", std::string((1 << 20) + 1, 'a')},
-      {platform::Array{"VENDOR"}, "00f\xff"},
-      {platform::Dictionary(), std::string("00\0", 4)}};
+  const std::pair<Value, Value> bad[] = {{7, "no hex"},
+                                         {"", ""},
+                                         {nullptr, nullptr},
+                                         {"\xff", std::string((1 << 20) + 1, 'a')},
+                                         {Array{"VENDOR"}, "00f\xff"},
+                                         {Dictionary(), std::string("00\0", 4)}};
   for (const auto& [vendor, installation] : bad) {
     EXPECT_TRUE(
         first->didReceiveUserInfo({{"skelda://id1", vendor}, {"skelda://id2", installation}}));
@@ -348,13 +345,13 @@ class ImpatientSource : public SkeldaReportedIdentifiersSource {
   static std::shared_ptr<ImpatientSource> getSourceInstance() { return made(new ImpatientSource); }
 
  private:
-  ImpatientSource() { pollInterval_ = std::chrono::milliseconds(300); }
+  ImpatientSource() { pollInterval_ = 300ms; }
 };
 
 TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) {
   const AgentHome home;
   const TemporaryDirectory machine;
-  platform::setSystemRoot(machine.path());
+  setSystemRoot(machine.path());
   SourceRig<ImpatientSource> rig;
   rig->queryAndSendIDs();
   ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
@@ -362,7 +359,7 @@ TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) 
   std::ofstream(machine.path() + "/etc/machine-id") << std::string(32, 'a') << "\n";
   // The agent's own device identifier, and the vendor identifier, each alone.
   EXPECT_EQ(rig.recorder->messages(3).size(), 3U);
-  platform::setSystemRoot("");
+  setSystemRoot("");
 }
 
 TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {

@@ -1,14 +1,8 @@
+// What the layer is told of folders and descriptors.
+
 #include "Platform/Dispatch/FolderSource.h"
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-
+#include "Platform/Dispatch/ReadSource.h"
+#include "Platform/Dispatch/Wanted.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 #include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -69,8 +63,7 @@ class FolderSourceTest : public ::testing::Test {
   }
 
   const skelda::testing::TemporaryDirectory temporary_;
-  const fs::path outer_ = temporary_.path();
-  const fs::path folder_ = outer_ / "watched";
+  const fs::path outer_ = temporary_.path(), folder_ = outer_ / "watched";
   int descriptor_ = -1;
   QueueRef queue_ = Queue::serial("events");
   skelda::testing::Recorded<unsigned> seen_;
@@ -166,6 +159,33 @@ TEST_F(FolderSourceTest, TheCancelHandlerComesOnceAndNothingAfterIt) {
     EXPECT_EQ(cancelled, i);
   }
   EXPECT_EQ(systemsWatches(), before);
+}
+
+TEST(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+  const QueueRef queue = Queue::serial("reads");
+  const auto source = ReadSource::make(ends[0], queue);
+  EXPECT_FALSE(Wanted::any()) << "nothing was refused";
+  std::atomic<int> told{0}, cancelled{0};
+  Happening hungUp;
+  source->setEventHandler([&] {
+    if (++told == 1) hungUp.happen();
+    source->cancel();
+  });
+  source->setCancelHandler([&] { ++cancelled; });
+  close(ends[1]);
+  EXPECT_FALSE(Happening().cameInTime(10ms));
+  expectDrained(queue);
+  EXPECT_EQ(told, 0);
+  EXPECT_FALSE(Wanted::any()) << "nobody goes on asking for what is there";
+  source->resume();
+  EXPECT_TRUE(hungUp.cameInTime());
+  source->cancel();
+  expectDrained(queue);
+  EXPECT_EQ(told, 1);
+  EXPECT_EQ(cancelled, 1);
+  close(ends[0]);
 }
 
 }  // namespace
