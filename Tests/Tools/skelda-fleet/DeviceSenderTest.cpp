@@ -20,6 +20,7 @@ namespace skelda::testing {
 namespace {
 
 using namespace skelda::fleet;
+using skelda::fleet::Log;
 
 /// Holds each request until the test says how it ends.
 class HeldAnswers {
