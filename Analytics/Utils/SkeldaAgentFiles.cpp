@@ -42,7 +42,10 @@ std::string SkeldaAgentFiles::storageFolderPath() {
 }
 
 std::string SkeldaAgentFiles::inStorageFolder(std::string_view name) {
-  return fmt::format("{}/{}", storageFolder(), name);
+  const std::string folder = storageFolder();
+  std::string path;
+  path.reserve(folder.size() + 1 + name.size());
+  return path.append(folder).append("/").append(name);
 }
 
 std::string SkeldaAgentFiles::lockFile() {

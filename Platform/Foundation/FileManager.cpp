@@ -43,17 +43,22 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
 
 /// What the temporary names of this process begin with: a sweep passes over them. The process id
 /// tells a forked child, and the random number a later process with the same id.
-std::string ownTemporaryPrefix(std::string_view before = {}) {
-  static NeverDestroyed<std::string> random([] {
+/// `folder` and a slash, or nothing, and how the names of this process's temporary files begin.
+std::string ownTemporaryPrefix(std::string_view folder = {}) {
+  static NeverDestroyed<std::string> name([] {
     std::random_device device;
-    return fmt::format("{:08x}{:08x}", device(), device());
+    return fmt::format("{}{:08x}{:08x}-", FileManager::kTemporaryPrefix, device(), device());
   });
-  return fmt::format("{}{}{}-{}-", before, FileManager::kTemporaryPrefix, *random, processID());
+  constexpr std::size_t kRoom = 96;  // for the rest of the name
+  std::string prefix;
+  prefix.reserve(folder.size() + kRoom);
+  prefix.append(folder).append(folder.empty() ? "" : "/").append(*name);
+  return prefix.append(std::to_string(processID())).append("-");
 }
 
-std::string temporaryPath(std::string folder) {
+std::string temporaryPath(std::string_view folder) {
   static constinit std::atomic<std::uint64_t> count{0};
-  return ownTemporaryPrefix(folder += '/') + std::to_string(++count);
+  return ownTemporaryPrefix(folder).append(std::to_string(++count));
 }
 
 /// Moves `from` to `to`, which must not exist. File systems that have no such rename still have

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <utility>
 
 #include "Platform/Foundation/NumberText.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -43,6 +44,7 @@ bool isPlain(std::string_view text) {
 }
 
 const std::uint8_t* skipPlain(const std::uint8_t* at, const std::uint8_t* end) {
+  while (end - at >= 8 && !hasSpecialByte(loadWord(at))) at += 8;
   while (at != end && isPlain(*at)) ++at;
   return at;
 }
@@ -99,17 +101,31 @@ void appendEscapedText(std::string& out, std::string_view text) {
   }
 }
 
-void appendQuoted(std::string& out, std::string_view text) {
-  if (isPlain(text)) {
-    // Nearly all texts: room is made once, and the quotes come with it.
-    const std::size_t start = out.size();
-    out.append(text.size() + 2, '"');
-    text.copy(out.data() + start + 1, text.size());
-    return;
-  }
+/// Room for nearly all texts, with the signs around them.
+constexpr std::size_t kShortText = 60;
+using ShortText = std::array<char, kShortText + 4>;
+
+/// With quotes, at `to`; how long that is. Only of a plain text that is short.
+std::size_t quote(std::string_view text, char* to) {
+  to[0] = to[text.size() + 1] = '"';
+  text.copy(to + 1, text.size());
+  return text.size() + 2;
+}
+
+bool isShortAndPlain(std::string_view text) {
+  return text.size() <= kShortText && isPlain(text);
+}
+
+[[gnu::noinline]] void appendEscapedQuoted(std::string& out, std::string_view text) {
   out += '"';
   appendEscapedText(out, text);
   out += '"';
+}
+
+void appendQuoted(std::string& out, std::string_view text) {
+  if (!isShortAndPlain(text)) return appendEscapedQuoted(out, text);
+  ShortText whole;
+  out.append(whole.data(), quote(text, whole.data()));
 }
 
 template <class Integer>
@@ -177,10 +193,19 @@ void JSONWriter::endArray() {
 }
 
 void JSONWriter::key(std::string_view name) {
-  separate();
-  appendQuoted(out_, name);
-  out_ += ':';
-  if (pretty_) out_ += ' ';
+  if (!pretty_ && isShortAndPlain(name)) {
+    // Nearly all: appended at once.
+    ShortText whole;
+    std::size_t length = 0;
+    if (std::exchange(needsComma_, true)) whole[length++] = ',';
+    length += quote(name, whole.data() + length);
+    whole[length++] = ':';
+    out_.append(whole.data(), length);
+  } else {
+    separate();
+    appendEscapedQuoted(out_, name);
+    out_.append(pretty_ ? ": " : ":");
+  }
   afterKey_ = true;
 }
 

@@ -21,6 +21,7 @@ class ParsedURL {
   ParsedURL& operator=(const ParsedURL&) = delete;
 
   bool isValid() const noexcept { return handle_ != nullptr; }
+  CURLU* handle() const noexcept { return handle_; }
   std::string part(CURLUPart part, unsigned flags = 0) const {
     char* text = nullptr;
     if (handle_ == nullptr || curl_url_get(handle_, part, &text, flags) != CURLUE_OK) return {};

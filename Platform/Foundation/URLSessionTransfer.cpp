@@ -75,10 +75,10 @@ URLSessionTransfer::~URLSessionTransfer() {
 
 ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   if (handle_ == nullptr) return urlError(kURLErrorUnknown, "out of memory");
-  const ParsedURL url(request.url);
-  if (!url.isValid()) return urlError(kURLErrorBadURL);
-  const std::string scheme = url.scheme();
-  const bool wasSecure = !request_.url.empty() && ParsedURL(request_.url).scheme() == "https";
+  auto url = std::make_unique<ParsedURL>(request.url);
+  if (!url->isValid()) return urlError(kURLErrorBadURL);
+  const std::string scheme = url->scheme();
+  const bool wasSecure = url_ != nullptr && url_->scheme() == "https";
   if (scheme != "https" && (scheme != "http" || wasSecure))
     return urlError(kURLErrorUnsupportedURL);
 
@@ -98,6 +98,7 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   cutOff_ = false;
 
   if (requests_ > 1) curl_easy_reset(handle_);
+  url_ = std::move(url);
   curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
   curl_easy_setopt(handle_, CURLOPT_SHARE, share);
   curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
@@ -107,6 +108,7 @@ ErrorRef URLSessionTransfer::prepare(URLRequest request, void* share) {
   curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, flaw_.data());
   curl_easy_setopt(handle_, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
   curl_easy_setopt(handle_, CURLOPT_URL, request_.url.c_str());
+  curl_easy_setopt(handle_, CURLOPT_CURLU, url_->handle());  // so that it is not parsed once more
   curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(handle_, CURLOPT_PROXY, "");

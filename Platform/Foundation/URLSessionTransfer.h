@@ -17,6 +17,8 @@ struct curl_sockaddr;
 
 namespace skelda::platform {
 
+class ParsedURL;
+
 /// One task on the wire: a handle of the transfer library, what has come in so far, and how long it
 /// may still take. Used on the network thread only.
 class URLSessionTransfer {
@@ -74,6 +76,7 @@ class URLSessionTransfer {
   const URLSessionTaskRef task_;
   const URLSessionConfiguration configuration_;
   URLRequest request_;
+  std::unique_ptr<ParsedURL> url_;  ///< of `request_`; the handle reads it
   void* handle_ = nullptr;
   curl_slist* fields_ = nullptr;
   std::array<char, 256> flaw_{};  ///< the library's words for what failed

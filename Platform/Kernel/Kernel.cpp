@@ -28,13 +28,15 @@ std::optional<Number> leadingNumber(std::string_view text) {
 }
 
 /// The bytes of the line "Name:   123 kB" whose begin is `lead`, a line feed and "Name:". The first
-/// line is preceded by none.
-std::optional<std::uint64_t> meminfoBytes(std::string_view meminfo, std::string_view lead) {
+/// line is preceded by none. Looked for from `from` on first, where the lines asked for before end.
+std::optional<std::uint64_t> meminfoBytes(std::string_view meminfo, std::string_view lead,
+                                          std::size_t& from) {
   std::size_t after = lead.size() - 1;
   if (!meminfo.starts_with(lead.substr(1))) {
-    const std::size_t at = meminfo.find(lead);
+    std::size_t at = meminfo.find(lead, from);
+    if (at == std::string_view::npos) at = meminfo.find(lead);
     if (at == std::string_view::npos) return std::nullopt;
-    after = at + lead.size();
+    after = from = at + lead.size();
   }
   const auto kilobytes = leadingNumber<std::uint64_t>(meminfo.substr(after));
   if (!kilobytes) return std::nullopt;
@@ -75,16 +77,17 @@ SharedUsage& sharedUsage() {
 std::optional<VirtualMemoryStatistics> hostVirtualMemoryStatistics() {
   const auto meminfo = readSystemFile("/proc/meminfo");
   if (!meminfo) return std::nullopt;
-  const auto total = meminfoBytes(*meminfo, "\nMemTotal:");
-  const auto free = meminfoBytes(*meminfo, "\nMemFree:");
+  std::size_t from = 0;
+  const auto total = meminfoBytes(*meminfo, "\nMemTotal:", from);
+  const auto free = meminfoBytes(*meminfo, "\nMemFree:", from);
   if (!total || !free) return std::nullopt;
   VirtualMemoryStatistics statistics;
   statistics.total = *total;
   statistics.free = *free;
-  statistics.active = meminfoBytes(*meminfo, "\nActive:").value_or(0);
-  statistics.inactive = meminfoBytes(*meminfo, "\nInactive:").value_or(0);
-  for (const auto name : {"\nUnevictable:", "\nSUnreclaim:", "\nPageTables:", "\nKernelStack:"}) {
-    statistics.wired += meminfoBytes(*meminfo, name).value_or(0);
+  statistics.active = meminfoBytes(*meminfo, "\nActive:", from).value_or(0);
+  statistics.inactive = meminfoBytes(*meminfo, "\nInactive:", from).value_or(0);
+  for (const auto name : {"\nUnevictable:", "\nSUnreclaim:", "\nKernelStack:", "\nPageTables:"}) {
+    statistics.wired += meminfoBytes(*meminfo, name, from).value_or(0);
   }
   return statistics;
 }

@@ -14,6 +14,7 @@
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/KeyedArchive.h"
+#include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
@@ -67,6 +68,15 @@ void SkeldaDataSenderBlockInfo::isOf(std::uint64_t dataSize, platform::Date crea
   archivedText_ = platform::archivedText(encoded());
   checkedLine_ = fmt::format("{} {} {}\n", identifier_, dataSize_,
                              creationDate_.microsecondsSince1970().count());
+  checkedAfter_ = 0;
+}
+
+std::uint64_t SkeldaDataSenderBlockInfo::checkedAfter(std::uint64_t before) const noexcept {
+  if (checkedAfter_ == 0 || checkedBefore_ != before) {
+    checkedBefore_ = before;
+    checkedAfter_ = platform::stableHash(checkedLine_, before);
+  }
+  return checkedAfter_;
 }
 
 platform::Value SkeldaDataSenderBlockInfo::encoded() const {

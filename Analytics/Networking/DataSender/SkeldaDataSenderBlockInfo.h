@@ -32,8 +32,9 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   platform::Value encoded() const;
   /// The text of encoded() in an archive.
   const std::string& archivedText() const noexcept { return archivedText_; }
-  /// What a checksum of the index covers of this block: a line.
-  const std::string& checkedLine() const noexcept { return checkedLine_; }
+  /// A checksum of the index that goes on from `before` over this block. Most blocks stay where
+  /// they are, behind the same others. On one queue at a time.
+  std::uint64_t checkedAfter(std::uint64_t before) const noexcept;
   /// From a block's file alone, stored when the file was. Null, and in `error`: ENODATA where the
   /// file does not say its key, ENOENT where it is gone, else what is in the way just now. On a
   /// file system without attributes the block comes with an empty key.
@@ -70,4 +71,6 @@ class SkeldaDataSenderBlockInfo : public platform::Object {
   platform::Date creationDate_{};
   std::string archivedText_;
   std::string checkedLine_;
+  mutable std::uint64_t checkedBefore_ = 0;
+  mutable std::uint64_t checkedAfter_ = 0;  // 0 where nothing is known
 };

@@ -19,7 +19,7 @@ std::string checksumOf(const SkeldaDataSenderIndex::Map& map) {
   std::uint64_t hash = platform::stableHash({});
   for (const auto& [key, blocks] : map) {
     hash = platform::stableHash("\n", platform::stableHash(key, hash));
-    for (const auto& block : blocks) hash = platform::stableHash(block->checkedLine(), hash);
+    for (const auto& block : blocks) hash = block->checkedAfter(hash);
   }
   return fmt::format("{:016x}", hash);
 }

@@ -51,8 +51,12 @@ bool isOffline(const platform::Error& error) noexcept {
 
 bool SkeldaStreamTransferManager::isOrderedBefore(std::string_view left,
                                                   std::string_view right) noexcept {
-  std::string_view a = left;
-  std::string_view b = right;
+  // Logs' names differ in their last digits only.
+  auto same = static_cast<std::size_t>(
+      std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first - left.begin());
+  while (same > 0 && isDigit(left[same - 1])) --same;
+  std::string_view a = left.substr(same);
+  std::string_view b = right.substr(same);
   while (!a.empty() && !b.empty()) {
     if (isDigit(a.front()) && isDigit(b.front())) {
       const std::string_view x = takeNumber(a);
