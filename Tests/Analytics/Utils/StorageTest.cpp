@@ -56,6 +56,9 @@ TEST_F(StreamFilesTest, NilPathsAreRefused) {
   EXPECT_EQ(manager_.fileNamesAtPath(std::nullopt, &error_), std::nullopt);
   EXPECT_EQ(codeOf(error_), 12);
   EXPECT_EQ(plan_->calls(), 0u);
+  EXPECT_FALSE(handle_.isOpenFile(std::nullopt));
+  handle_.openForWritingFile(std::nullopt, &error_);
+  EXPECT_EQ(codeOf(error_), 1);
   for (const auto& noURL : {std::string(), std::string("a\0b", 3), std::string("\xff")}) {
     handle_.openForReadingFile(noURL, &error_);
     EXPECT_EQ(codeOf(error_), 2);
@@ -93,6 +96,11 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   EXPECT_EQ(codeOf(error_), 5);
   EXPECT_FALSE(handle_.isOpenFile(path_));
   EXPECT_EQ(plan_->faults(), 2 * std::size(cases) + 1);
+  handle_.openForWritingFile(path_, &error_);
+  handle_.writeData(std::nullopt, &error_);
+  EXPECT_EQ(codeOf(error_), 1);
+  EXPECT_EQ(handle_.readDataOfLength(0, &error_), std::nullopt);
+  EXPECT_EQ(codeOf(error_), 1);
 }
 
 class KVStorageTest : public ::testing::Test {
@@ -275,9 +283,13 @@ TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
   EXPECT_TRUE(wrapper.setData(Data("\xff"), "bytes"));
   EXPECT_EQ(wrapper.dataForKey("bytes"), Data("\xff"));
   EXPECT_EQ(wrapper.stringForKey("bytes"), std::nullopt);
+  EXPECT_TRUE(wrapper.updateValueData(Data("new"), "bytes"));
+  EXPECT_EQ(wrapper.stringForKey("bytes"), "new");
   EXPECT_TRUE(wrapper.removeObjectForKey("bytes"));
   EXPECT_EQ(wrapper.dataForKey("bytes"), std::nullopt);
-  EXPECT_FALSE(wrapper.setString("x", "") || wrapper.removeObjectForKey("absent"));
+  EXPECT_FALSE(wrapper.setString("x", "") || wrapper.setString(std::nullopt, "k") ||
+               wrapper.updateValueData(Data("x"), "absent") ||
+               wrapper.removeObjectForKey("absent"));
 }
 
 }  // namespace

@@ -54,6 +54,9 @@ TEST_F(SkeldaURLSessionTaskTest, HasTheAnswerAndTellsTheNetworkProviderWhereTher
   const auto without = SkeldaURLSessionTask::post(server.url("/204"), delegate_);
   EXPECT_EQ(delegate_->wait(2).size(), 2u);
   EXPECT_EQ(server.requests().back().method, "POST");
+  const std::weak_ptr<SkeldaURLSessionTask> unstarted =
+      SkeldaURLSessionTask::sendMethod(0, server.url(), nullptr, {}, {}, false);
+  EXPECT_TRUE(unstarted.expired());
 }
 
 TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirstRequest) {
