@@ -6,10 +6,10 @@ payload's length in 32 bits, the payload, and for version 0 a CRC-32 of all that
 """
 
 import base64
-import dataclasses
 import json
 import pathlib
 import struct
+import typing
 import zlib
 
 HEADER = 24
@@ -18,21 +18,12 @@ FLUSH, COUNTER, SESSION_ID, EVENT = 1, 2, 128, 134
 
 
 class Torn(Exception):
-    """A log that stops being one at `offset`."""
-
-    def __init__(self, offset, why):
-        super().__init__(f"offset {offset}: {why}")
-        self.offset = offset
+    """A log that stops being one."""
 
 
-@dataclasses.dataclass(frozen=True)
-class Frame:
+class Frame(typing.NamedTuple):
     offset: int
-    length: int
-    version: int
     type: int
-    epoch: int
-    uptime: int
     payload: dict
     raw: bytes
 
@@ -56,31 +47,22 @@ def frame(kind, payload, epoch=1, version=1):
 
 
 def _frame_at(data, offset):
-    left = len(data) - offset
-    if left < HEADER:
-        raise Torn(offset, f"{left} bytes of a header")
-    first, low, middle, high, epoch, uptime, size = struct.unpack_from("<BBBBqqI", data, offset)
-    version = first & 0x0F
-    length = HEADER + size + (4 if version == 0 else 0)
-    if length > left:
-        raise Torn(offset, f"{left} bytes of a frame of {length}")
-    if size == 0:
-        raise Torn(offset, "an empty payload")
-    if first & 0x70:
-        raise Torn(offset, f"first byte {first:#04x}")
-    body = data[offset + HEADER:offset + HEADER + size]
-    if version == 0:
-        stored, = struct.unpack_from("<I", data, offset + HEADER + size)
-        if stored != zlib.crc32(data[offset:offset + HEADER + size]):
-            raise Torn(offset, "a wrong checksum")
+    if len(data) - offset < HEADER:
+        raise Torn(f"offset {offset}: {len(data) - offset} bytes of a header")
+    first, kind, _, _, size = struct.unpack_from("<B3sqqI", data, offset)
+    raw, length = bytes(data[offset:offset + HEADER + size]), HEADER + size + (0 if first & 0x0F else 4)
+    crc = bytes(data[offset + HEADER + size:offset + length])
     try:
-        payload = json.loads(body.decode("utf-8"))
+        payload = json.loads(raw[HEADER:].decode()) if size else None
     except ValueError as error:
-        raise Torn(offset, f"a payload that is not JSON: {error}") from None
-    if not isinstance(payload, dict):
-        raise Torn(offset, "a payload that is not an object")
-    return Frame(offset, length, version, low | middle << 8 | high << 16, epoch, uptime, payload,
-                 bytes(data[offset:offset + length]))
+        payload = error
+    wrong = (f"{len(data) - offset} bytes of a frame of {length}" if len(raw + crc) < length else
+             f"first byte {first:#04x}" if first & 0x70 else
+             "a wrong checksum" if crc and crc != struct.pack("<I", zlib.crc32(raw)) else
+             f"a payload that is no object: {payload}" if not isinstance(payload, dict) else None)
+    if wrong:
+        raise Torn(f"offset {offset}: {wrong}")
+    return Frame(offset, int.from_bytes(kind, "little"), payload, raw + crc)
 
 
 def readable(data):
@@ -91,7 +73,7 @@ def readable(data):
             frames.append(_frame_at(data, offset))
         except Torn as torn:
             return frames, torn
-        offset += frames[-1].length
+        offset += len(frames[-1].raw)
     return frames, None
 
 

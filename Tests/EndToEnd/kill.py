@@ -55,7 +55,7 @@ class Frames:
     def has(self, frame, first):
         """Whether a frame is in the log that begins with that one."""
         data = self.logs.get(first.raw, b"")
-        return data[frame.offset:frame.offset + frame.length] == frame.raw
+        return data[frame.offset:frame.offset + len(frame.raw)] == frame.raw
 
 
 class Kills(contextlib.AbstractContextManager):

@@ -21,7 +21,7 @@ sys.path.insert(0, str(HERE))
 sys.dont_write_bytecode = True
 
 # Those that take longest begin first.
-LONG = ("test_documents", "test_at_length", "test_storage_faults")
+LONG = ("test_documents", "test_at_length", "test_surroundings")
 
 
 class Report(unittest.TestResult):
