@@ -38,13 +38,10 @@ using Owned = std::unique_ptr<skelda_value, Free>;
 
 TEST(SkeldaCFace, PutsOfAnotherKindAreRefusedAndChangeNothing) {
   const Owned dictionary(skelda_dictionary_new()), array(skelda_array_new());
-  const struct {
-    skelda_value* container;
-    const char* key;
-    bool taken;
-  } cases[] = {{dictionary.get(), "k", true}, {dictionary.get(), nullptr, false},
-               {array.get(), nullptr, true},  {array.get(), "k", false},
-               {nullptr, nullptr, false},     {nullptr, "k", false}};
+  const std::tuple<skelda_value*, const char*, bool> cases[] = {
+      {dictionary.get(), "k", true}, {dictionary.get(), nullptr, false},
+      {array.get(), nullptr, true},  {array.get(), "k", false},
+      {nullptr, nullptr, false},     {nullptr, "k", false}};
   for (const auto& [container, key, taken] : cases) {
     EXPECT_EQ(skelda_put_text(container, key, "t"), taken);
     EXPECT_EQ(skelda_put_integer(container, key, 1), taken);

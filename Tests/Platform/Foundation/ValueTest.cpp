@@ -14,10 +14,7 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
-  const struct {
-    Value a, b;
-    bool equal;
-  } cases[] = {
+  const std::tuple<Value, Value, bool> cases[] = {
       {false, 0.0F, true},
       {-1, kUnsignedMax, false},
       {kSignedMax, static_cast<std::uint64_t>(kSignedMax), true},
@@ -67,12 +64,7 @@ TEST(ValueTest, NestsAsDeepAsMemoryGoes) {
 }
 
 TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
-  const struct {
-    Value value;
-    std::int64_t integer;
-    std::uint64_t unsignedInteger;
-    double real;
-  } cases[] = {
+  const std::tuple<Value, std::int64_t, std::uint64_t, double> cases[] = {
       {true, 1, 1, 1},
       {-5, -5, 0, -5},
       {0.0F, 0, 0, 0},

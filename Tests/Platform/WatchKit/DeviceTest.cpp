@@ -61,12 +61,9 @@ TEST_F(DeviceTest, MemoryIsReadFromTheKernelsTable) {
 TEST_F(DeviceTest, CPUUsageIsThatOfTheLastSecondAtLeast) {
   using std::chrono::milliseconds;
   ProcessorUsage usage(5000ms);
-  const struct {
-    int now, used;
-    float percent;
-  } readings[] = {{5500, 250, 50},  // since the begin
-                  {7000, 400, 20},  {7001, 401, 20}, {8100, 1500, 100},
-                  {8900, 1500, 58}, {9900, 1500, 0}};
+  const std::tuple<int, int, float> readings[] = {
+      {5500, 250, 50},  // since the begin
+      {7000, 400, 20}, {7001, 401, 20}, {8100, 1500, 100}, {8900, 1500, 58}, {9900, 1500, 0}};
   for (const auto& [now, used, percent] : readings)
     EXPECT_NEAR(usage.percent(milliseconds(now), milliseconds(used)), percent, 0.5F) << now;
 

@@ -150,11 +150,7 @@ TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
   SkeldaUtil::setLogLevel(2);
   LogCapture log;
   SourceRig<SkeldaUserPropertiesSource> rig;
-  const struct {
-    Value name, values;
-    std::string reason;
-    bool nameIsGood;
-  } cases[] = {
+  const std::tuple<Value, Value, std::string, bool> cases[] = {
       {"", Array{}, "due to invalid user property name", false},
       {nullptr, Array{}, "due to invalid user property name", false},
       {5, Array{}, "due to invalid user property name", false},
