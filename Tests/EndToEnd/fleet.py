@@ -2,6 +2,7 @@
 collectors in front of them."""
 
 import contextlib
+import http.client
 import json
 import os
 import re
@@ -42,10 +43,11 @@ def deployed(unit, name, **environment):
 
 class Servers(contextlib.AbstractContextManager):
     """Some servers that keep one stream, each in a folder of its own, which outlives it. `hosts` are
-    their addresses, and `inside` what stands before the command that starts each, where it matters."""
+    their addresses, and `inside` what stands before the command that starts each, where it matters;
+    `arguments` are further ones of each."""
 
-    def __init__(self, folder, count=3, hosts=None, inside=None):
-        self.folder = folder
+    def __init__(self, folder, count=3, hosts=None, inside=None, arguments=()):
+        self.folder, self.arguments = folder, arguments
         self.hosts, self.inside = hosts or ["127.0.0.1"] * count, inside or [[]] * count
         self.ports, self.routes, self.monitors = free_ports(count), free_ports(count), free_ports(count)
         self.processes = [None] * count
@@ -61,7 +63,7 @@ class Servers(contextlib.AbstractContextManager):
         self.processes[index] = Process([*self.inside[index], *deployed(
             "skelda-nats", f"skelda-{index}", ADDRESS=self.hosts[index], PORT=self.ports[index],
             MONITOR=self.monitors[index], CLUSTER=f"{self.hosts[index]}:{self.routes[index]}", ROUTES=routes,
-            STATE_DIRECTORY=self.folder / f"nats-{index}")])
+            STATE_DIRECTORY=self.folder / f"nats-{index}"), *self.arguments])
 
     def kill(self, index):
         self.processes[index].kill()
@@ -99,6 +101,18 @@ class Servers(contextlib.AbstractContextManager):
                        if each["name"] == STREAM)
         return None
 
+    def health(self, index):
+        """None of a server that is well; else what it has, which grows while it catches up."""
+        monitor = f"http://{self.hosts[index]}:{self.monitors[index]}"
+        try:
+            urllib.request.urlopen(f"{monitor}/healthz", timeout=5).close()
+            return None
+        except (OSError, ValueError):
+            with contextlib.suppress(OSError, ValueError):
+                with urllib.request.urlopen(f"{monitor}/jsz?streams=true", timeout=5) as answer:
+                    return re.findall(r'"messages": \d+', answer.read().decode())
+        return ["nothing"]
+
     def are_level(self):
         """Whether each has what any of them had a moment before."""
         before, now = ([self.holding(index) for index in range(len(self.ports))] for _ in range(2))
@@ -124,10 +138,17 @@ class StreamCollector(Collector):
 
     def __init__(self, folder, servers, *arguments, **more):
         self.arguments = arguments
-        super().__init__(folder, store=servers.url, **more)
+        super().__init__(folder, **{"store": servers.url, **more})
 
     def command(self, listen):
         return super().command(listen, *self.arguments)
+
+    def figures(self):
+        """Of /metrics, those of one value, without what all names begin with."""
+        with contextlib.suppress(OSError, http.client.HTTPException):
+            lines = re.findall(r"^skelda_collector_(\w+) (\S+)$", self.get("/metrics")[1], re.MULTILINE)
+            return {name: float(value) for name, value in lines}
+        return {}
 
     def await_ready(self, within=60):
         if not eventually(lambda: self.get("/readyz")[0] == 200, within, every=0.1):

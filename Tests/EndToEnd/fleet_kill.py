@@ -1,11 +1,13 @@
 """Everything behind the address is killed under load: servers of the stream, collectors, the loader,
-the database; one server's disk is full, another is cut off; and agents are killed and started. In the
-end every log that was acknowledged is in the stream and in the database, once, with all its events.
+the database; a server's disk is full, another is cut off; and agents are killed and started: at random
+times, one on top of the other as they fall. In the end every log that was acknowledged is in the stream
+and in the database, once, with all its events.
 
     python3 Tests/EndToEnd/fleet_kill.py MINUTES [--seed N] [--rate LOGS]
 """
 
 import collections
+import concurrent.futures
 import contextlib
 import http.client
 import itertools
@@ -22,12 +24,14 @@ import time
 
 import fleet
 import frame_log
-from loading import Database, digest, loader, usual_log
+from loading import Database, digest, load_everything, loader, usual_log
 from support import Client, Home, Process, eventually, fill, give_identifiers, play
 
 DEVICES = 400  # that skelda-fleet plays
 SENDERS = 2  # that send damaged logs, too: every so many one that ends in rubbish
 DAMAGED = 10
+TROUBLES = 2  # at a time
+STUCK = 15  # seconds that a server may be unwell without coming any further
 SMALL, APART = 1, 2  # the server whose disk is small, and the one that can be cut off
 
 
@@ -120,10 +124,12 @@ class Apart:
 
 class FleetKill:
     def __init__(self, minutes, seed, rate=300):
-        self.length, self.chance, self.rate = minutes * 60, random.Random(seed), rate
+        self.length, self.seed, self.rate = minutes * 60, seed, rate
+        self.locks = collections.defaultdict(threading.Lock)
         self.counts, self.problems, self.lines = collections.Counter(), [], []
         self.most = collections.Counter()  # resident bytes
         self.agents = []
+        self.is_over = threading.Event()
         self.stack = contextlib.ExitStack()
 
     def __enter__(self):
@@ -153,9 +159,13 @@ class FleetKill:
             done(lambda: subprocess.run(["umount", "-l", small], check=False))
         self.servers = enter(fleet.Servers(self.folder, 3, [here, here, there], [[], [], inside]))
         self.database = enter(Database(self.folder / "database"))
+        watch = threading.Thread(target=self.watch_servers, daemon=True)
+        watch.start()
+        done(lambda: (self.is_over.set(), watch.join(60)))
         self.start_loader()
         done(lambda: self.loader.kill())
-        self.collectors = [enter(fleet.StreamCollector(self.folder, self.servers)) for _ in range(2)]
+        self.collectors = [enter(fleet.StreamCollector(self.folder, self.servers, "--copies", self.folder / f"copies-{n}",
+                                                       "--copies-bytes", str(4 << 30))) for n in range(2)]
         for collector in self.collectors:
             collector.await_ready()
         for number in range(2):
@@ -192,122 +202,161 @@ class FleetKill:
     def taken(self):
         return self.devices.look() + sum(len(sender.acknowledged) for sender in self.senders)
 
+    def watch_servers(self):
+        """What deploy/skelda-nats-health@.service does: a server that is not well, and comes no further, is
+        started anew."""
+        since = {}
+        while not self.is_over.wait(1):
+            for index in range(3):
+                state = self.servers.health(index)
+                if state is None or state != since.get(index, (None,))[0]:
+                    since[index] = state, time.monotonic()
+                elif time.monotonic() > since[index][1] + STUCK and self.locks[f"server {index}"].acquire(blocking=False):
+                    self.counts["servers started anew by their watch"] += 1
+                    self.servers.kill(index)
+                    self.servers.start(index)
+                    self.locks[f"server {index}"].release()
+                    since.pop(index)
+                    break  # one at a time
+
     def look(self):
         """At the memory of what must not grow."""
         for name, process in [("loader", self.loader), *(("collector", each.process) for each in self.collectors)]:
             with contextlib.suppress(OSError, StopIteration):
                 self.most[name] = max(self.most[name], fleet.resident(process.pid))
 
-    # What goes wrong
+    # What goes wrong. Two at a time, and what one did may not be over when the next begins; but what
+    # is down cannot be killed again.
 
-    def pause(self, longest):
-        time.sleep(self.chance.uniform(0.2, longest))
+    @contextlib.contextmanager
+    def holding(self, *names):
+        with contextlib.ExitStack() as stack:
+            for name in sorted(names):
+                stack.enter_context(self.locks[name])
+            yield
 
-    def await_level(self):
-        """One trouble of the servers at a time: docs/operations.md says why."""
-        if not eventually(self.servers.are_level, 120, every=0.1):
-            held = [self.servers.holding(index) for index in range(3)]
-            self.problems.append(f"the servers do not come to have the same: {held} messages")
+    def kill_servers(self, chance, which):
+        with self.holding(*(f"server {index}" for index in which)):
+            for index in which:
+                self.servers.kill(index)
+            time.sleep(chance.uniform(0.2, 3))
+            for index in which:
+                self.servers.start(index)
 
-    def kill_servers(self, which):
-        self.await_level()
-        for index in which:
-            self.servers.kill(index)
-        self.pause(3)
-        for index in which:
-            self.servers.start(index)
+    def server(self, chance):
+        self.kill_servers(chance, [chance.randrange(3)])
 
-    def server(self):
-        self.kill_servers([self.chance.randrange(3)])
+    def two_servers(self, chance):
+        self.kill_servers(chance, chance.sample(range(3), 2))
 
-    def two_servers(self):
-        self.kill_servers(self.chance.sample(range(3), 2))
+    def all_servers(self, chance):
+        self.kill_servers(chance, range(3))
 
-    def all_servers(self):
-        self.kill_servers(range(3))
+    def collector(self, chance):
+        index = chance.randrange(len(self.collectors))
+        with self.holding(f"collector {index}"):
+            self.collectors[index].kill()
+            time.sleep(chance.uniform(0.2, 2))
+            self.collectors[index].start()
 
-    def collector(self):
-        which = self.chance.choice(self.collectors)
-        which.kill()
-        self.pause(2)
-        which.start()
+    def load(self, chance):
+        with self.holding("loader"):
+            self.loader.kill()
+            time.sleep(chance.uniform(0.2, 1))
+            self.start_loader()
 
-    def load(self):
-        self.loader.kill()
-        self.pause(1)
-        self.start_loader()
+    def whole_database(self, chance):
+        with self.holding("database"):
+            self.database.kill(all_of_it=True)
+            time.sleep(chance.uniform(0.2, 3))
+            self.database.start()
 
-    def whole_database(self):
-        self.database.kill(all_of_it=True)
-        self.pause(3)
-        self.database.start()
+    def part_of_the_database(self, _):
+        with self.holding("database"):
+            self.database.kill(all_of_it=False)
 
-    def part_of_the_database(self):
-        self.database.kill(all_of_it=False)
+    def agent(self, chance):
+        number = chance.randrange(len(self.agents))
+        with self.holding(f"agent {number}"):
+            for process in self.agents[number][2]:
+                process.kill()
+            self.start_agent(number)
 
-    def agent(self):
-        number = self.chance.randrange(len(self.agents))
-        for process in self.agents[number][2]:
-            process.kill()
-        self.start_agent(number)
-
-    def small_follows(self):
-        leader = self.servers.leader()
-        if leader == SMALL:
-            self.servers.ask(f"$JS.API.STREAM.LEADER.STEPDOWN.{fleet.STREAM}")
-        return leader not in (None, SMALL)
+    def full_disk(self, chance):
+        with self.holding(f"server {SMALL}"):
+            room = shutil.disk_usage(self.small)
+            self.resize(room.used + (8 << 20))
+            fill(self.small / "rest")
+            time.sleep(chance.uniform(0.2, 5))
+            (self.small / "rest").unlink()
+            self.resize(room.total)
+            # As whoever made room would do: a server whose disk was full has put the stream aside.
+            self.servers.kill(SMALL)
+            self.servers.start(SMALL)
 
     def resize(self, size):
         subprocess.run(["mount", "-o", f"remount,size={size}", self.small], check=True)
 
-    def full_disk(self):
-        """Under a server that does not lead: docs/operations.md says what else comes of it, and how to avoid it."""
-        self.await_level()
-        if not eventually(self.small_follows, 60, every=0.5):
-            self.problems.append("the server with the small disk does not give up the lead")
-        room = shutil.disk_usage(self.small)
-        self.resize(room.used + (8 << 20))
-        fill(self.small / "rest")
-        self.pause(5)
-        (self.small / "rest").unlink()
-        self.resize(room.total)
-        # As whoever made room would do: a server whose disk was full has put the stream aside.
-        self.servers.kill(SMALL)
-        self.servers.start(SMALL)
+    def partition(self, chance):
+        with self.holding(f"server {APART}"):
+            self.apart.cut(True)
+            time.sleep(chance.uniform(4, 15 if self.length > 60 else 5))
+            self.apart.cut(False)
 
-    def partition(self):
-        self.await_level()
-        self.apart.cut(True)
-        time.sleep(self.chance.uniform(4, 15 if self.length > 60 else 5))
-        self.apart.cut(False)
+    def make_trouble(self, number, until):
+        """All that can go wrong, in random order, over and over."""
+        chance = random.Random(self.seed)
+        kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
+                 self.all_servers, *([self.two_servers] if self.length > 60 else []),
+                 *([self.full_disk] if self.small else []), *([self.partition] if self.apart.is_there else [])]
+        chance.shuffle(kinds)
+        to_come = kinds[number::TROUBLES]  # the first round, so that each is there in the shortest run
+        chance = random.Random(f"{self.seed} {number}")
+        is_first = True
+        while is_first or time.monotonic() < until:
+            kind = to_come.pop()
+            before = self.taken()
+            kind(chance)
+            self.look()
+            self.counts[kind.__name__] += 1
+            # The next one comes while all are at it again, or before.
+            eventually(lambda: self.taken() > before + 20, chance.uniform(0.5, 6))
+            if not to_come:
+                is_first, to_come = False, chance.sample(kinds, len(kinds))
 
     # The run
 
     def run(self):
-        kinds = [self.server, self.collector, self.load, self.whole_database, self.part_of_the_database, self.agent,
-                 self.all_servers, *([self.two_servers] if self.length > 60 else []),
-                 *([self.full_disk] if self.small else []), *([self.partition] if self.apart.is_there else [])]
-        began, rounds, to_come = time.monotonic(), 0, list(kinds)
-        self.chance.shuffle(to_come)
-        while rounds == 0 or time.monotonic() - began < self.length:
-            before = self.taken()
-            kind = to_come.pop()
-            kind()
-            self.look()
-            self.counts[kind.__name__] += 1
-            # The next one comes while all are at it again, or before.
-            eventually(lambda: self.taken() > before + 20, self.chance.uniform(0.5, 6))
-            if not to_come:
-                rounds, to_come = rounds + 1, self.chance.sample(kinds, len(kinds))
-        self.counts["rounds"] = rounds
+        began = time.monotonic()
+        with concurrent.futures.ThreadPoolExecutor(TROUBLES) as pool:
+            for each in [pool.submit(self.make_trouble, number, began + self.length) for number in range(TROUBLES)]:
+                each.result()
         self.settle(time.monotonic() - began)
         return self
+
+    def await_level(self):
+        if not eventually(self.servers.are_level, 120, every=0.1):
+            held = [self.servers.holding(index) for index in range(3)]
+            self.problems.append(f"the servers do not come to have the same: {held} messages")
+
+    def await_compared(self):
+        """Until each collector has looked twice, and found nothing lost."""
+        began = {collector: collector.figures() for collector in self.collectors}
+
+        def is_done(collector):
+            now, then = collector.figures(), began[collector]
+            if now.get("stream_lost_logs_total", 0) > then.get("stream_lost_logs_total", 0):
+                began[collector] = now
+            return now.get("stream_comparisons_total", 0) > began[collector].get("stream_comparisons_total", 0) + 1
+
+        for collector in self.collectors:
+            if not eventually(lambda each=collector: is_done(each), 300, every=1):
+                self.problems.append(f"a collector does not come to an end: {collector.figures()}")
 
     def settle(self, elapsed):
         """All is well again: what was held back comes in, and is loaded."""
         for collector in self.collectors:
             collector.await_ready(120)
-        self.await_level()
         before = self.taken()
         if not eventually(lambda: self.taken() > before + 50, 60):
             self.problems.append("the senders stand")
@@ -324,6 +373,7 @@ class FleetKill:
                 running[0].wait(120)
             if home.blocks() or home.committed_logs():
                 self.problems.append(f"an agent keeps {len(home.blocks())} blocks when all is well")
+        self.await_compared()
         began = time.monotonic()
 
         def loaded():
@@ -332,6 +382,9 @@ class FleetKill:
 
         if not eventually(loaded, 120 + self.length, every=0.2):
             self.problems.append("the loader does not come to an end:\n" + self.loader.output[-2000:])
+        # What it is about to look for, it looks for now.
+        self.loader.terminate(60)
+        self.lines.append(load_everything(self.servers, self.database, within=300))
         self.await_level()
         self.look()
         self.lines.append(f"{elapsed:.0f} s, {self.taken()} logs acknowledged ({self.taken() / elapsed:.0f} a second), "
@@ -342,6 +395,7 @@ class FleetKill:
 
     def account(self):
         """The leader's disk is lost first: what is then in the stream was on more than one."""
+        self.is_over.set()  # nobody mends what is broken now
         leader = eventually(lambda: [n for n in [self.servers.leader()] if n is not None], 30)[0]
         self.servers.kill(leader)
         for path in self.servers.folder.glob(f"nats-{leader}/*"):
@@ -379,6 +433,9 @@ class FleetKill:
         sent = self.account_of_agents(stream, hold)
         self.lines += [
             "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
+            "collectors: " + ", ".join(f"{name} {sum(int(c.figures().get(name, 0)) for c in self.collectors)}" for name in (
+                "copies", "stream_went_back_total", "answers_not_believed_total", "stream_lost_logs_total",
+                "stream_published_again_total")),
             f"stream: {stream.total()} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
             f"database: {len(there)} logs, {events} events; numbers of logs that a device committed twice: "
             + self.database.ask("SELECT count(*) FROM (SELECT 1 FROM skelda.logs WHERE device NOT LIKE 'sender%' "

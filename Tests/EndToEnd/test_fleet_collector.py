@@ -17,7 +17,7 @@ from fleet import resident
 from fleet_kill import FleetKill
 from frame_log import frame
 from loading import LOADER, POSTGRES
-from support import KEY, PATH, Client, digest, eventually, scratch_root
+from support import KEY, PATH, Client, Collector, digest, eventually, scratch_root
 from test_collector import LOG
 
 NO_LOGS = {"text": b"hello", "a page": b"<html><body>" * 100, "JSON": json.dumps([{"a": 1}] * 100).encode(),
@@ -91,6 +91,55 @@ class FleetCollectorTest(unittest.TestCase):
         self.assertTrue(eventually(lambda: Client(collector).post(LOG + LOG)[0] == 200))
         self.assertEqual([LOG, LOG + LOG], [body for _, body in self.servers.messages()])
         self.assertEqual(0, collector.process.terminate())
+
+    def test_what_the_stream_lost_is_published_again_by_the_collector_that_took_it_or_the_next_one(self):
+        collector = self.collector("--copies", self.folder / "copies", plain=True)
+        logs = [LOG + frame(134, {"n": n}) for n in range(3)]
+        for log in logs:
+            self.assertEqual(200, Client(collector).post(log)[0])
+
+        def lose(place):
+            self.assertTrue(self.servers.ask(f"$JS.API.STREAM.MSG.DELETE.{fleet.STREAM}", {"seq": place})["success"])
+
+        def await_again():
+            self.assertTrue(eventually(lambda: collector.figures().get("stream_published_again_total") == 1, 60),
+                            collector.process.output)
+
+        lose(1)
+        leader = self.servers.leader()
+        self.servers.kill(leader)
+        await_again()
+        self.servers.start(leader)
+        collector.kill()
+        self.assertTrue(eventually(self.servers.are_level, 60))
+        lose(2)
+        collector.start()
+        await_again()
+        self.assertEqual(sorted(logs), sorted(body for _, body in self.servers.messages()))
+
+    def test_servers_that_ask_who_it_is_are_reached_encrypted_and_by_those_they_know(self):
+        with Collector(self.folder / "other") as other, Collector(self.folder / "own") as own:
+            authority, stranger = own.authority, other.authority
+        tls = pathlib.Path(authority).parent
+        servers = self.enterContext(fleet.Servers(self.folder / "closed", arguments=[
+            "--tlscert", tls / "server.pem", "--tlskey", tls / "server-key.pem", "--user", "collector", "--pass", "right"]))
+        for word in ("right", "wrong"):
+            (self.folder / word).write_text(f"collector:{word}\n")
+        store = "tls://" + ",".join(f"localhost:{port}" for port in servers.ports)
+
+        def start(*arguments):
+            return self.enterContext(fleet.StreamCollector(self.folder / "own", servers, *arguments, store=store))
+
+        known = start("--stream-authority", authority, "--stream-user", self.folder / "right")
+        known.await_ready()
+        self.assertEqual((200, "kept\n"), Client(known).post(LOG))
+        # Servers that somebody else vouches for; and ones that do not know it.
+        for arguments in (("--stream-authority", stranger, "--stream-user", self.folder / "right"),
+                          ("--stream-authority", authority, "--stream-user", self.folder / "wrong"),
+                          ("--stream-authority", authority)):
+            with self.subTest(arguments):
+                refused = start(*arguments)
+                self.assertFalse(eventually(lambda each=refused: each.get("/readyz")[0] == 200, 3))
 
     def test_many_and_slow_and_oversized_ones_cost_little_memory_and_hold_up_nobody(self):
         collector = self.collector("--api-key", KEY)

@@ -86,6 +86,21 @@ class Loading(unittest.TestCase):
         self.assertEqual((7, 63, 5), (self.count("logs"), self.count("events"), len(
             self.publisher.bodies("SKELDA_DAMAGED"))))
 
+    def test_what_its_consumer_was_never_given_is_loaded_all_the_same(self):
+        logs = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(4)]
+        self.publisher.publish(logs[:3])
+        # As one that had been given other messages with these numbers.
+        made = self.publisher.request(f"$JS.API.CONSUMER.DURABLE.CREATE.{STREAM}.skelda-load", {
+            "stream_name": STREAM, "config": {"durable_name": "skelda-load", "deliver_policy": "by_start_sequence",
+                                              "opt_start_seq": 3, "ack_policy": "explicit"}})
+        self.assertNotIn("error", made)
+        self.publisher.publish(logs[3:])
+        with loader(self.servers, self.database) as process:
+            self.assertTrue(eventually(lambda: self.database.ask("SELECT count(*) FROM skelda.logs") == [["4"]], 60),
+                            process.output)
+            self.assertEqual(0, process.terminate(), process.output)
+            self.assertIn("2 passed over", process.output)
+
     def test_what_it_took_is_acknowledged_when_the_servers_ended_between(self):
         logs = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(300)]
 

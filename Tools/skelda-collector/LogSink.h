@@ -33,4 +33,6 @@ class LogSink {
   virtual bool isReady() const = 0;
   /// Of a log, in bytes.
   virtual std::size_t largest() const = 0;
+  /// What it has to say of itself, in the text form of Prometheus.
+  virtual std::string figures() const { return {}; }
 };

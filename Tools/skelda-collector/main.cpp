@@ -154,7 +154,7 @@ void printAddresses(const Options& options, const ListenAddress& address,
 }
 
 bool isStream(const std::string& store) {
-  return store.starts_with("nats://");
+  return store.starts_with("nats://") || store.starts_with("tls://");
 }
 
 /// In front of a stream of several servers, without a state of its own.
@@ -162,7 +162,7 @@ void runStream(const Options& options, int listener,
                const std::optional<Certificates>& certificates) {
 #ifdef SKELDA_FLEET
   StreamCollector stream = options.stream;
-  stream.sink.servers = options.store;
+  stream.sink.access.servers = options.store;
   stream.server.apiKeys = stream.keys({options.apiKeys.begin(), options.apiKeys.end()});
   stream.server.maxBytes = options.maxBytes;
   stream.run(listener, certificates ? &*certificates : nullptr);

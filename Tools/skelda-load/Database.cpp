@@ -108,6 +108,27 @@ void Database::copy(const std::string& target, const std::function<void(const Pu
   }
 }
 
+std::vector<bool> Database::areMissing(const std::vector<std::string>& digests) {
+  connect();
+  try {
+    const Result found =
+        run(fmt::format(
+                "SELECT (SELECT 1 FROM skelda.logs WHERE digest = decode(asked, 'hex')) IS NULL "
+                "FROM unnest('{{{}}}'::text[]) WITH ORDINALITY AS every(asked, place) "
+                "ORDER BY place",
+                fmt::join(digests, ","))
+                .c_str());
+    std::vector<bool> missing;
+    for (int i = 0; i < PQntuples(found.get()); ++i) {
+      missing.push_back(*PQgetvalue(found.get(), i, 0) == 't');
+    }
+    return missing;
+  } catch (...) {
+    connection_.reset();
+    throw;
+  }
+}
+
 std::size_t Database::add(std::span<const LogRows> logs,
                           const std::function<void(std::size_t)>& beforeRows) {
   connect();

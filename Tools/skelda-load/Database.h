@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Tools/skelda-load/LogRows.h"
 
@@ -33,6 +34,9 @@ class Database {
   /// Connects, where there is no connection, and makes the schema, where there is none. Throws
   /// Unavailable.
   void connect();
+
+  /// Which of these logs, named by their digests, are not there. Throws Unavailable.
+  std::vector<bool> areMissing(const std::vector<std::string>& digests);
 
   /// Adds, in one transaction, those of the logs that are not there yet; tells how many these were.
   /// `beforeRows(i)` is called for each of these before anything of it can be seen; what it throws

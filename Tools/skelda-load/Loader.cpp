@@ -2,15 +2,39 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <utility>
 
 namespace skelda::tools {
 
 using namespace std::chrono_literals;
 
-Loader::Loader(LogStream& stream, Database& database, Pause pause, Tell tell)
-    : stream_(stream), database_(database), pause_(std::move(pause)), tell_(std::move(tell)) {}
+namespace {
+
+constexpr auto kBetweenLooks = 2s;
+constexpr auto kBetweenComparisons = 5s;  // while there is trouble
+constexpr auto kTroubleLasts = 30s;       // what it left behind may show later
+constexpr std::size_t kDigestsAtOnce = 1000;
+constexpr std::size_t kLogsAtOnce = 64;
+constexpr std::size_t kDigestLength = 64;
+
+/// Whoever else publishes may use other ids: of these only the consumer tells.
+bool isDigest(std::string_view id) {
+  return id.size() >= kDigestLength &&
+         id.substr(0, kDigestLength).find_first_not_of("0123456789abcdef") ==
+             std::string_view::npos;
+}
+
+}  // namespace
+
+Loader::Loader(LogStream& stream, Database& database, Pause pause, Tell tell, Seconds before)
+    : stream_(stream),
+      database_(database),
+      pause_(std::move(pause)),
+      tell_(std::move(tell)),
+      before_(before) {}
 
 template <class Attempt>
 bool Loader::retrying(Attempt attempt) {
@@ -23,6 +47,7 @@ bool Loader::retrying(Attempt attempt) {
     } catch (const LogStream::Unavailable& why) {
       if (!delay.isRunning()) tell_(fmt::format("stream: {}", why.what()));
       stream_.disconnect();
+      noteTrouble();
     } catch (const Database::Unavailable& why) {
       if (!delay.isRunning()) tell_(fmt::format("database: {}", why.what()));
     }
@@ -38,8 +63,10 @@ void Loader::run(bool untilEmpty) {
     Messages messages;
     bool isEmpty = false;
     const bool taken = retrying([&] {
+      lookForTrouble();
       messages = stream_.take();
-      isEmpty = untilEmpty && messages.empty() && stream_.isEmpty();
+      // Of all there is, since nobody will look again.
+      isEmpty = untilEmpty && messages.empty() && stream_.place().isAtEnd && compare({}) == 0;
     });
     if (!taken || isEmpty) return;
     if (messages.empty()) continue;
@@ -47,6 +74,55 @@ void Loader::run(bool untilEmpty) {
     stream_.acknowledge(messages);
     figures_.behind = messages.back().behind();
   }
+}
+
+void Loader::noteTrouble() {
+  lastTrouble_ = Clock::now();
+  if (!std::exchange(isTroubled_, true)) troubledSince_ = Wall::now();
+}
+
+void Loader::lookForTrouble() {
+  const auto now = Clock::now();
+  if (now < nextLook_) return;
+  nextLook_ = now + kBetweenLooks;
+  if (!stream_.isAsItWas()) noteTrouble();
+  if (!isTroubled_ || now < nextComparison_) return;
+  nextComparison_ = now + kBetweenComparisons;
+  const bool isLast = now > lastTrouble_ + kTroubleLasts;
+  if (compare(troubledSince_ - before_) > 0) return noteTrouble();
+  if (isLast) isTroubled_ = false;
+}
+
+std::size_t Loader::compare(Wall::time_point since) {
+  std::vector<std::string> digests;
+  std::vector<std::uint64_t> places, missing;
+  const auto ask = [&] {
+    if (digests.empty()) return;
+    const auto answers = database_.areMissing(digests);
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+      if (answers[i]) missing.push_back(places[i]);
+    }
+    digests.clear();
+    places.clear();
+  };
+  const std::uint64_t before = figures_.logs;
+  stream_.each(since, [&](std::string_view id, std::uint64_t place) {
+    if (!isDigest(id)) return;
+    digests.emplace_back(id.substr(0, kDigestLength));
+    places.push_back(place);
+    if (digests.size() == kDigestsAtOnce) ask();
+  });
+  ask();
+  // What comes after that will still be given out.
+  std::erase_if(missing, [done = stream_.place().done](auto place) { return place > done; });
+  for (std::size_t first = 0; first < missing.size(); first += kLogsAtOnce) {
+    const std::size_t count = std::min(kLogsAtOnce, missing.size() - first);
+    const auto from = missing.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto messages = stream_.at({from, from + static_cast<std::ptrdiff_t>(count)});
+    if (!messages.empty()) load(messages);
+  }
+  figures_.passedOver += figures_.logs - before;
+  return figures_.logs - before;
 }
 
 void Loader::load(const Messages& messages) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -14,21 +15,29 @@ namespace skelda::tools {
 /// Carries logs from the stream into the database: a batch is taken, written in one transaction,
 /// and acknowledged when that is committed. Whatever ends in between, comes again and is known by
 /// its digest. One thread.
+///
+/// The consumer goes by places. Where the stream's servers lost messages and gave their places to
+/// others, these are never given out: so after each such trouble, and at the end, what the stream
+/// has is compared with what the database has.
 class Loader {
  public:
   struct Figures {
     std::uint64_t logs = 0;  // that were new
     std::uint64_t events = 0;
     std::uint64_t repeats = 0;
-    std::uint64_t damaged = 0;  // of the new ones
-    std::uint64_t behind = 0;   // logs in the stream that no loader had been given yet
-    std::uint64_t retries = 0;  // batches and pulls that had to be tried again
+    std::uint64_t damaged = 0;     // of the new ones
+    std::uint64_t behind = 0;      // logs in the stream that no loader had been given yet
+    std::uint64_t passedOver = 0;  // of the new ones, those that the consumer was never given
+    std::uint64_t retries = 0;     // batches and pulls that had to be tried again
   };
+  /// How far before a trouble the stream is compared.
+  using Seconds = std::chrono::seconds;
   /// Waits so long; false when it is time to end.
   using Pause = std::function<bool(platform::RetryDelay::Duration)>;
   using Tell = std::function<void(const std::string&)>;
 
-  Loader(LogStream& stream, Database& database, Pause pause, Tell tell);
+  Loader(LogStream& stream, Database& database, Pause pause, Tell tell,
+         Seconds before = std::chrono::minutes(15));
 
   /// Until `pause` says so, or, with `untilEmpty`, until the stream has been read.
   void run(bool untilEmpty);
@@ -36,10 +45,16 @@ class Loader {
 
  private:
   using Messages = std::vector<StreamedMessage>;
+  using Clock = std::chrono::steady_clock;
+  using Wall = std::chrono::system_clock;
 
   /// Calls `attempt` until it does not throw; false when it is time to end.
   template <class Attempt>
   bool retrying(Attempt attempt);
+  void noteTrouble();
+  void lookForTrouble();
+  /// Loads what the stream has and the database has not; tells how many these were.
+  std::size_t compare(Wall::time_point since);
   void load(const Messages& messages);
   /// The part from `first` on, `count` long; halved while the database refuses it, so that what it
   /// refuses at last is one log.
@@ -50,7 +65,12 @@ class Loader {
   Database& database_;
   Pause pause_;
   Tell tell_;
+  const Seconds before_;
   Figures figures_;
+  bool isTroubled_ = true;  // what was before this process, nobody knows
+  Wall::time_point troubledSince_ = Wall::now();
+  Clock::time_point lastTrouble_ = Clock::now();
+  Clock::time_point nextLook_, nextComparison_;
 };
 
 }  // namespace skelda::tools

@@ -67,25 +67,16 @@ void LogStream::disconnect() {
 void LogStream::connect() {
   if (consumer_) return;
   disconnect();
-  natsOptions* raw = nullptr;
-  check("options", natsOptions_Create(&raw));
-  const std::unique_ptr<natsOptions, Destroy<natsOptions, natsOptions_Destroy>> options(raw);
-  std::vector<std::string> servers;
-  for (std::size_t at = 0; at <= options_.servers.size();) {
-    const std::size_t end = std::min(options_.servers.find(',', at), options_.servers.size());
-    std::string server = options_.servers.substr(at, end - at);
-    servers.push_back(server.find("://") == std::string::npos ? "nats://" + server : server);
-    at = end + 1;
+  NatsOptions options;
+  try {
+    options = options_.access.options("skelda-load");
+  } catch (const std::runtime_error& why) {
+    throw Unavailable(why.what());
   }
-  std::vector<const char*> names;
-  for (const std::string& server : servers) names.push_back(server.c_str());
-  check("servers", natsOptions_SetServers(raw, names.data(), static_cast<int>(names.size())));
-  check("name", natsOptions_SetName(raw, "skelda-load"));
-  check("timeout", natsOptions_SetTimeout(raw, 2000));
+  natsOptions* const raw = options.get();
   // A server that has gone without a word is noticed in ten seconds, and then another is tried.
   check("pings", natsOptions_SetPingInterval(raw, 5000));
   check("pings", natsOptions_SetMaxPingsOut(raw, 2));
-  check("reconnecting", natsOptions_SetMaxReconnect(raw, -1));
   check("reconnecting", natsOptions_SetReconnectWait(raw, 250));
   natsConnection* connection = nullptr;
   check("connecting", natsConnection_Connect(&connection, raw));
@@ -213,7 +204,45 @@ void LogStream::keepDamaged(const StreamedMessage& message, const std::string& f
   check("damaged log", js_PublishMsg(nullptr, stream_.get(), raw, nullptr, &code), code);
 }
 
-bool LogStream::isEmpty() {
+bool LogStream::isAsItWas() {
+  connect();
+  natsStatus status{};
+  jsErrCode code{};
+  const StreamInfo info = streamInfo(stream_.get(), &status, &code);
+  check("stream", status, code);
+  const bool isFirst = leader_.empty() && last_ == 0;
+  const std::string leader(leaderOf(*info));
+  const bool isSame = leader == leader_ && info->State.LastSeq >= last_;
+  leader_ = leader;
+  last_ = info->State.LastSeq;
+  return isFirst || isSame;
+}
+
+void LogStream::each(std::chrono::system_clock::time_point since, const SeenMessage& seen) {
+  connect();
+  try {
+    readStream(connection_.get(), stream_.get(), since, seen);
+  } catch (const StreamTrouble& why) {
+    throw Unavailable(why.what());
+  }
+}
+
+std::vector<StreamedMessage> LogStream::at(const std::vector<std::uint64_t>& places) {
+  connect();
+  std::vector<StreamedMessage> messages;
+  for (const std::uint64_t place : places) {
+    natsMsg* message = nullptr;
+    jsErrCode code{};
+    const natsStatus status =
+        js_GetMsg(&message, stream_.get(), fleet::kStream, place, nullptr, &code);
+    if (status == NATS_NOT_FOUND) continue;
+    check("message", status, code);
+    messages.emplace_back(message);
+  }
+  return messages;
+}
+
+LogStream::Place LogStream::place() {
   connect();
   jsErrCode code{};
   jsConsumerInfo* info = nullptr;
@@ -221,9 +250,9 @@ bool LogStream::isEmpty() {
         js_GetConsumerInfo(&info, stream_.get(), fleet::kStream, options_.durable.c_str(), nullptr,
                            &code),
         code);
-  const bool isEmpty = info->NumPending == 0 && info->NumAckPending == 0;
+  const Place place{info->NumPending == 0 && info->NumAckPending == 0, info->AckFloor.Stream};
   jsConsumerInfo_Destroy(info);
-  return isEmpty;
+  return place;
 }
 
 }  // namespace skelda::tools

@@ -3,11 +3,13 @@
 #include <nats/nats.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Tools/Shared/StreamAccess.h"
 #include "Tools/skelda-load/LogRows.h"
 
 namespace skelda::tools {
@@ -24,12 +26,9 @@ class StreamedMessage {
   natsMsg* get() const { return message_.get(); }
 
  private:
-  struct Destroy {
-    void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
-  };
   std::string_view header(const char* name) const;
 
-  std::unique_ptr<natsMsg, Destroy> message_;
+  NatsMessage message_;
 };
 
 /// The stream of logs, read by a durable consumer that any number of processes share: what one
@@ -38,7 +37,7 @@ class StreamedMessage {
 class LogStream {
  public:
   struct Options {
-    std::string servers;  // nats://host:port[,host:port...]
+    StreamAccess access;
     std::string durable = "skelda-load";
     int logs = 512;                              // that are taken at once
     std::int64_t bytes = std::int64_t{8} << 20;  // the same; one log may be larger
@@ -58,26 +57,36 @@ class LogStream {
   /// Puts a log that is damaged where such ones are kept; it is kept there when this returns.
   /// Throws Unavailable.
   void keepDamaged(const StreamedMessage& message, const std::string& fault);
-  /// Whether the consumer was given everything, and everything was acknowledged.
-  bool isEmpty();
+  /// Who leads the stream, and where it ends; false where that has changed since the last call so
+  /// that messages may have taken the places of others. Throws Unavailable.
+  bool isAsItWas();
+  /// What one of the servers has, from `since` on, in its order: `seen(id, place)`, as
+  /// readStream(). Throws Unavailable.
+  void each(std::chrono::system_clock::time_point since, const SeenMessage& seen);
+  /// The messages at these places, but for those that are not there. Throws Unavailable.
+  std::vector<StreamedMessage> at(const std::vector<std::uint64_t>& places);
+  /// Where the consumer is.
+  struct Place {
+    bool isAtEnd = false;    // it was given everything, and everything was acknowledged
+    std::uint64_t done = 0;  // up to here nothing is given out any more
+  };
+  Place place();
   /// Gives the connection up; the next call makes a new one.
   void disconnect();
 
  private:
-  template <class Handle, void (*destroy)(Handle*)>
-  struct Destroy {
-    void operator()(Handle* handle) const { destroy(handle); }
-  };
   void connect();
   void makeConsumer();
   void makeDamagedStream();
   std::vector<StreamedMessage> fetch(bool waits);
 
   const Options options_;
-  std::unique_ptr<natsConnection, Destroy<natsConnection, natsConnection_Destroy>> connection_;
-  std::unique_ptr<jsCtx, Destroy<jsCtx, jsCtx_Destroy>> stream_;
-  std::unique_ptr<natsSubscription, Destroy<natsSubscription, natsSubscription_Destroy>> consumer_;
+  NatsHandle<natsConnection, natsConnection_Destroy> connection_;
+  NatsHandle<jsCtx, jsCtx_Destroy> stream_;
+  NatsHandle<natsSubscription, natsSubscription_Destroy> consumer_;
   bool hasDamagedStream_ = false;
+  std::string leader_;
+  std::uint64_t last_ = 0;
 };
 
 }  // namespace skelda::tools

@@ -22,14 +22,16 @@ struct Options {
   LogStream::Options stream;
   std::string database;
   double ackWait = 30;
+  int compared = 900;
   bool untilEmpty = false;
   bool showsSchema = false;
 };
 
 void describe(CLI::App& app, Options& options) {
-  app.add_option("--stream", options.stream.servers,
+  app.add_option("--stream", options.stream.access.servers,
                  "The servers of the stream: nats://host:4222[,host:4222...]")
       ->capture_default_str();
+  options.stream.access.describe(app);
   app.add_option("--database", options.database,
                  "The database, as libpq has it: \"host=... dbname=...\" or postgresql://...; what "
                  "is not said comes from PGHOST, PGDATABASE, PGUSER, PGPASSFILE and the like");
@@ -43,6 +45,11 @@ void describe(CLI::App& app, Options& options) {
                  "Seconds after which the stream gives out again what was not acknowledged, when "
                  "the consumer is made")
       ->check(CLI::Range(1.0, 3600.0))
+      ->capture_default_str();
+  app.add_option("--compare", options.compared,
+                 "Seconds before a trouble of the stream, from which on it is compared with the "
+                 "database")
+      ->check(CLI::Range(1, 86400 * 30))
       ->capture_default_str();
   app.add_flag("--until-empty", options.untilEmpty, "End when all of the stream has been loaded");
   app.add_flag("--schema", options.showsSchema, "Print the schema of the database and end");
@@ -65,9 +72,9 @@ class Figures {
     const double seconds = std::chrono::duration<double>(at - at_).count();
     fmt::print(stderr,
                "skelda-load: {} logs, {} events ({:.0f} a second), {} damaged, {} repeats, {} "
-               "behind, {} retries\n",
+               "behind, {} retries, {} passed over\n",
                now.logs, now.events, static_cast<double>(now.events - told_.events) / seconds,
-               now.damaged, now.repeats, now.behind, now.retries);
+               now.damaged, now.repeats, now.behind, now.retries, now.passedOver);
     told_ = now;
     at_ = at;
     next_ = at + kEvery;
@@ -90,8 +97,10 @@ int load(const Options& options) {
     const timespec wait{static_cast<time_t>(length / 1s), static_cast<long>((length % 1s).count())};
     return sigtimedwait(&signals, nullptr, &wait) < 0;
   };
-  Loader loader(stream, database, pause,
-                [](const std::string& line) { fmt::print(stderr, "skelda-load: {}\n", line); });
+  Loader loader(
+      stream, database, pause,
+      [](const std::string& line) { fmt::print(stderr, "skelda-load: {}\n", line); },
+      std::chrono::seconds(options.compared));
   running = &loader;
   loader.run(options.untilEmpty);
   figures.tell(loader.figures(), true);
@@ -102,7 +111,7 @@ int load(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  options.stream.servers = "nats://127.0.0.1:4222";
+  options.stream.access.servers = "nats://127.0.0.1:4222";
   CLI::App app("Carries the logs of the collectors' stream into a PostgreSQL database.");
   describe(app, options);
   try {

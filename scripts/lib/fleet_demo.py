@@ -52,7 +52,7 @@ class DeployedCollector(fleet.StreamCollector):
 
     def command(self, listen):
         return fleet.deployed("skelda-collector", "1", LISTEN=listen, STREAM=self.store,
-                              CREDENTIALS_DIRECTORY=self.arguments[0])
+                              CREDENTIALS_DIRECTORY=self.arguments[0], CACHE_DIRECTORY=self.arguments[1])
 
 
 def make_credentials(folder):
@@ -98,8 +98,8 @@ def run(options, folder):
     credentials = make_credentials(folder)
     title("Three servers of the stream, two collectors, a database and the loader")
     with fleet.Servers(folder) as servers, loading.Database(folder / "database") as database, \
-            DeployedCollector(folder, servers, credentials) as one, \
-            DeployedCollector(folder, servers, credentials) as two, Home() as home:
+            DeployedCollector(folder, servers, credentials, folder / "copies-1") as one, \
+            DeployedCollector(folder, servers, credentials, folder / "copies-2") as two, Home() as home:
         database.await_ready()
         for each in (one, two):
             each.await_ready()

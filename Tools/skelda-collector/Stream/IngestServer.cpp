@@ -361,7 +361,7 @@ std::string IngestServer::metrics() const {
   add("gauge", "held_bytes", held_);
   add("gauge", "waiting_requests", waiting_);
   add("gauge", "connections", connections_);
-  return text + timesText();
+  return text + sink_.figures() + timesText();
 }
 
 std::string IngestServer::answersText() const {

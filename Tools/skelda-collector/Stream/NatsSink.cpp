@@ -3,10 +3,13 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nats/nats.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -24,6 +27,10 @@ constexpr std::chrono::milliseconds kBetweenLooks{2000};
 constexpr std::chrono::milliseconds kBetweenTries{250};  // while it is not ready
 constexpr std::int64_t kAsk = 2000;
 constexpr std::int64_t kLongestClosing = 5000;
+// That another server has more than the leader: while one is away, and once all are there.
+constexpr std::chrono::seconds kLongestDoubt{30}, kLongestDoubtOfAll{8};
+constexpr std::chrono::milliseconds kBetweenLeaders{1500};
+const std::string kStepDown = std::string("$JS.API.STREAM.LEADER.STEPDOWN.") + fleet::kStream;
 constexpr std::chrono::nanoseconds kRepeatWindow = std::chrono::minutes(10);
 constexpr std::chrono::nanoseconds kLongestSilence = std::chrono::seconds(4);  // beats: each second
 constexpr std::size_t kHeadersRoom = 4096;  // beside the body, in what a server takes at once
@@ -31,22 +38,6 @@ constexpr std::size_t kHeadersRoom = 4096;  // beside the body, in what a server
 void must(natsStatus status, const char* what) {
   if (status == NATS_OK) return;
   throw std::runtime_error(fmt::format("{}: {}", what, natsStatus_GetText(status)));
-}
-
-/// "nats://a:1,b:2" as the library takes them.
-std::vector<std::string> serversIn(const std::string& text) {
-  constexpr std::string_view kScheme = "nats://";
-  std::vector<std::string> servers;
-  for (std::size_t from = 0; from <= text.size();) {
-    const std::size_t comma = std::min(text.find(',', from), text.size());
-    std::string server = text.substr(from, comma - from);
-    if (!server.starts_with(kScheme)) server.insert(0, kScheme);
-    if (server.size() == kScheme.size())
-      throw std::runtime_error(text + ": a server without a name");
-    servers.push_back(std::move(server));
-    from = comma + 1;
-  }
-  return servers;
 }
 
 std::string nowText() {
@@ -57,21 +48,17 @@ std::string nowText() {
                      micros.count() % 1'000'000);
 }
 
-/// Servers of the stream beside its leader that the leader has lately heard of.
-int othersThere(const jsStreamInfo& info) {
-  int there = 0;
+/// The names of the servers beside the stream's leader that the leader has lately heard of.
+std::set<std::string> othersThere(const jsStreamInfo& info) {
+  std::set<std::string> there;
   for (int each = 0; info.Cluster != nullptr && each < info.Cluster->ReplicasLen; ++each) {
     const auto& peer = *info.Cluster->Replicas[each];
-    there += !peer.Offline && peer.Active < kLongestSilence.count() ? 1 : 0;
+    if (!peer.Offline && peer.Active < kLongestSilence.count()) there.emplace(peer.Name);
   }
   return there;
 }
 
 }  // namespace
-
-void NatsSink::Freer::operator()(__natsMsg* message) const {
-  natsMsg_Destroy(message);
-}
 
 NatsSink::Message NatsSink::messageOf(const ArrivedLog& log) {
   natsMsg* made = nullptr;
@@ -94,6 +81,53 @@ NatsSink::Message NatsSink::messageOf(const ArrivedLog& log) {
   return message;
 }
 
+namespace {
+
+constexpr const char* kHeaders[] = {fleet::kIdHeader, fleet::kReceivedHeader, fleet::kLengthHeader,
+                                    fleet::kFramesHeader, fleet::kFaultHeader};
+
+/// What becomes of a log that has to be published again: its subject, its headers, its body.
+std::string recordOf(natsMsg* message) {
+  std::string record = natsMsg_GetSubject(message);
+  for (const char* name : kHeaders) {
+    const char* value = nullptr;
+    if (natsMsgHeader_Get(message, name, &value) != NATS_OK || value == nullptr) continue;
+    record += fmt::format("\n{}: {}", name, value);
+  }
+  record += "\n\n";
+  return record.append(natsMsg_GetData(message),
+                       static_cast<std::size_t>(natsMsg_GetDataLength(message)));
+}
+
+skelda::tools::NatsMessage messageFrom(std::string_view record, const std::string& id) {
+  const std::size_t head = record.find("\n\n");
+  if (head == std::string_view::npos) return nullptr;
+  const std::string_view body = record.substr(head + 2);
+  std::string_view lines = record.substr(0, head + 1);
+  const auto line = [&] {
+    const std::size_t end = lines.find('\n');
+    const std::string text(lines.substr(0, end));
+    lines.remove_prefix(end + 1);
+    return text;
+  };
+  natsMsg* made = nullptr;
+  if (natsMsg_Create(&made, line().c_str(), nullptr, body.data(), static_cast<int>(body.size())) !=
+      NATS_OK) {
+    return nullptr;
+  }
+  skelda::tools::NatsMessage message(made);
+  while (!lines.empty()) {
+    const std::string text = line();
+    const std::size_t colon = text.find(": ");
+    const std::string name = text.substr(0, colon);
+    const std::string value = name == fleet::kIdHeader ? id : text.substr(colon + 2);
+    if (natsMsgHeader_Set(made, name.c_str(), value.c_str()) != NATS_OK) return nullptr;
+  }
+  return message;
+}
+
+}  // namespace
+
 NatsSink::NatsSink(Options options)
     : options_(std::move(options)), largest_((std::size_t{1} << 20) - kHeadersRoom) {
   connect();
@@ -103,25 +137,21 @@ NatsSink::NatsSink(Options options)
   js.PublishAsync.AckHandler = onAnswer;
   js.PublishAsync.AckHandlerClosure = this;
   must(natsConnection_JetStream(&stream_, connection_, &js), "stream");
+  lost_ = std::make_unique<LostLogs>(
+      options_.copies, connection_, stream_, [this] { return isReady_.load(); },
+      [this](const std::string& record, const std::string& id, Done done) {
+        publishAgain(record, id, std::move(done));
+      });
   sender_ = std::thread([this] { send(); });
   watcher_ = std::thread([this] { watch(); });
 }
 
 void NatsSink::connect() {
-  natsOptions* made = nullptr;
-  must(natsOptions_Create(&made), "options");
-  const std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)> held(made,
-                                                                          natsOptions_Destroy);
-  const auto servers = serversIn(options_.servers);
-  std::vector<const char*> names;
-  for (const auto& server : servers) names.push_back(server.c_str());
-  must(natsOptions_SetServers(made, names.data(), static_cast<int>(names.size())), "servers");
-  must(natsOptions_SetName(made, "skelda-collector"), "name");
-  must(natsOptions_SetMaxReconnect(made, -1), "reconnect");
+  const auto held = options_.access.options("skelda-collector");
+  natsOptions* const made = held.get();
   must(natsOptions_SetReconnectWait(made, 100), "reconnect");
   must(natsOptions_SetPingInterval(made, 2000), "ping");
   must(natsOptions_SetMaxPingsOut(made, 2), "ping");
-  must(natsOptions_SetTimeout(made, 2000), "time-out");
   must(natsOptions_SetWriteDeadline(made, 2000), "time-out");
   // Publishing without a connection says so at once, instead of being kept for later: 0 would be
   // the library's default.
@@ -134,8 +164,20 @@ void NatsSink::connect() {
           made, [](natsConnection*, void* self) { static_cast<NatsSink*>(self)->isReady_ = false; },
           this),
       "disconnected");
+  // The library gives up where each server refuses it twice: whoever starts this process anew may
+  // have mended what it comes with.
+  must(natsOptions_SetClosedCB(
+           made,
+           [](natsConnection* connection, void* self) {
+             const char* why = nullptr;
+             if (natsConnection_GetLastError(connection, &why) == NATS_OK) return;
+             static_cast<NatsSink*>(self)->isRefused_ = true;
+             ::kill(::getpid(), SIGTERM);
+           },
+           this),
+       "closed");
   const natsStatus status = natsConnection_Connect(&connection_, made);
-  if (status != NATS_NOT_YET_CONNECTED) must(status, "connect");
+  if (status != NATS_NOT_YET_CONNECTED) must(status, "the servers of the stream");
 }
 
 NatsSink::~NatsSink() {
@@ -148,7 +190,7 @@ NatsSink::~NatsSink() {
 }
 
 void NatsSink::stop() {
-  std::unordered_map<const natsMsg*, Done> over;
+  std::unordered_map<const natsMsg*, Pending> over;
   {
     const MutexLock lock(mutex_);
     isStopping_ = true;
@@ -157,22 +199,28 @@ void NatsSink::stop() {
   }
   toSend_.notifyAll();
   stopped_.notifyAll();
-  for (const auto& [message, done] : over) done(Outcome::notNow, nullptr);
+  for (const auto& [message, pending] : over) pending.done(Outcome::notNow, nullptr);
+  lost_->stop();
 }
 
 void NatsSink::keep(ArrivedLog log, Done done) {
-  Message message = isReady_ ? messageOf(log) : nullptr;
-  bool takes = message != nullptr;
-  if (takes) {
+  if (!isReady_ || !publish(messageOf(log), done, false)) done(Outcome::notNow, nullptr);
+}
+
+void NatsSink::publishAgain(const std::string& record, const std::string& id, Done done) {
+  if (!publish(messageFrom(record, id), done, true)) done(Outcome::notNow, nullptr);
+}
+
+bool NatsSink::publish(Message message, Done& done, bool isAgain) {
+  if (message == nullptr) return false;
+  {
     const MutexLock lock(mutex_);
-    takes = !isStopping_ && pending_.size() < options_.maxPending;
-    if (takes) {
-      pending_[message.get()] = std::move(done);
-      queue_.push_back(std::move(message));
-    }
+    if (isStopping_ || pending_.size() >= options_.maxPending) return false;
+    pending_[message.get()] = {std::move(done), isAgain, highest_};
+    queue_.push_back(std::move(message));
   }
-  if (!takes) return done(Outcome::notNow, nullptr);
   toSend_.notifyOne();
+  return true;
 }
 
 /// On a thread of its own: a server that does not read makes its connection's writers wait.
@@ -193,33 +241,57 @@ void NatsSink::send() {
     natsMsg* given = message.release();  // the library's, where it is published
     if (js_PublishMsgAsync(stream_, &given, &options) == NATS_OK) continue;
     message.reset(given);
-    end(it, Outcome::notNow);
+    if (Pending pending; take(it, pending)) pending.done(Outcome::notNow, nullptr);
   }
 }
 
-/// No answer in time is an error, too.
+/// No answer in time is an error, too. Called before the message is freed: its address is not
+/// another's until then.
 void NatsSink::onAnswer(jsCtx*, natsMsg* message, jsPubAck* kept, jsPubAckErr*, void* self) {
   const Message held(message);
-  Outcome outcome = Outcome::notNow;
-  if (kept != nullptr && kept->Stream != nullptr &&
-      std::strcmp(kept->Stream, fleet::kStream) == 0) {
-    // Its place in the stream is what says that it is there; there is none before the first.
-    if (kept->Sequence > 0) outcome = kept->Duplicate ? Outcome::repeat : Outcome::kept;
+  auto& sink = *static_cast<NatsSink*>(self);
+  Pending pending;
+  if (!sink.take(message, pending)) return;
+  const Outcome outcome = sink.judge(kept, pending);
+  const char* id = nullptr;
+  if (outcome != Outcome::notNow && !pending.isAgain &&
+      natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK) {
+    sink.lost_->add(id, recordOf(message));
   }
-  static_cast<NatsSink*>(self)->end(message, outcome);
+  pending.done(outcome, nullptr);
 }
 
-/// Called before the message is freed: its address is not another's until then.
-void NatsSink::end(const natsMsg* message, Outcome outcome) {
-  Done done;
-  {
-    const MutexLock lock(mutex_);
-    const auto found = pending_.find(message);
-    if (found == pending_.end()) return;
-    done = std::move(found->second);
-    pending_.erase(found);
+bool NatsSink::take(const natsMsg* message, Pending& pending) {
+  const MutexLock lock(mutex_);
+  const auto found = pending_.find(message);
+  if (found == pending_.end()) return false;
+  pending = std::move(found->second);
+  pending_.erase(found);
+  return true;
+}
+
+LogSink::Outcome NatsSink::judge(const jsPubAck* kept, const Pending& pending) {
+  // Its place in the stream is what says that it is there; there is none before the first.
+  if (kept == nullptr || kept->Stream == nullptr ||
+      std::strcmp(kept->Stream, fleet::kStream) != 0 || kept->Sequence == 0) {
+    return Outcome::notNow;
   }
-  done(outcome, nullptr);
+  if (kept->Duplicate) return Outcome::repeat;
+  if (kept->Sequence > pending.highest) {
+    raise(kept->Sequence);
+    return Outcome::kept;
+  }
+  // A new message where another was before: who leads now has not all that there was.
+  ++disbelieved_;
+  isReady_ = false;
+  stopped_.notifyAll();
+  return Outcome::notNow;
+}
+
+void NatsSink::raise(std::uint64_t place) {
+  std::uint64_t highest = highest_;
+  while (place > highest && !highest_.compare_exchange_weak(highest, place)) {
+  }
 }
 
 void NatsSink::watch() {
@@ -247,13 +319,14 @@ void NatsSink::watch() {
 /// What is wrong with the stream, which is made where there is none; empty when it is as it should
 /// be.
 std::string NatsSink::lookAtStream() {
-  jsOptions options;
-  jsOptions_Init(&options);
-  options.Wait = kAsk;
-  jsStreamInfo* info = nullptr;
+  const std::uint64_t highest = highest_;
+  natsStatus status{};
   jsErrCode error{};
-  natsStatus status = js_GetStreamInfo(&info, stream_, fleet::kStream, &options, &error);
+  skelda::tools::StreamInfo info = skelda::tools::streamInfo(stream_, &status, &error);
   if (status == NATS_NOT_FOUND) {
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = kAsk;
     jsStreamConfig config;
     jsStreamConfig_Init(&config);
     const char* subjects[] = {fleet::kSubjects};
@@ -265,20 +338,67 @@ std::string NatsSink::lookAtStream() {
     config.Duplicates = kRepeatWindow.count();
     config.MaxBytes = options_.maxBytes;
     config.Discard = js_DiscardNew;  // full is full: what was acknowledged is not thrown away
-    status = js_AddStream(&info, stream_, &config, &options, &error);
+    jsStreamInfo* made = nullptr;
+    status = js_AddStream(&made, stream_, &config, &options, &error);
+    info.reset(made);
   }
   if (status != NATS_OK) return fmt::format("{} ({})", natsStatus_GetText(status), int{error});
-  const std::unique_ptr<jsStreamInfo, decltype(&jsStreamInfo_Destroy)> held(info,
-                                                                            jsStreamInfo_Destroy);
-  const auto replicas = static_cast<int>(info->Config->Replicas);
+  return look(*info, highest);
+}
+
+std::string NatsSink::look(const jsStreamInfo& info, std::uint64_t highest) {
+  const auto replicas = static_cast<int>(info.Config->Replicas);
   if (replicas < options_.replicas) {
     return fmt::format("{} has {} replicas of {}", fleet::kStream, replicas, options_.replicas);
   }
+  const std::string leader(skelda::tools::leaderOf(info));
   // Without a majority there is a leader for a while, and then none; a server tells of both.
-  if (replicas > 1 && (info->Cluster == nullptr || info->Cluster->Leader == nullptr ||
-                       info->Cluster->Leader[0] == '\0')) {
-    return "no leader";
+  if (replicas > 1 && leader.empty()) return "no leader";
+  const auto others = othersThere(info);
+  const int there = 1 + static_cast<int>(others.size());
+  // By another leader, or a server that went or came, messages may have been lost.
+  const std::string seen = fmt::format("{} {}", leader, fmt::join(others, " "));
+  if (seen != std::exchange(seen_, seen)) lost_->trouble();
+  if (2 * there <= replicas) return fmt::format("{} of {} replicas are there", there, replicas);
+  return doubt(info, highest, there >= replicas ? kLongestDoubtOfAll : kLongestDoubt);
+}
+
+/// A leader that has less than there was: perhaps it has not come to the end of what it has, or it
+/// was made leader before it had caught up, and another has it all. Nothing is taken until that is
+/// so; then what is gone is gone, but for the copies that there are.
+std::string NatsSink::doubt(const jsStreamInfo& info, std::uint64_t highest,
+                            std::chrono::seconds longest) {
+  const auto now = Clock::now();
+  if (info.State.LastSeq >= highest) {
+    doubtSince_ = {};
+    raise(info.State.LastSeq);
+    return "";
   }
-  const int there = 1 + othersThere(*info);
-  return 2 * there > replicas ? "" : fmt::format("{} of {} replicas are there", there, replicas);
+  lost_->trouble();
+  if (doubtSince_ == Clock::time_point{}) {
+    doubtSince_ = steppedDown_ = now;
+    ++wentBack_;
+  }
+  if (now - doubtSince_ > longest) {
+    doubtSince_ = {};
+    highest_ = info.State.LastSeq;
+    return "";
+  }
+  if (now - steppedDown_ > kBetweenLeaders) {
+    steppedDown_ = now;
+    natsMsg* answer = nullptr;
+    natsConnection_RequestString(&answer, connection_, kStepDown.c_str(), "", kAsk);
+    natsMsg_Destroy(answer);
+  }
+  return "it ends before where it ended once";
+}
+
+std::string NatsSink::figures() const {
+  return fmt::format(
+             "# TYPE skelda_collector_stream_went_back_total counter\n"
+             "skelda_collector_stream_went_back_total {}\n"
+             "# TYPE skelda_collector_answers_not_believed_total counter\n"
+             "skelda_collector_answers_not_believed_total {}\n",
+             wentBack_.load(), disbelieved_.load()) +
+         lost_->figures();
 }

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 void StreamCollector::describe(CLI::App& app) {
+  sink.access.describe(app);
   const auto group = "With --store nats://";
   app.add_option("--replicas", sink.replicas, "Servers that keep each log")
       ->check(CLI::Range(1, 5))
@@ -22,6 +23,14 @@ void StreamCollector::describe(CLI::App& app) {
       ->group(group);
   app.add_option("--stream-bytes", sink.maxBytes,
                  "What the stream may hold, when it is made; when it is full nothing is taken")
+      ->group(group);
+  app.add_option("--copies", sink.copies.folder,
+                 "Folder for copies of what was acknowledged lately, which the stream gets again "
+                 "where it lost it; without one they are in memory, and end with the process")
+      ->group(group);
+  app.add_option("--copies-bytes", sink.copies.maxBytes, "Of all copies")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str()
       ->group(group);
   app.add_option("--keys", keysPath, "File of the API keys that may send, one a line")
       ->check(CLI::ExistingFile)
@@ -96,4 +105,5 @@ void StreamCollector::run(int listener, const Certificates* certificates) const 
   ingest.quiesce();
   ingest.awaitAnswers();  // bounded by the patience
   logs.stop();
+  if (logs.isRefused()) throw std::runtime_error("the servers of the stream refuse this collector");
 }

@@ -1,0 +1,169 @@
+#include "Tools/Shared/StreamAccess.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <stdexcept>
+#include <vector>
+
+#include "Tools/Shared/FleetStream.h"
+
+namespace skelda::tools {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::int64_t kAsk = 2000;
+constexpr std::int64_t kLongestSilence = 5000;  // of a server that has more to say
+
+void must(natsStatus status, std::string_view what, jsErrCode code = {}) {
+  if (status == NATS_OK) return;
+  const char* last = nats_GetLastError(nullptr);
+  throw std::runtime_error(
+      fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
+                  code != 0 ? fmt::format(" ({})", int{code}) : "",
+                  last != nullptr && *last != '\0' ? fmt::format(": {}", last) : ""));
+}
+
+/// "nats://a:1,b:2" as the library takes them: what stands before the first holds for all.
+std::vector<std::string> serversIn(const std::string& text) {
+  const std::size_t end = text.find("://");
+  const std::string scheme = end == std::string::npos ? "nats://" : text.substr(0, end + 3);
+  std::vector<std::string> servers;
+  for (std::size_t from = 0; from <= text.size();) {
+    const std::size_t comma = std::min(text.find(',', from), text.size());
+    std::string server = text.substr(from, comma - from);
+    if (server.find("://") == std::string::npos) server.insert(0, scheme);
+    if (server.ends_with("://")) throw std::runtime_error(text + ": a server without a name");
+    servers.push_back(std::move(server));
+    from = comma + 1;
+  }
+  return servers;
+}
+
+/// The first line of a file: what must not stand on a command line, where everybody reads it.
+std::pair<std::string, std::string> userIn(const std::string& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  const std::size_t colon = line.find(':');
+  if (colon == 0 || colon == std::string::npos) {
+    throw std::runtime_error(path + " does not begin with user:password");
+  }
+  return {line.substr(0, colon), line.substr(colon + 1)};
+}
+
+std::string_view idOf(natsMsg* message) {
+  const char* id = nullptr;
+  return natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK && id != nullptr ? id : "";
+}
+
+}  // namespace
+
+void StreamAccess::describe(CLI::App& app) {
+  const auto file = [&](const char* name, std::string& value, const char* what) {
+    return app.add_option(name, value, what)
+        ->check(CLI::ExistingFile)
+        ->group("Reaching the servers of the stream");
+  };
+  file("--stream-authority", authority, "PEM file of who vouches for them; then it is encrypted");
+  auto* mine = file("--stream-cert", certificate, "PEM file of this program's own certificate");
+  mine->needs(file("--stream-key", key, "PEM file of its key")->needs(mine));
+  file("--stream-user", userFile, "File of one line, user:password");
+  file("--stream-credentials", credentials, "File of a user's token and key (.creds)");
+}
+
+NatsOptions StreamAccess::options(const char* name) const {
+  natsOptions* made = nullptr;
+  must(natsOptions_Create(&made), "options");
+  NatsOptions held(made);
+  const auto all = serversIn(servers);
+  std::vector<const char*> names;
+  for (const auto& server : all) names.push_back(server.c_str());
+  must(natsOptions_SetServers(made, names.data(), static_cast<int>(names.size())), servers);
+  must(natsOptions_SetName(made, name), "name");
+  must(natsOptions_SetTimeout(made, kAsk), "time-out");
+  must(natsOptions_SetMaxReconnect(made, -1), "reconnect");
+  if (!authority.empty() || servers.starts_with("tls://")) {
+    must(natsOptions_SetSecure(made, true), "encryption");
+  }
+  if (!authority.empty()) {
+    must(natsOptions_LoadCATrustedCertificates(made, authority.c_str()), authority);
+  }
+  if (!certificate.empty()) {
+    must(natsOptions_LoadCertificatesChain(made, certificate.c_str(), key.c_str()), certificate);
+  }
+  if (!userFile.empty()) {
+    const auto [user, password] = userIn(userFile);
+    must(natsOptions_SetUserInfo(made, user.c_str(), password.c_str()), userFile);
+  }
+  if (!credentials.empty()) {
+    must(natsOptions_SetUserCredentialsFromFiles(made, credentials.c_str(), nullptr), credentials);
+  }
+  return held;
+}
+
+StreamInfo streamInfo(jsCtx* stream, natsStatus* status, jsErrCode* code) {
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Wait = kAsk;
+  jsStreamInfo* info = nullptr;
+  jsErrCode error{};
+  const natsStatus got = js_GetStreamInfo(&info, stream, fleet::kStream, &options, &error);
+  if (status != nullptr) *status = got;
+  if (code != nullptr) *code = error;
+  return StreamInfo(info);
+}
+
+std::string_view leaderOf(const jsStreamInfo& info) {
+  return info.Cluster != nullptr && info.Cluster->Leader != nullptr ? info.Cluster->Leader : "";
+}
+
+std::string readStream(natsConnection* connection, jsCtx* stream,
+                       std::chrono::system_clock::time_point since, const SeenMessage& seen) {
+  natsInbox* inbox = nullptr;
+  must(natsInbox_Create(&inbox), "inbox");
+  const NatsHandle<natsInbox, natsInbox_Destroy> heldInbox(inbox);
+  natsSubscription* raw = nullptr;
+  must(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
+  const NatsHandle<natsSubscription, natsSubscription_Destroy> subscription(raw);
+  must(natsSubscription_SetPendingLimits(raw, -1, -1), "reading");
+
+  jsConsumerConfig config;
+  jsConsumerConfig_Init(&config);
+  config.DeliverSubject = inbox;
+  config.DeliverPolicy = js_DeliverByStartTime;
+  config.OptStartTime =
+      std::max<std::int64_t>(1, std::chrono::nanoseconds(since.time_since_epoch()).count());
+  config.AckPolicy = js_AckNone;
+  config.HeadersOnly = true;
+  // On one server, which gives out what it has itself.
+  config.Replicas = 1;
+  config.MemoryStorage = true;
+  config.InactiveThreshold = std::chrono::nanoseconds(10s).count();
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Wait = kAsk;
+  jsErrCode code{};
+  jsConsumerInfo* made = nullptr;
+  must(js_AddConsumer(&made, stream, fleet::kStream, &config, &options, &code), "reading", code);
+  const NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy> info(made);
+
+  // Some may have been given out already when it says how many are to come.
+  std::uint64_t left = info->NumPending + info->Delivered.Consumer;
+  while (left > 0) {
+    natsMsg* next = nullptr;
+    must(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
+    const NatsMessage message(next);
+    jsMsgMetaData* data = nullptr;
+    if (natsMsg_GetMetaData(&data, next) != NATS_OK) continue;
+    seen(idOf(next), data->Sequence.Stream);
+    left = std::min(left - 1, data->NumPending);
+    jsMsgMetaData_Destroy(data);
+  }
+  js_DeleteConsumer(stream, fleet::kStream, info->Name, &options, nullptr);
+  return info->Cluster != nullptr && info->Cluster->Leader != nullptr ? info->Cluster->Leader : "";
+}
+
+}  // namespace skelda::tools
