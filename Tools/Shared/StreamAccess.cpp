@@ -20,7 +20,7 @@ constexpr std::int64_t kLongestSilence = 5000;  // of a server that has more to 
 void must(natsStatus status, std::string_view what, jsErrCode code = {}) {
   if (status == NATS_OK) return;
   const char* last = nats_GetLastError(nullptr);
-  throw std::runtime_error(
+  throw StreamTrouble(
       fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
                   code != 0 ? fmt::format(" ({})", int{code}) : "",
                   last != nullptr && *last != '\0' ? fmt::format(": {}", last) : ""));

@@ -46,7 +46,7 @@ LIBRARIES = {
     r"nlohmann/": r"Platform/Foundation/JSONReader|Tools/|Tests/|Benchmarks/",
     r"uuid/": r"Platform/Foundation/UUID",
     r"httplib|CLI/": r"Tools/|Examples/|Tests/|Benchmarks/",
-    r"nats/": r"Tools/skelda-(?:collector/Stream|load)/",
+    r"nats/": r"Tools/(?:skelda-(?:collector/Stream|load)/|Shared/StreamAccess)",
     r"libpq": r"Tools/skelda-load/",
     r"fmt/": r"(?!include/)",
 }

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <iterator>
+#include <set>
 #include <stdexcept>
 
+#include "Tools/Shared/FleetStream.h"
 #include "Tools/Shared/StreamAccess.h"
 
 using skelda::platform::MutexLock;
@@ -14,11 +17,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kCalm = 60s;           // between comparisons
-constexpr auto kAfterTrouble = 3s;    // the same, while a trouble is recent
-constexpr auto kTroubleLasts = 30s;   // and what it left behind may show
-constexpr auto kClocks = 120s;        // by which those of servers and collectors may differ
-constexpr int kMostReadings = 16;     // until one is the leader's
+constexpr auto kCalm = 60s;          // between comparisons
+constexpr auto kAfterTrouble = 3s;   // the same, while a trouble is recent
+constexpr auto kTroubleLasts = 30s;  // and what it left behind may show
+constexpr auto kClocks = 120s;       // by which those of servers and collectors may differ
+constexpr auto kOverlap = 10s;       // of comparisons without a trouble
+constexpr std::size_t kDigestLength = 64;
+constexpr int kMostReadings = 24;     // until one is the leader's
 constexpr std::size_t kAtOnce = 256;  // of the logs that are published again
 
 }  // namespace
@@ -73,7 +78,7 @@ void LostLogs::run() {
     last = now;
     lock.unlock();
     try {
-      compare();
+      compare(isTroubled);
     } catch (const std::exception&) {
       // The stream went away meanwhile: it is looked for again.
     }
@@ -81,48 +86,103 @@ void LostLogs::run() {
   }
 }
 
-/// The ids that the leader gives out, which is whom everybody else reads from and follows.
-LostLogs::Ids LostLogs::leaderHas(SpareCopies::Time since) const {
-  for (int reading = 0; reading < kMostReadings; ++reading) {
-    const auto before = skelda::tools::streamInfo(stream_);
-    if (!before) throw std::runtime_error("no stream");
-    Ids ids;
-    const std::string server = skelda::tools::readStream(
-        connection_, stream_, since,
-        [&](std::string_view id, std::uint64_t) { ids.emplace(id.substr(0, 64)); });
-    const auto after = skelda::tools::streamInfo(stream_);
-    if (after && skelda::tools::leaderOf(*before) == server &&
-        skelda::tools::leaderOf(*after) == server)
-      return ids;
+/// What the leader has, from whom everybody reads, and, where asked for, each other server that is
+/// there. Which server a reading is of cannot be chosen: it is read until all have been seen.
+LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
+  const auto before = skelda::tools::streamInfo(stream_);
+  if (!before) throw std::runtime_error("no stream");
+  const std::string leader(skelda::tools::leaderOf(*before));
+  std::set<std::string> left{leader};
+  for (int each = 0; ofAll && before->Cluster != nullptr && each < before->Cluster->ReplicasLen;
+       ++each) {
+    const auto& peer = *before->Cluster->Replicas[each];
+    if (!peer.Offline) left.emplace(peer.Name);
   }
-  throw std::runtime_error("the leader gives out nothing");
+  Views views;
+  for (int reading = 0; reading < kMostReadings && !left.empty(); ++reading) {
+    View view;
+    const std::string server = skelda::tools::readStream(
+        connection_, stream_, since, [&](std::string_view id, std::uint64_t place) {
+          const std::string name(id.substr(0, kDigestLength));
+          view.places.emplace(name, place);
+          view.ids.emplace(place, name);
+          view.last = std::max(view.last, place);
+        });
+    if (left.erase(server) == 0) continue;
+    if (server == leader) {
+      views.leader = std::move(view);
+    } else {
+      views.others.push_back(std::move(view));
+    }
+  }
+  const auto after = skelda::tools::streamInfo(stream_);
+  if (left.contains(leader) || !after || skelda::tools::leaderOf(*after) != leader) {
+    throw std::runtime_error("the leader gives out nothing, or is another one");
+  }
+  return views;
 }
 
-void LostLogs::compare() {
+void LostLogs::compare(bool isTroubled) {
   const auto now = std::chrono::system_clock::now();
   auto copies = copies_.all();
-  std::erase_if(copies, [&](const auto& copy) { return copy.at + options_.longest < now; });
-  if (copies.empty()) return;
-  const Ids there = leaderHas(copies.front().at - kClocks);
+  const auto from = isTroubled ? now - options_.longest : lastBegan_ - kOverlap;
+  std::erase_if(copies, [&](const auto& copy) { return copy.at < from; });
+  const Views views = copies.empty() ? Views{} : read(copies.front().at - kClocks, isTroubled);
+  lastBegan_ = now;
   ++comparisons_;
+  const auto& there = views.leader.places;
   std::erase_if(denied_, [&](const auto& entry) { return there.contains(entry.first); });
-  std::erase_if(copies, [&](const auto& copy) { return there.contains(copy.id); });
-  if (copies.empty()) return;
-  std::printf("stream: %zu acknowledged logs are no longer there, and are published again\n",
-              copies.size());
+  auto lost = giveUpDisputed(views, copies);
+  const std::size_t disputed = lost.size();
+  std::ranges::copy_if(copies, std::back_inserter(lost),
+                       [&](const auto& copy) { return !there.contains(copy.id); });
+  if (lost.empty()) return;
+  lost_ += lost.size() - disputed;
+  std::printf(
+      "stream: of acknowledged logs %zu are no longer there and %zu not on all servers; they are "
+      "published again\n",
+      lost.size() - disputed, disputed);
   std::fflush(stdout);
-  publishAgain(copies);
+  publishAgain(lost);
   trouble();  // it is looked whether they stay
 }
 
-void LostLogs::publishAgain(const std::vector<SpareCopies::Copy>& lost) {
+/// The logs whose places were given up. One comparison alone proves nothing: the servers were not
+/// read at the same time.
+LostLogs::Copies LostLogs::giveUpDisputed(const Views& views, const Copies& copies) {
+  Copies given;
+  std::unordered_set<std::string> disputed;
+  for (const auto& copy : copies) {
+    const auto found = views.leader.places.find(copy.id);
+    if (found == views.leader.places.end()) continue;
+    const std::uint64_t place = found->second;
+    const auto differs = [&](const View& view) {
+      const auto other = view.ids.find(place);
+      // What lies behind its end may still be on its way.
+      return view.last > place && (other == view.ids.end() || other->second != copy.id);
+    };
+    if (std::ranges::none_of(views.others, differs)) continue;
+    if (!disputed_.contains(copy.id)) {
+      disputed.insert(copy.id);
+    } else if (js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) ==
+               NATS_OK) {
+      ++disputes_;
+      denied_.try_emplace(copy.id, 1);  // the servers know its id
+      given.push_back(copy);
+    }
+  }
+  if (!disputed.empty()) trouble();
+  disputed_ = std::move(disputed);
+  return given;
+}
+
+void LostLogs::publishAgain(const Copies& lost) {
   struct Round {
     skelda::platform::Mutex mutex;
     skelda::platform::Condition changed;
     std::size_t left GUARDED_BY(mutex) = 0;
     std::vector<std::string> denied GUARDED_BY(mutex);
   };
-  lost_ += lost.size();
   for (std::size_t first = 0; first < lost.size() && isReady_(); first += kAtOnce) {
     const auto round = std::make_shared<Round>();
     const std::size_t count = std::min(kAtOnce, lost.size() - first);
@@ -163,6 +223,7 @@ std::string LostLogs::figures() const {
   add("counter", "copies_failed_total", copies.failed);
   add("counter", "stream_comparisons_total", comparisons_);
   add("counter", "stream_lost_logs_total", lost_);
+  add("counter", "stream_disputed_logs_total", disputes_);
   add("counter", "stream_published_again_total", again_);
   return text;
 }

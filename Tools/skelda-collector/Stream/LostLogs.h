@@ -16,8 +16,11 @@
 #include "Tools/skelda-collector/Stream/SpareCopies.h"
 
 /// Finds the logs that the stream had acknowledged and no longer has, and has them published again.
-/// Compares the copies with what the stream's leader gives out, again and again after a trouble and
-/// each minute without one. One thread of its own.
+/// Compares the copies with what the stream's leader gives out: all of them, again and again, after
+/// a trouble; the latest, each minute, without one. After a trouble it also compares what the
+/// servers have at the same place: where one of them has another log than the leader, and would
+/// give out that one when it leads, the place is given up and the leader's log published again. One
+/// thread of its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -43,12 +46,23 @@ class LostLogs {
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Ids = std::unordered_set<std::string>;
+  /// What a server has.
+  struct View {
+    std::unordered_map<std::string, std::uint64_t> places;  // by id
+    std::unordered_map<std::uint64_t, std::string> ids;     // by place
+    std::uint64_t last = 0;
+  };
+  struct Views {
+    View leader;
+    std::vector<View> others;
+  };
+  using Copies = std::vector<SpareCopies::Copy>;
 
   void run();
-  void compare();
-  Ids leaderHas(SpareCopies::Time since) const;
-  void publishAgain(const std::vector<SpareCopies::Copy>& lost);
+  void compare(bool isTroubled);
+  Views read(SpareCopies::Time since, bool ofAll) const;
+  Copies giveUpDisputed(const Views& views, const Copies& copies);
+  void publishAgain(const Copies& lost);
 
   const SpareCopies::Options options_;
   SpareCopies copies_;
@@ -58,7 +72,9 @@ class LostLogs {
   const Publish publish_;
   /// What the leader calls a repeat though it does not have it: how often. The thread's own.
   std::unordered_map<std::string, int> denied_;
-  std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, again_ = 0;
+  std::unordered_set<std::string> disputed_;  // at the last comparison, the same
+  SpareCopies::Time lastBegan_{};
+  std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, disputes_ = 0, again_ = 0;
 
   skelda::platform::Mutex mutex_;
   skelda::platform::Condition changed_;
