@@ -55,7 +55,7 @@ class SpareCopies {
   Figures figures() const;
 
  private:
-  void recover();
+  void recover() REQUIRES(mutex_);
   void begin() REQUIRES(mutex_);
   void drop(Time now) REQUIRES(mutex_);
 
