@@ -10,6 +10,8 @@
 #include <utility>
 
 #include "Platform/Base/Descriptor.h"
+#include "Platform/Base/Mutex.h"
+#include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/URLSessionParsedURL.h"
 
 namespace skelda::platform {
@@ -54,7 +56,18 @@ const char* environmentText(const char* name) noexcept {
 }  // namespace
 
 bool isWellFormedURL(const std::string& text) noexcept {
-  return ParsedURL(text).isValid();
+  // Nearly always the one that was asked for before, and found good.
+  struct Good {
+    Mutex mutex;
+    std::array<char, 256> text GUARDED_BY(mutex);
+    std::size_t length GUARDED_BY(mutex) = 0;
+  };
+  static NeverDestroyed<Good> good;
+  const MutexLock lock(good->mutex);
+  if (!text.empty() && text == std::string_view(good->text.data(), good->length)) return true;
+  if (!ParsedURL(text).isValid()) return false;
+  good->length = text.size() <= good->text.size() ? text.copy(good->text.data(), text.size()) : 0;
+  return true;
 }
 
 URLSessionTransfer::URLSessionTransfer(URLSessionTaskRef task,
