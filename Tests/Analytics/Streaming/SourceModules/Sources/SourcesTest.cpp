@@ -315,7 +315,7 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 
 TEST(ReportedIdentifiersSource, KeepsBothIdentifiersInOneWriteOrNeitherAndSaysSo) {
   using Source = SkeldaReportedIdentifiersSource;
-  for (const std::size_t failingRename : {1, 2}) {
+  for (const std::size_t failingRename : {1U, 2U}) {
     const AgentHome home;
     SkeldaUtil::setLogLevel(1);
     LogCapture log;
