@@ -17,11 +17,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kCalm = 60s;          // between comparisons
-constexpr auto kAfterTrouble = 3s;   // the same, while a trouble is recent
-constexpr auto kTroubleLasts = 30s;  // and what it left behind may show
-constexpr auto kClocks = 120s;       // by which those of servers and collectors may differ
-constexpr auto kOverlap = 10s;       // of comparisons without a trouble
+constexpr auto kCalm = 60s;           // between comparisons
+constexpr auto kAfterTrouble = 3s;    // the same, while a trouble is recent
+constexpr auto kTroubleLasts = 30s;   // and what it left behind may show
+constexpr auto kClocks = 120s;        // by which those of servers and collectors may differ
+constexpr auto kOverlap = 10s;        // of comparisons without a trouble
+constexpr auto kLongestReading = 5s;  // of servers beside the leader
 constexpr std::size_t kDigestLength = 64;
 constexpr int kMostReadings = 24;     // until one is the leader's
 constexpr std::size_t kAtOnce = 256;  // of the logs that are published again
@@ -99,15 +100,25 @@ LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
     if (!peer.Offline) left.emplace(peer.Name);
   }
   Views views;
+  const auto until = Clock::now() + kLongestReading;
   for (int reading = 0; reading < kMostReadings && !left.empty(); ++reading) {
+    // The others matter less, and may have gone.
+    if (!left.contains(leader) && Clock::now() > until) break;
     View view;
-    const std::string server = skelda::tools::readStream(
-        connection_, stream_, since, [&](std::string_view id, std::uint64_t place) {
-          const std::string name(id.substr(0, kDigestLength));
-          view.places.emplace(name, place);
-          view.ids.emplace(place, name);
-          view.last = std::max(view.last, place);
-        });
+    std::string server;
+    try {
+      server = skelda::tools::readStream(connection_, stream_, since,
+                                         [&](std::string_view id, std::uint64_t place) {
+                                           const std::string name(id.substr(0, kDigestLength));
+                                           view.places.emplace(name, place);
+                                           view.ids.emplace(place, name);
+                                           view.last = std::max(view.last, place);
+                                         });
+    } catch (const skelda::tools::StreamTrouble&) {
+      // One that has just gone away: the others are looked at all the same.
+      if (!isReady_()) throw;
+      continue;
+    }
     if (left.erase(server) == 0) continue;
     if (server == leader) {
       views.leader = std::move(view);

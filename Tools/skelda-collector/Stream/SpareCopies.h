@@ -20,8 +20,7 @@ class SpareCopies {
   struct Options {
     std::string folder;  // none: in memory
     std::uint64_t maxBytes = std::uint64_t{256} << 20;
-    /// Shorter than the window in which the stream knows a repeat by its id.
-    std::chrono::seconds longest{480};
+    std::chrono::seconds longest{1800};
   };
   struct Figures {
     std::uint64_t copies = 0;
