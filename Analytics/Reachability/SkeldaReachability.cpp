@@ -3,6 +3,7 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Skelda_Watch/SkeldaConstants.h"
@@ -26,7 +27,7 @@ SkeldaReachability::NetworkStatus statusFor(platform::NetworkLink link) noexcept
 void SkeldaReachability::registerClass() {
   platform::ClassRegistry::shared().registerClass(
       {std::string(kClassName), {}, {std::string(ISkeldaReachability::kProtocolName)}, [] {
-         return std::make_shared<SkeldaReachability>();
+         return platform::makeCounted<SkeldaReachability>();
        }});
 }
 

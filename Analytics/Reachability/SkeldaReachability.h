@@ -26,7 +26,7 @@ class SkeldaReachability : public platform::Object, public ISkeldaReachability {
   /// Makes the class known.
   static void registerClass();
   SkeldaReachability();
-  ~SkeldaReachability() override;
+  ~SkeldaReachability();
   std::string_view className() const noexcept override { return kClassName; }
   void startup() override;
 

@@ -17,7 +17,6 @@ class ISkeldaStreamFileHandle {
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFileHandle";
   using Path = std::optional<std::string>;
 
-  virtual ~ISkeldaStreamFileHandle() = default;
   virtual bool isOpenFile(const Path& path) = 0;
   /// Never creates the file.
   virtual void openForWritingFile(const Path& path, platform::ErrorRef* error) = 0;
@@ -43,4 +42,7 @@ class ISkeldaStreamFileHandle {
   virtual bool truncateFileToZeroBytes() = 0;
   /// Forces what was written to storage.
   virtual bool synchronizeFile() = 0;
+
+ protected:
+  ~ISkeldaStreamFileHandle() = default;
 };

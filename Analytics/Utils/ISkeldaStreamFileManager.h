@@ -15,7 +15,6 @@ class ISkeldaStreamFileManager {
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFileManager";
   using Path = std::optional<std::string>;
 
-  virtual ~ISkeldaStreamFileManager() = default;
   /// True as well where anything, a regular file included, exists at the path.
   virtual bool createIfNotPresentDirectoryAtPath(const Path& path) = 0;
   /// Publishes a whole, synchronised copy. False where the source is missing or the destination
@@ -29,4 +28,7 @@ class ISkeldaStreamFileManager {
   /// Names, not paths.
   virtual std::optional<std::vector<std::string>> fileNamesAtPath(
       const Path& path, platform::ErrorRef* error = nullptr) = 0;
+
+ protected:
+  ~ISkeldaStreamFileManager() = default;
 };

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "Analytics/Utils/SkeldaGuards.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Platform/Security/Keychain.h"
@@ -46,7 +47,7 @@ std::optional<platform::Data> encoded(const std::optional<std::string>& text) {
 
 std::shared_ptr<SkeldaKeychainWrapper> SkeldaKeychainWrapper::keychainWrapperWithIdentifier(
     std::string_view identifier) {
-  return std::make_shared<SkeldaKeychainWrapper>(identifier);
+  return platform::makeCounted<SkeldaKeychainWrapper>(identifier);
 }
 
 SkeldaKeychainWrapper::SkeldaKeychainWrapper(std::string_view identifier)

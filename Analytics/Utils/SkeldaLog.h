@@ -14,7 +14,7 @@
 /// then.
 #define SKELDA_LOG(minimumLevel, ...)                                                     \
   do {                                                                                    \
-    if (SkeldaUtil::logs(minimumLevel) && ::skelda::platform::Log::enabled())             \
+    if (SkeldaUtil::says(minimumLevel))                                                   \
       ::skelda::platform::sayLogLine(::skelda::platform::Log::Kind::detail, __VA_ARGS__); \
   } while (false)
 

@@ -6,6 +6,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
@@ -46,7 +47,7 @@ bool hasURL(const std::string& path) {
 }  // namespace
 
 std::shared_ptr<SkeldaStreamFileHandle> SkeldaStreamFileHandle::fileHandle() {
-  return std::make_shared<SkeldaStreamFileHandle>();
+  return platform::makeCounted<SkeldaStreamFileHandle>();
 }
 
 std::shared_ptr<platform::FileHandle> SkeldaStreamFileHandle::fileHandleForWritingAtPath(

@@ -4,10 +4,11 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/FileHandle.h"
 
 std::shared_ptr<SkeldaStreamFileManager> SkeldaStreamFileManager::fileManager() {
-  return std::make_shared<SkeldaStreamFileManager>();
+  return platform::makeCounted<SkeldaStreamFileManager>();
 }
 
 std::shared_ptr<platform::FileManager> SkeldaStreamFileManager::defaultFileManager() const {

@@ -95,6 +95,10 @@ void SkeldaUtil::handleException(const platform::Value& object) noexcept {
   });
 }
 
+bool SkeldaUtil::says(unsigned minimumLevel) noexcept {
+  return logs(minimumLevel) && platform::Log::enabled();
+}
+
 void SkeldaUtil::handleException(const std::exception_ptr& thrown) noexcept {
   if (thrown == nullptr) return;
   try {

@@ -39,6 +39,9 @@ class SkeldaUtil {
   static unsigned logLevel() noexcept { return logLevel_.load(std::memory_order_relaxed); }
   /// Whether a line of that level is written; level 0 lines always are.
   static bool logs(unsigned minimumLevel) noexcept { return logLevel() >= minimumLevel; }
+  /// Whether a line of that level is said, and somebody reads it: one call for each place that has
+  /// one.
+  static bool says(unsigned minimumLevel) noexcept;
   static void setShowErrorInLogEnabled(bool enabled) noexcept { showErrors_.store(enabled); }
   static bool isShowErrorInLogEnabled() noexcept { return showErrors_.load(); }
   static void setDebugAssertEnabled(bool enabled) noexcept { debugAsserts_.store(enabled); }

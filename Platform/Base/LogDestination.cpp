@@ -12,6 +12,7 @@
 
 #include <utility>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Descriptor.h"
 #include "Platform/Base/LogText.h"
 
@@ -116,7 +117,7 @@ class ToDescriptor : public LogDestination {
  public:
   ToDescriptor(int descriptor, bool isOwn, Shows shows)
       : descriptor_(descriptor), isOwn_(isOwn), shows_(shows) {}
-  ~ToDescriptor() override {
+  ~ToDescriptor() {
     if (isOwn_) ::close(descriptor_);
   }
   Shows shows() const noexcept override { return shows_; }
@@ -155,7 +156,7 @@ class ToDescriptor : public LogDestination {
 class ToSyslog : public LogDestination {
  public:
   explicit ToSyslog(std::string path) : path_(std::move(path)) {}
-  ~ToSyslog() override { disconnect(); }
+  ~ToSyslog() { disconnect(); }
   std::string text(const timespec&, std::string_view line) const override {
     constexpr int kUserInformation = (1 << 3) | 6;
     return fmt::format("<{}>{}[{}]: {}", kUserInformation, program_invocation_short_name,
@@ -197,15 +198,15 @@ class ToSyslog : public LogDestination {
 }  // namespace
 
 std::shared_ptr<LogDestination> LogDestination::off() {
-  return std::make_shared<Nowhere>();
+  return makeCounted<Nowhere>();
 }
 
 std::shared_ptr<LogDestination> LogDestination::toSink(Log::Sink sink) {
-  return std::make_shared<ToSink>(std::move(sink));
+  return makeCounted<ToSink>(std::move(sink));
 }
 
 std::shared_ptr<LogDestination> LogDestination::toStandardError(Shows shows) {
-  return std::make_shared<ToDescriptor>(STDERR_FILENO, false, shows);
+  return makeCounted<ToDescriptor>(STDERR_FILENO, false, shows);
 }
 
 std::shared_ptr<LogDestination> LogDestination::toFile(const std::string& path) {
@@ -213,11 +214,11 @@ std::shared_ptr<LogDestination> LogDestination::toFile(const std::string& path) 
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
              S_IRUSR | S_IWUSR));
   if (descriptor < 0) return nullptr;
-  return std::make_shared<ToDescriptor>(descriptor, true, Shows::everything);
+  return makeCounted<ToDescriptor>(descriptor, true, Shows::everything);
 }
 
 std::shared_ptr<LogDestination> LogDestination::toSyslog(std::string socketPath) {
-  return std::make_shared<ToSyslog>(std::move(socketPath));
+  return makeCounted<ToSyslog>(std::move(socketPath));
 }
 
 }  // namespace skelda::platform

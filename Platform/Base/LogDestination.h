@@ -16,7 +16,6 @@ class LogDestination {
   enum class Shows { nothing, notices, everything };
   enum class Result { written, wouldWait, lost };
 
-  virtual ~LogDestination() = default;
   virtual Shows shows() const noexcept { return Shows::everything; }
   /// A sink of the host's, which is called by the log's own thread alone.
   virtual bool isSink() const noexcept { return false; }
@@ -34,6 +33,9 @@ class LogDestination {
   /// errno where it is neither.
   static std::shared_ptr<LogDestination> toFile(const std::string& path);
   static std::shared_ptr<LogDestination> toSyslog(std::string socketPath);
+
+ protected:
+  ~LogDestination() = default;
 };
 
 }  // namespace skelda::platform

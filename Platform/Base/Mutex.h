@@ -33,19 +33,20 @@
 
 namespace skelda::platform {
 
-/// A mutex that the compiler knows.
+/// A mutex that the compiler knows. Taking one of these does not throw, which the standard's may
+/// for uses that are none here: every caller would carry code for it.
 class CAPABILITY("mutex") Mutex {
  public:
   constexpr Mutex() noexcept = default;
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() ACQUIRE() { mutex_.lock(); }
-  bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
-  void unlock() RELEASE() { mutex_.unlock(); }
+  void lock() noexcept ACQUIRE() { mutex_.lock(); }
+  bool try_lock() noexcept TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+  void unlock() noexcept RELEASE() { mutex_.unlock(); }
 
  private:
-  friend class MutexLock;
+  friend class Condition;
   std::mutex mutex_;
 };
 
@@ -56,8 +57,8 @@ class CAPABILITY("mutex") RecursiveMutex {
   RecursiveMutex(const RecursiveMutex&) = delete;
   RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-  void lock() ACQUIRE() { mutex_.lock(); }
-  void unlock() RELEASE() { mutex_.unlock(); }
+  void lock() noexcept ACQUIRE() { mutex_.lock(); }
+  void unlock() noexcept RELEASE() { mutex_.unlock(); }
 
  private:
   std::recursive_mutex mutex_;
@@ -66,23 +67,32 @@ class CAPABILITY("mutex") RecursiveMutex {
 /// Holds a mutex while it lives, but between unlock() and lock().
 class SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : lock_(mutex.mutex_) {}
-  ~MutexLock() RELEASE() {}
+  explicit MutexLock(Mutex& mutex) noexcept ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexLock() RELEASE() {
+    if (holds_) mutex_.unlock();
+  }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
-  void unlock() RELEASE() { lock_.unlock(); }
-  void lock() ACQUIRE() { lock_.lock(); }
+  void unlock() noexcept RELEASE() {
+    holds_ = false;
+    mutex_.unlock();
+  }
+  void lock() noexcept ACQUIRE() {
+    mutex_.lock();
+    holds_ = true;
+  }
 
  private:
   friend class Condition;
-  std::unique_lock<std::mutex> lock_;
+  Mutex& mutex_;
+  bool holds_ = true;
 };
 
 /// Holds a recursive mutex while it lives.
 class SCOPED_CAPABILITY RecursiveMutexLock {
  public:
-  explicit RecursiveMutexLock(RecursiveMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) {
+  explicit RecursiveMutexLock(RecursiveMutex& mutex) noexcept ACQUIRE(mutex) : mutex_(mutex) {
     mutex_.lock();
   }
   ~RecursiveMutexLock() RELEASE() { mutex_.unlock(); }
@@ -99,20 +109,28 @@ class SCOPED_CAPABILITY RecursiveMutexLock {
 ///     while (!done_) changed_.wait(lock);
 class Condition {
  public:
-  void wait(MutexLock& lock) { condition_.wait(lock.lock_); }
+  void wait(MutexLock& lock) noexcept { condition_.wait(Held(lock)); }
   /// False once the time has come.
   template <class Clock, class Duration>
   bool waitUntil(MutexLock& lock, const std::chrono::time_point<Clock, Duration>& deadline) {
-    return condition_.wait_until(lock.lock_, deadline) == std::cv_status::no_timeout;
+    return condition_.wait_until(Held(lock), deadline) == std::cv_status::no_timeout;
   }
   template <class Rep, class Period>
   bool waitFor(MutexLock& lock, const std::chrono::duration<Rep, Period>& longest) {
-    return condition_.wait_for(lock.lock_, longest) == std::cv_status::no_timeout;
+    return condition_.wait_for(Held(lock), longest) == std::cv_status::no_timeout;
   }
   void notifyOne() noexcept { condition_.notify_one(); }
   void notifyAll() noexcept { condition_.notify_all(); }
 
  private:
+  /// The mutex in the shape in which the standard waits with it; it stays the lock's.
+  struct Held {
+    explicit Held(MutexLock& held) : taken(held.mutex_.mutex_, std::adopt_lock) {}
+    ~Held() { taken.release(); }
+    operator std::unique_lock<std::mutex>&() { return taken; }  // NOLINT: it is one
+    std::unique_lock<std::mutex> taken;
+  };
+
   std::condition_variable condition_;
 };
 

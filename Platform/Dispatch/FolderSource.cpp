@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/FolderWatcher.h"
@@ -17,7 +18,7 @@ class WatchedFolder final : public FolderSource, public FolderListener {
  public:
   explicit WatchedFolder(QueueRef queue) : queue_(std::move(queue)) {}
 
-  ~WatchedFolder() override { cancel(); }
+  ~WatchedFolder() { cancel(); }
 
   bool beginWatching(int descriptor) {
     stands_ = FolderWatcher::shared().add(descriptor, shared_from_this());
@@ -120,7 +121,7 @@ class WatchedFolder final : public FolderSource, public FolderListener {
 }  // namespace
 
 std::shared_ptr<FolderSource> FolderSource::make(int descriptor, QueueRef queue) {
-  auto source = std::make_shared<WatchedFolder>(std::move(queue));
+  auto source = makeCounted<WatchedFolder>(std::move(queue));
   if (!source->beginWatching(descriptor)) {
     SKELDA_PLATFORM_LOG("platform::FolderSource: the folder cannot be watched: {}",
                         std::strerror(errno));

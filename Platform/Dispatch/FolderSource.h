@@ -22,7 +22,6 @@ class FolderSource {
   /// Watches what `descriptor` (of a folder, O_PATH will do) stands for. The descriptor stays the
   /// caller's and may be closed in the cancel handler.
   static std::shared_ptr<FolderSource> make(int descriptor, QueueRef queue);
-  virtual ~FolderSource() = default;
   /// Whether the folder is watched. A source that was made of a bad descriptor, or while the system
   /// had no watch to give, is not, and never fires: whoever needs one makes another, later.
   virtual bool stands() const noexcept = 0;
@@ -32,6 +31,9 @@ class FolderSource {
   /// The next removal of that entry is the caller's own, and not told. Said before it is removed.
   virtual void expectRemoval(const std::string& name) = 0;
   virtual void cancel() = 0;
+
+ protected:
+  ~FolderSource() = default;
 };
 
 }  // namespace skelda::platform

@@ -17,8 +17,10 @@ namespace skelda::platform {
 /// Hears of what happens to a folder, as FolderEvent bits, on the event thread.
 class FolderListener : public std::enable_shared_from_this<FolderListener> {
  public:
-  virtual ~FolderListener() = default;
   virtual void folderChanged(unsigned events) = 0;
+
+ protected:
+  ~FolderListener() = default;
 };
 
 /// The one inotify instance of the process. Any thread.

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Platform/Base/Assertion.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Dispatch/Futex.h"
@@ -77,7 +78,7 @@ class CountingGroup final : public Group {
 }  // namespace
 
 GroupRef Group::make() {
-  return std::make_shared<CountingGroup>();
+  return makeCounted<CountingGroup>();
 }
 
 }  // namespace skelda::platform

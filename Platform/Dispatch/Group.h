@@ -15,7 +15,6 @@ using GroupRef = std::shared_ptr<Group>;
 class Group : public std::enable_shared_from_this<Group> {
  public:
   static GroupRef make();
-  virtual ~Group() = default;
   virtual void enter() = 0;
   /// Leaving more often than entering is an error that ends the process.
   virtual void leave() = 0;
@@ -24,6 +23,9 @@ class Group : public std::enable_shared_from_this<Group> {
   virtual void notify(const std::shared_ptr<Queue>& queue, Block block) = 0;
   /// 0 when the group emptied, non-zero when `deadline` came first.
   virtual long wait(DispatchTime deadline) = 0;
+
+ protected:
+  ~Group() = default;
 };
 
 }  // namespace skelda::platform

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Base/Thread.h"
 #include "Platform/Dispatch/EventLoop.h"
@@ -17,7 +18,7 @@ constexpr std::chrono::milliseconds kPatience{50};  // between askings for what 
 thread_local bool servesMainQueue __attribute__((tls_model("initial-exec"))) = false;
 
 const std::shared_ptr<MainThread>& theMainThread() {
-  static NeverDestroyed<std::shared_ptr<MainThread>> thread(std::make_shared<MainThread>());
+  static NeverDestroyed<std::shared_ptr<MainThread>> thread(makeCounted<MainThread>());
   return *thread;
 }
 

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/ConcurrentQueue.h"
 #include "Platform/Dispatch/GlobalQueue.h"
@@ -26,28 +27,28 @@ QueueRef handleOf(std::shared_ptr<QueueCore> core) {
 
 QueueRef Queue::serial(std::string_view label, QueueRef target) {
   return handleOf(
-      std::make_shared<SerialQueue>(label, target != nullptr ? std::move(target) : global()));
+      makeCounted<SerialQueue>(label, target != nullptr ? std::move(target) : global()));
 }
 
 QueueRef Queue::concurrent(std::string_view label, QueueRef target) {
   return handleOf(
-      std::make_shared<ConcurrentQueue>(label, target != nullptr ? std::move(target) : global()));
+      makeCounted<ConcurrentQueue>(label, target != nullptr ? std::move(target) : global()));
 }
 
 const QueueRef& Queue::global(Priority priority) {
   static NeverDestroyed<std::array<QueueRef, 4>> queues([] {
     return std::array<QueueRef, 4>{
-        std::make_shared<GlobalQueue>("global.high", Priority::high),
-        std::make_shared<GlobalQueue>("global.normal", Priority::normal),
-        std::make_shared<GlobalQueue>("global.low", Priority::low),
-        std::make_shared<GlobalQueue>("global.background", Priority::background)};
+        makeCounted<GlobalQueue>("global.high", Priority::high),
+        makeCounted<GlobalQueue>("global.normal", Priority::normal),
+        makeCounted<GlobalQueue>("global.low", Priority::low),
+        makeCounted<GlobalQueue>("global.background", Priority::background)};
   });
   return (*queues)[static_cast<std::size_t>(priority)];
 }
 
 const QueueRef& Queue::main() {
   static NeverDestroyed<QueueRef> queue(
-      []() -> QueueRef { return std::make_shared<SerialQueue>("main", MainThread::sharedRoot()); });
+      []() -> QueueRef { return makeCounted<SerialQueue>("main", MainThread::sharedRoot()); });
   return *queue;
 }
 

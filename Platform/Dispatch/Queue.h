@@ -44,7 +44,6 @@ class Queue {
   static const QueueRef& main();
   static const QueueRef& global(Priority priority = Priority::normal);
 
-  virtual ~Queue() = default;
   Queue(const Queue&) = delete;
   Queue& operator=(const Queue&) = delete;
   virtual const std::string& label() const noexcept = 0;
@@ -86,6 +85,9 @@ class Queue {
   Queue() = default;
   /// Takes the work over.
   virtual void submit(Work* work, bool barrier) = 0;
+
+ protected:
+  ~Queue() = default;
 };
 
 }  // namespace skelda::platform

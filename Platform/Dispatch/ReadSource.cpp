@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/ReadWatcher.h"
 
@@ -15,7 +16,7 @@ class WatchedDescriptor final : public ReadSource,
  public:
   WatchedDescriptor(int descriptor, QueueRef queue)
       : descriptor_(descriptor), queue_(std::move(queue)) {}
-  ~WatchedDescriptor() override { cancel(); }
+  ~WatchedDescriptor() { cancel(); }
 
   void beginWatching() {
     watch_ = ReadWatcher::shared().add(descriptor_,
@@ -91,7 +92,7 @@ class WatchedDescriptor final : public ReadSource,
 }  // namespace
 
 std::shared_ptr<ReadSource> ReadSource::make(int descriptor, QueueRef queue) {
-  auto source = std::make_shared<WatchedDescriptor>(descriptor, std::move(queue));
+  auto source = makeCounted<WatchedDescriptor>(descriptor, std::move(queue));
   source->beginWatching();
   return source;
 }

@@ -16,7 +16,6 @@ class ReadSource {
   /// The descriptor stays the caller's, is open while the source lives, and may be closed in the
   /// cancel handler.
   static std::shared_ptr<ReadSource> make(int descriptor, QueueRef queue);
-  virtual ~ReadSource() = default;
   virtual void setEventHandler(std::function<void()> handler) = 0;
   /// Runs exactly once, after the last event.
   virtual void setCancelHandler(Block handler) = 0;
@@ -25,6 +24,9 @@ class ReadSource {
   /// writes at the other end finds it full before long.
   virtual void suspend() = 0;
   virtual void cancel() = 0;
+
+ protected:
+  ~ReadSource() = default;
 };
 
 }  // namespace skelda::platform

@@ -12,8 +12,10 @@ namespace skelda::platform {
 /// Hears, on the event thread, that its descriptor has something to read.
 class ReadListener {
  public:
-  virtual ~ReadListener() = default;
   virtual void descriptorReady() = 0;
+
+ protected:
+  ~ReadListener() = default;
 };
 
 /// The descriptors of all read sources, behind one descriptor of the event thread. A descriptor is

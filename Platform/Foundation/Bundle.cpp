@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdlib>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Base/NeverDestroyed.h"
@@ -82,11 +83,11 @@ std::shared_ptr<const Bundle> Bundle::above(const std::string& executablePath) {
   const std::string own = folderOf(executablePath);
   for (std::string folder = own; folder != "/" && folder != "."; folder = folderOf(folder)) {
     if (isBundleFolder(folder))
-      return std::make_shared<const Bundle>(folder, executablePath,
-                                            readInformation(informationPath(folder)));
+      return makeCounted<const Bundle>(folder, executablePath,
+                                       readInformation(informationPath(folder)));
   }
   SKELDA_PLATFORM_LOG("Bundle: no bundle with an Info.plist above {}", executablePath);
-  return std::make_shared<const Bundle>(own, executablePath, Dictionary());
+  return makeCounted<const Bundle>(own, executablePath, Dictionary());
 }
 
 std::shared_ptr<const Bundle> Bundle::main() {

@@ -6,6 +6,7 @@
 #include <array>
 #include <string_view>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Descriptor.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/FolderSource.h"
@@ -85,8 +86,7 @@ struct EnvironmentMonitor::State : std::enable_shared_from_this<State> {
   }
 };
 
-EnvironmentMonitor::EnvironmentMonitor(const std::string& root)
-    : state_(std::make_shared<State>(root)) {
+EnvironmentMonitor::EnvironmentMonitor(const std::string& root) : state_(makeCounted<State>(root)) {
   state_->queue->async([state = state_] {
     state->watch();
     // What changed between the first look and the watch.

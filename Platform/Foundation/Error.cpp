@@ -4,6 +4,7 @@
 
 #include <system_error>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 
 namespace skelda::platform {
@@ -14,7 +15,7 @@ constexpr std::string_view kDescriptionKey = "NSLocalizedDescription";
 }  // namespace
 
 ErrorDomain makeErrorDomain(std::string_view text) {
-  return std::make_shared<const std::string>(text);
+  return makeCounted<const std::string>(text);
 }
 
 Error::Error(ErrorDomain domain, std::int64_t code, Value userInfo)
@@ -57,7 +58,7 @@ ErrorRef posixError(int code, std::string_view path) {
     info.append("NSFilePath", path);
   }
   info.append(std::string(kDescriptionKey), std::move(text));
-  return std::make_shared<const Error>(posixErrorDomain(), code, Value(std::move(info)));
+  return makeCounted<const Error>(posixErrorDomain(), code, Value(std::move(info)));
 }
 
 }  // namespace skelda::platform

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileCalls.h"
@@ -118,7 +119,7 @@ std::shared_ptr<FileHandle> opened(const std::string& path, int flags) {
     return error;
   };
   if ((flags == O_WRONLY ? withReserve(open) : open()) != 0) return nullptr;
-  return std::make_shared<PosixFileHandle>(std::move(file), path);
+  return makeCounted<PosixFileHandle>(std::move(file), path);
 }
 
 }  // namespace

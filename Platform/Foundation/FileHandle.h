@@ -17,7 +17,6 @@ class FileHandle {
   /// Null where the file cannot be opened; never creates one.
   static std::shared_ptr<FileHandle> forReadingAtPath(const std::string& path);
   static std::shared_ptr<FileHandle> forWritingAtPath(const std::string& path);
-  virtual ~FileHandle() = default;
 
   /// At most `length` bytes from the current offset; fewer only at the end of the file, which for
   /// the first call is where it ended when it was opened. Allocates
@@ -35,6 +34,9 @@ class FileHandle {
   virtual void synchronizeFile() = 0;
   /// Further calls but this one throw.
   virtual void closeFile() = 0;
+
+ protected:
+  ~FileHandle() = default;
 };
 
 }  // namespace skelda::platform

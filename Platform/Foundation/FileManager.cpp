@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileCalls.h"
@@ -157,7 +158,7 @@ std::string pathComponent(std::string name) {
 }  // namespace
 
 const std::shared_ptr<FileManager>& FileManager::defaultManager() {
-  static NeverDestroyed<std::shared_ptr<FileManager>> manager(std::make_shared<FileManager>());
+  static NeverDestroyed<std::shared_ptr<FileManager>> manager(makeCounted<FileManager>());
   return *manager;
 }
 

@@ -1,5 +1,7 @@
 #include "Platform/Foundation/JSONReader.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -13,8 +15,8 @@ namespace {
 constexpr std::int64_t kReadCorrupt = 3840;
 
 ErrorRef readError(std::string text) {
-  return std::make_shared<const Error>(cocoaErrorDomain(), kReadCorrupt,
-                                       Value{{"NSLocalizedDescription", std::move(text)}});
+  return makeCounted<const Error>(cocoaErrorDomain(), kReadCorrupt,
+                                  Value{{"NSLocalizedDescription", std::move(text)}});
 }
 
 /// A container that is still open, and in an object the key that waits for its value.

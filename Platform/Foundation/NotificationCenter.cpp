@@ -4,6 +4,7 @@
 #include <exception>
 #include <vector>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Base/NeverDestroyed.h"
@@ -43,7 +44,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
                                                           Observer observer) {
   if (!observer) return 0;
-  auto shared = std::make_shared<const Observer>(std::move(observer));
+  auto shared = makeCounted<const Observer>(std::move(observer));
   const MutexLock lock(state_->mutex);
   const Token token = ++state_->lastToken;
   state_->registrations.push_back({token, std::string(name), std::move(shared)});

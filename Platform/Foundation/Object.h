@@ -9,10 +9,12 @@ namespace skelda::platform {
 /// registry its superclasses and protocols.
 class Object {
  public:
-  virtual ~Object() = default;
   virtual std::string_view className() const noexcept = 0;
   /// Whether the class, or one it derives from, is registered with that protocol.
   virtual bool conformsToProtocol(std::string_view protocol) const;
+
+ protected:
+  ~Object() = default;
 };
 
 using ObjectRef = std::shared_ptr<Object>;

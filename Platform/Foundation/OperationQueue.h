@@ -12,8 +12,10 @@ namespace skelda::platform {
 /// A piece of work with a body that can be called by itself.
 class Operation {
  public:
-  virtual ~Operation() = default;
   virtual void main() = 0;
+
+ protected:
+  ~Operation() = default;
 };
 using OperationRef = std::shared_ptr<Operation>;
 

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/PropertyListScreen.h"
 #include "Platform/Foundation/TextCoding.h"
 
@@ -186,8 +187,8 @@ std::optional<Value> readPropertyList(const Data& data, ErrorRef* error) {
     if (value) return value;
     problem = "The property list cannot be read.";
   }
-  setError(error, std::make_shared<const Error>(cocoaErrorDomain(), kReadCorrupt,
-                                                Value{{"NSLocalizedDescription", problem}}));
+  setError(error, makeCounted<const Error>(cocoaErrorDomain(), kReadCorrupt,
+                                           Value{{"NSLocalizedDescription", problem}}));
   return std::nullopt;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Dispatch/TimeParts.h"
 #include "Platform/Dispatch/Timers.h"
@@ -75,7 +76,7 @@ Timer::~Timer() {
 
 std::shared_ptr<Timer> Timer::scheduled(std::chrono::nanoseconds interval, bool repeats,
                                         QueueRef queue, Tick tick) {
-  auto state = std::make_shared<State>(interval, repeats, std::move(queue), std::move(tick));
+  auto state = makeCounted<State>(interval, repeats, std::move(queue), std::move(tick));
   std::shared_ptr<Timer> timer(new Timer(state));
   state->owner = timer;
   state->wait();

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 
 namespace skelda::platform {
@@ -48,8 +49,8 @@ std::string_view textFor(std::int64_t code) noexcept {
 ErrorRef urlError(std::int64_t code, std::string_view detail) {
   std::string text(textFor(code));
   if (!detail.empty()) text.append(" (").append(detail).append(")");
-  return std::make_shared<const Error>(urlErrorDomain(), code,
-                                       Value{{"NSLocalizedDescription", std::move(text)}});
+  return makeCounted<const Error>(urlErrorDomain(), code,
+                                  Value{{"NSLocalizedDescription", std::move(text)}});
 }
 
 }  // namespace skelda::platform

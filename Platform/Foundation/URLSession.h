@@ -65,7 +65,6 @@ class URLSessionDelegate {
  public:
   using RedirectDecision = std::function<void(std::optional<URLRequest>)>;
 
-  virtual ~URLSessionDelegate() = default;
   /// The answer's body, as far as it is kept; before the task's last call.
   virtual void didReceiveData(URLSession&, URLSessionTask&, Data) {}
   /// The server sent the task elsewhere. `proposed` is what the platform would do: the same method,
@@ -82,6 +81,9 @@ class URLSessionDelegate {
   /// was resumed or cancelled, and the last call about it.
   virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
                                     const ErrorRef& error) = 0;
+
+ protected:
+  ~URLSessionDelegate() = default;
 };
 
 struct URLSessionConfiguration {

@@ -9,6 +9,7 @@
 #include <exception>
 #include <utility>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Descriptor.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Base/NeverDestroyed.h"
@@ -325,8 +326,7 @@ std::optional<URLRequest> URLSessionTransfer::proposedRedirect() const {
 HTTPURLResponseRef URLSessionTransfer::response() const {
   const std::int64_t status = statusCode();
   if (status == 0) return nullptr;
-  return std::make_shared<const HTTPURLResponse>(
-      HTTPURLResponse{request_.url, status, responseFields_});
+  return makeCounted<const HTTPURLResponse>(HTTPURLResponse{request_.url, status, responseFields_});
 }
 
 }  // namespace skelda::platform

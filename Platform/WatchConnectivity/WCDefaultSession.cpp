@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/LogFormat.h"
 #include "Platform/Foundation/ClassRegistry.h"
 
@@ -107,7 +108,7 @@ void WCDefaultSession::onqueue_handOver() {
     const Data packet =
         WCPacket{WCPacket::Kind::userInfo, next.identifier, next.transfer.userInfo}.encoded();
     if (packet.length() > WCPacketFraming::kMaximumLength) {
-      onqueue_finish(handedOver_, std::make_shared<Error>(sessionErrorDomain(), kPayloadTooLarge));
+      onqueue_finish(handedOver_, makeCounted<Error>(sessionErrorDomain(), kPayloadTooLarge));
     } else if (transport_->send(packet)) {
       ++handedOver_;
     } else {

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 
 namespace skelda::platform {
@@ -22,7 +23,7 @@ struct WCPairTransport::Link {
 };
 
 std::pair<WCPairTransport::Ref, WCPairTransport::Ref> WCPairTransport::make() {
-  auto link = std::make_shared<Link>();
+  auto link = makeCounted<Link>();
   return {Ref(new WCPairTransport(link, 0)), Ref(new WCPairTransport(link, 1))};
 }
 

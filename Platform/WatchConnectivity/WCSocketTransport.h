@@ -24,7 +24,7 @@ class WCSocketTransport : public WCTransport,
 
   /// `path` is where the socket will stand; a stale one of a process that is gone is replaced.
   static std::shared_ptr<WCSocketTransport> make(std::string path);
-  ~WCSocketTransport() override;
+  ~WCSocketTransport();
 
   bool open(Receiver receiver, ErrorRef* error) override;
   /// Waits up to five seconds for a peer that does not read, then leaves it.

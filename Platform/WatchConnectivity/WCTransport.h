@@ -21,7 +21,6 @@ class WCTransport {
     std::function<void(Data packet, Place place)> didReceivePacket;
   };
 
-  virtual ~WCTransport() = default;
   /// Begins to look for the peer. Called once. False, and an error, when that cannot work.
   virtual bool open(Receiver receiver, ErrorRef* error) = 0;
   /// Hands a packet to the peer. False when it is not there; what was handed over may still be
@@ -29,6 +28,9 @@ class WCTransport {
   virtual bool send(const Data& packet) = 0;
   /// Leaves the peer; it may come back. What it sent was not to be understood.
   virtual void dropPeer() = 0;
+
+ protected:
+  ~WCTransport() = default;
 };
 
 }  // namespace skelda::platform

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/ClassRegistry.h"
@@ -63,7 +64,7 @@ std::optional<ScreenBounds> parsedBounds(std::string_view text) {
 
 std::shared_ptr<WKInterfaceDevice> WKInterfaceDevice::currentDevice() {
   static NeverDestroyed<std::shared_ptr<WKInterfaceDevice>> device(
-      std::make_shared<WKInterfaceDevice>());
+      makeCounted<WKInterfaceDevice>());
   return *device;
 }
 

@@ -10,6 +10,7 @@
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/Mutex.h"
 #include "Platform/Base/NeverDestroyed.h"
 
@@ -147,8 +148,9 @@ SkeldaDataSender::Outcome SkeldaDataSender::storeAndSend(platform::Data data,
     if (!hasOngoingTasksWindow()) return;
     outcome = Outcome::sent;
     // Stored is stored, whatever becomes of this attempt.
-    skelda::guarded(
-        [&] { sendData(std::make_shared<const platform::Data>(std::move(data)), *identifier); })();
+    skelda::guarded([&] {
+      sendData(platform::makeCounted<const platform::Data>(std::move(data)), *identifier);
+    })();
   });
   return outcome;
 }
@@ -213,7 +215,7 @@ void SkeldaDataSender::onqueue_retransmitNotSentBlocks() {
     auto status = SkeldaDataSenderBlockInfo::ReadStatus::whole;
     auto data = block->data(&status);
     if (data) {
-      sendData(std::make_shared<const platform::Data>(std::move(*data)), block->identifier());
+      sendData(platform::makeCounted<const platform::Data>(std::move(*data)), block->identifier());
     } else if (status == SkeldaDataSenderBlockInfo::ReadStatus::gone) {
       removeStoredDataWithIdentifier(block->identifier(), Fate::damaged);
     }

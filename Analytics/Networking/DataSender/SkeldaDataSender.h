@@ -19,10 +19,12 @@ inline constexpr std::string_view kSkeldaSenderIndexFileName =
 class ISkeldaFrameLogDataSender {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaFrameLogDataSender";
-  virtual ~ISkeldaFrameLogDataSender() = default;
   /// Returns once the bytes are a stored block that the index names, both synchronised. False where
   /// they could not be stored: then they are still the caller's to keep, and may be given again.
   virtual bool sendFrameLogData(platform::Data data) = 0;
+
+ protected:
+  ~ISkeldaFrameLogDataSender() = default;
 };
 
 /// Stores payloads as blocks, posts them to the ingestion server, and drops a block when the server

@@ -24,7 +24,7 @@ class SkeldaDataSenderBase : public platform::Object,
   using TaskRef = std::shared_ptr<SkeldaURLSessionTask>;
   using CompletionHandler = std::function<void()>;
 
-  ~SkeldaDataSenderBase() override;
+  ~SkeldaDataSenderBase();
 
   const platform::QueueRef& queue() const noexcept { return queue_; }
   const std::vector<TaskRef>& runningTasks() const noexcept { return runningTasks_; }

@@ -4,6 +4,7 @@
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Utils/SkeldaGuards.h"
+#include "Platform/Base/Counted.h"
 
 SkeldaURLSessionDelegate::SkeldaURLSessionDelegate(
     std::weak_ptr<SkeldaURLSessionTask> task,
@@ -61,7 +62,7 @@ void SkeldaURLSessionDelegate::didCompleteWithError(platform::URLSession& sessio
 
 void SkeldaURLSessionDelegate::report(const TaskRef& task) {
   const auto response =
-      std::make_shared<const SkeldaHTTPURLResponse>(response_, std::move(body_), error_);
+      platform::makeCounted<const SkeldaHTTPURLResponse>(response_, std::move(body_), error_);
   const auto taskDelegate = taskDelegate_.lock();
   if (error_ == nullptr && response->isSuccess()) {
     if (taskDelegate != nullptr) taskDelegate->skeldaUrlRequestDidSucceed(task, response);

@@ -7,6 +7,7 @@
 #include "Analytics/Networking/DataSender/SkeldaURLSessionDelegate.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 
 namespace {
 
@@ -97,7 +98,7 @@ SkeldaURLSessionTask::TaskRef SkeldaURLSessionTask::sendMethod(
 
   TaskRef task(new SkeldaURLSessionTask());
   task->sessionDelegate_ =
-      std::make_shared<SkeldaURLSessionDelegate>(task, std::move(delegate), request);
+      platform::makeCounted<SkeldaURLSessionDelegate>(task, std::move(delegate), request);
   const auto session = platform::URLSession::session({}, task->sessionDelegate_);
   task->task_ = session->dataTask(std::move(request));
   if (startImmediately) task->resumeTask();

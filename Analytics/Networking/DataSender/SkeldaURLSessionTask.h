@@ -27,10 +27,12 @@ class SkeldaURLSessionTaskDelegate {
   using TaskRef = std::shared_ptr<SkeldaURLSessionTask>;
   using ResponseRef = std::shared_ptr<const SkeldaHTTPURLResponse>;
 
-  virtual ~SkeldaURLSessionTaskDelegate() = default;
   virtual void skeldaUrlRequestDidSucceed(const TaskRef&, const ResponseRef&) {}
   virtual void skeldaUrlRequestDidFail(const TaskRef&, const ResponseRef&) {}
   virtual void skeldaUrlRequestDidCancel(const TaskRef&, const ResponseRef&) {}
+
+ protected:
+  ~SkeldaURLSessionTaskDelegate() = default;
 };
 
 /// One HTTP request on a platform session of its own. Made by a class function, started at once or

@@ -11,7 +11,6 @@ class ISkeldaStreamDropRule {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamDropRule";
 
-  virtual ~ISkeldaStreamDropRule() = default;
   /// What is to go in front of the message, in order.
   virtual std::vector<ISkeldaStreamMessage::Ref> prependMessagesBefore(
       const ISkeldaStreamMessage::Ref& message) = 0;
@@ -20,4 +19,7 @@ class ISkeldaStreamDropRule {
   virtual SkeldaIntakeOutcome dropReason() const noexcept = 0;
   /// Starts a new session: what was counted is forgotten.
   virtual void reset() = 0;
+
+ protected:
+  ~ISkeldaStreamDropRule() = default;
 };

@@ -12,9 +12,11 @@ class ISkeldaStreamFlushRule {
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFlushRule";
   using Messages = std::vector<ISkeldaStreamMessage::Ref>;
 
-  virtual ~ISkeldaStreamFlushRule() = default;
   /// May add messages that are to go before or after the message; never null ones.
   virtual SkeldaStreamFlushResponse refreshFlushStatusForMessage(
       const ISkeldaStreamMessage::Ref& message, Messages& prependingMessages,
       Messages& appendingMessages) = 0;
+
+ protected:
+  ~ISkeldaStreamFlushRule() = default;
 };

@@ -9,10 +9,12 @@
 class ISkeldaDataProvider {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaDataProvider";
-  virtual ~ISkeldaDataProvider() = default;
   virtual void startup() = 0;
   virtual void notifyObservers() = 0;
   /// The observer is held until it is removed. It is told at once when there are facts already.
   virtual void registerObserver(std::shared_ptr<ISkeldaDataProviderObserver> observer) = 0;
   virtual void removeObserver(std::shared_ptr<ISkeldaDataProviderObserver> observer) = 0;
+
+ protected:
+  ~ISkeldaDataProvider() = default;
 };

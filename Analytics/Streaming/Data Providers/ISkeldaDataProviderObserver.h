@@ -9,7 +9,9 @@ class SkeldaDataProvider;
 class ISkeldaDataProviderObserver {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaDataProviderObserver";
-  virtual ~ISkeldaDataProviderObserver() = default;
   /// Called on the provider's queue: post to a queue of your own before doing any work.
   virtual void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider> provider) = 0;
+
+ protected:
+  ~ISkeldaDataProviderObserver() = default;
 };

@@ -19,8 +19,10 @@ class ISkeldaNodeDataProvider;
 class SkeldaNodeDataProviderObserver {
  public:
   static constexpr std::string_view kProtocolName = "SkeldaNodeDataProviderObserver";
-  virtual ~SkeldaNodeDataProviderObserver() = default;
   virtual void fileMonitor(ISkeldaNodeDataProvider& monitor, std::uint32_t didSeeChange) = 0;
+
+ protected:
+  ~SkeldaNodeDataProviderObserver() = default;
 };
 
 /// Watches one folder. Any thread.
@@ -28,7 +30,6 @@ class ISkeldaNodeDataProvider {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaNodeDataProvider";
   using Completion = std::function<void(platform::ErrorRef)>;
-  virtual ~ISkeldaNodeDataProvider() = default;
   /// Held strongly until removed; null is ignored. Complete on return. Where a change has been seen
   /// already, all observers hear of it at once.
   virtual void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> observer) = 0;
@@ -39,4 +40,7 @@ class ISkeldaNodeDataProvider {
   virtual void forceRefresh(Completion completion) = 0;
   /// An entry of the folder is about to be removed by the caller, who knows: that is no change.
   virtual void willRemove(const std::string& name) = 0;
+
+ protected:
+  ~ISkeldaNodeDataProvider() = default;
 };

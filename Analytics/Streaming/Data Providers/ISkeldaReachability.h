@@ -7,7 +7,9 @@ class ISkeldaReachability {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaReachability";
   static constexpr std::string_view kClassName = "SkeldaReachability";
-  virtual ~ISkeldaReachability() = default;
   /// Called once, on the reachability provider's queue; must not wait for that queue.
   virtual void startup() = 0;
+
+ protected:
+  ~ISkeldaReachability() = default;
 };

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/ClassRegistry.h"
 
@@ -47,7 +48,7 @@ void SkeldaNetworkReachabilityDataProvider::setNetworkLikelyNotReachable() {
   asyncBlock([self = selfOf(this)] {
     // Not posted again, so that a read from the caller's thread sees it.
     self->lastNetworkOperationError_ =
-        std::make_shared<const platform::Error>(networkErrorDomain(), 1);
+        platform::makeCounted<const platform::Error>(networkErrorDomain(), 1);
   });
 }
 

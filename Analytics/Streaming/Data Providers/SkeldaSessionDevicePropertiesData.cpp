@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Kernel/Kernel.h"
 #include "Skelda_Watch/SkeldaResourceUsage.h"
@@ -38,7 +39,7 @@ SkeldaSessionDevicePropertiesData::dataWithFreeMemory(
     std::uint64_t availableDiskSize, std::int64_t lastBootTime, float batteryLevel,
     bool batteryCharging, std::string carrierName, std::string carrierMNC, std::string carrierMCC,
     bool isStart) {
-  auto data = std::make_shared<SkeldaSessionDevicePropertiesData>();
+  auto data = platform::makeCounted<SkeldaSessionDevicePropertiesData>();
   data->freeMemory_ = freeMemory;
   data->activeMemory_ = activeMemory;
   data->inactiveMemory_ = inactiveMemory;

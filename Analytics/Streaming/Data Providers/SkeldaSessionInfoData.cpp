@@ -1,11 +1,13 @@
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoData.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <utility>
 
 std::shared_ptr<SkeldaSessionInfoData> SkeldaSessionInfoData::dataWithApiKey(
     std::string apiKey, std::uint16_t agentPlatform, std::uint16_t agentVersion,
     std::uint8_t agentReportType, bool includeBackgroundSessionsInMetrics) {
-  auto data = std::make_shared<SkeldaSessionInfoData>();
+  auto data = platform::makeCounted<SkeldaSessionInfoData>();
   data->apiKey_ = std::move(apiKey);
   data->agentPlatform_ = agentPlatform;
   data->agentVersion_ = agentVersion;

@@ -13,19 +13,20 @@
 class ISkeldaFileTransferAgentDelegate {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaFileTransferAgentDelegate";
-  virtual ~ISkeldaFileTransferAgentDelegate() = default;
   /// A null error is success.
   virtual void didCompleteTransfer(const std::string& fileName, platform::ErrorRef withError) = 0;
   /// The agent gave a file up without a transfer (there is no such file): its state has changed,
   /// and the place it held may go to another.
   virtual void didAbandonTransfer() {}
+
+ protected:
+  ~ISkeldaFileTransferAgentDelegate() = default;
 };
 
 /// Takes files to be transferred and reports their end to its delegate. Any thread.
 class ISkeldaFileTransferAgent {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaFileTransferAgent";
-  virtual ~ISkeldaFileTransferAgent() = default;
   virtual void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate> delegate) = 0;
   virtual void startTransfer(SkeldaFileStateRef file) = 0;
   virtual void cancelTransfer(SkeldaFileStateRef file) = 0;
@@ -34,4 +35,7 @@ class ISkeldaFileTransferAgent {
   virtual void resumeTransfer(SkeldaFileStateRef file) = 0;
   /// The files handed over and not finished, in that order; a copy.
   virtual std::vector<SkeldaFileStateRef> listTransfers() = 0;
+
+ protected:
+  ~ISkeldaFileTransferAgent() = default;
 };

@@ -11,8 +11,10 @@ class ISkeldaStreamTransferManager {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamTransferManager";
   using Completion = std::function<void(platform::ErrorRef)>;
-  virtual ~ISkeldaStreamTransferManager() = default;
   /// Starts watching and scans the folder once. The completion, which may be empty, gets the error
   /// of the folder monitor or null. Any thread.
   virtual void startup(Completion completion) = 0;
+
+ protected:
+  ~ISkeldaStreamTransferManager() = default;
 };

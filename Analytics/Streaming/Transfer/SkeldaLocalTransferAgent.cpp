@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 
 SkeldaLocalTransferAgent::SkeldaLocalTransferAgent(
     std::shared_ptr<ISkeldaStreamFileReader> fileReader,
@@ -62,7 +63,7 @@ void SkeldaLocalTransferAgent::processingFailedForFile(const std::string& fileNa
   // to use up its attempts.
   if (withError == nullptr) {
     withError =
-        std::make_shared<const platform::Error>(platform::makeErrorDomain("file is empty"), 0);
+        platform::makeCounted<const platform::Error>(platform::makeErrorDomain("file is empty"), 0);
   }
   post<&SkeldaLocalTransferAgent::onqueue_processingDidEnd>(fileName, std::move(withError));
 }
@@ -99,7 +100,7 @@ void SkeldaLocalTransferAgent::onqueue_refuseTransfer(const SkeldaFileStateRef& 
   if (const auto delegate = delegate_.lock()) {
     delegate->didCompleteTransfer(
         file != nullptr ? file->fileName() : std::string(),
-        std::make_shared<const platform::Error>(platform::makeErrorDomain(reason), 0));
+        platform::makeCounted<const platform::Error>(platform::makeErrorDomain(reason), 0));
   }
 }
 

@@ -16,8 +16,10 @@
 class ISkeldaStreamingDataObserver {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamingDataObserver";
-  virtual ~ISkeldaStreamingDataObserver() = default;
   virtual void frameLogFileDidUpdate(const std::string& fullPath) = 0;
+
+ protected:
+  ~ISkeldaStreamingDataObserver() = default;
 };
 
 /// Reads a frame log whole and gives its bytes to the data sender. A log counts as processed once

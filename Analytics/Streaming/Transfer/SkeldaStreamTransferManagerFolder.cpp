@@ -13,6 +13,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Base/ArmOnce.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/FileCalls.h"
 
@@ -92,7 +93,8 @@ void SkeldaStreamTransferManager::onqueue_addToStatusDictionaryNewFilesFromFolde
     if (hasArrears_) return;
     fileUploadStatusDictionary_.emplace_hint(
         at, name,
-        std::make_shared<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0, nullptr));
+        platform::makeCounted<SkeldaFileState>(name, filePath_, kSkeldaFileStateWaiting, 0, 0,
+                                               nullptr));
   }
 }
 

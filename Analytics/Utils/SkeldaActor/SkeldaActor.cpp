@@ -3,6 +3,7 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActorDeferredQueue.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActorLockGuard.h"
 #include "Analytics/Utils/SkeldaActor/SkeldaActorOperationQueue.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Dispatch/MainQueue.h"
 
@@ -135,13 +136,14 @@ void SkeldaActor::assertRunningInActor() const {
 
 std::shared_ptr<SkeldaActorDeferredQueue> SkeldaActor::createDeferredQueueWithDescription(
     std::optional<std::string> description) {
-  return std::make_shared<SkeldaActorDeferredQueue>(std::move(description), shared_from_this());
+  return platform::makeCounted<SkeldaActorDeferredQueue>(std::move(description),
+                                                         shared_from_this());
 }
 
 std::shared_ptr<SkeldaActorOperationQueue> SkeldaActor::operationQueue() {
   const SkeldaActorLockGuard lock;
   if (operationQueue_ == nullptr) {
-    operationQueue_ = std::make_shared<SkeldaActorOperationQueue>(shared_from_this());
+    operationQueue_ = platform::makeCounted<SkeldaActorOperationQueue>(shared_from_this());
   }
   return operationQueue_;
 }

@@ -90,7 +90,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// The description labels the queue; a missing one raises. With a target the actor's blocks run
   /// on that queue, so that several actors can be funnelled through one.
   explicit SkeldaActor(std::optional<std::string> description, platform::QueueRef target = nullptr);
-  ~SkeldaActor() override;
+  virtual ~SkeldaActor();
   SkeldaActor(const SkeldaActor&) = delete;
   SkeldaActor& operator=(const SkeldaActor&) = delete;
 
@@ -98,7 +98,8 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// out references to itself.
   template <class T>
   static std::shared_ptr<T> made(T* fresh) {
-    std::shared_ptr<SkeldaActor> actor(fresh);  // Counted as an actor: one kind of count for all.
+    // Counted as an actor: one kind of count for all.
+    std::shared_ptr<SkeldaActor> actor(static_cast<SkeldaActor*>(fresh));
     actor->didInit();
     return {std::move(actor), fresh};
   }

@@ -1,5 +1,7 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActorOperationQueue.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <utility>
 
 constinit const bool AKOperationQueue_SupportsUnderlyingQueue =
@@ -13,12 +15,12 @@ SkeldaActorOperationQueue::SkeldaActorOperationQueue(std::shared_ptr<SkeldaActor
 /// Only the main() of the given operation is called, as a block of the owner.
 platform::OperationRef SkeldaActorOperationQueue::replacementFor(
     platform::OperationRef operation) const {
-  auto inner = std::make_shared<platform::Block>(
+  auto inner = platform::makeCounted<platform::Block>(
       owner_->wrapAsyncBlock([operation = std::move(operation)] { operation->main(); }));
   if (AKOperationQueue_SupportsUnderlyingQueue) {
-    return std::make_shared<platform::BlockOperation>([inner] { (*inner)(); });
+    return platform::makeCounted<platform::BlockOperation>([inner] { (*inner)(); });
   }
-  return std::make_shared<platform::BlockOperation>(
+  return platform::makeCounted<platform::BlockOperation>(
       [inner, queue = owner_->queue()] { queue->barrierSync(*inner); });
 }
 

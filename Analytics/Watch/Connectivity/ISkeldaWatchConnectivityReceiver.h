@@ -14,9 +14,11 @@ inline constexpr std::string_view kWatchOSResponseKey = "skelda://id3";
 class ISkeldaWatchConnectivityReceiver {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaWatchConnectivityReceiver";
-  virtual ~ISkeldaWatchConnectivityReceiver() = default;
   /// Every user info, the host's as well. Returns whether it held an identifier.
   virtual bool didReceiveUserInfo(const platform::Dictionary& userInfo) = 0;
   /// Whether a finished transfer was the agent's own.
   virtual bool isSkeldaUserInfo(const platform::Dictionary& userInfo) = 0;
+
+ protected:
+  ~ISkeldaWatchConnectivityReceiver() = default;
 };

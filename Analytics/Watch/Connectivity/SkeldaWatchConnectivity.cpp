@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/ClassRegistry.h"
 
@@ -43,7 +44,7 @@ std::shared_ptr<SkeldaWatchConnectivity> SkeldaWatchConnectivity::connectivity()
 SkeldaWatchConnectivity::SkeldaWatchConnectivity()
     : queue_(platform::Queue::serial("com.skelda.watchconnectivity")),
       session_(defaultSession()),
-      connectivityProxy_(std::make_shared<SkeldaWatchConnectivityProxy>(nullptr, queue_)) {}
+      connectivityProxy_(platform::makeCounted<SkeldaWatchConnectivityProxy>(nullptr, queue_)) {}
 
 template <class F>
 void SkeldaWatchConnectivity::post(F&& block) {

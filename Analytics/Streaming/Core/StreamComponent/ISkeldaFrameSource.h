@@ -7,5 +7,7 @@
 class ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaFrameSource";
-  virtual ~ISkeldaFrameSource() = default;
+
+ protected:
+  ~ISkeldaFrameSource() = default;
 };

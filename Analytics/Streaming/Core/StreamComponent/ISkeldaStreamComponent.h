@@ -22,7 +22,6 @@
 class ISkeldaStreamComponent {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamComponent";
-  virtual ~ISkeldaStreamComponent() = default;
 
   /// Hands a message over. Messages of one caller keep their order.
   virtual void streamMessage(ISkeldaStreamMessage::Ref message) = 0;
@@ -42,4 +41,7 @@ class ISkeldaStreamComponent {
   /// The same, and waits until the stages before have had it.
   virtual void syncStreamResponse(platform::ObjectRef response) = 0;
   virtual void startup() = 0;
+
+ protected:
+  ~ISkeldaStreamComponent() = default;
 };

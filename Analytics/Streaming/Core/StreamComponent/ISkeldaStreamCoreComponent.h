@@ -14,7 +14,9 @@ class ISkeldaStreamCoreComponent {
   static constexpr std::int32_t kStateStarted = 2;
   static constexpr std::int32_t kStateReady = 3;
 
-  virtual ~ISkeldaStreamCoreComponent() = default;
   virtual void updateState(std::int32_t /*state*/) {}
   virtual void nextStageDidChangeState(std::int32_t /*state*/) {}
+
+ protected:
+  ~ISkeldaStreamCoreComponent() = default;
 };

@@ -11,20 +11,24 @@
 class ISkeldaStreamFileReaderDelegate {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFileReaderDelegate";
-  virtual ~ISkeldaStreamFileReaderDelegate() = default;
   virtual void processingCompleteForFile(const std::string& fileName) = 0;
   /// `error` is null when the file was merely empty.
   virtual void processingFailedForFile(const std::string& fileName, platform::ErrorRef error) = 0;
+
+ protected:
+  ~ISkeldaStreamFileReaderDelegate() = default;
 };
 
 /// A stage of the transfer side that reads committed frame logs.
 class ISkeldaStreamFileReader {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFileReader";
-  virtual ~ISkeldaStreamFileReader() = default;
 
   /// Reads the file `fileName` of the folder `path`. Any thread; returns at once.
   virtual void processFile(const std::string& fileName, const std::string& path) = 0;
   /// Held weakly.
   virtual void setDelegate(std::weak_ptr<ISkeldaStreamFileReaderDelegate> delegate) = 0;
+
+ protected:
+  ~ISkeldaStreamFileReader() = default;
 };

@@ -27,7 +27,6 @@ class ISkeldaStreamManager {
   /// Entries of [class name, registry key].
   using Modules = std::vector<std::vector<std::string>>;
 
-  virtual ~ISkeldaStreamManager() = default;
   /// Starts the modules under the keys, in order. On the manager's queue.
   virtual void startup(const Keys& keys) = 0;
   virtual void chainSourceModules(const Modules& modules) = 0;
@@ -46,4 +45,7 @@ class ISkeldaStreamManager {
   virtual const std::shared_ptr<ISkeldaFileTransferAgent>& fileTransferAgent() const = 0;
   virtual const std::shared_ptr<ISkeldaNodeDataProvider>& nodeDataProvider() const = 0;
   virtual const std::shared_ptr<ISkeldaStreamTransferManager>& transferManager() const = 0;
+
+ protected:
+  ~ISkeldaStreamManager() = default;
 };

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <fmt/format.h>
 
 #include <array>
@@ -19,9 +21,9 @@ SkeldaSessionInitInfo::SkeldaSessionInitInfo(std::uint16_t agentPlatform,
 std::shared_ptr<SkeldaSessionInitInfo> SkeldaSessionInitInfo::sessionInitInfoWithAgentPlatform(
     std::uint16_t agentPlatform, std::uint16_t agentVersion, std::optional<std::string> apiKey,
     std::uint8_t agentReportType, bool includeBackgroundSessionsInMetrics) {
-  return std::make_shared<SkeldaSessionInitInfo>(agentPlatform, agentVersion, std::move(apiKey),
-                                                 agentReportType,
-                                                 includeBackgroundSessionsInMetrics);
+  return platform::makeCounted<SkeldaSessionInitInfo>(agentPlatform, agentVersion,
+                                                      std::move(apiKey), agentReportType,
+                                                      includeBackgroundSessionsInMetrics);
 }
 
 std::span<const SkeldaRecordField> SkeldaSessionInitInfo::recordFields() noexcept {

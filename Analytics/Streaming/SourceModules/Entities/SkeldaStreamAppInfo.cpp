@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -18,9 +20,9 @@ std::shared_ptr<SkeldaStreamAppInfo> SkeldaStreamAppInfo::appInfoWithVersion(
     std::optional<std::string> version, std::optional<std::string> buildNumber,
     std::optional<std::string> versionOverride, std::optional<std::string> bundleID,
     std::uint8_t appBuildEnv) {
-  return std::make_shared<SkeldaStreamAppInfo>(std::move(version), std::move(buildNumber),
-                                               std::move(versionOverride), std::move(bundleID),
-                                               appBuildEnv);
+  return platform::makeCounted<SkeldaStreamAppInfo>(std::move(version), std::move(buildNumber),
+                                                    std::move(versionOverride), std::move(bundleID),
+                                                    appBuildEnv);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamAppInfo::recordFields() noexcept {

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamAppOrientation::SkeldaStreamAppOrientation(std::int32_t orientation)
@@ -7,7 +9,7 @@ SkeldaStreamAppOrientation::SkeldaStreamAppOrientation(std::int32_t orientation)
 
 std::shared_ptr<SkeldaStreamAppOrientation>
 SkeldaStreamAppOrientation::appOrientationWithOrientation(std::int32_t orientation) {
-  return std::make_shared<SkeldaStreamAppOrientation>(orientation);
+  return platform::makeCounted<SkeldaStreamAppOrientation>(orientation);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamAppOrientation::recordFields() noexcept {

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppState.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamAppState::SkeldaStreamAppState(std::int32_t state, std::int32_t previousState)
@@ -7,7 +9,7 @@ SkeldaStreamAppState::SkeldaStreamAppState(std::int32_t state, std::int32_t prev
 
 std::shared_ptr<SkeldaStreamAppState> SkeldaStreamAppState::appState(std::int32_t state,
                                                                      std::int32_t previousState) {
-  return std::make_shared<SkeldaStreamAppState>(state, previousState);
+  return platform::makeCounted<SkeldaStreamAppState>(state, previousState);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamAppState::recordFields() noexcept {

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPADelete.h"
 
+#include "Platform/Base/Counted.h"
+
 std::shared_ptr<SkeldaStreamCCPADelete> SkeldaStreamCCPADelete::updateCCPADelete() {
-  return std::make_shared<SkeldaStreamCCPADelete>();
+  return platform::makeCounted<SkeldaStreamCCPADelete>();
 }

@@ -1,11 +1,13 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPAOptOut.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamCCPAOptOut::SkeldaStreamCCPAOptOut(bool optOut) : CCPAOptOut_(optOut) {}
 
 std::shared_ptr<SkeldaStreamCCPAOptOut> SkeldaStreamCCPAOptOut::updateCCPAOptOut(bool optOut) {
-  return std::make_shared<SkeldaStreamCCPAOptOut>(optOut);
+  return platform::makeCounted<SkeldaStreamCCPAOptOut>(optOut);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamCCPAOptOut::recordFields() noexcept {

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -9,7 +11,7 @@ SkeldaStreamConsent::SkeldaStreamConsent(bool gdprScope,
 
 std::shared_ptr<SkeldaStreamConsent> SkeldaStreamConsent::gdprScope(
     bool gdprScope, std::optional<platform::Dictionary> consentStrings) {
-  return std::make_shared<SkeldaStreamConsent>(gdprScope, std::move(consentStrings));
+  return platform::makeCounted<SkeldaStreamConsent>(gdprScope, std::move(consentStrings));
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamConsent::recordFields() noexcept {

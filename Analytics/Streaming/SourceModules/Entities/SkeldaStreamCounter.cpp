@@ -1,12 +1,14 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamCounter::SkeldaStreamCounter(std::int32_t counter) : frameCounter_(counter) {}
 
 std::shared_ptr<SkeldaStreamCounter> SkeldaStreamCounter::counterFrameWithCounter(
     std::int32_t counter) {
-  return std::make_shared<SkeldaStreamCounter>(counter);
+  return platform::makeCounted<SkeldaStreamCounter>(counter);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamCounter::recordFields() noexcept {

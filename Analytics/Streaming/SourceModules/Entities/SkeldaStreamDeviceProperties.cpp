@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamDeviceProperties.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -26,7 +28,7 @@ SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel(
     std::optional<std::string> deviceModel, std::optional<std::string> deviceOSVersion,
     std::optional<std::string> deviceArch, std::optional<std::string> appVersion,
     std::uint32_t screenWidth, std::uint32_t screenHeight) {
-  return std::make_shared<SkeldaStreamDeviceProperties>(
+  return platform::makeCounted<SkeldaStreamDeviceProperties>(
       std::move(deviceModel), std::move(deviceOSVersion), std::move(deviceArch),
       std::move(appVersion), screenWidth, screenHeight);
 }

@@ -8,6 +8,7 @@
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
@@ -77,8 +78,8 @@ std::shared_ptr<SkeldaStreamEvent> SkeldaStreamEvent::streamEventWithEventName(
     std::optional<std::string_view> eventName, Text eventType, bool timed, bool starting,
     const platform::Value& parameters, Transaction transaction,
     std::optional<platform::Date> timestamp) {
-  return std::make_shared<SkeldaStreamEvent>(eventName, std::move(eventType), timed, starting,
-                                             parameters, std::move(transaction), timestamp);
+  return platform::makeCounted<SkeldaStreamEvent>(eventName, std::move(eventType), timed, starting,
+                                                  parameters, std::move(transaction), timestamp);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamEvent::recordFields() noexcept {
@@ -130,7 +131,7 @@ std::shared_ptr<SkeldaStreamEvent> SkeldaStreamEvent::counterpartEndTimedEventWi
     SKELDA_LOG(2, "{}: only timed events can have counterpart end timed event", kCounterpartMethod);
     return nullptr;
   }
-  auto end = std::make_shared<SkeldaStreamEvent>();
+  auto end = platform::makeCounted<SkeldaStreamEvent>();
   end->eventId_ = eventId_;
   end->eventName_ = eventName_;
   end->eventType_ = eventType_;

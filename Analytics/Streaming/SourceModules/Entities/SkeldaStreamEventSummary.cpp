@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamEventSummary::SkeldaStreamEventSummary(std::uint32_t eventCount, bool setComplete)
@@ -7,7 +9,7 @@ SkeldaStreamEventSummary::SkeldaStreamEventSummary(std::uint32_t eventCount, boo
 
 std::shared_ptr<SkeldaStreamEventSummary> SkeldaStreamEventSummary::streamWithEventCount(
     std::uint32_t eventCount, bool setComplete) {
-  return std::make_shared<SkeldaStreamEventSummary>(eventCount, setComplete);
+  return platform::makeCounted<SkeldaStreamEventSummary>(eventCount, setComplete);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamEventSummary::recordFields() noexcept {

@@ -1,11 +1,13 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamFlush::SkeldaStreamFlush(std::int32_t status) : status_(status) {}
 
 std::shared_ptr<SkeldaStreamFlush> SkeldaStreamFlush::streamFlushWithStatus(std::int32_t status) {
-  return std::make_shared<SkeldaStreamFlush>(status);
+  return platform::makeCounted<SkeldaStreamFlush>(status);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamFlush::recordFields() noexcept {

@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamLocaleInfo.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -9,7 +11,7 @@ SkeldaStreamLocaleInfo::SkeldaStreamLocaleInfo(std::optional<std::string> countr
 
 std::shared_ptr<SkeldaStreamLocaleInfo> SkeldaStreamLocaleInfo::streamLocaleInfoWithCountry(
     std::optional<std::string> country, std::optional<std::string> language) {
-  return std::make_shared<SkeldaStreamLocaleInfo>(std::move(country), std::move(language));
+  return platform::makeCounted<SkeldaStreamLocaleInfo>(std::move(country), std::move(language));
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamLocaleInfo::recordFields() noexcept {

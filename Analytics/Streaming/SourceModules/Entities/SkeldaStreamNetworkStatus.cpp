@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamNetworkStatus.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -16,7 +18,7 @@ SkeldaStreamNetworkStatus::SkeldaStreamNetworkStatus(std::int32_t flag, std::int
 
 std::shared_ptr<SkeldaStreamNetworkStatus> SkeldaStreamNetworkStatus::networkStatusWithFlag(
     std::int32_t flag) {
-  return std::make_shared<SkeldaStreamNetworkStatus>(flag);
+  return platform::makeCounted<SkeldaStreamNetworkStatus>(flag);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamNetworkStatus::recordFields() noexcept {

@@ -8,6 +8,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaRecordField.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEntityBase.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Platform/Base/Counted.h"
 
 /// An entity whose payload is a list of fields: writes itself, and is filled again from what was
 /// written. A record adds code only where it is unlike the others.
@@ -74,7 +75,7 @@ class SkeldaStreamRecordOf : public SkeldaStreamRecord {
 
   /// The record that was written as that payload; null where there is none to be made of it.
   static std::shared_ptr<Self> streamEntityFromJSONData(const platform::Data& json) {
-    auto record = std::make_shared<Self>();
+    auto record = platform::makeCounted<Self>();
     return record->readJSON(json) ? record : nullptr;
   }
   static bool isValidDict(const platform::Dictionary& dictionary) {
@@ -85,7 +86,7 @@ class SkeldaStreamRecordOf : public SkeldaStreamRecord {
   /// is copied (kIsCopied): nobody else is sent twice.
   template <class Copied = Self>
   std::shared_ptr<Copied> copy() const requires(Copied::kIsCopied) {
-    return std::make_shared<Copied>(static_cast<const Copied&>(*this));
+    return platform::makeCounted<Copied>(static_cast<const Copied&>(*this));
   }
 
  protected:

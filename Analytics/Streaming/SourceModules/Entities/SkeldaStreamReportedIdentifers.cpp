@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Counted.h"
 
 namespace {
 
@@ -18,8 +19,8 @@ SkeldaStreamReportedIdentifers::SkeldaStreamReportedIdentifers(Set reportedIDs,
 std::shared_ptr<SkeldaStreamReportedIdentifers>
 SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(Set reportedIDs,
                                                            bool adTrackingEnabled) {
-  return std::make_shared<SkeldaStreamReportedIdentifers>(std::move(reportedIDs),
-                                                          adTrackingEnabled);
+  return platform::makeCounted<SkeldaStreamReportedIdentifers>(std::move(reportedIDs),
+                                                               adTrackingEnabled);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamReportedIdentifers::recordFields() noexcept {

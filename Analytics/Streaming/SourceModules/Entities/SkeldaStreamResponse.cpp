@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamResponse.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <fmt/format.h>
 
 #include <utility>
@@ -9,7 +11,7 @@ SkeldaStreamResponse::SkeldaStreamResponse(std::int32_t type, platform::ErrorRef
 
 std::shared_ptr<SkeldaStreamResponse> SkeldaStreamResponse::responseWithType(
     std::int32_t type, platform::ErrorRef error) {
-  return std::make_shared<SkeldaStreamResponse>(type, std::move(error));
+  return platform::makeCounted<SkeldaStreamResponse>(type, std::move(error));
 }
 
 std::string SkeldaStreamResponse::description() const {

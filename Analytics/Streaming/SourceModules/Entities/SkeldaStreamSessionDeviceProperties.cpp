@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <type_traits>
 #include <utility>
@@ -71,7 +73,7 @@ std::optional<Tracked> readSnapshot(const Dictionary& object, std::string_view s
 
 std::shared_ptr<SkeldaStreamSessionDeviceProperties>
 SkeldaStreamSessionDeviceProperties::sessionDeviceProperties() {
-  return std::make_shared<SkeldaStreamSessionDeviceProperties>();
+  return platform::makeCounted<SkeldaStreamSessionDeviceProperties>();
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamSessionDeviceProperties::recordFields() noexcept {

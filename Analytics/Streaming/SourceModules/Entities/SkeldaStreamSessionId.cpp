@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -17,7 +19,7 @@ SkeldaStreamSessionId::SkeldaStreamSessionId(std::optional<platform::Date> start
 std::shared_ptr<SkeldaStreamSessionId> SkeldaStreamSessionId::sessionIdWithStartupTime(
     std::optional<platform::Date> startupTime, std::int64_t elapsedStartTime,
     std::int32_t sessionState) {
-  return std::make_shared<SkeldaStreamSessionId>(startupTime, elapsedStartTime, sessionState);
+  return platform::makeCounted<SkeldaStreamSessionId>(startupTime, elapsedStartTime, sessionState);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamSessionId::recordFields() noexcept {

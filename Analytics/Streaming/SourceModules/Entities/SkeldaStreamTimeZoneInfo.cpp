@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -8,7 +10,7 @@ SkeldaStreamTimeZoneInfo::SkeldaStreamTimeZoneInfo(std::optional<std::string> ti
 
 std::shared_ptr<SkeldaStreamTimeZoneInfo> SkeldaStreamTimeZoneInfo::streamTimeZoneInfoWithTimeZone(
     std::optional<std::string> timeZone) {
-  return std::make_shared<SkeldaStreamTimeZoneInfo>(std::move(timeZone));
+  return platform::makeCounted<SkeldaStreamTimeZoneInfo>(std::move(timeZone));
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamTimeZoneInfo::recordFields() noexcept {

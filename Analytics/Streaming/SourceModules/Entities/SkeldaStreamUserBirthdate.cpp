@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamUserBirthdate::SkeldaStreamUserBirthdate(std::optional<platform::Date> date)
@@ -7,7 +9,7 @@ SkeldaStreamUserBirthdate::SkeldaStreamUserBirthdate(std::optional<platform::Dat
 
 std::shared_ptr<SkeldaStreamUserBirthdate> SkeldaStreamUserBirthdate::userBirthdateWithDate(
     std::optional<platform::Date> date) {
-  return std::make_shared<SkeldaStreamUserBirthdate>(date);
+  return platform::makeCounted<SkeldaStreamUserBirthdate>(date);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamUserBirthdate::recordFields() noexcept {

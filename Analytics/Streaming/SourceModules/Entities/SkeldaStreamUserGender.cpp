@@ -1,12 +1,14 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserGender.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 
 SkeldaStreamUserGender::SkeldaStreamUserGender(std::int32_t gender) : gender_(gender) {}
 
 std::shared_ptr<SkeldaStreamUserGender> SkeldaStreamUserGender::userGenderWithGender(
     std::int32_t gender) {
-  return std::make_shared<SkeldaStreamUserGender>(gender);
+  return platform::makeCounted<SkeldaStreamUserGender>(gender);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamUserGender::recordFields() noexcept {

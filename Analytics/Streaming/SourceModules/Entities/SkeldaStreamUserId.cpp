@@ -1,5 +1,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 
+#include "Platform/Base/Counted.h"
+
 #include <array>
 #include <utility>
 
@@ -8,7 +10,7 @@ SkeldaStreamUserId::SkeldaStreamUserId(std::optional<std::string> userId)
 
 std::shared_ptr<SkeldaStreamUserId> SkeldaStreamUserId::userIdWithUserId(
     std::optional<std::string> userId) {
-  return std::make_shared<SkeldaStreamUserId>(std::move(userId));
+  return platform::makeCounted<SkeldaStreamUserId>(std::move(userId));
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamUserId::recordFields() noexcept {

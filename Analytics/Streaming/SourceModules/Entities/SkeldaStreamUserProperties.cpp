@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 
 namespace {
 
@@ -27,7 +28,8 @@ SkeldaStreamUserProperties::SkeldaStreamUserProperties(std::optional<std::string
 std::shared_ptr<SkeldaStreamUserProperties> SkeldaStreamUserProperties::updateUserPropertiesName(
     std::optional<std::string> name, std::optional<platform::Array> values,
     std::uint32_t callType) {
-  return std::make_shared<SkeldaStreamUserProperties>(std::move(name), std::move(values), callType);
+  return platform::makeCounted<SkeldaStreamUserProperties>(std::move(name), std::move(values),
+                                                           callType);
 }
 
 std::span<const SkeldaRecordField> SkeldaStreamUserProperties::recordFields() noexcept {

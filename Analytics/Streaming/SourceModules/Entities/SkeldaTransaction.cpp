@@ -4,6 +4,7 @@
 
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 #include "Platform/Foundation/TextCoding.h"
 
@@ -62,7 +63,7 @@ bool SkeldaTransaction::set(const Field& field, const platform::Value& value) {
 
 std::shared_ptr<SkeldaTransaction> SkeldaTransaction::fromDictionary(
     const platform::Dictionary& dictionary, bool Field::*isRead) {
-  auto transaction = std::make_shared<SkeldaTransaction>();
+  auto transaction = platform::makeCounted<SkeldaTransaction>();
   for (const Field& field : kFields) {
     const platform::Value* value = field.*isRead ? dictionary.find(field.key) : nullptr;
     if (value == nullptr || value->isNull() || transaction->set(field, *value)) continue;
@@ -137,7 +138,7 @@ std::shared_ptr<SkeldaTransaction> SkeldaTransaction::fromArchive(
     const platform::KeyedArchive& archive) {
   const platform::Dictionary* content = archive.root.dictionary();
   if (archive.className != kClassName || content == nullptr) return nullptr;
-  auto transaction = std::make_shared<SkeldaTransaction>();
+  auto transaction = platform::makeCounted<SkeldaTransaction>();
   for (const Field& field : kFields) {
     const platform::Value* value =
         field.archiveKey.empty() ? nullptr : content->find(field.archiveKey);

@@ -15,7 +15,6 @@
 class ISkeldaStreamFrameDeserializer {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaStreamFrameDeserializer";
-  virtual ~ISkeldaStreamFrameDeserializer() = default;
 
   /// Whether the bytes begin with one whole frame. `totalBytesInFrame` becomes the length that the
   /// frame's header announces, 0 where there is no whole header, and the largest number where the
@@ -48,4 +47,7 @@ class ISkeldaStreamFrameDeserializer {
 
   /// At log level 2 and up, logs the first frame under that tag.
   virtual void debugLogFrameData(std::string_view data, std::string_view tag) const = 0;
+
+ protected:
+  ~ISkeldaStreamFrameDeserializer() = default;
 };

@@ -18,7 +18,6 @@ class ISkeldaStreamMessage {
   using Ref = std::shared_ptr<ISkeldaStreamMessage>;
   static constexpr std::string_view kProtocolName = "ISkeldaStreamMessage";
 
-  virtual ~ISkeldaStreamMessage() = default;
   virtual std::string_view className() const noexcept = 0;
 
   /// 1 for every entity; 0 asks the serializer for a CRC footer.
@@ -52,4 +51,7 @@ class ISkeldaStreamMessage {
   }
   /// About how many bytes appendPayload() adds: what a caller should reserve.
   virtual std::size_t payloadLengthHint() const noexcept { return 512; }
+
+ protected:
+  ~ISkeldaStreamMessage() = default;
 };

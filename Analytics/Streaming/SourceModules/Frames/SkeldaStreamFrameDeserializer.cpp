@@ -7,6 +7,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 
 namespace format = skelda::frameformat;
 
@@ -42,7 +43,7 @@ std::uint32_t typeOf(std::string_view data) {
 
 std::shared_ptr<SkeldaStreamFrameDeserializer>
 SkeldaStreamFrameDeserializer::streamFrameDeserializer() {
-  return std::make_shared<SkeldaStreamFrameDeserializer>();
+  return platform::makeCounted<SkeldaStreamFrameDeserializer>();
 }
 
 bool SkeldaStreamFrameDeserializer::isAtLeastOneFrameInData(
@@ -64,7 +65,7 @@ bool SkeldaStreamFrameDeserializer::isAtLeastOneFrameInData(
 SkeldaStreamFrame::Ref SkeldaStreamFrameDeserializer::streamFrameFromData(
     std::string_view data, std::size_t* bytesReadSoFar, platform::ErrorRef*,
     const std::shared_ptr<const std::string>& owner) const {
-  auto frame = std::make_shared<SkeldaStreamFrame>();
+  auto frame = platform::makeCounted<SkeldaStreamFrame>();
   const std::uint8_t version = versionOf(data);
   const auto payloadLength = numberAt<std::uint32_t>(data, format::kPayloadLengthOffset);
   frame->setFrameVersion(static_cast<std::int8_t>(version));

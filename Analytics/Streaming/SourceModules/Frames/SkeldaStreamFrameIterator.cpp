@@ -8,6 +8,7 @@
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "include/Skelda_Watch/SkeldaConstants.h"
 
 namespace {
@@ -40,8 +41,8 @@ std::shared_ptr<SkeldaStreamFrameIterator> SkeldaStreamFrameIterator::frameItera
     std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
     std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
     const platform::Dictionary& config) {
-  return std::make_shared<SkeldaStreamFrameIterator>(std::move(fileHandle), std::move(deserializer),
-                                                     config);
+  return platform::makeCounted<SkeldaStreamFrameIterator>(std::move(fileHandle),
+                                                          std::move(deserializer), config);
 }
 
 SkeldaStreamFrameIterator::SkeldaStreamFrameIterator(
@@ -160,7 +161,7 @@ void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
     return;
   }
   if (data && !data->empty()) {
-    appendToBuffer({std::make_shared<std::string>(std::move(*data).string())});
+    appendToBuffer({platform::makeCounted<std::string>(std::move(*data).string())});
     return;
   }
   if (bufferedLength() == 0) state_ = kComplete;
@@ -186,7 +187,7 @@ void SkeldaStreamFrameIterator::appendToBuffer(Piece piece) {
 /// Draws bytes to the front until it holds a whole frame or everything.
 void SkeldaStreamFrameIterator::completeFirstFrame() {
   // In a string of its own: frames that were handed out may share the one that it was begun in.
-  auto drawn = std::make_shared<std::string>(front());
+  auto drawn = platform::makeCounted<std::string>(front());
   std::uint32_t frameLength = 0;
   while (!next().empty() && !deserializer_->isAtLeastOneFrameInData(*drawn, &frameLength)) {
     // First the header, which tells how long the frame is, then the frame.

@@ -4,13 +4,14 @@
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrame.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
 template <class Source>
 std::shared_ptr<SkeldaStreamMessage> messageWithStampsOf(const Source& source) {
-  auto message = std::make_shared<SkeldaStreamMessage>();
+  auto message = platform::makeCounted<SkeldaStreamMessage>();
   message->setFrameVersion(source.frameVersion());
   message->setFrameType(source.frameType());
   message->setEpochTimeStamp(source.epochTimeStamp());

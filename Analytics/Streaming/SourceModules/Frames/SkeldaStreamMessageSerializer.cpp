@@ -7,6 +7,7 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 
 namespace format = skelda::frameformat;
 
@@ -40,7 +41,7 @@ void writeHeader(char* header, const ISkeldaStreamMessage& message) {
 
 std::shared_ptr<SkeldaStreamMessageSerializer>
 SkeldaStreamMessageSerializer::streamMessageSerializer() {
-  return std::make_shared<SkeldaStreamMessageSerializer>();
+  return platform::makeCounted<SkeldaStreamMessageSerializer>();
 }
 
 bool SkeldaStreamMessageSerializer::hasRoomForPayload(std::uint64_t length,

@@ -6,7 +6,9 @@
 class ISkeldaConsentObserver {
  public:
   static constexpr std::string_view kProtocolName = "ISkeldaConsentObserver";
-  virtual ~ISkeldaConsentObserver() = default;
   /// Called on the queue that was given at registration, never on the thread that changed it.
   virtual void consentUpdated() = 0;
+
+ protected:
+  ~ISkeldaConsentObserver() = default;
 };

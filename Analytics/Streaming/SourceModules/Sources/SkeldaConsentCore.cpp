@@ -3,11 +3,12 @@
 #include <utility>
 
 #include "Analytics/Utils/SkeldaGuards.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Base/NeverDestroyed.h"
 
 const std::shared_ptr<SkeldaConsentCore>& SkeldaConsentCore::sharedInstance() {
   static platform::NeverDestroyed<std::shared_ptr<SkeldaConsentCore>> instance(
-      std::make_shared<SkeldaConsentCore>());
+      platform::makeCounted<SkeldaConsentCore>());
   return *instance;
 }
 
