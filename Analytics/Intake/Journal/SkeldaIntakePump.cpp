@@ -194,10 +194,11 @@ void SkeldaIntakePump::didSettle() noexcept {
 template <class Source, class Feed>
 bool SkeldaIntakePump::onqueue_turnTo(const std::shared_ptr<Source>& source, Feed&& feed) {
   if (source == nullptr) return false;
-  if (lastFed_ != nullptr && lastFed_ != source.get()) {
-    if (auto* const before = dynamic_cast<SkeldaActor*>(lastFed_)) before->syncBlock([] {});
+  if (lastFed_ != source.get()) {
+    if (lastFedActor_ != nullptr) lastFedActor_->syncBlock([] {});
+    lastFed_ = source.get();
+    lastFedActor_ = dynamic_cast<SkeldaActor*>(source.get());
   }
-  lastFed_ = source.get();
   feed(*source);
   return true;
 }

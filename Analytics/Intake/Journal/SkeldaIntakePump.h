@@ -74,5 +74,6 @@ class SkeldaIntakePump : public SkeldaActor {
   /// Of what earlier runs left.
   std::uint64_t replaysLeft_;
   Sources sources_;
-  ISkeldaFrameSource* lastFed_ = nullptr;
+  const ISkeldaFrameSource* lastFed_ = nullptr;
+  SkeldaActor* lastFedActor_ = nullptr;  // The same, where it is one.
 };
