@@ -60,6 +60,8 @@ class Queue {
   void barrierPost(F&& callable) {
     submit(makeWork(std::forward<F>(callable)), true);
   }
+  /// The same of work that was made by the caller, and is taken over.
+  void barrierPostWork(Work* work) { submit(work, true); }
 
   virtual void async(Block block) = 0;
   virtual void barrierAsync(Block block) = 0;
@@ -85,8 +87,6 @@ class Queue {
   Queue() = default;
   /// Takes the work over.
   virtual void submit(Work* work, bool barrier) = 0;
-
- protected:
   ~Queue() = default;
 };
 

@@ -115,6 +115,18 @@ void SkeldaActor::runInside(void* body, void (*take)(void* body, Step step)) noe
   take(body, Step::drop);
 }
 
+void SkeldaActor::Posted::finishAndDelete(Work* work, bool run) {
+  auto* const posted = static_cast<Posted*>(work);
+  const std::size_t size = posted->size;
+  if (run) {
+    posted->self->runInside(posted, posted->take);
+  } else {
+    posted->take(posted, Step::drop);
+  }
+  posted->~Posted();
+  platform::giveBackWorkMemory(posted, size);
+}
+
 platform::Block SkeldaActor::wrapSyncBlock(platform::Block block, ExceptionHandOff handOff,
                                            std::thread::id thread) {
   return [self = shared_from_this(), body = std::move(block), hand = std::move(handOff),

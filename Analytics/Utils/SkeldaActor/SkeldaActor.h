@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -19,6 +20,7 @@
 #include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Platform/Dispatch/Time.h"
+#include "Platform/Dispatch/Work.h"
 #include "Platform/Foundation/Date.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/Object.h"
@@ -130,7 +132,11 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// skelda::swallowedExceptions). The block holds the actor until it has run. Null raises.
   template <SkeldaActorBlock F>
   void asyncBlock(F&& block) {
-    queue_->barrierPost(wrapped(std::forward<F>(block)));
+    if (isNull(block)) raiseInvalidParameter("block");
+    if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<F>>) {
+      queue_->barrierPostWork(
+          new PostedBlock<std::decay_t<F>>(shared_from_this(), std::forward<F>(block)));
+    }
   }
   /// The group is entered now and left when the block has run. Without a group like asyncBlock.
   template <SkeldaActorBlock F>
@@ -255,6 +261,43 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// Runs the body in the context of this actor, where what it throws is dropped and counted, and
   /// drops it there, so that what it held may still call into the actor as it goes.
   void runInside(void* body, void (*take)(void* body, Step step)) noexcept;
+
+  /// A posted block as its queue keeps it: one kind of work for all blocks, whose types differ in
+  /// nothing but how their body is run and dropped.
+  struct Posted : platform::Work {
+    using Take = void (*)(void* posted, Step step);
+    Posted(std::shared_ptr<SkeldaActor> actor, Take takeBody, std::size_t sizeOfAll) noexcept
+        : Work(Kind::block, &finishAndDelete),
+          self(std::move(actor)),
+          take(takeBody),
+          size(sizeOfAll) {}
+    static void* operator new(std::size_t size) { return platform::takeWorkMemory(size); }
+    static void operator delete(void* room, std::size_t size) noexcept {
+      platform::giveBackWorkMemory(room, size);
+    }
+    static void finishAndDelete(Work* work, bool run);
+
+    std::shared_ptr<SkeldaActor> self;
+    Take take;
+    std::size_t size;
+  };
+  template <class F>
+  struct PostedBlock final : Posted {
+    static_assert(alignof(F) <= alignof(std::max_align_t));
+    template <class G>
+    PostedBlock(std::shared_ptr<SkeldaActor> actor, G&& block)
+        : Posted(std::move(actor), &takeBody, sizeof(PostedBlock)), body(std::forward<G>(block)) {}
+    ~PostedBlock() {}  // The body is dropped by then.
+
+    static void takeBody(void* posted, Step step) {
+      F& body = static_cast<PostedBlock*>(static_cast<Posted*>(posted))->body;
+      step == Step::run ? static_cast<void>(body()) : body.~F();
+    }
+
+    union {
+      F body;
+    };
+  };
 
   /// wrapAsyncBlock for any callable, in one piece with it.
   template <SkeldaActorBlock F>
