@@ -91,7 +91,7 @@ void sayEverything(const std::string& text) {
   manager->module<ISkeldaAppInfoSource>()->setAppVersion(text);
   manager->module<ISkeldaStreamFlushSource>()->flushWithStatus(5);
   manager->module<SkeldaSessionInfoDataProvider>()->setIncludeBackgroundSessionsInMetrics(true);
-  std::dynamic_pointer_cast<SkeldaReportedIdentifiersSource>(
+  std::static_pointer_cast<SkeldaReportedIdentifiersSource>(
       manager->module<ISkeldaReportedIdentifiersSource>())
       ->didReceiveUserInfo({{"skelda://id1", text}, {"skelda://id2", "00" + text}});
   SkeldaWatchConnectivity::defaultConnectivty()->setup();

@@ -252,7 +252,7 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
     const auto sessionInfo = pipeline->module<SkeldaSessionInfoDataProvider>();
     sessionInfo->startUpWithApiKey("Secret");
     EXPECT_NE(sessionInfo->sessionInfoData(), nullptr);
-    std::dynamic_pointer_cast<SkeldaReportedIdentifiersSource>(
+    std::static_pointer_cast<SkeldaReportedIdentifiersSource>(
         pipeline->module<ISkeldaReportedIdentifiersSource>())
         ->didReceiveUserInfo({{"skelda://id1", "Secret"}, {"skelda://id2", "5ec2e7"}});
     pipeline->settleAll();

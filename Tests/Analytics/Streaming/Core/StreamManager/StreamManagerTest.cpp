@@ -85,7 +85,7 @@ TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDe
   EXPECT_EQ(manager_->moduleIfPresent("INoSuchSource"), nullptr);
   EXPECT_NE(manager_->module<SkeldaSessionInfoDataProvider>(), nullptr);
   manager_->startup({"INoSuchSource", "NoSuchProvider", "ISampleSource"});
-  EXPECT_EQ(std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
+  EXPECT_EQ(std::static_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
 }
 
 TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAndIsNamed) {
@@ -100,7 +100,7 @@ TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAnd
                                 {"SampleSource", "ISkeldaFrameSource"}});
   manager_->chainProviderClassObservers(
       {{"BrokenProvider", ""}, {"SkeldaSessionInfoDataProvider", "IBrokenSource"}});
-  const auto source = std::dynamic_pointer_cast<SampleSource>(manager_->module<ISampleSource>());
+  const auto source = std::static_pointer_cast<SampleSource>(manager_->module<ISampleSource>());
   source->throws = true;
   manager_->startup({"IBrokenSource", "BrokenProvider", "ISampleSource", "ISkeldaFrameSource"});
   const auto next =
