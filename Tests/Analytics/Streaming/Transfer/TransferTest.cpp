@@ -70,8 +70,9 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirs
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, OrdersNamesByTheirNumbers) {
-  const char* ordered[] = {
-      "", ".a", "a", "a1", "a2", "a2b10", "a2b11", "a10", "a010b", "a18446744073709551616", "b"};
+  const char* ordered[] = {"",   ".a",    "a",     "a1",  "a01bc3", "a1bc4",
+                           "a2", "a2b10", "a2b11", "a10", "a010b",  "a18446744073709551616",
+                           "b"};
   for (std::size_t i = 0; i < std::size(ordered); ++i) {
     for (std::size_t j = 0; j < std::size(ordered); ++j) {
       EXPECT_EQ(SkeldaStreamTransferManager::isOrderedBefore(ordered[i], ordered[j]), i < j)
