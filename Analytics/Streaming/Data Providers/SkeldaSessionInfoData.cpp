@@ -1,8 +1,9 @@
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoData.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <utility>
+
+#include "Platform/Base/Counted.h"
+#include "Platform/Platform.h"
 
 std::shared_ptr<SkeldaSessionInfoData> SkeldaSessionInfoData::dataWithApiKey(
     std::string apiKey, std::uint16_t agentPlatform, std::uint16_t agentVersion,
