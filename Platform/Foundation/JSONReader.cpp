@@ -1,12 +1,12 @@
 #include "Platform/Foundation/JSONReader.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "Platform/Base/Counted.h"
 
 namespace skelda::platform {
 namespace {

@@ -172,6 +172,7 @@ class Kills(contextlib.AbstractContextManager):
             self.expect(self.told.read_bytes()[self.next - 1000:self.next] == bytes([ACCEPTED]) * 1000,
                         f"not all of 1,000 calls by {threads} threads answered 1")
             self.check()
+            self.expect(not self.named.total(), f"one kill, and {+self.named} are dropped")
         for number in range(self.count):
             self.once()
             if self.chance.random() < 0.5:

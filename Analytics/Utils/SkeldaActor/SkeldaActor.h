@@ -218,6 +218,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
 
  private:
   friend class SkeldaActorDeferredQueue;
+  friend class SkeldaActorOperationQueue;
 
   /// While it lives the calling thread runs inside the actor. Entries nest; leaving restores what
   /// was before.

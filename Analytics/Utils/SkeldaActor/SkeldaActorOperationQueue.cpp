@@ -1,20 +1,22 @@
 #include "Analytics/Utils/SkeldaActor/SkeldaActorOperationQueue.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 constinit const bool AKOperationQueue_SupportsUnderlyingQueue =
     platform::OperationQueue::supportsUnderlyingQueue();
 
 SkeldaActorOperationQueue::SkeldaActorOperationQueue(std::shared_ptr<SkeldaActor> owner)
     : owner_(std::move(owner)) {
+  if (owner_ == nullptr) SkeldaActor::raiseInvalidParameter("actor");
   if (AKOperationQueue_SupportsUnderlyingQueue) setUnderlyingQueue(owner_->queue());
 }
 
 /// Only the main() of the given operation is called, as a block of the owner.
 platform::OperationRef SkeldaActorOperationQueue::replacementFor(
     platform::OperationRef operation) const {
+  if (operation == nullptr) SkeldaActor::raiseInvalidParameter("operation");
   auto inner = platform::makeCounted<platform::Block>(
       owner_->wrapAsyncBlock([operation = std::move(operation)] { operation->main(); }));
   if (AKOperationQueue_SupportsUnderlyingQueue) {

@@ -10,7 +10,8 @@
 extern const bool AKOperationQueue_SupportsUnderlyingQueue;
 
 /// An operation queue whose operations run as blocks of an actor: of an operation given only its
-/// main() is called, in the actor's context, and what that throws is dropped. Holds its actor.
+/// main() is called, in the actor's context, and what that throws is dropped. Holds its actor. No
+/// actor and no operation raise; of several, nothing is added then.
 class SkeldaActorOperationQueue : public platform::OperationQueue {
  public:
   explicit SkeldaActorOperationQueue(std::shared_ptr<SkeldaActor> owner);

@@ -1,11 +1,11 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaSessionInitInfo.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <fmt/format.h>
 
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaSessionInitInfo::SkeldaSessionInitInfo(std::uint16_t agentPlatform,
                                              std::uint16_t agentVersion,

@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppInfo.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamAppInfo::SkeldaStreamAppInfo(std::optional<std::string> version,
                                          std::optional<std::string> buildNumber,

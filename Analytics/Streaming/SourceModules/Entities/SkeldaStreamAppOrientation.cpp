@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppOrientation.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamAppOrientation::SkeldaStreamAppOrientation(std::int32_t orientation)
     : orientation_(orientation) {}

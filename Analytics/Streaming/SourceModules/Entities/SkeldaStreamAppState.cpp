@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamAppState.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamAppState::SkeldaStreamAppState(std::int32_t state, std::int32_t previousState)
     : state_(state), previousState_(previousState) {}

@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCCPAOptOut.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamCCPAOptOut::SkeldaStreamCCPAOptOut(bool optOut) : CCPAOptOut_(optOut) {}
 

@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamConsent::SkeldaStreamConsent(bool gdprScope,
                                          std::optional<platform::Dictionary> consentStrings)

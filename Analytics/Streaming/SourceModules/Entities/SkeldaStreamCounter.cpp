@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamCounter.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamCounter::SkeldaStreamCounter(std::int32_t counter) : frameCounter_(counter) {}
 

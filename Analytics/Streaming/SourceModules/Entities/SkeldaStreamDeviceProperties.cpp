@@ -1,10 +1,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamDeviceProperties.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <algorithm>
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 namespace {
 

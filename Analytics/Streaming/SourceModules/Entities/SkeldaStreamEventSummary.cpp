@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEventSummary.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamEventSummary::SkeldaStreamEventSummary(std::uint32_t eventCount, bool setComplete)
     : eventCount_(eventCount), setComplete_(setComplete) {}

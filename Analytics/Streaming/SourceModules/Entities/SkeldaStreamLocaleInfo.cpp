@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamLocaleInfo.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamLocaleInfo::SkeldaStreamLocaleInfo(std::optional<std::string> country,
                                                std::optional<std::string> language)

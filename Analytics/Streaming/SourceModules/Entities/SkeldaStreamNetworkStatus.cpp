@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamNetworkStatus.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamNetworkStatus::SkeldaStreamNetworkStatus(std::int32_t flag)
     : networkStatusFlag_(flag) {}

@@ -1,10 +1,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamResponse.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <fmt/format.h>
 
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamResponse::SkeldaStreamResponse(std::int32_t type, platform::ErrorRef error)
     : SkeldaStreamEntityBase(kNoFrameType), responseType_(type), error_(std::move(error)) {}

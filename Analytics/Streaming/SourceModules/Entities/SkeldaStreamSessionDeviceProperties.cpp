@@ -1,10 +1,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <type_traits>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 namespace {
 

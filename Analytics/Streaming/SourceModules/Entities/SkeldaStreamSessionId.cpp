@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 namespace {
 

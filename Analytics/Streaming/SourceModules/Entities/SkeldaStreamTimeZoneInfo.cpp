@@ -1,9 +1,9 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamTimeZoneInfo.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
 #include <utility>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamTimeZoneInfo::SkeldaStreamTimeZoneInfo(std::optional<std::string> timeZone)
     : timeZoneValue_(std::move(timeZone)) {}

@@ -1,8 +1,8 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserBirthdate.h"
 
-#include "Platform/Base/Counted.h"
-
 #include <array>
+
+#include "Platform/Base/Counted.h"
 
 SkeldaStreamUserBirthdate::SkeldaStreamUserBirthdate(std::optional<platform::Date> date)
     : birthdate_(date) {}

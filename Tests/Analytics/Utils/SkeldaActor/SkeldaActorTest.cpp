@@ -143,6 +143,9 @@ TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
       [] { SkeldaActorDeferredQueue(); },
       [&] { SkeldaActorDeferredQueue(nothing, actor_); },
       [] { SkeldaActorDeferredQueue("Gate", nullptr); },
+      [] { SkeldaActorOperationQueue(nullptr); },
+      [&] { SkeldaActorOperationQueue(actor_).addOperation(nullptr); },
+      [&] { SkeldaActorOperationQueue(actor_).addOperations({nullptr}, true); },
   };
   for (const auto& call : calls) EXPECT_THROW(call(), Exception) << &call - calls;
   actor_->syncBlock(nullptr);
