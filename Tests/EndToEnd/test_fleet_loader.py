@@ -1,8 +1,14 @@
 """From the stream into the database, and the questions that are asked there."""
 
+import base64
+import contextlib
+import json
 import pathlib
 import re
+import socket
 import tempfile
+import threading
+import time
 import unittest
 
 import frame_log
@@ -20,6 +26,105 @@ def questions():
     """The SQL of the document, by its headings."""
     text = (ROOT / "docs/fleet-questions.md").read_text()
     return dict(re.findall(r"^## ([^\n]*)\n(?:(?!## |```)[^\n]*\n)*```sql\n(.*?)^```", text, re.MULTILINE | re.DOTALL))
+
+
+class ShortServer(threading.Thread):
+    """What clients of the stream see while a server leads the consumer, and most of the throwaway ones, that has only
+    the first of its messages and says that it is well; until the consumer is asked to leave it."""
+
+    def __init__(self, bodies, short):
+        super().__init__(daemon=True)
+        self.bodies, self.short, self.given, self.made, self.asked = bodies, short, 0, 0, 0
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.url = f"nats://127.0.0.1:{self.listener.getsockname()[1]}"
+
+    def run(self):
+        with contextlib.suppress(OSError):
+            while True:
+                connection, _ = self.listener.accept()
+                threading.Thread(target=self.serve, args=(connection,), daemon=True).start()
+
+    def end(self):  # of what is there
+        return len(self.bodies) if self.asked else self.short
+
+    def consumer(self, name, end, leader):
+        return {"type": "io.nats.jetstream.api.v1.consumer_info_response", "stream_name": STREAM, "name": name,
+                "created": "2026-11-23T00:00:00Z", "config": {"durable_name": name, "ack_policy": "explicit"},
+                "delivered": {"consumer_seq": self.given, "stream_seq": self.given},
+                "ack_floor": {"consumer_seq": self.given, "stream_seq": self.given}, "num_ack_pending": 0,
+                "num_pending": end - self.given, "cluster": {"name": "skelda", "leader": leader}}
+
+    def serve(self, connection):
+        stream, places = connection.makefile("rwb"), {}
+
+        def send(subject, body, headers="", reply=""):
+            number = next((n for s, n in places.items() if subject == s or s[-1] == "*" and subject.startswith(s[:-1])), None)
+            if number is None:
+                return
+            head = f"NATS/1.0{headers}\r\n\r\n".encode() if headers else b""
+            sizes = f"{len(head)} {len(head) + len(body)}" if head else len(body)
+            words = f"{'HMSG' if head else 'MSG'} {subject} {number} {reply} {sizes}\r\n"
+            stream.write(words.encode() + head + body + b"\r\n")
+
+        def message(subject, place, name, end, with_body=True):
+            body = self.bodies[place - 1]
+            send(subject, body if with_body else b"", f"\r\nNats-Msg-Id: {digest(body)}",
+                 f"$JS.ACK.{STREAM}.{name}.1.{place}.{place}.{time.time_ns()}.{end - place}")
+
+        def answer(subject, reply, body):
+            kind, asked = subject.removeprefix("$JS.API."), json.loads(body or "{}")
+            if kind.startswith("CONSUMER.MSG.NEXT"):
+                while self.given < self.end():
+                    self.given += 1
+                    message(reply, self.given, "skelda-load", self.end())
+                return send(reply, b"", " 404 No Messages")
+            if kind.startswith("STREAM.INFO"):
+                said = {"type": "io.nats.jetstream.api.v1.stream_info_response", "created": "2026-11-23T00:00:00Z",
+                        "config": {"name": STREAM, "subjects": [STREAM + ".>"], "num_replicas": 3},
+                        "state": {"messages": len(self.bodies), "first_seq": 1, "last_seq": len(self.bodies)},
+                        "cluster": {"name": "skelda", "leader": "whole"}}
+            elif kind.startswith("STREAM.MSG.GET"):
+                whole = self.bodies[asked["seq"] - 1]
+                said = {"type": "io.nats.jetstream.api.v1.stream_msg_get_response", "message": {
+                    "subject": f"{STREAM}.key", "seq": asked["seq"], "time": "2026-11-23T00:00:00Z",
+                    "hdrs": base64.b64encode(f"NATS/1.0\r\nNats-Msg-Id: {digest(whole)}\r\n\r\n".encode()).decode(),
+                    "data": base64.b64encode(whole).decode()}}
+            elif kind.startswith("CONSUMER.LEADER.STEPDOWN"):
+                self.asked += 1
+                said = {"success": True}
+            elif kind.startswith("CONSUMER.INFO"):
+                said = self.consumer("skelda-load", self.end(), "whole" if self.asked else "short")
+            elif kind.startswith("CONSUMER.CREATE"):
+                self.made += 1
+                leader = "short" if self.made % 3 else "whole"
+                end = self.short if leader == "short" else len(self.bodies)
+                said = {**self.consumer("throwaway", end, leader), "num_pending": end,
+                        "delivered": {"consumer_seq": 0, "stream_seq": 0}}
+                send(reply, json.dumps(said).encode())
+                for place in range(1, end + 1):
+                    message(asked["config"]["deliver_subject"], place, "throwaway", end, False)
+                return None
+            else:
+                said = {"success": True}
+            return send(reply, json.dumps(said).encode())
+
+        stream.write(b'INFO {"server_id":"A","server_name":"a","version":"2.9.10","proto":1,"headers":true,'
+                     b'"max_payload":1048576,"jetstream":true}\r\n')
+        stream.flush()
+        for line in stream:
+            words = line.decode().split()
+            if words[0] == "PING":
+                stream.write(b"PONG\r\n")
+            elif words[0] == "SUB":
+                places[words[1]] = words[-1]
+            elif words[0] == "UNSUB" and len(words) == 2:
+                places = {subject: number for subject, number in places.items() if number != words[1]}
+            elif words[0] in ("PUB", "HPUB"):
+                data = stream.read(int(words[-1]) + 2)[:-2]
+                reply = words[2] if len(words) > (3 if words[0] == "PUB" else 4) else ""
+                if words[1].startswith("$JS.API."):
+                    answer(words[1], reply, data[int(words[-2]):] if words[0] == "HPUB" else data)
+            stream.flush()
 
 
 @unittest.skipUnless(LOADER.exists() and POSTGRES, "built without SKELDA_FLEET, or no PostgreSQL")
@@ -100,6 +205,15 @@ class Loading(unittest.TestCase):
                             process.output)
             self.assertEqual(0, process.terminate(), process.output)
             self.assertIn("2 passed over", process.output)
+
+    def test_a_server_that_has_less_than_the_leader_is_not_taken_for_all(self):
+        server = ShortServer([usual_log(f"device-{n}", 1, MONDAY + n) for n in range(9)], short=5)
+        self.addCleanup(server.listener.close)
+        server.start()
+        said = load_everything(server, self.database)
+        self.assertIn("9 logs, 270 events", said)
+        self.assertIn("4 passed over", said)
+        self.assertEqual(1, server.asked)
 
     def test_what_it_took_is_acknowledged_when_the_servers_ended_between(self):
         logs = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(300)]

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -16,6 +17,9 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t kAsk = 2000;
 constexpr std::int64_t kLongestSilence = 5000;  // of a server that has more to say
+constexpr auto kLongestSearch = 20s;            // for the leader
+constexpr int kMostReadings = 32;               // each may be of any server
+constexpr auto kLongestReading = 5s;            // of servers beside it
 
 void must(natsStatus status, std::string_view what, jsErrCode code = {}) {
   if (status == NATS_OK) return;
@@ -57,6 +61,55 @@ std::pair<std::string, std::string> userIn(const std::string& path) {
 std::string_view idOf(natsMsg* message) {
   const char* id = nullptr;
   return natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK && id != nullptr ? id : "";
+}
+
+/// Reads one server, if `begin`, asked with its name, returns what is to be told of it. Which
+/// server it is, the stream decides anew for each reading.
+void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_clock::time_point since,
+             const std::function<SeenMessage(const std::string& server)>& begin) {
+  natsInbox* inbox = nullptr;
+  must(natsInbox_Create(&inbox), "inbox");
+  const NatsHandle<natsInbox, natsInbox_Destroy> heldInbox(inbox);
+  natsSubscription* raw = nullptr;
+  must(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
+  const NatsHandle<natsSubscription, natsSubscription_Destroy> subscription(raw);
+  must(natsSubscription_SetPendingLimits(raw, -1, -1), "reading");
+
+  jsConsumerConfig config;
+  jsConsumerConfig_Init(&config);
+  config.DeliverSubject = inbox;
+  config.DeliverPolicy = js_DeliverByStartTime;
+  config.OptStartTime =
+      std::max<std::int64_t>(1, std::chrono::nanoseconds(since.time_since_epoch()).count());
+  config.AckPolicy = js_AckNone;
+  config.HeadersOnly = true;
+  // On one server, which gives out what it has itself.
+  config.Replicas = 1;
+  config.MemoryStorage = true;
+  config.InactiveThreshold = std::chrono::nanoseconds(10s).count();
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Wait = kAsk;
+  jsErrCode code{};
+  jsConsumerInfo* made = nullptr;
+  must(js_AddConsumer(&made, stream, fleet::kStream, &config, &options, &code), "reading", code);
+  const NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy> info(made);
+
+  const SeenMessage seen = begin(
+      info->Cluster != nullptr && info->Cluster->Leader != nullptr ? info->Cluster->Leader : "");
+  // Some may have been given out already when it says how many are to come.
+  std::uint64_t left = seen ? info->NumPending + info->Delivered.Consumer : 0;
+  while (left > 0) {
+    natsMsg* next = nullptr;
+    must(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
+    const NatsMessage message(next);
+    jsMsgMetaData* data = nullptr;
+    if (natsMsg_GetMetaData(&data, next) != NATS_OK) continue;
+    seen(idOf(next), data->Sequence.Stream);
+    left = std::min(left - 1, data->NumPending);
+    jsMsgMetaData_Destroy(data);
+  }
+  js_DeleteConsumer(stream, fleet::kStream, info->Name, &options, nullptr);
 }
 
 }  // namespace
@@ -120,50 +173,37 @@ std::string_view leaderOf(const jsStreamInfo& info) {
   return info.Cluster != nullptr && info.Cluster->Leader != nullptr ? info.Cluster->Leader : "";
 }
 
-std::string readStream(natsConnection* connection, jsCtx* stream,
-                       std::chrono::system_clock::time_point since, const SeenMessage& seen) {
-  natsInbox* inbox = nullptr;
-  must(natsInbox_Create(&inbox), "inbox");
-  const NatsHandle<natsInbox, natsInbox_Destroy> heldInbox(inbox);
-  natsSubscription* raw = nullptr;
-  must(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
-  const NatsHandle<natsSubscription, natsSubscription_Destroy> subscription(raw);
-  must(natsSubscription_SetPendingLimits(raw, -1, -1), "reading");
-
-  jsConsumerConfig config;
-  jsConsumerConfig_Init(&config);
-  config.DeliverSubject = inbox;
-  config.DeliverPolicy = js_DeliverByStartTime;
-  config.OptStartTime =
-      std::max<std::int64_t>(1, std::chrono::nanoseconds(since.time_since_epoch()).count());
-  config.AckPolicy = js_AckNone;
-  config.HeadersOnly = true;
-  // On one server, which gives out what it has itself.
-  config.Replicas = 1;
-  config.MemoryStorage = true;
-  config.InactiveThreshold = std::chrono::nanoseconds(10s).count();
-  jsOptions options;
-  jsOptions_Init(&options);
-  options.Wait = kAsk;
-  jsErrCode code{};
-  jsConsumerInfo* made = nullptr;
-  must(js_AddConsumer(&made, stream, fleet::kStream, &config, &options, &code), "reading", code);
-  const NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy> info(made);
-
-  // Some may have been given out already when it says how many are to come.
-  std::uint64_t left = info->NumPending + info->Delivered.Consumer;
-  while (left > 0) {
-    natsMsg* next = nullptr;
-    must(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
-    const NatsMessage message(next);
-    jsMsgMetaData* data = nullptr;
-    if (natsMsg_GetMetaData(&data, next) != NATS_OK) continue;
-    seen(idOf(next), data->Sequence.Stream);
-    left = std::min(left - 1, data->NumPending);
-    jsMsgMetaData_Destroy(data);
+void readServers(natsConnection* connection, jsCtx* stream,
+                 std::chrono::system_clock::time_point since, bool ofAll, const SeenServer& seen) {
+  const auto before = streamInfo(stream);
+  if (!before) throw StreamTrouble("nobody leads the stream");
+  const std::string leader(leaderOf(*before));
+  std::set<std::string> left{leader};
+  for (int each = 0; ofAll && before->Cluster != nullptr && each < before->Cluster->ReplicasLen;
+       ++each) {
+    const auto& peer = *before->Cluster->Replicas[each];
+    if (!peer.Offline) left.emplace(peer.Name);
   }
-  js_DeleteConsumer(stream, fleet::kStream, info->Name, &options, nullptr);
-  return info->Cluster != nullptr && info->Cluster->Leader != nullptr ? info->Cluster->Leader : "";
+  const auto began = std::chrono::steady_clock::now();
+  for (int reading = 0; reading < kMostReadings && !left.empty(); ++reading) {
+    // The others matter less, and may have gone.
+    const auto spent = std::chrono::steady_clock::now() - began;
+    if (spent > (left.contains(leader) ? kLongestSearch : kLongestReading)) break;
+    try {
+      std::string server;
+      readOne(connection, stream, since, [&](const std::string& name) {
+        server = name;
+        return left.contains(name) ? seen(name == leader) : SeenMessage();
+      });
+      left.erase(server);
+    } catch (const StreamTrouble&) {
+      // One that has just gone away: the others are looked at all the same.
+      if (!streamInfo(stream)) throw;
+    }
+  }
+  if (left.contains(leader)) throw StreamTrouble("the server that leads cannot be read");
+  const auto after = streamInfo(stream);
+  if (!after || leaderOf(*after) != leader) throw StreamTrouble("another server leads now");
 }
 
 }  // namespace skelda::tools

@@ -47,14 +47,18 @@ struct StreamAccess {
   NatsOptions options(const char* name) const;
 };
 
-/// Reads which messages one server has of the stream: all from `since` on, by the id that a
-/// collector gave them. Which of the servers it is, the stream decides anew for each reading: its
-/// name is returned. Servers that agree all name the same. Throws StreamTrouble where there is
-/// no answer, or not all of it comes; and what `seen` throws. Must not be called by the library's
-/// own threads.
+/// A message that a server has, by the id that a collector gave it.
 using SeenMessage = std::function<void(std::string_view id, std::uint64_t sequence)>;
-std::string readStream(natsConnection* connection, jsCtx* stream,
-                       std::chrono::system_clock::time_point since, const SeenMessage& seen);
+/// A server is read from here on, maybe once more after a reading that broke off: what is to be
+/// told of its messages.
+using SeenServer = std::function<SeenMessage(bool leads)>;
+/// Reads which messages the server has that leads the stream, from whom everybody reads: all from
+/// `since` on. With `ofAll` also those of each other server that is there, as far as these can be
+/// read in five seconds. Throws StreamTrouble where the leader's were not all read in some twenty
+/// seconds, or another server leads meanwhile; and what `seen` throws. Must not be called by the
+/// library's own threads.
+void readServers(natsConnection* connection, jsCtx* stream,
+                 std::chrono::system_clock::time_point since, bool ofAll, const SeenServer& seen);
 
 /// The state of the stream, or null. Waits for two seconds at most.
 StreamInfo streamInfo(jsCtx* stream, natsStatus* status = nullptr, jsErrCode* code = nullptr);

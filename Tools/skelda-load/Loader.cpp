@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -66,7 +67,9 @@ void Loader::run(bool untilEmpty) {
       lookForTrouble();
       messages = stream_.take();
       // Of all there is, since nobody will look again.
-      isEmpty = untilEmpty && messages.empty() && stream_.place().isAtEnd && compare({}) == 0;
+      if (!untilEmpty || !messages.empty() || !stream_.place().isAtEnd) return;
+      const auto [missed, coming] = compare({});
+      isEmpty = missed == 0 && coming == 0;
     });
     if (!taken || isEmpty) return;
     if (messages.empty()) continue;
@@ -89,40 +92,62 @@ void Loader::lookForTrouble() {
   if (!isTroubled_ || now < nextComparison_) return;
   nextComparison_ = now + kBetweenComparisons;
   const bool isLast = now > lastTrouble_ + kTroubleLasts;
-  if (compare(troubledSince_ - before_) > 0) return noteTrouble();
+  if (compare(troubledSince_ - before_).missed > 0 || shortAt_) return noteTrouble();
   if (isLast) isTroubled_ = false;
 }
 
-std::size_t Loader::compare(Wall::time_point since) {
+Loader::Difference Loader::compare(Wall::time_point since) {
   std::vector<std::string> digests;
-  std::vector<std::uint64_t> places, missing;
+  std::vector<std::uint64_t> places;
+  std::set<std::uint64_t> missing;
+  std::uint64_t unknown = 0;  // the last one of which only the consumer tells
   const auto ask = [&] {
     if (digests.empty()) return;
     const auto answers = database_.areMissing(digests);
     for (std::size_t i = 0; i < answers.size(); ++i) {
-      if (answers[i]) missing.push_back(places[i]);
+      if (answers[i]) missing.insert(places[i]);
     }
     digests.clear();
     places.clear();
   };
-  const std::uint64_t before = figures_.logs;
   stream_.each(since, [&](std::string_view id, std::uint64_t place) {
-    if (!isDigest(id)) return;
+    if (!isDigest(id)) {
+      unknown = std::max(unknown, place);
+      return;
+    }
     digests.emplace_back(id.substr(0, kDigestLength));
     places.push_back(place);
     if (digests.size() == kDigestsAtOnce) ask();
   });
   ask();
-  // What comes after that will still be given out.
-  std::erase_if(missing, [done = stream_.place().done](auto place) { return place > done; });
-  for (std::size_t first = 0; first < missing.size(); first += kLogsAtOnce) {
-    const std::size_t count = std::min(kLogsAtOnce, missing.size() - first);
-    const auto from = missing.begin() + static_cast<std::ptrdiff_t>(first);
-    const auto messages = stream_.at({from, from + static_cast<std::ptrdiff_t>(count)});
+  const auto place = stream_.place();
+  Difference difference;
+  if (unknown > place.done) ++difference.coming;
+  if (!isConsumerShort(place, std::max(unknown, missing.empty() ? 0 : *missing.rbegin()))) {
+    difference.coming += std::erase_if(missing, [&](auto each) { return each > place.done; });
+  }
+  difference.missed = missing.size();
+  const std::uint64_t before = figures_.logs;
+  for (auto from = missing.cbegin(); from != missing.cend();) {
+    std::vector<std::uint64_t> some;
+    while (from != missing.cend() && some.size() < kLogsAtOnce) some.push_back(*from++);
+    const auto messages = stream_.at(some);
     if (!messages.empty()) load(messages);
   }
   figures_.passedOver += figures_.logs - before;
-  return figures_.logs - before;
+  return difference;
+}
+
+bool Loader::isConsumerShort(const LogStream::Place& place, std::uint64_t last) {
+  const bool isEarly = place.isAtEnd && last > place.done;
+  // What has just come may be on its way to the server that gives it out: not between comparisons.
+  const bool isShort = isEarly && shortAt_ == place.done;
+  shortAt_ = isEarly ? std::optional(place.done) : std::nullopt;
+  if (!isShort) return false;
+  tell_(fmt::format("stream: its consumer ends at {} of {}: another server is to lead it",
+                    place.done, last));
+  stream_.moveConsumer();
+  return true;
 }
 
 void Loader::load(const Messages& messages) {

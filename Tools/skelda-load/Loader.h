@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,9 @@ namespace skelda::tools {
 /// its digest. One thread.
 ///
 /// The consumer goes by places. Where the stream's servers lost messages and gave their places to
-/// others, these are never given out: so after each such trouble, and at the end, what the stream
-/// has is compared with what the database has.
+/// others, these are never given out; and a server that stays behind the others gives out less than
+/// there is, when it leads the consumer. So after each such trouble, and at the end, what the
+/// stream's leader has is compared with what the database has.
 class Loader {
  public:
   struct Figures {
@@ -53,8 +55,15 @@ class Loader {
   bool retrying(Attempt attempt);
   void noteTrouble();
   void lookForTrouble();
-  /// Loads what the stream has and the database has not; tells how many these were.
-  std::size_t compare(Wall::time_point since);
+  struct Difference {
+    std::size_t missed = 0;  // that the consumer does not give out: they are loaded now
+    std::size_t coming = 0;  // that it has still to give out
+  };
+  /// Of what the stream's leader has, what the database has not.
+  Difference compare(Wall::time_point since);
+  /// Whether the server that leads the consumer has less than the stream, up to `last` at least; it
+  /// is then asked to leave that to another one.
+  bool isConsumerShort(const LogStream::Place& place, std::uint64_t last);
   void load(const Messages& messages);
   /// The part from `first` on, `count` long; halved while the database refuses it, so that what it
   /// refuses at last is one log.
@@ -71,6 +80,8 @@ class Loader {
   Wall::time_point troubledSince_ = Wall::now();
   Clock::time_point lastTrouble_ = Clock::now();
   Clock::time_point nextLook_, nextComparison_;
+  std::optional<std::uint64_t>
+      shortAt_;  // where the consumer ended at the last comparison, if early
 };
 
 }  // namespace skelda::tools

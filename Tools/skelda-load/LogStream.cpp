@@ -213,15 +213,20 @@ bool LogStream::isAsItWas() {
   const bool isFirst = leader_.empty() && last_ == 0;
   const std::string leader(leaderOf(*info));
   const bool isSame = leader == leader_ && info->State.LastSeq >= last_;
+  // Two looks at the end: what has just come may be on its way to the server that gives it out. And
+  // once for each: its last messages may have been deleted.
+  const Place consumer = place();
+  const bool isShort = consumer.isAtEnd && consumer.done < last_ && last_ != beyond_;
+  if (isShort) beyond_ = last_;
   leader_ = leader;
   last_ = info->State.LastSeq;
-  return isFirst || isSame;
+  return isFirst || (isSame && !isShort);
 }
 
 void LogStream::each(std::chrono::system_clock::time_point since, const SeenMessage& seen) {
   connect();
   try {
-    readStream(connection_.get(), stream_.get(), since, seen);
+    readServers(connection_.get(), stream_.get(), since, false, [&seen](bool) { return seen; });
   } catch (const StreamTrouble& why) {
     throw Unavailable(why.what());
   }
@@ -253,6 +258,16 @@ LogStream::Place LogStream::place() {
   const Place place{info->NumPending == 0 && info->NumAckPending == 0, info->AckFloor.Stream};
   jsConsumerInfo_Destroy(info);
   return place;
+}
+
+void LogStream::moveConsumer() {
+  connect();
+  const std::string subject =
+      fmt::format("$JS.API.CONSUMER.LEADER.STEPDOWN.{}.{}", fleet::kStream, options_.durable);
+  natsMsg* answer = nullptr;
+  check("moving the consumer",
+        natsConnection_Request(&answer, connection_.get(), subject.c_str(), nullptr, 0, 2000));
+  natsMsg_Destroy(answer);
 }
 
 }  // namespace skelda::tools

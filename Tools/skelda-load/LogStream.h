@@ -58,10 +58,11 @@ class LogStream {
   /// Throws Unavailable.
   void keepDamaged(const StreamedMessage& message, const std::string& fault);
   /// Who leads the stream, and where it ends; false where that has changed since the last call so
-  /// that messages may have taken the places of others. Throws Unavailable.
+  /// that messages may have taken the places of others, and where the consumer has come to an end
+  /// that lies before that of the last call. Throws Unavailable.
   bool isAsItWas();
-  /// What one of the servers has, from `since` on, in its order: `seen(id, place)`, as
-  /// readStream(). Throws Unavailable.
+  /// What the server has that leads the stream, from `since` on: `seen(id, place)`, maybe once
+  /// more for what a reading brought that broke off. Throws Unavailable.
   void each(std::chrono::system_clock::time_point since, const SeenMessage& seen);
   /// The messages at these places, but for those that are not there. Throws Unavailable.
   std::vector<StreamedMessage> at(const std::vector<std::uint64_t>& places);
@@ -71,6 +72,8 @@ class LogStream {
     std::uint64_t done = 0;  // up to here nothing is given out any more
   };
   Place place();
+  /// Asks the server that leads the consumer to leave that to another one. Throws Unavailable.
+  void moveConsumer();
   /// Gives the connection up; the next call makes a new one.
   void disconnect();
 
@@ -87,6 +90,7 @@ class LogStream {
   bool hasDamagedStream_ = false;
   std::string leader_;
   std::uint64_t last_ = 0;
+  std::uint64_t beyond_ = 0;  // that end of the stream behind which the consumer was seen to stay
 };
 
 }  // namespace skelda::tools

@@ -121,7 +121,6 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
   SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(true);
   std::mt19937 random(7);
   Log next = 0;
-  int refusals = 0;
   std::map<int, int> ends;
   for (int step = 0; step < 400 && !HasFailure(); ++step) {
     Steps steps;
@@ -146,7 +145,6 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
       const bool taken = sender_->sendFrameLogData(bytes(std::to_string(log)));
       model_.commit(log, steps);
       EXPECT_EQ(taken, !steps.tryFolderAgainAfter) << step;
-      refusals += taken ? 0 : 1;
     } else if (dice < 77) {
       what = "the network";
       platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);

@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <exception>
 #include <iterator>
-#include <set>
-#include <stdexcept>
 
 #include "Tools/Shared/FleetStream.h"
 #include "Tools/Shared/StreamAccess.h"
@@ -17,14 +15,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kCalm = 60s;           // between comparisons
-constexpr auto kAfterTrouble = 3s;    // the same, while a trouble is recent
-constexpr auto kTroubleLasts = 30s;   // and what it left behind may show
-constexpr auto kClocks = 120s;        // by which those of servers and collectors may differ
-constexpr auto kOverlap = 10s;        // of comparisons without a trouble
-constexpr auto kLongestReading = 5s;  // of servers beside the leader
+constexpr auto kCalm = 60s;          // between comparisons
+constexpr auto kAfterTrouble = 3s;   // the same, while a trouble is recent
+constexpr auto kTroubleLasts = 30s;  // and what it left behind may show
+constexpr auto kClocks = 120s;       // by which those of servers and collectors may differ
+constexpr auto kOverlap = 10s;       // of comparisons without a trouble
 constexpr std::size_t kDigestLength = 64;
-constexpr int kMostReadings = 24;     // until one is the leader's
 constexpr std::size_t kAtOnce = 256;  // of the logs that are published again
 
 }  // namespace
@@ -87,49 +83,18 @@ void LostLogs::run() {
   }
 }
 
-/// What the leader has, from whom everybody reads, and, where asked for, each other server that is
-/// there. Which server a reading is of cannot be chosen: it is read until all have been seen.
 LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
-  const auto before = skelda::tools::streamInfo(stream_);
-  if (!before) throw std::runtime_error("no stream");
-  const std::string leader(skelda::tools::leaderOf(*before));
-  std::set<std::string> left{leader};
-  for (int each = 0; ofAll && before->Cluster != nullptr && each < before->Cluster->ReplicasLen;
-       ++each) {
-    const auto& peer = *before->Cluster->Replicas[each];
-    if (!peer.Offline) left.emplace(peer.Name);
-  }
   Views views;
-  const auto until = Clock::now() + kLongestReading;
-  for (int reading = 0; reading < kMostReadings && !left.empty(); ++reading) {
-    // The others matter less, and may have gone.
-    if (!left.contains(leader) && Clock::now() > until) break;
-    View view;
-    std::string server;
-    try {
-      server = skelda::tools::readStream(connection_, stream_, since,
-                                         [&](std::string_view id, std::uint64_t place) {
-                                           const std::string name(id.substr(0, kDigestLength));
-                                           view.places.emplace(name, place);
-                                           view.ids.emplace(place, name);
-                                           view.last = std::max(view.last, place);
-                                         });
-    } catch (const skelda::tools::StreamTrouble&) {
-      // One that has just gone away: the others are looked at all the same.
-      if (!isReady_()) throw;
-      continue;
-    }
-    if (left.erase(server) == 0) continue;
-    if (server == leader) {
-      views.leader = std::move(view);
-    } else {
-      views.others.push_back(std::move(view));
-    }
-  }
-  const auto after = skelda::tools::streamInfo(stream_);
-  if (left.contains(leader) || !after || skelda::tools::leaderOf(*after) != leader) {
-    throw std::runtime_error("the leader gives out nothing, or is another one");
-  }
+  skelda::tools::readServers(connection_, stream_, since, ofAll, [&views](bool leads) {
+    View& view = leads ? views.leader : views.others.emplace_back();
+    view = {};
+    return [&view](std::string_view id, std::uint64_t place) {
+      const std::string name(id.substr(0, kDigestLength));
+      view.places.emplace(name, place);
+      view.ids.emplace(place, name);
+      view.last = std::max(view.last, place);
+    };
+  });
   return views;
 }
 
