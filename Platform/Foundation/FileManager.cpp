@@ -42,9 +42,9 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
   return known.load(std::memory_order_relaxed);
 }
 
-/// What the temporary names of this process begin with: a sweep passes over them. The process id
-/// tells a forked child, and the random number a later process with the same id.
-/// `folder` and a slash, or nothing, and how the names of this process's temporary files begin.
+/// `folder` and a slash, or nothing, and what the temporary names of this process begin with: a
+/// sweep passes over them. The process id tells a forked child, and the random number a later
+/// process with the same id.
 std::string ownTemporaryPrefix(std::string_view folder = {}) {
   static NeverDestroyed<std::string> name([] {
     std::random_device device;
