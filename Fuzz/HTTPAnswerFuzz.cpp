@@ -69,7 +69,7 @@ class Server {
   std::size_t piece_ = 1;
 };
 
-class Probe : public platform::URLSessionDelegate {
+class Probe final : public platform::URLSessionDelegate {
  public:
   explicit Probe(std::string home) : home_(std::move(home)) {}
   void didReceiveData(platform::URLSession& session, platform::URLSessionTask&,

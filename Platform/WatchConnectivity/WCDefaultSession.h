@@ -15,7 +15,8 @@ namespace skelda::platform {
 
 /// The session over a transport. Everything but the delegate and its observers belongs to one
 /// serial queue, on which the delegate is called as well.
-class WCDefaultSession : public WCSession, public std::enable_shared_from_this<WCDefaultSession> {
+class WCDefaultSession final : public WCSession,
+                               public std::enable_shared_from_this<WCDefaultSession> {
  public:
   static std::shared_ptr<WCDefaultSession> make(std::shared_ptr<WCTransport> transport);
 

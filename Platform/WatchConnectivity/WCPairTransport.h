@@ -9,7 +9,7 @@ namespace skelda::platform {
 
 /// Two ends in one process, for tests: what one sends the other receives, on the sender's thread,
 /// while the pair is joined.
-class WCPairTransport : public WCTransport {
+class WCPairTransport final : public WCTransport {
  public:
   using Ref = std::shared_ptr<WCPairTransport>;
   /// Two ends that are apart.

@@ -16,8 +16,8 @@ namespace skelda::platform {
 /// user, packets as WCPacketFraming has them. A peer whose bytes cannot be understood is left; one
 /// that sends faster than its packets are looked at waits, once kMostWaiting of them, or
 /// kMostWaitingBytes, have been handed over and not yet given up.
-class WCSocketTransport : public WCTransport,
-                          public std::enable_shared_from_this<WCSocketTransport> {
+class WCSocketTransport final : public WCTransport,
+                                public std::enable_shared_from_this<WCSocketTransport> {
  public:
   static constexpr std::size_t kMostWaiting = 64;
   static constexpr std::size_t kMostWaitingBytes = std::size_t{1} << 20;

@@ -30,9 +30,9 @@ class ISkeldaFrameLogDataSender {
 /// Stores payloads as blocks, posts them to the ingestion server, and drops a block when the server
 /// has accepted it or calls it malformed. Everything else is sent again after the next success or
 /// network change. Public calls are safe from any thread but the main one and run on `queue`.
-class SkeldaDataSender : public SkeldaDataSenderBase,
-                         public SkeldaURLSessionTaskDelegate,
-                         public ISkeldaFrameLogDataSender {
+class SkeldaDataSender final : public SkeldaDataSenderBase,
+                               public SkeldaURLSessionTaskDelegate,
+                               public ISkeldaFrameLogDataSender {
  public:
   using TaskRef = SkeldaDataSenderBase::TaskRef;
   using Fate = SkeldaDataSenderIndex::Fate;

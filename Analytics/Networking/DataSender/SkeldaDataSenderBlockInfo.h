@@ -16,7 +16,7 @@
 /// identifier, that holds its bytes. The file is whole from the moment it has its name, and carries
 /// its data key in an extended attribute, so that it can be taken up without the index. Disk work
 /// is done on the calling thread, never the main one.
-class SkeldaDataSenderBlockInfo : public platform::Object {
+class SkeldaDataSenderBlockInfo final : public platform::Object {
  public:
   using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
   /// What reading the file came to: `gone` is for good (no file, or not the bytes that were

@@ -31,8 +31,8 @@ inline constexpr std::size_t kSkeldaMostBlocks = 100;
 /// A file that cannot be read just now leaves the index unread: it is tried again at each use, and
 /// until it has been read nothing is added, saved or swept. Where there is none, or one whose
 /// checksum is not its own, the blocks' own files are the index.
-class SkeldaDataSenderIndex : public platform::Object,
-                              public std::enable_shared_from_this<SkeldaDataSenderIndex> {
+class SkeldaDataSenderIndex final : public platform::Object,
+                                    public std::enable_shared_from_this<SkeldaDataSenderIndex> {
  public:
   using BlockRef = std::shared_ptr<SkeldaDataSenderBlockInfo>;
   using Blocks = std::vector<BlockRef>;

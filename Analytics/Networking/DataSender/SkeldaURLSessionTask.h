@@ -39,8 +39,8 @@ class SkeldaURLSessionTaskDelegate {
 /// by resumeTask(); once started or cancelled it stays alive until its end has been reported, which
 /// a cancelled one reports as a failure. Holds the delegate weakly. The scalars may be read from
 /// any thread; tag and parameters belong to the caller.
-class SkeldaURLSessionTask : public platform::Object,
-                             public std::enable_shared_from_this<SkeldaURLSessionTask> {
+class SkeldaURLSessionTask final : public platform::Object,
+                                   public std::enable_shared_from_this<SkeldaURLSessionTask> {
  public:
   using TaskRef = std::shared_ptr<SkeldaURLSessionTask>;
   using DelegateRef = std::weak_ptr<SkeldaURLSessionTaskDelegate>;

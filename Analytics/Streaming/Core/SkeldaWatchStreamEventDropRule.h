@@ -16,7 +16,7 @@ class SkeldaStreamEvent;
 /// and drops events that repeat an id. At the end of a session it supplies the event summary, and
 /// says in the log how many were dropped, if any.
 /// No lock: used on one queue. Nothing of it outlives the process.
-class SkeldaWatchStreamEventDropRule : public ISkeldaStreamDropRule {
+class SkeldaWatchStreamEventDropRule final : public ISkeldaStreamDropRule {
  public:
   /// In order, which is mostly that in which they come; its room outlives the session.
   using EventIds = std::vector<std::uint32_t>;

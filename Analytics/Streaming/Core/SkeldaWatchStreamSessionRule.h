@@ -19,7 +19,7 @@ class SkeldaStreamSessionId;
 /// Opens and closes watch sessions: a session ends after a number of events or minutes, and is
 /// flushed only once every mandatory sticky message has been seen.
 /// No lock: used on the core policy's queue.
-class SkeldaWatchStreamSessionRule : public ISkeldaStreamFlushRule {
+class SkeldaWatchStreamSessionRule final : public ISkeldaStreamFlushRule {
  public:
   using FrameTypes = std::set<std::int32_t>;
   /// Frame type to the flush status that such a message brings; only numbers count.

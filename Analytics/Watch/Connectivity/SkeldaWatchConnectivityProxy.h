@@ -12,7 +12,7 @@
 /// Stands in the place of the host's session delegate: gives the agent's receiver every user info,
 /// keeps the agent's own from the host, and passes everything else on to the host's delegate. Both
 /// are held weakly; either may be gone. Any thread.
-class SkeldaWatchConnectivityProxy
+class SkeldaWatchConnectivityProxy final
     : public platform::WCSessionDelegate,
       public std::enable_shared_from_this<SkeldaWatchConnectivityProxy> {
  public:
