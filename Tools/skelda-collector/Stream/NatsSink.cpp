@@ -1,6 +1,5 @@
 #include "Tools/skelda-collector/Stream/NatsSink.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nats/nats.h>
 #include <signal.h>
@@ -14,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "Tools/Shared/Digest.h"
 #include "Tools/Shared/FleetStream.h"
+#include "Tools/skelda-collector/Stream/LogMessage.h"
 
 namespace fleet = skelda::tools::fleet;
 
@@ -40,14 +39,6 @@ void must(natsStatus status, const char* what) {
   throw std::runtime_error(fmt::format("{}: {}", what, natsStatus_GetText(status)));
 }
 
-std::string nowText() {
-  const auto now = std::chrono::system_clock::now();
-  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch());
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z",
-                     fmt::gmtime(std::chrono::system_clock::to_time_t(now)),
-                     micros.count() % 1'000'000);
-}
-
 /// The names of the servers beside the stream's leader that the leader has lately heard of.
 std::set<std::string> othersThere(const jsStreamInfo& info) {
   std::set<std::string> there;
@@ -56,74 +47,6 @@ std::set<std::string> othersThere(const jsStreamInfo& info) {
     if (!peer.Offline && peer.Active < kLongestSilence.count()) there.emplace(peer.Name);
   }
   return there;
-}
-
-}  // namespace
-
-NatsSink::Message NatsSink::messageOf(const ArrivedLog& log) {
-  natsMsg* made = nullptr;
-  const std::string subject = fleet::kSubjectPrefix + skelda::tools::digestOf(log.apiKey);
-  if (natsMsg_Create(&made, subject.c_str(), nullptr, log.bytes.data(),
-                     static_cast<int>(log.bytes.size())) != NATS_OK) {
-    return nullptr;
-  }
-  Message message(made);
-  const std::pair<const char*, std::string> headers[] = {
-      {fleet::kIdHeader, skelda::tools::digestOf(log.bytes)},
-      {fleet::kReceivedHeader, nowText()},
-      {fleet::kLengthHeader, std::to_string(log.bytes.size())},
-      {fleet::kFramesHeader, std::to_string(log.check.frames)},
-      {fleet::kFaultHeader, log.check.fault}};
-  for (const auto& [name, value] : headers) {
-    if (!value.empty() && natsMsgHeader_Set(message.get(), name, value.c_str()) != NATS_OK)
-      return nullptr;
-  }
-  return message;
-}
-
-namespace {
-
-constexpr const char* kHeaders[] = {fleet::kIdHeader, fleet::kReceivedHeader, fleet::kLengthHeader,
-                                    fleet::kFramesHeader, fleet::kFaultHeader};
-
-/// What becomes of a log that has to be published again: its subject, its headers, its body.
-std::string recordOf(natsMsg* message) {
-  std::string record = natsMsg_GetSubject(message);
-  for (const char* name : kHeaders) {
-    const char* value = nullptr;
-    if (natsMsgHeader_Get(message, name, &value) != NATS_OK || value == nullptr) continue;
-    record += fmt::format("\n{}: {}", name, value);
-  }
-  record += "\n\n";
-  return record.append(natsMsg_GetData(message),
-                       static_cast<std::size_t>(natsMsg_GetDataLength(message)));
-}
-
-skelda::tools::NatsMessage messageFrom(std::string_view record, const std::string& id) {
-  const std::size_t head = record.find("\n\n");
-  if (head == std::string_view::npos) return nullptr;
-  const std::string_view body = record.substr(head + 2);
-  std::string_view lines = record.substr(0, head + 1);
-  const auto line = [&] {
-    const std::size_t end = lines.find('\n');
-    const std::string text(lines.substr(0, end));
-    lines.remove_prefix(end + 1);
-    return text;
-  };
-  natsMsg* made = nullptr;
-  if (natsMsg_Create(&made, line().c_str(), nullptr, body.data(), static_cast<int>(body.size())) !=
-      NATS_OK) {
-    return nullptr;
-  }
-  skelda::tools::NatsMessage message(made);
-  while (!lines.empty()) {
-    const std::string text = line();
-    const std::size_t colon = text.find(": ");
-    const std::string name = text.substr(0, colon);
-    const std::string value = name == fleet::kIdHeader ? id : text.substr(colon + 2);
-    if (natsMsgHeader_Set(made, name.c_str(), value.c_str()) != NATS_OK) return nullptr;
-  }
-  return message;
 }
 
 }  // namespace
@@ -204,11 +127,11 @@ void NatsSink::stop() {
 }
 
 void NatsSink::keep(ArrivedLog log, Done done) {
-  if (!isReady_ || !publish(messageOf(log), done, false)) done(Outcome::notNow, nullptr);
+  if (!isReady_ || !publish(messageOfLog(log), done, false)) done(Outcome::notNow, nullptr);
 }
 
 void NatsSink::publishAgain(const std::string& record, const std::string& id, Done done) {
-  if (!publish(messageFrom(record, id), done, true)) done(Outcome::notNow, nullptr);
+  if (!publish(messageOfRecord(record, id), done, true)) done(Outcome::notNow, nullptr);
 }
 
 bool NatsSink::publish(Message message, Done& done, bool isAgain) {
@@ -256,7 +179,7 @@ void NatsSink::onAnswer(jsCtx*, natsMsg* message, jsPubAck* kept, jsPubAckErr*, 
   const char* id = nullptr;
   if (outcome != Outcome::notNow && !pending.isAgain &&
       natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK) {
-    sink.lost_->add(id, recordOf(message));
+    sink.lost_->add(id, recordOfMessage(message));
   }
   pending.done(outcome, nullptr);
 }

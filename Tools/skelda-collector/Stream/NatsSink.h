@@ -59,7 +59,6 @@ class NatsSink : public LogSink {
     std::uint64_t highest = 0;  // place in the stream that was known before it was given
   };
 
-  static Message messageOf(const ArrivedLog& log);
   static void onAnswer(jsCtx*, natsMsg* message, jsPubAck* kept, jsPubAckErr* error, void* self);
   void connect();
   bool publish(Message message, Done& done, bool isAgain);
