@@ -140,8 +140,11 @@ LostLogs::Copies LostLogs::giveUpDisputed(const Views& views, const Copies& copi
     if (std::ranges::none_of(views.others, differs)) continue;
     if (!disputed_.contains(copy.id)) {
       disputed.insert(copy.id);
-    } else if (js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) ==
-               NATS_OK) {
+      continue;
+    }
+    // What cannot be published again stays where it is, on whichever servers.
+    if (copy.read().empty()) continue;
+    if (js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) == NATS_OK) {
       ++disputes_;
       denied_.try_emplace(copy.id, 1);  // the servers know its id
       given.push_back(copy);
@@ -172,7 +175,12 @@ void LostLogs::publishAgain(const Copies& lost) {
       const auto denied = denied_.find(id);
       const std::string name =
           denied == denied_.end() ? id : fmt::format("{}.{}", id, denied->second);
-      publish_(lost[i].read(), name, [this, round, id](LogSink::Outcome outcome, const auto&) {
+      const std::string record = lost[i].read();
+      if (record.empty()) {
+        std::printf("stream: log %s is lost: its copy cannot be read\n", id.c_str());
+        std::fflush(stdout);
+      }
+      publish_(record, name, [this, round, id](LogSink::Outcome outcome, const auto&) {
         const MutexLock lock(round->mutex);
         if (outcome == LogSink::Outcome::repeat) round->denied.push_back(id);
         again_ += outcome == LogSink::Outcome::kept ? 1 : 0;
