@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <filesystem>
@@ -46,6 +47,7 @@ class SpareCopies::Segment {
     while (!bytes.empty()) {
       const auto wrote =
           ::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(size + partly_));
+      if (wrote < 0 && errno == EINTR) continue;
       if (wrote <= 0) {
         partly_ = 0;  // what stands there is written over
         return false;
