@@ -110,7 +110,14 @@ Loader::Difference Loader::compare(Wall::time_point since) {
     digests.clear();
     places.clear();
   };
+  Difference difference;
+  // What the consumer is about to give out is not asked for: only at its end it may be short.
+  const auto begun = stream_.place();
   stream_.each(since, [&](std::string_view id, std::uint64_t place) {
+    if (!begun.isAtEnd && place > begun.done) {
+      difference.coming = 1;
+      return;
+    }
     if (!isDigest(id)) {
       unknown = std::max(unknown, place);
       return;
@@ -121,7 +128,6 @@ Loader::Difference Loader::compare(Wall::time_point since) {
   });
   ask();
   const auto place = stream_.place();
-  Difference difference;
   if (unknown > place.done) ++difference.coming;
   if (!isConsumerShort(place, std::max(unknown, missing.empty() ? 0 : *missing.rbegin()))) {
     difference.coming += std::erase_if(missing, [&](auto each) { return each > place.done; });
