@@ -29,7 +29,7 @@ def shown(name):
     return "".join(short.get(c) or (f"\\u{ord(c):04x}" if ord(c) < 32 or c in "\u202e\u200b" else c) for c in name)
 
 
-@unittest.skipUnless(browser.PROGRAM, "no Chromium here (Debian's package chromium)")
+@unittest.skipUnless(browser.IS_THERE, "no Chromium here (Debian's chromium-driver, python3-selenium)")
 class Page(unittest.TestCase):
     def picture(self, name, **settings):
         """Of the page as it is now, on which nothing may stick out at the side."""
@@ -50,10 +50,11 @@ class Page(unittest.TestCase):
     def test_a_morning_run_with_hostile_names_is_seen_searched_and_opened_and_faults_are_played(self):
         with Home() as home, Collector(home.path / "collector") as collector, browser.Browser() as page:
             self.page = page
-            page.call("Page.addScriptToEvaluateOnNewDocument", source="window.shift = 0; new PerformanceObserver((list) => {"
-                      "for (const e of list.getEntries()) if (!e.hadRecentInput) window.shift += e.value;"
-                      "}).observe({ type: 'layout-shift', buffered: true });")
-            page.call("Page.navigate", url=f"https://localhost:{collector.port}/")
+            page.call("Page.addScriptToEvaluateOnNewDocument", {"source": (
+                "window.shift = 0; new PerformanceObserver((list) => {"
+                "for (const e of list.getEntries()) if (!e.hadRecentInput) window.shift += e.value;"
+                "}).observe({ type: 'layout-shift', buffered: true });")})
+            page.driver.get(f"https://localhost:{collector.port}/")
             page.until("document.querySelector('.link.live') && document.getElementById('logs-empty').textContent")
             self.picture("empty")
 
@@ -101,29 +102,29 @@ class Page(unittest.TestCase):
         rows = page.until("document.querySelectorAll('#log-rows tr').length")
         self.picture("filtered")
         self.assertLess(rows, len(collector.entries()))
-        page.press("Escape")
+        page.press("escape")
         page.until(f"document.querySelectorAll('#log-rows tr').length === {len(collector.entries())}")
         page.see("document.activeElement.blur()")
         page.press("j", "j")
         number = int(page.see("document.activeElement.dataset.n"))
-        page.press("Enter")
+        page.press("enter")
         page.until("document.querySelector('dialog[open] .frame[aria-selected=true]')")
         frames = frame_log.frames_of(collector.logs()[number - 1])
         self.assertEqual(len(frames), page.see("document.querySelectorAll('.frame').length"))
         for frame_there in frames[:5]:
             self.assertEqual(frame_there.raw.hex(), page.see(CHOSEN_BYTES))
-            page.press("ArrowDown")
+            page.press("arrow_down")
         page.see("document.querySelectorAll('.hex .piece')[0].click()")
         self.assertEqual(frames[0].raw.hex(), page.see(CHOSEN_BYTES))
         page.see("document.getElementById('environment').open = true")
         self.assertIn("bundle.id", page.see("document.getElementById('environment').textContent"))
         self.picture("log")
         page.see("document.getElementById('environment').open = false")
-        page.press("End")
+        page.press("end")
         self.picture("log-dark", dark=True)
         self.picture("log-phone", **PHONE)
         self.picture("log")
-        page.press("Escape")
+        page.press("escape")
         page.until("!document.querySelector('dialog[open]')")
         self.assertEqual(str(number), page.see("document.activeElement.dataset.n"))
 
@@ -142,6 +143,7 @@ class Page(unittest.TestCase):
         Client(collector).post(b"no log")
         page.until(f"document.querySelectorAll('#log-rows tr').length === {logs + 3}")
         page.until("document.getElementById('watches').textContent.includes('4 logs have not come: 5\\u20138')")
-        self.assertEqual([["Repeats", "1"], ["Refused", "1"], ["Missing", "4"]], page.see(
-            "[...document.querySelectorAll('#figures > div')].slice(3).map((e) => [...e.children].map((c) => c.textContent))"))
+        figures = ("[...document.querySelectorAll('#figures > div')].slice(3)"
+                   ".map((e) => [...e.children].map((c) => c.textContent).join(' ')).join()")
+        page.until(f"{figures} === 'Repeats 1,Refused 1,Missing 4'")
         self.assertEqual(1, page.see("document.querySelectorAll('#log-rows .mark:not(.bad)').length"))

@@ -17,9 +17,9 @@ fleet_programs=(skelda-collector skelda-load skelda-fleet skelda-frames skelda-p
   MorningRun KeepingMorningRun)
 packages_fuzz=(clang libclang-rt-14-dev)
 packages_format=(clang-format)
-# A browser for the page of the collector: 120 MB to fetch, 420 MB installed. Without it its test is
-# skipped.
-packages_browser=(chromium)
+# A browser for the page of the collector, and what drives it: 120 MB to fetch, 420 MB installed.
+# Without them its test is skipped.
+packages_browser=(chromium chromium-driver python3-selenium)
 packages_documents=(doxygen mandoc man-db python3)
 
 say() { printf '%s\n' "$*"; }
