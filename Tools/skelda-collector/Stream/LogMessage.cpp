@@ -48,16 +48,18 @@ NatsMessage messageOfLog(const ArrivedLog& log) {
   return message;
 }
 
-std::string recordOfMessage(natsMsg* message) {
+std::string headOfRecord(natsMsg* message) {
   std::string record = natsMsg_GetSubject(message);
   for (const char* name : kHeaders) {
     const char* value = nullptr;
     if (natsMsgHeader_Get(message, name, &value) != NATS_OK || value == nullptr) continue;
     record += fmt::format("\n{}: {}", name, value);
   }
-  record += "\n\n";
-  return record.append(natsMsg_GetData(message),
-                       static_cast<std::size_t>(natsMsg_GetDataLength(message)));
+  return record += "\n\n";
+}
+
+std::string_view bodyOf(natsMsg* message) {
+  return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
 }
 
 NatsMessage messageOfRecord(std::string_view record, const std::string& id) {

@@ -12,6 +12,8 @@
 
 /// Null where there is no memory for it.
 skelda::tools::NatsMessage messageOfLog(const ArrivedLog& log);
-std::string recordOfMessage(natsMsg* message);
+/// The record of a message, but for the message's body: the lines, with the empty one behind them.
+std::string headOfRecord(natsMsg* message);
+std::string_view bodyOf(natsMsg* message);
 /// With another id; null for what is no record.
 skelda::tools::NatsMessage messageOfRecord(std::string_view record, const std::string& id);

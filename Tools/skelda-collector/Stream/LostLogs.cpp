@@ -50,8 +50,8 @@ void LostLogs::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-void LostLogs::add(const std::string& id, std::string_view record) {
-  copies_.add(id, record, std::chrono::system_clock::now());
+void LostLogs::add(const std::string& id, std::string_view head, std::string_view body) {
+  copies_.add(id, head, body, std::chrono::system_clock::now());
 }
 
 void LostLogs::trouble() {
@@ -93,6 +93,7 @@ LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
       view.places.emplace(name, place);
       view.ids.emplace(place, name);
       view.last = std::max(view.last, place);
+      return true;
     };
   });
   return views;

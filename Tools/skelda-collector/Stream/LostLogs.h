@@ -35,8 +35,8 @@ class LostLogs {
   LostLogs(const LostLogs&) = delete;
   LostLogs& operator=(const LostLogs&) = delete;
 
-  /// A log that was acknowledged. Any thread.
-  void add(const std::string& id, std::string_view record);
+  /// A log that was acknowledged: its record in two parts. Any thread.
+  void add(const std::string& id, std::string_view head, std::string_view body);
   /// Something happened by which servers may have lost some. Any thread.
   void trouble();
   /// Figures in the text form of Prometheus.

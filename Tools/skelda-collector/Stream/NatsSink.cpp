@@ -179,7 +179,7 @@ void NatsSink::onAnswer(jsCtx*, natsMsg* message, jsPubAck* kept, jsPubAckErr*, 
   const char* id = nullptr;
   if (outcome != Outcome::notNow && !pending.isAgain &&
       natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK) {
-    sink.lost_->add(id, recordOfMessage(message));
+    sink.lost_->add(id, headOfRecord(message), bodyOf(message));
   }
   pending.done(outcome, nullptr);
 }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <charconv>
 #include <cstring>
 #include <filesystem>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -43,19 +45,25 @@ class SpareCopies::Segment {
   Segment(const Segment&) = delete;
   Segment& operator=(const Segment&) = delete;
 
-  bool append(std::string_view bytes) {
-    while (!bytes.empty()) {
+  /// All parts or, as far as anybody who reads it sees, none.
+  bool append(std::span<iovec> parts) {
+    std::uint64_t end = size;
+    while (!parts.empty()) {
       const auto wrote =
-          ::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(size + partly_));
+          ::pwritev(fd_, parts.data(), static_cast<int>(parts.size()), static_cast<off_t>(end));
       if (wrote < 0 && errno == EINTR) continue;
-      if (wrote <= 0) {
-        partly_ = 0;  // what stands there is written over
-        return false;
+      if (wrote <= 0) return false;
+      end += static_cast<std::uint64_t>(wrote);
+      for (auto left = static_cast<std::size_t>(wrote); !parts.empty();) {
+        auto& part = parts.front();
+        const std::size_t some = std::min(left, part.iov_len);
+        part = {static_cast<char*>(part.iov_base) + some, part.iov_len - some};
+        left -= some;
+        if (part.iov_len > 0) break;
+        parts = parts.subspan(1);
       }
-      partly_ += static_cast<std::uint64_t>(wrote);
-      bytes.remove_prefix(static_cast<std::size_t>(wrote));
     }
-    size += std::exchange(partly_, 0);
+    size = end;
     return true;
   }
   bool read(std::uint64_t at, char* into, std::size_t length) const {
@@ -71,7 +79,6 @@ class SpareCopies::Segment {
   Time last{};
 
  private:
-  std::uint64_t partly_ = 0;
   const int fd_;
   const std::string path_;
 };
@@ -141,26 +148,29 @@ void SpareCopies::recover() {
   }
 }
 
-void SpareCopies::add(const std::string& id, std::string_view record, Time now) {
+void SpareCopies::add(const std::string& id, std::string_view first, std::string_view second,
+                      Time now) {
   Head head;
-  head.length = static_cast<std::uint32_t>(record.size());
+  head.length = static_cast<std::uint32_t>(first.size() + second.size());
   head.milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
   std::copy_n(id.begin(), std::min(id.size(), head.id.size()), head.id.begin());
-  std::string whole(reinterpret_cast<const char*>(&head), sizeof head);
-  whole.append(record);
+  const auto part = [](std::string_view bytes) {
+    return iovec{const_cast<char*>(bytes.data()), bytes.size()};
+  };
+  std::array parts{iovec{&head, sizeof head}, part(first), part(second)};
   const MutexLock lock(mutex_);
   if (segments_.back()->size > std::max(kSmallest, options_.maxBytes / kParts)) begin();
   drop(now);
   auto& segment = *segments_.back();
   const std::uint64_t offset = segment.size + sizeof head;
-  if (!segment.append(whole)) {
+  if (!segment.append(parts)) {
     ++figures_.failed;
     return;
   }
   segment.last = now;
   ++segment.copies;
-  bytes_ += whole.size();
+  bytes_ += sizeof head + head.length;
   copies_.push_back({id, now, segments_.back(), offset, head.length});
 }
 

@@ -48,7 +48,8 @@ class SpareCopies {
   SpareCopies(const SpareCopies&) = delete;
   SpareCopies& operator=(const SpareCopies&) = delete;
 
-  void add(const std::string& id, std::string_view record, Time now);
+  /// A record in two parts, which are copied once.
+  void add(const std::string& id, std::string_view first, std::string_view second, Time now);
   /// All, the oldest first.
   std::vector<Copy> all() const;
   Figures figures() const;
