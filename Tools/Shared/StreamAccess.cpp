@@ -105,8 +105,7 @@ void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_cloc
     const NatsMessage message(next);
     jsMsgMetaData* data = nullptr;
     if (natsMsg_GetMetaData(&data, next) != NATS_OK) continue;
-    seen(idOf(next), data->Sequence.Stream);
-    left = std::min(left - 1, data->NumPending);
+    left = seen(idOf(next), data->Sequence.Stream) ? std::min(left - 1, data->NumPending) : 0;
     jsMsgMetaData_Destroy(data);
   }
   js_DeleteConsumer(stream, fleet::kStream, info->Name, &options, nullptr);

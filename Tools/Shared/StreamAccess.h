@@ -47,8 +47,9 @@ struct StreamAccess {
   NatsOptions options(const char* name) const;
 };
 
-/// A message that a server has, by the id that a collector gave it.
-using SeenMessage = std::function<void(std::string_view id, std::uint64_t sequence)>;
+/// A message that a server has, by the id that a collector gave it. Says whether the next is
+/// wanted.
+using SeenMessage = std::function<bool(std::string_view id, std::uint64_t sequence)>;
 /// A server is read from here on, maybe once more after a reading that broke off: what is to be
 /// told of its messages.
 using SeenServer = std::function<SeenMessage(bool leads)>;

@@ -116,15 +116,16 @@ Loader::Difference Loader::compare(Wall::time_point since) {
   stream_.each(since, [&](std::string_view id, std::uint64_t place) {
     if (!begun.isAtEnd && place > begun.done) {
       difference.coming = 1;
-      return;
+      return false;
     }
     if (!isDigest(id)) {
       unknown = std::max(unknown, place);
-      return;
+      return true;
     }
     digests.emplace_back(id.substr(0, kDigestLength));
     places.push_back(place);
     if (digests.size() == kDigestsAtOnce) ask();
+    return true;
   });
   ask();
   const auto place = stream_.place();

@@ -61,8 +61,8 @@ class LogStream {
   /// that messages may have taken the places of others, and where the consumer has come to an end
   /// that lies before that of the last call. Throws Unavailable.
   bool isAsItWas();
-  /// What the server has that leads the stream, from `since` on: `seen(id, place)`, maybe once
-  /// more for what a reading brought that broke off. Throws Unavailable.
+  /// What the server has that leads the stream, from `since` on, as long as `seen(id, place)` wants
+  /// the next; maybe once more for what a reading brought that broke off. Throws Unavailable.
   void each(std::chrono::system_clock::time_point since, const SeenMessage& seen);
   /// The messages at these places, but for those that are not there. Throws Unavailable.
   std::vector<StreamedMessage> at(const std::vector<std::uint64_t>& places);
