@@ -71,7 +71,7 @@ many devices.
 .
 Its collector takes the place of that of skelda-tools, and does the same.")
   set(CPACK_DEBIAN_FLEET_PACKAGE_REPLACES skelda-tools)
-  set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS "nats-server, postgresql")
+  set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS "nats-server, postgresql, curl, jq")
 endif()
 
 set(runtime libskelda-watch${PROJECT_VERSION_MAJOR})

@@ -6,6 +6,8 @@ import http.client
 import json
 import os
 import re
+import shlex
+import shutil
 import subprocess
 import urllib.request
 
@@ -27,8 +29,9 @@ def deployed(unit, name, **environment):
     """What a service unit of deploy/ would run, with the example's environment, other values for some
     of it, and the files of the tree and the build."""
     text = (ROOT / "deploy" / f"{unit}@.service").read_text().replace("\\\n", "")
-    command = re.search("^ExecStart=(.*)", text, re.MULTILINE)[1].split()
-    example = (ROOT / "deploy/example" / f"{unit.removeprefix('skelda-')}-1.env").read_text()
+    command = shlex.split(re.search("^ExecStart=(.*)", text, re.MULTILINE)[1])
+    example = re.search("^EnvironmentFile=.*/(.*)", text, re.MULTILINE)[1].replace("%i", "1")
+    example = (ROOT / "deploy/example" / example).read_text()
     values = dict(line.split("=", 1) for line in example.splitlines()) | environment
     words = []
     for word in command:
@@ -38,6 +41,7 @@ def deployed(unit, name, **environment):
         word = re.sub(r"\$\{(\w+)\}", lambda found: str(values[found[1]]), word).replace("%i", name)
         words.append(word.replace("/etc/skelda-fleet/", f"{ROOT}/deploy/"))
     words[0] = re.sub("^/usr/bin/(skelda-.*)", rf"{BUILD}/Tools/\1/\1", words[0])
+    words[0] = words[0].replace("/usr/lib/skelda-fleet/", f"{ROOT}/deploy/")
     return words
 
 
@@ -67,6 +71,10 @@ class Servers(contextlib.AbstractContextManager):
 
     def kill(self, index):
         self.processes[index].kill()
+
+    def empty(self, index):
+        for path in self.folder.glob(f"nats-{index}/*"):
+            shutil.rmtree(path)
 
     def __exit__(self, *_):
         for process in self.processes:
@@ -101,17 +109,14 @@ class Servers(contextlib.AbstractContextManager):
                        if each["name"] == STREAM)
         return None
 
-    def health(self, index):
-        """None of a server that is well; else what it has, which grows while it catches up."""
-        monitor = f"http://{self.hosts[index]}:{self.monitors[index]}"
-        try:
-            urllib.request.urlopen(f"{monitor}/healthz", timeout=5).close()
-            return None
-        except (OSError, ValueError):
-            with contextlib.suppress(OSError, ValueError):
-                with urllib.request.urlopen(f"{monitor}/jsz?streams=true", timeout=5) as answer:
-                    return re.findall(r'"messages": \d+', answer.read().decode())
-        return ["nothing"]
+    def watch(self, index, **environment):
+        """What looks after a server where deploy/ is used; here it makes the file `ended-INDEX` instead of
+        ending it, and `emptied-INDEX` instead of emptying it."""
+        monitors = [f"{host}:{port}" for host, port in zip(self.hosts, self.monitors)]
+        command = deployed("skelda-nats-health", f"skelda-{index}", ADDRESS=self.hosts[index], MONITOR=self.monitors[index],
+                           OTHERS=",".join(monitors[:index] + monitors[index + 1:]))
+        marks = [f"touch {self.folder}/{what}-{index}" for what in ("ended", "emptied")]
+        return Process([*command[:3], *marks], env=os.environ | environment)
 
     def are_level(self):
         """Whether each has what any of them had a moment before."""

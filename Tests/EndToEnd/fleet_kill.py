@@ -34,7 +34,7 @@ DEVICES = 400  # that skelda-fleet plays
 SENDERS = 2  # that send damaged logs, too: every so many one that ends in rubbish
 DAMAGED = 10
 TROUBLES = 2  # at a time
-STUCK = 15  # seconds that a server may be unwell without coming any further
+STUCK = 15  # seconds that a server may be unwell, or short, without coming any further
 SMALL, APART = 1, 2  # the server whose disk is small, and the one that can be cut off
 
 
@@ -163,6 +163,8 @@ class FleetKill:
             done(lambda: subprocess.run(["umount", "-l", small], check=False))
         self.servers = enter(fleet.Servers(self.folder, 3, [here, here, there], [[], [], inside]))
         self.database = enter(Database(self.folder / "database"))
+        for index in range(3):
+            enter(self.servers.watch(index, LOOK="1", PATIENCE=str(STUCK)))
         watch = threading.Thread(target=self.watch_servers, daemon=True)
         watch.start()
         done(lambda: (self.is_over.set(), watch.join(60)))
@@ -207,21 +209,19 @@ class FleetKill:
         return self.devices.look() + sum(len(sender.acknowledged) for sender in self.senders)
 
     def watch_servers(self):
-        """What deploy/skelda-nats-health@.service does: a server that is not well, and comes no further, is
-        started anew."""
-        since = {}
-        while not self.is_over.wait(1):
-            for index in range(3):
-                state = self.servers.health(index)
-                if state is None or state != since.get(index, (None,))[0]:
-                    since[index] = state, time.monotonic()
-                elif time.monotonic() > since[index][1] + STUCK and self.locks[f"server {index}"].acquire(blocking=False):
-                    self.counts["servers started anew by their watch"] += 1
-                    self.servers.kill(index)
-                    self.servers.start(index)
-                    self.locks[f"server {index}"].release()
-                    since.pop(index)
-                    break  # one at a time
+        """As the service manager would: starts anew what a server's watch ends or empties, but for one that is
+        in trouble by us."""
+        while not self.is_over.wait(0.2):
+            for what, index in itertools.product(("ended", "emptied"), range(3)):
+                with contextlib.suppress(FileNotFoundError):
+                    (self.folder / f"{what}-{index}").unlink()
+                    if self.locks[f"server {index}"].acquire(blocking=False):
+                        self.counts[f"servers {what} by their watch"] += 1
+                        self.servers.kill(index)
+                        if what == "emptied":
+                            self.servers.empty(index)
+                        self.servers.start(index)
+                        self.locks[f"server {index}"].release()
 
     def look(self):
         """At the memory of what must not grow."""
@@ -354,7 +354,8 @@ class FleetKill:
         return self
 
     def await_level(self):
-        if not eventually(self.servers.are_level, 120, every=0.1):
+        """By itself, or with the help of what looks after the servers."""
+        if not eventually(self.servers.are_level, 300, every=0.1):
             held = [self.servers.holding(index) for index in range(3)]
             self.problems.append(f"the servers do not come to have the same: {held} messages")
 
@@ -374,6 +375,7 @@ class FleetKill:
 
     def settle(self, elapsed):
         """All is well again: what was held back comes in, and is loaded."""
+        self.await_level()
         for collector in self.collectors:
             collector.await_ready(120)
         before = self.taken()
@@ -417,8 +419,7 @@ class FleetKill:
         self.is_over.set()  # nobody mends what is broken now
         leader = eventually(lambda: [n for n in [self.servers.leader()] if n is not None], 30)[0]
         self.servers.kill(leader)
-        for path in self.servers.folder.glob(f"nats-{leader}/*"):
-            shutil.rmtree(path)
+        self.servers.empty(leader)
         if not eventually(lambda: self.servers.leader() not in (None, leader), 60):
             self.problems.append("two of three servers have no leader")
         stream, wanted = collections.Counter(), {}

@@ -3,11 +3,14 @@
 import contextlib
 import json
 import multiprocessing
+import os
 import pathlib
 import resource
 import socket
 import ssl
 import statistics
+import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -16,8 +19,8 @@ import fleet
 from fleet import resident
 from fleet_kill import FleetKill
 from frame_log import frame
-from loading import LOADER, POSTGRES
-from support import KEY, PATH, Client, Collector, digest, eventually, scratch_root
+from loading import LOADER, POSTGRES, STREAM, Database, free_ports
+from support import KEY, PATH, ROOT, Client, Collector, Process, digest, eventually, scratch_root
 from test_collector import LOG
 
 NO_LOGS = {"text": b"hello", "a page": b"<html><body>" * 100, "JSON": json.dumps([{"a": 1}] * 100).encode(),
@@ -121,25 +124,45 @@ class FleetCollectorTest(unittest.TestCase):
         with Collector(self.folder / "other") as other, Collector(self.folder / "own") as own:
             authority, stranger = own.authority, other.authority
         tls = pathlib.Path(authority).parent
+        mine, key = self.folder / "mine.pem", self.folder / "mine-key.pem"
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                        "-days", "2", "-subj", "/CN=fleet", "-out", mine, "-keyout", key], check=True, capture_output=True)
         servers = self.enterContext(fleet.Servers(self.folder / "closed", arguments=[
-            "--tlscert", tls / "server.pem", "--tlskey", tls / "server-key.pem", "--user", "collector", "--pass", "right"]))
+            "--tlscert", tls / "server.pem", "--tlskey", tls / "server-key.pem", "--tlsverify", "--tlscacert", mine,
+            "--user", "fleet", "--pass", "right"]))
         for word in ("right", "wrong"):
-            (self.folder / word).write_text(f"collector:{word}\n")
+            (self.folder / word).write_text(f"fleet:{word}\n")
         store = "tls://" + ",".join(f"localhost:{port}" for port in servers.ports)
+        ours, user = ["--stream-authority", authority], ["--stream-user", self.folder / "right"]
+        certificate = ["--stream-cert", mine, "--stream-key", key]
+        known = ours + user + certificate
+        # Servers that somebody else vouches for; and ones that do not know it.
+        strangers = (["--stream-authority", stranger] + user + certificate, ours + certificate, ours + user,
+                     ours + certificate + ["--stream-user", self.folder / "wrong"])
 
-        def start(*arguments):
+        def start(arguments):
             return self.enterContext(fleet.StreamCollector(self.folder / "own", servers, *arguments, store=store))
 
-        known = start("--stream-authority", authority, "--stream-user", self.folder / "right")
-        known.await_ready()
-        self.assertEqual((200, "kept\n"), Client(known).post(LOG))
-        # Servers that somebody else vouches for; and ones that do not know it.
-        for arguments in (("--stream-authority", stranger, "--stream-user", self.folder / "right"),
-                          ("--stream-authority", authority, "--stream-user", self.folder / "wrong"),
-                          ("--stream-authority", authority)):
+        collector = start(known)
+        collector.await_ready()
+        self.assertEqual((200, "kept\n"), Client(collector).post(LOG))
+        for arguments in strangers:
             with self.subTest(arguments):
-                refused = start(*arguments)
+                refused = start(arguments)
                 self.assertFalse(eventually(lambda each=refused: each.get("/readyz")[0] == 200, 3))
+        if not LOADER.exists() or not POSTGRES:
+            return
+        self.folder.chmod(0o755)
+        with Database(self.folder / "database") as database:
+            def load(arguments):
+                return self.enterContext(Process([LOADER, "--stream", store, "--database", database.connection,
+                                                  "--until-empty", *arguments]))
+
+            loading = load(known)
+            self.assertEqual(0, loading.wait(60), loading.output)
+            self.assertIn("1 logs", loading.output)
+            for arguments in strangers:
+                self.assertIn("stream: connecting", load(arguments).line_with("skelda-load: "))
 
     def test_many_and_slow_and_oversized_ones_cost_little_memory_and_hold_up_nobody(self):
         collector = self.collector("--api-key", KEY)
@@ -209,6 +232,44 @@ def pestering(collector):
     finally:
         is_over.set()
         sender.join(60)
+
+
+class WatchOfServers(unittest.TestCase):
+    """What looks after each server, with pages in place of servers."""
+
+    SERVERS = {"other": 30, "level": 30, "growing": 1, "unwell": 30, "short": 20, "less short": 25, "beside one away": 20}
+    THIRD = {"less short": "short", "beside one away": "away"}  # of what a server is compared with, else "level"
+    ENDED = ["unwell", "short", "less short", "beside one away"]
+
+    def test_a_server_that_stays_behind_is_ended_and_then_emptied_whatever_it_says_of_itself(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="skelda-watch-")))
+        port, = free_ports(1)
+        self.enterContext(Process([sys.executable, "-m", "http.server", port, "-b", "127.0.0.1", "-d", folder]))
+
+        def page(name):
+            return f"127.0.0.1:{port}/" + name.replace(" ", "-")
+
+        def has(name, messages):
+            place = folder / name.replace(" ", "-")
+            place.mkdir(exist_ok=True)
+            if name != "unwell":
+                (place / "healthz").touch()
+            stream = {"name": STREAM, "state": {"messages": messages}}
+            (folder / "jsz").write_text(json.dumps({"account_details": [{"stream_detail": [stream]}]}))
+            (folder / "jsz").rename(place / "jsz")
+
+        for name, messages in self.SERVERS.items():
+            has(name, messages)
+        for name in self.SERVERS:
+            self.enterContext(Process([ROOT / "deploy/skelda-nats-health", page(name),
+                                       f"{page('other')},{page(self.THIRD.get(name, 'level'))}",
+                                       *(f"touch '{folder}/{name} {what}'" for what in ("ended", "emptied"))],
+                                      env=os.environ | {"LOOK": "1", "PATIENCE": "2"}))
+        for messages in range(2, 26):
+            has("growing", messages)
+            time.sleep(0.5)
+        for what, expected in (("ended", self.ENDED), ("emptied", ["short"])):
+            self.assertEqual(expected, [name for name in self.SERVERS if (folder / f"{name} {what}").exists()], what)
 
 
 @unittest.skipUnless(LOADER.exists() and POSTGRES, "no loader, or no PostgreSQL")

@@ -12,7 +12,7 @@ packages_build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev
   libcpp-httplib-dev libcli11-dev python3)
 # With SKELDA_FLEET: what is built, and what it runs against.
 packages_fleet=(libnats-dev libmicrohttpd-dev libpq-dev)
-packages_fleet_run=(nats-server postgresql iproute2)
+packages_fleet_run=(nats-server postgresql iproute2 curl jq openssl)
 fleet_programs=(skelda-collector skelda-load skelda-fleet skelda-frames skelda-phone skelda-bundle
   MorningRun KeepingMorningRun)
 packages_fuzz=(clang libclang-rt-14-dev)
