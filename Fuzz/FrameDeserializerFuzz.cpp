@@ -5,7 +5,6 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Fuzz/Fuzz.h"
-#include "Platform/Base/Log.h"
 
 namespace {
 
@@ -14,10 +13,7 @@ namespace {
 void requireSameWhenWritten(const SkeldaStreamFrame& frame, std::string_view bytes) {
   const auto message = SkeldaStreamMessage::streamMessageFromFrame(frame);
   const auto written = SkeldaStreamMessageSerializer().frameFromStreamMessage(*message);
-  if (!written) {
-    require(!frame.frameClass() || frame.payload().empty());
-    return;
-  }
+  if (!written) return require(!frame.frameClass() || frame.payload().empty());
   const std::size_t compared = bytes.size() - (frame.frameVersion() == 0 ? 4 : 0);
   require(written->length() == bytes.size());
   require(written->view().substr(1, compared - 1) == bytes.substr(1, compared - 1));
@@ -25,13 +21,7 @@ void requireSameWhenWritten(const SkeldaStreamFrame& frame, std::string_view byt
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  platform::Log::setSink({});
-  return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t length) {
-  const std::string_view bytes(reinterpret_cast<const char*>(input), length);
+void fuzz(std::string_view bytes) {
   const SkeldaStreamFrameDeserializer deserializer;
   std::size_t total = 0;
   platform::ErrorRef error;
@@ -47,5 +37,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t len
   require(!deserializer.isAtLeastOneFrameInData(bytes.substr(total), &announced));
   require(announced == 0 || announced > bytes.size() - total);
   deserializer.debugLogFrameData(bytes, "fuzz");
-  return 0;
 }

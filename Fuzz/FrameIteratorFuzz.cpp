@@ -4,19 +4,12 @@
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
 #include "Fuzz/Fuzz.h"
-#include "Platform/Base/Log.h"
 #include "Tests/Support/MemoryStreamFileHandle.h"
 #include "include/Skelda_Watch/SkeldaConstants.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  platform::Log::setSink({});
-  return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t length) {
-  if (length < 2) return 0;
-  const unsigned limit = input[0] + 256U * (input[1] & 15U);
-  const std::string_view file(reinterpret_cast<const char*>(input) + 2, length - 2);
+void fuzz(std::string_view file) {
+  const unsigned least = takeByte(file);
+  const unsigned limit = least + 256 * (takeByte(file) & 15U);
   const auto deserializer = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
   SkeldaStreamFrameIterator iterator(
       std::make_shared<skelda::testing::MemoryStreamFileHandle>(file), deserializer,
@@ -41,5 +34,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t len
   // An end inside the frames has one reason: the buffer drained, and nothing was left in it.
   if (iterator.state() == SkeldaStreamFrameIterator::kComplete) require(iterator.buffer().empty());
   iterator.close();
-  return 0;
 }

@@ -1,3 +1,5 @@
+// Any bytes are a property list within the limits or are refused with an error.
+
 #include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/Foundation/PropertyList.h"
@@ -19,15 +21,10 @@ std::size_t height(const platform::Value& value) {
 
 }  // namespace
 
-// Any bytes are a property list within the limits or are refused with an error.
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+void fuzz(std::string_view bytes) {
   platform::ErrorRef error;
-  const auto value = platform::readPropertyList(platform::Data(bytes, size), &error);
-  if (!value) {
-    if (error == nullptr) std::abort();
-    return 0;
-  }
-  if (height(*value) > platform::PropertyListLimits::kMaximumDepth) std::abort();
-  if (!platform::isValidUTF8(platform::jsonText(*value))) std::abort();
-  return 0;
+  const auto value = platform::readPropertyList(platform::Data(bytes.data(), bytes.size()), &error);
+  if (!value) return require(error != nullptr);
+  require(height(*value) <= platform::PropertyListLimits::kMaximumDepth);
+  require(platform::isValidUTF8(platform::jsonText(*value)));
 }

@@ -1,10 +1,10 @@
+// The sender index from hostile bytes: whatever they hold, only files that can be a block's are
+// named, each once, and what was read is written and read back the same.
+
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 #include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/KeyedArchive.h"
-
-// The sender index from hostile bytes: whatever they hold, only files that can be a block's are
-// named, each once, and what was read is written and read back the same.
 
 namespace {
 
@@ -16,12 +16,12 @@ Map read(const platform::Data& bytes) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+void fuzz(std::string_view bytes) {
   Map map;
   try {
-    map = read(platform::Data(bytes, size));
+    map = read(platform::Data(bytes.data(), bytes.size()));
   } catch (const platform::Exception&) {
-    return 0;
+    return;
   }
   std::set<std::string> named;
   for (const auto& [key, blocks] : map) {
@@ -35,11 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   const Map again = read(SkeldaDataSenderIndex::archivedDataOf(map, true));
   require(again.size() == map.size());
   for (const auto& [key, blocks] : map) {
-    const auto& others = again.at(key);
-    require(others.size() == blocks.size());
-    for (std::size_t i = 0; i < blocks.size(); ++i) {
-      require(others[i]->encoded() == blocks[i]->encoded());
-    }
+    require(std::ranges::equal(again.at(key), blocks, [](const auto& one, const auto& other) {
+      return one->encoded() == other->encoded();
+    }));
   }
-  return 0;
 }

@@ -112,7 +112,7 @@ endfunction()
 # One libFuzzer program. Its kept inputs are in Fuzz/corpus/NAME.
 function(skelda_fuzz name source)
   cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
-  add_executable(${name} ${source})
+  add_executable(${name} ${source} ${PROJECT_SOURCE_DIR}/Fuzz/Fuzz.cpp)
   target_link_libraries(${name} PRIVATE skelda_flags ${arg_DEPENDS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_target_properties(${name} PROPERTIES
