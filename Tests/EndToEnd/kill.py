@@ -15,7 +15,7 @@ import account_file
 import frame_log
 from support import FRAMES_TOOL, Home, bundle_of, eventually, give_identifiers, play, told
 
-HOST = bundle_of("KillHost")
+HOST = bundle_of("IntakeHost")
 REFUSED, ACCEPTED = 1, 2
 
 
@@ -81,10 +81,11 @@ class Kills(contextlib.AbstractContextManager):
         if not good:
             self.problems.append(f"kill {self.kills}: {problem}")
 
-    def start(self, events, threads, rate, end):
+    def start(self, events, threads, rate, *then):
         first, self.next = self.next, self.next + events
-        return self.home.start(*map(str, (first, events, threads, rate)), end, self.told, bundle=HOST,
-                               environment=self.home.environment(SKELDA_TEST_KEEP=self.archive))
+        environment = self.home.environment(SKELDA_TEST_KEEP=self.archive, TOLD=self.told)
+        return self.home.start(f"numbered={first},{events},{threads},{rate}", *then, bundle=HOST,
+                               environment=environment)
 
     def once(self):
         """A start, and a kill at or after its last call or somewhere before."""
@@ -95,12 +96,12 @@ class Kills(contextlib.AbstractContextManager):
         self.kill(events, self.chance.choice([1, 4]), rate, end)
 
     def kill(self, events, threads, rate, end):
-        with self.start(events, threads, rate, "kill" if end == "kill" else "linger") as host:
+        with self.start(events, threads, rate, "kill" if end == "kill" else "stay") as host:
             if end == "kill":
                 host.wait(60)
             else:
                 if end == "linger":
-                    host.line_with("done")
+                    host.line_with("numbered=")
                 time.sleep(self.chance.uniform(0.0, 0.15))
                 self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output}")
         self.kills += 1
@@ -138,7 +139,7 @@ class Kills(contextlib.AbstractContextManager):
 
     def check(self):
         """A start that is killed once it has nothing left to do: all that calls had accepted is in frames then."""
-        with self.start(1, 1, 0, "stored") as host:
+        with self.start(1, 1, 0, "stored", "stay") as host:
             self.expect(host.line_with("stored: ", 120) == "stored: 1", f"the next start did not store all: {host.output}")
             # Its logs become blocks, and what nobody takes of those is removed: then all adds up.
             self.expect(eventually(self.quiet), "the next start comes to no rest in which all adds up: "
