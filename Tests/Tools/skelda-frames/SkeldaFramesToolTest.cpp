@@ -35,35 +35,25 @@ std::string withCrc(std::string bytes, std::uint32_t flaw = 0) {
   return bytes;
 }
 
-void writeAll(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    ASSERT_GT(written, 0);
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-}
-
 const std::string kCounter = frameBytes(1, 2, R"({"sk.frame.log.counter":1})");
 
 class SkeldaFramesTool : public ::testing::Test {
  protected:
-  /// Runs the tool to its end. `feed` writes to its standard input; without one that is empty.
-  Outcome run(const std::string& arguments, const std::function<void(int)>& feed = {},
-              const std::string& standardOutput = {}) {
-    const std::string out = standardOutput.empty() ? folder_ / "out" : standardOutput;
+  /// Runs a line of the shell to its end, in which the tool is `frames`.
+  Outcome run(const std::string& line) {
     // What a sanitizer holds back of freed memory is not the tool's.
-    FILE* input = ::popen(("ASAN_OPTIONS=quarantine_size_mb=1 exec '" SKELDA_FRAMES_PROGRAM "' " +
-                           arguments + " >'" + out + "' 2>'" + (folder_ / "error'"))
-                              .c_str(),
-                          "we");
-    if (feed) feed(::fileno(input));
-    const int status = ::pclose(input);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-            standardOutput.empty() ? readFile(out) : std::string(), readFile(folder_ / "error")};
+    writeFile(folder_ / "line", "cd '" + folder_.path() +
+                                    "' && exec </dev/null >out 2>error\n"
+                                    "export ASAN_OPTIONS=quarantine_size_mb=1\n"
+                                    "frames() { '" SKELDA_FRAMES_PROGRAM "' \"$@\"; }\n" +
+                                    line);
+    const int status = std::system(("bash '" + (folder_ / "line") + "'").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "out"),
+            readFile(folder_ / "error")};
   }
   Outcome runOn(const std::string& log, const std::string& options = {}) {
     writeFile(folder_ / "log", log);
-    return run(options + " " + (folder_ / "log"));
+    return run("frames log " + options);
   }
 
   TemporaryDirectory folder_;
@@ -129,7 +119,7 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
   for (const Case& tried : cases) {
     const auto checked = runOn(tried.log, "--verify");
     EXPECT_EQ(checked.exit, tried.exit) << tried.verdict;
-    EXPECT_TRUE(checked.out.starts_with((folder_ / "log") + ": " + tried.verdict)) << checked.out;
+    EXPECT_TRUE(checked.out.starts_with("log: " + tried.verdict)) << checked.out;
     EXPECT_EQ(checked.error, "");
   }
   // Without --verify the whole frames are shown, and the rest is a word on standard error.
@@ -156,45 +146,33 @@ TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
 }
 
 TEST_F(SkeldaFramesTool, SaysByItsExitStatusWhatWentWrong) {
-  EXPECT_EQ(run("--help").exit, 0);
-  EXPECT_EQ(run("--json --summary").exit, 2);
-  EXPECT_EQ(run("--no-such-option").exit, 2);
-  const auto absent = run(folder_ / "absent");
+  EXPECT_EQ(run("frames --help").exit, 0);
+  EXPECT_EQ(run("frames --json --summary").exit, 2);
+  EXPECT_EQ(run("frames --no-such-option").exit, 2);
+  const auto absent = run("frames absent");
   EXPECT_EQ(absent.exit, 3);
   EXPECT_NE(absent.error.find("absent: No such file or directory"), std::string::npos);
 
-  writeFile(folder_ / "log", kCounter);
-  const auto full = run(folder_ / "log", {}, "/dev/full");
+  // More than a pipe or a buffer holds.
+  writeFile(folder_ / "log", frameBytes(1, 2, std::string(std::size_t{1} << 20, 'x')));
+  const auto full = run("frames log >/dev/full");
   EXPECT_EQ(full.exit, 4);
   EXPECT_NE(full.error.find("No space left on device"), std::string::npos);
-
   // A reader that has gone, as `head` does, is no reason for words.
-  const std::string fifo = folder_ / "fifo";
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  const auto left = run(
-      "",
-      [&](int input) {
-        // The tool has opened the pipe for writing once it reads what no buffer holds.
-        writeAll(input, frameBytes(1, 2, std::string(std::size_t{1} << 20, 'x')));
-        ::close(reader);
-      },
-      fifo);
+  const auto left = run("frames <log | head -c 1; exit ${PIPESTATUS[0]}");
   EXPECT_EQ(left.exit, 4);
   EXPECT_EQ(left.error, "");
 }
 
 TEST_F(SkeldaFramesTool, ReadsAnyLengthInConstantMemory) {
-  constexpr int kFrames = 6000;
-  const auto counted = run("--summary", [](int input) {
-    // Frames of 64 KiB, then one that announces 4 GiB and never comes.
-    const std::string frame = frameBytes(1, 2, std::string(65536 - 24, ' '));
-    std::string endless = frameBytes(1, 134, "x");
-    endless.replace(20, 4, "\xC0\xFF\xFF\xFF");
-    for (int i = 0; i < kFrames; ++i) writeAll(input, frame);
-    writeAll(input, endless);
-    for (int i = 0; i < 1000; ++i) writeAll(input, frame);
-  });
+  // Frames of 64 KiB, then one that announces 4 GiB and never comes.
+  std::string endless = frameBytes(1, 134, "x");
+  endless.replace(20, 4, "\xC0\xFF\xFF\xFF");
+  writeFile(folder_ / "log", frameBytes(1, 2, std::string(65536 - 24, ' ')));
+  writeFile(folder_ / "endless", endless);
+  const auto counted =
+      run("logs() { yes log | head -n \"$1\" | xargs cat; }\n"
+          "{ logs 6000; cat endless; logs 1000; } | frames --summary");
   EXPECT_EQ(counted.exit, 0);
   EXPECT_TRUE(counted.out.starts_with("frames 6000\n")) << counted.out;
   EXPECT_NE(counted.error.find("-: offset 393216000: torn frame: 65536025 of 4294967256 bytes"),
