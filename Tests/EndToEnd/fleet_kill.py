@@ -75,6 +75,7 @@ class Load(Process):
 
     def __init__(self, folder, collectors, recorded, rate):
         self.ledger, self.rest, self.acknowledged = folder / "ledger", "", set()
+        self.lock = threading.Lock()
         self.ledger.touch()
         self.file = open(self.ledger, encoding="ascii")
         super().__init__([fleet.DEVICES, "load", "--to", "https://" + ",".join(f"localhost:{c.port}" for c in collectors),
@@ -82,9 +83,10 @@ class Load(Process):
                           "--seconds", "86400", "--authority", collectors[0].authority, "--ledger", self.ledger])
 
     def look(self):
-        *lines, self.rest = (self.rest + self.file.read()).split("\n")
-        self.acknowledged.update(line.split(" ", 1)[0] for line in lines)
-        return len(self.acknowledged)
+        with self.lock:
+            *lines, self.rest = (self.rest + self.file.read()).split("\n")
+            self.acknowledged.update(line.split(" ", 1)[0] for line in lines)
+            return len(self.acknowledged)
 
 
 def places_of_events(body):

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -19,27 +20,25 @@ constexpr std::int64_t kAsk = 2000;
 constexpr std::int64_t kLongestSilence = 5000;  // of a server that has more to say
 constexpr auto kLongestSearch = 20s;            // for the leader
 constexpr int kMostReadings = 32;               // each may be of any server
+constexpr std::uint64_t kAtOnce = 4096;         // of what is asked for and not taken yet
 constexpr auto kLongestReading = 5s;            // of servers beside it
-
-void must(natsStatus status, std::string_view what, jsErrCode code = {}) {
-  if (status == NATS_OK) return;
-  const char* last = nats_GetLastError(nullptr);
-  throw StreamTrouble(
-      fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
-                  code != 0 ? fmt::format(" ({})", int{code}) : "",
-                  last != nullptr && *last != '\0' ? fmt::format(": {}", last) : ""));
-}
 
 /// "nats://a:1,b:2" as the library takes them: what stands before the first holds for all.
 std::vector<std::string> serversIn(const std::string& text) {
   const std::size_t end = text.find("://");
-  const std::string scheme = end == std::string::npos ? "nats://" : text.substr(0, end + 3);
+  std::string before = end == std::string::npos ? "nats://" : text.substr(0, end + 3);
   std::vector<std::string> servers;
   for (std::size_t from = 0; from <= text.size();) {
     const std::size_t comma = std::min(text.find(',', from), text.size());
     std::string server = text.substr(from, comma - from);
-    if (server.find("://") == std::string::npos) server.insert(0, scheme);
-    if (server.ends_with("://")) throw std::runtime_error(text + ": a server without a name");
+    if (server.find("://") == std::string::npos) {
+      server.insert(0, server.find('@') == std::string::npos
+                           ? before
+                           : before.substr(0, before.find("://") + 3));
+    }
+    const std::size_t name = std::max(server.find("://") + 3, server.rfind('@') + 1);
+    if (name == server.size()) throw std::runtime_error(text + ": a server without a name");
+    before = server.substr(0, name);
     servers.push_back(std::move(server));
     from = comma + 1;
   }
@@ -63,27 +62,19 @@ std::string_view idOf(natsMsg* message) {
   return natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK && id != nullptr ? id : "";
 }
 
-/// Reads one server, if `begin`, asked with its name, returns what is to be told of it. Which
-/// server it is, the stream decides anew for each reading.
-void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_clock::time_point since,
-             const std::function<SeenMessage(const std::string& server)>& begin) {
-  natsInbox* inbox = nullptr;
-  must(natsInbox_Create(&inbox), "inbox");
-  const NatsHandle<natsInbox, natsInbox_Destroy> heldInbox(inbox);
-  natsSubscription* raw = nullptr;
-  must(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
-  const NatsHandle<natsSubscription, natsSubscription_Destroy> subscription(raw);
-  must(natsSubscription_SetPendingLimits(raw, -1, -1), "reading");
+using Subscription = NatsHandle<natsSubscription, natsSubscription_Destroy>;
+using ConsumerInfo = NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy>;
+using Inbox = NatsHandle<natsInbox, natsInbox_Destroy>;
 
+/// On one server, which gives out what it has itself. Which server that is, the stream decides.
+ConsumerInfo makeReader(jsCtx* stream, std::chrono::system_clock::time_point since) {
   jsConsumerConfig config;
   jsConsumerConfig_Init(&config);
-  config.DeliverSubject = inbox;
   config.DeliverPolicy = js_DeliverByStartTime;
   config.OptStartTime =
       std::max<std::int64_t>(1, std::chrono::nanoseconds(since.time_since_epoch()).count());
   config.AckPolicy = js_AckNone;
   config.HeadersOnly = true;
-  // On one server, which gives out what it has itself.
   config.Replicas = 1;
   config.MemoryStorage = true;
   config.InactiveThreshold = std::chrono::nanoseconds(10s).count();
@@ -92,26 +83,59 @@ void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_cloc
   options.Wait = kAsk;
   jsErrCode code{};
   jsConsumerInfo* made = nullptr;
-  must(js_AddConsumer(&made, stream, fleet::kStream, &config, &options, &code), "reading", code);
-  const NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy> info(made);
+  mustWork(js_AddConsumer(&made, stream, fleet::kStream, &config, &options, &code), "reading",
+           code);
+  return ConsumerInfo(made);
+}
 
-  const SeenMessage seen = begin(
-      info->Cluster != nullptr && info->Cluster->Leader != nullptr ? info->Cluster->Leader : "");
-  // Some may have been given out already when it says how many are to come.
-  std::uint64_t left = seen ? info->NumPending + info->Delivered.Consumer : 0;
-  while (left > 0) {
+/// Reads one server, if `begin`, asked with its name, returns what is to be told of it. What is
+/// under way when a connection breaks never comes: a gap is an error.
+void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_clock::time_point since,
+             const std::function<SeenMessage(const std::string& server)>& begin) {
+  natsInbox* inbox = nullptr;
+  mustWork(natsInbox_Create(&inbox), "inbox");
+  const Inbox heldInbox(inbox);
+  natsSubscription* raw = nullptr;
+  mustWork(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
+  const Subscription subscription(raw);
+  const auto reader = makeReader(stream, since);
+  const auto* cluster = reader->Cluster;
+  const SeenMessage seen =
+      begin(cluster != nullptr && cluster->Leader != nullptr ? cluster->Leader : "");
+
+  const std::string ask =
+      fmt::format("$JS.API.CONSUMER.MSG.NEXT.{}.{}", fleet::kStream, reader->Name);
+  std::uint64_t taken = 0, asked = 0;
+  for (std::uint64_t left = seen ? reader->NumPending : 0; left > 0;) {
+    if (taken == asked) {
+      const std::uint64_t some = std::min(left, kAtOnce);
+      mustWork(natsConnection_PublishRequestString(connection, ask.c_str(), inbox,
+                                                   std::to_string(some).c_str()),
+               "reading");
+      asked += some;
+    }
     natsMsg* next = nullptr;
-    must(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
+    mustWork(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
     const NatsMessage message(next);
     jsMsgMetaData* data = nullptr;
-    if (natsMsg_GetMetaData(&data, next) != NATS_OK) continue;
+    mustWork(natsMsg_GetMetaData(&data, next), "reading");
+    const NatsHandle<jsMsgMetaData, jsMsgMetaData_Destroy> held(data);
+    if (data->Sequence.Consumer != ++taken) throw StreamTrouble("reading: a gap");
     left = seen(idOf(next), data->Sequence.Stream) ? std::min(left - 1, data->NumPending) : 0;
-    jsMsgMetaData_Destroy(data);
   }
-  js_DeleteConsumer(stream, fleet::kStream, info->Name, &options, nullptr);
+  js_DeleteConsumer(stream, fleet::kStream, reader->Name, nullptr, nullptr);
 }
 
 }  // namespace
+
+void mustWork(natsStatus status, std::string_view what, jsErrCode code) {
+  if (status == NATS_OK) return;
+  const char* last = nats_GetLastError(nullptr);
+  throw StreamTrouble(
+      fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
+                  code != 0 ? fmt::format(" ({})", int{code}) : "",
+                  last != nullptr && *last != '\0' ? fmt::format(": {}", last) : ""));
+}
 
 void StreamAccess::describe(CLI::App& app) {
   const auto file = [&](const char* name, std::string& value, const char* what) {
@@ -128,30 +152,32 @@ void StreamAccess::describe(CLI::App& app) {
 
 NatsOptions StreamAccess::options(const char* name) const {
   natsOptions* made = nullptr;
-  must(natsOptions_Create(&made), "options");
+  mustWork(natsOptions_Create(&made), "options");
   NatsOptions held(made);
   const auto all = serversIn(servers);
   std::vector<const char*> names;
   for (const auto& server : all) names.push_back(server.c_str());
-  must(natsOptions_SetServers(made, names.data(), static_cast<int>(names.size())), servers);
-  must(natsOptions_SetName(made, name), "name");
-  must(natsOptions_SetTimeout(made, kAsk), "time-out");
-  must(natsOptions_SetMaxReconnect(made, -1), "reconnect");
+  mustWork(natsOptions_SetServers(made, names.data(), static_cast<int>(names.size())), servers);
+  mustWork(natsOptions_SetName(made, name), "name");
+  mustWork(natsOptions_SetTimeout(made, kAsk), "time-out");
+  mustWork(natsOptions_SetMaxReconnect(made, -1), "reconnect");
   if (!authority.empty() || servers.starts_with("tls://")) {
-    must(natsOptions_SetSecure(made, true), "encryption");
+    mustWork(natsOptions_SetSecure(made, true), "encryption");
   }
   if (!authority.empty()) {
-    must(natsOptions_LoadCATrustedCertificates(made, authority.c_str()), authority);
+    mustWork(natsOptions_LoadCATrustedCertificates(made, authority.c_str()), authority);
   }
   if (!certificate.empty()) {
-    must(natsOptions_LoadCertificatesChain(made, certificate.c_str(), key.c_str()), certificate);
+    mustWork(natsOptions_LoadCertificatesChain(made, certificate.c_str(), key.c_str()),
+             certificate);
   }
   if (!userFile.empty()) {
     const auto [user, password] = userIn(userFile);
-    must(natsOptions_SetUserInfo(made, user.c_str(), password.c_str()), userFile);
+    mustWork(natsOptions_SetUserInfo(made, user.c_str(), password.c_str()), userFile);
   }
   if (!credentials.empty()) {
-    must(natsOptions_SetUserCredentialsFromFiles(made, credentials.c_str(), nullptr), credentials);
+    mustWork(natsOptions_SetUserCredentialsFromFiles(made, credentials.c_str(), nullptr),
+             credentials);
   }
   return held;
 }

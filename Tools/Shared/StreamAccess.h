@@ -32,9 +32,13 @@ struct StreamTrouble : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Throws StreamTrouble but for NATS_OK: what was tried, and what the library says of it.
+void mustWork(natsStatus status, std::string_view what, jsErrCode code = {});
+
 /// How the servers of the stream are reached, and as whom.
 struct StreamAccess {
-  std::string servers;      // nats://[user:password@]host:port[,host:port...]; tls://: encrypted
+  // nats://[user:password@]host:port[,host:port...]; tls://: encrypted. User: of all of them.
+  std::string servers;
   std::string authority;    // PEM file of who vouches for the servers: then it is encrypted as well
   std::string certificate;  // PEM files of who this is, where the servers ask for it
   std::string key;
@@ -54,10 +58,10 @@ using SeenMessage = std::function<bool(std::string_view id, std::uint64_t sequen
 /// told of its messages.
 using SeenServer = std::function<SeenMessage(bool leads)>;
 /// Reads which messages the server has that leads the stream, from whom everybody reads: all from
-/// `since` on. With `ofAll` also those of each other server that is there, as far as these can be
-/// read in five seconds. Throws StreamTrouble where the leader's were not all read in some twenty
-/// seconds, or another server leads meanwhile; and what `seen` throws. Must not be called by the
-/// library's own threads.
+/// `since` on. With `ofAll` also those of each other server that is there, where these are found in
+/// five seconds. Throws StreamTrouble where the leader is not found in twenty seconds or not read
+/// without a gap, or another server leads meanwhile; and what `seen` throws. Must not be called by
+/// the library's own threads.
 void readServers(natsConnection* connection, jsCtx* stream,
                  std::chrono::system_clock::time_point since, bool ofAll, const SeenServer& seen);
 

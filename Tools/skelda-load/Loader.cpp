@@ -16,6 +16,7 @@ namespace {
 
 constexpr auto kBetweenLooks = 2s;
 constexpr auto kBetweenComparisons = 5s;  // while there is trouble
+constexpr int kRest = 5;                  // as long as a comparison took
 constexpr auto kTroubleLasts = 30s;       // what it left behind may show later
 constexpr std::size_t kDigestsAtOnce = 1000;
 constexpr std::size_t kLogsAtOnce = 64;
@@ -37,6 +38,11 @@ Loader::Loader(LogStream& stream, Database& database, Pause pause, Tell tell, Se
       tell_(std::move(tell)),
       before_(before) {}
 
+bool Loader::pause(platform::RetryDelay::Duration length) {
+  isEnding_ = isEnding_ || !pause_(length);
+  return !isEnding_;
+}
+
 template <class Attempt>
 bool Loader::retrying(Attempt attempt) {
   platform::RetryDelay delay(200ms, 10s);
@@ -53,14 +59,14 @@ bool Loader::retrying(Attempt attempt) {
       if (!delay.isRunning()) tell_(fmt::format("database: {}", why.what()));
     }
     ++figures_.retries;
-    if (!pause_(delay.next())) return false;
+    if (!pause(delay.next())) return false;
   }
 }
 
 void Loader::run(bool untilEmpty) {
   // Before there is anything to write: who starts it sees at once whether it can be written.
   if (!retrying([&] { database_.connect(); })) return;
-  while (pause_(0s)) {
+  while (pause(0s)) {
     Messages messages;
     bool isEmpty = false;
     const bool taken = retrying([&] {
@@ -90,9 +96,12 @@ void Loader::lookForTrouble() {
   nextLook_ = now + kBetweenLooks;
   if (!stream_.isAsItWas()) noteTrouble();
   if (!isTroubled_ || now < nextComparison_) return;
-  nextComparison_ = now + kBetweenComparisons;
   const bool isLast = now > lastTrouble_ + kTroubleLasts;
-  if (compare(troubledSince_ - before_).missed > 0 || shortAt_) return noteTrouble();
+  const auto difference = compare(troubledSince_ - before_);
+  // Most of the time is for what comes.
+  const auto ended = Clock::now();
+  nextComparison_ = ended + std::max<Clock::duration>(kBetweenComparisons, kRest * (ended - now));
+  if (difference.missed > 0 || shortAt_) return noteTrouble();
   if (isLast) isTroubled_ = false;
 }
 
@@ -125,7 +134,7 @@ Loader::Difference Loader::compare(Wall::time_point since) {
     digests.emplace_back(id.substr(0, kDigestLength));
     places.push_back(place);
     if (digests.size() == kDigestsAtOnce) ask();
-    return true;
+    return pause(0s);
   });
   ask();
   const auto place = stream_.place();
@@ -133,15 +142,15 @@ Loader::Difference Loader::compare(Wall::time_point since) {
   if (!isConsumerShort(place, std::max(unknown, missing.empty() ? 0 : *missing.rbegin()))) {
     difference.coming += std::erase_if(missing, [&](auto each) { return each > place.done; });
   }
-  difference.missed = missing.size();
-  const std::uint64_t before = figures_.logs;
-  for (auto from = missing.cbegin(); from != missing.cend();) {
+  for (auto from = missing.cbegin(); from != missing.cend() && pause(0s);) {
     std::vector<std::uint64_t> some;
     while (from != missing.cend() && some.size() < kLogsAtOnce) some.push_back(*from++);
     const auto messages = stream_.at(some);
+    const std::uint64_t before = figures_.logs;
     if (!messages.empty()) load(messages);
+    difference.missed += figures_.logs - before;
+    figures_.passedOver += figures_.logs - before;
   }
-  figures_.passedOver += figures_.logs - before;
   return difference;
 }
 

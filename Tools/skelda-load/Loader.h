@@ -32,7 +32,6 @@ class Loader {
     std::uint64_t passedOver = 0;  // of the new ones, those that the consumer was never given
     std::uint64_t retries = 0;     // batches and pulls that had to be tried again
   };
-  /// How far before a trouble the stream is compared.
   using Seconds = std::chrono::seconds;
   /// Waits so long; false when it is time to end.
   using Pause = std::function<bool(platform::RetryDelay::Duration)>;
@@ -50,13 +49,15 @@ class Loader {
   using Clock = std::chrono::steady_clock;
   using Wall = std::chrono::system_clock;
 
+  /// Waits so long; false when it is time to end, and from then on.
+  bool pause(platform::RetryDelay::Duration length);
   /// Calls `attempt` until it does not throw; false when it is time to end.
   template <class Attempt>
   bool retrying(Attempt attempt);
   void noteTrouble();
   void lookForTrouble();
   struct Difference {
-    std::size_t missed = 0;  // that the consumer does not give out: they are loaded now
+    std::size_t missed = 0;  // that the consumer did not give out, and that were loaded
     std::size_t coming = 0;  // that it has still to give out
   };
   /// Of what the stream's leader has, what the database has not.
@@ -74,14 +75,15 @@ class Loader {
   Database& database_;
   Pause pause_;
   Tell tell_;
-  const Seconds before_;
+  const Seconds before_;  // a trouble, the stream is compared from
   Figures figures_;
   bool isTroubled_ = true;  // what was before this process, nobody knows
   Wall::time_point troubledSince_ = Wall::now();
   Clock::time_point lastTrouble_ = Clock::now();
   Clock::time_point nextLook_, nextComparison_;
-  std::optional<std::uint64_t>
-      shortAt_;  // where the consumer ended at the last comparison, if early
+  // Where the consumer ended at the last comparison, if early.
+  std::optional<std::uint64_t> shortAt_;
+  bool isEnding_ = false;
 };
 
 }  // namespace skelda::tools

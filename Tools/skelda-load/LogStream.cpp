@@ -16,19 +16,7 @@ constexpr std::int64_t kNanosecondsASecond = 1'000'000'000;
 /// Given out and not acknowledged, to all who share the consumer: a few batches each.
 constexpr std::int64_t kMostOutstanding = 16384;
 constexpr std::string_view kTaken = "+ACK";
-
-[[noreturn]] void fail(const char* what, natsStatus status, jsErrCode code = {}) {
-  const char* last = nats_GetLastError(nullptr);
-  const std::string_view more = last != nullptr ? last : "";
-  throw LogStream::Unavailable(
-      fmt::format("{}: {}{}{}", what, natsStatus_GetText(status),
-                  code != 0 ? fmt::format(" ({})", static_cast<int>(code)) : "",
-                  more.empty() ? "" : fmt::format(": {}", more)));
-}
-
-void check(const char* what, natsStatus status, jsErrCode code = {}) {
-  if (status != NATS_OK) fail(what, status, code);
-}
+constexpr const char* kName = "skelda-load";
 
 }  // namespace
 
@@ -56,7 +44,9 @@ std::uint64_t StreamedMessage::behind() const {
   return behind;
 }
 
-LogStream::LogStream(Options options) : options_(std::move(options)) {}
+LogStream::LogStream(Options options) : options_(std::move(options)) {
+  static_cast<void>(options_.access.options(kName));
+}
 
 void LogStream::disconnect() {
   consumer_.reset();
@@ -67,24 +57,19 @@ void LogStream::disconnect() {
 void LogStream::connect() {
   if (consumer_) return;
   disconnect();
-  NatsOptions options;
-  try {
-    options = options_.access.options("skelda-load");
-  } catch (const std::runtime_error& why) {
-    throw Unavailable(why.what());
-  }
+  const NatsOptions options = options_.access.options(kName);
   natsOptions* const raw = options.get();
   // A server that has gone without a word is noticed in ten seconds, and then another is tried.
-  check("pings", natsOptions_SetPingInterval(raw, 5000));
-  check("pings", natsOptions_SetMaxPingsOut(raw, 2));
-  check("reconnecting", natsOptions_SetReconnectWait(raw, 250));
+  mustWork(natsOptions_SetPingInterval(raw, 5000), "pings");
+  mustWork(natsOptions_SetMaxPingsOut(raw, 2), "pings");
+  mustWork(natsOptions_SetReconnectWait(raw, 250), "reconnecting");
   natsConnection* connection = nullptr;
-  check("connecting", natsConnection_Connect(&connection, raw));
+  mustWork(natsConnection_Connect(&connection, raw), "connecting");
   connection_.reset(connection);
   jsOptions defaults;
-  check("options", jsOptions_Init(&defaults));
+  mustWork(jsOptions_Init(&defaults), "options");
   jsCtx* stream = nullptr;
-  check("connecting", natsConnection_JetStream(&stream, connection, &defaults));
+  mustWork(natsConnection_JetStream(&stream, connection, &defaults), "connecting");
   stream_.reset(stream);
   makeConsumer();
   hasDamagedStream_ = false;
@@ -98,7 +83,7 @@ void LogStream::makeConsumer() {
   jsConsumerInfo_Destroy(info);
   if (status == NATS_NOT_FOUND && code != JSStreamNotFoundErr) {
     jsConsumerConfig config;
-    check("consumer", jsConsumerConfig_Init(&config));
+    mustWork(jsConsumerConfig_Init(&config), "consumer");
     config.Durable = options_.durable.c_str();
     config.DeliverPolicy = js_DeliverAll;
     config.AckPolicy = js_AckExplicit;
@@ -107,22 +92,21 @@ void LogStream::makeConsumer() {
     config.MaxAckPending = kMostOutstanding;
     status = js_AddConsumer(nullptr, stream_.get(), fleet::kStream, &config, nullptr, &code);
   }
-  check("consumer", status, code);
+  mustWork(status, "consumer", code);
   jsSubOptions subscription;
-  check("consumer", jsSubOptions_Init(&subscription));
+  mustWork(jsSubOptions_Init(&subscription), "consumer");
   subscription.Stream = fleet::kStream;
   subscription.Consumer = options_.durable.c_str();
   natsSubscription* consumer = nullptr;
-  check("consumer",
-        js_PullSubscribe(&consumer, stream_.get(), nullptr, options_.durable.c_str(), nullptr,
-                         &subscription, &code),
-        code);
+  mustWork(js_PullSubscribe(&consumer, stream_.get(), nullptr, options_.durable.c_str(), nullptr,
+                            &subscription, &code),
+           "consumer", code);
   consumer_.reset(consumer);
 }
 
 std::vector<StreamedMessage> LogStream::fetch(bool waits) {
   jsFetchRequest request;
-  check("fetching", jsFetchRequest_Init(&request));
+  mustWork(jsFetchRequest_Init(&request), "fetching");
   request.Batch = waits ? 1 : options_.logs;
   // A log that is larger than all that may be asked for would never come.
   request.MaxBytes = std::max(options_.bytes, 2 * natsConnection_GetMaxPayload(connection_.get()));
@@ -136,7 +120,7 @@ std::vector<StreamedMessage> LogStream::fetch(bool waits) {
   }
   natsMsgList_Destroy(&list);
   if (status != NATS_OK && status != NATS_TIMEOUT && status != NATS_NOT_FOUND && messages.empty()) {
-    fail("fetching", status);
+    mustWork(status, "fetching");
   }
   return messages;
 }
@@ -164,10 +148,11 @@ void LogStream::makeDamagedStream() {
   jsStreamInfo* info = nullptr;
   natsStatus status = js_GetStreamInfo(&info, stream_.get(), fleet::kDamagedStream, nullptr, &code);
   if (status == NATS_NOT_FOUND) {
-    check("stream", js_GetStreamInfo(&info, stream_.get(), fleet::kStream, nullptr, &code), code);
+    mustWork(js_GetStreamInfo(&info, stream_.get(), fleet::kStream, nullptr, &code), "stream",
+             code);
     const char* subjects[] = {fleet::kDamagedSubjects};
     jsStreamConfig config;
-    check("stream", jsStreamConfig_Init(&config));
+    mustWork(jsStreamConfig_Init(&config), "stream");
     config.Name = fleet::kDamagedStream;
     config.Subjects = subjects;
     config.SubjectsLen = 1;
@@ -178,7 +163,7 @@ void LogStream::makeDamagedStream() {
     status = js_AddStream(nullptr, stream_.get(), &config, nullptr, &code);
   }
   jsStreamInfo_Destroy(info);
-  check("stream of damaged logs", status, code);
+  mustWork(status, "stream of damaged logs", code);
   hasDamagedStream_ = true;
 }
 
@@ -187,21 +172,21 @@ void LogStream::keepDamaged(const StreamedMessage& message, const std::string& f
   makeDamagedStream();
   const StreamedLog log = message.log();
   natsMsg* raw = nullptr;
-  check("damaged log",
-        natsMsg_Create(&raw, (fleet::kDamagedPrefix + std::string(log.apiKey)).c_str(), nullptr,
-                       log.body.data(), static_cast<int>(log.body.size())));
+  mustWork(natsMsg_Create(&raw, (fleet::kDamagedPrefix + std::string(log.apiKey)).c_str(), nullptr,
+                          log.body.data(), static_cast<int>(log.body.size())),
+           "damaged log");
   const StreamedMessage copy(raw);
   // Not those of the stream itself, but for the id: they would say where this message must go.
   for (const char* name :
        {fleet::kIdHeader, fleet::kReceivedHeader, fleet::kLengthHeader, fleet::kFramesHeader}) {
     const char* value = nullptr;
     if (natsMsgHeader_Get(message.get(), name, &value) == NATS_OK && value != nullptr) {
-      check("damaged log", natsMsgHeader_Set(raw, name, value));
+      mustWork(natsMsgHeader_Set(raw, name, value), "damaged log");
     }
   }
-  check("damaged log", natsMsgHeader_Set(raw, fleet::kFaultHeader, fault.c_str()));
+  mustWork(natsMsgHeader_Set(raw, fleet::kFaultHeader, fault.c_str()), "damaged log");
   jsErrCode code{};
-  check("damaged log", js_PublishMsg(nullptr, stream_.get(), raw, nullptr, &code), code);
+  mustWork(js_PublishMsg(nullptr, stream_.get(), raw, nullptr, &code), "damaged log", code);
 }
 
 bool LogStream::isAsItWas() {
@@ -209,7 +194,7 @@ bool LogStream::isAsItWas() {
   natsStatus status{};
   jsErrCode code{};
   const StreamInfo info = streamInfo(stream_.get(), &status, &code);
-  check("stream", status, code);
+  mustWork(status, "stream", code);
   const bool isFirst = leader_.empty() && last_ == 0;
   const std::string leader(leaderOf(*info));
   const bool isSame = leader == leader_ && info->State.LastSeq >= last_;
@@ -225,11 +210,7 @@ bool LogStream::isAsItWas() {
 
 void LogStream::each(std::chrono::system_clock::time_point since, const SeenMessage& seen) {
   connect();
-  try {
-    readServers(connection_.get(), stream_.get(), since, false, [&seen](bool) { return seen; });
-  } catch (const StreamTrouble& why) {
-    throw Unavailable(why.what());
-  }
+  readServers(connection_.get(), stream_.get(), since, false, [&seen](bool) { return seen; });
 }
 
 std::vector<StreamedMessage> LogStream::at(const std::vector<std::uint64_t>& places) {
@@ -241,7 +222,7 @@ std::vector<StreamedMessage> LogStream::at(const std::vector<std::uint64_t>& pla
     const natsStatus status =
         js_GetMsg(&message, stream_.get(), fleet::kStream, place, nullptr, &code);
     if (status == NATS_NOT_FOUND) continue;
-    check("message", status, code);
+    mustWork(status, "message", code);
     messages.emplace_back(message);
   }
   return messages;
@@ -251,10 +232,9 @@ LogStream::Place LogStream::place() {
   connect();
   jsErrCode code{};
   jsConsumerInfo* info = nullptr;
-  check("consumer",
-        js_GetConsumerInfo(&info, stream_.get(), fleet::kStream, options_.durable.c_str(), nullptr,
-                           &code),
-        code);
+  mustWork(js_GetConsumerInfo(&info, stream_.get(), fleet::kStream, options_.durable.c_str(),
+                              nullptr, &code),
+           "consumer", code);
   const Place place{info->NumPending == 0 && info->NumAckPending == 0, info->AckFloor.Stream};
   jsConsumerInfo_Destroy(info);
   return place;
@@ -265,9 +245,14 @@ void LogStream::moveConsumer() {
   const std::string subject =
       fmt::format("$JS.API.CONSUMER.LEADER.STEPDOWN.{}.{}", fleet::kStream, options_.durable);
   natsMsg* answer = nullptr;
-  check("moving the consumer",
-        natsConnection_Request(&answer, connection_.get(), subject.c_str(), nullptr, 0, 2000));
-  natsMsg_Destroy(answer);
+  mustWork(natsConnection_Request(&answer, connection_.get(), subject.c_str(), nullptr, 0, 2000),
+           "moving the consumer");
+  const NatsMessage held(answer);
+  const std::string_view said(natsMsg_GetData(answer),
+                              static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
+  if (said.find("\"error\"") != std::string_view::npos) {
+    throw Unavailable(fmt::format("moving the consumer: {}", said));
+  }
 }
 
 }  // namespace skelda::tools

@@ -44,10 +44,9 @@ class LogStream {
     std::chrono::milliseconds ackWait{30'000};   // what was taken and not acknowledged comes again
   };
   /// The stream could not be reached, or could not do it now: the same may succeed later.
-  struct Unavailable : std::runtime_error {
-    using std::runtime_error::runtime_error;
-  };
+  using Unavailable = StreamTrouble;
 
+  /// Throws std::runtime_error for what nothing can be reached with.
   explicit LogStream(Options options);
 
   /// What there is, or, where there is nothing, what comes within a second. Throws Unavailable.

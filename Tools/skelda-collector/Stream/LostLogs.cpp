@@ -17,6 +17,7 @@ namespace {
 
 constexpr auto kCalm = 60s;          // between comparisons
 constexpr auto kAfterTrouble = 3s;   // the same, while a trouble is recent
+constexpr int kRest = 3;             // as long as a comparison took: the servers have other work
 constexpr auto kTroubleLasts = 30s;  // and what it left behind may show
 constexpr auto kClocks = 120s;       // by which those of servers and collectors may differ
 constexpr auto kOverlap = 10s;       // of comparisons without a trouble
@@ -61,24 +62,26 @@ void LostLogs::trouble() {
 }
 
 void LostLogs::run() {
-  auto last = Clock::now();
+  auto began = Clock::now(), ended = began;
   MutexLock lock(mutex_);
   while (!isStopping_) {
-    const bool isTroubled = last < troubledUntil_;
-    const auto next = last + (isTroubled ? Clock::duration(kAfterTrouble) : kCalm);
+    const bool isTroubled = began < troubledUntil_;
+    const auto rest = isTroubled ? Clock::duration(kAfterTrouble) : kCalm;
+    const auto next = ended + std::max(rest, kRest * (ended - began));
     const auto now = Clock::now();
     if (now < next || !isReady_()) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - now);
       changed_.waitFor(lock, std::clamp<std::chrono::milliseconds>(left, 200ms, kCalm));
       continue;
     }
-    last = now;
+    began = now;
     lock.unlock();
     try {
       compare(isTroubled);
     } catch (const std::exception&) {
       // The stream went away meanwhile: it is looked for again.
     }
+    ended = Clock::now();
     lock.lock();
   }
 }
@@ -100,69 +103,80 @@ LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
 }
 
 void LostLogs::compare(bool isTroubled) {
+  giveUpPlaces();
   const auto now = std::chrono::system_clock::now();
   auto copies = copies_.all();
   const auto from = isTroubled ? now - options_.longest : lastBegan_ - kOverlap;
   std::erase_if(copies, [&](const auto& copy) { return copy.at < from; });
   const Views views = copies.empty() ? Views{} : read(copies.front().at - kClocks, isTroubled);
   lastBegan_ = now;
-  ++comparisons_;
   const auto& there = views.leader.places;
-  std::erase_if(denied_, [&](const auto& entry) { return there.contains(entry.first); });
-  auto lost = giveUpDisputed(views, copies);
-  const std::size_t disputed = lost.size();
+  std::erase_if(toGiveUp_, [&](auto place) { return !views.leader.ids.contains(place); });
+  std::erase_if(denied_, [&](const auto& entry) {
+    return there.contains(entry.first) && !disputed_.contains(entry.first);
+  });
+  const Copies disputed = findDisputed(views.leader, views.others, copies);
+  Copies lost;
   std::ranges::copy_if(copies, std::back_inserter(lost),
                        [&](const auto& copy) { return !there.contains(copy.id); });
-  if (lost.empty()) return;
-  lost_ += lost.size() - disputed;
-  std::printf(
-      "stream: of acknowledged logs %zu are no longer there and %zu not on all servers; they are "
-      "published again\n",
-      lost.size() - disputed, disputed);
-  std::fflush(stdout);
-  publishAgain(lost);
-  trouble();  // it is looked whether they stay
+  if (!lost.empty() || !disputed.empty()) {
+    std::printf(
+        "stream: of acknowledged logs %zu are no longer there and %zu not on all servers; they are "
+        "published again\n",
+        lost.size(), disputed.size());
+    std::fflush(stdout);
+    lost_ += lost.size();
+    publishAgain(lost);
+    for (const auto& id : publishAgain(disputed)) toGiveUp_.insert(there.at(id));
+    giveUpPlaces();
+  }
+  // It is looked whether they stay, and whether those that differ still do.
+  if (!lost.empty() || !disputed_.empty()) trouble();
+  ++comparisons_;
 }
 
-/// The logs whose places were given up. One comparison alone proves nothing: the servers were not
-/// read at the same time.
-LostLogs::Copies LostLogs::giveUpDisputed(const Views& views, const Copies& copies) {
-  Copies given;
-  std::unordered_set<std::string> disputed;
+/// The logs that are to have another place. One comparison alone proves nothing: the servers were
+/// not read at the same time.
+LostLogs::Copies LostLogs::findDisputed(const View& leader, const std::vector<View>& others,
+                                        const Copies& copies) {
+  Copies found;
+  Ids disputed;
   for (const auto& copy : copies) {
-    const auto found = views.leader.places.find(copy.id);
-    if (found == views.leader.places.end()) continue;
-    const std::uint64_t place = found->second;
-    const auto differs = [&](const View& view) {
+    const auto at = leader.places.find(copy.id);
+    if (at == leader.places.end() || toGiveUp_.contains(at->second)) continue;
+    const auto differs = [&copy, place = at->second](const View& view) {
       const auto other = view.ids.find(place);
       // What lies behind its end may still be on its way.
       return view.last > place && (other == view.ids.end() || other->second != copy.id);
     };
-    if (std::ranges::none_of(views.others, differs)) continue;
-    if (!disputed_.contains(copy.id)) {
-      disputed.insert(copy.id);
-      continue;
-    }
-    // What cannot be published again stays where it is, on whichever servers.
-    if (copy.read().empty()) continue;
-    if (js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) == NATS_OK) {
-      ++disputes_;
-      denied_.try_emplace(copy.id, 1);  // the servers know its id
-      given.push_back(copy);
-    }
+    if (std::ranges::none_of(others, differs)) continue;
+    disputed.insert(copy.id);
+    if (!disputed_.contains(copy.id)) continue;
+    denied_.try_emplace(copy.id, 1);  // the servers know its id
+    found.push_back(copy);
   }
-  if (!disputed.empty()) trouble();
   disputed_ = std::move(disputed);
-  return given;
+  return found;
 }
 
-void LostLogs::publishAgain(const Copies& lost) {
+/// Only once the log is in the stream a second time: what cannot be published again stays.
+void LostLogs::giveUpPlaces() {
+  disputes_ += std::erase_if(toGiveUp_, [this](std::uint64_t place) {
+    const auto status =
+        js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr);
+    return status == NATS_OK || status == NATS_NOT_FOUND;
+  });
+}
+
+/// The ids of those that the stream has now.
+LostLogs::Ids LostLogs::publishAgain(const Copies& lost) {
   struct Round {
     skelda::platform::Mutex mutex;
     skelda::platform::Condition changed;
     std::size_t left GUARDED_BY(mutex) = 0;
-    std::vector<std::string> denied GUARDED_BY(mutex);
+    std::vector<std::string> denied GUARDED_BY(mutex), kept GUARDED_BY(mutex);
   };
+  Ids kept;
   for (std::size_t first = 0; first < lost.size() && isReady_(); first += kAtOnce) {
     const auto round = std::make_shared<Round>();
     const std::size_t count = std::min(kAtOnce, lost.size() - first);
@@ -178,12 +192,13 @@ void LostLogs::publishAgain(const Copies& lost) {
           denied == denied_.end() ? id : fmt::format("{}.{}", id, denied->second);
       const std::string record = lost[i].read();
       if (record.empty()) {
-        std::printf("stream: log %s is lost: its copy cannot be read\n", id.c_str());
+        std::printf("stream: the copy of log %s cannot be read\n", id.c_str());
         std::fflush(stdout);
       }
       publish_(record, name, [this, round, id](LogSink::Outcome outcome, const auto&) {
         const MutexLock lock(round->mutex);
         if (outcome == LogSink::Outcome::repeat) round->denied.push_back(id);
+        if (outcome == LogSink::Outcome::kept) round->kept.push_back(id);
         again_ += outcome == LogSink::Outcome::kept ? 1 : 0;
         if (--round->left == 0) round->changed.notifyAll();
       });
@@ -192,7 +207,9 @@ void LostLogs::publishAgain(const Copies& lost) {
     const auto until = Clock::now() + 10s;  // what has no answer by then is lost at the next look
     while (round->left > 0 && Clock::now() < until) round->changed.waitFor(lock, 200ms);
     for (const auto& id : round->denied) ++denied_[id];
+    kept.insert(round->kept.begin(), round->kept.end());
   }
+  return kept;
 }
 
 std::string LostLogs::figures() const {

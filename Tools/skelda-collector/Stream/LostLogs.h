@@ -19,8 +19,8 @@
 /// Compares the copies with what the stream's leader gives out: all of them, again and again, after
 /// a trouble; the latest, each minute, without one. After a trouble it also compares what the
 /// servers have at the same place: where one of them has another log than the leader, and would
-/// give out that one when it leads, the place is given up and the leader's log published again. One
-/// thread of its own.
+/// give out that one when it leads, the leader's log is published again, and its first place given
+/// up then. One thread of its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -57,12 +57,14 @@ class LostLogs {
     std::vector<View> others;
   };
   using Copies = std::vector<SpareCopies::Copy>;
+  using Ids = std::unordered_set<std::string>;
 
   void run();
   void compare(bool isTroubled);
   Views read(SpareCopies::Time since, bool ofAll) const;
-  Copies giveUpDisputed(const Views& views, const Copies& copies);
-  void publishAgain(const Copies& lost);
+  Copies findDisputed(const View& leader, const std::vector<View>& others, const Copies& copies);
+  Ids publishAgain(const Copies& lost);
+  void giveUpPlaces();
 
   const SpareCopies::Options options_;
   SpareCopies copies_;
@@ -72,7 +74,9 @@ class LostLogs {
   const Publish publish_;
   /// What the leader calls a repeat though it does not have it: how often. The thread's own.
   std::unordered_map<std::string, int> denied_;
-  std::unordered_set<std::string> disputed_;  // at the last comparison, the same
+  Ids disputed_;  // at the last comparison, the same
+  /// The same: places of logs that have another one now.
+  std::unordered_set<std::uint64_t> toGiveUp_;
   SpareCopies::Time lastBegan_{};
   std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, disputes_ = 0, again_ = 0;
 

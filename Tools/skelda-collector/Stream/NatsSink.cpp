@@ -21,6 +21,7 @@ namespace fleet = skelda::tools::fleet;
 namespace {
 
 using skelda::platform::MutexLock;
+using skelda::tools::mustWork;
 
 constexpr std::chrono::milliseconds kBetweenLooks{2000};
 constexpr std::chrono::milliseconds kBetweenTries{250};  // while it is not ready
@@ -33,11 +34,6 @@ const std::string kStepDown = std::string("$JS.API.STREAM.LEADER.STEPDOWN.") + f
 constexpr std::chrono::nanoseconds kRepeatWindow = std::chrono::minutes(10);
 constexpr std::chrono::nanoseconds kLongestSilence = std::chrono::seconds(4);  // beats: each second
 constexpr std::size_t kHeadersRoom = 4096;  // beside the body, in what a server takes at once
-
-void must(natsStatus status, const char* what) {
-  if (status == NATS_OK) return;
-  throw std::runtime_error(fmt::format("{}: {}", what, natsStatus_GetText(status)));
-}
 
 /// The names of the servers beside the stream's leader that the leader has lately heard of.
 std::set<std::string> othersThere(const jsStreamInfo& info) {
@@ -59,7 +55,7 @@ NatsSink::NatsSink(Options options)
   js.PublishAsync.MaxPending = static_cast<std::int64_t>(2 * options_.maxPending);
   js.PublishAsync.AckHandler = onAnswer;
   js.PublishAsync.AckHandlerClosure = this;
-  must(natsConnection_JetStream(&stream_, connection_, &js), "stream");
+  mustWork(natsConnection_JetStream(&stream_, connection_, &js), "stream");
   lost_ = std::make_unique<LostLogs>(
       options_.copies, connection_, stream_, [this] { return isReady_.load(); },
       [this](const std::string& record, const std::string& id, Done done) {
@@ -72,35 +68,35 @@ NatsSink::NatsSink(Options options)
 void NatsSink::connect() {
   const auto held = options_.access.options("skelda-collector");
   natsOptions* const made = held.get();
-  must(natsOptions_SetReconnectWait(made, 100), "reconnect");
-  must(natsOptions_SetPingInterval(made, 2000), "ping");
-  must(natsOptions_SetMaxPingsOut(made, 2), "ping");
-  must(natsOptions_SetWriteDeadline(made, 2000), "time-out");
+  mustWork(natsOptions_SetReconnectWait(made, 100), "reconnect");
+  mustWork(natsOptions_SetPingInterval(made, 2000), "ping");
+  mustWork(natsOptions_SetMaxPingsOut(made, 2), "ping");
+  mustWork(natsOptions_SetWriteDeadline(made, 2000), "time-out");
   // Publishing without a connection says so at once, instead of being kept for later: 0 would be
   // the library's default.
-  must(natsOptions_SetReconnectBufSize(made, 1), "buffer");
-  must(natsOptions_SetRetryOnFailedConnect(
-           made, true, [](natsConnection*, void*) {}, nullptr),
-       "retry");
-  must(
+  mustWork(natsOptions_SetReconnectBufSize(made, 1), "buffer");
+  mustWork(natsOptions_SetRetryOnFailedConnect(
+               made, true, [](natsConnection*, void*) {}, nullptr),
+           "retry");
+  mustWork(
       natsOptions_SetDisconnectedCB(
           made, [](natsConnection*, void* self) { static_cast<NatsSink*>(self)->isReady_ = false; },
           this),
       "disconnected");
   // The library gives up where each server refuses it twice: whoever starts this process anew may
   // have mended what it comes with.
-  must(natsOptions_SetClosedCB(
-           made,
-           [](natsConnection* connection, void* self) {
-             const char* why = nullptr;
-             if (natsConnection_GetLastError(connection, &why) == NATS_OK) return;
-             static_cast<NatsSink*>(self)->isRefused_ = true;
-             ::kill(::getpid(), SIGTERM);
-           },
-           this),
-       "closed");
+  mustWork(natsOptions_SetClosedCB(
+               made,
+               [](natsConnection* connection, void* self) {
+                 const char* why = nullptr;
+                 if (natsConnection_GetLastError(connection, &why) == NATS_OK) return;
+                 static_cast<NatsSink*>(self)->isRefused_ = true;
+                 ::kill(::getpid(), SIGTERM);
+               },
+               this),
+           "closed");
   const natsStatus status = natsConnection_Connect(&connection_, made);
-  if (status != NATS_NOT_YET_CONNECTED) must(status, "the servers of the stream");
+  if (status != NATS_NOT_YET_CONNECTED) mustWork(status, "the servers of the stream");
 }
 
 NatsSink::~NatsSink() {
