@@ -16,14 +16,13 @@ import resource
 import shutil
 import subprocess
 import sys
-import tempfile
 import threading
 import time
 import typing
 
 import account_file
 import frame_log
-from support import (Collector, Home, digest, eventually, fill, give_identifiers, move_to_small_disk, open_files, play)
+from support import (Collector, Home, digest, eventually, fill, give_identifiers, open_files, play)
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -38,14 +37,6 @@ MOST_REDIRECTS_A_SECOND = 60
 # Nine requests at most go side by side, and their connections are kept for the next ones while logs
 # go out; with the pair by which the network thread is woken.
 MOST_SOCKETS = 9 + 2
-
-
-def keeps_attributes(folder):
-    """Whether a file there can carry attributes: a block's has its key with it then."""
-    with tempfile.NamedTemporaryFile(dir=folder) as probe, contextlib.suppress(OSError):
-        os.setxattr(probe.name, "user.probe", b"1")
-        return True
-    return False
 
 
 def connections(pid):
@@ -81,21 +72,26 @@ class Chaos(contextlib.AbstractContextManager):
         self.decks, self.problems, self.collector_output, self.addresses = {}, [], [], set()
         self.ending = threading.Event()
         self.host = self.collector = self.pid = None
-        self.small = None  # where a disk that fills may be mounted
+        self.small = None  # the data's folder, where that is on a disk that fills
+        self.blocks_carry_keys = False
 
     # The pieces
 
     def prepare(self):
-        if ROOT_USER:
-            self.small = move_to_small_disk(self.home, 16)
+        data = self.home.path / "data"
+        mount = ["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", data]
+        if ROOT_USER and subprocess.run(mount, capture_output=True).returncode == 0:
+            self.small = data
         give_identifiers(self.home)
-        self.kept = self.home.path / "data/kept"  # on the disk of what is kept, which costs no room at first
+        self.kept = data / "kept"  # on the same disk: what is kept costs no room at first
         self.kept.mkdir()
+        with contextlib.suppress(OSError):
+            os.setxattr(self.kept, "user.probe", b"1")
+            self.blocks_carry_keys = True
         self.collector = Collector(self.home.path / "collector")
         authority = self.home.path / "authority.pem"
         shutil.copyfile(self.collector.authority, authority)
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
-        self.blocks_carry_keys = keeps_attributes(self.kept)
         threading.Thread(target=self.watch_addresses, daemon=True).start()
         if ROOT_USER:
             for folder, names, files in os.walk(self.home.path):

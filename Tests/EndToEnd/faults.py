@@ -35,39 +35,30 @@ LONG = 800  # milliseconds for which something is not to be had
 FULL, BROKEN, BUSY, NONE, BARRED = errno.ENOSPC, errno.EIO, errno.EINTR, errno.EMFILE, errno.EACCES
 MEMORY = errno.ENOMEM
 # Methods of platform::FileCalls, calls of the system and allocations, and what may go wrong with each.
-KINDS = {
+KINDS = {kind: whats for kinds, whats in {
     "open": (NONE, BARRED, FULL, BUSY, MEMORY, "kill"),
     "read": (BROKEN, BUSY, "short", "kill"),
     "write": (FULL, BROKEN, errno.EFBIG, BUSY, "short", "torn", "kill"),
-    "close": (BROKEN,),
-    "sync": (FULL, BROKEN, "kill"),
-    "syncData": (FULL, BROKEN, "kill"),
-    "rename": (FULL, BARRED, BROKEN, "kill"),
-    "renameNoReplace": (FULL, BARRED, BROKEN, "kill"),
-    "link": (FULL, BARRED, "kill"),
+    "close entries": (BROKEN,),
+    "sync syncData": (FULL, BROKEN, "kill"),
+    "rename renameNoReplace": (FULL, BARRED, BROKEN, "kill"),
+    "link makeDirectory": (FULL, BARRED, "kill"),
     "copyRange": (FULL, BROKEN, BUSY, "short", "torn", "kill"),
     "truncate": (BROKEN, BUSY, BARRED, "kill"),
     "allocate": (FULL, BUSY, BROKEN, "kill"),
-    "makeDirectory": (FULL, BARRED, "kill"),
-    "removeDirectory": (BARRED, BROKEN, "kill"),
-    "unlink": (BARRED, BROKEN, "kill"),
-    "status": (BARRED, BROKEN, MEMORY, "kill"),
-    "statusAt": (BARRED, BROKEN, MEMORY, "kill"),
-    "linkStatusAt": (BARRED, BROKEN, MEMORY, "kill"),
-    "entries": (BROKEN,),
+    "removeDirectory unlink": (BARRED, BROKEN, "kill"),
+    "status statusAt linkStatusAt": (BARRED, BROKEN, MEMORY, "kill"),
     "lock": (BUSY, errno.ENOLCK),
     "attribute": (BROKEN, errno.ENOTSUP, "kill"),
     "setAttribute": (FULL, errno.ENOTSUP, "kill"),
     "mmap": (MEMORY, BARRED, "kill"),
-    "inotify_init1": (NONE, MEMORY),
+    "inotify_init1 epoll_create1": (NONE, MEMORY),
     "inotify_add_watch": (FULL, BARRED, MEMORY),
-    "epoll_create1": (NONE, MEMORY),
     "epoll_ctl": (FULL, MEMORY),
     "epoll_wait": (BUSY,),
     "pthread_create": (errno.EAGAIN,),
-    "new_caller": (MEMORY, "kill"),
-    "new_agent": (MEMORY, "kill"),
-}
+    "new_caller new_agent": (MEMORY, "kill"),
+}.items() for kind in kinds.split()}
 # Allocations come by the thousand: every so manieth is tried.
 STRIDE = {"new_caller": 7, "new_agent": 29}
 

@@ -339,20 +339,6 @@ class Client:
         return self.ask("POST", PATH, body, key)
 
 
-def move_to_small_disk(home, megabytes):
-    """Puts the home's data on a disk of that size; tells whether that is allowed here. The one who
-    asks unmounts the folder that is returned."""
-    small = home.path / "small"
-    small.mkdir()
-    mount = ["mount", "-t", "tmpfs", "-o", f"size={megabytes}m", "tmpfs", small]
-    if subprocess.run(mount, capture_output=True).returncode != 0:
-        return None
-    shutil.copytree(home.path / "data", small / "data")
-    shutil.rmtree(home.path / "data")
-    (home.path / "data").symlink_to(small / "data")
-    return small
-
-
 def fill(ballast):
     """Writes to that file until its disk is full."""
     with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
