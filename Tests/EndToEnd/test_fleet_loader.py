@@ -35,7 +35,7 @@ class ShortServer(threading.Thread):
 
     def __init__(self, bodies, short):
         super().__init__(daemon=True)
-        self.bodies, self.short, self.given, self.made, self.asked = bodies, short, 0, 0, 0
+        self.bodies, self.short, self.given, self.made, self.read, self.asked = bodies, short, 0, 0, 0, 0
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.url = f"nats://127.0.0.1:{self.listener.getsockname()[1]}"
 
@@ -77,10 +77,11 @@ class ShortServer(threading.Thread):
             if "throwaway" in kind:
                 is_whole = self.made % 3 == 0
                 end = len(self.bodies) if is_whole else self.short
-                for place in range(1, end + 1):
+                first, self.read = self.read + 1, end
+                for place in range(first, end + 1):
                     if not is_whole or self.made > 6 or place != end - 1:
                         message(reply, place, "throwaway", end, False)
-                return None
+                return send(reply, b"", " 408 Request Timeout")
             if kind.startswith("CONSUMER.MSG.NEXT"):
                 while self.given < self.end():
                     self.given += 1
@@ -103,7 +104,7 @@ class ShortServer(threading.Thread):
             elif kind.startswith("CONSUMER.INFO"):
                 said = self.consumer("skelda-load", self.end(), "whole" if self.asked else "short")
             elif kind.startswith("CONSUMER.CREATE"):
-                self.made += 1
+                self.made, self.read = self.made + 1, 0
                 leader = "short" if self.made % 3 else "whole"
                 end = self.short if leader == "short" else len(self.bodies)
                 said = {**self.consumer("throwaway", end, leader), "num_pending": end,

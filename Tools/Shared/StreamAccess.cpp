@@ -20,7 +20,6 @@ constexpr std::int64_t kAsk = 2000;
 constexpr std::int64_t kLongestSilence = 5000;  // of a server that has more to say
 constexpr auto kLongestSearch = 20s;            // for the leader
 constexpr int kMostReadings = 32;               // each may be of any server
-constexpr std::uint64_t kAtOnce = 4096;         // of what is asked for and not taken yet
 constexpr auto kLongestReading = 5s;            // of servers beside it
 
 /// "nats://a:1,b:2" as the library takes them: what stands before the first holds for all.
@@ -62,9 +61,7 @@ std::string_view idOf(natsMsg* message) {
   return natsMsgHeader_Get(message, fleet::kIdHeader, &id) == NATS_OK && id != nullptr ? id : "";
 }
 
-using Subscription = NatsHandle<natsSubscription, natsSubscription_Destroy>;
 using ConsumerInfo = NatsHandle<jsConsumerInfo, jsConsumerInfo_Destroy>;
-using Inbox = NatsHandle<natsInbox, natsInbox_Destroy>;
 
 /// On one server, which gives out what it has itself. Which server that is, the stream decides.
 ConsumerInfo makeReader(jsCtx* stream, std::chrono::system_clock::time_point since) {
@@ -88,43 +85,78 @@ ConsumerInfo makeReader(jsCtx* stream, std::chrono::system_clock::time_point sin
   return ConsumerInfo(made);
 }
 
-/// Reads one server, if `begin`, asked with its name, returns what is to be told of it. What is
-/// under way when a connection breaks never comes: a gap is an error.
-void readOne(natsConnection* connection, jsCtx* stream, std::chrono::system_clock::time_point since,
-             const std::function<SeenMessage(const std::string& server)>& begin) {
-  natsInbox* inbox = nullptr;
-  mustWork(natsInbox_Create(&inbox), "inbox");
-  const Inbox heldInbox(inbox);
-  natsSubscription* raw = nullptr;
-  mustWork(natsConnection_SubscribeSync(&raw, connection, inbox), "reading");
-  const Subscription subscription(raw);
-  const auto reader = makeReader(stream, since);
-  const auto* cluster = reader->Cluster;
-  const SeenMessage seen =
-      begin(cluster != nullptr && cluster->Leader != nullptr ? cluster->Leader : "");
-
-  const std::string ask =
-      fmt::format("$JS.API.CONSUMER.MSG.NEXT.{}.{}", fleet::kStream, reader->Name);
-  std::uint64_t taken = 0, asked = 0;
-  for (std::uint64_t left = seen ? reader->NumPending : 0; left > 0;) {
-    if (taken == asked) {
-      const std::uint64_t some = std::min(left, kAtOnce);
-      mustWork(natsConnection_PublishRequestString(connection, ask.c_str(), inbox,
-                                                   std::to_string(some).c_str()),
-               "reading");
-      asked += some;
-    }
-    natsMsg* next = nullptr;
-    mustWork(natsSubscription_NextMsg(&next, raw, kLongestSilence), "reading");
-    const NatsMessage message(next);
-    jsMsgMetaData* data = nullptr;
-    mustWork(natsMsg_GetMetaData(&data, next), "reading");
-    const NatsHandle<jsMsgMetaData, jsMsgMetaData_Destroy> held(data);
-    if (data->Sequence.Consumer != ++taken) throw StreamTrouble("reading: a gap");
-    left = seen(idOf(next), data->Sequence.Stream) ? std::min(left - 1, data->NumPending) : 0;
+/// Reads one server's messages in their order, in pieces. What is under way when a connection
+/// breaks never comes: a gap is an error. How many are to come, servers do not count well: they
+/// were seen to name some that had been deleted.
+class Reading {
+ public:
+  Reading(natsConnection* connection, jsCtx* stream, std::chrono::system_clock::time_point since)
+      : connection_(connection), stream_(stream) {
+    natsInbox* inbox = nullptr;
+    mustWork(natsInbox_Create(&inbox), "inbox");
+    inbox_.reset(inbox);
+    natsSubscription* subscription = nullptr;
+    mustWork(natsConnection_SubscribeSync(&subscription, connection, inbox), "reading");
+    subscription_.reset(subscription);
+    reader_ = makeReader(stream, since);
+    left_ = reader_->NumPending;
+    ask_ = fmt::format("$JS.API.CONSUMER.MSG.NEXT.{}.{}", fleet::kStream, reader_->Name);
   }
-  js_DeleteConsumer(stream, fleet::kStream, reader->Name, nullptr, nullptr);
-}
+  ~Reading() { js_DeleteConsumer(stream_, fleet::kStream, reader_->Name, nullptr, nullptr); }
+  Reading(const Reading&) = delete;
+  Reading& operator=(const Reading&) = delete;
+
+  std::string server() const {
+    const auto* cluster = reader_->Cluster;
+    return cluster != nullptr && cluster->Leader != nullptr ? cluster->Leader : "";
+  }
+
+  /// Until a piece brings nothing, or no more is wanted.
+  void each(const SeenMessage& seen) {
+    std::uint64_t before = 0;
+    do {
+      before = taken_;
+    } while (readPiece(seen) && taken_ > before);
+  }
+
+ private:
+  static constexpr std::uint64_t kAtOnce = 4096;
+  static constexpr std::chrono::nanoseconds kWait = 2s, kShortWait = 200ms;  // nothing is to come
+
+  /// False where no more is wanted.
+  bool readPiece(const SeenMessage& seen) {
+    const std::string wanted = fmt::format(R"({{"batch":{},"no_wait":true,"expires":{}}})", kAtOnce,
+                                           (left_ > 0 ? kWait : kShortWait).count());
+    mustWork(natsConnection_PublishRequestString(connection_, ask_.c_str(), inbox_.get(),
+                                                 wanted.c_str()),
+             "reading");
+    for (const std::uint64_t end = taken_ + kAtOnce; taken_ < end;) {
+      natsMsg* next = nullptr;
+      mustWork(natsSubscription_NextMsg(&next, subscription_.get(), kLongestSilence), "reading");
+      const NatsMessage message(next);
+      const char* status = nullptr;
+      if (natsMsgHeader_Get(next, "Status", &status) == NATS_OK) {
+        if (natsMsg_IsNoResponders(next)) throw StreamTrouble("reading: the server has gone");
+        return true;  // this is all for now
+      }
+      jsMsgMetaData* data = nullptr;
+      mustWork(natsMsg_GetMetaData(&data, next), "reading");
+      const NatsHandle<jsMsgMetaData, jsMsgMetaData_Destroy> held(data);
+      if (data->Sequence.Consumer != ++taken_) throw StreamTrouble("reading: a gap");
+      left_ = data->NumPending;
+      if (!seen(idOf(next), data->Sequence.Stream)) return false;
+    }
+    return true;
+  }
+
+  natsConnection* const connection_;
+  jsCtx* const stream_;
+  NatsHandle<natsInbox, natsInbox_Destroy> inbox_;
+  NatsHandle<natsSubscription, natsSubscription_Destroy> subscription_;
+  ConsumerInfo reader_;
+  std::string ask_;
+  std::uint64_t taken_ = 0, left_ = 0;
+};
 
 }  // namespace
 
@@ -215,11 +247,10 @@ void readServers(natsConnection* connection, jsCtx* stream,
     const auto spent = std::chrono::steady_clock::now() - began;
     if (spent > (left.contains(leader) ? kLongestSearch : kLongestReading)) break;
     try {
-      std::string server;
-      readOne(connection, stream, since, [&](const std::string& name) {
-        server = name;
-        return left.contains(name) ? seen(name == leader) : SeenMessage();
-      });
+      Reading one(connection, stream, since);
+      const std::string server = one.server();
+      if (!left.contains(server)) continue;
+      one.each(seen(server == leader));
       left.erase(server);
     } catch (const StreamTrouble&) {
       // One that has just gone away: the others are looked at all the same.
