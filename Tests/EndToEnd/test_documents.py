@@ -139,8 +139,11 @@ class Contributing(unittest.TestCase):
             self.assertRegex(output, ".*".join(map(re.escape, line.split("..."))))
 
 
-def packages_of_this_machine():
-    """Those that scripts/package has made of this very tree."""
+def packages_to_install():
+    """Those that scripts/package has made of this very tree, where installing them can be undone: as root, with
+    overlays."""
+    if os.geteuid() != 0 or not typed.can_throw_away():
+        return []
     architecture = told("dpkg", "--print-architecture").stdout.strip()
     packages = sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
     sources = [path.stat().st_mtime for folder in ("Analytics", "Examples", "Library", "Platform", "Tools", "include")
@@ -181,11 +184,9 @@ class GettingStarted(unittest.TestCase):
             self.go_on_to_the_end(shell)
 
     def test_from_packages(self):
-        packages = packages_of_this_machine()
+        packages = packages_to_install()
         if not packages:
-            self.skipTest("scripts/package has made no packages of this tree")
-        if os.geteuid() != 0 or not typed.can_throw_away():
-            self.skipTest("packages are installed only where that can be undone: as root, with overlays")
+            self.skipTest("no packages of this tree by scripts/package, or no machine to throw away to install them on")
         with typed.Shell(thrown_away=True, keep=packages) as shell:
             self.type_all(shell, self.packages)
             self.assertEqual("/usr/bin/skelda-frames", shell.type("command -v skelda-frames").strip())
@@ -193,9 +194,7 @@ class GettingStarted(unittest.TestCase):
         self.assertFalse(pathlib.Path("/usr/bin/skelda-frames").exists())
 
     def test_the_commands_of_the_readme_are_few_and_quick(self):
-        way = ["--built", str(BUILD)]
-        if packages_of_this_machine() and os.geteuid() == 0 and typed.can_throw_away():
-            way = []
+        way = [] if packages_to_install() else ["--built", str(BUILD)]
         done = told(ROOT / "scripts/first-event", *way, "--port", self.port, within=600)
         self.assertEqual(0, done.returncode, done.stdout + done.stderr)
         self.assertIn('on the page: LapDone {"lap": "3", "pace": "5:10"}', done.stdout)

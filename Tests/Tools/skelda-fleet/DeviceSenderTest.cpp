@@ -4,10 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 #include <random>
+#include <ranges>
 
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -27,23 +28,13 @@ class HeldAnswers {
  public:
   LoopbackServer::RequestHandler handler() {
     return [this](ServerConnection& connection, const ReceivedRequest& request) {
-      int status = 0;
-      {
-        std::unique_lock lock(mutex_);
-        const Log log = static_cast<Log>(std::stoul(request.body));
-        held_.insert(log);
-        changed_.wait_for(lock, kPatience, [&] { return answers_.contains(log); });
-        status = answers_[log];
-        answers_.erase(log);
-        held_.erase(log);
-      }
-      if (status / 100 == 2) return static_cast<void>(connection.answer(status));
+      std::unique_lock lock(mutex_);
+      auto answer = held_[static_cast<Log>(std::stoul(request.body))].get_future();
+      lock.unlock();
+      const int status = answer.wait_for(kPatience) == std::future_status::ready ? answer.get() : 0;
       // The agent has no ear for when to come again: who had would come at once.
-      if (status != 0) {
-        return static_cast<void>(connection.send("HTTP/1.1 " + std::to_string(status) +
-                                                 " Later\r\nRetry-After: 0\r\n"
-                                                 "Content-Length: 0\r\n\r\n"));
-      }
+      if (status != 0)
+        return static_cast<void>(connection.answer(status, {}, "Retry-After: 0\r\n"));
       // Not before the first byte: what a kept connection loses so early is sent again below us.
       connection.send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n");
       connection.reset();
@@ -51,19 +42,17 @@ class HeldAnswers {
   }
   void answer(Log log, int status) {
     const std::lock_guard lock(mutex_);
-    answers_[log] = status;
-    changed_.notify_all();
+    held_.extract(log).mapped().set_value(status);
   }
   std::set<Log> held() const {
     const std::lock_guard lock(mutex_);
-    return held_;
+    const auto logs = std::views::keys(held_);
+    return {logs.begin(), logs.end()};
   }
 
  private:
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::map<Log, int> answers_;
-  std::set<Log> held_;
+  std::map<Log, std::promise<int>> held_;
 };
 
 class DeviceSenderTest : public SenderTest {
@@ -121,7 +110,17 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
   SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(true);
   std::mt19937 random(7);
   Log next = 0;
-  std::map<int, int> ends;
+  std::set<int> ends;
+  const auto end = [&](Log log, int status, Steps& steps) {
+    ends.insert(status);
+    modelRunning_.erase(log);
+    answers_.answer(log, status);
+    model_.ended(log,
+                 status / 100 == 2 ? Ending::taken
+                 : status == 400   ? Ending::malformed
+                                   : Ending::failed,
+                 steps);
+  };
   for (int step = 0; step < 400 && !HasFailure(); ++step) {
     Steps steps;
     std::string what;
@@ -129,16 +128,6 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
     // come into play, which steps alone never reach.
     const bool isGoodSpell = (step / 100) % 2 == 1;
     const auto dice = random() % 100;
-    const auto end = [&](Log log, int status) {
-      ++ends[status];
-      modelRunning_.erase(log);
-      answers_.answer(log, status);
-      model_.ended(log,
-                   status / 100 == 2 ? Ending::taken
-                   : status == 400   ? Ending::malformed
-                                     : Ending::failed,
-                   steps);
-    };
     if (dice < (isGoodSpell ? 15 : 75)) {
       what = "a log";
       const Log log = next++;
@@ -152,19 +141,18 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
     } else if (dice < 78) {
       what = "a start";
       // An answer that comes after the end would be one that the server gave and nobody heard.
-      while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503);
+      while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503, steps);
       finish();
       sender_ = makeSender();
       model_.restart(steps);
     } else if (!modelRunning_.empty()) {
-      auto one = modelRunning_.begin();
-      std::advance(one, static_cast<long>(random() % modelRunning_.size()));
-      const Log log = *one;
+      const auto one =
+          std::next(modelRunning_.begin(), static_cast<long>(random() % modelRunning_.size()));
       constexpr int kGood[] = {200, 202, 200, 400};
       constexpr int kBad[] = {503, 429, 0, 503};
       const int status = (isGoodSpell ? kGood : kBad)[random() % 4];
       what = "answer " + std::to_string(status);
-      end(log, status);
+      end(*one, status, steps);
     }
     apply(steps);
     expectTheSame(what + " at step " + std::to_string(step));
@@ -172,10 +160,7 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
   EXPECT_EQ(ends.size(), 6u) << "each end was played";
   while (!modelRunning_.empty() && !HasFailure()) {
     Steps steps;
-    const Log log = *modelRunning_.begin();
-    modelRunning_.erase(log);
-    answers_.answer(log, 200);
-    model_.ended(log, Ending::taken, steps);
+    end(*modelRunning_.begin(), 200, steps);
     apply(steps);
     expectTheSame("the rest");
   }
