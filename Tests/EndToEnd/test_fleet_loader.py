@@ -219,6 +219,8 @@ class Loading(unittest.TestCase):
         self.assertIn("9 logs, 270 events", said)
         self.assertIn("4 passed over", said)
         self.assertEqual(1, server.asked)
+        # What it was given, and the rest: nothing by a reading with a gap.
+        self.assertEqual([["2"]], self.database.ask("SELECT count(DISTINCT xmin::text) FROM skelda.logs"))
 
     def test_what_it_took_is_acknowledged_when_the_servers_ended_between(self):
         logs = [usual_log(f"device-{n}", 1, MONDAY + n) for n in range(300)]
