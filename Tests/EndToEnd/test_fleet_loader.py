@@ -79,7 +79,7 @@ class ShortServer(threading.Thread):
                 end = len(self.bodies) if is_whole else self.short
                 first, self.read = self.read + 1, end
                 for place in range(first, end + 1):
-                    if not is_whole or self.made > 6 or place != end - 1:
+                    if not is_whole or self.made > 9 or place != end - 1:
                         message(reply, place, "throwaway", end, False)
                 return send(reply, b"", " 408 Request Timeout")
             if kind.startswith("CONSUMER.MSG.NEXT"):
