@@ -146,10 +146,12 @@ class FleetCollectorTest(unittest.TestCase):
         collector = start(known)
         collector.await_ready()
         self.assertEqual((200, "kept\n"), Client(collector).post(LOG))
+        self.assertEqual(0, collector.process.terminate())
         for arguments in strangers:
             with self.subTest(arguments):
-                refused = start(arguments)
-                self.assertFalse(eventually(lambda each=refused: each.get("/readyz")[0] == 200, 3))
+                refused = start(arguments).process
+                self.assertEqual(1, refused.wait(30), refused.output)
+                self.assertIn("the servers of the stream refuse this collector", refused.output)
         if not LOADER.exists() or not POSTGRES:
             return
         self.folder.chmod(0o755)

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <nats/nats.h>
+#include <openssl/ssl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -106,6 +107,8 @@ NatsSink::~NatsSink() {
   jsCtx_Destroy(stream_);
   natsConnection_Destroy(connection_);
   nats_CloseAndWait(kLongestClosing);  // what calls onAnswer has ended then
+  // The library has freed what OpenSSL would free once more when the process ends.
+  SSL_COMP_set0_compression_methods(nullptr);
 }
 
 void NatsSink::stop() {
