@@ -73,7 +73,7 @@ Number numbered(const char* how) {
       const char answer = SkeldaWatch::logWatchEvent("numbered", {{"n", first + i}}) == 1 ? 2 : 1;
       if (::pwrite(told, &answer, 1, first + i) != 1) std::abort();
     }
-    return 1;
+    return Number{1};
   });
 }
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <ranges>
+#include <set>
 
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -46,8 +46,9 @@ class HeldAnswers {
   }
   std::set<Log> held() const {
     const std::lock_guard lock(mutex_);
-    const auto logs = std::views::keys(held_);
-    return {logs.begin(), logs.end()};
+    std::set<Log> logs;
+    for (const auto& each : held_) logs.insert(each.first);
+    return logs;
   }
 
  private:

@@ -33,7 +33,8 @@ TEST(FleetTablesTest, TheDocumentSaysWhatTheSimulationDoes) {
       written.insert(line);
     }
     ASSERT_FALSE(devices.empty()) << name;
-    FleetTables::print(name, {devices.begin(), devices.end()}, [&](const std::string& line) { made.insert(line); });
+    FleetTables::print(name, {devices.begin(), devices.end()},
+                       [&](const std::string& line) { made.insert(line); });
     EXPECT_EQ(written, made) << name;
   }
 }
