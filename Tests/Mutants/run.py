@@ -34,7 +34,6 @@ import signal
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import typing
 import zlib
@@ -55,7 +54,7 @@ PROGRAMS = {
     "Analytics/Reachability": "reachability_tests", "Analytics": "watch_tests", "Tools": "tools_tests",
     "include": "watch_tests",
 }
-# Run by its tests as a process, where it lies.
+# Run by its tests as a process; it may lie elsewhere, as SKELDA_FRAMES.
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
 # Where another needs something of the member that the mutant has no more, the mutant's still come first.
 TWICE = "-Wl,--allow-multiple-definition"
@@ -100,21 +99,16 @@ class Build:
     def __init__(self, as_it_was):
         self.tree, self.folder = WORK / "tree", WORK / "tree/build/debug"
         self.programs = sorted(set(PROGRAMS.values()))
-        self.tool = threading.Lock()
         if not as_it_was or not self.folder.exists():
             self.make()
-        for name, tool in TOOL.items():  # a mutant's, where a run was killed
-            (self.folder / tool).unlink(missing_ok=True)
-            self.call("ninja", "-C", self.folder, tool)
-            self.calm(name)
         self.compiling = {entry["file"]: entry["command"]
                           for entry in json.loads((self.folder / "compile_commands.json").read_text())}
         # What most files include, read once.
         (WORK / "common.h").write_text("".join(f"#include <{name}>\n" for name in COMMON.split()))
         self.call(*self.compiler("Platform/Base/Log.cpp", WORK / "common.h", WORK / "common.h.gch"))
         ninja = "ninja", "-C", self.folder, "-t", "commands"
-        self.linking = {name: self.call(*ninja, "-s", target).strip() for name, target in
-                        [*((name, f"Tests/{name}") for name in self.programs), *((tool, tool) for tool in TOOL.values())]}
+        self.linking = {target: self.call(*ninja, "-s", target).strip()
+                        for target in [*(f"Tests/{name}" for name in self.programs), *TOOL.values()]}
         archives = re.findall(r"ar qc (\S+) (.*?) && ", self.call(*ninja, *self.programs))
         self.library = {member: library for library, members in archives for member in members.split()}
 
@@ -143,8 +137,10 @@ class Build:
         raise SystemExit(f"{name} fails without a mutant: {run.failed + run.broken}")
 
     def run(self, program, limit, *options):
+        frames = program.with_name("skelda-frames")
+        environment = {**os.environ, **({"SKELDA_FRAMES": str(frames)} if frames.exists() else {})}
         with subprocess.Popen([program, *options], cwd=self.tree, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              text=True, errors="replace", start_new_session=True) as process:
+                              text=True, errors="replace", start_new_session=True, env=environment) as process:
             try:
                 output, status = process.communicate(timeout=limit)[0], process.returncode
             except subprocess.TimeoutExpired:
@@ -168,13 +164,13 @@ class Build:
         run = subprocess.run([*words, "-include", WORK / "common.h"], cwd=self.folder, capture_output=True)
         return None if run.returncode else re.search(r" -o (\S+) ", self.compiling[str(self.tree / source)])[1]
 
-    def concerns(self, program, member):
-        return member in self.linking[program] or f" {self.library.get(member)} " in self.linking[program]
+    def concerns(self, target, member):
+        return member in self.linking[target] or f" {self.library.get(member)} " in self.linking[target]
 
-    def link(self, program, member, folder, target):
+    def link(self, target, member, folder, mutated):
         """Makes a program with the mutant's object in place of that member of its library."""
-        command = self.linking[program].replace(f" {member} ", " ")
-        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} {TWICE} -o {target} ", command, count=1)
+        command = self.linking[target].replace(f" {member} ", " ")
+        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} {TWICE} -o {mutated} ", command, count=1)
         run = subprocess.run(command, shell=True, cwd=self.folder, capture_output=True, text=True)
         if run.returncode or not found:
             raise SystemExit(f"{command}: {run.stderr}")
@@ -218,18 +214,14 @@ class Trial:
         return [f"{name}:{test}" for test in dict.fromkeys(found)]
 
     def asked(self, name, how, *arguments):
-        tool = self.build.folder / TOOL.get(name, "-")
-        if name not in TOOL or not self.build.concerns(TOOL[name], self.member):
-            self.build.link(name, self.member, self.folder, self.folder / name)
-            return how(name, *arguments)
-        with self.build.tool:
-            shutil.copy(self.build.folder / "Tests" / name, self.folder / name)
-            tool.rename(self.folder / "tool")
-            try:
-                self.build.link(TOOL[name], self.member, self.folder, tool)
-                return how(name, *arguments)
-            finally:
-                shutil.move(self.folder / "tool", tool)
+        """With the tool, where the tests are a tool's, beside the program."""
+        for target in filter(None, (f"Tests/{name}", TOOL.get(name))):
+            mutated = self.folder / pathlib.Path(target).name
+            if self.build.concerns(target, self.member):
+                self.build.link(target, self.member, self.folder, mutated)
+            else:
+                mutated.symlink_to(self.build.folder / target)
+        return how(name, *arguments)
 
 
 def judge(build, mutant, whole, at_home):
@@ -245,7 +237,7 @@ def judge(build, mutant, whole, at_home):
             return Verdict("broken", ["does not compile"])
         trial, own = Trial(build, member, folder), mutant.own_program
         found = trial.asked(own, trial.every if whole else trial.first)
-        others = [name for name in build.programs if name != own and build.concerns(name, member)]
+        others = [name for name in build.programs if name != own and build.concerns(f"Tests/{name}", member)]
         stays = (at_home or mutant.equivalent) and not whole
         for name in () if stays else others:
             if whole or not found:

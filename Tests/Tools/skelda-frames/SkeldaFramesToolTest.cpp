@@ -45,7 +45,8 @@ class SkeldaFramesTool : public ::testing::Test {
     writeFile(folder_ / "line", "cd '" + folder_.path() +
                                     "' && exec </dev/null >out 2>error\n"
                                     "export ASAN_OPTIONS=quarantine_size_mb=1\n"
-                                    "frames() { '" SKELDA_FRAMES_PROGRAM "' \"$@\"; }\n" +
+                                    "frames() { \"${SKELDA_FRAMES:-" SKELDA_FRAMES_PROGRAM
+                                    "}\" \"$@\"; }\n" +
                                     line);
     const int status = std::system(("bash '" + (folder_ / "line") + "'").c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "out"),
