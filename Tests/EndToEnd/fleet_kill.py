@@ -357,7 +357,7 @@ class FleetKill:
 
     def await_level(self):
         """By itself, or with the help of what looks after the servers."""
-        if not eventually(self.servers.are_level, 300, every=0.1):
+        if not eventually(self.servers.are_level, 600, every=0.1):
             held = [self.servers.holding(index) for index in range(3)]
             self.problems.append(f"the servers do not come to have the same: {held} messages")
 

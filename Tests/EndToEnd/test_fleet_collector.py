@@ -239,9 +239,10 @@ def pestering(collector):
 class WatchOfServers(unittest.TestCase):
     """What looks after each server, with pages in place of servers."""
 
-    SERVERS = {"other": 30, "level": 30, "growing": 1, "unwell": 30, "short": 20, "less short": 25, "beside one away": 20}
+    SERVERS = {"other": 30, "level": 30, "growing": 1, "unwell": 30, "short": 20, "less short": 25, "beside one away": 20,
+               "leading": 20}
     THIRD = {"less short": "short", "beside one away": "away"}  # of what a server is compared with, else "level"
-    ENDED = ["unwell", "short", "less short", "beside one away"]
+    ENDED = ["unwell", "short", "less short", "beside one away", "leading"]
 
     def test_a_server_that_stays_behind_is_ended_and_then_emptied_whatever_it_says_of_itself(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="skelda-watch-")))
@@ -256,7 +257,8 @@ class WatchOfServers(unittest.TestCase):
             place.mkdir(exist_ok=True)
             if name != "unwell":
                 (place / "healthz").touch()
-            stream = {"name": STREAM, "state": {"messages": messages}}
+            stream = {"name": STREAM, "state": {"messages": messages}, "cluster": {"leader": "leading"}}
+            (place / "varz").write_text(json.dumps({"server_name": name}))
             (folder / "jsz").write_text(json.dumps({"account_details": [{"stream_detail": [stream]}]}))
             (folder / "jsz").rename(place / "jsz")
 
@@ -266,8 +268,8 @@ class WatchOfServers(unittest.TestCase):
             self.enterContext(Process([ROOT / "deploy/skelda-nats-health", page(name),
                                        f"{page('other')},{page(self.THIRD.get(name, 'level'))}",
                                        *(f"touch '{folder}/{name} {what}'" for what in ("ended", "emptied"))],
-                                      env=os.environ | {"LOOK": "1", "PATIENCE": "2"}))
-        for messages in range(2, 26):
+                                      env=os.environ | {"LOOK": "1", "PATIENCE": "1"}))
+        for messages in range(2, 29):
             has("growing", messages)
             time.sleep(0.5)
         for what, expected in (("ended", self.ENDED), ("emptied", ["short"])):
