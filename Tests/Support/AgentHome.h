@@ -19,7 +19,6 @@ class AgentHome : public TemporaryHome {
 
   /// The agent's storage folder; made when it is first asked for.
   std::string storageFolder() const { return SkeldaUtil::filePathDirectory(); }
-  /// As on the day of installation.
   void empty() {
     std::filesystem::remove_all(path());
     forget();

@@ -6,7 +6,6 @@
 
 namespace skelda::testing {
 
-/// A page of the project's documents, against which the code is held.
 inline std::string document(const std::string& name) {
   return readFile(std::string(SKELDA_DOCS_FOLDER) + "/" + name);
 }

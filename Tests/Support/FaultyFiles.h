@@ -1,9 +1,14 @@
 #pragma once
 
+#include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
+
+inline std::int64_t codeOf(const ErrorRef& error) {
+  return error ? error->code() : 0;
+}
 
 /// How a call fails.
 struct Fault {
@@ -17,6 +22,7 @@ struct Fault {
 
   static constexpr std::size_t kForEver = std::numeric_limits<std::size_t>::max();
   static constexpr std::size_t kHalf = kForEver;
+  static Fault always(int error) { return {.error = error, .times = kForEver}; }
 };
 
 /// Says which calls of a fake fail, by number or by kind, and remembers what was called. The kind
@@ -35,9 +41,7 @@ class FaultPlan {
     byKind_[kind] = Armed{counts_[kind] + nth, fault};
   }
   /// Every call of that kind from now on.
-  void failAll(const std::string& kind, int error) {
-    failKind(kind, 1, {.error = error, .times = Fault::kForEver});
-  }
+  void failAll(const std::string& kind, int error) { failKind(kind, 1, Fault::always(error)); }
   void clear() {
     std::lock_guard lock(mutex_);
     byNumber_.reset();
@@ -105,6 +109,11 @@ class FaultyFileCalls : public FileCalls {
   explicit FaultyFileCalls(std::string only = {})
       : FaultyFileCalls(std::make_shared<FaultPlan>(), std::move(only)) {}
   ~FaultyFileCalls() override { install(nullptr); }
+  /// And with the next calls of one kind failing.
+  FaultyFileCalls(const std::string& kind, Fault fault, std::string only = {})
+      : FaultyFileCalls(std::move(only)) {
+    plan_->failKind(kind, 1, fault);
+  }
   FaultPlan* operator->() const { return plan_.get(); }
 
 #define SKELDA_MAY_FAIL(result, call, where, parameters, arguments) \
@@ -138,13 +147,11 @@ class FaultyFileCalls : public FileCalls {
                   (const char* path, const char* name, const void* value, std::size_t length),
                   (path, name, value, length))
 #undef SKELDA_MAY_FAIL
-  ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t offset) override {
-    return limited("read", fd, length,
-                   [&](std::size_t n) { return FileCalls::read(fd, bytes, n, offset); });
+  ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t at) override {
+    return limited("read", fd, length, [&](auto n) { return FileCalls::read(fd, bytes, n, at); });
   }
-  ::ssize_t write(int fd, const void* bytes, std::size_t length, ::off_t offset) override {
-    return limited("write", fd, length,
-                   [&](std::size_t n) { return FileCalls::write(fd, bytes, n, offset); });
+  ::ssize_t write(int fd, const void* bytes, std::size_t length, ::off_t at) override {
+    return limited("write", fd, length, [&](auto n) { return FileCalls::write(fd, bytes, n, at); });
   }
   int close(int fd) override {
     const bool isToFail = fails("close", fd);
@@ -155,9 +162,10 @@ class FaultyFileCalls : public FileCalls {
   }
   ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,
                       std::size_t length) override {
-    return limited("copyRange", from, length, [&](std::size_t n) {
+    const auto copy = [&](auto n) {
       return FileCalls::copyRange(from, fromOffset, to, toOffset, n);
-    });
+    };
+    return limited("copyRange", from, length, copy);
   }
 
  private:

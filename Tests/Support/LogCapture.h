@@ -16,8 +16,7 @@ class LogCapture {
   }
   ~LogCapture() { Log::setSink({}); }
 
-  /// What was said since the last call.
-  std::vector<std::string> take() {
+  Texts take() {
     arrive();
     std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
@@ -34,7 +33,7 @@ class LogCapture {
   static void arrive() { EXPECT_TRUE(Log::flush(std::chrono::seconds(10))); }
 
   mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  Texts lines_;
 };
 
 }  // namespace skelda::testing

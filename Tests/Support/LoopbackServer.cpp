@@ -12,13 +12,10 @@
 namespace skelda::testing {
 
 std::string ReceivedRequest::field(std::string_view lowerCaseName) const {
-  for (const auto& [name, value] : fields) {
+  for (const auto& [name, value] : fields)
     if (name == lowerCaseName) return value;
-  }
   return {};
 }
-
-// -- ServerConnection
 
 ServerConnection::~ServerConnection() {
   close();
@@ -35,22 +32,17 @@ bool ServerConnection::startTLS(ssl_ctx_st* context) {
 
 bool ServerConnection::fill() {
   std::array<char, 65536> bytes;
-  ssize_t length = 0;
-  if (tls_ != nullptr) {
-    length = SSL_read(tls_, bytes.data(), static_cast<int>(bytes.size()));
-    ERR_clear_error();
-  } else {
-    length = ::recv(socket_, bytes.data(), bytes.size(), 0);
-  }
+  const ssize_t length = tls_ != nullptr ? SSL_read(tls_, bytes.data(), int{sizeof bytes})
+                                         : ::recv(socket_, bytes.data(), sizeof bytes, 0);
+  ERR_clear_error();
   if (length > 0) buffer_.append(bytes.data(), static_cast<std::size_t>(length));
   return length > 0;
 }
 
 bool ServerConnection::readHead(ReceivedRequest& request) {
   std::size_t end = 0;
-  while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
+  while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
     if (!fill()) return false;
-  }
   std::string head = buffer_.substr(0, end + 2);
   buffer_.erase(0, end + 4);
   request = {};
@@ -73,9 +65,8 @@ bool ServerConnection::readHead(ReceivedRequest& request) {
 
 bool ServerConnection::readBody(ReceivedRequest& request) {
   const std::size_t length = std::strtoul(request.field("content-length").c_str(), nullptr, 10);
-  while (buffer_.size() < length) {
+  while (buffer_.size() < length)
     if (!fill()) return false;
-  }
   request.body = buffer_.substr(0, length);
   buffer_.erase(0, length);
   server_.change([&] { server_.requests_.push_back(request); });
@@ -88,13 +79,10 @@ bool ServerConnection::readRequest(ReceivedRequest& request) {
 
 bool ServerConnection::send(std::string_view bytes) {
   while (!bytes.empty() && socket_ >= 0) {
-    ssize_t sent = 0;
-    if (tls_ != nullptr) {
-      sent = SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size()));
-      ERR_clear_error();
-    } else {
-      sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    }
+    const ssize_t sent = tls_ != nullptr
+                             ? SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size()))
+                             : ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ERR_clear_error();
     if (sent <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(sent));
   }
@@ -121,8 +109,6 @@ void ServerConnection::close() {
     ::close(std::exchange(socket_, -1));
   });
 }
-
-// -- LoopbackServer
 
 LoopbackServer::LoopbackServer(ConnectionHandler handler, Options options, int)
     : handler_(std::move(handler)), options_(std::move(options)) {

@@ -129,4 +129,9 @@ class LoopbackServer {
   bool stopping_ = false;
 };
 
+inline LoopbackServer::RequestHandler answering(int status, std::string body = {},
+                                                std::string fields = {}) {
+  return [=](auto& connection, auto&) { connection.answer(status, body, fields); };
+}
+
 }  // namespace skelda::testing

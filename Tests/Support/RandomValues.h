@@ -20,10 +20,9 @@ Value randomValue(Source& from, unsigned deepest) {
   if (kind == 8) return Date(Date::Microseconds(std::bit_cast<std::int64_t>(from.bits())));
   Array array;
   Dictionary dictionary;
-  for (auto left = kind < 9 ? 0 : from.number(6); left > 0; --left) {
+  for (auto left = kind < 9 ? 0 : from.number(6); left > 0; --left)
     kind == 9 ? array.push_back(randomValue(from, deepest - 1))
               : dictionary.set(from.text(), randomValue(from, deepest - 1));
-  }
   return kind == 9 ? Value(array) : kind == 10 ? Value(dictionary) : Value();
 }
 

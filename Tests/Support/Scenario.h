@@ -30,9 +30,7 @@ class Scenario {
 
     int count(std::string_view part) const {
       int found = 0;
-      for (auto at = output.find(part); at != std::string::npos; at = output.find(part, at + 1)) {
-        ++found;
-      }
+      for (auto at = output.find(part); at != output.npos; at = output.find(part, at + 1)) ++found;
       return found;
     }
   };
@@ -46,16 +44,15 @@ class Scenario {
     if (child == nullptr) throw std::runtime_error("popen");
     Outcome outcome;
     char buffer[4096];
-    for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;) {
+    for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;)
       outcome.output.append(buffer, got);
-    }
     outcome.status = ::pclose(child);
     return outcome;
   }
 
  private:
   static std::map<std::string, Body, std::less<>>& all() {
-    static auto& scenarios = *new std::map<std::string, Body, std::less<>>();
+    static std::map<std::string, Body, std::less<>> scenarios;
     return scenarios;
   }
 };

@@ -41,11 +41,7 @@ class ScopedEnvironment {
 
  private:
   static void apply(const std::string& name, const std::optional<std::string>& value) {
-    if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
+    value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
   }
   std::map<std::string, std::optional<std::string>> saved_;
 };
@@ -81,25 +77,32 @@ inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
+/// The folders above it are made where they are missing.
 inline void writeFile(const std::string& path, std::string_view text) {
+  std::error_code isThere;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), isThere);
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
   ASSERT_TRUE(out.good()) << path;
 }
+/// What everybody may do with it, 0 where it is not there.
+inline unsigned modeOf(const std::string& path) {
+  struct ::stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0U;
+}
 /// The names in a folder, in order; none where there is no folder.
-inline std::vector<std::string> namesIn(const std::string& folder) {
-  std::vector<std::string> names;
+inline Texts namesIn(const std::string& folder) {
+  Texts names;
   std::error_code absent;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, absent)) {
+  for (const auto& entry : std::filesystem::directory_iterator(folder, absent))
     names.push_back(entry.path().filename());
-  }
   std::sort(names.begin(), names.end());
   return names;
 }
 /// The paths under which what stood at that path was set aside.
-inline std::vector<std::string> setAsideOf(const std::string& path) {
+inline Texts setAsideOf(const std::string& path) {
   const std::string folder = std::filesystem::path(path).parent_path();
-  std::vector<std::string> paths;
+  Texts paths;
   for (const auto& name : namesIn(folder)) {
     if ((folder + "/" + name).starts_with(path + ".unread_")) paths.push_back(folder + "/" + name);
   }

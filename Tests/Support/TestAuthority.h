@@ -5,7 +5,6 @@
 
 namespace skelda::testing {
 
-/// A server's certificate and key, as PEM files.
 struct TestCertificate {
   std::string certificateFile;
   std::string keyFile;

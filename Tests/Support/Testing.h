@@ -4,8 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,32 +12,28 @@
 #include <array>
 #include <atomic>
 #include <bit>
-#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <limits>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Platform/Platform.h"
@@ -47,4 +41,10 @@
 namespace skelda::testing {
 using namespace platform;
 using namespace std::chrono_literals;
+using Texts = std::vector<std::string>;
+inline void addWord(std::string& words, const std::string& word) {
+  words += (words.empty() ? "" : " ") + word;
+}
 }  // namespace skelda::testing
+// The tests themselves stand in no namespace but one without a name.
+using namespace skelda::testing;  // NOLINT
