@@ -1,10 +1,7 @@
 #include "Platform/Base/Counted.h"
 
-#include <gtest/gtest.h>
+#include "Tests/Support/Testing.h"
 
-#include <stdexcept>
-
-namespace skelda::platform {
 namespace {
 
 struct Seen {
@@ -43,4 +40,3 @@ TEST(Counted, TellsAnObjectThatSharesItself) {
 }
 
 }  // namespace
-}  // namespace skelda::platform

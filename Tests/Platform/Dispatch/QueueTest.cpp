@@ -3,7 +3,6 @@
 #include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
-namespace skelda::platform {
 namespace {
 
 TEST(QueueTest, ASynchronousBlockRunsOnTheCallerWhetherTheQueueIsIdleOrBusy) {
@@ -95,13 +94,12 @@ TEST(QueueTest, BlocksOfAConcurrentQueueRunSideBySideAndABarrierAlone) {
   queue->barrierSync([&] { EXPECT_EQ(barriers.load(), 286); });
 }
 
-class SuspensionTest : public ::testing::TestWithParam<bool> {
- protected:
-  QueueRef make() {
+struct SuspensionTest : testing::TestWithParam<bool> {
+  static QueueRef make() {
     return GetParam() ? Queue::concurrent("gate", Queue::serial("target")) : Queue::serial("q");
   }
 };
-INSTANTIATE_TEST_SUITE_P(SerialAndConcurrent, SuspensionTest, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(SerialAndConcurrent, SuspensionTest, testing::Bool());
 
 TEST_P(SuspensionTest, SuspensionsCountAndHoldTheOrder) {
   const QueueRef queue = make();
@@ -119,8 +117,9 @@ TEST_P(SuspensionTest, SuspensionsCountAndHoldTheOrder) {
   queue->resume();
   caller.join();
   expectDrained(queue);
-  ASSERT_EQ(ran.size(), 100U);
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(ran[static_cast<std::size_t>(i)], i);
+  std::vector<int> expected(100);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(ran, expected);
 }
 
 TEST_P(SuspensionTest, ABlockThatSuspendsItsQueueIsTheLastOne) {
@@ -146,9 +145,8 @@ TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocksAndThoseOf
     const auto held = std::make_shared<int>();
     const GroupRef group = Group::make();
     queue->suspend();
-    for (const QueueRef& each : {queue, above, Queue::concurrent("gate", above)}) {
+    for (const QueueRef& each : {queue, above, Queue::concurrent("gate", above)})
       each->groupAsync(group, [held] {});
-    }
     std::thread caller([above] {
       EXPECT_THROW(above->sync([] { FAIL(); }), WaitRefused);
       EXPECT_THROW(above->sync([] { FAIL(); }), WaitRefused) << "nor does it later";
@@ -209,21 +207,17 @@ TEST(QueueTest, AWaitThatCannotEndIsRefusedWithTheNamesOfBothQueues) {
   const QueueRef closed = Queue::serial("the closed one", queue);
   const QueueRef alone = Queue::concurrent("with a barrier");
   closed->suspend();
-  const auto refusal = [](const QueueRef& on) -> std::string {
-    try {
-      on->barrierSync([] { ADD_FAILURE(); });
-    } catch (const WaitRefused& refused) {
-      return refused.what();
-    }
-    return "";
+  const auto expectRefusal = [](const QueueRef& on, const char* text) {
+    EXPECT_THAT([&] { on->barrierSync([] { ADD_FAILURE(); }); },
+                testing::ThrowsMessage<WaitRefused>(testing::HasSubstr(text)));
   };
   queue->sync([&] {
-    EXPECT_EQ(refusal(queue),
-              "platform::Queue: a synchronous block on \"the waiting one\" would wait for ever for "
-              "\"the waiting one\"");
-    EXPECT_THAT(refusal(closed), ::testing::HasSubstr("the closed one"));
+    expectRefusal(queue,
+                  "platform::Queue: a synchronous block on \"the waiting one\" would wait "
+                  "for ever for \"the waiting one\"");
+    expectRefusal(closed, "the closed one");
   });
-  alone->sync([&] { EXPECT_THAT(refusal(alone), ::testing::HasSubstr("with a barrier")); });
+  alone->sync([&] { expectRefusal(alone, "with a barrier"); });
   closed->resume();
   for (const QueueRef& each : {queue, closed, alone}) expectDrained(each);
 }
@@ -252,22 +246,18 @@ TEST(QueueTest, AQueueThatAlwaysHasWorkDoesNotStarveOthers) {
       if (!stop) queue->async([this] { again(); });
     }
   };
-  std::vector<std::unique_ptr<Greedy>> greedy;
+  std::list<Greedy> greedy;
   for (int i = 0; i < 16; ++i) {
-    greedy.emplace_back(
-        new Greedy{stop, i % 2 == 0 ? Queue::Priority::high : Queue::Priority::normal});
-    greedy.back()->again();
-    greedy.back()->again();
+    greedy.push_back({stop, i % 2 == 0 ? Queue::Priority::high : Queue::Priority::normal});
+    for (int blocks = 0; blocks < 2; ++blocks) greedy.back().again();
   }
   for (const auto priority : {Queue::Priority::normal, Queue::Priority::background}) {
     const QueueRef modest = Queue::serial("modest", Queue::global(priority));
     for (int i = 0; i < 5; ++i) expectDrained(modest);
   }
   stop = true;
-  for (const auto& one : greedy) {
-    expectDrained(one->queue);
-    expectDrained(one->queue);  // what was posted just before it was to stop
-  }
+  for (const auto& one : greedy)  // and what was posted just before it was to stop
+    for (int times = 0; times < 2; ++times) expectDrained(one.queue);
 }
 
 std::thread::id threadOfMainQueue() {
@@ -349,5 +339,115 @@ TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
   host.join();
 }
 
+constexpr std::size_t kThreads = 4;
+constexpr int kSubmissions = 4000;
+
+/// A queue that watches over what is promised of it.
+struct WatchedQueue {
+  WatchedQueue(bool isSerial, const WatchedQueue* on)
+      : serial(isSerial),
+        target(on),
+        queue(isSerial ? Queue::serial("serial", on != nullptr ? on->queue : nullptr)
+                       : Queue::concurrent("concurrent", on != nullptr ? on->queue : nullptr)) {}
+
+  bool isOrdered() const { return serial || (target != nullptr && target->isOrdered()); }
+
+  void enter(bool barrier) const {
+    const int before = inside.fetch_add(barrier || serial ? kAlone : 1);
+    EXPECT_TRUE(barrier || serial ? before == 0 : before < kAlone) << queue->label() << before;
+    if (target != nullptr) target->enter(false);
+  }
+  void leave(bool barrier) const {
+    if (target != nullptr) target->leave(false);
+    inside.fetch_sub(barrier || serial ? kAlone : 1);
+  }
+  /// One submission: the `number`th of its thread to this queue, if its order is promised.
+  void run(bool barrier, std::size_t thread, int number) {
+    enter(barrier);
+    if (isOrdered() && number > 0) {
+      EXPECT_LT(lastOf[thread], number);
+      lastOf[thread] = number;
+    }
+    ran.fetch_add(1, std::memory_order_relaxed);
+    leave(barrier);
+  }
+
+  static constexpr int kAlone = 1 << 20;
+  const bool serial;
+  const WatchedQueue* const target;
+  const QueueRef queue;
+  mutable std::atomic<int> inside{0};
+  std::array<int, kThreads> lastOf{};
+  std::atomic<int> ran{0};
+};
+
+void submitAtRandom(std::vector<std::unique_ptr<WatchedQueue>>& queues, std::size_t thread,
+                    const GroupRef& group) {
+  std::mt19937 random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()) +
+                      static_cast<unsigned>(thread));
+  for (int number = 1; number <= kSubmissions; ++number) {
+    WatchedQueue* const on = queues[random() % queues.size()].get();
+    Queue& queue = *on->queue;
+    const auto kind = random() % 8;
+    const auto run = [=] { on->run(kind >= 1 && kind <= 3, thread, number); };
+    if (kind == 0) queue.sync(run);
+    if (kind == 1) queue.barrierSync(run);
+    if (kind == 2 || kind == 3) queue.barrierPost(run);
+    if (kind == 4) queue.groupAsync(group, run);
+    if (kind == 5) {
+      group->enter();
+      queue.after(dispatchTimeAfter(1us * (random() % 500)), [=] {
+        on->run(false, thread, 0);
+        group->leave();
+      });
+    } else if (kind == 6) {
+      // A block that goes on to another queue, as the stages of a pipeline do.
+      group->enter();
+      queue.async([=, &queues] {
+        run();
+        WatchedQueue* const next = queues[static_cast<std::size_t>(number) % queues.size()].get();
+        next->ran.fetch_sub(1);  // only the ones submitted from outside are counted
+        next->queue->async([=] {
+          next->run(false, thread, 0);
+          group->leave();
+        });
+      });
+    } else if (kind == 7) {
+      queue.suspend();
+      queue.async(run);
+      if (random() % 4 == 0) std::this_thread::yield();
+      queue.resume();
+    }
+  }
+}
+
+TEST(QueueStressTest, QueuesOverQueuesKeepTheirPromisesUnderAnyMix) {
+  std::vector<std::unique_ptr<WatchedQueue>> queues;
+  const auto add = [&queues](bool serial, const WatchedQueue* target) {
+    return queues.emplace_back(std::make_unique<WatchedQueue>(serial, target)).get();
+  };
+  const auto* serial = add(true, nullptr);
+  const auto* concurrent = add(false, nullptr);
+  for (int i = 0; i < 2; ++i) {
+    const auto* aboveSerial = add(true, serial);
+    add(false, serial);
+    add(true, concurrent);
+    add(false, concurrent);
+    add(true, add(false, aboveSerial));
+  }
+
+  const GroupRef group = Group::make();
+  inThreads(kThreads, [&](std::size_t i) { submitAtRandom(queues, i, group); });
+  ASSERT_EQ(group->wait(dispatchTimeAfter(60s)), 0);
+  // From the top down: what stands above a queue may still be on its way to it.
+  for (auto at = queues.rbegin(); at != queues.rend(); ++at) expectDrained((*at)->queue);
+  for (const auto& queue : queues) queue->queue->barrierSync([] {});
+  int total = 0;
+  for (const auto& queue : queues) {
+    total += queue->ran;
+    EXPECT_EQ(queue->inside, 0);
+  }
+  EXPECT_EQ(total, static_cast<int>(kThreads) * kSubmissions);
+}
+
 }  // namespace
-}  // namespace skelda::platform

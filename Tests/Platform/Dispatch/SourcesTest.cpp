@@ -1,18 +1,14 @@
-// What the layer is told of folders and descriptors.
-
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/ReadSource.h"
 #include "Platform/Dispatch/Wanted.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
-#include "Tests/Support/Recorded.h"
+
 #include "Tests/Support/TemporaryDirectory.h"
 
-namespace skelda::platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// How many watches the process has, of all of its watchers.
 std::size_t systemsWatches() {
   std::size_t count = 0;
   for (const auto& descriptor : fs::directory_iterator("/proc/self/fdinfo")) {
@@ -33,12 +29,12 @@ struct Beside {
     expectDrained(queue);
   }
 
-  skelda::testing::Recorded<unsigned> seen;
+  Recorded<unsigned> seen;
   const QueueRef queue = Queue::serial("beside");
   const std::shared_ptr<FolderSource> source;
 };
 
-class FolderSourceTest : public ::testing::Test {
+class FolderSourceTest : public testing::Test {
  protected:
   FolderSourceTest() {
     fs::create_directory(folder_);
@@ -55,18 +51,16 @@ class FolderSourceTest : public ::testing::Test {
     source->setEventHandler([this](unsigned events) { seen_.add(events); });
     return source;
   }
-  /// Whether that was told, behind the first `from` events.
   bool sees(unsigned event, std::size_t from = 0) {
-    return seen_.waitUntil([&](const std::vector<unsigned>& all) {
-      return all.size() > from && (all.back() & event) != 0;
-    });
+    return seen_.waitUntil(
+        [&](const auto& all) { return all.size() > from && (all.back() & event) != 0; });
   }
 
-  const skelda::testing::TemporaryDirectory temporary_;
+  const TemporaryDirectory temporary_;
   const fs::path outer_ = temporary_.path(), folder_ = outer_ / "watched";
   int descriptor_ = -1;
   QueueRef queue_ = Queue::serial("events");
-  skelda::testing::Recorded<unsigned> seen_;
+  Recorded<unsigned> seen_;
   std::shared_ptr<FolderSource> source_;
 };
 
@@ -189,4 +183,3 @@ TEST(ReadSourceTest, AHangUpIsToldOnceItIsResumedAndNothingAfterTheCancel) {
 }
 
 }  // namespace
-}  // namespace skelda::platform

@@ -1,16 +1,10 @@
 #pragma once
 
-#include "Platform/Dispatch/Group.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Tests/Support/Recorded.h"
 
-namespace skelda::platform {
+namespace skelda::testing {
 
-using testing::becomes;
-using testing::inThreads;
-using namespace std::chrono_literals;
-
-/// Something that happens once, or `times` times, and is waited for with a deadline.
 class Happening {
  public:
   explicit Happening(int times = 1) {
@@ -26,11 +20,10 @@ class Happening {
   GroupRef group_ = Group::make();
 };
 
-/// Waits until the queue has run what was submitted so far.
 inline void expectDrained(const QueueRef& queue) {
   const Happening drained;
   queue->barrierAsync([drained] { drained.happen(); });
   EXPECT_TRUE(drained.cameInTime());
 }
 
-}  // namespace skelda::platform
+}  // namespace skelda::testing

@@ -1,13 +1,15 @@
-// What is waited for: times, groups, and a body that runs once.
-
 #include "Platform/Base/Log.h"
 #include "Platform/Dispatch/Once.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
+#include "Tests/Support/TemporaryDirectory.h"
 
-namespace skelda::platform {
 namespace {
 
-using std::chrono::milliseconds;
+DispatchTime wallTimeIn(std::chrono::nanoseconds delta) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return dispatchWallTime(now.tv_sec, now.tv_nsec + delta.count());
+}
 
 TEST(TimeTest, TimesSaturateInsteadOfWrappingAround) {
   EXPECT_EQ(dispatchTimeAfter(std::chrono::nanoseconds::max()), DispatchTime::forever);
@@ -21,11 +23,9 @@ TEST(TimeTest, TimesSaturateInsteadOfWrappingAround) {
 /// Whether one of the system's timers of the wall clock is told when that is set.
 bool aTimerSeesTheClockSet() {
   for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-    std::ifstream info(descriptor.path());
-    std::stringstream text;
-    text << info.rdbuf();
-    if (text.str().find("clockid: 0\n") == std::string::npos) continue;
-    if (text.str().find("settime flags: 03\n") != std::string::npos) return true;
+    const std::string text = readFile(descriptor.path());
+    if (text.find("clockid: 0\n") == std::string::npos) continue;
+    if (text.find("settime flags: 03\n") != std::string::npos) return true;
   }
   return false;
 }
@@ -35,23 +35,16 @@ TEST(TimeTest, DelayedBlocksComeInTheOrderOfTheirTimesAndNotBeforeThem) {
   std::vector<int> ran;
   Happening all(5);
   const auto begun = std::chrono::steady_clock::now();
-  const auto add = [&](int number, milliseconds delay) {
-    queue->after(dispatchTimeAfter(delay), [&, number, delay] {
+  const auto add = [&](int number, DispatchTime time, std::chrono::milliseconds delay = {}) {
+    queue->after(time, [&, number, delay] {
       EXPECT_GE(std::chrono::steady_clock::now() - begun, delay);
       ran.push_back(number);
       all.happen();
     });
   };
-  add(4, 40ms);
-  add(2, 20ms);
-  add(3, 30ms);
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  queue->after(dispatchWallTime(now.tv_sec, now.tv_nsec + 5'000'000), [&] {
-    ran.push_back(1);
-    all.happen();
-  });
-  add(0, -1ms);
+  for (const int number : {4, 2, 3}) add(number, dispatchTimeAfter(10ms * number), 10ms * number);
+  add(1, wallTimeIn(5ms));
+  add(0, dispatchTimeAfter(-1ms));
   EXPECT_TRUE(aTimerSeesTheClockSet());
   ASSERT_TRUE(all.cameInTime());
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
@@ -75,21 +68,14 @@ TEST(TimeTest, ADueBlockIsHeldByASuspensionAndOneForEverIsThrownAway) {
   EXPECT_TRUE(ran);
 }
 
-DispatchTime wallTimeIn(std::chrono::nanoseconds delta) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return dispatchWallTime(now.tv_sec, now.tv_nsec + delta.count());
-}
-
 TEST(GroupTest, AWaitTellsWhetherTheGroupEmptiedOrTheTimeCame) {
   const GroupRef group = Group::make();
   EXPECT_EQ(group->wait(DispatchTime::now), 0);
   EXPECT_EQ(group->wait(DispatchTime::forever), 0);
   group->enter();
   for (const DispatchTime past : {DispatchTime::now, dispatchTimeAfter(-5s), dispatchTimeAfter(2ms),
-                                  wallTimeIn(2ms), wallTimeIn({}), dispatchWallTime(-1, 0)}) {
+                                  wallTimeIn(2ms), wallTimeIn({}), dispatchWallTime(-1, 0)})
     EXPECT_NE(group->wait(past), 0);
-  }
   Queue::global()->async([group] { group->leave(); });
   EXPECT_EQ(group->wait(wallTimeIn(20s)), 0);
 }
@@ -109,8 +95,7 @@ TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
 
   group->enter();
   group->enter();
-  group->notify(queue, note);
-  group->notify(queue, note);
+  for (int times = 0; times < 2; ++times) group->notify(queue, note);
   group->leave();
   expectDrained(queue);
   EXPECT_EQ(notified, 1);
@@ -119,7 +104,7 @@ TEST(GroupTest, NotificationsComeOnceTheGroupIsEmptyAndAtOnceWhenItIs) {
 }
 
 TEST(GroupDeathTest, LeavingMoreOftenThanEnteringEndsTheProcess) {
-  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_DEATH(Group::make()->leave(), "as often as it is entered");
 }
 
@@ -179,4 +164,3 @@ TEST(OnceTest, WaitingForTheBodyLetsThePoolGrow) {
 }
 
 }  // namespace
-}  // namespace skelda::platform

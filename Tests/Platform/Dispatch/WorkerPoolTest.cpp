@@ -3,7 +3,6 @@
 #include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
-namespace skelda::platform {
 namespace {
 
 /// Threads of the layer with names that begin so, and how often each has gone to sleep by itself.
@@ -11,8 +10,8 @@ std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
   std::map<std::string, long> threads;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::ifstream status(task.path() / "status");
-    std::string line, name;
-    while (std::getline(status, line)) {
+    std::string name;
+    for (std::string line; std::getline(status, line);) {
       if (line.starts_with("Name:")) name = line.substr(6);
       if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin)) {
         threads[task.path().filename().string()] = std::stol(line.substr(24));
@@ -24,8 +23,8 @@ std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
 
 TEST(WorkerPoolTest, SixtyFourChainedSynchronousWaitsDoNotDeadlock) {
   constexpr std::size_t kQueues = 64;
-  std::vector<QueueRef> queues;
-  for (std::size_t i = 0; i < kQueues; ++i) queues.push_back(Queue::serial("link"));
+  std::array<QueueRef, kQueues> queues;
+  for (auto& queue : queues) queue = Queue::serial("link");
   Happening allInside(kQueues), end(kQueues);
   for (std::size_t i = 0; i < kQueues; ++i) {
     queues[i]->async([&, i] {
@@ -82,9 +81,8 @@ TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
 
   // The one for events and one worker stay.
   const auto limit = std::chrono::steady_clock::now() + 30s;
-  while (layerThreads().size() > 2 && std::chrono::steady_clock::now() < limit) {
+  while (layerThreads().size() > 2 && std::chrono::steady_clock::now() < limit)
     std::this_thread::sleep_for(50ms);
-  }
   EXPECT_LE(layerThreads().size(), 2U);
   EXPECT_EQ(layerThreads("skelda-worker").size(), 1U);
   // The last one may still be on its way to sleep; after that the counts stand.
@@ -108,7 +106,7 @@ TEST(WorkerPoolTest, AnIdlePoolShrinksAndThenNothingWakesUp) {
 }
 
 TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
-  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const auto exitWhileWorking = [] {
     // Reached by nothing but the work itself: as leaky as it gets.
     struct Restless {
@@ -127,8 +125,7 @@ TEST(ProcessExitDeathTest, ExitInTheMiddleOfWorkIsClean) {
     if (!underWay.cameInTime()) std::abort();
     std::exit(0);
   };
-  EXPECT_EXIT(exitWhileWorking(), ::testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT(exitWhileWorking(), testing::ExitedWithCode(0), "^$");
 }
 
 }  // namespace
-}  // namespace skelda::platform

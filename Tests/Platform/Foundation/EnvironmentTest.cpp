@@ -1,5 +1,3 @@
-// What the host and its system say: the bundle, locale and time zone.
-
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/EnvironmentMonitor.h"
 #include "Platform/Foundation/Locale.h"
@@ -10,10 +8,6 @@
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
-
-using namespace platform;
-
-using skelda::testing::writeFile;
 
 constexpr std::string_view kInformation =
     "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.example.run</string>"
@@ -27,12 +21,11 @@ class BundleTest : public testing::Test {
     return Bundle::above(root_ / folder + "/program");
   }
 
-  skelda::testing::TemporaryDirectory root_;
-  skelda::testing::LogCapture log_;
+  TemporaryDirectory root_;
+  LogCapture log_;
 };
 
 TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary) {
-  std::filesystem::create_directories(root_ / "Run.app/PlugIns/Watch.appex/bin/Inner.app");
   writeFile(root_ / "Run.app/Info.plist", "<plist><dict/></plist>");
   writeFile(root_ / "Run.app/PlugIns/Info.plist", kInformation);
   writeFile(root_ / "Run.app/PlugIns/Watch.appex/Info.plist", kInformation);
@@ -46,17 +39,13 @@ TEST_F(BundleTest, IsTheNearestFolderAboveTheProgramWithAnInformationDictionary)
   EXPECT_EQ(log_.take().size(), 0u);
 }
 
-TEST_F(BundleTest, IsTheProgramsOwnFolderWhereThereIsNone) {
+TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineWhereThereIsNoFileOrOneThatIsNone) {
   const auto bundle = above("plain.apple/bin");
-  EXPECT_EQ(bundle->bundlePath(), root_ / "plain.apple/bin");
+  EXPECT_EQ(bundle->bundlePath(), root_ / "plain.apple/bin") << "the program's own folder";
   EXPECT_TRUE(bundle->infoDictionary().empty());
   EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
   EXPECT_EQ(log_.take().size(), 1u);
-}
-
-TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
   const std::string information = root_ / "Run.app/Info.plist";
-  std::filesystem::create_directories(root_ / "Run.app");
   writeFile(information, std::string(2 << 20, 'a'));
   EXPECT_TRUE(above("Run.app")->infoDictionary().empty());
   EXPECT_EQ(log_.take().size(), 1u);
@@ -70,8 +59,7 @@ TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineForAFileThatIsNone) {
 class EnvironmentTest : public testing::Test {
  protected:
   EnvironmentTest() {
-    for (const char* const name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"})
-      environment_.set(name, std::nullopt);
+    for (const auto name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"}) environment_.set(name, {});
     std::filesystem::create_directories(root_ / "etc/default");
   }
 
@@ -86,8 +74,8 @@ class EnvironmentTest : public testing::Test {
     std::filesystem::rename(root_ / "new", root_ / name);
   }
 
-  skelda::testing::ScopedEnvironment environment_;
-  skelda::testing::TemporaryDirectory root_;
+  ScopedEnvironment environment_;
+  TemporaryDirectory root_;
 };
 
 TEST_F(EnvironmentTest, ReadsLanguageAndCountryOfALocaleName) {
@@ -95,14 +83,12 @@ TEST_F(EnvironmentTest, ReadsLanguageAndCountryOfALocaleName) {
     environment_.set("LANG", name);
     return Locale::current(root_.path());
   };
-  EXPECT_EQ(locale("en_NZ.UTF-8"), (Locale{"en", "NZ"}));
-  EXPECT_EQ(locale("ast_ES.utf8@euro"), (Locale{"ast", "ES"}));
-  EXPECT_EQ(locale("EN_gb"), (Locale{"en", "GB"}));
-  EXPECT_EQ(locale("eo"), (Locale{"eo", {}}));
-  EXPECT_EQ(locale("es_419.UTF-8"), (Locale{"es", "419"}));
-  EXPECT_EQ(locale("zh_Hans_CN"), (Locale{"zh", "CN"}));
-  EXPECT_EQ(locale("sr_Latn@modifier"), (Locale{"sr", {}}));
-  EXPECT_EQ(locale("de@phonebook"), (Locale{"de", {}}));
+  const std::pair<const char*, Locale> cases[] = {
+      {"en_NZ.UTF-8", {"en", "NZ"}},    {"ast_ES.utf8@euro", {"ast", "ES"}},
+      {"EN_gb", {"en", "GB"}},          {"eo", {"eo", {}}},
+      {"es_419.UTF-8", {"es", "419"}},  {"zh_Hans_CN", {"zh", "CN"}},
+      {"sr_Latn@modifier", {"sr", {}}}, {"de@phonebook", {"de", {}}}};
+  for (const auto& [name, expected] : cases) EXPECT_EQ(locale(name), expected) << name;
   for (const char* name : {"C", "C.UTF-8", "POSIX", "e_GB", "en_", "en_GBR", "en-GB", "en_G\n",
                            "en_41", "en_4190", "zh_Hans_", "../../etc/passwd"})
     EXPECT_EQ(locale(name), Locale()) << name;
@@ -124,7 +110,6 @@ TEST_F(EnvironmentTest, TakesTheFirstSourceThatNamesALocale) {
 }
 
 TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheVariable) {
-  std::filesystem::create_directories(root_ / "usr/share/zoneinfo");
   writeFile(root_ / "usr/share/zoneinfo/EST5EDT", "");
   const auto zone = [this](const std::string& value) {
     environment_.set("TZ", value);
@@ -173,8 +158,8 @@ class Observer {
     for (const auto token : tokens_) NotificationCenter::defaultCenter().removeObserver(token);
   }
   bool sees(std::ptrdiff_t locales, std::ptrdiff_t zones) {
-    return seen_->waitUntil([&](const std::vector<Sight>& all) {
-      const auto of = [&](std::string_view name) {
+    return seen_->waitUntil([&](const auto& all) {
+      const auto of = [&](auto name) {
         return std::ranges::count(all, name, &Sight::notification);
       };
       return of(kCurrentLocaleDidChangeNotification) == locales &&
@@ -182,7 +167,7 @@ class Observer {
     });
   }
   bool sees(const Locale& locale, const char* zone) {
-    return seen_->waitUntil([&](const std::vector<Sight>& all) {
+    return seen_->waitUntil([&](const auto& all) {
       return !all.empty() && all.back().locale == locale && all.back().zone.name == zone;
     });
   }
@@ -193,8 +178,7 @@ class Observer {
     Locale locale;
     TimeZone zone;
   };
-  std::shared_ptr<skelda::testing::Recorded<Sight>> seen_ =
-      std::make_shared<skelda::testing::Recorded<Sight>>();
+  std::shared_ptr<Recorded<Sight>> seen_ = std::make_shared<Recorded<Sight>>();
   std::vector<NotificationCenter::Token> tokens_;
 };
 

@@ -5,10 +5,9 @@
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
-namespace skelda::testing {
 namespace {
 
-class FileHandleTest : public ::testing::Test {
+class FileHandleTest : public testing::Test {
  protected:
   FileHandleTest() { writeFile(path_, "0123456789"); }
   TemporaryDirectory directory_;
@@ -34,7 +33,6 @@ TEST_F(FileHandleTest, ReadsWhatTheFileStillGivesWhateverIsAskedFor) {
   std::string whole;
   EXPECT_EQ(both.write("?", 20) | both.read(whole, 100, 0), 0);
   EXPECT_EQ(whole, "0123456789 and more!?");
-  // A file that does not tell its size.
   EXPECT_GT(FileHandle::forReadingAtPath("/proc/self/status")->readDataToEndOfFile().length(), 99u);
 }
 
@@ -68,11 +66,13 @@ TEST_F(FileHandleTest, WritesWhereItStandsAndNeverMakesAFile) {
 TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
   const FaultyFileCalls plan;
   const auto handle = FileHandle::forWritingAtPath(path_);
+  const auto writeThreeBytes = [&](int error) {
+    plan->failKind("write", 1, {.shortLength = 3});
+    plan->failCall(2, {.error = error});
+    EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+  };
   handle->seekToEndOfFile();
-  // Three bytes go in, then the disk is full.
-  plan->failKind("write", 1, {.shortLength = 3});
-  plan->failCall(2, {.error = ENOSPC});
-  EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+  writeThreeBytes(ENOSPC);
   EXPECT_EQ(plan->faults(), 2u);
   EXPECT_EQ(readFile(path_), "0123456789");
   handle->writeData(Data("kept"));
@@ -80,10 +80,8 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
 
   // Where not even the cut succeeds, it is made before the next write.
   for (const auto kind : {"status", "truncate"}) {
-    plan->failKind("write", 1, {.shortLength = 3});
-    plan->failCall(2, {.error = EIO});
-    plan->failKind(kind, 1, {.error = EIO});
-    EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+    plan->failKind(kind);
+    writeThreeBytes(EIO);
     EXPECT_TRUE(readFile(path_).ends_with("los"));
     handle->seekToEndOfFile();
     handle->writeData(Data("+"));
@@ -94,28 +92,23 @@ TEST_F(FileHandleTest, AFailedWriteLeavesTheFileAsLongAsItWas) {
   std::filesystem::resize_file(path_, 3);
   handle->writeData(Data("kept"));
   EXPECT_EQ(readFile(path_), "012kept");
-  plan->failKind("write", 1, {.shortLength = 3});
-  plan->failCall(2, {.error = EIO});
-  plan->failKind("truncate", 1, {.error = EIO});
-  EXPECT_THROW(handle->writeData(Data("lost bytes")), Exception);
+  plan->failKind("truncate");
+  writeThreeBytes(EIO);
   std::filesystem::resize_file(path_, 1);
   handle->writeData(Data("too"));
   EXPECT_EQ(readFile(path_), "0too");
 
   for (const auto kind : {"write", "truncate", "syncData", "close"}) {
-    plan->failKind(kind, 1, {.error = EIO});
-    EXPECT_THROW(
-        {
-          handle->writeData(Data("+"));
-          handle->truncateFileAtOffset(17);
-          handle->synchronizeFile();
-          handle->closeFile();
-        },
-        Exception)
-        << kind;
+    plan->failKind(kind);
+    const auto all = [&] {
+      handle->writeData(Data("+"));
+      handle->truncateFileAtOffset(17);
+      handle->synchronizeFile();
+      handle->closeFile();
+    };
+    EXPECT_THROW(all(), Exception) << kind;
     plan->clear();
   }
 }
 
 }  // namespace
-}  // namespace skelda::testing

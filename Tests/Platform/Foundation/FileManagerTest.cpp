@@ -9,37 +9,30 @@
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
-namespace skelda::testing {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 const std::string kOld = "old content";
 const std::string kNew(300'000, 'n');
 
 /// A storage folder with a folder of committed files in it, as the agent has them.
-class FileManagerTest : public ::testing::Test {
+class FileManagerTest : public testing::Test {
  protected:
   FileManagerTest() {
     EXPECT_TRUE(manager_.createDirectoryAtPath(committed_, true));
     writeFile(source_, kNew);
   }
-  std::vector<std::string> names(const std::string& folder) const {
+  Texts names(const std::string& folder) const {
     auto found = manager_.contentsOfDirectoryAtPath(folder).value();
-    std::sort(found.begin(), found.end());
+    std::ranges::sort(found);
     return found;
   }
   bool hasTemporaries() const {
-    const auto all = names(storage_);
-    return std::any_of(all.begin(), all.end(), [](const std::string& name) {
+    return std::ranges::any_of(names(storage_), [](const std::string& name) {
       return name.starts_with(FileManager::kTemporaryPrefix);
     });
-  }
-  static ::mode_t modeOf(const std::string& path) {
-    struct ::stat status;
-    EXPECT_EQ(::stat(path.c_str(), &status), 0);
-    return status.st_mode & 0777;
   }
 
   FileManager manager_;
@@ -66,13 +59,12 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
   };
   for (const auto& [source, destination, code] : refused) {
     EXPECT_FALSE(manager_.copyItemAtPath(source, destination, &error)) << destination;
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), code) << destination;
+    EXPECT_EQ(codeOf(error), code) << destination;
   }
   EXPECT_FALSE(manager_.fileExistsAtPath(source_ + '\0'));
   EXPECT_EQ(manager_.contentsAtPath(source_ + '\0'), std::nullopt);
   EXPECT_EQ(readFile(destination_), kOld);
-  EXPECT_EQ(names(committed_), std::vector<std::string>{"log_1"});
+  EXPECT_EQ(names(committed_), Texts{"log_1"});
   EXPECT_FALSE(hasTemporaries());
 }
 
@@ -94,14 +86,12 @@ TEST_F(FileManagerTest, AKillInTheMiddleLeavesWholeFilesAndSweepableRests) {
     const std::string archive = readFile(kept);
     EXPECT_TRUE(archive == kOld || archive == kNew) << archive.size();
   }
-  for (const std::string& name : names(committed_)) {
+  for (const std::string& name : names(committed_))
     EXPECT_EQ(std::filesystem::file_size(committed_ + "/" + name), kNew.size()) << name;
-  }
   // One more rest, whatever the kills left.
   writeFile(storage_ + "/.skelda-tmp-0123-1-1", "rest");
   EXPECT_GE(manager_.sweepTemporaryFiles(storage_), 1u);
-  EXPECT_EQ(names(storage_),
-            (std::vector<std::string>{".skelda-other", "archive", "committed", "log"}));
+  EXPECT_EQ(names(storage_), (Texts{".skelda-other", "archive", "committed", "log"}));
 }
 
 TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBehind) {
@@ -109,22 +99,16 @@ TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBe
   for (std::size_t call = 1; true; ++call) {
     writeFile(archive, kOld);
     std::filesystem::remove(destination_);
-    const auto plan = std::make_shared<FaultPlan>();
-    bool copied = false;
-    bool replaced = false;
-    {
-      FaultyFileCalls calls(plan);
-      plan->failCall(call, {.error = EIO});
-      copied = manager_.copyItemAtPath(source_, destination_);
-      plan->failCall(call, {.error = EIO});
-      replaced = manager_.writeData(Data(kNew), archive, true);
-    }
+    const FaultyFileCalls plan;
+    plan->failCall(call, {.error = EIO});
+    const bool copied = manager_.copyItemAtPath(source_, destination_);
+    plan->failCall(call, {.error = EIO});
+    const bool replaced = manager_.writeData(Data(kNew), archive, true);
+    plan->clear();
     // A failed close or synchronisation comes too late to take the file back.
     const bool published = manager_.fileExistsAtPath(destination_);
     EXPECT_TRUE(published || !copied) << call;
-    if (published) {
-      EXPECT_EQ(readFile(destination_), kNew) << call;
-    }
+    EXPECT_TRUE(!published || readFile(destination_) == kNew) << call;
     const std::string now = readFile(archive);
     EXPECT_TRUE(now == kNew || (now == kOld && !replaced)) << call;
     EXPECT_FALSE(hasTemporaries()) << call;
@@ -137,11 +121,8 @@ TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBe
 }
 
 TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
-  const struct {
-    const char* kind;
-    Fault fault;
-    const char* inUse;  ///< a kind that must be called because of it
-  } cases[] = {
+  // The last is a kind that must be called because of the fault.
+  const std::tuple<const char*, Fault, const char*> cases[] = {
       {"open", {.error = EINTR, .times = 3}, "open"},
       {"status", {.error = EINTR}, "status"},
       {"copyRange", {.error = EINTR, .times = 3}, "copyRange"},
@@ -155,24 +136,21 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
       {"renameNoReplace", {.error = ENOSYS}, "unlink"},
       {"setAttribute", {.error = ENOTSUP}, "setAttribute"},
   };
-  for (const auto& row : cases) {
+  for (const auto& [kind, fault, inUse] : cases) {
     std::filesystem::remove(destination_);
-    const FaultyFileCalls plan;
-    plan->failKind(row.kind, 1, row.fault);
+    const FaultyFileCalls plan(kind, fault);
     ErrorRef error;
-    EXPECT_TRUE(manager_.copyItemAtPath(source_, destination_, &error))
-        << row.kind << description(error);
-    EXPECT_EQ(readFile(destination_), kNew) << row.kind;
+    EXPECT_TRUE(manager_.copyItemAtPath(source_, destination_, &error)) << kind << codeOf(error);
+    EXPECT_EQ(readFile(destination_), kNew) << kind;
     EXPECT_TRUE(manager_.excludeFromBackup(destination_));
-    EXPECT_GT(plan->faults(), 0u) << row.kind;
-    EXPECT_GT(plan->calls(row.inUse), 0u) << row.kind;
-    EXPECT_FALSE(hasTemporaries()) << row.kind;
+    EXPECT_GT(plan->faults(), 0u) << kind;
+    EXPECT_GT(plan->calls(inUse), 0u) << kind;
+    EXPECT_FALSE(hasTemporaries()) << kind;
     // Without a rename that refuses, the link does.
-    plan->failKind(row.kind, 1, row.fault);
+    plan->failKind(kind, 1, fault);
     EXPECT_FALSE(manager_.copyItemAtPath(source_, destination_));
   }
-  const FaultyFileCalls plan;
-  plan->failKind("write", 1, {.shortLength = 1, .times = 4});
+  const FaultyFileCalls plan("write", {.shortLength = 1, .times = 4});
   plan->failKind("read", 1, {.error = EINTR, .times = 2});
   EXPECT_TRUE(manager_.writeData(Data(kNew), source_, true));
   EXPECT_EQ(manager_.contentsAtPath(source_), Data(kNew));
@@ -242,13 +220,13 @@ TEST_F(FileManagerTest, BackupExclusionIsAnAttributeOfTheFile) {
 TEST(FolderMaking, MakesWhatIsMissingWithoutWaitingAndSynchronisesItWhenAsked) {
   const TemporaryDirectory root;
   const FaultyFileCalls plan;
-  std::vector<std::string> changed;
+  Texts changed;
   EXPECT_TRUE(makeFolders(root / "a/b/c", changed));
   EXPECT_TRUE(std::filesystem::is_directory(root / "a/b/c"));
-  EXPECT_EQ(std::filesystem::status(root / "a").permissions(), std::filesystem::perms::owner_all);
+  EXPECT_EQ(modeOf(root / "a"), 0700u);
   EXPECT_THAT(changed, ElementsAre(root.path(), root / "a", root / "a/b"));
   EXPECT_EQ(plan->calls("sync"), 0u);
-  std::vector<std::string> again;
+  Texts again;
   EXPECT_TRUE(makeFolders(root / "a/b/c", again));
   EXPECT_THAT(again, IsEmpty());
 
@@ -268,14 +246,13 @@ TEST(FolderMaking, MakesWhatIsMissingWithoutWaitingAndSynchronisesItWhenAsked) {
 
 TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
   TemporaryHome home;
-  const auto withIdentifier = [](const char* identifier) {
-    Dictionary information;
-    if (identifier != nullptr) information.set("CFBundleIdentifier", identifier);
+  const auto with = [](Dictionary information) {
     Bundle::setMain(std::make_shared<const Bundle>("/x.appex", "/x.appex/x", information));
     return FileManager::applicationSupportDirectory();
   };
+  const auto withIdentifier = [&](const char* id) { return with({{"CFBundleIdentifier", id}}); };
+  EXPECT_EQ(with({}), home / "data/x.appex");
   EXPECT_EQ(withIdentifier("com.example.run"), home / "data/com.example.run");
-  EXPECT_EQ(withIdentifier(nullptr), home / "data/x.appex");
   EXPECT_EQ(withIdentifier("../evil"), home / "data/.._evil");
   EXPECT_EQ(withIdentifier(".."), home / "data/_.");
   home.environment().set("XDG_DATA_HOME", "relative");
@@ -288,4 +265,3 @@ TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -3,8 +3,6 @@
 
 namespace {
 
-using namespace platform;
-
 std::string xml(std::string_view content) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//X//EN\" "
          "\"http://x.example/P.dtd\">\n<plist version=\"1.0\">" +
@@ -22,14 +20,11 @@ std::string repeated(std::string_view text, int count) {
 }
 
 /// Lays encoded objects out as a binary property list; the first is the root.
-class BinaryList {
- public:
-  std::vector<std::string> objects = {};
+struct BinaryList {
+  Texts objects = {};
   std::uint64_t root = 0;
-  std::optional<std::uint64_t> tableOffset = {};
-  std::optional<std::uint64_t> count = {};
-  unsigned offsetSize = 2;
-  unsigned referenceSize = 1;
+  std::optional<std::uint64_t> tableOffset = {}, count = {};
+  unsigned offsetSize = 2, referenceSize = 1;
 
   std::string bytes() const {
     std::string list = "bplist00";
@@ -38,12 +33,9 @@ class BinaryList {
       table += bigEndian(list.size(), offsetSize);
       list += object;
     }
-    const std::uint64_t end = list.size();
-    list += table + std::string(6, '\0');
-    list += static_cast<char>(offsetSize);
-    list += static_cast<char>(referenceSize);
-    list += bigEndian(count.value_or(objects.size()), 8) + bigEndian(root, 8);
-    return list + bigEndian(tableOffset.value_or(end), 8);
+    return list + table + std::string(6, '\0') + bigEndian(offsetSize, 1) +
+           bigEndian(referenceSize, 1) + bigEndian(count.value_or(objects.size()), 8) +
+           bigEndian(root, 8) + bigEndian(tableOffset.value_or(list.size()), 8);
   }
 
   static std::string bigEndian(std::uint64_t value, unsigned width) {
@@ -145,18 +137,20 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
       {{"\xD1\x01\x02", std::string("\x52k\0", 3), "\x09"}},      // and in ASCII
       {{"\x51\xE5"}},                                             // text that is not UTF-8
       {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},                 // a date past every calendar
-      {{std::string("\x33\x41\xDF\xFF\xFF\xFF\xC0\0\0",
-                    9)}},  // and past what the library counts in
+      // And past what the library counts in.
+      {{std::string("\x33\x41\xDF\xFF\xFF\xFF\xC0\0\0", 9)}},
       {{std::string("\x33\x41\xE0\0\0\0\0\0\0", 9)}},
       {{"\xD1\x01\x02", "\x51\xE5", "\x09"}},  // a key that is not UTF-8
-      {{"\x51x"}, 1},
-      {{"\x51x"}, 0, 7},
-      {{"\x51x"}, 0, 1 << 20},
-      {{"\x51x"}, 0, {}, std::uint64_t{1} << 62},
-      {{"\x51x"}, 0, {}, {}, 0},
-      {{"\x51x"}, 0, {}, {}, 9},
-      {{"\x51x"}, 0, {}, {}, 2, 0},
   };
+  const Texts x{"\x51x"};  // in lists whose trailers lie
+  for (const BinaryList& lying : {BinaryList{x, 1},
+                                  {x, 0, 7},
+                                  {x, 0, 1 << 20},
+                                  {x, 0, {}, std::uint64_t{1} << 62},
+                                  {x, 0, {}, {}, 0},
+                                  {x, 0, {}, {}, 9},
+                                  {x, 0, {}, {}, 2, 0}})
+    cases.push_back(lying);
   // Nested too deeply; and small, but unfolding to two to the 40th objects.
   for (const auto& [levels, fanOut] : {std::pair(100, 1), std::pair(40, 2)}) {
     BinaryList list;

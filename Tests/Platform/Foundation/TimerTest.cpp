@@ -2,7 +2,6 @@
 
 #include "Tests/Platform/Dispatch/Waiting.h"
 
-namespace skelda::platform {
 namespace {
 
 using std::chrono::milliseconds;
@@ -50,4 +49,3 @@ TEST(TimerTest, NoTickBeginsAfterItIsInvalidatedOrLetGo) {
 }
 
 }  // namespace
-}  // namespace skelda::platform

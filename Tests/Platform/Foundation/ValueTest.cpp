@@ -5,8 +5,6 @@
 
 namespace {
 
-using namespace platform;
-
 constexpr auto kSignedMax = std::numeric_limits<std::int64_t>::max();
 constexpr auto kSignedMin = std::numeric_limits<std::int64_t>::min();
 constexpr auto kUnsignedMax = std::numeric_limits<std::uint64_t>::max();
@@ -43,12 +41,12 @@ TEST(ValueTest, NestsAsDeepAsMemoryGoes) {
   constexpr int kLevels = 300'000;
   Value nested(7);
   for (int level = 0; level < kLevels; ++level) {
+    Array array{"beside"};
+    Dictionary dictionary;
     if (level % 2 == 0) {
-      Array array{"beside"};
       array.push_back(std::move(nested));
       nested = std::move(array);
     } else {
-      Dictionary dictionary;
       dictionary.set("key", std::move(nested));
       nested = std::move(dictionary);
     }
@@ -113,8 +111,7 @@ TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {
       {Data("\0\1", 2), "AAE="},
       {Date(Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
       {Date(Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
-      {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"},
-  };
+      {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"}};
   for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
 }
 

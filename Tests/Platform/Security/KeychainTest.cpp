@@ -21,10 +21,9 @@ std::atomic<int> secretsGivenBack{0};
 
 void giveBack(void* memory) noexcept {
   if (memory != nullptr && looksForSecrets) {
-    for (const auto& secret : secrets) {
+    for (const auto& secret : secrets)
       secretsGivenBack +=
           memmem(memory, malloc_usable_size(memory), secret.data(), secret.size()) != nullptr;
-    }
   }
   std::free(memory);
 }
@@ -45,16 +44,14 @@ void operator delete(void* memory, std::size_t) noexcept {
   giveBack(memory);
 }
 
-namespace skelda::testing {
 namespace {
 
-using namespace platform;  // NOLINT: the status codes and calls under test
 constexpr auto kUnlocked = KeychainAccessibility::whenUnlocked;
 constexpr auto kThisDevice = KeychainAccessibility::afterFirstUnlockThisDeviceOnly;
 
 /// A keychain, and a machine with an id, of the test's own. Nothing is kept between calls, so that
 /// every look-up is one after a restart.
-class KeychainTest : public ::testing::Test {
+class KeychainTest : public testing::Test {
  protected:
   KeychainTest() {
     setSystemRoot(home_.path());
@@ -65,7 +62,6 @@ class KeychainTest : public ::testing::Test {
     DeviceLock::setLocked(false);
   }
   void becomeMachine(char digit) {
-    std::filesystem::create_directories(home_ / "etc");
     writeFile(home_ / "etc/machine-id", std::string(32, digit) + "\n");
   }
   static KeychainQuery query(std::string account, std::string service = "service") {
@@ -77,11 +73,9 @@ class KeychainTest : public ::testing::Test {
     return status == errSecSuccess ? value.string() : std::to_string(status);
   }
   std::string folder() const { return home_ / "state/skelda-keychain"; }
-  /// The only service's file.
   std::string file() const {
-    for (const auto& entry : std::filesystem::directory_iterator(folder())) {
-      if (entry.path().extension() == ".json") return entry.path().string();
-    }
+    for (const auto& name : namesIn(folder()))
+      if (name.ends_with(".json")) return folder() + "/" + name;
     return {};
   }
   void replaceInFile(const std::string& from, const std::string& to) {
@@ -111,9 +105,7 @@ TEST_F(KeychainTest, ItemsAreAddedReadReplacedAndRemoved) {
   EXPECT_EQ(SecItemAdd(query("id", "\xff"), Data("x"), kUnlocked), errSecParam);
 
   for (const auto& entry : std::filesystem::directory_iterator(folder())) {
-    struct ::stat status;
-    ASSERT_EQ(::stat(entry.path().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u) << entry.path();
+    EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
     EXPECT_EQ(readFile(entry.path().string()).find("three"), std::string::npos);
   }
 }
@@ -142,24 +134,19 @@ TEST_F(KeychainTest, ThisDeviceItemsDoNotOpenOnAnotherMachine) {
 }
 
 TEST_F(KeychainTest, TamperedItemsDoNotOpen) {
-  const struct {
-    const char* from;
-    const char* to;
-    OSStatus status = errSecDecode;
-  } changes[] = {
-      {"\"sealed\": \"", "\"sealed\": \"AAAA"},
+  const std::tuple<const char*, const char*, OSStatus> changes[] = {
+      {"\"sealed\": \"", "\"sealed\": \"AAAA", errSecDecode},
       {"\"sealed\": \"", "\"another\": \"", errSecItemNotFound},
-      {"\"nonce\": \"", "\"nonce\": \"AAAA"},
-      {"afterFirstUnlockThisDeviceOnly", "whenUnlocked"},
+      {"\"nonce\": \"", "\"nonce\": \"AAAA", errSecDecode},
+      {"afterFirstUnlockThisDeviceOnly", "whenUnlocked", errSecDecode},
       {"afterFirstUnlockThisDeviceOnly", "always", errSecItemNotFound},
-      {"\"service\": \"service\"", "\"service\": \"another\""},
-      {"\"version\": 1", "\"version\": 2"},
-      {"{", "["},
-  };
-  for (const auto& change : changes) {
+      {"\"service\": \"service\"", "\"service\": \"another\"", errSecDecode},
+      {"\"version\": 1", "\"version\": 2", errSecDecode},
+      {"{", "[", errSecDecode}};
+  for (const auto& [from, to, status] : changes) {
     ASSERT_EQ(SecItemAdd(query("id"), Data("secret"), kThisDevice), errSecSuccess);
-    replaceInFile(change.from, change.to);
-    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), change.status) << change.to;
+    replaceInFile(from, to);
+    EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), status) << to;
     std::filesystem::remove(file());
   }
   // Sealed bytes moved to another account of the same service.
@@ -198,7 +185,6 @@ TEST_F(KeychainTest, AKeyThatIsNoneIsSetAsideByTheNextWrite) {
     EXPECT_EQ(SecItemCopyMatching(query("id"), nullptr), errSecDecode);
     EXPECT_EQ(SecItemUpdate(query("id"), Data("new")), errSecSuccess);
     EXPECT_EQ(valueOf(query("id")), "new");
-    Log::flush(20s);
     EXPECT_EQ(log.count("sealing.key is no key"), 1u);
   }
   EXPECT_EQ(readFile(key + ".damaged"), std::string(33, 'k'));
@@ -237,16 +223,12 @@ TEST_F(KeychainTest, NoKeyStaysInMemoryThatIsGivenBack) {
 }
 
 TEST_F(KeychainTest, WhicheverCallFailsForWantOfDescriptorsNoItemIsMissingOrReplaced) {
-  const struct {
-    std::function<OSStatus()> operation;
-    OSStatus usual;
-    std::string after;  // where it has succeeded
-  } operations[] = {
-      {[] { return SecItemUpdate(query("id"), Data("new")); }, errSecSuccess, "new"},
-      {[] { return SecItemAdd(query("id"), Data("new"), kThisDevice); }, errSecDuplicateItem,
-       "old"},
-      {[] { return SecItemCopyMatching(query("id"), nullptr); }, errSecSuccess, "old"},
-  };
+  const auto id = query("id");
+  // What it answers, and what is there where it has succeeded.
+  const std::tuple<std::function<OSStatus()>, OSStatus, std::string> operations[] = {
+      {[&] { return SecItemUpdate(id, Data("new")); }, errSecSuccess, "new"},
+      {[&] { return SecItemAdd(id, Data("new"), kThisDevice); }, errSecDuplicateItem, "old"},
+      {[&] { return SecItemCopyMatching(id, nullptr); }, errSecSuccess, "old"}};
   ASSERT_EQ(SecItemAdd(query("id"), Data("old"), kThisDevice), errSecSuccess);
   for (const auto& [operation, usual, after] : operations) {
     std::size_t call = 1;
@@ -283,12 +265,9 @@ TEST_F(KeychainTest, ThreadsAndProcessesLoseNothingOfEachOther) {
   third.join();
   EXPECT_EQ(first.wait(), 0);
   EXPECT_EQ(second.wait(), 0);
-  for (const char owner : {'x', 'y', 't', 'u'}) {
-    for (char c = '0'; c <= '9'; ++c) {
-      const std::string account{owner, c};
-      EXPECT_EQ(valueOf(query(account)), account);
-    }
-  }
+  for (const char owner : {'x', 'y', 't', 'u'})
+    for (char c = '0'; c <= '9'; ++c)
+      EXPECT_EQ(valueOf(query({owner, c})), (std::string{owner, c}));
 }
 
 TEST(SealingTest, NeverUsesANonceTwiceAndRefusesLengthsThatDoNotFit) {
@@ -310,4 +289,3 @@ TEST(SealingTest, NeverUsesANonceTwiceAndRefusesLengthsThatDoNotFit) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

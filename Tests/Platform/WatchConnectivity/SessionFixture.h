@@ -4,38 +4,28 @@
 #include "Platform/WatchConnectivity/Session/WCSession.h"
 #include "Tests/Support/Recorded.h"
 
-/// A delegate that writes down what it hears, to be waited for.
-class RecordingDelegate : public platform::WCSessionDelegate {
+class RecordingDelegate : public WCSessionDelegate, public Recorded<std::string> {
  public:
-  explicit RecordingDelegate(unsigned calls = platform::kWCAllDelegateCalls) : calls_(calls) {}
+  explicit RecordingDelegate(unsigned calls = kWCAllDelegateCalls) : calls_(calls) {}
   unsigned answeredCalls() const override { return calls_; }
 
-  void sessionActivationDidComplete(platform::WCSession&, bool activated,
-                                    const platform::ErrorRef&) override {
+  void sessionActivationDidComplete(WCSession&, bool activated, const ErrorRef&) override {
     add(activated ? "activated" : "not activated");
   }
-  void sessionReachabilityDidChange(platform::WCSession& session) override {
+  void sessionReachabilityDidChange(WCSession& session) override {
     add(session.isReachable() ? "peer came" : "peer went");
   }
-  void sessionDidReceiveMessage(platform::WCSession&,
-                                const platform::Dictionary& message) override {
-    add("message " + platform::jsonText(message));
+  void sessionDidReceiveMessage(WCSession&, const Dictionary& message) override {
+    add("message " + jsonText(message));
   }
-  void sessionDidReceiveUserInfo(platform::WCSession&, const platform::Dictionary& info) override {
-    add("info " + platform::jsonText(info));
+  void sessionDidReceiveUserInfo(WCSession&, const Dictionary& info) override {
+    add("info " + jsonText(info));
   }
-  void sessionDidFinishUserInfoTransfer(platform::WCSession&,
-                                        const platform::WCSessionUserInfoTransfer& transfer,
-                                        const platform::ErrorRef& error) override {
-    add((error ? "failed " : "finished ") + platform::jsonText(transfer.userInfo));
+  void sessionDidFinishUserInfoTransfer(WCSession&, const WCSessionUserInfoTransfer& transfer,
+                                        const ErrorRef& error) override {
+    add((error ? "failed " : "finished ") + jsonText(transfer.userInfo));
   }
-
-  /// Waits until so many calls have come; what has come by the deadline is returned.
-  std::vector<std::string> wait(std::size_t count) { return heard_.wait(count); }
-  std::vector<std::string> heard() { return heard_.all(); }
 
  private:
-  void add(std::string text) { heard_.add(std::move(text)); }
   const unsigned calls_;
-  skelda::testing::Recorded<std::string> heard_;
 };

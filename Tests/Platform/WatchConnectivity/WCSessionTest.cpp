@@ -15,8 +15,6 @@
 // accept4() as the program sees it: refused for want of descriptors while the test says so.
 namespace {
 
-using namespace platform;
-using namespace std::chrono_literals;
 std::atomic<bool> refuseToAccept{false};
 std::atomic<int> refusals{0};
 }  // namespace
@@ -85,7 +83,7 @@ TEST_F(WCSessionTest, WhatAPeerTookWithItUnacknowledgedIsOfferedAgain) {
                   nullptr);
   watchEnd_->setJoined(true);
   watch_->transferUserInfo({{"n", 1}});
-  for (int i = 0; i < 1000 && packets == 0; ++i) std::this_thread::yield();
+  EXPECT_TRUE(becomes([&] { return packets > 0; }));
   watchEnd_->setJoined(false);
   watchEnd_->setJoined(true);
   atWatch_->wait(4);  // activated, came, went, came
@@ -127,24 +125,25 @@ class WCSocketTransportTest : public testing::Test {
   }
   std::string path() const { return folder_ / "watch.sock"; }
   static PhoneLink::Clock::time_point soon() { return PhoneLink::Clock::now() + 10s; }
+  /// Hands it over and answers under which identifier the watch says that it has it.
+  static std::uint64_t handOver(PhoneLink& phone, std::uint64_t identifier, Dictionary content,
+                                std::chrono::milliseconds pause = {}) {
+    EXPECT_TRUE(phone.send({WCPacket::Kind::userInfo, identifier, std::move(content)}, pause));
+    const auto answer = phone.receive(soon());
+    return answer && answer->kind == WCPacket::Kind::received ? answer->identifier : 0;
+  }
 
-  skelda::testing::TemporaryDirectory folder_;
+  TemporaryDirectory folder_;
   std::shared_ptr<WCDefaultSession> session_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 };
 
 TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
-  struct stat status {};
-  ASSERT_EQ(::stat(path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  EXPECT_EQ(modeOf(path()), 0600u);
   PhoneLink phone(path());
   ASSERT_TRUE(phone.connect(soon()));
-  ASSERT_TRUE(phone.send({WCPacket::Kind::userInfo, 5, {{"skelda://id1", "v"}}}, 1ms));
-  const auto answer = phone.receive(soon());
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->kind, WCPacket::Kind::received);
-  EXPECT_EQ(answer->identifier, 5u);
-  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"skelda://id1":"v"})"));
+  EXPECT_EQ(handOver(phone, 5, {{"skelda://id1", "v"}}, 1ms), 5u);
+  EXPECT_THAT(delegate_->all(), Contains(R"(info {"skelda://id1":"v"})"));
   session_->transferUserInfo({{"skelda://id3", "YES"}});
   EXPECT_EQ(phone.receive(soon())->content, (Dictionary{{"skelda://id3", "YES"}}));
 }
@@ -152,12 +151,11 @@ TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
 TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
   const auto whole =
       WCPacketFraming::framed(WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
-  std::vector<std::string> attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced",
-                                   std::string(4, '\0'), std::string(4, '\xff'),
-                                   std::string("\x05\x00\x00\x00", 4) + "trash"};
+  Texts attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced", std::string(4, '\0'),
+                std::string(4, '\xff'), std::string("\x05\x00\x00\x00", 4) + "trash"};
   for (std::size_t cut = 0; cut < whole->length(); ++cut)
     attacks.push_back(whole->string().substr(0, cut));
-  std::size_t heard = delegate_->heard().size();
+  std::size_t heard = delegate_->all().size();
   for (const auto& attack : attacks) {
     PhoneLink hostile(path());
     ASSERT_TRUE(hostile.connect(soon()));
@@ -170,12 +168,9 @@ TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
   }
   PhoneLink phone(path());
   ASSERT_TRUE(phone.connect(soon()));
-  phone.send({WCPacket::Kind::userInfo, 9, {{"after", "all"}}});
-  const auto answer = phone.receive(soon());
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->identifier, 9u);
-  EXPECT_THAT(delegate_->heard(), Contains(R"(info {"after":"all"})"));
-  EXPECT_THAT(delegate_->heard(), testing::Not(Contains(R"(info {"k":"v"})")));
+  EXPECT_EQ(handOver(phone, 9, {{"after", "all"}}), 9u);
+  EXPECT_THAT(delegate_->all(), Contains(R"(info {"after":"all"})"));
+  EXPECT_THAT(delegate_->all(), testing::Not(Contains(R"(info {"k":"v"})")));
 }
 
 TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
@@ -187,14 +182,13 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
     return delegate->wait(1);
   };
   {
-    const skelda::testing::LogCapture log;
-    EXPECT_THAT(outcomeOf(path()), testing::ElementsAre("not activated"));
+    const LogCapture log;
+    EXPECT_THAT(outcomeOf(path()), ElementsAre("not activated"));
     EXPECT_EQ(log.count("Address already in use"), 1u);
   }
 
-  // A process that was killed leaves its socket behind.
-  const std::string stale = folder_ / "stale.sock";
-  skelda::testing::ChildProcess child([&] {
+  const std::string stale = folder_ / "stale.sock";  // left by a process that was killed
+  ChildProcess child([&] {
     const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -202,7 +196,7 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
     return ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
   });
   ASSERT_EQ(child.wait(), 0);
-  EXPECT_THAT(outcomeOf(stale), testing::ElementsAre("activated"));
+  EXPECT_THAT(outcomeOf(stale), ElementsAre("activated"));
 }
 
 TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRunsInCircles) {
@@ -213,53 +207,33 @@ TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRuns
   std::this_thread::sleep_for(200ms);
   EXPECT_EQ(refusals, 1);
   refuseToAccept = false;
-  phone.send({WCPacket::Kind::userInfo, 7, {{"late", "but here"}}});
-  const auto answer = phone.receive(soon());
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->identifier, 7u);
+  EXPECT_EQ(handOver(phone, 7, {{"late", "but here"}}), 7u);
 }
 
-/// Keeps the places of what it hears until it is told to give them up.
-struct SlowReceiver {
-  using Place = WCTransport::Place;
-  skelda::testing::Recorded<std::shared_ptr<Place>> heard;
-
-  WCTransport::Receiver receiver() {
-    return {
-        .peerDidChange = [](bool) {},
-        .didReceivePacket =
-            [this](auto&&, Place place) { heard.add(std::make_shared<Place>(std::move(place))); }};
-  }
-  std::size_t waitFor(std::size_t wanted, std::chrono::milliseconds limit = 10s) {
-    return heard.wait(wanted, limit).size();
-  }
-  void giveUp() {
-    for (const auto& place : heard.all()) *place = Place();
-  }
-};
-
 TEST(WCSocketTransportLimitTest, APeerThatSendsFasterThanItIsLookedAtIsNotReadMeanwhile) {
-  struct Case {
-    std::size_t packets, length, atMost;
-  };
-  for (const auto& [packets, length, atMost] : {Case{300, 100, 64}, Case{12, 300 << 10, 4}}) {
-    skelda::testing::TemporaryDirectory folder;
-    SlowReceiver slow;
+  using Place = WCTransport::Place;
+  const std::array<std::size_t, 3> cases[] = {{300, 100, 64}, {12, 300 << 10, 4}};
+  for (const auto& [packets, length, atMost] : cases) {
+    TemporaryDirectory folder;
+    Recorded<std::shared_ptr<Place>> taken;  // a place is held until it is given up
+    const auto take = [&](auto&&, Place place) {
+      taken.add(std::make_shared<Place>(std::move(place)));
+    };
     const auto transport = WCSocketTransport::make(folder / "watch.sock");
-    ASSERT_TRUE(transport->open(slow.receiver(), nullptr));
+    ASSERT_TRUE(transport->open({.peerDidChange = [](bool) {}, .didReceivePacket = take}, nullptr));
     std::thread sender([&, count = packets, size = length] {
       PhoneLink phone(folder / "watch.sock");
       ASSERT_TRUE(phone.connect(PhoneLink::Clock::now() + 10s));
       const auto frame = WCPacketFraming::framed(Data(std::string(size, 'x')));
       for (std::size_t i = 0; i < count; ++i) phone.sendBytes(frame->view());
-      slow.waitFor(count);
+      taken.wait(count);
     });
-    EXPECT_EQ(slow.waitFor(atMost), atMost);
-    EXPECT_EQ(slow.waitFor(atMost + 1, 50ms), atMost);
-    for (std::size_t heard = atMost; heard < packets; heard = slow.waitFor(heard + 1))
-      slow.giveUp();
+    EXPECT_EQ(taken.wait(atMost).size(), atMost);
+    EXPECT_EQ(taken.wait(atMost + 1, 50ms).size(), atMost);
+    for (std::size_t heard = atMost; heard < packets; heard = taken.wait(heard + 1).size())
+      for (const auto& place : taken.all()) *place = Place();
     sender.join();
-    EXPECT_EQ(slow.waitFor(packets), packets) << "all of them, in the end";
+    EXPECT_EQ(taken.wait(packets).size(), packets) << "all of them, in the end";
   }
 }
 
