@@ -1,13 +1,9 @@
 #include "Analytics/Reachability/SkeldaReachability.h"
 
-#include "Analytics/Streaming/Data Providers/ISkeldaDataProviderObserver.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
-#include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Support/Recorded.h"
 
-namespace skelda::testing {
 namespace {
 
 constexpr const char* kInside = "SKELDA_TEST_IN_NETWORK_NAMESPACE";
@@ -16,13 +12,10 @@ bool run(const std::string& command) {
   return std::system(command.c_str()) == 0;
 }
 
-class Updates : public ISkeldaDataProviderObserver {
- public:
-  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { ++count; }
-  std::atomic<int> count = 0;
+struct Updates : ISkeldaDataProviderObserver, Recorded<bool> {
+  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { add(true); }
 };
 
-/// Whether the network was reachable at each notification, in order.
 class Notices {
  public:
   Notices()
@@ -76,9 +69,8 @@ TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {
   ASSERT_TRUE(notices.wait(false));
   ASSERT_TRUE(run("ip route add 198.51.100.0/24 nexthop dev v0 nexthop dev v1"));
   ASSERT_TRUE(notices.wait(true));
-  EXPECT_GE(updates->count, 6);
-  EXPECT_EQ(swallowedExceptions(), 0u);
+  EXPECT_GE(updates->size(), 6U);
+  EXPECT_EQ(skelda::swallowedExceptions(), 0u);
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -1,5 +1,3 @@
-// The agent's files, its key-value store and its keychain.
-
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
@@ -7,15 +5,10 @@
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/FaultyFiles.h"
 
-namespace skelda::testing {
 namespace {
 
-std::int64_t codeOf(const ErrorRef& error) {
-  return error ? error->code() : 0;
-}
-
 /// The agent's file manager and handle over calls that fail as told.
-class StreamFilesTest : public ::testing::Test {
+class StreamFilesTest : public testing::Test {
  protected:
   StreamFilesTest() { writeFile(path_, "0123456789"); }
 
@@ -66,12 +59,8 @@ TEST_F(StreamFilesTest, NilPathsAreRefused) {
 }
 
 TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
-  const struct {
-    const char* kind;
-    std::function<bool()> operation;
-    int code;        ///< of the platform's failure
-    int closedCode;  ///< without a handle
-  } cases[] = {
+  // The last numbers are the codes of the platform's failure, and without a handle.
+  const std::tuple<const char*, std::function<bool()>, int, int> cases[] = {
       {"read", [&] { return handle_.readDataOfLength(4, &error_).has_value(); }, 4, 1},
       {"read", [&] { return handle_.availableDataWithError(&error_).has_value(); }, 4, 1},
       {"write", [&] { return handle_.writeData(Data("lost"), &error_), error_ == nullptr; }, 6, 1},
@@ -79,16 +68,16 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
       {"truncate", [&] { return handle_.truncateFileToZeroBytes(); }, 0, 0},
       {"syncData", [&] { return handle_.synchronizeFile(); }, 0, 0},
   };
-  for (const auto& row : cases) {
+  for (const auto& [kind, operation, code, closedCode] : cases) {
     handle_.openForReadingFile(path_, nullptr);
-    plan_->failKind(row.kind);
+    plan_->failKind(kind);
     error_ = nullptr;
-    EXPECT_FALSE(row.operation()) << row.kind;
-    EXPECT_EQ(codeOf(error_), row.code) << row.kind;
+    EXPECT_FALSE(operation()) << kind;
+    EXPECT_EQ(codeOf(error_), code) << kind;
     plan_->failKind("close");
     handle_.closeFile();
-    EXPECT_FALSE(row.operation()) << row.kind;
-    EXPECT_EQ(codeOf(error_), row.closedCode) << row.kind;
+    EXPECT_FALSE(operation()) << kind;
+    EXPECT_EQ(codeOf(error_), closedCode) << kind;
   }
   EXPECT_EQ(readFile(path_), "0123456789");
   plan_->failKind("open", 1, {.error = EMFILE});
@@ -103,10 +92,9 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   EXPECT_EQ(codeOf(error_), 1);
 }
 
-class KVStorageTest : public ::testing::Test {
+class KVStorageTest : public testing::Test {
  protected:
   static SkeldaKVStorage& store() { return *SkeldaKVStorage::sharedInstance(); }
-  /// What the file alone tells.
   static void restart() { SkeldaKVStorage::resetSharedInstance(); }
 
   AgentHome home_;
@@ -148,9 +136,8 @@ TEST_F(KVStorageTest, NilKeysAndWhatNoPropertyListHoldsAreRefused) {
   Value deep = 1;
   for (int i = 0; i < 100; ++i) deep = Value(Array{std::move(deep)});
   for (const Value& refused : {Value(), Value(Array{nullptr}), Value(Dictionary{{"a", nullptr}}),
-                               Value("\xff"), Value(Dictionary{{"\xff", 1}}), deep}) {
+                               Value("\xff"), Value(Dictionary{{"\xff", 1}}), deep})
     store().setObject(refused, "key");
-  }
   store().setObject(1, std::nullopt);
   store().setString(std::nullopt, "key");
   EXPECT_EQ(store().allKeys().size(), 0u);
@@ -158,15 +145,14 @@ TEST_F(KVStorageTest, NilKeysAndWhatNoPropertyListHoldsAreRefused) {
 }
 
 TEST_F(KVStorageTest, WhatIsNoStoreIsAnEmptyOneAndIsSetAsideWhereItIsNoFile) {
-  const auto holding = [&](const std::string& content) {
-    return [this, content] { writeFile(path_, content); };
-  };
   const std::function<void()> cases[] = {
-      holding(""),
-      holding("garbage"),
-      holding("{\"archive\":\"skelda\",\"version\":1"),
-      holding(archivedData({"NSArray", Array{1, 2}}).string()),
-      holding(std::string(100, '[')),
+      [&] { writeFile(path_, ""); },
+      [&] { writeFile(path_, "garbage"); },
+      [&] { writeFile(path_, "{\"archive\":\"skelda\",\"version\":1"); },
+      [&] {
+        writeFile(path_, archivedData({"NSArray", Array{1, 2}}).view());
+      },
+      [&] { writeFile(path_, std::string(100, '[')); },
       [&] { std::filesystem::create_directories(path_ + "/inside"); },
       [&] { ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0); },
       [&] { std::filesystem::create_symlink("/dev/zero", path_); },
@@ -193,8 +179,7 @@ TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
   restart();
   const std::string before = readFile(path_);
   {
-    const FaultyFileCalls plan;
-    plan->failAll("open", EMFILE);
+    const FaultyFileCalls plan("open", Fault::always(EMFILE));
     store().setInteger(2, "new");
     store().removeObjectForKey("removed");
     EXPECT_EQ(store().integerForKey("new"), 2);
@@ -206,10 +191,11 @@ TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
     EXPECT_EQ(readFile(path_), before);
     EXPECT_GE(plan->faults(), 4u);
   }
-  EXPECT_EQ(store().integerForKey("counter"), 57) << "read again when it can be";
-  EXPECT_TRUE(store().isPersisted());
-  restart();
-  EXPECT_EQ(store().integerForKey("counter"), 57);
+  for (const bool restarted : {false, true}) {  // read again when it can be
+    if (restarted) restart();
+    EXPECT_EQ(store().integerForKey("counter"), 57);
+    EXPECT_TRUE(store().isPersisted());
+  }
   EXPECT_EQ(store().integerForKey("new"), 2);
   EXPECT_TRUE(store()["removed"].isNull());
 }
@@ -232,10 +218,9 @@ TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
   EXPECT_EQ(store().integerForKey("two"), 2);
 }
 
-class KeychainWrapperTest : public ::testing::Test {
- protected:
+struct KeychainWrapperTest : testing::Test {
   ~KeychainWrapperTest() override { DeviceLock::setLocked(false); }
-  TemporaryHome home_;
+  const TemporaryHome home;
 };
 
 TEST_F(KeychainWrapperTest, TheServiceIsTheBundlesIdentifierAndTheGivenOne) {
@@ -258,8 +243,7 @@ TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
   EXPECT_FALSE(wrapper.isAbsent("key"));
   DeviceLock::setLocked(false);
   for (const char* call : {"open", "read", "status"}) {
-    const FaultyFileCalls plan;
-    plan->failKind(call, 1, {.error = EMFILE});
+    const FaultyFileCalls plan(call, {.error = EMFILE});
     EXPECT_FALSE(wrapper.isAbsent("key")) << call;
     EXPECT_EQ(plan->faults(), 1u) << call;
   }
@@ -267,8 +251,7 @@ TEST_F(KeychainWrapperTest, WhatCannotBeReadJustNowIsNotAbsent) {
 
 TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
   SkeldaKeychainWrapper wrapper(kSkeldaKeychainIdentifier);
-  EXPECT_TRUE(wrapper.setString("one", "key"));
-  EXPECT_TRUE(wrapper.setThisDeviceString("two", "key"));
+  EXPECT_TRUE(wrapper.setString("one", "key") && wrapper.setThisDeviceString("two", "key"));
   EXPECT_EQ(wrapper.stringForKey("key"), "two");
   DeviceLock::setLocked(true);
   EXPECT_EQ(wrapper.stringForKey("key"), std::nullopt) << "the first accessibility is kept";
@@ -279,7 +262,7 @@ TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
 
   EXPECT_TRUE(wrapper.setObject(KeyedArchive{"Thing", {{"a", 1}}}, "object"));
   EXPECT_EQ(wrapper.objectForKey("object")->className, "Thing");
-  EXPECT_EQ(wrapper.objectForKey("key").has_value(), false);
+  EXPECT_FALSE(wrapper.objectForKey("key").has_value());
   EXPECT_TRUE(wrapper.setData(Data("\xff"), "bytes"));
   EXPECT_EQ(wrapper.dataForKey("bytes"), Data("\xff"));
   EXPECT_EQ(wrapper.stringForKey("bytes"), std::nullopt);
@@ -293,4 +276,3 @@ TEST_F(KeychainWrapperTest, ValuesComeBackAndDuplicatesReplaceThem) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

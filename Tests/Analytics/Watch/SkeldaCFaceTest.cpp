@@ -28,7 +28,6 @@ thread_local bool noMemory = false;
   std::free(memory);
 }
 
-namespace skelda::testing {
 namespace {
 
 struct Free {
@@ -93,8 +92,7 @@ void sayEverything() {
   skelda_put_boolean(lap.get(), "on", true);
   skelda_put_date(lap.get(), "at", 1'000'000);
   skelda_put_value(lap.get(), "list", list.get());
-  skelda_put_text(words.get(), nullptr, "a");
-  skelda_put_text(words.get(), nullptr, "b");
+  for (const char* word : {"a", "b"}) skelda_put_text(words.get(), nullptr, word);
   expect(skelda_log_event("Lap", lap.get()), "event");
   expect(skelda_start_timed_event("Climb", nullptr), "start");
   expect(skelda_end_timed_event("Climb", nullptr), "end");
@@ -196,26 +194,29 @@ const Scenario fromC("from C", [] {
   callCancelled();
   expect(lines > 1 && skelda_flush_log(INT64_MAX), "lines came");
   skelda_set_log_sink(nullptr, nullptr);
-  std::string said;
-  for (const auto& message : recorder->messages(24)) {
-    if (const auto* e = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
-      expect(Date::now() - *e->timestamp() < 5min, "its own time");
-      expect(e->duration() == 0, "no duration, as the frame catalogue says");
-      said += std::to_string(e->eventId()) + *e->eventType() + " " + *e->eventName() +
-              (e->timed() ? e->starting() ? " start" : " end" : "") +
-              Value(e->parameters()).description() + (e->transaction() ? "bought" : "");
-    } else if (const auto* p = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
-      said += std::to_string(p->callType()) + *p->propertyName() +
-              Value(p->propertyValues().value()).description();
-    } else if (message->frameType() == 146 || message->frameType() >= 174) {
-      const auto payload = message->payload();
-      said += payload ? payload->string() : "nobody";
-    } else {
-      continue;
+  const auto said = [&] {
+    std::string text;
+    for (const auto& message : recorder->messages()) {
+      if (const auto* e = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
+        expect(Date::now() - *e->timestamp() < 5min, "its own time");
+        expect(e->duration() == 0, "no duration, as the frame catalogue says");
+        text += std::to_string(e->eventId()) + *e->eventType() + " " + *e->eventName() +
+                (e->timed() ? e->starting() ? " start" : " end" : "") +
+                Value(e->parameters()).description() + (e->transaction() ? "bought" : "");
+      } else if (const auto* p = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
+        text += std::to_string(p->callType()) + *p->propertyName() +
+                Value(p->propertyValues().value()).description();
+      } else if (message->frameType() == 146 || message->frameType() >= 174) {
+        const auto payload = message->payload();
+        text += payload ? payload->string() : "nobody";
+      } else {
+        continue;
+      }
+      text += "\n";
     }
-    said += "\n";
-  }
-  expect(said == kSaid, said.c_str());
+    return text;
+  };
+  expect(becomes([&] { return said() == kSaid; }), said().c_str());
   skelda_account account;
   const std::unique_ptr<char, void (*)(char*)> status(skelda_status(), skelda_text_free);
   expect(
@@ -235,4 +236,3 @@ TEST(SkeldaCFace, SaysWhatTheClassesSayAndNothingThrownGetsThrough) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -17,10 +17,7 @@
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/Scenario.h"
 
-namespace skelda::testing {
 namespace {
-
-// -- Starting
 
 const Scenario firstEvents("the first events", [] {
   auto information = kWatch;
@@ -42,7 +39,7 @@ const Scenario firstEvents("the first events", [] {
   std::vector<std::uint32_t> ids;
   for (const auto& message : recorder->messages(14)) {
     ++counts[message->frameType()];
-    const auto event = std::dynamic_pointer_cast<SkeldaStreamEvent>(message);
+    const auto* const event = dynamic_cast<SkeldaStreamEvent*>(message.get());
     if (event != nullptr) ids.push_back(event->eventId());
   }
   expect(ids == std::vector<std::uint32_t>{1, 2}, "ids in order from 1");
@@ -51,14 +48,13 @@ const Scenario firstEvents("the first events", [] {
                                              {162, 1}, {171, 1}, {174, 1}};
   expect(counts == expected, "each message once");
   expect(SkeldaDataSender::sharedInstance() != nullptr, "somebody sends");
-  expect(swallowedExceptions() == 0, "nothing swallowed");
+  expect(skelda::swallowedExceptions() == 0, "nothing swallowed");
   return failures;
 });
 
 TEST(SkeldaWatch, TheFirstEventStartsTheAgentOnceAndLetsThroughWhatWasSaidBefore) {
   AgentHome home;
   const std::string left = home / "data/com.example.run/SkeldaFiles/.skelda-tmp-left";
-  std::filesystem::create_directories(std::filesystem::path(left).parent_path());
   writeFile(left, "half-made by a process that is gone");
   const auto outcome = Scenario::run("the first events");
   EXPECT_FALSE(std::filesystem::exists(left));
@@ -125,7 +121,7 @@ const Scenario manyThreads("eight threads", [] {
   const auto lastOf = [](const auto& messages) {
     std::uint32_t last = 0;
     for (const auto& message : messages) {
-      const auto event = std::dynamic_pointer_cast<SkeldaStreamEvent>(message);
+      const auto* const event = dynamic_cast<SkeldaStreamEvent*>(message.get());
       if (event == nullptr) continue;
       expect(last == 0 || event->eventId() == last + 1, "no gap");
       last = event->eventId();
@@ -133,7 +129,7 @@ const Scenario manyThreads("eight threads", [] {
     return last;
   };
   expect(becomes([&] { return lastOf(recorder->messages()) == kAll; }), "the last event");
-  expect(swallowedExceptions() == 0, "nothing swallowed");
+  expect(skelda::swallowedExceptions() == 0, "nothing swallowed");
   return failures;
 });
 
@@ -161,14 +157,6 @@ TEST(SkeldaWatch, AStartThatThrowsCountsAsDoneAndIsSaidOnce) {
             1);
 }
 
-const Scenario folderOfAnother("a folder that another process holds", [] {
-  const HostBundle host(kWatch);
-  SkeldaCCPA::setDelete();
-  expect(SkeldaWatch::logWatchEvent("Lap") == 0, "refused");
-  expect(SkeldaWatch::account().refused.otherProcess == 2, "counted");
-  return failures;
-});
-
 const Scenario choicesAlone("choices and then the end", [] {
   const HostBundle host(kWatch);
   SkeldaUserProperties::flag(SkeldaPropertySubscriber);
@@ -182,6 +170,14 @@ TEST(SkeldaWatch, SaysWhatAnEarlierProcessHasLeftWaiting) {
   const auto outcome = Scenario::run("choices and then the end");
   EXPECT_EQ(outcome.count("brought back 0 events and 2 choices"), 1) << outcome.output;
 }
+
+const Scenario folderOfAnother("a folder that another process holds", [] {
+  const HostBundle host(kWatch);
+  SkeldaCCPA::setDelete();
+  expect(SkeldaWatch::logWatchEvent("Lap") == 0, "refused");
+  expect(SkeldaWatch::account().refused.otherProcess == 2, "counted");
+  return failures;
+});
 
 TEST(SkeldaWatch, LogsNothingWhereAnotherProcessHoldsTheFolder) {
   AgentHome home;
@@ -202,8 +198,6 @@ TEST(SkeldaWatch, IsSafeFromManyThreads) {
   EXPECT_EQ(outcome.status, 0) << outcome.output;
 }
 
-// -- Settings and small questions
-
 TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
   const std::pair<SkeldaValue, unsigned> cases[] = {{"YES", 2}, {"yEs", 2},  {1, 2},      {true, 2},
                                                     {"1", 0},   {"", 0},     {"YESS", 0}, {0, 0},
@@ -220,9 +214,8 @@ TEST(SkeldaWatch, TheDebugSwitchIsANumberOrTheTextYes) {
 TEST(SkeldaWatch, KnowsTheAgentsOwnUserInfoByItsKeys) {
   for (const char* key : {"skelda://id1", "skelda://id2", "skelda://id3", "skelda://id4"}) {
     const bool own = std::string_view(key) != "skelda://id4";
-    for (const SkeldaValue& info : {SkeldaValue{{key, 1}}, SkeldaValue(SkeldaArray{7, key})}) {
+    for (const SkeldaValue& info : {SkeldaValue{{key, 1}}, SkeldaValue(SkeldaArray{7, key})})
       EXPECT_EQ(SkeldaWatch::isSkeldaUserInfo(info), own) << info.description();
-    }
     EXPECT_FALSE(SkeldaWatch::skeldaUserInfo(key));
   }
 }
@@ -249,4 +242,9 @@ TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
 }
 
 }  // namespace
-}  // namespace skelda::testing
+
+int main(int argc, char** argv) {
+  if (!Scenario::requested().empty()) return Scenario::runRequested();
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

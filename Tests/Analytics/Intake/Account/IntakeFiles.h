@@ -10,7 +10,6 @@
 
 namespace skelda::testing {
 
-/// A folder for an intake file, and what tests of it have in common.
 struct IntakeFiles {
   static constexpr std::size_t kCapacity = std::size_t{64} << 10;
   static constexpr std::uint64_t kKey = 77;
@@ -36,22 +35,17 @@ inline SkeldaIntakeTicket append(SkeldaIntakeFile& file, const std::string& payl
 }
 
 inline std::uint64_t settledCount(SkeldaIntakeFile& file, SkeldaIntakeFile::Kind kind) {
-  std::uint64_t count = 0;
-  for (const auto& one : file.page().settled[static_cast<std::size_t>(kind) - 1]) count += one;
-  return count;
+  const auto& settled = file.page().settled[static_cast<std::size_t>(kind) - 1];
+  return std::accumulate(std::begin(settled), std::end(settled), std::uint64_t{0});
 }
 
-/// By what is taken from the file, which is then empty.
 inline bool addsUp(SkeldaIntakeFile& file) {
-  const auto& page = file.page();
-  for (const auto kind : {SkeldaIntakeFile::Kind::event, SkeldaIntakeFile::Kind::choice}) {
+  const auto adds = [&](SkeldaIntakeFile::Kind kind) {
     const std::size_t index = static_cast<std::size_t>(kind) - 1;
-    if (page.accepted[index] !=
-        settledCount(file, kind) + page.cutOff[index] + file.waitingCount(kind)) {
-      return false;
-    }
-  }
-  return true;
+    return file.page().accepted[index] ==
+           settledCount(file, kind) + file.page().cutOff[index] + file.waitingCount(kind);
+  };
+  return adds(SkeldaIntakeFile::Kind::event) && adds(SkeldaIntakeFile::Kind::choice);
 }
 
 /// A payload that says which one it is.
@@ -70,12 +64,10 @@ struct Numbered {
     Numbered numbered;
     if (text.size() < sizeof numbered) return std::nullopt;
     std::memcpy(&numbered, text.data(), sizeof numbered);
-    if (text != numbered.text()) return std::nullopt;
-    return numbered;
+    return text == numbered.text() ? std::optional(numbered) : std::nullopt;
   }
 };
 
-/// A place of a record, and the record.
 struct Slot {
   SkeldaIntakeLayout::Place place;
   SkeldaIntakeLayout::Record& record;

@@ -1,12 +1,9 @@
 #include "Analytics/Intake/Journal/SkeldaIntakeCall.h"
 
-#include <fmt/format.h>
-
+#include "Tests/Support/Documents.h"
 #include "Tests/Support/RandomValues.h"
 
 namespace {
-
-using namespace platform;
 
 using Call = SkeldaIntakeCall;
 
@@ -25,7 +22,7 @@ class RandomValues {
   std::size_t number(std::size_t end) { return static_cast<std::size_t>(random_() % end); }
 
   std::uint64_t bits() { return random_(); }
-  Value value(unsigned deepest) { return skelda::testing::randomValue(*this, deepest); }
+  Value value(unsigned deepest) { return randomValue(*this, deepest); }
   std::string text() {
     std::string text(number(4) == 0 ? number(300) : number(12), ' ');
     for (char& byte : text) byte = static_cast<char>(random_());
@@ -55,29 +52,21 @@ TEST(SkeldaIntakeCall, ReadsBackAnyValuesAndNothingElse) {
     Call::read(damaged);  // says something or nothing, and harms nobody
   }
   for (const auto* hostile :
-       {"", "\x01", "\x09", "\xff\x01", "\x01\x09\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff"}) {
+       {"", "\x01", "\x09", "\xff\x01", "\x01\x09\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff"})
     EXPECT_FALSE(Call::read(hostile));
-  }
 }
 
 TEST(SkeldaIntakeCall, IsWrittenAsTheDocumentShows) {
   const Value name("lap"), parameters{{"n", -3}};
   std::string hex = "\n\n   ";
-  for (const char byte : encoded(Call::Kind::event, {name, parameters})) {
+  for (const char byte : encoded(Call::Kind::event, {name, parameters}))
     hex += fmt::format(" {:02x}", static_cast<unsigned char>(byte));
-  }
-  std::ifstream document(std::string(SKELDA_DOCS_FOLDER) + "/intake-format.md");
-  const std::string text(std::istreambuf_iterator<char>(document), {});
-  EXPECT_NE(text.find(hex + "\n\n"), std::string::npos) << hex;
+  EXPECT_NE(document("intake-format.md").find(hex + "\n\n"), std::string::npos) << hex;
 }
 
 Value nested(unsigned levels) {
   Value value = "bottom";
-  for (unsigned level = 0; level < levels; ++level) {
-    Array around;
-    around.push_back(std::move(value));
-    value = std::move(around);
-  }
+  for (unsigned level = 0; level < levels; ++level) value = Array{std::move(value)};
   return value;
 }
 

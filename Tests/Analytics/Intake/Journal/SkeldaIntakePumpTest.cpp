@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
 #include "Analytics/Intake/Journal/SkeldaIntakePump.h"
@@ -16,8 +18,11 @@
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 
-namespace skelda::testing {
 namespace {
+
+using testing::AllOf;
+using testing::Ge;
+using testing::Le;
 
 using Kind = SkeldaIntakeCall::Kind;
 using Outcome = SkeldaIntakeOutcome;
@@ -64,9 +69,10 @@ struct AgentRun {
   }
   template <class... Given>
   bool call(Kind kind, const Given&... given) const {
-    return [&](const auto&... values) {
+    const auto accept = [&](const auto&... values) {
       return pump->accept(kind, {std::cref(values)...});
-    }(Value(given)...);
+    };
+    return accept(Value(given)...);
   }
   bool event(const std::string& name) const { return call(Kind::event, name, nullptr); }
   bool isStored() const { return file->waitUntilSettled(std::chrono::steady_clock::now() + 20s); }
@@ -76,52 +82,38 @@ struct AgentRun {
   }
 };
 
-/// What the call behind the message said.
-std::string saidBy(const Message& message) {
-  if (const auto* event = dynamic_cast<const SkeldaStreamEvent*>(message.get())) {
+std::string saidBy(const ISkeldaStreamMessage& message) {
+  if (const auto* event = dynamic_cast<const SkeldaStreamEvent*>(&message))
     return base64Decoded(*event->eventName())->string();
-  }
-  if (const auto* property = dynamic_cast<const SkeldaStreamUserProperties*>(message.get())) {
+  if (const auto* property = dynamic_cast<const SkeldaStreamUserProperties*>(&message))
     return *property->propertyName();
-  }
-  if (const auto* user = dynamic_cast<const SkeldaStreamUserId*>(message.get())) {
-    return *user->userId();
-  }
-  return std::to_string(message->frameType());
+  if (const auto* user = dynamic_cast<const SkeldaStreamUserId*>(&message)) return *user->userId();
+  return std::to_string(message.frameType());
+}
+Texts saidBy(const std::vector<Message>& messages) {
+  Texts said;
+  for (const auto& message : messages) said.push_back(saidBy(*message));
+  return said;
 }
 
 TEST(SkeldaIntakePump, KeepsTheOrderOfCallsOverAllSources) {
   AgentRun run(SkeldaIntakeFile::inMemory(1 << 20));
   std::mt19937 random(7);
-  std::vector<std::string> said;
+  Texts said;
   for (int i = 0; i < 2000; ++i) {
     if (i == 500) run.start();
     const std::string text = "call " + std::to_string(i);
-    switch (random() % 7) {
-      case 0:
-        run.call(Kind::userId, Value(text)), said.push_back(text);
-        break;
-      case 1:
-        run.call(Kind::addProperties, Value(text), Value(Array{"v"}));
-        said.push_back(text);
-        break;
-      case 2:
-        run.call(Kind::optOut, Value(true)), said.emplace_back("174");
-        break;
-      case 3:
-        run.call(Kind::deletion), said.emplace_back("175");
-        break;
-      case 4:
-        run.call(Kind::clearProperties, Value(text)), said.push_back(text);
-        break;
-      default:
-        run.event(text), said.push_back(text);
-    }
+    const auto kind = random() % 7;
+    if (kind == 0) run.call(Kind::userId, Value(text));
+    if (kind == 1) run.call(Kind::addProperties, Value(text), Value(Array{"v"}));
+    if (kind == 2) run.call(Kind::optOut, Value(true));
+    if (kind == 3) run.call(Kind::deletion);
+    if (kind == 4) run.call(Kind::clearProperties, Value(text));
+    if (kind > 4) run.event(text);
+    said.push_back(kind == 2 ? "174" : kind == 3 ? "175" : text);
   }
   ASSERT_TRUE(run.isStored());
-  std::vector<std::string> came;
-  for (const auto& message : run.pipeline->messages(said.size())) came.push_back(saidBy(message));
-  EXPECT_EQ(came, said);
+  EXPECT_EQ(saidBy(run.pipeline->messages(said.size())), said);
 }
 
 TEST(SkeldaIntakePump, SettlesWhatASourceRefusesWithItsReason) {
@@ -162,9 +154,8 @@ TEST(SkeldaIntakePump, LetsAWindowThroughRefusesWhatHasNoRoomAndGoesOn) {
   EXPECT_EQ(run.pipeline->messages().size(), SkeldaIntakePump::kWindow);
   EXPECT_EQ(run.file->takenCount(), SkeldaIntakePump::kWindow);
   run.pipeline->stores = true;
-  for (const auto& message : first) {
+  for (const auto& message : first)
     SkeldaAccounting::settle(message->intakeTicket(), Outcome::stored);
-  }
   ASSERT_TRUE(run.isStored());
   EXPECT_EQ(run.pipeline->messages().size(), accepted);
   EXPECT_TRUE(run.event("there is room again"));
@@ -181,9 +172,7 @@ TEST(SkeldaIntakePump, LosesNoWakeUpHoweverSettlingAndCallsMeet) {
     for (unsigned i = 0; i < kEach; ++i) {
       accepted += run.event("e");
       // Now and then the pump is idle, and each call meets it going to sleep.
-      if (i % 100 == 0) {
-        EXPECT_TRUE(run.isStored());
-      }
+      EXPECT_TRUE(i % 100 != 0 || run.isStored());
     }
   });
   EXPECT_EQ(accepted, kThreads * kEach);
@@ -193,8 +182,8 @@ TEST(SkeldaIntakePump, LosesNoWakeUpHoweverSettlingAndCallsMeet) {
 
 TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
   const IntakeFiles files;
-  const auto before = Date::now().microsecondsSince1970().count() / 1000;
-  const auto uptimeBefore = SkeldaUtil::uptimeInMilliseconds();
+  const auto now = [] { return Date::now().microsecondsSince1970().count() / 1000; };
+  const auto before = now(), uptimeBefore = SkeldaUtil::uptimeInMilliseconds();
   {
     AgentRun killed(files.open());  // before it started the agent
     killed.call(Kind::deletion);
@@ -209,23 +198,16 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
     killed.start();
     killed.pipeline->messages(3);
   }
-  const auto after = Date::now().microsecondsSince1970().count() / 1000;
-  const auto uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
+  const auto after = now(), uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
   AgentRun run(files.open());
   run.event("second");
   run.start();
   ASSERT_TRUE(run.isStored());
   const auto messages = run.pipeline->messages(4);
-  ASSERT_EQ(messages.size(), 4U);
-  EXPECT_EQ(messages[0]->frameType(), SkeldaStreamFrameTypeUtil::kCCPADelete);
-  EXPECT_EQ(saidBy(messages[1]), "shoe");
-  EXPECT_EQ(saidBy(messages[2]), "first");
-  EXPECT_EQ(saidBy(messages[3]), "second");
+  ASSERT_EQ(saidBy(messages), (Texts{"175", "shoe", "first", "second"}));
   for (const auto& message : {messages[0], messages[1], messages[2]}) {
-    EXPECT_GE(message->epochTimeStamp(), before);
-    EXPECT_LE(message->epochTimeStamp(), after);
-    EXPECT_GE(message->relativeTimeStamp(), uptimeBefore);
-    EXPECT_LE(message->relativeTimeStamp(), uptimeAfter);
+    EXPECT_THAT(message->epochTimeStamp(), AllOf(Ge(before), Le(after)));
+    EXPECT_THAT(message->relativeTimeStamp(), AllOf(Ge(uptimeBefore), Le(uptimeAfter)));
   }
   const auto& property = dynamic_cast<const SkeldaStreamUserProperties&>(*messages[1]);
   EXPECT_EQ(*property.dictionaryRepresentation()->find("sk.user.property.uptime"),
@@ -293,4 +275,3 @@ TEST(SkeldaIntakeAccount, ALogThatIsThereCountsAndOneThatNobodyCountedAsGoneIsNa
 }
 
 }  // namespace
-}  // namespace skelda::testing

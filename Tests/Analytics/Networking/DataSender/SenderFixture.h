@@ -35,10 +35,7 @@ class SenderTest : public ::testing::Test {
       drain(sender->dataIndex());
     }
   }
-  static LoopbackServer::RequestHandler answering(int status) {
-    return [status](ServerConnection& connection, const auto&) { connection.answer(status); };
-  }
-  /// With 200, when the server is told to release what it holds.
+
   static LoopbackServer::RequestHandler answeringWhenReleased() {
     return [](ServerConnection& connection, const auto&) {
       connection.server().hold();
@@ -50,12 +47,12 @@ class SenderTest : public ::testing::Test {
   }
   static Data bytes(const std::string& text) { return Data(text); }
 
-  std::vector<std::string> blockFiles() const {
+  Texts blockFiles() const {
     auto names = namesIn(home_.storageFolder());
-    std::erase_if(names,
-                  [](auto& name) { return !SkeldaDataSenderBlockInfo::isBlockFileName(name); });
+    std::erase_if(names, std::not_fn(SkeldaDataSenderBlockInfo::isBlockFileName));
     return names;
   }
+  std::string pathOf(const std::string& name) const { return home_.storageFolder() + "/" + name; }
   /// What the index names, whatever is pending there done.
   static SkeldaDataSenderIndex::Blocks blocks(const std::shared_ptr<SkeldaDataSender>& sender) {
     return sender->dataIndex()->notSentBlocksForDataKey(sender->dataKey());
@@ -70,9 +67,7 @@ class SenderTest : public ::testing::Test {
     sender->queue()->sync([&] { idle = sender->runningTasks().empty(); });
     return idle;
   }
-  std::string indexFile() const {
-    return home_.storageFolder() + "/" + std::string(kSkeldaSenderIndexFileName);
-  }
+  std::string indexFile() const { return pathOf(std::string(kSkeldaSenderIndexFileName)); }
 
   const std::uint64_t swallowed_ = swallowedExceptions();
   AgentHome home_;

@@ -1,8 +1,9 @@
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
-namespace skelda::testing {
 namespace {
+
+const std::string kKey = "Data_1_261";
 
 class SkeldaDataSenderIndexTest : public SenderTest {
  protected:
@@ -11,17 +12,18 @@ class SkeldaDataSenderIndexTest : public SenderTest {
     return SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(
         std::string(kSkeldaSenderIndexFileName));
   }
-  static SkeldaDataSenderIndex::BlockRef add(const Index& index, const std::string& text,
-                                             const std::string& key = "Data_1_261") {
-    auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text), key);
-    EXPECT_TRUE(index->addBlockInfo(block, key));
+  static SkeldaDataSenderIndex::BlockRef store(const std::string& text) {
+    return SkeldaDataSenderBlockInfo::blockWithData(bytes(text), kKey);
+  }
+  static SkeldaDataSenderIndex::BlockRef add(const Index& index, const std::string& text) {
+    auto block = store(text);
+    EXPECT_TRUE(index->addBlockInfo(block, kKey));
     return block;
   }
-  static std::vector<std::string> texts(const Index& index, const std::string& key = "Data_1_261") {
-    std::vector<std::string> found;
-    for (const auto& block : index->notSentBlocksForDataKey(key)) {
+  static Texts texts(const Index& index, const std::string& key = kKey) {
+    Texts found;
+    for (const auto& block : index->notSentBlocksForDataKey(key))
       found.push_back(block->data().value_or(bytes("(gone)")).string());
-    }
     return found;
   }
 };
@@ -31,20 +33,19 @@ TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
     const auto index = load();
     for (const char* text : {"one", "two", "three"}) add(index, text);
     index->setSentReportSuccessfully(true);
-    const auto second = index->notSentBlocksForDataKey("Data_1_261")[1];
+    const auto second = index->notSentBlocksForDataKey(kKey)[1];
     second->setGroupIdentifier("group");
-    index->removeBlockInfoWithIdentifier("group", "Data_1_261");
+    index->removeBlockInfoWithIdentifier("group", kKey);
     EXPECT_TRUE(index->saveState());
   }
   const auto index = load();
-  EXPECT_EQ(texts(index), (std::vector<std::string>{"one", "three"}));
+  EXPECT_EQ(texts(index), (Texts{"one", "three"}));
   EXPECT_EQ(blockFiles().size(), 2u);
   EXPECT_TRUE(index->sentReportSuccessfully());
-  const Data written =
-      bytes(readFile(SkeldaAgentFiles::inStorageFolder(std::string(kSkeldaSenderIndexFileName))));
+  const Data written = bytes(readFile(indexFile()));
   EXPECT_EQ(archivedData(unarchivedObject(written)), written)
       << "put together as the archiver would";
-  const auto first = index->notSentBlocksForDataKey("Data_1_261").front();
+  const auto first = index->notSentBlocksForDataKey(kKey).front();
   EXPECT_EQ(first->dataSize(), 3u);
   EXPECT_TRUE(first->groupIdentifier().empty());
   EXPECT_LT(Date::now() - first->creationDate(), 5min);
@@ -66,23 +67,19 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
            "}";
   };
   const std::string uuid = "01234567-89AB-CDEF-0123-456789ABCDEF";
-  const std::pair<std::string, std::size_t> cases[] = {
-      {"", 0},
-      {"garbage", 0},
-      {archive("[]"), 0},
-      {archive(R"({"index":7})"), 0},
-      {archive(R"({"index":{"k":{}}})"), 0},
-      {archive(R"({"index":{"k":[1,null,{}]}})"), 0},
-      {archive(R"({"index":{"k":[)" + entry("../stranger") + "]}}"), 0},
-      {archive(R"({"index":{"k":[)" + entry("") + "]}}"), 0},
-      {archive(R"({"index":{"k":[)" + entry(uuid) + "," + entry(uuid) + "]}}"), 1},
+  const auto ofKey = [&](const std::string& blocks) {
+    return archive(R"({"index":{"k":)" + blocks + "}}");
   };
-  for (const auto& [text, blocks] : cases) {
+  const std::string twice = ofKey("[" + entry(uuid) + "," + entry(uuid) + "]");
+  for (const auto& text :
+       {std::string(), std::string("garbage"), archive("[]"), archive(R"({"index":7})"),
+        ofKey("{}"), ofKey("[1,null,{}]"), ofKey("[" + entry("../stranger") + "]"),
+        ofKey("[" + entry("") + "]"), twice}) {
     writeFile(indexFile(), text);
-    writeFile(home_.storageFolder() + "/" + uuid, "8 bytes!");
+    writeFile(pathOf(uuid), "8 bytes!");
     const auto index = load();
     EXPECT_TRUE(index->isReadable()) << text;
-    EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), blocks) << text;
+    EXPECT_EQ(index->notSentBlocksForDataKey("k").size(), text == twice ? 1u : 0u) << text;
     index->setupForCurrentDataKey("other");
     EXPECT_TRUE(index->saveState());
   }
@@ -98,42 +95,39 @@ TEST_F(SkeldaDataSenderIndexTest, AnIndexThatCannotBeReadJustNowIsLeftAsItIs) {
   const std::string before = readFile(indexFile());
   Index index;
   {
-    const FaultyFileCalls plan;
-    plan->failAll("open", EMFILE);
+    const FaultyFileCalls plan("open", Fault::always(EMFILE));
     index = load();
     EXPECT_FALSE(index->isReadable());
     EXPECT_FALSE(index->saveState());
     plan->clear();
     plan->failAll("read", EIO);
-    const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
-    EXPECT_FALSE(index->addBlockInfo(block, "Data_1_261"));
+    const auto block = store("new");
+    EXPECT_FALSE(index->addBlockInfo(block, kKey));
     block->deletePersistentData();
   }
   EXPECT_EQ(readFile(indexFile()), before);
   EXPECT_EQ(blockFiles().size(), 1u) << "nothing is swept";
-  EXPECT_EQ(texts(index), std::vector<std::string>{"stored"}) << "and it is tried again";
+  EXPECT_EQ(texts(index), Texts{"stored"}) << "and it is tried again";
 }
 
 TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
   const auto index = load();
   add(index, "kept");
-  // Whichever system call fails: afterwards either both are there or neither is.
   for (std::size_t call = 1; call < 30; ++call) {
     bool added = false;
     {
       const FaultyFileCalls plan;
       plan->failCall(call, {ENOSPC});
-      const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes("new"), "Data_1_261");
-      added = block != nullptr && index->addBlockInfo(block, "Data_1_261");
+      const auto block = store("new");
+      added = block != nullptr && index->addBlockInfo(block, kKey);
       if (block != nullptr && !added) block->deletePersistentData();
     }
-    const auto expected =
-        added ? std::vector<std::string>{"kept", "new"} : std::vector<std::string>{"kept"};
+    const auto expected = added ? Texts{"kept", "new"} : Texts{"kept"};
     EXPECT_EQ(texts(index), expected) << "call " << call;
     if (added) {
       EXPECT_EQ(texts(load()), expected) << "call " << call;
       index->removeBlockInfoWithIdentifier(
-          index->notSentBlocksForDataKey("Data_1_261").back()->identifier(), "Data_1_261");
+          index->notSentBlocksForDataKey(kKey).back()->identifier(), kKey);
       EXPECT_TRUE(drain(index));
     }
   }
@@ -141,19 +135,19 @@ TEST_F(SkeldaDataSenderIndexTest, ABlockIsInTheIndexOnDiskOrNotAtAll) {
 
 TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIsRead) {
   add(load(), "named");
-  SkeldaDataSenderBlockInfo::blockWithData(bytes("left by a kill"), "Data_1_261");
-  writeFile(home_.storageFolder() + "/other.file", "not a block");
+  store("left by a kill");
+  writeFile(pathOf("other.file"), "not a block");
   EXPECT_EQ(blockFiles().size(), 2u);
-  EXPECT_EQ(texts(load()), std::vector<std::string>{"named"});
+  EXPECT_EQ(texts(load()), Texts{"named"});
   EXPECT_EQ(blockFiles().size(), 1u);
-  EXPECT_TRUE(std::filesystem::exists(home_.storageFolder() + "/other.file"));
+  EXPECT_TRUE(std::filesystem::exists(pathOf("other.file")));
   EXPECT_EQ(log_.count("delete orphaned data block"), 1u);
 }
 
 TEST_F(SkeldaDataSenderIndexTest,
        AnEntryWithoutAFileIsForgottenAndNamedWhereNobodyCountedItAsGone) {
-  auto& page = SkeldaAccounting::page();
-  auto& damaged = page.blocksRemoved[static_cast<std::size_t>(SkeldaBlockRemoval::damaged)];
+  constexpr auto kDamaged = static_cast<std::size_t>(SkeldaBlockRemoval::damaged);
+  auto& damaged = SkeldaAccounting::page().blocksRemoved[kDamaged];
   for (const bool counted : {false, true}) {
     home_.empty();
     const auto gone = add(load(), "gone");
@@ -161,7 +155,7 @@ TEST_F(SkeldaDataSenderIndexTest,
     gone->deletePersistentData();
     if (counted) SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::overLimit);
     const std::uint64_t before = damaged;
-    EXPECT_EQ(texts(load()), std::vector<std::string>{"there"});
+    EXPECT_EQ(texts(load()), Texts{"there"});
     EXPECT_EQ(damaged, before + (counted ? 0 : 1));
   }
 }
@@ -178,46 +172,42 @@ TEST_F(SkeldaDataSenderIndexTest, WhicheverByteOfTheIndexIsDamagedEveryBlockIsSt
     if (at < whole.size()) damaged += static_cast<char>(whole[at] ^ 1) + whole.substr(at + 1);
     writeFile(indexFile(), damaged);
     const auto index = load();
-    index->setupForCurrentDataKey("Data_1_261");
+    index->setupForCurrentDataKey(kKey);
     auto found = texts(index);
     std::sort(found.begin(), found.end());
-    ASSERT_EQ(found, (std::vector<std::string>{"one", "three", "two"})) << "byte " << at;
+    ASSERT_EQ(found, (Texts{"one", "three", "two"})) << "byte " << at;
     ASSERT_EQ(blockFiles().size(), 3u) << "byte " << at;
   }
 }
 
 TEST_F(SkeldaDataSenderIndexTest, WithoutAnIndexWholeBlocksOfTheCurrentKeyAreTakenUpOldestFirst) {
-  const struct {
-    int attributes;  // what asking for them comes to
-    bool readable;
-    std::vector<std::string> current;
-    std::size_t files;
-  } cases[] = {{0, true, {"old", "young"}, 2},
-               // Nobody can say whose they are, so none is thrown away.
-               {ENOTSUP, true, {"old", "another key's", "young"}, 3},
-               {EIO, false, {}, 4}};
-  for (const auto& one : cases) {
+  // What asking for attributes comes to, whether it is an index then, and what it has and leaves.
+  const std::tuple<int, bool, Texts, std::size_t> cases[] = {
+      {0, true, {"old", "young"}, 2},
+      // Nobody can say whose they are, so none is thrown away.
+      {ENOTSUP, true, {"old", "another key's", "young"}, 3},
+      {EIO, false, {}, 4}};
+  for (const auto& [error, readable, current, files] : cases) {
     home_.empty();
     const FaultyFileCalls plan;
-    if (one.attributes == ENOTSUP) plan->failAll("setAttribute", ENOTSUP);
+    if (error == ENOTSUP) plan->failAll("setAttribute", ENOTSUP);
     const auto leave = [&](const char* text, const char* key, int minutesAgo) {
       const auto block = SkeldaDataSenderBlockInfo::blockWithData(bytes(text), key);
-      std::filesystem::last_write_time(
-          home_.storageFolder() + "/" + block->identifier(),
-          std::filesystem::file_time_type::clock::now() - std::chrono::minutes(minutesAgo));
+      const auto now = std::filesystem::file_time_type::clock::now();
+      std::filesystem::last_write_time(pathOf(block->identifier()), now - 1min * minutesAgo);
     };
     leave("young", "current", 1);
     leave("old", "current", 3);
     leave("another key's", "other", 2);
     const std::string torn = "01234567-89AB-CDEF-0123-456789ABCDEF";
-    if (one.attributes != ENOTSUP) writeFile(home_.storageFolder() + "/" + torn, "no attribute");
-    if (one.attributes != 0) plan->failAll("attribute", one.attributes);
+    if (error != ENOTSUP) writeFile(pathOf(torn), "no attribute");
+    if (error != 0) plan->failAll("attribute", error);
     const auto index = load();
-    EXPECT_EQ(index->isReadable(), one.readable) << one.attributes;
-    if (one.readable) index->setupForCurrentDataKey("current");
-    EXPECT_EQ(texts(index, "current"), one.current) << one.attributes;
-    EXPECT_EQ(drain(index), one.readable);
-    EXPECT_EQ(blockFiles().size(), one.files) << one.attributes;
+    EXPECT_EQ(index->isReadable(), readable) << error;
+    if (readable) index->setupForCurrentDataKey("current");
+    EXPECT_EQ(texts(index, "current"), current) << error;
+    EXPECT_EQ(drain(index), readable);
+    EXPECT_EQ(blockFiles().size(), files) << error;
     plan->clear();
   }
 }
@@ -235,7 +225,7 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
   };
   const auto removeAt = [&](std::size_t i) {
     const std::size_t before = blockFiles().size();
-    index->removeBlockInfoWithIdentifier(blocks[i]->identifier(), "Data_1_261");
+    index->removeBlockInfoWithIdentifier(blocks[i]->identifier(), kKey);
     EXPECT_TRUE(becomes([&] { return blockFiles().size() < before; }));
   };
   for (std::size_t i = 0; i < 10; ++i) removeAt(i);
@@ -253,4 +243,3 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

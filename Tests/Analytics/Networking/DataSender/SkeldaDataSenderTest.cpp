@@ -2,18 +2,15 @@
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 
-namespace skelda::testing {
 namespace {
 
 class TaskDelegate : public SkeldaURLSessionTaskDelegate, public Recorded<bool> {
  public:
-  void skeldaUrlRequestDidSucceed(const TaskRef&, const ResponseRef& response) override {
+  void skeldaUrlRequestDidSucceed(const TaskRef&, const ResponseRef& to) override { end(true, to); }
+  void skeldaUrlRequestDidFail(const TaskRef&, const ResponseRef& to) override { end(false, to); }
+  void end(bool succeeded, const ResponseRef& response) {
     last = response;
-    add(true);
-  }
-  void skeldaUrlRequestDidFail(const TaskRef&, const ResponseRef& response) override {
-    last = response;
-    add(false);
+    add(succeeded);
   }
   ResponseRef last;  // read once the end is recorded
 };
@@ -34,7 +31,7 @@ class SkeldaURLSessionTaskTest : public SenderTest {
 };
 
 TEST_F(SkeldaURLSessionTaskTest, HasTheAnswerAndTellsTheNetworkProviderWhereThereIsNone) {
-  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+  LoopbackServer server([](auto& connection, auto& request) {
     connection.answer(std::stoi(request.target.substr(1)), "said", "X-A: b\r\n");
   });
   const auto provider = SkeldaNetworkReachabilityDataProvider::sharedInstance();
@@ -46,9 +43,8 @@ TEST_F(SkeldaURLSessionTaskTest, HasTheAnswerAndTellsTheNetworkProviderWhereTher
   EXPECT_FALSE(delegate_->all().front());
   EXPECT_EQ(delegate_->last->statusCode(), 0);
   const auto error = provider->lastNetworkOperationError();
-  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(codeOf(error), kURLErrorCannotConnectToHost);
   EXPECT_TRUE(error->hasDomain(urlErrorDomain()));
-  EXPECT_EQ(error->code(), kURLErrorCannotConnectToHost);
   post(server.url("/500"), "bytes");
   EXPECT_EQ(provider->lastNetworkOperationError(), nullptr) << "an answer is no error";
   const auto without = SkeldaURLSessionTask::post(server.url("/204"), delegate_);
@@ -60,30 +56,20 @@ TEST_F(SkeldaURLSessionTaskTest, HasTheAnswerAndTellsTheNetworkProviderWhereTher
 }
 
 TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirstRequest) {
-  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
-    const std::string& path = request.target;
-    if (path == "/0") {
-      connection.answer(200);
-    } else if (path == "/303") {
-      connection.answer(303, "", "Location: /307\r\n");
-    } else if (path == "/307") {
-      connection.answer(307, "", "Location: /0\r\n");
-    } else {
-      const int next = std::stoi(path.substr(1)) - 1;
-      connection.answer(302, "", "Location: /" + std::to_string(next) + "\r\n");
-    }
+  LoopbackServer server([](auto& connection, auto& request) {
+    const int path = std::stoi(request.target.substr(1));
+    const int next = path == 303 ? 307 : path == 307 ? 0 : path - 1;
+    if (path == 0) return connection.answer(200), void();
+    const std::string location = "Location: /" + std::to_string(next) + "\r\n";
+    connection.answer(path < 300 ? 302 : path, "", location);
   });
-  const struct {
-    const char* path;
-    int limit;
-    int followed;
-    bool succeeds;
-  } cases[] = {{"/9", 0, 9, true}, {"/2", 2, 2, true}, {"/3", 2, 2, false}};
-  for (const auto& one : cases) {
-    const auto task = post(server.url(one.path), "bytes", one.limit);
-    EXPECT_EQ(task->redirectsCount(), one.followed) << one.path;
-    EXPECT_EQ(delegate_->all().front(), one.succeeds) << one.path;
-    EXPECT_EQ(delegate_->last->statusCode(), one.succeeds ? 200 : 302) << one.path;
+  const std::tuple<const char*, int, int, bool> cases[] = {
+      {"/9", 0, 9, true}, {"/2", 2, 2, true}, {"/3", 2, 2, false}};
+  for (const auto& [path, limit, followed, succeeds] : cases) {
+    const auto task = post(server.url(path), "bytes", limit);
+    EXPECT_EQ(task->redirectsCount(), followed) << path;
+    EXPECT_EQ(delegate_->all().front(), succeeds) << path;
+    EXPECT_EQ(delegate_->last->statusCode(), succeeds ? 200 : 302) << path;
   }
   // The 303 made a GET of it; the 307 goes back to what was asked first.
   post(server.url("/303"), "bytes");
@@ -97,11 +83,9 @@ TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirst
 
 class SkeldaDataSenderTest : public SenderTest {
  protected:
-  /// What has been counted since the last call.
-  struct Counts {
-    std::uint64_t stored, acknowledged, rejected, overLimit, otherKey, damaged;
-    bool operator==(const Counts&) const = default;
-  };
+  /// Blocks since the last call: stored, acknowledged, rejected, over the limit, of another key,
+  /// damaged.
+  using Counts = std::array<std::uint64_t, 6>;
   Counts counted() {
     const auto& page = SkeldaAccounting::page();
     const auto removed = [&](SkeldaBlockRemoval reason) {
@@ -110,10 +94,9 @@ class SkeldaDataSenderTest : public SenderTest {
     using enum SkeldaBlockRemoval;
     const Counts now{page.blocksStored,  page.blocksAcknowledged, page.blocksRejected,
                      removed(overLimit), removed(otherKey),       removed(damaged)};
-    const Counts before = std::exchange(counts_, now);
-    return {now.stored - before.stored,     now.acknowledged - before.acknowledged,
-            now.rejected - before.rejected, now.overLimit - before.overLimit,
-            now.otherKey - before.otherKey, now.damaged - before.damaged};
+    Counts since = now;
+    for (std::size_t i = 0; i < now.size(); ++i) since[i] -= std::exchange(counts_[i], now[i]);
+    return since;
   }
   static void setNetworkReachable(bool reachable) {
     SkeldaNetworkReachabilityDataProvider::sharedInstance()->setConnectedToNetwork(reachable);
@@ -139,14 +122,13 @@ TEST_F(SkeldaDataSenderTest, PostsTheBytesAsTheyAreAndForgetsThemWhenTheyAreAcce
   EXPECT_TRUE(drain(sender->dataIndex()));
   EXPECT_TRUE(blockFiles().empty());
   EXPECT_TRUE(sender->everSentReportSuccessfully());
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].method, "POST");
-  EXPECT_EQ(requests[0].target, "/v1/skd.do");
-  EXPECT_TRUE(requests[0].body == body);
-  EXPECT_EQ(requests[0].field("content-type"), "application/octet-stream");
-  EXPECT_EQ(requests[0].field("x-skelda-api-key"), "the key");
-  EXPECT_EQ(requests[0].fields.size(), 4u) << "host, length and these two";
+  ASSERT_EQ(server.requestCount(), 1u);
+  const auto request = server.requests()[0];
+  EXPECT_EQ(request.method + " " + request.target, "POST /v1/skd.do");
+  EXPECT_TRUE(request.body == body);
+  EXPECT_EQ(request.field("content-type"), "application/octet-stream");
+  EXPECT_EQ(request.field("x-skelda-api-key"), "the key");
+  EXPECT_EQ(request.fields.size(), 4u) << "host, length and these two";
   EXPECT_EQ(sender->dataKey(), "Data_" + std::to_string(stableHash("the key")) + "_261");
   EXPECT_FALSE(sender->sendFrameLogData(bytes("")));
   EXPECT_TRUE(blockFiles().empty());
@@ -156,14 +138,14 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
   // With 0 the connection is reset.
   for (const int status : {200, 299, 400, 300, 401, 404, 413, 429, 500, 503, 0}) {
     home_.empty();
-    LoopbackServer server([&](ServerConnection& connection, const ReceivedRequest&) {
+    LoopbackServer server([&](auto& connection, auto&) {
       status != 0 ? static_cast<void>(connection.answer(status)) : connection.reset();
     });
     sendTo(server);
     const auto sender = makeSender();
     counted();
-    const std::uint64_t requests = SkeldaAccounting::page().requests;
-    const std::uint64_t bytesSent = SkeldaAccounting::page().bytesSent;
+    auto& page = SkeldaAccounting::page();
+    const std::uint64_t requests = page.requests, bytesSent = page.bytesSent;
     EXPECT_TRUE(sender->sendFrameLogData(bytes("log")));
     ASSERT_TRUE(server.waitForRequests(1));
     ASSERT_TRUE(server.waitUntil([&] { return isIdle(sender); }));
@@ -171,63 +153,56 @@ TEST_F(SkeldaDataSenderTest, OnlyAcceptedAndMalformedDataIsForgotten) {
     EXPECT_EQ(sender->everSentReportSuccessfully(), status / 100 == 2) << status;
     EXPECT_EQ(server.requests().size(), 1u) << status;
     EXPECT_EQ(counted(), (Counts{1, status / 100 == 2, status == 400, 0, 0, 0}));
-    EXPECT_EQ(SkeldaAccounting::page().requests, requests + 1);
-    EXPECT_EQ(SkeldaAccounting::page().bytesSent, bytesSent + (status != 0 ? 3 : 0));
-    if (status != 0) {
-      EXPECT_EQ(SkeldaAccounting::page().lastAnswer, static_cast<std::uint64_t>(status));
-    }
+    EXPECT_EQ(page.requests, requests + 1);
+    EXPECT_EQ(page.bytesSent, bytesSent + (status != 0 ? 3 : 0));
+    EXPECT_TRUE(status == 0 || page.lastAnswer == static_cast<std::uint64_t>(status)) << status;
     finish();
   }
 }
 
 TEST_F(SkeldaDataSenderTest, WaitingBlocksGoOutAgainAfterASuccessOrWhenTheNetworkIsBack) {
   std::atomic<int> status = 500;
-  LoopbackServer server(
-      [&](ServerConnection& connection, const ReceivedRequest&) { connection.answer(status); });
+  LoopbackServer server([&](auto& connection, auto&) { connection.answer(status); });
   sendTo(server);
   const auto sender = makeSender();
+  const auto idleAfter = [&](std::size_t requests) {
+    return server.waitUntil([&] { return server.requestCount() == requests && isIdle(sender); });
+  };
   for (const char* text : {"a", "b", "c"}) EXPECT_TRUE(sender->sendFrameLogData(bytes(text)));
-  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 3 && isIdle(sender); }));
-
+  ASSERT_TRUE(idleAfter(3));
   setNetworkReachable(false);
   EXPECT_TRUE(isIdle(sender)) << "nothing is tried while there is no network";
   setNetworkReachable(true);
-  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 6 && isIdle(sender); }));
+  ASSERT_TRUE(idleAfter(6));
   EXPECT_EQ(blocks(sender).size(), 3u);
 
   status = 200;
   EXPECT_TRUE(sender->sendFrameLogData(bytes("d")));
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty(); }));
-  EXPECT_EQ(server.requests().size(), 10u);
+  EXPECT_EQ(server.requestCount(), 10u);
   EXPECT_TRUE(sender->dataIndex()->sentReportSuccessfully());
   status = 500;
   EXPECT_TRUE(sender->sendFrameLogData(bytes("e")));
-  ASSERT_TRUE(server.waitUntil([&] { return server.requests().size() == 11 && isIdle(sender); }));
+  ASSERT_TRUE(idleAfter(11));
   EXPECT_FALSE(sender->dataIndex()->sentReportSuccessfully());
 }
 
 TEST_F(SkeldaDataSenderTest, ARestartSendsTheBlocksOfItsOwnKeyOnly) {
-  LoopbackServer server([](ServerConnection& connection, const ReceivedRequest& request) {
+  LoopbackServer server([](auto& connection, auto& request) {
     connection.answer(request.field("x-skelda-api-key") == "down" ? 503 : 200);
   });
   sendTo(server);
   for (const bool sameKey : {true, false}) {
     home_.empty();
-    {
-      const auto sender = makeSender("down");
-      EXPECT_TRUE(sender->sendFrameLogData(bytes("stored")));
-      finish();
-    }
-    const std::size_t before = server.requests().size();
+    EXPECT_TRUE(makeSender("down")->sendFrameLogData(bytes("stored")));
+    finish();
+    const std::size_t before = server.requestCount();
     const auto sender = makeSender(sameKey ? "down" : "other");
     counted();
-    if (!sameKey) {
-      EXPECT_TRUE(sender->sendFrameLogData(bytes("new")));
-    }
+    EXPECT_TRUE(sameKey || sender->sendFrameLogData(bytes("new")));
     setNetworkReachable(true);
-    ASSERT_TRUE(
-        server.waitUntil([&] { return server.requests().size() > before && isIdle(sender); }));
-    EXPECT_EQ(server.requests().size(), before + 1);
+    ASSERT_TRUE(server.waitUntil([&] { return server.requestCount() > before && isIdle(sender); }));
+    EXPECT_EQ(server.requestCount(), before + 1);
     EXPECT_EQ(server.requests().back().body, sameKey ? "stored" : "new");
     EXPECT_EQ(blocks(sender).size(), sameKey ? 1u : 0u);
     EXPECT_EQ(counted(), (sameKey ? Counts{} : Counts{1, 1, 0, 0, 1, 0}));
@@ -240,19 +215,17 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL("http://127.0.0.1:1/");
   const auto sender = makeSender();
   counted();
-  std::vector<std::string> identifiers;
-  for (const char* text : {"whole", "missing", "truncated", "lengthened", "linked", "swapped"}) {
+  Texts identifiers;
+  for (const char* text : {"whole", "missing", "truncated", "lengthened", "linked", "swapped"})
     identifiers.push_back(sender->storeData(bytes(text)).value_or(""));
-  }
-  std::filesystem::remove(home_.storageFolder() + "/" + identifiers[1]);
-  writeFile(home_.storageFolder() + "/" + identifiers[2], "trunc");
-  writeFile(home_.storageFolder() + "/" + identifiers[3], "lengthened by some");
-  const std::string linked = home_.storageFolder() + "/" + identifiers[4];
+  std::filesystem::remove(pathOf(identifiers[1]));
+  writeFile(pathOf(identifiers[2]), "trunc");
+  writeFile(pathOf(identifiers[3]), "lengthened by some");
+  const std::string linked = pathOf(identifiers[4]);
   std::filesystem::rename(linked, home_ / "elsewhere");
   std::filesystem::create_symlink(home_ / "elsewhere", linked);
   {
-    const FaultyFileCalls plan;
-    plan->failAll("open", EMFILE);
+    const FaultyFileCalls plan("open", Fault::always(EMFILE));
     sender->retransmitNotSentBlocks();
     EXPECT_TRUE(isIdle(sender));
     drain(sender->dataIndex());
@@ -264,7 +237,7 @@ TEST_F(SkeldaDataSenderTest, ABlockThatCannotBeReadIsDroppedOnlyWhenItsBytesAreG
   sender->retransmitNotSentBlocks();
   ASSERT_TRUE(server.waitUntil([&] { return blocks(sender).empty() && isIdle(sender); }));
   EXPECT_EQ(counted(), (Counts{6, 1, 0, 0, 0, 5}));
-  ASSERT_EQ(server.requests().size(), 1u);
+  ASSERT_EQ(server.requestCount(), 1u);
   EXPECT_EQ(server.requests()[0].body, "whole");
   finish();  // before the calls go
 }
@@ -304,9 +277,8 @@ TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptAndNineUnderWayWhereNoRequestE
   EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 30u);
   // What is under way stays; of the others the oldest went.
   std::set<std::string> expected, received;
-  for (int i = 0; i < 130; ++i) {
+  for (int i = 0; i < 130; ++i)
     if (i < 9 || i >= 39) expected.insert(std::to_string(i));
-  }
   const auto releaseUntil = [&](std::size_t left) {
     return server.waitUntil([&] {
       EXPECT_LE(server.held(), 9u);
@@ -317,9 +289,8 @@ TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptAndNineUnderWayWhereNoRequestE
   ASSERT_TRUE(releaseUntil(90));
   // Now the server takes them: a log that would push one out waits instead.
   std::size_t taken = 0;
-  while (sender->sendFrameLogData(bytes("later " + std::to_string(taken))) && taken < 50) {
+  while (sender->sendFrameLogData(bytes("later " + std::to_string(taken))) && taken < 50)
     expected.insert("later " + std::to_string(taken++));
-  }
   EXPECT_GE(taken, 10u);
   EXPECT_LT(taken, 50u);
   ASSERT_TRUE(releaseUntil(0));
@@ -334,8 +305,8 @@ TEST_F(SkeldaDataSenderTest, AnAddressThatIsNoneIsSaidOnceAndEveryLimitApplies) 
   for (const char* url : {"localhost:18443", "no address", "/v1/skd.do", "file:///tmp/x", ""}) {
     SkeldaNetworkURLsDataProvider::sharedInstance()->setServerURL(url);
     EXPECT_EQ(SkeldaNetworkURLsDataProvider::sharedInstance()->serverURL(), url);
-    for (int i = 0; i < 15; ++i)
-      EXPECT_TRUE(sender->sendFrameLogData(bytes(url + std::string("x"))));
+    const auto log = bytes(url + std::string("x"));
+    for (int i = 0; i < 15; ++i) EXPECT_TRUE(sender->sendFrameLogData(log));
     EXPECT_EQ(log_.count("is no absolute http or https address"), 1u) << url;
     log_.take();
   }
@@ -365,4 +336,3 @@ TEST_F(SkeldaDataSenderTest, CancelledTasksKeepTheirBlocks) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

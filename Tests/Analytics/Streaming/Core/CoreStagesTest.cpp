@@ -1,5 +1,3 @@
-// The stages between the sources and the log, and the rules that they keep.
-
 #include "Analytics/Streaming/Core/SkeldaSessionLimit.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCoreBuffer.h"
 #include "Analytics/Streaming/Core/SkeldaStreamCorePolicy.h"
@@ -9,11 +7,9 @@
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
 
-namespace skelda::testing {
 namespace {
 
-class PlainStage : public SkeldaActorStreamComponentBase {
- public:
+struct PlainStage : SkeldaActorStreamComponentBase {
   PlainStage() : SkeldaActorStreamComponentBase("PlainStage") {}
 };
 struct CoreStage : SkeldaActorStreamCoreComponent {
@@ -23,16 +19,11 @@ struct CoreStage : SkeldaActorStreamCoreComponent {
 
 TEST(StreamComponent, ForwardsByFrameTypeInOrderOfRegistration) {
   const auto stage = SkeldaActor::made(new PlainStage());
-  const auto events = std::make_shared<RecordingStage>();
-  const auto all = std::make_shared<RecordingStage>();
-  const auto none = std::make_shared<RecordingStage>();
+  const auto events = std::make_shared<RecordingStage>(), all = std::make_shared<RecordingStage>(),
+             none = std::make_shared<RecordingStage>();
   events->types = {SkeldaStreamFrameTypeUtil::kEvent};
   none->types = std::nullopt;
-  stage->registerNextStageComponent(events);
-  stage->registerNextStageComponent(all);
-  stage->registerNextStageComponent(events);
-  stage->registerNextStageComponent(none);
-  stage->registerNextStageComponent(nullptr);
+  for (const auto& next : {events, all, events, none, {}}) stage->registerNextStageComponent(next);
   for (const int type : {134, 148, 9999, 134}) stage->streamMessage(plainMessage(type));
   stage->streamMessage(nullptr);
   settle(*stage);
@@ -74,9 +65,8 @@ TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStag
   buffer->pause();
   std::thread sources([&buffer] {
     inThreads(kSources, [&buffer](unsigned source) {
-      for (unsigned i = 0; i < kMessages; ++i) {
+      for (unsigned i = 0; i < kMessages; ++i)
         buffer->streamMessage(eventAt(source * kMessages + i));
-      }
     });
   });
   buffer->nextStageDidChangeState(3);
@@ -97,18 +87,13 @@ TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStag
   EXPECT_EQ(seen, std::vector<std::uint32_t>(kSources, kMessages));
 }
 
-static_assert(sessionLimitInMilliseconds(10) == 600000);
-static_assert(sessionLimitInMilliseconds(35791) == 2147460000);
-static_assert(sessionLimitInMilliseconds(35792) == -2147447296, "wraps around");
+static_assert(skelda::sessionLimitInMilliseconds(10) == 600000);
+static_assert(skelda::sessionLimitInMilliseconds(35791) == 2147460000);
+static_assert(skelda::sessionLimitInMilliseconds(35792) == -2147447296, "wraps around");
 
 TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
-  const struct {
-    std::int32_t threshold;
-    std::int32_t minutes;
-    std::vector<std::int64_t> events;  // By time; the time is the id.
-    const char* kept;
-    std::uint32_t count;
-  } cases[] = {
+  // Events by time, which is their id; those that are kept; and what was counted.
+  const std::tuple<int, int, std::vector<std::int64_t>, const char*, std::uint32_t> cases[] = {
       {3, 10, {}, "", 0},
       {3, 10, {1, 2, 3, 4, 5}, "e1 e2 e3", 5},
       {3, 10, {1, 1, 2, 3}, "e1 e2", 4},                    // A repeat counts as one more.
@@ -122,19 +107,17 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
     const auto rule =
         SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(threshold, minutes);
     std::string words;
-    for (const auto ms : events) {
+    for (const auto ms : events)
       if (!rule->shouldDropMessage(eventAt(ms))) addWord(words, "e" + std::to_string(ms));
-    }
     EXPECT_EQ(words, kept);
     EXPECT_FALSE(rule->shouldDropMessage(plainMessage(148)));
 
     EXPECT_TRUE(rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(1)).empty());
     const auto before = rule->prependMessagesBefore(SkeldaStreamFlush::streamFlushWithStatus(3));
     ASSERT_EQ(before.size(), 1U);
-    const auto summary = std::dynamic_pointer_cast<SkeldaStreamEventSummary>(before[0]);
-    ASSERT_NE(summary, nullptr);
-    EXPECT_EQ(summary->eventCount(), count);
-    EXPECT_EQ(summary->setComplete(), rule->droppedEventsSet().empty());
+    const auto& summary = dynamic_cast<const SkeldaStreamEventSummary&>(*before[0]);
+    EXPECT_EQ(summary.eventCount(), count);
+    EXPECT_EQ(summary.setComplete(), rule->droppedEventsSet().empty());
 
     rule->reset();
     EXPECT_EQ(rule->getEventCount(), 0U);
@@ -142,7 +125,6 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
   }
 }
 
-/// One that has nothing to say, behind one that has.
 struct SilentRule : ISkeldaStreamFlushRule {
   SkeldaStreamFlushResponse refreshFlushStatusForMessage(const ISkeldaStreamMessage::Ref&,
                                                          Messages&, Messages&) override {
@@ -163,9 +145,8 @@ TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
     policy->registerNextStageComponent(next);
     policy->updateState(ISkeldaStreamCoreComponent::kStateReady);
     policy->streamMessage(plainMessage(133));
-    for (const int ms : {0, 600001, 600002, 600003, 600004, 600005}) {
+    for (const int ms : {0, 600001, 600002, 600003, 600004, 600005})
       policy->streamMessage(eventAt(ms));
-    }
     settle(*policy);
     EXPECT_EQ(next->words(),
               "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "
@@ -175,4 +156,3 @@ TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

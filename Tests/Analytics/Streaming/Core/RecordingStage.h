@@ -6,9 +6,10 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionDeviceProperties.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
+#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
 #include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"
 
 namespace skelda::testing {
 
@@ -50,9 +51,6 @@ inline std::string wordFor(const ISkeldaStreamMessage& message) {
   }
   return std::to_string(message.frameType());
 }
-inline void addWord(std::string& words, const std::string& word) {
-  words += (words.empty() ? "" : " ") + word;
-}
 
 /// A neighbour that writes down what it is told. Any thread.
 class RecordingStage : public Object,
@@ -69,14 +67,12 @@ class RecordingStage : public Object,
   void nextStageDidChangeState(std::int32_t state) override { states_.add(state); }
   void startup() override {}
 
-  /// The messages, once there are `count` of them.
   std::vector<Message> messages(std::size_t count = 0) { return messages_.wait(count); }
   std::string words(std::size_t count = 0) {
     std::string all;
     for (const auto& message : messages(count)) addWord(all, wordFor(*message));
     return all;
   }
-  /// The states of the stage behind, once there are `count` of them.
   std::vector<std::int32_t> states(std::size_t count = 0) { return states_.wait(count); }
 
   std::optional<std::set<std::int32_t>> types = SkeldaStreamFrameTypeUtil::allFrameTypes();
@@ -85,5 +81,34 @@ class RecordingStage : public Object,
   Recorded<Message> messages_;
   Recorded<std::int32_t> states_;
 };
+
+/// A frame of a log in a word (see wordFor), where it is of one of these classes.
+template <class... Entities>
+std::string frameWord(const SkeldaStreamFrame& frame) {
+  std::shared_ptr<ISkeldaStreamMessage> entity;
+  const auto read = [&](std::int32_t type, auto reader) {
+    if (frame.frameType() == type) entity = reader(frame.payload());
+  };
+  (read(skelda::kFrameTypeOf<Entities>, &Entities::streamEntityFromJSONData), ...);
+  return entity ? wordFor(*entity) : std::to_string(frame.frameType());
+}
+
+/// The frames of a log, in words. A torn tail is "torn".
+inline std::string logWords(std::string_view bytes) {
+  std::string words;
+  std::size_t read = 0;
+  for (const auto& f : SkeldaStreamFrameDeserializer().allStreamFramesFromData(bytes, &read))
+    addWord(words, frameWord<SkeldaStreamFlush, SkeldaStreamCounter, SkeldaStreamSessionId,
+                             SkeldaStreamEvent, SkeldaStreamSessionDeviceProperties>(*f));
+  if (read != bytes.size()) addWord(words, "torn");
+  return words;
+}
+
+/// The paths of the logs in a folder, oldest first: their names end with the time.
+inline Texts logPaths(const std::string& folder) {
+  auto paths = namesIn(folder);
+  for (auto& path : paths) path.insert(0, folder + "/");
+  return paths;
+}
 
 }  // namespace skelda::testing

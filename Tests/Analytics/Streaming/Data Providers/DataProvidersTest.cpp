@@ -1,5 +1,3 @@
-// What the providers know, and whom they tell.
-
 #include <fmt/format.h>
 #include <sys/inotify.h>
 
@@ -15,7 +13,6 @@
 #include "Tests/Support/Recorded.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
-namespace skelda::testing {
 namespace {
 
 class Provider : public SkeldaDataProvider {
@@ -28,11 +25,8 @@ class Provider : public SkeldaDataProvider {
   Provider() : SkeldaDataProvider("Provider") {}
 };
 
-/// How often the observers of a provider are told.
-class Observer : public virtual ISkeldaDataProviderObserver {
- public:
-  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { told.add(true); }
-  Recorded<bool> told;
+struct Observer : virtual ISkeldaDataProviderObserver, Recorded<bool> {
+  void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { add(true); }
 };
 struct Observed {
   explicit Observed(std::shared_ptr<SkeldaDataProvider> watched) : provider(std::move(watched)) {
@@ -40,7 +34,7 @@ struct Observed {
   }
   int updates() const {
     settle(*provider);
-    return static_cast<int>(observer->told.size());
+    return static_cast<int>(observer->size());
   }
   std::shared_ptr<SkeldaDataProvider> provider;
   std::shared_ptr<Observer> observer = std::make_shared<Observer>();
@@ -72,17 +66,14 @@ TEST(SkeldaAppStateDataProvider, ReadsTheStateAtStartUpAndTellsOfEachThatDiffers
   const auto provider = SkeldaAppStateDataProvider::getInstance();
   const Observed observed(provider);
   provider->startup();
-  ASSERT_EQ(observed.observer->told.wait(1).size(), 1u);
+  ASSERT_EQ(observed.observer->wait(1).size(), 1u);
   extension.setApplicationState(WKExtension::ApplicationState::active);
-  struct Step {
-    std::int32_t state, previous;
-    int updates;
-  };
-  for (const auto& step : {Step{2, -1, 1}, Step{0, 2, 2}, Step{0, 2, 2}, Step{2, 0, 3}}) {
-    provider->sendWatchState(step.state);
-    EXPECT_EQ(observed.updates(), step.updates);
-    EXPECT_EQ(provider->appStateData()->currentState(), step.state);
-    EXPECT_EQ(provider->appStateData()->previousState(), step.previous);
+  const std::array<int, 3> steps[] = {{2, -1, 1}, {0, 2, 2}, {0, 2, 2}, {2, 0, 3}};
+  for (const auto& [state, previous, updates] : steps) {
+    provider->sendWatchState(state);
+    EXPECT_EQ(observed.updates(), updates);
+    EXPECT_EQ(provider->appStateData()->currentState(), state);
+    EXPECT_EQ(provider->appStateData()->previousState(), previous);
   }
 }
 
@@ -101,7 +92,6 @@ TEST(SkeldaNetworkReachabilityDataProvider, JudgesByItsOwnErrorDomainWhileConnec
   EXPECT_TRUE(provider->isNetworkLikelyNotReachable());
   EXPECT_EQ(provider->lastNetworkOperationError()->domain(), "kCFErrorDomainCFNetwork");
   EXPECT_EQ(provider->lastNetworkOperationError()->code(), 1);
-  // The same text is another domain all the same.
   const auto namesake = makeErrorDomain("kCFErrorDomainCFNetwork");
   provider->setLastNetworkOperationError(std::make_shared<Error>(namesake, 1));
   EXPECT_FALSE(provider->isNetworkLikelyNotReachable());
@@ -133,21 +123,16 @@ extern "C" int __wrap_inotify_add_watch(int inotify, const char* path, std::uint
   return -1;
 }
 
-class Changes : public SkeldaNodeDataProviderObserver {
- public:
+struct Changes : SkeldaNodeDataProviderObserver, Recorded<std::uint32_t> {
   void fileMonitor(ISkeldaNodeDataProvider&, std::uint32_t didSeeChange) override {
     EXPECT_EQ(didSeeChange, 0u);
-    seen_.add(didSeeChange);
+    add(didSeeChange);
   }
-  std::size_t count() { return seen_.size(); }
   /// Until one more than `before` was seen.
-  bool waitPast(std::size_t before) { return seen_.wait(before + 1).size() > before; }
-
- private:
-  Recorded<std::uint32_t> seen_;
+  bool waitPast(std::size_t before) { return wait(before + 1).size() > before; }
 };
 
-class SkeldaNodeDataProviderTest : public ::testing::Test {
+class SkeldaNodeDataProviderTest : public testing::Test {
  protected:
   SkeldaNodeDataProviderTest() { provider_->addObserver(changes_); }
   ~SkeldaNodeDataProviderTest() override { provider_->removeObserver(changes_); }
@@ -155,10 +140,9 @@ class SkeldaNodeDataProviderTest : public ::testing::Test {
     provider_->forceRefresh(nullptr);
     ASSERT_TRUE(changes_->waitPast(0));
   }
-  /// What is written now must be told.
   void expectTold(const std::string& name) {
     settle();
-    const std::size_t before = changes_->count();
+    const std::size_t before = changes_->size();
     writeFile(watched_ + "/" + name, "x");
     EXPECT_TRUE(changes_->waitPast(before)) << name;
   }
@@ -168,7 +152,7 @@ class SkeldaNodeDataProviderTest : public ::testing::Test {
     bool told = false;
     for (int n = 0; n < 100 && !told; ++n) {
       settle();
-      const std::size_t seen = changes_->count();
+      const std::size_t seen = changes_->size();
       std::error_code ignored;
       std::filesystem::create_directories(fmt::format("{}/{}.{}", watched_, round, n), ignored);
       told = changes_->waitPast(seen);
@@ -201,17 +185,17 @@ TEST_F(SkeldaNodeDataProviderTest, MakesTheFolderAndTellsOfWhatIsThereAndOfWhatC
   expectTold("one");
   const auto late = std::make_shared<Changes>();
   provider_->addObserver(late);
-  EXPECT_EQ(late->count(), 1u) << "told at once of the change that was seen";
+  EXPECT_EQ(late->size(), 1u) << "told at once of the change that was seen";
   provider_->removeObserver(late);
   expectTold("two");
-  EXPECT_EQ(late->count(), 1u);
+  EXPECT_EQ(late->size(), 1u);
 }
 
 TEST_F(SkeldaNodeDataProviderTest, AFolderThatIsRemovedOrReplacedIsWatchedAgain) {
   start();
   for (int i = 0; i < 3; ++i) {
     settle();
-    const std::size_t before = changes_->count();
+    const std::size_t before = changes_->size();
     std::error_code ignored;  // the folder may be made again while it is being removed
     if (i == 0) {
       std::filesystem::remove_all(watched_, ignored);
@@ -233,7 +217,7 @@ TEST_F(SkeldaNodeDataProviderTest, AWatchMadeAgainLeavesNoDescriptor) {
   settle();
   const std::size_t before = openDescriptors();
   for (int i = 0; i < 10; ++i) {
-    const std::size_t seen = changes_->count();
+    const std::size_t seen = changes_->size();
     provider_->recreateDispatchSource();
     ASSERT_TRUE(changes_->waitPast(seen));
   }
@@ -252,15 +236,15 @@ TEST_F(SkeldaNodeDataProviderTest, WhileNoWatchStandsACommitIsAChangeAndTheWatch
     if (!hasDescriptor) plan->failAll("open", EMFILE);
     provider_->recreateDispatchSource();
     // Once the first try has failed a commit is told; before, the old watch stood.
-    std::size_t seen = changes_->count();
+    std::size_t seen = changes_->size();
     EXPECT_TRUE(becomes([&] {
       NotificationCenter::defaultCenter().post(kSkeldaFrameLogWasCommitedNotification);
       settle();
-      return changes_->count() >= seen + 3;
+      return changes_->size() >= seen + 3;
     }));
     noMoreWatches = false;
     plan->clear();
-    seen = changes_->count();
+    seen = changes_->size();
     ASSERT_TRUE(changes_->waitPast(seen)) << "the watch that stands again tells of it itself";
     expectToldInTheEnd(hasDescriptor);
   }
@@ -271,11 +255,10 @@ TEST_F(SkeldaNodeDataProviderTest, WhereNoFolderCanBeMadeItIsTriedAgain) {
   writeFile(home_ / "a", "a file in the way");
   provider_->forceRefresh(nullptr);
   settle();
-  EXPECT_EQ(changes_->count(), 0u);
+  EXPECT_EQ(changes_->size(), 0u);
   std::filesystem::remove(home_ / "a");
   EXPECT_TRUE(changes_->waitPast(0));
   expectTold("one");
 }
 
 }  // namespace
-}  // namespace skelda::testing

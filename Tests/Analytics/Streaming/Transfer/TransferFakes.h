@@ -7,12 +7,11 @@
 
 namespace skelda::testing {
 
-/// A folder in memory.
 class FakeFolder : public SkeldaStreamFileManager {
  public:
   bool removeItemAtPath(const Path& path) override {
     std::lock_guard lock(mutex_);
-    const std::string name = path->substr(path->rfind('/') + 1);
+    const std::string name = std::filesystem::path(*path).filename();
     if (undeletable.contains(name)) return false;
     removed.push_back(name);
     names.erase(name);
@@ -20,23 +19,20 @@ class FakeFolder : public SkeldaStreamFileManager {
   }
   bool isFilePresentAtPath(const Path& path) override {
     std::lock_guard lock(mutex_);
-    return names.contains(path->substr(path->rfind('/') + 1));
+    return names.contains(std::filesystem::path(*path).filename());
   }
-  std::optional<std::vector<std::string>> fileNamesAtPath(const Path&, ErrorRef* error) override {
+  std::optional<Texts> fileNamesAtPath(const Path&, ErrorRef* error) override {
     std::lock_guard lock(mutex_);
     setError(error, nullptr);
-    if (unlistable > 0) {
-      --unlistable;
-      return std::nullopt;
-    }
+    if (std::exchange(isUnlistable, false)) return std::nullopt;
     namesListed += names.size();
-    return std::vector<std::string>(names.begin(), names.end());
+    return Texts(names.begin(), names.end());
   }
 
   std::set<std::string> names;
   std::set<std::string> undeletable;
-  std::vector<std::string> removed;
-  int unlistable = 0;
+  Texts removed;
+  bool isUnlistable = false;
   std::size_t namesListed = 0;
 
  private:
@@ -59,7 +55,7 @@ class FakeMonitor : public ISkeldaNodeDataProvider {
   }
 
   std::weak_ptr<SkeldaNodeDataProviderObserver> observer;
-  std::vector<std::string> announced;
+  Texts announced;
 };
 
 /// Keeps what it is given; called on the manager's queue.
@@ -71,8 +67,8 @@ class FakeAgent : public ISkeldaFileTransferAgent {
   void resumeTransfer(SkeldaFileStateRef) override {}
   std::vector<SkeldaFileStateRef> listTransfers() override { return {}; }
 
-  std::vector<std::string> started;
-  std::vector<std::string> cancelled;
+  Texts started;
+  Texts cancelled;
 };
 
 }  // namespace skelda::testing

@@ -1,4 +1,4 @@
-// From the folder of committed logs to the data sender.
+#include <fmt/format.h>
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
@@ -9,34 +9,39 @@
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 
-namespace skelda::testing {
 namespace {
 
-using Names = std::vector<std::string>;
-
-class SkeldaStreamTransferManagerTest : public ::testing::Test {
+class SkeldaStreamTransferManagerTest : public testing::Test {
  protected:
-  ~SkeldaStreamTransferManagerTest() override { EXPECT_EQ(swallowedExceptions(), swallowed_); }
+  ~SkeldaStreamTransferManagerTest() override {
+    EXPECT_EQ(skelda::swallowedExceptions(), swallowed_);
+  }
 
+  /// One log at a time, of so many that may wait.
   void make(Dictionary config = {}) {
+    config.set(std::string(kSkeldaStreamConfigOptionMaxFileUploadCount), 1);
     manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(std::move(config), monitor_,
                                                                       "/logs", folder_, agent_);
     manager_->startup(nullptr);
-    settle();
+    drain();
   }
-  void makeWithOneUpload() { make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}); }
-  /// Until the manager has nothing left to do.
-  void settle() { testing::settle(*manager_); }
+  void makeWithRoom() { make({{kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}}); }
+  void drain() { settle(*manager_); }
+  static Texts logs(int count) {
+    Texts names;
+    for (int i = 1; i <= count; ++i) names.push_back("log" + std::to_string(i));
+    return names;
+  }
   void put(int count) {
-    for (int i = 1; i <= count; ++i) folder_->names.insert("log" + std::to_string(i));
+    for (const auto& name : logs(count)) folder_->names.insert(name);
   }
-  void folderChanged() {
-    monitor_->tell(0);
-    settle();
+  void folderChanged(std::uint32_t change = 0) {
+    monitor_->tell(change);
+    drain();
   }
   void complete(const std::string& name, ErrorRef error = nullptr) {
     manager_->didCompleteTransfer(name, std::move(error));
-    settle();
+    drain();
   }
   SkeldaFileStateRef record(const std::string& name) {
     return manager_->fileUploadStatusDictionary()[name];
@@ -44,156 +49,112 @@ class SkeldaStreamTransferManagerTest : public ::testing::Test {
   static std::uint64_t removed(SkeldaLogRemoval reason) {
     return SkeldaAccounting::page().logsRemoved[static_cast<std::size_t>(reason)];
   }
-  static ErrorRef otherError() {
-    return std::make_shared<const Error>(makeErrorDomain("other"), 0);
-  }
+  /// Does what the words say and answers what the manager did: ">log1" is handed to the agent,
+  /// "xlog1" cancelled, "-log1" deleted. For "?", how many uploads count and, for each record,
+  /// name, state and failed tries. At the end, what was counted as lost.
+  std::string outcomeOf(const std::string& script);
 
-  const std::uint64_t swallowed_ = swallowedExceptions();
+  const std::uint64_t swallowed_ = skelda::swallowedExceptions();
   std::shared_ptr<FakeMonitor> monitor_ = std::make_shared<FakeMonitor>();
   std::shared_ptr<FakeFolder> folder_ = std::make_shared<FakeFolder>();
   std::shared_ptr<FakeAgent> agent_ = std::make_shared<FakeAgent>();
   std::shared_ptr<SkeldaStreamTransferManager> manager_;
 };
 
-TEST_F(SkeldaStreamTransferManagerTest, WhatIsInTheFolderAtStartIsSentOldestFirst) {
-  folder_->names = {"log10", "log9", ".log2", "log9b"};
-  makeWithOneUpload();
-  EXPECT_EQ(agent_->started, Names{".log2"});
-  EXPECT_EQ(record(".log2")->fileState(), 1u);
-  for (const char* next : {".log2", "log9", "log9b"}) complete(next);
-  EXPECT_EQ(agent_->started, (Names{".log2", "log9", "log9b", "log10"}));
-  EXPECT_EQ(folder_->removed, (Names{".log2", "log9", "log9b"}));
-  EXPECT_EQ(monitor_->announced, folder_->removed) << "or it would look for what it knows";
-  complete("log10");
-  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
-  EXPECT_EQ(manager_->currentUploadCount(), 0);
-}
-
 TEST_F(SkeldaStreamTransferManagerTest, OrdersNamesByTheirNumbers) {
-  const char* ordered[] = {"",   ".a",    "a",     "a1",  "a01bc3", "a1bc4",
-                           "a2", "a2b10", "a2b11", "a10", "a010b",  "a18446744073709551616",
-                           "b"};
-  for (std::size_t i = 0; i < std::size(ordered); ++i) {
-    for (std::size_t j = 0; j < std::size(ordered); ++j) {
-      EXPECT_EQ(SkeldaStreamTransferManager::isOrderedBefore(ordered[i], ordered[j]), i < j)
-          << ordered[i] << " " << ordered[j];
-    }
-  }
-  EXPECT_NE(SkeldaStreamTransferManager::isOrderedBefore("a1", "a01"),
-            SkeldaStreamTransferManager::isOrderedBefore("a01", "a1"));
+  const auto before = &SkeldaStreamTransferManager::isOrderedBefore;
+  const char* const ordered[] = {"",   ".a",    "a",     "a1",  "a01bc3", "a1bc4",
+                                 "a2", "a2b10", "a2b11", "a10", "a010b",  "a18446744073709551616",
+                                 "b"};
+  for (const auto& one : ordered)
+    for (const auto& other : ordered)
+      EXPECT_EQ(before(one, other), &one < &other) << one << " " << other;
+  EXPECT_NE(before("a1", "a01"), before("a01", "a1"));
 }
 
-TEST_F(SkeldaStreamTransferManagerTest, AFolderOverItsLimitLosesItsOldestFiles) {
-  for (const auto& [files, gone] : {std::pair{4, 0}, {5, 2}, {10, 7}}) {
-    folder_ = std::make_shared<FakeFolder>();
-    agent_ = std::make_shared<FakeAgent>();
-    put(files);
-    const std::uint64_t before = removed(SkeldaLogRemoval::folderFull);
-    makeWithOneUpload();
-    EXPECT_EQ(removed(SkeldaLogRemoval::folderFull), before + static_cast<unsigned>(gone));
-    Names expected;
-    for (int i = 1; i <= gone; ++i) expected.push_back("log" + std::to_string(i));
-    EXPECT_EQ(folder_->removed, expected);
-    EXPECT_EQ(agent_->started, Names{"log" + std::to_string(gone + 1)});
-  }
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, AFileUnderWayIsNotDeletedForTheLimit) {
-  put(1);
-  makeWithOneUpload();
-  put(5);
-  folderChanged();
-  EXPECT_EQ(folder_->removed, (Names{"log2", "log3"}));
-  complete("log1");
-  EXPECT_EQ(agent_->started, (Names{"log1", "log4"}));
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, BeingOfflineCostsNoAttemptAndFreesThePlace) {
-  put(2);
-  makeWithOneUpload();
-  for (int i = 0; i < 5; ++i) {
-    const auto code = i % 2 == 0 ? kURLErrorNotConnectedToInternet : kURLErrorNetworkConnectionLost;
-    complete("log1", urlError(code));
-    EXPECT_EQ(record("log1")->fileUploadRetryCounter(), 0);
-    EXPECT_EQ(record("log1")->fileState(), 1u) << "and it is under way again";
-    EXPECT_EQ(manager_->currentUploadCount(), 1);
-  }
-  EXPECT_EQ(agent_->started.size(), 6u);
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, TheThirdFailureDeletesTheFileUnsent) {
-  put(2);
-  makeWithOneUpload();
+std::string SkeldaStreamTransferManagerTest::outcomeOf(const std::string& script) {
+  folder_ = std::make_shared<FakeFolder>();
+  agent_ = std::make_shared<FakeAgent>();
+  monitor_ = std::make_shared<FakeMonitor>();
   // The same text and code in another domain object is not the same error.
   const auto lookalike = std::make_shared<const Error>(makeErrorDomain(urlErrorDomain()->c_str()),
                                                        kURLErrorNotConnectedToInternet);
-  const std::uint64_t before = removed(SkeldaLogRemoval::thirdFailedTry);
-  for (const auto& error : {lookalike, otherError(), urlError(-1001)}) {
-    EXPECT_TRUE(folder_->removed.empty());
-    complete("log1", error);
+  const std::map<std::string, ErrorRef> ends{
+      {"ok", nullptr},
+      {"offline", urlError(kURLErrorNotConnectedToInternet)},
+      {"lookalike", lookalike},
+      {"lost", urlError(kURLErrorNetworkConnectionLost)},
+      {"timeout", urlError(-1001)},
+      {"other", std::make_shared<const Error>(makeErrorDomain("other"), 0)}};
+  const std::uint64_t full = removed(SkeldaLogRemoval::folderFull);
+  const std::uint64_t failed = removed(SkeldaLogRemoval::thirdFailedTry);
+  const std::pair<const char*, Texts*> told[] = {
+      {"x", &agent_->cancelled}, {"-", &folder_->removed}, {">", &agent_->started}};
+  std::map<Texts*, std::size_t> read;
+  std::string out;
+  std::istringstream in(script);
+  for (std::string word; in >> word;) {
+    const std::string name = word.substr(word.find(':') + 1), what = word.substr(0, word.find(':'));
+    if (what == "add") folder_->names.insert(name);
+    if (what == "put") put(std::stoi(name));
+    if (what == "vanish") folder_->names.erase(name);
+    if (what == "stuck") folder_->undeletable.insert(name);
+    if (what == "loose") folder_->undeletable.clear();
+    if (what == "unlistable") folder_->isUnlistable = true;
+    if (what == "start") make();
+    if (what == "change") folderChanged();
+    if (what == "other-change") folderChanged(1);
+    if (what == "waiting") record(name)->setFileState(kSkeldaFileStateWaiting);
+    if (ends.contains(what)) complete(name, ends.at(what));
+    if (what == "abandon") {
+      record(name)->setFileState(kSkeldaFileStateError);
+      manager_->didAbandonTransfer();
+      drain();
+    }
+    for (const auto& [mark, names] : told)
+      for (auto& at = read[names]; at < names->size(); ++at) addWord(out, mark + (*names)[at]);
+    if (what != "?") continue;
+    addWord(out, std::to_string(manager_->currentUploadCount()));
+    for (const auto& [log, file] : manager_->fileUploadStatusDictionary())
+      addWord(out, fmt::format("{}:{}:{}", log, file->fileState(), file->fileUploadRetryCounter()));
   }
-  EXPECT_EQ(removed(SkeldaLogRemoval::thirdFailedTry), before + 1);
-  EXPECT_EQ(folder_->removed, Names{"log1"});
-  EXPECT_EQ(agent_->started, (Names{"log1", "log1", "log1", "log2"}));
+  EXPECT_TRUE(script.find("stuck") != script.npos || monitor_->announced == folder_->removed)
+      << "or it would look for what it knows";
+  if (const auto since = removed(SkeldaLogRemoval::folderFull) - full)
+    addWord(out, fmt::format("full:{}", since));
+  if (const auto since = removed(SkeldaLogRemoval::thirdFailedTry) - failed)
+    addWord(out, fmt::format("failed:{}", since));
+  return out;
 }
 
-TEST_F(SkeldaStreamTransferManagerTest, AFileThatCannotBeDeletedEndsInErrorAndIsNotSentAgain) {
-  put(1);
-  folder_->undeletable.insert("log1");
-  makeWithOneUpload();
-  complete("log1");
-  for (const unsigned state : {5u, 5u, 6u}) {
-    EXPECT_EQ(record("log1")->fileState(), 5u);
-    folderChanged();
-    EXPECT_EQ(record("log1")->fileState(), state);
-  }
-  EXPECT_EQ(agent_->started, Names{"log1"});
-  EXPECT_EQ(manager_->currentUploadCount(), 0);
-  // It goes when the folder is over its limit.
-  folder_->undeletable.clear();
-  folderChanged();
-  EXPECT_TRUE(folder_->removed.empty());
-  put(5);
-  folderChanged();
-  EXPECT_EQ(folder_->removed, (Names{"log1", "log2"}));
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, AVanishedFileIsCancelledAndItsPlaceGivenOn) {
-  put(2);
-  makeWithOneUpload();
-  folder_->names.erase("log1");
-  folderChanged();
-  EXPECT_EQ(agent_->cancelled, Names{"log1"});
-  EXPECT_EQ(agent_->started, (Names{"log1", "log2"}));
-  complete("log1");
-  EXPECT_EQ(manager_->currentUploadCount(), 1) << "its late end changes nothing";
-  complete("log2");
-  EXPECT_EQ(folder_->removed, Names{"log2"});
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, AFileThatTheAgentGaveUpDoesNotHoldItsPlace) {
-  put(2);
-  makeWithOneUpload();
-  record("log1")->setFileState(kSkeldaFileStateError);
-  manager_->didAbandonTransfer();
-  settle();
-  EXPECT_EQ(agent_->started, (Names{"log1", "log2"}));
-  EXPECT_EQ(folder_->removed, Names{}) << "it stays where it is";
-}
-
-TEST_F(SkeldaStreamTransferManagerTest, ACompletionOfAnUnknownNameStillRunsAPass) {
-  makeWithOneUpload();
-  put(1);
-  folder_->unlistable = 1;
-  folderChanged();
-  EXPECT_TRUE(manager_->fileUploadStatusDictionary().empty());
-  monitor_->tell(1);  // no change that matters
-  settle();
-  EXPECT_TRUE(agent_->started.empty());
-  folderChanged();
-  record("log1")->setFileState(kSkeldaFileStateWaiting);
-  complete("unknown");
-  EXPECT_EQ(agent_->started, (Names{"log1", "log1"}));
+TEST_F(SkeldaStreamTransferManagerTest, SendsOldestFirstAndLosesOnlyWhatItsLimitsSay) {
+  const std::pair<const char*, const char*> cases[] = {
+      // Oldest first; what is sent goes.
+      {"add:log10 add:log9 add:.log2 add:log9b start ? ok:.log2 ok:log9 ok:log9b ok:log10 ?",
+       ">.log2 1 .log2:1:0 log9:0:0 log9b:0:0 log10:0:0 -.log2 >log9 -log9 >log9b -log9b >log10 "
+       "-log10 0"},
+      // A folder over its limit loses its oldest logs, but not one under way.
+      {"put:4 start", ">log1"},
+      {"put:5 start", "-log1 -log2 >log3 full:2"},
+      {"put:10 start", "-log1 -log2 -log3 -log4 -log5 -log6 -log7 >log8 full:7"},
+      {"put:1 start put:5 change ok:log1", ">log1 -log2 -log3 -log1 >log4 full:2"},
+      // Being offline costs no try and frees the place; the third failure deletes the log unsent.
+      {"put:2 start offline:log1 ? lost:log1 ? offline:log1 lost:log1 offline:log1 ?",
+       ">log1 >log1 1 log1:1:0 log2:0:0 >log1 1 log1:1:0 log2:0:0 >log1 >log1 >log1 1 log1:1:0 "
+       "log2:0:0"},
+      {"put:2 start lookalike:log1 other:log1 timeout:log1",
+       ">log1 >log1 >log1 -log1 >log2 failed:1"},
+      // What cannot be deleted is not sent again, and goes when the folder is over its limit.
+      {"put:1 stuck:log1 start ok:log1 ? change ? change ? change ? loose change put:5 change",
+       ">log1 0 log1:5:0 0 log1:5:0 0 log1:5:0 0 log1:6:0 -log1 -log2 >log3 full:1"},
+      // The place of a log that vanished, or that the agent gave up, is given on; a late end of it
+      // changes nothing.
+      {"put:2 start vanish:log1 change ok:log1 ? ok:log2", ">log1 xlog1 >log2 1 log2:1:0 -log2"},
+      {"put:2 start abandon:log1", ">log1 >log2"},
+      // The end of an unknown one still runs a pass; no change that matters does not.
+      {"start put:1 unlistable change ? other-change ? change waiting:log1 ok:unknown",
+       "0 0 >log1 >log1"}};
+  for (const auto& [script, outcome] : cases) EXPECT_EQ(outcomeOf(script), outcome) << script;
 }
 
 TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithTheirNumberOnly) {
@@ -202,13 +163,11 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithT
     folder_ = std::make_shared<FakeFolder>();
     agent_ = std::make_shared<FakeAgent>();
     put(count);
-    make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
-          {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+    makeWithRoom();
     for (int i = 0; i < count; ++i) {
-      manager_->didCompleteTransfer(agent_->started.back(), nullptr);
-      settle();
+      complete(agent_->started.back());
       for (int changes = 0; changes < 3; ++changes) monitor_->tell(0);
-      settle();
+      drain();
     }
     EXPECT_EQ(agent_->started.size(), static_cast<std::size_t>(count));
     EXPECT_TRUE(folder_->names.empty());
@@ -221,8 +180,7 @@ TEST_F(SkeldaStreamTransferManagerTest, WhatThousandsOfWaitingLogsCostGrowsWithT
 
 TEST_F(SkeldaStreamTransferManagerTest, AFileThatComesWhileManyWaitIsSeenSoon) {
   put(100);
-  make({{kSkeldaStreamConfigOptionMaxFileUploadCount, 1},
-        {kSkeldaStreamConfigOptionMaxFileTransferCount, 5000}});
+  makeWithRoom();
   folder_->names.insert("log0");
   monitor_->tell(0);
   EXPECT_TRUE(becomes([&] { return record("log0") != nullptr; }));
@@ -231,33 +189,32 @@ TEST_F(SkeldaStreamTransferManagerTest, AFileThatComesWhileManyWaitIsSeenSoon) {
 TEST_F(SkeldaStreamTransferManagerTest, WhatCameWhileTheFolderCouldNotBeListedIsSentAllTheSame) {
   const auto listedAgain = [&] {
     agent_->started.clear();
-    folder_->unlistable = 1;
+    folder_->isUnlistable = true;
     folderChanged();
     EXPECT_TRUE(becomes([&] { return manager_->currentUploadCount() > 0; }));
   };
-  makeWithOneUpload();
+  make();
   put(10);
   listedAgain();
-  for (int i = 1; i <= 10; ++i) complete("log" + std::to_string(i));
+  for (const auto& name : logs(10)) complete(name);
   EXPECT_EQ(agent_->started, folder_->removed);
   EXPECT_EQ(agent_->started.size(), 10u);
   // Where they cannot be sent, the limit holds for them as for all others.
   put(10);
   listedAgain();
   complete("log1", urlError(kURLErrorNetworkConnectionLost));
-  settle();
+  drain();
   EXPECT_EQ(folder_->names.size(), 3u);
 }
 
-class FakeDataSender : public ISkeldaFrameLogDataSender {
- public:
+struct FakeDataSender : ISkeldaFrameLogDataSender {
   bool sendFrameLogData(Data data) override {
     if (failures > 0) return --failures, false;
     sent.push_back(data.string());
     return true;
   }
   int failures = 0;
-  std::vector<std::string> sent;
+  Texts sent;
 };
 
 struct Outcome {
@@ -265,8 +222,7 @@ struct Outcome {
   ErrorRef error;
 
   bool isLostConnection() const {
-    return error != nullptr && error->hasDomain(urlErrorDomain()) &&
-           error->code() == kURLErrorNetworkConnectionLost;
+    return codeOf(error) == kURLErrorNetworkConnectionLost && error->hasDomain(urlErrorDomain());
   }
 };
 
@@ -279,7 +235,16 @@ class Outcomes : public ISkeldaFileTransferAgentDelegate, public Recorded<Outcom
 };
 
 /// The agent, and behind it what reads the files.
-class SkeldaLocalTransferAgentTest : public ::testing::Test {
+template <class... Delay>
+std::shared_ptr<SkeldaLocalTransferAgent> agentBefore(
+    std::shared_ptr<ISkeldaFrameLogDataSender> sender, Delay... delay) {
+  return SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
+      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
+                                                               std::move(sender), delay...),
+      SkeldaStreamFileManager::fileManager());
+}
+
+class SkeldaLocalTransferAgentTest : public testing::Test {
  protected:
   SkeldaLocalTransferAgentTest() {
     agent_->setDelegate(outcomes_);
@@ -299,11 +264,7 @@ class SkeldaLocalTransferAgentTest : public ::testing::Test {
   TemporaryDirectory folder_;
   std::shared_ptr<FakeDataSender> dataSender_ = std::make_shared<FakeDataSender>();
   std::shared_ptr<Outcomes> outcomes_ = std::make_shared<Outcomes>();
-  std::shared_ptr<SkeldaLocalTransferAgent> agent_ =
-      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
-          SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-              SkeldaStreamFileHandle::fileHandle(), dataSender_),
-          SkeldaStreamFileManager::fileManager());
+  std::shared_ptr<SkeldaLocalTransferAgent> agent_ = agentBefore(dataSender_);
 };
 
 TEST_F(SkeldaLocalTransferAgentTest, TellsWhatBecameOfAFile) {
@@ -321,7 +282,7 @@ TEST_F(SkeldaLocalTransferAgentTest, TellsWhatBecameOfAFile) {
   EXPECT_EQ(transfer(missing).name, "abandoned");
   EXPECT_EQ(missing->fileState(), 6u);
   EXPECT_EQ(agent_->listTransfers(), std::vector{missing});
-  EXPECT_EQ(dataSender_->sent, Names{"bytes"});
+  EXPECT_EQ(dataSender_->sent, Texts{"bytes"});
 }
 
 TEST_F(SkeldaLocalTransferAgentTest, FinishesTheFirstOfANameAndForgetsTheCancelled) {
@@ -346,18 +307,14 @@ TEST_F(SkeldaLocalTransferAgentTest, WhatCannotBeStoredIsALostConnectionAfterALo
 }
 
 TEST_F(SkeldaLocalTransferAgentTest, ALogThatCannotBeReadJustNowIsALostConnection) {
-  agent_ = SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
-      SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(SkeldaStreamFileHandle::fileHandle(),
-                                                               dataSender_, RetryDelay(1ms, 8ms)),
-      SkeldaStreamFileManager::fileManager());
+  agent_ = agentBefore(dataSender_, RetryDelay(1ms, 8ms));
   agent_->setDelegate(outcomes_);
   // A lost connection so many times of eight, before it is a failure like any other.
   const std::tuple<const char*, int, int> cases[] = {{"open", EMFILE, 8}, {"open", ENFILE, 8},
                                                      {"open", ENOMEM, 8}, {"open", EACCES, 3},
                                                      {"read", EIO, 3},    {"open", ENXIO, 0}};
   for (const auto& [call, error, expected] : cases) {
-    const FaultyFileCalls plan;
-    plan->failAll(call, error);
+    const FaultyFileCalls plan(call, Fault::always(error));
     int lost = 0;
     for (int tries = 0; tries < 8; ++tries) lost += transfer(file("log")).isLostConnection();
     EXPECT_EQ(lost, expected) << call << " " << error;
@@ -373,16 +330,15 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   const std::string folder = home_.storageFolder() + "/CommitedFrameLogs";
   const auto isEmpty = [&] { return std::filesystem::is_empty(folder); };
   const auto commit = [&](const std::string& name) {
-    const std::string bytes = name + std::string(4000, '\x9c');
+    const std::string log = name + std::string(4000, '\x9c');
     std::filesystem::create_directories(folder);
-    writeFile(home_.storageFolder() + "/new", bytes);
-    std::filesystem::rename(home_.storageFolder() + "/new", folder + "/" + name);
-    return bytes;
+    writeFile(pathOf("new"), log);
+    std::filesystem::rename(pathOf("new"), folder + "/" + name);
+    return log;
   };
   LoopbackServer server(answering(200));
   sendTo(server);
-  const FaultyFileCalls plan;
-  plan->failAll("syncData", ENOSPC);
+  const FaultyFileCalls plan("syncData", Fault::always(ENOSPC));
   const std::string earlier = commit("of an earlier run");
   // Neither of these is a log; the pipe would hold whoever opened it.
   ASSERT_EQ(::mkfifo((folder + "/a pipe").c_str(), 0600), 0);
@@ -394,11 +350,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   const auto files = SkeldaStreamFileManager::fileManager();
   const auto monitor = SkeldaNodeDataProvider::nodeDataProviderWithFilePath(folder, files);
   const auto manager = SkeldaStreamTransferManager::transferManagerWithConfig(
-      {}, monitor, folder, files,
-      SkeldaLocalTransferAgent::localTransferAgentWithStreamFileReader(
-          SkeldaStreamFrameLogSender::frameLogSenderWithFileHandle(
-              SkeldaStreamFileHandle::fileHandle(), sender),
-          files));
+      {}, monitor, folder, files, agentBefore(sender));
   const std::uint64_t stored = SkeldaAccounting::page().logsStored;
   manager->startup(nullptr);
   ASSERT_TRUE(server.waitUntil([&] { return log_.count("unable to store data of file") >= 2; }));
@@ -408,7 +360,7 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
   plan->clear();
   ASSERT_TRUE(server.waitUntil([&] { return isEmpty() && blocks(sender).empty(); }));
   for (const char* name : {"a pipe", "a link", "a folder"}) {
-    EXPECT_EQ(setAsideOf(home_.storageFolder() + "/" + name).size(), 1u) << name;
+    EXPECT_EQ(setAsideOf(pathOf(name)).size(), 1u) << name;
     EXPECT_EQ(log_.count(name + std::string(" is no file, set aside")), 1u);
   }
   const std::string later = commit("of this run");
@@ -423,4 +375,3 @@ TEST_F(TransferTest, ALogLeavesTheFolderOnlyWhenItIsStoredAndReachesTheServerByt
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -5,8 +5,6 @@
 
 namespace {
 
-using namespace platform;
-
 class Counter : public SkeldaActor {
  public:
   explicit Counter(QueueRef target = nullptr) : SkeldaActor("Counter", target) {}
@@ -26,7 +24,6 @@ class Counter : public SkeldaActor {
   int total_ = 0;
 };
 
-/// Neither a current actor nor an active thread is left behind.
 void expectLeft(const std::shared_ptr<Counter>& actor) {
   EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
   EXPECT_EQ(actor->activeThread(), std::thread::id());
@@ -44,28 +41,19 @@ class SkeldaActorTest : public testing::Test {
   std::uint64_t swallowed_ = skelda::swallowedExceptions();
 };
 
-TEST_F(SkeldaActorTest, RunsWhatIsPostedInOrderInsideTheActor) {
-  for (int i = 0; i < 100; ++i) actor_->add(i);
-  EXPECT_EQ(actor_->total(), 4950);
-  expectLeft(actor_);
-}
-
 TEST_F(SkeldaActorTest, SynchronousCallsFromWithinRunInlineThroughOtherActorsToo) {
+  const auto current = &SkeldaActor::currentActor;
   const auto nest = [&] {
-    EXPECT_EQ(SkeldaActor::currentActor(), actor_);
     EXPECT_EQ(actor_->activeThread(), std::this_thread::get_id());
-    int depth = 0;
-    actor_->syncBlock([&] { depth += 1; });
+    std::vector<std::shared_ptr<SkeldaActor>> seen{current()};
+    actor_->syncBlock([&] { seen.push_back(current()); });
     other_->syncBlock([&] {
-      EXPECT_EQ(SkeldaActor::currentActor(), other_);
-      actor_->syncBlock([&] {
-        EXPECT_EQ(SkeldaActor::currentActor(), actor_);
-        depth += 1;
-      });
-      EXPECT_EQ(SkeldaActor::currentActor(), other_);
+      seen.push_back(current());
+      actor_->syncBlock([&] { seen.push_back(current()); });
+      seen.push_back(current());
     });
-    EXPECT_EQ(SkeldaActor::currentActor(), actor_);
-    EXPECT_EQ(depth, 2);
+    seen.push_back(current());
+    EXPECT_EQ(seen, (decltype(seen){actor_, actor_, other_, actor_, other_, actor_}));
   };
   actor_->syncBlock(nest);
   expectLeft(actor_);
@@ -209,20 +197,18 @@ TEST_F(SkeldaActorTest, GroupsDelaysAndDatesRunInsideTheActor) {
 }
 
 TEST_F(SkeldaActorTest, CallbacksComeOutsideTheActorOnTheQueueAskedFor) {
-  const QueueRef queue = Queue::serial("callbacks");
   Happening called(3);
   actor_->syncBlock([&] {
     bool inlineCalled = false;
     actor_->asyncCallback([&] { inlineCalled = true; }, kSkeldaActorNoQueue);
     EXPECT_TRUE(inlineCalled);
-    for (const auto& on : {queue, QueueRef()}) {
-      actor_->asyncCallback(
-          [&, on] {
-            EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
-            EXPECT_TRUE((on != nullptr ? on : Queue::global())->isCurrent());
-            called.happen();
-          },
-          on);
+    for (const auto& on : {Queue::serial("callbacks"), QueueRef()}) {
+      const auto callback = [&, on] {
+        EXPECT_EQ(SkeldaActor::currentActor(), nullptr);
+        EXPECT_TRUE((on != nullptr ? on : Queue::global())->isCurrent());
+        called.happen();
+      };
+      actor_->asyncCallback(callback, on);
     }
     actor_->syncMainThreadBlock([&] {
       EXPECT_TRUE(MainQueue::isMainThread());
@@ -247,13 +233,11 @@ TEST_F(SkeldaActorTest, APostedBlockHoldsItsActor) {
 TEST(SkeldaActorDeathTest, ACheckOutsideTheActorEndsTheProcess) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_DEATH(Counter::counter()->assertRunningInActor(), "currentActor\\] == self");
-  EXPECT_DEATH(
-      {
-        const auto outer = Counter::counter();
-        outer->syncBlock(
-            [&] { Counter::counter()->syncBlock([&] { outer->assertRunningInActor(); }); });
-      },
-      "currentActor\\] == self");
+  const auto fromAnother = [outer = Counter::counter()] {
+    const auto check = [&] { outer->assertRunningInActor(); };
+    outer->syncBlock([&] { Counter::counter()->syncBlock(check); });
+  };
+  EXPECT_DEATH(fromAnother(), "currentActor\\] == self");
 }
 
 class SkeldaActorDeferredQueueTest : public testing::Test {
@@ -278,10 +262,9 @@ TEST_F(SkeldaActorDeferredQueueTest, HoldsBlocksInOrderUntilTheGateOpens) {
   actor_->syncBlock([&] { EXPECT_TRUE(ran.empty()); });
   gate_->resume();
   for (int i = 200; i < 400; ++i) post(i);
-  gate_->syncBlock([&] {
-    EXPECT_EQ(ran.size(), 400U);
-    for (int i = 0; i < 400; ++i) EXPECT_EQ(ran[static_cast<std::size_t>(i)], i);
-  });
+  std::vector<int> expected(400);
+  std::iota(expected.begin(), expected.end(), 0);
+  gate_->syncBlock([&] { EXPECT_EQ(ran, expected); });
 }
 
 TEST_F(SkeldaActorDeferredQueueTest, ASynchronousBlockPassesAClosedGateOnlyFromInsideTheActor) {
@@ -289,13 +272,11 @@ TEST_F(SkeldaActorDeferredQueueTest, ASynchronousBlockPassesAClosedGateOnlyFromI
   actor_->syncBlock([&] { gate_->syncBlock([&] { ++ran; }); });
   EXPECT_EQ(ran, 1);
   std::atomic<bool> passed{false};
-  std::thread outside([&] {
-    EXPECT_THROW(gate_->syncBlock([&] {
-      passed = true;
-      throw Exception("Name", "reason");
-    }),
-                 Exception);
-  });
+  const auto pass = [&] {
+    passed = true;
+    throw Exception("Name", "reason");
+  };
+  std::thread outside([&] { EXPECT_THROW(gate_->syncBlock(pass), Exception); });
   EXPECT_FALSE(Happening().cameInTime(20ms));
   EXPECT_FALSE(passed);
   gate_->resume();

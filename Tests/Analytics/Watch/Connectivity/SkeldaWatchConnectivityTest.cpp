@@ -10,11 +10,10 @@
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::Not;
 
 namespace {
-
-using namespace platform;
 
 class Receiver : public ISkeldaWatchConnectivityReceiver {
  public:
@@ -25,7 +24,7 @@ class Receiver : public ISkeldaWatchConnectivityReceiver {
   bool isSkeldaUserInfo(const Dictionary& userInfo) override {
     return userInfo.contains(kWatchOSResponseKey);
   }
-  std::vector<std::string> received;  // on the connectivity queue
+  Texts received;  // on the connectivity queue
 };
 
 class SkeldaWatchConnectivityTest : public testing::Test {
@@ -62,7 +61,7 @@ class SkeldaWatchConnectivityTest : public testing::Test {
     return delegate != nullptr && delegate->className() == "SkeldaWatchConnectivityProxy";
   }
   void fromPhone(const Dictionary& userInfo) {
-    const std::size_t before = atPhone_->heard().size();
+    const std::size_t before = atPhone_->size();
     phone_->transferUserInfo(userInfo);
     atPhone_->wait(before + 1);  // acknowledged: the watch's proxy has it
     drain();
@@ -81,7 +80,7 @@ TEST_F(SkeldaWatchConnectivityTest, TheHostKeepsHearingWhateverDelegateItSetsAnd
   setup();
   EXPECT_TRUE(isProxyInstalled());
   fromPhone({{"host", 1}});
-  EXPECT_THAT(before->heard(), Contains(R"(info {"host":1})"));
+  EXPECT_THAT(before->all(), Contains(R"(info {"host":1})"));
 
   const auto after = std::make_shared<RecordingDelegate>();
   for (int i = 0; i < 2; ++i) {  // set twice, taken over twice
@@ -90,13 +89,13 @@ TEST_F(SkeldaWatchConnectivityTest, TheHostKeepsHearingWhateverDelegateItSetsAnd
     EXPECT_TRUE(isProxyInstalled());
   }
   fromPhone({{"host", 2}});
-  EXPECT_THAT(after->heard(), ElementsAre(R"(info {"host":2})"));
+  EXPECT_THAT(after->all(), ElementsAre(R"(info {"host":2})"));
 
   session_->setDelegate(nullptr);
   drain();
   EXPECT_TRUE(isProxyInstalled());
   fromPhone({{"host", 3}});
-  EXPECT_THAT(after->heard(), ElementsAre(R"(info {"host":2})"));
+  EXPECT_THAT(after->all(), ElementsAre(R"(info {"host":2})"));
   EXPECT_THAT(receiver_->received, ElementsAre(R"({"host":1})", R"({"host":2})", R"({"host":3})"));
 }
 
@@ -108,16 +107,15 @@ TEST_F(SkeldaWatchConnectivityTest, TheAgentsOwnMessagesDoNotReachTheHostOthersR
   fromPhone({{"plain", true}});
   EXPECT_THAT(receiver_->received, ElementsAre(R"({"skelda://id1":"vendor","hosts":"too"})",
                                                R"({"skelda://id3":"YES"})", R"({"plain":true})"));
-  EXPECT_THAT(host->heard(), Contains(R"(info {"plain":true})"));
-  EXPECT_THAT(host->heard(), Not(Contains(testing::HasSubstr("skelda://"))));
-
+  EXPECT_THAT(host->all(), Contains(R"(info {"plain":true})"));
+  EXPECT_THAT(host->all(), Not(Contains(HasSubstr("skelda://"))));
   connectivity_->transferUserInfo({{"skelda://id3", "YES"}});
   session_->transferUserInfo({{"own", 1}});
   atPhone_->wait(7);
   host->wait(4);
   drain();
-  EXPECT_THAT(host->heard(), Contains(R"(finished {"own":1})"));
-  EXPECT_THAT(host->heard(), Not(Contains(R"(finished {"skelda://id3":"YES"})")));
+  EXPECT_THAT(host->all(), Contains(R"(finished {"own":1})"));
+  EXPECT_THAT(host->all(), Not(Contains(R"(finished {"skelda://id3":"YES"})")));
 }
 
 TEST_F(SkeldaWatchConnectivityTest, EveryOtherCallIsForwardedToAHostThatAnswersIt) {
@@ -182,24 +180,22 @@ TEST_F(SkeldaWatchConnectivityTest, ADisabledTransferSendsNothingAndTheProxyItse
   drain();
   EXPECT_TRUE(isProxyInstalled());
   fromPhone({{"last", 1}});
-  EXPECT_THAT(atPhone_->heard(), Not(Contains(testing::HasSubstr("skelda://id3"))));
+  EXPECT_THAT(atPhone_->all(), Not(Contains(HasSubstr("skelda://id3"))));
   EXPECT_THAT(receiver_->received, ElementsAre(R"({"last":1})"));
 }
 
 TEST_F(SkeldaWatchConnectivityTest, DelegatesSetFromManyThreadsEndWithTheProxyInPlace) {
   setup();
-  std::vector<std::shared_ptr<RecordingDelegate>> hosts;
-  for (int i = 0; i < 4; ++i) hosts.push_back(std::make_shared<RecordingDelegate>());
-  skelda::testing::inThreads(4, [&](unsigned thread) {
+  std::array<std::shared_ptr<RecordingDelegate>, 4> hosts;
+  inThreads(4, [&](unsigned thread) {
+    hosts[thread] = std::make_shared<RecordingDelegate>();
     for (int i = 0; i < 200; ++i) session_->setDelegate(hosts[thread]);
   });
-  for (int i = 0; i < 1000 && !isProxyInstalled(); ++i) drain();
-  EXPECT_TRUE(isProxyInstalled());
+  EXPECT_TRUE(becomes([&] { return drain(), isProxyInstalled(); }));
 }
 
 TEST(SkeldaWatchConnectivityWithoutAPhone, IsInert) {
-  ClassRegistry::shared().registerClass(
-      {.name = "WCSession", .superclass = {}, .protocols = {}, .factory = {}});
+  ClassRegistry::shared().registerClass({"WCSession", {}, {}, {}});
   const auto connectivity = SkeldaWatchConnectivity::connectivity();
   connectivity->setup();
   connectivity->transferUserInfo({{"a", 1}});

@@ -3,7 +3,7 @@
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaModules.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
-#include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesData.h"
+
 #include "Analytics/Streaming/Data Providers/SkeldaSessionDevicePropertiesDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamConsent.h"
@@ -12,16 +12,15 @@
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserDemographicsSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/ISkeldaUserPropertiesSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
-#include "Tests/Analytics/Streaming/Core/LogWords.h"
+#include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 
-namespace skelda::testing {
 namespace {
 
 // The messages of start-up that a session needs; "S-" is all of them but the identifiers, 140.
-const std::vector<std::string> kStickies{"132", "133", "139", "140", "141"};
-const std::vector<std::string> kOtherStickies{"146", "148", "149", "156", "162"};
+const Texts kStickies{"132", "133", "139", "140", "141"};
+const Texts kOtherStickies{"146", "148", "149", "156", "162"};
 
 bool isSticky(const std::string& word) {
   return std::ranges::count(kStickies, word) + std::ranges::count(kOtherStickies, word) > 0;
@@ -97,12 +96,8 @@ std::string withoutOrderOfStickies(const std::string& words) {
     run.clear();
   };
   for (std::string word; in >> word;) {
-    if (isSticky(word)) {
-      run.insert(word);
-      continue;
-    }
-    endRun();
-    addWord(out, word);
+    if (!isSticky(word)) endRun();
+    isSticky(word) ? void(run.insert(word)) : addWord(out, word);
   }
   endRun();
   return out;
@@ -129,9 +124,8 @@ std::string logsAfter(const std::string& words) {
     pipeline->sendWord(word);
   }
   std::string logs;
-  for (const auto& path : logPaths(Pipeline::commitedFrameLogsFilePath())) {
+  for (const auto& path : logPaths(Pipeline::commitedFrameLogsFilePath()))
     logs += withoutOrderOfStickies(logWords(readFile(path))) + " | ";
-  }
   const auto open = readFile(Pipeline::currentFrameLogFilePathWithName());
   return logs + withoutOrderOfStickies(logWords(open));
 }
@@ -257,9 +251,8 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
         ->didReceiveUserInfo({{"skelda://id1", "Secret"}, {"skelda://id2", "5ec2e7"}});
     pipeline->settleAll();
     // As it is, as base64 of its text, and the second identifier as it is reported.
-    for (const char* value : {"Secret", "U2VjcmV0", "XsLn"}) {
+    for (const char* value : {"Secret", "U2VjcmV0", "XsLn"})
       EXPECT_EQ(log.count(value) > 0, shown) << value;
-    }
     EXPECT_EQ(log.count("(not shown)") > 0, !shown);
   }
   environment.set("SKELDA_LOG_VALUES", "0");
@@ -267,4 +260,3 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -1,4 +1,4 @@
-// How the pipeline is put together from what is linked in.
+#include <fmt/format.h>
 
 #include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
@@ -8,14 +8,11 @@
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 
-namespace skelda::testing {
-
 class ISampleSource : public ISkeldaFrameSource {
  public:
   static constexpr std::string_view kProtocolName = "ISampleSource";
 };
 
-/// Counts its start-ups.
 class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
  public:
   static constexpr std::string_view kClassName = "SampleSource";
@@ -45,7 +42,7 @@ class Manager : public SkeldaStreamBaseManager {
   Manager() : SkeldaStreamBaseManager("Manager") {}
 };
 
-class SkeldaStreamBaseManagerTest : public ::testing::Test {
+class SkeldaStreamBaseManagerTest : public testing::Test {
  protected:
   SkeldaStreamBaseManagerTest() {
     ClassRegistry::shared().registerClass({"SampleSource",
@@ -106,47 +103,44 @@ TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAnd
   const auto next =
       std::dynamic_pointer_cast<SampleSource>(manager_->moduleIfPresent("ISkeldaFrameSource"));
   EXPECT_EQ(next->starts, 1);
-  EXPECT_EQ(log.count("Skelda: BrokenSource is left out: no memory"), 1U);
-  EXPECT_EQ(log.count("Skelda: BrokenProvider is left out: no memory"), 1U);
-  EXPECT_EQ(log.count("Skelda: ISampleSource did not start: not today"), 1U);
+  for (const char* line :
+       {"BrokenSource is left out: no memory", "BrokenProvider is left out: no memory",
+        "ISampleSource did not start: not today"})
+    EXPECT_EQ(log.count("Skelda: " + std::string(line)), 1U) << line;
 }
 
 TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   const AgentHome home;
   const std::string event = "Skelda Watch Event Threshold";
   const std::string duration = "Skelda Watch Duration Threshold";
-  const struct {
-    std::string key;
-    Value value;
-    std::int32_t events, minutes;
-    std::string line;
-  } cases[] = {
-      {event, nullptr, 10, 10, ""},
-      {event, 4, 5, 10, "Watch event threshold may not be below 5"},
-      {event, 50, 50, 10, ""},
-      {event, 51, 50, 10, "Watch event threshold may not be above 50"},
-      {event, "20", 20, 10, ""},
-      {event, "many", 5, 10, "Watch event threshold may not be below 5"},
-      {event, 1e30, 50, 10, "Watch event threshold may not be above 50"},
-      {event, -1, 5, 10, "Watch event threshold may not be below 5"},
-      {event, 7.9, 7, 10, ""},
-      {event, true, 5, 10, "Watch event threshold may not be below 5"},
-      {event, Array{12}, 5, 10, "Watch event threshold may not be below 5"},
-      {event, Data("\x0c"), 5, 10, "Watch event threshold may not be below 5"},
-      {duration, 4, 10, 5, "Watch duration threshold may not be below 5"},
-      {duration, 60, 10, 60, ""},
-      {duration, 61, 10, 60, "Watch duration threshold may not be above 60"},
-  };
-  for (const auto& given : cases) {
+  // What becomes of it, of the other one 10, and what a line says that it may not be.
+  const std::tuple<std::string, Value, int, std::string> cases[] = {
+      {event, nullptr, 10, ""},
+      {event, 4, 5, "below 5"},
+      {event, 50, 50, ""},
+      {event, 51, 50, "above 50"},
+      {event, "20", 20, ""},
+      {event, "many", 5, "below 5"},
+      {event, 1e30, 50, "above 50"},
+      {event, -1, 5, "below 5"},
+      {event, 7.9, 7, ""},
+      {event, true, 5, "below 5"},
+      {event, Array{12}, 5, "below 5"},
+      {event, Data("\x0c"), 5, "below 5"},
+      {duration, 4, 5, "below 5"},
+      {duration, 60, 60, ""},
+      {duration, 61, 60, "above 60"}};
+  for (const auto& [key, value, result, refusal] : cases) {
     LogCapture log;
-    const HostBundle bundle({{given.key, given.value}});
+    const HostBundle bundle({{key, value}});
     const auto manager = SkeldaWatchStreamManager::streamManager();
-    EXPECT_EQ(manager->watchSessionEventThreshold(), given.events) << given.line;
-    EXPECT_EQ(manager->watchSessionDurationThreshold(), given.minutes) << given.line;
-    EXPECT_EQ(log.count("threshold may not be"), given.line.empty() ? 0U : 1U);
-    EXPECT_TRUE(given.line.empty() || log.count(given.line) == 1) << given.line;
+    const auto name = key == event ? "event" : "duration";
+    EXPECT_EQ(manager->watchSessionEventThreshold(), key == event ? result : 10) << refusal;
+    EXPECT_EQ(manager->watchSessionDurationThreshold(), key == event ? 10 : result) << refusal;
+    EXPECT_EQ(log.count("threshold may not be"), refusal.empty() ? 0U : 1U);
+    const auto line = fmt::format("Watch {} threshold may not be {}", name, refusal);
+    EXPECT_EQ(log.count(line), refusal.empty() ? 0U : 1U) << line;
   }
 }
 
 }  // namespace
-}  // namespace skelda::testing

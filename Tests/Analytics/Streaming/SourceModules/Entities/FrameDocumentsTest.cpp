@@ -1,5 +1,3 @@
-// The documents of the format say what the code does.
-
 #include <regex>
 
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
@@ -7,8 +5,6 @@
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/Documents.h"
-
-using namespace skelda::testing;
 
 namespace {
 
@@ -32,8 +28,6 @@ void addKeys(const Dictionary& payload, std::set<std::string>& keys) {
   }
 }
 
-}  // namespace
-
 TEST(FrameLogFormatDocument, ShowsTheBytesThatTheAgentWrites) {
   const std::string text = document("frame-log-format.md");
   const auto counter = SkeldaStreamCounter::counterFrameWithCounter(1);
@@ -47,9 +41,8 @@ TEST(FrameCatalogue, TellsTheKeysThatEachRecordCanWriteAndTheReasonsOfAFlush) {
     std::set<std::string> keys;
     addKeys(*sample.entity->dictionaryRepresentation(), keys);
     EXPECT_EQ(sample.keys, keys) << sample.name;
-    for (const SkeldaRecordField& field : sample.entity->fields()) {
+    for (const SkeldaRecordField& field : sample.entity->fields())
       EXPECT_TRUE(sample.keys.contains(std::string(field.key))) << sample.name << " " << field.key;
-    }
   }
   for (const std::int32_t status : {0, 1, 3, 4, 5, 6}) {
     const auto reason = fmt::format("{} \"{}\"", status, *SkeldaStreamFlush(status).statusString());
@@ -64,12 +57,13 @@ TEST(FrameCatalogueAndPrivacyPage, TellOfEveryRecordClassThatTheTreeHolds) {
   const std::string privacy = document("privacy.md");
   for (const auto& row : SkeldaStreamFrameTypeUtil::kTable) {
     EXPECT_TRUE(sampled.contains(std::string(row.className))) << row.className;
-    EXPECT_TRUE(privacy.find(fmt::format("| {} ", row.frameType)) != std::string::npos ||
-                privacy.find(fmt::format("a frame of type {}", row.frameType)) != std::string::npos)
+    const std::string places[] = {fmt::format("| {} ", row.frameType),
+                                  fmt::format("a frame of type {}", row.frameType)};
+    EXPECT_TRUE(privacy.find(places[0]) != privacy.npos || privacy.find(places[1]) != privacy.npos)
         << "no place on the privacy page: " << row.frameType;
   }
-  const auto entities = std::filesystem::path(SKELDA_DOCS_FOLDER).parent_path() /
-                        "Analytics/Streaming/SourceModules/Entities";
+  const auto entities =
+      std::string(SKELDA_DOCS_FOLDER) + "/../Analytics/Streaming/SourceModules/Entities";
   const std::regex record("public SkeldaStreamRecordOf<(\\w+)>");
   std::size_t found = 0;
   for (const auto& file : std::filesystem::directory_iterator(entities)) {
@@ -95,9 +89,8 @@ TEST(PrivacyPage, NamesEveryKeyThatARecordCanWriteAndNoOther) {
     }
   }
   std::set<std::string> written;
-  for (const EntitySample& sample : entitySamples()) {
+  for (const EntitySample& sample : entitySamples())
     addKeys(*sample.entity->dictionaryRepresentation(), written);
-  }
   EXPECT_EQ(documented, written);
 }
 
@@ -113,3 +106,5 @@ TEST(PrivacyPage, NamesEveryFileThatTheAgentKeeps) {
     EXPECT_NE(page.find("| `" + path.substr(support)), std::string::npos) << path;
   }
 }
+
+}  // namespace

@@ -17,14 +17,10 @@ std::map<std::string, Read, std::less<>> readersOf() {
            }}...};
 }
 
+/// Free, active, wired and inactive memory, the processors' use, the battery and whether it
+/// charges.
 SkeldaStreamSessionTrackedProperties snapshot(std::uint64_t seed, float cpu, float battery) {
-  return {.freeMemory = seed * 6,
-          .activeMemory = seed * 4,
-          .wiredMemory = seed * 2,
-          .inactiveMemory = seed,
-          .cpuUsage = cpu,
-          .batteryLevel = battery,
-          .batteryCharging = battery > 0};
+  return {seed * 6, seed * 4, seed * 2, seed, cpu, battery, battery > 0};
 }
 
 /// Where members could be taken for each other the entity is made by hand, otherwise it is read.
@@ -70,7 +66,6 @@ std::shared_ptr<SkeldaStreamRecord> madeByHand(std::string_view name) {
   return nullptr;
 }
 
-/// The first text between backticks.
 std::string betweenBackticks(const std::string& line) {
   const std::size_t begin = line.find('`') + 1;
   return line.substr(begin, line.find('`', begin) - begin);

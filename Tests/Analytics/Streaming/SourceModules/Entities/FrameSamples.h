@@ -69,7 +69,6 @@ struct EntitySample {
   std::shared_ptr<SkeldaStreamRecord> (*readBack)(const Data&) = nullptr;
 };
 
-/// All of them, in the order of the page.
 std::vector<EntitySample> entitySamples();
 
 }  // namespace skelda::testing

@@ -25,13 +25,11 @@ struct SourceRig {
     return std::dynamic_pointer_cast<T>(sent().at(sent().size() - 1));
   }
   /// Type and payload of every message, as "type payload".
-  std::vector<std::string> texts() {
-    std::vector<std::string> texts;
-    for (const auto& message : sent()) {
-      const auto payload = message->payload();
+  Texts texts() {
+    Texts texts;
+    for (const auto& message : sent())
       texts.push_back(std::to_string(message->frameType()) + " " +
-                      (payload ? payload->string() : "nothing"));
-    }
+                      message->payload().value_or(Data("nothing")).string());
     return texts;
   }
 };

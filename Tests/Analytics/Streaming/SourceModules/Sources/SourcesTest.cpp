@@ -27,14 +27,14 @@
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/LogCapture.h"
 
-namespace skelda::testing {
 namespace {
 
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Ne;
 
 TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
   ScopedEnvironment environment;
@@ -57,9 +57,8 @@ TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
   device->startup();
   for (const char* part :
        {R"("device.arch":"arm32")", R"("device.os.version":)", R"("device.model.1":)",
-        R"("scr.height":"484","scr.width":"396")", R"("bnd.ver":"77")"}) {
+        R"("scr.height":"484","scr.width":"396")", R"("bnd.ver":"77")"})
     EXPECT_THAT(device.texts(), ElementsAre(HasSubstr(part)));
-  }
 }
 
 // The privacy page says so: observation goes on while the host is silent.
@@ -92,11 +91,10 @@ TEST(LocaleAndTimeZoneSources, ReportAtStartUpAndAfterEachChange) {
 TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
   const auto states = SkeldaAppStateDataProvider::getInstance();
   const auto sessions = SkeldaSessionInfoDataProvider::getInstance();
-  const std::shared_ptr<SkeldaDataProvider> providers[] = {states, sessions};
   SourceRig<SkeldaAppStateSource> appState;
   SourceRig<SkeldaSessionInitInfoSource> initInfo;
   const auto tellBothOfBoth = [&] {
-    for (const auto& provider : providers) {
+    for (const auto& provider : {std::shared_ptr<SkeldaDataProvider>(states), {sessions}}) {
       appState->dataProviderDidUpdate(provider);
       initInfo->dataProviderDidUpdate(provider);
     }
@@ -199,17 +197,13 @@ TEST(UserDemographicsSource, CarriesUserIdsOfAnyKindAndSizeAndTakesThemBack) {
                                        R"(146 {"sk.demo.userid":"1"})", "146 nothing"));
 }
 
-class Observer : public ISkeldaConsentObserver {
- public:
-  explicit Observer(std::shared_ptr<SkeldaConsentCore> core) : core_(std::move(core)) {}
+struct Observer : ISkeldaConsentObserver, Recorded<std::thread::id> {
+  explicit Observer(std::shared_ptr<SkeldaConsentCore> of) : core(std::move(of)) {}
   void consentUpdated() override {
-    core_->getConsent();  // the lock is free: the call comes from outside it
-    threads.add(std::this_thread::get_id());
+    core->getConsent();  // the lock is free: the call comes from outside it
+    add(std::this_thread::get_id());
   }
-  Recorded<std::thread::id> threads;
-
- private:
-  const std::shared_ptr<SkeldaConsentCore> core_;
+  const std::shared_ptr<SkeldaConsentCore> core;
 };
 
 TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough) {
@@ -222,29 +216,24 @@ TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough)
   EXPECT_TRUE(core->updateUserConsent({true, {{"iab", "x"}}, true}));
   EXPECT_TRUE(core->updateUserConsent({false, {}}));
   EXPECT_EQ(core->consentProvided(), SkeldaConsentCore::kNotInGDPRScope);
-  EXPECT_EQ(early->threads.wait(3).size(), 3U);
-
-  // One that comes late is told at once; one that is gone is forgotten.
+  EXPECT_EQ(early->wait(3).size(), 3U);
   const auto late = std::make_shared<Observer>(core);
   core->registerObserver(late, nullptr);
   core->registerObserver(std::make_shared<Observer>(core), nullptr);
-  ASSERT_EQ(late->threads.wait(1).size(), 1U);
-  EXPECT_NE(late->threads.wait(1).front(), std::this_thread::get_id());
-
-  // Updates may come from many threads, and none is lost.
+  EXPECT_THAT(late->wait(1), ElementsAre(Ne(std::this_thread::get_id())));
   inThreads(4, [&](unsigned) {
     for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
   });
-  EXPECT_EQ(late->threads.wait(201).size(), 201U);
+  EXPECT_EQ(late->wait(201).size(), 201U);
 }
 
 TEST(ConsentSource, SendsWhatWasGivenBeforeItsStartAndEachChange) {
   SourceRig<SkeldaConsentSource> consent;
   SkeldaConsentCore::sharedInstance()->updateUserConsent({true, {{"iab", "x"}}});
   consent->startup();
-  EXPECT_EQ(consent.recorder->messages(1).size(), 1U);
+  consent.recorder->messages(1);
   SkeldaConsentCore::sharedInstance()->updateUserConsent({false, {}});
-  EXPECT_EQ(consent.recorder->messages(2).size(), 2U);
+  consent.recorder->messages(2);
   EXPECT_THAT(consent.texts(),
               ElementsAre(R"(0 {"sk.consent.isGdprScope":true,"sk.consent.strings":{"iab":"x"}})",
                           R"(0 {"sk.consent.isGdprScope":false,"sk.consent.strings":{}})"));
@@ -269,8 +258,10 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
       ->setString("OLD", SkeldaReportedIdentifiersSource::kWatchVendorIDItem);
   Rig first;
   first->startup();
-  const std::string known =
-      "140 {\"sk.reported.id\":{\"VendorId\":\"OLD\"},\"sk.ad.tracking\":false}";
+  const auto reported = [](const std::string& identifiers) {
+    return R"(140 {"sk.reported.id":{)" + identifiers + R"(},"sk.ad.tracking":false})";
+  };
+  const auto known = reported(R"("VendorId":"OLD")");
   EXPECT_THAT(first.texts(), ElementsAre(known));
   connectivity->queue()->sync([] {});
 
@@ -282,34 +273,26 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
                                          {"\xff", std::string((1 << 20) + 1, 'a')},
                                          {Array{"VENDOR"}, "00f\xff"},
                                          {Dictionary(), std::string("00\0", 4)}};
-  for (const auto& [vendor, installation] : bad) {
-    EXPECT_TRUE(
-        first->didReceiveUserInfo({{"skelda://id1", vendor}, {"skelda://id2", installation}}));
-  }
+  for (const auto& [vendor, other] : bad)
+    EXPECT_TRUE(first->didReceiveUserInfo({{"skelda://id1", vendor}, {"skelda://id2", other}}));
   EXPECT_THAT(first.texts(), ElementsAre(known));
   EXPECT_EQ(first->watchVendorIDForSessionReport(), "OLD");
   EXPECT_EQ(first->watchInstallationIDForSessionReport(), std::nullopt);
 
-  // The phone sends both; they are reported and acknowledged.
   watchEnd->setJoined(true);
   phone->transferUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
-  const std::string message =
-      "140 {\"sk.reported.id\":{\"VendorId\":\"VENDOR\",\"iOSInstallationId\":\"AP8Q\"},"
-      "\"sk.ad.tracking\":false}";
+  const auto message = reported(R"("VendorId":"VENDOR","iOSInstallationId":"AP8Q")");
   ASSERT_EQ(first.recorder->messages(2).size(), 2U);
   EXPECT_THAT(first.texts(), ElementsAre(known, message));
   // The phone hears: activated, peer came, its own transfer finished, the acknowledgement.
   EXPECT_THAT(atPhone->wait(4), Contains("info {\"skelda://id3\":\"YES\"}"));
 
-  // From then on they come from the keychain.
   Rig second;
   second->startup();
   EXPECT_THAT(second.texts(), ElementsAre(message));
 
-  // One alone is reported alone.
   EXPECT_TRUE(second->didReceiveUserInfo({{"skelda://id2", "0A"}}));
-  EXPECT_EQ(second.texts().back(),
-            "140 {\"sk.reported.id\":{\"iOSInstallationId\":\"Cg==\"},\"sk.ad.tracking\":false}");
+  EXPECT_EQ(second.texts().back(), reported(R"("iOSInstallationId":"Cg==")"));
   EXPECT_EQ(second->watchInstallationIDForSessionReport(), "0A");
 }
 
@@ -351,8 +334,7 @@ TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) 
   SourceRig<ImpatientSource> rig;
   rig->queryAndSendIDs();
   ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
-  std::filesystem::create_directory(machine.path() + "/etc");
-  std::ofstream(machine.path() + "/etc/machine-id") << std::string(32, 'a') << "\n";
+  writeFile(machine / "etc/machine-id", std::string(32, 'a') + "\n");
   // The agent's own device identifier, and the vendor identifier, each alone.
   EXPECT_EQ(rig.recorder->messages(3).size(), 3U);
   setSystemRoot("");
@@ -362,8 +344,7 @@ TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
   const AgentHome home;
   const auto own = SkeldaReportedIdentifiersSource::installationIDForSessionReport();
   {
-    const FaultyFileCalls plan;
-    plan->failAll("open", EMFILE);
+    const FaultyFileCalls plan("open", Fault::always(EMFILE));
     EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
   }
   EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
@@ -379,4 +360,3 @@ TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
 }
 
 }  // namespace
-}  // namespace skelda::testing
