@@ -44,7 +44,8 @@ class Browser(contextlib.AbstractContextManager):
 
     @property
     def addresses(self):
-        said = [json.loads(entry["message"])["message"] for entry in self.driver.get_log("performance")]
+        entries = self.driver.get_log("performance")
+        said = [json.loads(entry["message"])["message"] for entry in entries]
         return [each["params"]["request"]["url"] for each in said
                 if each["method"] == "Network.requestWillBeSent"]
 
@@ -72,7 +73,7 @@ class Browser(contextlib.AbstractContextManager):
         self.call("Emulation.setEmulatedMedia", {"features": [
             {"name": "prefers-color-scheme", "value": "dark" if dark else "light"}]})
         self.call("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 2 if phone else 1, "mobile": phone})
+            "width": width, "height": height, "mobile": phone, "deviceScaleFactor": 1 + phone})
         self.see("new Promise((done) => requestAnimationFrame(() => setTimeout(done, 300)))")
         path = pathlib.Path(path)
         path.parent.mkdir(parents=True, exist_ok=True)

@@ -140,8 +140,8 @@ class Contributing(unittest.TestCase):
 
 
 def packages_to_install():
-    """Those that scripts/package has made of this very tree, where installing them can be undone: as root, with
-    overlays."""
+    """Those that scripts/package has made of this very tree; none where installing them could not
+    be undone: that takes root, and overlays."""
     if os.geteuid() != 0 or not typed.can_throw_away():
         return []
     architecture = told("dpkg", "--print-architecture").stdout.strip()
@@ -186,7 +186,7 @@ class GettingStarted(unittest.TestCase):
     def test_from_packages(self):
         packages = packages_to_install()
         if not packages:
-            self.skipTest("no packages of this tree by scripts/package, or no machine to throw away to install them on")
+            self.skipTest("scripts/package has made none of this tree, or no machine to throw away")
         with typed.Shell(thrown_away=True, keep=packages) as shell:
             self.type_all(shell, self.packages)
             self.assertEqual("/usr/bin/skelda-frames", shell.type("command -v skelda-frames").strip())

@@ -5,7 +5,6 @@ Debian packages, what they unpack to is what is looked at, otherwise what cmake 
 import concurrent.futures
 import os
 import pathlib
-import plistlib
 import shutil
 import sys
 import tempfile
@@ -55,10 +54,10 @@ class Package(unittest.TestCase):
     def home(self, program):
         """A home for that program in a bundle of its own."""
         bundle = self.folder / f"{program.name}.app/PlugIns/Extension.appex"
-        bundle.mkdir(parents=True, exist_ok=True)
-        shutil.copy(program, bundle / "Extension")
-        settings = {"CFBundleIdentifier": f"com.example.{program.name}", "Skelda Watch API Key": "KEY"}
-        (bundle / "Info.plist").write_bytes(plistlib.dumps(settings))
+        if not bundle.exists():
+            run(self.prefix / "bin/skelda-bundle", program, "--in", self.folder, "--key", "KEY",
+                "--identifier", f"com.example.{program.name}", "--app", program.name,
+                "--extension", "Extension")
         return Home(bundle=bundle)
 
     def leaves_its_event(self, program):

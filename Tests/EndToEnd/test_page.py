@@ -29,7 +29,7 @@ def shown(name):
     return "".join(short.get(c) or (f"\\u{ord(c):04x}" if ord(c) < 32 or c in "\u202e\u200b" else c) for c in name)
 
 
-@unittest.skipUnless(browser.IS_THERE, "no Chromium here (Debian's chromium-driver, python3-selenium)")
+@unittest.skipUnless(browser.IS_THERE, "no chromium-driver here, or no python3-selenium")
 class Page(unittest.TestCase):
     def picture(self, name, **settings):
         """Of the page as it is now, on which nothing may stick out at the side."""

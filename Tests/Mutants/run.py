@@ -107,8 +107,8 @@ class Build:
         (WORK / "common.h").write_text("".join(f"#include <{name}>\n" for name in COMMON.split()))
         self.call(*self.compiler("Platform/Base/Log.cpp", WORK / "common.h", WORK / "common.h.gch"))
         ninja = "ninja", "-C", self.folder, "-t", "commands"
-        self.linking = {target: self.call(*ninja, "-s", target).strip()
-                        for target in [*(f"Tests/{name}" for name in self.programs), *TOOL.values()]}
+        targets = [*(f"Tests/{name}" for name in self.programs), *TOOL.values()]
+        self.linking = {target: self.call(*ninja, "-s", target).strip() for target in targets}
         archives = re.findall(r"ar qc (\S+) (.*?) && ", self.call(*ninja, *self.programs))
         self.library = {member: library for library, members in archives for member in members.split()}
 
@@ -139,8 +139,9 @@ class Build:
     def run(self, program, limit, *options):
         frames = program.with_name("skelda-frames")
         environment = {**os.environ, **({"SKELDA_FRAMES": str(frames)} if frames.exists() else {})}
-        with subprocess.Popen([program, *options], cwd=self.tree, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              text=True, errors="replace", start_new_session=True, env=environment) as process:
+        with subprocess.Popen([program, *options], cwd=self.tree, env=environment, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              errors="replace", start_new_session=True) as process:
             try:
                 output, status = process.communicate(timeout=limit)[0], process.returncode
             except subprocess.TimeoutExpired:
@@ -165,12 +166,14 @@ class Build:
         return None if run.returncode else re.search(r" -o (\S+) ", self.compiling[str(self.tree / source)])[1]
 
     def concerns(self, target, member):
-        return member in self.linking[target] or f" {self.library.get(member)} " in self.linking[target]
+        linking = self.linking[target]
+        return member in linking or f" {self.library.get(member)} " in linking
 
     def link(self, target, member, folder, mutated):
         """Makes a program with the mutant's object in place of that member of its library."""
         command = self.linking[target].replace(f" {member} ", " ")
-        command, found = re.subn(r" -o \S+ ", lambda _: f" {folder / 'mutant.o'} {TWICE} -o {mutated} ", command, count=1)
+        inserted = f" {folder / 'mutant.o'} {TWICE} -o {mutated} "
+        command, found = re.subn(r" -o \S+ ", lambda _: inserted, command, count=1)
         run = subprocess.run(command, shell=True, cwd=self.folder, capture_output=True, text=True)
         if run.returncode or not found:
             raise SystemExit(f"{command}: {run.stderr}")
@@ -237,7 +240,8 @@ def judge(build, mutant, whole, at_home):
             return Verdict("broken", ["does not compile"])
         trial, own = Trial(build, member, folder), mutant.own_program
         found = trial.asked(own, trial.every if whole else trial.first)
-        others = [name for name in build.programs if name != own and build.concerns(f"Tests/{name}", member)]
+        others = [name for name in build.programs
+                  if name != own and build.concerns(f"Tests/{name}", member)]
         stays = (at_home or mutant.equivalent) and not whole
         for name in () if stays else others:
             if whole or not found:
