@@ -39,6 +39,12 @@ SkeldaActor::SkeldaActor(std::optional<std::string> description, platform::Queue
 
 SkeldaActor::~SkeldaActor() = default;
 
+std::shared_ptr<SkeldaActor> SkeldaActor::takenOver(SkeldaActor* fresh) {
+  std::shared_ptr<SkeldaActor> actor(fresh);
+  actor->didInit();
+  return actor;
+}
+
 std::shared_ptr<SkeldaActor> SkeldaActor::currentActor() {
   return currentActorOfThread != nullptr ? currentActorOfThread->shared_from_this() : nullptr;
 }
@@ -115,16 +121,26 @@ void SkeldaActor::runInside(void* body, void (*take)(void* body, Step step)) noe
   take(body, Step::drop);
 }
 
-void SkeldaActor::Posted::finishAndDelete(Work* work, bool run) {
-  auto* const posted = static_cast<Posted*>(work);
+SkeldaActor::Posted* SkeldaActor::newPosted(std::size_t sizeOfBody, Posted::Take take) {
+  auto self = shared_from_this();
+  const std::size_t size = sizeof(Posted) + sizeOfBody;
+  return ::new (platform::takeWorkMemory(size)) Posted(std::move(self), take, size);
+}
+
+void SkeldaActor::giveBack(Posted* posted) noexcept {
   const std::size_t size = posted->size;
-  if (run) {
-    posted->self->runInside(posted, posted->take);
-  } else {
-    posted->take(posted, Step::drop);
-  }
   posted->~Posted();
   platform::giveBackWorkMemory(posted, size);
+}
+
+void SkeldaActor::Posted::finishAndGiveBack(Work* work, bool run) {
+  auto* const posted = static_cast<Posted*>(work);
+  if (run) {
+    posted->self->runInside(posted->body(), posted->take);
+  } else {
+    posted->take(posted->body(), Step::drop);
+  }
+  giveBack(posted);
 }
 
 platform::Block SkeldaActor::wrapSyncBlock(platform::Block block, ExceptionHandOff handOff,

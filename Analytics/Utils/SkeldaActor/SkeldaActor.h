@@ -7,6 +7,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -100,10 +101,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// out references to itself.
   template <class T>
   static std::shared_ptr<T> made(T* fresh) {
-    // Counted as an actor: one kind of count for all.
-    std::shared_ptr<SkeldaActor> actor(static_cast<SkeldaActor*>(fresh));
-    actor->didInit();
-    return {std::move(actor), fresh};
+    return {takenOver(fresh), fresh};
   }
   template <class T>
   static std::shared_ptr<T> selfOf(T* self) {
@@ -134,8 +132,7 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   void asyncBlock(F&& block) {
     if (isNull(block)) raiseInvalidParameter("block");
     if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<F>>) {
-      queue_->barrierPostWork(
-          new PostedBlock<std::decay_t<F>>(shared_from_this(), std::forward<F>(block)));
+      postMade([&] { return std::decay_t<F>(std::forward<F>(block)); });
     }
   }
   /// The group is entered now and left when the block has run. Without a group like asyncBlock.
@@ -162,8 +159,12 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   template <auto Method, class... Arguments>
   void post(Arguments&&... arguments) {
     auto* const self = static_cast<ClassOf<decltype(Method)>*>(this);  // The block holds the actor.
-    asyncBlock([self, ... kept = std::decay_t<Arguments>(std::forward<Arguments>(
-                          arguments))]() mutable { (self->*Method)(std::move(kept)...); });
+    postMade([&] {
+      return
+          [self, ... kept = std::decay_t<Arguments>(std::forward<Arguments>(arguments))]() mutable {
+            (self->*Method)(std::move(kept)...);
+          };
+    });
   }
 
   void groupEnter(const platform::GroupRef& group) { group->enter(); }
@@ -263,42 +264,47 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
   /// drops it there, so that what it held may still call into the actor as it goes.
   void runInside(void* body, void (*take)(void* body, Step step)) noexcept;
 
-  /// A posted block as its queue keeps it: one kind of work for all blocks, whose types differ in
-  /// nothing but how their body is run and dropped.
-  struct Posted : platform::Work {
-    using Take = void (*)(void* posted, Step step);
+  /// A posted block as its queue keeps it, with its body behind it: one kind of work for all
+  /// blocks, whose types differ in nothing but how their body is run and dropped.
+  struct alignas(std::max_align_t) Posted : platform::Work {
+    using Take = void (*)(void* body, Step step);
     Posted(std::shared_ptr<SkeldaActor> actor, Take takeBody, std::size_t sizeOfAll) noexcept
-        : Work(Kind::block, &finishAndDelete),
+        : Work(Kind::block, &finishAndGiveBack),
           self(std::move(actor)),
           take(takeBody),
           size(sizeOfAll) {}
-    static void* operator new(std::size_t size) { return platform::takeWorkMemory(size); }
-    static void operator delete(void* room, std::size_t size) noexcept {
-      platform::giveBackWorkMemory(room, size);
-    }
-    static void finishAndDelete(Work* work, bool run);
+    void* body() noexcept { return this + 1; }
+    static void finishAndGiveBack(Work* work, bool run);
 
     std::shared_ptr<SkeldaActor> self;
     Take take;
     std::size_t size;
   };
-  template <class F>
-  struct PostedBlock final : Posted {
-    static_assert(alignof(F) <= alignof(std::max_align_t));
-    template <class G>
-    PostedBlock(std::shared_ptr<SkeldaActor> actor, G&& block)
-        : Posted(std::move(actor), &takeBody, sizeof(PostedBlock)), body(std::forward<G>(block)) {}
-    ~PostedBlock() {}  // The body is dropped by then.
-
-    static void takeBody(void* posted, Step step) {
-      F& body = static_cast<PostedBlock*>(static_cast<Posted*>(posted))->body;
-      step == Step::run ? static_cast<void>(body()) : body.~F();
+  /// With room for a body, and none in it; the caller's to send or to give back.
+  Posted* newPosted(std::size_t sizeOfBody, Posted::Take take);
+  static void giveBack(Posted* posted) noexcept;
+  /// Gives back what was not sent. Inlined, it is no code where nothing is thrown.
+  struct Unsent {
+    [[gnu::always_inline]] ~Unsent() {
+      if (posted != nullptr) giveBack(posted);
     }
-
-    union {
-      F body;
-    };
+    Posted* posted;
   };
+
+  /// Posts the body that `make` returns, which is made where it is kept.
+  template <class Make>
+  void postMade(Make make) {
+    using Body = decltype(make());
+    static_assert(alignof(Body) <= alignof(std::max_align_t));
+    Posted* const posted = newPosted(sizeof(Body), [](void* kept, Step step) {
+      Body& body = *static_cast<Body*>(kept);
+      step == Step::run ? static_cast<void>(body()) : body.~Body();
+    });
+    Unsent unsent{posted};
+    ::new (posted->body()) Body(make());
+    unsent.posted = nullptr;
+    queue_->barrierPostWork(posted);
+  }
 
   /// wrapAsyncBlock for any callable, in one piece with it.
   template <SkeldaActorBlock F>
@@ -317,6 +323,8 @@ class SkeldaActor : public platform::Object, public std::enable_shared_from_this
     }
   }
 
+  /// Counted as an actor, whatever it is: one kind of count for all.
+  static std::shared_ptr<SkeldaActor> takenOver(SkeldaActor* fresh);
   /// Whom the calling thread works for: itself, or the thread that waits for the block it runs.
   static std::thread::id callingThread() noexcept;
   [[noreturn]] static void raiseInvalidParameter(std::string_view parameter);
