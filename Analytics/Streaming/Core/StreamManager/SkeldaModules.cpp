@@ -34,54 +34,44 @@ namespace {
 /// What is started by the manager: the source, or the provider whose news it reports.
 enum class Start : std::uint8_t { neither, source, provider };
 
+/// What a module may be besides what its row says.
+template <class... Protocols>
+struct ProtocolList {
+  static constexpr std::array kNames{Protocols::kProtocolName...};
+  template <class Module>
+  static constexpr std::array<bool, sizeof...(Protocols)> kOf{
+      std::is_base_of_v<Protocols, Module>...};
+};
+using MoreProtocols = ProtocolList<ISkeldaFrameSource, ISkeldaDataProviderObserver,
+                                   ISkeldaConsentObserver, ISkeldaWatchConnectivityReceiver>;
+
+/// What the class registry is told of a module.
+struct Class {
+  std::string_view name;
+  platform::ObjectRef (*make)();
+  std::array<bool, MoreProtocols::kNames.size()> conforms;
+};
+
 struct Source {
-  std::string_view className;
+  Class its;
   std::string_view key;
   std::string_view provider;  ///< empty for a source that observes none
   Start start;
-  void (*registerClass)();
 };
-
-struct Provider {
-  std::string_view className;
-  void (*registerClass)();
-};
-
-template <class Protocol, class Module>
-void addProtocol(std::vector<std::string>& protocols) {
-  if (std::is_base_of_v<Protocol, Module>) protocols.emplace_back(Protocol::kProtocolName);
-}
-
-/// What a module may be besides what its row says.
-template <class Module>
-std::vector<std::string> protocolsOf() {
-  std::vector<std::string> protocols;
-  addProtocol<ISkeldaFrameSource, Module>(protocols);
-  addProtocol<ISkeldaDataProviderObserver, Module>(protocols);
-  addProtocol<ISkeldaConsentObserver, Module>(protocols);
-  addProtocol<ISkeldaWatchConnectivityReceiver, Module>(protocols);
-  return protocols;
-}
 
 template <class Module>
 constexpr Source source(Start start = Start::neither) {
-  return {Module::kClassName, Module::kKey, Module::kProvider, start, [] {
-            auto protocols = protocolsOf<Module>();
-            protocols.emplace_back(Module::kKey);
-            platform::ClassRegistry::shared().registerClass(
-                {std::string(Module::kClassName), "SkeldaActorStreamComponentBase",
-                 std::move(protocols),
-                 [] { return platform::ObjectRef(Module::getSourceInstance()); }});
-          }};
+  return {{Module::kClassName, []() -> platform::ObjectRef { return Module::getSourceInstance(); },
+           MoreProtocols::kOf<Module>},
+          Module::kKey,
+          Module::kProvider,
+          start};
 }
 
 template <class Module>
-constexpr Provider provider() {
-  return {Module::kClassName, [] {
-            platform::ClassRegistry::shared().registerClass(
-                {std::string(Module::kClassName), "SkeldaDataProvider", protocolsOf<Module>(),
-                 [] { return platform::ObjectRef(Module::getInstance()); }});
-          }};
+constexpr Class provider() {
+  return {Module::kClassName, []() -> platform::ObjectRef { return Module::getInstance(); },
+          MoreProtocols::kOf<Module>};
 }
 
 /// One row for each source, in the order in which they are chained, and started.
@@ -115,8 +105,19 @@ constexpr std::array kProviders{
 static_assert(std::ranges::all_of(kSources, [](const Source& source) {
   return source.provider.empty()
              ? source.start != Start::provider
-             : std::ranges::count(kProviders, source.provider, &Provider::className) == 1;
+             : std::ranges::count(kProviders, source.provider, &Class::name) == 1;
 }));
+
+/// `key` is a protocol as well, where there is one.
+void registerClass(const Class& its, std::string_view superclass, std::string_view key = {}) {
+  std::vector<std::string> protocols;
+  for (std::size_t i = 0; i < its.conforms.size(); ++i) {
+    if (its.conforms[i]) protocols.emplace_back(MoreProtocols::kNames[i]);
+  }
+  if (!key.empty()) protocols.emplace_back(key);
+  platform::ClassRegistry::shared().registerClass(
+      {std::string(its.name), std::string(superclass), std::move(protocols), its.make});
+}
 
 void registerAll() {
   auto& registry = platform::ClassRegistry::shared();
@@ -129,8 +130,10 @@ void registerAll() {
                           "SkeldaActor",
                           {std::string(ISkeldaDataProvider::kProtocolName)},
                           nullptr});
-  for (const Source& row : kSources) row.registerClass();
-  for (const Provider& row : kProviders) row.registerClass();
+  for (const Source& row : kSources) {
+    registerClass(row.its, "SkeldaActorStreamComponentBase", row.key);
+  }
+  for (const Class& row : kProviders) registerClass(row, "SkeldaDataProvider");
 }
 
 }  // namespace
@@ -143,16 +146,16 @@ void skelda::registerModules() {
 std::vector<std::vector<std::string>> skelda::sourceChain() {
   std::vector<std::vector<std::string>> chain;
   for (const Source& row : kSources) {
-    chain.push_back({std::string(row.className), std::string(row.key)});
+    chain.push_back({std::string(row.its.name), std::string(row.key)});
   }
   return chain;
 }
 
 std::vector<std::vector<std::string>> skelda::providerChain() {
   std::vector<std::vector<std::string>> chain;
-  for (const Provider& provider : kProviders) {
+  for (const Class& provider : kProviders) {
     for (const Source& row : kSources) {
-      if (row.provider != provider.className) continue;
+      if (row.provider != provider.name) continue;
       chain.push_back({std::string(row.provider), std::string(row.key)});
     }
   }
