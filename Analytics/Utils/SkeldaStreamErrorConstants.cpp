@@ -1,4 +1,5 @@
 #include "Analytics/Utils/SkeldaStreamErrorConstants.h"
+#include "Platform/Base/Counted.h"
 
 #include <vector>
 
@@ -27,7 +28,7 @@ platform::ErrorRef SkeldaStreamErrorConstants::errorFor(std::uint32_t code) {
   static const auto& errors = *new std::vector<platform::ErrorRef>([] {
     std::vector<platform::ErrorRef> made{nullptr};
     for (std::size_t i = 1; i < kCount; ++i) {
-      made.push_back(std::shared_ptr<const platform::Error>(new SkeldaStreamErrorConstants(
+      made.push_back(platform::counted<const platform::Error>(new SkeldaStreamErrorConstants(
           platform::makeErrorDomain(kMessages[i]), static_cast<std::int64_t>(i))));
     }
     return made;

@@ -26,9 +26,18 @@ struct InRoom {
 
 }  // namespace
 
-std::shared_ptr<void> CountedRoom::handOver(End end) noexcept {
+CountedRoom::~CountedRoom() {
+  ::operator delete(memory_);
+}
+
+std::shared_ptr<void>&& CountedRoom::handOver(End end) noexcept {
   void* const filled = object();
-  return {filled, end, InRoom<void>(std::exchange(memory_, nullptr))};
+  counted_ = {filled, end, InRoom<void>(std::exchange(memory_, nullptr))};
+  return std::move(counted_);
+}
+
+std::shared_ptr<void> countedWithEnd(void* fresh, CountedRoom::End end) {
+  return {fresh, end};
 }
 
 }  // namespace skelda::platform

@@ -17,17 +17,18 @@ class CountedRoom {
   using End = void (*)(void* object) noexcept;
 
   explicit CountedRoom(std::size_t size) : memory_(::operator new(kCount + size)) {}
-  ~CountedRoom() { ::operator delete(memory_); }
+  ~CountedRoom();
   CountedRoom(const CountedRoom&) = delete;
   CountedRoom& operator=(const CountedRoom&) = delete;
 
   void* object() const noexcept { return static_cast<std::byte*>(memory_) + kCount; }
-  /// The object that was made in the room. Its last holder calls `end` on it; the room goes with
-  /// the last who knows of it.
-  std::shared_ptr<void> handOver(End end) noexcept;
+  /// The object that was made in the room, for the caller to take. Its last holder calls `end` on
+  /// it; the room goes with the last who knows of it.
+  std::shared_ptr<void>&& handOver(End end) noexcept;
 
  private:
   void* memory_;
+  std::shared_ptr<void> counted_;
 };
 
 /// What std::make_shared does, in one allocation as well. That brings a class with a table, a name
@@ -45,6 +46,20 @@ std::shared_ptr<T> makeCounted(Arguments&&... arguments) {
     return {room.handOver([](void* ended) noexcept { static_cast<Kept*>(ended)->Kept::~Kept(); }),
             object};
   }
+}
+
+/// The count of an object that was made with new, and that its last holder calls `end` on.
+std::shared_ptr<void> countedWithEnd(void* fresh, CountedRoom::End end);
+
+/// What makeCounted does, for an object that only its own class can make: one allocation more.
+template <class T>
+std::shared_ptr<T> counted(T* fresh) {
+  static_assert(
+      !requires { fresh->shared_from_this(); }, "nobody would tell it");
+  using Kept = std::remove_const_t<T>;
+  return {countedWithEnd(const_cast<Kept*>(fresh),
+                         [](void* ended) noexcept { delete static_cast<Kept*>(ended); }),
+          fresh};
 }
 
 }  // namespace skelda::platform

@@ -10,6 +10,7 @@
 #include "Analytics/Utils/SkeldaAgentFiles.h"
 #include "Analytics/Utils/SkeldaLog.h"
 #include "Analytics/Utils/SkeldaUtil.h"
+#include "Platform/Base/Counted.h"
 #include "Platform/Dispatch/BlockingRegion.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileManager.h"
@@ -38,7 +39,8 @@ SkeldaDataSenderBlockInfo::SkeldaDataSenderBlockInfo(std::string identifier, std
 
 SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithData(
     const platform::Data& data, std::string dataKey) {
-  BlockRef block(new SkeldaDataSenderBlockInfo(SkeldaUtil::generateCFUUID(), std::move(dataKey)));
+  const auto block = platform::counted(
+      new SkeldaDataSenderBlockInfo(SkeldaUtil::generateCFUUID(), std::move(dataKey)));
   if (block->setData(data)) return block;
   SKELDA_LOG(1, "Failed to create SkeldaDataSenderBlockInfo for data size {}", data.length());
   return nullptr;
@@ -56,7 +58,7 @@ SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithCoder(
       date == nullptr || date->date() == nullptr) {
     return nullptr;
   }
-  BlockRef block(new SkeldaDataSenderBlockInfo(*identifier->text(), {}));
+  const auto block = platform::counted(new SkeldaDataSenderBlockInfo(*identifier->text(), {}));
   block->isOf(size->unsignedValue(), *date->date());
   return block;
 }
@@ -87,7 +89,7 @@ platform::Value SkeldaDataSenderBlockInfo::encoded() const {
 
 SkeldaDataSenderBlockInfo::BlockRef SkeldaDataSenderBlockInfo::blockWithFile(
     const std::string& identifier, std::string& dataKey, int& error) {
-  BlockRef block(new SkeldaDataSenderBlockInfo(identifier, {}));
+  const auto block = platform::counted(new SkeldaDataSenderBlockInfo(identifier, {}));
   const std::string path = block->filePath();
   struct ::stat status;
   dataKey.assign(kLongestDataKey, '\0');

@@ -9,6 +9,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamFlush.h"
 #include "Analytics/Utils/SkeldaDateUtil.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Counted.h"
 
 namespace {
 
@@ -22,8 +23,7 @@ void insert(std::uint32_t id, SkeldaWatchStreamEventDropRule::EventIds& ids) {
 std::shared_ptr<SkeldaWatchStreamEventDropRule>
 SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(std::int32_t maxEventThreshold,
                                                                    std::int32_t maxDuration) {
-  return std::shared_ptr<SkeldaWatchStreamEventDropRule>(
-      new SkeldaWatchStreamEventDropRule(maxEventThreshold, maxDuration));
+  return platform::counted(new SkeldaWatchStreamEventDropRule(maxEventThreshold, maxDuration));
 }
 
 SkeldaWatchStreamEventDropRule::SkeldaWatchStreamEventDropRule(std::int32_t maxEventThreshold,

@@ -17,6 +17,7 @@
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Analytics/Utils/SkeldaHostSettings.h"
 #include "Analytics/Utils/SkeldaLog.h"
+#include "Platform/Base/Counted.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ SkeldaWatchStreamSessionRule::sessionRuleWithFlushTriggerMap(TriggerMap triggerM
                                                              std::int32_t eventThreshold,
                                                              std::int32_t durationThreshold,
                                                              ModuleLookup lookup) {
-  return std::shared_ptr<SkeldaWatchStreamSessionRule>(
+  return platform::counted(
       new SkeldaWatchStreamSessionRule(std::move(triggerMap), std::move(mandatoryStickySet),
                                        eventThreshold, durationThreshold, std::move(lookup)));
 }
