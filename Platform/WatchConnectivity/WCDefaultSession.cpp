@@ -17,6 +17,17 @@ const ErrorDomain& sessionErrorDomain() {
 }
 constexpr std::int64_t kPayloadTooLarge = 7009;
 
+/// Runs what calls a delegate, and ends what that throws.
+void runForDelegate(BlockRef call) {
+  try {
+    call();
+  } catch (const std::exception& exception) {
+    SKELDA_PLATFORM_LOG("WCSession: the delegate threw {}", exception.what());
+  } catch (...) {
+    SKELDA_PLATFORM_LOG("WCSession: the delegate threw");
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<WCDefaultSession> WCDefaultSession::make(std::shared_ptr<WCTransport> transport) {
@@ -94,6 +105,7 @@ void WCDefaultSession::transferUserInfo(const Dictionary& userInfo) {
 
 void WCDefaultSession::onqueue_transferUserInfo(const Dictionary& userInfo) {
   outgoing_.push_back({++lastIdentifier_, {userInfo}});
+  if (next_ == outgoing_.end()) --next_;
   onqueue_handOver();
 }
 
@@ -103,14 +115,13 @@ bool WCDefaultSession::sendMessage(const Dictionary& message) {
 }
 
 void WCDefaultSession::onqueue_handOver() {
-  while (reachable_ && handedOver_ < outgoing_.size()) {
-    const Outgoing& next = outgoing_[handedOver_];
+  while (reachable_ && next_ != outgoing_.end()) {
     const Data packet =
-        WCPacket{WCPacket::Kind::userInfo, next.identifier, next.transfer.userInfo}.encoded();
+        WCPacket{WCPacket::Kind::userInfo, next_->identifier, next_->transfer.userInfo}.encoded();
     if (packet.length() > WCPacketFraming::kMaximumLength) {
-      onqueue_finish(handedOver_, makeCounted<Error>(sessionErrorDomain(), kPayloadTooLarge));
+      onqueue_finish(next_++, makeCounted<Error>(sessionErrorDomain(), kPayloadTooLarge));
     } else if (transport_->send(packet)) {
-      ++handedOver_;
+      ++next_;
     } else {
       return;
     }
@@ -122,7 +133,7 @@ void WCDefaultSession::onqueue_peerDidChange(bool there) {
   onqueue_tell(kWCReachabilityDidChange,
                [&](WCSessionDelegate& delegate) { delegate.sessionReachabilityDidChange(*this); });
   // What a peer took with it unacknowledged is offered to the next one.
-  handedOver_ = 0;
+  next_ = outgoing_.begin();
   onqueue_handOver();
 }
 
@@ -154,16 +165,12 @@ void WCDefaultSession::onqueue_didReceive(const Data& bytes) {
 
 void WCDefaultSession::onqueue_didAcknowledge(std::uint64_t identifier) {
   // The peer answers in order: nearly always it is the first.
-  for (std::size_t i = 0; i < handedOver_; ++i) {
-    if (outgoing_[i].identifier != identifier) continue;
-    --handedOver_;
-    onqueue_finish(i, nullptr);
-    return;
+  for (auto place = outgoing_.begin(); place != next_; ++place) {
+    if (place->identifier == identifier) return onqueue_finish(place, nullptr);
   }
 }
 
-void WCDefaultSession::onqueue_finish(std::size_t index, const ErrorRef& error) {
-  const auto place = outgoing_.begin() + static_cast<std::ptrdiff_t>(index);
+void WCDefaultSession::onqueue_finish(std::list<Outgoing>::iterator place, const ErrorRef& error) {
   const WCSessionUserInfoTransfer transfer = std::move(place->transfer);
   outgoing_.erase(place);
   onqueue_tell(kWCDidFinishUserInfoTransfer, [&](WCSessionDelegate& delegate) {
@@ -175,13 +182,9 @@ template <class F>
 void WCDefaultSession::onqueue_tell(WCSessionDelegateCall call, F&& make) {
   const DelegateRef delegate = this->delegate();
   if (delegate == nullptr) return;
-  try {
+  runForDelegate([&] {
     if ((delegate->answeredCalls() & call) != 0) make(*delegate);
-  } catch (const std::exception& exception) {
-    SKELDA_PLATFORM_LOG("WCSession: the delegate threw {}", exception.what());
-  } catch (...) {
-    SKELDA_PLATFORM_LOG("WCSession: the delegate threw");
-  }
+  });
 }
 
 void installWatchConnectivity(std::shared_ptr<WCTransport> transport) {

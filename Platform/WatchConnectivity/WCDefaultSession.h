@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
 
@@ -45,7 +45,7 @@ class WCDefaultSession final : public WCSession,
   void onqueue_didAcknowledge(std::uint64_t identifier);
   void onqueue_handOver();
   /// Takes a transfer off the list and tells how it ended.
-  void onqueue_finish(std::size_t index, const ErrorRef& error);
+  void onqueue_finish(std::list<Outgoing>::iterator place, const ErrorRef& error);
   /// Makes one delegate call, if the delegate answers it; what it throws ends here.
   template <class F>
   void onqueue_tell(WCSessionDelegateCall call, F&& make);
@@ -54,8 +54,9 @@ class WCDefaultSession final : public WCSession,
   const QueueRef queue_;
   bool opened_ = false;
   std::uint64_t lastIdentifier_ = 0;
-  std::deque<Outgoing> outgoing_;
-  std::size_t handedOver_ = 0;  // so many at the front wait for their acknowledgement
+  std::list<Outgoing> outgoing_;
+  // Those in front of it wait for their acknowledgement.
+  std::list<Outgoing>::iterator next_ = outgoing_.end();
   std::atomic<bool> reachable_{false};
 
   mutable Mutex mutex_;

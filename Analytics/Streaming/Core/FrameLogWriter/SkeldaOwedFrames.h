@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <vector>
 
 #include "Analytics/Streaming/SourceModules/Frames/ISkeldaStreamMessage.h"
@@ -31,6 +31,6 @@ class SkeldaOwedFrames {
   Messages giveUp();
 
   const std::vector<std::int32_t> frameTypesKept_;
-  std::deque<Message> messages_;
+  std::list<Message> messages_;
   int failedTries_ = 0;
 };
