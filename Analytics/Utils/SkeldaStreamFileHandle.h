@@ -8,7 +8,7 @@
 
 /// One open platform file of the stream. The operations of all instances are serialised by one
 /// recursive lock of the process.
-class SkeldaStreamFileHandle : public platform::Object, public ISkeldaStreamFileHandle {
+class SkeldaStreamFileHandle : public ISkeldaStreamFileHandle, public platform::Object {
  public:
   /// A closed handle.
   static std::shared_ptr<SkeldaStreamFileHandle> fileHandle();

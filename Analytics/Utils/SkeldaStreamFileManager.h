@@ -7,7 +7,7 @@
 #include "Platform/Foundation/Object.h"
 
 /// The file operations of the stream over the platform's file manager. No state.
-class SkeldaStreamFileManager : public platform::Object, public ISkeldaStreamFileManager {
+class SkeldaStreamFileManager : public ISkeldaStreamFileManager, public platform::Object {
  public:
   static std::shared_ptr<SkeldaStreamFileManager> fileManager();
   std::string_view className() const noexcept override { return "SkeldaStreamFileManager"; }

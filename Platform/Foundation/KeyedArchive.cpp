@@ -12,6 +12,8 @@
 namespace skelda::platform {
 namespace {
 
+using namespace std::string_view_literals;
+
 constexpr std::string_view kFormat = "skelda";
 constexpr std::int64_t kVersion = 1;
 /// How deep an archive may be nested, in containers of the text. Both sides hold to it, so that
@@ -194,21 +196,21 @@ Dictionary dictionaryOfPairs(Value& value) {
 }
 
 Value restoredTag(std::string_view tag, Value content) {
-  if (tag == "$data") return Data(bytesOf(content));
-  if (tag == "$text") return bytesOf(content);
-  if (tag == "$real") return realOf(content);
-  if (tag == "$float") return real32Of(content);
-  if (tag == "$pairs") return dictionaryOfPairs(content);
-  if (tag == "$date") {
+  if (tag == "$data"sv) return Data(bytesOf(content));
+  if (tag == "$text"sv) return bytesOf(content);
+  if (tag == "$real"sv) return realOf(content);
+  if (tag == "$float"sv) return real32Of(content);
+  if (tag == "$pairs"sv) return dictionaryOfPairs(content);
+  if (tag == "$date"sv) {
     if (content.kind() != Value::Kind::integer) refuseReading("A date is not a whole number.");
     return Date(Date::Microseconds(content.integerValue()));
   }
-  if (tag == "$uint") {
+  if (tag == "$uint"sv) {
     const bool negative = content.kind() == Value::Kind::integer && content.integerValue() < 0;
     if (!isInteger(content) || negative) refuseReading("An unsigned number is malformed.");
     return content.unsignedValue();
   }
-  if (tag == "$dict") {
+  if (tag == "$dict"sv) {
     if (content.dictionary() == nullptr) refuseReading("A wrapped dictionary is none.");
     return restoredEntries(std::move(*content.dictionary()));
   }

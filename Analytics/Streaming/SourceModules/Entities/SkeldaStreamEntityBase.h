@@ -14,7 +14,7 @@
 ///
 /// The payload is computed whenever it is asked for; nothing is cached, so that an entity that has
 /// been handed on can be read from any queue.
-class SkeldaStreamEntityBase : public platform::Object, public ISkeldaStreamEntity {
+class SkeldaStreamEntityBase : public ISkeldaStreamEntity, public platform::Object {
  public:
   static constexpr std::int32_t kNoFrameType = 0;
 

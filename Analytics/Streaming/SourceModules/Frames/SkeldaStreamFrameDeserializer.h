@@ -7,8 +7,8 @@
 
 /// The reader of the frame format. Types are not checked, and neither is a CRC: a frame that was
 /// written is handed on as it stands, and the far end decides.
-class SkeldaStreamFrameDeserializer : public platform::Object,
-                                      public ISkeldaStreamFrameDeserializer {
+class SkeldaStreamFrameDeserializer : public ISkeldaStreamFrameDeserializer,
+                                      public platform::Object {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamFrameDeserializer";
 

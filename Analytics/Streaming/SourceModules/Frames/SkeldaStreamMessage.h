@@ -8,7 +8,7 @@
 class SkeldaStreamFrame;
 
 /// The plain carrier of the five properties, for a message rebuilt from a decoded frame.
-class SkeldaStreamMessage : public platform::Object, public ISkeldaStreamMessage {
+class SkeldaStreamMessage : public ISkeldaStreamMessage, public platform::Object {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamMessage";
 

@@ -6,8 +6,8 @@
 #include "Platform/Foundation/Object.h"
 
 /// The writer of the frame format. It never looks inside a payload.
-class SkeldaStreamMessageSerializer : public platform::Object,
-                                      public ISkeldaStreamMessageSerializer {
+class SkeldaStreamMessageSerializer : public ISkeldaStreamMessageSerializer,
+                                      public platform::Object {
  public:
   static constexpr std::string_view kClassName = "SkeldaStreamMessageSerializer";
 
