@@ -45,10 +45,11 @@ if(SKELDA_SANITIZE)
 endif()
 
 # What -Os leaves on and still takes room for speed: loops made longer to do less in each turn, code
-# that runs seldom set apart with tables of its own.
+# that runs seldom set apart with tables of its own, the size told to whoever frees a block by it.
 set(skelda_size -Os)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  list(APPEND skelda_size -fno-gcse -fno-ivopts -fno-tree-loop-im -fno-reorder-blocks-and-partition)
+  list(APPEND skelda_size -fno-gcse -fno-ivopts -fno-tree-loop-im -fno-reorder-blocks-and-partition
+    -fno-sized-deallocation)
 endif()
 
 # Objects hold both: what a linker of all in sight needs, and code as it is. Only the shared library

@@ -16,6 +16,8 @@
 
 namespace {
 
+// As in all files that are compiled for speed, what no event goes through is cold.
+
 using Call = SkeldaIntakeCall;
 using Record = SkeldaIntakeFile::Record;
 
@@ -30,8 +32,8 @@ SkeldaIntakeOrigin originOf(const Record& record) {
 }
 
 /// What a purchase was paid with; null, and the record settled, where the host gave something else.
-std::shared_ptr<SkeldaTransaction> transactionOf(const platform::Value& given,
-                                                 SkeldaIntakeTicket ticket) {
+[[gnu::cold]] std::shared_ptr<SkeldaTransaction> transactionOf(const platform::Value& given,
+                                                               SkeldaIntakeTicket ticket) {
   if (given.dictionary() != nullptr && skelda::isWellFormedText(given)) {
     return SkeldaTransaction::transactionUsingUserDictionary(*given.dictionary());
   }
@@ -43,7 +45,7 @@ std::shared_ptr<SkeldaTransaction> transactionOf(const platform::Value& given,
 
 /// The store of consents heard it when it was said. Only what a process said that is gone is told
 /// again, and only where this one has not said anything newer.
-void takeConsent(const Call& call, const Record& record) {
+[[gnu::cold]] void takeConsent(const Call& call, const Record& record) {
   const auto core = SkeldaConsentCore::sharedInstance();
   const auto* const strings = call.values[1].dictionary();
   if (record.isReplayed && strings != nullptr &&
@@ -56,7 +58,8 @@ void takeConsent(const Call& call, const Record& record) {
 
 }  // namespace
 
-std::shared_ptr<SkeldaIntakePump> SkeldaIntakePump::pumpOf(std::shared_ptr<SkeldaIntakeFile> file) {
+[[gnu::cold]] std::shared_ptr<SkeldaIntakePump> SkeldaIntakePump::pumpOf(
+    std::shared_ptr<SkeldaIntakeFile> file) {
   return made(new SkeldaIntakePump(std::move(file)));
 }
 
@@ -65,7 +68,9 @@ SkeldaIntakePump::SkeldaIntakePump(std::shared_ptr<SkeldaIntakeFile> file)
       file_(std::move(file)),
       replaysLeft_(file_->opening().waiting[0] + file_->opening().waiting[1]) {}
 
-void SkeldaIntakePump::didInit() {
+[[gnu::cold]] SkeldaIntakePump::~SkeldaIntakePump() = default;
+
+[[gnu::cold]] void SkeldaIntakePump::didInit() {
   file_->setDidSettle([weak = std::weak_ptr(selfOf(this))] {
     if (const auto self = weak.lock()) self->didSettle();
   });
@@ -86,7 +91,7 @@ bool SkeldaIntakePump::accept(Call::Kind kind, Call::Values values) noexcept {
   return true;
 }
 
-void SkeldaIntakePump::refuse(SkeldaRefusal reason) noexcept {
+[[gnu::cold]] void SkeldaIntakePump::refuse(SkeldaRefusal reason) noexcept {
   SkeldaAccounting::refused(reason);
   skelda::guardedResult(false, [&] {
     if (reason == SkeldaRefusal::tooDeep) {
@@ -128,14 +133,14 @@ void SkeldaIntakePump::signal() noexcept {
   }
 }
 
-void SkeldaIntakePump::start(Sources sources) {
+[[gnu::cold]] void SkeldaIntakePump::start(Sources sources) {
   started_.store(true, std::memory_order_release);
   asyncBlock([self = selfOf(this), sources = std::move(sources)]() mutable {
     self->onqueue_start(sources);
   });
 }
 
-void SkeldaIntakePump::onqueue_start(Sources& sources) {
+[[gnu::cold]] void SkeldaIntakePump::onqueue_start(Sources& sources) {
   SKELDA_ON_QUEUE();
   sources_ = std::move(sources);
   if (sources_.beforeFirst) sources_.beforeFirst();

@@ -36,6 +36,7 @@ class SkeldaIntakePump : public SkeldaActor {
 
   /// The file's didSettle belongs to the pump from here on.
   static std::shared_ptr<SkeldaIntakePump> pumpOf(std::shared_ptr<SkeldaIntakeFile> file);
+  ~SkeldaIntakePump() override;
   std::string_view className() const noexcept override { return "SkeldaIntakePump"; }
 
   /// Keeps the call; false where it is refused, which is counted and said. Any thread. No lock, no

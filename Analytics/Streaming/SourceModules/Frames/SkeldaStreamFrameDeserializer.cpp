@@ -132,8 +132,9 @@ std::size_t SkeldaStreamFrameDeserializer::lengthOfFrameFooter() const noexcept 
   return format::kFooterLength;
 }
 
-void SkeldaStreamFrameDeserializer::debugLogFrameData(std::string_view data,
-                                                      std::string_view tag) const {
+// For who debugs: cold, for this file is compiled for speed.
+[[gnu::cold]] void SkeldaStreamFrameDeserializer::debugLogFrameData(std::string_view data,
+                                                                    std::string_view tag) const {
   if (!SkeldaUtil::logs(2)) return;
   SkeldaStreamFrame::Ref frame;
   platform::ErrorRef error;

@@ -37,7 +37,9 @@ enum CallSite {
 
 }  // namespace
 
-std::shared_ptr<SkeldaStreamFrameIterator> SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
+// Once for a log, not for each frame: cold, for this file is compiled for speed.
+[[gnu::cold]] std::shared_ptr<SkeldaStreamFrameIterator>
+SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
     std::shared_ptr<ISkeldaStreamFileHandle> fileHandle,
     std::shared_ptr<ISkeldaStreamFrameDeserializer> deserializer,
     const platform::Dictionary& config) {
@@ -58,7 +60,8 @@ SkeldaStreamFrameIterator::SkeldaStreamFrameIterator(
   }
 }
 
-std::int32_t SkeldaStreamFrameIterator::open(const std::string& path, platform::ErrorRef* error) {
+[[gnu::cold]] std::int32_t SkeldaStreamFrameIterator::open(const std::string& path,
+                                                           platform::ErrorRef* error) {
   state_ = kIdle;
   clearBuffer();
 
@@ -169,7 +172,7 @@ void SkeldaStreamFrameIterator::fillupDataBufferWithLength(std::uint32_t length,
   SKELDA_LOG(2, "{}:{}: setting state to complete", kFillupMethod, +kEndOfFile);
 }
 
-std::string SkeldaStreamFrameIterator::buffer() const {
+[[gnu::cold]] std::string SkeldaStreamFrameIterator::buffer() const {
   return std::string(front()).append(next());
 }
 
