@@ -10,7 +10,6 @@ import collections
 import contextlib
 import os
 import pathlib
-import random
 import re
 import resource
 import shutil
@@ -22,7 +21,7 @@ import typing
 
 import account_file
 import frame_log
-from support import (Collector, Home, digest, eventually, fill, give_identifiers, open_files, play)
+from support import (Collector, Home, Run, digest, eventually, fill, give_identifiers, open_files, play)
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -61,15 +60,17 @@ class Usage(typing.NamedTuple):
         return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(opened) - sockets, sockets)
 
 
-class Chaos(contextlib.AbstractContextManager):
+class Chaos(Run):
     def __init__(self, minutes, seed):
-        self.length, self.chance, self.home = minutes * 60, random.Random(seed), Home()
+        super().__init__(seed)
+        self.length, self.home = minutes * 60, self.stack.enter_context(Home())
+        self.as_host = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
         self.contents = {}  # of every log and block that is gone, by name, as it was at first
         self.tampered = {}  # digest or name of what was damaged, to how
         self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
         self.counts = collections.Counter()
         self.renumberings = 0  # the settings were damaged, and numbering may begin anew
-        self.decks, self.problems, self.collector_output, self.addresses = {}, [], [], set()
+        self.decks, self.collector_output, self.addresses = {}, [], set()
         self.ending = threading.Event()
         self.host = self.collector = self.pid = None
         self.small = None  # the data's folder, where that is on a disk that fills
@@ -94,13 +95,7 @@ class Chaos(contextlib.AbstractContextManager):
         self.environment = self.home.environment(SSL_CERT_FILE=authority)
         threading.Thread(target=self.watch_addresses, daemon=True).start()
         if ROOT_USER:
-            for folder, names, files in os.walk(self.home.path):
-                for name in [".", *files]:
-                    os.chown(os.path.join(folder, name), NOBODY, NOBODY)
-
-    def expect(self, good, problem):
-        if not good:
-            self.problems.append(problem)
+            subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.home.path], check=True)
 
     def watch_addresses(self):
         while not self.ending.wait(0.05):
@@ -122,12 +117,9 @@ class Chaos(contextlib.AbstractContextManager):
         self.counts[getattr(chosen, "__name__", str(chosen))] += 1
         return chosen
 
-    def as_host(self):
-        return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
-
     def start(self, *arguments, server=None, **popen):
         host = self.home.start(*arguments, "--server", server or self.collector.url, keep=self.kept,
-                               environment=self.environment, **self.as_host(), **popen)
+                               environment=self.environment, **self.as_host, **popen)
         self.pid = host.pid
         return host
 
@@ -137,7 +129,7 @@ class Chaos(contextlib.AbstractContextManager):
     def limit(self, **soft):
         """Of descriptors ("nofile") or threads ("nproc"), under the host's own user, who may."""
         limits = [f"--{name}={value}:" for name, value in soft.items()]
-        subprocess.run(["prlimit", "--pid", str(self.host.pid), *limits], check=True, **self.as_host())
+        subprocess.run(["prlimit", "--pid", str(self.host.pid), *limits], check=True, **self.as_host)
 
     def end_host(self):
         self.expect(self.host.child.poll() is None,
@@ -409,7 +401,7 @@ class Chaos(contextlib.AbstractContextManager):
                 process.kill()
         if self.small:
             subprocess.run(["umount", "-l", self.small], check=False)
-        self.home.close()
+        super().__exit__()
 
 
 if __name__ == "__main__":

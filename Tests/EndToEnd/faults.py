@@ -10,12 +10,10 @@ every event whose call answered 1 found again, or named by the account.
 
 import collections
 import concurrent.futures
-import contextlib
 import errno
 import itertools
 import os
 import pathlib
-import random
 import re
 import shutil
 import signal
@@ -26,7 +24,7 @@ import typing
 
 import account_file
 import frame_log
-from support import Home, bundle_of, give_identifiers, play, scratch_root
+from support import Home, Run, bundle_of, give_identifiers, play, scratch_root
 
 HOST = bundle_of("FaultHost")
 EVENTS = 16
@@ -89,11 +87,12 @@ def events_in(home):
     return collections.Counter((event["start"], int(event["number"])) for event in parameters)
 
 
-class Run:
+class OneFault(Run):
     """One fault, from a fresh installation, in which `before` are the events, to the account."""
 
     def __init__(self, home, before, fault):
-        self.home, self.fault, self.problems = home, fault, []
+        super().__init__()
+        self.home, self.fault = home, fault
         page = home.path / "page"
         environment = home.environment(FAULT_PAGE=page, FAULT_UNDER=home.path, FAULT_KINDS=":".join(KINDS), FAULT=fault or "")
         fine = {0, -signal.SIGKILL} if fault and fault.kills else {0}
@@ -108,10 +107,6 @@ class Run:
                     f"the next start: {second.output[-300:]}")
         self.look_at_logs()
         self.look_at_account()
-
-    def expect(self, good, problem):
-        if not good:
-            self.problems.append(problem)
 
     def start(self, name, events, fine, environment):
         with self.home.start(name, str(events), environment=environment) as process:
@@ -149,29 +144,28 @@ class Run:
                     f"missing, and not named by {account}: {missing}")
 
 
-class Runner(contextlib.AbstractContextManager):
+class Runner(Run):
     """Every run begins with a copy of an installation that knows its phone, and has a log left open and
     blocks that wait."""
 
     def __init__(self, runs, seed, only="", jobs=4):
-        self.runs, self.seed, self.only, self.jobs = runs, seed, only, jobs
-        self.faults, self.problems, self.unreached = [], [], 0
-        self.folder = tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root())
-        self.template = Home(bundle=HOST, path=pathlib.Path(self.folder.name) / "template")
+        super().__init__(seed)
+        self.runs, self.only, self.jobs = runs, only, jobs
+        self.faults, self.unreached = [], 0
+        self.folder = self.stack.enter_context(
+            tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
+        self.template = Home(bundle=HOST, path=pathlib.Path(self.folder) / "template")
         give_identifiers(self.template)
         before = self.template.run("before", "6")
         assert before.status == 0 and answers_of(before) == dict.fromkeys(range(1, 7), 1), before.output
         self.events = list(events_in(self.template))
         assert len(self.events) >= 3, self.events  # on disk before: there after every fault
 
-    def __exit__(self, *_):
-        self.folder.cleanup()
-
     def under(self, fault):
-        with tempfile.TemporaryDirectory(dir=self.folder.name) as folder:
+        with tempfile.TemporaryDirectory(dir=self.folder) as folder:
             with Home(bundle=HOST, path=shutil.copytree(self.template.path, f"{folder}/home", symlinks=True)) as home:
                 home.log.unlink(missing_ok=True)
-                return Run(home, self.events, fault)
+                return OneFault(home, self.events, fault)
 
     def all_faults(self):
         """What can go wrong in a start in which nothing does: its calls are counted."""
@@ -204,7 +198,7 @@ class Runner(contextlib.AbstractContextManager):
     def spread(self, faults):
         """So many of them as are wanted, of every kind about as many."""
         by_kind = collections.defaultdict(list)
-        for fault in random.Random(self.seed).sample(faults, len(faults)):
+        for fault in self.chance.sample(faults, len(faults)):
             by_kind[fault.kind].append(fault)
         in_turn = itertools.zip_longest(*by_kind.values())
         return [fault for turn in in_turn for fault in turn if fault][:self.runs or None]

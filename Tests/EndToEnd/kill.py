@@ -5,15 +5,13 @@ was durable stays, what a call had accepted is found again, and the agent's acco
 """
 
 import collections
-import contextlib
-import random
 import shutil
 import sys
 import time
 
 import account_file
 import frame_log
-from support import FRAMES_TOOL, Home, bundle_of, eventually, give_identifiers, play, told
+from support import FRAMES_TOOL, Home, Run, bundle_of, eventually, give_identifiers, play, told
 
 HOST = bundle_of("IntakeHost")
 REFUSED, ACCEPTED = 1, 2
@@ -58,28 +56,22 @@ class Frames:
         return data[frame.offset:frame.offset + len(frame.raw)] == frame.raw
 
 
-class Kills(contextlib.AbstractContextManager):
+class Kills(Run):
     """Keeps what the disk held right after each kill. `problems` is empty when all went well."""
 
     def __init__(self, count, seed, on_disk=True):
-        self.home, self.count, self.chance = Home(on_disk=on_disk), count, random.Random(seed)
+        super().__init__(seed)
+        self.home, self.count = self.stack.enter_context(Home(on_disk=on_disk)), count
         self.archive = self.home.path / "archive"  # every committed log that was ever seen, by name
         self.archive.mkdir()
         self.told = self.home.path / "told"
         self.told.write_bytes(bytes(count * 400 + 4000))
-        self.problems, self.seen = [], set()
+        self.seen = set()
         self.frames = Frames(self.problems)
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = self.next = 0
         self.replayed, self.named, self.account = 0, collections.Counter(), None
         self.due = set()  # tickets of records that kills left and that no start had taken up by then
         self.previous = []  # the frames of the log that the last kill left open
-
-    def __exit__(self, *_):
-        self.home.close()
-
-    def expect(self, good, problem):
-        if not good:
-            self.problems.append(f"kill {self.kills}: {problem}")
 
     def start(self, events, threads, rate, *then):
         first, self.next = self.next, self.next + events
@@ -105,6 +97,7 @@ class Kills(contextlib.AbstractContextManager):
                 time.sleep(self.chance.uniform(0.0, 0.15))
                 self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output}")
         self.kills += 1
+        self.step = f"kill {self.kills}: "
         self.look()
         # A kill may fall before the first call has returned.
         if self.home.has_intake_file() or any(self.told.read_bytes()):

@@ -13,6 +13,7 @@ import json
 import os
 import pathlib
 import plistlib
+import random
 import shlex
 import shutil
 import ssl
@@ -115,9 +116,7 @@ class Home(contextlib.AbstractContextManager):
         self.index = self.storage / "SkeldaSenderIndex.info"
 
     def close(self, *_):
-        for folder, _, _ in os.walk(self.path):
-            with contextlib.suppress(OSError):
-                os.chmod(folder, 0o700)
+        subprocess.run(["chmod", "-Rf", "u+rwX", self.path], check=False)
         shutil.rmtree(self.path, ignore_errors=True)
 
     __exit__ = close
@@ -344,6 +343,21 @@ def fill(ballast):
     with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
         while True:
             file.write(bytes(1024))
+
+
+class Run(contextlib.AbstractContextManager):
+    """One that goes on where something is wrong, and says all of it in the end."""
+
+    def __init__(self, seed=None):
+        self.chance, self.problems, self.step = random.Random(seed), [], ""
+        self.stack = contextlib.ExitStack()
+
+    def __exit__(self, *_):
+        self.stack.close()
+
+    def expect(self, good, problem):
+        if not good:
+            self.problems.append(f"{self.step}{problem}")
 
 
 def play(document, make, length=("minutes", 10.0), **options):
