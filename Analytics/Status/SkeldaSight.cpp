@@ -1,12 +1,14 @@
 #include "Analytics/Status/SkeldaSight.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
-#include <filesystem>
+#include <climits>
 #include <set>
-#include <sstream>
 
 #include "Analytics/Intake/Account/SkeldaIntakeReading.h"
 #include "Analytics/Networking/DataSender/SkeldaDataSenderBlockInfo.h"
@@ -20,12 +22,13 @@
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FileCalls.h"
 #include "Platform/Foundation/FileDescriptor.h"
+#include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/FolderMaking.h"
 #include "Platform/Foundation/TextCoding.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using platform::FileManager;
 using FrameType = SkeldaStreamFrameTypeUtil;
 
 /// The bytes of a file; nothing where there are none, or none that can be read just now.
@@ -39,8 +42,7 @@ void lookAtBundle(SkeldaSight& sight) {
   const auto& information = bundle->infoDictionary();
   sight.bundle = bundle->bundlePath();
   const std::string list = sight.bundle + "/Info.plist";
-  std::error_code error;
-  if (!fs::exists(list, error)) {
+  if (!FileManager::defaultManager()->fileExistsAtPath(list)) {
     sight.noInformation = fmt::format("there is no {}", list);
   } else if (information.empty()) {
     const auto bytes = bytesOf(list);
@@ -58,33 +60,36 @@ void lookAtBundle(SkeldaSight& sight) {
   sight.durationThreshold = inRange(kDurationThreshold, valueOf(kDurationThreshold));
 }
 
+bool statusOf(const std::string& path, struct ::stat& status) {
+  return platform::fileError<&platform::FileCalls::statusAt>(path.c_str(), &status) == 0;
+}
+
 /// Whether the kernel's list of locks has that process beside that file.
 bool isListedAsHolder(::pid_t process, const struct ::stat& file) {
   const std::string locks = bytesOf("/proc/locks").value_or("");
-  std::istringstream lines(locks);
-  for (std::string line; std::getline(lines, line);) {
+  for (std::string_view rest = locks; !rest.empty();) {
+    const auto line = rest.substr(0, rest.find('\n'));
     if (line.find(fmt::format(" {} ", process)) != std::string::npos &&
         line.find(fmt::format(":{} ", file.st_ino)) != std::string::npos) {
       return true;
     }
+    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
   }
   return false;
 }
 
 /// Whether the process has that file open.
 bool hasOpen(::pid_t process, const struct ::stat& file) {
-  std::error_code error;
-  fs::directory_iterator entry(fmt::format("/proc/{}/fd", process), error);
+  const std::string folder = fmt::format("/proc/{}/fd", process);
+  platform::ErrorRef error;
+  const auto names = FileManager::defaultManager()->contentsOfDirectoryAtPath(folder, &error);
   // Another user's cannot be looked into.
-  if (error == std::errc::permission_denied) return isListedAsHolder(process, file);
-  for (const fs::directory_iterator end; !error && entry != end; entry.increment(error)) {
+  if (!names) return error->code() == EACCES && isListedAsHolder(process, file);
+  return std::ranges::any_of(*names, [&](const std::string& name) {
     struct ::stat open;
-    if (platform::fileError<&platform::FileCalls::statusAt>(entry->path().c_str(), &open) == 0 &&
-        open.st_ino == file.st_ino && open.st_dev == file.st_dev) {
-      return true;
-    }
-  }
-  return false;
+    return statusOf(folder + "/" + name, open) && open.st_ino == file.st_ino &&
+           open.st_dev == file.st_dev;
+  });
 }
 
 /// The lock itself is not touched: whoever asks for it keeps its owner-to-be out.
@@ -93,34 +98,34 @@ void lookForHolder(SkeldaSight& sight) {
   const auto text = bytesOf(path);
   struct ::stat file;
   ::pid_t process = 0;
-  if (!text || platform::fileError<&platform::FileCalls::statusAt>(path.c_str(), &file) != 0) {
-    return;
-  }
+  if (!text || !statusOf(path, file)) return;
   std::from_chars(text->data(), text->data() + text->size(), process);
   if (process <= 0 || !hasOpen(process, file)) return;
   sight.holder = process;
-  std::error_code error;
-  sight.holderProgram = fs::read_symlink(fmt::format("/proc/{}/exe", process), error).string();
+  std::array<char, PATH_MAX> program;
+  const auto length =
+      ::readlink(fmt::format("/proc/{}/exe", process).c_str(), program.data(), program.size());
+  if (length > 0) sight.holderProgram.assign(program.data(), static_cast<std::size_t>(length));
 }
 
 void lookAtStorage(SkeldaSight& sight) {
   sight.storage = SkeldaAgentFiles::storageFolderPath();
   sight.storageProblem = platform::whyNotWritable(sight.storage);
-  std::error_code error;
-  sight.hasStorage = fs::is_directory(sight.storage, error);
+  struct ::stat storage;
+  sight.hasStorage = statusOf(sight.storage, storage) && S_ISDIR(storage.st_mode);
   lookForHolder(sight);
 }
 
 std::uint64_t blocksOfOtherKeysIn(const std::string& storage) {
   const auto own = SkeldaAgentFiles::dataKey(SkeldaHostSettings::apiKey());
   std::uint64_t count = 0;
-  std::error_code error;
-  for (fs::directory_iterator entry(storage, error), end; !error && entry != end;
-       entry.increment(error)) {
+  const auto names = FileManager::defaultManager()->contentsOfDirectoryAtPath(storage);
+  if (!names) return 0;
+  for (const std::string& name : *names) {
     std::array<char, 256> key;
     const auto length = platform::fileCall<&platform::FileCalls::attribute>(
-        entry->path().c_str(), SkeldaDataSenderBlockInfo::kDataKeyAttribute, key.data(),
-        key.size());
+        fmt::format("{}/{}", storage, name).c_str(), SkeldaDataSenderBlockInfo::kDataKeyAttribute,
+        key.data(), key.size());
     if (length > 0 && std::string_view(key.data(), static_cast<std::size_t>(length)) != own)
       ++count;
   }

@@ -3,8 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
+#include <cerrno>
 
 #include "Analytics/Utils/SkeldaAgentVersion.h"
 #include "Analytics/Utils/SkeldaUtil.h"
@@ -18,16 +17,13 @@ std::uint64_t hashOf(const std::optional<std::string>& apiKey) {
 }
 
 /// How many files of a folder have such a name; null where that cannot be told.
-template <class IsNamedSo>
-std::optional<std::uint64_t> filesIn(const std::string& folder, IsNamedSo&& isNamedSo) {
-  std::error_code error;
-  std::uint64_t count = 0;
-  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    if (isNamedSo(entry->path().filename().string())) ++count;
-  }
-  if (error && error != std::errc::no_such_file_or_directory) return std::nullopt;
-  return count;
+std::optional<std::uint64_t> filesIn(const std::string& folder,
+                                     bool (*isNamedSo)(const std::string& name)) {
+  platform::ErrorRef error;
+  const auto names =
+      platform::FileManager::defaultManager()->contentsOfDirectoryAtPath(folder, &error);
+  if (!names) return error->code() == ENOENT ? std::optional<std::uint64_t>(0) : std::nullopt;
+  return std::ranges::count_if(*names, isNamedSo);
 }
 
 }  // namespace

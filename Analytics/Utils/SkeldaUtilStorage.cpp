@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -101,8 +100,8 @@ bool SkeldaUtil::synchronizeFilePathDirectory() noexcept {
     }
     if (folders.empty()) {
       // A run before may have made them and have been killed before it came to this.
-      const auto above = std::filesystem::path(filePathDirectory()).parent_path();
-      folders = {above.parent_path().string(), above.string()};
+      const auto above = platform::parentFolder(filePathDirectory());
+      folders = {platform::parentFolder(above), above};
     }
     platform::ErrorRef error;
     if (platform::synchronizeFolders(folders, &error)) return true;
