@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -22,10 +23,10 @@ class Block {
     using Callable = std::decay_t<F>;
     if constexpr (fitsInline<Callable>()) {
       ::new (static_cast<void*>(storage_)) Callable(std::forward<F>(f));
-      operations_ = &kInline<Callable>;
+      operate_ = &operateInline<Callable>;
     } else {
       ::new (static_cast<void*>(storage_)) Callable*(new Callable(std::forward<F>(f)));
-      operations_ = &kBoxed<Callable>;
+      operate_ = &operateBoxed<Callable>;
     }
   }
   Block(Block&& other) noexcept { take(other); }
@@ -40,14 +41,14 @@ class Block {
   Block& operator=(const Block&) = delete;
   ~Block() { reset(); }
 
-  explicit operator bool() const noexcept { return operations_ != nullptr; }
-  void operator()() { operations_->call(storage_); }
+  explicit operator bool() const noexcept { return operate_ != nullptr; }
+  void operator()() { operate_(Step::call, storage_, nullptr); }
 
  private:
-  struct Operations {
-    void (*call)(void* storage);
-    void (*move)(void* from, void* to) noexcept;  // and destroys what it moved from
-    void (*destroy)(void* storage) noexcept;
+  enum class Step : std::uint8_t {
+    call,  ///< alone may throw
+    move,  ///< and destroy what was moved from
+    destroy
   };
 
   template <class C>
@@ -59,29 +60,35 @@ class Block {
   static C* as(void* storage) noexcept {
     return std::launder(static_cast<C*>(storage));
   }
+  // All that is done with a callable is one function of its type, of which there are many.
   template <class C>
-  static constexpr Operations kInline{[](void* s) { (*as<C>(s))(); },
-                                      [](void* from, void* to) noexcept {
-                                        ::new (to) C(std::move(*as<C>(from)));
-                                        as<C>(from)->~C();
-                                      },
-                                      [](void* s) noexcept { as<C>(s)->~C(); }};
+  static void operateInline(Step step, void* storage, void* to) {
+    C& callable = *as<C>(storage);
+    if (step == Step::call) return static_cast<void>(callable());
+    if (step == Step::move) ::new (to) C(std::move(callable));
+    callable.~C();
+  }
   template <class C>
-  static constexpr Operations kBoxed{
-      [](void* s) { (**as<C*>(s))(); },
-      [](void* from, void* to) noexcept { ::new (to) C*(*as<C*>(from)); },
-      [](void* s) noexcept { delete *as<C*>(s); }};
+  static void operateBoxed(Step step, void* storage, void* to) {
+    C* const callable = *as<C*>(storage);
+    if (step == Step::call) return static_cast<void>((*callable)());
+    if (step == Step::move) {
+      ::new (to) C*(callable);
+    } else {
+      delete callable;
+    }
+  }
 
   void take(Block& other) noexcept {
-    operations_ = std::exchange(other.operations_, nullptr);
-    if (operations_ != nullptr) operations_->move(other.storage_, storage_);
+    operate_ = std::exchange(other.operate_, nullptr);
+    if (operate_ != nullptr) operate_(Step::move, other.storage_, storage_);
   }
   void reset() noexcept {
-    if (operations_ != nullptr) std::exchange(operations_, nullptr)->destroy(storage_);
+    if (operate_ != nullptr) std::exchange(operate_, nullptr)(Step::destroy, storage_, nullptr);
   }
 
   alignas(std::max_align_t) std::byte storage_[kInlineSize];
-  const Operations* operations_ = nullptr;
+  void (*operate_)(Step step, void* storage, void* to) = nullptr;
 };
 
 /// A reference to a callable that outlives the call it is passed to: what synchronous submissions

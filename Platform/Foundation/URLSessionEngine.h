@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <unordered_map>
 
 #include "Platform/Foundation/URLSession.h"
 
@@ -73,7 +73,7 @@ class URLSessionEngine {
   void* multi_ = nullptr;
   void* share_ = nullptr;
   bool canBeWoken_ = false;
-  std::unordered_map<URLSessionTask*, std::unique_ptr<URLSessionTransfer>> transfers_;
+  std::map<URLSessionTask*, std::unique_ptr<URLSessionTransfer>> transfers_;
 };
 
 }  // namespace skelda::platform
