@@ -223,13 +223,6 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
   const auto origin = originOf(record);
   auto* const v = call.values.data();
   const auto event = [&](auto feed) { return onqueue_turnTo(sources_.events, feed); };
-  const auto property = [&](auto feed) { return onqueue_turnTo(sources_.userProperties, feed); };
-  using OfTwo =
-      void (ISkeldaUserPropertiesSource::*)(platform::Value, platform::Value, SkeldaIntakeOrigin);
-  const auto ofTwo = [&](OfTwo method) {
-    return property(
-        [&](auto& source) { (source.*method)(std::move(v[0]), std::move(v[1]), origin); });
-  };
   switch (call.kind) {
     case Kind::event:
     case Kind::startTimedEvent:
@@ -248,6 +241,25 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
         source.recordEvent(std::move(v[0]), std::move(v[1]), /*timed=*/false,
                            std::move(transaction), dateOf(record), origin);
       });
+    default:
+      return onqueue_handChoice(call, record);
+  }
+}
+
+/// What is no event: what the host says of its user.
+[[gnu::cold]] bool SkeldaIntakePump::onqueue_handChoice(Call& call, const Record& record) {
+  SKELDA_ON_QUEUE();
+  using Kind = Call::Kind;
+  const auto origin = originOf(record);
+  auto* const v = call.values.data();
+  const auto property = [&](auto feed) { return onqueue_turnTo(sources_.userProperties, feed); };
+  using OfTwo =
+      void (ISkeldaUserPropertiesSource::*)(platform::Value, platform::Value, SkeldaIntakeOrigin);
+  const auto ofTwo = [&](OfTwo method) {
+    return property(
+        [&](auto& source) { (source.*method)(std::move(v[0]), std::move(v[1]), origin); });
+  };
+  switch (call.kind) {
     case Kind::setProperties:
       return ofTwo(&ISkeldaUserPropertiesSource::setUserProperties);
     case Kind::setPropertyValue:
@@ -270,6 +282,7 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
                             [&](auto& source) { source.setUserId(std::move(v[0]), origin); });
     case Kind::consent:
       return takeConsent(call, record), true;
+    default:
+      return false;
   }
-  return false;
 }

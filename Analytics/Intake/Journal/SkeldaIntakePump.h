@@ -63,6 +63,7 @@ class SkeldaIntakePump : public SkeldaActor {
   void onqueue_pump();
   void onqueue_feed(const SkeldaIntakeFile::Record& record);
   bool onqueue_hand(SkeldaIntakeCall& call, const SkeldaIntakeFile::Record& record);
+  bool onqueue_handChoice(SkeldaIntakeCall& call, const SkeldaIntakeFile::Record& record);
   template <class Source, class Feed>
   bool onqueue_turnTo(const std::shared_ptr<Source>& source, Feed&& feed);
 

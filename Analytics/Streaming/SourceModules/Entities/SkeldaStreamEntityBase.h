@@ -14,6 +14,7 @@
 ///
 /// The payload is computed whenever it is asked for; nothing is cached, so that an entity that has
 /// been handed on can be read from any queue.
+// The message first: nearly all calls come through it, and a record's table holds them once.
 class SkeldaStreamEntityBase : public ISkeldaStreamEntity, public platform::Object {
  public:
   static constexpr std::int32_t kNoFrameType = 0;

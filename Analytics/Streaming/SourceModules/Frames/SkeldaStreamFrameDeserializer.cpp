@@ -98,8 +98,11 @@ std::uint32_t SkeldaStreamFrameDeserializer::frameTypeFromData(std::string_view 
   return typeOf(data);
 }
 
-std::vector<SkeldaStreamFrame::Ref> SkeldaStreamFrameDeserializer::allStreamFramesFromData(
-    std::string_view data, std::size_t* totalBytesRead, platform::ErrorRef* error) const {
+// Not for what reads log after log: cold, for this file is compiled for speed.
+[[gnu::cold]] std::vector<SkeldaStreamFrame::Ref>
+SkeldaStreamFrameDeserializer::allStreamFramesFromData(std::string_view data,
+                                                       std::size_t* totalBytesRead,
+                                                       platform::ErrorRef* error) const {
   std::vector<SkeldaStreamFrame::Ref> frames;
   std::size_t total = 0;
   while (isAtLeastOneFrameInData(data.substr(total))) {
@@ -132,7 +135,7 @@ std::size_t SkeldaStreamFrameDeserializer::lengthOfFrameFooter() const noexcept 
   return format::kFooterLength;
 }
 
-// For who debugs: cold, for this file is compiled for speed.
+// For who debugs: cold as well.
 [[gnu::cold]] void SkeldaStreamFrameDeserializer::debugLogFrameData(std::string_view data,
                                                                     std::string_view tag) const {
   if (!SkeldaUtil::logs(2)) return;
