@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
+
+#include "Tests/Support/Documents.h"
 
 namespace skelda::testing {
 namespace {
@@ -15,17 +15,16 @@ using namespace skelda::fleet;
 /// Each table stands in the document behind the command that makes it. Of the rows, those of small
 /// fleets are made again: the others come of the same code.
 TEST(FleetTablesTest, TheDocumentSaysWhatTheSimulationDoes) {
-  std::ifstream file(SKELDA_DOCS_FOLDER "/fleet.md");
-  const std::string document{std::istreambuf_iterator<char>(file), {}};
+  const std::string text = document("fleet.md");
   for (const std::string& name : FleetTables::names()) {
-    const auto command = document.find("`skelda-fleet table " + name + "`");
+    const auto command = text.find("`skelda-fleet table " + name + "`");
     ASSERT_NE(command, std::string::npos) << name;
-    const auto begin = document.find("\n| ", command);
-    const auto end = document.find("\n\n", begin);
+    const auto begin = text.find("\n| ", command);
+    const auto end = text.find("\n\n", begin);
     ASSERT_NE(end, std::string::npos) << name;
     std::set<std::string> written, made;
     std::set<std::uint32_t> devices;
-    std::istringstream lines(document.substr(begin + 1, end - begin));
+    std::istringstream lines(text.substr(begin + 1, end - begin));
     for (std::string line; std::getline(lines, line);) {
       if (line.starts_with("| 100,000 ") || line.starts_with("| 1,000,000 ")) continue;
       if (line.starts_with("| 1,000 ")) devices.insert(1'000);

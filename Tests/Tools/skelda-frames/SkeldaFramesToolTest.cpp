@@ -1,5 +1,6 @@
 // skelda-frames, run as a process on logs made for it.
 
+#include <gmock/gmock.h>
 #include <sys/resource.h>
 
 #include "Analytics/Utils/SkeldaUtil.h"
@@ -9,6 +10,7 @@
 #include "Tests/Support/TemporaryDirectory.h"
 
 using namespace skelda::testing;
+using ::testing::EndsWith, ::testing::HasSubstr, ::testing::StartsWith;
 
 namespace {
 
@@ -67,30 +69,24 @@ TEST_F(SkeldaFramesTool, ShowsOneLineAFrame) {
                            withCrc(frameBytes(0x80, 999, "{}", -1, -2), 1));
   EXPECT_EQ(shown.exit, 0);
   EXPECT_EQ(shown.error, "");
-  const std::string out = shown.out;
-  EXPECT_TRUE(
-      out.starts_with("0 v1 2 SkeldaStreamCounter 2020-09-13T12:26:40.000Z up=5000ms "
-                      "len=26 crc=- {\"sk.frame.log.counter\":1}\n"
-                      "50 v0 134 SkeldaStreamEvent 2020-09-13T12:26:40.000Z up=5000ms "
-                      "len=2 crc="))
-      << out;
-  EXPECT_NE(out.find(":right {}\n80 v0be 999 - 1969-12-31T23:59:59.999Z up=-2ms len=2 crc="),
-            std::string::npos)
-      << out;
-  EXPECT_TRUE(out.ends_with(":wrong {}\n")) << out;
+  EXPECT_EQ(shown.out,
+            "0 v1 2 SkeldaStreamCounter 2020-09-13T12:26:40.000Z up=5000ms len=26 crc=- "
+            "{\"sk.frame.log.counter\":1}\n"
+            "50 v0 134 SkeldaStreamEvent 2020-09-13T12:26:40.000Z up=5000ms len=2 "
+            "crc=ee4b299f:right {}\n"
+            "80 v0be 999 - 1969-12-31T23:59:59.999Z up=-2ms len=2 crc=02f545ff:wrong {}\n");
   const auto plain =
       runOn(frameBytes(1, 134, R"({"sk.event.name":"TGFw"})", 253402300799999), "--plain").out;
-  EXPECT_NE(plain.find("9999-12-31T23:59:59.999Z"), std::string::npos) << plain;
-  EXPECT_TRUE(plain.ends_with("{\"sk.event.name\":\"Lap\"}\n")) << plain;
+  EXPECT_THAT(plain, HasSubstr("9999-12-31T23:59:59.999Z"));
+  EXPECT_THAT(plain, EndsWith("{\"sk.event.name\":\"Lap\"}\n"));
 }
 
 TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
   const auto shown = runOn(frameBytes(1, 2, "\x1b[2J\n\x7f\xc2\x9b\xe2\x80\xae\xff ok \xc3\xa9"));
-  EXPECT_TRUE(shown.out.ends_with("\\u001b[2J\\u000a\\u007f\\u009b\\u202e\\xff ok \xc3\xa9\n"))
-      << shown.out;
+  EXPECT_THAT(shown.out, EndsWith("\\u001b[2J\\u000a\\u007f\\u009b\\u202e\\xff ok \xc3\xa9\n"));
   const auto json = runOn(event("a\u009b", "{\"k\":\"\x7f\"}"), "--json --plain");
-  EXPECT_NE(json.out.find(R"("sk.event.name":"a\u009b")"), std::string::npos) << json.out;
-  EXPECT_NE(json.out.find(R"({"k":"\u007f"})"), std::string::npos) << json.out;
+  EXPECT_THAT(json.out, HasSubstr(R"("sk.event.name":"a\u009b")"));
+  EXPECT_THAT(json.out, HasSubstr(R"({"k":"\u007f"})"));
   ASSERT_TRUE(readJSON(json.out));
 }
 
@@ -120,14 +116,14 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
   for (const Case& tried : cases) {
     const auto checked = runOn(tried.log, "--verify");
     EXPECT_EQ(checked.exit, tried.exit) << tried.verdict;
-    EXPECT_TRUE(checked.out.starts_with("log: " + tried.verdict)) << checked.out;
+    EXPECT_THAT(checked.out, StartsWith("log: " + tried.verdict));
     EXPECT_EQ(checked.error, "");
   }
   // Without --verify the whole frames are shown, and the rest is a word on standard error.
   const auto shown = runOn(kCounter + torn);
   EXPECT_EQ(shown.exit, 0);
   EXPECT_EQ(std::count(shown.out.begin(), shown.out.end(), '\n'), 1);
-  EXPECT_NE(shown.error.find("offset 50: torn frame: 40 of 82 bytes"), std::string::npos);
+  EXPECT_THAT(shown.error, HasSubstr("offset 50: torn frame: 40 of 82 bytes"));
 }
 
 TEST_F(SkeldaFramesTool, CountsFramesSessionsAndEventsByName) {
@@ -152,13 +148,13 @@ TEST_F(SkeldaFramesTool, SaysByItsExitStatusWhatWentWrong) {
   EXPECT_EQ(run("frames --no-such-option").exit, 2);
   const auto absent = run("frames absent");
   EXPECT_EQ(absent.exit, 3);
-  EXPECT_NE(absent.error.find("absent: No such file or directory"), std::string::npos);
+  EXPECT_THAT(absent.error, HasSubstr("absent: No such file or directory"));
 
   // More than a pipe or a buffer holds.
   writeFile(folder_ / "log", frameBytes(1, 2, std::string(std::size_t{1} << 20, 'x')));
   const auto full = run("frames log >/dev/full");
   EXPECT_EQ(full.exit, 4);
-  EXPECT_NE(full.error.find("No space left on device"), std::string::npos);
+  EXPECT_THAT(full.error, HasSubstr("No space left on device"));
   // A reader that has gone, as `head` does, is no reason for words.
   const auto left = run("frames <log | head -c 1; exit ${PIPESTATUS[0]}");
   EXPECT_EQ(left.exit, 4);
@@ -175,10 +171,9 @@ TEST_F(SkeldaFramesTool, ReadsAnyLengthInConstantMemory) {
       run("logs() { yes log | head -n \"$1\" | xargs cat; }\n"
           "{ logs 4000; cat endless; logs 3000; } | frames --summary");
   EXPECT_EQ(counted.exit, 0);
-  EXPECT_TRUE(counted.out.starts_with("frames 4000\n")) << counted.out;
-  EXPECT_NE(counted.error.find("-: offset 262144000: torn frame: 196608025 of 4294967256 bytes"),
-            std::string::npos)
-      << counted.error;
+  EXPECT_THAT(counted.out, StartsWith("frames 4000\n"));
+  EXPECT_THAT(counted.error,
+              HasSubstr("-: offset 262144000: torn frame: 196608025 of 4294967256 bytes"));
   rusage ofAnyRun{};
   ASSERT_EQ(::getrusage(RUSAGE_CHILDREN, &ofAnyRun), 0);
   EXPECT_LT(ofAnyRun.ru_maxrss, 128 * 1024);
