@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -119,7 +119,7 @@ class Lines {
   Condition work_;
   Condition delivered_;
   DestinationRef destination_ GUARDED_BY(mutex_);  ///< null until the first use
-  std::deque<Line> waiting_ GUARDED_BY(mutex_);
+  std::list<Line> waiting_ GUARDED_BY(mutex_);
   std::size_t waitingBytes_ GUARDED_BY(mutex_) = 0;
   std::uint64_t dropped_ GUARDED_BY(mutex_) = 0;  ///< since it was said last
   std::uint64_t kept_ GUARDED_BY(mutex_) = 0;     ///< lines that ever waited

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <random>
 
 #include <fmt/format.h>
 
@@ -22,6 +21,7 @@
 #include "Platform/Foundation/FileDescriptor.h"
 #include "Platform/Foundation/FolderMaking.h"
 #include "Platform/Foundation/StorageReserve.h"
+#include "Platform/Foundation/UUID.h"
 
 namespace skelda::platform {
 
@@ -46,10 +46,8 @@ bool succeeded(int code, const std::string& path, ErrorRef* error) {
 /// sweep passes over them. The process id tells a forked child, and the random number a later
 /// process with the same id.
 std::string ownTemporaryPrefix(std::string_view folder = {}) {
-  static NeverDestroyed<std::string> name([] {
-    std::random_device device;
-    return fmt::format("{}{:08x}{:08x}-", FileManager::kTemporaryPrefix, device(), device());
-  });
+  static NeverDestroyed<std::string> name(
+      [] { return fmt::format("{}{}-", FileManager::kTemporaryPrefix, newUUIDString()); });
   constexpr std::size_t kRoom = 96;  // for the rest of the name
   std::string prefix;
   prefix.reserve(folder.size() + kRoom);

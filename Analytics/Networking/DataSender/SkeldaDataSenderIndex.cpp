@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <list>
 #include <set>
 #include <utility>
 
@@ -35,6 +36,15 @@ void account(SkeldaDataSenderIndex::Fate fate, std::size_t blocks) noexcept {
 
 bool isOlder(const SkeldaDataSenderIndex::BlockRef& a, const SkeldaDataSenderIndex::BlockRef& b) {
   return a->creationDate() < b->creationDate();
+}
+
+/// Those of one age stay in their order. Nearly always there is nothing to do; where there is, it
+/// goes by way of a list, whose sorting is little code.
+void sortByAge(SkeldaDataSenderIndex::Blocks& blocks) {
+  if (std::ranges::is_sorted(blocks, isOlder)) return;
+  std::list<SkeldaDataSenderIndex::BlockRef> sorted(blocks.begin(), blocks.end());
+  sorted.sort(isOlder);
+  blocks.assign(sorted.begin(), sorted.end());
 }
 
 }  // namespace
@@ -140,7 +150,7 @@ bool SkeldaDataSenderIndex::onqueue_settleUnnamedBlocks(bool takeUp) {
     SKELDA_LOG(1, "Skelda: delete orphaned data block with id [{}], success: {:d}", name, removed);
   }
   if (takenUp == 0) return true;
-  for (auto& [key, blocks] : indexMap_) std::stable_sort(blocks.begin(), blocks.end(), isOlder);
+  for (auto& [key, blocks] : indexMap_) sortByAge(blocks);
   SKELDA_LOG(1, "SkeldaSender: no whole index, {} data blocks are taken up by their files",
              takenUp);
   return true;
@@ -152,7 +162,7 @@ void SkeldaDataSenderIndex::onqueue_adoptBlocksWithoutKey(const std::string& dat
   if (adopted.empty()) return;
   auto& blocks = indexMap_[dataKey];
   blocks.insert(blocks.end(), adopted.mapped().begin(), adopted.mapped().end());
-  std::stable_sort(blocks.begin(), blocks.end(), isOlder);
+  sortByAge(blocks);
   onqueue_saveSoon();
 }
 
@@ -329,7 +339,7 @@ void SkeldaDataSenderIndex::discardOldBlocksForDataKey(const std::string& dataKe
   indexMapQueue_->async(skelda::guarded([self = shared_from_this(), dataKey] {
     const auto found = self->indexMap_.find(dataKey);
     if (found == self->indexMap_.end()) return;
-    std::stable_sort(found->second.begin(), found->second.end(), isOlder);
+    sortByAge(found->second);
     self->onqueue_discardOldest(dataKey, kSkeldaMaxReportedNotSentSessions);
   }));
 }

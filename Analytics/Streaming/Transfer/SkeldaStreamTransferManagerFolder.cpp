@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <unordered_set>
+#include <set>
 #include <utility>
 
 #include "Analytics/Streaming/Data Providers/SkeldaNodeData.h"
@@ -117,7 +117,7 @@ bool SkeldaStreamTransferManager::onqueue_setAsideWhatIsNoFile(const std::string
 void SkeldaStreamTransferManager::onqueue_removeFromDictionaryFilesNotInFolder(
     const std::vector<std::string>& names) {
   SKELDA_ON_QUEUE();
-  const std::unordered_set<std::string_view> listed(names.begin(), names.end());
+  const std::set<std::string_view> listed(names.begin(), names.end());
   std::erase_if(fileUploadStatusDictionary_, [&](const auto& entry) {
     if (listed.contains(entry.first)) return false;
     fileTransferAgent_->cancelTransfer(entry.second);
