@@ -58,10 +58,7 @@ class HeldAnswers {
 
 class DeviceSenderTest : public SenderTest {
  protected:
-  struct State {
-    std::set<Log> waiting, running;
-    bool operator==(const State&) const = default;
-  };
+  using State = std::pair<std::set<Log>, std::set<Log>>;  // what waits, what is on its way
 
   void apply(const Steps& steps) {
     modelRunning_.insert(steps.requests.begin(), steps.requests.end());
@@ -72,6 +69,7 @@ class DeviceSenderTest : public SenderTest {
   }
   State realState() const {
     State state;
+    auto& [waiting, running] = state;
     std::set<std::string> tags;
     sender_->queue()->sync([&] {
       for (const auto& task : sender_->runningTasks()) tags.insert(task->tag());
@@ -80,8 +78,8 @@ class DeviceSenderTest : public SenderTest {
       // Its file goes a little after it left the index.
       const auto bytes = block->data();
       if (!bytes) continue;
-      state.waiting.insert(logIn(*bytes));
-      if (tags.contains(block->identifier())) state.running.insert(logIn(*bytes));
+      waiting.insert(logIn(*bytes));
+      if (tags.contains(block->identifier())) running.insert(logIn(*bytes));
     }
     return state;
   }
@@ -89,13 +87,9 @@ class DeviceSenderTest : public SenderTest {
     return static_cast<Log>(std::stoul(std::string(data.view())));
   }
   void expectTheSame(const std::string& after) {
-    EXPECT_TRUE(becomes([&] {
-      return answers_.held() == modelRunning_ && realState() == modelState();
-    })) << after
-        << ": waiting " << ::testing::PrintToString(realState().waiting) << " and "
-        << ::testing::PrintToString(modelState().waiting) << ", running "
-        << ::testing::PrintToString(realState().running) << " and "
-        << ::testing::PrintToString(modelState().running);
+    becomes([&] { return answers_.held() == modelRunning_ && realState() == modelState(); });
+    EXPECT_EQ(answers_.held(), modelRunning_) << after;
+    EXPECT_EQ(realState(), modelState()) << after;
   }
 
   HeldAnswers answers_;
