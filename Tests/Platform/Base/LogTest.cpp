@@ -29,7 +29,6 @@ class StandardError {
     ::dup2(saved_, STDERR_FILENO);
     ::close(saved_);
   }
-  /// What its file holds, but for lines with that part.
   std::string linesWithoutPrefix(std::string_view butFor) const {
     std::ifstream lines(path_);
     std::string result;
@@ -50,8 +49,7 @@ bool readLine(int descriptor, std::string& line) {
   return false;
 }
 
-class LogTest : public testing::Test {
- protected:
+struct LogTest : testing::Test {
   ~LogTest() override { select({}); }
   void select(const std::optional<std::string>& setting) {
     environment_.set("SKELDA_LOG", setting);

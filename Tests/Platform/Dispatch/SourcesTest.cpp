@@ -34,8 +34,7 @@ struct Beside {
   const std::shared_ptr<FolderSource> source;
 };
 
-class FolderSourceTest : public testing::Test {
- protected:
+struct FolderSourceTest : testing::Test {
   FolderSourceTest() {
     fs::create_directory(folder_);
     descriptor_ = open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

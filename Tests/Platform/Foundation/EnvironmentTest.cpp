@@ -13,8 +13,7 @@ constexpr std::string_view kInformation =
     "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.example.run</string>"
     "<key>Number</key><integer>7</integer></dict></plist>";
 
-class BundleTest : public testing::Test {
- protected:
+struct BundleTest : testing::Test {
   /// The bundle above a program in `folder`, below the test's own folder.
   std::shared_ptr<const Bundle> above(const std::string& folder) {
     std::filesystem::create_directories(root_ / folder);
@@ -56,8 +55,7 @@ TEST_F(BundleTest, HasAnEmptyDictionaryAndOneLineWhereThereIsNoFileOrOneThatIsNo
 }
 
 /// A system of the test's own: no variables, and a folder for its files.
-class EnvironmentTest : public testing::Test {
- protected:
+struct EnvironmentTest : testing::Test {
   EnvironmentTest() {
     for (const auto name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"}) environment_.set(name, {});
     std::filesystem::create_directories(root_ / "etc/default");
@@ -141,7 +139,6 @@ TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheSystemsFiles) {
   EXPECT_EQ(TimeZone::local(root_.path()).name, std::nullopt);
 }
 
-/// What the notifications tell, and what is to be read when they come.
 class Observer {
  public:
   explicit Observer(const std::string& root) {
@@ -197,7 +194,6 @@ TEST_F(EnvironmentTest, PostsWhenWhatTheFilesSayHasChanged) {
   ASSERT_TRUE(observer.sees(0, 2));
   std::filesystem::remove(root_ / "etc/locale.conf");
   ASSERT_TRUE(observer.sees(1, 2));
-  // A folder that comes later is watched too.
   std::filesystem::create_directory(root_ / "etc/default");
   replace("etc/default/locale", "LANG=nb_NO\n");
   ASSERT_TRUE(observer.sees(2, 2));

@@ -7,8 +7,7 @@
 
 namespace {
 
-class FileHandleTest : public testing::Test {
- protected:
+struct FileHandleTest : testing::Test {
   FileHandleTest() { writeFile(path_, "0123456789"); }
   TemporaryDirectory directory_;
   const std::string path_ = directory_ / "file";
@@ -27,7 +26,6 @@ TEST_F(FileHandleTest, ReadsWhatTheFileStillGivesWhateverIsAskedFor) {
   writeFile(path_, "0123456789 and more!");
   EXPECT_EQ(other->readDataToEndOfFile().view(), "0123456789 and more");
   EXPECT_EQ(other->readDataToEndOfFile().view(), "!");
-  // But for one's own changes.
   int error = 0;
   const auto both = FileDescriptor::openFile(path_, O_RDWR, error);
   std::string whole;

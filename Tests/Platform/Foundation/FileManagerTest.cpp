@@ -18,8 +18,7 @@ const std::string kOld = "old content";
 const std::string kNew(300'000, 'n');
 
 /// A storage folder with a folder of committed files in it, as the agent has them.
-class FileManagerTest : public testing::Test {
- protected:
+struct FileManagerTest : testing::Test {
   FileManagerTest() {
     EXPECT_TRUE(manager_.createDirectoryAtPath(committed_, true));
     writeFile(source_, kNew);
@@ -88,7 +87,6 @@ TEST_F(FileManagerTest, AKillInTheMiddleLeavesWholeFilesAndSweepableRests) {
   }
   for (const std::string& name : names(committed_))
     EXPECT_EQ(std::filesystem::file_size(committed_ + "/" + name), kNew.size()) << name;
-  // One more rest, whatever the kills left.
   writeFile(storage_ + "/.skelda-tmp-0123-1-1", "rest");
   EXPECT_GE(manager_.sweepTemporaryFiles(storage_), 1u);
   EXPECT_EQ(names(storage_), (Texts{".skelda-other", "archive", "committed", "log"}));

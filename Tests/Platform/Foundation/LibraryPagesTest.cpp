@@ -38,7 +38,6 @@ TEST(LibraryPages, AreGivenBackButForOneThatSomebodyChanged) {
   for (std::uintptr_t at = before.begin; at < before.end; at += kPage)
     static_cast<void>(*reinterpret_cast<volatile const char*>(at));
   if (code().residentKiB < 1024) GTEST_SKIP() << "this system does not tell what is in memory";
-  // The last page, which ends behind the code.
   auto* const page = reinterpret_cast<char*>(before.end - kPage);
   volatile char* const changed = page;
   ASSERT_EQ(0, ::mprotect(page, kPage, PROT_READ | PROT_WRITE | PROT_EXEC));

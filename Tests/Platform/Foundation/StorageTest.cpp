@@ -47,8 +47,7 @@ TEST(StorageLockTest, FailuresAreNeitherHeldNorAnothers) {
   StorageLock::release(folder / "lock");
 }
 
-class StorageReserveTest : public testing::Test {
- protected:
+struct StorageReserveTest : testing::Test {
   StorageReserveTest() {
     std::filesystem::create_directory(folder_ / "commited");
     writeFile(folder_ / "log", "frames");
@@ -56,7 +55,6 @@ class StorageReserveTest : public testing::Test {
     EXPECT_EQ(std::filesystem::file_size(reserve_), StorageReserve::kFileLength);
   }
   ~StorageReserveTest() override { StorageReserve::forget(); }
-  /// What must not fail: a copy, a new file, an archive.
   bool all() {
     auto& files = *FileManager::defaultManager();
     const std::string number = std::to_string(++round_);

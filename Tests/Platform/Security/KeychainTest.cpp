@@ -51,8 +51,7 @@ constexpr auto kThisDevice = KeychainAccessibility::afterFirstUnlockThisDeviceOn
 
 /// A keychain, and a machine with an id, of the test's own. Nothing is kept between calls, so that
 /// every look-up is one after a restart.
-class KeychainTest : public testing::Test {
- protected:
+struct KeychainTest : testing::Test {
   KeychainTest() {
     setSystemRoot(home_.path());
     becomeMachine('a');
@@ -114,10 +113,10 @@ TEST_F(KeychainTest, ALockedDeviceKeepsItsUnlockedItemsClosed) {
   ASSERT_EQ(SecItemAdd(query("open"), Data("1"), kUnlocked), errSecSuccess);
   ASSERT_EQ(SecItemAdd(query("device"), Data("2"), kThisDevice), errSecSuccess);
   DeviceLock::setLocked(true);
-  EXPECT_EQ(SecItemCopyMatching(query("open"), nullptr), errSecInteractionNotAllowed);
-  EXPECT_EQ(SecItemUpdate(query("open"), Data("x")), errSecInteractionNotAllowed);
-  EXPECT_EQ(SecItemDelete(query("open")), errSecInteractionNotAllowed);
-  EXPECT_EQ(SecItemAdd(query("more"), Data("x"), kUnlocked), errSecInteractionNotAllowed);
+  for (const OSStatus status :
+       {SecItemCopyMatching(query("open"), nullptr), SecItemUpdate(query("open"), Data("x")),
+        SecItemDelete(query("open")), SecItemAdd(query("more"), Data("x"), kUnlocked)})
+    EXPECT_EQ(status, errSecInteractionNotAllowed);
   EXPECT_EQ(valueOf(query("device")), "2");
   DeviceLock::setLocked(false);
   EXPECT_EQ(valueOf(query("open")), "1");

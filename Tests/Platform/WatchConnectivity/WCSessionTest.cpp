@@ -31,8 +31,7 @@ using testing::ElementsAre;
 
 namespace {
 
-class WCSessionTest : public testing::Test {
- protected:
+struct WCSessionTest : testing::Test {
   WCSessionTest() {
     std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
     watch_ = WCDefaultSession::make(watchEnd_);
@@ -111,8 +110,7 @@ TEST_F(WCSessionTest, OnlyAnsweredCallsAreMadeAndADelegateThatThrowsIsContained)
   EXPECT_THAT(narrow->wait(1), ElementsAre(R"(info {"n":2})"));
 }
 
-class WCSocketTransportTest : public testing::Test {
- protected:
+struct WCSocketTransportTest : testing::Test {
   WCSocketTransportTest() {
     session_ = open(path());
     session_->setDelegate(delegate_);
@@ -160,8 +158,7 @@ TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
     PhoneLink hostile(path());
     ASSERT_TRUE(hostile.connect(soon()));
     hostile.sendBytes(attack);
-    const bool understood =
-        attack.size() < 4 || attack.substr(4) == whole->string().substr(4, attack.size() - 4);
+    const bool understood = attack.size() < 4 || whole->string().starts_with(attack);
     EXPECT_TRUE(understood || !hostile.receive(soon())) << "the watch hangs up";
     hostile.hangUp();
     EXPECT_EQ(delegate_->wait(heard += 2).back(), "peer went");

@@ -6,8 +6,7 @@
 
 namespace {
 
-class DeviceTest : public testing::Test {
- protected:
+struct DeviceTest : testing::Test {
   DeviceTest() {
     setSystemRoot(root_.path());
     environment_.set("SKELDA_SCREEN", std::nullopt);
