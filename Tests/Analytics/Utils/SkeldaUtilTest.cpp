@@ -11,8 +11,7 @@
 
 namespace {
 
-class SkeldaUtilTest : public testing::Test {
- protected:
+struct SkeldaUtilTest : testing::Test {
   ~SkeldaUtilTest() override {
     SkeldaUtil::setShowErrorInLogEnabled(false);
     setSystemRoot("");
@@ -37,10 +36,10 @@ TEST_F(SkeldaUtilTest, LinesAreFormattedOnlyWhereLevelAndReaderAskForThem) {
 }
 
 TEST_F(SkeldaUtilTest, CaughtThingsOfAnyKindAreShownOnDemand) {
-  const std::exception_ptr caught[] = {
-      std::make_exception_ptr(Exception("Name", "reason", Value("info"))),
-      std::make_exception_ptr(std::out_of_range("far")), std::make_exception_ptr(urlError(7)),
-      std::make_exception_ptr(Value(5)), std::make_exception_ptr(3.5)};
+  const auto thrown = [](const auto& thing) { return std::make_exception_ptr(thing); };
+  const std::exception_ptr caught[] = {thrown(Exception("Name", "reason", Value("info"))),
+                                       thrown(std::out_of_range("far")), thrown(urlError(7)),
+                                       thrown(Value(5)), thrown(3.5)};
   SkeldaUtil::setLogLevel(2);
   for (const bool shown : {false, true}) {
     SkeldaUtil::setShowErrorInLogEnabled(shown);
@@ -99,13 +98,12 @@ TEST_F(SkeldaUtilTest, ArchivesComeBackAndMalformedOnesAreDeleted) {
   }
   EXPECT_TRUE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());
   EXPECT_EQ(error, nullptr);
-  for (const auto& absent : {std::optional<std::string>(), {""}, {home_ / "no"}, {path + "/no"}}) {
-    EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(absent, &error).has_value());
+  writeFile(path, "{\"archive\":");
+  for (const auto& none :
+       {std::optional<std::string>(), {""}, {home_ / "no"}, {path + "/no"}, {path}}) {
+    EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(none, &error).has_value());
     EXPECT_EQ(error, nullptr);
   }
-  writeFile(path, "{\"archive\":");
-  EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());
-  EXPECT_EQ(error, nullptr);
   EXPECT_FALSE(SkeldaUtil::dataExistsAtPath(path));
 }
 

@@ -7,9 +7,7 @@
 
 namespace {
 
-/// The agent's file manager and handle over calls that fail as told.
-class StreamFilesTest : public testing::Test {
- protected:
+struct StreamFilesTest : testing::Test {
   StreamFilesTest() { writeFile(path_, "0123456789"); }
 
   TemporaryDirectory directory_;
@@ -92,8 +90,7 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
   EXPECT_EQ(codeOf(error_), 1);
 }
 
-class KVStorageTest : public testing::Test {
- protected:
+struct KVStorageTest : testing::Test {
   static SkeldaKVStorage& store() { return *SkeldaKVStorage::sharedInstance(); }
   static void restart() { SkeldaKVStorage::resetSharedInstance(); }
 

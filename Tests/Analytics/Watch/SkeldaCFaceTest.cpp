@@ -7,7 +7,6 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Skelda_Watch/SkeldaHost.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
-#include "Tests/Support/Scenario.h"
 
 namespace {
 thread_local bool noMemory = false;

@@ -11,11 +11,9 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
 #include "Tests/Support/LogCapture.h"
-#include "Tests/Support/Scenario.h"
 
 namespace {
 
@@ -64,7 +62,6 @@ TEST(SkeldaWatch, TheFirstEventStartsTheAgentOnceAndLetsThroughWhatWasSaidBefore
   for (const char* value : {"unseen", "dW5zZWVu"}) EXPECT_EQ(outcome.count(value), 0) << value;
 }
 
-/// One round of what a host, its phone and the system can say beside events.
 void sayEverything(const std::string& text) {
   const auto number = static_cast<std::int32_t>(text.size());
   SkeldaUtil::setLogLevel(text.size() % 4);

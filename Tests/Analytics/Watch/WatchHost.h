@@ -7,10 +7,62 @@
 
 namespace skelda::testing {
 
+/// A part of a test that needs a process of its own: the test program runs itself again with the
+/// scenario's name in the environment, and its main() then does nothing else. What it prints and
+/// logs comes back, with the status that it ended with; a status other than 0 is a failure.
+class Scenario {
+ public:
+  static constexpr const char* kVariable = "SKELDA_SCENARIO";
+  using Body = int (*)();
+
+  Scenario(const char* name, Body body) { all()[name] = body; }
+
+  /// The name of the scenario this process is for; empty in the test program itself.
+  static std::string_view requested() {
+    const char* name = ::getenv(kVariable);
+    return name == nullptr ? "" : name;
+  }
+  static int runRequested() {
+    const auto found = all().find(requested());
+    return found == all().end() ? 127 : found->second();
+  }
+
+  struct Outcome {
+    int status = -1;
+    std::string output;
+
+    int count(std::string_view part) const {
+      int found = 0;
+      for (auto at = output.find(part); at != output.npos; at = output.find(part, at + 1)) ++found;
+      return found;
+    }
+  };
+
+  /// Runs it to its end in the environment of this moment, its log set to `log`.
+  static Outcome run(const std::string& name, const std::string& log = "stderr") {
+    const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
+    const auto command =
+        std::string(kVariable) + "='" + name + "' SKELDA_LOG='" + log + "' '" + self + "' 2>&1";
+    FILE* child = ::popen(command.c_str(), "re");
+    if (child == nullptr) throw std::runtime_error("popen");
+    Outcome outcome;
+    char buffer[4096];
+    for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;)
+      outcome.output.append(buffer, got);
+    outcome.status = ::pclose(child);
+    return outcome;
+  }
+
+ private:
+  static std::map<std::string, Body, std::less<>>& all() {
+    static std::map<std::string, Body, std::less<>> scenarios;
+    return scenarios;
+  }
+};
+
 inline const Dictionary kWatch{{"Skelda Watch API Key", "unseen-KEY"},
                                {"CFBundleIdentifier", "com.example.run"}};
 
-/// Everything that the sources send from now on.
 inline std::shared_ptr<RecordingStage> recordSources() {
   auto recorder = std::make_shared<RecordingStage>();
   SkeldaWatchStreamManager::manager()->streamBuffer()->registerNextStageComponent(recorder);

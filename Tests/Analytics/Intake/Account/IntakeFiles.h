@@ -3,7 +3,6 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include "Analytics/Intake/Account/SkeldaIntakeFile.h"
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -48,7 +47,6 @@ inline bool addsUp(SkeldaIntakeFile& file) {
   return adds(SkeldaIntakeFile::Kind::event) && adds(SkeldaIntakeFile::Kind::choice);
 }
 
-/// A payload that says which one it is.
 struct Numbered {
   std::size_t thread = 0;
   std::size_t index = 0;

@@ -2,7 +2,6 @@
 
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
-#include "Analytics/Intake/Journal/SkeldaIntakePump.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaCCPASource.h"
@@ -27,9 +26,7 @@ using testing::Le;
 using Kind = SkeldaIntakeCall::Kind;
 using Outcome = SkeldaIntakeOutcome;
 
-/// What stands for everything from the core buffer to the disk.
-class Pipeline : public RecordingStage {
- public:
+struct Pipeline : RecordingStage {
   void streamMessage(Message message) override {
     RecordingStage::streamMessage(message);
     if (stores) SkeldaAccounting::settle(message->intakeTicket(), Outcome::stored);

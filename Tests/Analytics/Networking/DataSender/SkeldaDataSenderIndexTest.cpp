@@ -5,8 +5,7 @@ namespace {
 
 const std::string kKey = "Data_1_261";
 
-class SkeldaDataSenderIndexTest : public SenderTest {
- protected:
+struct SkeldaDataSenderIndexTest : SenderTest {
   using Index = std::shared_ptr<SkeldaDataSenderIndex>;
   static Index load() {
     return SkeldaDataSenderIndex::instantiatedIndexWithIndexFile(

@@ -4,8 +4,7 @@
 
 namespace {
 
-class TaskDelegate : public SkeldaURLSessionTaskDelegate, public Recorded<bool> {
- public:
+struct TaskDelegate : SkeldaURLSessionTaskDelegate, Recorded<bool> {
   void skeldaUrlRequestDidSucceed(const TaskRef&, const ResponseRef& to) override { end(true, to); }
   void skeldaUrlRequestDidFail(const TaskRef&, const ResponseRef& to) override { end(false, to); }
   void end(bool succeeded, const ResponseRef& response) {
@@ -15,8 +14,7 @@ class TaskDelegate : public SkeldaURLSessionTaskDelegate, public Recorded<bool> 
   ResponseRef last;  // read once the end is recorded
 };
 
-class SkeldaURLSessionTaskTest : public SenderTest {
- protected:
+struct SkeldaURLSessionTaskTest : SenderTest {
   std::shared_ptr<SkeldaURLSessionTask> post(const std::string& url, std::string body,
                                              std::int32_t redirectsLimit = 0) {
     delegate_ = std::make_shared<TaskDelegate>();
@@ -246,7 +244,6 @@ TEST_F(SkeldaDataSenderTest, DataThatCannotBeStoredIsRefusedAndLeavesNothing) {
   LoopbackServer server(answering(200));
   sendTo(server);
   const auto sender = makeSender();
-  // The block's own calls come first, then those of the index.
   const std::pair<const char*, std::size_t> failing[] = {
       {"write", 1}, {"write", 2}, {"syncData", 1}, {"syncData", 2}, {"rename", 1}, {"rename", 2}};
   for (const auto& [kind, call] : failing) {
@@ -275,7 +272,6 @@ TEST_F(SkeldaDataSenderTest, AHundredBlocksAreKeptAndNineUnderWayWhereNoRequestE
   ASSERT_TRUE(server.waitUntil([&] { return server.held() == 9; }));
   EXPECT_EQ(blocks(sender).size(), 100u);
   EXPECT_EQ(log_.count("Skelda: discard outdated block id ["), 30u);
-  // What is under way stays; of the others the oldest went.
   std::set<std::string> expected, received;
   for (int i = 0; i < 130; ++i)
     if (i < 9 || i >= 39) expected.insert(std::to_string(i));

@@ -7,7 +7,6 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/WatchKit/WKExtension.h"
 #include "Tests/Support/FaultyFiles.h"
 #include "Tests/Support/Recorded.h"
@@ -132,8 +131,7 @@ struct Changes : SkeldaNodeDataProviderObserver, Recorded<std::uint32_t> {
   bool waitPast(std::size_t before) { return wait(before + 1).size() > before; }
 };
 
-class SkeldaNodeDataProviderTest : public testing::Test {
- protected:
+struct SkeldaNodeDataProviderTest : testing::Test {
   SkeldaNodeDataProviderTest() { provider_->addObserver(changes_); }
   ~SkeldaNodeDataProviderTest() override { provider_->removeObserver(changes_); }
   void start() {
@@ -197,14 +195,9 @@ TEST_F(SkeldaNodeDataProviderTest, AFolderThatIsRemovedOrReplacedIsWatchedAgain)
     settle();
     const std::size_t before = changes_->size();
     std::error_code ignored;  // the folder may be made again while it is being removed
-    if (i == 0) {
-      std::filesystem::remove_all(watched_, ignored);
-    } else if (i == 1) {
-      std::filesystem::remove_all(home_ / "a", ignored);
-    } else {
-      std::filesystem::rename(watched_, home_ / "moved");
-      std::filesystem::create_directory(watched_, ignored);
-    }
+    if (i < 2) std::filesystem::remove_all(i == 0 ? watched_ : home_ / "a", ignored);
+    if (i == 2) std::filesystem::rename(watched_, home_ / "moved");
+    if (i == 2) std::filesystem::create_directory(watched_, ignored);
     // The watch that stands again tells of it itself.
     ASSERT_TRUE(changes_->waitPast(before)) << i;
     expectToldInTheEnd(i);

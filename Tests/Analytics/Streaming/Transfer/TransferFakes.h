@@ -39,8 +39,7 @@ class FakeFolder : public SkeldaStreamFileManager {
   std::mutex mutex_;
 };
 
-class FakeMonitor : public ISkeldaNodeDataProvider {
- public:
+struct FakeMonitor : ISkeldaNodeDataProvider {
   void addObserver(std::shared_ptr<SkeldaNodeDataProviderObserver> added) override {
     observer = added;
   }
@@ -58,9 +57,7 @@ class FakeMonitor : public ISkeldaNodeDataProvider {
   Texts announced;
 };
 
-/// Keeps what it is given; called on the manager's queue.
-class FakeAgent : public ISkeldaFileTransferAgent {
- public:
+struct FakeAgent : ISkeldaFileTransferAgent {
   void setDelegate(std::weak_ptr<ISkeldaFileTransferAgentDelegate>) override {}
   void startTransfer(SkeldaFileStateRef file) override { started.push_back(file->fileName()); }
   void cancelTransfer(SkeldaFileStateRef file) override { cancelled.push_back(file->fileName()); }

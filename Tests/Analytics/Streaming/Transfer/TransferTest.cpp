@@ -11,13 +11,11 @@
 
 namespace {
 
-class SkeldaStreamTransferManagerTest : public testing::Test {
- protected:
+struct SkeldaStreamTransferManagerTest : testing::Test {
   ~SkeldaStreamTransferManagerTest() override {
     EXPECT_EQ(skelda::swallowedExceptions(), swallowed_);
   }
 
-  /// One log at a time, of so many that may wait.
   void make(Dictionary config = {}) {
     config.set(std::string(kSkeldaStreamConfigOptionMaxFileUploadCount), 1);
     manager_ = SkeldaStreamTransferManager::transferManagerWithConfig(std::move(config), monitor_,
@@ -226,15 +224,13 @@ struct Outcome {
   }
 };
 
-class Outcomes : public ISkeldaFileTransferAgentDelegate, public Recorded<Outcome> {
- public:
+struct Outcomes : ISkeldaFileTransferAgentDelegate, Recorded<Outcome> {
   void didCompleteTransfer(const std::string& name, ErrorRef error) override {
     add({name, std::move(error)});
   }
   void didAbandonTransfer() override { add({"abandoned", nullptr}); }
 };
 
-/// The agent, and behind it what reads the files.
 template <class... Delay>
 std::shared_ptr<SkeldaLocalTransferAgent> agentBefore(
     std::shared_ptr<ISkeldaFrameLogDataSender> sender, Delay... delay) {
@@ -244,8 +240,7 @@ std::shared_ptr<SkeldaLocalTransferAgent> agentBefore(
       SkeldaStreamFileManager::fileManager());
 }
 
-class SkeldaLocalTransferAgentTest : public testing::Test {
- protected:
+struct SkeldaLocalTransferAgentTest : testing::Test {
   SkeldaLocalTransferAgentTest() {
     agent_->setDelegate(outcomes_);
     writeFile(folder_ / "log", "bytes");

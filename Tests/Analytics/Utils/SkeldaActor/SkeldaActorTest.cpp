@@ -98,7 +98,6 @@ TEST_F(SkeldaActorTest, WrappedBlocksCarryTheContextAndTheGuardOfTheirKind) {
   const auto wrap = [&](Block block) {
     return actor_->wrapSyncBlock(std::move(block), handOff, owner);
   };
-  // Elsewhere than on the owner's thread.
   std::thread([&] {
     wrap([&] {
       EXPECT_EQ(SkeldaActor::currentActor(), actor_);
@@ -240,8 +239,7 @@ TEST(SkeldaActorDeathTest, ACheckOutsideTheActorEndsTheProcess) {
   EXPECT_DEATH(fromAnother(), "currentActor\\] == self");
 }
 
-class SkeldaActorDeferredQueueTest : public testing::Test {
- protected:
+struct SkeldaActorDeferredQueueTest : testing::Test {
   std::shared_ptr<SkeldaActor> actor_ = SkeldaActor::made(new SkeldaActor("Gated"));
   std::shared_ptr<SkeldaActorDeferredQueue> gate_ =
       actor_->createDeferredQueueWithDescription("Gate");

@@ -15,8 +15,7 @@ using testing::Not;
 
 namespace {
 
-class Receiver : public ISkeldaWatchConnectivityReceiver {
- public:
+struct Receiver : ISkeldaWatchConnectivityReceiver {
   bool didReceiveUserInfo(const Dictionary& userInfo) override {
     received.push_back(jsonText(userInfo));
     return userInfo.contains(kIOSVendorIDKey);
@@ -27,8 +26,7 @@ class Receiver : public ISkeldaWatchConnectivityReceiver {
   Texts received;  // on the connectivity queue
 };
 
-class SkeldaWatchConnectivityTest : public testing::Test {
- protected:
+struct SkeldaWatchConnectivityTest : testing::Test {
   SkeldaWatchConnectivityTest() {
     std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
     installWatchConnectivity(watchEnd_);

@@ -30,8 +30,7 @@ struct Lack {
 };
 
 /// A home with a writer in it, and its logs in words (see logWords).
-class FrameLogWriter : public testing::Test {
- protected:
+struct FrameLogWriter : testing::Test {
   using Writer = SkeldaStreamFrameLogWriter;
 
   Writer& makeWriter(
@@ -143,7 +142,6 @@ TEST_F(FrameLogWriter, AMessageThatComesAgainIsTheSameFrameAndAnotherOfItsTypeIs
   const auto first = plainMessage(type, R"({"n":1})");
   for (const auto& message : {first, first, plainMessage(type, R"({"n":2})"), first})
     sendAnd(message);
-  // Where one was that is gone another may lie.
   for (int i = 3; i < 20; ++i) sendAnd(plainMessage(type, fmt::format(R"({{"n":{}}})", i)));
   EXPECT_EQ(readFile(logPath()), expected);
 }

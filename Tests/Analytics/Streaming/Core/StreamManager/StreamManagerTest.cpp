@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include "Analytics/Streaming/Core/StreamManager/SkeldaStreamBaseManager.h"
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
@@ -8,8 +7,7 @@
 #include "Tests/Support/AgentHome.h"
 #include "Tests/Support/LogCapture.h"
 
-class ISampleSource : public ISkeldaFrameSource {
- public:
+struct ISampleSource : ISkeldaFrameSource {
   static constexpr std::string_view kProtocolName = "ISampleSource";
 };
 
@@ -30,7 +28,6 @@ class SampleSource : public SkeldaSource<SampleSource, ISampleSource> {
 
 namespace {
 
-/// Opens to the test what a concrete manager uses while it is made.
 class Manager : public SkeldaStreamBaseManager {
  public:
   static std::shared_ptr<Manager> make() { return made(new Manager()); }
@@ -42,8 +39,7 @@ class Manager : public SkeldaStreamBaseManager {
   Manager() : SkeldaStreamBaseManager("Manager") {}
 };
 
-class SkeldaStreamBaseManagerTest : public testing::Test {
- protected:
+struct SkeldaStreamBaseManagerTest : testing::Test {
   SkeldaStreamBaseManagerTest() {
     ClassRegistry::shared().registerClass({"SampleSource",
                                            "SkeldaActorStreamComponentBase",

@@ -134,8 +134,7 @@ TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
   EXPECT_EQ(kReader->frameTypeFromData(frameBytes(0x81, 134, "")), 134U);
 }
 
-class RecordingHandle : public SkeldaStreamFileHandle {
- public:
+struct RecordingHandle : SkeldaStreamFileHandle {
   std::optional<Data> readDataOfLength(std::size_t length, ErrorRef* error) override {
     requests.push_back(length);
     return SkeldaStreamFileHandle::readDataOfLength(length, error);
@@ -150,8 +149,7 @@ std::string frames(std::size_t count, std::size_t length) {
   return bytes;
 }
 
-class SkeldaStreamFrameIteratorTest : public testing::Test {
- protected:
+struct SkeldaStreamFrameIteratorTest : testing::Test {
   std::shared_ptr<SkeldaStreamFrameIterator> iterator(const Dictionary& config = {}) {
     return SkeldaStreamFrameIterator::frameIteratorWithFileHandle(
         handle_, SkeldaStreamFrameDeserializer::streamFrameDeserializer(), config);

@@ -1,6 +1,3 @@
-// The sources of the session, the application and its environment, and of what a host says of its
-// user; and the identifiers that a phone gives.
-
 #include <gmock/gmock.h>
 
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaAppInfoSource.h"
@@ -17,7 +14,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
-#include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
@@ -108,7 +104,6 @@ TEST(ProviderFedSources, ReportTheFactsOfTheirOwnProviderOnly) {
   tellBothOfBoth();
   EXPECT_THAT(appState.texts(),
               ElementsAre(R"(132 {"sk.app.current.state":0,"sk.app.previous.state":-1})"));
-  // The session's facts are reported once, as they are at first.
   EXPECT_EQ(initInfo.sent().size(), 1U);
   const auto facts = sessions->sessionInfoData();
   sessions->setIncludeBackgroundSessionsInMetrics(false);
@@ -335,7 +330,6 @@ TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) 
   rig->queryAndSendIDs();
   ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
   writeFile(machine / "etc/machine-id", std::string(32, 'a') + "\n");
-  // The agent's own device identifier, and the vendor identifier, each alone.
   EXPECT_EQ(rig.recorder->messages(3).size(), 3U);
   setSystemRoot("");
 }
