@@ -14,7 +14,7 @@ class OnceEnded final : public SessionProbe {
   void didCompleteWithError(URLSession& session, URLSessionTask& task,
                             const ErrorRef& error) override {
     SessionProbe::didCompleteWithError(session, task, error);
-    require(completions == 1);
+    require(size() == 1);
   }
   void didReceiveData(URLSession& session, URLSessionTask& task, Data data) override {
     SessionProbe::didReceiveData(session, task, std::move(data));
@@ -64,6 +64,6 @@ void fuzz(std::string_view input) {
   URLRequest request = postRequest(server->url(), "bytes");
   request.timeoutInterval = 10s;
   startRequest(probe, std::move(request));
-  require(probe->wait());
+  require(probe->ends());
   require(probe->code != kURLErrorTimedOut && (probe->code != 0 || probe->response != nullptr));
 }
