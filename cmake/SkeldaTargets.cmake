@@ -44,9 +44,9 @@ if(SKELDA_SANITIZE)
   target_link_options(skelda_flags INTERFACE -fsanitize=${SKELDA_SANITIZE})
 endif()
 
-# What -Os leaves on and still takes room for speed: loops made longer to do less in each turn, code
+# What -Oz leaves on and still takes room for speed: loops made longer to do less in each turn, code
 # that runs seldom set apart with tables of its own, the size told to whoever frees a block by it.
-set(skelda_size -Os)
+set(skelda_size -Oz)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND skelda_size -fno-gcse -fno-ivopts -fno-tree-loop-im -fno-reorder-blocks-and-partition
     -fno-sized-deallocation)
