@@ -24,7 +24,8 @@ constexpr const char* kApiKeyHeader = "X-Skelda-Api-Key";
 constexpr std::size_t kMemoryOfConnection = 8 << 10;
 constexpr std::size_t kSlowestBody = 1 << 10;  // bytes a second
 constexpr std::uint64_t kWorthReading =
-    64 << 10;  // of a body that is refused; else the end is cheaper
+    64 << 10;                                // of a body that is refused; else the end is cheaper
+constexpr std::size_t kReserved = 64 << 10;  // of what is only announced
 constexpr std::chrono::milliseconds kBetweenLooks{500};
 
 std::string contentsOf(const std::string& path) {
@@ -258,6 +259,7 @@ void IngestServer::beginLog(Request& request, MHD_Connection* connection) {
     return request.decide(MHD_HTTP_SERVICE_UNAVAILABLE, "not now\n");
   }
   request.stage = Request::Stage::body;
+  request.log.bytes.reserve(std::min<std::size_t>(request.announced, kReserved));
 }
 
 void IngestServer::receive(Request& request, std::string_view bytes) {

@@ -135,13 +135,11 @@ void NatsSink::publishAgain(const std::string& record, const std::string& id, Do
 
 bool NatsSink::publish(Message message, Done& done, bool isAgain) {
   if (message == nullptr) return false;
-  {
-    const MutexLock lock(mutex_);
-    if (isStopping_ || pending_.size() >= options_.maxPending) return false;
-    pending_[message.get()] = {std::move(done), isAgain, highest_};
-    queue_.push_back(std::move(message));
-  }
-  toSend_.notifyOne();
+  const MutexLock lock(mutex_);
+  if (isStopping_ || pending_.size() >= options_.maxPending) return false;
+  pending_[message.get()] = {std::move(done), isAgain, highest_};
+  queue_.push_back(std::move(message));
+  if (queue_.size() == 1) toSend_.notifyOne();
   return true;
 }
 
@@ -151,19 +149,20 @@ void NatsSink::send() {
   jsPubOptions_Init(&options);
   options.MaxWait = options_.patience.count();
   while (true) {
-    Message message;
+    std::vector<Message> messages;
     {
       MutexLock lock(mutex_);
       while (queue_.empty() && !isStopping_) toSend_.wait(lock);
       if (isStopping_) return;
-      message = std::move(queue_.front());
-      queue_.pop_front();
+      messages.swap(queue_);
     }
-    const natsMsg* const it = message.get();
-    natsMsg* given = message.release();  // the library's, where it is published
-    if (js_PublishMsgAsync(stream_, &given, &options) == NATS_OK) continue;
-    message.reset(given);
-    if (Pending pending; take(it, pending)) pending.done(Outcome::notNow, nullptr);
+    for (Message& message : messages) {
+      const natsMsg* const it = message.get();
+      natsMsg* given = message.release();  // the library's, where it is published
+      if (js_PublishMsgAsync(stream_, &given, &options) == NATS_OK) continue;
+      message.reset(given);
+      if (Pending pending; take(it, pending)) pending.done(Outcome::notNow, nullptr);
+    }
   }
 }
 

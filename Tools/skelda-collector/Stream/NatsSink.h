@@ -3,11 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "Platform/Base/Mutex.h"
 #include "Tools/Shared/StreamAccess.h"
@@ -87,7 +87,7 @@ class NatsSink : public LogSink {
   skelda::platform::Condition toSend_;
   skelda::platform::Condition stopped_;
   bool isStopping_ GUARDED_BY(mutex_) = false;
-  std::deque<Message> queue_ GUARDED_BY(mutex_);
+  std::vector<Message> queue_ GUARDED_BY(mutex_);
   std::unordered_map<const natsMsg*, Pending> pending_ GUARDED_BY(mutex_);
   std::unique_ptr<LostLogs> lost_;
   std::thread sender_, watcher_;
