@@ -121,12 +121,14 @@ class Reading {
 
  private:
   static constexpr std::uint64_t kAtOnce = 4096;
-  static constexpr std::chrono::nanoseconds kWait = 2s, kShortWait = 200ms;  // nothing is to come
+  static constexpr std::chrono::nanoseconds kWait = 2s;
 
   /// False where no more is wanted.
   bool readPiece(const SeenMessage& seen) {
-    const std::string wanted = fmt::format(R"({{"batch":{},"no_wait":true,"expires":{}}})", kAtOnce,
-                                           (left_ > 0 ? kWait : kShortWait).count());
+    // It answers at once where it knows of none; else what it counts may not be there.
+    const std::string wanted =
+        fmt::format(R"({{"batch":{},"no_wait":true{}}})", kAtOnce,
+                    left_ > 0 ? fmt::format(R"(,"expires":{})", kWait.count()) : "");
     mustWork(natsConnection_PublishRequestString(connection_, ask_.c_str(), inbox_.get(),
                                                  wanted.c_str()),
              "reading");

@@ -66,19 +66,23 @@ bool Loader::retrying(Attempt attempt) {
 void Loader::run(bool untilEmpty) {
   // Before there is anything to write: who starts it sees at once whether it can be written.
   if (!retrying([&] { database_.connect(); })) return;
+  bool waits = !untilEmpty;
   while (pause(0s)) {
     Messages messages;
     bool isEmpty = false;
     const bool taken = retrying([&] {
-      lookForTrouble();
-      messages = stream_.take();
+      if (!untilEmpty) lookForTrouble();
+      messages = stream_.take(std::exchange(waits, !untilEmpty));
       // Of all there is, since nobody will look again.
       if (!untilEmpty || !messages.empty() || !stream_.place().isAtEnd) return;
       const auto [missed, coming] = compare({});
       isEmpty = missed == 0 && coming == 0;
     });
     if (!taken || isEmpty) return;
-    if (messages.empty()) continue;
+    if (messages.empty()) {
+      waits = true;  // for what others have taken and not acknowledged
+      continue;
+    }
     if (!retrying([&] { load(messages); })) return;
     stream_.acknowledge(messages);
     figures_.behind = messages.back().behind();

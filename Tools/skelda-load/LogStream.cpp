@@ -125,10 +125,10 @@ std::vector<StreamedMessage> LogStream::fetch(bool waits) {
   return messages;
 }
 
-std::vector<StreamedMessage> LogStream::take() {
+std::vector<StreamedMessage> LogStream::take(bool waits) {
   connect();
   auto messages = fetch(false);
-  return messages.empty() ? fetch(true) : std::move(messages);
+  return messages.empty() && waits ? fetch(true) : std::move(messages);
 }
 
 void LogStream::acknowledge(const std::vector<StreamedMessage>& messages) {

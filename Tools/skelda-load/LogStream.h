@@ -49,8 +49,9 @@ class LogStream {
   /// Throws std::runtime_error for what nothing can be reached with.
   explicit LogStream(Options options);
 
-  /// What there is, or, where there is nothing, what comes within a second. Throws Unavailable.
-  std::vector<StreamedMessage> take();
+  /// What there is, or, where there is nothing and it `waits`, what comes within a second. Throws
+  /// Unavailable.
+  std::vector<StreamedMessage> take(bool waits);
   /// Says that these need not come again. What of it does not arrive, comes again.
   void acknowledge(const std::vector<StreamedMessage>& messages);
   /// Puts a log that is damaged where such ones are kept; it is kept there when this returns.
