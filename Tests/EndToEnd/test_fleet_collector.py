@@ -14,6 +14,7 @@ import sys
 import tempfile
 import time
 import unittest
+import unittest.mock
 
 import fleet
 from fleet import resident
@@ -126,12 +127,18 @@ class FleetCollectorTest(unittest.TestCase):
         tls = pathlib.Path(authority).parent
         mine, key = self.folder / "mine.pem", self.folder / "mine-key.pem"
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                        "-days", "2", "-subj", "/CN=fleet", "-out", mine, "-keyout", key], check=True, capture_output=True)
-        servers = self.enterContext(fleet.Servers(self.folder / "closed", arguments=[
-            "--tlscert", tls / "server.pem", "--tlskey", tls / "server-key.pem", "--tlsverify", "--tlscacert", mine,
-            "--user", "fleet", "--pass", "right"]))
+                        "-days", "2", "-subj", "/CN=fleet", "-addext", "subjectAltName=IP:127.0.0.1", "-out", mine, "-keyout",
+                        key], check=True, capture_output=True)
+        deploy = [(ROOT / "deploy" / name).read_text() for name in ("nats-server.conf", "example/nats-encrypted.conf")]
+        conf = self.folder / "nats.conf"
+        conf.write_text("".join(deploy).replace("$2a$11$...", "right").replace(
+            "key_file: $STREAM_KEY", f'key_file: $STREAM_KEY, verify: true, ca_file: "{mine}"'))
+        self.enterContext(unittest.mock.patch.dict(os.environ, {
+            "STREAM_CERTIFICATE": str(tls / "server.pem"), "STREAM_KEY": str(tls / "server-key.pem"),
+            "CLUSTER_CERTIFICATE": str(mine), "CLUSTER_KEY": str(key), "CLUSTER_AUTHORITY": str(mine)}))
+        servers = self.enterContext(fleet.Servers(self.folder / "closed", arguments=["-c", conf]))
         for word in ("right", "wrong"):
-            (self.folder / word).write_text(f"fleet:{word}\n")
+            (self.folder / word).write_text(f"collector:{word}\n")
         store = "tls://" + ",".join(f"localhost:{port}" for port in servers.ports)
         ours, user = ["--stream-authority", authority], ["--stream-user", self.folder / "right"]
         certificate = ["--stream-cert", mine, "--stream-key", key]
@@ -146,6 +153,8 @@ class FleetCollectorTest(unittest.TestCase):
         collector = start(known)
         collector.await_ready()
         self.assertEqual((200, "kept\n"), Client(collector).post(LOG))
+        with socket.create_connection(("127.0.0.1", servers.routes[0]), 20) as route:
+            self.assertIn(b'"tls_required":true', route.recv(4096))
         self.assertEqual(0, collector.process.terminate())
         for arguments in strangers:
             with self.subTest(arguments):
