@@ -247,7 +247,8 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
 }
 
 /// What is no event: what the host says of its user.
-[[gnu::cold]] bool SkeldaIntakePump::onqueue_handChoice(Call& call, const Record& record) {
+[[gnu::cold, gnu::noinline]] bool SkeldaIntakePump::onqueue_handChoice(Call& call,
+                                                                       const Record& record) {
   SKELDA_ON_QUEUE();
   using Kind = Call::Kind;
   const auto origin = originOf(record);
