@@ -21,8 +21,6 @@
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/TextCoding.h"
 
-// What no event goes through is cold here: this file is compiled for speed, and that is not needed.
-
 namespace {
 
 constexpr unsigned kDebugLogLevel = 2;
@@ -32,7 +30,7 @@ constinit platform::Once startOnce;
 constinit std::atomic<bool> running{false};
 
 /// Read once for the process; empty where there is none.
-[[gnu::cold]] const std::optional<std::string>& keptAPIKey() {
+const std::optional<std::string>& keptAPIKey() {
   static const auto& key = *new std::optional<std::string>([]() -> std::optional<std::string> {
     if (auto text = SkeldaHostSettings::apiKey()) return text;
     const auto bundle = platform::Bundle::main();
@@ -52,7 +50,7 @@ constinit std::atomic<bool> running{false};
 
 /// Builds and starts the agent, once per process. The order is part of the contract: the manager's
 /// own log level comes after, and so replaces, the one that the debug switch sets.
-[[gnu::cold]] void startAgent() {
+void startAgent() {
   SkeldaWatch::loadWatchDebug();
   SkeldaWatch::loadWatchDisableWatchConnectivity();
   const auto manager = SkeldaWatchStreamManager::manager();
@@ -150,7 +148,7 @@ void SkeldaWatch::setUserID(SkeldaValue userID) noexcept {
   skelda::choice(SkeldaIntakeCall::Kind::userId, std::move(userID));
 }
 
-[[gnu::cold]] bool SkeldaWatch::waitUntilStored(std::chrono::nanoseconds longest) noexcept {
+bool SkeldaWatch::waitUntilStored(std::chrono::nanoseconds longest) noexcept {
   using Clock = std::chrono::steady_clock;
   return skelda::publicEntry(false, [&] {
     const auto now = Clock::now();
@@ -159,11 +157,11 @@ void SkeldaWatch::setUserID(SkeldaValue userID) noexcept {
   });
 }
 
-[[gnu::cold]] SkeldaAccount SkeldaWatch::account() noexcept {
+SkeldaAccount SkeldaWatch::account() noexcept {
   return skelda::publicEntry(SkeldaAccount(), [] { return SkeldaIntake::account(); });
 }
 
-[[gnu::cold]] SkeldaStatus SkeldaWatch::status() noexcept {
+SkeldaStatus SkeldaWatch::status() noexcept {
   return skelda::publicEntry(SkeldaStatus(), [] {
     auto sight = SkeldaSight::ofFiles();
     sight.isOwn = true;
@@ -181,11 +179,11 @@ void SkeldaWatch::setUserID(SkeldaValue userID) noexcept {
   });
 }
 
-[[gnu::cold]] std::optional<std::string> SkeldaWatch::apiKey() noexcept {
+std::optional<std::string> SkeldaWatch::apiKey() noexcept {
   return skelda::publicEntry(std::optional<std::string>(), [] { return keptAPIKey(); });
 }
 
-[[gnu::cold]] bool SkeldaWatch::checkIsSkeldaUserInfo(const SkeldaValue& collection) noexcept {
+bool SkeldaWatch::checkIsSkeldaUserInfo(const SkeldaValue& collection) noexcept {
   return skelda::publicEntry(false, [&] {
     if (const auto* array = collection.array()) {
       return std::any_of(array->begin(), array->end(), [](const auto& element) {
@@ -208,7 +206,7 @@ bool SkeldaWatch::skeldaUserInfo(const SkeldaValue& collection) noexcept {
   return checkIsSkeldaUserInfo(collection);
 }
 
-[[gnu::cold]] void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
+void SkeldaWatch::setServerURL(SkeldaValue url) noexcept {
   skelda::publicEntry([&] {
     auto* text = url.text();
     if (text == nullptr || !platform::isValidUTF8(*text)) {
@@ -220,7 +218,7 @@ bool SkeldaWatch::skeldaUserInfo(const SkeldaValue& collection) noexcept {
   });
 }
 
-[[gnu::cold]] void SkeldaWatch::loadWatchDebug() noexcept {
+void SkeldaWatch::loadWatchDebug() noexcept {
   skelda::publicEntry([] {
     if (!SkeldaHostSettings::isSwitchedOn(SkeldaHostSettings::kDebug)) return;
     SkeldaUtil::setLogLevel(kDebugLogLevel);
@@ -228,7 +226,7 @@ bool SkeldaWatch::skeldaUserInfo(const SkeldaValue& collection) noexcept {
   });
 }
 
-[[gnu::cold]] void SkeldaWatch::loadWatchDisableWatchConnectivity() noexcept {
+void SkeldaWatch::loadWatchDisableWatchConnectivity() noexcept {
   skelda::publicEntry([] {
     if (SkeldaHostSettings::isSwitchedOn(SkeldaHostSettings::kDisableConnectivity)) {
       SkeldaWatchConnectivity::defaultConnectivty()->disableWatchConnectivity();
@@ -236,12 +234,12 @@ bool SkeldaWatch::skeldaUserInfo(const SkeldaValue& collection) noexcept {
   });
 }
 
-[[gnu::cold]] SkeldaValue SkeldaWatch::loadWatchUserID() noexcept {
+SkeldaValue SkeldaWatch::loadWatchUserID() noexcept {
   return skelda::publicEntry(
       SkeldaValue(), [] { return SkeldaHostSettings::valueOf(SkeldaHostSettings::kUserID); });
 }
 
-[[gnu::cold]] SkeldaValue SkeldaWatch::loadAppVersionOverride() noexcept {
+SkeldaValue SkeldaWatch::loadAppVersionOverride() noexcept {
   return skelda::publicEntry(
       SkeldaValue(), [] { return SkeldaHostSettings::valueOf(SkeldaHostSettings::kAppVersion); });
 }

@@ -16,8 +16,6 @@
 
 namespace {
 
-// As in all files that are compiled for speed, what no event goes through is cold.
-
 using Call = SkeldaIntakeCall;
 using Record = SkeldaIntakeFile::Record;
 
@@ -32,8 +30,8 @@ SkeldaIntakeOrigin originOf(const Record& record) {
 }
 
 /// What a purchase was paid with; null, and the record settled, where the host gave something else.
-[[gnu::cold]] std::shared_ptr<SkeldaTransaction> transactionOf(const platform::Value& given,
-                                                               SkeldaIntakeTicket ticket) {
+std::shared_ptr<SkeldaTransaction> transactionOf(const platform::Value& given,
+                                                 SkeldaIntakeTicket ticket) {
   if (given.dictionary() != nullptr && skelda::isWellFormedText(given)) {
     return SkeldaTransaction::transactionUsingUserDictionary(*given.dictionary());
   }
@@ -45,7 +43,7 @@ SkeldaIntakeOrigin originOf(const Record& record) {
 
 /// The store of consents heard it when it was said. Only what a process said that is gone is told
 /// again, and only where this one has not said anything newer.
-[[gnu::cold]] void takeConsent(const Call& call, const Record& record) {
+void takeConsent(const Call& call, const Record& record) {
   const auto core = SkeldaConsentCore::sharedInstance();
   const auto* const strings = call.values[1].dictionary();
   if (record.isReplayed && strings != nullptr &&
@@ -58,8 +56,7 @@ SkeldaIntakeOrigin originOf(const Record& record) {
 
 }  // namespace
 
-[[gnu::cold]] std::shared_ptr<SkeldaIntakePump> SkeldaIntakePump::pumpOf(
-    std::shared_ptr<SkeldaIntakeFile> file) {
+std::shared_ptr<SkeldaIntakePump> SkeldaIntakePump::pumpOf(std::shared_ptr<SkeldaIntakeFile> file) {
   return made(new SkeldaIntakePump(std::move(file)));
 }
 
@@ -68,9 +65,9 @@ SkeldaIntakePump::SkeldaIntakePump(std::shared_ptr<SkeldaIntakeFile> file)
       file_(std::move(file)),
       replaysLeft_(file_->opening().waiting[0] + file_->opening().waiting[1]) {}
 
-[[gnu::cold]] SkeldaIntakePump::~SkeldaIntakePump() = default;
+SkeldaIntakePump::~SkeldaIntakePump() = default;
 
-[[gnu::cold]] void SkeldaIntakePump::didInit() {
+void SkeldaIntakePump::didInit() {
   file_->setDidSettle([weak = std::weak_ptr(selfOf(this))] {
     if (const auto self = weak.lock()) self->didSettle();
   });
@@ -91,7 +88,7 @@ bool SkeldaIntakePump::accept(Call::Kind kind, Call::Values values) noexcept {
   return true;
 }
 
-[[gnu::cold]] void SkeldaIntakePump::refuse(SkeldaRefusal reason) noexcept {
+void SkeldaIntakePump::refuse(SkeldaRefusal reason) noexcept {
   SkeldaAccounting::refused(reason);
   skelda::guardedResult(false, [&] {
     if (reason == SkeldaRefusal::tooDeep) {
@@ -133,14 +130,14 @@ void SkeldaIntakePump::signal() noexcept {
   }
 }
 
-[[gnu::cold]] void SkeldaIntakePump::start(Sources sources) {
+void SkeldaIntakePump::start(Sources sources) {
   started_.store(true, std::memory_order_release);
   asyncBlock([self = selfOf(this), sources = std::move(sources)]() mutable {
     self->onqueue_start(sources);
   });
 }
 
-[[gnu::cold]] void SkeldaIntakePump::onqueue_start(Sources& sources) {
+void SkeldaIntakePump::onqueue_start(Sources& sources) {
   SKELDA_ON_QUEUE();
   sources_ = std::move(sources);
   if (sources_.beforeFirst) sources_.beforeFirst();
@@ -247,8 +244,7 @@ bool SkeldaIntakePump::onqueue_hand(Call& call, const Record& record) {
 }
 
 /// What is no event: what the host says of its user.
-[[gnu::cold, gnu::noinline]] bool SkeldaIntakePump::onqueue_handChoice(Call& call,
-                                                                       const Record& record) {
+bool SkeldaIntakePump::onqueue_handChoice(Call& call, const Record& record) {
   SKELDA_ON_QUEUE();
   using Kind = Call::Kind;
   const auto origin = originOf(record);
