@@ -22,15 +22,15 @@ constexpr std::array<std::string_view, 2> kFolders = {"/etc", "/etc/default"};
 
 }  // namespace
 
-/// Touched only on the queue, but for its making.
+/// Touched only on the queue.
 struct EnvironmentMonitor::State : std::enable_shared_from_this<State> {
   explicit State(const std::string& rootPath) : root(rootPath) {}
 
   const std::string root;
   const QueueRef queue = Queue::serial("EnvironmentMonitor");
   std::array<std::shared_ptr<FolderSource>, kFolders.size()> sources;
-  Locale locale = Locale::current(root);
-  TimeZone timeZone = TimeZone::local(root);
+  Locale locale;
+  TimeZone timeZone;
   bool stopped = false;
 
   /// Watches the folders that are there and not yet watched. Says whether it added one.
@@ -86,11 +86,13 @@ struct EnvironmentMonitor::State : std::enable_shared_from_this<State> {
   }
 };
 
+// On the caller's thread, and watched before it is read: nothing changes in between unnoticed, and
+// as long as no folder changes no other thread reads the environment, which a host may set.
 EnvironmentMonitor::EnvironmentMonitor(const std::string& root) : state_(makeCounted<State>(root)) {
-  state_->queue->async([state = state_] {
-    state->watch();
-    // What changed between the first look and the watch.
-    state->compare();
+  state_->queue->sync([&state = *state_] {
+    state.watch();
+    state.locale = Locale::current(state.root);
+    state.timeZone = TimeZone::local(state.root);
   });
 }
 
