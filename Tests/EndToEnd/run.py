@@ -9,6 +9,7 @@ many test files run side by side.
 
 import argparse
 import concurrent.futures
+import functools
 import os
 import pathlib
 import subprocess
@@ -31,10 +32,6 @@ class Report(unittest.TestResult):
         super().__init__()
         self.results, self.label, self.began = results, label, time.monotonic()
 
-    def startTest(self, test):
-        super().startTest(test)
-        self.began = time.monotonic()
-
     def note(self, outcome, test, why=""):
         name = test.id().removeprefix("test_")
         print(f"{outcome:8}{time.monotonic() - self.began:7.1f} s  {name}"
@@ -43,9 +40,10 @@ class Report(unittest.TestResult):
             short = " ".join(why.strip().split("\n")[-1].split())[:300]
             with open(self.results, "a", encoding="utf-8") as out:
                 out.write(f"{outcome}\t{self.label}: {name}\t{short}\n")
+        self.began = time.monotonic()
 
-    def addSuccess(self, test):
-        self.note("passed", test)
+    addSuccess = functools.partialmethod(note, "passed")
+    addSkip = functools.partialmethod(note, "skipped")
 
     def addError(self, test, err):
         super().addError(test, err)
@@ -56,9 +54,6 @@ class Report(unittest.TestResult):
     def addSubTest(self, test, subtest, err):
         if err is not None:
             self.addError(subtest, err)
-
-    def addSkip(self, test, reason):
-        self.note("skipped", test, reason)
 
 
 def run_here(names, results, label):
@@ -96,9 +91,9 @@ def main():
     os.environ["SKELDA_BUILD"] = str(pathlib.Path(arguments.build).resolve())
     if arguments.emulator:
         os.environ["SKELDA_EMULATOR"] = arguments.emulator
-    beside = arguments.jobs > 1 and not arguments.names
-    return not (run_beside(arguments.jobs, arguments.results) if beside else
-                run_here(arguments.names, arguments.results, arguments.label))
+    if arguments.jobs > 1 and not arguments.names:
+        return not run_beside(arguments.jobs, arguments.results)
+    return not run_here(arguments.names, arguments.results, arguments.label)
 
 
 if __name__ == "__main__":

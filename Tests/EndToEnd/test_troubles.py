@@ -14,7 +14,7 @@ import threading
 import time
 import unittest
 
-from support import (BUILD, EXAMPLE, NAMELESS, NOWHERE, ROOT, Collector, Home, bundle_of, eventually, events_of,
+from support import (BUILD, EXAMPLE, NAMELESS, NOWHERE, PATH, ROOT, Collector, Home, bundle_of, eventually, events_of,
                      give_identifiers, recording, told)
 
 BUNDLE_TOOL = BUILD / "Tools/skelda-bundle/skelda-bundle"
@@ -60,11 +60,10 @@ class Trouble:
     change: object = None  # of the Info.plist
     bundle: str = ""  # another folder to run from
     server: str = NOWHERE
-    collector: tuple = None  # its arguments; then it is the server, at `path`
-    path: str = "/v1/skd.do"
-    phone: bool = False
+    collector: tuple = None  # its arguments; then it is the server, at `path`, and a phone has been there
+    path: str = PATH
     linger: str = "3"
-    environment: dict = dataclasses.field(default_factory=dict)
+    environment: dict = dataclasses.field(default_factory=dict)  # of paths, those of a home below it
     blocking: bool = True
 
 
@@ -84,21 +83,22 @@ TROUBLES = [
     Trouble("session cap", "session-limit", (f"{EVENTS - NAMELESS - CAP} events", "up to 50"), ("dropped", "session"),
             blocking=False),
     Trouble("early exit", "ended", ("events behind", "waitUntilStored()"), linger="0"),
-    Trouble("wrong key", "answer", ("401", KEY), ("401", KEY), phone=True, collector=("--api-key", "ANOTHER")),
-    Trouble("wrong path", "answer", ("404", "setServerURL()"), ("404", "/v1/elsewhere"), phone=True, collector=(),
-            path="/v1/elsewhere"),
+    Trouble("wrong key", "answer", ("401", KEY), ("401", KEY), collector=("--api-key", "ANOTHER")),
+    Trouble("wrong path", "answer", ("404", "setServerURL()"), ("404", "/v1/elsewhere"), collector=(), path="/v1/elsewhere"),
     Trouble("a certificate of nobody", "certificate", ("not trusted", "SSL_CERT_FILE"), ("certificate", "SSL_CERT_FILE"),
-            phone=True, collector=(), environment={"SSL_CERT_FILE": "/etc/ssl/certs/ca-certificates.crt"}),
+            collector=(), environment={"SSL_CERT_FILE": "/etc/ssl/certs/ca-certificates.crt"}),
     Trouble("no folder to write in", "storage", ("/occupied: Not a directory", "XDG_DATA_HOME"),
             ("/occupied: Not a directory",), environment={"XDG_DATA_HOME": "occupied/data"}),
 ]
 
 
-class Troubles(unittest.TestCase):
-    """What the program says is read whole: a handful of lines, and none of them gives anything away."""
-
+class Installed(unittest.TestCase):
     def setUp(self):
         self.home = self.enterContext(Installation())
+
+
+class Troubles(Installed):
+    """What the program says is read whole: a handful of lines, and none of them gives anything away."""
 
     def test_each_is_named_with_its_cure_and_nothing_else_is_said(self):
         for trouble in TROUBLES:
@@ -109,15 +109,13 @@ class Troubles(unittest.TestCase):
         bundle = home.own_bundle(trouble.change)
         if trouble.bundle:
             bundle = shutil.move(bundle, home.path / trouble.bundle)
-        if trouble.phone:
-            give_identifiers(home)
         (home.path / "occupied").write_text("a file")
-        server, environment = trouble.server, dict(trouble.environment)
+        server, environment = trouble.server, {name: home.path / value for name, value in trouble.environment.items()}
         if trouble.collector is not None:
+            give_identifiers(home)
             collector = stack.enter_context(Collector(home.path / "collector", *trouble.collector))
-            server = collector.url.replace("/v1/skd.do", trouble.path)
+            server = collector.url.replace(PATH, trouble.path)
             environment.setdefault("SSL_CERT_FILE", collector.authority)
-        environment = {name: home.path / value if name.startswith("XDG") else value for name, value in environment.items()}
         program = home.told(bundle / home.bundle.stem, "--events", EVENTS, "--speed", 0, "--linger", trouble.linger,
                             *(["--server", server] if server else []), **environment)
         self.assertEqual(0, program.returncode, program.stderr)
@@ -187,14 +185,8 @@ class Clock(http.server.BaseHTTPRequestHandler):
         self.send_header("Date", email.utils.formatdate(time.time() - 3600, usegmt=True))
         self.end_headers()
 
-    def log_message(self, *_):
-        pass
 
-
-class Doctor(unittest.TestCase):
-    def setUp(self):
-        self.home = self.enterContext(Installation())
-
+class Doctor(Installed):
     def test_it_says_which_flaw_stands_between_the_program_and_the_server(self):
         def asked(address, **environment):
             return self.home.doctor(self.home.bundle, "--server", address, **environment)[1]
@@ -264,10 +256,7 @@ class Doctor(unittest.TestCase):
             self.assertTrue(found["ended"]["blocking"] and found["other-key"]["blocking"])
 
 
-class Bundles(unittest.TestCase):
-    def setUp(self):
-        self.home = self.enterContext(Installation())
-
+class Bundles(Installed):
     def tool(self, *arguments):
         return self.home.told(BUNDLE_TOOL, *arguments)
 

@@ -1,6 +1,6 @@
 """Changes the code by one line at a time and asks the tests whether they notice.
 
-    python3 Tests/Mutants/run.py [FILTER ...] [--resume | --survivors] [--at-home] [--matrix FILE] [--jobs N]
+    python3 Tests/Mutants/run.py [FILTER ...] [--resume | --survivors] [--matrix FILE] [--jobs N]
 
 mutants.tsv has a mutant a line: the file, what is replaced, by what, and, for one that changes nothing
 that anybody could notice, the reason. What is replaced stands in its file, a source file, exactly once.
@@ -11,9 +11,9 @@ A test that fails or hangs must do so twice, a crash is one at once; one that ta
 as it does undisturbed hangs. Equivalents are judged at home: one that is noticed is none.
 
 What was judged is in build/mutants/judged.tsv as it comes. --resume goes on where a run was
-interrupted, in the copy of the tree as it was; --survivors judges again what lived. --at-home asks no
-other programs. With --matrix no program stops at the first test that notices, and FILE gets a line for
-each mutant with all of them: a test that is the only one is not to be cut.
+interrupted, in the copy of the tree as it was; --survivors judges again what lived. With --matrix no
+program stops at the first test that notices, and FILE gets a line for each mutant with all of them: a
+test that is the only one is not to be cut.
 
 Builds in a copy of the tree, build/mutants/tree, which a later run uses again: the tree may change
 meanwhile. Ends with 1 where a mutant lives that is not said to be equivalent, or does not compile or
@@ -42,18 +42,9 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIST = pathlib.Path(__file__).with_name("mutants.tsv")
 WORK = ROOT / "build/mutants"
 # Where a file's own tests are: the longest folder that fits.
-PROGRAMS = {
-    "Platform/Base": "base_tests", "Platform/Dispatch": "dispatch_tests", "Platform/Foundation": "foundation_tests",
-    "Platform/Security": "security_tests", "Platform/WatchKit": "device_tests", "Platform/Kernel": "device_tests",
-    "Platform/WatchConnectivity": "watchconnectivity_tests", "Platform/Reachability": "reachability_tests",
-    "Analytics/Intake/Account": "account_tests", "Analytics/Intake/Journal": "journal_tests",
-    "Analytics/Utils": "utils_tests", "Analytics/Streaming/SourceModules": "frames_tests",
-    "Analytics/Streaming/SourceModules/Sources": "sources_tests", "Analytics/Streaming/Core": "core_tests",
-    "Analytics/Streaming/Core/StreamManager": "manager_tests", "Analytics/Streaming/Data Providers": "providers_tests",
-    "Analytics/Streaming/Transfer": "transfer_tests", "Analytics/Networking": "networking_tests",
-    "Analytics/Reachability": "reachability_tests", "Analytics": "watch_tests", "Tools": "tools_tests",
-    "include": "watch_tests",
-}
+PROGRAMS = {folder: name for name, folder in re.findall(
+    r'^skelda_test\((\w+) "?([^"\n]+?)"?(?: WITHOUT .*| DEPENDS .*)?$', (ROOT / "Tests/CMakeLists.txt").read_text(), re.M)}
+PROGRAMS |= {"Platform/Kernel": "device_tests", "Platform/Reachability": "reachability_tests", "Analytics": "watch_tests"}
 # Run by its tests as a process; it may lie elsewhere, as SKELDA_FRAMES.
 TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
 # Where another needs something of the member that the mutant has no more, the mutant's still come first.
@@ -77,7 +68,7 @@ class Mutant(typing.NamedTuple):
 
 
 class Verdict(typing.NamedTuple):
-    kind: str  # noticed, lives at home (others were not asked), lives or broken
+    kind: str  # noticed, lives or broken
     why: list  # the tests that noticed, or what is wrong with the mutant
 
 
@@ -227,7 +218,7 @@ class Trial:
         return how(name, *arguments)
 
 
-def judge(build, mutant, whole, at_home):
+def judge(build, mutant, whole):
     """What the program of its own room says of a mutant, or, where that has noticed nothing, what the others do."""
     source = build.tree / mutant.file
     text = source.read_text() if source.exists() else ""
@@ -239,14 +230,12 @@ def judge(build, mutant, whole, at_home):
         if member is None:
             return Verdict("broken", ["does not compile"])
         trial, own = Trial(build, member, folder), mutant.own_program
-        found = trial.asked(own, trial.every if whole else trial.first)
-        others = [name for name in build.programs
-                  if name != own and build.concerns(f"Tests/{name}", member)]
-        stays = (at_home or mutant.equivalent) and not whole
-        for name in () if stays else others:
+        others = [name for name in build.programs if name != own and build.concerns(f"Tests/{name}", member)]
+        found = []
+        for name in [own] if mutant.equivalent and not whole else [own, *others]:
             if whole or not found:
-                found += trial.asked(name, trial.every) if whole else trial.asked(name, trial.first, SLOW)
-    return Verdict("noticed" if found else "lives at home" if stays and others else "lives", found)
+                found += trial.asked(name, trial.every) if whole else trial.asked(name, trial.first, *[SLOW] * (name != own))
+    return Verdict("noticed" if found else "lives", found)
 
 
 def main():
@@ -254,28 +243,21 @@ def main():
     parser.add_argument("filters", nargs="*")
     parser.add_argument("--matrix", type=pathlib.Path)
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
-    group = parser.add_mutually_exclusive_group()
-    group.add_argument("--resume", action="store_true")
-    group.add_argument("--survivors", action="store_true")
-    parser.add_argument("--at-home", action="store_true")
+    parser.add_argument("--resume", action="store_true")
+    parser.add_argument("--survivors", action="store_true")
     options = parser.parse_args()
     WORK.mkdir(parents=True, exist_ok=True)
     known = {(file, old, new): Verdict(kind, why) for kind, file, old, new, *why in rows(WORK / "judged.tsv")}
     mutants = [Mutant(*row) for row in rows(LIST)
                if not options.filters or any(text in "\t".join(row) for text in options.filters)]
 
-    def is_settled(mutant):
-        verdict = known.get(mutant[:3])
-        if not verdict or not options.resume:
-            return verdict and options.survivors and verdict.kind == "noticed"
-        return verdict.kind != "lives at home" or options.at_home or mutant.equivalent
-
-    verdicts = {mutant: known[mutant[:3]] for mutant in mutants if is_settled(mutant)}
+    verdicts = {mutant: known[mutant[:3]] for mutant in mutants if mutant[:3] in known
+                and (options.resume or options.survivors and known[mutant[:3]].kind == "noticed")}
     # Mixed, but always in the same way: a run that is interrupted has seen every room.
     todo = sorted(set(mutants) - set(verdicts), key=lambda mutant: zlib.crc32(str(mutant).encode()))
     started, build = time.monotonic(), Build(options.resume) if todo else None
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
-        judging = {jobs.submit(judge, build, mutant, options.matrix is not None, options.at_home): mutant
+        judging = {jobs.submit(judge, build, mutant, options.matrix is not None): mutant
                    for mutant in todo}
         try:
             for done in concurrent.futures.as_completed(judging):
@@ -290,8 +272,8 @@ def main():
         except BaseException:
             jobs.shutdown(wait=False, cancel_futures=True)
             raise
-    counts = collections.Counter("equivalent" if mutant.equivalent and verdict.kind.startswith("lives") else
-                                 verdict.kind.split(" ")[0] for mutant, verdict in verdicts.items())
+    counts = collections.Counter("equivalent" if mutant.equivalent and verdict.kind == "lives" else verdict.kind
+                                 for mutant, verdict in verdicts.items())
     share = 100 * counts["noticed"] / max(counts["noticed"] + counts["lives"], 1)
     print(f"{len(verdicts)} mutants, {len(todo)} of them judged now: {counts['noticed']} noticed, {counts['lives']} live, "
           f"{counts['equivalent']} equivalent, {counts['broken']} do not compile or apply; {share:.1f} % noticed, "
