@@ -5,7 +5,6 @@ was durable stays, what a call had accepted is found again, and the agent's acco
 """
 
 import collections
-import shutil
 import sys
 import time
 
@@ -21,34 +20,26 @@ class Frames:
     """The events of every log that was ever seen, by number, each log once: a kill between a log's
     copy and its emptying makes the next start commit it again, with crash frames behind it."""
 
-    def __init__(self, problems):
-        self.events = collections.Counter()
+    def __init__(self, expect):
+        self.events, self.repeats, self.expect = collections.Counter(), 0, expect
         self.logs = {}  # the bytes of a log, by its first frame
-        self.repeats = 0
-        self.problems = problems
-
-    @staticmethod
-    def _numbers(frames):
-        return collections.Counter(int(frame.event_parameters["n"]) for frame in frames if frame.type == frame_log.EVENT)
 
     def add(self, name, data):
         frames, torn = frame_log.readable(data)
-        if torn:
-            self.problems.append(f"{name}: {torn}")
-        if not frames:
-            return
-        known = self.logs.get(frames[0].raw, b"")
-        if known:
-            self.repeats += 1
-            if not data.startswith(known) or frame_log.flush_of(frames) != 4:
-                self.problems.append(f"{name} repeats frames of a log that it does not go on from")
-        self.logs[frames[0].raw] = data
-        self.events += self._numbers(frame for frame in frames if frame.offset >= len(known))
+        self.expect(not torn, f"{name}: {torn}")
+        if frames:
+            known = self.logs.get(frames[0].raw, b"")
+            self.repeats += known != b""
+            self.expect(not known or data.startswith(known) and frame_log.flush_of(frames) == 4,
+                        f"{name} repeats frames of a log that it does not go on from")
+            self.events = self.with_open(frames)
+            self.logs[frames[0].raw] = data
 
     def with_open(self, frames):
-        """The events, and those of the open log that no committed one has."""
+        """The events, and those of one more log that no earlier one has."""
         known = len(self.logs.get(frames[0].raw, b"")) if frames else 0
-        return self.events + self._numbers(frame for frame in frames if frame.offset >= known)
+        return self.events + collections.Counter(int(frame.event_parameters["n"]) for frame in frames
+                                                 if frame.type == frame_log.EVENT and frame.offset >= known)
 
     def has(self, frame, first):
         """Whether a frame is in the log that begins with that one."""
@@ -62,14 +53,14 @@ class Kills(Run):
     def __init__(self, count, seed, on_disk=True):
         super().__init__(seed)
         self.home, self.count = self.stack.enter_context(Home(on_disk=on_disk)), count
-        self.archive = self.home.path / "archive"  # every committed log that was ever seen, by name
+        self.archive = self.home.path / "archive"  # the committed logs that are gone, by name
         self.archive.mkdir()
         self.told = self.home.path / "told"
         self.told.write_bytes(bytes(count * 400 + 4000))
         self.seen = set()
-        self.frames = Frames(self.problems)
-        self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = self.next = 0
-        self.replayed, self.named, self.account = 0, collections.Counter(), None
+        self.frames = Frames(self.expect)
+        self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = self.next = self.replayed = 0
+        self.named, self.account = collections.Counter(), None
         self.due = set()  # tickets of records that kills left and that no start had taken up by then
         self.previous = []  # the frames of the log that the last kill left open
 
@@ -103,8 +94,7 @@ class Kills(Run):
         if self.home.has_intake_file() or any(self.told.read_bytes()):
             left = account_file.of(self.home)
             self.due |= {record.ticket for record in left.waiting if record.attempts == 0}
-            for problem in left.problems(self.home, killed=True):
-                self.expect(False, problem)
+            self.problems += [self.step + problem for problem in left.problems(self.home, killed=True)]
 
     def quiet(self):
         """Whether the account has stood still for a moment and adds up."""
@@ -113,10 +103,7 @@ class Kills(Run):
 
     def look(self):
         """Takes up the logs that are new, and finds again what was durable in the open one before."""
-        for path in self.home.committed_logs():
-            if not (self.archive / path.name).exists():
-                shutil.copyfile(path, self.archive / path.name)
-        for path in sorted(self.archive.glob(".skelda*")):
+        for path in sorted([*self.archive.glob(".skelda*"), *self.home.committed_logs()], key=lambda path: path.name):
             if path.name not in self.seen:
                 self.seen.add(path.name)
                 self.frames.add(path.name, path.read_bytes())
@@ -174,7 +161,7 @@ class Kills(Run):
             if number % 20 == 19:
                 print(self.report(), flush=True)
         self.check()
-        verify = told(FRAMES_TOOL, "--verify", self.archive, within=300)
+        verify = told(FRAMES_TOOL, "--verify", self.archive, *self.home.committed_logs(), within=300)
         self.expect(verify.returncode == 0, f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
         self.expect(self.frames.repeats <= self.kills, f"{self.frames.repeats} logs are repeated")
         self.expect(self.twice <= self.kills * 50, f"{self.twice} events are there twice")

@@ -19,7 +19,6 @@ import shutil
 import ssl
 import subprocess
 import tempfile
-import threading
 import time
 import urllib.parse
 
@@ -200,27 +199,18 @@ class Home(contextlib.AbstractContextManager):
 
 
 class Process(contextlib.AbstractContextManager):
-    """A child with its output collected. Leaving the block ends it, whatever its state."""
+    """A child with its output kept. Leaving the block ends it, whatever its state."""
 
     def __init__(self, command, **popen):
         emulator = EMULATOR if isinstance(command[0], pathlib.Path) else []
-        self.command = [str(part) for part in [*emulator, *command]]
-        self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
-                                      errors="replace", stderr=subprocess.STDOUT, **popen)
-        self.pid, self.lines = self.child.pid, []
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for line in self.child.stdout:
-            self.lines.append(line.rstrip("\n"))
+        self.command, self.said = [str(part) for part in [*emulator, *command]], tempfile.TemporaryFile()
+        self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=self.said,
+                                      stderr=subprocess.STDOUT, **popen)
+        self.pid = self.child.pid
 
     def kill(self):
-        if self.child.poll() is None:
-            self.child.kill()
+        self.child.kill()
         self.child.wait()
-        self._reader.join(5)
-        self.child.stdout.close()
 
     def __exit__(self, *_):
         self.kill()
@@ -231,14 +221,18 @@ class Process(contextlib.AbstractContextManager):
 
     @property
     def output(self):
-        return "\n".join(self.lines)
+        return os.pread(self.said.fileno(), 1 << 30, 0).decode(errors="replace")
+
+    @property
+    def lines(self):
+        """Whole ones; the last of it may be on its way."""
+        return self.output.split("\n")[:-1]
 
     def wait(self, within):
         try:
             self.child.wait(within)
         except subprocess.TimeoutExpired:
             raise AssertionError(f"{self.command} still runs after {within} s:\n{self.output}") from None
-        self._reader.join(5)
         return self.status
 
     def terminate(self, within=10.0):
@@ -248,7 +242,7 @@ class Process(contextlib.AbstractContextManager):
     def line_with(self, text, within=20.0):
         """The first line that contains `text`, waited for."""
         def found():
-            ended = not self._reader.is_alive()
+            ended = self.child.poll() is not None
             return next((line for line in self.lines if text in line), ended)
 
         line = eventually(found, within)
