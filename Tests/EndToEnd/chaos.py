@@ -31,8 +31,6 @@ HANGING = "https://server.hangs/v1/skd.do"
 # Beyond it nobody waits between the redirects of a loop. Nine transfers go side by side, and each
 # follows nine at once.
 MOST_REDIRECTS_A_SECOND = 60
-
-
 # Nine requests at most go side by side, and their connections are kept for the next ones while logs
 # go out; with the pair by which the network thread is woken.
 MOST_SOCKETS = 9 + 2
@@ -70,13 +68,9 @@ class Chaos(Run):
         self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
         self.counts = collections.Counter()
         self.renumberings = 0  # the settings were damaged, and numbering may begin anew
-        self.decks, self.collector_output, self.addresses = {}, [], set()
-        self.ending = threading.Event()
+        self.decks, self.collector_output, self.addresses, self.ending = {}, [], set(), threading.Event()
         self.host = self.collector = self.pid = None
         self.small = None  # the data's folder, where that is on a disk that fills
-        self.blocks_carry_keys = False
-
-    # The pieces
 
     def prepare(self):
         data = self.home.path / "data"
@@ -86,6 +80,7 @@ class Chaos(Run):
         give_identifiers(self.home)
         self.kept = data / "kept"  # on the same disk: what is kept costs no room at first
         self.kept.mkdir()
+        self.blocks_carry_keys = False
         with contextlib.suppress(OSError):
             os.setxattr(self.kept, "user.probe", b"1")
             self.blocks_carry_keys = True
@@ -132,8 +127,7 @@ class Chaos(Run):
         subprocess.run(["prlimit", "--pid", str(self.host.pid), *limits], check=True, **self.as_host)
 
     def end_host(self):
-        self.expect(self.host.child.poll() is None,
-                    f"the host ended by itself with {self.host.status}: {self.host.output[-2000:]}")
+        self.expect_alive(self.host)
         with contextlib.suppress(FileNotFoundError):
             for number in range(3):
                 file = os.readlink(f"/proc/{self.host.pid}/fd/{number}")
@@ -180,7 +174,7 @@ class Chaos(Run):
             chosen += ["--fault", fault if "times" in fault else f"{fault},for={seconds / 4:.0f}s"]
         self.restart_collector(*chosen, away=self.chance.choice([0, 0, 0.5, 2]))
         time.sleep(first + seconds / 2)
-        redirects = sum("fault: redirect" in line for line in self.collector.process.lines)
+        redirects = self.collector.process.output.count("fault: redirect")
         self.expect(redirects <= MOST_REDIRECTS_A_SECOND * seconds,
                     f"{redirects} redirects were followed in {seconds:.0f} s")
 

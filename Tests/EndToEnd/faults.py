@@ -30,8 +30,7 @@ HOST = bundle_of("FaultHost")
 EVENTS = 16
 LONG = 800  # milliseconds for which something is not to be had
 
-FULL, BROKEN, BUSY, NONE, BARRED = errno.ENOSPC, errno.EIO, errno.EINTR, errno.EMFILE, errno.EACCES
-MEMORY = errno.ENOMEM
+FULL, BROKEN, BUSY, NONE, BARRED, MEMORY = errno.ENOSPC, errno.EIO, errno.EINTR, errno.EMFILE, errno.EACCES, errno.ENOMEM
 # Methods of platform::FileCalls, calls of the system and allocations, and what may go wrong with each.
 KINDS = {kind: whats for kinds, whats in {
     "open": (NONE, BARRED, FULL, BUSY, MEMORY, "kill"),
@@ -131,8 +130,7 @@ class OneFault(Run):
         many = [event for event, count in found.items() if count > 2]
         self.expect(not many, f"more than twice: {many}")
         if account is None:
-            self.problems.append("there is no account")
-            return
+            return self.expect(False, "there is no account")
         self.problems += account.problems(self.home)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
@@ -150,10 +148,8 @@ class Runner(Run):
 
     def __init__(self, runs, seed, only="", jobs=4):
         super().__init__(seed)
-        self.runs, self.only, self.jobs = runs, only, jobs
-        self.faults, self.unreached = [], 0
-        self.folder = self.stack.enter_context(
-            tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
+        self.runs, self.only, self.jobs, self.unreached = runs, only, jobs, 0
+        self.folder = self.stack.enter_context(tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
         self.template = Home(bundle=HOST, path=pathlib.Path(self.folder) / "template")
         give_identifiers(self.template)
         before = self.template.run("before", "6")
@@ -170,10 +166,8 @@ class Runner(Run):
     def all_faults(self):
         """What can go wrong in a start in which nothing does: its calls are counted."""
         calm = self.under(None)
-        if calm.problems:
-            raise AssertionError(f"without a fault: {calm.problems}")
-        if not all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")):
-            raise AssertionError(f"calls go past the host's: {calm.counts}")
+        assert not calm.problems, f"without a fault: {calm.problems}"
+        assert all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")), calm.counts
         faults = []
         for kind, whats in KINDS.items():
             for at in range(1, calm.counts[kind] + 1, STRIDE.get(kind, 1)):
@@ -187,7 +181,7 @@ class Runner(Run):
             self.faults = [Fault(kind, int(at), int(what) if what.isdigit() else what, *map(int, milliseconds))]
         else:
             self.faults = self.spread([f for f in self.all_faults() if str(f).startswith(self.only)])
-        self.problems += [] if self.faults else ["there is no such fault"]
+        self.expect(self.faults, "there is no such fault")
         with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
             for run in pool.map(self.under, self.faults):
                 self.unreached += run.happened == 0

@@ -86,7 +86,7 @@ class Kills(Run):
                 if end == "linger":
                     host.line_with("numbered=")
                 time.sleep(self.chance.uniform(0.0, 0.15))
-                self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output}")
+                self.expect_alive(host)
         self.kills += 1
         self.step = f"kill {self.kills}: "
         self.look()
@@ -124,7 +124,7 @@ class Kills(Run):
             # Its logs become blocks, and what nobody takes of those is removed: then all adds up.
             self.expect(eventually(self.quiet), "the next start comes to no rest in which all adds up: "
                         f"{len(self.home.committed_logs())} logs wait, {self.account.problems(self.home)}")
-            self.expect(host.child.poll() is None, f"the next start ended by itself with {host.status}: {host.output}")
+            self.expect_alive(host)
         self.look()
         self.checks += 1
         found = self.frames.with_open(self.previous)

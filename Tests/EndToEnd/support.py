@@ -349,6 +349,9 @@ class Run(contextlib.AbstractContextManager):
     def __exit__(self, *_):
         self.stack.close()
 
+    def expect_alive(self, host):
+        self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output[-2000:]}")
+
     def expect(self, good, problem):
         if not good:
             self.problems.append(f"{self.step}{problem}")

@@ -17,14 +17,6 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <new>
-#include <string>
-#include <utility>
-
 #include "Examples/MorningRun/QuietFolder.h"
 #include "Skelda_Watch/SkeldaCCPA.h"
 #include "Skelda_Watch/SkeldaUserProperties.h"

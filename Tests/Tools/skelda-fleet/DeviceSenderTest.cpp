@@ -1,14 +1,7 @@
 // The rules that the simulation plays, against the classes that the agent is made of.
 #include "Tools/skelda-fleet/DeviceSender.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <future>
-#include <map>
-#include <mutex>
-#include <random>
-#include <set>
 
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Platform/Foundation/NotificationCenter.h"
@@ -44,7 +37,7 @@ class HeldAnswers {
     const std::lock_guard lock(mutex_);
     held_.extract(log).mapped().set_value(status);
   }
-  std::set<Log> held() const {
+  std::set<Log> held() {
     const std::lock_guard lock(mutex_);
     std::set<Log> logs;
     for (const auto& each : held_) logs.insert(each.first);
@@ -52,7 +45,7 @@ class HeldAnswers {
   }
 
  private:
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::map<Log, std::promise<int>> held_;
 };
 
@@ -78,13 +71,11 @@ class DeviceSenderTest : public SenderTest {
       // Its file goes a little after it left the index.
       const auto bytes = block->data();
       if (!bytes) continue;
-      waiting.insert(logIn(*bytes));
-      if (tags.contains(block->identifier())) running.insert(logIn(*bytes));
+      const auto log = static_cast<Log>(std::stoul(std::string(bytes->view())));
+      waiting.insert(log);
+      if (tags.contains(block->identifier())) running.insert(log);
     }
     return state;
-  }
-  static Log logIn(const platform::Data& data) {
-    return static_cast<Log>(std::stoul(std::string(data.view())));
   }
   void expectTheSame(const std::string& after) {
     becomes([&] { return answers_.held() == modelRunning_ && realState() == modelState(); });

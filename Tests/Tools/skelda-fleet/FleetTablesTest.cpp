@@ -1,10 +1,5 @@
 #include "Tools/skelda-fleet/FleetTables.h"
 
-#include <gtest/gtest.h>
-
-#include <set>
-#include <sstream>
-
 #include "Tests/Support/Documents.h"
 
 namespace skelda::testing {

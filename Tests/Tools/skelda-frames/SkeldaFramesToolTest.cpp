@@ -37,6 +37,7 @@ std::string withCrc(std::string bytes, std::uint32_t flaw = 0) {
   return bytes;
 }
 
+const std::string kWithCrc = withCrc(frameBytes(0, 134, "{}"));
 const std::string kCounter = frameBytes(1, 2, R"({"sk.frame.log.counter":1})");
 
 class SkeldaFramesTool : public ::testing::Test {
@@ -65,8 +66,7 @@ class SkeldaFramesTool : public ::testing::Test {
 }  // namespace
 
 TEST_F(SkeldaFramesTool, ShowsOneLineAFrame) {
-  const auto shown = runOn(kCounter + withCrc(frameBytes(0, 134, "{}")) +
-                           withCrc(frameBytes(0x80, 999, "{}", -1, -2), 1));
+  const auto shown = runOn(kCounter + kWithCrc + withCrc(frameBytes(0x80, 999, "{}", -1, -2), 1));
   EXPECT_EQ(shown.exit, 0);
   EXPECT_EQ(shown.error, "");
   EXPECT_EQ(shown.out,
@@ -92,19 +92,13 @@ TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
 
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
   const std::string torn = event("name").substr(0, 40);
-  struct Case {
-    std::string log;
-    int exit;
-    std::string verdict;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"", 0, "whole, 0 frames, 0 bytes"},
       {kCounter + event("a"), 0, "whole, 2 frames, 128 bytes"},
-      {kCounter + withCrc(frameBytes(0, 134, "{}")), 0, "whole, 2 frames, 80 bytes"},
+      {kCounter + kWithCrc, 0, "whole, 2 frames, 80 bytes"},
       {kCounter + torn, 1, "offset 50: torn frame: 40 of 82 bytes"},
       {kCounter + "\1", 1, "offset 50: torn frame: 1 of 24 bytes"},
-      {kCounter + withCrc(frameBytes(0, 134, "{}")).substr(0, 28), 1,
-       "offset 50: torn frame: 28 of 30 bytes"},
+      {kCounter + kWithCrc.substr(0, 28), 1, "offset 50: torn frame: 28 of 30 bytes"},
       {kCounter + std::string(100, '\xAA'), 1,
        "offset 50: damaged frame: first byte 0xaa: bits 4 to 6 must be 0"},
       {kCounter + frameBytes(1, 134, ""), 1, "offset 50: damaged frame: a payload of length 0"},
@@ -113,10 +107,10 @@ TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
        "offset 50: damaged frame: the payload is no JSON object"},
       {withCrc(frameBytes(0, 134, "{}"), 1) + kCounter, 1, "offset 0: damaged frame: CRC "},
   };
-  for (const Case& tried : cases) {
-    const auto checked = runOn(tried.log, "--verify");
-    EXPECT_EQ(checked.exit, tried.exit) << tried.verdict;
-    EXPECT_THAT(checked.out, StartsWith("log: " + tried.verdict));
+  for (const auto& [log, exit, verdict] : cases) {
+    const auto checked = runOn(log, "--verify");
+    EXPECT_EQ(checked.exit, exit) << verdict;
+    EXPECT_THAT(checked.out, StartsWith("log: " + verdict));
     EXPECT_EQ(checked.error, "");
   }
   // Without --verify the whole frames are shown, and the rest is a word on standard error.
