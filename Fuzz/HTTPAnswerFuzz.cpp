@@ -22,38 +22,17 @@ class OnceEnded final : public SessionProbe {
   }
 };
 
-struct Answer {
-  std::mutex mutex;
-  std::string bytes;
-  std::size_t piece = 1;
-
-  void send(ServerConnection& connection) {
-    ReceivedRequest ignored;
-    connection.readRequest(ignored);
-    std::unique_lock lock(mutex);
-    const std::string all = bytes;
-    const std::size_t most = piece;
-    lock.unlock();
-    for (std::size_t at = 0; at < all.size(); at += most) {
-      if (!connection.send(std::string_view(all).substr(at, most))) break;
-    }
-  }
-};
-
 }  // namespace
 
 void fuzz(std::string_view input) {
-  static Answer answer;
-  static std::unique_ptr<LoopbackServer> server;
-  // It keeps a thread for each connection to its end.
-  if (server == nullptr || server->connections() > 200) {
-    server = LoopbackServer::raw([](ServerConnection& connection) { answer.send(connection); });
-  }
-  {
-    const std::lock_guard lock(answer.mutex);
-    answer.piece = takeByte(input) + 1;
-    answer.bytes = input;
-  }
+  const std::size_t piece = takeByte(input) + 1;
+  const auto server = LoopbackServer::raw([=](ServerConnection& connection) {
+    ReceivedRequest ignored;
+    connection.readRequest(ignored);
+    for (std::size_t at = 0; at < input.size(); at += piece) {
+      if (!connection.send(input.substr(at, piece))) break;
+    }
+  });
   const std::string home = server->url("");
   int redirects = 0;
   const auto probe = std::make_shared<OnceEnded>([&](URLRequest proposed) {

@@ -28,17 +28,9 @@ std::uint32_t typeOf(std::string_view frame) {
   return numberAt(frame, 0) >> 8;
 }
 
-std::uint32_t crcOf(std::string_view bytes) {
-  std::uint32_t crc = 0xFFFFFFFFU;
-  for (const char byte : bytes) {
-    crc ^= static_cast<std::uint8_t>(byte);
-    for (int bit = 0; bit < 8; ++bit) crc = crc & 1U ? crc >> 1 ^ 0xEDB88320U : crc >> 1;
-  }
-  return ~crc;
-}
-
 /// The frame at the head of the bytes, as it comes out of a repair; empty where there is none. A
-/// second reading of the format, which shares nothing with the one under test but the JSON reader.
+/// second reading of the format, which shares nothing with the one under test but the JSON reader
+/// and the checksum.
 std::string repairedFrame(std::string_view bytes) {
   if (bytes.size() < 24) return {};
   const auto type = static_cast<std::int32_t>(typeOf(bytes));
@@ -51,7 +43,7 @@ std::string repairedFrame(std::string_view bytes) {
   std::string frame(bytes.substr(0, 24 + payload));
   frame[0] = static_cast<char>(frame[0] & 0x0F);
   if (footer) {
-    const std::uint32_t crc = crcOf(frame);
+    const auto crc = SkeldaUtil::dataChecksum(std::string_view(frame));
     frame.append(reinterpret_cast<const char*>(&crc), sizeof crc);
   }
   return frame;

@@ -12,7 +12,6 @@ import os
 import pathlib
 import re
 import resource
-import shutil
 import subprocess
 import sys
 import threading
@@ -77,6 +76,7 @@ class Chaos(Run):
         mount = ["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", data]
         if ROOT_USER and subprocess.run(mount, capture_output=True).returncode == 0:
             self.small = data
+            self.stack.callback(subprocess.run, ["umount", "-l", data])
         give_identifiers(self.home)
         self.kept = data / "kept"  # on the same disk: what is kept costs no room at first
         self.kept.mkdir()
@@ -84,10 +84,8 @@ class Chaos(Run):
         with contextlib.suppress(OSError):
             os.setxattr(self.kept, "user.probe", b"1")
             self.blocks_carry_keys = True
-        self.collector = Collector(self.home.path / "collector")
-        authority = self.home.path / "authority.pem"
-        shutil.copyfile(self.collector.authority, authority)
-        self.environment = self.home.environment(SSL_CERT_FILE=authority)
+        self.collector = self.stack.enter_context(Collector(self.home.path / "collector"))
+        self.environment = self.home.environment(SSL_CERT_FILE=self.collector.authority)
         threading.Thread(target=self.watch_addresses, daemon=True).start()
         if ROOT_USER:
             subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.home.path], check=True)
@@ -119,7 +117,8 @@ class Chaos(Run):
         return host
 
     def start_host(self, threads=2, **how):
-        self.host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
+        host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
+        self.host = self.stack.enter_context(host)
 
     def limit(self, **soft):
         """Of descriptors ("nofile") or threads ("nproc"), under the host's own user, who may."""
@@ -388,14 +387,6 @@ class Chaos(Run):
             f"{len(fates)} logs committed, {len(self.collector.entries())} arrivals:",
             *(f"  {count:5} {fate}" for fate, count in by_fate.most_common()),
             *(f"the last host, {when}: {usage}" for when, usage in zip(("early", "late"), self.usage))])
-
-    def __exit__(self, *_):
-        for process in (self.host, self.collector):
-            if process:
-                process.kill()
-        if self.small:
-            subprocess.run(["umount", "-l", self.small], check=False)
-        super().__exit__()
 
 
 if __name__ == "__main__":

@@ -123,9 +123,7 @@ class Home(contextlib.AbstractContextManager):
     # What is there
 
     def committed_logs(self):
-        with contextlib.suppress(FileNotFoundError):
-            return sorted(self.committed.iterdir(), key=lambda p: float(p.name.rsplit("_", 1)[1]))
-        return []
+        return sorted(self.committed.glob("*"), key=lambda p: float(p.name.rsplit("_", 1)[1]))
 
     def blocks(self):
         """Files of the storage folder that are data blocks."""
@@ -152,24 +150,17 @@ class Home(contextlib.AbstractContextManager):
         return [frame for frame in frames if frame.type == frame_log.EVENT]
 
     def log_lines(self):
-        with contextlib.suppress(FileNotFoundError):
-            return self.log.read_text(errors="replace").splitlines()
-        return []
+        return self.log.read_text(errors="replace").splitlines() if self.log.exists() else []
 
     # Running in it
 
-    def own_bundle(self, change=None, text=None):
-        """A copy of the bundle whose information dictionary `change` may alter, or which is `text`."""
+    def own_bundle(self, change=lambda information: None):
+        """A copy of the bundle whose information dictionary `change` may alter."""
         copy = self.path / f"{self.bundle.parent.parent.name}/PlugIns/{self.bundle.name}"
-        if not copy.exists():
-            shutil.copytree(self.bundle, copy)
-        plist = copy / "Info.plist"
-        if text is not None:
-            plist.write_bytes(text)
-        elif change is not None:
-            information = plistlib.loads(plist.read_bytes())
-            change(information)
-            plist.write_bytes(plistlib.dumps(information))
+        shutil.copytree(self.bundle, copy, dirs_exist_ok=True)
+        information = plistlib.loads((copy / "Info.plist").read_bytes())
+        change(information)
+        (copy / "Info.plist").write_bytes(plistlib.dumps(information))
         return copy
 
     def environment(self, **more):
@@ -305,9 +296,8 @@ class Collector(contextlib.AbstractContextManager):
         return 0, ""
 
     def entries(self):
-        with contextlib.suppress(FileNotFoundError):
-            return [json.loads(line) for line in (self.store / "received.jsonl").read_text().splitlines()]
-        return []
+        path = self.store / "received.jsonl"
+        return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
 
     def logs(self):
         """The bytes of every stored log, in the order of arrival."""

@@ -31,9 +31,7 @@ def run(*command, **more):
 class Package(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory(prefix="skelda-package-")
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="skelda-package-")))
         first, cls.prefix = cls.folder / "first", cls.folder / "prefix"
         packages = os.environ.get("SKELDA_PACKAGES")
         if packages:

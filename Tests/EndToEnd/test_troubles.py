@@ -57,7 +57,7 @@ class Trouble:
     code: str  # what the doctor calls it
     told: tuple  # what it says of it, and of what to do
     said: tuple = ()  # what the program's own output says
-    change: object = None  # of the Info.plist
+    change: object = lambda information: None  # of the Info.plist
     bundle: str = ""  # another folder to run from
     server: str = NOWHERE
     collector: tuple = None  # its arguments; then it is the server, at `path`, and a phone has been there
@@ -161,7 +161,7 @@ class Troubles(Installed):
 
     def test_a_bundle_with_a_key_alone_keeps_its_files_under_its_own_name(self):
         for name in ("One", "Two"):
-            bundle = self.home.own_bundle(text=plistlib.dumps({KEY: SECRET}))
+            bundle = self.home.own_bundle(lambda information: [information.pop(key) for key in {*information} - {KEY}])
             bundle = shutil.move(bundle, bundle.with_name(f"{name}.appex"))
             program = self.home.told(bundle / self.home.bundle.stem, "--events", 3, "--speed", 0, "--linger", 1)
             self.assertIn("no CFBundleIdentifier", program.stderr)

@@ -3,24 +3,10 @@
 // others the parent's. With EARLY in its environment it logs an event before main() begins, too,
 // and one when all is over.
 
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
-
 #include "Platform/Dispatch/MainQueue.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Skelda_Watch/Skelda_Watch.h"
-
-using namespace std::chrono_literals;
+#include "Tests/Support/Recorded.h"
 
 namespace {
 
@@ -34,18 +20,14 @@ struct Early {
   }
 } early;
 
-Number fromThreads(Number threads, const auto& work) {
+Number fromThreads(unsigned threads, const auto& work) {
   std::atomic<Number> sum{0};
-  {
-    std::vector<std::jthread> running;
-    for (Number thread = 0; thread < threads; ++thread)
-      running.emplace_back([&, thread] { sum += work(thread); });
-  }
+  skelda::testing::inThreads(threads, [&](unsigned thread) { sum += work(thread); });
   return sum;
 }
 
 /// As fast as it goes; how many were accepted.
-Number burst(Number threads, Number each) {
+Number burst(unsigned threads, Number each) {
   return fromThreads(threads, [each](Number thread) {
     Number accepted = 0;
     for (Number i = 0; i < each; ++i) {
@@ -61,14 +43,15 @@ Number burst(Number threads, Number each) {
 /// outlives this process: the byte of TOLD at a number is 2 once its call has returned 1, 1 once it
 /// has returned 0. What is committed meanwhile ends as blocks, as it does off line.
 Number numbered(const char* how) {
-  long first = 0, events = 0, threads = 0, rate = 0;
+  long first = 0, events = 0, rate = 0;
+  unsigned threads = 0;
   const int told = ::open(std::getenv("TOLD"), O_WRONLY | O_CLOEXEC);
-  const int read = std::sscanf(how, "%ld,%ld,%ld,%ld", &first, &events, &threads, &rate);
+  const int read = std::sscanf(how, "%ld,%ld,%u,%ld", &first, &events, &threads, &rate);
   if (told < 0 || read != 4) std::abort();
   SkeldaWatch::setServerURL("https://127.0.0.1:9/v1/skd.do");
   const auto began = std::chrono::steady_clock::now();
-  return fromThreads(static_cast<Number>(threads), [=](Number thread) {
-    for (long i = static_cast<long>(thread); i < events; i += threads) {
+  return fromThreads(threads, [=](unsigned thread) {
+    for (long i = thread; i < events; i += threads) {
       if (rate > 0) std::this_thread::sleep_until(began + i / threads * 1s / rate);
       const char answer = SkeldaWatch::logWatchEvent("numbered", {{"n", first + i}}) == 1 ? 2 : 1;
       if (::pwrite(told, &answer, 1, first + i) != 1) std::abort();

@@ -109,23 +109,19 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
   };
   for (int step = 0; step < 400 && !HasFailure(); ++step) {
     Steps steps;
-    std::string what;
     // Spells in which the server takes all, and spells in which it takes nothing: so the limits
     // come into play, which steps alone never reach.
     const bool isGoodSpell = (step / 100) % 2 == 1;
     const auto dice = random() % 100;
     if (dice < (isGoodSpell ? 15 : 75)) {
-      what = "a log";
       const Log log = next++;
       const bool taken = sender_->sendFrameLogData(bytes(std::to_string(log)));
       model_.commit(log, steps);
       EXPECT_EQ(taken, !steps.tryFolderAgainAfter) << step;
     } else if (dice < 77) {
-      what = "the network";
       platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
       model_.networkReturned(steps);
     } else if (dice < 78) {
-      what = "a start";
       // An answer that comes after the end would be one that the server gave and nobody heard.
       while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503, steps);
       finish();
@@ -136,12 +132,10 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
           std::next(modelRunning_.begin(), static_cast<long>(random() % modelRunning_.size()));
       constexpr int kGood[] = {200, 202, 200, 400};
       constexpr int kBad[] = {503, 429, 0, 503};
-      const int status = (isGoodSpell ? kGood : kBad)[random() % 4];
-      what = "answer " + std::to_string(status);
-      end(*one, status, steps);
+      end(*one, (isGoodSpell ? kGood : kBad)[random() % 4], steps);
     }
     apply(steps);
-    expectTheSame(what + " at step " + std::to_string(step));
+    expectTheSame("step " + std::to_string(step) + ", dice " + std::to_string(dice));
   }
   EXPECT_EQ(ends.size(), 6u) << "each end was played";
   while (!modelRunning_.empty() && !HasFailure()) {
