@@ -20,7 +20,7 @@ import typing
 
 import account_file
 import frame_log
-from support import (Collector, Home, Run, digest, eventually, fill, give_identifiers, open_files, play)
+from support import (Collector, Home, Run, digest, eventually, fill, give_identifiers, open_files, play, with_a_bit_changed)
 
 NOBODY = 65534
 ROOT_USER = os.geteuid() == 0
@@ -274,10 +274,8 @@ class Chaos(Run):
         self.end_host()
         self.counts["blocks under a damaged index"] += len(self.home.blocks())
         for path in (self.home.index, self.home.key_values):
-            data = bytearray(path.read_bytes())
-            data[self.chance.randrange(len(data))] ^= 1 << self.chance.randrange(8)
             self.note_damage(path)
-            path.write_bytes(data)
+            path.write_bytes(with_a_bit_changed(path.read_bytes(), self.chance))
         self.start_host()
         time.sleep(1)
         self.collector.start()

@@ -12,7 +12,6 @@ import concurrent.futures
 import functools
 import os
 import pathlib
-import subprocess
 import sys
 import time
 import unittest
@@ -56,27 +55,12 @@ class Report(unittest.TestResult):
             self.addError(subtest, err)
 
 
-def run_here(names, results, label):
+def run(results, label, names):
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{name}*" for name in names] or None
     cases, report = loader.discover(str(HERE), pattern="test_*.py"), Report(results, label)
     cases.run(report)
     return report.wasSuccessful() and cases.countTestCases() > 0
-
-
-def run_beside(jobs, results):
-    """Each test file in a process of its own."""
-    files = sorted((path.stem for path in HERE.glob("test_*.py")), key=lambda name: (name not in LONG, name))
-
-    def run(name):
-        command = [sys.executable, __file__, "--build", os.environ["SKELDA_BUILD"], f"{name}."]
-        done = subprocess.run(command + (["--results", results] if results else []), stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True)
-        print(done.stdout, end="", flush=True)
-        return done.returncode == 0
-
-    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
-        return all(list(pool.map(run, files)))
 
 
 def main():
@@ -91,9 +75,11 @@ def main():
     os.environ["SKELDA_BUILD"] = str(pathlib.Path(arguments.build).resolve())
     if arguments.emulator:
         os.environ["SKELDA_EMULATOR"] = arguments.emulator
-    if arguments.jobs > 1 and not arguments.names:
-        return not run_beside(arguments.jobs, arguments.results)
-    return not run_here(arguments.names, arguments.results, arguments.label)
+    files = sorted((path.stem for path in HERE.glob("test_*.py")), key=lambda name: (name not in LONG, name))
+    beside = arguments.jobs > 1 and not arguments.names
+    groups = [[f"{name}."] for name in files] if beside else [arguments.names]
+    with concurrent.futures.ProcessPoolExecutor(arguments.jobs) as pool:
+        return not all(list(pool.map(functools.partial(run, arguments.results, arguments.label), groups)))
 
 
 if __name__ == "__main__":

@@ -71,6 +71,11 @@ def digest(body):
     return hashlib.sha256(body).hexdigest()
 
 
+def with_a_bit_changed(data, chance):
+    bit = chance.randrange(8 * len(data) or 1)
+    return (int.from_bytes(data, "little") ^ 1 << bit).to_bytes(len(data) or 1, "little")
+
+
 def eventually(what, within=20.0, every=0.02):
     """Waits until `what()` is true and returns its value; its last value when time is up."""
     deadline = time.monotonic() + within

@@ -6,7 +6,7 @@ import shutil
 import unittest
 
 import frame_log
-from support import NAMELESS, NOWHERE, PHONE, Home, Process, eventually, give_identifiers, told
+from support import NAMELESS, NOWHERE, PHONE, Home, Process, eventually, give_identifiers, told, with_a_bit_changed
 
 
 def quick(home, linger=15):
@@ -24,22 +24,14 @@ class DamagedStorage(unittest.TestCase):
     def test_an_installation_works_whatever_is_done_to_each_of_its_files(self):
         chance = random.Random(8)
 
-        def cut_short(data):
-            return data[:chance.randint(0, len(data))]
-
-        def with_a_bit_changed(data):
-            changed = bytearray(data)
-            if changed:
-                changed[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
-            return changed
-
         garbage = [lambda _, n=length: chance.randbytes(n) for length in (0, 1, 23, 5000)]
+        damages = [lambda data: data[:chance.randint(0, len(data))], lambda data: with_a_bit_changed(data, chance)]
         with Home() as home:
             give_identifiers(home)
             home.run("--rate", "300", "--server", NOWHERE)
             (home.committed / "strange.file").write_bytes(b"x")
             files = set()
-            for number, change in enumerate([*garbage, *[cut_short, with_a_bit_changed] * 3]):
+            for number, change in enumerate([*garbage, *damages * 3]):
                 files.update(p for root in ("data", "state") for p in (home.path / root).rglob("*") if p.is_file())
                 self.assertGreater(len(files), 8)
                 for path in sorted(files):
