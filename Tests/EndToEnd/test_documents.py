@@ -82,12 +82,10 @@ class ManPages(unittest.TestCase):
         self.assertLessEqual(set(installed), set(pages))
         self.assertLessEqual(set(pages), {path.parent.name for path in (ROOT / "Tools").glob("skelda-*/main.cpp")})
         self.assertTrue(tools)
-        for name, tool in tools.items():
-            if name not in pages and name not in installed:
-                continue
+        for name in sorted(tools.keys() & {*pages, *installed}):
             with self.subTest(name):
                 page = pages[name].read_text()
-                taken = set(re.findall(r"^ +(?:-\w,)?--([a-z][a-z-]*)", told(tool, "--help").stdout, re.M))
+                taken = set(re.findall(r"^ +(?:-\w,)?--([a-z][a-z-]*)", told(tools[name], "--help").stdout, re.M))
                 self.assertIn("help", taken)
                 self.assertEqual(taken, set(re.findall(r"^\.It Fl (?:\w , )?-([a-z][a-z-]*)", page, re.M)))
                 synopsis = page.split(".Sh SYNOPSIS")[1].split(".Sh DESCRIPTION")[0]

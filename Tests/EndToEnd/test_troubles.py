@@ -3,7 +3,6 @@ usual troubles the program's own output, with nothing asked for, or skelda-docto
 the cure; and neither says more than that."""
 
 import contextlib
-import dataclasses
 import email.utils
 import http.server
 import json
@@ -12,6 +11,7 @@ import re
 import shutil
 import threading
 import time
+import typing
 import unittest
 
 from support import (BUILD, EXAMPLE, NAMELESS, NOWHERE, PATH, ROOT, Collector, Home, bundle_of, eventually, events_of,
@@ -51,8 +51,7 @@ def contents(folder):
             for path in sorted(folder.rglob("*"))}
 
 
-@dataclasses.dataclass
-class Trouble:
+class Trouble(typing.NamedTuple):
     name: str
     code: str  # what the doctor calls it
     told: tuple  # what it says of it, and of what to do
@@ -63,7 +62,7 @@ class Trouble:
     collector: tuple = None  # its arguments; then it is the server, at `path`, and a phone has been there
     path: str = PATH
     linger: str = "3"
-    environment: dict = dataclasses.field(default_factory=dict)  # of paths, those of a home below it
+    environment: dict = {}  # of paths, those of a home below it
     blocking: bool = True
 
 

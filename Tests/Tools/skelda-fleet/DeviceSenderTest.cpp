@@ -10,7 +10,6 @@
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 
-namespace skelda::testing {
 namespace {
 
 using namespace skelda::fleet;
@@ -53,9 +52,6 @@ class DeviceSenderTest : public SenderTest {
  protected:
   using State = std::pair<std::set<Log>, std::set<Log>>;  // what waits, what is on its way
 
-  void apply(const Steps& steps) {
-    modelRunning_.insert(steps.requests.begin(), steps.requests.end());
-  }
   State modelState() const {
     const auto waiting = model_.waiting();
     return {{waiting.begin(), waiting.end()}, modelRunning_};
@@ -78,6 +74,8 @@ class DeviceSenderTest : public SenderTest {
     return state;
   }
   void expectTheSame(const std::string& after) {
+    modelRunning_.insert(steps_.requests.begin(), steps_.requests.end());
+    steps_ = {};
     becomes([&] { return answers_.held() == modelRunning_ && realState() == modelState(); });
     EXPECT_EQ(answers_.held(), modelRunning_) << after;
     EXPECT_EQ(realState(), modelState()) << after;
@@ -87,6 +85,7 @@ class DeviceSenderTest : public SenderTest {
   LoopbackServer server_{answers_.handler()};
   std::shared_ptr<SkeldaDataSender> sender_;
   DeviceSender model_;
+  Steps steps_;  // since both were compared
   std::set<Log> modelRunning_;
 };
 
@@ -97,18 +96,14 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
   std::mt19937 random(7);
   Log next = 0;
   std::set<int> ends;
-  const auto end = [&](Log log, int status, Steps& steps) {
+  const auto end = [&](Log log, int status) {
     ends.insert(status);
     modelRunning_.erase(log);
     answers_.answer(log, status);
-    model_.ended(log,
-                 status / 100 == 2 ? Ending::taken
-                 : status == 400   ? Ending::malformed
-                                   : Ending::failed,
-                 steps);
+    const Ending bad = status == 400 ? Ending::malformed : Ending::failed;
+    model_.ended(log, status / 100 == 2 ? Ending::taken : bad, steps_);
   };
   for (int step = 0; step < 400 && !HasFailure(); ++step) {
-    Steps steps;
     // Spells in which the server takes all, and spells in which it takes nothing: so the limits
     // come into play, which steps alone never reach.
     const bool isGoodSpell = (step / 100) % 2 == 1;
@@ -116,32 +111,29 @@ TEST_F(DeviceSenderTest, KeepsSendsAndGivesUpWhatTheAgentsOwnSenderDoes) {
     if (dice < (isGoodSpell ? 15 : 75)) {
       const Log log = next++;
       const bool taken = sender_->sendFrameLogData(bytes(std::to_string(log)));
-      model_.commit(log, steps);
-      EXPECT_EQ(taken, !steps.tryFolderAgainAfter) << step;
+      model_.commit(log, steps_);
+      EXPECT_EQ(taken, !steps_.tryFolderAgainAfter) << step;
     } else if (dice < 77) {
-      platform::NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
-      model_.networkReturned(steps);
+      NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
+      model_.networkReturned(steps_);
     } else if (dice < 78) {
       // An answer that comes after the end would be one that the server gave and nobody heard.
-      while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503, steps);
+      while (!modelRunning_.empty()) end(*modelRunning_.begin(), 503);
       finish();
       sender_ = makeSender();
-      model_.restart(steps);
+      model_.restart(steps_);
     } else if (!modelRunning_.empty()) {
       const auto one =
           std::next(modelRunning_.begin(), static_cast<long>(random() % modelRunning_.size()));
       constexpr int kGood[] = {200, 202, 200, 400};
       constexpr int kBad[] = {503, 429, 0, 503};
-      end(*one, (isGoodSpell ? kGood : kBad)[random() % 4], steps);
+      end(*one, (isGoodSpell ? kGood : kBad)[random() % 4]);
     }
-    apply(steps);
     expectTheSame("step " + std::to_string(step) + ", dice " + std::to_string(dice));
   }
   EXPECT_EQ(ends.size(), 6u) << "each end was played";
   while (!modelRunning_.empty() && !HasFailure()) {
-    Steps steps;
-    end(*modelRunning_.begin(), 200, steps);
-    apply(steps);
+    end(*modelRunning_.begin(), 200);
     expectTheSame("the rest");
   }
 }
@@ -156,7 +148,7 @@ TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
   const auto settle = [&] {
     for (int posted = 0; posted < 2; ++posted) manager->syncBlock([] {});
   };
-  const auto complete = [&](const platform::ErrorRef& error) {
+  const auto complete = [&](const ErrorRef& error) {
     manager->didCompleteTransfer(agent->started.back(), error);
     settle();
   };
@@ -184,7 +176,7 @@ TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
       canStore = !canStore;
       model.setCanStore(canStore);
     } else if (model.inFolder() > 0) {
-      complete(platform::urlError(platform::kURLErrorNetworkConnectionLost, "not stored"));
+      complete(urlError(kURLErrorNetworkConnectionLost, "not stored"));
       model.tryFolderAgain(steps);
     }
     storeWhatIsGiven();
@@ -198,4 +190,3 @@ TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

@@ -2,7 +2,6 @@
 
 #include "Tests/Support/Documents.h"
 
-namespace skelda::testing {
 namespace {
 
 using namespace skelda::fleet;
@@ -52,4 +51,3 @@ TEST(FleetTablesTest, NoLogOfARunIsWithoutAFate) {
 }
 
 }  // namespace
-}  // namespace skelda::testing

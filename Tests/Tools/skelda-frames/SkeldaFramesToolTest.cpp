@@ -9,7 +9,6 @@
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
-using namespace skelda::testing;
 using ::testing::EndsWith, ::testing::HasSubstr, ::testing::StartsWith;
 
 namespace {
