@@ -46,8 +46,12 @@ endif()
 
 # What -Oz leaves on and still takes room for speed: loops made longer to do less in each turn, code
 # that runs seldom set apart with tables of its own, the size told to whoever frees a block by it.
-set(skelda_size -Oz)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+# What an operator runs has room, and reads the logs of many.
+set(skelda_size)
+if(NOT SKELDA_FLEET)
+  set(skelda_size -Oz)
+endif()
+if(NOT SKELDA_FLEET AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND skelda_size -fno-gcse -fno-ivopts -fno-tree-loop-im -fno-reorder-blocks-and-partition
     -fno-sized-deallocation)
 endif()

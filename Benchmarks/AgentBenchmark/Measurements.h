@@ -29,9 +29,9 @@ Json firstCall();
 /// So many calls in a loop: how many were answered 1, how many the account says were accepted, and
 /// the memory that they added at most.
 Json flood(std::uint64_t events);
-/// Frames made durable per second by the whole pipeline, and user CPU per event. The logs go to
-/// `keepSent`, so that bareLoop() can write the same.
-Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent);
+/// Frames made durable per second by the whole pipeline, and user CPU per event. Its logs are kept
+/// in `keepClosed`, so that bareLoop() can write the same.
+Json pipeline(std::uint64_t events, const std::filesystem::path& keepClosed);
 /// Writes the logs of that folder by itself, as the pipeline has to: each frame synchronised, each
 /// log rolled (copied and published, counter and flag replaced). In `scratch`. With the transfer
 /// each log is stored as a block too, and an index replaced. Says as well how often that alone
@@ -41,9 +41,9 @@ Json bareLoop(const std::filesystem::path& logs, const std::filesystem::path& sc
 /// Memory that the agent adds, its threads, and how often they wake when idle.
 Json resources(std::uint64_t events);
 /// Logs a burst as fast as it can and kills the process, at once or when the pipeline has settled.
-/// The events are numbered from 1; logs that are sent are kept as by pipeline().
+/// The events are numbered from 1; logs that are closed are kept as by pipeline().
 [[noreturn]] void burstAndKill(std::uint64_t events, bool settled,
-                               const std::filesystem::path& keepSent);
+                               const std::filesystem::path& keepClosed);
 /// Logs a burst and says how long after its last call all of it was durable.
 Json burstAndRest(std::uint64_t events);
 

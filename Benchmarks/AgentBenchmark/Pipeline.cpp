@@ -5,8 +5,8 @@
 
 #include <chrono>
 
+#include "Benchmarks/AgentBenchmark/ClosedLogKeeper.h"
 #include "Benchmarks/AgentBenchmark/Measurements.h"
-#include "Benchmarks/AgentBenchmark/SentLogKeeper.h"
 
 namespace measure {
 
@@ -47,8 +47,8 @@ void burst(std::uint64_t events) {
 
 }  // namespace
 
-Json pipeline(std::uint64_t events, const std::filesystem::path& keepSent) {
-  if (!keepSent.empty()) SentLogKeeper::install(keepSent);
+Json pipeline(std::uint64_t events, const std::filesystem::path& keepClosed) {
+  if (!keepClosed.empty()) ClosedLogKeeper::install(keepClosed);
   logEvent(0);
   rest();
   const double userBefore = userSeconds(RUSAGE_SELF);
@@ -78,8 +78,8 @@ Json burstAndRest(std::uint64_t events) {
   return {{"events", events}, {"ms_behind", (lastWritten() - called) * 1000}, {"rested", rested}};
 }
 
-void burstAndKill(std::uint64_t events, bool settled, const std::filesystem::path& keepSent) {
-  if (!keepSent.empty()) SentLogKeeper::install(keepSent);
+void burstAndKill(std::uint64_t events, bool settled, const std::filesystem::path& keepClosed) {
+  if (!keepClosed.empty()) ClosedLogKeeper::install(keepClosed);
   logEvent(0);
   rest();
   burst(events);

@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   add("flood", [&] { return measure::flood(events); })->add_option("--events", events);
   auto* pipeline = add("pipeline", [&] { return measure::pipeline(events, folder); });
   pipeline->add_option("--events", events);
-  pipeline->add_option("--keep-sent", folder);
+  pipeline->add_option("--keep-closed", folder);
   auto* bare = add("bare", [&] { return measure::bareLoop(folder, scratch, withTransfer); });
   bare->add_option("--logs", folder)->required();
   bare->add_option("--scratch", scratch)->required();
@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
   auto* kill =
       add("kill", [&]() -> measure::Json { measure::burstAndKill(events, settled, folder); });
   kill->add_option("--events", events);
-  kill->add_option("--keep-sent", folder);
+  kill->add_option("--keep-closed", folder);
   kill->add_flag("--settled", settled);
   add("burst", [&] { return measure::burstAndRest(events); })->add_option("--events", events);
   CLI11_PARSE(app, argc, argv);

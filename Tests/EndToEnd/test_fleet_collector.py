@@ -248,10 +248,10 @@ def pestering(collector):
 class WatchOfServers(unittest.TestCase):
     """What looks after each server, with pages in place of servers."""
 
-    SERVERS = {"other": 30, "level": 30, "growing": 1, "unwell": 30, "short": 20, "less short": 25, "beside one away": 20,
-               "leading": 20}
-    THIRD = {"less short": "short", "beside one away": "away"}  # of what a server is compared with, else "level"
-    ENDED = ["unwell", "short", "less short", "beside one away", "leading"]
+    SERVERS = {"other": 40, "level": 40, "growing": 1, "unwell": 40, "short": 20, "less short": 25, "beside one away": 20,
+               "leading": 20, "for itself": 20, "following": 1, "ahead": 11}
+    BESIDE = {"less short": ("other", "short"), "beside one away": ("other", "away"), "following": ("ahead", "ahead")}
+    ENDED = ["unwell", "short", "less short", "beside one away", "leading", "for itself", "following"]
 
     def test_a_server_that_stays_behind_is_ended_and_then_emptied_whatever_it_says_of_itself(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="skelda-watch-")))
@@ -266,22 +266,24 @@ class WatchOfServers(unittest.TestCase):
             place.mkdir(exist_ok=True)
             if name != "unwell":
                 (place / "healthz").touch()
-            stream = {"name": STREAM, "state": {"messages": messages}, "cluster": {"leader": "leading"}}
+            stream = {"name": STREAM, "state": {"messages": messages}, "config": {"num_replicas": 3},
+                      "cluster": {"leader": name if name == "for itself" else "leading"}}
             (place / "varz").write_text(json.dumps({"server_name": name}))
             (folder / "jsz").write_text(json.dumps({"account_details": [{"stream_detail": [stream]}]}))
             (folder / "jsz").rename(place / "jsz")
 
         for name, messages in self.SERVERS.items():
             has(name, messages)
-        for name in self.SERVERS:
+        for name in list(self.SERVERS)[:-1]:
             self.enterContext(Process([ROOT / "deploy/skelda-nats-health", page(name),
-                                       f"{page('other')},{page(self.THIRD.get(name, 'level'))}",
+                                       ",".join(map(page, self.BESIDE.get(name, ("other", "level")))),
                                        *(f"touch '{folder}/{name} {what}'" for what in ("ended", "emptied"))],
                                       env=os.environ | {"LOOK": "1", "PATIENCE": "1"}))
         for messages in range(2, 29):
-            has("growing", messages)
+            for name, now in (("ahead", 3 * messages + 10), ("following", messages), ("growing", messages)):
+                has(name, now)
             time.sleep(0.5)
-        for what, expected in (("ended", self.ENDED), ("emptied", ["short"])):
+        for what, expected in (("ended", self.ENDED), ("emptied", ["short", "for itself", "following"])):
             self.assertEqual(expected, [name for name in self.SERVERS if (folder / f"{name} {what}").exists()], what)
 
 

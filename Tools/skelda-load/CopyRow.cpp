@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iterator>
 
 #include "Platform/Foundation/JSONWriter.h"
@@ -12,6 +13,11 @@ namespace skelda::tools {
 namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+
+/// Whether it stands in a row as it is, for itself.
+bool isPlain(std::uint8_t byte) {
+  return byte >= ' ' && byte < 0x80 && byte != '\\';
+}
 
 void appendCharacter(std::string& out, std::string_view bytes, bool valid) {
   switch (valid ? bytes[0] : '\0') {
@@ -59,6 +65,10 @@ CopyRow& CopyRow::text(std::string_view value) {
   const auto* at = reinterpret_cast<const std::uint8_t*>(value.data());
   const auto* const end = at + value.size();
   while (at != end) {
+    const auto* const plain = at;
+    at = std::find_if_not(at, end, isPlain);
+    out_.append(reinterpret_cast<const char*>(plain), static_cast<std::size_t>(at - plain));
+    if (at == end) break;
     const platform::UTF8Step step = platform::nextUTF8(at, end);
     appendCharacter(out_, {reinterpret_cast<const char*>(at), step.length}, step.valid);
     at += step.length;

@@ -221,7 +221,7 @@ def bare_switches(agent):
     """What waiting for the disk alone takes, by one thread that does nothing else."""
     with agent.home() as home:
         kept = home.path / "kept"
-        agent.run("pipeline", "--events", LONG, "--keep-sent", kept, home=home)
+        agent.run("pipeline", "--events", LONG, "--keep-closed", kept, home=home)
         return agent.run("bare", "--with-transfer", "--logs", kept, "--scratch", home.path / "bare",
                          home=home)["voluntary_switches"] / LONG
 
@@ -249,7 +249,7 @@ def durable(table, agent, rounds):
     for _ in range(rounds):
         with agent.home() as home:
             kept = home.path / "kept"
-            agent.run("pipeline", "--events", EVENTS, "--keep-sent", kept, home=home)
+            agent.run("pipeline", "--events", EVENTS, "--keep-closed", kept, home=home)
             frames = sum(len(frame_log.frames_in(path)) for path in kept.iterdir())
             bare = agent.run("bare", "--logs", kept, "--scratch", home.path / "bare", home=home)
             stored = agent.run("bare", "--with-transfer", "--logs", kept, "--scratch", home.path / "bare", home=home)
@@ -285,11 +285,11 @@ def after_kill(agent, count, *arguments):
     """How many of a burst's events are in frames when the process has killed itself behind the last
     call, and how many once it has been started again and left in peace."""
     with agent.home() as home:
-        kept = home.path / "sent"
-        if agent.run("kill", "--events", count, "--keep-sent", kept, *arguments, home=home) != -9:
+        kept = home.path / "closed"
+        if agent.run("kill", "--events", count, "--keep-closed", kept, *arguments, home=home) != -9:
             raise SystemExit("the benchmark did not kill itself")
         durable = events_in(home, kept)
-        agent.run("pipeline", "--events", 0, "--keep-sent", kept, home=home)
+        agent.run("pipeline", "--events", 0, "--keep-closed", kept, home=home)
         return durable, events_in(home, kept)
 
 

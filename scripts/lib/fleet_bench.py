@@ -3,8 +3,9 @@ collectors, a loader and a database on the loopback, and a million simulated dev
 
     python3 scripts/lib/fleet_bench.py [--rounds N] [--seconds N] [--devices N]
 
-A round publishes to the servers without collectors, then sends over HTTPS what devices would, then
-loads that. A figure is the median of its rounds, with the least and the greatest.
+A round sends over HTTPS what devices would, then publishes messages of the same length to the
+servers without collectors, then loads what was sent. A figure is the median of its rounds, with the
+least and the greatest.
 """
 
 import argparse
@@ -26,7 +27,7 @@ from support import Home
 
 BARE = "SKELDA_BARE"
 WINDOW = 256
-BYTES = 10_000
+BYTES = 10_000  # that a log has at least
 AIMS = {"logs": 2000, "ratio": 0.4, "events": 20_000, "MiB": 4096, "speed": 1}
 
 
@@ -77,13 +78,13 @@ def messages(stamp, first, body):
             BARE.encode(), len(head), len(head) + len(body), head, body)
 
 
-def publish_bare(servers, seconds):
-    """Messages a second that the servers acknowledge when nothing stands in front of them: from one
-    connection to the stream's leader, with as many under way as two windows hold."""
+def publish_bare(servers, seconds, length):
+    """Messages of that length a second that the servers acknowledge when nothing stands in front of
+    them: from one connection to the stream's leader, with as many under way as two windows hold."""
     loading.make_stream(servers, BARE)
     while (leader := servers.leader(BARE)) is None:
         time.sleep(0.1)
-    stamp, body = os.urandom(4).hex().encode(), os.urandom(BYTES)
+    stamp, body = os.urandom(4).hex().encode(), os.urandom(length)
     sent = acknowledged = 0
     rest = b""
     with loading.Stream(servers.ports[leader]) as client:
@@ -127,12 +128,13 @@ def measure(folder, options, table):
         load(servers, database)
         for _ in range(options.rounds):
             with OthersBusy() as busy:
-                bare = publish_bare(servers, options.seconds)
                 report = send((one, two), home.path / "sent", options)
+                length = report["bytes"] / report["taken"]
+                bare = publish_bare(servers, options.seconds, round(length))
             table.add("bare", bare, busy)
             table.add("logs", report["takenASecond"], busy)
             table.add("ratio", report["takenASecond"] / bare, busy)
-            table.add("bytes", report["bytes"] / report["taken"], busy)
+            table.add("bytes", length, busy)
             with OthersBusy() as busy:
                 table.add("events", load(servers, database), busy)
 
