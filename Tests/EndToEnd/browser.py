@@ -3,7 +3,6 @@
 import contextlib
 import json
 import os
-import pathlib
 import shutil
 import sys
 
@@ -30,8 +29,7 @@ class Browser(contextlib.AbstractContextManager):
             options.add_argument(f"--{argument}")
         options.accept_insecure_certs = True
         options.set_capability("goog:loggingPrefs", {"browser": "SEVERE", "performance": "ALL"})
-        self.driver = webdriver.Chrome(options=options, service=Service(
-            DRIVER, env={**os.environ, "TZ": "UTC"}))
+        self.driver = webdriver.Chrome(options=options, service=Service(DRIVER, env={**os.environ, "TZ": "UTC"}))
         self.call = self.driver.execute_cdp_cmd
         self.driver.set_script_timeout(30)
 
@@ -44,10 +42,8 @@ class Browser(contextlib.AbstractContextManager):
 
     @property
     def addresses(self):
-        entries = self.driver.get_log("performance")
-        said = [json.loads(entry["message"])["message"] for entry in entries]
-        return [each["params"]["request"]["url"] for each in said
-                if each["method"] == "Network.requestWillBeSent"]
+        said = [json.loads(entry["message"])["message"] for entry in self.driver.get_log("performance")]
+        return [each["params"]["request"]["url"] for each in said if each["method"] == "Network.requestWillBeSent"]
 
     def see(self, expression):
         """The value of an expression of JavaScript; True for an element."""
@@ -75,7 +71,6 @@ class Browser(contextlib.AbstractContextManager):
         self.call("Emulation.setDeviceMetricsOverride", {
             "width": width, "height": height, "mobile": phone, "deviceScaleFactor": 1 + phone})
         self.see("new Promise((done) => requestAnimationFrame(() => setTimeout(done, 300)))")
-        path = pathlib.Path(path)
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(self.driver.get_screenshot_as_png())
         return self.see("document.documentElement.scrollWidth > innerWidth")

@@ -139,13 +139,10 @@ WRAPPED(MAP_FAILED, mmap,
         (void* at, std::size_t length, int access, int flags, int fd, ::off_t from) noexcept, at,
         length, access, flags, fd, from)
 WRAPPED(-1, inotify_init1, (int flags) noexcept, flags)
-WRAPPED(-1, inotify_add_watch, (int fd, const char* path, std::uint32_t mask) noexcept, fd, path,
-        mask)
+WRAPPED(-1, inotify_add_watch, (int fd, const char* path, unsigned mask) noexcept, fd, path, mask)
 WRAPPED(-1, epoll_create1, (int flags) noexcept, flags)
-WRAPPED(-1, epoll_ctl, (int epoll, int how, int fd, ::epoll_event* event) noexcept, epoll, how, fd,
-        event)
-WRAPPED(-1, epoll_wait, (int epoll, ::epoll_event* events, int most, int timeout), epoll, events,
-        most, timeout)
+WRAPPED(-1, epoll_ctl, (int epoll, int how, int fd, epoll_event* to) noexcept, epoll, how, fd, to)
+WRAPPED(-1, epoll_wait, (int epoll, epoll_event* to, int most, int time), epoll, to, most, time)
 WRAPPED(errno, pthread_create,
         (::pthread_t * thread, const ::pthread_attr_t* attributes, void* (*body)(void*),
          void* argument) noexcept,

@@ -91,24 +91,24 @@ TEST_F(SkeldaFramesTool, ShowsNoControlCharacterAsItIs) {
 
 TEST_F(SkeldaFramesTool, NamesTheOffsetWhereALogStopsBeingWhole) {
   const std::string torn = event("name").substr(0, 40);
-  const std::tuple<std::string, int, std::string> cases[] = {
-      {"", 0, "whole, 0 frames, 0 bytes"},
-      {kCounter + event("a"), 0, "whole, 2 frames, 128 bytes"},
-      {kCounter + kWithCrc, 0, "whole, 2 frames, 80 bytes"},
-      {kCounter + torn, 1, "offset 50: torn frame: 40 of 82 bytes"},
-      {kCounter + "\1", 1, "offset 50: torn frame: 1 of 24 bytes"},
-      {kCounter + kWithCrc.substr(0, 28), 1, "offset 50: torn frame: 28 of 30 bytes"},
-      {kCounter + std::string(100, '\xAA'), 1,
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "whole, 0 frames, 0 bytes"},
+      {kCounter + event("a"), "whole, 2 frames, 128 bytes"},
+      {kCounter + kWithCrc, "whole, 2 frames, 80 bytes"},
+      {kCounter + torn, "offset 50: torn frame: 40 of 82 bytes"},
+      {kCounter + "\1", "offset 50: torn frame: 1 of 24 bytes"},
+      {kCounter + kWithCrc.substr(0, 28), "offset 50: torn frame: 28 of 30 bytes"},
+      {kCounter + std::string(100, '\xAA'),
        "offset 50: damaged frame: first byte 0xaa: bits 4 to 6 must be 0"},
-      {kCounter + frameBytes(1, 134, ""), 1, "offset 50: damaged frame: a payload of length 0"},
-      {kCounter + frameBytes(1, 9, "{}"), 1, "offset 50: damaged frame: unknown frame type 9"},
-      {kCounter + frameBytes(1, 134, "{"), 1,
+      {kCounter + frameBytes(1, 134, ""), "offset 50: damaged frame: a payload of length 0"},
+      {kCounter + frameBytes(1, 9, "{}"), "offset 50: damaged frame: unknown frame type 9"},
+      {kCounter + frameBytes(1, 134, "{"),
        "offset 50: damaged frame: the payload is no JSON object"},
-      {withCrc(frameBytes(0, 134, "{}"), 1) + kCounter, 1, "offset 0: damaged frame: CRC "},
+      {withCrc(frameBytes(0, 134, "{}"), 1) + kCounter, "offset 0: damaged frame: CRC "},
   };
-  for (const auto& [log, exit, verdict] : cases) {
+  for (const auto& [log, verdict] : cases) {
     const auto checked = runOn(log, "--verify");
-    EXPECT_EQ(checked.exit, exit) << verdict;
+    EXPECT_EQ(checked.exit, verdict.starts_with("whole") ? 0 : 1) << verdict;
     EXPECT_THAT(checked.out, StartsWith("log: " + verdict));
     EXPECT_EQ(checked.error, "");
   }
