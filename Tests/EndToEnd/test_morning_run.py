@@ -10,16 +10,6 @@ from support import (EMULATOR, FRAMES_TOOL, NAMELESS, NOWHERE, RECORDED, Collect
 THRESHOLD = 25
 
 
-def recorded():
-    """The recording, read on its own: (name, parameters as text) of each row, in order."""
-    return [(row[1], dict(zip(row[2::2], row[3::2]))) for row in recording()[1:]]
-
-
-def as_text(value):
-    """A number as the agent writes it: whole ones without a decimal point."""
-    return re.sub(r"^(-?\d+)\.0$", r"\1", value)
-
-
 class MorningRun(unittest.TestCase):
     def test_without_a_phone_the_next_start_commits_the_log_and_the_cap_holds(self):
         with Home() as home:
@@ -54,8 +44,9 @@ class MorningRun(unittest.TestCase):
     def check_events(self, home, received):
         events = events_of(received) + events_of([home.current_log.read_bytes()])
         arrived = [(frame.event_name, frame.event_parameters) for frame in events]
-        expected = [(name, {k: as_text(v) for k, v in parameters.items() if v})
-                    for name, parameters in recorded() if name]
+        # As the agent writes a number: a whole one without a decimal point.
+        expected = [(row[1], {key: re.sub(r"^(-?\d+)\.0$", r"\1", value) for key, value in zip(row[2::2], row[3::2]) if value})
+                    for row in recording()[1:] if row[1]]
         crowded = [i for i, (_, parameters) in enumerate(expected) if len(parameters) > 10]
         self.assertEqual(1, len(crowded))
         expected[crowded[0]] = (expected[crowded[0]][0], {})
