@@ -60,7 +60,7 @@ class Usage(typing.NamedTuple):
 class Chaos(Run):
     def __init__(self, minutes, seed):
         super().__init__(seed)
-        self.length, self.home = minutes * 60, self.stack.enter_context(Home())
+        self.length, self.home = minutes * 60, self.enter_context(Home())
         self.as_host = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
         self.contents = {}  # of every log and block that is gone, by name, as it was at first
         self.tampered = {}  # digest or name of what was damaged, to how
@@ -76,7 +76,7 @@ class Chaos(Run):
         mount = ["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", data]
         if ROOT_USER and subprocess.run(mount, capture_output=True).returncode == 0:
             self.small = data
-            self.stack.callback(subprocess.run, ["umount", "-l", data])
+            self.callback(subprocess.run, ["umount", "-l", data])
         give_identifiers(self.home)
         self.kept = data / "kept"  # on the same disk: what is kept costs no room at first
         self.kept.mkdir()
@@ -84,7 +84,7 @@ class Chaos(Run):
         with contextlib.suppress(OSError):
             os.setxattr(self.kept, "user.probe", b"1")
             self.blocks_carry_keys = True
-        self.collector = self.stack.enter_context(Collector(self.home.path / "collector"))
+        self.collector = self.enter_context(Collector(self.home.path / "collector"))
         self.environment = self.home.environment(SSL_CERT_FILE=self.collector.authority)
         threading.Thread(target=self.watch_addresses, daemon=True).start()
         if ROOT_USER:
@@ -118,7 +118,7 @@ class Chaos(Run):
 
     def start_host(self, threads=2, **how):
         host = self.start("--rate", str(RATE), "--events", "100000000", "--threads", str(threads), **how)
-        self.host = self.stack.enter_context(host)
+        self.host = self.enter_context(host)
 
     def limit(self, **soft):
         """Of descriptors ("nofile") or threads ("nproc"), under the host's own user, who may."""

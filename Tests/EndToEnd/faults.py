@@ -149,7 +149,7 @@ class Runner(Run):
     def __init__(self, runs, seed, only="", jobs=4):
         super().__init__(seed)
         self.runs, self.only, self.jobs, self.unreached = runs, only, jobs, 0
-        self.folder = self.stack.enter_context(tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
+        self.folder = self.enter_context(tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
         self.template = Home(bundle=HOST, path=pathlib.Path(self.folder) / "template")
         give_identifiers(self.template)
         before = self.template.run("before", "6")

@@ -52,7 +52,7 @@ class Kills(Run):
 
     def __init__(self, count, seed, on_disk=True):
         super().__init__(seed)
-        self.home, self.count = self.stack.enter_context(Home(on_disk=on_disk)), count
+        self.home, self.count = self.enter_context(Home(on_disk=on_disk)), count
         self.archive = self.home.path / "archive"  # the committed logs that are gone, by name
         self.archive.mkdir()
         self.told = self.home.path / "told"

@@ -204,12 +204,11 @@ class Process(contextlib.AbstractContextManager):
                                       stderr=subprocess.STDOUT, **popen)
         self.pid = self.child.pid
 
-    def kill(self):
+    def kill(self, *_):
         self.child.kill()
         self.child.wait()
 
-    def __exit__(self, *_):
-        self.kill()
+    __exit__ = kill
 
     @property
     def status(self):
@@ -276,10 +275,8 @@ class Collector(contextlib.AbstractContextManager):
 
     def stop(self):
         """Ends it as a service manager would; it must obey, cleanly."""
-        status = self.process.terminate()
-        self.process.kill()
-        if status != 0:
-            raise AssertionError(f"the collector ended with {status}:\n{self.process.output}")
+        if self.process.terminate() != 0:
+            raise AssertionError(f"the collector ended with {self.process.status}:\n{self.process.output}")
 
     def kill(self, *_):
         self.process.kill()
@@ -334,15 +331,12 @@ def fill(ballast):
             file.write(bytes(1024))
 
 
-class Run(contextlib.AbstractContextManager):
+class Run(contextlib.ExitStack):
     """One that goes on where something is wrong, and says all of it in the end."""
 
     def __init__(self, seed=None):
+        super().__init__()
         self.chance, self.problems, self.step = random.Random(seed), [], ""
-        self.stack = contextlib.ExitStack()
-
-    def __exit__(self, *_):
-        self.stack.close()
 
     def expect_alive(self, host):
         self.expect(host.child.poll() is None, f"the host ended by itself with {host.status}: {host.output[-2000:]}")

@@ -45,7 +45,8 @@ class MorningRun(unittest.TestCase):
         events = events_of(received) + events_of([home.current_log.read_bytes()])
         arrived = [(frame.event_name, frame.event_parameters) for frame in events]
         # As the agent writes a number: a whole one without a decimal point.
-        expected = [(row[1], {key: re.sub(r"^(-?\d+)\.0$", r"\1", value) for key, value in zip(row[2::2], row[3::2]) if value})
+        expected = [(row[1], {key: re.sub(r"^(-?\d+)\.0$", r"\1", value)
+                              for key, value in zip(row[2::2], row[3::2]) if value})
                     for row in recording()[1:] if row[1]]
         crowded = [i for i, (_, parameters) in enumerate(expected) if len(parameters) > 10]
         self.assertEqual(1, len(crowded))

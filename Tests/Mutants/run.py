@@ -180,7 +180,7 @@ class Trial:
         limit = 5 + 4 * sum(self.build.calm(name)[test] for test in tests) / 1000
         return self.build.run(self.folder / name, limit, f"--gtest_filter={':'.join(tests)}", *options)
 
-    def first(self, name, slowest=float("inf")):
+    def first(self, name, slowest):
         """[One test that notices], or []."""
         calm = self.build.calm(name)
         for least, most in (0, QUICK), (QUICK, slowest):
@@ -233,8 +233,10 @@ def judge(build, mutant, whole):
         others = [name for name in build.programs if name != own and build.concerns(f"Tests/{name}", member)]
         found = []
         for name in [own] if mutant.equivalent and not whole else [own, *others]:
-            if whole or not found:
-                found += trial.asked(name, trial.every) if whole else trial.asked(name, trial.first, *[SLOW] * (name != own))
+            if whole:
+                found += trial.asked(name, trial.every)
+            elif not found:
+                found += trial.asked(name, trial.first, float("inf") if name == own else SLOW)
     return Verdict("noticed" if found else "lives", found)
 
 
