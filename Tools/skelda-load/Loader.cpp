@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -19,7 +20,8 @@ constexpr auto kBetweenComparisons = 5s;  // while there is trouble
 constexpr int kRest = 5;                  // as long as a comparison took
 constexpr auto kTroubleLasts = 30s;       // what it left behind may show later
 constexpr std::size_t kDigestsAtOnce = 1000;
-constexpr std::size_t kLogsAtOnce = 64;
+constexpr std::size_t kLogsAtOnce = 64;     // of those that are missing
+constexpr std::size_t kLogsTogether = 128;  // in a transaction
 constexpr std::size_t kDigestLength = 64;
 
 /// Whoever else publishes may use other ids: of these only the consumer tells.
@@ -83,7 +85,8 @@ void Loader::run(bool untilEmpty) {
       waits = true;  // for what others have taken and not acknowledged
       continue;
     }
-    if (!retrying([&] { load(messages); })) return;
+    std::size_t loaded = 0;
+    if (!retrying([&] { load(messages, loaded); })) return;
     stream_.acknowledge(messages);
     figures_.behind = messages.back().behind();
   }
@@ -151,7 +154,8 @@ Loader::Difference Loader::compare(Wall::time_point since) {
     while (from != missing.cend() && some.size() < kLogsAtOnce) some.push_back(*from++);
     const auto messages = stream_.at(some);
     const std::uint64_t before = figures_.logs;
-    if (!messages.empty()) load(messages);
+    std::size_t loaded = 0;
+    if (!messages.empty()) load(messages, loaded);
     difference.missed += figures_.logs - before;
     figures_.passedOver += figures_.logs - before;
   }
@@ -170,39 +174,52 @@ bool Loader::isConsumerShort(const LogStream::Place& place, std::uint64_t last) 
   return true;
 }
 
-void Loader::load(const Messages& messages) {
-  std::vector<LogRows> rows;
-  rows.reserve(messages.size());
-  for (const StreamedMessage& message : messages) rows.push_back(LogRows::of(message.log()));
-  load(messages, rows, 0, rows.size());
+void Loader::load(const Messages& messages, std::size_t& loaded) {
+  const auto endOf = [&](std::size_t first) {
+    return std::min(first + kLogsTogether, messages.size());
+  };
+  const auto read = [&](std::size_t first) {
+    std::vector<LogRows> rows;
+    for (std::size_t i = first; i < endOf(first); ++i)
+      rows.push_back(LogRows::of(messages[i].log()));
+    return rows;
+  };
+  auto next = std::async(std::launch::async, read, loaded);
+  while (loaded < messages.size()) {
+    std::vector<LogRows> rows = next.get();
+    const std::size_t end = endOf(loaded);
+    if (end < messages.size()) next = std::async(std::launch::async, read, end);
+    load(Part(messages).subspan(loaded, rows.size()), rows);
+    loaded = end;
+  }
 }
 
-void Loader::load(const Messages& messages, std::vector<LogRows>& rows, std::size_t first,
-                  std::size_t count) {
+void Loader::load(Part messages, std::span<LogRows> rows) {
   Figures added;
   try {
-    added.logs = database_.add({rows.data() + first, count}, [&](std::size_t index) {
-      const LogRows& log = rows[first + index];
+    added.logs = database_.add(rows, [&](std::size_t index) {
+      const LogRows& log = rows[index];
       added.events += log.events;
       if (log.fault.empty()) return;
       // Before the commit: afterwards nobody would know that it still has to be done.
-      stream_.keepDamaged(messages[first + index], log.fault);
+      stream_.keepDamaged(messages[index], log.fault);
       ++added.damaged;
     });
   } catch (const Database::Refused& why) {
-    if (count > 1) {
-      load(messages, rows, first, count / 2);
-      return load(messages, rows, first + count / 2, count - count / 2);
+    if (rows.size() > 1) {
+      const std::size_t half = rows.size() / 2;
+      load(messages.first(half), rows.first(half));
+      return load(messages.subspan(half), rows.subspan(half));
     }
     // What it refuses of a row with nothing but numbers lies elsewhere: that is tried again.
-    if (rows[first].events == 0 && rows[first].frames == 0) throw Database::Unavailable(why.what());
-    rows[first] = LogRows::refused(messages[first].log(), why.what());
-    return load(messages, rows, first, 1);
+    if (rows[0].events == 0 && rows[0].frames == 0) throw Database::Unavailable(why.what());
+    rows[0] = LogRows::refused(messages[0].log(), why.what());
+    return load(messages, rows);
   }
   figures_.logs += added.logs;
   figures_.events += added.events;
   figures_.damaged += added.damaged;
-  figures_.repeats += count - added.logs;
+  figures_.repeats += rows.size() - added.logs;
 }
 
 }  // namespace skelda::tools

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,9 @@
 
 namespace skelda::tools {
 
-/// Carries logs from the stream into the database: a batch is taken, written in one transaction,
-/// and acknowledged when that is committed. Whatever ends in between, comes again and is known by
-/// its digest. One thread.
+/// Carries logs from the stream into the database: a batch is taken, written in a few
+/// transactions, and acknowledged when these are committed. Whatever ends in between, comes again
+/// and is known by its digest. To be used by one thread; another one reads logs ahead.
 ///
 /// The consumer goes by places. Where the stream's servers lost messages and gave their places to
 /// others, these are never given out; and a server that stays behind the others gives out less than
@@ -65,11 +66,13 @@ class Loader {
   /// Whether the server that leads the consumer has less than the stream, up to `last` at least; it
   /// is then asked to leave that to another one.
   bool isConsumerShort(const LogStream::Place& place, std::uint64_t last);
-  void load(const Messages& messages);
-  /// The part from `first` on, `count` long; halved while the database refuses it, so that what it
-  /// refuses at last is one log.
-  void load(const Messages& messages, std::vector<LogRows>& rows, std::size_t first,
-            std::size_t count);
+  /// From the one on of which `loaded` tells, and which it moves: what is in the database need not
+  /// be tried again. While it takes in some of them, the next ones are read.
+  void load(const Messages& messages, std::size_t& loaded);
+  using Part = std::span<const StreamedMessage>;
+  /// In one transaction; halved while the database refuses it, so that what it refuses at last is
+  /// one log.
+  void load(Part messages, std::span<LogRows> rows);
 
   LogStream& stream_;
   Database& database_;
