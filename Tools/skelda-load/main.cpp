@@ -38,7 +38,8 @@ void describe(CLI::App& app, Options& options) {
   app.add_option("--durable", options.stream.durable,
                  "The name of the consumer; loaders of one name share the work")
       ->capture_default_str();
-  app.add_option("--batch", options.stream.logs, "Logs that are taken from the stream and acknowledged together")
+  app.add_option("--batch", options.stream.logs,
+                 "Logs that are taken from the stream and acknowledged together")
       ->check(CLI::Range(1, 4096))
       ->capture_default_str();
   app.add_option("--ack-wait", options.ackWait,
