@@ -2,8 +2,7 @@
 
 #include "Analytics/Utils/SkeldaKVStorage.h"
 #include "Analytics/Utils/SkeldaUtil.h"
-#include "Platform/Foundation/Bundle.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -28,16 +27,6 @@ class AgentHome : public TemporaryHome {
     SkeldaUtil::resetFilePathDirectory();
     SkeldaKVStorage::resetSharedInstance();
   }
-};
-
-/// Makes this process the watch extension of an application with that Info.plist while it lives.
-class HostBundle {
- public:
-  explicit HostBundle(Dictionary information = {},
-                      const std::string& path = "/Run.app/PlugIns/Watch.appex") {
-    Bundle::setMain(std::make_shared<Bundle>(path, path + "/run", std::move(information)));
-  }
-  ~HostBundle() { Bundle::setMain(nullptr); }
 };
 
 }  // namespace skelda::testing

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Tests/Support/Testing.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <fmt/format.h>
-
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 
@@ -10,8 +8,9 @@ inline std::string document(const std::string& name) {
   return readFile(std::string(SKELDA_DOCS_FOLDER) + "/" + name);
 }
 
-/// What stands between "```info" and the next "```"; empty where there is no such block.
-inline std::string fencedBlock(const std::string& text, const std::string& info) {
+/// What stands there between "```info" and the next "```"; empty where there is no such block.
+inline std::string fencedBlock(const std::string& name, const std::string& info) {
+  const std::string text = document(name);
   const std::size_t begin = text.find("```" + info + "\n");
   if (begin == std::string::npos) return {};
   const std::size_t first = text.find('\n', begin) + 1;

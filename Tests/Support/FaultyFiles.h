@@ -2,7 +2,7 @@
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/FileCalls.h"
-#include "Tests/Support/Testing.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 
@@ -116,37 +116,32 @@ class FaultyFileCalls : public FileCalls {
   }
   FaultPlan* operator->() const { return plan_.get(); }
 
-#define SKELDA_MAY_FAIL(result, call, where, parameters, arguments) \
-  result call parameters override {                                 \
-    return fails(#call, where) ? -1 : FileCalls::call arguments;    \
+#define MAY_FAIL(result, call, where, parameters, arguments)     \
+  result call parameters override {                              \
+    return fails(#call, where) ? -1 : FileCalls::call arguments; \
   }
-  SKELDA_MAY_FAIL(int, open, path, (const char* path, int flags, ::mode_t mode),
-                  (path, flags, mode))
-  SKELDA_MAY_FAIL(int, status, fd, (int fd, struct ::stat* status), (fd, status))
-  SKELDA_MAY_FAIL(int, statusAt, path, (const char* path, struct ::stat* status), (path, status))
-  SKELDA_MAY_FAIL(int, linkStatusAt, path, (const char* path, struct ::stat* status),
-                  (path, status))
-  SKELDA_MAY_FAIL(int, truncate, fd, (int fd, ::off_t length), (fd, length))
-  SKELDA_MAY_FAIL(int, alwaysAppend, fd, (int fd), (fd))
-  SKELDA_MAY_FAIL(int, allocate, fd, (int fd, ::off_t length), (fd, length))
-  SKELDA_MAY_FAIL(int, syncData, fd, (int fd), (fd))
-  SKELDA_MAY_FAIL(int, sync, fd, (int fd), (fd))
-  SKELDA_MAY_FAIL(int, rename, to, (const char* from, const char* to), (from, to))
-  SKELDA_MAY_FAIL(int, renameNoReplace, to, (const char* from, const char* to), (from, to))
-  SKELDA_MAY_FAIL(int, link, to, (const char* from, const char* to), (from, to))
-  SKELDA_MAY_FAIL(int, unlink, path, (const char* path), (path))
-  SKELDA_MAY_FAIL(int, makeDirectory, path, (const char* path, ::mode_t mode), (path, mode))
-  SKELDA_MAY_FAIL(int, removeDirectory, path, (const char* path), (path))
-  SKELDA_MAY_FAIL(::ssize_t, entries, fd, (int fd, void* room, std::size_t length),
-                  (fd, room, length))
-  SKELDA_MAY_FAIL(int, lock, fd, (int fd, int operation), (fd, operation))
-  SKELDA_MAY_FAIL(::ssize_t, attribute, path,
-                  (const char* path, const char* name, void* value, std::size_t length),
-                  (path, name, value, length))
-  SKELDA_MAY_FAIL(int, setAttribute, path,
-                  (const char* path, const char* name, const void* value, std::size_t length),
-                  (path, name, value, length))
-#undef SKELDA_MAY_FAIL
+  MAY_FAIL(int, open, path, (const char* path, int flags, ::mode_t mode), (path, flags, mode))
+  MAY_FAIL(int, status, fd, (int fd, struct ::stat* status), (fd, status))
+  MAY_FAIL(int, statusAt, path, (const char* path, struct ::stat* status), (path, status))
+  MAY_FAIL(int, linkStatusAt, path, (const char* path, struct ::stat* status), (path, status))
+  MAY_FAIL(int, truncate, fd, (int fd, ::off_t length), (fd, length))
+  MAY_FAIL(int, alwaysAppend, fd, (int fd), (fd))
+  MAY_FAIL(int, allocate, fd, (int fd, ::off_t length), (fd, length))
+  MAY_FAIL(int, syncData, fd, (int fd), (fd))
+  MAY_FAIL(int, sync, fd, (int fd), (fd))
+  MAY_FAIL(int, rename, to, (const char* from, const char* to), (from, to))
+  MAY_FAIL(int, renameNoReplace, to, (const char* from, const char* to), (from, to))
+  MAY_FAIL(int, link, to, (const char* from, const char* to), (from, to))
+  MAY_FAIL(int, unlink, path, (const char* path), (path))
+  MAY_FAIL(int, makeDirectory, path, (const char* path, ::mode_t mode), (path, mode))
+  MAY_FAIL(int, removeDirectory, path, (const char* path), (path))
+  MAY_FAIL(::ssize_t, entries, fd, (int fd, void* room, std::size_t length), (fd, room, length))
+  MAY_FAIL(int, lock, fd, (int fd, int operation), (fd, operation))
+  MAY_FAIL(::ssize_t, attribute, path,
+           (const char* path, const char* name, void* to, std::size_t size), (path, name, to, size))
+  MAY_FAIL(int, setAttribute, path,
+           (const char* path, const char* key, const void* of, std::size_t n), (path, key, of, n))
+#undef MAY_FAIL
   ::ssize_t read(int fd, void* bytes, std::size_t length, ::off_t at) override {
     return limited("read", fd, length, [&](auto n) { return FileCalls::read(fd, bytes, n, at); });
   }
@@ -154,11 +149,9 @@ class FaultyFileCalls : public FileCalls {
     return limited("write", fd, length, [&](auto n) { return FileCalls::write(fd, bytes, n, at); });
   }
   int close(int fd) override {
-    const bool isToFail = fails("close", fd);
-    const int error = errno;
+    const auto fault = faultAt("close", fd);
     const int result = FileCalls::close(fd);
-    errno = isToFail ? error : errno;
-    return isToFail ? -1 : result;
+    return fault ? errno = fault->error, -1 : result;
   }
   ::ssize_t copyRange(int from, ::off_t* fromOffset, int to, ::off_t* toOffset,
                       std::size_t length) override {
@@ -195,8 +188,8 @@ class FaultyFileCalls : public FileCalls {
     if (!fault->shortLength) return errno = fault->error, -1;
     // Half of one byte would be the end of the file.
     const std::size_t half = std::max(length / 2, std::min<std::size_t>(length, 1));
-    const auto done =
-        call(std::min(fault->shortLength == Fault::kHalf ? half : *fault->shortLength, length));
+    const auto wanted = *fault->shortLength;
+    const auto done = call(wanted == Fault::kHalf ? half : std::min(wanted, length));
     if (fault->kills) ::kill(::getpid(), SIGKILL);
     return done;
   }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Platform/Base/Log.h"
-#include "Tests/Support/Testing.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 
@@ -24,13 +24,12 @@ class LogCapture {
   std::size_t count(std::string_view part) const {
     arrive();
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        lines_.begin(), lines_.end(),
-        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+    const auto has = [&](const std::string& line) { return line.find(part) != line.npos; };
+    return static_cast<std::size_t>(std::ranges::count_if(lines_, has));
   }
 
  private:
-  static void arrive() { EXPECT_TRUE(Log::flush(std::chrono::seconds(10))); }
+  static void arrive() { EXPECT_TRUE(Log::flush(10s)); }
 
   mutable std::mutex mutex_;
   Texts lines_;

@@ -1,13 +1,9 @@
 #include "Tests/Support/LoopbackServer.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
-
-#include <cctype>
 
 namespace skelda::testing {
 
@@ -43,22 +39,17 @@ bool ServerConnection::readHead(ReceivedRequest& request) {
   std::size_t end = 0;
   while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
     if (!fill()) return false;
-  std::string head = buffer_.substr(0, end + 2);
+  std::istringstream head(buffer_.substr(0, end + 2));
   buffer_.erase(0, end + 4);
   request = {};
   request.connection = number_;
-  request.method = head.substr(0, head.find(' '));
-  const std::size_t target = request.method.size() + 1;
-  request.target = head.substr(target, head.find(' ', target) - target);
-  for (std::size_t at = head.find("\r\n") + 2; at < head.size();) {
-    const std::size_t line = head.find("\r\n", at);
-    const std::size_t colon = head.find(':', at);
-    std::string name = head.substr(at, colon - at);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](char c) { return static_cast<char>(std::tolower(c)); });
-    const std::size_t value = head.find_first_not_of(' ', colon + 1);
-    request.fields.emplace_back(name, head.substr(value, line - value));
-    at = line + 2;
+  std::string line;
+  head >> request.method >> request.target;
+  for (std::getline(head, line); std::getline(head, line, '\r'); head.ignore()) {
+    std::string name = line.substr(0, line.find(':'));
+    const std::size_t value = std::min(line.find_first_not_of(' ', name.size() + 1), line.size());
+    for (char& c : name) c = static_cast<char>(std::tolower(c));
+    request.fields.emplace_back(name, line.substr(value));
   }
   return true;
 }
@@ -73,14 +64,11 @@ bool ServerConnection::readBody(ReceivedRequest& request) {
   return true;
 }
 
-bool ServerConnection::readRequest(ReceivedRequest& request) {
-  return readHead(request) && readBody(request);
-}
-
 bool ServerConnection::send(std::string_view bytes) {
   while (!bytes.empty() && socket_ >= 0) {
+    const int size = static_cast<int>(bytes.size());
     const ssize_t sent = tls_ != nullptr
-                             ? SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size()))
+                             ? SSL_write(tls_, bytes.data(), size)
                              : ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     ERR_clear_error();
     if (sent <= 0) return false;
@@ -117,27 +105,24 @@ LoopbackServer::LoopbackServer(ConnectionHandler handler, Options options, int)
 }
 
 LoopbackServer::LoopbackServer(RequestHandler handler, Options options)
-    : LoopbackServer(
-          [handler = std::move(handler)](ServerConnection& connection) {
-            ReceivedRequest request;
-            while (connection.readRequest(request)) handler(connection, request);
-          },
-          std::move(options), 0) {}
+    : LoopbackServer(ConnectionHandler([handler](ServerConnection& connection) {
+                       ReceivedRequest request;
+                       while (connection.readRequest(request)) handler(connection, request);
+                     }),
+                     std::move(options), 0) {}
 
 std::unique_ptr<LoopbackServer> LoopbackServer::raw(ConnectionHandler handler, Options options) {
-  return std::unique_ptr<LoopbackServer>(
-      new LoopbackServer(std::move(handler), std::move(options), 0));
+  auto* const server = new LoopbackServer(std::move(handler), std::move(options), 0);
+  return std::unique_ptr<LoopbackServer>(server);
 }
 
 void LoopbackServer::listen() {
   if (options_.certificate) {
     context_ = SSL_CTX_new(TLS_server_method());
-    if (SSL_CTX_use_certificate_file(context_, options_.certificate->certificateFile.c_str(),
-                                     SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_use_PrivateKey_file(context_, options_.certificate->keyFile.c_str(),
-                                    SSL_FILETYPE_PEM) != 1) {
+    const auto& [certificate, key] = *options_.certificate;
+    if (SSL_CTX_use_certificate_file(context_, certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM) != 1)
       throw std::runtime_error("unable to read the server's certificate");
-    }
     if (options_.newestTLS != 0) {
       SSL_CTX_set_min_proto_version(context_, options_.newestTLS);
       SSL_CTX_set_max_proto_version(context_, options_.newestTLS);
@@ -149,11 +134,10 @@ void LoopbackServer::listen() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listener_, 64) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  auto* const plain = reinterpret_cast<sockaddr*>(&address);
+  if (::bind(listener_, plain, length) != 0 || ::listen(listener_, 64) != 0 ||
+      ::getsockname(listener_, plain, &length) != 0)
     throw std::runtime_error("unable to listen on the loopback");
-  }
   port_ = ntohs(address.sin_port);
   acceptor_ = std::thread([this] { acceptAll(); });
 }
@@ -192,8 +176,7 @@ void LoopbackServer::serve(int socket, std::size_t number) {
 }
 
 std::string LoopbackServer::url(const std::string& path) const {
-  return (context_ != nullptr ? "https://127.0.0.1:" : "http://127.0.0.1:") +
-         std::to_string(port_) + path;
+  return fmt::format("{}://127.0.0.1:{}{}", context_ ? "https" : "http", port_, path);
 }
 
 bool LoopbackServer::waitUntil(const std::function<bool()>& condition) const {
@@ -205,10 +188,6 @@ bool LoopbackServer::waitUntil(const std::function<bool()>& condition) const {
     if (std::chrono::steady_clock::now() > deadline) return false;
   }
   return true;
-}
-
-bool LoopbackServer::waitForRequests(std::size_t count) const {
-  return waitUntil([&] { return requestCount() >= count; });
 }
 
 void LoopbackServer::hold() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 #include "Tools/skelda-collector/Certificates.h"
 
 struct ssl_ctx_st;
@@ -36,9 +36,6 @@ class TestAuthority {
   ScopedEnvironment environment_;
 };
 
-/// What every wait of these tests is bounded by.
-inline constexpr std::chrono::seconds kPatience{20};
-
 struct ReceivedRequest {
   std::string method;
   std::string target;
@@ -60,7 +57,7 @@ struct LoopbackServerOptions {
 class ServerConnection {
  public:
   /// Reads a request head, then as much of its body as was announced.
-  bool readRequest(ReceivedRequest& request);
+  bool readRequest(ReceivedRequest& request) { return readHead(request) && readBody(request); }
   bool readHead(ReceivedRequest& request);
   bool readBody(ReceivedRequest& request);
   bool send(std::string_view bytes);
@@ -102,16 +99,15 @@ class LoopbackServer {
   std::string url(const std::string& path = "/v1/skd.do") const;
   std::uint16_t port() const { return port_; }
   std::vector<ReceivedRequest> requests() const { return locked(requests_); }
-  std::size_t requestCount() const {
-    std::lock_guard lock(mutex_);
-    return requests_.size();
-  }
+  std::size_t requestCount() const { return requests().size(); }
   std::size_t connections() const { return locked(connections_); }
   std::size_t openConnections() const { return locked(sockets_).size(); }
 
   /// Until `condition`, looked at whenever something happens at the server, holds.
   bool waitUntil(const std::function<bool()>& condition) const;
-  bool waitForRequests(std::size_t count) const;
+  bool waitForRequests(std::size_t count) const {
+    return waitUntil([&] { return requestCount() >= count; });
+  }
 
   /// A handler's way of not answering: returns when release() is called, or the server goes.
   void hold();
@@ -158,9 +154,8 @@ class LoopbackServer {
   bool stopping_ = false;
 };
 
-inline LoopbackServer::RequestHandler answering(int status, std::string body = {},
-                                                std::string fields = {}) {
-  return [=](auto& connection, auto&) { connection.answer(status, body, fields); };
+inline auto answering(int status, std::string body = {}, std::string fields = {}) {
+  return [=](ServerConnection& to, const ReceivedRequest&) { to.answer(status, body, fields); };
 }
 
 }  // namespace skelda::testing

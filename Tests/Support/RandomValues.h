@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Platform/Foundation/Value.h"
-#include "Tests/Support/Testing.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 

@@ -1,13 +1,16 @@
 #pragma once
 
-#include "Tests/Support/Testing.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 
-/// Whether the condition holds at some time within twenty seconds; for what nobody tells of.
+/// What every wait of the tests is bounded by.
+inline constexpr std::chrono::seconds kPatience{20};
+
+/// Whether the condition holds at some time before that; for what nobody tells of.
 template <class Condition>
 bool becomes(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::yield();
@@ -25,9 +28,7 @@ void settle(Actor& actor) {
 template <class Body>
 void inThreads(unsigned count, Body&& body) {
   std::vector<std::thread> threads;
-  for (unsigned thread = 0; thread < count; ++thread) {
-    threads.emplace_back([&body, thread] { body(thread); });
-  }
+  for (unsigned i = 0; i < count; ++i) threads.emplace_back([&body, i] { body(i); });
   for (auto& thread : threads) thread.join();
 }
 
@@ -40,18 +41,17 @@ class Recorded {
     things_.push_back(std::move(thing));
     changed_.notify_all();
   }
-  /// All of it, once there is so much or twenty seconds have passed.
-  std::vector<Thing> wait(std::size_t count,
-                          std::chrono::milliseconds atMost = std::chrono::seconds(20)) {
+  /// All of it, once there is so much or the time is over.
+  std::vector<Thing> wait(std::size_t count, std::chrono::milliseconds atMost = kPatience) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, atMost, [&] { return things_.size() >= count; });
     return things_;
   }
-  /// Whether all of it meets the condition at some time within twenty seconds.
+  /// Whether all of it meets the condition at some time before the patience ends.
   template <class Condition>
   bool waitUntil(Condition condition) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return condition(things_); });
+    return changed_.wait_for(lock, kPatience, [&] { return condition(things_); });
   }
   std::vector<Thing> all() { return wait(0); }
   std::size_t size() { return all().size(); }

@@ -2,7 +2,6 @@
 
 #include "Platform/Foundation/URLSession.h"
 #include "Tests/Support/LoopbackServer.h"
-#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 
@@ -21,9 +20,8 @@ class SessionProbe : public URLSessionDelegate, public Recorded<std::int64_t> {
     redirects.push_back(redirecting.statusCode);
     decide(rule_ ? rule_(std::move(proposed)) : std::optional(std::move(proposed)));
   }
-  void didCompleteWithError(URLSession& session, URLSessionTask& task,
-                            const ErrorRef& error) override {
-    wasOnQueue = session.delegateQueue()->isCurrent();
+  void didCompleteWithError(URLSession& of, URLSessionTask& task, const ErrorRef& error) override {
+    wasOnQueue = of.delegateQueue()->isCurrent();
     code = error != nullptr ? error->code() : 0;
     isURLError = error == nullptr || error->hasDomain(urlErrorDomain());
     response = task.response();

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "Tests/Support/Testing.h"
+#include "Platform/Foundation/Bundle.h"
+#include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
 
@@ -73,6 +74,15 @@ class TemporaryHome : public TemporaryDirectory {
   ScopedEnvironment environment_;
 };
 
+/// Makes this process the watch extension of an application with that Info.plist while it lives.
+struct HostBundle {
+  explicit HostBundle(Dictionary of = {},
+                      const std::string& path = "/Run.app/PlugIns/Watch.appex") {
+    Bundle::setMain(std::make_shared<Bundle>(path, path + "/run", std::move(of)));
+  }
+  ~HostBundle() { Bundle::setMain(nullptr); }
+};
+
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
@@ -96,16 +106,15 @@ inline Texts namesIn(const std::string& folder) {
   std::error_code absent;
   for (const auto& entry : std::filesystem::directory_iterator(folder, absent))
     names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
+  std::ranges::sort(names);
   return names;
 }
 /// The paths under which what stood at that path was set aside.
 inline Texts setAsideOf(const std::string& path) {
   const std::string folder = std::filesystem::path(path).parent_path();
   Texts paths;
-  for (const auto& name : namesIn(folder)) {
-    if ((folder + "/" + name).starts_with(path + ".unread_")) paths.push_back(folder + "/" + name);
-  }
+  for (const auto& name : namesIn(folder)) paths.push_back(folder + "/" + name);
+  std::erase_if(paths, [&](auto& other) { return !other.starts_with(path + ".unread_"); });
   return paths;
 }
 

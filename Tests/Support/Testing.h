@@ -1,50 +1,12 @@
 #pragma once
 
-// What every test has at hand: the framework, the standard library, the system, the layer's names.
+// What a test of the agent or of its platform layer has at hand, beside the basics.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <bit>
-#include <chrono>
-#include <cmath>
-#include <condition_variable>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <limits>
-#include <list>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <numeric>
-#include <optional>
-#include <random>
-#include <set>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "Platform/Platform.h"
-
-namespace skelda::testing {
-using namespace platform;
-using namespace std::chrono_literals;
-using Texts = std::vector<std::string>;
-inline void addWord(std::string& words, const std::string& word) {
-  words += (words.empty() ? "" : " ") + word;
-}
-}  // namespace skelda::testing
-// The tests themselves stand in no namespace but one without a name.
-using namespace skelda::testing;  // NOLINT
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/FaultyFiles.h"
+#include "Tests/Support/LogCapture.h"
+#include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"

@@ -2,7 +2,7 @@
 
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Support/Recorded.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
@@ -27,8 +27,7 @@ class Notices {
             })) {}
   ~Notices() { NotificationCenter::defaultCenter().removeObserver(token_); }
   bool wait(bool reachable) {
-    return reachable_.waitUntil(
-        [&](const auto& all) { return !all.empty() && all.back() == reachable; });
+    return reachable_.waitUntil([&](auto& all) { return all.size() && all.back() == reachable; });
   }
 
  private:
@@ -38,9 +37,8 @@ class Notices {
 
 TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {
   if (std::getenv(kInside) == nullptr) {
-    if (!run("unshare -rn ip link add v0 type veth peer name v1 2>/dev/null")) {
+    if (!run("unshare -rn ip link add v0 type veth peer name v1 2>/dev/null"))
       GTEST_SKIP() << "no network namespace with a link in it may be made here";
-    }
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     EXPECT_TRUE(run(std::string(kInside) + "=1 unshare -rn '" + self +
                     "' --gtest_filter='SkeldaReachability.Follows*' >&2"));

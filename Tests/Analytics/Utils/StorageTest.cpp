@@ -3,7 +3,6 @@
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Security/Keychain.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/FaultyFiles.h"
 
 namespace {
 
@@ -64,8 +63,7 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformBecomesAnErrorOfTheHandle) {
       {"write", [&] { return handle_.writeData(Data("lost"), &error_), error_ == nullptr; }, 6, 1},
       {"alwaysAppend", [&] { return handle_.seekToEndOfFile(); }, 0, 0},
       {"truncate", [&] { return handle_.truncateFileToZeroBytes(); }, 0, 0},
-      {"syncData", [&] { return handle_.synchronizeFile(); }, 0, 0},
-  };
+      {"syncData", [&] { return handle_.synchronizeFile(); }, 0, 0}};
   for (const auto& [kind, operation, code, closedCode] : cases) {
     handle_.openForReadingFile(path_, nullptr);
     plan_->failKind(kind);
@@ -142,18 +140,16 @@ TEST_F(KVStorageTest, NilKeysAndWhatNoPropertyListHoldsAreRefused) {
 }
 
 TEST_F(KVStorageTest, WhatIsNoStoreIsAnEmptyOneAndIsSetAsideWhereItIsNoFile) {
+  const auto list = archivedData({"NSArray", Array{1, 2}});
   const std::function<void()> cases[] = {
       [&] { writeFile(path_, ""); },
       [&] { writeFile(path_, "garbage"); },
       [&] { writeFile(path_, "{\"archive\":\"skelda\",\"version\":1"); },
-      [&] {
-        writeFile(path_, archivedData({"NSArray", Array{1, 2}}).view());
-      },
+      [&] { writeFile(path_, list.view()); },
       [&] { writeFile(path_, std::string(100, '[')); },
       [&] { std::filesystem::create_directories(path_ + "/inside"); },
       [&] { ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0); },
-      [&] { std::filesystem::create_symlink("/dev/zero", path_); },
-  };
+      [&] { std::filesystem::create_symlink("/dev/zero", path_); }};
   SkeldaUtil::filePathDirectory();
   for (const auto& make : cases) {
     SCOPED_TRACE(&make - cases);

@@ -17,18 +17,11 @@ class Scenario {
 
   Scenario(const char* name, Body body) { all()[name] = body; }
 
-  /// The name of the scenario this process is for; empty in the test program itself.
-  static std::string_view requested() {
-    const char* name = ::getenv(kVariable);
-    return name == nullptr ? "" : name;
-  }
-  static int runRequested() {
-    const auto found = all().find(requested());
-    return found == all().end() ? 127 : found->second();
-  }
+  /// The name of the scenario this process is for; null in the test program itself.
+  static const char* requested() { return ::getenv(kVariable); }
+  static int runRequested() { return all().at(requested())(); }
 
   struct Outcome {
-    int status = -1;
     std::string output;
 
     int count(std::string_view part) const {
@@ -38,24 +31,23 @@ class Scenario {
     }
   };
 
-  /// Runs it to its end in the environment of this moment, its log set to `log`.
-  static Outcome run(const std::string& name, const std::string& log = "stderr") {
+  /// Runs it to its end in the environment of this moment.
+  static Outcome run(const std::string& name) {
     const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const auto command =
-        std::string(kVariable) + "='" + name + "' SKELDA_LOG='" + log + "' '" + self + "' 2>&1";
+    const auto command = fmt::format("{}='{}' SKELDA_LOG=stderr '{}' 2>&1", kVariable, name, self);
     FILE* child = ::popen(command.c_str(), "re");
     if (child == nullptr) throw std::runtime_error("popen");
     Outcome outcome;
     char buffer[4096];
     for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;)
       outcome.output.append(buffer, got);
-    outcome.status = ::pclose(child);
+    EXPECT_EQ(::pclose(child), 0) << outcome.output;
     return outcome;
   }
 
  private:
-  static std::map<std::string, Body, std::less<>>& all() {
-    static std::map<std::string, Body, std::less<>> scenarios;
+  static std::map<std::string, Body>& all() {
+    static std::map<std::string, Body> scenarios;
     return scenarios;
   }
 };

@@ -27,14 +27,10 @@ TEST(Counted, EndsOnceWithItsLastHolderWhileWhoKnowsOfItStays) {
   EXPECT_TRUE(known.expired());
 }
 
-TEST(Counted, GivesTheRoomBackWhenItsObjectIsNotMade) {
+TEST(Counted, GivesTheRoomBackOfOneThatIsNotMadeAndTellsOneThatSharesItself) {
   int ends = 0;
   EXPECT_THROW(makeCounted<Seen>(&ends, true), std::runtime_error);
   EXPECT_EQ(ends, 0);
-}
-
-TEST(Counted, TellsAnObjectThatSharesItself) {
-  int ends = 0;
   const auto held = makeCounted<Sharing>(&ends);
   EXPECT_EQ(held->shared_from_this(), held);
 }

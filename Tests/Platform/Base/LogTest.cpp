@@ -1,6 +1,5 @@
 #include "Platform/Base/Log.h"
 
-#include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,12 +8,9 @@
 
 #include "Platform/Base/LogDestination.h"
 #include "Platform/Base/LogFormat.h"
-#include "Tests/Support/Recorded.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
-
-constexpr std::chrono::seconds kPatience{30};
 
 /// Something else as standard error, for as long as it lives.
 class StandardError {
@@ -246,9 +242,8 @@ TEST_F(LogTest, TakesNoneOfTheStandardDescriptorsAndNoPlaceThatNobodyReads) {
   select(fifo);
   Log::write("to standard error");
   EXPECT_TRUE(readFile(folder_ / "stderr").ends_with("to standard error\n"));
-  EXPECT_EQ(
-      errors.linesWithoutPrefix("] to standard"),
-      "Skelda: SKELDA_LOG: " + fifo + ": No such device or address: lines go to standard error\n");
+  const char* const why = ": No such device or address: lines go to standard error\n";
+  EXPECT_EQ(errors.linesWithoutPrefix("] to standard"), "Skelda: SKELDA_LOG: " + fifo + why);
 }
 
 TEST_F(LogTest, SpeaksToTheSystemsLogInItsWords) {
@@ -273,8 +268,7 @@ TEST_F(LogTest, KeepsLinesOfManyThreadsWhole) {
   select(path);
   constexpr int kLines = 200;
   inThreads(4, [](unsigned i) {
-    for (int line = 0; line < kLines; ++line)
-      Log::write(std::string(300, static_cast<char>('a' + i)));
+    for (int line = 0; line < kLines; ++line) Log::write(std::string(300, "abcd"[i]));
   });
   std::istringstream lines(readFile(path));
   int whole = 0;

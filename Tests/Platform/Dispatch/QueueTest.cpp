@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
@@ -41,8 +39,7 @@ TEST(QueueTest, WhatASynchronousBlockThrowsReachesTheCallerAndLeavesTheQueueUsab
   for (const QueueRef& queue : {Queue::serial("serial", target), Queue::concurrent("c", target),
                                 Queue::concurrent("free"), Queue::main()}) {
     queue->async([] {});
-    EXPECT_THROW(queue->barrierSync([] { throw std::runtime_error("thrown"); }),
-                 std::runtime_error);
+    EXPECT_THROW(queue->barrierSync([] { throw std::out_of_range("far"); }), std::out_of_range);
     EXPECT_THROW(queue->sync([] { throw 7; }), int);
     expectDrained(queue);
   }
@@ -52,7 +49,7 @@ TEST(QueueTest, AQueueIsCurrentThroughTheQueuesAboveIt) {
   const QueueRef bottom = Queue::serial("bottom"), middle = Queue::concurrent("middle", bottom);
   const QueueRef top = Queue::serial("top", middle), other = Queue::serial("other", bottom);
   const auto look = [&] {
-    for (const QueueRef& queue : {top, middle, bottom}) EXPECT_TRUE(queue->isCurrent());
+    EXPECT_TRUE(top->isCurrent() && middle->isCurrent() && bottom->isCurrent());
     EXPECT_FALSE(other->isCurrent());
   };
   top->async(look);
@@ -270,13 +267,10 @@ std::thread::id threadOfMainQueue() {
   return id;
 }
 
-TEST(MainQueueTest, AThreadOfTheLayerServesItAndNobodyElseIsTheMainThread) {
+TEST(MainQueueTest, AThreadOfTheLayerServesItAndTheQueuesAboveItEvenSynchronously) {
   EXPECT_NE(threadOfMainQueue(), std::this_thread::get_id());
   EXPECT_FALSE(MainQueue::isMainThread());
   Queue::global()->sync([] { EXPECT_FALSE(MainQueue::isMainThread()); });
-}
-
-TEST(MainQueueTest, QueuesAboveItRunOnTheMainThreadTooEvenSynchronously) {
   const QueueRef above = Queue::serial("above main", Queue::main());
   const QueueRef gate = Queue::concurrent("gate on main", above);
   bool isMain = false;
@@ -328,9 +322,8 @@ TEST(MainQueueTest, AStopEndsTheHostsServiceWithTheBlockThatItComesIn) {
   while (threadOfMainQueue() != host.get_id()) std::this_thread::yield();
   std::atomic<int> afterTheStop{0};
   Queue::main()->async([&] {
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; ++i)
       Queue::main()->async([&] { afterTheStop += std::this_thread::get_id() == host.get_id(); });
-    }
     MainQueue::stop();
   });
   expectDrained(Queue::main());  // the block, which puts twenty more behind
@@ -344,12 +337,6 @@ constexpr int kSubmissions = 4000;
 
 /// A queue that watches over what is promised of it.
 struct WatchedQueue {
-  WatchedQueue(bool isSerial, const WatchedQueue* on)
-      : serial(isSerial),
-        target(on),
-        queue(isSerial ? Queue::serial("serial", on != nullptr ? on->queue : nullptr)
-                       : Queue::concurrent("concurrent", on != nullptr ? on->queue : nullptr)) {}
-
   bool isOrdered() const { return serial || (target != nullptr && target->isOrdered()); }
 
   void enter(bool barrier) const {
@@ -375,7 +362,8 @@ struct WatchedQueue {
   static constexpr int kAlone = 1 << 20;
   const bool serial;
   const WatchedQueue* const target;
-  const QueueRef queue;
+  const QueueRef below = target != nullptr ? target->queue : nullptr;
+  const QueueRef queue = serial ? Queue::serial("one", below) : Queue::concurrent("many", below);
   mutable std::atomic<int> inside{0};
   std::array<int, kThreads> lastOf{};
   std::atomic<int> ran{0};
@@ -424,7 +412,7 @@ void submitAtRandom(std::vector<std::unique_ptr<WatchedQueue>>& queues, std::siz
 TEST(QueueStressTest, QueuesOverQueuesKeepTheirPromisesUnderAnyMix) {
   std::vector<std::unique_ptr<WatchedQueue>> queues;
   const auto add = [&queues](bool serial, const WatchedQueue* target) {
-    return queues.emplace_back(std::make_unique<WatchedQueue>(serial, target)).get();
+    return queues.emplace_back(new WatchedQueue{serial, target}).get();
   };
   const auto* serial = add(true, nullptr);
   const auto* concurrent = add(false, nullptr);

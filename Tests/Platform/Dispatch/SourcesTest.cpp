@@ -3,8 +3,6 @@
 #include "Platform/Dispatch/Wanted.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
-#include "Tests/Support/TemporaryDirectory.h"
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -51,8 +49,7 @@ struct FolderSourceTest : testing::Test {
     return source;
   }
   bool sees(unsigned event, std::size_t from = 0) {
-    return seen_.waitUntil(
-        [&](const auto& all) { return all.size() > from && (all.back() & event) != 0; });
+    return seen_.waitUntil([&](auto& all) { return all.size() > from && (all.back() & event); });
   }
 
   const TemporaryDirectory temporary_;
@@ -75,8 +72,7 @@ TEST_F(FolderSourceTest, EntriesThatComeGoOrAreRenamedAreToldOnceItIsResumed) {
       [&] { fs::rename(folder_ / "first", folder_ / "renamed"); },
       [&] { fs::rename(folder_ / "renamed", outer_ / "moved away"); },
       [&] { fs::rename(outer_ / "moved away", folder_ / "moved in"); },
-      [&] { fs::remove(folder_ / "second"); },
-  };
+      [&] { fs::remove(folder_ / "second"); }};
   for (const auto& change : changes) {
     expectDrained(queue_);
     const std::size_t before = seen_.size();

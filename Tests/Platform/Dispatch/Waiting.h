@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Platform/Dispatch/Queue.h"
-#include "Tests/Support/Recorded.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

@@ -3,20 +3,14 @@
 
 #include "Platform/Dispatch/Wanted.h"
 
-#include <pthread.h>
-#include <sched.h>
 #include <sys/epoll.h>
-#include <sys/inotify.h>
 #include <sys/resource.h>
-#include <sys/timerfd.h>
 
 #include <semaphore>
 
 #include "Platform/Dispatch/FolderSource.h"
-#include "Platform/Dispatch/MainQueue.h"
 #include "Platform/Dispatch/ReadSource.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
-#include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
 
@@ -192,17 +186,15 @@ std::string strangeThreads() {
       if (!line.starts_with("SigBlk:") || !name.starts_with("skelda-")) continue;
       const pid_t id = std::stoi(task.path().filename().string());
       const auto blocked = std::stoull(line.substr(8), nullptr, 16);
-      for (const int signal : {SIGTERM, SIGUSR1, SIGPROF}) {
+      for (const int signal : {SIGTERM, SIGUSR1, SIGPROF})
         if ((blocked >> (signal - 1) & 1) == 0) strange += name + " takes signals\n";
-      }
       cpu_set_t processors;
       sched_getaffinity(id, sizeof processors, &processors);
       if (CPU_EQUAL(&processors, &ofProcess) == 0) strange += name + " is pinned\n";
       if (sched_getscheduler(id) != SCHED_OTHER) strange += name + " runs in real time\n";
       const int niceness = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
-      if (geteuid() == 0 && niceness != getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()))) {
+      if (geteuid() == 0 && niceness != getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())))
         strange += name + " is as nice as its maker\n";
-      }
     }
   }
   return strange;

@@ -1,6 +1,5 @@
 #include <semaphore>
 
-#include "Platform/Dispatch/MainQueue.h"
 #include "Tests/Platform/Dispatch/Waiting.h"
 
 namespace {
@@ -13,9 +12,8 @@ std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
     std::string name;
     for (std::string line; std::getline(status, line);) {
       if (line.starts_with("Name:")) name = line.substr(6);
-      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin)) {
+      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin))
         threads[task.path().filename().string()] = std::stol(line.substr(24));
-      }
     }
   }
   return threads;

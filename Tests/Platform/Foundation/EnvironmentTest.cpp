@@ -3,9 +3,7 @@
 #include "Platform/Foundation/Locale.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/TimeZone.h"
-#include "Tests/Support/LogCapture.h"
-#include "Tests/Support/Recorded.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
@@ -113,7 +111,7 @@ TEST_F(EnvironmentTest, NamesTheTimeZoneOfTheVariable) {
     environment_.set("TZ", value);
     return TimeZone::local(root_.path()).name;
   };
-  for (const char* const name : {"Europe/Oslo", "Etc/GMT+5", "UTC", "EST5EDT"})
+  for (const auto* name : {"Europe/Oslo", "Etc/GMT+5", "UTC", "EST5EDT"})
     EXPECT_EQ(zone(name), name);
   EXPECT_EQ(zone(":America/Argentina/Buenos_Aires"), "America/Argentina/Buenos_Aires");
   EXPECT_EQ(zone("/usr/share/zoneinfo/posix/Asia/Tokyo"), "Asia/Tokyo");
@@ -156,11 +154,8 @@ class Observer {
   }
   bool sees(std::ptrdiff_t locales, std::ptrdiff_t zones) {
     return seen_->waitUntil([&](const auto& all) {
-      const auto of = [&](auto name) {
-        return std::ranges::count(all, name, &Sight::notification);
-      };
-      return of(kCurrentLocaleDidChangeNotification) == locales &&
-             of(kSystemTimeZoneDidChangeNotification) == zones;
+      const auto told = std::ranges::count(all, kCurrentLocaleDidChangeNotification, &Sight::name);
+      return told == locales && std::ssize(all) - told == zones;
     });
   }
   bool sees(const Locale& locale, const char* zone) {
@@ -171,7 +166,7 @@ class Observer {
 
  private:
   struct Sight {
-    std::string_view notification;
+    std::string_view name;
     Locale locale;
     TimeZone zone;
   };

@@ -2,8 +2,7 @@
 
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileDescriptor.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 

@@ -1,18 +1,13 @@
 #include "Platform/Foundation/FileManager.h"
 
-#include <gmock/gmock.h>
 #include <sys/xattr.h>
 
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/FolderMaking.h"
-#include "Tests/Support/ChildProcess.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::ElementsAre, testing::IsEmpty;
 
 const std::string kOld = "old content";
 const std::string kNew(300'000, 'n');
@@ -29,9 +24,8 @@ struct FileManagerTest : testing::Test {
     return found;
   }
   bool hasTemporaries() const {
-    return std::ranges::any_of(names(storage_), [](const std::string& name) {
-      return name.starts_with(FileManager::kTemporaryPrefix);
-    });
+    const auto is = [](auto& name) { return name.starts_with(FileManager::kTemporaryPrefix); };
+    return std::ranges::any_of(names(storage_), is);
   }
 
   FileManager manager_;
@@ -54,8 +48,7 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
       {storage_ + "/absent", committed_ + "/x", ENOENT},
       {committed_, committed_ + "/x", EISDIR},
       {source_, storage_ + "/absent/x", ENOENT},
-      {source_, std::string("nul\0", 4), EINVAL},
-  };
+      {source_, std::string("nul\0", 4), EINVAL}};
   for (const auto& [source, destination, code] : refused) {
     EXPECT_FALSE(manager_.copyItemAtPath(source, destination, &error)) << destination;
     EXPECT_EQ(codeOf(error), code) << destination;
@@ -110,11 +103,10 @@ TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBe
     const std::string now = readFile(archive);
     EXPECT_TRUE(now == kNew || (now == kOld && !replaced)) << call;
     EXPECT_FALSE(hasTemporaries()) << call;
-    if (plan->faults() == 0) {
-      EXPECT_TRUE(copied && replaced);
-      EXPECT_GT(call, 10u);
-      break;
-    }
+    if (plan->faults() > 0) continue;
+    EXPECT_TRUE(copied && replaced);
+    EXPECT_GT(call, 10u);
+    break;
   }
 }
 
@@ -132,8 +124,7 @@ TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
       {"sync", {.error = EINVAL}, "sync"},
       {"renameNoReplace", {.error = EINVAL}, "link"},
       {"renameNoReplace", {.error = ENOSYS}, "unlink"},
-      {"setAttribute", {.error = ENOTSUP}, "setAttribute"},
-  };
+      {"setAttribute", {.error = ENOTSUP}, "setAttribute"}};
   for (const auto& [kind, fault, inUse] : cases) {
     std::filesystem::remove(destination_);
     const FaultyFileCalls plan(kind, fault);
@@ -245,7 +236,7 @@ TEST(FolderMaking, MakesWhatIsMissingWithoutWaitingAndSynchronisesItWhenAsked) {
 TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
   TemporaryHome home;
   const auto with = [](Dictionary information) {
-    Bundle::setMain(std::make_shared<const Bundle>("/x.appex", "/x.appex/x", information));
+    const HostBundle bundle(information, "/x.appex");
     return FileManager::applicationSupportDirectory();
   };
   const auto withIdentifier = [&](const char* id) { return with({{"CFBundleIdentifier", id}}); };
@@ -259,7 +250,6 @@ TEST(FileManagerFoldersTest, FollowTheEnvironmentAndTheBundle) {
   EXPECT_EQ(withIdentifier("b"), home / ".local/share/b");
   EXPECT_EQ(FileManager::stateDirectory(), home / ".local/state");
   EXPECT_EQ(FileManager::documentsDirectory(), home.path());
-  Bundle::setMain(nullptr);
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #include "Platform/Foundation/NotificationCenter.h"
-#include "Tests/Support/Recorded.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
-NotificationCenter& center() {
-  return NotificationCenter::defaultCenter();
-}
+const auto center = &NotificationCenter::defaultCenter;
 
 TEST(NotificationCenterTest, LetsAnObserverAddRemoveAndPost) {
   int later = 0;

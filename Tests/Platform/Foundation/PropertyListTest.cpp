@@ -27,8 +27,7 @@ struct BinaryList {
   unsigned offsetSize = 2, referenceSize = 1;
 
   std::string bytes() const {
-    std::string list = "bplist00";
-    std::string table;
+    std::string list = "bplist00", table;
     for (const std::string& object : objects) {
       table += bigEndian(list.size(), offsetSize);
       list += object;
@@ -40,8 +39,7 @@ struct BinaryList {
 
   static std::string bigEndian(std::uint64_t value, unsigned width) {
     std::string text;
-    for (unsigned shift = width; shift-- > 0;)
-      text += static_cast<char>(shift < 8 ? value >> (shift * 8) & 0xFF : 0);
+    for (auto at = width; at-- > 0;) text += static_cast<char>(at < 8 ? value >> (at * 8) : 0);
     return text;
   }
 };
@@ -78,8 +76,7 @@ TEST(PropertyListTest, ReadsEveryKindOfAnXMLList) {
 }
 
 TEST(PropertyListTest, ReadsEveryKindOfABinaryList) {
-  const std::string half("\x23\x3F\xF8\0\0\0\0\0\0", 9);
-  const std::string date("\x33\xBF\xF8\0\0\0\0\0\0", 9);
+  const std::string half("\x23\x3F\xF8\0\0\0\0\0\0", 9), date("\x33\xBF\xF8\0\0\0\0\0\0", 9);
   const BinaryList list{{"\xA9\x1\x2\x3\x4\x5\x6\x7\x8\x9", "\x09",
                          "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFB", half, date, "\x53lap",
                          std::string("\x62\0G\0\xE5", 5), "\x42\1\2", "\xD1\x5\x9", "\x10\xC8"}};
@@ -88,6 +85,8 @@ TEST(PropertyListTest, ReadsEveryKindOfABinaryList) {
   EXPECT_EQ(*value, Value(Array{true, -5, 1.5, Date(Date::Microseconds(978307198500000)), "lap",
                                 "G\xC3\xA5", Data("\1\2", 2), Value{{"lap", 200}}, 200}))
       << value->description();
+  EXPECT_EQ(readBinary({{"\xD2\x1\x1\x2\x3", "\x51k", "\x10\x01", "\x10\x02"}}), (Value{{"k", 2}}))
+      << "the last of a repeated key";
 }
 
 TEST(PropertyListTest, RefusesXMLThatIsMalformedOrHostile) {
@@ -137,20 +136,19 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
       {{"\xD1\x01\x02", std::string("\x52k\0", 3), "\x09"}},      // and in ASCII
       {{"\x51\xE5"}},                                             // text that is not UTF-8
       {{"\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF"}},                 // a date past every calendar
-      // And past what the library counts in.
-      {{std::string("\x33\x41\xDF\xFF\xFF\xFF\xC0\0\0", 9)}},
-      {{std::string("\x33\x41\xE0\0\0\0\0\0\0", 9)}},
-      {{"\xD1\x01\x02", "\x51\xE5", "\x09"}},  // a key that is not UTF-8
+      {{std::string("\x33\x41\xDF\xFF\xFF\xFF\xC0\0\0", 9)}},     // and past what the library
+      {{std::string("\x33\x41\xE0\0\0\0\0\0\0", 9)}},             // counts in
+      {{"\xD1\x01\x02", "\x51\xE5", "\x09"}},                     // a key that is not UTF-8
   };
   const Texts x{"\x51x"};  // in lists whose trailers lie
-  for (const BinaryList& lying : {BinaryList{x, 1},
-                                  {x, 0, 7},
-                                  {x, 0, 1 << 20},
-                                  {x, 0, {}, std::uint64_t{1} << 62},
-                                  {x, 0, {}, {}, 0},
-                                  {x, 0, {}, {}, 9},
-                                  {x, 0, {}, {}, 2, 0}})
-    cases.push_back(lying);
+  const BinaryList lying[] = {{x, 1},
+                              {x, 0, 7},
+                              {x, 0, 1 << 20},
+                              {x, 0, {}, std::uint64_t{1} << 62},
+                              {x, 0, {}, {}, 0},
+                              {x, 0, {}, {}, 9},
+                              {x, 0, {}, {}, 2, 0}};
+  cases.insert(cases.end(), std::begin(lying), std::end(lying));
   // Nested too deeply; and small, but unfolding to two to the 40th objects.
   for (const auto& [levels, fanOut] : {std::pair(100, 1), std::pair(40, 2)}) {
     BinaryList list;
@@ -166,10 +164,6 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
   longText.offsetSize = 4;
   cases.push_back(longText);
   for (std::size_t i = 0; i < cases.size(); ++i) EXPECT_FALSE(readBinary(cases[i])) << "case " << i;
-}
-
-TEST(PropertyListTest, KeepsTheLastOfARepeatedKeyInABinaryList) {
-  EXPECT_EQ(readBinary({{"\xD2\x1\x1\x2\x3", "\x51k", "\x10\x01", "\x10\x02"}}), (Value{{"k", 2}}));
 }
 
 }  // namespace

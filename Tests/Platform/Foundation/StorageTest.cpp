@@ -3,9 +3,7 @@
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"
 #include "Platform/Foundation/StorageReserve.h"
-#include "Tests/Support/ChildProcess.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
@@ -13,18 +11,17 @@ using Status = StorageLock::Status;
 
 TEST(StorageLockTest, TheHolderMayAskAgainButAForkedChildIsAnother) {
   TemporaryDirectory folder;
-  for (int times = 0; times < 2; ++times)
-    ASSERT_EQ(StorageLock::acquire(folder / "lock").status, Status::held);
+  const auto acquire = [&] { return StorageLock::acquire(folder / "lock"); };
+  for (int times = 0; times < 2; ++times) ASSERT_EQ(acquire().status, Status::held);
   const ::pid_t self = ::getpid();
   ChildProcess child([&] {
-    const auto result = StorageLock::acquire(folder / "lock");
+    const auto result = acquire();
     return result.status == Status::heldByOther && result.holder == self ? 0 : 1;
   });
   EXPECT_EQ(child.wait(), 0);
   EXPECT_EQ(readFile(folder / "lock"), std::to_string(self) + "\n");
   StorageLock::release(folder / "lock");
-  ChildProcess next(
-      [&] { return StorageLock::acquire(folder / "lock").status == Status::held ? 0 : 1; });
+  ChildProcess next([&] { return acquire().status == Status::held ? 0 : 1; });
   EXPECT_EQ(next.wait(), 0);
 }
 

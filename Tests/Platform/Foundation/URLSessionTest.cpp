@@ -153,12 +153,11 @@ TEST(URLSession, FailuresCarryTheirCodes) {
     return afterRequest([bytes](auto& connection) { connection.send(bytes); });
   };
   const auto secure = [](TestCertificate certificate, int newestTLS = 0) {
-    return std::make_unique<LoopbackServer>(answering(200),
-                                            LoopbackServer::Options{certificate, newestTLS});
+    const LoopbackServer::Options options{certificate, newestTLS};
+    return std::make_unique<LoopbackServer>(answering(200), options);
   };
   const std::string body(16 * 1024 * 1024, 'x');  // more than lies in the sockets between
-  const auto check = [&](const char* what, std::unique_ptr<LoopbackServer> server,
-                         std::int64_t code) {
+  const auto check = [&](const char* what, auto server, std::int64_t code) {
     const auto probe = perform(postRequest(server->url(), body));
     EXPECT_EQ(probe->code, code) << what;
     EXPECT_TRUE(probe->isURLError) << what;
@@ -356,10 +355,10 @@ TEST(URLSessionDeathTest, TakesNoStandardDescriptorAndExitIsCleanInTheMiddleOfAT
   }
   EXPECT_EXIT(
       {
-        for (int descriptor = 0; descriptor <= 2; ++descriptor) ::close(descriptor);
+        for (const int descriptor : {0, 1, 2}) ::close(descriptor);
         if (perform(postRequest(std::getenv(kServer), "bytes"))->status() != 200) ::_exit(1);
         // Its connection is kept.
-        for (int descriptor = 0; descriptor <= 2; ++descriptor)
+        for (const int descriptor : {0, 1, 2})
           if (::fcntl(descriptor, F_GETFD) >= 0) ::_exit(2);
         std::vector<std::shared_ptr<SessionProbe>> probes;
         for (int i = 0; i < 20; ++i) {
@@ -374,10 +373,9 @@ TEST(URLSessionDeathTest, TakesNoStandardDescriptorAndExitIsCleanInTheMiddleOfAT
 }  // namespace
 
 /// In the place of the system's, for the whole program.
-extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node,
-                                                                  const char* service,
-                                                                  const addrinfo* hints,
-                                                                  addrinfo** result) {
+#define SEEN_BY_ALL extern "C" __attribute__((visibility("default")))
+SEEN_BY_ALL int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                            addrinfo** result) {
   const std::string_view host(node != nullptr ? node : "");
   if (host == HangingNameServer::kHost) return HangingNameServer::ask(), EAI_AGAIN;
   if (host == kUnknownHost) return EAI_NONAME;
@@ -385,7 +383,7 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
   static const auto systems = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getaddrinfo"));
   return systems(node, service, hints, result);
 }
-extern "C" __attribute__((visibility("default"))) int getifaddrs(ifaddrs** all) noexcept {
+SEEN_BY_ALL int getifaddrs(ifaddrs** all) noexcept {
   static sockaddr address{.sa_family = AF_INET, .sa_data = {}};
   static ifaddrs only{};
   only.ifa_addr = &address;
@@ -393,4 +391,4 @@ extern "C" __attribute__((visibility("default"))) int getifaddrs(ifaddrs** all) 
   *all = &only;
   return 0;
 }
-extern "C" __attribute__((visibility("default"))) void freeifaddrs(ifaddrs*) noexcept {}
+SEEN_BY_ALL void freeifaddrs(ifaddrs*) noexcept {}

@@ -2,7 +2,7 @@
 
 #include "Platform/Foundation/JSONWriter.h"
 #include "Platform/WatchConnectivity/Session/WCSession.h"
-#include "Tests/Support/Recorded.h"
+#include "Tests/Support/Testing.h"
 
 class RecordingDelegate : public WCSessionDelegate, public Recorded<std::string> {
  public:

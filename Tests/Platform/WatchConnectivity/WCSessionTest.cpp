@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <malloc.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -7,17 +6,11 @@
 #include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Platform/WatchConnectivity/WCSocketTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
-#include "Tests/Support/ChildProcess.h"
-#include "Tests/Support/LogCapture.h"
-#include "Tests/Support/TemporaryDirectory.h"
 #include "Tools/skelda-phone/PhoneLink.h"
 
 // accept4() as the program sees it: refused for want of descriptors while the test says so.
-namespace {
-
-std::atomic<bool> refuseToAccept{false};
-std::atomic<int> refusals{0};
-}  // namespace
+static std::atomic<bool> refuseToAccept{false};
+static std::atomic<int> refusals{0};
 extern "C" int __real_accept4(int, sockaddr*, socklen_t*, int);
 extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
   if (!refuseToAccept) return __real_accept4(listener, address, length, flags);
@@ -26,8 +19,7 @@ extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length
   return -1;
 }
 
-using testing::Contains;
-using testing::ElementsAre;
+using testing::Contains, testing::ElementsAre;
 
 namespace {
 
@@ -147,18 +139,17 @@ TEST_F(WCSocketTransportTest, APhoneHandsOverAndIsAnswered) {
 }
 
 TEST_F(WCSocketTransportTest, HostilePeersAreLeftAndTheNextOneIsHeard) {
-  const auto whole =
-      WCPacketFraming::framed(WCPacket{WCPacket::Kind::userInfo, 1, {{"k", "v"}}}.encoded());
+  const WCPacket packet{WCPacket::Kind::userInfo, 1, {{"k", "v"}}};
+  const auto whole = WCPacketFraming::framed(packet.encoded())->string();
   Texts attacks{std::string("\x00\x00\x00\x40", 4) + "1 GiB announced", std::string(4, '\0'),
                 std::string(4, '\xff'), std::string("\x05\x00\x00\x00", 4) + "trash"};
-  for (std::size_t cut = 0; cut < whole->length(); ++cut)
-    attacks.push_back(whole->string().substr(0, cut));
+  for (std::size_t cut = 0; cut < whole.size(); ++cut) attacks.push_back(whole.substr(0, cut));
   std::size_t heard = delegate_->all().size();
   for (const auto& attack : attacks) {
     PhoneLink hostile(path());
     ASSERT_TRUE(hostile.connect(soon()));
     hostile.sendBytes(attack);
-    const bool understood = attack.size() < 4 || whole->string().starts_with(attack);
+    const bool understood = attack.size() < 4 || whole.starts_with(attack);
     EXPECT_TRUE(understood || !hostile.receive(soon())) << "the watch hangs up";
     hostile.hangUp();
     EXPECT_EQ(delegate_->wait(heard += 2).back(), "peer went");
@@ -288,9 +279,8 @@ TEST(WCPacketFraming, ALengthThatCannotBeBreaksTheStreamForGood) {
     framing.append(whole->bytes(), whole->length());
     EXPECT_FALSE(framing.next());
   }
-  EXPECT_FALSE(WCPacketFraming::framed(Data()));
-  EXPECT_FALSE(
-      WCPacketFraming::framed(Data(std::string(WCPacketFraming::kMaximumLength + 1, 'x'))));
+  for (const std::size_t length : {std::size_t{0}, WCPacketFraming::kMaximumLength + 1})
+    EXPECT_FALSE(WCPacketFraming::framed(Data(std::string(length, 'x'))));
 }
 
 }  // namespace

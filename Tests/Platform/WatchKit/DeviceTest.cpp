@@ -1,8 +1,7 @@
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Kernel/Kernel.h"
 #include "Platform/WatchKit/WKInterfaceDevice.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 
@@ -104,8 +103,7 @@ TEST_F(DeviceTest, VersionModelAndScreenComeFromTheFirstThatKnows) {
 TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   const auto identifier = [&](char machine, const char* bundle) {
     have("/etc/machine-id", std::string(32, machine) + "\n");
-    Bundle::setMain(std::make_shared<const Bundle>("/x.appex", "/x.appex/x",
-                                                   Dictionary{{"CFBundleIdentifier", bundle}}));
+    const HostBundle host({{"CFBundleIdentifier", bundle}});
     return device_.identifierForVendor();
   };
   const std::string first = identifier('a', "com.example.a");
@@ -116,7 +114,6 @@ TEST_F(DeviceTest, TheVendorIdentifierBelongsToMachineAndApplication) {
   EXPECT_EQ(first, identifier('a', "com.example.a"));
   EXPECT_NE(first, identifier('b', "com.example.a"));
   EXPECT_NE(first, identifier('a', "com.example.b"));
-  Bundle::setMain(nullptr);
 }
 
 }  // namespace

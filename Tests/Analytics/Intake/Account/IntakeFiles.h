@@ -4,8 +4,7 @@
 #include <sys/resource.h>
 
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
-#include "Tests/Support/ChildProcess.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

@@ -1,13 +1,10 @@
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Support/Documents.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/Recorded.h"
 
 namespace {
 
 using std::chrono::steady_clock;
-
 using Kind = SkeldaIntakeFile::Kind;
 using Outcome = SkeldaIntakeOutcome;
 
@@ -252,9 +249,8 @@ TEST_F(SkeldaIntakeOpeningTest, RecordsOfAnotherKeyOrVersionAreDroppedWithThatRe
   EXPECT_EQ(namesIn(directory_.path()), Texts{".intake_261.journal"});
   EXPECT_EQ(payloadsOf(*file), Texts{"three"});
   EXPECT_EQ(file->opening().otherVersion, 1U);
-  const auto& settled = file->page().settled;
-  EXPECT_EQ(settled[1][static_cast<std::size_t>(Outcome::otherKey)], 2U);
-  EXPECT_EQ(settled[0][static_cast<std::size_t>(Outcome::otherVersion)], 3U);
+  EXPECT_EQ(at(file->page().settled[1], Outcome::otherKey), 2U);
+  EXPECT_EQ(at(file->page().settled[0], Outcome::otherVersion), 3U);
   EXPECT_TRUE(addsUp(*file));
 }
 
@@ -280,8 +276,7 @@ TEST_F(SkeldaIntakeOpeningTest, WhatIsNoIntakeFileIsSetAsideAndBegunAnew) {
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket);
     EXPECT_TRUE(addsUp(*file));
     EXPECT_EQ(payloadsOf(*open()), Texts{"one"});
-    for (const auto& name : namesIn(directory_.path()))
-      std::filesystem::remove_all(directory_ / name);
+    for (auto& name : namesIn(directory_.path())) std::filesystem::remove_all(directory_ / name);
   }
 }
 
@@ -361,12 +356,9 @@ TEST(SkeldaAccounting, CountsGoIntoTheFileOnceThereIsOneAndNeverFromAForkedChild
   SkeldaAccounting::blockRemoved(SkeldaBlockRemoval::damaged);
   EXPECT_EQ(&SkeldaAccounting::page(), &file->page());
   const auto& page = file->page();
-  const auto counted = [](auto& counts, auto reason) {
-    return counts[static_cast<std::size_t>(reason)].load();
-  };
-  EXPECT_EQ(counted(page.refused, SkeldaRefusal::badName), 1U);
-  EXPECT_EQ(counted(page.logsRemoved, SkeldaLogRemoval::unreadable), 3U);
-  EXPECT_EQ(counted(page.blocksRemoved, SkeldaBlockRemoval::damaged), 1U);
+  EXPECT_EQ(at(page.refused, SkeldaRefusal::badName), 1U);
+  EXPECT_EQ(at(page.logsRemoved, SkeldaLogRemoval::unreadable), 3U);
+  EXPECT_EQ(at(page.blocksRemoved, SkeldaBlockRemoval::damaged), 1U);
   EXPECT_EQ(page.requests, 1U);
   EXPECT_EQ(page.lastAnswer, 200U);
   const auto ticket = append(*file, "x");
@@ -379,7 +371,7 @@ TEST(SkeldaAccounting, CountsGoIntoTheFileOnceThereIsOneAndNeverFromAForkedChild
     return static_cast<int>(SkeldaAccounting::page().refused[6]);
   });
   EXPECT_EQ(child.wait(), 1);
-  EXPECT_EQ(counted(page.refused, SkeldaRefusal::forkedChild), 0U);
+  EXPECT_EQ(at(page.refused, SkeldaRefusal::forkedChild), 0U);
   SkeldaAccounting::setFile(nullptr);
 }
 
@@ -411,8 +403,7 @@ TEST(IntakeFormatDocument, ShowsTheBytesThatTheAgentWrites) {
       record.checksum = checksumOf(record, place, kSalt);
     }
   });
-  EXPECT_EQ(fencedBlock(document("intake-format.md"), "hex intake"),
-            hexDump(readFile(files.path_)));
+  EXPECT_EQ(fencedBlock("intake-format.md", "hex intake"), hexDump(readFile(files.path_)));
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Intake/Journal/SkeldaIntake.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserId.h"
@@ -15,14 +13,10 @@
 #include "Tests/Analytics/Intake/Account/IntakeFiles.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/LogCapture.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::Ge;
-using testing::Le;
-
+using testing::AllOf, testing::Ge, testing::Le;
 using Kind = SkeldaIntakeCall::Kind;
 using Outcome = SkeldaIntakeOutcome;
 
@@ -66,16 +60,13 @@ struct AgentRun {
   }
   template <class... Given>
   bool call(Kind kind, const Given&... given) const {
-    const auto accept = [&](const auto&... values) {
-      return pump->accept(kind, {std::cref(values)...});
-    };
+    const auto accept = [&](const auto&... to) { return pump->accept(kind, {std::cref(to)...}); };
     return accept(Value(given)...);
   }
   bool event(const std::string& name) const { return call(Kind::event, name, nullptr); }
   bool isStored() const { return file->waitUntilSettled(std::chrono::steady_clock::now() + 20s); }
   std::uint64_t settled(SkeldaIntakeFile::Kind kind, Outcome outcome) const {
-    return file->page()
-        .settled[static_cast<std::size_t>(kind) - 1][static_cast<std::size_t>(outcome)];
+    return at(file->page().settled[static_cast<std::size_t>(kind) - 1], outcome);
   }
 };
 
@@ -151,13 +142,11 @@ TEST(SkeldaIntakePump, LetsAWindowThroughRefusesWhatHasNoRoomAndGoesOn) {
   EXPECT_EQ(run.pipeline->messages().size(), SkeldaIntakePump::kWindow);
   EXPECT_EQ(run.file->takenCount(), SkeldaIntakePump::kWindow);
   run.pipeline->stores = true;
-  for (const auto& message : first)
-    SkeldaAccounting::settle(message->intakeTicket(), Outcome::stored);
+  for (auto& each : first) SkeldaAccounting::settle(each->intakeTicket(), Outcome::stored);
   ASSERT_TRUE(run.isStored());
   EXPECT_EQ(run.pipeline->messages().size(), accepted);
   EXPECT_TRUE(run.event("there is room again"));
-  EXPECT_EQ(SkeldaAccounting::page().refused[static_cast<std::size_t>(SkeldaRefusal::overTheBound)],
-            2U);
+  EXPECT_EQ(at(SkeldaAccounting::page().refused, SkeldaRefusal::overTheBound), 2U);
 }
 
 TEST(SkeldaIntakePump, LosesNoWakeUpHoweverSettlingAndCallsMeet) {
@@ -188,12 +177,11 @@ TEST(SkeldaIntakePump, GoesOnWhereAnEarlierRunWasKilled) {
     killed.call(Kind::consent, true, Dictionary{{"iab", "s"}}, true);
   }
   {
-    AgentRun killed(files.open());  // with its first event on its way
-    killed.pipeline->stores = false;
-    killed.call(Kind::purchase, "first", Dictionary{{"lap", "1"}},
-                Dictionary{{"sk.ProductID", "p"}});
-    killed.start();
-    killed.pipeline->messages(3);
+    AgentRun next(files.open());  // killed with its first event on its way
+    next.pipeline->stores = false;
+    next.call(Kind::purchase, "first", Dictionary{{"lap", "1"}}, Dictionary{{"sk.ProductID", "p"}});
+    next.start();
+    next.pipeline->messages(3);
   }
   const auto after = now(), uptimeAfter = SkeldaUtil::uptimeInMilliseconds();
   AgentRun run(files.open());
@@ -257,7 +245,7 @@ TEST(SkeldaIntakeAccount, ALogThatIsThereCountsAndOneThatNobodyCountedAsGoneIsNa
   const AgentHome home;
   EXPECT_TRUE(SkeldaIntake::waitUntilStored({})) << "nothing was accepted yet";
   auto& page = SkeldaAccounting::page();
-  const auto& unreadable = page.logsRemoved[static_cast<std::size_t>(SkeldaLogRemoval::unreadable)];
+  const auto& unreadable = at(page.logsRemoved, SkeldaLogRemoval::unreadable);
   const std::string folder = SkeldaAgentFiles::commitedFrameLogsFolder();
   std::filesystem::create_directories(folder);
   std::ofstream(folder + '/' + SkeldaAgentFiles::commitedFrameLogName() + "_1.000000");

@@ -4,10 +4,7 @@
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkURLsDataProvider.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/LoopbackServer.h"
-#include "Tests/Support/Recorded.h"
 
 namespace skelda::testing {
 
@@ -23,10 +20,9 @@ class SenderTest : public ::testing::Test {
 
   /// As after a start of the process: with what the folder holds.
   std::shared_ptr<SkeldaDataSender> makeSender(const std::string& apiKey = "key") {
-    senders_.push_back(
-        SkeldaDataSender::senderWithQueue(Queue::serial("test.Analytics.LogSender"),
-                                          std::make_shared<SkeldaBackgroundTaskTracker>(), apiKey));
-    return senders_.back();
+    const auto tracker = std::make_shared<SkeldaBackgroundTaskTracker>();
+    const auto queue = Queue::serial("test.Analytics.LogSender");
+    return senders_.emplace_back(SkeldaDataSender::senderWithQueue(queue, tracker, apiKey));
   }
   /// Until nothing is under way any more: what came later would find another folder.
   void finish() {

@@ -42,8 +42,7 @@ TEST_F(SkeldaDataSenderIndexTest, BlocksComeBackInOrderAfterARestart) {
   EXPECT_EQ(blockFiles().size(), 2u);
   EXPECT_TRUE(index->sentReportSuccessfully());
   const Data written = bytes(readFile(indexFile()));
-  EXPECT_EQ(archivedData(unarchivedObject(written)), written)
-      << "put together as the archiver would";
+  EXPECT_EQ(archivedData(unarchivedObject(written)), written) << "as the archiver writes it";
   const auto first = index->notSentBlocksForDataKey(kKey).front();
   EXPECT_EQ(first->dataSize(), 3u);
   EXPECT_TRUE(first->groupIdentifier().empty());
@@ -61,9 +60,8 @@ TEST_F(SkeldaDataSenderIndexTest, WhatIsNoIndexIsAnEmptyOneAndNamesNoForeignFile
   const auto entry = [](const std::string& identifier) {
     return R"({"identifier":")" + identifier + R"(","dataSize":8,"creationDate":{"$date":1}})";
   };
-  const auto archive = [](const std::string& root) {
-    return R"({"archive":"skelda","version":1,"class":"SkeldaDataSenderIndex","root":)" + root +
-           "}";
+  const auto archive = [](const std::string& of) {
+    return R"({"archive":"skelda","version":1,"class":"SkeldaDataSenderIndex","root":)" + of + "}";
   };
   const std::string uuid = "01234567-89AB-CDEF-0123-456789ABCDEF";
   const auto ofKey = [&](const std::string& blocks) {
@@ -143,10 +141,8 @@ TEST_F(SkeldaDataSenderIndexTest, BlockFilesWithoutAnEntryAreSweptOnceTheIndexIs
   EXPECT_EQ(log_.count("delete orphaned data block"), 1u);
 }
 
-TEST_F(SkeldaDataSenderIndexTest,
-       AnEntryWithoutAFileIsForgottenAndNamedWhereNobodyCountedItAsGone) {
-  constexpr auto kDamaged = static_cast<std::size_t>(SkeldaBlockRemoval::damaged);
-  auto& damaged = SkeldaAccounting::page().blocksRemoved[kDamaged];
+TEST_F(SkeldaDataSenderIndexTest, AnEntryWithoutAFileIsForgottenAndNamedWhereNobodyCountedIt) {
+  auto& damaged = at(SkeldaAccounting::page().blocksRemoved, SkeldaBlockRemoval::damaged);
   for (const bool counted : {false, true}) {
     home_.empty();
     const auto gone = add(load(), "gone");
@@ -173,7 +169,7 @@ TEST_F(SkeldaDataSenderIndexTest, WhicheverByteOfTheIndexIsDamagedEveryBlockIsSt
     const auto index = load();
     index->setupForCurrentDataKey(kKey);
     auto found = texts(index);
-    std::sort(found.begin(), found.end());
+    std::ranges::sort(found);
     ASSERT_EQ(found, (Texts{"one", "three", "two"})) << "byte " << at;
     ASSERT_EQ(blockFiles().size(), 3u) << "byte " << at;
   }
@@ -218,9 +214,8 @@ TEST_F(SkeldaDataSenderIndexTest, RemovalsWaitForTheNextAdditionOrTwoSeconds) {
   const FaultyFileCalls plan;
   const auto named = [&] {
     const std::string file = readFile(indexFile());
-    return std::count_if(blocks.begin(), blocks.end(), [&](const auto& block) {
-      return file.find(block->identifier()) != std::string::npos;
-    });
+    const auto has = [&](auto& block) { return file.find(block->identifier()) != file.npos; };
+    return std::ranges::count_if(blocks, has);
   };
   const auto removeAt = [&](std::size_t i) {
     const std::size_t before = blockFiles().size();

@@ -86,9 +86,7 @@ class SkeldaDataSenderTest : public SenderTest {
   using Counts = std::array<std::uint64_t, 6>;
   Counts counted() {
     const auto& page = SkeldaAccounting::page();
-    const auto removed = [&](SkeldaBlockRemoval reason) {
-      return page.blocksRemoved[static_cast<std::size_t>(reason)].load();
-    };
+    const auto removed = [&](SkeldaBlockRemoval of) { return at(page.blocksRemoved, of).load(); };
     using enum SkeldaBlockRemoval;
     const Counts now{page.blocksStored,  page.blocksAcknowledged, page.blocksRejected,
                      removed(overLimit), removed(otherKey),       removed(damaged)};

@@ -58,15 +58,14 @@ TEST(StreamCoreComponent, HoldsUntilReadyThenReleasesInOrderAndKeepsWhatItHeld) 
 }
 
 TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStageIsReady) {
-  constexpr std::uint32_t kSources = 4, kMessages = 200;
+  constexpr std::uint32_t kSources = 4, kEach = 200;
   const auto buffer = SkeldaStreamCoreBuffer::streamBuffer();
   const auto next = std::make_shared<RecordingStage>();
   buffer->registerNextStageComponent(next);
   buffer->pause();
   std::thread sources([&buffer] {
     inThreads(kSources, [&buffer](unsigned source) {
-      for (unsigned i = 0; i < kMessages; ++i)
-        buffer->streamMessage(eventAt(source * kMessages + i));
+      for (unsigned i = 0; i < kEach; ++i) buffer->streamMessage(eventAt(source * kEach + i));
     });
   });
   buffer->nextStageDidChangeState(3);
@@ -80,11 +79,11 @@ TEST(StreamCoreBuffer, KeepsTheOrderOfEachSourceThroughPausesAndUntilTheNextStag
   buffer->resume();
 
   std::vector<std::uint32_t> seen(kSources, 0);
-  for (const auto& message : next->messages(kSources * kMessages)) {
+  for (const auto& message : next->messages(kSources * kEach)) {
     const auto id = std::dynamic_pointer_cast<SkeldaStreamEvent>(message)->eventId();
-    EXPECT_EQ(id % kMessages, seen[id / kMessages]++);
+    EXPECT_EQ(id % kEach, seen[id / kEach]++);
   }
-  EXPECT_EQ(seen, std::vector<std::uint32_t>(kSources, kMessages));
+  EXPECT_EQ(seen, std::vector<std::uint32_t>(kSources, kEach));
 }
 
 static_assert(skelda::sessionLimitInMilliseconds(10) == 600000);
@@ -104,8 +103,8 @@ TEST(EventDropRule, KeepsAndCountsTheEventsOfASession) {
   };
   for (const auto& [threshold, minutes, events, kept, count] : cases) {
     SCOPED_TRACE(kept);
-    const auto rule =
-        SkeldaWatchStreamEventDropRule::eventDropRuleWithMaxEventThreshold(threshold, minutes);
+    using Rule = SkeldaWatchStreamEventDropRule;
+    const auto rule = Rule::eventDropRuleWithMaxEventThreshold(threshold, minutes);
     std::string words;
     for (const auto ms : events)
       if (!rule->shouldDropMessage(eventAt(ms))) addWord(words, "e" + std::to_string(ms));
@@ -145,8 +144,7 @@ TEST(SessionRule, LosesNoMessageOverModulesThatAreNotThere) {
     policy->registerNextStageComponent(next);
     policy->updateState(ISkeldaStreamCoreComponent::kStateReady);
     policy->streamMessage(plainMessage(133));
-    for (const int ms : {0, 600001, 600002, 600003, 600004, 600005})
-      policy->streamMessage(eventAt(ms));
+    for (int ms : {0, 600001, 600002, 600003, 600004, 600005}) policy->streamMessage(eventAt(ms));
     settle(*policy);
     EXPECT_EQ(next->words(),
               "133 session@0 flush1 e0 session@0 session@0..600007 flush3 session@600001 "

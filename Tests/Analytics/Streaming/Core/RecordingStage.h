@@ -8,8 +8,7 @@
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamSessionId.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessage.h"
-#include "Tests/Support/Recorded.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace skelda::testing {
 

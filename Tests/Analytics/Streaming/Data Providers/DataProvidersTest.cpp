@@ -1,6 +1,3 @@
-#include <fmt/format.h>
-#include <sys/inotify.h>
-
 #include "Analytics/Streaming/Data Providers/ISkeldaReachability.h"
 #include "Analytics/Streaming/Data Providers/SkeldaAppStateDataProvider.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNetworkReachabilityDataProvider.h"
@@ -8,9 +5,7 @@
 #include "Analytics/Utils/SkeldaStreamFileManager.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/WatchKit/WKExtension.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/Recorded.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "Tests/Support/Testing.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include <fmt/format.h>
-
 #include "Analytics/Intake/Account/SkeldaAccounting.h"
 #include "Analytics/Streaming/Data Providers/SkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/Transfer/SkeldaLocalTransferAgent.h"
@@ -45,7 +43,7 @@ struct SkeldaStreamTransferManagerTest : testing::Test {
     return manager_->fileUploadStatusDictionary()[name];
   }
   static std::uint64_t removed(SkeldaLogRemoval reason) {
-    return SkeldaAccounting::page().logsRemoved[static_cast<std::size_t>(reason)];
+    return at(SkeldaAccounting::page().logsRemoved, reason);
   }
   /// Does what the words say and answers what the manager did: ">log1" is handed to the agent,
   /// "xlog1" cancelled, "-log1" deleted. For "?", how many uploads count and, for each record,

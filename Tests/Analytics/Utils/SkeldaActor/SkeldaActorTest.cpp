@@ -132,8 +132,7 @@ TEST_F(SkeldaActorTest, MissingArgumentsRaiseOrDoNothing) {
       [] { SkeldaActorDeferredQueue("Gate", nullptr); },
       [] { SkeldaActorOperationQueue(nullptr); },
       [&] { SkeldaActorOperationQueue(actor_).addOperation(nullptr); },
-      [&] { SkeldaActorOperationQueue(actor_).addOperations({nullptr}, true); },
-  };
+      [&] { SkeldaActorOperationQueue(actor_).addOperations({nullptr}, true); }};
   for (const auto& call : calls) EXPECT_THROW(call(), Exception) << &call - calls;
   actor_->syncBlock(nullptr);
   actor_->syncBlock(none);
@@ -296,8 +295,7 @@ TEST_F(SkeldaActorDeferredQueueTest, DoesNotKeepItsActor) {
   expectDrained(gate_->queue());
 }
 
-TEST(SkeldaActorOperationQueueTest,
-     RunsOnlyTheMainOfOperationsInsideTheActorAndDropsWhatTheyThrow) {
+TEST(SkeldaActorOperationQueueTest, RunsOnlyTheMainOfOperationsInTheActorAndDropsWhatTheyThrow) {
   const auto actor = SkeldaActor::made(new SkeldaActor("Operating"));
   const auto queue = actor->operationQueue();
   const auto before = skelda::swallowedExceptions();

@@ -1,17 +1,12 @@
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
 
-#include <gmock/gmock.h>
-
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Platform/WatchConnectivity/WCDefaultSession.h"
 #include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
+using testing::Contains, testing::ElementsAre, testing::HasSubstr, testing::Not;
 
 namespace {
 

@@ -1,6 +1,5 @@
 // What is in the logs, and what a start makes of the log that it finds.
 
-#include <fmt/format.h>
 #include <sys/resource.h>
 
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
@@ -13,8 +12,6 @@
 #include "Platform/Foundation/StorageReserve.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/LogCapture.h"
 
 namespace {
 
@@ -33,8 +30,8 @@ struct Lack {
 struct FrameLogWriter : testing::Test {
   using Writer = SkeldaStreamFrameLogWriter;
 
-  Writer& makeWriter(
-      std::shared_ptr<ISkeldaStreamFileManager> manager = SkeldaStreamFileManager::fileManager()) {
+  using FileManager = SkeldaStreamFileManager;
+  Writer& makeWriter(std::shared_ptr<FileManager> manager = FileManager::fileManager()) {
     writer_ = Writer::fileWriterWithCurrentFrameLogFilePath(
         home_.storageFolder(), "log", commitedFolder(), "commited", std::move(manager),
         SkeldaStreamFileHandle::fileHandle(),
@@ -88,8 +85,7 @@ struct FrameLogWriter : testing::Test {
   }
 
   static inline const std::string kCounter{Writer::kFrameCounterKey}, kCrash{Writer::kCrashFlagKey};
-  const std::string first_ =
-      frame(*SkeldaStreamCounter::counterFrameWithCounter(1)) + frame(*eventAt(1));
+  const std::string first_ = frame(SkeldaStreamCounter(1)) + frame(*eventAt(1));
   const FoldersInMemory inMemory_;
   AgentHome home_;
   std::shared_ptr<Writer> writer_;
@@ -139,9 +135,8 @@ TEST_F(FrameLogWriter, AMessageThatComesAgainIsTheSameFrameAndAnotherOfItsTypeIs
     send(message);
     expected += frame(*message);
   };
-  const auto first = plainMessage(type, R"({"n":1})");
-  for (const auto& message : {first, first, plainMessage(type, R"({"n":2})"), first})
-    sendAnd(message);
+  const auto first = plainMessage(type, R"({"n":1})"), second = plainMessage(type, R"({"n":2})");
+  for (const auto& message : {first, first, second, first}) sendAnd(message);
   for (int i = 3; i < 20; ++i) sendAnd(plainMessage(type, fmt::format(R"({{"n":{}}})", i)));
   EXPECT_EQ(readFile(logPath()), expected);
 }
@@ -203,24 +198,12 @@ TEST_F(FrameLogWriter, GoesOnWhereSomebodyRemovesOrCutsTheLog) {
 
 TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
   const Lack cases[] = {
-      {"open", EMFILE, 2, ""},
-      {"open", ENFILE, 2, "CommitedFrameLogs"},
-      {"write", ENOSPC, 5, ""},
-      {"write", EIO, 3, "/log"},
-      {"write", ENOSPC, 2, ".skelda-tmp-"},
-      {"renameNoReplace", EINTR, 20, ""},
-      {"renameNoReplace", EIO, 2, ""},
-      {"rename", EINTR, 20, ""},
-      {"statusAt", EIO, 3, "/log"},
-      {"statusAt", EIO, 2, ""},
-      {"status", EIO, 2, "/log"},
-      {"truncate", EIO, 2, "/log"},
-      {"syncData", EIO, 4, "/log"},
-      {"syncData", EIO, 2, ""},
-      {"sync", EIO, 2, "CommitedFrameLogs"},
-      {"copyRange", EIO, 2, ""},
-      {"makeDirectory", ENOSPC, 2, ""},
-      {"close", EIO, 2, ""},
+      {"open", EMFILE, 2, ""},   {"write", EIO, 3, "/log"},    {"open", ENFILE, 2, "Commited"},
+      {"write", ENOSPC, 5, ""},  {"status", EIO, 2, "/log"},   {"write", ENOSPC, 2, ".skelda-tmp-"},
+      {"statusAt", EIO, 2, ""},  {"statusAt", EIO, 3, "/log"}, {"renameNoReplace", EINTR, 20, ""},
+      {"rename", EINTR, 20, ""}, {"truncate", EIO, 2, "/log"}, {"renameNoReplace", EIO, 2, ""},
+      {"syncData", EIO, 2, ""},  {"syncData", EIO, 4, "/log"}, {"sync", EIO, 2, "Commited"},
+      {"close", EIO, 2, ""},     {"copyRange", EIO, 2, ""},    {"makeDirectory", ENOSPC, 2, ""},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.text());
@@ -235,8 +218,9 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
     plan->clear();
     send(eventAt(4));
     EXPECT_GT(plan->faults(), 0U);
-    EXPECT_EQ(allLogs(),
-              "counter1 e1 flush5 | counter2 e2 flush5 | counter3 e3 flush5 | counter4 e4");
+    const char* const all =
+        "counter1 e1 flush5 | counter2 e2 flush5 | counter3 e3 flush5 | counter4 e4";
+    EXPECT_EQ(allLogs(), all);
   }
 }
 
@@ -349,21 +333,18 @@ TEST_F(FrameLogRepairTest, KeepsTheLongestReadablePrefix) {
   for (int i = 0; i < 16; ++i) sixteen += exact;
   const std::string unknown = frame(*plainMessage(134)).replace(1, 1, 1, 'M');
   const std::string version0 = frame(*plainMessage(148)).replace(0, 1, 1, '\0');
-  const std::string large = frame(*plainMessage(148, object(5000)));
+  const std::string large = frame(*plainMessage(148, object(5000))), torn = large.substr(0, 4000);
   const std::string zeros = exact.substr(0, 24) + std::string(101, '\0');
-  const std::string array = frame(*plainMessage(148, "[1]"));
+  const std::string array = frame(*plainMessage(148, "[1]")), ones(300, '\xff');
   // And how many frames are kept.
-  const std::pair<std::string, int> cases[] = {{exact + zeros, 1},
-                                               {exact + array, 1},
-                                               {zeros + exact, 0},
-                                               {"garbage", 0},
-                                               {std::string(300, '\xff'), 0},
-                                               {sixteen, 16},
-                                               {sixteen + exact.substr(0, 60), 16},
-                                               {sixteen + unknown + exact, 16},
-                                               {exact + unknown + exact, 1},
-                                               {exact + large + exact + large.substr(0, 4000), 3},
-                                               {version0 + "sum?" + exact, 2}};
+  const std::pair<std::string, int> cases[] = {
+      {"garbage", 0},     {version0 + "sum?" + exact, 2},
+      {sixteen, 16},      {exact + large + exact + torn, 3},
+      {exact + zeros, 1}, {exact + unknown + exact, 1},
+      {exact + array, 1}, {sixteen + unknown + exact, 16},
+      {zeros + exact, 0}, {sixteen + exact.substr(0, 60), 16},
+      {ones, 0},
+  };
   for (const auto& [leftover, kept] : cases) {
     std::string expected;
     for (int i = 0; i < kept; ++i) expected += "148 ";
@@ -383,8 +364,7 @@ TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
   const Lack cases[] = {
       {"open", EMFILE, 2, "/log"},  {"read", EIO, 8, "/log"},   {"open", EMFILE, 12, ".storage"},
       {"read", EIO, 3, ".storage"}, {"open", EMFILE, 3, ""},    {"statusAt", EIO, 1, "/log"},
-      {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"},
-  };
+      {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"}};
   for (const auto& row : cases) {
     SCOPED_TRACE(row.text());
     home_.empty();
@@ -406,8 +386,7 @@ TEST_F(FrameLogRepairTest, SetsALogAsideThatStaysUnreadableOrIsNone) {
   const std::function<void()> cases[] = {
       [&] { writeFile(logPath(), first_ + "torn"); },
       [&] { std::filesystem::create_directories(logPath() + "/inside"); },
-      [&] { ASSERT_EQ(::mkfifo(logPath().c_str(), 0600), 0); },
-  };
+      [&] { ASSERT_EQ(::mkfifo(logPath().c_str(), 0600), 0); }};
   for (const auto& make : cases) {
     SCOPED_TRACE(&make - cases);
     home_.empty();

@@ -14,7 +14,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaReportedIdentifiersSource.h"
 #include "Tests/Analytics/Streaming/Core/RecordingStage.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/LogCapture.h"
 
 namespace {
 
@@ -58,6 +57,7 @@ class Pipeline : public SkeldaWatchStreamManager {
   }
   /// Twice round: the provider's snapshot sets out when the policy has finalized a session.
   void settleAll() {
+    const auto settleActor = [](auto of) { settle(*std::dynamic_pointer_cast<SkeldaActor>(of)); };
     for (int round = 0; round < 2; ++round) {
       settleActor(provider());
       for (const auto& entry : skelda::sourceChain()) settleActor(moduleIfPresent(entry[1]));
@@ -68,12 +68,6 @@ class Pipeline : public SkeldaWatchStreamManager {
  private:
   std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
     return module<SkeldaSessionDevicePropertiesDataProvider>();
-  }
-  template <class T>
-  static void settleActor(const std::shared_ptr<T>& module) {
-    const auto actor = std::dynamic_pointer_cast<SkeldaActor>(module);
-    ASSERT_NE(actor, nullptr);
-    settle(*actor);
   }
   std::vector<StageRef> stages_;
 };
@@ -86,7 +80,7 @@ std::string withoutOrderOfStickies(const std::string& words) {
   std::string out;
   const auto endRun = [&] {
     const auto count = [&](const auto& type) { return run.contains(type); };
-    const auto missing = 5 - std::count_if(kStickies.begin(), kStickies.end(), count);
+    const auto missing = 5 - std::ranges::count_if(kStickies, count);
     if (missing == 0 || (missing == 1 && !run.contains("140"))) {
       addWord(out, missing == 0 ? "S" : "S-");
       for (const auto& type : kStickies)
@@ -212,8 +206,7 @@ const std::pair<const char*, const char*> kOrder[] = {
     {"start S e0 e1 e2 e3 e4 e5 restart",
      "counter1 S session@0 flush1 | "
      "counter2 S e0 session@0 e1 e2 e3 session@0..11 propsEnd e4 flush3 | "
-     "counter3 S propsStart session@5 flush1 | counter4 S e5 session@5 flush4 | counter5"},
-};
+     "counter3 S propsStart session@5 flush1 | counter4 S e5 session@5 flush4 | counter5"}};
 
 TEST(MessageOrder, IsFixedForEveryEndOfASessionAndOfALog) {
   const LogCapture quiet;
@@ -251,8 +244,7 @@ TEST(PrivacyPage, ValuesStandInLogLinesOnlyWhereTheyAreAskedFor) {
         ->didReceiveUserInfo({{"skelda://id1", "Secret"}, {"skelda://id2", "5ec2e7"}});
     pipeline->settleAll();
     // As it is, as base64 of its text, and the second identifier as it is reported.
-    for (const char* value : {"Secret", "U2VjcmV0", "XsLn"})
-      EXPECT_EQ(log.count(value) > 0, shown) << value;
+    for (auto of : {"Secret", "U2VjcmV0", "XsLn"}) EXPECT_EQ(log.count(of) > 0, shown) << of;
     EXPECT_EQ(log.count("(not shown)") > 0, !shown);
   }
   environment.set("SKELDA_LOG_VALUES", "0");

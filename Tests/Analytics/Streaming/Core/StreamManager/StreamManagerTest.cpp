@@ -1,11 +1,8 @@
-#include <fmt/format.h>
-
 #include "Analytics/Streaming/Core/StreamManager/SkeldaWatchStreamManager.h"
 #include "Analytics/Streaming/Data Providers/SkeldaSessionInfoDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaSource.h"
 #include "Platform/Foundation/ClassRegistry.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/LogCapture.h"
 
 struct ISampleSource : ISkeldaFrameSource {
   static constexpr std::string_view kProtocolName = "ISampleSource";
@@ -64,20 +61,18 @@ TEST_F(SkeldaStreamBaseManagerTest, RaisesForModulesThatAreMissingOrOfTheWrongKi
       [&] { manager_->createOrGetProviderModule("SampleSource"); },
       [&] { manager_->createOrGetProviderModule("NoSuchClass"); },
       [&] { manager_->chainProviderClassObservers({{"one"}}); },
-      [&] { manager_->startup({"never mentioned"}); },
-  };
+      [&] { manager_->startup({"never mentioned"}); }};
   for (const auto& call : calls) EXPECT_THROW(call(), Exception);
 }
 
 TEST_F(SkeldaStreamBaseManagerTest, LeavesOutClassesThatAreNotLinkedInWithWhatDependsOnThem) {
   manager_->helperSetupCoreStreamingModules();
-  manager_->chainSourceModules(
-      {{"NoSuchSource", "INoSuchSource"}, {"SampleSource", "ISampleSource"}});
+  manager_->chainSourceModules({{"NoSource", "INoSource"}, {"SampleSource", "ISampleSource"}});
   manager_->chainProviderClassObservers(
-      {{"NoSuchProvider", "ISampleSource"}, {"SkeldaSessionInfoDataProvider", "INoSuchSource"}});
-  EXPECT_EQ(manager_->moduleIfPresent("INoSuchSource"), nullptr);
+      {{"NoSuchProvider", "ISampleSource"}, {"SkeldaSessionInfoDataProvider", "INoSource"}});
+  EXPECT_EQ(manager_->moduleIfPresent("INoSource"), nullptr);
   EXPECT_NE(manager_->module<SkeldaSessionInfoDataProvider>(), nullptr);
-  manager_->startup({"INoSuchSource", "NoSuchProvider", "ISampleSource"});
+  manager_->startup({"INoSource", "NoSuchProvider", "ISampleSource"});
   EXPECT_EQ(std::static_pointer_cast<SampleSource>(manager_->module<ISampleSource>())->starts, 1);
 }
 
@@ -96,9 +91,8 @@ TEST_F(SkeldaStreamBaseManagerTest, AModuleThatThrowsKeepsNoOtherFromStartingAnd
   const auto source = std::static_pointer_cast<SampleSource>(manager_->module<ISampleSource>());
   source->throws = true;
   manager_->startup({"IBrokenSource", "BrokenProvider", "ISampleSource", "ISkeldaFrameSource"});
-  const auto next =
-      std::dynamic_pointer_cast<SampleSource>(manager_->moduleIfPresent("ISkeldaFrameSource"));
-  EXPECT_EQ(next->starts, 1);
+  const auto next = manager_->moduleIfPresent("ISkeldaFrameSource");
+  EXPECT_EQ(std::dynamic_pointer_cast<SampleSource>(next)->starts, 1);
   for (const char* line :
        {"BrokenSource is left out: no memory", "BrokenProvider is left out: no memory",
         "ISampleSource did not start: not today"})
@@ -111,21 +105,11 @@ TEST(SkeldaWatchStreamManager, HoldsTheThresholdsWithinTheirRangeAndSaysSo) {
   const std::string duration = "Skelda Watch Duration Threshold";
   // What becomes of it, of the other one 10, and what a line says that it may not be.
   const std::tuple<std::string, Value, int, std::string> cases[] = {
-      {event, nullptr, 10, ""},
-      {event, 4, 5, "below 5"},
-      {event, 50, 50, ""},
-      {event, 51, 50, "above 50"},
-      {event, "20", 20, ""},
-      {event, "many", 5, "below 5"},
-      {event, 1e30, 50, "above 50"},
-      {event, -1, 5, "below 5"},
-      {event, 7.9, 7, ""},
-      {event, true, 5, "below 5"},
-      {event, Array{12}, 5, "below 5"},
-      {event, Data("\x0c"), 5, "below 5"},
-      {duration, 4, 5, "below 5"},
-      {duration, 60, 60, ""},
-      {duration, 61, 60, "above 60"}};
+      {event, 50, 50, ""},      {event, 4, 5, "below 5"},    {event, "many", 5, "below 5"},
+      {event, 7.9, 7, ""},      {event, -1, 5, "below 5"},   {event, 1e30, 50, "above 50"},
+      {event, "20", 20, ""},    {event, 51, 50, "above 50"}, {duration, 61, 60, "above 60"},
+      {duration, 60, 60, ""},   {event, true, 5, "below 5"}, {event, Array{12}, 5, "below 5"},
+      {event, nullptr, 10, ""}, {duration, 4, 5, "below 5"}, {event, Data("\x0c"), 5, "below 5"}};
   for (const auto& [key, value, result, refusal] : cases) {
     LogCapture log;
     const HostBundle bundle({{key, value}});

@@ -74,8 +74,7 @@ TEST(EntityPayload, IsAbsentForARecordThatIsNotValid) {
       SkeldaStreamUserProperties::streamEntityFromJSONData(
           Data(R"({"sk.user.property.id":0,"sk.user.property.uptime":1,)"
                R"("sk.user.property.key":"k","sk.user.property.values":["v"],)"
-               R"("sk.user.property.call.type":1})")),
-  };
+               R"("sk.user.property.call.type":1})"))};
   for (const auto& entity : invalid) {
     EXPECT_EQ(entity->payload(), std::nullopt) << entity->className();
     EXPECT_EQ(entity->dictionaryRepresentation(), std::nullopt) << entity->className();
@@ -149,9 +148,7 @@ TEST(SkeldaStreamSessionId, ComesBackFromItsArchiveAndFromNoOther) {
 
 constexpr std::int64_t kNoon = 1600000000000;
 
-Date dateAt(std::int64_t milliseconds) {
-  return SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds(milliseconds);
-}
+const auto dateAt = &SkeldaDateUtil::dateWithTimeIntervalSince1970InMilliseconds;
 
 std::shared_ptr<SkeldaStreamEvent> event(const Value& parameters, bool timed = false,
                                          std::shared_ptr<SkeldaTransaction> transaction = nullptr,
@@ -215,13 +212,11 @@ TEST(SkeldaStreamEvent, EndsWithTheIdOfItsStartAndTheTimeBetween) {
 }
 
 TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
-  Dictionary atStart = parameters(4, "s");
+  Dictionary atStart = parameters(4, "s"), atEnd = parameters(5, "e");
   atStart.append("uuid", "1");
   atStart.append("both", "start");
-  Dictionary atEnd = parameters(5, "e");
   atEnd.append("both", "end");
-  const auto start = event(atStart, true);
-  const auto end = event(atEnd, true);
+  const auto start = event(atStart, true), end = event(atEnd, true);
   end->populateEndEventFields(*start);
   EXPECT_EQ(end->parameters().size(), 10U);
   EXPECT_EQ(*end->parameters().find(base64Encoded("both")), base64Encoded("end"));
@@ -238,22 +233,16 @@ TEST(SkeldaStreamEvent, MergesTheParametersOfStartAndEndUpToTheLimit) {
 }
 
 TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {
-  const Dictionary full{{"sk.TransactionIdentifier", "t"},
-                        {"sk.OriginalTransactionIdentifier", "o"},
-                        {"sk.ProductID", "p"},
-                        {"sk.Quantity", "2"},
-                        {"sk.Price", "3.5"},
-                        {"sk.Currency", "EUR"},
-                        {"sk.ProductName", "n"},
-                        {"sk.Receipt", Data("\0\xFFr", 3)},
-                        {"sk.store.id", "9"},
-                        {"sk.country.code", "DE"}};
+  const Dictionary full{{"sk.Price", "3.5"},    {"sk.ProductName", "n"},
+                        {"sk.Quantity", "2"},   {"sk.country.code", "DE"},
+                        {"sk.store.id", "9"},   {"sk.TransactionIdentifier", "t"},
+                        {"sk.ProductID", "p"},  {"sk.Receipt", Data("\0\xFFr", 3)},
+                        {"sk.Currency", "EUR"}, {"sk.OriginalTransactionIdentifier", "o"}};
   auto transaction = SkeldaTransaction::transactionUsingDictionary(full);
   EXPECT_EQ(transaction->dictionaryRepresentation(), full);
   const auto encodedForm = transaction->encoded2TransactionDictionary();
   EXPECT_EQ(encodedForm.size(), 10U);
-  EXPECT_EQ(*encodedForm.find(base64Encoded("sk.Receipt")),
-            base64Encoded(std::string("\0\xFFr", 3)));
+  EXPECT_EQ(*encodedForm.find(base64Encoded("sk.Receipt")), base64Encoded({"\0\xFFr", 3}));
 
   transaction->setTransactionState("Success");
   const auto archive = transaction->archive();
@@ -268,9 +257,9 @@ TEST(SkeldaTransaction, WritesAndReadsItsDictionariesArchivesAndCopies) {
 }
 
 TEST(SkeldaTransaction, TakesFromAHostWhatAHostMaySay) {
-  const Dictionary said{{"sk.OriginalTransactionIdentifier", "o"},
+  const Dictionary said{{"sk.Receipt", "text"},
+                        {"sk.OriginalTransactionIdentifier", "o"},
                         {"sk.Price", 3.5},
-                        {"sk.Receipt", "text"},
                         {"sk.store.id", "9"}};
   EXPECT_EQ(SkeldaTransaction::transactionUsingUserDictionary(said)->dictionaryRepresentation(),
             (Dictionary{{"sk.Price", "3.5"}, {"sk.store.id", "1"}}));

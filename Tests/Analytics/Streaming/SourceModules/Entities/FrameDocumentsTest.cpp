@@ -22,18 +22,17 @@ void addKeys(const Dictionary& payload, std::set<std::string>& keys) {
       "sk.event.user.parameters", "sk.event.skelda.parameters", "sk.consent.strings"};
   for (const auto& [key, value] : payload) {
     keys.insert(key);
-    if (value.dictionary() != nullptr && !kHostsOwn.contains(key)) {
+    if (value.dictionary() != nullptr && !kHostsOwn.contains(key))
       addKeys(*value.dictionary(), keys);
-    }
   }
 }
 
 TEST(FrameLogFormatDocument, ShowsTheBytesThatTheAgentWrites) {
-  const std::string text = document("frame-log-format.md");
   const auto counter = SkeldaStreamCounter::counterFrameWithCounter(1);
   const auto user = SkeldaStreamUserId::userIdWithUserId("runner-7");
-  EXPECT_EQ(fencedBlock(text, "hex log"), hexDump(frameOf(counter, 1) + frameOf(user, 1)));
-  EXPECT_EQ(fencedBlock(text, "hex version-0"), hexDump(frameOf(counter, 0)));
+  EXPECT_EQ(fencedBlock("frame-log-format.md", "hex log"),
+            hexDump(frameOf(counter, 1) + frameOf(user, 1)));
+  EXPECT_EQ(fencedBlock("frame-log-format.md", "hex version-0"), hexDump(frameOf(counter, 0)));
 }
 
 TEST(FrameCatalogue, TellsTheKeysThatEachRecordCanWriteAndTheReasonsOfAFlush) {
@@ -84,13 +83,11 @@ TEST(PrivacyPage, NamesEveryKeyThatARecordCanWriteAndNoOther) {
   for (std::string line; std::getline(text, line);) {
     if (!line.starts_with("|")) inKeys = false;
     if (line.starts_with("| Key |")) inKeys = true;
-    if (inKeys && line.starts_with("| `")) {
-      EXPECT_TRUE(documented.insert(line.substr(3, line.find('`', 3) - 3)).second) << line;
-    }
+    if (!inKeys || !line.starts_with("| `")) continue;
+    EXPECT_TRUE(documented.insert(line.substr(3, line.find('`', 3) - 3)).second) << line;
   }
   std::set<std::string> written;
-  for (const EntitySample& sample : entitySamples())
-    addKeys(*sample.entity->dictionaryRepresentation(), written);
+  for (auto& each : entitySamples()) addKeys(*each.entity->dictionaryRepresentation(), written);
   EXPECT_EQ(documented, written);
 }
 

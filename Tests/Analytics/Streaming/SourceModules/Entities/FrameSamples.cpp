@@ -38,10 +38,9 @@ std::shared_ptr<SkeldaStreamRecord> madeByHand(std::string_view name) {
     event->setUptime(5123);
     return event;
   }
-  if (name == SkeldaStreamDeviceProperties::kClassName) {
+  if (name == SkeldaStreamDeviceProperties::kClassName)
     return SkeldaStreamDeviceProperties::devicePropertiesWithDeviceModel("Watch6,2", "9.1", "arm32",
                                                                          "34", 396, 484);
-  }
   if (name == SkeldaStreamReportedIdentifers::kClassName) {
     return SkeldaStreamReportedIdentifers::reportedIdentifiersWithSet(
         {{15, "3q2+78r+ur7erb7vyv66vg=="},
@@ -109,9 +108,8 @@ std::vector<EntitySample> entitySamples() {
     sample.readBack = readers.extract(sample.name).mapped();
     sample.payload = jsonText(readJSON(sample.payload).value());
     sample.entity = madeByHand(sample.name);
-    if (sample.entity == nullptr) {
+    if (sample.entity == nullptr)
       sample.entity = sample.readBack(Data(sample.payload.data(), sample.payload.size()));
-    }
   }
   if (!readers.empty()) throw std::runtime_error("no entry: " + readers.begin()->first);
   return samples;

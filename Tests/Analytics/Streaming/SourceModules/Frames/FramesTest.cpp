@@ -1,5 +1,3 @@
-#include <fmt/format.h>
-
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameIterator.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
@@ -7,15 +5,11 @@
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/LogCapture.h"
-#include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
 
 std::optional<std::string> frameOf(const ISkeldaStreamMessage& message) {
-  const auto frame =
-      SkeldaStreamMessageSerializer::streamMessageSerializer()->frameFromStreamMessage(message);
+  const auto frame = SkeldaStreamMessageSerializer().frameFromStreamMessage(message);
   return frame ? std::optional(frame->string()) : std::nullopt;
 }
 
@@ -26,13 +20,14 @@ std::string lastFour(std::uint32_t number) {
 }
 
 TEST(SkeldaStreamMessageSerializer, GivesAFooterToTheWholeVersionZeroAlone) {
-  ASSERT_EQ(static_cast<std::uint32_t>(SkeldaUtil::dataChecksum(std::string_view("123456789"))),
-            0xCBF43926U);
-  ASSERT_EQ(SkeldaUtil::dataChecksum(std::string_view()), 0);
+  const auto checksum = [](std::string_view of) {
+    return static_cast<std::uint32_t>(SkeldaUtil::dataChecksum(of));
+  };
+  ASSERT_EQ(checksum("123456789"), 0xCBF43926U);
+  ASSERT_EQ(checksum({}), 0U);
 
   const std::string body = frameBytes(0, 134, "{}");
-  const auto crc = static_cast<std::uint32_t>(SkeldaUtil::dataChecksum(std::string_view(body)));
-  EXPECT_EQ(frameOf(message(0, 134, "{}")), body + lastFour(crc));
+  EXPECT_EQ(frameOf(message(0, 134, "{}")), body + lastFour(checksum(body)));
   // Four bits of the version fit into the frame; whether there is a footer goes by all of it.
   EXPECT_EQ(frameOf(message(16, 134, "{}")), body);
   EXPECT_EQ(frameOf(message(-1, 134, "{}")), frameBytes(15, 134, "{}"));
@@ -98,8 +93,7 @@ TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces)
       // Lengths that would wrap around into small ones.
       {headerAnnouncing(0xFFFFFFFF, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
       {headerAnnouncing(0xFFFFFFFF - 24, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
-      {headerAnnouncing(0xFFFFFFFF - 26, 0) + std::string(50, ' '), false, 0xFFFFFFFF},
-  };
+      {headerAnnouncing(0xFFFFFFFF - 26, 0) + std::string(50, ' '), false, 0xFFFFFFFF}};
   for (const auto& [bytes, isWhole, announced] : cases) {
     std::uint32_t length = 99;
     EXPECT_EQ(kReader->isAtLeastOneFrameInData(bytes, &length), isWhole);
@@ -111,8 +105,7 @@ TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces)
 TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
   std::size_t consumed = 0;
   ErrorRef error;
-  const std::string bytes =
-      frameBytes(0, 0xFEDC86, "payload", -1, -2) + "\x01\x02\x03\x84" + "rest";
+  const std::string bytes = frameBytes(0, 0xFEDC86, "payload", -1, -2) + "\x01\x02\x03\x84rest";
   const auto frame = kReader->streamFrameFromData(bytes, &consumed, &error);
   const auto text = [](const SkeldaStreamFrame& of) {
     return fmt::format("version {} type {:x} class {} epoch {} relative {} payload {} crc {:x}",
@@ -121,8 +114,7 @@ TEST(SkeldaStreamFrameDeserializer, DecodesEveryFieldAndLeavesTheCrcUnchecked) {
                        of.payloadString().value_or("none"), static_cast<unsigned>(of.crc32()));
   };
   EXPECT_EQ(text(*frame),
-            "version 0 type fedc86 class none epoch -1 relative -2 payload payload "
-            "crc 84030201");
+            "version 0 type fedc86 class none epoch -1 relative -2 payload payload crc 84030201");
   EXPECT_EQ(frame->payload().string(), "payload");
   EXPECT_EQ(frame->totalLength(), 35U);
   EXPECT_EQ(consumed, 35U);
@@ -144,8 +136,7 @@ struct RecordingHandle : SkeldaStreamFileHandle {
 
 std::string frames(std::size_t count, std::size_t length) {
   std::string bytes;
-  for (std::size_t i = 0; i < count; ++i)
-    bytes += frameOfLength(length, static_cast<char>('a' + i));
+  for (std::size_t i = 0; i < count; ++i) bytes += frameOfLength(length, "abcdefghijklmnop"[i]);
   return bytes;
 }
 
@@ -177,6 +168,7 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
   const auto wrapped = [](std::uint32_t buffered, std::uint32_t length) {
     return std::size_t{buffered - length};
   };
+  const auto tornLong = frames(1, 900) + frames(2, 3000).substr(0, 4500);
   // The file, the frames that are seen, the last state, and what was asked for.
   const std::tuple<const char*, std::string, std::string, int, std::vector<std::size_t>> cases[] = {
       {"an empty file", "", "", 3, {1000}},
@@ -187,13 +179,8 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
       {"a frame longer than the fill", frames(2, 3000), "ab", 3, {1000, wrapped(1000, 3000)}},
       {"a torn last frame", frames(2, 100) + frames(1, 100).substr(0, 60), "ab", 2, {1000, 940}},
       {"a torn header", frames(1, 100) + "\1", "a", 2, {1000, 999}},
-      {"a torn long frame: the buffer is past its limit, and not refilled",
-       frames(1, 900) + frames(2, 3000).substr(0, 4500),
-       "aa",
-       2,
-       {1000, wrapped(100, 3000)}},
-      {"nothing but a torn frame", frames(1, 500).substr(0, 400), "", 2, {1000, 600}},
-  };
+      {"past its limit, and not refilled", tornLong, "aa", 2, {1000, wrapped(100, 3000)}},
+      {"nothing but a torn frame", frames(1, 500).substr(0, 400), "", 2, {1000, 600}}};
   for (const auto& [what, file, seen, last, requests] : cases) {
     SCOPED_TRACE(what);
     writeFile(path_, file);
@@ -213,12 +200,11 @@ TEST_F(SkeldaStreamFrameIteratorTest, ReadsAsTheBufferAndTheFileHaveIt) {
     EXPECT_EQ(reading->state(), 3);
     EXPECT_TRUE(reading->buffer().empty());
   }
-  const std::pair<std::uint64_t, std::size_t> limits[] = {
-      {500, 500}, {(std::uint64_t{1} << 32) + 1, 0xFFFFFFFF}};
+  const std::pair<std::uint64_t, std::size_t> limits[] = {{500, 500}, {0x100000001, 0xFFFFFFFF}};
   for (const auto& [limit, asked] : limits) {
     handle_->requests.clear();
-    iterator({{std::string(kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile), limit}})
-        ->open(path_);
+    const std::string option(kSkeldaStreamConfigOptionMaxBytesToReadFromFrameLogFile);
+    iterator({{option, limit}})->open(path_);
     EXPECT_EQ(handle_->requests, std::vector{asked});
   }
 }

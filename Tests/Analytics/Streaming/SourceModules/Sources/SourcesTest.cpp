@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaAppInfoSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaAppStateSource.h"
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaConsentCore.h"
@@ -20,17 +18,10 @@
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/AgentHome.h"
-#include "Tests/Support/FaultyFiles.h"
-#include "Tests/Support/LogCapture.h"
 
 namespace {
 
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Ne;
+using testing::Contains, testing::Each, testing::ElementsAre, testing::HasSubstr, testing::IsEmpty;
 
 TEST(EnvironmentSources, ReportOnceAtStartUpWhatTheBundleAndTheDeviceSay) {
   ScopedEnvironment environment;
@@ -152,8 +143,7 @@ TEST(UserPropertiesSource, RefusesBadNamesAndValuesInEveryOperationAndSaysWhy) {
       {"p", "text", "name[(not shown)] due to invalid values array", true},
       {"p", Array{"a", 5, 6}, "invalid user property value = (not shown)", true},
       {"p", Array{nullptr}, "invalid user property value = (not shown)", true},
-      {"p", Array{"\xff"}, "a value is not UTF-8 text", true},
-  };
+      {"p", Array{"\xff"}, "a value is not UTF-8 text", true}};
   for (const auto& [name, values, reason, nameIsGood] : cases) {
     log.take();
     rig->setUserProperties(name, values);
@@ -215,7 +205,7 @@ TEST(ConsentCore, AnnouncesEveryUpdateOutsideItsLockAndAnswersWhetherItIsEnough)
   const auto late = std::make_shared<Observer>(core);
   core->registerObserver(late, nullptr);
   core->registerObserver(std::make_shared<Observer>(core), nullptr);
-  EXPECT_THAT(late->wait(1), ElementsAre(Ne(std::this_thread::get_id())));
+  EXPECT_THAT(late->wait(1), ElementsAre(testing::Ne(std::this_thread::get_id())));
   inThreads(4, [&](unsigned) {
     for (int i = 0; i < 50; ++i) core->updateUserConsent(core->getConsent());
   });
@@ -262,12 +252,9 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
 
   // What holds no identifier changes nothing, and what cannot be one is not kept.
   EXPECT_FALSE(first->didReceiveUserInfo({{"host", "x"}}));
-  const std::pair<Value, Value> bad[] = {{7, "no hex"},
-                                         {"", ""},
-                                         {nullptr, nullptr},
-                                         {"\xff", std::string((1 << 20) + 1, 'a')},
-                                         {Array{"VENDOR"}, "00f\xff"},
-                                         {Dictionary(), std::string("00\0", 4)}};
+  const std::pair<Value, Value> bad[] = {
+      {"", ""},      {nullptr, nullptr},           {Dictionary(), std::string("00\0", 4)},
+      {7, "no hex"}, {Array{"VENDOR"}, "00f\xff"}, {"\xff", std::string((1 << 20) + 1, 'a')}};
   for (const auto& [vendor, other] : bad)
     EXPECT_TRUE(first->didReceiveUserInfo({{"skelda://id1", vendor}, {"skelda://id2", other}}));
   EXPECT_THAT(first.texts(), ElementsAre(known));
@@ -337,17 +324,15 @@ TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) 
 TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
   const AgentHome home;
   const auto own = SkeldaReportedIdentifiersSource::installationIDForSessionReport();
-  {
-    const FaultyFileCalls plan("open", Fault::always(EMFILE));
-    EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
-  }
+  const FaultyFileCalls plan("open", Fault::always(EMFILE));
+  EXPECT_EQ(SkeldaReportedIdentifiersSource::installationIDForSessionReport(), "");
+  plan->clear();
   EXPECT_EQ(own, SkeldaReportedIdentifiersSource::installationIDForSessionReport());
   Rig rig;
   rig->queryAndSendIDs();
   const auto identifiers = rig.last<SkeldaStreamReportedIdentifers>();
   std::set<std::uint32_t> types, expected{15};
-  for (const auto& identifier : identifiers->reportedIDs())
-    types.insert(identifier.reportedIDType());
+  for (const auto& id : identifiers->reportedIDs()) types.insert(id.reportedIDType());
   if (SkeldaUtil::getSkeldaId()) expected.insert(7);
   if (SkeldaUtil::getIdentifierForVendor()) expected.insert(6);
   EXPECT_EQ(types, expected);
