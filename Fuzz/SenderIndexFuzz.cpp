@@ -4,7 +4,6 @@
 #include "Analytics/Networking/DataSender/SkeldaDataSenderIndex.h"
 #include "Fuzz/Fuzz.h"
 #include "Platform/Foundation/Exception.h"
-#include "Platform/Foundation/KeyedArchive.h"
 
 namespace {
 

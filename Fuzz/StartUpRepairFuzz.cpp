@@ -4,7 +4,6 @@
 #include "Analytics/Streaming/Core/SkeldaWatchStreamSessionRule.h"
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamEvent.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameDeserializer.h"
-#include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamFrameTypeUtil.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"
 #include "Analytics/Utils/SkeldaStreamFileHandle.h"
 #include "Analytics/Utils/SkeldaStreamFileManager.h"

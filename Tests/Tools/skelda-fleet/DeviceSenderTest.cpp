@@ -4,9 +4,6 @@
 #include <future>
 
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
-#include "Platform/Foundation/NotificationCenter.h"
-#include "Platform/Foundation/URLError.h"
-#include "Skelda_Watch/SkeldaConstants.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
 #include "Tests/Analytics/Streaming/Transfer/TransferFakes.h"
 
