@@ -249,8 +249,9 @@ class WatchOfServers(unittest.TestCase):
     """What looks after each server, with pages in place of servers."""
 
     SERVERS = {"other": 40, "level": 40, "growing": 1, "unwell": 40, "short": 20, "less short": 25, "beside one away": 20,
-               "leading": 20, "for itself": 20, "following": 1, "ahead": 11}
-    BESIDE = {"less short": ("other", "short"), "beside one away": ("other", "away"), "following": ("ahead", "ahead")}
+               "leading": 20, "for itself": 20, "following": 1, "unwell and level": 1, "ahead": 11}
+    BESIDE = {"less short": ("other", "short"), "beside one away": ("other", "away"), "following": ("ahead", "ahead"),
+              "unwell and level": ("following", "following")}
     ENDED = ["unwell", "short", "less short", "beside one away", "leading", "for itself", "following"]
 
     def test_a_server_that_stays_behind_is_ended_and_then_emptied_whatever_it_says_of_itself(self):
@@ -264,7 +265,7 @@ class WatchOfServers(unittest.TestCase):
         def has(name, messages):
             place = folder / name.replace(" ", "-")
             place.mkdir(exist_ok=True)
-            if name != "unwell":
+            if not name.startswith("unwell"):
                 (place / "healthz").touch()
             stream = {"name": STREAM, "state": {"messages": messages}, "config": {"num_replicas": 3},
                       "cluster": {"leader": name if name == "for itself" else "leading"}}
@@ -280,7 +281,8 @@ class WatchOfServers(unittest.TestCase):
                                        *(f"touch '{folder}/{name} {what}'" for what in ("ended", "emptied"))],
                                       env=os.environ | {"LOOK": "1", "PATIENCE": "1"}))
         for messages in range(2, 29):
-            for name, now in (("ahead", 3 * messages + 10), ("following", messages), ("growing", messages)):
+            for name, now in (("ahead", 3 * messages + 10), ("following", messages),
+                              ("unwell and level", messages + 1), ("growing", messages)):
                 has(name, now)
             time.sleep(0.5)
         for what, expected in (("ended", self.ENDED), ("emptied", ["short", "for itself", "following"])):

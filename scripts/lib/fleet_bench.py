@@ -112,10 +112,15 @@ def send(collectors, bodies, options):
 
 
 def load(servers, database):
-    """Events a second, from the loader's start to its end with nothing left in the stream."""
-    began = time.monotonic()
-    said = loading.load_everything(servers, database, within=300)
-    return int(re.search(r"(\d+) events", said)[1]) / (time.monotonic() - began)
+    """Events a second, from the loader's start until its last transaction began, of all before that. What
+    it compares with the stream then, before it ends, is no loading."""
+    began = time.time()
+    loading.load_everything(servers, database, within=300)
+    (events, seconds), = database.ask(
+        f"SELECT sum(events), extract(epoch FROM max(last)) - {began} FROM skelda.logs, "
+        f"(SELECT max(loaded) AS last FROM skelda.logs) AS lasting WHERE loaded >= to_timestamp({began}) "
+        "AND loaded < last")
+    return int(events) / float(seconds)
 
 
 def measure(folder, options, table):
@@ -125,7 +130,7 @@ def measure(folder, options, table):
         for each in (one, two):
             each.await_ready()
         fleet.recorded_run(home, one, home.path / "sent")
-        load(servers, database)
+        loading.load_everything(servers, database)
         for _ in range(options.rounds):
             with OthersBusy() as busy:
                 report = send((one, two), home.path / "sent", options)
