@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,27 +15,19 @@
 #include <bit>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <list>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <numeric>
 #include <optional>
 #include <random>
-#include <set>
-#include <sstream>
+#include <semaphore>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Platform/Platform.h"
 

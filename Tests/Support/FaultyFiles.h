@@ -66,8 +66,7 @@ class FaultPlan {
   }
   std::size_t calls(const std::string& kind) const {
     std::lock_guard lock(mutex_);
-    const auto found = counts_.find(kind);
-    return found == counts_.end() ? 0 : found->second;
+    return counts_.contains(kind) ? counts_.at(kind) : 0;
   }
   /// How many calls failed as told: a test that armed a fault asserts that it struck.
   std::size_t faults() const {
@@ -94,14 +93,12 @@ class FaultPlan {
   std::size_t faults_ = 0;
 };
 
-using FaultPlanRef = std::shared_ptr<FaultPlan>;
-
 /// System calls that fail as planned, installed for as long as the object lives. Kinds are the
 /// method names of FileCalls. A short length makes a read, write or copy do only so much
 /// and succeed, as the kernel may. With a text, only calls on paths that hold it are planned.
 class FaultyFileCalls : public FileCalls {
  public:
-  explicit FaultyFileCalls(FaultPlanRef plan, std::string only = {})
+  explicit FaultyFileCalls(std::shared_ptr<FaultPlan> plan, std::string only = {})
       : plan_(std::move(plan)), only_(std::move(only)) {
     install(this);
   }
@@ -178,8 +175,7 @@ class FaultyFileCalls : public FileCalls {
   }
   bool fails(const char* kind, auto where) {
     const auto fault = faultAt(kind, where);
-    if (fault) errno = fault->error;
-    return fault.has_value();
+    return fault ? errno = fault->error, true : false;
   }
   template <class Call>
   ::ssize_t limited(const char* kind, int fd, std::size_t length, Call call) {
@@ -194,7 +190,7 @@ class FaultyFileCalls : public FileCalls {
     return done;
   }
 
-  FaultPlanRef plan_;
+  const std::shared_ptr<FaultPlan> plan_;
   const std::string only_;
 };
 

@@ -119,9 +119,10 @@ std::unique_ptr<LoopbackServer> LoopbackServer::raw(ConnectionHandler handler, O
 void LoopbackServer::listen() {
   if (options_.certificate) {
     context_ = SSL_CTX_new(TLS_server_method());
-    const auto& [certificate, key] = *options_.certificate;
-    if (SSL_CTX_use_certificate_file(context_, certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM) != 1)
+    const Certificates& own = *options_.certificate;
+    if (SSL_CTX_use_certificate_file(context_, own.certificatePath.c_str(), SSL_FILETYPE_PEM) !=
+            1 ||
+        SSL_CTX_use_PrivateKey_file(context_, own.keyPath.c_str(), SSL_FILETYPE_PEM) != 1)
       throw std::runtime_error("unable to read the server's certificate");
     if (options_.newestTLS != 0) {
       SSL_CTX_set_min_proto_version(context_, options_.newestTLS);

@@ -8,30 +8,18 @@ struct ssl_st;
 
 namespace skelda::testing {
 
-struct TestCertificate {
-  std::string certificateFile;
-  std::string keyFile;
-};
-
 /// An authority of a test's own: the collector's, in a folder of its own. While it lives
 /// SSL_CERT_FILE names it, so that this process trusts it and nobody else.
 class TestAuthority {
  public:
-  TestAuthority() {
-    environment_.set("SSL_CERT_FILE", made(Certificates::Kind::good).authorityPath);
-  }
+  TestAuthority() { environment_.set("SSL_CERT_FILE", issue().authorityPath); }
 
   /// For "localhost" and 127.0.0.1, or one of the bad ones.
-  TestCertificate issue(Certificates::Kind kind = Certificates::Kind::good) const {
-    const auto paths = made(kind);
-    return {paths.certificatePath, paths.keyPath};
-  }
-
- private:
-  Certificates made(Certificates::Kind kind) const {
+  Certificates issue(Certificates::Kind kind = Certificates::Kind::good) const {
     return Certificates::prepare(folder_.path(), {"localhost", "127.0.0.1"}, kind);
   }
 
+ private:
   TemporaryDirectory folder_;
   ScopedEnvironment environment_;
 };
@@ -49,8 +37,8 @@ struct ReceivedRequest {
 class LoopbackServer;
 
 struct LoopbackServerOptions {
-  std::optional<TestCertificate> certificate = std::nullopt;  ///< https
-  int newestTLS = 0;                                          ///< 0: whatever there is
+  std::optional<Certificates> certificate = std::nullopt;  ///< https
+  int newestTLS = 0;                                       ///< 0: whatever there is
 };
 
 /// One connection that the server accepted, in the hands of a handler. Used on its own thread.

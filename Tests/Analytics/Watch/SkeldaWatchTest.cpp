@@ -36,8 +36,8 @@ const Scenario firstEvents("the first events", [] {
   std::vector<std::uint32_t> ids;
   for (const auto& message : recorder->messages(14)) {
     ++counts[message->frameType()];
-    const auto* const event = dynamic_cast<SkeldaStreamEvent*>(message.get());
-    if (event != nullptr) ids.push_back(event->eventId());
+    if (auto* event = dynamic_cast<SkeldaStreamEvent*>(message.get()))
+      ids.push_back(event->eventId());
   }
   expect(ids == std::vector<std::uint32_t>{1, 2}, "ids in order from 1");
   const std::map<std::int32_t, int> expected{{132, 1}, {133, 1}, {134, 2}, {139, 1}, {141, 1},

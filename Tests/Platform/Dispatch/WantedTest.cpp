@@ -4,9 +4,6 @@
 #include "Platform/Dispatch/Wanted.h"
 
 #include <sys/epoll.h>
-#include <sys/resource.h>
-
-#include <semaphore>
 
 #include "Platform/Dispatch/FolderSource.h"
 #include "Platform/Dispatch/ReadSource.h"

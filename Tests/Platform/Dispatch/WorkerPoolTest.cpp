@@ -1,4 +1,3 @@
-#include <semaphore>
 
 #include "Tests/Platform/Dispatch/Waiting.h"
 

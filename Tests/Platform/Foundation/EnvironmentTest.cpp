@@ -1,4 +1,3 @@
-#include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/EnvironmentMonitor.h"
 #include "Platform/Foundation/Locale.h"
 #include "Platform/Foundation/NotificationCenter.h"

@@ -1,4 +1,3 @@
-#include <sys/resource.h>
 
 #include "Platform/Foundation/FileManager.h"
 #include "Platform/Foundation/StorageLock.h"

@@ -152,7 +152,7 @@ TEST(URLSession, FailuresCarryTheirCodes) {
   const auto saying = [&](std::string bytes) {
     return afterRequest([bytes](auto& connection) { connection.send(bytes); });
   };
-  const auto secure = [](TestCertificate certificate, int newestTLS = 0) {
+  const auto secure = [](Certificates certificate, int newestTLS = 0) {
     const LoopbackServer::Options options{certificate, newestTLS};
     return std::make_unique<LoopbackServer>(answering(200), options);
   };

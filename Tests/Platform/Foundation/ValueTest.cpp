@@ -1,6 +1,5 @@
 #include "Platform/Foundation/Value.h"
 
-#include "Platform/Foundation/Error.h"
 #include "Tests/Support/Testing.h"
 
 namespace {

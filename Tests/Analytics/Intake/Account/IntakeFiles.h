@@ -1,7 +1,6 @@
 #pragma once
 
 #include <sys/mman.h>
-#include <sys/resource.h>
 
 #include "Analytics/Intake/Account/SkeldaIntakeLayout.h"
 #include "Tests/Support/Testing.h"

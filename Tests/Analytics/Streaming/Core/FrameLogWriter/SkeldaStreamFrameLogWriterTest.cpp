@@ -1,7 +1,5 @@
 // What is in the logs, and what a start makes of the log that it finds.
 
-#include <sys/resource.h>
-
 #include "Analytics/Streaming/Core/FrameLogWriter/SkeldaStreamFrameLogWriter.h"
 #include "Analytics/Streaming/Data Providers/ISkeldaNodeDataProvider.h"
 #include "Analytics/Streaming/SourceModules/Frames/SkeldaStreamMessageSerializer.h"

@@ -9,12 +9,13 @@ namespace {
 
 using Read = std::shared_ptr<SkeldaStreamRecord> (*)(const Data&);
 
+template <class Entity>
+std::shared_ptr<SkeldaStreamRecord> readBack(const Data& json) {
+  return Entity::streamEntityFromJSONData(json);
+}
 template <class... Entities>
-std::map<std::string, Read, std::less<>> readersOf() {
-  return {{std::string(Entities::kClassName),
-           [](const Data& json) -> std::shared_ptr<SkeldaStreamRecord> {
-             return Entities::streamEntityFromJSONData(json);
-           }}...};
+std::map<std::string, Read> readersOf() {
+  return {{std::string(Entities::kClassName), &readBack<Entities>}...};
 }
 
 /// Free, active, wired and inactive memory, the processors' use, the battery and whether it
@@ -108,8 +109,7 @@ std::vector<EntitySample> entitySamples() {
     sample.readBack = readers.extract(sample.name).mapped();
     sample.payload = jsonText(readJSON(sample.payload).value());
     sample.entity = madeByHand(sample.name);
-    if (sample.entity == nullptr)
-      sample.entity = sample.readBack(Data(sample.payload.data(), sample.payload.size()));
+    if (!sample.entity) sample.entity = sample.readBack(Data(sample.payload));
   }
   if (!readers.empty()) throw std::runtime_error("no entry: " + readers.begin()->first);
   return samples;

@@ -13,7 +13,7 @@ std::optional<std::string> frameOf(const ISkeldaStreamMessage& message) {
   return frame ? std::optional(frame->string()) : std::nullopt;
 }
 
-std::string lastFour(std::uint32_t number) {
+std::string fourBytes(std::uint32_t number) {
   std::string bytes;
   for (unsigned i = 0; i < 4; ++i) bytes += static_cast<char>(number >> (8 * i));
   return bytes;
@@ -27,7 +27,7 @@ TEST(SkeldaStreamMessageSerializer, GivesAFooterToTheWholeVersionZeroAlone) {
   ASSERT_EQ(checksum({}), 0U);
 
   const std::string body = frameBytes(0, 134, "{}");
-  EXPECT_EQ(frameOf(message(0, 134, "{}")), body + lastFour(checksum(body)));
+  EXPECT_EQ(frameOf(message(0, 134, "{}")), body + fourBytes(checksum(body)));
   // Four bits of the version fit into the frame; whether there is a footer goes by all of it.
   EXPECT_EQ(frameOf(message(16, 134, "{}")), body);
   EXPECT_EQ(frameOf(message(-1, 134, "{}")), frameBytes(15, 134, "{}"));
@@ -73,9 +73,7 @@ TEST(SkeldaStreamMessageSerializer, WritesAnEntityAsItWritesAMessageThatCarriesI
 const auto kReader = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
 
 std::string headerAnnouncing(std::uint32_t length, int version) {
-  std::string header = frameBytes(version, 134, "");
-  for (unsigned i = 0; i < 4; ++i) header[20 + i] = static_cast<char>(length >> (8 * i));
-  return header;
+  return frameBytes(version, 134, "").replace(20, 4, fourBytes(length));
 }
 
 TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces) {
