@@ -85,13 +85,11 @@ TEST_F(SkeldaUtilTest, ArchivesComeBackAndMalformedOnesAreDeleted) {
   EXPECT_FALSE(SkeldaUtil::archiveDictionary(Value(1), path));
   EXPECT_FALSE(SkeldaUtil::archiveObject(Value("text"), home_ / "absent/archive"));
   ErrorRef error;
-  {
-    const FaultyFileCalls plan;
-    for (const auto& [kind, code] : {std::pair{"open", EMFILE}, {"read", EIO}, {"open", EACCES}}) {
-      plan->failKind(kind, 1, {.error = code});
-      EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());
-      EXPECT_EQ(codeOf(error), code);
-    }
+  const FaultyFileCalls plan;
+  for (const auto& [kind, code] : {std::pair{"open", EMFILE}, {"read", EIO}, {"open", EACCES}}) {
+    plan->failKind(kind, 1, {.error = code});
+    EXPECT_FALSE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());
+    EXPECT_EQ(codeOf(error), code);
   }
   EXPECT_TRUE(SkeldaUtil::safeUnarchiveObjectWithFile(path, &error).has_value());
   EXPECT_EQ(error, nullptr);

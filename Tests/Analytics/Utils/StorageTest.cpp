@@ -171,19 +171,18 @@ TEST_F(KVStorageTest, AFileThatCannotBeReadJustNowIsNotOverwritten) {
   EXPECT_TRUE(store().isPersisted());
   restart();
   const std::string before = readFile(path_);
-  {
-    const FaultyFileCalls plan("open", Fault::always(EMFILE));
-    store().setInteger(2, "new");
-    store().removeObjectForKey("removed");
-    EXPECT_EQ(store().integerForKey("new"), 2);
-    EXPECT_FALSE(store().isPersisted());
-    plan->clear();
-    plan->failAll("read", EIO);
-    EXPECT_EQ(store().integerForKey("counter"), 0);
-    EXPECT_FALSE(store().isReadable());
-    EXPECT_EQ(readFile(path_), before);
-    EXPECT_GE(plan->faults(), 4u);
-  }
+  const FaultyFileCalls plan("open", Fault::always(EMFILE));
+  store().setInteger(2, "new");
+  store().removeObjectForKey("removed");
+  EXPECT_EQ(store().integerForKey("new"), 2);
+  EXPECT_FALSE(store().isPersisted());
+  plan->clear();
+  plan->failAll("read", EIO);
+  EXPECT_EQ(store().integerForKey("counter"), 0);
+  EXPECT_FALSE(store().isReadable());
+  EXPECT_EQ(readFile(path_), before);
+  EXPECT_GE(plan->faults(), 4u);
+  plan->clear();
   for (const bool restarted : {false, true}) {  // read again when it can be
     if (restarted) restart();
     EXPECT_EQ(store().integerForKey("counter"), 57);
@@ -197,13 +196,11 @@ TEST_F(KVStorageTest, AChangeThatCouldNotBeWrittenGoesWithTheNextOne) {
   store().setInteger(1, "one");
   EXPECT_TRUE(store().isPersisted());
   const std::string before = readFile(path_);
-  {
-    const FaultyFileCalls plan;
-    for (const auto kind : {"open", "write", "syncData", "close", "rename"}) {
-      plan->failKind(kind, 1, {.error = ENOSPC});
-      EXPECT_FALSE(store().storeObjects({{"two", 2}})) << kind;
-      EXPECT_EQ(readFile(path_), before) << kind;
-    }
+  const FaultyFileCalls plan;
+  for (const auto kind : {"open", "write", "syncData", "close", "rename"}) {
+    plan->failKind(kind, 1, {.error = ENOSPC});
+    EXPECT_FALSE(store().storeObjects({{"two", 2}})) << kind;
+    EXPECT_EQ(readFile(path_), before) << kind;
   }
   EXPECT_EQ(store().integerForKey("two"), 2) << "kept in memory";
   EXPECT_TRUE(store().storeObjects({{"three", 3}}));

@@ -169,11 +169,9 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
     session->activateSession();
     return delegate->wait(1);
   };
-  {
-    const LogCapture log;
-    EXPECT_THAT(outcomeOf(path()), ElementsAre("not activated"));
-    EXPECT_EQ(log.count("Address already in use"), 1u);
-  }
+  const LogCapture log;
+  EXPECT_THAT(outcomeOf(path()), ElementsAre("not activated"));
+  EXPECT_EQ(log.count("Address already in use"), 1u);
 
   const std::string stale = folder_ / "stale.sock";  // left by a process that was killed
   ChildProcess child([&] {

@@ -310,18 +310,15 @@ TEST_F(SkeldaIntakeOpeningTest, WithoutAFileThereIsMemoryOfTheSameBoundAndTheFil
     EXPECT_NE(append(*file, "one"), kSkeldaNoTicket) << kind;
     EXPECT_EQ(namesIn(directory_.path()), Texts{}) << kind;
   }
-  {
-    // A file system that reserves nothing is written to.
-    const FaultyFileCalls plan("allocate", {.error = EOPNOTSUPP});
-    EXPECT_TRUE(open()->isProtected());
-    EXPECT_GE(bytesOnDisk(), std::filesystem::file_size(path_));
-    EXPECT_GT(std::filesystem::file_size(path_), kCapacity);
-  }
+  // A file system that reserves nothing is written to.
+  const FaultyFileCalls plan("allocate", {.error = EOPNOTSUPP});
+  EXPECT_TRUE(open()->isProtected());
+  EXPECT_GE(bytesOnDisk(), std::filesystem::file_size(path_));
+  EXPECT_GT(std::filesystem::file_size(path_), kCapacity);
   append(*open(), "kept");
-  {
-    const FaultyFileCalls plan("open", Fault::always(EACCES));
-    EXPECT_FALSE(SkeldaIntakeFile::open(path_, kCapacity, kKey)->isProtected());
-  }
+  plan->failAll("open", EACCES);
+  EXPECT_FALSE(SkeldaIntakeFile::open(path_, kCapacity, kKey)->isProtected());
+  plan->clear();
   EXPECT_EQ(payloadsOf(*open()), Texts{"kept"});
 }
 

@@ -174,11 +174,9 @@ TEST_F(FrameLogWriter, TriesACopyThreeTimesBeforeItGivesTheLogUpWithALine) {
 
 TEST_F(FrameLogWriter, TheNextNumberIsOnDiskWhereTheStoreCouldBeWrittenTheThirdTime) {
   startNew();
-  {
-    const FaultyFileCalls plan("rename", {.error = ENOSPC, .times = 2}, ".storage");
-    flush(5);
-    EXPECT_EQ(plan->faults(), 2U);
-  }
+  const FaultyFileCalls plan("rename", {.error = ENOSPC, .times = 2}, ".storage");
+  flush(5);
+  EXPECT_EQ(plan->faults(), 2U);
   AgentHome::forget();
   EXPECT_EQ(counter(), 2);
 }

@@ -286,13 +286,12 @@ TEST(ReportedIdentifiersSource, KeepsBothIdentifiersInOneWriteOrNeitherAndSaysSo
     LogCapture log;
     // As a first start with an empty keychain takes them, but for the sealing key, which is there.
     EXPECT_NE(Source::installationIDForSessionReport(), "");
-    {
-      Rig rig;
-      const FaultyFileCalls plan;
-      plan->failKind("rename", failingRename, {.error = ENOSPC, .times = Fault::kForEver});
-      rig->didReceiveUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
-      EXPECT_EQ(rig.sent().size(), 1U);
-    }
+    Rig rig;
+    const FaultyFileCalls plan;
+    plan->failKind("rename", failingRename, {.error = ENOSPC, .times = Fault::kForEver});
+    rig->didReceiveUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
+    EXPECT_EQ(rig.sent().size(), 1U);
+    plan->clear();
     const bool kept = failingRename > 1;
     EXPECT_EQ(Source::watchVendorIDForSessionReport().has_value(), kept);
     EXPECT_EQ(Source::watchInstallationIDForSessionReport().has_value(), kept);
