@@ -89,13 +89,10 @@ void LostLogs::run() {
 LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
   Views views;
   skelda::tools::readServers(connection_, stream_, since, ofAll, [&views](bool leads) {
-    View& view = leads ? views.leader : views.others.emplace_back();
+    ServerView& view = leads ? views.leader : views.others.emplace_back();
     view = {};
     return [&view](std::string_view id, std::uint64_t place) {
-      const std::string name(id.substr(0, kDigestLength));
-      view.places.emplace(name, place);
-      view.ids.emplace(place, name);
-      view.last = std::max(view.last, place);
+      view.add(std::string(id.substr(0, kDigestLength)), place);
       return true;
     };
   });
@@ -115,7 +112,7 @@ void LostLogs::compare(bool isTroubled) {
   std::erase_if(denied_, [&](const auto& entry) {
     return there.contains(entry.first) && !disputed_.contains(entry.first);
   });
-  const Copies disputed = findDisputed(views.leader, views.others, copies);
+  const Copies disputed = findDisputed(views, copies);
   Copies lost;
   std::ranges::copy_if(copies, std::back_inserter(lost),
                        [&](const auto& copy) { return !there.contains(copy.id); });
@@ -137,21 +134,30 @@ void LostLogs::compare(bool isTroubled) {
 
 /// The logs that are to have another place. One comparison alone proves nothing: the servers were
 /// not read at the same time.
-LostLogs::Copies LostLogs::findDisputed(const View& leader, const std::vector<View>& others,
-                                        const Copies& copies) {
-  Copies found;
-  Ids disputed;
+LostLogs::Copies LostLogs::findDisputed(const Views& views, const Copies& copies) {
+  std::vector<std::string> logs;
   for (const auto& copy : copies) {
-    const auto at = leader.places.find(copy.id);
-    if (at == leader.places.end() || toGiveUp_.contains(at->second)) continue;
-    const auto differs = [&copy, place = at->second](const View& view) {
-      const auto other = view.ids.find(place);
-      // What lies behind its end may still be on its way.
-      return view.last > place && (other == view.ids.end() || other->second != copy.id);
-    };
-    if (std::ranges::none_of(others, differs)) continue;
-    disputed.insert(copy.id);
-    if (!disputed_.contains(copy.id)) continue;
+    const auto at = views.leader.places.find(copy.id);
+    if (at != views.leader.places.end() && !toGiveUp_.contains(at->second)) logs.push_back(copy.id);
+  }
+  Ids disputed;
+  std::size_t astray = 0;
+  for (const ServerView& other : views.others) {
+    const auto elsewhere = views.leader.elsewhereIn(other, logs);
+    if (elsewhere.size() <= ServerView::kMostElsewhere) {
+      disputed.insert(elsewhere.begin(), elsewhere.end());
+    } else {
+      ++astray;
+    }
+  }
+  if (astray != astray_.exchange(astray)) {
+    std::printf("stream: servers that have many logs at other places than the leader: %zu\n",
+                astray);
+    std::fflush(stdout);
+  }
+  Copies found;
+  for (const auto& copy : copies) {
+    if (!disputed.contains(copy.id) || !disputed_.contains(copy.id)) continue;
     denied_.try_emplace(copy.id, 1);  // the servers know its id
     found.push_back(copy);
   }
@@ -227,5 +233,6 @@ std::string LostLogs::figures() const {
   add("counter", "stream_lost_logs_total", lost_);
   add("counter", "stream_disputed_logs_total", disputes_);
   add("counter", "stream_published_again_total", again_);
+  add("gauge", "stream_servers_astray", astray_);
   return text;
 }

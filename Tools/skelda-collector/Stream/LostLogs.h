@@ -13,6 +13,7 @@
 
 #include "Platform/Base/Mutex.h"
 #include "Tools/skelda-collector/LogSink.h"
+#include "Tools/skelda-collector/Stream/ServerView.h"
 #include "Tools/skelda-collector/Stream/SpareCopies.h"
 
 /// Finds the logs that the stream had acknowledged and no longer has, and has them published again.
@@ -20,7 +21,7 @@
 /// a trouble; the latest, each minute, without one. After a trouble it also compares what the
 /// servers have at the same place: where one of them has another log than the leader, and would
 /// give out that one when it leads, the leader's log is published again, and its first place given
-/// up then. One thread of its own.
+/// up then; but where that server has many elsewhere, it is only counted. One thread of its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -46,23 +47,17 @@ class LostLogs {
 
  private:
   using Clock = std::chrono::steady_clock;
-  /// What a server has.
-  struct View {
-    std::unordered_map<std::string, std::uint64_t> places;  // by id
-    std::unordered_map<std::uint64_t, std::string> ids;     // by place
-    std::uint64_t last = 0;
-  };
   struct Views {
-    View leader;
-    std::vector<View> others;
+    ServerView leader;
+    std::vector<ServerView> others;
   };
   using Copies = std::vector<SpareCopies::Copy>;
-  using Ids = std::unordered_set<std::string>;
+  using Ids = ServerView::Ids;
 
   void run();
   void compare(bool isTroubled);
   Views read(SpareCopies::Time since, bool ofAll) const;
-  Copies findDisputed(const View& leader, const std::vector<View>& others, const Copies& copies);
+  Copies findDisputed(const Views& views, const Copies& copies);
   Ids publishAgain(const Copies& lost);
   void giveUpPlaces();
 
@@ -79,6 +74,7 @@ class LostLogs {
   std::unordered_set<std::uint64_t> toGiveUp_;
   SpareCopies::Time lastBegan_{};
   std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, disputes_ = 0, again_ = 0;
+  std::atomic<std::size_t> astray_ = 0;  // servers, at the last comparison
 
   skelda::platform::Mutex mutex_;
   skelda::platform::Condition changed_;
