@@ -16,7 +16,7 @@
 /// A frame of an iterator has its payload in the bytes that it was read with, and keeps those
 /// alive: what the iterator buffers, or the rest of one log where a frame is longer than that. Who
 /// keeps payloads for long takes payload(), and lets the frame go.
-class SkeldaStreamFrame : public platform::Object {
+class SkeldaStreamFrame final : public platform::Object {
  public:
   using Ref = std::shared_ptr<SkeldaStreamFrame>;
   static constexpr std::string_view kClassName = "SkeldaStreamFrame";
