@@ -16,4 +16,11 @@ TEST(ServerView, TellsWhatIsElsewhereFromWhatIsStillToCome) {
   EXPECT_TRUE(leader.elsewhereIn({}, logs).empty()) << "of nothing all is still to come";
 }
 
+TEST(ServerView, KeepsTheLastPlaceOfALogAndNamesTheOthers) {
+  ServerView view;
+  for (const char* id : {"a", "b", "a", "a"}) view.add(id, view.last + 1);
+  EXPECT_EQ(view.repeated, (std::vector<std::uint64_t>{1, 3}));
+  EXPECT_EQ(view.places.at("a"), 4U);
+}
+
 }  // namespace

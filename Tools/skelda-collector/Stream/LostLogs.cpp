@@ -100,22 +100,16 @@ LostLogs::Views LostLogs::read(SpareCopies::Time since, bool ofAll) const {
 }
 
 void LostLogs::compare(bool isTroubled) {
-  giveUpPlaces();
   const auto now = std::chrono::system_clock::now();
   auto copies = copies_.all();
   const auto from = isTroubled ? now - options_.longest : lastBegan_ - kOverlap;
   std::erase_if(copies, [&](const auto& copy) { return copy.at < from; });
   const Views views = copies.empty() ? Views{} : read(copies.front().at - kClocks, isTroubled);
   lastBegan_ = now;
-  const auto& there = views.leader.places;
-  std::erase_if(toGiveUp_, [&](auto place) { return !views.leader.ids.contains(place); });
-  std::erase_if(denied_, [&](const auto& entry) {
-    return there.contains(entry.first) && !disputed_.contains(entry.first);
-  });
   const Copies disputed = findDisputed(views, copies);
   Copies lost;
   std::ranges::copy_if(copies, std::back_inserter(lost),
-                       [&](const auto& copy) { return !there.contains(copy.id); });
+                       [&](const auto& copy) { return !views.leader.places.contains(copy.id); });
   if (!lost.empty() || !disputed.empty()) {
     std::printf(
         "stream: of acknowledged logs %zu are no longer there and %zu not on all servers; they are "
@@ -123,12 +117,12 @@ void LostLogs::compare(bool isTroubled) {
         lost.size(), disputed.size());
     std::fflush(stdout);
     lost_ += lost.size();
-    publishAgain(lost);
-    for (const auto& id : publishAgain(disputed)) toGiveUp_.insert(there.at(id));
-    giveUpPlaces();
+    publishAgain(lost, now);
+    publishAgain(disputed, now);
   }
+  giveUp(views.leader.repeated);
   // It is looked whether they stay, and whether those that differ still do.
-  if (!lost.empty() || !disputed_.empty()) trouble();
+  if (!lost.empty() || !disputed_.empty() || !views.leader.repeated.empty()) trouble();
   ++comparisons_;
 }
 
@@ -137,8 +131,7 @@ void LostLogs::compare(bool isTroubled) {
 LostLogs::Copies LostLogs::findDisputed(const Views& views, const Copies& copies) {
   std::vector<std::string> logs;
   for (const auto& copy : copies) {
-    const auto at = views.leader.places.find(copy.id);
-    if (at != views.leader.places.end() && !toGiveUp_.contains(at->second)) logs.push_back(copy.id);
+    if (views.leader.places.contains(copy.id)) logs.push_back(copy.id);
   }
   Ids disputed;
   std::size_t astray = 0;
@@ -157,32 +150,31 @@ LostLogs::Copies LostLogs::findDisputed(const Views& views, const Copies& copies
   }
   Copies found;
   for (const auto& copy : copies) {
-    if (!disputed.contains(copy.id) || !disputed_.contains(copy.id)) continue;
-    denied_.try_emplace(copy.id, 1);  // the servers know its id
-    found.push_back(copy);
+    if (disputed.contains(copy.id) && disputed_.contains(copy.id)) found.push_back(copy);
   }
   disputed_ = std::move(disputed);
   return found;
 }
 
-/// Only once the log is in the stream a second time: what cannot be published again stays.
-void LostLogs::giveUpPlaces() {
-  disputes_ += std::erase_if(toGiveUp_, [this](std::uint64_t place) {
-    const auto status =
-        js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr);
-    return status == NATS_OK || status == NATS_NOT_FOUND;
-  });
+/// Where a log is now, it stays, and was published later than what is given up. With a server
+/// astray nothing is: that place is another log's there.
+void LostLogs::giveUp(const std::vector<std::uint64_t>& places) {
+  for (const std::uint64_t place : places) {
+    if (astray_ > 0) return;
+    if (js_DeleteMsg(stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) == NATS_OK)
+      ++disputes_;
+  }
 }
 
-/// The ids of those that the stream has now.
-LostLogs::Ids LostLogs::publishAgain(const Copies& lost) {
+/// With an id of this minute: another collector that has a copy of the same log publishes it with
+/// the same one, and the servers keep one of the two.
+void LostLogs::publishAgain(const Copies& lost, SpareCopies::Time now) {
+  const auto minute = std::chrono::floor<std::chrono::minutes>(now).time_since_epoch().count();
   struct Round {
     skelda::platform::Mutex mutex;
     skelda::platform::Condition changed;
     std::size_t left GUARDED_BY(mutex) = 0;
-    std::vector<std::string> denied GUARDED_BY(mutex), kept GUARDED_BY(mutex);
   };
-  Ids kept;
   for (std::size_t first = 0; first < lost.size() && isReady_(); first += kAtOnce) {
     const auto round = std::make_shared<Round>();
     const std::size_t count = std::min(kAtOnce, lost.size() - first);
@@ -191,31 +183,22 @@ LostLogs::Ids LostLogs::publishAgain(const Copies& lost) {
       round->left = count;
     }
     for (std::size_t i = first; i < first + count; ++i) {
-      const std::string& id = lost[i].id;
-      // A server that lost a log may still know its id: then it needs another one.
-      const auto denied = denied_.find(id);
-      const std::string name =
-          denied == denied_.end() ? id : fmt::format("{}.{}", id, denied->second);
       const std::string record = lost[i].read();
       if (record.empty()) {
-        std::printf("stream: the copy of log %s cannot be read\n", id.c_str());
+        std::printf("stream: the copy of log %s cannot be read\n", lost[i].id.c_str());
         std::fflush(stdout);
       }
-      publish_(record, name, [this, round, id](LogSink::Outcome outcome, const auto&) {
-        const MutexLock lock(round->mutex);
-        if (outcome == LogSink::Outcome::repeat) round->denied.push_back(id);
-        if (outcome == LogSink::Outcome::kept) round->kept.push_back(id);
-        again_ += outcome == LogSink::Outcome::kept ? 1 : 0;
-        if (--round->left == 0) round->changed.notifyAll();
-      });
+      publish_(record, fmt::format("{}.{}", lost[i].id, minute),
+               [this, round](LogSink::Outcome outcome, const auto&) {
+                 const MutexLock lock(round->mutex);
+                 again_ += outcome == LogSink::Outcome::kept ? 1 : 0;
+                 if (--round->left == 0) round->changed.notifyAll();
+               });
     }
     MutexLock lock(round->mutex);
     const auto until = Clock::now() + 10s;  // what has no answer by then is lost at the next look
     while (round->left > 0 && Clock::now() < until) round->changed.waitFor(lock, 200ms);
-    for (const auto& id : round->denied) ++denied_[id];
-    kept.insert(round->kept.begin(), round->kept.end());
   }
-  return kept;
 }
 
 std::string LostLogs::figures() const {

@@ -7,8 +7,6 @@
 #include <functional>
 #include <string>
 #include <thread>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "Platform/Base/Mutex.h"
@@ -20,8 +18,11 @@
 /// Compares the copies with what the stream's leader gives out: all of them, again and again, after
 /// a trouble; the latest, each minute, without one. After a trouble it also compares what the
 /// servers have at the same place: where one of them has another log than the leader, and would
-/// give out that one when it leads, the leader's log is published again, and its first place given
-/// up then; but where that server has many elsewhere, it is only counted. One thread of its own.
+/// give out that one when it leads, the leader's log is published again; but where that server has
+/// many elsewhere, it is only counted. Of a log that is there twice the first place is given up.
+/// What is published again has an id that no server knows: one that still knows the log's own would
+/// take it for a repeat, and put all that comes later at other places than the rest. One thread of
+/// its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -58,8 +59,8 @@ class LostLogs {
   void compare(bool isTroubled);
   Views read(SpareCopies::Time since, bool ofAll) const;
   Copies findDisputed(const Views& views, const Copies& copies);
-  Ids publishAgain(const Copies& lost);
-  void giveUpPlaces();
+  void publishAgain(const Copies& lost, SpareCopies::Time now);
+  void giveUp(const std::vector<std::uint64_t>& places);
 
   const SpareCopies::Options options_;
   SpareCopies copies_;
@@ -67,11 +68,7 @@ class LostLogs {
   jsCtx* const stream_;
   const IsReady isReady_;
   const Publish publish_;
-  /// What the leader calls a repeat though it does not have it: how often. The thread's own.
-  std::unordered_map<std::string, int> denied_;
-  Ids disputed_;  // at the last comparison, the same
-  /// The same: places of logs that have another one now.
-  std::unordered_set<std::uint64_t> toGiveUp_;
+  Ids disputed_;  // at the last comparison; the thread's own, as is the next
   SpareCopies::Time lastBegan_{};
   std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, disputes_ = 0, again_ = 0;
   std::atomic<std::size_t> astray_ = 0;  // servers, at the last comparison

@@ -1,9 +1,11 @@
 #include "Tools/skelda-collector/Stream/ServerView.h"
 
 #include <algorithm>
+#include <utility>
 
 void ServerView::add(const std::string& id, std::uint64_t place) {
-  places.emplace(id, place);
+  const auto [at, isFirst] = places.emplace(id, place);
+  if (!isFirst) repeated.push_back(std::exchange(at->second, place));
   ids.emplace(place, id);
   last = std::max(last, place);
 }

@@ -14,10 +14,12 @@ struct ServerView {
   /// comes elsewhere too: new places for these logs would mend nothing, and take the disk's room.
   static constexpr std::size_t kMostElsewhere = 64;
 
-  std::unordered_map<std::string, std::uint64_t> places;  // by id
+  std::unordered_map<std::string, std::uint64_t> places;  // by id: the last
   std::unordered_map<std::uint64_t, std::string> ids;     // by place
+  std::vector<std::uint64_t> repeated;  // places of logs that are at a later one, too
   std::uint64_t last = 0;
 
+  /// In the order of their places.
   void add(const std::string& id, std::uint64_t place);
   /// Of these logs, those that the other one has at another place, or not at all. What lies behind
   /// the other one's end may still be on its way.
