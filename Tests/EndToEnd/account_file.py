@@ -3,6 +3,7 @@ counted there, and which records wait. Of a live agent or of a dead one. The byt
 docs/intake-format.md.
 """
 
+import collections
 import struct
 import typing
 
@@ -14,22 +15,16 @@ OUTCOMES = ("stored", "sessionCap", "sessionDuration", "repeated", "notUTF8", "w
             "otherVersion", "replayedTooOften")
 COPY_FAILED = 3  # the last of the reasons why logs were removed
 # In the order of the page, with how many numbers each has.
-COUNTERS = (("accepted", 2), ("cutOff", 2), ("replayed", 2), ("unprotected", 2), ("settled", 20), ("refused", 10),
-            ("framesWritten", 1), ("framesLost", 1), ("synchronizationsFailed", 1), ("logsCommited", 1),
-            ("logsStored", 1), ("logsRemoved", 4), ("blocksStored", 1), ("blocksAcknowledged", 1),
-            ("blocksRejected", 1), ("blocksRemoved", 3), ("bytesSent", 1), ("requests", 1), ("lastAnswer", 1),
-            ("lastAnswerTime", 1), ("linesDropped", 1), ("inconsistent", 1))
+COUNTERS = {"accepted": 2, "cutOff": 2, "replayed": 2, "unprotected": 2, "settled": 20, "refused": 10, "framesWritten": 1,
+            "framesLost": 1, "synchronizationsFailed": 1, "logsCommited": 1, "logsStored": 1, "logsRemoved": 4,
+            "blocksStored": 1, "blocksAcknowledged": 1, "blocksRejected": 1, "blocksRemoved": 3, "bytesSent": 1,
+            "requests": 1, "lastAnswer": 1, "lastAnswerTime": 1, "linesDropped": 1, "inconsistent": 1}
 # More calls than this are never under way at a kill, nor more logs or blocks.
 MOST_CUT_OFF, MOST_UNDER_WAY = 64, 8
 
 _MASK = (1 << 64) - 1
 
-
-class Record(typing.NamedTuple):
-    ticket: int
-    kind: str
-    attempts: int
-    payload: bytes
+Record = collections.namedtuple("Record", "ticket kind attempts payload")
 
 
 class Records(typing.NamedTuple):
@@ -59,23 +54,20 @@ class AccountFile(typing.NamedTuple):
         may be cut off that nothing has counted yet. With a home, its logs and blocks as well, where
         nothing is under way: a kill may leave some that are there and not counted yet, or counted as
         gone and still there; but never one that is neither there nor counted."""
-        wrong = []
-        for name in KINDS:
-            records = getattr(self, name)
-            if not 0 <= records.missing <= (MOST_CUT_OFF if killed else 0):
-                wrong.append(f"{name}: {records.missing} are missing of {records}")
         number = self.numbers
-        if number["inconsistent"]:
-            wrong.append(f"{number['inconsistent']} starts had to correct the account")
+        # By how much each sum is off, and may be after a kill.
+        sums = {"events missing": (self.events.missing, MOST_CUT_OFF),
+                "choices missing": (self.choices.missing, MOST_CUT_OFF),
+                "starts that had to correct the account": (number["inconsistent"], 0)}
         if home is not None:
             # A log that could not be copied was lost before it was committed.
-            sums = {"logs": (number["logsCommited"], number["logsStored"], len(home.committed_logs()),
-                             sum(number["logsRemoved"][:COPY_FAILED])),
-                    "blocks": (number["blocksStored"], number["blocksAcknowledged"], number["blocksRejected"],
-                               len(home.blocks()), sum(number["blocksRemoved"]))}
-            wrong += [f"{name}: {whole} are not {' + '.join(map(str, parts))}" for name, (whole, *parts) in sums.items()
-                      if not 0 <= sum(parts) - whole <= (MOST_UNDER_WAY if killed else 0)]
-        return wrong
+            logs = number["logsStored"] + len(home.committed_logs()) + sum(number["logsRemoved"][:COPY_FAILED])
+            blocks = (number["blocksAcknowledged"] + number["blocksRejected"] + sum(number["blocksRemoved"])
+                      + len(home.blocks()))
+            sums |= {"logs more than were committed": (logs - number["logsCommited"], MOST_UNDER_WAY),
+                     "blocks more than were stored": (blocks - number["blocksStored"], MOST_UNDER_WAY)}
+        return [f"{off} {what}: {self._replace(waiting=len(self.waiting))}" for what, (off, most) in sums.items()
+                if not 0 <= off <= (most if killed else 0)]
 
 
 def _rotated(value, by):
@@ -121,7 +113,7 @@ def read(data):
     tail, = struct.unpack_from("<Q", data, 64)
     *left_and_settled, ticket, counter, value = struct.unpack_from("<11Q", data, 128)
     counters, at = {}, 256
-    for name, count in COUNTERS:
+    for name, count in COUNTERS.items():
         counters[name] = list(struct.unpack_from(f"<{count}Q", data, at))
         at += 8 * count
     if ticket:  # a kill fell into a settling; what it was to become is counted as done

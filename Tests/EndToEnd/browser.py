@@ -57,12 +57,9 @@ class Browser(contextlib.AbstractContextManager):
         raise AssertionError(f"not within {within} s: {expression}\n{self.complaints}")
 
     def press(self, *keys):
-        """A letter, or a key by its name."""
+        """Texts, or keys by their names."""
         for key in keys:
-            self.type(getattr(Keys, key.upper(), key))
-
-    def type(self, text):
-        webdriver.ActionChains(self.driver).send_keys(text).perform()
+            webdriver.ActionChains(self.driver).send_keys(getattr(Keys, key.upper(), key)).perform()
 
     def screenshot(self, path, width=1360, height=900, dark=False, phone=False):
         """What a person sees on a screen of that size, and whether something sticks out at the side."""

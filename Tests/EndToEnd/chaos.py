@@ -16,7 +16,6 @@ import subprocess
 import sys
 import threading
 import time
-import typing
 
 import account_file
 import frame_log
@@ -43,18 +42,10 @@ def connections(pid):
     return {row[2] for row in rows if row[9] in inodes and row[3] != "0A" and not row[2].endswith(":0000")}
 
 
-class Usage(typing.NamedTuple):
-    memory: int
-    threads: int
-    descriptors: int  # without sockets
-    sockets: int
-
-    @staticmethod
-    def of(pid):
-        status = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines())
-        opened = open_files(pid)
-        sockets = sum(name.startswith("socket:") for name in opened)
-        return Usage(int(status["VmRSS"].split()[0]), int(status["Threads"]), len(opened) - sockets, sockets)
+def usage_of(pid):
+    status = dict(re.findall(r"^(\w+):\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE))
+    files, sockets = (sum(name.startswith("socket:") == are_sockets for name in open_files(pid)) for are_sockets in (0, 1))
+    return {"KiB": int(status["VmRSS"]), "threads": int(status["Threads"]), "files": files, "sockets": sockets}
 
 
 class Chaos(Run):
@@ -63,12 +54,12 @@ class Chaos(Run):
         self.length, self.home = minutes * 60, self.enter_context(Home())
         self.as_host = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if ROOT_USER else {}
         self.contents = {}  # of every log and block that is gone, by name, as it was at first
-        self.tampered = {}  # digest or name of what was damaged, to how
-        self.lost_to_tampering = set()  # digests of blocks that only a damaged index knew
+        self.damaged = set()  # names and digests, those of blocks included that only a damaged index knew
         self.counts = collections.Counter()
         self.renumberings = 0  # the settings were damaged, and numbering may begin anew
         self.decks, self.collector_output, self.addresses, self.ending = {}, [], set(), threading.Event()
         self.host = self.collector = self.pid = None
+        self.blocks_carry_keys = False  # where the disk has attributes
         self.small = None  # the data's folder, where that is on a disk that fills
 
     def prepare(self):
@@ -80,7 +71,6 @@ class Chaos(Run):
         give_identifiers(self.home)
         self.kept = data / "kept"  # on the same disk: what is kept costs no room at first
         self.kept.mkdir()
-        self.blocks_carry_keys = False
         with contextlib.suppress(OSError):
             os.setxattr(self.kept, "user.probe", b"1")
             self.blocks_carry_keys = True
@@ -200,7 +190,7 @@ class Chaos(Run):
         with contextlib.suppress(OSError):
             data = path.read_bytes()
             self.note_damage(path)
-            self.tampered[path.name] = self.tampered[digest(data)] = how
+            self.damaged |= {path.name, digest(data)}
             self.contents.setdefault(path.name, data)
             if how == "deleted":
                 path.unlink()
@@ -223,7 +213,7 @@ class Chaos(Run):
         if path == self.home.key_values:
             self.renumberings += 1
         elif path == self.home.index and not self.blocks_carry_keys:
-            self.lost_to_tampering |= {digest(block.read_bytes()) for block in self.home.blocks()}
+            self.damaged |= {digest(block.read_bytes()) for block in self.home.blocks()}
 
     def starve(self, seconds):
         """No new descriptor, no new thread or neither, for up to a second each time."""
@@ -256,8 +246,8 @@ class Chaos(Run):
         self.start_host(threads=1, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (0, most[1])))
         time.sleep(self.chance.uniform(0.2, 1))
         self.limit(nproc=most[0])
-        self.expect(eventually(lambda: Usage.of(self.host.pid).threads > 3, within=10),
-                    f"after a start without threads there are but {Usage.of(self.host.pid)}")
+        self.expect(eventually(lambda: usage_of(self.pid)["threads"] > 3, within=10),
+                    f"after a start without threads there are but {usage_of(self.pid)}")
 
     def start_without_names(self):
         """The name server hangs under one host; the next one has another address."""
@@ -296,7 +286,7 @@ class Chaos(Run):
                     self.kill()
             elif usage is None:
                 time.sleep(min(10.0, self.length / 12))
-                usage = Usage.of(self.host.pid)
+                usage = usage_of(self.pid)
             self.one_of(Chaos.serve_badly, Chaos.serve_untrusted, Chaos.damage, Chaos.starve,
                         *([Chaos.fill_disk] if self.small else []))(self, spell)
             self.restart_collector()
@@ -309,14 +299,12 @@ class Chaos(Run):
         self.restart_collector()
         time.sleep(8)
 
-        def grown():
-            after = Usage.of(self.host.pid)
-            return (after.memory > usage.memory * 1.25 + 2048 or after.threads > usage.threads + 3
-                    or after.descriptors > usage.descriptors + 3 or after.sockets > MOST_SOCKETS)
-
+        most = {"KiB": usage["KiB"] * 1.25 + 2048, "threads": usage["threads"] + 3, "files": usage["files"] + 3,
+                "sockets": MOST_SOCKETS}
         # What goes on just now may hold some; what stays is a leak.
-        self.expect(eventually(lambda: not grown()), f"grown from {usage} to {Usage.of(self.pid)}: {open_files(self.pid)}")
-        self.usage = (usage, Usage.of(self.pid))
+        self.expect(eventually(lambda: all(now <= most[what] for what, now in usage_of(self.pid).items())),
+                    f"grown from {usage} to {usage_of(self.pid)}: {open_files(self.pid)}")
+        self.usage = (usage, usage_of(self.pid))
         self.end_host()
         for _ in range(2):
             with self.start("--rate", "20", "--events", "40", "--linger", "60") as last:
@@ -337,13 +325,11 @@ class Chaos(Run):
         """Where every committed log went: a word for each name."""
         log, output = "\n".join(self.home.log_lines()), "\n".join(self.collector_output)
         received = {entry["sha256"] for entry in self.collector.entries()}
-        capacity = set(re.findall(r"Removed File :(\S+) as we have reached", log))
-        capacity |= set(re.findall(r"Hence removing file\.File Name:(\S+)", log))
+        capacity = set(re.findall(r"(?:Removed File :|Hence removing file\.File Name:)(\S+)", log))
         third = set(re.findall(r"3 tries failed to upload the file\.File Name:(\S+)", log))
         discarded = {digest(self.contents[name]) for name in re.findall(r"discard outdated block id \[([^\]]+)\]", log)
                      if name in self.contents}
         rejected = set(re.findall(r"fault: status 400 for ([0-9a-f]+)", output))
-
         logs = {name: data for name, data in self.contents.items() if "CommitedFrameLog" in name}
         logs |= {path.name: path.read_bytes() for path in self.home.committed_logs()}
         self.hold_numbering(logs.values())
@@ -351,8 +337,7 @@ class Chaos(Run):
         for name, data in logs.items():
             key = digest(data)
             fates[name] = ("received" if key in received else
-                           "damaged by this test" if name in self.tampered or key in self.tampered
-                           or key in self.lost_to_tampering else
+                           "damaged by this test" if self.damaged & {name, key} else
                            "removed: folder full" if name in capacity else
                            "removed: third failed upload" if name in third else
                            "removed: 51st block" if key in discarded else

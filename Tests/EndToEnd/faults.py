@@ -1,9 +1,10 @@
 """Lets one of the system's calls go wrong under a host, starts the host again, and gives an account.
 
-    python3 Tests/EndToEnd/faults.py [RUNS] [--seed N] [--only KIND[:N:WHAT[:MS]]] [--jobs N]
+    python3 Tests/EndToEnd/faults.py [RUNS] [--seed N] [--only BEGINNING] [--jobs N]
 
 Each run has a fault of its own: at the n-th call of a kind the call fails, comes short, fails for
-0.8 s, or the process is killed. RUNS are spread over all of these; without RUNS it is all of them.
+0.8 s, or the process is killed. RUNS are spread over all of these, or over those whose name,
+KIND:N:WHAT[:MS], has that BEGINNING; without RUNS it is all of them.
 After each: no crash and no hang, every closed log whole, nothing gone that was there before, and
 every event whose call answered 1 found again, or named by the account.
 """
@@ -13,21 +14,18 @@ import concurrent.futures
 import errno
 import itertools
 import os
-import pathlib
-import re
 import shutil
 import signal
 import struct
 import sys
-import tempfile
 import typing
 
 import account_file
 import frame_log
-from support import Home, Run, bundle_of, give_identifiers, play, scratch_root
+from support import ACCEPTED, Home, Run, bundle_of, give_identifiers, numbers_of, play
 
 HOST = bundle_of("FaultHost")
-EVENTS = 16
+BEFORE, EVENTS, AFTER = 6, 16, 4  # how many are logged by each of the starts
 LONG = 800  # milliseconds for which something is not to be had
 
 FULL, BROKEN, BUSY, NONE, BARRED, MEMORY = errno.ENOSPC, errno.EIO, errno.EINTR, errno.EMFILE, errno.EACCES, errno.ENOMEM
@@ -58,6 +56,8 @@ KINDS = {kind: whats for kinds, whats in {
 }.items() for kind in kinds.split()}
 # Allocations come by the thousand: every so manieth is tried.
 STRIDE = {"new_caller": 7, "new_agent": 29}
+# What the host is told, how often that happened, and how many calls of each kind there were.
+PAGE = struct.Struct("=256s24s6QQ" + "24sQ" * len(KINDS))
 
 
 class Fault(typing.NamedTuple):
@@ -69,52 +69,58 @@ class Fault(typing.NamedTuple):
     def __str__(self):
         return ":".join(str(part) for part in self if part)
 
-    @property
-    def kills(self):
-        return self.what in ("kill", "torn")
+    def page(self, folder):
+        """What the host is told: only files in that folder count."""
+        error, is_short = self.what if isinstance(self.what, int) else 0, self.what in ("short", "torn")
+        none_yet = itertools.chain(*((kind.encode(), 0) for kind in KINDS))
+        return PAGE.pack(bytes(folder), self.kind.encode(), self.at, self.milliseconds, error, is_short,
+                         self.what == "kill", self.what == "torn", 0, *none_yet)
 
 
-def answers_of(run):
-    return {int(number): int(answer) for number, answer in re.findall(r"^event (\d+): (\d+)$", run.output, re.MULTILINE)}
+# None: what comes that late never comes.
+CALM = Fault("open", 1 << 40, 0)
+
+
+def words_of(first, events):
+    """A start with so many events from that number on, between which a log is closed."""
+    half = events // 2
+    return ["property", f"numbered={first},{half},1,0", "delete", f"numbered={first + half},{events - half},1,0",
+            "stored=3", "rest"]
 
 
 def events_in(home):
-    """How often each event is there, by start and number. A log that is there twice, byte for byte, is
-    one that was taken over and not yet removed."""
-    frames = [frame for log in {path.read_bytes() for path in home.logs()} for frame in frame_log.readable(log)[0]]
-    parameters = [frame.event_parameters for frame in frames if frame.type == frame_log.EVENT]
-    return collections.Counter((event["start"], int(event["number"])) for event in parameters)
+    """How often each is there. A log that is there twice, byte for byte, is one that was taken over and
+    not yet removed."""
+    return numbers_of(frame for log in {path.read_bytes() for path in home.logs()} for frame in frame_log.readable(log)[0])
 
 
 class OneFault(Run):
-    """One fault, from a fresh installation, in which `before` are the events, to the account."""
+    """One fault, from an installation that has some events, to the account."""
 
-    def __init__(self, home, before, fault):
+    def __init__(self, home, fault):
         super().__init__()
-        self.home, self.fault = home, fault
-        page = home.path / "page"
-        environment = home.environment(FAULT_PAGE=page, FAULT_UNDER=home.path, FAULT_KINDS=":".join(KINDS), FAULT=fault or "")
-        fine = {0, -signal.SIGKILL} if fault and fault.kills else {0}
-        self.answered = list(before)
-        self.start("first", EVENTS, fine, environment)
+        self.home, self.fault, page = home, fault, home.path / "page"
+        self.kills = fault.what in ("kill", "torn")
+        page.write_bytes(fault.page(home.path))
+        self.start(BEFORE, EVENTS, {0, -signal.SIGKILL * self.kills}, FAULT_PAGE=page)
         # What a start accepts that had no journal stands in no file, and it says so.
         self.was_unprotected = any("no intake journal" in line for line in home.log_lines())
-        *counts, self.happened = struct.unpack_from(f"={len(KINDS) + 1}Q", page.read_bytes())
-        self.counts = dict(zip(KINDS, counts))
-        second = self.start("second", 4, {0}, home.environment())
-        self.expect(answers_of(second) == dict.fromkeys(range(1, 5), 1) and "rest: 1" in second.output,
+        counted = PAGE.unpack(page.read_bytes())
+        self.happened, self.counts = counted[8], dict(zip(KINDS, counted[10::2]))
+        second = self.start(BEFORE + EVENTS, AFTER, {0})
+        self.accepted = home.answered(ACCEPTED)
+        self.expect(self.accepted[-AFTER:] == [*range(BEFORE + EVENTS, BEFORE + EVENTS + AFTER)] and "rest: 1" in second.output,
                     f"the next start: {second.output[-300:]}")
         self.look_at_logs()
         self.look_at_account()
 
-    def start(self, name, events, fine, environment):
-        with self.home.start(name, str(events), environment=environment) as process:
+    def start(self, first, events, fine, **environment):
+        with self.home.start(*words_of(first, events), environment=self.home.environment(**environment)) as process:
             try:
                 process.wait(60)
             except AssertionError:
-                self.problems.append(f"start {name} hangs")
-        self.expect(process.status in fine, f"start {name} ended with {process.status}: {process.output[-300:]}")
-        self.answered += [(name, number) for number, answer in answers_of(process).items() if answer == 1]
+                self.problems.append(f"the start with event {first} hangs")
+        self.expect(process.status in fine, f"the start with event {first} ended with {process.status}: {process.output[-300:]}")
         return process
 
     def look_at_logs(self):
@@ -134,10 +140,10 @@ class OneFault(Run):
         self.problems += account.problems(self.home)
         events = account.events
         # A kill may fall between a call's end and the line that says so.
-        more = events.accepted - events.cut_off - len(self.answered)
-        self.expect(0 <= more <= (self.fault is not None and self.fault.kills) or self.was_unprotected,
-                    f"{len(self.answered)} calls answered 1, the account has {events}")
-        missing = [event for event in self.answered if not found[event]]
+        more = events.accepted - events.cut_off - len(self.accepted)
+        self.expect(0 <= more <= self.kills or self.was_unprotected,
+                    f"{len(self.accepted)} calls answered 1, the account has {events}")
+        missing = [event for event in self.accepted if not found[event]]
         self.expect(len(missing) <= sum(events.dropped.values()) + events.waiting + account.numbers["framesLost"],
                     f"missing, and not named by {account}: {missing}")
 
@@ -149,23 +155,21 @@ class Runner(Run):
     def __init__(self, runs, seed, only="", jobs=4):
         super().__init__(seed)
         self.runs, self.only, self.jobs, self.unreached = runs, only, jobs, 0
-        self.folder = self.enter_context(tempfile.TemporaryDirectory(prefix="skelda-faults-", dir=scratch_root()))
-        self.template = Home(bundle=HOST, path=pathlib.Path(self.folder) / "template")
+        self.template = self.enter_context(Home(bundle=HOST))
         give_identifiers(self.template)
-        before = self.template.run("before", "6")
-        assert before.status == 0 and answers_of(before) == dict.fromkeys(range(1, 7), 1), before.output
-        self.events = list(events_in(self.template))
-        assert len(self.events) >= 3, self.events  # on disk before: there after every fault
+        before = self.template.run(*words_of(0, BEFORE))
+        # On disk before: there after every fault.
+        assert [*range(BEFORE)] == self.template.answered(ACCEPTED) == sorted(events_in(self.template)), before.output
 
     def under(self, fault):
-        with tempfile.TemporaryDirectory(dir=self.folder) as folder:
-            with Home(bundle=HOST, path=shutil.copytree(self.template.path, f"{folder}/home", symlinks=True)) as home:
-                home.log.unlink(missing_ok=True)
-                return OneFault(home, self.events, fault)
+        with Home(bundle=HOST) as home:
+            shutil.copytree(self.template.path, home.path, symlinks=True, dirs_exist_ok=True)
+            home.log.unlink(missing_ok=True)
+            return OneFault(home, fault)
 
     def all_faults(self):
         """What can go wrong in a start in which nothing does: its calls are counted."""
-        calm = self.under(None)
+        calm = self.under(CALM)
         assert not calm.problems, f"without a fault: {calm.problems}"
         assert all(calm.counts[kind] for kind in ("write", "mmap", "epoll_wait", "pthread_create", "new_agent")), calm.counts
         faults = []
@@ -176,11 +180,7 @@ class Runner(Run):
         return faults
 
     def run(self):
-        if self.only.count(":") >= 2:
-            kind, at, what, *milliseconds = self.only.split(":")
-            self.faults = [Fault(kind, int(at), int(what) if what.isdigit() else what, *map(int, milliseconds))]
-        else:
-            self.faults = self.spread([f for f in self.all_faults() if str(f).startswith(self.only)])
+        self.faults = self.spread([fault for fault in self.all_faults() if str(fault).startswith(self.only)])
         self.expect(self.faults, "there is no such fault")
         with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
             for run in pool.map(self.under, self.faults):

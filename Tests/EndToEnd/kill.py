@@ -10,41 +10,10 @@ import time
 
 import account_file
 import frame_log
-from support import FRAMES_TOOL, Home, Run, bundle_of, eventually, give_identifiers, play, told
+from support import (ACCEPTED, FRAMES_TOOL, REFUSED, Home, Run, bundle_of, eventually, give_identifiers, numbers_of, play,
+                     told)
 
 HOST = bundle_of("IntakeHost")
-REFUSED, ACCEPTED = 1, 2
-
-
-class Frames:
-    """The events of every log that was ever seen, by number, each log once: a kill between a log's
-    copy and its emptying makes the next start commit it again, with crash frames behind it."""
-
-    def __init__(self, expect):
-        self.events, self.repeats, self.expect = collections.Counter(), 0, expect
-        self.logs = {}  # the bytes of a log, by its first frame
-
-    def add(self, name, data):
-        frames, torn = frame_log.readable(data)
-        self.expect(not torn, f"{name}: {torn}")
-        if frames:
-            known = self.logs.get(frames[0].raw, b"")
-            self.repeats += known != b""
-            self.expect(not known or data.startswith(known) and frame_log.flush_of(frames) == 4,
-                        f"{name} repeats frames of a log that it does not go on from")
-            self.events = self.with_open(frames)
-            self.logs[frames[0].raw] = data
-
-    def with_open(self, frames):
-        """The events, and those of one more log that no earlier one has."""
-        known = len(self.logs.get(frames[0].raw, b"")) if frames else 0
-        return self.events + collections.Counter(int(frame.event_parameters["n"]) for frame in frames
-                                                 if frame.type == frame_log.EVENT and frame.offset >= known)
-
-    def has(self, frame, first):
-        """Whether a frame is in the log that begins with that one."""
-        data = self.logs.get(first.raw, b"")
-        return data[frame.offset:frame.offset + len(frame.raw)] == frame.raw
 
 
 class Kills(Run):
@@ -55,20 +24,17 @@ class Kills(Run):
         self.home, self.count = self.enter_context(Home(on_disk=on_disk)), count
         self.archive = self.home.path / "archive"  # the committed logs that are gone, by name
         self.archive.mkdir()
-        self.told = self.home.path / "told"
-        self.told.write_bytes(bytes(count * 400 + 4000))
-        self.seen = set()
-        self.frames = Frames(self.expect)
+        self.seen, self.logs = set(), {}  # by name; and by the first frame's bytes the frames of each
+        self.events = collections.Counter()  # of these logs, by number
         self.kills = self.checks = self.durable = self.torn = self.accepted = self.twice = self.next = self.replayed = 0
-        self.named, self.account = collections.Counter(), None
+        self.repeats, self.named, self.account = 0, collections.Counter(), None
         self.due = set()  # tickets of records that kills left and that no start had taken up by then
         self.previous = []  # the frames of the log that the last kill left open
 
     def start(self, events, threads, rate, *then):
         first, self.next = self.next, self.next + events
-        environment = self.home.environment(SKELDA_TEST_KEEP=self.archive, TOLD=self.told)
         return self.home.start(f"numbered={first},{events},{threads},{rate}", *then, bundle=HOST,
-                               environment=environment)
+                               environment=self.home.environment(SKELDA_TEST_KEEP=self.archive))
 
     def once(self):
         """A start, and a kill at or after its last call or somewhere before."""
@@ -91,7 +57,7 @@ class Kills(Run):
         self.step = f"kill {self.kills}: "
         self.look()
         # A kill may fall before the first call has returned.
-        if self.home.has_intake_file() or any(self.told.read_bytes()):
+        if self.home.has_intake_file() or self.home.answered(ACCEPTED):
             left = account_file.of(self.home)
             self.due |= {record.ticket for record in left.waiting if record.attempts == 0}
             self.problems += [self.step + problem for problem in left.problems(self.home, killed=True)]
@@ -106,16 +72,32 @@ class Kills(Run):
         for path in sorted([*self.archive.glob(".skelda*"), *self.home.committed_logs()], key=lambda path: path.name):
             if path.name not in self.seen:
                 self.seen.add(path.name)
-                self.frames.add(path.name, path.read_bytes())
+                self.take_up(path.name, path.read_bytes())
         open_log = self.home.current_log
         frames, torn = frame_log.readable(open_log.read_bytes() if open_log.exists() else b"")
         self.torn += torn is not None
-        still = {frame.raw for frame in frames}
-        lost = [frame.offset for frame in self.previous
-                if frame.raw not in still and not self.frames.has(frame, self.previous[0])]
-        self.expect(not lost, f"{len(lost)} of {len(self.previous)} durable frames are gone, first at offsets {lost[:3]}")
-        self.durable += len(self.previous)
+        was = len(self.previous)
+        self.expect(self.previous in (frames[:was], self.known(self.previous)[:was]),
+                    f"not all of {was} durable frames are in the open log or in the one that was committed of it")
+        self.durable += was
         self.previous = frames
+
+    def take_up(self, name, data):
+        """Each log once: a kill between a log's copy and its emptying makes the next start commit it
+        again, with crash frames behind it."""
+        frames, torn = frame_log.readable(data)
+        known = self.known(frames)
+        self.expect(not torn, f"{name}: {torn}")
+        self.expect(not known or frames[:len(known)] == known and frame_log.flush_of(frames) == 4,
+                    f"{name} repeats frames of a log that it does not go on from")
+        self.repeats += known != []
+        self.events += numbers_of(frames[len(known):])
+        if frames:
+            self.logs[frames[0].raw] = frames
+
+    def known(self, frames):
+        """What was committed of the log that begins as these do."""
+        return self.logs.get(frames[0].raw, []) if frames else []
 
     def check(self):
         """A start that is killed once it has nothing left to do: all that calls had accepted is in frames then."""
@@ -127,9 +109,8 @@ class Kills(Run):
             self.expect_alive(host)
         self.look()
         self.checks += 1
-        found = self.frames.with_open(self.previous)
-        answers = self.told.read_bytes()[:self.next]
-        accepted = [number for number, answer in enumerate(answers) if answer == ACCEPTED]
+        found = self.events + numbers_of(self.previous[len(self.known(self.previous)):])
+        accepted = self.home.answered(ACCEPTED)
         missing = [number for number in accepted if found[number] == 0]
         events = self.account.events
         self.accepted, self.named, self.replayed = len(accepted), collections.Counter(events.dropped), events.replayed
@@ -140,7 +121,7 @@ class Kills(Run):
         # what three kills in a row have found being written.
         self.expect(max(len(missing), self.named.total()) <= self.named["replayedTooOften"],
                     f"{len(missing)} events are gone, first {missing[:1]}, {+self.named} are named")
-        unasked = [number for number in found if answers[number] == REFUSED]
+        unasked = [number for number in self.home.answered(REFUSED) if found[number]]
         self.expect(not unasked, f"{len(unasked)} refused events are there, first {unasked[:1]}")
         self.twice = sum(count > 1 for count in found.values())
         often = [number for number, count in found.items() if count > 2]
@@ -150,7 +131,7 @@ class Kills(Run):
         give_identifiers(self.home)
         for threads in (1, 4):
             self.kill(1000, threads, 0, "kill")  # behind the last call
-            self.expect(self.told.read_bytes()[self.next - 1000:self.next] == bytes([ACCEPTED]) * 1000,
+            self.expect(self.home.answered(ACCEPTED)[-1000:] == [*range(self.next - 1000, self.next)],
                         f"not all of 1,000 calls by {threads} threads answered 1")
             self.check()
             self.expect(not self.named.total(), f"one kill, and {+self.named} are dropped")
@@ -163,7 +144,7 @@ class Kills(Run):
         self.check()
         verify = told(FRAMES_TOOL, "--verify", self.archive, *self.home.committed_logs(), within=300)
         self.expect(verify.returncode == 0, f"skelda-frames --verify: {verify.stdout[-2000:]}{verify.stderr[-2000:]}")
-        self.expect(self.frames.repeats <= self.kills, f"{self.frames.repeats} logs are repeated")
+        self.expect(self.repeats <= self.kills, f"{self.repeats} logs are repeated")
         self.expect(self.twice <= self.kills * 50, f"{self.twice} events are there twice")
         self.expect(not self.home.leftovers(), f"left behind: {self.home.leftovers()}")
         self.expect(len(self.home.blocks()) <= 51, f"{len(self.home.blocks())} blocks")
@@ -172,7 +153,7 @@ class Kills(Run):
         return (f"{self.kills} kills, {self.checks} starts looked at, {self.accepted} events accepted, "
                 f"{dict(+self.named)} of them dropped by name and the others found, {self.replayed} taken up again, {self.twice} there twice; "
                 f"{self.torn} torn logs repaired, {self.durable} durable frames found again, {len(self.seen)} logs "
-                f"committed, {self.frames.repeats} twice, {len(self.problems)} problems")
+                f"committed, {self.repeats} twice, {len(self.problems)} problems")
 
 
 if __name__ == "__main__":

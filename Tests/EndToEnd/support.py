@@ -5,6 +5,7 @@ it, and by no other.
 """
 
 import argparse
+import collections
 import contextlib
 import csv
 import hashlib
@@ -42,6 +43,9 @@ KEY = "A1B2C3D4E5"
 PATH = "/v1/skd.do"
 # A port on which nobody listens: what is committed ends as blocks, as it does off line.
 NOWHERE = "https://127.0.0.1:9/v1/skd.do"
+
+# See Home.answered.
+REFUSED, ACCEPTED = 1, 2
 
 # In the example's recording: its events, and the one of them that has no name.
 RECORDED = 228
@@ -91,6 +95,14 @@ def told(*command, within=60, **more):
     return subprocess.run([str(part) for part in command], text=True, capture_output=True, timeout=within, **more)
 
 
+def said_by(*command, within=900, **more):
+    """What a program says that must end well."""
+    done = told(*command, within=within, **more)
+    if done.returncode != 0:
+        raise AssertionError(f"{command}\n{done.stdout[-6000:]}{done.stderr[-6000:]}")
+    return done.stdout
+
+
 def open_files(pid):
     """What each descriptor of a process stands for."""
     names = []
@@ -108,9 +120,10 @@ class Home(contextlib.AbstractContextManager):
             path = tempfile.mkdtemp(prefix="skelda-", dir=None if on_disk else scratch_root())
         self.path = pathlib.Path(path)
         self.bundle = bundle
-        self.log = self.path / "agent.log"
+        self.log, self.answers = self.path / "agent.log", self.path / "answers"
         for name in ("data", "state", "documents", "tmp"):
             (self.path / name).mkdir(parents=True, exist_ok=True)
+        self.answers.touch()
         identifier = plistlib.loads((bundle / "Info.plist").read_bytes())["CFBundleIdentifier"]
         self.support = self.path / "data" / identifier
         self.key_values = self.support / "SkeldaFilesSkelda.KV.storage"
@@ -157,6 +170,10 @@ class Home(contextlib.AbstractContextManager):
     def log_lines(self):
         return self.log.read_text(errors="replace").splitlines() if self.log.exists() else []
 
+    def answered(self, how):
+        """The numbers of the events at which the calls of a host that numbers them have returned that."""
+        return [number for number, answer in enumerate(self.answers.read_bytes()) if answer == how]
+
     # Running in it
 
     def own_bundle(self, change=lambda information: None):
@@ -173,7 +190,7 @@ class Home(contextlib.AbstractContextManager):
         folders = {"HOME": "", "XDG_DATA_HOME": "data", "XDG_STATE_HOME": "state", "XDG_DOCUMENTS_DIR": "documents",
                    "TMPDIR": "tmp"}
         own = {name: self.path / folder for name, folder in folders.items()}
-        own |= {"LANG": "C.UTF-8", "SKELDA_LOG": self.log}
+        own |= {"LANG": "C.UTF-8", "SKELDA_LOG": self.log, "TOLD": self.answers}
         return kept | {name: str(value) for name, value in (own | more).items()}
 
     def start(self, *arguments, bundle=None, environment=None, keep=None, **popen):
@@ -378,3 +395,7 @@ def events_of(logs):
     """The events of some logs (bytes each), in order."""
     return [frame for log in logs for frame in frame_log.frames_of(log) if frame.type == frame_log.EVENT]
 
+
+def numbers_of(frames):
+    """How often each event is there that a host has numbered."""
+    return collections.Counter(int(frame.event_parameters["n"]) for frame in frames if frame.type == frame_log.EVENT)

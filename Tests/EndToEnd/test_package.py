@@ -10,7 +10,7 @@ import sys
 import tempfile
 import unittest
 
-from support import BUILD, PHONE, ROOT, Home, Process, eventually, open_files, told
+from support import BUILD, PHONE, ROOT, Home, Process, eventually, open_files, said_by, told
 
 sys.path.insert(0, str(ROOT / "scripts/lib"))
 import exports  # noqa: E402
@@ -18,14 +18,6 @@ import exports  # noqa: E402
 CONSUMERS = ROOT / "Tests/EndToEnd/consumers"
 MOST_BYTES = 720 * 1024  # of the stripped shared library
 STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only"]
-
-
-def run(*command, **more):
-    """What a program says that must end well."""
-    done = told(*command, within=900, **more)
-    if done.returncode != 0:
-        raise AssertionError(f"{command}\n{done.stdout[-6000:]}{done.stderr[-6000:]}")
-    return done.stdout
 
 
 class Package(unittest.TestCase):
@@ -36,42 +28,41 @@ class Package(unittest.TestCase):
         packages = os.environ.get("SKELDA_PACKAGES")
         if packages:
             for package in pathlib.Path(packages).glob("*.deb"):
-                run("dpkg", "-x", package, cls.folder / "unpacked")
+                said_by("dpkg", "-x", package, cls.folder / "unpacked")
             (cls.folder / "unpacked/usr").rename(first)
         else:
-            run("cmake", "--install", BUILD, "--prefix", first)
+            said_by("cmake", "--install", BUILD, "--prefix", first)
         first.rename(cls.prefix)  # nothing in it may know where it was put
         cls.library, = cls.prefix.rglob("libSkelda_Watch.so")
         cls.pkgconfig = next(cls.prefix.rglob("Skelda_Watch.pc")).parent
 
     def configured(self, name, source, *arguments):
         tree = self.folder / name
-        run("cmake", "-G", "Ninja", "-S", source, "-B", tree, f"-DCMAKE_PREFIX_PATH={self.prefix}", *arguments)
+        said_by("cmake", "-G", "Ninja", "-S", source, "-B", tree, f"-DCMAKE_PREFIX_PATH={self.prefix}", *arguments)
         return tree
 
     def home(self, program):
         """A home for that program in a bundle of its own."""
         bundle = self.folder / f"{program.name}.app/PlugIns/Extension.appex"
         if not bundle.exists():
-            run(self.prefix / "bin/skelda-bundle", program, "--in", self.folder, "--key", "KEY",
-                "--identifier", f"com.example.{program.name}", "--app", program.name,
-                "--extension", "Extension")
+            said_by(self.prefix / "bin/skelda-bundle", program, "--in", self.folder, "--key", "KEY", "--identifier",
+                    f"com.example.{program.name}", "--app", program.name, "--extension", "Extension")
         return Home(bundle=bundle)
 
     def leaves_its_event(self, program):
         with self.home(program) as home:
-            output = run(home.bundle / "Extension", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
+            output = said_by(home.bundle / "Extension", env=home.environment(LD_LIBRARY_PATH=self.library.parent))
             event, = home.current_events()
             self.assertEqual(("LapDone", {"lap": "3", "pace": "5:10"}), (event.event_name, event.event_parameters))
             return output
 
     def needs(self, program):
         """The libraries that a program asks for by itself."""
-        return [line.split("[")[1][:-1] for line in run("readelf", "-d", program).splitlines() if "(NEEDED)" in line]
+        return [line.split("[")[1][:-1] for line in said_by("readelf", "-d", program).splitlines() if "(NEEDED)" in line]
 
     def test_programs_that_cmake_builds_with_the_package_leave_their_event_in_the_open_log(self):
         tree = self.configured("consumers", CONSUMERS)
-        run("ninja", "-C", tree)
+        said_by("ninja", "-C", tree)
         for name, linked in (("FromShared", True), ("FromStatic", False), ("FromC", True), ("Loading", False)):
             with self.subTest(program=name):
                 self.assertEqual(linked, "libSkelda_Watch.so.1" in self.needs(tree / name))
@@ -94,11 +85,11 @@ class Package(unittest.TestCase):
         cached = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
         tree = self.configured("around", CONSUMERS / "around", f"-DSKELDA_SOURCE={ROOT}", "-DCMAKE_BUILD_TYPE=None",
                                "-DCMAKE_CXX_FLAGS=-O0", *cached)
-        targets = run("ninja", "-C", tree, "-t", "targets", "all")
+        targets = said_by("ninja", "-C", tree, "-t", "targets", "all")
         self.assertIn("libSkelda_Watch.a", targets)
         for other in ("skelda-frames", "MorningRun", "_tests", "benchmark"):
             self.assertNotIn(other, targets)
-        run("ninja", "-C", tree, "Around")
+        said_by("ninja", "-C", tree, "Around")
         self.leaves_its_event(tree / "Around")
 
     def test_programs_that_a_compiler_builds_with_the_flags_of_pkg_config_leave_their_event(self):
@@ -111,9 +102,9 @@ class Package(unittest.TestCase):
                 ("static", False, ["Skelda_Watch-static"], self.pkgconfig),
                 ("alone", False, ["--static", "Skelda_Watch"], alone / self.pkgconfig.relative_to(self.prefix))):
             with self.subTest(name):
-                flags = run("pkg-config", "--cflags", "--libs", *arguments, env={**os.environ, "PKG_CONFIG_PATH": str(path)})
+                flags = said_by("pkg-config", "--cflags", "--libs", *arguments, env={**os.environ, "PKG_CONFIG_PATH": str(path)})
                 program = self.folder / f"by-{name}"
-                run("g++", "-std=c++17", CONSUMERS / "main.cpp", "-o", program, *flags.split())
+                said_by("g++", "-std=c++17", CONSUMERS / "main.cpp", "-o", program, *flags.split())
                 self.assertEqual(shared, "libSkelda_Watch.so.1" in self.needs(program))
                 self.leaves_its_event(program)
 
@@ -167,7 +158,7 @@ class Package(unittest.TestCase):
         if not linked_for_size or os.environ.get("SKELDA_PACKAGES") or os.uname().machine != "x86_64":
             self.skipTest("not what a release links")
         stripped = self.folder / "stripped.so"
-        run("strip", "-o", stripped, self.library)
+        said_by("strip", "-o", stripped, self.library)
         self.assertLessEqual(stripped.stat().st_size, MOST_BYTES)
 
     def test_the_tools_and_their_pages_are_installed(self):
@@ -175,5 +166,5 @@ class Package(unittest.TestCase):
             if page.stem in ("skelda-fleet", "skelda-load"):  # of another package
                 continue
             with self.subTest(tool=page.stem):
-                self.assertIn("Usage:", run(self.prefix / "bin" / page.stem, "--help"))
+                self.assertIn("Usage:", said_by(self.prefix / "bin" / page.stem, "--help"))
                 self.assertTrue(list((self.prefix / "share/man/man1").glob(f"{page.stem}.1*")))

@@ -95,8 +95,7 @@ class Page(unittest.TestCase):
             page.until("document.querySelector('#fault-list .playing')")
 
     def look_for_markup_and_open_what_is_found(self, page, collector):
-        page.press("/")
-        page.type("<IMG")
+        page.press("/", "<IMG")
         page.until(f"{NAMES_SHOWN}.length === 1")
         self.assertEqual([HOSTILE[0]], page.see(NAMES_SHOWN))
         rows = page.until("document.querySelectorAll('#log-rows tr').length")

@@ -1,6 +1,6 @@
 """Changes the code by one line at a time and asks the tests whether they notice.
 
-    python3 Tests/Mutants/run.py [FILTER ...] [--resume | --survivors] [--matrix FILE] [--jobs N]
+    python3 Tests/Mutants/run.py [FILTER ...] [--resume] [--matrix FILE] [--jobs N]
 
 mutants.tsv has a mutant a line: the file, what is replaced, by what, and, for one that changes nothing
 that anybody could notice, the reason. What is replaced stands in its file, a source file, exactly once.
@@ -11,9 +11,9 @@ A test that fails or hangs must do so twice, a crash is one at once; one that ta
 as it does undisturbed hangs. Equivalents are judged at home: one that is noticed is none.
 
 What was judged is in build/mutants/judged.tsv as it comes. --resume goes on where a run was
-interrupted, in the copy of the tree as it was; --survivors judges again what lived. With --matrix no
-program stops at the first test that notices, and FILE gets a line for each mutant with all of them: a
-test that is the only one is not to be cut.
+interrupted, in the copy of the tree as it was. With --matrix no program stops at the first test that
+notices, and FILE gets a line for each mutant with all of them: a test that is the only one is not to
+be cut.
 
 Builds in a copy of the tree, build/mutants/tree, which a later run uses again: the tree may change
 meanwhile. Ends with 1 where a mutant lives that is not said to be equivalent, or does not compile or
@@ -30,7 +30,6 @@ import pathlib
 import re
 import shlex
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
@@ -50,6 +49,7 @@ TOOL = {"tools_tests": "Tools/skelda-frames/skelda-frames"}
 # Where another needs something of the member that the mutant has no more, the mutant's still come first.
 TWICE = "-Wl,--allow-multiple-definition"
 QUICK, SLOW = 300, 1500  # milliseconds of a test
+KILLED = (-9, 128 + 9)  # statuses of what was given a time and of who gave it
 COMMON = "algorithm array atomic chrono filesystem fmt/format.h functional map memory mutex optional span string vector"
 
 
@@ -122,7 +122,7 @@ class Build:
     def calm(self, name):
         """Each test's milliseconds where nothing is changed."""
         for _ in range(2):
-            run = self.run(self.folder / "Tests" / name, None)
+            run = self.run(self.folder / "Tests" / name, 0)
             if run.status == 0:
                 return run.took
         raise SystemExit(f"{name} fails without a mutant: {run.failed + run.broken}")
@@ -130,19 +130,14 @@ class Build:
     def run(self, program, limit, *options):
         frames = program.with_name("skelda-frames")
         environment = {**os.environ, **({"SKELDA_FRAMES": str(frames)} if frames.exists() else {})}
-        with subprocess.Popen([program, *options], cwd=self.tree, env=environment, text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              errors="replace", start_new_session=True) as process:
-            try:
-                output, status = process.communicate(timeout=limit)[0], process.returncode
-            except subprocess.TimeoutExpired:
-                # What it has started, a death test's process say, hangs as well.
-                os.killpg(process.pid, signal.SIGKILL)
-                output, status = process.communicate()[0], None
-        ended = re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", output, re.MULTILINE)
+        # With what it has started: a death test's process, say, hangs as well.
+        done = subprocess.run(["timeout", "--signal=KILL", str(limit), program, *options], cwd=self.tree, env=environment,
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, errors="replace")
+        ended = re.findall(r"^\[(       OK|  FAILED | SKIPPED ) \] ([^\s,]+).* \((\d+) ms\)$", done.stdout, re.MULTILINE)
         took = {test: int(took) for _, test, took in ended}
-        broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE) if test not in took]
-        return Run(took, [test for word, test, _ in ended if word == "  FAILED "], broken, status)
+        broken = [test for test in re.findall(r"^\[ RUN      \] (\S+)", done.stdout, re.MULTILINE) if test not in took]
+        return Run(took, [test for word, test, _ in ended if word == "  FAILED "], broken,
+                   None if done.returncode in KILLED else done.returncode)
 
     def compiler(self, like, source, target):
         words = shlex.split(self.compiling[str(self.tree / like)])
@@ -171,51 +166,46 @@ class Build:
 
 
 class Trial:
-    """A mutant's object among the test programs."""
+    """A mutant's object in a test program, or, where the tests are a tool's, in the tool beside it."""
 
-    def __init__(self, build, member, folder):
-        self.build, self.member, self.folder = build, member, folder
+    def __init__(self, build, member, folder, name):
+        self.build, self.program, self.calm = build, folder / name, build.calm(name)
+        for target in filter(None, (f"Tests/{name}", TOOL.get(name))):
+            mutated = folder / pathlib.Path(target).name
+            if build.concerns(target, member):
+                build.link(target, member, folder, mutated)
+            else:
+                mutated.symlink_to(build.folder / target)
 
-    def chosen(self, name, tests, *options):
-        limit = 5 + 4 * sum(self.build.calm(name)[test] for test in tests) / 1000
-        return self.build.run(self.folder / name, limit, f"--gtest_filter={':'.join(tests)}", *options)
+    def chosen(self, tests, *options):
+        limit = 5 + 4 * sum(self.calm[test] for test in tests) / 1000
+        return self.build.run(self.program, limit, f"--gtest_filter={':'.join(tests)}", *options)
 
-    def first(self, name, slowest):
+    def first(self, slowest):
         """[One test that notices], or []."""
-        calm = self.build.calm(name)
         for least, most in (0, QUICK), (QUICK, slowest):
-            tests = [test for test in calm if least <= calm[test] < most]
+            tests = [test for test, took in self.calm.items() if least <= took < most]
             for again in range(2 if tests else 0):
-                run = self.chosen(name, tests, "--gtest_fail_fast")
+                run = self.chosen(tests, "--gtest_fail_fast")
                 if run.status == 0:
                     break
                 failed = (run.failed + run.broken)[:1]
                 crashed = run.broken and run.status is not None
                 # Behind "?" stands what fails before or behind all tests.
-                if not failed or again or crashed or self.chosen(name, failed).status != 0:
-                    return [f"{name}:{''.join(failed) or '?'}"]
+                if not failed or again or crashed or self.chosen(failed).status != 0:
+                    return failed or ["?"]
         return []
 
-    def every(self, name):
-        found, tests = [], list(self.build.calm(name))
+    def every(self):
+        found, tests = [], list(self.calm)
         while tests:
-            run = self.chosen(name, tests)
+            run = self.chosen(tests)
             found += run.failed + run.broken
             if not run.broken:
                 found += [] if run.status == 0 or run.failed else ["?"]
                 break
             tests = tests[tests.index(run.broken[-1]) + 1:]
-        return [f"{name}:{test}" for test in dict.fromkeys(found)]
-
-    def asked(self, name, how, *arguments):
-        """With the tool, where the tests are a tool's, beside the program."""
-        for target in filter(None, (f"Tests/{name}", TOOL.get(name))):
-            mutated = self.folder / pathlib.Path(target).name
-            if self.build.concerns(target, self.member):
-                self.build.link(target, self.member, self.folder, mutated)
-            else:
-                mutated.symlink_to(self.build.folder / target)
-        return how(name, *arguments)
+        return list(dict.fromkeys(found))
 
 
 def judge(build, mutant, whole):
@@ -229,14 +219,13 @@ def judge(build, mutant, whole):
         member = build.compiled(mutant.file, text.replace(mutant.old, mutant.new), folder)
         if member is None:
             return Verdict("broken", ["does not compile"])
-        trial, own = Trial(build, member, folder), mutant.own_program
+        found, own = [], mutant.own_program
         others = [name for name in build.programs if name != own and build.concerns(f"Tests/{name}", member)]
-        found = []
         for name in [own] if mutant.equivalent and not whole else [own, *others]:
-            if whole:
-                found += trial.asked(name, trial.every)
-            elif not found:
-                found += trial.asked(name, trial.first, float("inf") if name == own else SLOW)
+            if whole or not found:
+                trial = Trial(build, member, folder, name)
+                noticed = trial.every() if whole else trial.first(float("inf") if name == own else SLOW)
+                found += [f"{name}:{test}" for test in noticed]
     return Verdict("noticed" if found else "lives", found)
 
 
@@ -246,21 +235,18 @@ def main():
     parser.add_argument("--matrix", type=pathlib.Path)
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
     parser.add_argument("--resume", action="store_true")
-    parser.add_argument("--survivors", action="store_true")
     options = parser.parse_args()
     WORK.mkdir(parents=True, exist_ok=True)
     known = {(file, old, new): Verdict(kind, why) for kind, file, old, new, *why in rows(WORK / "judged.tsv")}
     mutants = [Mutant(*row) for row in rows(LIST)
                if not options.filters or any(text in "\t".join(row) for text in options.filters)]
 
-    verdicts = {mutant: known[mutant[:3]] for mutant in mutants if mutant[:3] in known
-                and (options.resume or options.survivors and known[mutant[:3]].kind == "noticed")}
+    verdicts = {mutant: known[mutant[:3]] for mutant in mutants if options.resume and mutant[:3] in known}
     # Mixed, but always in the same way: a run that is interrupted has seen every room.
     todo = sorted(set(mutants) - set(verdicts), key=lambda mutant: zlib.crc32(str(mutant).encode()))
     started, build = time.monotonic(), Build(options.resume) if todo else None
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as jobs:
-        judging = {jobs.submit(judge, build, mutant, options.matrix is not None): mutant
-                   for mutant in todo}
+        judging = {jobs.submit(judge, build, mutant, options.matrix is not None): mutant for mutant in todo}
         try:
             for done in concurrent.futures.as_completed(judging):
                 mutant, verdict = judging[done], done.result()

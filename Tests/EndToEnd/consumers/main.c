@@ -1,31 +1,24 @@
 #include <Skelda_Watch/skelda_watch.h>
 #include <dlfcn.h>
 #include <stdio.h>
-#include <string.h>
 
-/// A variable that is the library's function of that name: linked, or, with LIBRARY, loaded.
+/// The library's function of that name: linked, or, with LIBRARY, loaded.
 #ifdef LIBRARY
-#define TAKE(variable, name)         \
-  __typeof__(&name) variable = NULL; \
-  memcpy(&variable, &(void*){dlsym(library, #name)}, sizeof variable)
+#define OF(name) (__extension__(__typeof__(&name)) dlsym(library, #name))
 #else
 #define LIBRARY NULL
-#define TAKE(variable, name) __typeof__(&name) variable = name
+#define OF(name) name
 #endif
 
 int main(void) {
   void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
   if (library == NULL) return puts(dlerror()), 2;
-  TAKE(dictionary, skelda_dictionary_new);
-  TAKE(putInteger, skelda_put_integer);
-  TAKE(putText, skelda_put_text);
-  TAKE(logEvent, skelda_log_event);
-  TAKE(freeValue, skelda_value_free);
-  TAKE(waitUntilStored, skelda_wait_until_stored);
-  skelda_value* parameters = dictionary();
-  if (!putInteger(parameters, "lap", 3) || !putText(parameters, "pace", "5:10")) return 1;
-  if (!logEvent("LapDone", parameters) || !waitUntilStored(60000)) return 1;
-  freeValue(parameters);
+  skelda_value* parameters = OF(skelda_dictionary_new)();
+  if (!OF(skelda_put_integer)(parameters, "lap", 3)) return 1;
+  if (!OF(skelda_put_text)(parameters, "pace", "5:10")) return 1;
+  if (!OF(skelda_log_event)("LapDone", parameters)) return 1;
+  if (!OF(skelda_wait_until_stored)(60000)) return 1;
+  OF(skelda_value_free)(parameters);
   // What works on in threads of its own stays, whoever lets it go.
   return dlclose(library) != 0 || dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD) == NULL;
 }

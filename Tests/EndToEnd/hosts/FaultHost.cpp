@@ -1,97 +1,59 @@
-// Logs numbered events and closes a log half way, while one of the system's calls goes wrong.
-// Prints what each call of the agent answered.
-//
-//   FaultHost START EVENTS     START names the run in every event
-//
-//   FAULT_KINDS=KIND[:KIND]    the kinds of calls that count: methods of platform::FileCalls, calls
-//                              that are wrapped below, allocations of the caller and of the agent
-//   FAULT_UNDER=FOLDER         only files in that folder count
-//   FAULT_PAGE=FILE            64-bit counts of each kind and then of the faults that happened: in
-//                              a file that outlives a kill
-//   FAULT=KIND:N:WHAT[:MS]     the N-th call of KIND (from 1); with MS, all from then on for as
-//                              long. WHAT is the number of an error, "short" (half of what was
-//                              asked for), "kill", or "torn" (half is written, then a kill)
+// Linked into a host that follows words: one of the system's calls goes wrong under it, as the file
+// FAULT_PAGE says.
 
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
-#include "Examples/MorningRun/QuietFolder.h"
-#include "Skelda_Watch/SkeldaCCPA.h"
-#include "Skelda_Watch/SkeldaUserProperties.h"
-#include "Skelda_Watch/SkeldaWatch.h"
 #include "Tests/Support/FaultyFiles.h"
 
-using namespace std::chrono_literals;
+/// Of the host: whether this thread is in a call of the agent.
+extern constinit thread_local bool isInside;
 
 namespace {
 
-using skelda::testing::Fault;
-
-std::string_view variable(const char* name) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? "" : value;
-}
-
-/// What stands before the next ':', which is taken away.
-std::string_view takeWord(std::string_view& text) {
-  const std::string_view word = text.substr(0, text.find(':'));
-  text.remove_prefix(std::min(text.size(), word.size() + 1));
-  return word;
-}
+/// That file, which outlives a kill.
+struct Page {
+  char under[256];  // only files in that folder count
+  char kind[24];    // of the call that goes wrong, from the `at`th on, for so many milliseconds
+  std::uint64_t at, milliseconds, error, isShort, killsBefore, killsBehind;
+  std::atomic<std::uint64_t> happened;
+  // Those that count: methods of platform::FileCalls, calls that are wrapped below, allocations of
+  // the caller and of the agent.
+  struct {
+    char name[24];
+    std::atomic<std::uint64_t> calls;
+  } kinds[64];
+};
 
 /// The one fault of this process. It allocates nothing: allocations may be what fails.
-class Plan : public skelda::testing::FaultPlan {
+class Plan : public FaultPlan {
  public:
-  Plan() {
-    const int fd = ::open(variable("FAULT_PAGE").data(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0 || ::ftruncate(fd, 4096) != 0) std::abort();
-    void* page = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (page == MAP_FAILED) std::abort();
-    ::close(fd);
-    counts_ = static_cast<std::atomic<std::uint64_t>*>(page);
-    std::string_view text = variable("FAULT");
-    kind_ = takeWord(text);
-    at_ = std::strtoull(takeWord(text).data(), nullptr, 10);
-    const std::string_view what = takeWord(text);
-    kills_ = what == "kill";
-    fault_.error = what.empty() ? 0 : std::atoi(what.data());
-    fault_.kills = what == "torn";
-    if (what == "short" || what == "torn") fault_.shortLength = Fault::kHalf;
-    time_ = std::chrono::milliseconds(text.empty() ? 0 : std::atoi(text.data()));
-  }
+  explicit Plan(Page& page) : page_(page) {}
 
   std::optional<Fault> next(std::string_view kind) override {
     std::size_t index = 0;
-    std::optional<std::size_t> found;
-    for (std::string_view kinds = kinds_; !kinds.empty(); ++index) {
-      if (takeWord(kinds) == kind) found = index;
-    }
-    if (!found) return std::nullopt;
-    const std::uint64_t number = ++counts_[*found];
-    if (kind != kind_ || number < at_) return std::nullopt;
+    while (index + 1 < std::size(page_.kinds) && kind != page_.kinds[index].name) ++index;
+    const std::uint64_t number = ++page_.kinds[index].calls;
+    if (kind != page_.kind || number < page_.at) return std::nullopt;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    if (number == at_) began_ = now;
-    if (number > at_ && now >= began_.load() + time_) return std::nullopt;
-    ++counts_[index];
-    if (kills_) ::kill(::getpid(), SIGKILL);
-    return fault_;
+    if (number == page_.at) began_ = now;
+    const bool isOver = now >= began_.load() + std::chrono::milliseconds(page_.milliseconds);
+    if (number > page_.at && isOver) return std::nullopt;
+    ++page_.happened;
+    if (page_.killsBefore != 0) ::kill(::getpid(), SIGKILL);
+    Fault fault{.error = static_cast<int>(page_.error), .kills = page_.killsBehind != 0};
+    if (page_.isShort != 0) fault.shortLength = Fault::kHalf;
+    return fault;
   }
 
  private:
-  const std::string_view kinds_ = variable("FAULT_KINDS");
-  std::atomic<std::uint64_t>* counts_ = nullptr;
-  std::string_view kind_;
-  std::uint64_t at_ = 0;
-  bool kills_ = false;
-  Fault fault_;
-  std::chrono::nanoseconds time_{};
-  std::atomic<std::chrono::nanoseconds> began_{std::chrono::nanoseconds::max()};
+  Page& page_;
+  std::atomic<std::chrono::nanoseconds> began_{std::chrono::nanoseconds::max() / 2};
 };
 
 std::atomic<Plan*> plan = nullptr;
-thread_local bool isInside = false;
 
 /// Of the thread that main() runs on only what happens within a call of the agent counts.
 bool fails(std::string_view kind) {
@@ -104,12 +66,19 @@ bool fails(std::string_view kind) {
   return fault.has_value();
 }
 
-unsigned inside(auto call) {
-  isInside = true;
-  const unsigned answer = call();
-  isInside = false;
-  return answer;
-}
+const bool kHasPlan = [] {
+  const char* const path = std::getenv("FAULT_PAGE");
+  if (path == nullptr) return false;
+  const int fd = ::open(path, O_RDWR | O_CLOEXEC);
+  void* page = ::mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (page == MAP_FAILED) std::abort();
+  ::close(fd);
+  const auto made = std::make_shared<Plan>(*static_cast<Page*>(page));
+  // For ever: the agent goes on behind the end of main.
+  new FaultyFileCalls(made, static_cast<Page*>(page)->under);
+  plan = made.get();
+  return true;
+}();
 
 }  // namespace
 
@@ -147,32 +116,3 @@ WRAPPED(errno, pthread_create,
         (::pthread_t * thread, const ::pthread_attr_t* attributes, void* (*body)(void*),
          void* argument) noexcept,
         thread, attributes, body, argument)
-
-int main(int, char** argv) {
-  const std::string start = argv[1];
-  const int events = std::atoi(argv[2]);
-  if (!variable("FAULT_PAGE").empty()) {
-    const auto made = std::make_shared<Plan>();
-    // For ever: the agent goes on behind the end of main.
-    new skelda::testing::FaultyFileCalls(made, std::string(variable("FAULT_UNDER")));
-    plan = made.get();
-  }
-  // Values are made outside and given away: what is allocated inside is the agent's.
-  SkeldaValue address = "https://127.0.0.1:9/v1/skd.do";
-  inside([&] { return SkeldaWatch::setServerURL(std::move(address)), 1; });
-  SkeldaValue property = "shoes", kind = "Wolke 7";
-  inside([&] { return SkeldaUserProperties::setValue(std::move(property), std::move(kind)), 1; });
-  for (int number = 1; number <= events; ++number) {
-    SkeldaValue name = "event";
-    SkeldaValue parameters = {{"start", start}, {"number", number}};
-    const unsigned answer =
-        inside([&] { return SkeldaWatch::logWatchEvent(std::move(name), std::move(parameters)); });
-    std::printf("event %d: %u\n", number, answer);
-    std::fflush(stdout);
-    if (number == events / 2) inside([] { return SkeldaCCPA::setDelete(), 1; });
-  }
-  std::printf("stored: %d\n", SkeldaWatch::waitUntilStored(3s));
-  const auto storage =
-      std::filesystem::path(std::getenv("XDG_DATA_HOME")) / BUNDLE_IDENTIFIER / "SkeldaFiles";
-  std::printf("rest: %d\n", QuietFolder(storage).wait(300ms, 10s));
-}

@@ -3,10 +3,15 @@
 // others the parent's. With EARLY in its environment it logs an event before main() begins, too,
 // and one when all is over.
 
+#include "Examples/MorningRun/QuietFolder.h"
 #include "Platform/Dispatch/MainQueue.h"
 #include "Platform/Dispatch/Queue.h"
 #include "Skelda_Watch/Skelda_Watch.h"
 #include "Tests/Support/Recorded.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+/// Whether this thread is in a call of the agent that may be refused what it asks the system for.
+constinit thread_local bool isInside = false;
 
 namespace {
 
@@ -20,9 +25,21 @@ struct Early {
   }
 } early;
 
+struct Inside {
+  Inside() { isInside = true; }
+  ~Inside() { isInside = false; }
+};
+
+/// Calls the agent with values that were made before: what is allocated meanwhile is the agent's.
+auto inside(auto call, auto... values) {
+  const Inside now;
+  return call(std::move(values)...);
+}
+
 Number fromThreads(unsigned threads, const auto& work) {
+  if (threads == 1) return work(0);
   std::atomic<Number> sum{0};
-  skelda::testing::inThreads(threads, [&](unsigned thread) { sum += work(thread); });
+  inThreads(threads, [&](unsigned thread) { sum += work(thread); });
   return sum;
 }
 
@@ -48,40 +65,39 @@ Number numbered(const char* how) {
   const int told = ::open(std::getenv("TOLD"), O_WRONLY | O_CLOEXEC);
   const int read = std::sscanf(how, "%ld,%ld,%u,%ld", &first, &events, &threads, &rate);
   if (told < 0 || read != 4) std::abort();
-  SkeldaWatch::setServerURL("https://127.0.0.1:9/v1/skd.do");
+  inside(SkeldaWatch::setServerURL, SkeldaValue("https://127.0.0.1:9/v1/skd.do"));
   const auto began = std::chrono::steady_clock::now();
   return fromThreads(threads, [=](unsigned thread) {
     for (long i = thread; i < events; i += threads) {
       if (rate > 0) std::this_thread::sleep_until(began + i / threads * 1s / rate);
-      const char answer = SkeldaWatch::logWatchEvent("numbered", {{"n", first + i}}) == 1 ? 2 : 1;
+      SkeldaValue name = "numbered", parameters = {{"n", first + i}};
+      const char answer = inside(SkeldaWatch::logWatchEvent, name, parameters) == 1 ? 2 : 1;
       if (::pwrite(told, &answer, 1, first + i) != 1) std::abort();
     }
     return Number{1};
   });
 }
 
-Number kibibytes(std::string_view field) {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(field)) return std::stoull(line.substr(field.size() + 1));
-  }
-  return 0;
+Number kibibytes(const std::string& field) {
+  const std::string status = readFile("/proc/self/status");
+  return std::stoull(status.substr(status.find(field + ":") + field.size() + 1));
 }
 
 Number answerTo(const std::string& word) {
   const auto number = [&word] { return std::stoull(word.substr(word.find('=') + 1)); };
   if (word == "event") return SkeldaWatch::logWatchEvent("event");
-  if (word == "timed") return SkeldaWatch::startTimedEvent("a") + SkeldaWatch::endTimedEvent("a");
-  if (word == "purchase") return SkeldaWatch::logPurchase("bought", {{"sk.ProductID", "p"}});
   if (word.starts_with("burst=")) return burst(4, number());
   if (word.starts_with("flood=")) return burst(1, number());
   if (word.starts_with("numbered=")) return numbered(word.c_str() + 9);
   if (word == "consent") return SkeldaConsent::updateConsentInformation({});
   if (word == "opt-out") return SkeldaCCPA::setDataSaleOptOut(true), 1;
-  if (word == "delete") return SkeldaCCPA::setDelete(), 1;
-  if (word == "property") return SkeldaUserProperties::setValue("said", "early"), 1;
+  if (word == "delete") return inside(SkeldaCCPA::setDelete), 1;
+  if (word == "property") {
+    return inside(SkeldaUserProperties::setValue, SkeldaValue("said"), SkeldaValue("early")), 1;
+  }
   if (word == "user") return SkeldaWatch::setUserID("ann"), 1;
-  if (word == "stored-now") return SkeldaWatch::waitUntilStored(0s);
+  if (word.starts_with("stored=")) return SkeldaWatch::waitUntilStored(number() * 1s);
+  if (word == "rest") return QuietFolder(std::getenv("XDG_DATA_HOME")).wait(300ms, 10s);
   if (word == "stored") return SkeldaWatch::waitUntilStored(60s);
   if (word == "each-stored") {
     return fromThreads(4, [](Number) {
@@ -95,7 +111,6 @@ Number answerTo(const std::string& word) {
     for (int i = 0; i < 2; ++i) std::thread(burst, 1, ~0ULL).detach();
     return std::this_thread::sleep_for(20ms), 1;
   }
-  if (word == "accepted") return SkeldaWatch::account().events.accepted;
   if (word == "refused") return SkeldaWatch::account().refused.overTheBound;
   if (word.starts_with("Vm")) return kibibytes(word);
   if (word == "quick_exit") std::quick_exit(0);

@@ -2,6 +2,7 @@
 #include "Tools/skelda-fleet/DeviceSender.h"
 
 #include <future>
+#include <ranges>
 
 #include "Analytics/Streaming/Transfer/SkeldaStreamTransferManager.h"
 #include "Tests/Analytics/Networking/DataSender/SenderFixture.h"
@@ -35,9 +36,8 @@ class HeldAnswers {
   }
   std::set<Log> held() {
     const std::lock_guard lock(mutex_);
-    std::set<Log> logs;
-    for (const auto& each : held_) logs.insert(each.first);
-    return logs;
+    const auto logs = held_ | std::views::keys;
+    return {logs.begin(), logs.end()};
   }
 
  private:
@@ -142,12 +142,9 @@ TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
   const auto agent = std::make_shared<FakeAgent>();
   const auto manager = SkeldaStreamTransferManager::transferManagerWithConfig(
       {{kSkeldaStreamConfigOptionMaxFileUploadCount, 1}}, monitor, "/logs", folder, agent);
-  const auto settle = [&] {
-    for (int posted = 0; posted < 2; ++posted) manager->syncBlock([] {});
-  };
   const auto complete = [&](const ErrorRef& error) {
     manager->didCompleteTransfer(agent->started.back(), error);
-    settle();
+    settle(*manager);
   };
   manager->startup(nullptr);
   DeviceSender model;
@@ -167,7 +164,7 @@ TEST(DeviceSenderFolderTest, LosesOfAFullFolderWhatTheAgentsOwnManagerDeletes) {
     if (dice < 6) {
       folder->names.insert("log" + std::to_string(next));
       monitor->tell(0);
-      settle();
+      settle(*manager);
       model.commit(next++, steps);
     } else if (dice < 8) {
       canStore = !canStore;

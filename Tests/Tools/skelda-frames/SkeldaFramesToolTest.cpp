@@ -1,28 +1,23 @@
 // skelda-frames, run as a process on logs made for it.
 
-#include <gmock/gmock.h>
-#include <sys/resource.h>
-
 #include "Analytics/Utils/SkeldaUtil.h"
 #include "Platform/Foundation/JSONReader.h"
 #include "Platform/Foundation/TextCoding.h"
 #include "Tests/Analytics/Streaming/SourceModules/Entities/FrameSamples.h"
-#include "Tests/Support/TemporaryDirectory.h"
 
 using ::testing::EndsWith, ::testing::HasSubstr, ::testing::StartsWith;
 
 namespace {
 
 struct Outcome {
-  int exit = -1;
-  std::string out;
-  std::string error;
+  int exit;
+  std::string out, error;
 };
 
 std::string event(std::string_view name, std::string_view parameters = "{}") {
   return frameBytes(1, 134,
-                    "{\"sk.event.name\":\"" + base64Encoded(name) +
-                        "\",\"sk.event.user.parameters\":" + std::string(parameters) + "}");
+                    fmt::format(R"({{"sk.event.name":"{}","sk.event.user.parameters":{}}})",
+                                base64Encoded(name), parameters));
 }
 
 std::string sessionId(std::int64_t start) {
@@ -51,8 +46,8 @@ class SkeldaFramesTool : public ::testing::Test {
                                     "}\" \"$@\"; }\n" +
                                     line);
     const int status = std::system(("bash '" + (folder_ / "line") + "'").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "out"),
-            readFile(folder_ / "error")};
+    const int exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return {exit, readFile(folder_ / "out"), readFile(folder_ / "error")};
   }
   Outcome runOn(const std::string& log, const std::string& options = {}) {
     writeFile(folder_ / "log", log);
