@@ -26,21 +26,21 @@ class OnceEnded final : public SessionProbe {
 
 void fuzz(std::string_view input) {
   const std::size_t piece = takeByte(input) + 1;
-  const auto server = LoopbackServer::raw([=](ServerConnection& connection) {
+  const LoopbackServer server([=](ServerConnection& connection) {
     ReceivedRequest ignored;
     connection.readRequest(ignored);
     for (std::size_t at = 0; at < input.size(); at += piece) {
       if (!connection.send(input.substr(at, piece))) break;
     }
   });
-  const std::string home = server->url("");
+  const std::string home = server.url("");
   int redirects = 0;
   const auto probe = std::make_shared<OnceEnded>([&](URLRequest proposed) {
     require(isWellFormedURL(proposed.url));
     const bool isHome = proposed.url == home || proposed.url.starts_with(home + "/");
     return ++redirects < 4 && isHome ? std::optional(std::move(proposed)) : std::nullopt;
   });
-  URLRequest request = postRequest(server->url(), "bytes");
+  URLRequest request = postRequest(server.url(), "bytes");
   request.timeoutInterval = 10s;
   startRequest(probe, std::move(request));
   require(probe->ends());

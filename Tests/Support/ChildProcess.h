@@ -14,10 +14,8 @@ class ChildProcess {
   ~ChildProcess() {
     if (pid_ > 0) kill();
   }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+  ChildProcess(ChildProcess&&) = delete;
 
-  ::pid_t pid() const { return pid_; }
   /// The exit status; -1 where a signal ended it.
   int wait() {
     int status = 0;

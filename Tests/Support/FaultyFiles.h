@@ -31,40 +31,34 @@ class FaultPlan {
  public:
   virtual ~FaultPlan() = default;
   /// The `number`th call of any kind from now on, counted from 1.
-  void failCall(std::size_t number, Fault fault = {}) {
-    std::lock_guard lock(mutex_);
-    byNumber_ = Armed{calls_ + number, fault};
-  }
+  void failCall(std::size_t number, Fault fault = {}) { failKind("", number, fault); }
   /// The `nth` call of that kind from now on, counted from 1.
   void failKind(const std::string& kind, std::size_t nth = 1, Fault fault = {}) {
     std::lock_guard lock(mutex_);
-    byKind_[kind] = Armed{counts_[kind] + nth, fault};
+    armed_[kind] = Armed{counts_[kind] + nth, fault};
   }
   /// Every call of that kind from now on.
   void failAll(const std::string& kind, int error) { failKind(kind, 1, Fault::always(error)); }
   void clear() {
     std::lock_guard lock(mutex_);
-    byNumber_.reset();
-    byKind_.clear();
+    armed_.clear();
   }
 
   /// Counts one call and says whether it is to fail. For the fakes.
   virtual std::optional<Fault> next(std::string_view kind) {
     std::lock_guard lock(mutex_);
-    const std::string name(kind);
-    const std::size_t count = ++counts_[name];
-    ++calls_;
-    if (byNumber_ && byNumber_->covers(calls_)) return struck(byNumber_->fault);
-    const auto armed = byKind_.find(name);
-    if (armed != byKind_.end() && armed->second.covers(count)) return struck(armed->second.fault);
-    return std::nullopt;
+    std::optional<Fault> fault;
+    for (const std::string& name : {std::string(kind), std::string()}) {
+      const std::size_t count = ++counts_[name];
+      const auto armed = armed_.find(name);
+      if (armed != armed_.end() && armed->second.covers(count)) fault = armed->second.fault;
+    }
+    faults_ += fault.has_value();
+    return fault;
   }
 
-  std::size_t calls() const {
-    std::lock_guard lock(mutex_);
-    return calls_;
-  }
-  std::size_t calls(const std::string& kind) const {
+  /// Of that kind, or of all.
+  std::size_t calls(const std::string& kind = {}) const {
     std::lock_guard lock(mutex_);
     return counts_.contains(kind) ? counts_.at(kind) : 0;
   }
@@ -80,16 +74,10 @@ class FaultPlan {
     Fault fault;
     bool covers(std::size_t count) const { return count >= first && count - first < fault.times; }
   };
-  Fault struck(const Fault& fault) {
-    ++faults_;
-    return fault;
-  }
 
   mutable std::mutex mutex_;
-  std::optional<Armed> byNumber_;
-  std::map<std::string, Armed> byKind_;
+  std::map<std::string, Armed> armed_;  // by kind; those of any kind have none
   std::map<std::string, std::size_t> counts_;
-  std::size_t calls_ = 0;
   std::size_t faults_ = 0;
 };
 

@@ -98,7 +98,7 @@ void ServerConnection::close() {
   });
 }
 
-LoopbackServer::LoopbackServer(ConnectionHandler handler, Options options, int)
+LoopbackServer::LoopbackServer(ConnectionHandler handler, Options options)
     : handler_(std::move(handler)), options_(std::move(options)) {
   std::signal(SIGPIPE, SIG_IGN);  // the TLS library's writes
   listen();
@@ -109,12 +109,7 @@ LoopbackServer::LoopbackServer(RequestHandler handler, Options options)
                        ReceivedRequest request;
                        while (connection.readRequest(request)) handler(connection, request);
                      }),
-                     std::move(options), 0) {}
-
-std::unique_ptr<LoopbackServer> LoopbackServer::raw(ConnectionHandler handler, Options options) {
-  auto* const server = new LoopbackServer(std::move(handler), std::move(options), 0);
-  return std::unique_ptr<LoopbackServer>(server);
-}
+                     std::move(options)) {}
 
 void LoopbackServer::listen() {
   if (options_.certificate) {

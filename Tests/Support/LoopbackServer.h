@@ -80,7 +80,7 @@ class LoopbackServer {
   using Options = LoopbackServerOptions;
 
   explicit LoopbackServer(RequestHandler handler, Options options = {});
-  static std::unique_ptr<LoopbackServer> raw(ConnectionHandler handler, Options options = {});
+  explicit LoopbackServer(ConnectionHandler handler, Options options = {});
   /// Lets held answers go, cuts the connections and waits for its threads.
   ~LoopbackServer();
 
@@ -106,7 +106,6 @@ class LoopbackServer {
 
  private:
   friend class ServerConnection;
-  LoopbackServer(ConnectionHandler handler, Options options, int);
   void listen();
   void acceptAll();
   void serve(int socket, std::size_t number);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/Foundation/Bundle.h"
+#include "Platform/Foundation/SystemFiles.h"
 #include "Tests/Support/Basics.h"
 
 namespace skelda::testing {
@@ -16,8 +17,7 @@ class TemporaryDirectory {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  TemporaryDirectory(TemporaryDirectory&&) = delete;
 
   const std::string& path() const { return path_; }
   std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
@@ -49,14 +49,16 @@ class ScopedEnvironment {
 
 /// While it lives new folders are in memory, where the system has a place for that: of use to tests
 /// that start hundreds of processes, each of which waits for the disk a dozen times.
-class FoldersInMemory {
- public:
+struct FoldersInMemory : private ScopedEnvironment {
   FoldersInMemory() {
-    if (std::filesystem::exists("/dev/shm")) environment_.set("TMPDIR", "/dev/shm");
+    if (std::filesystem::exists("/dev/shm")) set("TMPDIR", "/dev/shm");
   }
+};
 
- private:
-  ScopedEnvironment environment_;
+/// A folder in which the system's files are looked for while it lives.
+struct SystemFolder : TemporaryDirectory {
+  SystemFolder() { setSystemRoot(path()); }
+  ~SystemFolder() { setSystemRoot(""); }
 };
 
 /// A home folder of the test's own: HOME and the XDG folders point into it.
@@ -76,9 +78,8 @@ class TemporaryHome : public TemporaryDirectory {
 
 /// Makes this process the watch extension of an application with that Info.plist while it lives.
 struct HostBundle {
-  explicit HostBundle(Dictionary of = {},
-                      const std::string& path = "/Run.app/PlugIns/Watch.appex") {
-    Bundle::setMain(std::make_shared<Bundle>(path, path + "/run", std::move(of)));
+  explicit HostBundle(Dictionary of = {}, const std::string& at = "/Run.app/PlugIns/Watch.appex") {
+    Bundle::setMain(std::make_shared<Bundle>(at, at + "/run", std::move(of)));
   }
   ~HostBundle() { Bundle::setMain(nullptr); }
 };

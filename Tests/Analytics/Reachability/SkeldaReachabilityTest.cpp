@@ -65,8 +65,13 @@ TEST(SkeldaReachability, FollowsALinkThatGoesDownAndUp) {
   ASSERT_TRUE(notices.wait(true));
   ASSERT_TRUE(run("ip addr del 192.0.2.1/24 dev v0"));  // and with it the route
   ASSERT_TRUE(notices.wait(false));
-  ASSERT_TRUE(run("ip route add 198.51.100.0/24 nexthop dev v0 nexthop dev v1"));
-  ASSERT_TRUE(notices.wait(true));
+  for (const std::string route :
+       {"-6 route add default dev v0", "route add 198.51.100.0/24 nexthop dev v0 nexthop dev v1"}) {
+    ASSERT_TRUE(run("ip " + route));
+    ASSERT_TRUE(notices.wait(true));
+    ASSERT_TRUE(run("ip -6 route flush default && ip route flush all"));
+    ASSERT_TRUE(notices.wait(false));
+  }
   EXPECT_GE(updates->size(), 6U);
   EXPECT_EQ(skelda::swallowedExceptions(), 0u);
 }

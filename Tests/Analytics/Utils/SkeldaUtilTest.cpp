@@ -2,17 +2,13 @@
 #include "Analytics/Utils/SkeldaJSON.h"
 #include "Analytics/Utils/SkeldaLog.h"
 
-#include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Foundation/URLError.h"
 #include "Tests/Support/AgentHome.h"
 
 namespace {
 
 struct SkeldaUtilTest : testing::Test {
-  ~SkeldaUtilTest() override {
-    SkeldaUtil::setShowErrorInLogEnabled(false);
-    setSystemRoot("");
-  }
+  ~SkeldaUtilTest() override { SkeldaUtil::setShowErrorInLogEnabled(false); }
   AgentHome home_;
   LogCapture log_;
 };
@@ -131,11 +127,11 @@ TEST_F(SkeldaUtilTest, TextsAreEncodedAndDecoded) {
 }
 
 TEST_F(SkeldaUtilTest, IdentifiersAreStableAndNeverTheMachinesOwn) {
-  setSystemRoot(home_.path());
+  const SystemFolder system;
   EXPECT_EQ(SkeldaUtil::getSkeldaId(), std::nullopt);
   EXPECT_EQ(SkeldaUtil::getIdentifierForVendor(), std::nullopt);
   const std::string machine = "0123456789abcdef0123456789abcdef";
-  writeFile(home_ / "etc/machine-id", machine + "\n");
+  writeFile(system / "etc/machine-id", machine + "\n");
   const auto identifier = SkeldaUtil::getSkeldaId();
   ASSERT_TRUE(identifier);
   EXPECT_EQ(identifier, SkeldaUtil::getSkeldaId());

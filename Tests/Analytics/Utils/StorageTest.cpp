@@ -25,8 +25,8 @@ TEST_F(StreamFilesTest, EveryFailureOfThePlatformIsReportedByTheManager) {
       {"renameNoReplace", [&] { return manager_.copyFileFrom(path_, folder); }},
       {"unlink", [&] { return manager_.removeItemAtPath(path_); }},
       {"open", [&] { return manager_.createFileAtPath(folder); }},
-      {"entries", [&] { return manager_.fileNamesAtPath(directory_.path(), &error_).has_value(); }},
-  };
+      {"entries",
+       [&] { return manager_.fileNamesAtPath(directory_.path(), &error_).has_value(); }}};
   for (const auto& [kind, operation] : cases) {
     plan_->failKind(kind, 1, {.error = EMFILE});
     EXPECT_FALSE(operation()) << kind;

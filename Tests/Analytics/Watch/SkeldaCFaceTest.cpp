@@ -5,7 +5,6 @@
 #include <new>
 
 #include "Analytics/Streaming/SourceModules/Entities/SkeldaStreamUserProperties.h"
-#include "Skelda_Watch/SkeldaHost.h"
 #include "Tests/Analytics/Watch/WatchHost.h"
 
 namespace {
@@ -29,10 +28,8 @@ thread_local bool noMemory = false;
 
 namespace {
 
-struct Free {
-  void operator()(skelda_value* value) const { skelda_value_free(value); }
-};
-using Owned = std::unique_ptr<skelda_value, Free>;
+using Owned =
+    std::unique_ptr<skelda_value, decltype([](auto* value) { skelda_value_free(value); })>;
 
 TEST(SkeldaCFace, PutsOfAnotherKindAreRefusedAndChangeNothing) {
   const Owned dictionary(skelda_dictionary_new()), array(skelda_array_new());

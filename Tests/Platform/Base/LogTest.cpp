@@ -1,5 +1,3 @@
-#include "Platform/Base/Log.h"
-
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -209,22 +207,25 @@ TEST_F(LogTest, ASinkThatWaitsForALockHoldsNobody) {
 }
 
 TEST_F(LogTest, AHangingStandardErrorIsGivenUpForASink) {
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  StandardError errors(ends[1]);
-  select("stderr");
   const std::string line(60'000, 'x');
-  for (int i = 0; i < 3; ++i) Log::write(line);
-  // The first line lies there and a piece of the second, its prefix at least.
-  for (int lying = 0; lying < 61'000;) ASSERT_EQ(::ioctl(ends[0], FIONREAD, &lying), 0);
-  Texts lines;
-  Log::setSink([&lines](std::string_view text) { lines.emplace_back(text); });
-  Log::write("to the sink");
-  EXPECT_TRUE(Log::flush(kPatience));
-  EXPECT_EQ(lines.back(), "to the sink");
-  lines.pop_back();
-  for (const auto& each : lines) EXPECT_EQ(each, line) << "no rest of one";
-  for (const int end : ends) ::close(end);
+  for (const bool isOffMeanwhile : {false, true}) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    StandardError errors(ends[1]);
+    select("stderr");
+    for (int i = 0; i < 3; ++i) Log::write(line);
+    // The first line lies there and a piece of the second, its prefix at least.
+    for (int lying = 0; lying < 61'000;) ASSERT_EQ(::ioctl(ends[0], FIONREAD, &lying), 0);
+    if (isOffMeanwhile) select("off");
+    LogCapture log;
+    Log::write("to the sink");
+    Texts lines = log.take();
+    EXPECT_EQ(lines.back(), "to the sink");
+    lines.pop_back();
+    EXPECT_TRUE(!isOffMeanwhile || lines.empty()) << "said to nobody";
+    for (const auto& each : lines) EXPECT_EQ(each, line) << "no rest of one";
+    for (const int end : ends) ::close(end);
+  }
 }
 
 TEST_F(LogTest, TakesNoneOfTheStandardDescriptorsAndNoPlaceThatNobodyReads) {

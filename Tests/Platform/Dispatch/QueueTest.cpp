@@ -160,8 +160,7 @@ TEST_P(SuspensionTest, ASuspendedQueueThatNobodyHoldsGoesWithItsBlocksAndThoseOf
 
 TEST(QueueTest, ASynchronousBlockAboveAQueueThatItsCallerHoldsRunsAtOnce) {
   const QueueRef shared = Queue::serial("shared");
-  for (const QueueRef& target :
-       {shared, Queue::main(), Queue::serial("above main", Queue::main())}) {
+  for (const QueueRef& target : {shared, Queue::main(), Queue::serial("on main", Queue::main())}) {
     const QueueRef first = Queue::serial("first", target);
     const QueueRef second = Queue::serial("second", Queue::concurrent("gate", target));
     const Happening done;

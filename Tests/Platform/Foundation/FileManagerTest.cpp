@@ -18,14 +18,9 @@ struct FileManagerTest : testing::Test {
     EXPECT_TRUE(manager_.createDirectoryAtPath(committed_, true));
     writeFile(source_, kNew);
   }
-  Texts names(const std::string& folder) const {
-    auto found = manager_.contentsOfDirectoryAtPath(folder).value();
-    std::ranges::sort(found);
-    return found;
-  }
   bool hasTemporaries() const {
     const auto is = [](auto& name) { return name.starts_with(FileManager::kTemporaryPrefix); };
-    return std::ranges::any_of(names(storage_), is);
+    return std::ranges::any_of(manager_.contentsOfDirectoryAtPath(storage_).value(), is);
   }
 
   FileManager manager_;
@@ -44,11 +39,9 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
 
   writeFile(destination_, kOld);
   const std::tuple<std::string, std::string, int> refused[] = {
-      {source_, destination_, EEXIST},
-      {storage_ + "/absent", committed_ + "/x", ENOENT},
-      {committed_, committed_ + "/x", EISDIR},
-      {source_, storage_ + "/absent/x", ENOENT},
-      {source_, std::string("nul\0", 4), EINVAL}};
+      {source_, destination_, EEXIST},           {storage_ + "/absent", committed_ + "/x", ENOENT},
+      {committed_, committed_ + "/x", EISDIR},   {std::string("nul\0", 4), destination_, EINVAL},
+      {source_, storage_ + "/absent/x", ENOENT}, {source_, std::string("nul\0", 4), EINVAL}};
   for (const auto& [source, destination, code] : refused) {
     EXPECT_FALSE(manager_.copyItemAtPath(source, destination, &error)) << destination;
     EXPECT_EQ(codeOf(error), code) << destination;
@@ -56,7 +49,7 @@ TEST_F(FileManagerTest, ACopyIsWholeAndNeverReplacesAnything) {
   EXPECT_FALSE(manager_.fileExistsAtPath(source_ + '\0'));
   EXPECT_EQ(manager_.contentsAtPath(source_ + '\0'), std::nullopt);
   EXPECT_EQ(readFile(destination_), kOld);
-  EXPECT_EQ(names(committed_), Texts{"log_1"});
+  EXPECT_EQ(namesIn(committed_), Texts{"log_1"});
   EXPECT_FALSE(hasTemporaries());
 }
 
@@ -78,11 +71,11 @@ TEST_F(FileManagerTest, AKillInTheMiddleLeavesWholeFilesAndSweepableRests) {
     const std::string archive = readFile(kept);
     EXPECT_TRUE(archive == kOld || archive == kNew) << archive.size();
   }
-  for (const std::string& name : names(committed_))
+  for (const std::string& name : namesIn(committed_))
     EXPECT_EQ(std::filesystem::file_size(committed_ + "/" + name), kNew.size()) << name;
   writeFile(storage_ + "/.skelda-tmp-0123-1-1", "rest");
   EXPECT_GE(manager_.sweepTemporaryFiles(storage_), 1u);
-  EXPECT_EQ(names(storage_), (Texts{".skelda-other", "archive", "committed", "log"}));
+  EXPECT_EQ(namesIn(storage_), (Texts{".skelda-other", "archive", "committed", "log"}));
 }
 
 TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBehind) {
@@ -113,18 +106,12 @@ TEST_F(FileManagerTest, WhicheverCallFailsAFileIsWholeOrAbsentAndNothingIsLeftBe
 TEST_F(FileManagerTest, InterruptedShortAndUnsupportedCallsAreGoneOnWith) {
   // The last is a kind that must be called because of the fault.
   const std::tuple<const char*, Fault, const char*> cases[] = {
-      {"open", {.error = EINTR, .times = 3}, "open"},
-      {"status", {.error = EINTR}, "status"},
-      {"copyRange", {.error = EINTR, .times = 3}, "copyRange"},
-      {"copyRange", {.shortLength = 7, .times = 5}, "copyRange"},
-      {"copyRange", {.error = EXDEV}, "write"},
-      {"copyRange", {.error = ENOSYS}, "read"},
-      {"copyRange", {.error = EPERM}, "read"},
-      {"syncData", {.error = EINTR}, "syncData"},
-      {"sync", {.error = EINVAL}, "sync"},
-      {"renameNoReplace", {.error = EINVAL}, "link"},
-      {"renameNoReplace", {.error = ENOSYS}, "unlink"},
-      {"setAttribute", {.error = ENOTSUP}, "setAttribute"}};
+      {"status", {EINTR}, "status"},   {"open", {.error = EINTR, .times = 3}, "open"},
+      {"copyRange", {EXDEV}, "write"}, {"copyRange", {.error = EINTR, .times = 3}, "copyRange"},
+      {"copyRange", {ENOSYS}, "read"}, {"copyRange", {.shortLength = 7, .times = 5}, "copyRange"},
+      {"copyRange", {EPERM}, "read"},  {"renameNoReplace", {EINVAL}, "link"},
+      {"syncData", {EINTR}, "sync"},   {"renameNoReplace", {ENOSYS}, "unlink"},
+      {"sync", {EINVAL}, "sync"},      {"setAttribute", {ENOTSUP}, "setAttribute"}};
   for (const auto& [kind, fault, inUse] : cases) {
     std::filesystem::remove(destination_);
     const FaultyFileCalls plan(kind, fault);

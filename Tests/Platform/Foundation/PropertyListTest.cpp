@@ -141,13 +141,10 @@ TEST(PropertyListTest, RefusesBinaryListsThatAreMalformedOrHostile) {
       {{"\xD1\x01\x02", "\x51\xE5", "\x09"}},                     // a key that is not UTF-8
   };
   const Texts x{"\x51x"};  // in lists whose trailers lie
-  const BinaryList lying[] = {{x, 1},
-                              {x, 0, 7},
-                              {x, 0, 1 << 20},
-                              {x, 0, {}, std::uint64_t{1} << 62},
-                              {x, 0, {}, {}, 0},
-                              {x, 0, {}, {}, 9},
-                              {x, 0, {}, {}, 2, 0}};
+  const BinaryList lying[] = {{x, 0, {}, {}, 0}, {x, 0, {}, {}, 2, 0},
+                              {x, 0, {}, {}, 9}, {x, 0, {}, {}, 2, 9},
+                              {x, 0, 1 << 20},   {x, 0, {}, std::uint64_t{1} << 62},
+                              {x, 0, 7},         {x, 1}};
   cases.insert(cases.end(), std::begin(lying), std::end(lying));
   // Nested too deeply; and small, but unfolding to two to the 40th objects.
   for (const auto& [levels, fanOut] : {std::pair(100, 1), std::pair(40, 2)}) {

@@ -4,8 +4,6 @@
 
 namespace {
 
-using std::chrono::milliseconds;
-
 TEST(TimerTest, ARepeatingTimerKeepsItsRasterUntilItsTickInvalidatesIt) {
   const QueueRef queue = Queue::serial("ticks");
   const auto begun = std::chrono::steady_clock::now();

@@ -1,5 +1,3 @@
-#include "Platform/Foundation/Value.h"
-
 #include "Tests/Support/Testing.h"
 
 namespace {
@@ -8,21 +6,17 @@ constexpr std::int64_t kSignedMax = INT64_MAX, kSignedMin = INT64_MIN;
 constexpr std::uint64_t kUnsignedMax = UINT64_MAX;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kTwoTo63 = 9223372036854775808.0;
 
 TEST(ValueTest, ComparesNumbersExactlyAcrossKinds) {
+  // Neither greatest number fits a double, which rounds them to 2 to the 63rd and 64th.
   const std::tuple<Value, Value, bool> cases[] = {
-      {false, 0.0F, true},
-      {-1, kUnsignedMax, false},
-      {kSignedMax, static_cast<std::uint64_t>(kSignedMax), true},
-      // Neither fits a double, which rounds both to 2 to the 63rd and 64th.
-      {kSignedMax, 9223372036854775808.0, false},
-      {kSignedMin, -9223372036854775808.0, true},
-      {kUnsignedMax, 18446744073709551616.0, false},
-      {(std::int64_t{1} << 53) + 1, 9007199254740992.0, false},
-      {std::uint64_t{1} << 63, 9223372036854775808.0, true},
-      {kNaN, kNaN, true},
-      {"1", 1, false},
-      {nullptr, 0, false}};
+      {"1", 1, false},           {kSignedMax, kTwoTo63, false},
+      {-0.0, 0, true},           {kSignedMin, -kTwoTo63, true},
+      {kNaN, kNaN, true},        {kUnsignedMax, 2 * kTwoTo63, false},
+      {false, 0.0F, true},       {std::uint64_t{1} << 63, kTwoTo63, true},
+      {nullptr, 0, false},       {kSignedMax, std::uint64_t{INT64_MAX}, true},
+      {-1, kUnsignedMax, false}, {9007199254740993, 9007199254740992.0, false}};
   for (const auto& [a, b, equal] : cases)
     EXPECT_TRUE((a == b) == equal && (b == a) == equal)
         << a.description() << " and " << b.description();
@@ -80,25 +74,17 @@ TEST(ValueTest, ConvertsNumbersAndNumericTextWithSaturation) {
 
 TEST(ValueTest, DescribesItselfInTheShortestFaithfulText) {
   const std::pair<Value, std::string> cases[] = {
-      {nullptr, "(null)"},
-      {true, "1"},
-      {kSignedMin, "-9223372036854775808"},
-      {kUnsignedMax, "18446744073709551615"},
-      {3.0, "3"},
-      {1e15, "1000000000000000"},
-      {-1e21, "-1000000000000000000000"},
-      {1.5e15F, "1500000014041088"},
-      {2.5e-7, "2.5e-07"},
-      {-0.0, "-0"},
-      {0.1F, "0.1"},
-      {1.0F / 3, "0.33333334"},
-      {kNaN, "nan"},
-      {-kInfinity, "-inf"},
-      {"as it is\n", "as it is\n"},
-      {Data("\0\1", 2), "AAE="},
-      {Date(Date::Microseconds(1714566600000000)), "2024-05-01T12:30:00Z"},
-      {Date(Date::Microseconds(-1000)), "1969-12-31T23:59:59.999Z"},
-      {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"}};
+      {-5, "-5"},           {kSignedMin, "-9223372036854775808"},
+      {3.0, "3"},           {kUnsignedMax, "18446744073709551615"},
+      {true, "1"},          {1e15, "1000000000000000"},
+      {false, "0"},         {-1e21, "-1000000000000000000000"},
+      {-0.0, "-0"},         {1.5e15F, "1500000014041088"},
+      {0.1F, "0.1"},        {1.0F / 3, "0.33333334"},
+      {kNaN, "nan"},        {Data("\0\1", 2), "AAE="},
+      {kInfinity, "inf"},   {"as it is\n", "as it is\n"},
+      {-kInfinity, "-inf"}, {Date(-1ms), "1969-12-31T23:59:59.999Z"},
+      {nullptr, "(null)"},  {Date(1714566600s), "2024-05-01T12:30:00Z"},
+      {2.5e-7, "2.5e-07"},  {{{"b", 1}, {"a", nullptr}}, R"({"b":1,"a":null})"}};
   for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
 }
 
@@ -121,9 +107,8 @@ TEST(DictionaryTest, KeepsTheLastValueOfManyRepeatedKeysInTheFirstPlace) {
 TEST(DateTest, RoundsSecondsToTheNearestMicrosecondAndSaturates) {
   const std::pair<double, std::int64_t> cases[] = {
       {1714566600.123456, 1714566600123456}, {-0.0000015, -2}, {1e300, kSignedMax}, {kNaN, 0}};
-  for (const auto& [seconds, microseconds] : cases)
-    EXPECT_EQ(Date::withTimeIntervalSince1970(seconds).microsecondsSince1970().count(),
-              microseconds);
+  for (const auto& [seconds, micro] : cases)
+    EXPECT_EQ(Date::withTimeIntervalSince1970(seconds).microsecondsSince1970().count(), micro);
 }
 
 }  // namespace

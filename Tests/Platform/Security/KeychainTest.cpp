@@ -2,7 +2,6 @@
 
 #include <malloc.h>
 
-#include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Security/Digest.h"
 #include "Platform/Security/Sealing.h"
 #include "Tests/Support/Testing.h"
@@ -46,16 +45,10 @@ constexpr auto kThisDevice = KeychainAccessibility::afterFirstUnlockThisDeviceOn
 /// A keychain, and a machine with an id, of the test's own. Nothing is kept between calls, so that
 /// every look-up is one after a restart.
 struct KeychainTest : testing::Test {
-  KeychainTest() {
-    setSystemRoot(home_.path());
-    becomeMachine('a');
-  }
-  ~KeychainTest() override {
-    setSystemRoot("");
-    DeviceLock::setLocked(false);
-  }
+  KeychainTest() { becomeMachine('a'); }
+  ~KeychainTest() override { DeviceLock::setLocked(false); }
   void becomeMachine(char digit) {
-    writeFile(home_ / "etc/machine-id", std::string(32, digit) + "\n");
+    writeFile(system_ / "etc/machine-id", std::string(32, digit) + "\n");
   }
   static KeychainQuery query(std::string account, std::string service = "service") {
     return {std::move(service), Data(account), Data(account)};
@@ -78,6 +71,7 @@ struct KeychainTest : testing::Test {
   }
 
   TemporaryHome home_;
+  SystemFolder system_;
 };
 
 TEST_F(KeychainTest, ItemsAreAddedReadReplacedAndRemoved) {

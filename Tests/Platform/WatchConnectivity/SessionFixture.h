@@ -1,7 +1,8 @@
 #pragma once
 
 #include "Platform/Foundation/JSONWriter.h"
-#include "Platform/WatchConnectivity/Session/WCSession.h"
+#include "Platform/WatchConnectivity/WCDefaultSession.h"
+#include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Support/Testing.h"
 
 class RecordingDelegate : public WCSessionDelegate, public Recorded<std::string> {
@@ -28,4 +29,17 @@ class RecordingDelegate : public WCSessionDelegate, public Recorded<std::string>
 
  private:
   const unsigned calls_;
+};
+
+/// A link of which the watch's end is still to be taken, and the phone at its other end.
+struct PhoneOfAPair {
+  PhoneOfAPair() {
+    std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
+    phone_ = WCDefaultSession::make(phoneEnd_);
+    phone_->setDelegate(atPhone_);
+  }
+
+  WCPairTransport::Ref watchEnd_, phoneEnd_;
+  std::shared_ptr<WCDefaultSession> phone_;
+  std::shared_ptr<RecordingDelegate> atPhone_ = std::make_shared<RecordingDelegate>();
 };

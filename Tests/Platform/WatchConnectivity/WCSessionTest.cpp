@@ -2,8 +2,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "Platform/WatchConnectivity/WCDefaultSession.h"
-#include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Platform/WatchConnectivity/WCSocketTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tools/skelda-phone/PhoneLink.h"
@@ -23,14 +21,8 @@ using testing::Contains, testing::ElementsAre;
 
 namespace {
 
-struct WCSessionTest : testing::Test {
-  WCSessionTest() {
-    std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
-    watch_ = WCDefaultSession::make(watchEnd_);
-    phone_ = WCDefaultSession::make(phoneEnd_);
-    watch_->setDelegate(atWatch_);
-    phone_->setDelegate(atPhone_);
-  }
+struct WCSessionTest : testing::Test, PhoneOfAPair {
+  WCSessionTest() { watch_->setDelegate(atWatch_); }
   void activate() {
     watch_->activateSession();
     phone_->activateSession();
@@ -38,10 +30,8 @@ struct WCSessionTest : testing::Test {
     atPhone_->wait(1);
   }
 
-  WCPairTransport::Ref watchEnd_, phoneEnd_;
-  std::shared_ptr<WCDefaultSession> watch_, phone_;
+  std::shared_ptr<WCDefaultSession> watch_ = WCDefaultSession::make(watchEnd_);
   std::shared_ptr<RecordingDelegate> atWatch_ = std::make_shared<RecordingDelegate>();
-  std::shared_ptr<RecordingDelegate> atPhone_ = std::make_shared<RecordingDelegate>();
 };
 
 TEST_F(WCSessionTest, UserInfosWaitForThePeerAndArriveInOrderOnce) {

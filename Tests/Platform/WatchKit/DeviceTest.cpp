@@ -1,4 +1,3 @@
-#include "Platform/Foundation/SystemFiles.h"
 #include "Platform/Kernel/Kernel.h"
 #include "Platform/WatchKit/WKInterfaceDevice.h"
 #include "Tests/Support/Testing.h"
@@ -6,16 +5,12 @@
 namespace {
 
 struct DeviceTest : testing::Test {
-  DeviceTest() {
-    setSystemRoot(root_.path());
-    environment_.set("SKELDA_SCREEN", std::nullopt);
-  }
-  ~DeviceTest() override { setSystemRoot(""); }
+  DeviceTest() { environment_.set("SKELDA_SCREEN", std::nullopt); }
   void have(const std::string& path, std::string_view text) {
     writeFile(root_.path() + path, text);
   }
 
-  TemporaryDirectory root_;
+  SystemFolder root_;
   ScopedEnvironment environment_;
   WKInterfaceDevice& device_ = *WKInterfaceDevice::currentDevice();
 };

@@ -16,8 +16,7 @@ struct IntakeFiles {
   TemporaryDirectory directory_;
   const std::string path_ = directory_ / ".intake_261.journal";
 
-  std::shared_ptr<SkeldaIntakeFile> open(std::uint64_t key = kKey,
-                                         std::size_t capacity = kCapacity) const {
+  auto open(std::uint64_t key = kKey, std::size_t capacity = kCapacity) const {
     ErrorRef error;
     auto file = SkeldaIntakeFile::open(path_, capacity, key, &error);
     EXPECT_TRUE(file->isProtected()) << description(error);
@@ -44,25 +43,6 @@ inline bool addsUp(SkeldaIntakeFile& file) {
   };
   return adds(SkeldaIntakeFile::Kind::event) && adds(SkeldaIntakeFile::Kind::choice);
 }
-
-struct Numbered {
-  std::size_t thread = 0;
-  std::size_t index = 0;
-  std::uint64_t length = 0;
-
-  std::string text() const {
-    std::string text(sizeof *this, '\0');
-    std::memcpy(text.data(), this, sizeof *this);
-    return text.append(static_cast<std::size_t>(length), static_cast<char>('a' + index % 26));
-  }
-  /// Nothing where a byte of it is not as it was.
-  static std::optional<Numbered> of(const std::string& text) {
-    Numbered numbered;
-    if (text.size() < sizeof numbered) return std::nullopt;
-    std::memcpy(&numbered, text.data(), sizeof numbered);
-    return text == numbered.text() ? std::optional(numbered) : std::nullopt;
-  }
-};
 
 struct Slot {
   SkeldaIntakeLayout::Place place;

@@ -8,7 +8,7 @@ using std::chrono::steady_clock;
 using Kind = SkeldaIntakeFile::Kind;
 using Outcome = SkeldaIntakeOutcome;
 
-class SkeldaIntakeFileTest : public testing::Test, protected IntakeFiles {};
+struct SkeldaIntakeFileTest : testing::Test, IntakeFiles {};
 
 TEST_F(SkeldaIntakeFileTest, ARecordComesBackAsItWasAppendedAndIsSettledOnce) {
   for (const auto& file : {open(), SkeldaIntakeFile::inMemory(kCapacity)}) {
@@ -64,21 +64,24 @@ TEST_F(SkeldaIntakeFileTest, WhatDoesNotFitIsRefusedAndLeavesNothingBehind) {
 TEST_F(SkeldaIntakeFileTest, FourThreadsAtOnceLoseNothingAndKeepTheirOrder) {
   constexpr std::size_t kEach = 20000;
   const auto file = open();
-  std::map<std::uint64_t, std::uint64_t> next;
+  // Of any length up to 300, and each byte of it is known.
+  const auto textOf = [](std::size_t thread, std::size_t index) {
+    const std::string text = fmt::format("{} {} ", thread, index);
+    return text + std::string(index * 7 % 300, static_cast<char>('a' + index % 26));
+  };
+  std::array<std::size_t, 4> next{};
   inThreads(5, [&](unsigned thread) {
-    std::mt19937 chance(thread);
     if (thread < 4) {
-      for (std::size_t i = 0; i < kEach; ++i) {
-        const Numbered payload{thread, i, chance() % 300};
-        while (append(*file, payload.text()) == kSkeldaNoTicket) std::this_thread::yield();
-      }
+      for (std::size_t i = 0; i < kEach; ++i)
+        while (append(*file, textOf(thread, i)) == kSkeldaNoTicket) std::this_thread::yield();
       return;
     }
+    std::mt19937 chance(thread);
     std::vector<SkeldaIntakeTicket> underWay;
     for (std::uint64_t count = 0; count < 4 * kEach; std::this_thread::yield()) {
       while (const auto record = file->takeOldest()) {
-        const auto payload = Numbered::of(record->payload);
-        EXPECT_TRUE(payload && payload->index == next[payload->thread]++);
+        const auto from = std::stoul(record->payload);
+        EXPECT_EQ(record->payload, textOf(from, next.at(from)++));
         underWay.push_back(record->ticket);
         ++count;
       }
@@ -153,8 +156,7 @@ TEST_F(SkeldaIntakeFileTest, OneCallInAHundredAtMostWaitsForPages) {
 
 // -- What a start finds in the file that an earlier process left
 
-class SkeldaIntakeOpeningTest : public testing::Test, protected IntakeFiles {
- protected:
+struct SkeldaIntakeOpeningTest : testing::Test, IntakeFiles {
   std::size_t bytesOnDisk() const {
     struct ::stat status {};
     EXPECT_EQ(::stat(path_.c_str(), &status), 0);

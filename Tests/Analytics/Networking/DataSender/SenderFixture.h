@@ -9,8 +9,7 @@
 namespace skelda::testing {
 
 /// A data sender with a storage folder of its own, and the looks into that folder that tests need.
-class SenderTest : public ::testing::Test {
- protected:
+struct SenderTest : ::testing::Test {
   SenderTest() { SkeldaUtil::setLogLevel(2); }
   ~SenderTest() override {
     finish();
@@ -68,8 +67,6 @@ class SenderTest : public ::testing::Test {
   const std::uint64_t swallowed_ = swallowedExceptions();
   AgentHome home_;
   LogCapture log_;
-
- private:
   std::vector<std::shared_ptr<SkeldaDataSender>> senders_;
 };
 

@@ -79,8 +79,7 @@ TEST_F(SkeldaURLSessionTaskTest, FollowsRedirectsUpToItsLimitAndA307WithTheFirst
   EXPECT_EQ(requests.back().field("x-key"), "k");
 }
 
-class SkeldaDataSenderTest : public SenderTest {
- protected:
+struct SkeldaDataSenderTest : SenderTest {
   /// Blocks since the last call: stored, acknowledged, rejected, over the limit, of another key,
   /// damaged.
   using Counts = std::array<std::uint64_t, 6>;
@@ -99,7 +98,6 @@ class SkeldaDataSenderTest : public SenderTest {
     NotificationCenter::defaultCenter().post(kSkeldaNetworkStatusChangedNotification);
   }
 
- private:
   Counts counts_{};
 };
 

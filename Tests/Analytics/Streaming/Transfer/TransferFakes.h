@@ -10,7 +10,6 @@ namespace skelda::testing {
 class FakeFolder : public SkeldaStreamFileManager {
  public:
   bool removeItemAtPath(const Path& path) override {
-    std::lock_guard lock(mutex_);
     const std::string name = std::filesystem::path(*path).filename();
     if (undeletable.contains(name)) return false;
     removed.push_back(name);
@@ -18,11 +17,9 @@ class FakeFolder : public SkeldaStreamFileManager {
     return true;
   }
   bool isFilePresentAtPath(const Path& path) override {
-    std::lock_guard lock(mutex_);
     return names.contains(std::filesystem::path(*path).filename());
   }
   std::optional<Texts> fileNamesAtPath(const Path&, ErrorRef* error) override {
-    std::lock_guard lock(mutex_);
     setError(error, nullptr);
     if (std::exchange(isUnlistable, false)) return std::nullopt;
     namesListed += names.size();
@@ -34,9 +31,6 @@ class FakeFolder : public SkeldaStreamFileManager {
   Texts removed;
   bool isUnlistable = false;
   std::size_t namesListed = 0;
-
- private:
-  std::mutex mutex_;
 };
 
 struct FakeMonitor : ISkeldaNodeDataProvider {

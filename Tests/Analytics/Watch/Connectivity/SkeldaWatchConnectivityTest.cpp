@@ -2,8 +2,6 @@
 
 #include "Analytics/Utils/SkeldaGuards.h"
 #include "Platform/Foundation/ClassRegistry.h"
-#include "Platform/WatchConnectivity/WCDefaultSession.h"
-#include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 
 using testing::Contains, testing::ElementsAre, testing::HasSubstr, testing::Not;
@@ -21,14 +19,11 @@ struct Receiver : ISkeldaWatchConnectivityReceiver {
   Texts received;  // on the connectivity queue
 };
 
-struct SkeldaWatchConnectivityTest : testing::Test {
+struct SkeldaWatchConnectivityTest : testing::Test, PhoneOfAPair {
   SkeldaWatchConnectivityTest() {
-    std::tie(watchEnd_, phoneEnd_) = WCPairTransport::make();
     installWatchConnectivity(watchEnd_);
     session_ = std::dynamic_pointer_cast<WCSession>(ClassRegistry::shared().make("WCSession"));
     connectivity_ = SkeldaWatchConnectivity::connectivity();
-    phone_ = WCDefaultSession::make(phoneEnd_);
-    phone_->setDelegate(atPhone_);
     phone_->activateSession();
     watchEnd_->setJoined(true);
   }
@@ -60,10 +55,7 @@ struct SkeldaWatchConnectivityTest : testing::Test {
     drain();
   }
 
-  WCPairTransport::Ref watchEnd_, phoneEnd_;
   std::shared_ptr<WCSession> session_;
-  std::shared_ptr<WCDefaultSession> phone_;
-  std::shared_ptr<RecordingDelegate> atPhone_ = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Receiver> receiver_ = std::make_shared<Receiver>();
   std::shared_ptr<SkeldaWatchConnectivity> connectivity_;
 };
@@ -177,11 +169,17 @@ TEST_F(SkeldaWatchConnectivityTest, ADisabledTransferSendsNothingAndTheProxyItse
   EXPECT_THAT(receiver_->received, ElementsAre(R"({"last":1})"));
 }
 
-TEST_F(SkeldaWatchConnectivityTest, DelegatesSetFromManyThreadsEndWithTheProxyInPlace) {
-  setup();
+TEST_F(SkeldaWatchConnectivityTest, DelegatesSetMeanwhileAndFromManyThreadsEndWithTheProxyInPlace) {
   std::array<std::shared_ptr<RecordingDelegate>, 4> hosts;
+  for (auto& host : hosts) host = std::make_shared<RecordingDelegate>();
+  // One comes while the proxy takes its place, when the agent does not look.
+  std::atomic<bool> isSet{false};
+  session_->addDelegateObserver([&](const auto&, const auto&) {
+    if (!isSet.exchange(true)) session_->setDelegate(hosts[0]);
+  });
+  setup();
+  EXPECT_TRUE(isProxyInstalled());
   inThreads(4, [&](unsigned thread) {
-    hosts[thread] = std::make_shared<RecordingDelegate>();
     for (int i = 0; i < 200; ++i) session_->setDelegate(hosts[thread]);
   });
   EXPECT_TRUE(becomes([&] { return drain(), isProxyInstalled(); }));

@@ -214,9 +214,8 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
     plan->clear();
     send(eventAt(4));
     EXPECT_GT(plan->faults(), 0U);
-    const char* const all =
-        "counter1 e1 flush5 | counter2 e2 flush5 | counter3 e3 flush5 | counter4 e4";
-    EXPECT_EQ(allLogs(), all);
+    EXPECT_EQ(allLogs(),
+              "counter1 e1 flush5 | counter2 e2 flush5 | counter3 e3 flush5 | counter4 e4");
   }
 }
 

@@ -72,28 +72,21 @@ class Pipeline : public SkeldaWatchStreamManager {
   std::vector<StageRef> stages_;
 };
 
-/// The words with "S" or "S-" for what they name, wherever stickies stand side by side: their
-/// replay has no order of its own.
+/// The words with stickies that stand side by side in order, since their replay has none of its
+/// own, and "S" or "S-" for what they name.
 std::string withoutOrderOfStickies(const std::string& words) {
   std::istringstream in(words);
-  std::multiset<std::string> run;
-  std::string out;
-  const auto endRun = [&] {
-    const auto count = [&](const auto& type) { return run.contains(type); };
-    const auto missing = 5 - std::ranges::count_if(kStickies, count);
-    if (missing == 0 || (missing == 1 && !run.contains("140"))) {
-      addWord(out, missing == 0 ? "S" : "S-");
-      for (const auto& type : kStickies)
-        if (run.contains(type)) run.extract(type);
-    }
-    for (const auto& type : run) addWord(out, type);
-    run.clear();
-  };
-  for (std::string word; in >> word;) {
-    if (!isSticky(word)) endRun();
-    isSticky(word) ? void(run.insert(word)) : addWord(out, word);
+  Texts all{std::istream_iterator<std::string>(in), {}};
+  for (auto at = all.begin(); at != all.end();) {
+    const auto end = std::find_if_not(at, all.end(), isSticky);
+    std::sort(at, end);
+    at = std::find_if(end, all.end(), isSticky);
   }
-  endRun();
+  auto out = fmt::format("{}", fmt::join(all, " "));
+  for (const auto& [stickies, name] :
+       {std::pair{"132 133 139 140 141", "S"}, {"132 133 139 141", "S-"}})
+    for (auto at = out.find(stickies); at != out.npos; at = out.find(stickies))
+      out.replace(at, std::strlen(stickies), name);
   return out;
 }
 

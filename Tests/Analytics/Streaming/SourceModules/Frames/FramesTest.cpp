@@ -58,7 +58,6 @@ TEST(SkeldaStreamMessageSerializer, WritesAnEntityAsItWritesAMessageThatCarriesI
   const auto classes = SkeldaStreamFrameTypeUtil::frameTypeToModelClass();
   for (const EntitySample& sample : entitySamples()) {
     const auto& entity = *sample.entity;
-    EXPECT_EQ(entity.frameType(), sample.frameType) << entity.className();
     EXPECT_EQ(frameOf(entity).has_value(), sample.frameType != 0) << entity.className();
     if (sample.frameType == 0) continue;
     EXPECT_EQ(classes.at(sample.frameType), entity.className());
@@ -72,26 +71,20 @@ TEST(SkeldaStreamMessageSerializer, WritesAnEntityAsItWritesAMessageThatCarriesI
 
 const auto kReader = SkeldaStreamFrameDeserializer::streamFrameDeserializer();
 
-std::string headerAnnouncing(std::uint32_t length, int version) {
-  return frameBytes(version, 134, "").replace(20, 4, fourBytes(length));
-}
-
 TEST(SkeldaStreamFrameDeserializer, TellsAWholeFrameAndTheLengthThatItAnnounces) {
+  const auto with50 = [](std::uint32_t announced, int version) {
+    return frameBytes(version, 134, std::string(50, ' ')).replace(20, 4, fourBytes(announced));
+  };
+  // The last announce lengths that would wrap around into small ones, and one that just would not.
+  constexpr std::uint32_t kMost = 0xFFFFFFFF;
   const std::tuple<std::string, bool, std::uint32_t> cases[] = {
-      {"", false, 0},
-      {std::string(23, '\1'), false, 0},
-      {frameBytes(1, 134, "{}"), true, 26},
-      {frameBytes(1, 134, "{}") + "more", true, 26},
-      {frameBytes(1, 134, ""), true, 24},
-      {frameBytes(0, 134, "{}") + "123", false, 30},
-      {frameBytes(0, 134, "{}") + "1234", true, 30},
-      {frameBytes(0x80, 134, "{}"), false, 30},
-      {headerAnnouncing(100, 1) + std::string(50, ' '), false, 124},
-      {headerAnnouncing(100, 0) + std::string(50, ' '), false, 128},
-      // Lengths that would wrap around into small ones.
-      {headerAnnouncing(0xFFFFFFFF, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
-      {headerAnnouncing(0xFFFFFFFF - 24, 1) + std::string(50, ' '), false, 0xFFFFFFFF},
-      {headerAnnouncing(0xFFFFFFFF - 26, 0) + std::string(50, ' '), false, 0xFFFFFFFF}};
+      {std::string(23, '\1'), false, 0},     {"", false, 0},
+      {frameBytes(1, 134, ""), true, 24},    {frameBytes(1, 134, "{}") + "more", true, 26},
+      {frameBytes(1, 134, "{}"), true, 26},  {frameBytes(0, 134, "{}") + "123", false, 30},
+      {with50(100, 1), false, 124},          {frameBytes(0, 134, "{}") + "1234", true, 30},
+      {with50(100, 0), false, 128},          {frameBytes(0x80, 134, "{}"), false, 30},
+      {with50(kMost, 1), false, kMost},      {with50(kMost - 24, 1), false, kMost},
+      {with50(kMost - 26, 0), false, kMost}, {with50(kMost - 25, 1), false, kMost - 1}};
   for (const auto& [bytes, isWhole, announced] : cases) {
     std::uint32_t length = 99;
     EXPECT_EQ(kReader->isAtLeastOneFrameInData(bytes, &length), isWhole);

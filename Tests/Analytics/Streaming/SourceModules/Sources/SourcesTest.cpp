@@ -12,9 +12,6 @@
 #include "Analytics/Streaming/SourceModules/Sources/SkeldaUserPropertiesSource.h"
 #include "Analytics/Utils/SkeldaKeychainWrapper.h"
 #include "Analytics/Watch/Connectivity/SkeldaWatchConnectivity.h"
-#include "Platform/Foundation/SystemFiles.h"
-#include "Platform/WatchConnectivity/WCDefaultSession.h"
-#include "Platform/WatchConnectivity/WCPairTransport.h"
 #include "Tests/Analytics/Streaming/SourceModules/Sources/SourceRig.h"
 #include "Tests/Platform/WatchConnectivity/SessionFixture.h"
 #include "Tests/Support/AgentHome.h"
@@ -230,12 +227,9 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
   static bool isRepeated = false;
   if (std::exchange(isRepeated, true)) GTEST_SKIP() << "a process connects its phone once";
   const AgentHome home;
-  const auto [watchEnd, phoneEnd] = WCPairTransport::make();
-  installWatchConnectivity(watchEnd);
-  const auto atPhone = std::make_shared<RecordingDelegate>();
-  const auto phone = WCDefaultSession::make(phoneEnd);
-  phone->setDelegate(atPhone);
-  phone->activateSession();
+  const PhoneOfAPair pair;
+  installWatchConnectivity(pair.watchEnd_);
+  pair.phone_->activateSession();
   const auto connectivity = SkeldaWatchConnectivity::defaultConnectivty();
 
   // A start that knows one of the two reports it and asks the phone for the other.
@@ -261,13 +255,13 @@ TEST(ReportedIdentifiersSource, TakesThePhonesIdentifiersOnceAndReportsThemEverA
   EXPECT_EQ(first->watchVendorIDForSessionReport(), "OLD");
   EXPECT_EQ(first->watchInstallationIDForSessionReport(), std::nullopt);
 
-  watchEnd->setJoined(true);
-  phone->transferUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
+  pair.watchEnd_->setJoined(true);
+  pair.phone_->transferUserInfo({{"skelda://id1", "VENDOR"}, {"skelda://id2", "00ff10"}});
   const auto message = reported(R"("VendorId":"VENDOR","iOSInstallationId":"AP8Q")");
   ASSERT_EQ(first.recorder->messages(2).size(), 2U);
   EXPECT_THAT(first.texts(), ElementsAre(known, message));
   // The phone hears: activated, peer came, its own transfer finished, the acknowledgement.
-  EXPECT_THAT(atPhone->wait(4), Contains("info {\"skelda://id3\":\"YES\"}"));
+  EXPECT_THAT(pair.atPhone_->wait(4), Contains("info {\"skelda://id3\":\"YES\"}"));
 
   Rig second;
   second->startup();
@@ -310,14 +304,12 @@ class ImpatientSource : public SkeldaReportedIdentifiersSource {
 
 TEST(ReportedIdentifiersSource, AsksAgainForWhatItDoesNotKnowYetInsideItsQueue) {
   const AgentHome home;
-  const TemporaryDirectory machine;
-  setSystemRoot(machine.path());
+  const SystemFolder machine;
   SourceRig<ImpatientSource> rig;
   rig->queryAndSendIDs();
   ASSERT_EQ(rig.recorder->messages(1).size(), 1U);
   writeFile(machine / "etc/machine-id", std::string(32, 'a') + "\n");
   EXPECT_EQ(rig.recorder->messages(3).size(), 3U);
-  setSystemRoot("");
 }
 
 TEST(ReportedIdentifiersSource, ReportsThisDevicesOwnIdentifiersWhenAsked) {
