@@ -8,9 +8,7 @@ namespace {
 
 constexpr const char* kInside = "SKELDA_TEST_IN_NETWORK_NAMESPACE";
 
-bool run(const std::string& command) {
-  return std::system(command.c_str()) == 0;
-}
+const auto run = [](const std::string& command) { return std::system(command.c_str()) == 0; };
 
 struct Updates : ISkeldaDataProviderObserver, Recorded<bool> {
   void dataProviderDidUpdate(std::shared_ptr<SkeldaDataProvider>) override { add(true); }

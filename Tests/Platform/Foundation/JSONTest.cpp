@@ -175,9 +175,7 @@ TEST(JSONReaderTest, HoldsToItsLimits) {
   EXPECT_FALSE(readJSON("[1,2,3]", nullptr, limits));
 }
 
-std::string archived(const Value& root) {
-  return archivedData({"NSDictionary", root}).string();
-}
+const auto archived = [](Value root) { return archivedData({"NSDictionary", root}).string(); };
 
 TEST(KeyedArchiveTest, BringsEveryKindBackAsItWentInOutOfAReadableText) {
   const double infinity = std::numeric_limits<double>::infinity();

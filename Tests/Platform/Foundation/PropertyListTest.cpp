@@ -9,9 +9,7 @@ std::string xml(std::string_view content) {
          std::string(content) + "</plist>\n";
 }
 
-std::optional<Value> readXML(std::string_view content) {
-  return readPropertyList(Data(xml(content)));
-}
+const auto readXML = [](std::string_view content) { return readPropertyList(Data(xml(content))); };
 
 std::string repeated(std::string_view text, int count) {
   std::string result;
@@ -44,9 +42,7 @@ struct BinaryList {
   }
 };
 
-std::optional<Value> readBinary(const BinaryList& list) {
-  return readPropertyList(Data(list.bytes()));
-}
+const auto readBinary = [](const BinaryList& list) { return readPropertyList(Data(list.bytes())); };
 
 TEST(PropertyListTest, ReadsEveryKindOfAnXMLList) {
   const auto value = readXML(R"(<!-- a <dict> in a comment --><dict>
