@@ -14,15 +14,7 @@
 namespace {
 
 /// What a device lacks for a moment: a call fails so many times, on paths that hold a text.
-struct Lack {
-  const char* kind;
-  int error;
-  std::size_t times;
-  const char* where;
-
-  std::string text() const { return fmt::format("{} {} {}", kind, error, where); }
-  Fault fault() const { return {.error = error, .times = times}; }
-};
+using Lack = std::tuple<const char*, int, std::size_t, const char*>;
 
 /// A home with a writer in it, and its logs in words (see logWords).
 struct FrameLogWriter : testing::Test {
@@ -201,11 +193,11 @@ TEST_F(FrameLogWriter, LosesNothingWhileTheDeviceLacksSomething) {
       {"syncData", EIO, 2, ""},  {"syncData", EIO, 4, "/log"}, {"sync", EIO, 2, "Commited"},
       {"close", EIO, 2, ""},     {"copyRange", EIO, 2, ""},    {"makeDirectory", ENOSPC, 2, ""},
   };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.text());
+  for (const auto& [kind, error, times, where] : cases) {
+    SCOPED_TRACE(fmt::format("{} {} {}", kind, error, where));
     home_.empty();
     startNew();
-    const FaultyFileCalls plan(row.kind, row.fault(), row.where);
+    const FaultyFileCalls plan(kind, {.error = error, .times = times}, where);
     for (const int ms : {1, 2, 3}) {
       send(eventAt(ms));
       flush(5);
@@ -360,17 +352,17 @@ TEST_F(FrameLogRepairTest, WaitsForWhatCannotBeReadOrWrittenJustNow) {
       {"open", EMFILE, 2, "/log"},  {"read", EIO, 8, "/log"},   {"open", EMFILE, 12, ".storage"},
       {"read", EIO, 3, ".storage"}, {"open", EMFILE, 3, ""},    {"statusAt", EIO, 1, "/log"},
       {"write", ENOSPC, 2, "/log"}, {"status", EIO, 3, "/log"}, {"write", EIO, 2, ".skelda-tmp-"}};
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.text());
+  for (const auto& [kind, error, times, where] : cases) {
+    SCOPED_TRACE(fmt::format("{} {} {}", kind, error, where));
     home_.empty();
     startNew();
     setCrashFlag(true);
     send(eventAt(1));
     EXPECT_TRUE(crashFlag());
     AgentHome::forget();
-    const FaultyFileCalls plan(row.kind, row.fault(), row.where);
+    const FaultyFileCalls plan(kind, {.error = error, .times = times}, where);
     startNew();
-    EXPECT_EQ(plan->faults(), row.times);
+    EXPECT_EQ(plan->faults(), times);
     send(eventAt(2));
     EXPECT_EQ(allLogs(), "counter1 e1 flush4 | counter2 e2");
     EXPECT_TRUE(crashFlag());
