@@ -457,7 +457,7 @@ class FleetKill:
             "killed or cut off: " + ", ".join(f"{name} {count}" for name, count in sorted(self.counts.items())),
             "collectors: " + ", ".join(f"{name} {sum(int(c.figures().get(name, 0)) for c in self.collectors)}" for name in (
                 "copies", "stream_went_back_total", "answers_not_believed_total", "stream_lost_logs_total",
-                "stream_disputed_logs_total", "stream_published_again_total")),
+                "stream_disputed_logs_total", "stream_published_again_total", "stream_servers_astray")),
             f"stream: {stream.total()} messages, {len(stream)} different; of agents {sent}, damaged {len(aside)}",
             f"database: {len(there)} logs, {events} events; numbers of logs that a device committed twice: "
             + self.database.ask("SELECT count(*) FROM (SELECT 1 FROM skelda.logs WHERE device NOT LIKE 'sender%' "

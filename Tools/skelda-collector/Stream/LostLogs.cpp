@@ -9,6 +9,7 @@
 
 #include "Tools/Shared/FleetStream.h"
 #include "Tools/Shared/StreamAccess.h"
+#include "Tools/skelda-collector/Stream/LogMessage.h"
 
 using skelda::platform::MutexLock;
 using namespace std::chrono_literals;
@@ -106,13 +107,10 @@ void LostLogs::compare(bool isTroubled) {
   std::erase_if(copies, [&](const auto& copy) { return copy.at < from; });
   const Views views = copies.empty() ? Views{} : read(copies.front().at - kClocks, isTroubled);
   lastBegan_ = now;
-  const Copies disputed = findDisputed(views, copies);
-  Copies lost;
-  std::ranges::copy_if(copies, std::back_inserter(lost),
-                       [&](const auto& copy) { return !views.leader.places.contains(copy.id); });
+  const auto lost = findLost(views.leader, copies), disputed = findDisputed(views, copies);
   if (!lost.empty() || !disputed.empty()) {
     std::printf(
-        "stream: of acknowledged logs %zu are no longer there and %zu not on all servers; they are "
+        "stream: %zu acknowledged logs are no longer there, and %zu not on all servers; they are "
         "published again\n",
         lost.size(), disputed.size());
     std::fflush(stdout);
@@ -126,17 +124,27 @@ void LostLogs::compare(bool isTroubled) {
   ++comparisons_;
 }
 
+std::vector<LostLogs::Again> LostLogs::findLost(const ServerView& leader,
+                                                const Copies& copies) const {
+  std::vector<Again> lost;
+  for (const auto& copy : copies) {
+    if (!leader.places.contains(copy.id)) lost.push_back({copy.id, [copy] { return copy.read(); }});
+  }
+  return lost;
+}
+
 /// The logs that are to have another place. One comparison alone proves nothing: the servers were
 /// not read at the same time.
-LostLogs::Copies LostLogs::findDisputed(const Views& views, const Copies& copies) {
-  std::vector<std::string> logs;
+std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Copies& copies) {
+  const auto& there = views.leader.places;
+  std::uint64_t first = views.leader.last;  // what is before the first copy was not read from all
   for (const auto& copy : copies) {
-    if (views.leader.places.contains(copy.id)) logs.push_back(copy.id);
+    if (const auto at = there.find(copy.id); at != there.end()) first = std::min(first, at->second);
   }
   Ids disputed;
   std::size_t astray = 0;
   for (const ServerView& other : views.others) {
-    const auto elsewhere = views.leader.elsewhereIn(other, logs);
+    const auto elsewhere = views.leader.elsewhereIn(other, first);
     if (elsewhere.size() <= ServerView::kMostElsewhere) {
       disputed.insert(elsewhere.begin(), elsewhere.end());
     } else {
@@ -148,12 +156,27 @@ LostLogs::Copies LostLogs::findDisputed(const Views& views, const Copies& copies
                 astray);
     std::fflush(stdout);
   }
-  Copies found;
-  for (const auto& copy : copies) {
-    if (disputed.contains(copy.id) && disputed_.contains(copy.id)) found.push_back(copy);
+  std::vector<Again> found;
+  for (const auto& id : disputed) {
+    if (!disputed_.contains(id)) continue;
+    found.push_back({id, [this, id, place = there.at(id)] { return recordAt(place, id); }});
   }
   disputed_ = std::move(disputed);
   return found;
+}
+
+/// Of what the leader gives out there, if it is that log; else empty.
+std::string LostLogs::recordAt(std::uint64_t place, const std::string& id) const {
+  natsMsg* got = nullptr;
+  if (js_GetMsg(&got, stream_, skelda::tools::fleet::kStream, place, nullptr, nullptr) != NATS_OK)
+    return {};
+  const skelda::tools::NatsMessage message(got);
+  const char* its = nullptr;
+  if (natsMsgHeader_Get(got, skelda::tools::fleet::kIdHeader, &its) != NATS_OK ||
+      std::string_view(its).substr(0, kDigestLength) != id) {
+    return {};
+  }
+  return headOfRecord(got) += bodyOf(got);
 }
 
 /// Where a log is now, it stays, and was published later than what is given up. With a server
@@ -166,29 +189,29 @@ void LostLogs::giveUp(const std::vector<std::uint64_t>& places) {
   }
 }
 
-/// With an id of this minute: another collector that has a copy of the same log publishes it with
-/// the same one, and the servers keep one of the two.
-void LostLogs::publishAgain(const Copies& lost, SpareCopies::Time now) {
+/// With an id of this minute: another collector that finds the same publishes it with the same one,
+/// and the servers keep one of the two.
+void LostLogs::publishAgain(const std::vector<Again>& logs, SpareCopies::Time now) {
   const auto minute = std::chrono::floor<std::chrono::minutes>(now).time_since_epoch().count();
   struct Round {
     skelda::platform::Mutex mutex;
     skelda::platform::Condition changed;
     std::size_t left GUARDED_BY(mutex) = 0;
   };
-  for (std::size_t first = 0; first < lost.size() && isReady_(); first += kAtOnce) {
+  for (std::size_t first = 0; first < logs.size() && isReady_(); first += kAtOnce) {
     const auto round = std::make_shared<Round>();
-    const std::size_t count = std::min(kAtOnce, lost.size() - first);
+    const std::size_t count = std::min(kAtOnce, logs.size() - first);
     {
       const MutexLock lock(round->mutex);
       round->left = count;
     }
     for (std::size_t i = first; i < first + count; ++i) {
-      const std::string record = lost[i].read();
+      const std::string record = logs[i].read();
       if (record.empty()) {
-        std::printf("stream: the copy of log %s cannot be read\n", lost[i].id.c_str());
+        std::printf("stream: log %s cannot be read\n", logs[i].id.c_str());
         std::fflush(stdout);
       }
-      publish_(record, fmt::format("{}.{}", lost[i].id, minute),
+      publish_(record, fmt::format("{}.{}", logs[i].id, minute),
                [this, round](LogSink::Outcome outcome, const auto&) {
                  const MutexLock lock(round->mutex);
                  again_ += outcome == LogSink::Outcome::kept ? 1 : 0;

@@ -18,11 +18,11 @@
 /// Compares the copies with what the stream's leader gives out: all of them, again and again, after
 /// a trouble; the latest, each minute, without one. After a trouble it also compares what the
 /// servers have at the same place: where one of them has another log than the leader, and would
-/// give out that one when it leads, the leader's log is published again; but where that server has
-/// many elsewhere, it is only counted. Of a log that is there twice the first place is given up.
-/// What is published again has an id that no server knows: one that still knows the log's own would
-/// take it for a repeat, and put all that comes later at other places than the rest. One thread of
-/// its own.
+/// give out that one when it leads, the leader's log is published again, whether there is a copy of
+/// it or not; but where that server has many elsewhere, it is only counted. Of a log that is there
+/// twice the first place is given up. What is published again has an id that no server knows: one
+/// that still knows the log's own would take it for a repeat, and put all that comes later at other
+/// places than the rest. One thread of its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -54,12 +54,18 @@ class LostLogs {
   };
   using Copies = std::vector<SpareCopies::Copy>;
   using Ids = ServerView::Ids;
+  struct Again {
+    std::string id;
+    std::function<std::string()> read;  // its record
+  };
 
   void run();
   void compare(bool isTroubled);
   Views read(SpareCopies::Time since, bool ofAll) const;
-  Copies findDisputed(const Views& views, const Copies& copies);
-  void publishAgain(const Copies& lost, SpareCopies::Time now);
+  std::vector<Again> findLost(const ServerView& leader, const Copies& copies) const;
+  std::vector<Again> findDisputed(const Views& views, const Copies& copies);
+  std::string recordAt(std::uint64_t place, const std::string& id) const;
+  void publishAgain(const std::vector<Again>& logs, SpareCopies::Time now);
   void giveUp(const std::vector<std::uint64_t>& places);
 
   const SpareCopies::Options options_;

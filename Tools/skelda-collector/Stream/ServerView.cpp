@@ -11,12 +11,11 @@ void ServerView::add(const std::string& id, std::uint64_t place) {
 }
 
 std::vector<std::string> ServerView::elsewhereIn(const ServerView& other,
-                                                 const std::vector<std::string>& logs) const {
+                                                 std::uint64_t first) const {
   std::vector<std::string> found;
-  for (const auto& id : logs) {
-    const auto at = places.find(id);
-    if (at == places.end() || at->second >= other.last) continue;
-    const auto theirs = other.ids.find(at->second);
+  for (const auto& [id, place] : places) {
+    if (place < first || place >= other.last) continue;
+    const auto theirs = other.ids.find(place);
     if (theirs == other.ids.end() || theirs->second != id) found.push_back(id);
   }
   return found;

@@ -21,8 +21,7 @@ struct ServerView {
 
   /// In the order of their places.
   void add(const std::string& id, std::uint64_t place);
-  /// Of these logs, those that the other one has at another place, or not at all. What lies behind
-  /// the other one's end may still be on its way.
-  std::vector<std::string> elsewhereIn(const ServerView& other,
-                                       const std::vector<std::string>& logs) const;
+  /// The logs from that place on that the other one has at another place, or not at all. What lies
+  /// behind the other one's end may still be on its way.
+  std::vector<std::string> elsewhereIn(const ServerView& other, std::uint64_t first) const;
 };
