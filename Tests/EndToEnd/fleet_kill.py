@@ -159,7 +159,7 @@ class FleetKill:
         inside = ["ip", "netns", "exec", self.apart.name] if self.apart.is_there else []
         small = self.folder / f"nats-{SMALL}"
         small.mkdir()
-        self.small = small if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=3g", "tmpfs", small],
+        self.small = small if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=6g", "tmpfs", small],
                                              capture_output=True).returncode == 0 else None
         if self.small:
             done(lambda: subprocess.run(["umount", "-l", small], check=False))

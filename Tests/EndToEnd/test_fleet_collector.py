@@ -119,16 +119,27 @@ class FleetCollectorTest(unittest.TestCase):
         lose(2)
         # A server that is started anew forgets the id of what is gone, and the others do not: who led while
         # they take another message with that id for a repeat would have one more than they from then on.
-        self.servers.kill(follower := (self.servers.leader() + 1) % 3)
-        self.servers.start(follower)
-        self.assertTrue(eventually(self.servers.are_level, 60))
-        step_down = f"$JS.API.STREAM.LEADER.STEPDOWN.{fleet.STREAM}"
-        self.assertTrue(eventually(lambda: self.servers.leader() == follower or (self.servers.ask(step_down), False)[1],
-                                   60, every=1.5))
+        self.lead_with_a_server_started_anew()
         collector.start()
         await_again()
         self.assertTrue(eventually(self.servers.are_level, 10))
         self.assertEqual(sorted(logs), sorted(body for _, body in self.servers.messages()))
+        # Where that happened, the log that is there now has a new place once, and the server is named.
+        lose(3)
+        self.lead_with_a_server_started_anew()
+        with self.servers.client() as client:
+            client.publish([logs[2], LOG + LOG, LOG * 3])
+        figures = eventually(lambda: (now := collector.figures()).get("stream_servers_astray") and now, 60)
+        self.assertTrue(figures, collector.process.output)
+        self.assertLess(figures["stream_published_again_total"], 12)
+
+    def lead_with_a_server_started_anew(self):
+        self.servers.kill(follower := (self.servers.leader() + 1) % 3)
+        self.servers.start(follower)
+        self.assertTrue(eventually(self.servers.are_level, 60), [self.servers.holding(index) for index in range(3)])
+        step_down = f"$JS.API.STREAM.LEADER.STEPDOWN.{fleet.STREAM}"
+        self.assertTrue(eventually(lambda: self.servers.leader() == follower or (self.servers.ask(step_down), False)[1],
+                                   60, every=1.5))
 
     def test_servers_that_ask_who_it_is_are_reached_encrypted_and_by_those_they_know(self):
         with Collector(self.folder / "other") as other, Collector(self.folder / "own") as own:
@@ -265,9 +276,9 @@ class WatchOfServers(unittest.TestCase):
               "sending": ("growing", "growing")}
     # As a server sees it, else "leading".
     LEADERS = {"for itself": "for itself", "its follower": "holding up", "growing": "sending"}
-    ENDED = ["unwell", "short", "less short", "beside one away", "leading", "for itself", "following", "holding up",
-             "silent"]
-    EMPTIED = ["short", "for itself", "following"]
+    ENDED = ["unwell", "short", "less short", "beside one away", "leading", "for itself", "following",
+             "unwell and level", "holding up", "silent"]
+    EMPTIED = ["unwell", "short", "for itself", "following", "unwell and level"]
 
     def test_a_server_that_stays_behind_is_ended_and_then_emptied_whatever_it_says_of_itself(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="skelda-watch-")))
@@ -302,6 +313,8 @@ class WatchOfServers(unittest.TestCase):
                               ("unwell and level", messages + 1), ("growing", messages)):
                 has(name, now)
             time.sleep(0.5)
+            if messages == 9:  # one that takes what comes is given time
+                self.assertFalse((folder / "unwell and level ended").exists())
             if messages > 38 and all((folder / mark).exists() for mark in expected):
                 break
         marks = [f"{name} {what}" for what in ("ended", "emptied") for name in self.SERVERS]

@@ -136,6 +136,7 @@ std::vector<LostLogs::Again> LostLogs::findLost(const ServerView& leader,
 /// The logs that are to have another place. One comparison alone proves nothing: the servers were
 /// not read at the same time.
 std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Copies& copies) {
+  if (views.others.empty()) return {};  // they were not read
   const auto& there = views.leader.places;
   std::uint64_t first = views.leader.last;  // what is before the first copy was not read from all
   for (const auto& copy : copies) {
@@ -145,12 +146,15 @@ std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Co
   std::size_t astray = 0;
   for (const ServerView& other : views.others) {
     const auto elsewhere = views.leader.elsewhereIn(other, first);
-    if (elsewhere.size() <= ServerView::kMostElsewhere) {
-      disputed.insert(elsewhere.begin(), elsewhere.end());
-    } else {
+    // What had a new place and is elsewhere again: that server has lost its count of places.
+    if (elsewhere.size() > ServerView::kMostElsewhere ||
+        std::ranges::any_of(elsewhere, [&](const auto& id) { return moved_.contains(id); })) {
       ++astray;
+    } else {
+      disputed.insert(elsewhere.begin(), elsewhere.end());
     }
   }
+  if (disputed.empty() && astray == 0) moved_.clear();
   if (astray != astray_.exchange(astray)) {
     std::printf("stream: servers that have many logs at other places than the leader: %zu\n",
                 astray);
@@ -160,6 +164,7 @@ std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Co
   for (const auto& id : disputed) {
     if (!disputed_.contains(id)) continue;
     found.push_back({id, [this, id, place = there.at(id)] { return recordAt(place, id); }});
+    moved_.insert(id);
   }
   disputed_ = std::move(disputed);
   return found;

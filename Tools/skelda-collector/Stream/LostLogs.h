@@ -19,10 +19,10 @@
 /// a trouble; the latest, each minute, without one. After a trouble it also compares what the
 /// servers have at the same place: where one of them has another log than the leader, and would
 /// give out that one when it leads, the leader's log is published again, whether there is a copy of
-/// it or not; but where that server has many elsewhere, it is only counted. Of a log that is there
-/// twice the first place is given up. What is published again has an id that no server knows: one
-/// that still knows the log's own would take it for a repeat, and put all that comes later at other
-/// places than the rest. One thread of its own.
+/// it or not; but where that server has many elsewhere, or the same once more, it is only counted.
+/// Of a log that is there twice the first place is given up. What is published again has an id that
+/// no server knows: one that still knows the log's own would take it for a repeat, and put all that
+/// comes later at other places than the rest. One thread of its own.
 class LostLogs {
  public:
   /// Publishes again what was added, with this message id.
@@ -74,7 +74,9 @@ class LostLogs {
   jsCtx* const stream_;
   const IsReady isReady_;
   const Publish publish_;
-  Ids disputed_;  // at the last comparison; the thread's own, as is the next
+  // The thread's own.
+  Ids disputed_;  // at the last comparison
+  Ids moved_;     // that had a new place since all servers were last of one mind
   SpareCopies::Time lastBegan_{};
   std::atomic<std::uint64_t> comparisons_ = 0, lost_ = 0, disputes_ = 0, again_ = 0;
   std::atomic<std::size_t> astray_ = 0;  // servers, at the last comparison
