@@ -233,7 +233,7 @@ TEST(SkeldaWatch, RefusesAddressesAndConsentThatAreNotText) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (Scenario::requested() != nullptr) return Scenario::runRequested();
+  if (const char* name = ::getenv(Scenario::kVariable)) return Scenario::all().at(name)();
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

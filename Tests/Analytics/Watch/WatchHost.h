@@ -10,16 +10,14 @@ namespace skelda::testing {
 /// A part of a test that needs a process of its own: the test program runs itself again with the
 /// scenario's name in the environment, and its main() then does nothing else. What it prints and
 /// logs comes back, with the status that it ended with; a status other than 0 is a failure.
-class Scenario {
- public:
+struct Scenario {
   static constexpr const char* kVariable = "SKELDA_SCENARIO";
-  using Body = int (*)();
 
-  Scenario(const char* name, Body body) { all()[name] = body; }
-
-  /// The name of the scenario this process is for; null in the test program itself.
-  static const char* requested() { return ::getenv(kVariable); }
-  static int runRequested() { return all().at(requested())(); }
+  Scenario(const char* name, int (*body)()) { all()[name] = body; }
+  static std::map<std::string, int (*)()>& all() {
+    static std::map<std::string, int (*)()> scenarios;
+    return scenarios;
+  }
 
   struct Outcome {
     std::string output;
@@ -30,25 +28,16 @@ class Scenario {
       return found;
     }
   };
-
   /// Runs it to its end in the environment of this moment.
   static Outcome run(const std::string& name) {
+    const TemporaryDirectory folder;
     const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const auto command = fmt::format("{}='{}' SKELDA_LOG=stderr '{}' 2>&1", kVariable, name, self);
-    FILE* child = ::popen(command.c_str(), "re");
-    if (child == nullptr) throw std::runtime_error("popen");
-    Outcome outcome;
-    char buffer[4096];
-    for (std::size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, child)) > 0;)
-      outcome.output.append(buffer, got);
-    EXPECT_EQ(::pclose(child), 0) << outcome.output;
+    const auto command = fmt::format("{}='{}' SKELDA_LOG=stderr '{}' >{} 2>&1", kVariable, name,
+                                     self, folder / "output");
+    const int status = std::system(command.c_str());
+    Outcome outcome{readFile(folder / "output")};
+    EXPECT_EQ(status, 0) << outcome.output;
     return outcome;
-  }
-
- private:
-  static std::map<std::string, Body>& all() {
-    static std::map<std::string, Body> scenarios;
-    return scenarios;
   }
 };
 

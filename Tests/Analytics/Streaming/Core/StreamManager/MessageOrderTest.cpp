@@ -29,6 +29,9 @@ bool isSticky(const std::string& word) {
 class Pipeline : public SkeldaWatchStreamManager {
  public:
   static std::shared_ptr<Pipeline> make() { return made(new Pipeline()); }
+  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
+    return module<SkeldaSessionDevicePropertiesDataProvider>();
+  }
   void helperSetupTransferModule() override {}
   void setupPipelineWithCorePolicy(const StageRef& policy, const StageRef& dropHandler,
                                    const StageRef& stickyHandler) override {
@@ -52,9 +55,6 @@ class Pipeline : public SkeldaWatchStreamManager {
     }
     settleAll();
   }
-  void haveStartSnapshot() {
-    provider()->setDevicePropertiesData(SkeldaSessionDevicePropertiesData::currentSnapshot(true));
-  }
   /// Twice round: the provider's snapshot sets out when the policy has finalized a session.
   void settleAll() {
     const auto settleActor = [](auto of) { settle(*std::dynamic_pointer_cast<SkeldaActor>(of)); };
@@ -66,9 +66,6 @@ class Pipeline : public SkeldaWatchStreamManager {
   }
 
  private:
-  std::shared_ptr<SkeldaSessionDevicePropertiesDataProvider> provider() {
-    return module<SkeldaSessionDevicePropertiesDataProvider>();
-  }
   std::vector<StageRef> stages_;
 };
 
@@ -100,7 +97,8 @@ std::string logsAfter(const std::string& words) {
   const auto begin = [&] {
     AgentHome::forget();
     pipeline = Pipeline::make();
-    pipeline->haveStartSnapshot();
+    const auto snapshot = SkeldaSessionDevicePropertiesData::currentSnapshot(true);
+    pipeline->provider()->setDevicePropertiesData(snapshot);
   };
   begin();
   for (std::string word; in >> word;) {
