@@ -14,7 +14,6 @@ class Happening {
   [[nodiscard]] bool cameInTime(std::chrono::nanoseconds limit = 20s) const {
     return group_->wait(dispatchTimeAfter(limit)) == 0;
   }
-  const GroupRef& group() const { return group_; }
 
  private:
   GroupRef group_ = Group::make();

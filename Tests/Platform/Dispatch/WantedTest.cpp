@@ -176,23 +176,20 @@ std::string strangeThreads() {
   cpu_set_t ofProcess;
   sched_getaffinity(getpid(), sizeof ofProcess, &ofProcess);
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream status(task.path() / "status");
-    std::string name, line;
-    while (std::getline(status, line)) {
-      if (line.starts_with("Name:")) name = line.substr(6);
-      if (!line.starts_with("SigBlk:") || !name.starts_with("skelda-")) continue;
-      const pid_t id = std::stoi(task.path().filename().string());
-      const auto blocked = std::stoull(line.substr(8), nullptr, 16);
-      for (const int signal : {SIGTERM, SIGUSR1, SIGPROF})
-        if ((blocked >> (signal - 1) & 1) == 0) strange += name + " takes signals\n";
-      cpu_set_t processors;
-      sched_getaffinity(id, sizeof processors, &processors);
-      if (CPU_EQUAL(&processors, &ofProcess) == 0) strange += name + " is pinned\n";
-      if (sched_getscheduler(id) != SCHED_OTHER) strange += name + " runs in real time\n";
-      const int niceness = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
-      if (geteuid() == 0 && niceness != getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())))
-        strange += name + " is as nice as its maker\n";
-    }
+    const std::string status = readFile(task.path() / "status");
+    if (!status.starts_with("Name:\tskelda-")) continue;
+    const std::string name = status.substr(6, status.find('\n') - 6);
+    const pid_t id = std::stoi(task.path().filename().string());
+    const auto blocked = std::stoull(status.substr(status.find("SigBlk:") + 8), nullptr, 16);
+    for (const int signal : {SIGTERM, SIGUSR1, SIGPROF})
+      if ((blocked >> (signal - 1) & 1) == 0) strange += name + " takes signals\n";
+    cpu_set_t processors;
+    sched_getaffinity(id, sizeof processors, &processors);
+    if (CPU_EQUAL(&processors, &ofProcess) == 0) strange += name + " is pinned\n";
+    if (sched_getscheduler(id) != SCHED_OTHER) strange += name + " runs in real time\n";
+    const int niceness = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
+    if (geteuid() == 0 && niceness != getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())))
+      strange += name + " is as nice as its maker\n";
   }
   return strange;
 }

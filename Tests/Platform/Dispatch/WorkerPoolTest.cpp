@@ -4,16 +4,13 @@
 namespace {
 
 /// Threads of the layer with names that begin so, and how often each has gone to sleep by itself.
-std::map<std::string, long> layerThreads(std::string_view begin = "skelda-") {
+std::map<std::string, long> layerThreads(const std::string& begin = "skelda-") {
+  constexpr std::string_view kSlept = "\nvoluntary_ctxt_switches:";
   std::map<std::string, long> threads;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream status(task.path() / "status");
-    std::string name;
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("Name:")) name = line.substr(6);
-      if (line.starts_with("voluntary_ctxt_switches:") && name.starts_with(begin))
-        threads[task.path().filename().string()] = std::stol(line.substr(24));
-    }
+    const std::string status = readFile(task.path() / "status");
+    if (!status.starts_with("Name:\t" + begin)) continue;
+    threads[task.path().filename()] = std::stol(status.substr(status.find(kSlept) + kSlept.size()));
   }
   return threads;
 }

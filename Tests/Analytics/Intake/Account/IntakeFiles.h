@@ -82,13 +82,9 @@ inline long pageFaultsOfThisThread() {
 
 /// Bytes of the mapped file that count as memory of this process.
 inline std::size_t residentOf(const std::string& path) {
-  std::ifstream maps("/proc/self/smaps");
-  bool isIt = false;
-  for (std::string line; std::getline(maps, line);) {
-    if (line.ends_with(path)) isIt = true;
-    if (isIt && line.starts_with("Rss:")) return std::stoul(line.substr(4)) << 10;
-  }
-  return 0;
+  const std::string maps = readFile("/proc/self/smaps");
+  const std::size_t rss = maps.find("\nRss:", maps.find(path));
+  return rss == maps.npos ? 0 : std::stoul(maps.substr(rss + 5)) << 10;
 }
 
 }  // namespace skelda::testing
