@@ -177,6 +177,7 @@ TEST_F(WCSocketTransportTest, ASocketInUseIsNotTakenAStaleOneIs) {
 
 TEST_F(WCSocketTransportTest, WithoutDescriptorsAPeerWaitsAtTheDoorAndNobodyRunsInCircles) {
   refuseToAccept = true;
+  refusals = 0;
   PhoneLink phone(path());
   ASSERT_TRUE(phone.connect(soon()));
   while (refusals == 0) std::this_thread::yield();
