@@ -23,11 +23,20 @@ TEST(ServerView, TellsWhatIsElsewhereFromWhatIsStillToCome) {
   EXPECT_TRUE(elsewhere({}, 1).empty()) << "of nothing all is still to come";
 }
 
-TEST(ServerView, KeepsTheLastPlaceOfALogAndNamesTheOthers) {
+TEST(ServerView, KeepsTheLastPlaceOfALogAndNamesThoseToBeGivenUp) {
   ServerView view;
   for (const char* id : {"a", "b", "a", "a"}) view.add(id, view.last + 1);
   EXPECT_EQ(view.repeated, (std::vector<std::uint64_t>{1, 3}));
   EXPECT_EQ(view.places.at("a"), 4U);
+
+  ServerView leader;
+  leader.add("b", 2);
+  leader.add("a", 4);
+  view.add("gone", 5);  // what the leader does not have at all is not given up
+  auto left = leader.leftIn(view, 1);
+  std::ranges::sort(left);
+  EXPECT_EQ(left, (std::vector<std::uint64_t>{1, 3}));
+  EXPECT_EQ(leader.leftIn(view, 2), (std::vector<std::uint64_t>{3}));
 }
 
 }  // namespace

@@ -107,7 +107,12 @@ void LostLogs::compare(bool isTroubled) {
   std::erase_if(copies, [&](const auto& copy) { return copy.at < from; });
   const Views views = copies.empty() ? Views{} : read(copies.front().at - kClocks, isTroubled);
   lastBegan_ = now;
-  const auto lost = findLost(views.leader, copies), disputed = findDisputed(views, copies);
+  std::uint64_t first = views.leader.last;  // what is before the first copy was not read from all
+  for (const auto& copy : copies) {
+    const auto at = views.leader.places.find(copy.id);
+    if (at != views.leader.places.end()) first = std::min(first, at->second);
+  }
+  const auto lost = findLost(views.leader, copies), disputed = findDisputed(views, first);
   if (!lost.empty() || !disputed.empty()) {
     std::printf(
         "stream: %zu acknowledged logs are no longer there, and %zu not on all servers; they are "
@@ -119,6 +124,7 @@ void LostLogs::compare(bool isTroubled) {
     publishAgain(disputed, now);
   }
   giveUp(views.leader.repeated);
+  for (const ServerView& other : views.others) giveUp(views.leader.leftIn(other, first));
   // It is looked whether they stay, and whether those that differ still do.
   if (!lost.empty() || !disputed_.empty() || !views.leader.repeated.empty()) trouble();
   ++comparisons_;
@@ -135,13 +141,8 @@ std::vector<LostLogs::Again> LostLogs::findLost(const ServerView& leader,
 
 /// The logs that are to have another place. One comparison alone proves nothing: the servers were
 /// not read at the same time.
-std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Copies& copies) {
+std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, std::uint64_t first) {
   if (views.others.empty()) return {};  // they were not read
-  const auto& there = views.leader.places;
-  std::uint64_t first = views.leader.last;  // what is before the first copy was not read from all
-  for (const auto& copy : copies) {
-    if (const auto at = there.find(copy.id); at != there.end()) first = std::min(first, at->second);
-  }
   Ids disputed;
   std::size_t astray = 0;
   for (const ServerView& other : views.others) {
@@ -163,7 +164,8 @@ std::vector<LostLogs::Again> LostLogs::findDisputed(const Views& views, const Co
   std::vector<Again> found;
   for (const auto& id : disputed) {
     if (!disputed_.contains(id)) continue;
-    found.push_back({id, [this, id, place = there.at(id)] { return recordAt(place, id); }});
+    found.push_back(
+        {id, [this, id, place = views.leader.places.at(id)] { return recordAt(place, id); }});
     moved_.insert(id);
   }
   disputed_ = std::move(disputed);

@@ -20,7 +20,8 @@
 /// servers have at the same place: where one of them has another log than the leader, and would
 /// give out that one when it leads, the leader's log is published again, whether there is a copy of
 /// it or not; but where that server has many elsewhere, or the same once more, it is only counted.
-/// Of a log that is there twice the first place is given up. What is published again has an id that
+/// Of a log that is there twice the first place is given up, once more where a server that failed
+/// has forgotten that. What is published again has an id that
 /// no server knows: one that still knows the log's own would take it for a repeat, and put all that
 /// comes later at other places than the rest. One thread of its own.
 class LostLogs {
@@ -63,7 +64,7 @@ class LostLogs {
   void compare(bool isTroubled);
   Views read(SpareCopies::Time since, bool ofAll) const;
   std::vector<Again> findLost(const ServerView& leader, const Copies& copies) const;
-  std::vector<Again> findDisputed(const Views& views, const Copies& copies);
+  std::vector<Again> findDisputed(const Views& views, std::uint64_t first);
   std::string recordAt(std::uint64_t place, const std::string& id) const;
   void publishAgain(const std::vector<Again>& logs, SpareCopies::Time now);
   void giveUp(const std::vector<std::uint64_t>& places);

@@ -20,3 +20,13 @@ std::vector<std::string> ServerView::elsewhereIn(const ServerView& other,
   }
   return found;
 }
+
+std::vector<std::uint64_t> ServerView::leftIn(const ServerView& other, std::uint64_t first) const {
+  std::vector<std::uint64_t> found;
+  for (const auto& [place, id] : other.ids) {
+    const auto at = places.find(id);
+    if (place >= first && !ids.contains(place) && at != places.end() && at->second > place)
+      found.push_back(place);
+  }
+  return found;
+}

@@ -24,4 +24,6 @@ struct ServerView {
   /// The logs from that place on that the other one has at another place, or not at all. What lies
   /// behind the other one's end may still be on its way.
   std::vector<std::string> elsewhereIn(const ServerView& other, std::uint64_t first) const;
+  /// Of repeated logs, the places from that on which this one has given up and the other has not.
+  std::vector<std::uint64_t> leftIn(const ServerView& other, std::uint64_t first) const;
 };
